@@ -1,0 +1,88 @@
+/* Services that the screens share: popups, dates and numbers, contacts, the phone. Thread: the EFL main loop. */
+#ifndef BRISEL_APP_UTILS_H
+#define BRISEL_APP_UTILS_H
+
+#include "app_efl.h"
+#include "brisel-app.h"
+
+/* --- popups: whoever receives one owns it; toasts delete themselves ---------------------------------------------- */
+
+/* Texts are used as they are (already translated). timeout: seconds, 0.0 for none. response_cb (may be NULL) serves
+   both buttons and the back key. The third argument is unused: NULL. */
+Evas_Object *brisel_util_popup_create_with_empty_contents(void *data, Evas_Object *parent, void *reserved,
+                                                          const char *style, Evas_Smart_Cb response_cb, double timeout,
+                                                          Evas_Smart_Cb timeout_cb, const char *btn1_text,
+                                                          const char *btn2_text);
+Evas_Object *brisel_util_popup_create(void *data, Evas_Object *parent, void *reserved, const char *text,
+                                      Evas_Smart_Cb response_cb, double timeout, Evas_Smart_Cb timeout_cb,
+                                      const char *btn1_text, const char *btn2_text);
+Evas_Object *brisel_util_scroll_popup_create(void *data, Evas_Object *parent, void *reserved, const char *text,
+                                             Evas_Smart_Cb response_cb, double timeout, Evas_Smart_Cb timeout_cb,
+                                             const char *btn1_text, const char *btn2_text);
+/* title (may be NULL), content and button texts are translation ids of the domain "brisel". NULL when one is missing.
+ */
+Evas_Object *brisel_util_create_basic_2button_popup_with_app_data(appdata *ad, const char *title, const char *content,
+                                                                  Evas_Smart_Cb back_cb, Evas_Smart_Cb btn1_cb,
+                                                                  const char *btn1_text, Evas_Smart_Cb btn2_cb,
+                                                                  const char *btn2_text);
+void brisel_create_toast_popup(appdata *ad, const char *text);
+/* A pulsing progress bar on the main window; the caller places and deletes it. */
+Evas_Object *brisel_create_progress_popup(appdata *ad, const char *style);
+
+/* --- dates and numbers: heap strings that the caller frees with free() ---------------------------------------------
+ */
+
+char *brisel_get_locale(void);
+char *brisel_get_timezone_str(void);
+void brisel_update_timezone_str(void);
+int brisel_open_icu_pattern_generator(appdata *ad);
+int brisel_close_icu_pattern_generator(appdata *ad);
+char *brisel_util_get_date_time_str_by_skeleton(const char *skeleton, const char *locale, time_t *t);
+char *brisel_util_get_date_time_str_by_pattern(const char *pattern, const char *locale, time_t *t);
+char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad);
+char *brisel_util_get_localized_number_str(int number, appdata *ad);
+
+/* --- contacts, the phone, settings -----------------------------------------------------------------------------------
+ */
+
+int brisel_util_get_person_id_by_email_address(const char *address); /* -1: none */
+GSList *brisel_util_get_phone_number_by_person_id(int person_id);    /* contact_number records; the caller's */
+void brisel_util_contact_number_free(void *contact);                 /* frees one contact_number */
+int brisel_util_launch_voice_call(const char *number);               /* 1 launched, 0 failed */
+int brisel_util_show_on_device(int *mail_ids, int count);            /* 1 */
+/* The current link state; when it is 0 the platform's link popup has been launched and reply_cb will hear from it. */
+int brisel_util_bluetooth_connection_popup(appdata *ad, service_reply_cb reply_cb, const char *msg);
+void brisel_util_bt_connect_error_popup_result_cb(service_h request, service_h reply, int result, void *ad);
+int brisel_util_get_reply_method(void); /* 0 templates, 1 emoticons */
+void brisel_util_set_reply_method(int method);
+int brisel_clear_all_new_flag(void);
+
+/* --- text and theme -------------------------------------------------------------------------------------------------
+ */
+
+/* The longest text, in bytes, that a list row or a title shows of a name, address or template. */
+#define BRISEL_SHOWN_TEXT_MAX 1024
+/* UTF-8 text as markup that shows it literally, at most BRISEL_SHOWN_TEXT_MAX bytes, cut neither inside a character
+   nor inside an entity. text NULL: NULL. The caller frees it with free(). Invalid UTF-8 shows as replacement
+   characters. */
+char *brisel_util_text_to_markup(const char *text);
+/* The same without a bound, for bodies and subjects. */
+char *brisel_util_text_to_markup_whole(const char *text);
+/* Cuts text in place to at most max bytes at a character boundary. */
+void brisel_util_cut_utf8(char *text, size_t max);
+/* A new string with the first find replaced; a copy of src when it holds none. The caller frees it with free(). */
+char *brisel_replace_str(const char *src, const char *find, const char *replace);
+/* A layout with the group of one of the device's theme files, expanding both ways, not shown; NULL on failure. */
+Evas_Object *brisel_util_load_edj(Evas_Object *parent, const char *file, const char *group);
+/* An image of the images file, by the name of its group; aspect as given, shown. NULL on failure. */
+Evas_Object *brisel_util_load_image(Evas_Object *parent, const char *name);
+const char *brisel_util_get_text(const char *id); /* not to be freed */
+/* "%d" in the translation of plural_id replaced by the number in the locale's digits. The caller frees it with free().
+ */
+char *brisel_util_get_count_text(const char *plural_id, int number, appdata *ad);
+
+/* Sends one delete request for the ids (copied). 0 when it went out, else the failing step's status; what failed is
+   logged. Used by the sweep, the delete view and the option list. */
+int brisel_util_request_delete(const int *mail_ids, int count);
+
+#endif

@@ -1,0 +1,70 @@
+/*
+ * The application framework: the lifecycle, one instance per session, launch requests in and out.
+ * Thread: the EFL main loop, for every function and callback here.
+ */
+#ifndef BRISEL_PLATFORM_APP_EFL_H
+#define BRISEL_PLATFORM_APP_EFL_H
+
+#include <Evas.h>
+
+/* A launch request or a reply: an application id and extra data (text pairs). */
+struct service_s;
+typedef service_s *service_h;
+
+enum service_result { SERVICE_RESULT_SUCCEEDED = 0, SERVICE_RESULT_FAILED = -1, SERVICE_RESULT_CANCELED = -2 };
+
+enum service_error {
+  SERVICE_ERROR_NONE = 0,
+  SERVICE_ERROR_INVALID_PARAMETER = -1,
+  SERVICE_ERROR_OUT_OF_MEMORY = -2,
+  SERVICE_ERROR_APP_NOT_FOUND = -3, /* no such application: neither running nor startable from the bus */
+  SERVICE_ERROR_KEY_NOT_FOUND = -4,
+  SERVICE_ERROR_LINK = -5 /* the bus is gone */
+};
+
+/* The lifecycle table, in the framework's order; NULL: nothing to do. Each gets the user data of app_efl_main. */
+struct app_event_callback_s {
+  bool (*create)(void *user_data);    /* false: the framework exits */
+  void (*terminate)(void *user_data); /* always called after a successful or failed create */
+  int (*pause)(void *user_data);
+  int (*resume)(void *user_data);
+  int (*service)(service_h service, void *user_data); /* a launch request; the handle is the framework's */
+  int (*low_memory)(void *user_data);
+  int (*low_battery)(void *user_data);
+  int (*device_orientation)(int degrees, void *user_data);
+  int (*language_changed)(void *user_data);
+  int (*region_format_changed)(void *user_data);
+};
+
+/* Runs the application: initialises EFL, takes the bus name of the application's id, calls create, delivers the
+   launch request of the command line (KEY=VALUE arguments are extra data), runs the main loop and calls terminate.
+   When another instance holds the name, the launch request goes to it and the call returns 0 at once.
+   A missing bus is logged; the application then runs alone. Returns 0, or non-zero when create failed. */
+int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data);
+/* Ends the main loop after the current callback. */
+void app_efl_exit(void);
+
+/* Names the application's main window right after its creation, before it is shown: the framework gives it its
+   size (the environment variable BRISEL_WINDOW_SIZE, "WxH", default 320x320), the platform's theme and its icon,
+   and follows its visibility for pause and resume. The window stays the caller's. */
+void app_efl_window_attach(Evas_Object *win);
+
+/* --- launch requests ---------------------------------------------------------------------------------------- */
+
+typedef void (*service_reply_cb)(service_h request, service_h reply, int result, void *user_data);
+
+int service_create(service_h *service); /* free with service_destroy */
+int service_destroy(service_h service); /* a sent request may be destroyed at once: the framework kept a copy */
+int service_set_app_id(service_h service, const char *app_id);
+int service_add_extra_data(service_h service, const char *key, const char *value); /* replaces an old value */
+/* *value: a heap copy that the caller frees with free(); NULL when there is none. */
+int service_get_extra_data(service_h service, const char *key, char **value);
+/* Sends the request to its application, starting it from the bus when needed. reply_cb (may be NULL) runs later
+   on the main loop, once: with the target's reply, or with SERVICE_RESULT_FAILED and an empty reply when the
+   target ended without one. Both handles belong to the framework and are valid during the callback.
+   SERVICE_ERROR_APP_NOT_FOUND, at the call, when there is no such application. Never blocks. */
+int service_send_launch_request(service_h service, service_reply_cb reply_cb, void *user_data);
+/* Answers a launch request received by the service callback; for applications that give replies. */
+int service_reply_to_launch_request(service_h reply, service_h request, int result);
+
+#endif
