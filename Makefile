@@ -1,0 +1,57 @@
+# Thin commands over meson; each does all of its own set-up.
+#   make build | run [SIZE=WxH] [MAIL=path] | test | bench | check | sanitize | screens | install | deb
+BUILD ?= build
+SIZE ?= 320x320
+MAIL ?=
+LANGUAGE_SHOWN ?= en
+THEME ?= dark
+DESTDIR ?=
+MESON_FLAGS ?=
+
+.PHONY: all build run test bench check sanitize screens references install deb packages clean
+
+all: build
+
+packages:
+	@tools/install-packages
+
+$(BUILD)/build.ninja: | packages
+	meson setup $(BUILD) --prefix=/usr $(MESON_FLAGS)
+
+build: packages $(BUILD)/build.ninja
+	ninja -C $(BUILD)
+
+run: build
+	@tools/run-demo $(BUILD) $(SIZE) $(MAIL)
+
+test: build
+	@tests/run-tests $(BUILD)
+
+bench: build
+	@bench/run-bench $(BUILD)
+
+check: build
+	@tests/run-checks $(BUILD)
+
+# The whole suite under AddressSanitizer, UndefinedBehaviorSanitizer and LeakSanitizer, in its own build folder.
+sanitize: packages
+	@[ -f build-sanitize/build.ninja ] || meson setup build-sanitize --prefix=/usr -Db_sanitize=address,undefined -Db_lundef=false -Dbuildtype=debug
+	ninja -C build-sanitize
+	@tests/run-tests build-sanitize
+
+# Every screen and state as a picture, in a language, theme and size.
+screens: build
+	@tools/screens --build $(BUILD) --out $(BUILD)/screens --size $(SIZE) --language $(LANGUAGE_SHOWN) --theme $(THEME)
+
+# Renews the committed reference pictures from the screens as they are now.
+references: build
+	@tests/screens/renew $(BUILD)
+
+install: build
+	DESTDIR=$(DESTDIR) meson install -C $(BUILD) --no-rebuild
+
+deb: packages
+	@data/packaging/build-deb
+
+clean:
+	rm -rf $(BUILD) build-sanitize

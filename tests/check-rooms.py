@@ -1,0 +1,42 @@
+#!/usr/bin/env python3
+"""Which folder may include what. The build runs it, so that the direction cannot rot: a header of another room, or a
+library that a room has no business with, fails it."""
+import pathlib
+import re
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+STANDARD = re.compile(r"^[a-z_]+$|^(sys|netinet|arpa)/.*\.h$|^(errno|fcntl|limits|locale|math|poll|pwd|signal|stdarg|stddef|stdint"
+                      r"|stdio|stdlib|string|time|unistd|ctype|dirent|libintl|dlfcn|wchar)\.h$")
+EFL = re.compile(r"^(Elementary|Evas|Ecore|Ecore_[A-Za-z_]+|Edje|Eina|Eet|Efreet|Elementary_Cursor|Efl[A-Za-z_]*)\.h$")
+# What else a room may include by name, as patterns; its own and allowed folders' headers are found on disk.
+ROOMS = {
+    "app": (["app", "common", "platform/inc"], [EFL, re.compile(r"^unicode/"), re.compile(r"^glib")]),
+    "common": (["common"], [re.compile(r"^glib")]),
+    "platform": (["platform"], [EFL, re.compile(r"^unicode/"), re.compile(r"^(sqlite3\.h|systemd/)"),
+                                re.compile(r"^nlohmann/")]),
+    "service": (["service", "common", "platform"], [EFL, re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|systemd/)"),
+                                                    re.compile(r"^(nlohmann|CLI)/")]),
+    "phone": (["phone", "platform/inc"], [re.compile(r"^(gmime|glib|gio)"), re.compile(r"^systemd/"),
+                                          re.compile(r"^(nlohmann|CLI)/")]),
+    "tools": (["tools", "platform/inc", "platform/bus"], [EFL, re.compile(r"^systemd/"), re.compile(r"^(nlohmann|CLI)/")]),
+}
+
+bad = []
+for room, (folders, patterns) in ROOMS.items():
+    for source in sorted((ROOT / room).rglob("*")):
+        if source.suffix not in (".cpp", ".h"):
+            continue
+        for number, line in enumerate(source.read_text(errors="replace").splitlines(), 1):
+            found = re.match(r'\s*#\s*include\s*([<"])([^>"]+)[>"]', line)
+            if not found:
+                continue
+            quote, name = found.groups()
+            if quote == "<" and (STANDARD.match(name) or any(p.match(name) for p in patterns)):
+                continue
+            if quote == '"' and any((ROOT / f).exists() and any(h.name == pathlib.Path(name).name
+                                                                for h in (ROOT / f).rglob("*.h")) for f in folders):
+                continue
+            bad.append(f"{source.relative_to(ROOT)}:{number}: {room}/ may not include {name}")
+print("\n".join(bad) if bad else "every include stays in its rooms")
+sys.exit(1 if bad else 0)
