@@ -1,0 +1,54 @@
+"""Runs a module's test functions (test_*), each in a session of its own, and reports them in TAP."""
+import inspect
+import os
+import pathlib
+import sys
+import traceback
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent.parent / "tools" / "lib"))
+from brisel_drive import PATIENCE, BUILD, Session, ToolError, mail, middle  # noqa: E402,F401
+
+
+def equal(actual, expected, what=""):
+    assert actual == expected, f"{what}: got {actual!r}, expected {expected!r}"
+
+
+def main(module_globals):
+    """Every test_* function takes a Session; one marked with .session = None makes its own. A name on the command
+    line runs only the tests that hold it."""
+    tests = [(name, f) for name, f in module_globals.items() if name.startswith("test_") and inspect.isfunction(f)]
+    wanted = sys.argv[1:]
+    if wanted:
+        tests = [t for t in tests if any(w in t[0] for w in wanted)]
+    print(f"1..{len(tests)}", flush=True)
+    failed = 0
+    for number, (name, test) in enumerate(tests, 1):
+        session = None
+        try:
+            options = getattr(test, "session", {})
+            if options is None:
+                test()
+            else:
+                session = Session(**options)
+                test(session)
+            print(f"ok {number} - {name}", flush=True)
+        except Exception:
+            failed += 1
+            print(f"not ok {number} - {name}", flush=True)
+            for line in traceback.format_exc().rstrip().splitlines():
+                print(f"# {line}", flush=True)
+            if session and os.environ.get("BRISEL_SHOW_LOG"):
+                for line in session.log().splitlines()[-60:]:
+                    print(f"# log: {line}", flush=True)
+        finally:
+            if session:
+                session.close()
+    sys.exit(1 if failed else 0)
+
+
+def options(**kw):
+    """Marks a test with the options of its session, or None for none."""
+    def mark(test):
+        test.session = kw or None
+        return test
+    return mark
