@@ -35,6 +35,8 @@ Evas_Object *brisel_create_progress_popup(appdata *ad, const char *style);
 char *brisel_get_locale(void);
 char *brisel_get_timezone_str(void);
 void brisel_update_timezone_str(void);
+/* At start: ICU and the C library take the zone of the device's link, unless the environment names one (TZ). */
+void brisel_util_init_timezone(void);
 int brisel_open_icu_pattern_generator(appdata *ad);
 int brisel_close_icu_pattern_generator(appdata *ad);
 char *brisel_util_get_date_time_str_by_skeleton(const char *skeleton, const char *locale, time_t *t);
@@ -52,6 +54,8 @@ int brisel_util_launch_voice_call(const char *number);               /* 1 launch
 int brisel_util_show_on_device(int *mail_ids, int count);            /* 1 */
 /* The current link state; when it is 0 the platform's link popup has been launched and reply_cb will hear from it. */
 int brisel_util_bluetooth_connection_popup(appdata *ad, service_reply_cb reply_cb, const char *msg);
+/* Whether the link popup's reply says that the phone is linked now. */
+int brisel_util_link_is_up_in_reply(service_h reply);
 void brisel_util_bt_connect_error_popup_result_cb(service_h request, service_h reply, int result, void *ad);
 int brisel_util_get_reply_method(void); /* 0 templates, 1 emoticons */
 void brisel_util_set_reply_method(int method);
@@ -74,7 +78,8 @@ void brisel_util_cut_utf8(char *text, size_t max);
 char *brisel_replace_str(const char *src, const char *find, const char *replace);
 /* A layout with the group of one of the device's theme files, expanding both ways, not shown; NULL on failure. */
 Evas_Object *brisel_util_load_edj(Evas_Object *parent, const char *file, const char *group);
-/* An image of the images file, by the name of its group; aspect as given, shown. NULL on failure. */
+/* An image of the images file, by the name of its group; its size and aspect are the caller's to set, shown. NULL on
+ * failure. */
 Evas_Object *brisel_util_load_image(Evas_Object *parent, const char *name);
 const char *brisel_util_get_text(const char *id); /* not to be freed */
 /* "%d" in the translation of plural_id replaced by the number in the locale's digits. The caller frees it with free().
