@@ -1,0 +1,381 @@
+#include "vconf-store.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "dlog.h"
+#include "platform-paths.h"
+#include "text-check.h"
+#include "vconf.h"
+
+/*
+ * A value's file is one line of head and the value's bytes:
+ *
+ *   vconf1 TYPE WRITE-ID LENGTH CHECKSUM\n
+ *   VALUE
+ *
+ * TYPE is "bool", "int" or "string"; WRITE-ID and CHECKSUM are 16 hexadecimal digits. The length and the checksum tell
+ * a damaged file from a good one; the write id lets a watcher tell a second write of the same value from no write.
+ * The file's name is the key with '+' for '/', which no key may hold; temporary files begin with '~' for the same
+ * reason.
+ */
+
+namespace {
+
+constexpr size_t KEY_MAX = 255;
+constexpr size_t VALUE_MAX = 64 * 1024;
+constexpr size_t HEAD_MAX = 96;
+constexpr char TEMPORARY_MARK = '~';
+constexpr const char *LOG_TAG = "VCONF";
+
+struct fd_holder {
+  int fd;
+  explicit fd_holder(int number) : fd(number) {}
+  ~fd_holder() {
+    if (fd >= 0) close(fd);
+  }
+  fd_holder(const fd_holder &) = delete;
+  fd_holder &operator=(const fd_holder &) = delete;
+};
+
+uint64_t checksum(std::string_view type, std::string_view id, std::string_view value) {
+  uint64_t hash = 0xcbf29ce484222325u;
+  for (const std::string_view part : {type, id, value}) {
+    for (const char byte : part) hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3u;
+    hash = (hash ^ 0x1FFu) * 0x100000001b3u; /* not a byte: keeps "ab","c" apart from "a","bc" */
+  }
+  return hash;
+}
+
+std::string hex16(uint64_t number) {
+  char text[17];
+  snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(number));
+  return text;
+}
+
+/* Exactly the form hex16 writes, so that one value has one spelling. */
+bool parse_hex16(std::string_view text, uint64_t *number) {
+  if (text.size() != 16) return false;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), *number, 16);
+  return result.ec == std::errc() && result.ptr == text.data() + text.size() && hex16(*number) == text;
+}
+
+template <typename T>
+bool parse_number(std::string_view text, T *number) {
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), *number);
+  return result.ec == std::errc() && result.ptr == text.data() + text.size() && std::to_string(*number) == text;
+}
+
+bool is_memory_key(std::string_view key) {
+  return key.starts_with("memory/");
+}
+
+const char *type_name(int type) {
+  switch (type) {
+    case VCONF_TYPE_BOOL:
+      return "bool";
+    case VCONF_TYPE_INT:
+      return "int";
+    default:
+      return "string";
+  }
+}
+
+uint64_t new_write_id() {
+  uint64_t id = 0;
+  while (id == 0) {
+    if (getrandom(&id, sizeof id, 0) != static_cast<ssize_t>(sizeof id)) id = 0;
+  }
+  return id;
+}
+
+std::string folder_of(bool memory) {
+  const char *base = memory ? platform_runtime_dir() : platform_config_dir();
+  if (base == nullptr) return {};
+  return std::string(base) + (memory ? "/memory" : "/settings");
+}
+
+bool parse_value(std::string_view bytes, vconf_value *value) {
+  const size_t end = bytes.find('\n');
+  if (end == std::string_view::npos || end > HEAD_MAX) return false;
+  std::string_view head = bytes.substr(0, end);
+  const std::string_view body = bytes.substr(end + 1);
+  std::string_view fields[5];
+  for (size_t i = 0; i < 5; i++) {
+    const size_t space = i < 4 ? head.find(' ') : head.size();
+    if (space == std::string_view::npos) return false;
+    fields[i] = head.substr(0, space);
+    head.remove_prefix(std::min(space + 1, head.size()));
+  }
+  uint64_t id = 0;
+  uint64_t sum = 0;
+  size_t length = 0;
+  if (fields[0] != "vconf1" || !parse_hex16(fields[2], &id) || !parse_number(fields[3], &length) ||
+      !parse_hex16(fields[4], &sum))
+    return false;
+  if (id == 0 || length != body.size() || sum != checksum(fields[1], fields[2], body)) return false;
+  if (fields[1] == "bool") {
+    if (body != "0" && body != "1") return false;
+    value->number = body == "1";
+    value->type = VCONF_TYPE_BOOL;
+  } else if (fields[1] == "int") {
+    if (!parse_number(body, &value->number)) return false;
+    value->type = VCONF_TYPE_INT;
+  } else if (fields[1] == "string") {
+    if (body.find('\0') != std::string_view::npos || !text_utf8_valid(body)) return false;
+    value->text = body;
+    value->type = VCONF_TYPE_STRING;
+  } else {
+    return false;
+  }
+  value->write_id = id;
+  return true;
+}
+
+bool write_all(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t done = write(fd, bytes.data(), bytes.size());
+    if (done < 0 && errno == EINTR) continue;
+    if (done <= 0) return false;
+    bytes.remove_prefix(static_cast<size_t>(done));
+  }
+  return true;
+}
+
+/* A writer that was killed leaves its temporary file; the next process that writes here takes it away. */
+void sweep_temporary_files(const std::string &folder) {
+  DIR *dir = opendir(folder.c_str());
+  if (dir == nullptr) return;
+  while (const dirent *entry = readdir(dir)) {
+    if (entry->d_name[0] != TEMPORARY_MARK) continue;
+    char *end = nullptr;
+    errno = 0;
+    const long pid = strtol(entry->d_name + 1, &end, 10);
+    const bool ours = errno == 0 && pid > 0 && pid <= INT_MAX && *end == '.';
+    if (ours && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) unlinkat(dirfd(dir), entry->d_name, 0);
+  }
+  closedir(dir);
+}
+
+/* The folder, made when missing, opened for the calls that work inside it. -1 on failure. */
+int open_folder_for_writing(bool memory, const std::string &folder) {
+  if (folder.empty()) return -1;
+  int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0 && errno == ENOENT) {
+    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) return -1;
+    fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const fd_holder parent(open(folder.substr(0, folder.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!memory && parent.fd >= 0 && fsync(parent.fd) != 0) {
+      if (fd >= 0) close(fd);
+      return -1;
+    }
+  }
+  static std::once_flag swept[2];
+  if (fd >= 0) std::call_once(swept[memory ? 1 : 0], sweep_temporary_files, folder);
+  return fd;
+}
+
+int store_value(const char *key, int type, std::string_view body) {
+  if (!vconf_key_valid(key) || body.size() > VALUE_MAX) return -1;
+  const bool memory = is_memory_key(key);
+  const std::string folder = folder_of(memory);
+  const fd_holder dir(open_folder_for_writing(memory, folder));
+  if (dir.fd < 0) {
+    __dlog_print(DLOG_ERROR, LOG_TAG, "cannot open the folder \"%s\" for \"%s\": %s", folder.c_str(), key,
+                 strerror(errno));
+    return -1;
+  }
+
+  static std::atomic<unsigned> counter;
+  const std::string temporary = TEMPORARY_MARK + std::to_string(getpid()) + "." + std::to_string(counter.fetch_add(1));
+  const std::string id = hex16(new_write_id());
+  const std::string name = type_name(type);
+  std::string bytes =
+      "vconf1 " + name + " " + id + " " + std::to_string(body.size()) + " " + hex16(checksum(name, id, body)) + "\n";
+  bytes.append(body);
+
+  const char *step = "create";
+  {
+    const fd_holder file(
+        openat(dir.fd, temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+    bool good = file.fd >= 0;
+    if (good) {
+      step = "write";
+      good = write_all(file.fd, bytes);
+    }
+    /* Values under "memory/" end with the session, so a power cut takes nothing that was to stay. */
+    if (good && !memory) {
+      step = "sync";
+      good = fsync(file.fd) == 0;
+    }
+    if (good) {
+      step = "rename";
+      good = renameat(dir.fd, temporary.c_str(), dir.fd, vconf_key_file(key).c_str()) == 0;
+    }
+    if (!good) {
+      __dlog_print(DLOG_ERROR, LOG_TAG, "cannot %s the value of \"%s\": %s", step, key, strerror(errno));
+      if (file.fd >= 0) unlinkat(dir.fd, temporary.c_str(), 0);
+      return -1;
+    }
+  }
+  if (!memory && fsync(dir.fd) != 0) {
+    __dlog_print(DLOG_ERROR, LOG_TAG, "cannot sync the folder of \"%s\": %s", key, strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+void collect_keys(bool memory, std::vector<std::string> *keys) {
+  const std::string folder = folder_of(memory);
+  if (folder.empty()) return;
+  DIR *dir = opendir(folder.c_str());
+  if (dir == nullptr) return;
+  while (const dirent *entry = readdir(dir)) {
+    std::string key = entry->d_name;
+    std::replace(key.begin(), key.end(), '+', '/');
+    /* Only names that a key maps to, and in the folder it maps to. */
+    if (vconf_key_valid(key.c_str()) && vconf_key_file(key.c_str()) == entry->d_name && is_memory_key(key) == memory)
+      keys->push_back(key);
+  }
+  closedir(dir);
+}
+
+}  // namespace
+
+bool vconf_key_valid(const char *key) {
+  if (key == nullptr) return false;
+  const std::string_view text(key, strnlen(key, KEY_MAX + 1));
+  if (text.empty() || text.size() > KEY_MAX) return false;
+  size_t start = 0;
+  while (true) {
+    const size_t slash = std::min(text.find('/', start), text.size());
+    const std::string_view segment = text.substr(start, slash - start);
+    if (segment.empty() || segment == "." || segment == "..") return false;
+    for (const char c : segment) {
+      const bool good = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+                        c == '.' || c == '-';
+      if (!good) return false;
+    }
+    if (slash == text.size()) return true;
+    start = slash + 1;
+  }
+}
+
+std::string vconf_key_folder(const char *key) {
+  return folder_of(is_memory_key(key));
+}
+
+std::string vconf_key_file(const char *key) {
+  std::string name = key;
+  std::replace(name.begin(), name.end(), '/', '+');
+  return name;
+}
+
+vconf_value vconf_value_read(const char *key) {
+  vconf_value value;
+  const std::string folder = vconf_key_folder(key);
+  if (folder.empty()) return value;
+  const std::string path = folder + "/" + vconf_key_file(key);
+  /* Not blocking: a FIFO in the file's place must not hold up the reader. */
+  const fd_holder file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+  if (file.fd < 0 && errno == ENOENT) return value;
+  struct stat info {};
+  std::string bytes;
+  if (file.fd >= 0 && fstat(file.fd, &info) == 0 && S_ISREG(info.st_mode) &&
+      info.st_size <= static_cast<off_t>(VALUE_MAX + HEAD_MAX)) {
+    bytes.resize(VALUE_MAX + HEAD_MAX + 1);
+    size_t size = 0;
+    while (size < bytes.size()) {
+      const ssize_t got = read(file.fd, bytes.data() + size, bytes.size() - size);
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) break;
+      size += static_cast<size_t>(got);
+    }
+    bytes.resize(size);
+    if (parse_value(bytes, &value)) return value;
+  }
+  __dlog_print(DLOG_WARN, LOG_TAG, "the value of \"%s\" is unreadable", key);
+  value = {};
+  /* Watchers still want to tell one broken file from the next. */
+  value.write_id = checksum(bytes, std::to_string(info.st_ino),
+                            std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec));
+  return value;
+}
+
+int vconf_get_bool(const char *key, int *value) {
+  if (!vconf_key_valid(key) || value == nullptr) return -1;
+  const vconf_value found = vconf_value_read(key);
+  if (found.type != VCONF_TYPE_BOOL) return -1;
+  *value = found.number;
+  return 0;
+}
+
+int vconf_get_int(const char *key, int *value) {
+  if (!vconf_key_valid(key) || value == nullptr) return -1;
+  const vconf_value found = vconf_value_read(key);
+  if (found.type != VCONF_TYPE_INT) return -1;
+  *value = found.number;
+  return 0;
+}
+
+char *vconf_get_str(const char *key) {
+  if (!vconf_key_valid(key)) return nullptr;
+  const vconf_value found = vconf_value_read(key);
+  return found.type == VCONF_TYPE_STRING ? strdup(found.text.c_str()) : nullptr;
+}
+
+int vconf_set_bool(const char *key, int value) {
+  return store_value(key, VCONF_TYPE_BOOL, value != 0 ? "1" : "0");
+}
+
+int vconf_set_int(const char *key, int value) {
+  return store_value(key, VCONF_TYPE_INT, std::to_string(value));
+}
+
+int vconf_set_str(const char *key, const char *value) {
+  if (value == nullptr || strnlen(value, VALUE_MAX + 1) > VALUE_MAX || !text_utf8_valid(value)) return -1;
+  return store_value(key, VCONF_TYPE_STRING, value);
+}
+
+int vconf_unset(const char *key) {
+  if (!vconf_key_valid(key)) return -1;
+  const bool memory = is_memory_key(key);
+  const std::string folder = folder_of(memory);
+  if (folder.empty()) return -1;
+  const fd_holder dir(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dir.fd < 0) return errno == ENOENT ? 0 : -1;
+  if (unlinkat(dir.fd, vconf_key_file(key).c_str(), 0) != 0) return errno == ENOENT ? 0 : -1;
+  return memory || fsync(dir.fd) == 0 ? 0 : -1;
+}
+
+int vconf_list(void (*fn)(const char *key, int type, void *user_data), void *user_data) {
+  if (fn == nullptr) return -1;
+  std::vector<std::string> keys;
+  collect_keys(false, &keys);
+  collect_keys(true, &keys);
+  std::sort(keys.begin(), keys.end());
+  for (const std::string &key : keys) fn(key.c_str(), vconf_get_type(key.c_str()), user_data);
+  return 0;
+}
+
+int vconf_get_type(const char *key) {
+  return vconf_key_valid(key) ? vconf_value_read(key).type : VCONF_TYPE_NONE;
+}
