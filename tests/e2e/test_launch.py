@@ -1,0 +1,206 @@
+"""Every way into the application: link, account count, accounts, first or second launch, with or without a mail, locked
+or not. What the phone hears and what is on screen decide."""
+import itertools
+
+from brisel_test import equal, mail, main, options
+
+SUBJECT = "The subject of the open mail"
+SENDER = "Open Sender"
+
+
+def arrange(s, accounts, known):
+    """Accounts with an open and a locked mail in the first; returns their ids."""
+    ids = {}
+    for n in range(accounts):
+        account = s.account(f"account{n}@example.net")
+        if n == 0:
+            ids[False] = s.send(account, mail(SUBJECT, "Body.", f"{SENDER} <open@example.org>"))[0]
+            ids[True] = s.send(account, mail("Hidden", "Body.", "Locked Sender <locked@example.org>"), args=("--locked",))[0]
+    s.phone("account", "count", "known" if known else "unknown")
+    return ids
+
+
+def expected_screen(s, accounts, known, mail_named, locked):
+    """Waits for the one screen that this state must lead to."""
+    if not known:
+        s.wait_text(s.text("IDS_EMAIL_POP_CONNECTING_ING"))
+        assert not s.shows(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
+    elif accounts == 0:
+        s.wait_text(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
+    elif mail_named and locked:
+        s.wait_text(s.text("IDS_EMAIL_HEADER_OPEN_EMAIL_ABB"))
+        assert not s.shows(SUBJECT), "a locked mail must not be shown"
+    elif mail_named:
+        s.wait_text(SUBJECT)
+        s.wait(lambda: s.requests("update_ind"), "the read indication at the phone")
+    else:
+        s.wait_text(SENDER)
+        header = "account0@example.net" if accounts == 1 else s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB")
+        assert s.shows(header), f"the header must be {header}"
+        equal(len(s.dump()["views"]), 1, "views")
+
+
+def run_case(s, accounts, known, second, named, locked):
+    s.serve()
+    ids = arrange(s, accounts, known)
+    if second:
+        s.launch()
+        expected_screen(s, accounts, known, False, False)
+    if named:
+        s.launch(brisel_id=ids[locked])
+    else:
+        s.launch()
+    expected_screen(s, accounts, known, named, locked)
+
+
+def cases():
+    for accounts, known, second, named, locked in itertools.product((0, 1, 2), (True, False), (False, True), (False, True),
+                                                                    (False, True)):
+        if (locked and not named) or (named and accounts == 0):
+            continue
+        yield accounts, known, second, named, locked
+
+
+def make(case):
+    def test(s):
+        run_case(s, *case)
+    accounts, known, second, named, locked = case
+    test.__name__ = "test_{}_accounts_{}_{}{}".format(accounts, "known" if known else "unknown", "second" if second else "first",
+                                                     ("_mail_locked" if locked else "_mail") if named else "")
+    return test
+
+
+for each in cases():
+    made = make(each)
+    globals()[made.__name__] = made
+
+
+def on_bus(s, name):
+    names = s.run("dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/", "org.freedesktop.DBus.ListNames")
+    return f'"{name}"' in names.stdout
+
+
+def link_popup_up(s):
+    return on_bus(s, "com.vextora.bt-connection-popup")
+
+
+def test_without_link_the_popup_comes_and_its_answer_goes_on_without_the_mail(s):
+    ids = arrange(s, 1, True)
+    s.launch(brisel_id=ids[False])
+    s.wait(lambda: link_popup_up(s), "the link popup")
+    equal(s.dump()["views"], [], "views before the answer")
+    s.serve()
+    s.wait_text(SENDER)
+    equal(len(s.dump()["views"]), 1, "the mail of the launch is not kept")
+    assert "BT Connected" in s.log()
+    s.wait(lambda: not link_popup_up(s), "the link popup to end")
+
+
+def test_cancel_on_the_link_popup_still_shows_the_mailbox(s):
+    arrange(s, 1, True)
+    s.launch()
+    s.wait(lambda: link_popup_up(s), "the link popup")
+    s.watch("--app", "com.vextora.bt-connection-popup", "key", "back")
+    s.wait_text(SENDER)
+    assert "BT Not Connected" in s.log()
+
+
+def test_without_link_and_count_the_answer_leads_to_connecting(s):
+    s.launch()
+    s.wait(lambda: link_popup_up(s), "the link popup")
+    s.serve()
+    s.wait_text(s.text("IDS_EMAIL_POP_CONNECTING_ING"))
+
+
+def gone(s):
+    """True once the application has left the bus."""
+    return not on_bus(s, "com.vextora.brisel")
+
+
+def test_set_up_ok_asks_the_phone_and_ends(s):
+    phone = s.serve()
+    s.phone("account", "count", "known")
+    s.launch()
+    s.wait_text(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
+    # The button follows the link while the popup is shown.
+    s.stop_serve(phone)
+    s.tap(s.text("IDS_COM_SK_OK"))
+    assert s.shows(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL")), "OK does nothing without a link"
+    s.serve()
+    s.wait(lambda: (s.tap(s.text("IDS_COM_SK_OK")) if not gone(s) and s.shows(s.text("IDS_COM_SK_OK")) else None) or gone(s),
+           "the application to end")
+    s.wait(lambda: s.requests("no_account"), "the request at the phone")
+    equal(len(s.requests("no_account")), 1, "requests")
+
+
+def test_set_up_cancel_ends_without_a_request(s):
+    s.serve()
+    s.phone("account", "count", "known")
+    s.launch()
+    s.tap(s.text("IDS_EMAIL_SK_CANCEL_ABB"))
+    s.wait(lambda: gone(s), "the application to end")
+    equal(s.requests("no_account"), [], "requests")
+
+
+def test_back_only_lowers_the_set_up_popup_but_ends_connecting(s):
+    s.serve()
+    s.phone("account", "count", "known")
+    s.launch()
+    s.wait_text(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
+    s.watch("key", "back")
+    assert not gone(s)
+    s.launch()
+    s.wait_text(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
+    s.phone("account", "count", "unknown")
+    s.launch()
+    s.wait_text(s.text("IDS_EMAIL_POP_CONNECTING_ING"))
+    s.watch("key", "back")
+    s.wait(lambda: gone(s), "the application to end")
+
+
+def test_a_second_launch_with_views_open_returns_to_the_mailbox(s):
+    s.serve()
+    ids = arrange(s, 2, True)
+    s.launch(brisel_id=ids[False])
+    s.wait_text(SUBJECT)
+    s.launch()
+    s.wait(lambda: len(s.dump()["views"]) == 1, "the mailbox alone")
+    # A locked mail named by a second launch closes everything else and asks.
+    s.press(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"))
+    s.wait_text("account1@example.net")
+    s.launch(brisel_id=ids[True])
+    s.wait_text(s.text("IDS_EMAIL_HEADER_OPEN_EMAIL_ABB"))
+    assert not s.shows("account1@example.net"), "the account popup must be closed"
+
+
+def test_a_launch_with_a_mail_of_another_account_switches_to_it(s):
+    s.serve()
+    first, second = s.account("first@example.net"), s.account("second@example.net")
+    s.phone("account", "count", "known")
+    s.send(first, mail("In the first", "x", "First Sender <a@example.org>"))
+    other = s.send(second, mail("In the second", "x", "Second Sender <b@example.org>"))[0]
+    s.launch()
+    s.tap(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"))
+    s.wait_text("first@example.net")
+    s.launch(brisel_id=other)
+    s.wait_text("In the second")
+    s.watch("key", "back")
+    s.wait_text("second@example.net")
+
+
+def test_unreadable_launch_data_opens_no_mail(s):
+    s.serve()
+    arrange(s, 1, True)
+    for value in ("abc", "-3", "0", "99999999999999999999", "", "1x%n%s"):
+        s.launch(brisel_id=value)
+        s.wait_text(SENDER)
+        assert len(s.dump()["views"]) <= 2
+        s.launch()
+    s.launch(brisel_id=424242)  # a mail that is not there
+    s.wait_text(SENDER)
+    equal(len(s.dump()["views"]), 1, "views")
+    assert "brisel_db_get_full_noti_data_by_mail_id() failed! err:[" in s.log()
+
+
+if __name__ == "__main__":
+    main(globals())

@@ -1,0 +1,92 @@
+"""Settings changed from another process show at once on every open screen."""
+from brisel_test import equal, mail, main
+
+OLD = 1388833503  # 2014-01-04 11:05:03 UTC
+DATES = {0: "04/01/2014", 1: "01/04/2014", 2: "2014/01/04", 3: "2014/04/01", 7: "2014/01/04", -1: "2014/01/04"}
+
+
+def arrange(s):
+    s.serve()
+    account = s.account("account@example.net")
+    s.phone("account", "count", "known")
+    s.send(account, mail("Old", "Text.", "Sender One <one@example.org>", OLD), args=("--received", str(OLD)))
+    s.setting("db/menu_widget/regionformat", "string", "en_US.UTF-8")
+
+
+def shown_time(s):
+    for t in s.dump()["texts"]:
+        if "2014" in t["text"] or "١٤" in t["text"]:
+            return t["text"].replace("\u202f", " ").replace("\u200f", "").replace("\u00a0", " ")
+    return ""
+
+
+def test_date_order_follows_in_the_list_and_the_reader(s):
+    arrange(s)
+    s.launch()
+    s.wait_text("Sender One")
+    for value, date in DATES.items():
+        s.setting("db/setting/date_format", "int", value)
+        s.wait(lambda: shown_time(s) == f"{date} 11:05", f"date order {value}: {date}")
+    assert "Invalid date_format value(7)" in s.log() and "Invalid date_format value(-1)" in s.log()
+    s.tap("Sender One")
+    s.wait_text("Old", part=False)
+    for value, date in DATES.items():
+        s.setting("db/setting/date_format", "int", value)
+        s.wait(lambda: shown_time(s) == f"{date} 11:05", f"reader: date order {value}: {date}")
+
+
+def test_clock_and_time_zone(s):
+    arrange(s)
+    s.setting("db/setting/date_format", "int", 0)
+    s.launch()
+    s.wait(lambda: shown_time(s) == "04/01/2014 11:05", "24 hours")
+    s.setting("db/menu_widget/regionformat_time1224", "int", 1)
+    s.wait(lambda: shown_time(s) == "04/01/2014 11:05 AM", "12 hours")
+    s.setting("db/menu_widget/regionformat_time1224", "int", 2)
+    s.wait(lambda: shown_time(s) == "04/01/2014 11:05", "2 is 24 hours")
+    s.watch("timezone", "Asia/Seoul")
+    s.wait(lambda: shown_time(s) == "04/01/2014 20:05", "Seoul")
+    s.watch("timezone", "America/Los_Angeles")
+    s.wait(lambda: shown_time(s) == "04/01/2014 03:05", "Los Angeles")
+
+
+def test_region_changes_digits_and_markers(s):
+    arrange(s)
+    s.launch()
+    s.wait_text("Sender One")
+    s.setting("db/menu_widget/regionformat", "string", "ar_EG.UTF-8")
+    s.wait(lambda: "(١)" in s.texts(), "the header's count in its own digits")
+    s.wait(lambda: "٢٠١٤" in shown_time(s), "the date in its own digits")
+    s.setting("db/menu_widget/regionformat", "string", "ko_KR.UTF-8")
+    s.setting("db/menu_widget/regionformat_time1224", "int", 1)
+    s.wait(lambda: "(1)" in s.texts() and "오전" in shown_time(s), "the Korean day period")
+    assert "locale: ko_KR" in s.log()
+
+
+def test_language_changes_live(s):
+    arrange(s)
+    account = s.account("other@example.net")
+    assert account
+    s.launch()
+    s.wait_text(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"))
+    for language, locale in (("de", "de_DE.UTF-8"), ("ar", "ar_EG.UTF-8"), ("en", "en_US.UTF-8")):
+        s.language = language
+        s.setting("db/menu_widget/language", "string", locale)
+        s.wait_text(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"))
+        s.wait_text(s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3"))
+
+
+def test_broken_settings_read_as_unreadable(s):
+    arrange(s)
+    for key, kind, value in (("db/setting/date_format", "string", "x"), ("db/menu_widget/regionformat", "int", "3"),
+                             ("db/menu_widget/regionformat_time1224", "bool", "true")):
+        s.setting(key, kind, value)
+    s.launch()
+    s.wait(lambda: shown_time(s) == "04/01/2014 11:05", "the defaults")
+    log = s.log()
+    assert "vconf_get_int returns: -1" in log and "vconf_get_str() failed : region format" in log
+    equal(log.count("locale: en_US") > 0, True, "the fallback locale")
+
+
+if __name__ == "__main__":
+    main(globals())
