@@ -18,6 +18,7 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -136,7 +137,9 @@ void end_everything(pid_t bus) {
   }
 }
 
-int exit_code(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
+int exit_code(int status) {
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 /* --- folders and files ------------------------------------------------------------------------------------------ */
 
@@ -265,8 +268,8 @@ void set_environment(const options &opt, const session &s) {
   std::string tools;
   if (!opt.build.empty()) {
     setenv("BRISEL_RES_DIR", (opt.build + "/data/res").c_str(), 1);
-    tools = opt.build + ":" + opt.build + "/app:" + opt.build + "/service:" + opt.build + "/phone:" + opt.build +
-            "/tools:";
+    tools =
+        opt.build + ":" + opt.build + "/app:" + opt.build + "/service:" + opt.build + "/phone:" + opt.build + "/tools:";
   } else {
     unsetenv("BRISEL_RES_DIR");
     tools = std::string(BRISEL_PREFIX) + "/bin:" + BRISEL_LIBEXEC + ":";
@@ -274,7 +277,8 @@ void set_environment(const options &opt, const session &s) {
   setenv("PATH", (tools + (path && *path ? path : "/usr/local/bin:/usr/bin:/bin")).c_str(), 1);
 }
 
-/* --- the supervisor ------------------------------------------------------------------------------------------------ */
+/* --- the supervisor ------------------------------------------------------------------------------------------------
+ */
 
 /* Signals are taken from the descriptor; children get the usual mask back. */
 int block_signals(sigset_t *old) {
@@ -292,7 +296,8 @@ void follow_parent(pid_t parent) {
 }
 
 pid_t start_bus(const options &opt, const session &s, const sigset_t *mask) {
-  const fs::path from = opt.build.empty() ? fs::path(BRISEL_BUS_SERVICES) : fs::path(opt.build) / "data/desktop/session";
+  const fs::path from =
+      opt.build.empty() ? fs::path(BRISEL_BUS_SERVICES) : fs::path(opt.build) / "data/desktop/session";
   std::error_code error;
   for (const char *name : services) {
     const std::string file = std::string(name) + ".service";
@@ -307,8 +312,8 @@ pid_t start_bus(const options &opt, const session &s, const sigset_t *mask) {
                   "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
                   "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n<busconfig>\n"
                   "  <type>session</type>\n  <keep_umask/>\n  <listen>unix:path=" +
-                      xml(address_escape((s.run / "bus").string())) + "</listen>\n  <auth>EXTERNAL</auth>\n  <servicedir>" +
-                      xml((s.run / "services").string()) +
+                      xml(address_escape((s.run / "bus").string())) +
+                      "</listen>\n  <auth>EXTERNAL</auth>\n  <servicedir>" + xml((s.run / "services").string()) +
                       "</servicedir>\n"
                       "  <policy context=\"default\">\n    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
                       "    <allow eavesdrop=\"true\"/>\n    <allow own=\"*\"/>\n  </policy>\n"
@@ -396,7 +401,8 @@ int supervise(const options &opt, const session &s, const sigset_t *mask, int si
   return code;
 }
 
-/* --- the keeper ---------------------------------------------------------------------------------------------------- */
+/* --- the keeper ----------------------------------------------------------------------------------------------------
+ */
 
 int keep(const options &opt) {
   session s;
@@ -452,12 +458,11 @@ int main(int argc, char **argv) {
   app.add_option("COMMAND", opt.command, "what to run, with its arguments; everything ends with it")->required();
   app.prefix_command(false);
   app.positionals_at_end();
-  app.usage("brisel-session [--keep DIR] [--window] [--size WxH] -- COMMAND…");
   /* Our own options end where the command begins, also without "--". */
   std::vector<std::string> words;
   for (int i = 1; i < argc; i++) {
     const std::string word = argv[i];
-    if (word == "--" || (word[0] != '-' && !words.empty()) || word[0] != '-') {
+    if (word == "--" || word[0] != '-') {
       for (int j = word == "--" ? i + 1 : i; j < argc; j++) opt.command.push_back(argv[j]);
       break;
     }

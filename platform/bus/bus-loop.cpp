@@ -90,8 +90,8 @@ Eina_Bool timer_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
-/* Before the loop sleeps: ask for exactly the wake-ups that the connection needs now. Messages may have been queued by a
-   blocking call, and a write may not have gone out whole. */
+/* Before the loop sleeps: ask for exactly the wake-ups that the connection needs now. Messages may have been queued by
+   a blocking call, and a write may not have gone out whole. */
 Eina_Bool enterer_cb(void *data) {
   if (!bus) return ECORE_CALLBACK_RENEW;
   const int events = sd_bus_get_events(bus);

@@ -19,8 +19,8 @@ sd_bus *bus_loop_session(void);
    bus_loop_session() attaches it. */
 sd_bus *bus_loop_open(void);
 
-/* Tells of the connection's life: connected false when it was lost, true when a later bus_loop_session() made a new one.
-   Several may be added; the pair (callback, data) tells them apart. Safe inside the callback. */
+/* Tells of the connection's life: connected false when it was lost, true when a later bus_loop_session() made a new
+   one. Several may be added; the pair (callback, data) tells them apart. Safe inside the callback. */
 typedef void (*bus_loop_watch_cb)(bool connected, void *data);
 void bus_loop_watch_add(bus_loop_watch_cb callback, void *data);
 void bus_loop_watch_del(bus_loop_watch_cb callback, void *data);

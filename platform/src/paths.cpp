@@ -74,7 +74,8 @@ const char *state_folder(const char *variable, const char *below_home, const cha
 const char *platform_path(const char *path) {
   if (!path) return nullptr;
   const std::lock_guard<std::mutex> guard(lock);
-  if (strncmp(path, device_res, strlen(device_res)) == 0 && (path[strlen(device_res)] == '/' || !path[strlen(device_res)])) {
+  if (strncmp(path, device_res, strlen(device_res)) == 0 &&
+      (path[strlen(device_res)] == '/' || !path[strlen(device_res)])) {
     const char *res = environment("BRISEL_RES_DIR");
     return keep(path, std::string(res ? res : BRISEL_INSTALLED_RES_DIR) + (path + strlen(device_res)));
   }
@@ -86,8 +87,18 @@ const char *platform_path(const char *path) {
   return keep(path, path);
 }
 
-const char *platform_data_dir(void) { return state_folder("XDG_DATA_HOME", "/.local/share", "/brisel"); }
-const char *platform_config_dir(void) { return state_folder("XDG_CONFIG_HOME", "/.config", "/brisel"); }
-const char *platform_runtime_dir(void) { return state_folder("XDG_RUNTIME_DIR", nullptr, "/brisel"); }
-const char *platform_state_dir(void) { return state_folder("XDG_STATE_HOME", "/.local/state", "/brisel-phone"); }
-const char *platform_app_state_dir(void) { return state_folder("XDG_STATE_HOME", "/.local/state", "/brisel"); }
+const char *platform_data_dir(void) {
+  return state_folder("XDG_DATA_HOME", "/.local/share", "/brisel");
+}
+const char *platform_config_dir(void) {
+  return state_folder("XDG_CONFIG_HOME", "/.config", "/brisel");
+}
+const char *platform_runtime_dir(void) {
+  return state_folder("XDG_RUNTIME_DIR", nullptr, "/brisel");
+}
+const char *platform_state_dir(void) {
+  return state_folder("XDG_STATE_HOME", "/.local/state", "/brisel-phone");
+}
+const char *platform_app_state_dir(void) {
+  return state_folder("XDG_STATE_HOME", "/.local/state", "/brisel");
+}
