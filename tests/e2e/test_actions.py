@@ -1,0 +1,439 @@
+"""Everything a finger can do with a mail, up to the JSON line that reaches the phone."""
+import itertools
+
+from brisel_test import equal, mail, main, middle
+
+T0 = 1767600000
+
+
+def arrange(s, mails=3, accounts=1, address=None, reply=None, link=True):
+    phone = s.serve() if link else None
+    ids = [s.account(f"account{n}@example.net", "--name", f"Account {n}") for n in range(accounts)]
+    s.phone("account", "count", "known")
+    if reply is not None:
+        s.phone("status", "reply", reply)
+    sent = []
+    for n in range(mails):
+        sender = address if address and n == mails - 1 else f"S{n + 1} <s{n + 1}@example.org>"
+        sent += s.send(ids[n % accounts], mail(f"Subject {n + 1}", "Text.", sender, T0 + n * 60), args=("--received", str(T0 + n * 60)))
+    return phone, ids, sent
+
+
+def row(s, name):
+    return middle(s.wait_text(name, part=False))
+
+
+def sweep(s, name, left=True):
+    x, y = row(s, name)
+    width, _ = s.size()
+    a, b = int(width * 0.8), int(width * 0.25)
+    s.watch("drag", *((a, y, b, y) if left else (b, y, a, y)), 0.2)
+
+
+def stored(s):
+    return sorted(m["mail_id"] for m in s.mails())
+
+
+def deletes(s):
+    return [r["id_list"] for r in s.requests("delete_notis")]
+
+
+def test_sweep_and_undo(s):
+    _, _, ids = arrange(s)
+    s.launch()
+    for left in (True, False):
+        sweep(s, "S3", left)
+        strip = s.wait_text(s.text("IDS_EMAIL_BODY_DELETED"))
+        width, _ = s.size()
+        # The undo button is the strip's own; it sits beside the text.
+        y = int(strip["y"] + strip["height"] / 2)
+        for x in (width - 40, 40, width // 2 + 60):
+            s.watch("tap", x, y)
+            if not s.shows(s.text("IDS_EMAIL_BODY_DELETED")):
+                break
+        s.wait_gone(s.text("IDS_EMAIL_BODY_DELETED"))
+        s.wait_text("S3", part=False)
+    equal(deletes(s), [], "requests")
+    equal(stored(s), sorted(ids), "mails")
+
+
+def test_sweep_commits_on_touching_elsewhere_and_blocks_that_row_once(s):
+    _, _, ids = arrange(s)
+    s.launch()
+    sweep(s, "S3")
+    s.wait_text(s.text("IDS_EMAIL_BODY_DELETED"))
+    s.tap("S2")
+    s.wait(lambda: deletes(s) == [[ids[2]]], "one delete request")
+    s.wait(lambda: "S3" not in s.texts(), "the row to go")
+    equal(len(s.dump()["views"]), 1, "the touched row does not open")
+    s.wait(lambda: "(2)" in s.texts(), "the count")
+    s.tap("S2")
+    s.wait_text("Subject 2")
+
+
+def test_second_drag_commits_the_first_only(s):
+    _, _, ids = arrange(s)
+    s.launch()
+    sweep(s, "S3")
+    s.wait_text(s.text("IDS_EMAIL_BODY_DELETED"))
+    sweep(s, "S1")
+    s.wait(lambda: deletes(s) == [[ids[2]]], "one delete request")
+    s.wait_gone(s.text("IDS_EMAIL_BODY_DELETED"))
+    assert s.shows("S1", part=False)
+    # The list still scrolls and sweeps: every freeze has its release.
+    sweep(s, "S1")
+    s.wait_text(s.text("IDS_EMAIL_BODY_DELETED"))
+
+
+def test_leaving_for_another_screen_commits(s):
+    _, _, ids = arrange(s)
+    s.launch()
+    sweep(s, "S2")
+    s.wait_text(s.text("IDS_EMAIL_BODY_DELETED"))
+    s.launch()
+    s.wait(lambda: deletes(s) == [[ids[1]]], "the delete request")
+    s.wait(lambda: "S2" not in s.texts(), "the row to go")
+
+
+def test_dragging_the_header_and_pressing_beside_a_sweep_do_nothing(s):
+    arrange(s, accounts=2)
+    s.launch()
+    header = s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB")
+    sweep(s, header)
+    assert not s.shows(s.text("IDS_EMAIL_BODY_DELETED"))
+    equal(deletes(s), [], "requests")
+
+
+def test_refresh_drops_a_sweep(s):
+    _, ids, mails = arrange(s, accounts=2)
+    s.launch()
+    sweep(s, "S3")
+    s.wait_text(s.text("IDS_EMAIL_BODY_DELETED"))
+    s.phone("account", "remove", ids[1])  # one account is left: the list is built anew for it
+    s.wait_text("account0@example.net")
+    s.wait_gone(s.text("IDS_EMAIL_BODY_DELETED"))
+    equal(deletes(s), [], "requests")
+    assert mails[2] in stored(s)
+
+
+def test_header_taps_go_round_the_accounts(s):
+    arrange(s, accounts=3)
+    s.launch()
+    combined = s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB")
+    order = [combined, "account0@example.net", "account1@example.net", "account2@example.net", combined]
+    for now, then in zip(order, order[1:]):
+        s.tap(now)
+        s.wait_text(then)
+        s.wait(lambda: ("(3)" if then == combined else "(1)") in s.texts(), "the count")
+
+
+def test_account_popup_chooses_and_closes(s):
+    _, ids, _ = arrange(s, accounts=2)
+    s.launch()
+    s.press(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"))
+    s.tap("Account 1")
+    s.wait_text("account1@example.net")
+    s.wait_gone("Account 0")
+    s.press("account1@example.net")
+    s.wait_text("Account 0")
+    s.watch("key", "back")
+    s.wait_gone("Account 0")
+    assert s.shows("account1@example.net")
+
+
+def test_one_account_toast_goes_by_time_tap_and_back(s):
+    arrange(s)
+    s.launch()
+    toast = s.text("IDS_EMAIL_TPOP_ONLY_ONE_EMAIL_ACCOUNT_REGISTERED")
+    for end in ("time", "tap", "back"):
+        s.tap("account0@example.net")
+        s.wait_text(toast)
+        if end == "tap":
+            s.watch("tap", 160, 90)
+        elif end == "back":
+            s.watch("key", "back")
+        s.wait_gone(toast)
+        equal(len(s.dump()["views"]), 1, end)
+
+
+def test_option_rows_by_contact_reply_and_link(s):
+    """Call row x reply status x link, as the list shows them."""
+    arrange(s, mails=1, address="12345678@example.org")
+    s.launch()
+    vcard = s.dir / "c.vcf"
+    call, reply = s.text("IDS_COM_SK_CALL"), s.text("IDS_EMAIL_SK_REPLY")
+    for numbers, status in itertools.product((0, 1, 2), (0, 1, 2)):
+        s.watch("contact", "remove", "12345678@example.org", check=False)
+        if numbers:
+            tels = "".join(f"TEL;TYPE={kind}:+3120000{n}\r\n" for n, kind in enumerate(("CELL", "WORK")[:numbers]))
+            vcard.write_text(f"BEGIN:VCARD\r\nVERSION:3.0\r\nFN:Twelve\r\nEMAIL:12345678@example.org\r\n{tels}END:VCARD\r\n")
+            s.watch("contact", "import", vcard)
+        s.phone("status", "reply", status)
+        s.press("12345678@example.org")
+        s.wait_text(call, part=False)
+        texts = s.texts()
+        equal(reply in texts, status < 2, f"reply row at status {status}")
+        equal("12345678" in texts, numbers == 0, "the number of the address")
+        equal("+31200000" in texts, numbers == 1, "the only number")
+        s.watch("key", "back")
+        s.wait(lambda: len(s.dump()["views"]) == 1, "the mailbox")
+
+
+def test_addresses_that_are_no_numbers_have_no_call_row(s):
+    account = arrange(s, mails=0)[1][0]
+    s.launch()
+    for n, (local, is_number) in enumerate((("123456", False), ("1234567", True), ("+1234567", False), ("a1234567", False),
+                                             ("1234567.8", False), ("9" * 300, True))):
+        address = f"{local}@example.org"
+        sent = s.send(account, mail("x", "x", address, T0 + n), args=("--received", str(T0 + n)))
+        shown = s.wait(lambda: next((t for t in s.dump()["texts"] if t["text"].startswith(local[:8])), None), address)
+        s.watch("press", *middle(shown), 1.2)
+        s.wait_text(s.text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE"))
+        equal(s.shows(s.text("IDS_COM_SK_CALL"), part=False), is_number, address)
+        s.watch("key", "back")
+        s.phone("mail", "delete", *sent)
+        s.wait(lambda: not s.shows(local[:8]), "the mail to go")
+
+
+def test_call_by_number_and_vanishing_contacts(s):
+    arrange(s, mails=1)
+    vcard = s.dir / "c.vcf"
+    vcard.write_text("BEGIN:VCARD\r\nVERSION:3.0\r\nFN:One\r\nEMAIL:s1@example.org\r\nTEL;TYPE=CELL:+311\r\nTEL;TYPE=WORK:+312\r\n"
+                     "TEL;TYPE=HOME:+313\r\nTEL:+314\r\nEND:VCARD\r\n")
+    s.watch("contact", "import", vcard)
+    s.launch()
+    s.press("S1")
+    s.tap(s.text("IDS_COM_SK_CALL"))
+    for number, kind in (("+311", "MOBILE"), ("+312", "WORK"), ("+313", "HOME")):
+        s.wait_text(number, part=False)
+        assert s.shows(s.text(f"IDS_COM_BODY_{kind}"), part=False), kind
+    s.tap("+312")
+    s.wait(lambda: '"+312"' in "".join(p.read_text() for p in s.dir.rglob("calls.jsonl")), "the call")
+    s.wait(lambda: len(s.dump()["views"]) == 2, "the call view to close itself")
+    s.tap(s.text("IDS_COM_SK_CALL"))
+    s.wait_text("+313", part=False)
+    s.watch("contact", "remove", "s1@example.org")
+    s.wait(lambda: len(s.dump()["views"]) == 2, "the call view to close without numbers")
+    assert "Call numbers are empty!" in s.log()
+    s.wait(lambda: not s.shows(s.text("IDS_COM_SK_CALL"), part=False), "no call row")
+
+
+def test_template_reply_reaches_the_phone(s):
+    _, _, ids = arrange(s, mails=1, address="Ann <Ex> & Co <ann@example.org>")
+    s.phone("template", "set", "Fine & <b>dandy</b>", "Second text")
+    s.launch()
+    s.press("Ann")
+    s.tap(s.text("IDS_EMAIL_SK_REPLY"))
+    s.tap("Fine & <b>dandy</b>")
+    s.wait_text(s.text("IDS_COM_SK_SEND"))
+    s.phone("status", "conn", "1")
+    s.tap(s.text("IDS_COM_SK_SEND"))
+    s.wait_text(s.text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"))
+    equal(s.requests("reply"), [], "requests while the phone does not answer")
+    s.wait_gone(s.text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"))
+    s.phone("status", "conn", "0")
+    s.tap(s.text("IDS_COM_SK_SEND"))
+    request = s.wait(lambda: s.requests("reply"), "the reply at the phone")[0]
+    equal(request["action"], "intent.action.email.notifications.reply", "action")
+    equal(request["mail_id"], ids[0], "mail")
+    equal(request["subject"], "Subject 1", "subject")
+    assert request["recipient"].startswith("ann@example.org\x02Ann"), request["recipient"]
+    assert "dandy" in request["text"]
+    s.wait(lambda: len(s.dump()["views"]) == 2, "the reply view to close")
+
+
+def test_templates_change_while_open(s):
+    arrange(s, mails=1)
+    s.phone("template", "set")
+    s.launch()
+    s.press("S1")
+    s.tap(s.text("IDS_EMAIL_SK_REPLY"))
+    none = s.text("IDS_MSG_BODY_NO_TEXT_TEMPLATES")
+    s.wait_text(none)
+    s.phone("template", "set", "Alpha", "Beta")
+    s.wait_text("Beta")
+    s.wait_gone(none)
+    s.tap("Beta")
+    s.wait_text(s.text("IDS_COM_SK_SEND"))
+    s.tap(s.text("IDS_EMAIL_SK_CANCEL_ABB"))
+    s.wait_gone(s.text("IDS_COM_SK_SEND"))
+    s.phone("template", "set")
+    s.wait_text(none)
+
+
+def typed_reply(s):
+    s.setting("file/private/msg-consumer-server/reply_value", "int", 3)
+    s.launch()
+    s.press("S1")
+    s.tap(s.text("IDS_EMAIL_SK_REPLY"))
+    s.wait(lambda: len(s.dump()["views"]) == 3, "the reply view")
+    width, height = s.size()
+    s.watch("tap", width // 3, height // 6)
+
+
+def send_typed(s):
+    """The send button, at the end of the entry's line."""
+    s.watch("keypad", "hide")
+    width, height = s.size()
+    for x, y in ((width // 2, height - 40), (width - 45, height - 40), (width - 45, height // 2)):
+        s.watch("tap", x, y)
+        if len(s.dump()["views"]) < 3:
+            return
+    raise AssertionError("the send button was not found")
+
+
+def test_typed_reply_and_its_limit(s):
+    arrange(s, mails=1)
+    typed_reply(s)
+    s.watch("type", "Grüße 😀 " + "x" * 60)
+    s.wait_text(s.text("IDS_COM_POP_MAXIMUM_NUMBER_OF_CHARACTERS_REACHED"))
+    s.wait_gone(s.text("IDS_COM_POP_MAXIMUM_NUMBER_OF_CHARACTERS_REACHED"))
+    send_typed(s)
+    request = s.wait(lambda: s.requests("reply"), "the reply")[0]
+    equal(len(request["text"]), 35, "characters")
+    assert request["text"].startswith("Grüße 😀 xxx"), request["text"]
+
+
+def test_typed_reply_empty_and_markup(s):
+    arrange(s, mails=1)
+    typed_reply(s)
+    send_typed(s)
+    equal(s.wait(lambda: s.requests("reply"), "the reply")[0]["text"], "", "an empty reply")
+    s.tap(s.text("IDS_EMAIL_SK_REPLY"))
+    s.wait(lambda: len(s.dump()["views"]) == 3, "the reply view")
+    width, height = s.size()
+    s.watch("tap", width // 3, height // 6)
+    s.watch("type", "a<b & c>d")
+    send_typed(s)
+    request = s.wait(lambda: s.requests("reply")[1:], "the second reply")[0]
+    equal(request["text"], "a&lt;b &amp; c&gt;d", "markup form")
+
+
+def test_reply_method_follows_the_setting(s):
+    arrange(s, mails=1)
+    s.launch()
+    s.press("S1")
+    s.wait_text(s.text("IDS_MSGF_OPT2_TEMPLATES"))
+    s.setting("file/private/msg-consumer-server/reply_value", "int", 3)
+    s.wait_text(s.text("IDS_EMAIL_MBODY_EMOTICONS_ABB"))
+    s.setting("file/private/msg-consumer-server/reply_value", "int", 1)
+    s.wait_text(s.text("IDS_MSGF_OPT2_TEMPLATES"))
+
+
+def test_update_required_and_show_on_device(s):
+    phone, _, ids = arrange(s, mails=1, reply=1)
+    s.launch()
+    s.press("S1")
+    s.tap(s.text("IDS_EMAIL_SK_REPLY"))
+    s.wait_text(s.text("IDS_EMAIL_POP_REPLY_IS_NOT_SUPPORTED_BY_YOUR_DEVICE_CHECK_FOR_UPDATES_IN_YOUR_DEVICE_SETTINGS")[:20])
+    s.tap(s.text("IDS_COM_SK_OK"))
+    s.wait_gone(s.text("IDS_COM_SK_OK"))
+    s.phone("status", "conn", "3")
+    s.tap(s.text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE"))
+    s.wait_text(s.text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"))
+    s.wait_gone(s.text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"))
+    s.phone("status", "conn", "0")
+    s.tap(s.text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE"))
+    request = s.wait(lambda: s.requests("show"), "the request")[0]
+    equal((request["kind"], request["id_list"]), ("email", ids), "show")
+    s.wait_text(s.text("IDS_PLEXO_POP_CHECK_MOBILE_DEVICE_TO_VIEW_CONTENT"))
+    s.wait(lambda: len(s.dump()["views"]) == 1, "the option list to close")
+
+
+def test_delete_from_the_option_list(s):
+    _, _, ids = arrange(s, mails=2)
+    s.launch()
+    s.press("S2")
+    s.tap(s.text("IDS_EMAIL_BODY_DELETE"))
+    s.wait_text(s.text("IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY"))
+    s.tap(s.text("IDS_EMAIL_SK_CANCEL_ABB"))
+    s.wait_gone(s.text("IDS_EMAIL_SK_CANCEL_ABB"))
+    s.tap(s.text("IDS_EMAIL_BODY_DELETE"))
+    s.tap(s.text("IDS_COM_SK_OK"))
+    s.wait(lambda: deletes(s) == [[ids[1]]], "the request")
+    s.wait(lambda: len(s.dump()["views"]) == 1, "back in the mailbox")
+
+
+def open_delete_view(s):
+    width, _ = s.size()
+    s.watch("tap", width - 28, 28)
+    s.wait_text(s.text("IDS_COM_SK_CANCEL"))
+
+
+def delete_button(s):
+    shown = [t for t in s.dump()["texts"] if t["text"] == s.text("IDS_EMAIL_BODY_DELETE")]
+    s.watch("tap", *middle(max(shown, key=lambda t: t["y"])))
+
+
+def test_delete_view_order_and_one(s):
+    _, _, ids = arrange(s, mails=3)
+    s.launch()
+    s.wait_text("S3")
+    open_delete_view(s)
+    delete_button(s)
+    assert not s.shows(s.text("IDS_COM_SK_OK"), part=False), "nothing is selected"
+    s.tap("S2")
+    delete_button(s)
+    s.wait_text(s.text("IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY"))
+    s.tap(s.text("IDS_EMAIL_SK_CANCEL_ABB"), part=False)
+    s.tap("S3")
+    delete_button(s)
+    s.tap(s.text("IDS_COM_SK_OK"))
+    s.wait(lambda: deletes(s) == [[ids[1], ids[2]]], "the ids in the order of selection")
+    s.wait(lambda: stored(s) == [ids[0]], "one mail left")
+
+
+def test_delete_view_all_and_none(s):
+    _, _, ids = arrange(s, mails=3)
+    s.launch()
+    s.wait_text("S3")
+    open_delete_view(s)
+    width, _ = s.size()
+    s.watch("tap", width - 28, 28)
+    delete_button(s)
+    s.wait_text("3")
+    s.tap(s.text("IDS_EMAIL_SK_CANCEL_ABB"), part=False)
+    s.watch("tap", width - 28, 28)
+    delete_button(s)
+    assert not s.shows(s.text("IDS_COM_SK_OK"), part=False), "nothing is selected"
+    s.watch("key", "back")
+    s.wait(lambda: len(s.dump()["views"]) == 1, "the mailbox")
+    equal(stored(s), sorted(ids), "mails")
+
+
+def test_plural_popup_follows_the_language(s):
+    arrange(s, mails=3)
+    s.launch()
+    s.wait_text("S3")
+    open_delete_view(s)
+    width, _ = s.size()
+    s.watch("tap", width - 28, 28)
+    delete_button(s)
+    s.wait_text(s.text("IDS_COM_SK_OK"))
+    english = s.texts()
+    s.setting("db/menu_widget/language", "string", "de_DE.UTF-8")
+    s.language = "de"
+    s.wait_text(s.text("IDS_COM_SK_CANCEL"))
+    s.wait(lambda: any("3" in t and t not in english for t in s.texts()), "the count in German")
+
+
+def test_everything_open_when_the_mail_goes_or_the_process_ends(s):
+    _, _, ids = arrange(s, mails=2)
+    s.launch()
+    for _ in range(2):
+        s.tap("S2") if s.shows("S2", part=False) else s.tap("S1")
+        s.wait(lambda: len(s.dump()["views"]) == 2, "the reader")
+        break
+    s.phone("mail", "delete", ids[1])
+    s.wait(lambda: len(s.dump()["views"]) == 1, "every view closed")
+    s.press("S1")
+    s.tap(s.text("IDS_EMAIL_SK_REPLY"))
+    s.wait(lambda: len(s.dump()["views"]) == 3, "three views")
+    s.watch("pause")
+    s.watch("resume")
+    s.watch("quit")
+    assert "Leave" in s.log()
+
+
+if __name__ == "__main__":
+    main(globals())
