@@ -1,0 +1,229 @@
+"""The reader from outside: paging, more of a body, read indications, pickover, reading size, hostile texts."""
+import signal
+import time
+
+from brisel_test import equal, mail, main
+
+T0 = 1767600000
+
+
+def arrange(s, count=1, body="Text.", args=(), locked=()):
+    phone = s.serve()
+    account = s.account("account@example.net")
+    s.phone("account", "count", "known")
+    ids = []
+    for n in range(count):
+        at = T0 - n * 60  # the first is the newest
+        extra = ("--locked",) if n in locked else ()
+        ids += s.send(account, mail(f"Subject {n + 1}", body, f"S{n + 1} <s{n + 1}@example.org>", at),
+                      args=("--received", str(at), *args, *extra))
+    s.launch()
+    return phone, account, ids
+
+
+def open_first(s, subject="Subject 1", sender="S1"):
+    s.tap(sender)
+    s.wait_text(subject)
+    time.sleep(0.5)
+
+
+def bottom(s, times=1):
+    """Scrolls down until nothing more moves, as a finger does, then pulls at the end."""
+    for _ in range(times):
+        s.scroll(seconds=0.15)
+
+
+def test_paging_over_the_list_and_back(s):
+    _, _, ids = arrange(s, 5, locked=(2,))
+    open_first(s)
+    for n in (2, 4, 5):
+        s.swipe("left")
+        s.wait_text(f"Subject {n}")
+        s.wait(lambda: s.requests("update_ind")[-1]["id_list"] == [ids[n - 1]], f"read indication of {n}")
+        time.sleep(0.4)
+    s.swipe("left")  # the end
+    time.sleep(0.5)
+    assert s.shows("Subject 5")
+    for n in (4, 2, 1):
+        s.swipe("right")
+        s.wait_text(f"Subject {n}")
+        time.sleep(0.4)
+    assert "Subject 3" not in s.texts()
+    read = [r["id_list"][0] for r in s.requests("update_ind")]
+    assert ids[2] not in read, "a locked mail is never read"
+    s.watch("key", "back")
+    s.wait(lambda: len(s.dump()["views"]) == 1, "the mailbox")
+
+
+def test_each_request_carries_one_mail_and_marks_it(s):
+    _, _, ids = arrange(s, 2)
+    open_first(s)
+    request = s.wait(lambda: s.requests("update_ind"), "the read indication")[0]
+    equal(request["id_list"], [ids[0]], "ids")
+    assert "host_state" in request
+    s.wait(lambda: {m["mail_id"]: bool(m["is_read"]) for m in s.mails()} == {ids[0]: True, ids[1]: False}, "read in the store")
+    s.wait(lambda: s.requests("clear_all_new_flag"), "new flags cleared")
+    equal(s.requests("clear_all_new_flag")[0]["id_list"], [0], "the single 0")
+    s.watch("key", "back")
+    s.wait_gone("N", part=False)
+
+
+BODY = "\n".join(f"Line {n}: the quick brown fox jumps over the lazy dog." for n in range(1, 200))
+
+
+def test_more_of_a_body_piece_by_piece_until_complete(s):
+    _, _, ids = arrange(s, 1, BODY, ("--first", "1500"))
+    open_first(s)
+    more = s.text("IDS_EMAIL_BODY_MORE_ON_MOBILE_DEVICE_ABB")
+    seen = 0
+    for visit in range(6):
+        for _ in range(14):
+            bottom(s)
+            if len(s.requests("more_msg")) > seen:
+                seen = len(s.requests("more_msg"))
+                time.sleep(1.2)
+        stored = s.mails()[0]["body"]
+        if stored.endswith("<tag:thisisover-1>"):
+            break
+        equal(seen <= (visit + 1) * 3, True, "at most three requests a visit")
+        s.watch("key", "back")
+        s.wait_text("S1", part=False)
+        open_first(s)
+    stored = s.mails()[0]["body"]
+    assert stored.endswith("<tag:thisisover-1>"), stored[-60:]
+    equal(stored[: -len("<tag:thisisover-1>")].strip(), BODY.strip(), "the body")
+    for _ in range(30):
+        bottom(s)
+        if s.shows("Line 199"):
+            break
+    assert s.shows("Line 199"), "the end of the text"
+    assert not s.shows(more), "no notice once it is complete"
+    assert not any("<tag" in t for t in s.texts()), "the tag is never shown"
+    count = len(s.requests("more_msg"))
+    bottom(s, 2)
+    equal(len(s.requests("more_msg")), count, "a complete body asks for nothing")
+
+
+def test_no_phone_no_request(s):
+    phone, _, _ = arrange(s, 1, "Short.", ("--first", "3"))
+    s.stop_serve(phone)
+    open_first(s)
+    bottom(s, 3)
+    time.sleep(0.5)
+    phone = s.serve()
+    equal(s.requests("more_msg"), [], "requests")
+    bottom(s, 1)
+    s.wait(lambda: s.requests("more_msg"), "the request once the phone is back")
+    s.wait(lambda: s.mails()[0]["body"].endswith("-1>"), "the rest")
+
+
+def test_a_silent_phone_gives_the_notice_back(s):
+    phone, _, _ = arrange(s, 1, BODY, ("--first", "200"))
+    open_first(s)
+    phone.send_signal(signal.SIGSTOP)
+    try:
+        bottom(s, 3)
+        s.wait(lambda: "more_msg_cb() failed!" in s.log(), "the error", 60)
+    finally:
+        phone.send_signal(signal.SIGCONT)
+    s.wait_text(s.text("IDS_EMAIL_BODY_MORE_ON_MOBILE_DEVICE_ABB"))
+    assert s.shows("Line 1:")
+
+
+def test_pickover(s):
+    _, _, ids = arrange(s, 2)
+    s.wait_text("S1")
+    failed = s.run("brisel-watchctl", "pickover", check=False)
+    assert failed.returncode != 0, "nobody is registered without an open mail"
+    open_first(s)
+    s.watch("pickover")
+    equal(s.wait(lambda: s.requests("show"), "the request")[0]["id_list"], [ids[0]], "the mail on screen")
+    s.watch("pause")
+    assert s.run("brisel-watchctl", "pickover", check=False).returncode != 0, "ended by pause"
+    s.watch("resume")
+    s.swipe("left")
+    s.wait_text("Subject 2")
+    time.sleep(0.5)
+    s.watch("pickover")
+    s.wait(lambda: [r["id_list"] for r in s.requests("show")] == [[ids[0]], [ids[1]]], "the mail after the swipe")
+
+
+def size_of(s, text):
+    return s.wait_text(text)["font_size"]
+
+
+def test_reading_size(s):
+    _, account, _ = arrange(s, 2, "A body of plain words.")
+    open_first(s)
+    normal = size_of(s, "A body of plain words.")
+    width, height = s.size()
+    sizes = []
+    for _ in range(3):
+        s.watch("doubletap", width // 2, height // 2)
+        sizes.append(size_of(s, "A body of plain words."))
+    large, small, again = sizes
+    assert small < normal < large and again == normal, sizes
+    for factor, expected in ((1.15, large), (1.3, large), (0.85, normal), (0.9, normal), (0.5, small), (0.5, small), (1.1, small)):
+        s.watch("pinch", width // 2, height // 2, factor)
+        s.wait(lambda: size_of(s, "A body of plain words.") == expected, f"the size after a pinch by {factor}")
+    s.swipe("left")
+    s.wait_text("Subject 2")
+    equal(size_of(s, "A body of plain words."), small, "the neighbour's size")
+    s.watch("key", "back")
+    s.setting("db/setting/accessibility/font_size", "int", 2)
+    s.tap("S1")
+    s.wait_text("Subject 1")
+    equal(size_of(s, "A body of plain words."), large, "the setting's size")
+
+
+HOSTILE = {
+    "markup": "<b>bold</b> <item size=9999x9999 href=file:///etc/passwd></item> <font_size=900>big",
+    "entities": "&amp; &lt;b&gt; &#65; &nbsp; &unknown; &",
+    "bidi": "abc \u202egnp.exe\u202c \u2066x\u2069 \u200f end",
+    "control": "a\tb\x01\x02\x1b[31mred\x7f z",
+    "tag": "before <tag:thisisover500> after <tag:thisisover",
+    "long": "x" * 100000,
+    "combining": "a" + "\u0301" * 2000 + " end",
+}
+
+
+def test_hostile_texts_are_text(s):
+    s.serve()
+    account = s.account("account@example.net")
+    s.phone("account", "count", "known")
+    s.launch()
+    for n, (name, text) in enumerate(HOSTILE.items()):
+        subject = "Subject " + name if name in ("control", "long", "combining") else text[:80]
+        ids = s.send(account, mail(subject, text, f"Sender{n} <a@example.org>", T0 + n), args=("--received", str(T0 + n)))
+        s.launch(brisel_id=ids[0])
+        s.wait(lambda: len(s.dump()["views"]) == 2, name)
+        if name in ("markup", "entities"):
+            s.wait_text(text[:20])
+        width, height = s.size()
+        for _ in range(3):
+            s.watch("doubletap", width // 2, height // 2)
+        s.scroll()
+        assert s.dump()["views"], name
+        s.watch("key", "back")
+        s.phone("mail", "delete", *ids)
+
+
+def test_deleted_neighbours_and_answers_for_gone_mails(s):
+    _, _, ids = arrange(s, 4, BODY, ("--first", "100"))
+    open_first(s)
+    bottom(s)
+    s.swipe("left")
+    s.wait_text("Subject 2")
+    s.phone("mail", "delete", ids[0])
+    time.sleep(0.5)
+    assert s.shows("Subject 2")
+    s.phone("mail", "delete", ids[2])
+    time.sleep(0.5)
+    s.swipe("left")
+    s.wait_text("Subject 4")
+    s.swipe("right")
+    s.wait_text("Subject 2")
+
+
+if __name__ == "__main__":
+    main(globals())
