@@ -1,0 +1,47 @@
+#include "host.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "store-format.h"
+
+void host_announce(host *h) {
+  const int64_t seq = store_last_change(h->st);
+  if (seq == h->announced) return;
+  h->announced = seq;
+  const int r = sd_bus_emit_signal(h->bus, host_path, watch_interface, "Changed", "x", seq);
+  if (r < 0) fprintf(stderr, "brisel-hostd: a change could not be announced: %s\n", strerror(-r));
+}
+
+int host_fail(const host *h, store_status status, sd_bus_error *error) {
+  if (status == store_failed) fprintf(stderr, "brisel-hostd: %s\n", store_error(h->st).c_str());
+  return sd_bus_error_set(error, status == store_invalid ? HOST_ERROR "Invalid" : HOST_ERROR "Store",
+                          store_error(h->st).c_str());
+}
+
+int host_read_ids(sd_bus_message *m, bool zero_allowed, std::vector<int> *ids, sd_bus_error *error) {
+  const void *data = nullptr;
+  size_t bytes = 0;
+  const int r = sd_bus_message_read_array(m, 'i', &data, &bytes);
+  if (r < 0) return r;
+  const size_t count = bytes / sizeof(int32_t);
+  if (count > ids_max) return sd_bus_error_setf(error, HOST_ERROR "Invalid", "more than %zu ids", ids_max);
+  const int32_t *numbers = static_cast<const int32_t *>(data);
+  ids->reserve(count);
+  for (size_t i = 0; i < count; i++) {
+    if (numbers[i] < 0 || (numbers[i] == 0 && !zero_allowed))
+      return sd_bus_error_setf(error, HOST_ERROR "Invalid", "%d is no id", numbers[i]);
+    ids->push_back(numbers[i]);
+  }
+  return 0;
+}
+
+int host_read_text(sd_bus_message *m, const char *what, size_t max, std::string *text, sd_bus_error *error) {
+  const char *chars = nullptr;
+  const int r = sd_bus_message_read_basic(m, 's', &chars);
+  if (r < 0) return r;
+  *text = chars;
+  if (text->size() > max)
+    return sd_bus_error_setf(error, HOST_ERROR "Invalid", "%s is longer than %zu bytes", what, max);
+  return 0;
+}

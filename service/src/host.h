@@ -1,0 +1,72 @@
+/* The host service's parts: the bus objects of both sides around one store and one phone. Thread: the event loop. */
+#ifndef BRISEL_HOST_H
+#define BRISEL_HOST_H
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <list>
+#include <string>
+#include <vector>
+
+#include "store.h"
+
+constexpr char host_name[] = "com.vextora.brisel.Host";
+constexpr char host_path[] = "/com/vextora/brisel/Host";
+constexpr char watch_interface[] = "com.vextora.brisel.Watch1";
+constexpr char phone_interface[] = "com.vextora.brisel.Phone1";
+
+#define HOST_ERROR "com.vextora.brisel.Error."
+
+/* A piece of a body asked for and not answered yet. Several callers may wait for the same mail's: asking the phone twice
+   would append the piece twice. */
+struct more_request {
+  int64_t id;
+  int mail_id;
+  size_t have;
+  std::vector<sd_bus_message *> callers; /* owned */
+  sd_event_source *timer;
+};
+
+struct host {
+  store *st = nullptr;
+  sd_bus *bus = nullptr;
+  sd_event *event = nullptr;
+  int64_t announced = 0;        /* the newest change told to clients */
+  std::string phone;            /* unique name of the connected phone; empty: none */
+  sd_bus_track *track = nullptr; /* follows the phone's name */
+  std::list<more_request> more;
+  uint64_t more_timeout_usec = 15000000;
+};
+
+extern const sd_bus_vtable watch_vtable[];
+extern const sd_bus_vtable phone_vtable[];
+
+/* --- host.cpp: what both sides use ------------------------------------------------------------------------------- */
+
+/* Tells clients that the store has changed, if it has. */
+void host_announce(host *h);
+/* Sets *error from what the store said. Returns what a method handler must return. */
+int host_fail(const host *h, store_status status, sd_bus_error *error);
+/* Reads an array of ids: at most ids_max, each above 0 unless zero_allowed. */
+int host_read_ids(sd_bus_message *m, bool zero_allowed, std::vector<int> *ids, sd_bus_error *error);
+/* Reads a string of at most max bytes. */
+int host_read_text(sd_bus_message *m, const char *what, size_t max, std::string *text, sd_bus_error *error);
+
+/* --- phone-link.cpp: the connected phone -------------------------------------------------------------------------- */
+
+/* At start: takes back what a service that was killed left saying about its phone. */
+void link_reset(host *h);
+/* Makes sender the phone. The caller has answered it before, so that the waiting requests follow the answer. */
+int link_connect(host *h, const char *sender, sd_bus_error *error);
+void link_send_waiting(host *h);
+/* The phone left, or the service ends. */
+void link_disconnect(host *h);
+/* Sends a request to the phone, if there is one. */
+void link_send(host *h, int64_t id, const std::string &json);
+/* Handles MoreMsg; answers m later. */
+int link_ask_more(host *h, sd_bus_message *m, int mail_id, const std::string &message_uid, sd_bus_error *error);
+int link_answer_more(host *h, int64_t id, int phone_error, const std::string &piece, bool complete,
+                     sd_bus_error *error);
+
+#endif

@@ -1,0 +1,374 @@
+/* com.vextora.brisel.Phone1: what the phone's side may do. */
+#include <cstdio>
+#include <cstring>
+
+#include "host.h"
+#include "store-format.h"
+#include "vconf.h"
+
+namespace {
+
+/* Open reply views watch it and read the templates again; the value only has to be written. */
+constexpr char template_key[] = "memory/private/msg-consumer-server/change_text_template";
+/* Bytes of one ListMails answer, well below what a bus carries in one message. */
+constexpr size_t list_bytes = 32u << 20;
+
+int invalid(sd_bus_error *error, const char *text) { return sd_bus_error_set(error, HOST_ERROR "Invalid", text); }
+
+/* The answer of a method without results, after the store did its work. */
+int finish(host *h, sd_bus_message *m, store_status status, sd_bus_error *error) {
+  if (status) return host_fail(h, status, error);
+  host_announce(h);
+  return sd_bus_reply_method_return(m, "");
+}
+
+int connect_phone(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  int r = link_connect(h, sd_bus_message_get_sender(m), error);
+  if (r < 0) return r;
+  r = sd_bus_reply_method_return(m, "");
+  if (r >= 0) link_send_waiting(h);
+  return r;
+}
+
+int add_account(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::string address, name;
+  int id = 0;
+  uint32_t rgba = 0;
+  int r = sd_bus_message_read_basic(m, 'i', &id);
+  if (r >= 0) r = host_read_text(m, "address", text_max, &address, error);
+  if (r >= 0) r = host_read_text(m, "name", text_max, &name, error);
+  if (r >= 0) r = sd_bus_message_read_basic(m, 'u', &rgba);
+  if (r < 0) return r;
+  const store_status status = store_add_account(h->st, &id, address, name, rgba);
+  if (status) return host_fail(h, status, error);
+  host_announce(h);
+  return sd_bus_reply_method_return(m, "i", id);
+}
+
+int remove_account(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  int id = 0;
+  const int r = sd_bus_message_read_basic(m, 'i', &id);
+  if (r < 0) return r;
+  return finish(h, m, store_remove_account(h->st, id), error);
+}
+
+/* Sends what was appended so far to m's caller, or fails. */
+int send_answer(sd_bus_message *answer, int r) {
+  if (r >= 0) r = sd_bus_send(nullptr, answer, nullptr);
+  sd_bus_message_unref(answer);
+  return r < 0 ? r : 1;
+}
+
+int list_accounts(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::vector<account_value_record> accounts;
+  const store_status status = store_list_accounts(h->st, &accounts);
+  if (status) return host_fail(h, status, error);
+  sd_bus_message *answer = nullptr;
+  int r = sd_bus_message_new_method_return(m, &answer);
+  if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "a{sv}");
+  for (const account_value_record &account : accounts)
+    if (r >= 0)
+      r = sd_bus_message_append(answer, "a{sv}", 5, "account_id", "i", account.account_id, "account_value", "i",
+                                account.account_value, "email_address", "s", account.email_address.c_str(),
+                                "display_name", "s", account.display_name.c_str(), "color", "u", account.color);
+  if (r >= 0) r = sd_bus_message_close_container(answer);
+  return send_answer(answer, r);
+}
+
+int set_account_count(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  int known = 0;
+  const int r = sd_bus_message_read_basic(m, 'b', &known);
+  if (r < 0) return r;
+  return finish(h, m, store_set_account_count_known(h->st, known != 0), error);
+}
+
+int read_contacts(sd_bus_message *m, field_value *value, sd_bus_error *error) {
+  std::vector<contact_value> contacts;
+  int r = sd_bus_message_enter_container(m, 'a', "(is)");
+  while (r >= 0) {
+    int type = 0;
+    const char *number = nullptr;
+    r = sd_bus_message_read(m, "(is)", &type, &number);
+    if (r <= 0) break;
+    contacts.push_back({type, number});
+    if (contacts.size() > contacts_max) return invalid(error, "too many contacts");
+  }
+  if (r >= 0) r = sd_bus_message_exit_container(m);
+  if (r < 0) return r;
+  value->null = contacts.empty();
+  if (!contacts_to_text(contacts, &value->text)) return invalid(error, "a contact's number is no number");
+  return 0;
+}
+
+int read_number(sd_bus_message *m, char type, int64_t *number) {
+  union {
+    uint8_t y;
+    int b;
+    int16_t n;
+    uint16_t q;
+    int32_t i;
+    uint32_t u;
+    int64_t x;
+  } value = {};
+  const int r = sd_bus_message_read_basic(m, type, &value);
+  switch (type) {
+    case 'y':
+      *number = value.y;
+      break;
+    case 'b':
+      *number = value.b;
+      break;
+    case 'n':
+      *number = value.n;
+      break;
+    case 'q':
+      *number = value.q;
+      break;
+    case 'i':
+      *number = value.i;
+      break;
+    case 'u':
+      *number = value.u;
+      break;
+    default:
+      *number = value.x;
+      break;
+  }
+  return r;
+}
+
+/* Reads one a{sv} of fields; 0 at the array's end. */
+int read_mail(sd_bus_message *m, mail_values *mail, sd_bus_error *error) {
+  int r = sd_bus_message_enter_container(m, 'a', "{sv}");
+  if (r <= 0) return r;
+  while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
+    const char *key = nullptr, *contents = nullptr;
+    char type = 0;
+    r = sd_bus_message_read_basic(m, 's', &key);
+    if (r >= 0) r = sd_bus_message_peek_type(m, &type, &contents);
+    if (r >= 0) r = sd_bus_message_enter_container(m, 'v', contents);
+    if (r < 0) return r;
+    const int index = mail_field_index(key);
+    if (index < 0) return sd_bus_error_setf(error, HOST_ERROR "Invalid", "a mail has no field %.64s", key);
+    const field_rule &rule = mail_fields[static_cast<size_t>(index)];
+    field_value &value = mail->field[static_cast<size_t>(index)];
+    const bool is_text = rule.kind == field_kind::text, is_contacts = rule.kind == field_kind::contacts;
+    value.set = true;
+    if (is_text && !strcmp(contents, "s")) {
+      const char *text = nullptr;
+      r = sd_bus_message_read_basic(m, 's', &text);
+      if (r >= 0) value.text = text;
+      value.null = value.text.empty(); /* no text and an empty one are the same to the application */
+    } else if (is_contacts && !strcmp(contents, "a(is)")) {
+      r = read_contacts(m, &value, error);
+    } else if (!is_text && !is_contacts && strlen(contents) == 1 && strchr("ybnqiux", *contents)) {
+      r = read_number(m, *contents, &value.number);
+    } else {
+      return sd_bus_error_setf(error, HOST_ERROR "Invalid", "%s has a value of the wrong type", rule.name);
+    }
+    if (r >= 0) r = sd_bus_message_exit_container(m);
+    if (r >= 0) r = sd_bus_message_exit_container(m);
+    if (r < 0) return r;
+  }
+  if (r >= 0) r = sd_bus_message_exit_container(m);
+  return r < 0 ? r : 1;
+}
+
+int append_ids(sd_bus_message *answer, const std::vector<int> &ids) {
+  return sd_bus_message_append_array(answer, 'i', ids.data(), ids.size() * sizeof(int32_t));
+}
+
+int add_mails(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::vector<mail_values> mails;
+  std::vector<int> ids;
+  int r = sd_bus_message_enter_container(m, 'a', "a{sv}");
+  while (r >= 0) {
+    mail_values mail;
+    r = read_mail(m, &mail, error);
+    if (r <= 0) break;
+    mails.push_back(std::move(mail));
+    if (mails.size() > mails_max) return invalid(error, "too many mails at once");
+  }
+  if (r < 0) return r;
+  const store_status status = store_add_mails(h->st, &mails, &ids);
+  if (status) return host_fail(h, status, error);
+  sd_bus_message *answer = nullptr;
+  r = sd_bus_message_new_method_return(m, &answer);
+  if (r >= 0) r = append_ids(answer, ids);
+  host_announce(h);
+  return send_answer(answer, r);
+}
+
+int update_mail(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  int id = 0;
+  mail_values values;
+  int r = sd_bus_message_read_basic(m, 'i', &id);
+  if (r >= 0) r = read_mail(m, &values, error);
+  if (r < 0) return r;
+  return finish(h, m, store_update_mail(h->st, id, values), error);
+}
+
+int delete_mails(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::vector<int> ids;
+  const int r = host_read_ids(m, false, &ids, error);
+  if (r < 0) return r;
+  return finish(h, m, store_delete_mails(h->st, ids), error);
+}
+
+int append_field(sd_bus_message *answer, const field_rule &rule, const field_value &value) {
+  if (rule.kind == field_kind::text) return sd_bus_message_append(answer, "{sv}", rule.name, "s", value.text.c_str());
+  if (rule.kind == field_kind::time) return sd_bus_message_append(answer, "{sv}", rule.name, "x", value.number);
+  if (rule.kind != field_kind::contacts)
+    return sd_bus_message_append(answer, "{sv}", rule.name, "i", static_cast<int32_t>(value.number));
+  int r = sd_bus_message_open_container(answer, 'e', "sv");
+  if (r >= 0) r = sd_bus_message_append_basic(answer, 's', rule.name);
+  if (r >= 0) r = sd_bus_message_open_container(answer, 'v', "a(is)");
+  if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "(is)");
+  for (const contact_value &contact : contacts_from_text(value.text))
+    if (r >= 0) r = sd_bus_message_append(answer, "(is)", contact.type, contact.number.c_str());
+  for (int i = 0; i < 3; i++)
+    if (r >= 0) r = sd_bus_message_close_container(answer);
+  return r;
+}
+
+int list_mails(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  int after_id = 0, limit = 0;
+  int r = sd_bus_message_read(m, "ii", &after_id, &limit);
+  if (r < 0) return r;
+  if (after_id < 0 || limit < 0) return invalid(error, "after_id and limit are not below 0");
+  std::vector<mail_values> mails;
+  const store_status status =
+      store_list_mails(h->st, after_id, limit ? static_cast<size_t>(limit) : SIZE_MAX, list_bytes, &mails);
+  if (status) return host_fail(h, status, error);
+  sd_bus_message *answer = nullptr;
+  r = sd_bus_message_new_method_return(m, &answer);
+  if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "a{sv}");
+  for (const mail_values &mail : mails) {
+    if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "{sv}");
+    if (r >= 0) r = sd_bus_message_append(answer, "{sv}", "mail_id", "i", mail.mail_id);
+    for (size_t i = 0; i < mail_fields.size(); i++)
+      if (r >= 0) r = append_field(answer, mail_fields[i], mail.field[i]);
+    if (r >= 0) r = sd_bus_message_close_container(answer);
+  }
+  if (r >= 0) r = sd_bus_message_close_container(answer);
+  return send_answer(answer, r);
+}
+
+int set_templates(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::vector<std::string> texts;
+  int r = sd_bus_message_enter_container(m, 'a', "s");
+  while (r >= 0) {
+    const char *text = nullptr;
+    r = sd_bus_message_read_basic(m, 's', &text);
+    if (r <= 0) break;
+    texts.emplace_back(text);
+    if (texts.size() > templates_max) return invalid(error, "too many templates");
+  }
+  if (r < 0) return r;
+  const store_status status = store_set_templates(h->st, texts);
+  if (status) return host_fail(h, status, error);
+  int count = 0;
+  if (vconf_get_int(template_key, &count) != 0 || count == INT32_MAX) count = 0;
+  if (vconf_set_int(template_key, count + 1) != 0)
+    fprintf(stderr, "brisel-hostd: the setting %s cannot be written\n", template_key);
+  return sd_bus_reply_method_return(m, "");
+}
+
+int list_templates(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::vector<std::pair<int, std::string>> templates;
+  const store_status status = store_list_templates(h->st, &templates);
+  if (status) return host_fail(h, status, error);
+  sd_bus_message *answer = nullptr;
+  int r = sd_bus_message_new_method_return(m, &answer);
+  if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "(is)");
+  for (const auto &[id, text] : templates)
+    if (r >= 0) r = sd_bus_message_append(answer, "(is)", id, text.c_str());
+  if (r >= 0) r = sd_bus_message_close_container(answer);
+  return send_answer(answer, r);
+}
+
+int set_status(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  const char *kind = nullptr;
+  int value = 0;
+  const int r = sd_bus_message_read(m, "si", &kind, &value);
+  if (r < 0) return r;
+  const bool is_reply = !strcmp(kind, "reply");
+  if (!is_reply && strcmp(kind, "conn") != 0) return invalid(error, "kind is neither \"reply\" nor \"conn\"");
+  if (value < 0) return invalid(error, "a status is not below 0");
+  return finish(h, m, store_set_state(h->st, is_reply ? "reply_status" : "conn_status", value), error);
+}
+
+bool is_phone(const host *h, sd_bus_message *m) {
+  const char *sender = sd_bus_message_get_sender(m);
+  return sender && !h->phone.empty() && h->phone == sender;
+}
+
+int ack(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  int64_t id = 0;
+  const int r = sd_bus_message_read_basic(m, 'x', &id);
+  if (r < 0) return r;
+  if (!is_phone(h, m)) return invalid(error, "only the connected phone acknowledges requests");
+  return finish(h, m, store_outbox_remove(h->st, id), error);
+}
+
+int answer_more(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  int64_t id = 0;
+  int phone_error = 0, complete = 0;
+  std::string piece;
+  int r = sd_bus_message_read(m, "xi", &id, &phone_error);
+  if (r >= 0) r = host_read_text(m, "piece", body_max, &piece, error);
+  if (r >= 0) r = sd_bus_message_read_basic(m, 'b', &complete);
+  if (r < 0) return r;
+  if (!is_phone(h, m)) return invalid(error, "only the connected phone answers requests");
+  r = link_answer_more(h, id, phone_error, piece, complete != 0, error);
+  return r < 0 ? r : sd_bus_reply_method_return(m, "");
+}
+
+}  // namespace
+
+/* Keep com.vextora.brisel.Host.xml the same. */
+const sd_bus_vtable phone_vtable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD_WITH_ARGS("Connect", SD_BUS_NO_ARGS, SD_BUS_NO_RESULT, connect_phone, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("AddAccount", SD_BUS_ARGS("i", id, "s", address, "s", name, "u", rgba),
+                            SD_BUS_RESULT("i", id), add_account, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("RemoveAccount", SD_BUS_ARGS("i", id), SD_BUS_NO_RESULT, remove_account,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("ListAccounts", SD_BUS_NO_ARGS, SD_BUS_RESULT("aa{sv}", accounts), list_accounts,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("SetAccountCount", SD_BUS_ARGS("b", known), SD_BUS_NO_RESULT, set_account_count,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("AddMails", SD_BUS_ARGS("aa{sv}", mails), SD_BUS_RESULT("ai", ids), add_mails,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("UpdateMail", SD_BUS_ARGS("i", id, "a{sv}", fields), SD_BUS_NO_RESULT, update_mail,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("DeleteMails", SD_BUS_ARGS("ai", ids), SD_BUS_NO_RESULT, delete_mails,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("ListMails", SD_BUS_ARGS("i", after_id, "i", limit), SD_BUS_RESULT("aa{sv}", mails),
+                            list_mails, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("SetTemplates", SD_BUS_ARGS("as", texts), SD_BUS_NO_RESULT, set_templates,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("ListTemplates", SD_BUS_NO_ARGS, SD_BUS_RESULT("a(is)", templates), list_templates,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("SetStatus", SD_BUS_ARGS("s", kind, "i", value), SD_BUS_NO_RESULT, set_status,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("Ack", SD_BUS_ARGS("x", id), SD_BUS_NO_RESULT, ack, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("AnswerMore", SD_BUS_ARGS("x", id, "i", error, "s", piece, "b", complete),
+                            SD_BUS_NO_RESULT, answer_more, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_SIGNAL_WITH_ARGS("Request", SD_BUS_ARGS("x", id, "s", json, "a{sv}", extra), 0),
+    SD_BUS_VTABLE_END,
+};

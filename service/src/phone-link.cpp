@@ -1,0 +1,181 @@
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "host.h"
+#include "store-format.h"
+#include "vconf.h"
+
+namespace {
+
+/* What the application and the clock of others read: the link to the phone is up. */
+constexpr char link_key[] = "memory/wms/wmanager_connected";
+
+void set_link(host *h, bool up) {
+  /* The store says so first: after a kill in between, the next start knows that the setting may be ours to take back. */
+  if (up && store_set_state(h->st, "phone_connected", 1) != store_ok)
+    fprintf(stderr, "brisel-hostd: %s\n", store_error(h->st).c_str());
+  if (vconf_set_bool(link_key, up) != 0) fprintf(stderr, "brisel-hostd: the setting %s cannot be written\n", link_key);
+  if (!up && store_set_state(h->st, "phone_connected", 0) != store_ok)
+    fprintf(stderr, "brisel-hostd: %s\n", store_error(h->st).c_str());
+}
+
+void answer_error(sd_bus_message *caller, const char *name, const char *text) {
+  const sd_bus_error error = {name, text, 0};
+  const int r = sd_bus_reply_method_error(caller, &error);
+  if (r < 0) fprintf(stderr, "brisel-hostd: an answer could not be sent: %s\n", strerror(-r));
+}
+
+using more_place = std::list<more_request>::iterator;
+
+/* Takes the request out of the list and answers all who wait for it: with the mail's id, or with an error. */
+void finish_more(host *h, more_place place, const char *error, const char *text) {
+  more_request request = std::move(*place);
+  h->more.erase(place);
+  sd_event_source_disable_unref(request.timer);
+  for (sd_bus_message *caller : request.callers) {
+    if (error) {
+      answer_error(caller, error, text);
+    } else {
+      const int r = sd_bus_reply_method_return(caller, "ai", 1, request.mail_id);
+      if (r < 0) fprintf(stderr, "brisel-hostd: an answer could not be sent: %s\n", strerror(-r));
+    }
+    sd_bus_message_unref(caller);
+  }
+}
+
+int more_timeout_cb(sd_event_source *source, uint64_t usec, void *data) {
+  host *h = static_cast<host *>(data);
+  for (more_place place = h->more.begin(); place != h->more.end(); ++place)
+    if (place->timer == source) {
+      finish_more(h, place, HOST_ERROR "Timeout", "the phone did not answer in time");
+      break;
+    }
+  return 0;
+}
+
+int track_cb(sd_bus_track *track, void *data) {
+  link_disconnect(static_cast<host *>(data));
+  return 0;
+}
+
+int send_request(host *h, int64_t id, const std::string &json, int64_t have) {
+  sd_bus_message *m = nullptr;
+  int r = sd_bus_message_new_signal(h->bus, &m, host_path, phone_interface, "Request");
+  if (r >= 0) r = sd_bus_message_set_destination(m, h->phone.c_str());
+  if (r >= 0) r = sd_bus_message_append(m, "xs", id, json.c_str());
+  if (r >= 0) {
+    r = have < 0 ? sd_bus_message_append(m, "a{sv}", 0) : sd_bus_message_append(m, "a{sv}", 1, "have", "x", have);
+  }
+  if (r >= 0) r = sd_bus_send(h->bus, m, nullptr);
+  sd_bus_message_unref(m);
+  if (r < 0) fprintf(stderr, "brisel-hostd: request %" PRId64 " could not be sent: %s\n", id, strerror(-r));
+  return r;
+}
+
+}  // namespace
+
+void link_reset(host *h) {
+  /* Only what the service itself said: the setting may have been made by hand. */
+  if (store_get_state(h->st, "phone_connected", 0)) set_link(h, false);
+}
+
+int link_connect(host *h, const char *sender, sd_bus_error *error) {
+  if (h->phone == sender) return 0;
+  if (!h->phone.empty()) return sd_bus_error_set(error, HOST_ERROR "Busy", "another phone is connected");
+  int r = sd_bus_track_new(h->bus, &h->track, track_cb, h);
+  if (r >= 0) r = sd_bus_track_add_name(h->track, sender);
+  if (r < 0) {
+    h->track = sd_bus_track_unref(h->track);
+    return r;
+  }
+  h->phone = sender;
+  set_link(h, true);
+  return 0;
+}
+
+void link_send_waiting(host *h) {
+  std::vector<outbox_entry> waiting;
+  if (store_outbox(h->st, &waiting) != store_ok) {
+    fprintf(stderr, "brisel-hostd: %s\n", store_error(h->st).c_str());
+    return;
+  }
+  for (const outbox_entry &entry : waiting)
+    if (send_request(h, entry.id, entry.json, -1) < 0) return; /* in order, or not at all */
+}
+
+void link_disconnect(host *h) {
+  if (h->phone.empty()) return;
+  h->phone.clear();
+  h->track = sd_bus_track_unref(h->track);
+  while (!h->more.empty())
+    finish_more(h, h->more.begin(), HOST_ERROR "NoPhone", "the phone has left");
+  set_link(h, false);
+}
+
+void link_send(host *h, int64_t id, const std::string &json) {
+  if (!h->phone.empty()) send_request(h, id, json, -1);
+}
+
+int link_ask_more(host *h, sd_bus_message *m, int mail_id, const std::string &message_uid, sd_bus_error *error) {
+  std::string body, stored_uid;
+  const store_status status = store_get_body(h->st, mail_id, &body, &stored_uid);
+  if (status) return host_fail(h, status, error);
+  if (stored_uid != message_uid)
+    return sd_bus_error_setf(error, HOST_ERROR "Invalid", "mail %d has another message_uid", mail_id);
+  if (body.ends_with(tag_complete)) return sd_bus_reply_method_return(m, "ai", 1, mail_id); /* nothing to ask for */
+  if (h->phone.empty()) return sd_bus_error_set(error, HOST_ERROR "NoPhone", "no phone is connected");
+
+  uint64_t now = 0;
+  int r = sd_event_now(h->event, CLOCK_MONOTONIC, &now);
+  if (r < 0) return r;
+  for (more_request &request : h->more)
+    if (request.mail_id == mail_id) {
+      r = sd_event_source_set_time(request.timer, now + h->more_timeout_usec);
+      if (r < 0) return r;
+      request.callers.push_back(sd_bus_message_ref(m));
+      return 1;
+    }
+
+  more_request request = {};
+  request.mail_id = mail_id;
+  request.have = body_length(body);
+  const store_status numbered = store_new_request_id(h->st, &request.id);
+  if (numbered) return host_fail(h, numbered, error);
+  nlohmann::ordered_json json = {{"request", "more_msg"}, {"message_uid", message_uid}, {"mail_id", mail_id}};
+  const std::string text = json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  /* Half a second of slack would be harmless, but the accuracy of 0 means the default: a quarter of a second. */
+  r = sd_event_add_time(h->event, &request.timer, CLOCK_MONOTONIC, now + h->more_timeout_usec, 0, more_timeout_cb, h);
+  if (r >= 0) r = send_request(h, request.id, text, static_cast<int64_t>(request.have));
+  if (r < 0) {
+    sd_event_source_disable_unref(request.timer);
+    return r;
+  }
+  request.callers.push_back(sd_bus_message_ref(m));
+  h->more.push_back(std::move(request));
+  return 1;
+}
+
+int link_answer_more(host *h, int64_t id, int phone_error, const std::string &piece, bool complete,
+                     sd_bus_error *error) {
+  more_place place = h->more.begin();
+  while (place != h->more.end() && place->id != id) ++place;
+  if (place == h->more.end())
+    return sd_bus_error_setf(error, HOST_ERROR "Invalid", "no request %" PRId64 " waits for an answer", id);
+  if (phone_error) {
+    char text[64];
+    snprintf(text, sizeof(text), "the phone answered with error %d", phone_error);
+    finish_more(h, place, HOST_ERROR "Phone", text);
+    return 0;
+  }
+  const store_status status = store_append_body(h->st, place->mail_id, place->have, piece, complete);
+  if (status) {
+    finish_more(h, place, status == store_invalid ? HOST_ERROR "Invalid" : HOST_ERROR "Store",
+                store_error(h->st).c_str());
+    return host_fail(h, status, error);
+  }
+  finish_more(h, place, nullptr, nullptr);
+  host_announce(h);
+  return 0;
+}

@@ -1,0 +1,136 @@
+/*
+ * The store's only writer. Each call is one transaction: when it returns store_ok, its outcome is on disk; when it
+ * returns anything else, nothing was changed and store_error() says why in one line.
+ * No call throws, keeps a pointer given to it, or knows the bus. Thread: any one.
+ */
+#ifndef BRISEL_STORE_H
+#define BRISEL_STORE_H
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+struct store;
+
+enum store_status {
+  store_ok = 0,
+  store_done = 1,     /* a request of that uid was done before: nothing to do */
+  store_invalid = -1, /* an argument breaks a rule, or names no mail or account */
+  store_failed = -2   /* the file could not be read or written */
+};
+
+/* --- fields of a mail ------------------------------------------------------------------------------------------ */
+
+enum class field_kind { text, number, flag, time, contacts };
+
+struct field_rule {
+  const char *name; /* of the column, and of the key on the bus */
+  field_kind kind;
+  size_t max; /* bytes of a text, numbers of contacts */
+};
+
+/* The columns of a mail besides its id, in the table's order. */
+extern const std::array<field_rule, 15> mail_fields;
+constexpr size_t field_account = 5;
+constexpr size_t field_time = 1;
+constexpr size_t field_new = 4;
+constexpr size_t field_body = 14;
+
+struct contact_value {
+  int type;
+  std::string number;
+};
+
+struct field_value {
+  bool set = false;
+  bool null = false;
+  int64_t number = 0;
+  std::string text;
+};
+
+struct mail_values {
+  int mail_id = 0; /* of a mail that was read */
+  std::array<field_value, 15> field;
+};
+
+/* -1 when there is no such field. */
+int mail_field_index(const char *name);
+/* How the contacts column is written; false when a number is empty, too long, holds control characters, or there are too
+   many. */
+bool contacts_to_text(const std::vector<contact_value> &contacts, std::string *text);
+std::vector<contact_value> contacts_from_text(const std::string &text);
+
+struct account_value_record {
+  int account_id;
+  int account_value;
+  std::string email_address;
+  std::string display_name;
+  uint32_t color;
+};
+
+/* --- opening --------------------------------------------------------------------------------------------------- */
+
+/* Opens the store, makes it when there is none or the file is empty, and brings an older one up to date. Refuses, and
+   leaves as it is, a file that is no store, is newer than this build, or is in use by another service. On failure NULL,
+   with *why a one-line text. */
+store *store_open(const std::string &path, std::string *why);
+/* NULL is allowed. */
+void store_close(store *st);
+const std::string &store_error(const store *st);
+
+/* The number of the newest change. */
+int64_t store_last_change(store *st);
+
+/* --- the phone's side ------------------------------------------------------------------------------------------ */
+
+/* *id: 0 for a new one; an account that exists takes the new values. */
+store_status store_add_account(store *st, int *id, const std::string &address, const std::string &name, uint32_t rgba);
+store_status store_remove_account(store *st, int id);
+store_status store_list_accounts(store *st, std::vector<account_value_record> *accounts);
+store_status store_set_account_count_known(store *st, bool known);
+store_status store_add_mails(store *st, std::vector<mail_values> *mails, std::vector<int> *ids);
+store_status store_update_mail(store *st, int mail_id, const mail_values &values);
+store_status store_delete_mails(store *st, const std::vector<int> &ids);
+/* Stops before limit mails, or before bytes are exceeded (one mail at least). */
+store_status store_list_mails(store *st, int after_id, size_t limit, size_t bytes, std::vector<mail_values> *mails);
+store_status store_set_templates(store *st, const std::vector<std::string> &texts);
+store_status store_list_templates(store *st, std::vector<std::pair<int, std::string>> *templates);
+/* key: "reply_status", "conn_status" or "phone_connected". */
+store_status store_set_state(store *st, const char *key, int value);
+/* fallback when it was never set or cannot be read. */
+int store_get_state(store *st, const char *key, int fallback);
+
+/* --- the application's side ------------------------------------------------------------------------------------- */
+
+/* A request that waits for a phone. */
+struct outbox_entry {
+  int64_t id;
+  std::string json;
+};
+
+/* Each does its work, puts json into the outbox and remembers uid, all in one transaction; *entry gets the outbox's id.
+   store_done when the uid is known already. */
+store_status store_request_delete(store *st, const std::string &uid, const std::string &json,
+                                  const std::vector<int> &ids, int64_t *entry);
+store_status store_request_read(store *st, const std::string &uid, const std::string &json, const std::vector<int> &ids,
+                                int64_t *entry);
+store_status store_request_clear_new(store *st, const std::string &uid, const std::string &json, int64_t *entry);
+/* No work besides telling the phone. */
+store_status store_request_relay(store *st, const std::string &uid, const std::string &json, int64_t *entry);
+
+store_status store_outbox(store *st, std::vector<outbox_entry> *entries);
+/* An id that is not there (any more) is no error. */
+store_status store_outbox_remove(store *st, int64_t id);
+/* An id for a request that does not wait; unlike any other, for ever. */
+store_status store_new_request_id(store *st, int64_t *id);
+
+/* The body and the message uid of a mail. */
+store_status store_get_body(store *st, int mail_id, std::string *body, std::string *message_uid);
+/* Appends piece behind the have bytes of the body's text and sets the tag. store_invalid when the body is no longer that
+   long. What would not fit is left out, and the body then counts as complete. */
+store_status store_append_body(store *st, int mail_id, size_t have, const std::string &piece, bool complete);
+
+#endif

@@ -1,0 +1,150 @@
+/* com.vextora.brisel.Watch1: what the application asks for. */
+#include <nlohmann/json.hpp>
+
+#include "host.h"
+#include "store-format.h"
+
+namespace {
+
+using json_record = nlohmann::ordered_json; /* the fields in the records' order */
+
+std::string to_text(const json_record &json) {
+  return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+/* After the store took the request: clients hear of the change, the phone of the request, the caller that it is done. */
+int finish(host *h, sd_bus_message *m, store_status status, int64_t entry, const json_record &json,
+           sd_bus_error *error) {
+  if (status < 0) return host_fail(h, status, error);
+  if (status == store_ok) {
+    host_announce(h);
+    link_send(h, entry, to_text(json));
+  }
+  return sd_bus_reply_method_return(m, "");
+}
+
+int delete_notis(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::string uid;
+  std::vector<int> ids;
+  int r = host_read_text(m, "uid", uid_max, &uid, error);
+  if (r >= 0) r = host_read_ids(m, false, &ids, error);
+  if (r < 0) return r;
+  const json_record json = {{"request", "delete_notis"}, {"id_list", ids}};
+  int64_t entry = 0;
+  const store_status status = store_request_delete(h->st, uid, to_text(json), ids, &entry);
+  return finish(h, m, status, entry, json, error);
+}
+
+int update_ind(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::string uid;
+  std::vector<int> ids;
+  int host_state = 0;
+  int r = host_read_text(m, "uid", uid_max, &uid, error);
+  if (r >= 0) r = host_read_ids(m, false, &ids, error);
+  if (r >= 0) r = sd_bus_message_read_basic(m, 'i', &host_state);
+  if (r < 0) return r;
+  const json_record json = {{"request", "update_ind"}, {"id_list", ids}, {"host_state", host_state}};
+  int64_t entry = 0;
+  const store_status status = store_request_read(h->st, uid, to_text(json), ids, &entry);
+  return finish(h, m, status, entry, json, error);
+}
+
+int clear_all_new_flag(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::string uid;
+  std::vector<int> ids;
+  int r = host_read_text(m, "uid", uid_max, &uid, error);
+  if (r >= 0) r = host_read_ids(m, true, &ids, error);
+  if (r < 0) return r;
+  const json_record json = {{"request", "clear_all_new_flag"}, {"id_list", ids}};
+  int64_t entry = 0;
+  const store_status status = store_request_clear_new(h->st, uid, to_text(json), &entry);
+  return finish(h, m, status, entry, json, error);
+}
+
+int reply(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::string uid, host_tag, action, message_uid, recipient, text, subject;
+  int mail_id = 0;
+  int r = host_read_text(m, "uid", uid_max, &uid, error);
+  if (r >= 0) r = host_read_text(m, "host_tag", token_max, &host_tag, error);
+  if (r >= 0) r = host_read_text(m, "action", token_max, &action, error);
+  if (r >= 0) r = host_read_text(m, "message_uid", token_max, &message_uid, error);
+  if (r >= 0) r = host_read_text(m, "recipient", text_max, &recipient, error);
+  if (r >= 0) r = host_read_text(m, "text", body_max, &text, error);
+  if (r >= 0) r = sd_bus_message_read_basic(m, 'i', &mail_id);
+  if (r >= 0) r = host_read_text(m, "subject", text_max, &subject, error);
+  if (r < 0) return r;
+  /* The mail may have been deleted while the reply was written: the reply is the user's and is sent all the same. */
+  if (mail_id <= 0) return sd_bus_error_setf(error, HOST_ERROR "Invalid", "%d is no mail id", mail_id);
+  const json_record json = {{"request", "reply"},   {"host_tag", host_tag}, {"action", action},
+                            {"message_uid", message_uid}, {"recipient", recipient}, {"text", text},
+                            {"mail_id", mail_id},   {"subject", subject}};
+  int64_t entry = 0;
+  const store_status status = store_request_relay(h->st, uid, to_text(json), &entry);
+  return finish(h, m, status, entry, json, error);
+}
+
+int no_account(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::string uid;
+  const int r = host_read_text(m, "uid", uid_max, &uid, error);
+  if (r < 0) return r;
+  json_record json;
+  json["request"] = "no_account";
+  int64_t entry = 0;
+  const store_status status = store_request_relay(h->st, uid, to_text(json), &entry);
+  return finish(h, m, status, entry, json, error);
+}
+
+int show(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::string uid, kind;
+  std::vector<int> ids;
+  int r = host_read_text(m, "uid", uid_max, &uid, error);
+  if (r >= 0) r = host_read_text(m, "kind", token_max, &kind, error);
+  if (r >= 0) r = host_read_ids(m, false, &ids, error);
+  if (r < 0) return r;
+  if (kind.empty()) return sd_bus_error_set(error, HOST_ERROR "Invalid", "kind is empty");
+  const json_record json = {{"request", "show"}, {"kind", kind}, {"id_list", ids}};
+  int64_t entry = 0;
+  const store_status status = store_request_relay(h->st, uid, to_text(json), &entry);
+  return finish(h, m, status, entry, json, error);
+}
+
+int more_msg(sd_bus_message *m, void *data, sd_bus_error *error) {
+  std::string uid, message_uid;
+  int mail_id = 0;
+  int r = host_read_text(m, "uid", uid_max, &uid, error);
+  if (r >= 0) r = host_read_text(m, "message_uid", token_max, &message_uid, error);
+  if (r >= 0) r = sd_bus_message_read_basic(m, 'i', &mail_id);
+  if (r < 0) return r;
+  return link_ask_more(static_cast<host *>(data), m, mail_id, message_uid, error);
+}
+
+}  // namespace
+
+/* Keep com.vextora.brisel.Host.xml the same. */
+const sd_bus_vtable watch_vtable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD_WITH_ARGS("DeleteNotis", SD_BUS_ARGS("s", uid, "ai", ids), SD_BUS_NO_RESULT, delete_notis,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("UpdateInd", SD_BUS_ARGS("s", uid, "ai", ids, "i", host_state), SD_BUS_NO_RESULT,
+                            update_ind, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("ClearAllNewFlag", SD_BUS_ARGS("s", uid, "ai", ids), SD_BUS_NO_RESULT, clear_all_new_flag,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("Reply",
+                            SD_BUS_ARGS("s", uid, "s", host_tag, "s", action, "s", message_uid, "s", recipient, "s",
+                                        text, "i", mail_id, "s", subject),
+                            SD_BUS_NO_RESULT, reply, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("NoAccount", SD_BUS_ARGS("s", uid), SD_BUS_NO_RESULT, no_account,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("Show", SD_BUS_ARGS("s", uid, "s", kind, "ai", ids), SD_BUS_NO_RESULT, show,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("MoreMsg", SD_BUS_ARGS("s", uid, "s", message_uid, "i", mail_id), SD_BUS_RESULT("ai", ids),
+                            more_msg, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_SIGNAL_WITH_ARGS("Changed", SD_BUS_ARGS("x", seq), 0),
+    SD_BUS_VTABLE_END,
+};
