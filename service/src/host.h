@@ -18,8 +18,8 @@ constexpr char phone_interface[] = "com.vextora.brisel.Phone1";
 
 #define HOST_ERROR "com.vextora.brisel.Error."
 
-/* A piece of a body asked for and not answered yet. Several callers may wait for the same mail's: asking the phone twice
-   would append the piece twice. */
+/* A piece of a body asked for and not answered yet. Several callers may wait for the same mail's: asking the phone
+   twice would append the piece twice. */
 struct more_request {
   int64_t id;
   int mail_id;
@@ -32,8 +32,8 @@ struct host {
   store *st = nullptr;
   sd_bus *bus = nullptr;
   sd_event *event = nullptr;
-  int64_t announced = 0;        /* the newest change told to clients */
-  std::string phone;            /* unique name of the connected phone; empty: none */
+  int64_t announced = 0;         /* the newest change told to clients */
+  std::string phone;             /* unique name of the connected phone; empty: none */
   sd_bus_track *track = nullptr; /* follows the phone's name */
   std::list<more_request> more;
   uint64_t more_timeout_usec = 15000000;

@@ -77,8 +77,7 @@ int serve(host *h) {
   r = sd_bus_open_user(&h->bus);
   if (r < 0) return fail("no session bus", r);
   r = sd_bus_set_exit_on_disconnect(h->bus, 1);
-  if (r >= 0)
-    r = sd_bus_add_object_vtable(h->bus, nullptr, host_path, watch_interface, watch_vtable, h);
+  if (r >= 0) r = sd_bus_add_object_vtable(h->bus, nullptr, host_path, watch_interface, watch_vtable, h);
   if (r >= 0) r = sd_bus_add_object_vtable(h->bus, nullptr, host_path, phone_interface, phone_vtable, h);
   if (r >= 0) r = sd_bus_attach_event(h->bus, h->event, SD_EVENT_PRIORITY_NORMAL);
   if (r < 0) return fail("the session bus", r);
@@ -90,7 +89,11 @@ int serve(host *h) {
     fprintf(stderr, "brisel-hostd: another one is running on this bus\n");
     return EXIT_FAILURE;
   }
-  if (r < 0) return fail("the name " "com.vextora.brisel.Host", r);
+  if (r < 0)
+    return fail(
+        "the name "
+        "com.vextora.brisel.Host",
+        r);
   /* Clients that were there before learn what an earlier service could not tell them any more. */
   host_announce(h);
 

@@ -13,7 +13,9 @@ constexpr char template_key[] = "memory/private/msg-consumer-server/change_text_
 /* Bytes of one ListMails answer, well below what a bus carries in one message. */
 constexpr size_t list_bytes = 32u << 20;
 
-int invalid(sd_bus_error *error, const char *text) { return sd_bus_error_set(error, HOST_ERROR "Invalid", text); }
+int invalid(sd_bus_error *error, const char *text) {
+  return sd_bus_error_set(error, HOST_ERROR "Invalid", text);
+}
 
 /* The answer of a method without results, after the store did its work. */
 int finish(host *h, sd_bus_message *m, store_status status, sd_bus_error *error) {
@@ -367,8 +369,8 @@ const sd_bus_vtable phone_vtable[] = {
     SD_BUS_METHOD_WITH_ARGS("SetStatus", SD_BUS_ARGS("s", kind, "i", value), SD_BUS_NO_RESULT, set_status,
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Ack", SD_BUS_ARGS("x", id), SD_BUS_NO_RESULT, ack, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD_WITH_ARGS("AnswerMore", SD_BUS_ARGS("x", id, "i", error, "s", piece, "b", complete),
-                            SD_BUS_NO_RESULT, answer_more, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("AnswerMore", SD_BUS_ARGS("x", id, "i", error, "s", piece, "b", complete), SD_BUS_NO_RESULT,
+                            answer_more, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_SIGNAL_WITH_ARGS("Request", SD_BUS_ARGS("x", id, "s", json, "a{sv}", extra), 0),
     SD_BUS_VTABLE_END,
 };

@@ -13,7 +13,8 @@ namespace {
 constexpr char link_key[] = "memory/wms/wmanager_connected";
 
 void set_link(host *h, bool up) {
-  /* The store says so first: after a kill in between, the next start knows that the setting may be ours to take back. */
+  /* The store says so first: after a kill in between, the next start knows that the setting may be ours to take back.
+   */
   if (up && store_set_state(h->st, "phone_connected", 1) != store_ok)
     fprintf(stderr, "brisel-hostd: %s\n", store_error(h->st).c_str());
   if (vconf_set_bool(link_key, up) != 0) fprintf(stderr, "brisel-hostd: the setting %s cannot be written\n", link_key);
@@ -109,8 +110,7 @@ void link_disconnect(host *h) {
   if (h->phone.empty()) return;
   h->phone.clear();
   h->track = sd_bus_track_unref(h->track);
-  while (!h->more.empty())
-    finish_more(h, h->more.begin(), HOST_ERROR "NoPhone", "the phone has left");
+  while (!h->more.empty()) finish_more(h, h->more.begin(), HOST_ERROR "NoPhone", "the phone has left");
   set_link(h, false);
 }
 

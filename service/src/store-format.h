@@ -21,12 +21,12 @@ constexpr std::string_view tag_start = "<tag:thisisover";
 
 /* Bounds, in bytes, of what anyone may put into the store. */
 constexpr size_t body_max = 4u << 20;
-constexpr size_t text_max = 16u << 10;  /* subject, names, addresses, templates */
-constexpr size_t token_max = 4u << 10;  /* host_tag, message_uid */
-constexpr size_t number_max = 128;      /* one phone number */
-constexpr size_t contacts_max = 64;     /* numbers of one sender */
-constexpr size_t mails_max = 20000;     /* mails of one call */
-constexpr size_t ids_max = 100000;      /* ids of one call */
+constexpr size_t text_max = 16u << 10; /* subject, names, addresses, templates */
+constexpr size_t token_max = 4u << 10; /* host_tag, message_uid */
+constexpr size_t number_max = 128;     /* one phone number */
+constexpr size_t contacts_max = 64;    /* numbers of one sender */
+constexpr size_t mails_max = 20000;    /* mails of one call */
+constexpr size_t ids_max = 100000;     /* ids of one call */
 constexpr size_t templates_max = 1000;
 constexpr size_t uid_max = 128;
 

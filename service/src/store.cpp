@@ -70,7 +70,9 @@ __attribute__((format(printf, 3, 4))) store_status fail(store *st, store_status 
   return status;
 }
 
-store_status fail_sqlite(store *st) { return fail(st, store_failed, "the store failed: %s", sqlite3_errmsg(st->db)); }
+store_status fail_sqlite(store *st) {
+  return fail(st, store_failed, "the store failed: %s", sqlite3_errmsg(st->db));
+}
 
 /* One statement, from prepare to finalize. A statement that could not be prepared fails at its first step. */
 struct statement {
@@ -151,7 +153,9 @@ bool exists(store *st, const char *sql, int id) {
   return find.bind(id).step() == SQLITE_ROW;
 }
 
-bool account_exists(store *st, int id) { return exists(st, "SELECT 1 FROM account WHERE account_id = ?", id); }
+bool account_exists(store *st, int id) {
+  return exists(st, "SELECT 1 FROM account WHERE account_id = ?", id);
+}
 
 /* Runs sql for each id; the ids that it changed a row for go to *changed, each once. */
 store_status run_for_ids(store *st, const char *sql, const std::vector<int> &ids, std::vector<int> *changed) {
@@ -266,8 +270,9 @@ store *store_open(const std::string &path, std::string *why) {
       sqlite3_extended_result_codes(st->db, 1);
       sqlite3_busy_timeout(st->db, 10000);
       /* FULL: in WAL mode only this syncs the log at every commit, which is what an acknowledgement promises. */
-      good = run_sql(st, "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON;"
-                         "PRAGMA trusted_schema = OFF; PRAGMA cell_size_check = ON") == store_ok &&
+      good = run_sql(st,
+                     "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON;"
+                     "PRAGMA trusted_schema = OFF; PRAGMA cell_size_check = ON") == store_ok &&
              bring_up_to_date(st) == store_ok;
     }
     if (!good) *why = path + " cannot be opened: " + (st->db ? sqlite3_errmsg(st->db) : "no memory");
@@ -284,7 +289,9 @@ void store_close(store *st) {
   delete st;
 }
 
-const std::string &store_error(const store *st) { return st->error; }
+const std::string &store_error(const store *st) {
+  return st->error;
+}
 
 int64_t store_last_change(store *st) {
   statement last(st, "SELECT max(seq) FROM changes");
@@ -363,8 +370,7 @@ store_status check_values(store *st, const mail_values &values) {
         break;
     }
   }
-  if (values.field[2].set && values.field[2].number < 0)
-    return fail(st, store_invalid, "attachment_count is below 0");
+  if (values.field[2].set && values.field[2].number < 0) return fail(st, store_invalid, "attachment_count is below 0");
   return store_ok;
 }
 
@@ -412,8 +418,7 @@ store_status store_add_account(store *st, int *id, const std::string &address, c
       if (updated || sqlite3_changes(st->db) == 0) return updated;
       return add_change(st, BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD, {*id});
     }
-    statement insert(st,
-                     "INSERT INTO account (account_id, email_address, display_name, color) VALUES (?, ?, ?, ?)");
+    statement insert(st, "INSERT INTO account (account_id, email_address, display_name, color) VALUES (?, ?, ?, ?)");
     *id ? insert.bind(*id) : insert.bind_null();
     insert.bind(address);
     name.empty() ? insert.bind_null() : insert.bind(name);
@@ -465,8 +470,8 @@ store_status store_list_accounts(store *st, std::vector<account_value_record> *a
                  "ORDER BY account_id");
   int r;
   while ((r = list.step()) == SQLITE_ROW)
-    accounts->push_back({static_cast<int>(list.number(0)), static_cast<int>(list.number(1)), list.text(2),
-                         list.text(3), static_cast<uint32_t>(list.number(4))});
+    accounts->push_back({static_cast<int>(list.number(0)), static_cast<int>(list.number(1)), list.text(2), list.text(3),
+                         static_cast<uint32_t>(list.number(4))});
   return r == SQLITE_DONE ? store_ok : fail_sqlite(st);
 }
 
@@ -476,8 +481,7 @@ store_status store_set_account_count_known(store *st, bool known) {
     statement set(st, "INSERT OR REPLACE INTO state (key, value) VALUES ('account_count_known', ?)");
     store_status status = set.bind(known ? 1 : 0).run();
     /* Only the way to known is news: the event says that the number is to be had now. */
-    if (!status && known && before != 1)
-      status = add_change(st, BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS, {});
+    if (!status && known && before != 1) status = add_change(st, BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS, {});
     return status;
   });
 }
@@ -491,15 +495,14 @@ store_status store_add_mails(store *st, std::vector<mail_values> *mails, std::ve
     set_number(&mail, field_time, now);
     set_number(&mail, field_new, 1);
     for (size_t i = 0; i < mail_fields.size(); i++)
-      if (mail_fields[i].kind == field_kind::number || mail_fields[i].kind == field_kind::flag)
-        set_number(&mail, i, 0);
+      if (mail_fields[i].kind == field_kind::number || mail_fields[i].kind == field_kind::flag) set_number(&mail, i, 0);
     const store_status status = check_values(st, mail);
     if (status) return status;
   }
   ids->clear();
   return transaction(st, [&]() -> store_status {
-    const std::string sql = std::string("INSERT INTO mail (") + mail_columns +
-                            ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+    const std::string sql =
+        std::string("INSERT INTO mail (") + mail_columns + ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
     statement insert(st, sql.c_str());
     for (const mail_values &mail : *mails) {
       const int account = static_cast<int>(mail.field[field_account].number);
@@ -561,7 +564,8 @@ store_status store_delete_mails(store *st, const std::vector<int> &ids) {
 }
 
 store_status store_list_mails(store *st, int after_id, size_t limit, size_t bytes, std::vector<mail_values> *mails) {
-  const std::string sql = std::string("SELECT ") + mail_columns + ", mail_id FROM mail WHERE mail_id > ? ORDER BY mail_id";
+  const std::string sql =
+      std::string("SELECT ") + mail_columns + ", mail_id FROM mail WHERE mail_id > ? ORDER BY mail_id";
   statement list(st, sql.c_str());
   list.bind(after_id);
   size_t used = 0;

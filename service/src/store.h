@@ -58,8 +58,8 @@ struct mail_values {
 
 /* -1 when there is no such field. */
 int mail_field_index(const char *name);
-/* How the contacts column is written; false when a number is empty, too long, holds control characters, or there are too
-   many. */
+/* How the contacts column is written; false when a number is empty, too long, holds control characters, or there are
+   too many. */
 bool contacts_to_text(const std::vector<contact_value> &contacts, std::string *text);
 std::vector<contact_value> contacts_from_text(const std::string &text);
 
@@ -129,8 +129,8 @@ store_status store_new_request_id(store *st, int64_t *id);
 
 /* The body and the message uid of a mail. */
 store_status store_get_body(store *st, int mail_id, std::string *body, std::string *message_uid);
-/* Appends piece behind the have bytes of the body's text and sets the tag. store_invalid when the body is no longer that
-   long. What would not fit is left out, and the body then counts as complete. */
+/* Appends piece behind the have bytes of the body's text and sets the tag. store_invalid when the body is no longer
+   that long. What would not fit is left out, and the body then counts as complete. */
 store_status store_append_body(store *st, int mail_id, size_t have, const std::string &piece, bool complete);
 
 #endif

@@ -12,7 +12,8 @@ std::string to_text(const json_record &json) {
   return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-/* After the store took the request: clients hear of the change, the phone of the request, the caller that it is done. */
+/* After the store took the request: clients hear of the change, the phone of the request, the caller that it is done.
+ */
 int finish(host *h, sd_bus_message *m, store_status status, int64_t entry, const json_record &json,
            sd_bus_error *error) {
   if (status < 0) return host_fail(h, status, error);
@@ -79,9 +80,9 @@ int reply(sd_bus_message *m, void *data, sd_bus_error *error) {
   if (r < 0) return r;
   /* The mail may have been deleted while the reply was written: the reply is the user's and is sent all the same. */
   if (mail_id <= 0) return sd_bus_error_setf(error, HOST_ERROR "Invalid", "%d is no mail id", mail_id);
-  const json_record json = {{"request", "reply"},   {"host_tag", host_tag}, {"action", action},
+  const json_record json = {{"request", "reply"},         {"host_tag", host_tag},   {"action", action},
                             {"message_uid", message_uid}, {"recipient", recipient}, {"text", text},
-                            {"mail_id", mail_id},   {"subject", subject}};
+                            {"mail_id", mail_id},         {"subject", subject}};
   int64_t entry = 0;
   const store_status status = store_request_relay(h->st, uid, to_text(json), &entry);
   return finish(h, m, status, entry, json, error);
