@@ -1,0 +1,25 @@
+/* The record of the multi-select delete view, for who refreshes its list from outside. Thread: the EFL main loop. */
+#ifndef BRISEL_APP_DELETE_VIEW_H
+#define BRISEL_APP_DELETE_VIEW_H
+
+#include "brisel-app.h"
+
+/* What brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DELETE_VIEW, ad) points to. Freed by its pop callback. */
+struct delete_view_data {
+  int view_type;
+  appdata *ad;
+  Elm_Object_Item *navi_item;
+  Elm_Naviframe_Item_Pop_Cb pop_cb;
+  Evas_Object *layout;
+  Evas_Object *genlist;
+  Evas_Object *popup; /* the confirmation, or NULL */
+  Evas_Object *delete_btn;
+  int account_id; /* the account whose mails are listed; 0: all */
+  int total_mail_cnt;
+  int selected_cnt;
+  unsigned char select_all;
+  GSList *item_list;     /* every row, in display order; the cells only, the rows belong to the genlist */
+  GSList *selected_list; /* the selected rows, in the order they were selected; the cells only */
+};
+
+#endif

@@ -1,0 +1,373 @@
+/* Ticking several mails and deleting them from the watch at once. */
+#include "brisel-app-delete-view.h"
+
+#include <cstring>
+#include <vector>
+
+#include "brisel-app-option-common.h"
+#include "brisel-app-utils.h"
+#include "brisel-app.h"
+
+/* A row; owned by its genlist item. */
+struct delete_item_data {
+  int mail_id;
+  int account_id;
+  int received_time; /* seconds since the epoch */
+  char *sender;      /* owned */
+  Evas_Object *check;
+  unsigned char check_state; /* the check box writes it by itself */
+  Elm_Object_Item *it;
+  delete_view_data *view_data;
+};
+
+/* --- rows
+ * --------------------------------------------------------------------------------------------------------------- */
+
+static void _update_check_info_for_delete_view(delete_item_data *row) {
+  if (!row) {
+    BRISEL_WARN("item_data is NULL");
+    return;
+  }
+  delete_view_data *vd = row->view_data;
+  if (!vd) {
+    BRISEL_WARN("view_data is NULL");
+    return;
+  }
+  if (row->check_state == 1)
+    vd->selected_list = g_slist_append(vd->selected_list, row);
+  else if (!vd->selected_list)
+    BRISEL_INFO("view_data->selected_list is NULL");
+  else
+    vd->selected_list = g_slist_remove(vd->selected_list, row);
+  vd->selected_cnt = (int)g_slist_length(vd->selected_list);
+
+  if (vd->selected_cnt == 0)
+    elm_object_disabled_set(vd->delete_btn, EINA_TRUE);
+  else if (vd->selected_cnt == 1)
+    elm_object_disabled_set(vd->delete_btn, EINA_FALSE);
+  vd->select_all = vd->selected_cnt == vd->total_mail_cnt ? 1 : 0;
+}
+
+static void _check_changed_cb(void *data, Evas_Object *obj, void *event_info) {
+  delete_item_data *row = (delete_item_data *)data;
+  if (!row) {
+    BRISEL_WARN("data is NULL");
+    return;
+  }
+  row->check_state = elm_check_state_get(obj);
+  _update_check_info_for_delete_view(row);
+}
+
+static void _gl_delete_view_mail_sel(void *data, Evas_Object *obj, void *event_info) {
+  if (!event_info) {
+    BRISEL_WARN("event_info is NULL");
+    return;
+  }
+  elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
+  delete_item_data *row = (delete_item_data *)data;
+  if (!row) {
+    BRISEL_WARN("data is NULL");
+    return;
+  }
+  unsigned char state = row->check_state ? 0 : 1;
+  if (row->check) {
+    elm_check_state_set(row->check, state);
+    state = elm_check_state_get(row->check);
+  }
+  row->check_state = state;
+  _update_check_info_for_delete_view(row);
+}
+
+static char *_gl_text_get(void *data, Evas_Object *obj, const char *part) {
+  delete_item_data *row = (delete_item_data *)data;
+  if (!row) {
+    BRISEL_WARN("data is NULL");
+    return NULL;
+  }
+  if (!strcmp(part, "elm.text.1")) return brisel_util_text_to_markup(row->sender);
+  if (!strcmp(part, "elm.text.2") && row->view_data)
+    return brisel_util_get_mailbox_date_time_str(row->received_time, row->view_data->ad);
+  return NULL;
+}
+
+static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part) {
+  delete_item_data *row = (delete_item_data *)data;
+  if (!row) {
+    BRISEL_WARN("data is NULL");
+    return NULL;
+  }
+  if (!strcmp(part, "elm.swallow.colorbar")) return brisel_util_create_color_bar(obj, row->account_id);
+  if (strcmp(part, "elm.icon") != 0) return NULL;
+  Evas_Object *check = elm_check_add(obj);
+  brisel_widget_ref_set(&row->check, check);
+  elm_check_state_pointer_set(check, &row->check_state);
+  evas_object_smart_callback_add(check, "changed", _check_changed_cb, row);
+  evas_object_size_hint_align_set(check, EVAS_HINT_FILL, EVAS_HINT_FILL);
+  evas_object_size_hint_weight_set(check, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  evas_object_propagate_events_set(check, EINA_FALSE);
+  return check;
+}
+
+static void _gl_delete_view_del(void *data, Evas_Object *obj) {
+  delete_item_data *row = (delete_item_data *)data;
+  if (!row) return;
+  if (row->check) {
+    // The box may outlive its row for a moment.
+    elm_check_state_pointer_set(row->check, NULL);
+    evas_object_smart_callback_del_full(row->check, "changed", _check_changed_cb, row);
+    brisel_widget_ref_clear(&row->check);
+  }
+  free(row->sender);
+  free(row);
+}
+
+static void _gl_delete_view_realized_cb(void *data, Evas_Object *obj, void *event_info) {
+  brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
+}
+
+static delete_item_data *_make_delete_list_data(GSList *node, delete_view_data *vd) {
+  if (!node) {
+    BRISEL_ERROR("noti_list is NULL");
+    return NULL;
+  }
+  delete_item_data *row = (delete_item_data *)calloc(1, sizeof *row);
+  if (!row) {
+    BRISEL_ERROR("memory allocation failed.");
+    return NULL;
+  }
+  const full_noti_data *noti_data = (full_noti_data *)node->data;
+  const char *sender = noti_data->from_name && noti_data->from_name[0] ? noti_data->from_name : noti_data->from_address;
+  row->mail_id = noti_data->mail_id;
+  row->account_id = noti_data->account_id;
+  row->received_time = (int)noti_data->received_time;
+  row->sender = sender ? strdup(sender) : NULL;
+  row->check_state = 0;
+  row->view_data = vd;
+  return row;
+}
+
+/* --- the confirmation
+ * ---------------------------------------------------------------------------------------------------- */
+
+static void _delete_popup_cancel_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  delete_view_data *vd = (delete_view_data *)data;
+  brisel_widget_ref_drop(&vd->popup);
+}
+
+static void _delete_popup_ok_cb(void *data, Evas_Object *obj, void *event_info) {
+  delete_view_data *vd = (delete_view_data *)data;
+  BRISEL_INFO("view_data->selected_cnt : %d", vd->selected_cnt);
+  if (vd->selected_cnt > 0) {
+    std::vector<int> ids;
+    for (GSList *cell = vd->selected_list; cell && (int)ids.size() < vd->selected_cnt; cell = cell->next)
+      ids.push_back(((delete_item_data *)cell->data)->mail_id);
+    brisel_util_request_delete(ids.data(), (int)ids.size());
+  }
+  brisel_widget_ref_drop(&vd->popup);
+  brisel_widget_ref_drop(&vd->genlist);
+  elm_naviframe_item_pop(vd->ad->naviframe);
+}
+
+static void _set_delete_popup_text(delete_view_data *vd) {
+  char *text =
+      brisel_util_get_count_text("IDS_ST_POP_PD_ITEMS_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY", vd->selected_cnt, vd->ad);
+  elm_object_text_set(vd->popup, text);
+  free(text);
+}
+
+static void _mailbox_delete_popup_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  delete_view_data *vd = (delete_view_data *)data;
+  if (vd->popup) _set_delete_popup_text(vd);
+}
+
+static void _create_delete_popup(delete_view_data *vd) {
+  BRISEL_INFO("Enter");
+  if (vd->selected_cnt < 1) {
+    BRISEL_INFO("selected_cnt : 0!!");
+    return;
+  }
+  brisel_widget_ref_drop(&vd->popup);
+  Evas_Object *popup =
+      brisel_option_create_delete_popup(vd->ad->naviframe, _delete_popup_cancel_cb, _delete_popup_ok_cb, vd);
+  if (!popup) return;
+  brisel_widget_ref_set(&vd->popup, popup);
+  if (vd->selected_cnt == 1) {
+    brisel_option_popup_translate(popup, NULL, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
+  } else {
+    _set_delete_popup_text(vd);
+    evas_object_smart_callback_add(popup, "language,changed", _mailbox_delete_popup_language_changed_cb, vd);
+  }
+  evas_object_show(popup);
+}
+
+/* --- buttons
+ * ---------------------------------------------------------------------------------------------------------------- */
+
+static void _select_all_btn_select_cb(void *data, Evas_Object *obj, void *event_info) {
+  delete_view_data *vd = (delete_view_data *)data;
+  if (!vd) {
+    BRISEL_WARN("view_data is NULL");
+    return;
+  }
+  vd->select_all = vd->select_all ? 0 : 1;
+  BRISEL_INFO("select_all : %d", vd->select_all);
+  for (GSList *cell = vd->item_list; cell; cell = cell->next) {
+    delete_item_data *row = (delete_item_data *)cell->data;
+    if (row->check_state == vd->select_all) continue;
+    row->check_state = vd->select_all;
+    vd->selected_list =
+        vd->select_all ? g_slist_append(vd->selected_list, row) : g_slist_remove(vd->selected_list, row);
+  }
+  vd->selected_cnt = (int)g_slist_length(vd->selected_list);
+  elm_object_disabled_set(vd->delete_btn, !vd->select_all);
+  if (vd->genlist) elm_genlist_realized_items_update(vd->genlist);
+  BRISEL_INFO("Leave");
+}
+
+static void _cancel_btn_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  delete_view_data *vd = (delete_view_data *)data;
+  elm_naviframe_item_pop(vd->ad->naviframe);
+}
+
+static void _delete_btn_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  _create_delete_popup((delete_view_data *)data);
+}
+
+static Evas_Object *_create_select_all_btn(Evas_Object *parent, delete_view_data *vd) {
+  Evas_Object *btn = elm_button_add(parent);
+  if (!btn) {
+    BRISEL_ERROR("elm_button_add() failed!");
+    return NULL;
+  }
+  elm_object_style_set(btn, "naviframe/title_icon");
+  Evas_Object *img = brisel_util_load_image(btn, "b_email_ic_menu_selectall_normal.png");
+  if (!img) {
+    BRISEL_ERROR("elm_image_add() failed!");
+    evas_object_del(btn);
+    return NULL;
+  }
+  evas_object_size_hint_aspect_set(img, EVAS_ASPECT_CONTROL_BOTH, 1, 1);
+  elm_image_resizable_set(img, EINA_TRUE, EINA_TRUE);
+  elm_object_content_set(btn, img);
+  evas_object_smart_callback_add(btn, "clicked", _select_all_btn_select_cb, vd);
+  evas_object_show(btn);
+  return btn;
+}
+
+static Evas_Object *_create_text_btn(Evas_Object *layout, const char *part, const char *id, Evas_Smart_Cb clicked_cb,
+                                     delete_view_data *vd) {
+  Evas_Object *btn = elm_button_add(layout);
+  elm_object_domain_translatable_text_set(btn, BRISEL_DOMAIN, id);
+  evas_object_size_hint_weight_set(btn, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  elm_object_part_content_set(layout, part, btn);
+  evas_object_smart_callback_add(btn, "clicked", clicked_cb, vd);
+  return btn;
+}
+
+/* --- the view
+ * ------------------------------------------------------------------------------------------------------------------ */
+
+static void _mailbox_delete_list_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
+  elm_genlist_realized_items_update(obj);
+}
+
+static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
+  BRISEL_INFO("Enter");
+  Evas_Object *gl = elm_genlist_add(vd->layout);
+  if (!gl) {
+    BRISEL_WARN("gl is NULL");
+    return NULL;
+  }
+  elm_genlist_mode_set(gl, ELM_LIST_COMPRESS);
+  elm_object_part_content_set(vd->layout, "genlist", gl);
+  evas_object_smart_callback_add(gl, "language,changed", _mailbox_delete_list_language_changed_cb, NULL);
+  evas_object_smart_callback_add(gl, "realized", _gl_delete_view_realized_cb, NULL);
+  elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
+  elm_genlist_homogeneous_set(gl, EINA_TRUE);
+  evas_object_size_hint_align_set(gl, EVAS_HINT_FILL, EVAS_HINT_FILL);
+  evas_object_size_hint_weight_set(gl, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+
+  g_clear_pointer(&vd->selected_list, g_slist_free);
+  g_clear_pointer(&vd->item_list, g_slist_free);
+
+  GSList *noti_list = NULL;
+  int mail_cnt = 0;
+  int err = brisel_db_get_full_noti_data_list_by_account_id(vd->account_id, &noti_list, &mail_cnt);
+  if (err != 0) BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", err);
+
+  Elm_Genlist_Item_Class *itc =
+      brisel_option_row_class("2text.1icon.1", _gl_text_get, _gl_icon_get, _gl_delete_view_del);
+  GSList *rows = NULL;  // last first: appending would walk the list for every mail
+  for (GSList *node = noti_list; node && itc; node = node->next) {
+    delete_item_data *row = _make_delete_list_data(node, vd);
+    if (!row) continue;
+    row->it = elm_genlist_item_append(gl, itc, row, NULL, ELM_GENLIST_ITEM_NONE, _gl_delete_view_mail_sel, row);
+    if (row->it)
+      rows = g_slist_prepend(rows, row);
+    else
+      _gl_delete_view_del(row, gl);
+  }
+  vd->item_list = g_slist_reverse(rows);
+  vd->total_mail_cnt = (int)g_slist_length(vd->item_list);
+  BRISEL_INFO("mail_cnt = %d, view_data->total_mail_cnt : %d", mail_cnt, vd->total_mail_cnt);
+  brisel_full_noti_data_list_free(noti_list);
+  evas_object_show(gl);
+  if (itc) elm_genlist_item_class_free(itc);
+  return gl;
+}
+
+static Eina_Bool _brisel_delete_view_pop_cb(void *data, Elm_Object_Item *item) {
+  BRISEL_INFO("Enter");
+  delete_view_data *vd = (delete_view_data *)data;
+  g_slist_free(vd->selected_list);
+  g_slist_free(vd->item_list);
+  brisel_widget_ref_drop(&vd->popup);
+  brisel_widget_ref_drop(&vd->genlist);
+  brisel_widget_ref_clear(&vd->delete_btn);
+  brisel_widget_ref_clear(&vd->layout);
+  free(vd);
+  BRISEL_INFO("Leave");
+  return EINA_TRUE;
+}
+
+int brisel_crete_delete_view(appdata *ad) {
+  BRISEL_INFO("Enter");
+  if (!ad) {
+    BRISEL_ERROR("Invalid parameter: data is NULL!");
+    return -1;
+  }
+  delete_view_data *vd = (delete_view_data *)calloc(1, sizeof *vd);
+  if (!vd) {
+    BRISEL_ERROR("Failed to allocate memory for view_data!");
+    return -3;
+  }
+  vd->view_type = BRISEL_VIEW_TYPE_DELETE_VIEW;
+  vd->ad = ad;
+  vd->select_all = 0;
+  vd->account_id = ad->account_id;
+
+  Evas_Object *layout = brisel_util_load_edj(ad->naviframe, BRISEL_EDJ, "brisel/delete_view");
+  if (!layout) {
+    free(vd);
+    BRISEL_ERROR("elm_layout_add failed");
+    return -1;
+  }
+  evas_object_show(layout);
+  brisel_widget_ref_set(&vd->layout, layout);
+  brisel_widget_ref_set(&vd->genlist, _create_delete_list_view(vd));
+  Evas_Object *select_all_btn = _create_select_all_btn(ad->naviframe, vd);
+  _create_text_btn(layout, "btn1", "IDS_COM_SK_CANCEL", _cancel_btn_clicked_cb, vd);
+  brisel_widget_ref_set(&vd->delete_btn,
+                        _create_text_btn(layout, "btn2", "IDS_EMAIL_BODY_DELETE", _delete_btn_clicked_cb, vd));
+  elm_object_disabled_set(vd->delete_btn, EINA_TRUE);
+
+  Elm_Object_Item *item =
+      brisel_option_push(ad, layout, NULL, select_all_btn, _brisel_delete_view_pop_cb, (brisel_view_head *)vd);
+  elm_object_item_domain_translatable_text_set(item, BRISEL_DOMAIN, "IDS_EMAIL_BODY_DELETE");
+  BRISEL_INFO("Leave");
+  return 0;
+}

@@ -1,0 +1,537 @@
+/* The list of actions on one mail: call the sender, reply, show on the phone, delete. */
+#include <cstring>
+#include <initializer_list>
+
+#include "brisel-app-option-common.h"
+#include "brisel-app-utils.h"
+#include "brisel-app.h"
+#include "contacts.h"
+#include "vconf.h"
+
+struct option_detail_view_data {
+  int view_type;
+  appdata *ad;
+  Elm_Object_Item *navi_item;
+  Elm_Naviframe_Item_Pop_Cb pop_cb;
+  Evas_Object *layout;
+  Evas_Object *genlist;
+  Evas_Object *popup;        /* the choice of the reply method or the update notice, or NULL */
+  Evas_Object *delete_popup; /* or NULL */
+  Evas_Object *radio_group;  /* of the choice of the reply method */
+  Elm_Object_Item *call_item;
+  Elm_Object_Item *reply_item;
+  Elm_Object_Item *device_item;
+  int mail_id;
+  full_noti_data *noti_data; /* owned; NULL once the view was popped */
+  char *from_phone_number;   /* owned; the sender address, when that is a phone number */
+};
+
+static constexpr int BRISEL_REPLY_METHOD_TEMPLATES = 0;
+static constexpr int BRISEL_REPLY_METHOD_EMOTICONS = 1;
+static constexpr int BRISEL_REPLY_SUPPORTED = 0;
+static constexpr int BRISEL_REPLY_UPDATE_REQUIRED = 1;
+static constexpr int BRISEL_REPLY_UNKNOWN = 2;
+
+static void __brisel_option_detail_popup_response_cb(void *data, Evas_Object *obj, void *event_info);
+
+static char *__brisel_option_detail_text(const char *id) {
+  return strdup(brisel_util_get_text(id));
+}
+
+static bool __brisel_option_detail_is_label(const char *part) {
+  return !strcmp(part, "elm.text") || !strcmp(part, "elm.text.1");
+}
+
+/* --- rows: texts and contents --------------------------------------------------------------------------------------
+ */
+
+static char *__brisel_option_detail_gl_text_get_call(void *data, Evas_Object *obj, const char *part) {
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  if (__brisel_option_detail_is_label(part)) return __brisel_option_detail_text("IDS_COM_SK_CALL");
+  if (strcmp(part, "elm.text.2") != 0) return NULL;
+  // After the pop the list slides out without its mail.
+  if (vd && !vd->noti_data) return NULL;
+  contact_number *contact = vd ? (contact_number *)g_slist_nth_data(vd->noti_data->sender_contact_list, 0) : NULL;
+  if (!contact) {
+    BRISEL_ERROR("Failed to get phone number from sender_contact_list!");
+    return NULL;
+  }
+  // A number comes from a contact card, which may hold anything: it is shown as text.
+  return brisel_util_text_to_markup(contact->number);
+}
+
+static char *__brisel_option_detail_gl_text_get_call_by_from_address(void *data, Evas_Object *obj, const char *part) {
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  if (__brisel_option_detail_is_label(part)) return __brisel_option_detail_text("IDS_COM_SK_CALL");
+  if (strcmp(part, "elm.text.2") != 0) return NULL;
+  if (!vd) {
+    BRISEL_ERROR("Failed to get phone number from view_data!");
+    return NULL;
+  }
+  return vd->from_phone_number ? strdup(vd->from_phone_number) : NULL;
+}
+
+static char *__brisel_option_detail_gl_text_get_reply(void *data, Evas_Object *obj, const char *part) {
+  if (__brisel_option_detail_is_label(part)) return __brisel_option_detail_text("IDS_EMAIL_SK_REPLY");
+  if (strcmp(part, "elm.text.2") != 0) return NULL;
+  switch (brisel_util_get_reply_method()) {
+    case BRISEL_REPLY_METHOD_TEMPLATES:
+      return __brisel_option_detail_text("IDS_MSGF_OPT2_TEMPLATES");
+    case BRISEL_REPLY_METHOD_EMOTICONS:
+      return __brisel_option_detail_text("IDS_EMAIL_MBODY_EMOTICONS_ABB");
+    default:
+      return NULL;
+  }
+}
+
+static char *__brisel_option_detail_gl_text_get_device(void *data, Evas_Object *obj, const char *part) {
+  return strcmp(part, "elm.text") ? NULL : __brisel_option_detail_text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE");
+}
+
+static char *__brisel_option_detail_gl_text_get_delete(void *data, Evas_Object *obj, const char *part) {
+  return strcmp(part, "elm.text") ? NULL : __brisel_option_detail_text("IDS_EMAIL_BODY_DELETE");
+}
+
+static void __brisel_option_detail_gl_realized_cb(void *data, Evas_Object *obj, void *event_info) {
+  brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
+}
+
+/* --- the choice of the reply method ---------------------------------------------------------------------------------
+ */
+
+static char *__brisel_option_detail_gl_text_get_reply_setting(void *data, Evas_Object *obj, const char *part) {
+  if (strcmp(part, "elm.text") != 0) return NULL;
+  return __brisel_option_detail_text((int)(intptr_t)data == BRISEL_REPLY_METHOD_TEMPLATES
+                                         ? "IDS_MSGF_OPT2_TEMPLATES"
+                                         : "IDS_EMAIL_MBODY_EMOTICONS_ABB");
+}
+
+static Evas_Object *__brisel_option_detail_gl_content_get_reply_setting(void *data, Evas_Object *obj,
+                                                                        const char *part) {
+  if (strcmp(part, "elm.icon") != 0) return NULL;
+  option_detail_view_data *vd = (option_detail_view_data *)evas_object_data_get(obj, "ViewData");
+  if (!vd || !vd->radio_group) return NULL;
+  Evas_Object *radio = elm_radio_add(obj);
+  elm_radio_state_value_set(radio, (int)(intptr_t)data);
+  elm_radio_group_add(radio, vd->radio_group);
+  // A tap on the mark itself has to mean the row, or it would move the mark and keep the method.
+  evas_object_pass_events_set(radio, EINA_TRUE);
+  return radio;
+}
+
+static void __brisel_option_detail_gl_sel_reply_setting(void *data, Evas_Object *obj, void *event_info) {
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  Elm_Object_Item *item = (Elm_Object_Item *)event_info;
+  const char *text = elm_object_item_part_text_get(item, "elm.text");
+  if (text && !strcmp(text, brisel_util_get_text("IDS_MSGF_OPT2_TEMPLATES"))) {
+    brisel_util_set_reply_method(BRISEL_REPLY_METHOD_TEMPLATES);
+  } else if (text && !strcmp(text, brisel_util_get_text("IDS_EMAIL_MBODY_EMOTICONS_ABB"))) {
+    BRISEL_INFO("Emoticon!");
+    brisel_util_set_reply_method(BRISEL_REPLY_METHOD_EMOTICONS);
+  }
+  elm_genlist_item_selected_set(item, EINA_FALSE);
+  __brisel_option_detail_popup_response_cb(vd, obj, NULL);
+}
+
+static void __brisel_option_detail_create_reply_setting_popup(option_detail_view_data *vd) {
+  brisel_widget_ref_drop(&vd->radio_group);
+  brisel_widget_ref_drop(&vd->popup);
+  Evas_Object *popup = brisel_util_popup_create_with_empty_contents(
+      vd, vd->ad->naviframe, NULL, NULL, __brisel_option_detail_popup_response_cb, 0.0, NULL, NULL, NULL);
+  if (!popup) return;
+  brisel_widget_ref_set(&vd->popup, popup);
+
+  Evas_Object *genlist = brisel_option_create_list(popup, NULL);
+  if (!genlist) {
+    brisel_widget_ref_drop(&vd->popup);
+    return;
+  }
+  evas_object_data_set(genlist, "ViewData", vd);
+  for (int method : {BRISEL_REPLY_METHOD_TEMPLATES, BRISEL_REPLY_METHOD_EMOTICONS})
+    brisel_option_add_row(genlist, NULL,
+                          brisel_option_row_class("1text.1icon.1", __brisel_option_detail_gl_text_get_reply_setting,
+                                                  __brisel_option_detail_gl_content_get_reply_setting, NULL),
+                          (void *)(intptr_t)method, __brisel_option_detail_gl_sel_reply_setting, vd);
+  evas_object_show(genlist);
+
+  Evas_Object *radio_group = elm_radio_add(genlist);
+  elm_radio_state_value_set(radio_group, -1);
+  elm_radio_value_set(radio_group, brisel_util_get_reply_method());
+  brisel_widget_ref_set(&vd->radio_group, radio_group);
+  elm_object_content_set(popup, genlist);
+}
+
+static void __brisel_option_detail_reply_setting_icon_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  if (!vd->noti_data) return;
+  __brisel_option_detail_create_reply_setting_popup(vd);
+  BRISEL_INFO("Leave");
+}
+
+static Evas_Object *__brisel_option_detail_gl_content_get_reply(void *data, Evas_Object *obj, const char *part) {
+  if (strcmp(part, "elm.icon") != 0) return NULL;
+  Evas_Object *layout = brisel_util_load_edj(obj, BRISEL_EDJ, "brisel/list_icon_rect");
+  if (!layout) return NULL;
+  Evas_Object *btn = elm_button_add(layout);
+  elm_object_style_set(btn, "list_divider_btn");
+  evas_object_size_hint_weight_set(btn, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  evas_object_size_hint_align_set(btn, EVAS_HINT_FILL, EVAS_HINT_FILL);
+  evas_object_smart_callback_add(btn, "clicked", __brisel_option_detail_reply_setting_icon_clicked_cb, data);
+
+  Evas_Object *icon = brisel_util_load_image(btn, "b_email_setting.png");
+  if (icon) {
+    int size = (int)(50 * elm_config_scale_get());
+    evas_object_size_hint_min_set(icon, size, size);
+    evas_object_size_hint_max_set(icon, size, size);
+    elm_object_content_set(btn, icon);
+  }
+  evas_object_propagate_events_set(layout, EINA_FALSE);
+  evas_object_propagate_events_set(btn, EINA_FALSE);
+  elm_object_part_content_set(layout, "swallow.icon", btn);
+  evas_object_show(btn);
+  return layout;
+}
+
+static void __brisel_option_detail_popup_response_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  if (vd->genlist) elm_genlist_realized_items_update(vd->genlist);
+  brisel_widget_ref_drop(&vd->radio_group);
+  brisel_widget_ref_drop(&vd->popup);
+  BRISEL_INFO("Leave");
+}
+
+static void __brisel_option_detail_reply_value_change_cb(keynode_t *node, void *data) {
+  BRISEL_INFO("Enter");
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  if (!vd) {
+    BRISEL_ERROR("data is NULL.");
+    return;
+  }
+  if (vd->radio_group) elm_radio_value_set(vd->radio_group, brisel_util_get_reply_method());
+  if (vd->reply_item) elm_genlist_item_update(vd->reply_item);
+  BRISEL_INFO("Leave");
+}
+
+/* --- row taps
+ * ---------------------------------------------------------------------------------------------------------- */
+
+static void __brisel_option_detail_gl_sel_call(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  if (vd->noti_data) {
+    GSList *contacts = vd->noti_data->sender_contact_list;
+    if (contacts && contacts->next) {
+      brisel_option_call_draw_view(0, vd->ad, vd->noti_data);
+    } else {
+      // The last number may have gone since the row was drawn: then there is nothing to call.
+      contact_number *contact = contacts ? (contact_number *)contacts->data : NULL;
+      if (contact && contact->number)
+        brisel_util_launch_voice_call(contact->number);
+      else
+        BRISEL_ERROR("Failed to get phone number from sender_contact_list!");
+    }
+  }
+  elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
+  BRISEL_INFO("Leave");
+}
+
+static void __brisel_option_detail_gl_sel_call_by_from_address(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  if (!vd) {
+    BRISEL_ERROR("Failed to get phone number from data!");
+    return;
+  }
+  if (vd->from_phone_number) brisel_util_launch_voice_call(vd->from_phone_number);
+  elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
+  BRISEL_INFO("Leave");
+}
+
+static void __brisel_option_detail_create_update_required_popup(option_detail_view_data *vd) {
+  static const char *const text =
+      "IDS_EMAIL_POP_REPLY_IS_NOT_SUPPORTED_BY_YOUR_DEVICE_CHECK_FOR_UPDATES_IN_YOUR_DEVICE_SETTINGS";
+  brisel_widget_ref_drop(&vd->radio_group);
+  brisel_widget_ref_drop(&vd->popup);
+  Evas_Object *popup = brisel_util_popup_create(vd, vd->ad->naviframe, NULL, brisel_util_get_text(text),
+                                                __brisel_option_detail_popup_response_cb, 0.0, NULL,
+                                                brisel_util_get_text("IDS_COM_SK_OK"), NULL);
+  if (!popup) return;
+  brisel_option_popup_translate(popup, NULL, text);
+  brisel_option_popup_translate(popup, "button1", "IDS_COM_SK_OK");
+  brisel_widget_ref_set(&vd->popup, popup);
+}
+
+static void __brisel_option_detail_reply(option_detail_view_data *vd) {
+  if (!vd->noti_data) return;
+  if (!brisel_util_bluetooth_connection_popup(vd->ad, brisel_util_bt_connect_error_popup_result_cb, "perform")) return;
+  int status = BRISEL_REPLY_UNKNOWN;
+  if (brisel_util_get_reply_status(&status) != 0) return;
+  if (status == BRISEL_REPLY_UPDATE_REQUIRED) {
+    __brisel_option_detail_create_update_required_popup(vd);
+  } else if (status == BRISEL_REPLY_SUPPORTED) {
+    int method = brisel_util_get_reply_method();
+    if (method == BRISEL_REPLY_METHOD_TEMPLATES)
+      brisel_option_reply_templetes_draw_view(vd->mail_id, vd->ad, vd->noti_data);
+    else if (method == BRISEL_REPLY_METHOD_EMOTICONS)
+      brisel_option_reply_emoticons_draw_view(vd->mail_id, vd->ad, vd->noti_data);
+  }
+}
+
+static void __brisel_option_detail_gl_sel_reply(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  __brisel_option_detail_reply((option_detail_view_data *)data);
+  elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
+  BRISEL_INFO("Leave");
+}
+
+static void __brisel_option_detail_gl_sel_device(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  appdata *ad = vd->ad;
+  elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
+  if (!vd->noti_data || !brisel_option_phone_ready(ad)) return;
+  int mail_id = vd->noti_data->mail_id;
+  brisel_util_show_on_device(&mail_id, 1);
+  elm_naviframe_item_pop(ad->naviframe);
+  brisel_create_toast_popup(ad, brisel_util_get_text("IDS_PLEXO_POP_CHECK_MOBILE_DEVICE_TO_VIEW_CONTENT"));
+  BRISEL_INFO("Leave");
+}
+
+static void __brisel_option_delete_popup_cancel_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  brisel_widget_ref_drop(&vd->delete_popup);
+  BRISEL_INFO("Leave");
+}
+
+static void __brisel_option_delete_popup_ok_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  brisel_widget_ref_drop(&vd->delete_popup);
+  int mail_id = vd->noti_data->mail_id;
+  // The view stays: the event of the deletion closes it.
+  brisel_util_request_delete(&mail_id, 1);
+  BRISEL_INFO("Leave");
+}
+
+static void __brisel_option_detail_gl_sel_delete(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
+  brisel_widget_ref_drop(&vd->delete_popup);
+  if (!vd->noti_data) return;
+  Evas_Object *popup = brisel_option_create_delete_popup(vd->ad->naviframe, __brisel_option_delete_popup_cancel_cb,
+                                                         __brisel_option_delete_popup_ok_cb, vd);
+  if (!popup) return;
+  brisel_option_popup_translate(popup, NULL, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
+  brisel_widget_ref_set(&vd->delete_popup, popup);
+  evas_object_show(popup);
+  BRISEL_INFO("Leave");
+}
+
+/* --- the call row
+ * -------------------------------------------------------------------------------------------------------- */
+
+static GSList *__brisel_option_detail_look_up(const full_noti_data *noti_data) {
+  if (!noti_data->from_address) return NULL;
+  return brisel_util_get_phone_number_by_person_id(brisel_util_get_person_id_by_email_address(noti_data->from_address));
+}
+
+static void __brisel_option_detail_replace_contacts(full_noti_data *noti_data, GSList *contacts) {
+  g_slist_free_full(noti_data->sender_contact_list, brisel_util_contact_number_free);
+  noti_data->sender_contact_list = contacts;
+}
+
+/* A phone relays a text message's number as an address of digits alone, or of digits and a domain. A new string, or
+   NULL when address is no phone number. */
+static char *__brisel_option_detail_phone_number(const char *address) {
+  static constexpr size_t min_digits = 7;
+  // The longest run taken for a number. A longer one is none: its first digits would ring somebody else.
+  static constexpr size_t max_digits = 255;
+
+  if (!address || !address[0]) return NULL;
+  size_t digits = strspn(address, "0123456789");
+  if (digits > max_digits) digits = max_digits;
+  if (address[digits] == '@') {
+    BRISEL_INFO("It is a phone number!");
+  } else if (address[digits]) {
+    BRISEL_INFO("It is not a phone number!");
+    return NULL;
+  }
+  return digits >= min_digits ? strndup(address, digits) : NULL;
+}
+
+static void __brisel_option_detail_add_contact_row(option_detail_view_data *vd, Elm_Object_Item *before) {
+  bool one = !vd->noti_data->sender_contact_list->next;
+  vd->call_item = brisel_option_add_row(
+      vd->genlist, before,
+      brisel_option_row_class(one ? "2text" : "1text", __brisel_option_detail_gl_text_get_call, NULL, NULL), vd,
+      __brisel_option_detail_gl_sel_call, vd);
+}
+
+static void __brisel_option_detail_add_address_row(option_detail_view_data *vd, Elm_Object_Item *before) {
+  char *number = __brisel_option_detail_phone_number(vd->noti_data->from_address);
+  if (!number) return;
+  free(vd->from_phone_number);
+  vd->from_phone_number = number;
+  vd->call_item = brisel_option_add_row(
+      vd->genlist, before,
+      brisel_option_row_class("2text", __brisel_option_detail_gl_text_get_call_by_from_address, NULL, NULL), vd,
+      __brisel_option_detail_gl_sel_call_by_from_address, vd);
+}
+
+static void __brisel_option_detail_contacts_db_changed_cb(const char *view_uri, void *data) {
+  BRISEL_INFO("Enter");
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  if (vd->call_item) elm_object_item_del(vd->call_item);
+  vd->call_item = NULL;
+  __brisel_option_detail_replace_contacts(vd->noti_data, NULL);
+  Elm_Object_Item *before = vd->reply_item ? vd->reply_item : vd->device_item;
+  if (vd->noti_data->from_address) {
+    __brisel_option_detail_replace_contacts(vd->noti_data, __brisel_option_detail_look_up(vd->noti_data));
+    if (vd->noti_data->sender_contact_list)
+      __brisel_option_detail_add_contact_row(vd, before);
+    else
+      __brisel_option_detail_add_address_row(vd, before);
+  }
+  if (vd->call_item) elm_genlist_item_update(vd->call_item);
+  BRISEL_INFO("Leave");
+}
+
+/* --- the view
+ * --------------------------------------------------------------------------------------------------------------- */
+
+static Evas_Object *__brisel_option_detail_create_layout(Evas_Object *parent) {
+  return brisel_option_create_layout(parent);
+}
+
+static Evas_Object *__brisel_option_detail_create_bg(Evas_Object *layout, Evas_Object *win) {
+  return brisel_option_create_bg(layout, win);
+}
+
+static Evas_Object *__brisel_option_detail_create_genlist(option_detail_view_data *vd) {
+  Evas_Object *genlist = brisel_option_create_list(vd->layout, __brisel_option_detail_gl_realized_cb);
+  if (!genlist) return NULL;
+  brisel_widget_ref_set(&vd->genlist, genlist);
+
+  GSList *contacts = __brisel_option_detail_look_up(vd->noti_data);
+  if (contacts) __brisel_option_detail_replace_contacts(vd->noti_data, contacts);
+  if (vd->noti_data->sender_contact_list)
+    __brisel_option_detail_add_contact_row(vd, NULL);
+  else if (vd->noti_data->from_address)
+    __brisel_option_detail_add_address_row(vd, NULL);
+
+  int status = BRISEL_REPLY_UNKNOWN;
+  if (brisel_util_get_reply_status(&status) == 0 &&
+      (status == BRISEL_REPLY_SUPPORTED || status == BRISEL_REPLY_UPDATE_REQUIRED))
+    vd->reply_item =
+        brisel_option_add_row(genlist, NULL,
+                              brisel_option_row_class("2text.1icon.divider", __brisel_option_detail_gl_text_get_reply,
+                                                      __brisel_option_detail_gl_content_get_reply, NULL),
+                              vd, __brisel_option_detail_gl_sel_reply, vd);
+  vd->device_item = brisel_option_add_row(
+      genlist, NULL, brisel_option_row_class("1text", __brisel_option_detail_gl_text_get_device, NULL, NULL), vd,
+      __brisel_option_detail_gl_sel_device, vd);
+  brisel_option_add_row(genlist, NULL,
+                        brisel_option_row_class("1text", __brisel_option_detail_gl_text_get_delete, NULL, NULL), vd,
+                        __brisel_option_detail_gl_sel_delete, vd);
+
+  elm_object_part_content_set(vd->layout, "elm.swallow.content", genlist);
+  return genlist;
+}
+
+static Evas_Object *__brisel_option_detail_create_title_icon(Evas_Object *parent) {
+  Evas_Object *icon = brisel_util_load_image(parent, "b_email_icon_email.png");
+  if (!icon) {
+    BRISEL_ERROR("elm_image_add() failed!");
+    return NULL;
+  }
+  evas_object_size_hint_aspect_set(icon, EVAS_ASPECT_CONTROL_VERTICAL, 1, 1);
+  elm_image_resizable_set(icon, EINA_TRUE, EINA_TRUE);
+  evas_object_show(icon);
+  return icon;
+}
+
+/* Frees what the record owns and, once its list can ask for no more texts, the record. */
+static void __brisel_option_detail_free(option_detail_view_data *vd) {
+  brisel_full_noti_data_free(vd->noti_data);
+  vd->noti_data = NULL;
+  free(vd->from_phone_number);
+  vd->from_phone_number = NULL;
+  Evas_Object *genlist = vd->genlist;
+  brisel_widget_ref_clear(&vd->genlist);
+  brisel_widget_ref_clear(&vd->layout);
+  brisel_widget_free_with(genlist, vd);
+}
+
+static Eina_Bool __brisel_option_detail_view_pop_cb(void *data, Elm_Object_Item *item) {
+  BRISEL_INFO("Enter");
+  option_detail_view_data *vd = (option_detail_view_data *)data;
+  brisel_widget_ref_drop(&vd->radio_group);
+  brisel_widget_ref_drop(&vd->popup);
+  brisel_widget_ref_drop(&vd->delete_popup);
+  if (vconf_ignore_key_changed(BRISEL_KEY_REPLY_VALUE, __brisel_option_detail_reply_value_change_cb) != 0)
+    BRISEL_WARN("Fail to ignore vconf with [%s]", BRISEL_KEY_REPLY_VALUE);
+  int ct_ret = contacts_db_remove_changed_cb(_contacts_person._uri, __brisel_option_detail_contacts_db_changed_cb, vd);
+  if (ct_ret != CONTACTS_ERROR_NONE) BRISEL_WARN("contacts_db_remove_changed_cb() failed! ct_ret:[%d]", ct_ret);
+  __brisel_option_detail_free(vd);
+  BRISEL_INFO("Leave");
+  return EINA_TRUE;
+}
+
+static int __brisel_option_detail_give_up(option_detail_view_data *vd, int ret) {
+  Evas_Object *layout = vd->layout;
+  __brisel_option_detail_free(vd);
+  if (layout) evas_object_del(layout);
+  return ret;
+}
+
+int brisel_option_detail_draw_view(int mail_id, appdata *ad) {
+  BRISEL_INFO("Enter");
+  if (!ad) {
+    BRISEL_ERROR("Invalid parameter: data is NULL!");
+    return -1;
+  }
+  option_detail_view_data *vd = (option_detail_view_data *)calloc(1, sizeof *vd);
+  if (!vd) {
+    BRISEL_ERROR("Failed to allocate memory for view_data!");
+    return -3;
+  }
+  vd->view_type = BRISEL_VIEW_TYPE_OPTION_DETAIL_VIEW;
+  vd->ad = ad;
+  vd->mail_id = mail_id;
+  bool own = false;
+  int ret = brisel_option_take_noti_data(mail_id, NULL, &vd->noti_data, &own);
+  if (ret != 0) return __brisel_option_detail_give_up(vd, ret);
+
+  Evas_Object *layout = __brisel_option_detail_create_layout(ad->naviframe);
+  if (!layout) return __brisel_option_detail_give_up(vd, -3);
+  brisel_widget_ref_set(&vd->layout, layout);
+  if (!__brisel_option_detail_create_bg(layout, ad->win_main)) return __brisel_option_detail_give_up(vd, -3);
+  if (!__brisel_option_detail_create_genlist(vd)) {
+    BRISEL_ERROR("__brisel_option_detail_create_genlist() failed!");
+    return __brisel_option_detail_give_up(vd, -3);
+  }
+  Evas_Object *icon = __brisel_option_detail_create_title_icon(ad->naviframe);
+  if (!icon) {
+    BRISEL_ERROR("__brisel_option_detail_create_title_icon() failed!");
+    return __brisel_option_detail_give_up(vd, -3);
+  }
+
+  char *title = brisel_option_sender_title(vd->noti_data);
+  Elm_Object_Item *item =
+      brisel_option_push(ad, layout, title, NULL, __brisel_option_detail_view_pop_cb, (brisel_view_head *)vd);
+  free(title);
+  elm_object_item_part_content_set(item, "elm.swallow.icon", icon);
+  ad->mail_id = mail_id;
+
+  if (vconf_notify_key_changed(BRISEL_KEY_REPLY_VALUE, __brisel_option_detail_reply_value_change_cb, vd) != 0)
+    BRISEL_WARN("Fail to register vconf with [%s]", BRISEL_KEY_REPLY_VALUE);
+  if (contacts_db_add_changed_cb(_contacts_person._uri, __brisel_option_detail_contacts_db_changed_cb, vd) !=
+      CONTACTS_ERROR_NONE)
+    BRISEL_ERROR("contacts_db_add_changed_cb() failed!!!!");
+  BRISEL_INFO("Leave");
+  return 0;
+}
