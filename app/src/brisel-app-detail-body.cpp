@@ -1,0 +1,472 @@
+/* Long bodies in blocks; see the header. */
+#include "brisel-app-detail-body.h"
+
+#include <Elementary.h>
+#include <unicode/uchar.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "brisel-app-utils.h"
+#include "brisel-scoped.h"
+#include "platform-paths.h"
+
+/* A block of this many bytes is about two screens high and takes a few milliseconds to lay out in any script. */
+constexpr size_t block_bytes = 768;
+/* Blocks end at a line break when there is one this close around block_bytes. */
+constexpr size_t block_bytes_min = 256;
+constexpr size_t block_bytes_max = 1280;
+/* Line breaks are cheap to store and tall to show. */
+constexpr int block_lines_max = 24;
+/* Pixels per byte before anything has been measured. */
+constexpr double first_guess = 1.0;
+
+static const char body_key[] = "DetailBody";
+static const char body_part[] = "detail.body";
+static const char rest_part[] = "detail.body_rest";
+static const char block_group[] = "brisel/detail/body_block";
+
+enum class direction : unsigned char { none, left_to_right, right_to_left };
+
+struct text_block {
+  size_t start;       /* of its bytes in the text; it ends where the next one starts */
+  Evas_Object *shown; /* its laid-out object, while it is near the screen; never set for the first block */
+  int height;         /* pixels, 0: not measured yet */
+  direction along;    /* a block that starts inside a paragraph runs the way the paragraph does */
+};
+
+struct detail_body {
+  Evas_Object *layout;
+  Evas_Object *scroller;
+  Evas_Object *rest; /* the smart object in the part "detail.body_rest", NULL without such a part */
+  std::string text;
+  std::vector<text_block> blocks;
+  int font_size;
+  int width;                            /* the width that heights were measured with */
+  double measured_bytes, measured_high; /* what the estimate is made of */
+  bool first_settled;                   /* the first block has given its unfinished line away */
+  size_t anchor;                        /* offset of the text to keep at the top of the screen; npos: none */
+};
+
+static constexpr size_t no_anchor = std::string::npos;
+
+/* --- the text and where it is cut ------------------------------------------------------------------------------ */
+
+/* Valid UTF-8 with '\n' as its only line break, so that one character of the text is one of the layout. */
+static std::string _plain_text(const char *text, size_t length) {
+  char *valid = g_utf8_make_valid(text, (gssize)length);
+  std::string plain;
+  plain.reserve(strlen(valid));
+  for (const char *s = valid; *s;) {
+    if (*s == '\r') {
+      if (s[1] != '\n') plain += '\n';
+      s++;
+    } else if (!strncmp(s, "\xE2\x80\xA8", 3) || !strncmp(s, "\xE2\x80\xA9", 3)) {
+      plain += '\n';
+      s += 3;
+    } else {
+      plain += *s++;
+    }
+  }
+  g_free(valid);
+  return plain;
+}
+
+static bool _joins_the_one_before(gunichar c) {
+  return c == 0x200D || (c >= 0xFE00 && c <= 0xFE0F) || (c >= 0x1F3FB && c <= 0x1F3FF) || g_unichar_ismark(c);
+}
+
+/* The last place at or before at where text may be cut without splitting what is drawn as one character. */
+static size_t _character_boundary(const std::string &text, size_t from, size_t at) {
+  const char *base = text.c_str();
+  const char *cut = base + at;
+  while (cut > base + from && (*cut & 0xC0) == 0x80) cut--;
+  const char *first = cut;
+  for (int steps = 0; cut > base + from && steps < 32; steps++) {
+    const char *before = g_utf8_prev_char(cut);
+    if (!_joins_the_one_before(g_utf8_get_char(cut)) && g_utf8_get_char(before) != 0x200D) return (size_t)(cut - base);
+    cut = before;
+  }
+  return (size_t)(first - base); /* a pile of marks is cut anyhow */
+}
+
+static size_t _block_end(const std::string &text, size_t start) {
+  size_t break_at = 0; /* behind the last line break in reach */
+  int lines = 0;
+  size_t reach = std::min(text.size(), start + block_bytes_max);
+  for (size_t i = start; i < reach; i++) {
+    if (text[i] != '\n') continue;
+    if (i + 1 > start + block_bytes && break_at > start + block_bytes_min) return break_at;
+    break_at = i + 1;
+    if (++lines == block_lines_max || break_at >= start + block_bytes) return break_at;
+  }
+  if (reach == text.size()) return reach;
+  if (break_at > start + block_bytes_min) return break_at;
+  for (size_t i = start + block_bytes; i > start + block_bytes_min; i--)
+    if (text[i - 1] == ' ') return i;
+  return _character_boundary(text, start, start + block_bytes);
+}
+
+/* Which way the paragraph that is open at the end of [start, end) runs: its first strong character says. */
+static direction _open_direction(const std::string &text, const text_block &block, size_t end) {
+  size_t paragraph = text.rfind('\n', end - 1);
+  direction known = direction::none;
+  if (paragraph == std::string::npos || paragraph < block.start) {
+    paragraph = block.start;
+    known = block.along;
+  }
+  const char *last = text.c_str() + end;
+  for (const char *s = text.c_str() + paragraph; known == direction::none && s < last; s = g_utf8_next_char(s)) {
+    UCharDirection along = u_charDirection((UChar32)g_utf8_get_char(s));
+    if (along == U_LEFT_TO_RIGHT) known = direction::left_to_right;
+    if (along == U_RIGHT_TO_LEFT || along == U_RIGHT_TO_LEFT_ARABIC) known = direction::right_to_left;
+  }
+  return known;
+}
+
+static bool _starts_inside_paragraph(const detail_body *body, size_t index) {
+  return index > 0 && body->text[body->blocks[index].start - 1] != '\n';
+}
+
+static size_t _end_of(const detail_body *body, size_t index) {
+  return index + 1 < body->blocks.size() ? body->blocks[index + 1].start : body->text.size();
+}
+
+/* Cuts the text behind the last block in the list into further blocks. */
+static void _cut_rest(detail_body *body) {
+  if (!body->rest) return;
+  for (size_t end = _block_end(body->text, body->blocks.back().start); end < body->text.size();
+       end = _block_end(body->text, end)) {
+    text_block next = {.start = end};
+    if (body->text[end - 1] != '\n') next.along = _open_direction(body->text, body->blocks.back(), end);
+    body->blocks.push_back(next);
+  }
+}
+
+static scoped_text _markup_of_block(const detail_body *body, size_t index) {
+  const text_block &block = body->blocks[index];
+  std::string shown;
+  if (_starts_inside_paragraph(body, index)) {
+    if (block.along == direction::left_to_right) shown = "\xE2\x80\x8E";
+    if (block.along == direction::right_to_left) shown = "\xE2\x80\x8F";
+  }
+  size_t end = _end_of(body, index);
+  /* The line break between two blocks is the step from one to the other. */
+  if (index + 1 < body->blocks.size() && body->text[end - 1] == '\n') end--;
+  shown.append(body->text, block.start, end - block.start);
+  return scoped_text(brisel_util_text_to_markup_whole(shown.c_str()));
+}
+
+/* --- laying blocks out ------------------------------------------------------------------------------------------ */
+
+static int _height_of(const detail_body *body, size_t index) {
+  const text_block &block = body->blocks[index];
+  if (block.height) return block.height;
+  double per_byte = body->measured_bytes > 0 ? body->measured_high / body->measured_bytes : first_guess;
+  return std::max(1, (int)(per_byte * (double)(_end_of(body, index) - block.start)));
+}
+
+static void _show_first_block(detail_body *body) {
+  scoped_text markup = _markup_of_block(body, 0);
+  elm_object_part_text_set(body->layout, body_part, markup ? markup.get() : "");
+}
+
+/* Where in the block's text its last line starts when that line is unfinished and not the only one, else npos. */
+static size_t _unfinished_line(const detail_body *body, size_t index, const Evas_Object *edje) {
+  if (index + 1 >= body->blocks.size() || !_starts_inside_paragraph(body, index + 1)) return std::string::npos;
+  const text_block &next = body->blocks[index + 1];
+  if (next.shown || next.height) return std::string::npos; /* met from below: its text stays where it is */
+  Evas_Object *text = (Evas_Object *)edje_object_part_object_get(edje, body_part);
+  Evas_Textblock_Cursor *cursor = text ? evas_object_textblock_cursor_new(text) : nullptr;
+  if (!cursor) return std::string::npos;
+  evas_textblock_cursor_paragraph_last(cursor);
+  evas_textblock_cursor_line_char_first(cursor);
+  int characters = evas_textblock_cursor_pos_get(cursor);
+  evas_textblock_cursor_free(cursor);
+  const text_block &block = body->blocks[index];
+  if (_starts_inside_paragraph(body, index) && block.along != direction::none) characters--;
+  if (characters <= 0) return std::string::npos;
+  const char *base = body->text.c_str();
+  size_t start = (size_t)(g_utf8_offset_to_pointer(base + block.start, characters) - base);
+  return start < next.start ? start : std::string::npos;
+}
+
+static void _hide_block(text_block &block) {
+  if (block.shown) evas_object_del(block.shown);
+  block.shown = nullptr;
+}
+
+static void _measure(detail_body *body, text_block &block) {
+  int height = 0;
+  edje_object_size_min_restricted_calc(block.shown, nullptr, &height, body->width, 0);
+  block.height = std::max(1, height);
+}
+
+static const char *_font_size_signal(int size) {
+  return size == 0 ? "do-set-fontsize-small" : size == 2 ? "do-set-fontsize-large" : nullptr;
+}
+
+static void _show_block(detail_body *body, size_t index) {
+  text_block &block = body->blocks[index];
+  block.shown = edje_object_add(evas_object_evas_get(body->rest));
+  edje_object_file_set(block.shown, platform_path(BRISEL_EDJ), block_group);
+  edje_object_scale_set(block.shown, elm_config_scale_get() * elm_object_scale_get(body->layout));
+  edje_object_mirrored_set(block.shown, elm_object_mirrored_get(body->layout));
+  if (const char *signal = _font_size_signal(body->font_size)) {
+    edje_object_signal_emit(block.shown, signal, "brisel");
+    edje_object_message_signal_process(block.shown);
+  }
+  evas_object_smart_member_add(block.shown, body->rest);
+  evas_object_show(block.shown);
+  scoped_text markup = _markup_of_block(body, index);
+  edje_object_part_text_set(block.shown, body_part, markup ? markup.get() : "");
+  bool known = block.height != 0;
+  _measure(body, block);
+  if (known) return;
+  size_t line = _unfinished_line(body, index, block.shown);
+  if (line != std::string::npos) {
+    body->blocks[index + 1].start = line;
+    markup = _markup_of_block(body, index);
+    edje_object_part_text_set(block.shown, body_part, markup ? markup.get() : "");
+    _measure(body, block);
+  }
+  body->measured_bytes += (double)(_end_of(body, index) - block.start);
+  body->measured_high += block.height;
+}
+
+/* Once the first block has been laid out with the real width: its unfinished line goes to the second one. */
+static void _settle_first_block(detail_body *body) {
+  if (body->first_settled || body->blocks.size() < 2) return;
+  Evas_Object *edje = elm_layout_edje_get(body->layout);
+  int height = 0, width = 0;
+  edje_object_part_geometry_get(edje, body_part, nullptr, nullptr, &width, &height);
+  if (width <= 0 || height <= 0) return;
+  body->first_settled = true;
+  size_t line = _unfinished_line(body, 0, edje);
+  if (line != std::string::npos) {
+    body->blocks[1].start = line;
+    _show_first_block(body);
+  }
+  body->measured_bytes += (double)_end_of(body, 0);
+  body->measured_high += height;
+}
+
+/* Forgets everything measured, because the width or the text size is another now. */
+static void _measure_anew(detail_body *body) {
+  for (text_block &block : body->blocks) _hide_block(block);
+  size_t block_count = body->blocks.size();
+  body->blocks.resize(1);
+  body->blocks.reserve(block_count);
+  body->measured_bytes = body->measured_high = 0;
+  body->first_settled = false;
+  _cut_rest(body);
+  _show_first_block(body);
+}
+
+static size_t _anchor_of(const detail_body *body) {
+  int y = 0, top = 0;
+  evas_object_geometry_get(body->rest, nullptr, &y, nullptr, nullptr);
+  evas_object_geometry_get(body->scroller, nullptr, &top, nullptr, nullptr);
+  for (size_t i = 1; i < body->blocks.size(); i++) {
+    int height = _height_of(body, i);
+    if (y <= top && top < y + height) {
+      double part = (double)(top - y) / height;
+      return body->blocks[i].start + (size_t)(part * (double)(_end_of(body, i) - body->blocks[i].start));
+    }
+    y += height;
+  }
+  return no_anchor;
+}
+
+static void _scroll_by(detail_body *body, int distance) {
+  int x = 0, y = 0, w = 0, h = 0;
+  elm_scroller_region_get(body->scroller, &x, &y, &w, &h);
+  elm_scroller_region_show(body->scroller, x, y + distance, w, h);
+}
+
+static void _update_min_height(detail_body *body) {
+  int height = 0, old = 0;
+  for (size_t i = 1; i < body->blocks.size(); i++) height += _height_of(body, i);
+  evas_object_size_hint_min_get(body->rest, nullptr, &old);
+  if (height != old) evas_object_size_hint_min_set(body->rest, 0, height);
+}
+
+/* Lays out the blocks that are on the screen, drops those that are far from it, and prepares at most one that is
+   near, so that no frame of a scroll has more than one to pay for. */
+static void _arrange(detail_body *body) {
+  int x = 0, y = 0, w = 0, screen_h = 0, top = 0, view_h = 0;
+  evas_object_geometry_get(body->rest, &x, &y, &w, nullptr);
+  if (w <= 0 || body->blocks.size() < 2) return;
+  if (w != body->width) {
+    if (body->width && body->anchor == no_anchor) body->anchor = _anchor_of(body);
+    body->width = w;
+    _measure_anew(body);
+  }
+  _settle_first_block(body);
+  evas_output_size_get(evas_object_evas_get(body->rest), nullptr, &screen_h);
+  evas_object_geometry_get(body->scroller, nullptr, &top, nullptr, &view_h);
+  int bottom = std::min(screen_h, top + view_h);
+  int near_by = screen_h / 2;
+  int moved = 0; /* how far what is on the screen was pushed by blocks above it */
+  int to_anchor = INT_MIN;
+  bool may_prepare = true;
+  for (size_t i = 1; i < body->blocks.size(); i++) {
+    text_block &block = body->blocks[i];
+    int height = _height_of(body, i);
+    bool on_screen = y < bottom && y + height > top;
+    bool near_screen = y < bottom + near_by && y + height > top - near_by;
+    bool above = y < top;
+    if (!block.shown && (on_screen || (near_screen && may_prepare))) {
+      if (!on_screen) may_prepare = false;
+      bool guessed = block.height == 0;
+      _show_block(body, i);
+      if (guessed && above && body->anchor == no_anchor) moved += block.height - height;
+      height = block.height;
+    } else if (block.shown && (y >= bottom + 2 * near_by || y + height <= top - 2 * near_by)) {
+      _hide_block(block);
+    }
+    if (block.shown) {
+      evas_object_move(block.shown, x, y);
+      evas_object_resize(block.shown, w, height);
+    }
+    if (body->anchor != no_anchor && block.start <= body->anchor && body->anchor < _end_of(body, i)) {
+      double part = (double)(body->anchor - block.start) / (double)(_end_of(body, i) - block.start);
+      to_anchor = y + (int)(part * height) - top;
+    }
+    y += height;
+  }
+  _update_min_height(body);
+  /* What is above the screen turned out higher or lower than guessed: what is on it stays where it is. */
+  if (to_anchor != INT_MIN) moved = to_anchor;
+  body->anchor = no_anchor;
+  if (moved) _scroll_by(body, moved);
+}
+
+/* --- the object in the part "detail.body_rest" -------------------------------------------------------------------- */
+
+static detail_body *_body_of(const Evas_Object *obj) {
+  return (detail_body *)evas_object_data_get(obj, body_key);
+}
+
+static const Evas_Smart_Class *_parent_class() {
+  return evas_object_smart_clipped_class_get();
+}
+
+static void _rest_move(Evas_Object *obj, Evas_Coord x, Evas_Coord y) {
+  _parent_class()->move(obj, x, y);
+  evas_object_smart_changed(obj);
+}
+
+static void _rest_resize(Evas_Object *obj, Evas_Coord w, Evas_Coord h) {
+  _parent_class()->resize(obj, w, h);
+  evas_object_smart_changed(obj);
+}
+
+static void _rest_calculate(Evas_Object *obj) {
+  if (detail_body *body = _body_of(obj)) _arrange(body);
+}
+
+static Evas_Smart *_rest_smart() {
+  static Evas_Smart_Class rest_class;
+  static Evas_Smart *smart;
+  if (smart) return smart;
+  rest_class = {.name = "brisel_detail_body", .version = EVAS_SMART_CLASS_VERSION};
+  evas_smart_class_inherit(&rest_class, _parent_class());
+  rest_class.move = _rest_move;
+  rest_class.resize = _rest_resize;
+  rest_class.calculate = _rest_calculate;
+  smart = evas_smart_class_new(&rest_class);
+  return smart;
+}
+
+static void _rest_deleted_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
+  detail_body *body = (detail_body *)data;
+  evas_object_data_del(obj, body_key);
+  body->rest = nullptr;
+  /* The blocks are members of the object and go with it. */
+  for (text_block &block : body->blocks) block.shown = nullptr;
+}
+
+static void _layout_deleted_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
+  detail_body *body = (detail_body *)data;
+  if (body->rest) {
+    evas_object_event_callback_del_full(body->rest, EVAS_CALLBACK_DEL, _rest_deleted_cb, body);
+    evas_object_data_del(body->rest, body_key);
+  }
+  evas_object_data_del(obj, body_key);
+  delete body;
+}
+
+void brisel_detail_body_attach(Evas_Object *layout, Evas_Object *scroller) {
+  detail_body *body = new detail_body();
+  body->layout = layout;
+  body->scroller = scroller;
+  body->font_size = 1;
+  body->anchor = no_anchor;
+  body->blocks.push_back({});
+  evas_object_data_set(layout, body_key, body);
+  evas_object_event_callback_add(layout, EVAS_CALLBACK_DEL, _layout_deleted_cb, body);
+  if (!edje_object_part_exists(elm_layout_edje_get(layout), rest_part)) return;
+  body->rest = evas_object_smart_add(evas_object_evas_get(layout), _rest_smart());
+  evas_object_data_set(body->rest, body_key, body);
+  evas_object_event_callback_add(body->rest, EVAS_CALLBACK_DEL, _rest_deleted_cb, body);
+  evas_object_show(body->rest);
+  elm_object_part_content_set(layout, rest_part, body->rest);
+}
+
+void brisel_detail_body_set(Evas_Object *layout, const char *text, size_t length) {
+  detail_body *body = _body_of(layout);
+  if (!body) return;
+  std::string plain = _plain_text(text, length);
+  bool fresh = body->text.empty();
+  if (!fresh && plain == body->text) return;
+  size_t same = 0, most = std::min(plain.size(), body->text.size());
+  while (same < most && plain[same] == body->text[same]) same++;
+  /* Blocks stay up to the last one that the old text filled: what comes behind it is cut anew. */
+  size_t keep = 0;
+  while (!fresh && keep + 1 < body->blocks.size() && _end_of(body, keep) <= same) keep++;
+  size_t cut_from = keep ? _end_of(body, keep - 1) : 0;
+  for (size_t i = keep; i < body->blocks.size(); i++) _hide_block(body->blocks[i]);
+  body->blocks.resize(keep);
+  body->text = std::move(plain);
+  text_block next = {.start = cut_from};
+  if (keep && body->text[cut_from - 1] != '\n') next.along = _open_direction(body->text, body->blocks.back(), cut_from);
+  body->blocks.push_back(next);
+  _cut_rest(body);
+  if (!keep) {
+    body->first_settled = false;
+    _show_first_block(body);
+  }
+  if (!body->rest) return;
+  _update_min_height(body);
+  evas_object_smart_changed(body->rest);
+}
+
+void brisel_detail_body_set_font_size(Evas_Object *layout, int size) {
+  detail_body *body = _body_of(layout);
+  if (!body || body->font_size == size) return;
+  body->font_size = size;
+  if (!body->rest || body->blocks.size() < 2) return;
+  if (body->width) body->anchor = _anchor_of(body);
+  _measure_anew(body);
+  _update_min_height(body);
+  evas_object_smart_changed(body->rest);
+}
+
+Eina_Bool brisel_detail_body_end_is_known(Evas_Object *layout) {
+  detail_body *body = _body_of(layout);
+  if (!body || body->blocks.size() < 2) return EINA_TRUE;
+  return body->blocks.back().height != 0;
+}
+
+const char *brisel_detail_body_get(Evas_Object *layout, int *blocks) {
+  detail_body *body = _body_of(layout);
+  if (!body) return nullptr;
+  if (blocks)
+    *blocks =
+        1 + (int)std::count_if(body->blocks.begin(), body->blocks.end(), [](const text_block &b) { return b.shown; });
+  return body->text.c_str();
+}

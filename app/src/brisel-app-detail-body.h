@@ -1,0 +1,28 @@
+/* The body of a mail as the reader shows it: text of any length under the mail layout's part "detail.body".
+
+   The text engine lays out a whole text part at once, which takes seconds for a long mail. So only the first block of
+   the body goes into the part; the rest follows in the part "detail.body_rest" as further blocks, each laid out when
+   it comes near the screen and dropped when it is far away. Blocks that have not been seen yet count with an estimate.
+   A block that ends inside a paragraph gives its last, unfinished line to the next one, so that no seam shows.
+
+   Thread: the EFL main loop. */
+#ifndef BRISEL_APP_DETAIL_BODY_H
+#define BRISEL_APP_DETAIL_BODY_H
+
+#include <Evas.h>
+
+/* Makes layout (a "brisel/detail" layout inside scroller) able to show bodies. What it makes belongs to the layout and
+   goes with it. A theme without the part "detail.body_rest" shows bodies as one text. */
+void brisel_detail_body_attach(Evas_Object *layout, Evas_Object *scroller);
+/* Shows length bytes of text (copied) literally. The blocks that the old and the new text share stay as they are, so
+   the reader's place does not move when a body grows. */
+void brisel_detail_body_set(Evas_Object *layout, const char *text, size_t length);
+/* The text size (0 small, 1 normal, 2 large) of the further blocks; the layout's own parts are the caller's to tell.
+   The text at the top of the screen stays there. */
+void brisel_detail_body_set_font_size(Evas_Object *layout, int size);
+/* Whether the end of the text is laid out, so that the layout's lower edge is its true one. */
+Eina_Bool brisel_detail_body_end_is_known(Evas_Object *layout);
+/* The whole text shown and, in *blocks (may be NULL), how many blocks are laid out now. The text is the body's own. */
+const char *brisel_detail_body_get(Evas_Object *layout, int *blocks);
+
+#endif

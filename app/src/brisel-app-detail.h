@@ -1,0 +1,78 @@
+/* The reader's records and inner operations, for its own files and its tests. Thread: the EFL main loop. */
+#ifndef BRISEL_APP_DETAIL_H
+#define BRISEL_APP_DETAIL_H
+
+#include "brisel-app.h"
+
+/* The slots of the page array. "Before" is toward the head of the mailbox list, "after" toward its tail. */
+enum brisel_detail_page {
+  BRISEL_DETAIL_PREV_PREV_PAGE,
+  BRISEL_DETAIL_PREV_PAGE,
+  BRISEL_DETAIL_CUR_PAGE, /* never NULL while the view exists */
+  BRISEL_DETAIL_NEXT_PAGE,
+  BRISEL_DETAIL_NEXT_NEXT_PAGE,
+  BRISEL_DETAIL_PAGE_MAX
+};
+
+/* How many requests for more text one visit to a page may make. */
+#define BRISEL_DETAIL_MORE_MSG_MAX 3
+
+/* One built page. Its widgets are children of page_layout; the fields of deleted widgets are NULL. */
+struct page_data {
+  Evas_Object *page_layout;   /* "brisel/detail/single_scroller", packed in the view's box */
+  Evas_Object *scroller;      /* vertical */
+  Evas_Object *detail_layout; /* "brisel/detail", the scroller's content */
+  Evas_Object *progress;      /* shown while more of the body is fetched, or NULL */
+  int more_msg_count;         /* requests the page may still make on this visit */
+  Ecore_Idler *more_msg_idler;
+  Ecore_Timer *more_msg_timer; /* applies a received body */
+  full_noti_data *mail_data;   /* owned */
+};
+
+struct brisel_detail_view;
+
+/* A request for more text on its way: it outlives the view, which may close before the answer comes. */
+struct more_msg_ctx {
+  brisel_detail_view *view; /* NULL once the view is closed */
+  int mail_id;              /* the page that asked */
+};
+
+/* The reader's record on the view stack; at most one exists. Starts like every view's record. */
+struct brisel_detail_view {
+  int view_type;
+  appdata *ad;
+  Elm_Object_Item *navi_item;
+  Elm_Naviframe_Item_Pop_Cb pop_cb;
+  Evas_Object *page_scroller;
+  Evas_Object *page_scroller_layout;
+  Evas_Object *popup;
+  Evas_Object *box;
+  Ecore_Timer *page_timer; /* a page shift is due */
+  Ecore_Timer *pickover_timer;
+  ::page_data *page_data[BRISEL_DETAIL_PAGE_MAX];
+  unsigned char is_pickover_registered;
+  int font_size;      /* 0 small, 1 normal, 2 large; as the setting says until the first gesture */
+  int cur_page_index; /* of the current page among the packed ones: 0, 1 or 2 */
+  int mail_id;
+  Evas_Object *gesture_layer;
+  more_msg_ctx *more_msg;               /* the request whose answer is awaited, or NULL */
+  unsigned char is_neighbor_update_due; /* the neighbours changed while a finger or a page was moving */
+  Ecore_Timer *neighbor_timer;          /* brings them up to date once nothing moves */
+};
+
+/* Fills the slot from node (NULL: empties it). The node used, or NULL. */
+GList *__brisel_detail_update_neighbor(GList *node, int index, brisel_detail_view *view_data);
+void __brisel_detail_update_font_size(brisel_detail_view *view_data, int size);
+Eina_Bool __brisel_detail_page_to_previous_timer_cb(void *data);
+Eina_Bool __brisel_detail_page_to_next_timer_cb(void *data);
+Evas_Event_Flags __brisel_detail_gesture_zoom_start_cb(void *data, void *event_info);
+Evas_Event_Flags __brisel_detail_gesture_zoom_end_cb(void *data, void *event_info);
+Evas_Event_Flags __brisel_detail_gesture_zoom_abort_cb(void *data, void *event_info);
+Evas_Event_Flags __brisel_detail_gesture_double_tab_end_cb(void *data, void *event_info);
+void __brisel_detail_scroller_bottom_hit_cb(void *data, Evas_Object *obj, void *event_info);
+void __brisel_detail_ipc_more_msg_cb(void *response, int error, void *data);
+/* A subject as the text part may be given it unconverted: what is no plain markup comes out as text. The caller frees
+   it with free(). */
+char *__brisel_detail_harmless_markup(const char *text);
+
+#endif
