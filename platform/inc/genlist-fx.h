@@ -1,7 +1,8 @@
-/* The genlist effect mode: while it is on, a deleted item slides out and the rows below close up in at most
-   300 ms, once; off (the default) it vanishes. Takes effect for deletions made while it is on. Nothing to free: it dies
-   with the genlist. With motion switched off (settings key "db/setting/motion", bool 0) deletions are immediate.
-   Thread: the EFL main loop. */
+/* The genlist effect mode: rows deleted between switching it on and off slide out, and the rows around them close up,
+   in a quarter of a second that begins when it is switched off (once; the default is off, and rows then vanish). The
+   deletion itself is never held up: what moves is a picture, and the list takes touches meanwhile. Rows that did not
+   follow each other simply vanish, as do all with motion switched off (settings key "db/setting/motion", bool 0).
+   Nothing to free: it dies with the genlist. Thread: the EFL main loop. */
 #ifndef BRISEL_PLATFORM_GENLIST_FX_H
 #define BRISEL_PLATFORM_GENLIST_FX_H
 
