@@ -37,10 +37,13 @@ struct app_event_callback_s {
 };
 
 /* Runs the application: initialises EFL, takes the bus name of the application's id, calls create, delivers the
-   launch request of the command line (KEY=VALUE arguments are extra data), runs the main loop and calls terminate.
+   launch request of the command line (KEY=VALUE arguments are extra data; with the argument --service there is none:
+   the bus brings it), runs the main loop and calls terminate.
    When another instance holds the name, the launch request goes to it and the call returns 0 at once.
    A missing bus is logged; the application then runs alone. Returns 0, or non-zero when create failed. */
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data);
+/* Names the application before app_efl_main; com.vextora.brisel when never called. id is copied. */
+void app_efl_id_set(const char *id);
 /* Ends the main loop after the current callback. */
 void app_efl_exit(void);
 
@@ -54,6 +57,10 @@ void app_efl_window_attach(Evas_Object *win);
 typedef void (*service_reply_cb)(service_h request, service_h reply, int result, void *user_data);
 
 int service_create(service_h *service); /* free with service_destroy */
+/* A handle of the caller's own with the same content: for a request received by the service callback that is to be
+   answered later. Free with service_destroy; a received request whose last handle goes unanswered is answered with
+   SERVICE_RESULT_CANCELED, one that nobody cloned with SERVICE_RESULT_SUCCEEDED and no data. */
+int service_clone(service_h *clone, service_h service);
 int service_destroy(service_h service); /* a sent request may be destroyed at once: the framework kept a copy */
 int service_set_app_id(service_h service, const char *app_id);
 int service_add_extra_data(service_h service, const char *key, const char *value); /* replaces an old value */
@@ -62,9 +69,12 @@ int service_get_extra_data(service_h service, const char *key, char **value);
 /* Sends the request to its application, starting it from the bus when needed. reply_cb (may be NULL) runs later
    on the main loop, once: with the target's reply, or with SERVICE_RESULT_FAILED and an empty reply when the
    target ended without one. Both handles belong to the framework and are valid during the callback.
-   SERVICE_ERROR_APP_NOT_FOUND, at the call, when there is no such application. Never blocks. */
+   SERVICE_ERROR_APP_NOT_FOUND, at the call, when there is no such application. Blocks only for the bus's own word on
+   who is there, at most two seconds with a bus in trouble; never for the other application. */
 int service_send_launch_request(service_h service, service_reply_cb reply_cb, void *user_data);
-/* Answers a launch request received by the service callback; for applications that give replies. */
+/* Answers a launch request received by the service callback, once: the reply's extra data and result reach the sender's
+   reply callback. reply may be NULL (no data). SERVICE_ERROR_INVALID_PARAMETER for a request that wants no answer or
+   has one. */
 int service_reply_to_launch_request(service_h reply, service_h request, int result);
 
 #endif

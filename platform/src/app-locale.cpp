@@ -1,0 +1,163 @@
+#include <dlfcn.h>
+#include <libintl.h>
+#include <limits.h>
+#include <unicode/uloc.h>
+#include <unistd.h>
+
+#include <clocale>
+#include <cstdlib>
+#include <ctime>
+
+#include "app-priv.h"
+#include "dlog.h"
+#include "platform-paths.h"
+#include "vconf.h"
+
+/* gettext's own counter: raising it makes it look its catalogues up again (its manual says so). */
+extern "C" int _nl_msg_cat_cntr;
+
+namespace {
+
+constexpr char locale_folder[] = "/usr/apps/com.vextora.brisel/res/locale";
+constexpr char localtime_link[] = "/opt/etc/localtime";
+constexpr char language_key[] = "db/menu_widget/language";
+constexpr char region_key[] = "db/menu_widget/regionformat";
+constexpr char time_key[] = "memory/system/timechanged";
+/* The text ids are no language, so English closes every list of languages. */
+constexpr char last_language[] = "en";
+/* Always there with this C library, and translated, which "C" never is. */
+constexpr char neutral_locale[] = "C.UTF-8";
+
+app_locale_callbacks callbacks;
+std::string started_with; /* the languages of the environment, for when the setting is taken away */
+
+bool neutral(const char *name) {
+  return !name || !*name || strcmp(name, "C") == 0 || strcmp(name, "POSIX") == 0;
+}
+
+bool language_valid(const char *name) {
+  if (neutral(name) || strlen(name) > 64) return false;
+  for (const char *p = name; *p; p++)
+    if (!isalnum(static_cast<unsigned char>(*p)) && !strchr("_-@.", *p)) return false;
+  return true;
+}
+
+/* "de_DE.UTF-8@euro" as the catalogues know it: "de_DE@euro". */
+std::string without_codeset(const char *name) {
+  std::string out = name;
+  const size_t dot = out.find('.');
+  if (dot != std::string::npos) {
+    const size_t at = out.find('@', dot);
+    out.erase(dot, at == std::string::npos ? at : at - dot);
+  }
+  return out;
+}
+
+std::string environment_languages(void) {
+  const char *list = getenv("LANGUAGE");
+  if (list && *list) return list;
+  for (const char *name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+    const char *value = getenv(name);
+    if (value && *value) return language_valid(value) ? without_codeset(value) : "";
+  }
+  return "";
+}
+
+/* Messages need a locale that is not "C"; numbers in our files and on the wire need one that is. */
+void settle_categories(void) {
+  if (neutral(setlocale(LC_MESSAGES, nullptr))) setlocale(LC_MESSAGES, neutral_locale);
+  if (neutral(setlocale(LC_CTYPE, nullptr))) setlocale(LC_CTYPE, neutral_locale);
+  setlocale(LC_NUMERIC, "C");
+  _nl_msg_cat_cntr++;
+}
+
+/* The languages in effect, best first. */
+std::string languages(void) {
+  char *setting = vconf_get_str(language_key);
+  std::string list = language_valid(setting) ? without_codeset(setting) : started_with;
+  free(setting);
+  return list.empty() ? last_language : list + ":" + last_language;
+}
+
+void apply_language(void) {
+  setenv("LANGUAGE", languages().c_str(), 1);
+  settle_categories();
+}
+
+void apply_direction(void) {
+  const std::string list = languages();
+  const Eina_Bool mirrored = uloc_isRightToLeft(list.substr(0, list.find(':')).c_str()) ? EINA_TRUE : EINA_FALSE;
+  if (elm_config_mirrored_get() != mirrored) elm_config_mirrored_set(mirrored);
+}
+
+/* The zone that the device's link names, by its name where it has one: the C library and ICU then agree. */
+void apply_time_zone(void) {
+  const char *link = platform_path(localtime_link);
+  char target[PATH_MAX];
+  ssize_t size = readlink(link, target, sizeof(target) - 1);
+  if (size < 0) {
+    if (access(link, R_OK) != 0) return;
+    size = 0;
+  }
+  target[size] = 0;
+  constexpr char marker[] = "/zoneinfo/";
+  const char *zone = strstr(target, marker);
+  const std::string value = zone ? zone + strlen(marker) : std::string(":") + link;
+  setenv("TZ", value.c_str(), 1);
+  tzset();
+}
+
+void language_changed_cb(keynode_t *node, void *data) {
+  apply_language();
+  apply_direction();
+  if (callbacks.language_changed) callbacks.language_changed();
+}
+
+void region_changed_cb(keynode_t *node, void *data) {
+  if (callbacks.region_changed) callbacks.region_changed();
+}
+
+void time_changed_cb(keynode_t *node, void *data) {
+  apply_time_zone();
+}
+
+}  // namespace
+
+/* The toolkit's own function would switch translation off for the neutral locales and let numbers follow the language.
+ */
+extern "C" void elm_language_set(const char *lang) {
+  using function = void (*)(const char *);
+  static const auto real = reinterpret_cast<function>(dlsym(RTLD_NEXT, "elm_language_set"));
+  /* It translates while it sets the locale, so the categories are right before and after. */
+  settle_categories();
+  if (real) real(neutral(lang) ? neutral_locale : lang);
+  settle_categories();
+}
+
+void app_locale_init(void) {
+  setlocale(LC_ALL, "");
+  started_with = environment_languages();
+  apply_language();
+  for (const char *domain : {"brisel", "message"}) {
+    bindtextdomain(domain, platform_path(locale_folder));
+    bind_textdomain_codeset(domain, "UTF-8");
+  }
+  apply_time_zone();
+}
+
+void app_locale_start(const app_locale_callbacks *told) {
+  callbacks = *told;
+  apply_language();
+  apply_direction();
+  vconf_notify_key_changed(language_key, language_changed_cb, nullptr);
+  vconf_notify_key_changed(region_key, region_changed_cb, nullptr);
+  /* Before any watcher of the application, so that it already finds the new zone. */
+  vconf_notify_key_changed(time_key, time_changed_cb, nullptr);
+}
+
+void app_locale_stop(void) {
+  vconf_ignore_key_changed(language_key, language_changed_cb);
+  vconf_ignore_key_changed(region_key, region_changed_cb);
+  vconf_ignore_key_changed(time_key, time_changed_cb);
+  callbacks = {};
+}

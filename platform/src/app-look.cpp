@@ -1,0 +1,94 @@
+#include <Ecore_File.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "app-priv.h"
+#include "dlog.h"
+#include "platform-paths.h"
+#include "vconf.h"
+
+namespace {
+
+constexpr char theme_file[] = "/usr/apps/com.vextora.brisel/res/edje/platform.edj";
+constexpr char theme_key[] = "db/setting/theme";
+constexpr char motion_key[] = "db/setting/motion";
+
+std::vector<std::string> palette_classes;
+bool light;
+
+/* Dark is what the theme is compiled with. The light colours are its data items "palette/light/CLASS", "r g b a". */
+void light_palette(void) {
+  Eina_File *file = eina_file_open(platform_path(theme_file), EINA_FALSE);
+  Eina_Iterator *classes = file ? edje_mmap_color_class_iterator_new(file) : nullptr;
+  Edje_Color_Class *one;
+  EINA_ITERATOR_FOREACH(classes, one) {
+    char *text = edje_mmap_data_get(file, (std::string("palette/light/") + one->name).c_str());
+    int r;
+    int g;
+    int b;
+    int a;
+    if (text && sscanf(text, "%d %d %d %d", &r, &g, &b, &a) == 4) {
+      edje_color_class_set(one->name, r, g, b, a, 0, 0, 0, 0, 0, 0, 0, 0);
+      palette_classes.emplace_back(one->name);
+    }
+    free(text);
+  }
+  eina_iterator_free(classes);
+  if (file) eina_file_close(file);
+  if (palette_classes.empty()) __dlog_print(DLOG_WARN, APP_LOG_TAG, "the theme has no light palette");
+}
+
+void apply_palette(void) {
+  char *name = vconf_get_str(theme_key);
+  const bool want_light = name && strcmp(name, "light") == 0;
+  free(name);
+  if (want_light == light) return;
+  light = want_light;
+  if (light) {
+    light_palette();
+  } else {
+    for (const std::string &one : palette_classes) edje_color_class_del(one.c_str());
+    palette_classes.clear();
+  }
+}
+
+void apply_motion(void) {
+  int on = 1;
+  vconf_get_bool(motion_key, &on);
+  /* Not zero: a transition must still end, and tell so. */
+  edje_transition_duration_factor_set(on ? 1.0 : 0.001);
+  elm_config_scroll_animation_disabled_set(on ? EINA_FALSE : EINA_TRUE);
+}
+
+void theme_changed_cb(keynode_t *node, void *data) {
+  apply_palette();
+}
+void motion_changed_cb(keynode_t *node, void *data) {
+  apply_motion();
+}
+
+}  // namespace
+
+void app_look_start(void) {
+  const char *file = platform_path(theme_file);
+  if (ecore_file_exists(file))
+    elm_theme_overlay_add(nullptr, file);
+  else
+    __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the platform's theme is missing: %s", file);
+  light = false;
+  apply_palette();
+  apply_motion();
+  vconf_notify_key_changed(theme_key, theme_changed_cb, nullptr);
+  vconf_notify_key_changed(motion_key, motion_changed_cb, nullptr);
+  /* Touch first: a finger scrolls and taps, nothing hovers, and no keyboard focus is drawn. */
+  elm_config_scroll_thumbscroll_enabled_set(EINA_TRUE);
+  elm_config_focus_highlight_enabled_set(EINA_FALSE);
+  elm_config_item_select_on_focus_disabled_set(EINA_TRUE);
+}
+
+void app_look_stop(void) {
+  vconf_ignore_key_changed(theme_key, theme_changed_cb);
+  vconf_ignore_key_changed(motion_key, motion_changed_cb);
+}

@@ -1,0 +1,79 @@
+/* What the framework's own files share. Thread: the EFL main loop. */
+#ifndef BRISEL_PLATFORM_APP_PRIV_H
+#define BRISEL_PLATFORM_APP_PRIV_H
+
+#include <Elementary.h>
+#include <systemd/sd-bus.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "app_efl.h"
+#include "efl_assist.h"
+
+constexpr char APP_LOG_TAG[] = "BRISEL_APPFW";
+constexpr char APP_INTERFACE[] = "com.vextora.Application1";
+/* A launch request larger than this is refused: it came from another process. */
+constexpr size_t LAUNCH_PAIRS_MAX = 64;
+constexpr size_t LAUNCH_BYTES_MAX = 256 * 1024;
+
+/* A received request that wants an answer: answered by the first reply, or when its last handle goes. */
+struct launch_call {
+  sd_bus_message *message = nullptr;
+  launch_call() = default;
+  launch_call(const launch_call &) = delete;
+  launch_call &operator=(const launch_call &) = delete;
+  ~launch_call();
+};
+
+struct service_s {
+  std::string app_id;
+  std::map<std::string, std::string> extra;
+  std::shared_ptr<launch_call> call; /* received requests only */
+};
+
+/* app_efl.cpp */
+const char *app_id(void);
+Evas_Object *app_window(void); /* NULL before app_efl_window_attach and after the window's end */
+bool app_ready(void);          /* create has succeeded and terminate has not begun */
+void app_deliver_launch(service_s *service);
+void app_go_background(void); /* lowers the window and delivers pause before it returns */
+void app_go_foreground(void);
+
+/* launch.cpp */
+/* "com.vextora.bt-connection-popup" becomes "/com/vextora/bt_connection_popup". */
+std::string app_object_path(const char *id);
+bool app_is_text(const char *text); /* valid UTF-8, which the bus demands */
+/* 1: this process owns the application's name now; 0: another instance took the request; negative: no bus, or failed.
+ */
+int app_claim_name(const service_s *request, bool wait_only);
+int app_bus_start(void); /* offers the application's interfaces; 0, or negative */
+void app_bus_stop(void);
+void app_bus_release_name(void);
+void app_launch_flush_pending(void); /* requests that arrived before create had finished */
+
+/* app-locale.cpp: language, region, time zone. */
+struct app_locale_callbacks {
+  void (*language_changed)(void);
+  void (*region_changed)(void);
+};
+void app_locale_init(void);                                   /* before elm_init: messages, language, time zone */
+void app_locale_start(const app_locale_callbacks *callbacks); /* after elm_init: direction, watchers */
+void app_locale_stop(void);
+
+/* app-look.cpp: the platform's theme, palette and motion. */
+void app_look_start(void);
+void app_look_stop(void);
+
+/* assist.cpp */
+/* True when somebody took the key. */
+bool ea_dispatch(Ea_Callback_Type type);
+
+/* inspect.cpp: only with BRISEL_INSPECT=1. */
+int app_inspect_start(sd_bus *bus, const char *path);
+void app_inspect_stop(void);
+/* Calls done(data) once nothing has been drawn for a moment, or after a bound; at once when inspection is off. */
+void app_inspect_settled(void (*done)(void *data), void *data);
+
+#endif

@@ -1,0 +1,396 @@
+#include "app_efl.h"
+
+#include <Ecore_Evas.h>
+#include <Efreet.h>
+#include <dlfcn.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "app-priv.h"
+#include "bus-loop.h"
+#include "dlog.h"
+#include "platform-paths.h"
+#ifdef BRISEL_HAVE_ECORE_X
+#include <Ecore_X.h>
+#endif
+
+namespace {
+
+constexpr int default_width = 320;
+constexpr int default_height = 320;
+constexpr int smallest_side = 100;
+constexpr int largest_side = 4096;
+
+/* What keeps the window out of sight. */
+struct sight {
+  bool hidden;
+  bool iconified;
+  bool withdrawn;
+  bool lowered;
+  bool covered;
+};
+
+struct application {
+  std::string id = "com.vextora.brisel";
+  app_event_callback_s callbacks = {};
+  void *user_data = nullptr;
+  bool ready = false;   /* between a successful create and terminate */
+  bool exiting = false; /* the main loop is about to end */
+  Evas_Object *window = nullptr;
+  bool seen = false; /* the window has been shown once: before that, nothing is paused */
+  sight out = {};
+  bool paused = false;
+  Ecore_Job *sight_job = nullptr;
+  Ecore_Event_Handler *visibility_handler = nullptr;
+};
+
+application app;
+
+/* --- pause and resume ----------------------------------------------------------------------------------------------
+ */
+
+bool in_sight(void) {
+  if (!app.window || !app.seen) return true;
+  return !app.out.hidden && !app.out.iconified && !app.out.withdrawn && !app.out.lowered && !app.out.covered;
+}
+
+void sight_apply(void) {
+  if (app.sight_job) ecore_job_del(app.sight_job);
+  app.sight_job = nullptr;
+  if (!app.ready || app.exiting) return;
+  const bool pause = !in_sight();
+  if (pause == app.paused) return;
+  app.paused = pause;
+  __dlog_print(DLOG_DEBUG, APP_LOG_TAG, pause ? "pause" : "resume");
+  int (*callback)(void *) = pause ? app.callbacks.pause : app.callbacks.resume;
+  if (callback) callback(app.user_data);
+}
+
+void sight_job_cb(void *data) {
+  app.sight_job = nullptr;
+  sight_apply();
+}
+
+/* From the main loop, not from inside the caller's own lower or activate: what it does next may undo it. */
+void sight_changed(void) {
+  if (!app.sight_job) app.sight_job = ecore_job_add(sight_job_cb, nullptr);
+}
+
+void window_to_front(void) {
+  app.out.lowered = false;
+  app.out.covered = false;
+  sight_changed();
+}
+
+void window_show_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  app.seen = true;
+  app.out.hidden = false;
+  app.out.withdrawn = false;
+  window_to_front();
+}
+
+void window_hide_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  app.out.hidden = true;
+  sight_changed();
+}
+
+void window_focused_cb(void *data, Evas_Object *obj, void *event_info) {
+  if (app.out.lowered) window_to_front();
+}
+
+void window_touched_cb(void *data, Evas *e, void *event_info) {
+  if (app.out.lowered) window_to_front();
+}
+
+void window_iconified_cb(void *data, Evas_Object *obj, void *event_info) {
+  app.out.iconified = true;
+  sight_changed();
+}
+
+void window_withdrawn_cb(void *data, Evas_Object *obj, void *event_info) {
+  app.out.withdrawn = true;
+  sight_changed();
+}
+
+void window_normal_cb(void *data, Evas_Object *obj, void *event_info) {
+  app.out.iconified = false;
+  app.out.withdrawn = false;
+  sight_changed();
+}
+
+#ifdef BRISEL_HAVE_ECORE_X
+Eina_Bool visibility_cb(void *data, int type, void *event_info) {
+  const auto *event = static_cast<Ecore_X_Event_Window_Visibility_Change *>(event_info);
+  if (app.window && event->win == elm_win_xwindow_get(app.window)) {
+    app.out.covered = event->fully_obscured;
+    if (!event->fully_obscured) app.out.lowered = false;
+    sight_changed();
+  }
+  return ECORE_CALLBACK_PASS_ON;
+}
+#endif
+
+void window_del_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  app.window = nullptr;
+  if (app.visibility_handler) ecore_event_handler_del(app.visibility_handler);
+  app.visibility_handler = nullptr;
+}
+
+/* --- language and region ---------------------------------------------------------------------------------------------
+ */
+
+void language_changed(void) {
+  if (!app.ready) return;
+  if (app.callbacks.language_changed)
+    app.callbacks.language_changed(app.user_data);
+  else
+    elm_language_set(getenv("LANGUAGE"));
+}
+
+void region_changed(void) {
+  if (app.ready && app.callbacks.region_format_changed) app.callbacks.region_format_changed(app.user_data);
+}
+
+Eina_Bool memory_cb(void *data, int type, void *event) {
+  if (app.ready && ecore_memory_state_get() == ECORE_MEMORY_STATE_LOW && app.callbacks.low_memory)
+    app.callbacks.low_memory(app.user_data);
+  return ECORE_CALLBACK_PASS_ON;
+}
+
+Eina_Bool power_cb(void *data, int type, void *event) {
+  if (app.ready && ecore_power_state_get() == ECORE_POWER_STATE_LOW && app.callbacks.low_battery)
+    app.callbacks.low_battery(app.user_data);
+  return ECORE_CALLBACK_PASS_ON;
+}
+
+void rotation_cb(void *data, Evas_Object *obj, void *event_info) {
+  if (app.ready && app.callbacks.device_orientation)
+    app.callbacks.device_orientation(elm_win_rotation_get(obj), app.user_data);
+}
+
+/* --- start
+ * ------------------------------------------------------------------------------------------------------------ */
+
+/* "--service": the bus started us for a request that it brings itself. */
+bool read_arguments(int argc, char **argv, service_s *request) {
+  bool by_bus = false;
+  for (int i = 1; i < argc; i++) {
+    if (strcmp(argv[i], "--service") == 0) {
+      by_bus = true;
+      continue;
+    }
+    const char *equals = strchr(argv[i], '=');
+    if (argv[i][0] == '-' || !equals || equals == argv[i] || !app_is_text(argv[i])) {
+      __dlog_print(DLOG_WARN, APP_LOG_TAG, "argument %d is no KEY=VALUE", i);
+      continue;
+    }
+    request->extra[std::string(const_cast<const char *>(argv[i]), equals)] = equals + 1;
+  }
+  return by_bus;
+}
+
+void window_size(int *w, int *h) {
+  *w = default_width;
+  *h = default_height;
+  const char *size = getenv("BRISEL_WINDOW_SIZE");
+  if (!size || !*size) return;
+  int width;
+  int height;
+  char rest;
+  if (sscanf(size, "%dx%d%c", &width, &height, &rest) != 2 || width < smallest_side || width > largest_side ||
+      height < smallest_side || height > largest_side) {
+    __dlog_print(DLOG_WARN, APP_LOG_TAG, "BRISEL_WINDOW_SIZE is no size: %s", size);
+    return;
+  }
+  *w = width;
+  *h = height;
+}
+
+int run(const service_s *request, bool by_bus) {
+  app_look_start();
+  const app_locale_callbacks told = {language_changed, region_changed};
+  app_locale_start(&told);
+  Ecore_Event_Handler *memory = ecore_event_handler_add(ECORE_EVENT_MEMORY_STATE, memory_cb, nullptr);
+  Ecore_Event_Handler *power = ecore_event_handler_add(ECORE_EVENT_POWER_STATE, power_cb, nullptr);
+
+  const bool created = !app.callbacks.create || app.callbacks.create(app.user_data);
+  if (created) {
+    app.ready = true;
+    if (!by_bus) {
+      service_s first = *request;
+      app_deliver_launch(&first);
+    }
+    app_launch_flush_pending();
+    if (!app.exiting) elm_run();
+  } else {
+    __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the application could not be created");
+  }
+  app.exiting = true;
+  /* A request that comes from now on belongs to the next instance. */
+  app_bus_release_name();
+  if (app.callbacks.terminate) app.callbacks.terminate(app.user_data);
+  app.ready = false;
+  if (app.sight_job) ecore_job_del(app.sight_job);
+  app.sight_job = nullptr;
+  ecore_event_handler_del(memory);
+  ecore_event_handler_del(power);
+  app_locale_stop();
+  app_look_stop();
+  return created ? 0 : 1;
+}
+
+}  // namespace
+
+/* --- the toolkit's functions that the framework has to know of
+ * ---------------------------------------------------------- */
+
+/* Not every engine tells when a window is lowered out of sight or brought back (a canvas in memory never does), so the
+   calls themselves tell. They go on to the toolkit's own. */
+namespace {
+template <typename... Args>
+void toolkit(void (**real)(Args...), const char *name, Args... args) {
+  if (!*real) *real = reinterpret_cast<void (*)(Args...)>(dlsym(RTLD_NEXT, name));
+  if (*real) (*real)(args...);
+}
+}  // namespace
+
+extern "C" void elm_win_lower(Evas_Object *obj) {
+  static void (*real)(Evas_Object *);
+  toolkit(&real, "elm_win_lower", obj);
+  if (!obj || obj != app.window) return;
+  app.out.lowered = true;
+  sight_changed();
+}
+
+extern "C" void elm_win_raise(Evas_Object *obj) {
+  static void (*real)(Evas_Object *);
+  toolkit(&real, "elm_win_raise", obj);
+  if (obj && obj == app.window) window_to_front();
+}
+
+extern "C" void elm_win_activate(Evas_Object *obj) {
+  static void (*real)(Evas_Object *);
+  toolkit(&real, "elm_win_activate", obj);
+  if (!obj || obj != app.window) return;
+  app.out.iconified = false;
+  app.out.withdrawn = false;
+  window_to_front();
+}
+
+extern "C" void elm_win_iconified_set(Evas_Object *obj, Eina_Bool iconified) {
+  static void (*real)(Evas_Object *, Eina_Bool);
+  toolkit(&real, "elm_win_iconified_set", obj, iconified);
+  if (!obj || obj != app.window) return;
+  app.out.iconified = iconified;
+  sight_changed();
+}
+
+/* --- for the framework
+ * ---------------------------------------------------------------------------------------------------- */
+
+const char *app_id(void) {
+  return app.id.c_str();
+}
+Evas_Object *app_window(void) {
+  return app.window;
+}
+bool app_ready(void) {
+  return app.ready && !app.exiting;
+}
+
+void app_deliver_launch(service_s *service) {
+  if (app.callbacks.service) app.callbacks.service(service, app.user_data);
+  /* Not kept for later, so it is done. */
+  if (service->call && service->call.use_count() == 1 && service->call->message)
+    service_reply_to_launch_request(nullptr, service, SERVICE_RESULT_SUCCEEDED);
+}
+
+void app_go_background(void) {
+  if (app.window) elm_win_lower(app.window);
+  sight_apply();
+}
+
+void app_go_foreground(void) {
+  if (app.window) {
+    if (app.out.hidden) evas_object_show(app.window);
+    elm_win_activate(app.window);
+  }
+  sight_apply();
+}
+
+/* --- the public interface
+ * ---------------------------------------------------------------------------------------------------- */
+
+void app_efl_id_set(const char *id) {
+  if (id && *id) app.id = id;
+}
+
+void app_efl_exit(void) {
+  app.exiting = true;
+  elm_exit();
+}
+
+void app_efl_window_attach(Evas_Object *win) {
+  if (!win || app.window == win) return;
+  app.window = win;
+  app.seen = evas_object_visible_get(win);
+  app.out = {};
+  int w;
+  int h;
+  window_size(&w, &h);
+  evas_object_resize(win, w, h);
+  evas_object_event_callback_add(win, EVAS_CALLBACK_SHOW, window_show_cb, nullptr);
+  evas_object_event_callback_add(win, EVAS_CALLBACK_HIDE, window_hide_cb, nullptr);
+  evas_object_event_callback_add(win, EVAS_CALLBACK_DEL, window_del_cb, nullptr);
+  evas_object_smart_callback_add(win, "focused", window_focused_cb, nullptr);
+  evas_object_smart_callback_add(win, "iconified", window_iconified_cb, nullptr);
+  evas_object_smart_callback_add(win, "withdrawn", window_withdrawn_cb, nullptr);
+  evas_object_smart_callback_add(win, "normal", window_normal_cb, nullptr);
+  evas_object_smart_callback_add(win, "rotation,changed", rotation_cb, nullptr);
+  evas_event_callback_add(evas_object_evas_get(win), EVAS_CALLBACK_CANVAS_FOCUS_IN, window_touched_cb, nullptr);
+#ifdef BRISEL_HAVE_ECORE_X
+  if (elm_win_xwindow_get(win))
+    app.visibility_handler = ecore_event_handler_add(ECORE_X_EVENT_WINDOW_VISIBILITY_CHANGE, visibility_cb, nullptr);
+#endif
+}
+
+int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data) {
+  if (!argc || !argv || !callbacks) return 1;
+  const std::string id = app.id;
+  app = {};
+  app.id = id;
+  app.callbacks = *callbacks;
+  app.user_data = user_data;
+
+  service_s request;
+  request.app_id = app.id;
+  const bool by_bus = read_arguments(*argc, *argv, &request);
+  /* Before the toolkit is up: a second start has nothing to draw and should be over at once. */
+  const int claimed = app_claim_name(&request, by_bus);
+  if (claimed == 0) {
+    bus_loop_shutdown();
+    return 0;
+  }
+  if (claimed < 0 && claimed != -ENOTCONN) {
+    bus_loop_shutdown();
+    return 1;
+  }
+
+  /* Start-up and idle cost: no cache of the desktop's menus and icons, no power and network watching modules, no
+     graphics hardware for a screen this small, no second bus connection. */
+  ecore_app_no_system_modules();
+  efreet_cache_disable();
+  setenv("ELM_ACCEL", "none", 0);
+  app_locale_init();
+  if (!elm_init(*argc, *argv)) {
+    __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the toolkit does not start");
+    return 1;
+  }
+  app_bus_start();
+  const int result = run(&request, by_bus);
+  if (app.window) evas_object_del(app.window);
+  app_bus_stop();
+  elm_shutdown();
+  return result;
+}
