@@ -106,9 +106,15 @@ std::vector<pid_t> descendants(pid_t root) {
   return found;
 }
 
+/* The bus, and the reader of what it and its children say. Zero: not there. */
+struct bus_processes {
+  pid_t daemon = 0;
+  pid_t reader = 0;
+};
+
 /* Ends everything below this process: asks first (the bus last, because the others may still write through it), then
    kills. Returns when nothing is left. */
-void end_everything(pid_t bus) {
+void end_everything(const bus_processes &bus) {
   std::set<pid_t> asked;
   const long start = now_ms();
   for (;;) {
@@ -122,7 +128,7 @@ void end_everything(pid_t bus) {
     const long spent = now_ms() - start;
     bool others = false;
     for (const pid_t pid : left)
-      if (pid != bus) {
+      if (pid != bus.daemon && pid != bus.reader) {
         others = true;
         if (spent > grace_ms) {
           kill(pid, SIGKILL);
@@ -131,8 +137,10 @@ void end_everything(pid_t bus) {
           kill(pid, SIGCONT); /* a stopped process would not hear it */
         }
       }
-    if (bus > 0 && !others && asked.insert(bus).second) kill(bus, SIGTERM);
-    if (spent > 2L * grace_ms && bus > 0) kill(bus, SIGKILL);
+    if (bus.daemon > 0 && !others && asked.insert(bus.daemon).second) kill(bus.daemon, SIGTERM);
+    if (spent > 2L * grace_ms && bus.daemon > 0) kill(bus.daemon, SIGKILL);
+    /* The reader ends by itself when nobody is left to say anything. */
+    if (spent > 3L * grace_ms && bus.reader > 0) kill(bus.reader, SIGKILL);
     poll(nullptr, 0, 10);
   }
 }
@@ -295,7 +303,34 @@ void follow_parent(pid_t parent) {
   if (getppid() != parent) _exit(128 + SIGTERM);
 }
 
-pid_t start_bus(const options &opt, const session &s, const sigset_t *mask) {
+/* What the bus says about its own work goes to a file; what the programs it started say goes where the session's own
+   errors go. Returns the descriptor to write to. */
+int start_reader(const session &s, bus_processes *bus) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return -1;
+  bus->reader = fork();
+  if (bus->reader == 0) {
+    /* It must see the others' last words, so only the end of the pipe ends it. */
+    setsid();
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) signal(number, SIG_IGN);
+    close(ends[1]);
+    FILE *in = fdopen(ends[0], "r");
+    FILE *own = fopen((s.dir / "bus.log").c_str(), "ae");
+    char *line = nullptr;
+    size_t size = 0;
+    while (in && getline(&line, &size, in) >= 0) {
+      const bool of_bus = strncmp(line, "dbus-daemon[", 12) == 0;
+      FILE *to = of_bus && own ? own : stderr;
+      fputs(line, to);
+      fflush(to);
+    }
+    _exit(0);
+  }
+  close(ends[0]);
+  return ends[1];
+}
+
+bool start_bus(const options &opt, const session &s, const sigset_t *mask, bus_processes *bus) {
   const fs::path from =
       opt.build.empty() ? fs::path(BRISEL_BUS_SERVICES) : fs::path(opt.build) / "data/desktop/session";
   std::error_code error;
@@ -303,7 +338,7 @@ pid_t start_bus(const options &opt, const session &s, const sigset_t *mask) {
     const std::string file = std::string(name) + ".service";
     if (!fs::exists(from / file, error)) {
       complain("%s is missing: build first", (from / file).c_str());
-      return -1;
+      return false;
     }
     fs::create_symlink(from / file, s.run / "services" / file, error);
   }
@@ -318,9 +353,10 @@ pid_t start_bus(const options &opt, const session &s, const sigset_t *mask) {
                       "  <policy context=\"default\">\n    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
                       "    <allow eavesdrop=\"true\"/>\n    <allow own=\"*\"/>\n  </policy>\n"
                       "</busconfig>\n"))
-    return -1;
+    return false;
   int ready[2];
-  if (pipe2(ready, O_CLOEXEC) != 0) return -1;
+  if (pipe2(ready, O_CLOEXEC) != 0) return false;
+  const int errors = start_reader(s, bus);
   const pid_t parent = getpid();
   const pid_t pid = fork();
   if (pid == 0) {
@@ -329,6 +365,7 @@ pid_t start_bus(const options &opt, const session &s, const sigset_t *mask) {
     setsid(); /* a Ctrl-C at the terminal is for the command */
     dup2(ready[1], 3);
     if (ready[1] == 3) fcntl(3, F_SETFD, 0);
+    if (errors >= 0) dup2(errors, 2);
     const int null = open("/dev/null", O_RDONLY);
     if (null >= 0) dup2(null, 0);
     execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", "--nosyslog", "--print-address=3",
@@ -336,26 +373,24 @@ pid_t start_bus(const options &opt, const session &s, const sigset_t *mask) {
     complain("dbus-daemon: %s", strerror(errno));
     _exit(127);
   }
+  bus->daemon = pid;
   close(ready[1]);
-  if (pid < 0) {
-    close(ready[0]);
-    return -1;
-  }
+  if (errors >= 0) close(errors);
   char line[256];
   const ssize_t got = read(ready[0], line, sizeof(line));
   close(ready[0]);
   if (got <= 0) {
     complain("the session's bus did not start");
-    return -1;
+    return false;
   }
-  return pid;
+  return pid > 0;
 }
 
 int supervise(const options &opt, const session &s, const sigset_t *mask, int signals) {
   set_environment(opt, s);
-  const pid_t bus = start_bus(opt, s, mask);
-  if (bus < 0) {
-    end_everything(0);
+  bus_processes bus;
+  if (!start_bus(opt, s, mask, &bus)) {
+    end_everything(bus);
     return 125;
   }
   const pid_t parent = getpid();
@@ -392,7 +427,7 @@ int supervise(const options &opt, const session &s, const sigset_t *mask, int si
       if (pid == command) {
         running = false;
         code = exit_code(status);
-      } else if (pid == bus) {
+      } else if (pid == bus.daemon) {
         complain("the session's bus ended");
       }
     }
@@ -433,7 +468,7 @@ int keep(const options &opt) {
         code = exit_code(status);
       }
   }
-  end_everything(0);
+  end_everything({});
   remove_session(opt, s);
   return code;
 }

@@ -35,8 +35,11 @@ bool neutral(const char *name) {
   return !name || !*name || strcmp(name, "C") == 0 || strcmp(name, "POSIX") == 0;
 }
 
+/* gettext ends its search at the language "C", whatever follows it in the list: "C.UTF-8" must not bring it in. */
+bool names_language(const char *name) { return !neutral(name) && strncmp(name, "C.", 2) != 0; }
+
 bool language_valid(const char *name) {
-  if (neutral(name) || strlen(name) > 64) return false;
+  if (!names_language(name) || strlen(name) > 64) return false;
   for (const char *p = name; *p; p++)
     if (!isalnum(static_cast<unsigned char>(*p)) && !strchr("_-@.", *p)) return false;
   return true;
@@ -55,7 +58,7 @@ std::string without_codeset(const char *name) {
 
 std::string environment_languages(void) {
   const char *list = getenv("LANGUAGE");
-  if (list && *list) return list;
+  if (list && names_language(list)) return list;
   for (const char *name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
     const char *value = getenv(name);
     if (value && *value) return language_valid(value) ? without_codeset(value) : "";
