@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "brisel-app-delete-view.h"
 #include "brisel-app-lifecycle.h"
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
@@ -21,13 +22,6 @@ unsigned char launched;
 
 /* Whether app_create came as far as the services: what was never opened needs no closing. */
 static bool services_open;
-
-/* The front of the delete view's record, as far as its list. */
-struct delete_view_front {
-  brisel_view_head head;
-  Evas_Object *layout;
-  Evas_Object *genlist;
-};
 
 static void _drop_popup(Evas_Object **popup) {
   if (*popup) evas_object_del(*popup);
@@ -626,10 +620,11 @@ static void _brisel_update_time_format_and_views(appdata *ad) {
   _brisel_set_date_time_format(ad);
   if (ad->mailbox_genlist) elm_genlist_realized_items_update(ad->mailbox_genlist);
   if (ad->naviframe) {
-    delete_view_front *front = (delete_view_front *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DELETE_VIEW, ad);
-    if (front && front->genlist) {
+    delete_view_data *delete_view =
+        (delete_view_data *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DELETE_VIEW, ad);
+    if (delete_view && delete_view->genlist) {
       BRISEL_INFO("delete view is also refreshed");
-      elm_genlist_realized_items_update(front->genlist);
+      elm_genlist_realized_items_update(delete_view->genlist);
     }
     brisel_detail_update_datetime_format(ad);
   }
