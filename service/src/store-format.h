@@ -35,6 +35,17 @@ std::string ids_to_text(const std::vector<int> &ids);
 /* Skips what is no positive number. */
 std::vector<int> ids_from_text(std::string_view text);
 
+/* One phone number of a sender. */
+struct contact_value {
+  int type;
+  std::string number;
+};
+
+/* How the contacts column is written; false when a number is empty, too long, holds control characters, or there are
+   too many. */
+bool contacts_to_text(const std::vector<contact_value> &contacts, std::string *text);
+std::vector<contact_value> contacts_from_text(const std::string &text);
+
 /* The length of a body without the tag at its end. */
 size_t body_length(std::string_view body);
 

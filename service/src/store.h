@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "store-format.h"
+
 struct store;
 
 enum store_status {
@@ -39,11 +41,6 @@ constexpr size_t field_time = 1;
 constexpr size_t field_new = 4;
 constexpr size_t field_body = 14;
 
-struct contact_value {
-  int type;
-  std::string number;
-};
-
 struct field_value {
   bool set = false;
   bool null = false;
@@ -58,11 +55,6 @@ struct mail_values {
 
 /* -1 when there is no such field. */
 int mail_field_index(const char *name);
-/* How the contacts column is written; false when a number is empty, too long, holds control characters, or there are
-   too many. */
-bool contacts_to_text(const std::vector<contact_value> &contacts, std::string *text);
-std::vector<contact_value> contacts_from_text(const std::string &text);
-
 struct account_value_record {
   int account_id;
   int account_value;

@@ -1,0 +1,284 @@
+/* The store as the application reads it. */
+#include "brisel-common.h"
+#include "reader.h"
+#include "records.h"
+
+namespace {
+
+bool opened;
+
+/* Columns of the mail queries, in their order. */
+enum {
+  col_id,
+  col_host_state,
+  col_time,
+  col_attachments,
+  col_image,
+  col_new,
+  col_account,
+  col_locked,
+  col_read,
+  col_tag,
+  col_subject,
+  col_address,
+  col_name,
+  col_uid,
+  col_contacts,
+  col_body
+};
+
+bool read_text(slab *s, sqlite3_stmt *q, int column, char **text) {
+  const unsigned char *stored = sqlite3_column_text(q, column);
+  const int bytes = sqlite3_column_bytes(q, column);
+  *text = records_text(s, stored, bytes);
+  return *text || !stored || bytes == 0;
+}
+
+/* Fills an empty record from the query's row; false when memory is short. */
+bool read_mail(slab *s, sqlite3_stmt *q, full_noti_data *mail) {
+  mail->mail_id = sqlite3_column_int(q, col_id);
+  mail->host_state = sqlite3_column_int(q, col_host_state);
+  mail->received_time = static_cast<time_t>(sqlite3_column_int64(q, col_time));
+  mail->attachment_count = sqlite3_column_int(q, col_attachments);
+  mail->has_image = sqlite3_column_int(q, col_image);
+  mail->is_new = sqlite3_column_int(q, col_new);
+  mail->account_id = sqlite3_column_int(q, col_account);
+  mail->security_locked = sqlite3_column_int(q, col_locked);
+  mail->is_read = sqlite3_column_int(q, col_read);
+  const unsigned char *contacts = sqlite3_column_text(q, col_contacts);
+  return read_text(s, q, col_tag, &mail->host_tag) && read_text(s, q, col_subject, &mail->subject) &&
+         read_text(s, q, col_address, &mail->from_address) && read_text(s, q, col_name, &mail->from_name) &&
+         read_text(s, q, col_uid, &mail->message_uid) &&
+         records_set_contacts(s, mail, contacts, sqlite3_column_bytes(q, col_contacts)) &&
+         read_text(s, q, col_body, &mail->body);
+}
+
+bool read_account(sqlite3_stmt *q, account_data *account) {
+  account->account_id = sqlite3_column_int(q, 0);
+  account->account_value = sqlite3_column_int(q, 1);
+  return read_text(nullptr, q, 2, &account->email_address) && read_text(nullptr, q, 3, &account->display_name);
+}
+
+/* The single number that a query gives for id (not bound when negative). */
+int read_number(reader_query which, int id, int *number) {
+  sqlite3_stmt *q = nullptr;
+  const int status = reader_start(which, &q);
+  if (!q) return status;
+  if (id >= 0) sqlite3_bind_int(q, 1, id);
+  const int r = sqlite3_step(q);
+  const int value = r == SQLITE_ROW ? sqlite3_column_int(q, 0) : 0;
+  const int done = reader_done(q, r);
+  if (done) return done;
+  if (r != SQLITE_ROW) return BRISEL_COMMON_ERROR_NOT_FOUND;
+  *number = value;
+  return 0;
+}
+
+}  // namespace
+
+int brisel_db_init(void) {
+  if (!opened) reader_hold();
+  opened = true;
+  /* A store that is there must be readable; one that is not there yet is made by the service. */
+  sqlite3_stmt *q = nullptr;
+  const int status = reader_start(reader_account_count, &q);
+  return q ? reader_done(q, SQLITE_DONE) : status;
+}
+
+int brisel_db_deinit(void) {
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  opened = false;
+  reader_release();
+  return 0;
+}
+
+int brisel_db_get_all_account_count(int *count) {
+  if (!count) return BRISEL_COMMON_ERROR_INVALID;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  *count = 0;
+  return read_number(reader_account_count, -1, count);
+}
+
+int brisel_db_get_target_account_count(int *count) {
+  /* The phone relays no account that the watch may not show. */
+  return brisel_db_get_all_account_count(count);
+}
+
+int brisel_db_is_valid_target_account_count(int *valid) {
+  if (!valid) return BRISEL_COMMON_ERROR_INVALID;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  int status = 0;
+  *valid = reader_get_state("account_count_known", 0, &status) == 1;
+  return status;
+}
+
+int brisel_db_get_all_account_data(GSList **list) {
+  if (!list) return BRISEL_COMMON_ERROR_INVALID;
+  *list = nullptr;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  sqlite3_stmt *q = nullptr;
+  int status = reader_start(reader_accounts, &q);
+  if (!q) return status;
+  GSList *accounts = nullptr;
+  int r;
+  while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
+    account_data *account = brisel_account_data_create();
+    if (account) accounts = g_slist_prepend(accounts, account);
+    if (!account || !read_account(q, account)) status = BRISEL_COMMON_ERROR_MEMORY;
+  }
+  const int done = reader_done(q, status ? SQLITE_DONE : r);
+  if (!status) status = done;
+  if (status) {
+    brisel_account_data_list_free(accounts);
+    return status;
+  }
+  *list = g_slist_reverse(accounts);
+  return 0;
+}
+
+int brisel_db_get_account_data_by_account_id(int account_id, account_data *out) {
+  if (!out || account_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  sqlite3_stmt *q = nullptr;
+  const int status = reader_start(reader_account, &q);
+  if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
+  sqlite3_bind_int(q, 1, account_id);
+  const int r = sqlite3_step(q);
+  bool whole = true;
+  if (r == SQLITE_ROW) {
+    records_clear_account(out);
+    whole = read_account(q, out);
+  }
+  const int done = reader_done(q, r);
+  if (done) return done;
+  if (r != SQLITE_ROW) return BRISEL_COMMON_ERROR_NOT_FOUND;
+  return whole ? 0 : BRISEL_COMMON_ERROR_MEMORY;
+}
+
+int brisel_db_get_full_noti_data_by_mail_id(int mail_id, full_noti_data *out) {
+  if (!out || mail_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  sqlite3_stmt *q = nullptr;
+  const int status = reader_start(reader_mail, &q);
+  if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
+  sqlite3_bind_int(q, 1, mail_id);
+  const int r = sqlite3_step(q);
+  bool whole = true;
+  if (r == SQLITE_ROW) {
+    records_clear_mail(out);
+    whole = read_mail(nullptr, q, out);
+  }
+  const int done = reader_done(q, r);
+  if (done) return done;
+  if (r != SQLITE_ROW) return BRISEL_COMMON_ERROR_NOT_FOUND;
+  return whole ? 0 : BRISEL_COMMON_ERROR_MEMORY;
+}
+
+int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **list, int *count) {
+  if (!list || !count || account_id < 0) return BRISEL_COMMON_ERROR_INVALID;
+  *list = nullptr;
+  *count = 0;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  sqlite3_stmt *q = nullptr;
+  int status = reader_start(account_id ? reader_mails_of_account : reader_mails, &q);
+  if (!q) return status;
+  if (account_id) sqlite3_bind_int(q, 1, account_id);
+  slab *s = slab_new();
+  if (!s) status = BRISEL_COMMON_ERROR_MEMORY;
+  GSList *first = nullptr, **link = &first;
+  int length = 0, r = SQLITE_DONE;
+  while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
+    slab_mail *entry = static_cast<slab_mail *>(slab_alloc(s, sizeof(slab_mail)));
+    if (entry) {
+      *entry = {};
+      entry->mail.priv = s;
+      entry->cell.data = &entry->mail;
+      *link = &entry->cell;
+      link = &entry->cell.next;
+      length++;
+    }
+    if (!entry || !read_mail(s, q, &entry->mail)) status = BRISEL_COMMON_ERROR_MEMORY;
+  }
+  const int done = reader_done(q, status ? SQLITE_DONE : r);
+  if (!status) status = done;
+  if (status || !first) {
+    first ? brisel_full_noti_data_list_free(first) : slab_free(s);
+    return status;
+  }
+  *list = first;
+  *count = length;
+  return 0;
+}
+
+int brisel_db_get_full_noti_data_count_by_account_id(int account_id, int *count) {
+  if (!count || account_id < 0) return BRISEL_COMMON_ERROR_INVALID;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  *count = 0;
+  return account_id ? read_number(reader_mail_count_of_account, account_id, count)
+                    : read_number(reader_mail_count, -1, count);
+}
+
+int brisel_db_get_all_template_data(GSList **list) {
+  if (!list) return BRISEL_COMMON_ERROR_INVALID;
+  *list = nullptr;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  sqlite3_stmt *q = nullptr;
+  int status = reader_start(reader_templates, &q);
+  if (!q) return status;
+  GSList *templates = nullptr;
+  int r = SQLITE_DONE;
+  while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
+    template_data *entry = g_try_new0(template_data, 1);
+    if (entry) {
+      templates = g_slist_prepend(templates, entry);
+      entry->template_id = sqlite3_column_int(q, 0);
+    }
+    if (!entry || !read_text(nullptr, q, 1, &entry->text)) status = BRISEL_COMMON_ERROR_MEMORY;
+  }
+  const int done = reader_done(q, status ? SQLITE_DONE : r);
+  if (!status) status = done;
+  if (status) {
+    brisel_template_data_list_free(templates);
+    return status;
+  }
+  *list = g_slist_reverse(templates);
+  return 0;
+}
+
+int brisel_util_get_account_color(int account_id, unsigned int *rgba) {
+  if (!rgba || account_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  sqlite3_stmt *q = nullptr;
+  const int status = reader_start(reader_account_color, &q);
+  if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
+  sqlite3_bind_int(q, 1, account_id);
+  const int r = sqlite3_step(q);
+  const unsigned int color = r == SQLITE_ROW ? static_cast<unsigned int>(sqlite3_column_int64(q, 0)) : 0;
+  const int done = reader_done(q, r);
+  if (done) return done;
+  if (r != SQLITE_ROW) return BRISEL_COMMON_ERROR_NOT_FOUND;
+  *rgba = color;
+  return 0;
+}
+
+int brisel_util_get_conn_status(int *status) {
+  if (!status) return BRISEL_COMMON_ERROR_INVALID;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  int error = 0;
+  const int told = reader_get_state("conn_status", -1, &error);
+  if (error) return error;
+  const int connected = reader_get_state("phone_connected", 0, &error);
+  if (error) return error;
+  *status = told >= 0 ? told : connected ? 0 : 1;
+  return 0;
+}
+
+int brisel_util_get_reply_status(int *status) {
+  if (!status) return BRISEL_COMMON_ERROR_INVALID;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  int error = 0;
+  const int told = reader_get_state("reply_status", 0, &error);
+  if (error) return error;
+  *status = told;
+  return 0;
+}

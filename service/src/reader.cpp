@@ -1,0 +1,171 @@
+#include "reader.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <string>
+
+#include "brisel-common.h"
+#include "dlog.h"
+#include "platform-paths.h"
+#include "store-format.h"
+
+namespace {
+
+constexpr char log_tag[] = "BRISEL_COMMON";
+/* Readers of a WAL store wait for nobody, except while a service that was killed is being cleaned up after. */
+constexpr int busy_ms = 1000;
+
+#define MAIL_COLUMNS                                                                                       \
+  "mail_id, host_state, received_time, attachment_count, has_image, is_new, account_id, security_locked, " \
+  "is_read, host_tag, subject, from_address, from_name, message_uid, contacts, body"
+
+constexpr const char *texts[reader_query_count] = {
+    "SELECT count(*) FROM account",
+    "SELECT account_id, account_value, email_address, display_name FROM account ORDER BY account_id",
+    "SELECT account_id, account_value, email_address, display_name FROM account WHERE account_id = ?",
+    "SELECT color FROM account WHERE account_id = ?",
+    "SELECT " MAIL_COLUMNS " FROM mail WHERE mail_id = ?",
+    "SELECT " MAIL_COLUMNS " FROM mail ORDER BY received_time DESC, mail_id",
+    "SELECT " MAIL_COLUMNS " FROM mail WHERE account_id = ? ORDER BY received_time DESC, mail_id",
+    "SELECT count(*) FROM mail",
+    "SELECT count(*) FROM mail WHERE account_id = ?",
+    "SELECT template_id, text FROM template ORDER BY position",
+    "SELECT value FROM state WHERE key = ?",
+    "SELECT ifnull(max(seq), 0) FROM changes",
+    "SELECT seq, type, ids FROM changes WHERE seq > ? ORDER BY seq",
+};
+
+struct {
+  int users;
+  sqlite3 *db;
+  sqlite3_stmt *statements[reader_query_count];
+  dev_t device;
+  ino_t inode;
+  int told; /* the last error logged: one line for one trouble, however often it is met */
+} reader;
+
+std::string store_path(void) {
+  const char *dir = platform_data_dir();
+  return dir ? std::string(dir) + "/" + store_file : std::string();
+}
+
+void close_store(void) {
+  for (sqlite3_stmt *&s : reader.statements) {
+    sqlite3_finalize(s);
+    s = nullptr;
+  }
+  sqlite3_close(reader.db);
+  reader.db = nullptr;
+}
+
+int tell(int code, const char *what) {
+  if (reader.told != code) __dlog_print(DLOG_ERROR, log_tag, "the store cannot be read: %s", what);
+  reader.told = code;
+  return BRISEL_COMMON_ERROR_STORE;
+}
+
+int read_number(const char *sql, int *value) {
+  sqlite3_stmt *s = nullptr;
+  int r = sqlite3_prepare_v2(reader.db, sql, -1, &s, nullptr);
+  if (r == SQLITE_OK) r = sqlite3_step(s);
+  if (r == SQLITE_ROW) *value = sqlite3_column_int(s, 0);
+  sqlite3_finalize(s);
+  return r == SQLITE_ROW ? SQLITE_OK : r;
+}
+
+/* 0 with reader.db NULL: there is no store yet. */
+int open_store(void) {
+  const std::string path = store_path();
+  struct stat info;
+  if (path.empty()) return tell(-1, "there is no data folder");
+  if (stat(path.c_str(), &info) != 0 && errno == ENOENT) return 0;
+  int r = sqlite3_open_v2(path.c_str(), &reader.db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOFOLLOW, nullptr);
+  int version = 0, application = 0;
+  if (r == SQLITE_OK) {
+    sqlite3_busy_timeout(reader.db, busy_ms);
+    r = read_number("PRAGMA user_version", &version);
+  }
+  if (r == SQLITE_OK) r = read_number("PRAGMA application_id", &application);
+  int status = 0;
+  if (r != SQLITE_OK) {
+    status = tell(r, reader.db ? sqlite3_errmsg(reader.db) : "no memory");
+  } else if (version == 0 && application == 0) {
+    close_store(); /* the service is just making it */
+    return 0;
+  } else if (application != store_application_id || version != store_version) {
+    /* An older one is brought up to date as soon as the service starts. */
+    status = tell(-2, "its schema is another one");
+  }
+  if (status) {
+    close_store();
+    return status;
+  }
+  reader.device = info.st_dev;
+  reader.inode = info.st_ino;
+  reader.told = 0;
+  return 0;
+}
+
+}  // namespace
+
+void reader_hold(void) {
+  reader.users++;
+}
+
+void reader_release(void) {
+  if (reader.users > 0 && --reader.users == 0) {
+    close_store();
+    reader.told = 0;
+  }
+}
+
+int reader_start(reader_query which, sqlite3_stmt **query) {
+  *query = nullptr;
+  if (!reader.users) return BRISEL_COMMON_ERROR_STORE;
+  if (!reader.db) {
+    const int status = open_store();
+    if (status || !reader.db) return status;
+  }
+  sqlite3_stmt *&s = reader.statements[which];
+  if (!s) {
+    const int r = sqlite3_prepare_v3(reader.db, texts[which], -1, SQLITE_PREPARE_PERSISTENT, &s, nullptr);
+    if (r != SQLITE_OK) {
+      tell(r, sqlite3_errmsg(reader.db));
+      close_store(); /* the next call tries anew */
+      return BRISEL_COMMON_ERROR_STORE;
+    }
+  }
+  *query = s;
+  return 0;
+}
+
+int reader_done(sqlite3_stmt *query, int result) {
+  if (result == SQLITE_DONE || result == SQLITE_ROW) {
+    sqlite3_reset(query);
+    return 0;
+  }
+  tell(result, sqlite3_errmsg(reader.db));
+  close_store();
+  return BRISEL_COMMON_ERROR_STORE;
+}
+
+void reader_check_file(void) {
+  if (!reader.db) return;
+  struct stat info;
+  int version = 0;
+  if (stat(store_path().c_str(), &info) != 0 || info.st_dev != reader.device || info.st_ino != reader.inode ||
+      read_number("PRAGMA user_version", &version) != SQLITE_OK || version != store_version)
+    close_store();
+}
+
+int reader_get_state(const char *key, int fallback, int *status) {
+  sqlite3_stmt *query = nullptr;
+  *status = reader_start(reader_state, &query);
+  if (!query) return fallback;
+  sqlite3_bind_text(query, 1, key, -1, SQLITE_STATIC);
+  const int r = sqlite3_step(query);
+  const int value = r == SQLITE_ROW ? sqlite3_column_int(query, 0) : fallback;
+  *status = reader_done(query, r);
+  return *status ? fallback : value;
+}

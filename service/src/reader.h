@@ -1,0 +1,41 @@
+/* Inside libbrisel-common: the read-only connection to the store, shared by the store calls and the host link.
+   Thread: the EFL main loop. */
+#ifndef BRISEL_READER_H
+#define BRISEL_READER_H
+
+#include <sqlite3.h>
+
+enum reader_query {
+  reader_account_count,
+  reader_accounts,
+  reader_account,
+  reader_account_color,
+  reader_mail,
+  reader_mails,
+  reader_mails_of_account,
+  reader_mail_count,
+  reader_mail_count_of_account,
+  reader_templates,
+  reader_state,
+  reader_last_change,
+  reader_changes,
+  reader_query_count
+};
+
+/* One user more or less of the connection; it closes with the last. */
+void reader_hold(void);
+void reader_release(void);
+
+/* Readies a query for its values. 0 with *query set, to be given back with reader_done(); 0 with *query NULL when there
+   is no store yet, which reads as empty; else a BRISEL_COMMON_ERROR_*. */
+int reader_start(reader_query which, sqlite3_stmt **query);
+/* Ends a query. result: what its last step returned. 0, or BRISEL_COMMON_ERROR_STORE when that was an error. */
+int reader_done(sqlite3_stmt *query, int result);
+
+/* Looks whether the file is still the one that is open, and turns to the new one if not. */
+void reader_check_file(void);
+
+/* value when the key was never set, or on any error. *status: as of reader_start. */
+int reader_get_state(const char *key, int fallback, int *status);
+
+#endif

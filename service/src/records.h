@@ -1,0 +1,32 @@
+/* Inside libbrisel-common: how the records of the store are built. Thread: the EFL main loop. */
+#ifndef BRISEL_RECORDS_H
+#define BRISEL_RECORDS_H
+
+#include <cstddef>
+
+#include "brisel-common.h"
+
+/* A list's memory: everything of it lies in a few large blocks, which go with the list. */
+struct slab;
+slab *slab_new(void);
+void slab_free(slab *s);
+/* NULL when memory is short. Aligned for any record; not cleared. */
+void *slab_alloc(slab *s, size_t bytes);
+
+/* A record and its list cell side by side. */
+struct slab_mail {
+  full_noti_data mail;
+  GSList cell;
+};
+
+/* Copies a text of the store, made valid where it is not; NULL for an empty one. From s, or from the heap when s is
+ * NULL. */
+char *records_text(slab *s, const unsigned char *text, int bytes);
+
+/* Sets sender_contact_list from the contacts column. The numbers lie in s, or in a block of the record's own. */
+bool records_set_contacts(slab *s, full_noti_data *mail, const unsigned char *text, int bytes);
+/* Frees what a record holds and empties it. */
+void records_clear_mail(full_noti_data *mail);
+void records_clear_account(account_data *account);
+
+#endif
