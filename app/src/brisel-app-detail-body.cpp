@@ -361,7 +361,6 @@ static void _rest_move(Evas_Object *obj, Evas_Coord x, Evas_Coord y) {
 }
 
 static void _rest_resize(Evas_Object *obj, Evas_Coord w, Evas_Coord h) {
-  _parent_class()->resize(obj, w, h);
   evas_object_smart_changed(obj);
 }
 

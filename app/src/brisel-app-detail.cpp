@@ -515,6 +515,9 @@ static page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_vi
   Evas_Object *detail = __brisel_detail_create_layout_detail_view(scroller);
   if (!detail) return __brisel_detail_give_up_page(page, "__brisel_detail_create_detail_view_layout() failed!");
   __brisel_detail_keep(&page->detail_layout, detail);
+  /* The fields' heights follow from the width; asking for the least width of all would break every text into columns of
+     single letters to find out. */
+  elm_layout_sizing_restricted_eval(detail, EINA_TRUE, EINA_FALSE);
   brisel_detail_body_attach(detail, scroller);
   __brisel_detail_draw_view_components(view_data, page);
 
@@ -550,14 +553,23 @@ static void __brisel_detail_drop_page(brisel_detail_view *view_data, int index) 
   if (layout) evas_object_del(layout);
 }
 
-/* The box is exactly as wide as its pages, so that the scroller finds them at whole pages. */
+/* Lays the box out: every page as wide as the view and as high, whatever its content asks for, and the box exactly as
+   wide as its pages, so that the scroller finds them at whole pages. A box's own layout would let wide content push
+   the pages out of step. */
+static void __brisel_detail_box_layout_cb(Evas_Object *box, Evas_Object_Box_Data *priv, void *data) {
+  int x = 0, y = 0, height = 0, width = 0, count = 0;
+  evas_object_geometry_get(box, &x, &y, nullptr, &height);
+  elm_scroller_page_size_get((Evas_Object *)data, &width, nullptr);
+  for (Eina_List *cell = priv->children; cell; cell = cell->next, count++) {
+    Evas_Object *page = ((Evas_Object_Box_Option *)eina_list_data_get(cell))->obj;
+    evas_object_move(page, x + count * width, y);
+    evas_object_resize(page, width, height);
+  }
+  evas_object_size_hint_min_set(box, count * width, 0);
+}
+
 static void __brisel_detail_fit_box(brisel_detail_view *view_data) {
-  if (!view_data->box || !view_data->page_scroller) return;
-  int count = 0, width = 0;
-  for (const page_data *page : view_data->page_data)
-    if (page) count++;
-  elm_scroller_page_size_get(view_data->page_scroller, &width, nullptr);
-  evas_object_size_hint_min_set(view_data->box, width * count, 0);
+  if (view_data->box) elm_box_recalculate(view_data->box);
 }
 
 GList *__brisel_detail_update_neighbor(GList *node, int index, brisel_detail_view *view_data) {
@@ -779,9 +791,8 @@ static void __brisel_detail_create_box(brisel_detail_view *view_data) {
   }
   __brisel_detail_keep(&view_data->box, box);
   elm_box_horizontal_set(box, EINA_TRUE);
-  /* Every page gets the same width, whatever its content asks for. */
-  elm_box_homogeneous_set(box, EINA_TRUE);
-  evas_object_show(box);
+  elm_box_layout_set(box, __brisel_detail_box_layout_cb, view_data->page_scroller, nullptr);
+  __brisel_detail_fill_both_ways(box);
   elm_object_content_set(view_data->page_scroller, box);
 }
 
