@@ -36,7 +36,9 @@ bool neutral(const char *name) {
 }
 
 /* gettext ends its search at the language "C", whatever follows it in the list: "C.UTF-8" must not bring it in. */
-bool names_language(const char *name) { return !neutral(name) && strncmp(name, "C.", 2) != 0; }
+bool names_language(const char *name) {
+  return !neutral(name) && strncmp(name, "C.", 2) != 0;
+}
 
 bool language_valid(const char *name) {
   if (!names_language(name) || strlen(name) > 64) return false;

@@ -13,6 +13,9 @@ namespace {
 
 constexpr char theme_file[] = "/usr/apps/com.vextora.brisel/res/edje/platform.edj";
 constexpr char theme_key[] = "db/setting/theme";
+/* Pixels: how far a resting finger strays, and what it covers at the least. */
+constexpr unsigned int finger_tremble = 12;
+constexpr int finger_size = 24;
 constexpr char motion_key[] = "db/setting/motion";
 
 std::vector<std::string> palette_classes;
@@ -84,6 +87,8 @@ void app_look_start(void) {
   vconf_notify_key_changed(motion_key, motion_changed_cb, nullptr);
   /* Touch first: a finger scrolls and taps, nothing hovers, and no keyboard focus is drawn. */
   elm_config_scroll_thumbscroll_enabled_set(EINA_TRUE);
+  elm_config_scroll_thumbscroll_threshold_set(finger_tremble);
+  elm_config_finger_size_set(finger_size);
   elm_config_focus_highlight_enabled_set(EINA_FALSE);
   elm_config_item_select_on_focus_disabled_set(EINA_TRUE);
 }

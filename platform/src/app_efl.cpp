@@ -348,6 +348,12 @@ void app_efl_window_attach(Evas_Object *win) {
   evas_object_smart_callback_add(win, "withdrawn", window_withdrawn_cb, nullptr);
   evas_object_smart_callback_add(win, "normal", window_normal_cb, nullptr);
   evas_object_smart_callback_add(win, "rotation,changed", rotation_cb, nullptr);
+  /* A canvas in memory has the focus from the start and never tells its widgets so. */
+  Ecore_Evas *ee = ecore_evas_ecore_evas_get(evas_object_evas_get(win));
+  if (strcmp(ecore_evas_engine_name_get(ee), "buffer") == 0) {
+    ecore_evas_focus_set(ee, EINA_FALSE);
+    ecore_evas_focus_set(ee, EINA_TRUE);
+  }
   evas_event_callback_add(evas_object_evas_get(win), EVAS_CALLBACK_CANVAS_FOCUS_IN, window_touched_cb, nullptr);
 #ifdef BRISEL_HAVE_ECORE_X
   if (elm_win_xwindow_get(win))

@@ -1,0 +1,383 @@
+#include <Eo.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "inspect-priv.h"
+
+/* ordered: people read it too */
+using json = nlohmann::ordered_json;
+
+namespace {
+
+struct rect {
+  int x = 0;
+  int y = 0;
+  int w = 0;
+  int h = 0;
+};
+
+struct color {
+  int r = 255;
+  int g = 255;
+  int b = 255;
+  int a = 255; /* channels multiplied by it, as the canvas keeps them */
+};
+
+/* One visible text, and where in the drawing order it comes. */
+struct shown_text {
+  json entry;
+  rect area;
+  size_t order;
+};
+
+/* Something that hides what lies below it. */
+struct cover {
+  rect area;
+  size_t order;
+};
+
+struct walk {
+  rect window;
+  size_t order = 0;
+  std::vector<shown_text> texts;
+  std::vector<cover> covers;
+  std::vector<Evas_Object *> stacks;
+  json popups = json::array();
+};
+
+rect intersect(const rect &one, const rect &two) {
+  rect out;
+  out.x = std::max(one.x, two.x);
+  out.y = std::max(one.y, two.y);
+  out.w = std::min(one.x + one.w, two.x + two.w) - out.x;
+  out.h = std::min(one.y + one.h, two.y + two.h) - out.y;
+  if (out.w < 0 || out.h < 0) out.w = out.h = 0;
+  return out;
+}
+
+bool contains(const rect &outer, const rect &inner) {
+  return inner.x >= outer.x && inner.y >= outer.y && inner.x + inner.w <= outer.x + outer.w &&
+         inner.y + inner.h <= outer.y + outer.h;
+}
+
+rect geometry(const Evas_Object *obj) {
+  rect out;
+  evas_object_geometry_get(obj, &out.x, &out.y, &out.w, &out.h);
+  return out;
+}
+
+void tint(color *c, const Evas_Object *by) {
+  color other;
+  evas_object_color_get(by, &other.r, &other.g, &other.b, &other.a);
+  c->r = c->r * other.r / 255;
+  c->g = c->g * other.g / 255;
+  c->b = c->b * other.b / 255;
+  c->a = c->a * other.a / 255;
+}
+
+std::string color_text(const color &c) {
+  auto straight = [&c](int channel) { return c.a > 0 ? std::clamp((channel * 255 + c.a / 2) / c.a, 0, 255) : 0; };
+  char text[16];
+  snprintf(text, sizeof(text), "#%02X%02X%02X%02X", straight(c.r), straight(c.g), straight(c.b), c.a);
+  return text;
+}
+
+/* What is left of area inside every clipper, and the object's colour after theirs; nothing when it cannot be seen. */
+std::optional<std::pair<rect, color>> seen(const Evas_Object *obj, const rect &area, const rect &window) {
+  if (!evas_object_visible_get(obj)) return std::nullopt;
+  color c;
+  tint(&c, obj);
+  rect left = intersect(area, window);
+  for (const Evas_Object *clip = evas_object_clip_get(obj); clip; clip = evas_object_clip_get(clip)) {
+    if (!evas_object_visible_get(clip)) return std::nullopt;
+    left = intersect(left, geometry(clip));
+    tint(&c, clip);
+  }
+  if (left.w == 0 || left.h == 0 || c.a == 0) return std::nullopt;
+  return std::make_pair(left, c);
+}
+
+/* --- text blocks: the style in effect where the text begins ---------------------------------------------------------
+ */
+
+struct text_style {
+  std::string font;
+  double size = 0.0;
+  std::string color_word;
+};
+
+/* "font_size=26 color=#fff" and the like; a value may be quoted or hold escaped blanks. */
+void read_format(std::string_view format, text_style *style) {
+  size_t i = 0;
+  while (i < format.size()) {
+    while (i < format.size() && (format[i] == ' ' || format[i] == '+')) i++;
+    const size_t equals = format.find('=', i);
+    if (equals == std::string_view::npos) return;
+    const std::string_view key = format.substr(i, equals - i);
+    i = equals + 1;
+    std::string value;
+    const char quote = i < format.size() && (format[i] == '\'' || format[i] == '"') ? format[i++] : 0;
+    while (i < format.size() && (quote ? format[i] != quote : format[i] != ' ')) {
+      if (format[i] == '\\' && i + 1 < format.size()) i++;
+      value += format[i++];
+    }
+    i++;
+    if (key == "font") style->font = value;
+    if (key == "font_size") style->size = atof(value.c_str());
+    if (key == "color") style->color_word = value;
+  }
+}
+
+/* A style's text: DEFAULT='...' tag='...' … */
+std::map<std::string, std::string> read_style(const char *text) {
+  std::map<std::string, std::string> tags;
+  for (const char *p = text; p && *p;) {
+    while (*p == ' ' || *p == '\n') p++;
+    const char *equals = strchr(p, '=');
+    if (!equals || equals[1] != '\'') break;
+    std::string key(p, equals);
+    std::string value;
+    for (p = equals + 2; *p && *p != '\''; p++) {
+      if (*p == '\\' && p[1]) p++;
+      value += *p;
+    }
+    if (*p) p++;
+    tags[key] = value;
+  }
+  return tags;
+}
+
+int hex(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+/* #RGB, #RGBA, #RRGGBB, #RRGGBBAA, and the few names that themes use; premultiplied like the canvas's own. */
+color read_color(const std::string &word) {
+  color c;
+  if (word == "black") c = {0, 0, 0, 255};
+  if (word == "red") c = {255, 0, 0, 255};
+  if (word == "green") c = {0, 255, 0, 255};
+  if (word == "blue") c = {0, 0, 255, 255};
+  if (word.empty() || word[0] != '#') return c;
+  std::string digits = word.substr(1);
+  if (digits.size() == 3 || digits.size() == 4) {
+    std::string wide;
+    for (const char digit : digits) wide += {digit, digit};
+    digits = wide;
+  }
+  if (digits.size() == 6) digits += "ff";
+  if (digits.size() != 8) return c;
+  int bytes[4];
+  for (size_t i = 0; i < 4; i++) {
+    const int high = hex(digits[2 * i]);
+    const int low = hex(digits[2 * i + 1]);
+    if (high < 0 || low < 0) return c;
+    bytes[i] = high * 16 + low;
+  }
+  const int a = bytes[3];
+  return {bytes[0] * a / 255, bytes[1] * a / 255, bytes[2] * a / 255, a};
+}
+
+text_style style_at_start(Evas_Object *block) {
+  text_style style;
+  std::map<std::string, std::string> tags;
+  if (const Evas_Textblock_Style *ts = evas_object_textblock_style_get(block))
+    tags = read_style(evas_textblock_style_get(ts));
+  if (const Evas_Textblock_Style *user = evas_object_textblock_style_user_peek(block)) {
+    for (const auto &[tag, format] : read_style(evas_textblock_style_get(user)))
+      if (tag == "DEFAULT")
+        tags[tag] += " " + format;
+      else
+        tags[tag] = format;
+  }
+  read_format(tags["DEFAULT"], &style);
+  /* The markup opened before the first character. */
+  const char *markup = evas_object_textblock_text_markup_get(block);
+  for (const char *p = markup; p && *p == '<';) {
+    const char *end = strchr(p, '>');
+    if (!end) break;
+    std::string tag(p + 1, end);
+    if (tag == "br" || tag == "br/" || tag == "ps" || tag == "ps/") {
+      p = end + 1;
+      continue;
+    }
+    if (tag[0] == '/') break;
+    const auto found = tags.find(tag);
+    if (found != tags.end())
+      read_format(found->second, &style);
+    else if (tag.find('=') != std::string::npos)
+      read_format(tag, &style);
+    p = end + 1;
+  }
+  return style;
+}
+
+rect block_area(Evas_Object *block) {
+  const rect object = geometry(block);
+  rect area;
+  int x;
+  int y;
+  int w;
+  int h;
+  for (int line = 0; evas_object_textblock_line_number_geometry_get(block, line, &x, &y, &w, &h); line++) {
+    if (w == 0 && h == 0) continue;
+    if (area.w == 0 && area.h == 0) {
+      area = {x, y, w, h};
+      continue;
+    }
+    const int right = std::max(area.x + area.w, x + w);
+    const int bottom = std::max(area.y + area.h, y + h);
+    area.x = std::min(area.x, x);
+    area.y = std::min(area.y, y);
+    area.w = right - area.x;
+    area.h = bottom - area.y;
+  }
+  area.x += object.x;
+  area.y += object.y;
+  return intersect(area, object);
+}
+
+std::string plain_text(Evas_Object *block) {
+  const char *markup = evas_object_textblock_text_markup_get(block);
+  char *plain = evas_textblock_text_markup_to_utf8(block, markup ? markup : "");
+  std::string text = plain ? plain : "";
+  free(plain);
+  return text;
+}
+
+/* --- the canvas
+ * --------------------------------------------------------------------------------------------------------- */
+
+void add_text(walk *w, const std::string &text, const rect &area, const color &c, const std::string &font,
+              double size) {
+  json entry;
+  entry["text"] = text;
+  entry["x"] = area.x;
+  entry["y"] = area.y;
+  entry["width"] = area.w;
+  entry["height"] = area.h;
+  entry["color"] = color_text(c);
+  entry["font_size"] = std::round(size * 100.0) / 100.0;
+  entry["font"] = font;
+  w->texts.push_back({std::move(entry), area, w->order});
+}
+
+void visit_text(walk *w, Evas_Object *obj) {
+  const char *text = evas_object_text_text_get(obj);
+  if (!text || !*text) return;
+  const auto visible = seen(obj, geometry(obj), w->window);
+  if (!visible) return;
+  const char *font = nullptr;
+  Evas_Font_Size size = 0;
+  evas_object_text_font_get(obj, &font, &size);
+  add_text(w, text, visible->first, visible->second, font ? font : "", size * evas_object_scale_get(obj));
+}
+
+void visit_block(walk *w, Evas_Object *obj) {
+  const std::string text = plain_text(obj);
+  if (text.empty()) return;
+  const auto visible = seen(obj, block_area(obj), w->window);
+  if (!visible) return;
+  const text_style style = style_at_start(obj);
+  color c = read_color(style.color_word);
+  const color by = visible->second;
+  c = {c.r * by.r / 255, c.g * by.g / 255, c.b * by.b / 255, c.a * by.a / 255};
+  if (c.a == 0) return;
+  add_text(w, text, visible->first, c, style.font, style.size * evas_object_scale_get(obj));
+}
+
+void visit_cover(walk *w, Evas_Object *obj, const char *type) {
+  if (evas_object_render_op_get(obj) != EVAS_RENDER_BLEND) return;
+  /* A clipper is no paint of its own. */
+  if (eina_list_count(evas_object_clipees_get(obj)) > 0) return;
+  if (strcmp(type, "image") == 0 && (evas_object_image_alpha_get(obj) || !evas_object_image_filled_get(obj))) return;
+  const auto visible = seen(obj, geometry(obj), w->window);
+  if (visible && visible->second.a == 255) w->covers.push_back({visible->first, w->order});
+}
+
+std::string or_empty(const char *text) {
+  return text ? text : "";
+}
+
+std::string markup_to_plain(const char *markup) {
+  char *plain = elm_entry_markup_to_utf8(markup ? markup : "");
+  std::string text = plain ? plain : "";
+  free(plain);
+  return text;
+}
+
+void visit_widget(walk *w, Evas_Object *obj) {
+  const std::string name = or_empty(efl_class_name_get(obj));
+  if (name == "Elm.Naviframe" && evas_object_visible_get(obj)) w->stacks.push_back(obj);
+  if (name == "Elm.Popup" && evas_object_visible_get(obj)) {
+    json popup;
+    popup["title"] = markup_to_plain(elm_object_part_text_get(obj, "title,text"));
+    popup["text"] = markup_to_plain(elm_object_text_get(obj));
+    w->popups.push_back(popup);
+  }
+}
+
+void visit(walk *w, Evas_Object *obj) {
+  w->order++;
+  const char *type = evas_object_type_get(obj);
+  if (!type) return;
+  if (strcmp(type, "text") == 0) {
+    visit_text(w, obj);
+  } else if (strcmp(type, "textblock") == 0) {
+    visit_block(w, obj);
+  } else if (strcmp(type, "rectangle") == 0 || strcmp(type, "image") == 0) {
+    visit_cover(w, obj, type);
+  } else {
+    if (elm_object_widget_check(obj)) visit_widget(w, obj);
+    Eina_List *members = evas_object_smart_members_get(obj);
+    void *member;
+    EINA_LIST_FREE(members, member) visit(w, static_cast<Evas_Object *>(member));
+  }
+}
+
+json views(const std::vector<Evas_Object *> &stacks) {
+  json out = json::array();
+  for (Evas_Object *stack : stacks) {
+    Eina_List *items = elm_naviframe_items_get(stack);
+    const Elm_Object_Item *top = elm_naviframe_top_item_get(stack);
+    void *one;
+    EINA_LIST_FREE(items, one) {
+      auto *item = static_cast<Elm_Object_Item *>(one);
+      json view;
+      view["title"] = markup_to_plain(elm_object_item_text_get(item));
+      view["title_shown"] = bool(elm_naviframe_item_title_enabled_get(item));
+      view["top"] = item == top;
+      out.push_back(view);
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string inspect_dump(Evas_Object *window) {
+  walk w;
+  Evas *evas = evas_object_evas_get(window);
+  evas_output_size_get(evas, &w.window.w, &w.window.h);
+  for (Evas_Object *obj = evas_object_bottom_get(evas); obj; obj = evas_object_above_get(obj)) visit(&w, obj);
+  json out;
+  out["window"] = {{"width", w.window.w}, {"height", w.window.h}};
+  out["views"] = views(w.stacks);
+  out["popups"] = w.popups;
+  out["texts"] = json::array();
+  for (shown_text &text : w.texts) {
+    text.entry["covered"] = std::any_of(w.covers.begin(), w.covers.end(), [&text](const cover &one) {
+      return one.order > text.order && contains(one.area, text.area);
+    });
+    out["texts"].push_back(std::move(text.entry));
+  }
+  return out.dump(-1, ' ', false, json::error_handler_t::replace);
+}

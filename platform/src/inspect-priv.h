@@ -1,0 +1,42 @@
+/* What the inspection's files share. Thread: the EFL main loop. */
+#ifndef BRISEL_PLATFORM_INSPECT_PRIV_H
+#define BRISEL_PLATFORM_INSPECT_PRIV_H
+
+#include <Elementary.h>
+
+#include <string>
+#include <vector>
+
+enum inspect_event {
+  INSPECT_MOVE,  /* the finger is at x, y */
+  INSPECT_DOWN,  /* it touches there */
+  INSPECT_UP,    /* it leaves */
+  INSPECT_MOVE2, /* a second finger, the same */
+  INSPECT_DOWN2,
+  INSPECT_UP2,
+  INSPECT_TEXT /* one character, or a key's name */
+};
+
+/* One input event, fed `after` seconds after the one before. */
+struct inspect_step {
+  double after;
+  inspect_event event;
+  int x;
+  int y;
+  std::string text;
+};
+
+/* The steps of what a person does. Coordinates are window pixels. */
+std::vector<inspect_step> inspect_tap(int x, int y, int times);
+std::vector<inspect_step> inspect_press(int x, int y, double seconds);
+std::vector<inspect_step> inspect_drag(int x1, int y1, int x2, int y2, double seconds);
+std::vector<inspect_step> inspect_pinch(int x, int y, double factor, int reach);
+std::vector<inspect_step> inspect_type(const char *text);
+void inspect_feed(Evas *evas, const inspect_step &step);
+
+/* What is on the canvas, as JSON text. */
+std::string inspect_dump(Evas_Object *window);
+/* Writes exactly what is drawn to a PNG file; an error text, or empty. */
+std::string inspect_screenshot(Evas_Object *window, const char *file);
+
+#endif
