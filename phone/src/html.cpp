@@ -1,0 +1,522 @@
+/* HTML mail as readable text. One pass, no tree: nothing in a document can make it take more than linear time. */
+#include <glib.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "text.h"
+
+namespace {
+
+struct entity {
+  const char *name;
+  uint16_t character;
+};
+
+/* Sorted by name, for a binary search. */
+constexpr entity kEntities[] = {
+    {"AElig", 0xc6},    {"Aacute", 0xc1},   {"Acirc", 0xc2},    {"Agrave", 0xc0},   {"Alpha", 0x391},
+    {"Aring", 0xc5},    {"Atilde", 0xc3},   {"Auml", 0xc4},     {"Beta", 0x392},    {"Ccedil", 0xc7},
+    {"Chi", 0x3a7},     {"Dagger", 0x2021}, {"Delta", 0x394},   {"ETH", 0xd0},      {"Eacute", 0xc9},
+    {"Ecirc", 0xca},    {"Egrave", 0xc8},   {"Epsilon", 0x395}, {"Eta", 0x397},     {"Euml", 0xcb},
+    {"Gamma", 0x393},   {"Iacute", 0xcd},   {"Icirc", 0xce},    {"Igrave", 0xcc},   {"Iota", 0x399},
+    {"Iuml", 0xcf},     {"Kappa", 0x39a},   {"Lambda", 0x39b},  {"Mu", 0x39c},      {"Ntilde", 0xd1},
+    {"Nu", 0x39d},      {"OElig", 0x152},   {"Oacute", 0xd3},   {"Ocirc", 0xd4},    {"Ograve", 0xd2},
+    {"Omega", 0x3a9},   {"Omicron", 0x39f}, {"Oslash", 0xd8},   {"Otilde", 0xd5},   {"Ouml", 0xd6},
+    {"Phi", 0x3a6},     {"Pi", 0x3a0},      {"Prime", 0x2033},  {"Psi", 0x3a8},     {"Rho", 0x3a1},
+    {"Scaron", 0x160},  {"Sigma", 0x3a3},   {"THORN", 0xde},    {"Tau", 0x3a4},     {"Theta", 0x398},
+    {"Uacute", 0xda},   {"Ucirc", 0xdb},    {"Ugrave", 0xd9},   {"Upsilon", 0x3a5}, {"Uuml", 0xdc},
+    {"Xi", 0x39e},      {"Yacute", 0xdd},   {"Yuml", 0x178},    {"Zeta", 0x396},    {"aacute", 0xe1},
+    {"acirc", 0xe2},    {"acute", 0xb4},    {"aelig", 0xe6},    {"agrave", 0xe0},   {"alpha", 0x3b1},
+    {"amp", 0x26},      {"apos", 0x27},     {"aring", 0xe5},    {"asymp", 0x2248},  {"atilde", 0xe3},
+    {"auml", 0xe4},     {"bdquo", 0x201e},  {"beta", 0x3b2},    {"brvbar", 0xa6},   {"bull", 0x2022},
+    {"ccedil", 0xe7},   {"cedil", 0xb8},    {"cent", 0xa2},     {"check", 0x2713},  {"chi", 0x3c7},
+    {"circ", 0x2c6},    {"clubs", 0x2663},  {"copy", 0xa9},     {"curren", 0xa4},   {"dagger", 0x2020},
+    {"darr", 0x2193},   {"deg", 0xb0},      {"delta", 0x3b4},   {"diams", 0x2666},  {"divide", 0xf7},
+    {"eacute", 0xe9},   {"ecirc", 0xea},    {"egrave", 0xe8},   {"emsp", 0x2003},   {"ensp", 0x2002},
+    {"epsilon", 0x3b5}, {"equiv", 0x2261},  {"eta", 0x3b7},     {"eth", 0xf0},      {"euml", 0xeb},
+    {"euro", 0x20ac},   {"frac12", 0xbd},   {"frac14", 0xbc},   {"frac34", 0xbe},   {"gamma", 0x3b3},
+    {"ge", 0x2265},     {"gt", 0x3e},       {"harr", 0x2194},   {"hearts", 0x2665}, {"hellip", 0x2026},
+    {"iacute", 0xed},   {"icirc", 0xee},    {"iexcl", 0xa1},    {"igrave", 0xec},   {"infin", 0x221e},
+    {"iota", 0x3b9},    {"iquest", 0xbf},   {"iuml", 0xef},     {"kappa", 0x3ba},   {"lambda", 0x3bb},
+    {"laquo", 0xab},    {"larr", 0x2190},   {"ldquo", 0x201c},  {"le", 0x2264},     {"lrm", 0x200e},
+    {"lsaquo", 0x2039}, {"lsquo", 0x2018},  {"lt", 0x3c},       {"macr", 0xaf},     {"mdash", 0x2014},
+    {"micro", 0xb5},    {"middot", 0xb7},   {"minus", 0x2212},  {"mu", 0x3bc},      {"nbsp", 0xa0},
+    {"ndash", 0x2013},  {"ne", 0x2260},     {"not", 0xac},      {"ntilde", 0xf1},   {"nu", 0x3bd},
+    {"oacute", 0xf3},   {"ocirc", 0xf4},    {"oelig", 0x153},   {"ograve", 0xf2},   {"oline", 0x203e},
+    {"omega", 0x3c9},   {"omicron", 0x3bf}, {"ordf", 0xaa},     {"ordm", 0xba},     {"oslash", 0xf8},
+    {"otilde", 0xf5},   {"ouml", 0xf6},     {"para", 0xb6},     {"permil", 0x2030}, {"phi", 0x3c6},
+    {"pi", 0x3c0},      {"plusmn", 0xb1},   {"pound", 0xa3},    {"prime", 0x2032},  {"psi", 0x3c8},
+    {"quot", 0x22},     {"raquo", 0xbb},    {"rarr", 0x2192},   {"rdquo", 0x201d},  {"reg", 0xae},
+    {"rho", 0x3c1},     {"rlm", 0x200f},    {"rsaquo", 0x203a}, {"rsquo", 0x2019},  {"sbquo", 0x201a},
+    {"scaron", 0x161},  {"sect", 0xa7},     {"shy", 0xad},      {"sigma", 0x3c3},   {"sigmaf", 0x3c2},
+    {"spades", 0x2660}, {"sup1", 0xb9},     {"sup2", 0xb2},     {"sup3", 0xb3},     {"szlig", 0xdf},
+    {"tau", 0x3c4},     {"theta", 0x3b8},   {"thinsp", 0x2009}, {"thorn", 0xfe},    {"tilde", 0x2dc},
+    {"times", 0xd7},    {"trade", 0x2122},  {"uacute", 0xfa},   {"uarr", 0x2191},   {"ucirc", 0xfb},
+    {"ugrave", 0xf9},   {"uml", 0xa8},      {"upsilon", 0x3c5}, {"uuml", 0xfc},     {"xi", 0x3be},
+    {"yacute", 0xfd},   {"yen", 0xa5},      {"yuml", 0xff},     {"zeta", 0x3b6},    {"zwj", 0x200d},
+    {"zwnj", 0x200c},
+};
+
+constexpr size_t kMaxNesting = 16; /* of lists and quotes as shown; deeper ones stay at this depth */
+
+struct list_level {
+  bool ordered;
+  long next;
+};
+
+struct writer {
+  std::string out;
+  size_t max;
+  int newlines = 0;   /* wanted before the next text */
+  bool blank = false; /* wanted before the next text of the same line */
+  bool start = true;  /* nothing on this line yet */
+  int quote = 0;
+  int pre = 0;
+  std::string marker; /* of the list item that begins with the next text */
+  std::array<list_level, kMaxNesting> lists;
+  size_t list_depth = 0;
+  int last_quote = 0;        /* of the last line with text: an empty line belongs to the shallower neighbour */
+  bool cell_wide = false;    /* the current table cell has more than one line */
+  bool cell_start = false;   /* nothing in the current table cell yet */
+  bool cell_follows = false; /* a cell of the same row stands before it */
+  bool full() const { return out.size() >= max; }
+};
+
+bool is_space(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';
+}
+
+void line_break(writer *w, int count) {
+  w->blank = false;
+  if (w->cell_start) return; /* a paragraph that opens a cell stays on the row's line */
+  if (w->out.empty()) return;
+  w->newlines = std::max(w->newlines, count);
+}
+
+/* Brings the line to where the next character of text goes. */
+void open_line(writer *w) {
+  bool opens_cell = w->cell_start;
+  if (w->cell_start) {
+    if (w->cell_follows && !w->start && w->newlines == 0) w->out += "  ";
+    w->cell_start = false;
+    w->blank = false;
+  }
+  if (w->newlines > 0) {
+    if (!opens_cell) w->cell_wide = true;
+    int quote = std::min(w->quote, w->last_quote);
+    for (int i = 0; i < w->newlines; i++) {
+      w->out += '\n';
+      if (i + 1 < w->newlines)
+        for (int depth = 0; depth < quote; depth++) w->out += depth + 1 < quote ? "> " : ">";
+    }
+    w->newlines = 0;
+    w->start = true;
+  }
+  if (w->start) {
+    for (int depth = 0; depth < w->quote; depth++) w->out += "> ";
+    w->last_quote = w->quote;
+    size_t indent = w->list_depth > 0 ? w->list_depth - 1 : 0;
+    w->out.append(indent * 2, ' ');
+    if (!w->marker.empty())
+      w->out += w->marker;
+    else if (w->list_depth > 0)
+      w->out += "  ";
+    w->marker.clear();
+    w->start = false;
+    w->blank = false;
+  }
+  if (w->blank) w->out += ' ';
+  w->blank = false;
+}
+
+void put_char(writer *w, uint32_t c) {
+  if (w->full()) return;
+  if (w->pre > 0 && c == '\n') {
+    w->newlines = std::min(w->newlines + 1, 3);
+    w->blank = false;
+    return;
+  }
+  if (c == '\r' || c == 0xad || c == 0x200b || c == 0x34f || c == 0xfeff || (c < 0x20 && c != '\n' && c != '\t') ||
+      (c >= 0x7f && c < 0xa0))
+    return;
+  bool white = c == ' ' || c == '\n' || c == '\t' || c == 0xa0 || c == 0x2002 || c == 0x2003 || c == 0x2009;
+  if (white && w->pre == 0) {
+    if (!w->start && w->newlines == 0 && !w->cell_start) w->blank = true;
+    return;
+  }
+  /* A joiner between nothing and nothing is padding. */
+  if ((c == 0x200c || c == 0x200d || c == 0x200e || c == 0x200f) && (w->start || w->blank || w->newlines > 0)) return;
+  open_line(w);
+  text_append_char(&w->out, c == 0xa0 ? ' ' : c);
+}
+
+/* Reads an entity at text[*at] == '&'; 0 when it is none. */
+uint32_t read_entity(std::string_view text, size_t *at) {
+  size_t i = *at + 1;
+  if (i < text.size() && text[i] == '#') {
+    i++;
+    bool hex = i < text.size() && (text[i] == 'x' || text[i] == 'X');
+    if (hex) i++;
+    uint32_t value = 0;
+    size_t first = i;
+    while (i < text.size() && (hex ? g_ascii_isxdigit(text[i]) : g_ascii_isdigit(text[i]))) {
+      if (value < 0x200000) value = value * (hex ? 16 : 10) + static_cast<uint32_t>(g_ascii_xdigit_value(text[i]));
+      i++;
+    }
+    if (i == first) return 0;
+    if (i < text.size() && text[i] == ';') i++;
+    *at = i;
+    if (value >= 0x80 && value < 0xa0) { /* written by a program that took its code page for Unicode */
+      char byte = static_cast<char>(value);
+      std::string one = mime_to_utf8(std::string_view(&byte, 1), "windows-1252");
+      return one.empty() ? 0xfffd : g_utf8_get_char(one.c_str());
+    }
+    return value == 0 || value > 0x10ffff ? 0xfffd : value;
+  }
+  char name[12];
+  size_t length = 0;
+  while (i < text.size() && length + 1 < sizeof name && g_ascii_isalnum(text[i])) name[length++] = text[i++];
+  name[length] = '\0';
+  if (length == 0) return 0;
+  const entity *found =
+      std::lower_bound(std::begin(kEntities), std::end(kEntities), name,
+                       [](const entity &entry, const char *key) { return strcmp(entry.name, key) < 0; });
+  if (found == std::end(kEntities) || strcmp(found->name, name) != 0) return 0;
+  bool closed = i < text.size() && text[i] == ';';
+  /* Without its semicolon only the old ones count: "a&copy=1" in a shown address is left alone otherwise. */
+  if (!closed && found->character > 0xff && found->character != 0x20ac) return 0;
+  *at = closed ? i + 1 : i;
+  return found->character;
+}
+
+void put_text(writer *w, std::string_view text) {
+  for (size_t i = 0; i < text.size() && !w->full();) {
+    if (text[i] == '&') {
+      size_t next = i;
+      uint32_t c = read_entity(text, &next);
+      if (c != 0) {
+        put_char(w, c);
+        i = next;
+        continue;
+      }
+    }
+    auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x80) {
+      put_char(w, byte);
+      i++;
+    } else {
+      gunichar c = g_utf8_get_char_validated(text.data() + i, static_cast<gssize>(text.size() - i));
+      if (c == static_cast<gunichar>(-1) || c == static_cast<gunichar>(-2)) {
+        i++;
+        continue;
+      }
+      put_char(w, c);
+      i += static_cast<size_t>(g_utf8_skip[byte]);
+    }
+  }
+}
+
+struct tag {
+  std::string name; /* lower case, at most 31 characters */
+  bool closing = false;
+  bool hidden = false;
+  bool tiny = false;
+  std::string alt;
+  std::string src;
+  std::string start;
+};
+
+/* What has already been looked for in vain: without it a document of a million openings would be searched a million
+   times to its end. */
+struct absent {
+  bool double_quote = false, single_quote = false, comment_end = false;
+};
+
+bool wanted_attribute(const std::string &name) {
+  return name == "alt" || name == "src" || name == "start" || name == "style" || name == "width" || name == "height" ||
+         name == "hidden";
+}
+
+void take_attribute(tag *t, const std::string &name, std::string_view value) {
+  if (value.size() > 4096) value = value.substr(0, 4096);
+  if (name == "alt") {
+    t->alt = value;
+  } else if (name == "src") {
+    t->src = value.substr(0, 16);
+  } else if (name == "start") {
+    t->start = value.substr(0, 9);
+  } else if (name == "hidden") {
+    t->hidden = true;
+  } else if (name == "width" || name == "height") {
+    if (value == "0" || value == "1" || value == "0px" || value == "1px") t->tiny = true;
+  } else if (name == "style") {
+    std::string flat;
+    for (char c : value)
+      if (!is_space(c)) flat += g_ascii_tolower(c);
+    if (flat.find("display:none") != std::string::npos || flat.find("visibility:hidden") != std::string::npos)
+      t->hidden = true;
+  }
+}
+
+/* Reads the tag whose '<' is at text[at - 1]; returns the position after it. */
+size_t read_tag(std::string_view text, size_t at, tag *t, absent *missing) {
+  if (at < text.size() && text[at] == '/') {
+    t->closing = true;
+    at++;
+  }
+  while (at < text.size() && !is_space(text[at]) && text[at] != '>' && text[at] != '/') {
+    if (t->name.size() < 31) t->name += g_ascii_tolower(text[at]);
+    at++;
+  }
+  while (at < text.size() && text[at] != '>') {
+    if (is_space(text[at]) || text[at] == '/') {
+      at++;
+      continue;
+    }
+    std::string name;
+    while (at < text.size() && !is_space(text[at]) && text[at] != '=' && text[at] != '>') {
+      if (name.size() < 31) name += g_ascii_tolower(text[at]);
+      at++;
+    }
+    while (at < text.size() && is_space(text[at])) at++;
+    std::string_view value;
+    if (at < text.size() && text[at] == '=') {
+      at++;
+      while (at < text.size() && is_space(text[at])) at++;
+      char quote = at < text.size() ? text[at] : '\0';
+      bool *gone = quote == '"' ? &missing->double_quote : &missing->single_quote;
+      size_t end = std::string_view::npos;
+      if (quote == '"' || quote == '\'') {
+        if (!*gone) end = text.find(quote, at + 1);
+        if (end == std::string_view::npos) *gone = true;
+      }
+      if (end != std::string_view::npos) {
+        value = text.substr(at + 1, end - at - 1);
+        at = end + 1;
+      } else {
+        size_t first = at;
+        while (at < text.size() && !is_space(text[at]) && text[at] != '>') at++;
+        value = text.substr(first, at - first);
+      }
+    } else if (name.empty()) {
+      at++;
+    }
+    if (wanted_attribute(name)) take_attribute(t, name, value);
+  }
+  return at < text.size() ? at + 1 : at;
+}
+
+bool one_of(const std::string &name, std::initializer_list<const char *> names) {
+  for (const char *candidate : names)
+    if (name == candidate) return true;
+  return false;
+}
+
+bool is_void(const std::string &name) {
+  return one_of(name,
+                {"br", "img", "hr", "input", "meta", "link", "area", "base", "col", "embed", "source", "track", "wbr"});
+}
+
+bool is_unshown(const std::string &name) {
+  return one_of(name, {"head", "title", "template", "svg", "object", "iframe", "noframes", "noembed", "audio", "video",
+                       "canvas", "select", "datalist", "xml", "map", "applet"});
+}
+
+/* Skips the content of a raw text element (no tags inside but its own end). */
+size_t skip_raw(std::string_view text, size_t at, const std::string &name) {
+  for (;;) {
+    at = text.find("</", at);
+    if (at == std::string_view::npos) return text.size();
+    if (text.size() - at > name.size() + 2 &&
+        g_ascii_strncasecmp(text.data() + at + 2, name.c_str(), name.size()) == 0) {
+      size_t end = text.find('>', at);
+      return end == std::string_view::npos ? text.size() : end + 1;
+    }
+    at += 2;
+  }
+}
+
+void open_list(writer *w, const tag &t) {
+  line_break(w, w->list_depth == 0 ? 2 : 1);
+  if (w->list_depth < kMaxNesting) {
+    long first = t.start.empty() ? 1 : strtol(t.start.c_str(), nullptr, 10);
+    w->lists[w->list_depth++] = {t.name == "ol", first};
+  }
+}
+
+void open_item(writer *w) {
+  line_break(w, 1);
+  w->marker = "• ";
+  if (w->list_depth == 0) return;
+  list_level *level = &w->lists[w->list_depth - 1];
+  if (level->ordered) w->marker = std::to_string(level->next++) + ". ";
+}
+
+void close_cell(writer *w) {
+  if (!w->cell_wide && w->newlines > 0) w->newlines = 0; /* one paragraph alone does not end the row */
+  w->cell_start = false;
+}
+
+void on_tag(writer *w, const tag &t, bool *image) {
+  const std::string &name = t.name;
+  if (one_of(name, {"p", "h1", "h2", "h3", "h4", "h5", "h6", "dl", "figure", "fieldset"})) {
+    line_break(w, 2);
+  } else if (one_of(name, {"div", "section", "article", "header", "footer", "main", "nav", "aside", "address", "center",
+                           "form", "dt", "caption", "figcaption", "legend", "body", "details", "summary", "option"})) {
+    line_break(w, 1);
+  } else if (name == "br") {
+    if (!w->out.empty()) w->newlines = std::min(w->newlines + 1, 3);
+    w->blank = false;
+    w->cell_start = false;
+  } else if (name == "hr") {
+    line_break(w, 1);
+    put_text(w, "———");
+    line_break(w, 1);
+  } else if (name == "ul" || name == "ol" || name == "menu") {
+    if (!t.closing) {
+      open_list(w, t);
+    } else {
+      if (w->list_depth > 0) w->list_depth--;
+      line_break(w, w->list_depth == 0 ? 2 : 1);
+    }
+  } else if (name == "li") {
+    if (!t.closing) open_item(w);
+  } else if (name == "dd") {
+    line_break(w, 1);
+    if (!t.closing) w->marker = "  ";
+  } else if (name == "blockquote") {
+    line_break(w, 2);
+    if (!t.closing && w->quote < static_cast<int>(kMaxNesting)) w->quote++;
+    if (t.closing && w->quote > 0) w->quote--;
+  } else if (name == "pre" || name == "xmp" || name == "listing") {
+    line_break(w, 2);
+    w->pre = t.closing ? 0 : 1;
+  } else if (name == "table") {
+    line_break(w, 1);
+    if (t.closing) w->cell_wide = true;
+  } else if (name == "tr") {
+    if (!t.closing) {
+      w->cell_start = false;
+      line_break(w, 1);
+      w->cell_follows = false;
+    } else {
+      close_cell(w);
+      line_break(w, 1);
+      w->cell_follows = false;
+    }
+  } else if (name == "td" || name == "th") {
+    if (!t.closing) {
+      if (w->cell_follows) {
+        close_cell(w);
+        if (w->cell_wide) line_break(w, 1);
+      }
+      w->cell_start = true;
+      w->cell_wide = false;
+    } else {
+      close_cell(w);
+      w->cell_follows = true;
+    }
+  } else if (name == "q") {
+    put_text(w, t.closing ? "”" : "“");
+  } else if (name == "img" && !t.closing) {
+    if (t.tiny) return;
+    if (image && !t.src.empty()) *image = true;
+    if (!t.alt.empty()) {
+      put_text(w, "[");
+      put_text(w, t.alt);
+      put_text(w, "]");
+    }
+  }
+}
+
+}  // namespace
+
+std::string mime_html_to_text(std::string_view html, size_t max, bool *has_image) {
+  writer w;
+  w.max = max;
+  absent missing;
+  std::string skipping; /* the element whose content is not shown */
+  int skip_depth = 0;
+  size_t at = 0;
+  while (at < html.size() && !w.full()) {
+    size_t open = html.find('<', at);
+    if (open == std::string_view::npos) open = html.size();
+    if (skip_depth == 0) put_text(&w, html.substr(at, open - at));
+    if (open >= html.size()) break;
+    at = open + 1;
+    char next = at < html.size() ? html[at] : '\0';
+    if (next == '!' || next == '?') {
+      if (html.substr(at, 3) == "!--" && !missing.comment_end) {
+        size_t end = html.find("-->", at + 1);
+        if (end != std::string_view::npos) {
+          at = end + 3;
+          continue;
+        }
+        missing.comment_end = true;
+      }
+      size_t end = html.find('>', at);
+      at = end == std::string_view::npos ? html.size() : end + 1;
+      continue;
+    }
+    if (!g_ascii_isalpha(next) && !(next == '/' && at + 1 < html.size() && g_ascii_isalpha(html[at + 1]))) {
+      if (skip_depth == 0) put_char(&w, '<'); /* a sign, not a tag */
+      continue;
+    }
+    tag t;
+    at = read_tag(html, at, &t, &missing);
+    if (!t.closing && one_of(t.name, {"script", "style", "textarea", "noscript"}) && t.name != "noscript" &&
+        t.name != "textarea") {
+      at = skip_raw(html, at, t.name);
+      continue;
+    }
+    if (skip_depth > 0) {
+      if (t.name == skipping) skip_depth += t.closing ? -1 : 1;
+      /* A head that nobody closed ends where the body begins. */
+      if (skipping == "head" && t.name == "body") skip_depth = 0;
+      continue;
+    }
+    if (!t.closing && !is_void(t.name) && (t.hidden || is_unshown(t.name))) {
+      skipping = t.name;
+      skip_depth = 1;
+      continue;
+    }
+    on_tag(&w, t, has_image);
+  }
+  if (w.out.size() > max) w.out.resize(mime_cut(w.out, 0, max));
+  while (!w.out.empty() && (is_space(w.out.back()))) w.out.pop_back();
+  return std::move(w.out);
+}
+
+std::string mime_markup_to_text(std::string_view markup) {
+  std::string out;
+  for (size_t at = 0; at < markup.size();) {
+    if (markup[at] == '<' && at + 1 < markup.size() && (g_ascii_isalpha(markup[at + 1]) || markup[at + 1] == '/')) {
+      size_t end = markup.find('>', at);
+      if (end == std::string_view::npos) {
+        out += markup[at++];
+        continue;
+      }
+      std::string name;
+      for (size_t i = at + 1; i < end && g_ascii_isalnum(markup[i]); i++) name += g_ascii_tolower(markup[i]);
+      if (name == "br" || name == "ps")
+        out += '\n';
+      else if (name == "tab")
+        out += '\t';
+      at = end + 1;
+      continue;
+    }
+    if (markup[at] == '&') {
+      size_t next = at;
+      uint32_t c = read_entity(markup, &next);
+      if (c != 0) {
+        text_append_char(&out, c);
+        at = next;
+        continue;
+      }
+    }
+    out += markup[at++];
+  }
+  return out;
+}

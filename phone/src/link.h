@@ -1,0 +1,53 @@
+/*
+ * The phone's standing connection to the host service, for `serve` and `relay`.
+ *
+ * It connects as the phone, comes back when the service restarts, keeps every request on disk before it acknowledges
+ * it, hands each to its user once, and answers requests for more of a body. It sleeps while nothing happens.
+ * Thread: the one that runs the event loop.
+ */
+#ifndef BRISEL_PHONE_LINK_H
+#define BRISEL_PHONE_LINK_H
+
+#include <systemd/sd-event.h>
+
+#include <nlohmann/json.hpp>
+
+#include "host.h"
+#include "state.h"
+
+struct phone_link;
+
+/* What the user of a link does. Every function may be NULL. */
+struct link_handlers {
+  /* The service is there and has handed over what waited. */
+  void (*connected)(phone_link *link, void *user_data);
+  /* A new request, inside the transaction that keeps it: only the phone's state may be changed here. Returns 0, or -1:
+     then nothing is kept and the service sends it again later. */
+  int (*keep)(phone_link *link, const nlohmann::json &request, void *user_data);
+  /* The same request after it is on disk. */
+  void (*kept)(phone_link *link, const nlohmann::json &request, const std::string &line, void *user_data);
+};
+
+/* Connects. NULL with a reason when the bus cannot be reached or another phone is there. A service that is not there is
+   waited for. handlers and state outlive the link. */
+phone_link *link_open(phone_state *state, const link_handlers *handlers, void *user_data, std::string *error);
+/* Runs until link_stop, SIGINT or SIGTERM. Returns 0, or -1 with a reason (the bus is gone, another phone came). */
+int link_run(phone_link *link, std::string *error);
+void link_stop(phone_link *link);
+/* Ends with an error. */
+void link_fail(phone_link *link, const std::string &error);
+void link_close(phone_link *link);
+
+sd_event *link_event(phone_link *link);
+sd_bus *link_bus(phone_link *link);
+bool link_is_connected(phone_link *link);
+
+/* What more of a mail's body there is for a watch that holds `have` bytes of it. Returns 0, or -1 with a reason (the
+   mail is not known or its file is gone). Also for tests. */
+int more_of_mail(phone_state *state, int mail_id, const std::string &message_uid, int64_t have, std::string *piece,
+                 bool *complete, std::string *error);
+
+/* A line for people on standard error. */
+void link_log(const std::string &text);
+
+#endif

@@ -1,0 +1,427 @@
+/* One message through GMime: which of its parts is the text to read, and the facts about the rest. */
+#include <glib.h>
+#include <gmime/gmime.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "text.h"
+
+namespace {
+
+struct object_unref {
+  void operator()(void *object) const {
+    if (object) g_object_unref(object);
+  }
+};
+template <typename T>
+using holder = std::unique_ptr<T, object_unref>;
+
+struct date_unref {
+  void operator()(GDateTime *date) const { g_date_time_unref(date); }
+};
+
+/* What is known while one message is walked through. */
+struct walk {
+  const mime_limits *limits;
+  int parts = 0;
+  int attachments = 0;
+  bool image = false;
+};
+
+/* How good a child of an alternative is as text to read. */
+enum alternative_rank { RANK_NONE = 0, RANK_OTHER = 1, RANK_MARKUP = 2, RANK_PLAIN = 3 };
+
+constexpr size_t kMaxSubject = 4096, kMaxName = 1024, kMaxAddress = 320, kMaxUid = 250, kMaxReferences = 20;
+constexpr int64_t kLastTime = INT32_MAX; /* the watch counts seconds in 32 bits */
+
+GMimeParserOptions *options = nullptr;
+
+std::string content_bytes(GMimePart *part, size_t max) {
+  GMimeDataWrapper *wrapper = g_mime_part_get_content(part);
+  if (!wrapper) return "";
+  GMimeStream *raw = g_mime_data_wrapper_get_stream(wrapper);
+  if (!raw) return "";
+  g_mime_stream_reset(raw);
+  holder<GMimeStream> stream(g_mime_stream_filter_new(raw));
+  GMimeContentEncoding encoding = g_mime_data_wrapper_get_encoding(wrapper);
+  if (encoding == GMIME_CONTENT_ENCODING_BASE64 || encoding == GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE ||
+      encoding == GMIME_CONTENT_ENCODING_UUENCODE) {
+    holder<GMimeFilter> decode(g_mime_filter_basic_new(encoding, FALSE));
+    g_mime_stream_filter_add(GMIME_STREAM_FILTER(stream.get()), decode.get());
+  }
+  std::string out;
+  char buffer[16384];
+  while (out.size() < max) {
+    ssize_t got = g_mime_stream_read(stream.get(), buffer, std::min(sizeof buffer, max - out.size()));
+    if (got <= 0) break;
+    out.append(buffer, static_cast<size_t>(got));
+  }
+  return out;
+}
+
+/* The charset that the document names itself, for parts whose header names none. */
+std::string html_charset(std::string_view html) {
+  std::string head(html.substr(0, 2048));
+  for (char &c : head) c = g_ascii_tolower(c);
+  size_t at = head.find("<meta");
+  if (at == std::string::npos) return "";
+  at = head.find("charset=", at);
+  if (at == std::string::npos) return "";
+  at += 8;
+  std::string name;
+  while (at < head.size() && name.size() < 40 && (g_ascii_isalnum(head[at]) || strchr("-_:\"'.", head[at]))) {
+    if (head[at] != '"' && head[at] != '\'') name += head[at];
+    at++;
+  }
+  return name;
+}
+
+/* format=flowed: a line that ends in a blank goes on in the next one of the same quote depth. */
+std::string unflow(const std::string &text, bool delete_space) {
+  std::string out;
+  bool joined = false;
+  size_t last_quote = 0;
+  for (size_t at = 0; at <= text.size();) {
+    size_t end = text.find('\n', at);
+    if (end == std::string::npos) end = text.size();
+    std::string_view line(text.data() + at, end - at);
+    size_t quote = 0;
+    while (quote < line.size() && line[quote] == '>') quote++;
+    std::string_view content = line.substr(quote);
+    if (!content.empty() && content[0] == ' ') content.remove_prefix(1); /* stuffed */
+    bool signature = content == "-- ";
+    bool flows = !content.empty() && content.back() == ' ' && !signature;
+    if (joined && (quote != last_quote || signature)) {
+      out += '\n';
+      joined = false;
+    }
+    if (!joined && quote > 0) {
+      out.append(quote, '>');
+      out += ' ';
+    }
+    if (flows && delete_space) content.remove_suffix(1);
+    out += content;
+    if (!flows && end < text.size()) out += '\n';
+    joined = flows;
+    last_quote = quote;
+    at = end + 1;
+  }
+  return out;
+}
+
+/* Trailing blanks and long runs of empty lines go: on a small screen they are only scrolling. */
+std::string tidy(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  size_t blanks = 0;
+  int newlines = 0;
+  for (char c : text) {
+    if (c == '\n') {
+      newlines++;
+      blanks = 0;
+    } else if (c == ' ' || c == '\t') {
+      if (newlines > 0 && !out.empty()) {
+        out.append(static_cast<size_t>(std::min(newlines, 3)), '\n');
+        newlines = 0;
+      }
+      if (!out.empty()) blanks++;
+    } else {
+      if (!out.empty() && newlines > 0) out.append(static_cast<size_t>(std::min(newlines, 3)), '\n');
+      out.append(blanks, ' ');
+      blanks = 0;
+      newlines = 0;
+      out += c;
+    }
+  }
+  return out;
+}
+
+std::string text_of_leaf(GMimePart *part, const char *subtype, walk *w) {
+  GMimeContentType *type = g_mime_object_get_content_type(GMIME_OBJECT(part));
+  const char *charset = type ? g_mime_content_type_get_parameter(type, "charset") : nullptr;
+  bool html = g_ascii_strcasecmp(subtype, "html") == 0;
+  /* HTML is mostly markup: more of it is read than is wanted of its text. */
+  std::string bytes = content_bytes(part, html ? w->limits->text * 4 : w->limits->text * 2);
+  if (html) {
+    std::string named = charset && *charset ? charset : html_charset(bytes);
+    std::string text = mime_to_utf8(bytes, named.c_str());
+    return mime_html_to_text(text, w->limits->text, &w->image);
+  }
+  std::string text = mime_to_utf8(bytes, charset);
+  if (g_ascii_strcasecmp(subtype, "enriched") == 0 || g_ascii_strcasecmp(subtype, "richtext") == 0)
+    return mime_html_to_text(text, w->limits->text, nullptr);
+  const char *format = type ? g_mime_content_type_get_parameter(type, "format") : nullptr;
+  if (format && g_ascii_strcasecmp(format, "flowed") == 0) {
+    const char *delsp = g_mime_content_type_get_parameter(type, "delsp");
+    text = unflow(text, delsp && g_ascii_strcasecmp(delsp, "yes") == 0);
+  }
+  return tidy(text);
+}
+
+bool is_attached(GMimeObject *object) {
+  const char *disposition = g_mime_object_get_disposition(object);
+  return disposition && g_ascii_strcasecmp(disposition, "attachment") == 0;
+}
+
+bool is_type(GMimeObject *object, const char *type, const char *subtype) {
+  GMimeContentType *content = g_mime_object_get_content_type(object);
+  return content && g_mime_content_type_is_type(content, type, subtype);
+}
+
+std::string walk_object(GMimeObject *object, walk *w, int depth, GMimeObject *parent);
+
+std::string walk_alternative(GMimeMultipart *multipart, walk *w, int depth) {
+  std::string best;
+  int best_rank = RANK_NONE;
+  int count = g_mime_multipart_get_count(multipart);
+  for (int i = 0; i < count && w->parts < w->limits->parts; i++) {
+    GMimeObject *child = g_mime_multipart_get_part(multipart, i);
+    /* Every branch is walked: pictures of the one that is not shown are missed on the watch all the same. */
+    std::string text = walk_object(child, w, depth + 1, GMIME_OBJECT(multipart));
+    if (text.empty()) continue;
+    int rank = RANK_MARKUP;
+    if (is_type(child, "text", "plain"))
+      rank = RANK_PLAIN;
+    else if (is_type(child, "text", "*") && !is_type(child, "text", "html"))
+      rank = RANK_OTHER;
+    if (rank >= best_rank) {
+      best = std::move(text);
+      best_rank = rank;
+    }
+  }
+  return best;
+}
+
+std::string walk_multipart(GMimeMultipart *multipart, walk *w, int depth) {
+  auto *object = GMIME_OBJECT(multipart);
+  if (is_type(object, "multipart", "alternative")) return walk_alternative(multipart, w, depth);
+  if (is_type(object, "multipart", "encrypted")) return "";
+  int count = g_mime_multipart_get_count(multipart);
+  if (is_type(object, "multipart", "signed") || is_type(object, "multipart", "report")) count = std::min(count, 1);
+  std::string out;
+  for (int i = 0; i < count && w->parts < w->limits->parts; i++) {
+    std::string text = walk_object(g_mime_multipart_get_part(multipart, i), w, depth + 1, object);
+    if (text.empty() || out.size() >= w->limits->text) continue;
+    if (!out.empty()) out += "\n\n";
+    out += text;
+  }
+  return out;
+}
+
+std::string walk_leaf(GMimeObject *object, walk *w, GMimeObject *parent) {
+  GMimeContentType *type = g_mime_object_get_content_type(object);
+  const char *media = type ? g_mime_content_type_get_media_type(type) : "text";
+  const char *subtype = type ? g_mime_content_type_get_media_subtype(type) : "plain";
+  if (!media) media = "text";
+  if (!subtype) subtype = "plain";
+  bool related = parent && is_type(parent, "multipart", "related");
+  bool alternative = parent && is_type(parent, "multipart", "alternative");
+  bool attached = is_attached(object);
+  if (g_ascii_strcasecmp(media, "text") == 0) {
+    const char *file = g_mime_part_get_filename(GMIME_PART(object));
+    bool readable = g_ascii_strcasecmp(subtype, "plain") == 0 || g_ascii_strcasecmp(subtype, "html") == 0 ||
+                    g_ascii_strcasecmp(subtype, "enriched") == 0 || g_ascii_strcasecmp(subtype, "richtext") == 0;
+    if (!attached && !(file && parent) && (readable || alternative || !parent))
+      return text_of_leaf(GMIME_PART(object), subtype, w);
+    if (!attached && related) return "";
+    w->attachments++;
+    return "";
+  }
+  if (g_ascii_strcasecmp(media, "image") == 0 && (!attached || (related && g_mime_object_get_content_id(object)))) {
+    w->image = true;
+    return "";
+  }
+  if (g_ascii_strcasecmp(media, "application") == 0 &&
+      (g_ascii_strcasecmp(subtype, "pgp-signature") == 0 || g_ascii_strcasecmp(subtype, "pkcs7-signature") == 0 ||
+       g_ascii_strcasecmp(subtype, "x-pkcs7-signature") == 0))
+    return "";
+  if (alternative && !attached) return ""; /* another form of the same text */
+  w->attachments++;
+  return "";
+}
+
+std::string walk_object(GMimeObject *object, walk *w, int depth, GMimeObject *parent) {
+  if (!object || depth > w->limits->depth || w->parts >= w->limits->parts) return "";
+  w->parts++;
+  if (GMIME_IS_MULTIPART(object)) return walk_multipart(GMIME_MULTIPART(object), w, depth);
+  if (GMIME_IS_MESSAGE_PART(object)) {
+    /* A forwarded mail is something attached; it is read in place only where there is nothing else to read. */
+    if (parent) {
+      w->attachments++;
+      return "";
+    }
+    GMimeMessage *inner = g_mime_message_part_get_message(GMIME_MESSAGE_PART(object));
+    return inner ? walk_object(g_mime_message_get_mime_part(inner), w, depth + 1, object) : "";
+  }
+  if (GMIME_IS_PART(object)) return walk_leaf(object, w, parent);
+  w->attachments++;
+  return "";
+}
+
+bool first_mailbox(InternetAddressList *list, std::string *address, std::string *name, int depth = 0) {
+  int count = list ? internet_address_list_length(list) : 0;
+  for (int i = 0; i < count && i < 100; i++) {
+    InternetAddress *entry = internet_address_list_get_address(list, i);
+    if (INTERNET_ADDRESS_IS_MAILBOX(entry)) {
+      const char *text = internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(entry));
+      const char *display = internet_address_get_name(entry);
+      *address = mime_clean_line(text ? text : "", kMaxAddress);
+      if (name) *name = mime_clean_line(display ? display : "", kMaxName);
+      return true;
+    }
+    if (depth < 3 && INTERNET_ADDRESS_IS_GROUP(entry) &&
+        first_mailbox(internet_address_group_get_members(INTERNET_ADDRESS_GROUP(entry)), address, name, depth + 1))
+      return true;
+  }
+  return false;
+}
+
+/* An id that can be repeated in a header without changing it. */
+bool usable_id(const char *id) {
+  if (!id || !*id) return false;
+  size_t length = 0;
+  for (; id[length]; length++)
+    if (!g_ascii_isgraph(id[length]) || id[length] == '<' || id[length] == '>') return false;
+  return length <= kMaxUid;
+}
+
+void append_references(std::string *out, const char *header) {
+  if (!header) return;
+  GMimeReferences *list = g_mime_references_parse(options, header);
+  int count = g_mime_references_length(list);
+  for (int i = std::max(0, count - static_cast<int>(kMaxReferences)); i < count; i++) {
+    const char *id = g_mime_references_get_message_id(list, i);
+    if (!usable_id(id)) continue;
+    if (!out->empty()) *out += ' ';
+    *out += std::string("<") + id + ">";
+  }
+  g_mime_references_free(list);
+}
+
+int64_t date_seconds(GDateTime *date) {
+  if (!date) return 0;
+  int64_t seconds = g_date_time_to_unix(date);
+  return seconds > 0 && seconds <= kLastTime ? seconds : 0;
+}
+
+bool has_known_header(GMimeMessage *message) {
+  static constexpr const char *kNames[] = {"From", "To",       "Subject",      "Date",         "Message-ID",
+                                           "Cc",   "Received", "Content-Type", "MIME-Version", "Return-Path",
+                                           "Bcc",  "Sender",   "Reply-To",     "Delivered-To"};
+  for (const char *name : kNames)
+    if (g_mime_object_get_header(GMIME_OBJECT(message), name)) return true;
+  return false;
+}
+
+/* The header block without what is over the limit: a header that does not end would be searched for its end by
+   everything that reads it. */
+std::string bounded(std::string_view raw, const mime_limits &limits) {
+  raw = raw.substr(0, limits.message);
+  std::string out;
+  size_t body = 0;
+  size_t line = 0;
+  while (line < raw.size()) {
+    size_t end = raw.find('\n', line);
+    if (end == std::string_view::npos) end = raw.size() - 1;
+    if (end == line || (end == line + 1 && raw[line] == '\r')) {
+      body = line;
+      break;
+    }
+    line = end + 1;
+    body = line;
+  }
+  if (body <= limits.headers) return std::string(raw);
+  size_t keep = raw.rfind('\n', limits.headers);
+  out = keep == std::string_view::npos ? std::string(raw.substr(0, limits.headers)) + "\n"
+                                       : std::string(raw.substr(0, keep + 1));
+  out += raw.substr(body);
+  return out;
+}
+
+std::string hash_uid(GMimeMessage *message, const std::string &body) {
+  GChecksum *sum = g_checksum_new(G_CHECKSUM_SHA256);
+  for (const char *name : {"From", "To", "Date", "Subject"}) {
+    const char *value = g_mime_object_get_header(GMIME_OBJECT(message), name);
+    std::string line = mime_clean_line(value ? value : "", kMaxSubject) + "\n";
+    g_checksum_update(sum, reinterpret_cast<const guchar *>(line.data()), static_cast<gssize>(line.size()));
+  }
+  g_checksum_update(sum, reinterpret_cast<const guchar *>(body.data()), static_cast<gssize>(body.size()));
+  std::string uid = std::string("sha256-") + std::string(g_checksum_get_string(sum)).substr(0, 40);
+  g_checksum_free(sum);
+  return uid;
+}
+
+}  // namespace
+
+void mime_init() {
+  if (options) return;
+  g_mime_init();
+  options = g_mime_parser_options_new();
+  const char *fallbacks[] = {"utf-8", "windows-1252", nullptr};
+  g_mime_parser_options_set_fallback_charsets(options, fallbacks);
+  g_mime_parser_options_set_allow_addresses_without_domain(options, TRUE);
+}
+
+int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail, std::string *error) {
+  mime_init();
+  *mail = mime_mail();
+  if (raw.empty()) {
+    *error = "empty file";
+    return -1;
+  }
+  std::string bytes = bounded(raw, limits);
+  holder<GMimeStream> stream(g_mime_stream_mem_new_with_buffer(bytes.data(), bytes.size()));
+  bytes = std::string();
+  holder<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
+  holder<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), options));
+  if (!message || !has_known_header(message.get())) {
+    *error = "not a mail message (no header found)";
+    return -1;
+  }
+
+  const char *subject = g_mime_message_get_subject(message.get());
+  mail->subject = mime_clean_line(subject ? subject : "", kMaxSubject);
+  if (!first_mailbox(g_mime_message_get_from(message.get()), &mail->from_address, &mail->from_name) &&
+      !first_mailbox(g_mime_message_get_sender(message.get()), &mail->from_address, &mail->from_name)) {
+    /* A sender that is no address at all is still who it says it is from. */
+    const char *from = g_mime_object_get_header(GMIME_OBJECT(message.get()), "From");
+    mail->from_address = mime_clean_line(from ? from : "", kMaxAddress);
+  }
+  if (!first_mailbox(g_mime_message_get_reply_to(message.get()), &mail->reply_to, nullptr))
+    mail->reply_to = mail->from_address;
+  mail->date = date_seconds(g_mime_message_get_date(message.get()));
+
+  walk w;
+  w.limits = &limits;
+  mail->body = walk_object(g_mime_message_get_mime_part(message.get()), &w, 0, nullptr);
+  if (mail->body.size() > limits.text) mail->body.resize(mime_cut(mail->body, 0, limits.text));
+  mail->attachment_count = w.attachments;
+  mail->has_image = w.image;
+
+  const char *id = g_mime_message_get_message_id(message.get());
+  if (usable_id(id)) mail->message_id = id;
+  append_references(&mail->references, g_mime_object_get_header(GMIME_OBJECT(message.get()), "References"));
+  if (mail->references.empty())
+    append_references(&mail->references, g_mime_object_get_header(GMIME_OBJECT(message.get()), "In-Reply-To"));
+  mail->message_uid = mail->message_id.empty() ? hash_uid(message.get(), mail->body) : mail->message_id;
+  const char *status = g_mime_object_get_header(GMIME_OBJECT(message.get()), "Status");
+  mail->seen = status && strchr(status, 'R') != nullptr;
+  return 0;
+}
+
+int64_t mime_date(std::string_view head) {
+  size_t line = 0;
+  while (line < head.size() && head[line] != '\n' && head[line] != '\r') {
+    size_t end = head.find('\n', line);
+    if (end == std::string_view::npos) return 0;
+    if (end - line > 5 && g_ascii_strncasecmp(head.data() + line, "date:", 5) == 0) {
+      std::string value(head.substr(line + 5, std::min<size_t>(end - line - 5, 100)));
+      std::unique_ptr<GDateTime, date_unref> date(g_mime_utils_header_decode_date(value.c_str()));
+      return date_seconds(date.get());
+    }
+    line = end + 1;
+  }
+  return 0;
+}

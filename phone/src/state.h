@@ -1,0 +1,69 @@
+/*
+ * The phone's own memory: one SQLite file in the phone's state folder, shared by every command, `serve` and `relay`.
+ *
+ * Every function that changes something returns after it is on disk, or returns -1 with the reason in *error (of the
+ * handle: phone_state_error). Several processes work on it side by side. Thread: the one that opened it.
+ */
+#ifndef BRISEL_PHONE_STATE_H
+#define BRISEL_PHONE_STATE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct phone_state;
+struct sqlite3;
+
+/* What the phone keeps of a mail that it sent: enough to go on with its text and to answer it. */
+struct sent_mail {
+  int64_t row = 0;    /* the phone's own number for it */
+  int mail_id = 0;    /* the watch's number; 0: not known (yet) */
+  int account_id = 0; /* the watch's */
+  std::string message_uid;
+  int64_t first = 0; /* size of a piece in bytes; 0: it went as a whole */
+  bool has_body = false;
+  std::string body;   /* the readable text, when has_body */
+  std::string source; /* where the message itself is when the text is not kept here; see mail-files.h */
+  std::string message_id, references, reply_to;
+};
+
+struct stored_request {
+  int64_t id = 0; /* the service's number */
+  int64_t time = 0;
+  std::string json;
+};
+
+/* The state folder's path, with `name` below it when not empty. Empty when the folder cannot be made. */
+std::string phone_state_path(const char *name);
+
+/* Opens (and makes) the state. NULL with a one-line reason. Free with phone_state_close. */
+phone_state *phone_state_open(std::string *error);
+void phone_state_close(phone_state *state);
+const char *phone_state_error(phone_state *state);
+/* The database itself, for the tables of the relay. */
+sqlite3 *phone_state_db(phone_state *state);
+
+int phone_state_begin(phone_state *state);
+int phone_state_commit(phone_state *state);
+void phone_state_rollback(phone_state *state);
+
+/* Adds a row and sets mail->row. */
+int phone_state_add_mail(phone_state *state, sent_mail *mail);
+/* Says which number the watch gave the row's mail. */
+int phone_state_set_mail_id(phone_state *state, int64_t row, int mail_id);
+int phone_state_drop_row(phone_state *state, int64_t row);
+/* Forgets mails that are gone from the watch. */
+int phone_state_drop_mails(phone_state *state, const std::vector<int> &mail_ids);
+/* The mail that a request means: both numbers when they agree, else the newest of that message_uid (the watch's
+   numbers start again when its store is new). Returns 1 found, 0 not known, -1 error. */
+int phone_state_find_mail(phone_state *state, int mail_id, const std::string &message_uid, sent_mail *mail);
+
+/* Keeps a request that arrived from the service whose bus name is `peer`. Returns 1 when it is new, 0 when it was kept
+   before, -1 error. A request that `peer` sent is the same one when number and text are; one that another service
+   process sent is the same only while it was not acknowledged, as what was acknowledged is never sent again and a new
+   store starts its numbers again. */
+int phone_state_add_request(phone_state *state, int64_t id, const std::string &peer, const std::string &json);
+int phone_state_set_acknowledged(phone_state *state, int64_t id);
+int phone_state_list_requests(phone_state *state, std::vector<stored_request> *requests);
+
+#endif

@@ -1,0 +1,14 @@
+/* Small helpers that the readers of mail and HTML share. */
+#ifndef BRISEL_PHONE_TEXT_H
+#define BRISEL_PHONE_TEXT_H
+
+#include "../mime.h"
+
+/* Appends one character; what is none becomes U+FFFD. */
+void text_append_char(std::string *out, uint32_t character);
+
+/* Valid UTF-8 without control characters; every kind of line end becomes "\n". The input is valid UTF-8 but for NULs.
+ */
+std::string text_clean(std::string_view text);
+
+#endif
