@@ -124,7 +124,7 @@ int command_account_remove(int id) {
   std::string error;
   bus_holder bus(host_open_bus(&error));
   if (!bus) return complain(error);
-  return host_remove_account(bus.get(), id, &error) < 0 ? complain("account " + std::to_string(id) + ": " + error) : 0;
+  return host_remove_account(bus.get(), id, &error) < 0 ? complain(error) : 0;
 }
 
 int command_account_list(bool as_json) {
@@ -196,7 +196,7 @@ int command_mail_update(int id, const mail_change &change) {
   if (!bus) return complain(error);
   mail_change clean = change;
   clean.subject = mime_clean_line(change.subject, 4096);
-  return host_update_mail(bus.get(), id, clean, &error) < 0 ? complain("mail " + std::to_string(id) + ": " + error) : 0;
+  return host_update_mail(bus.get(), id, clean, &error) < 0 ? complain(error) : 0;
 }
 
 int command_mail_delete(const std::vector<int> &ids) {
