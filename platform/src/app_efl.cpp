@@ -10,6 +10,7 @@
 #include "app-priv.h"
 #include "bus-loop.h"
 #include "dlog.h"
+#include "keypad-internal.h"
 #include "platform-paths.h"
 #ifdef BRISEL_HAVE_ECORE_X
 #include <Ecore_X.h>
@@ -359,6 +360,7 @@ void app_efl_window_attach(Evas_Object *win) {
   if (elm_win_xwindow_get(win))
     app.visibility_handler = ecore_event_handler_add(ECORE_X_EVENT_WINDOW_VISIBILITY_CHANGE, visibility_cb, nullptr);
 #endif
+  keypad_attach(win);
 }
 
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data) {

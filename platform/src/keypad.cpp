@@ -1,0 +1,576 @@
+#include "keypad.h"
+
+#include <Ecore.h>
+#include <Edje.h>
+#include <Elementary.h>
+#include <glib.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dlog.h"
+#include "efl_assist.h"
+#include "keypad-compose.h"
+#include "keypad-internal.h"
+#include "keypad-layouts.h"
+#include "platform-paths.h"
+#include "vconf.h"
+
+/*
+ * Six columns and four rows: a key is at least 48 pixels wide and high on a window of 320, which a whole row of ten
+ * letters would not be. The letters come on pages of fifteen, turned by a key or by a swipe. The keys are plain
+ * pictures; the ground under them takes the touches, so that no touch ever takes the focus from the entry, and a finger
+ * that slipped onto the next key before it was lifted types what it was lifted from.
+ */
+
+namespace {
+
+constexpr const char *LOG_TAG = "KEYPAD";
+constexpr const char *THEME_FILE = "/usr/apps/com.vextora.brisel/res/edje/platform.edj";
+constexpr const char *LANGUAGE_KEY = "db/menu_widget/language";
+constexpr const char *CONFORMANT_PART = "elm.swallow.virtualkeypad";
+constexpr int COLUMNS = 6;
+constexpr int ROWS = 4;
+constexpr int KEYS = KEYPAD_PAGE_KEYS + 3 + 6; /* the page, the column beside it, the row below it */
+constexpr int KEY_HEIGHT_MIN = 50;
+constexpr int KEY_HEIGHT_MAX = 64;
+constexpr int SWIPE_DISTANCE = 40;
+constexpr double REPEAT_AFTER = 0.5;
+constexpr double REPEAT_EVERY = 0.08;
+
+enum class mode { letters, symbols, emoticons };
+enum class shift { off, once, lock };
+enum class action {
+  none,
+  text,
+  backspace,
+  shift,
+  next_page,
+  previous_page,
+  letters,
+  symbols,
+  emoticons,
+  language,
+  enter,
+  hide
+};
+
+struct key {
+  Evas_Object *picture = nullptr;
+  action does = action::none;
+  std::string text;
+};
+
+struct keypad {
+  Evas_Object *win = nullptr;
+  Evas_Object *ground = nullptr; /* made at the first showing */
+  Evas_Object *table = nullptr;
+  std::array<key, KEYS> keys;
+  Evas_Object *watched = nullptr;    /* the conformant whose touches are followed */
+  Evas_Object *conformant = nullptr; /* where the keypad is shown; NULL: it is hidden */
+  Evas_Object *displaced = nullptr;  /* what the conformant had in the place */
+  Evas_Object *entry = nullptr;      /* the entry that is served; may be NULL while shown */
+  int height = 0;
+
+  mode shows = mode::letters;
+  shift shifted = shift::off;
+  size_t page = 0;
+  bool english = false; /* chosen over the layout of the language */
+  const keypad_layout *own = nullptr;
+  std::string pending; /* see keypad-compose.h */
+
+  int pressed = -1; /* the key under the finger */
+  int down_x = 0;
+  bool swiped = false;
+  bool repeated = false;
+  Ecore_Timer *repeat = nullptr;
+};
+
+keypad pad;
+
+/* --- finding widgets ------------------------------------------------------------------------------------ */
+
+bool is_type(const Evas_Object *obj, const char *type) {
+  const char *name = obj != nullptr ? evas_object_type_get(obj) : nullptr;
+  return name != nullptr && strcmp(name, type) == 0;
+}
+
+bool is_editable_entry(Evas_Object *obj) {
+  return is_type(obj, "elm_entry") && elm_entry_editable_get(obj);
+}
+
+bool is_conformant(Evas_Object *obj) {
+  return is_type(obj, "elm_conformant");
+}
+
+/* The topmost visible object in or below obj that is one of those wanted. */
+Evas_Object *find_in(Evas_Object *obj, bool (*wanted)(Evas_Object *)) {
+  if (!evas_object_visible_get(obj)) return nullptr;
+  if (wanted(obj)) return obj;
+  Evas_Object *found = nullptr;
+  Eina_List *members = evas_object_smart_members_get(obj);
+  void *data;
+  EINA_LIST_FREE(members, data) {
+    Evas_Object *hit = find_in(static_cast<Evas_Object *>(data), wanted);
+    if (hit != nullptr) found = hit;
+  }
+  return found;
+}
+
+/* A window's content is not below the window but beside it on its canvas. */
+Evas_Object *find_in_window(bool (*wanted)(Evas_Object *)) {
+  Evas_Object *found = nullptr;
+  for (Evas_Object *obj = evas_object_top_get(evas_object_evas_get(pad.win)); obj != nullptr && found == nullptr;
+       obj = evas_object_below_get(obj))
+    found = find_in(obj, wanted);
+  return found;
+}
+
+/* --- typing --------------------------------------------------------------------------------------------- */
+
+/* As key events, the way any keyboard types: the entry's own filters decide what it takes. */
+void feed(const char *name, const char *text) {
+  Evas *canvas = evas_object_evas_get(pad.win);
+  const auto now = static_cast<unsigned>(ecore_loop_time_get() * 1000);
+  evas_event_feed_key_down(canvas, name, name, text, nullptr, now, nullptr);
+  evas_event_feed_key_up(canvas, name, name, text, nullptr, now, nullptr);
+}
+
+bool can_type() {
+  return pad.entry != nullptr && elm_object_focused_object_get(pad.win) == pad.entry;
+}
+
+void type(const keypad_edit &edit) {
+  /* Each event may end in the entry losing the focus, or its life. */
+  for (int i = 0; i < edit.take_back && can_type(); i++) feed("BackSpace", "\b");
+  if (!edit.insert.empty() && can_type()) feed(edit.insert == " " ? "space" : edit.insert.c_str(), edit.insert.c_str());
+}
+
+/* --- what the keys show --------------------------------------------------------------------------------- */
+
+const keypad_layout &layout() {
+  if (pad.shows == mode::symbols) return keypad_layout_symbols();
+  if (pad.shows == mode::emoticons) return keypad_layout_emoticons();
+  return pad.english || pad.own == nullptr ? keypad_layout_english() : *pad.own;
+}
+
+std::string shifted(const std::string &text) {
+  if (pad.shifted == shift::off || !layout().has_case) return text;
+  /* Turkish has a capital of its own for each of its two letters i. */
+  if (strcmp(layout().language, "tr") == 0 && text == "i") return "İ";
+  if (text == "ß") return "ẞ";
+  const std::unique_ptr<char, decltype(&g_free)> upper(g_utf8_strup(text.c_str(), -1), g_free);
+  return upper.get();
+}
+
+void signal(int index, const char *what) {
+  edje_object_signal_emit(pad.keys[static_cast<size_t>(index)].picture, what, "platform");
+}
+
+void signal_kind(int index) {
+  const key &one = pad.keys[static_cast<size_t>(index)];
+  const bool letter = one.does == action::text && one.text != " ";
+  const bool picture = letter && pad.shows == mode::emoticons && static_cast<unsigned char>(one.text[0]) >= 0x80;
+  signal(index, picture ? "key,picture" : letter ? "key,letter" : "key,special");
+}
+
+void set_key(int index, action does, const std::string &text, const char *icon = "none") {
+  key &one = pad.keys[static_cast<size_t>(index)];
+  one.does = does;
+  one.text = text;
+  edje_object_part_text_set(one.picture, "text", text.c_str());
+  signal(index, (std::string("icon,") + icon).c_str());
+  signal_kind(index);
+  /* A key without a use is not there. */
+  if (does == action::none) {
+    evas_object_hide(one.picture);
+  } else {
+    evas_object_show(one.picture);
+  }
+}
+
+void place_key(int index, int column, int row, int columns) {
+  evas_object_table_pack(pad.table, pad.keys[static_cast<size_t>(index)].picture, static_cast<unsigned short>(column),
+                         static_cast<unsigned short>(row), static_cast<unsigned short>(columns), 1);
+}
+
+void refresh() {
+  const keypad_layout &now = layout();
+  pad.page = std::min(pad.page, now.pages.size() - 1);
+  const std::vector<std::string> page = keypad_page_keys(now, pad.page);
+  for (int i = 0; i < KEYPAD_PAGE_KEYS; i++) {
+    const bool used = static_cast<size_t>(i) < page.size();
+    set_key(i, used ? action::text : action::none, used ? shifted(page[static_cast<size_t>(i)]) : "");
+  }
+  int next = KEYPAD_PAGE_KEYS;
+  set_key(next++, action::backspace, "", "backspace");
+  if (now.has_case) {
+    set_key(next++, action::shift, "",
+            pad.shifted == shift::off    ? "shift"
+            : pad.shifted == shift::once ? "shift_on"
+                                         : "shift_lock");
+  } else {
+    set_key(next++, now.pages.size() > 2 ? action::previous_page : action::none, "‹");
+  }
+  set_key(next++, now.pages.size() > 1 ? action::next_page : action::none,
+          std::to_string(pad.page + 1) + "/" + std::to_string(now.pages.size()));
+
+  const bool letters = pad.shows == mode::letters;
+  const bool choice = pad.own != nullptr && pad.own != &keypad_layout_english() && letters;
+  set_key(next++, pad.shows == mode::symbols ? action::letters : action::symbols,
+          pad.shows == mode::symbols ? "ABC" : "123");
+  set_key(next++, pad.shows == mode::emoticons ? action::letters : action::emoticons,
+          pad.shows == mode::emoticons ? "ABC" : ":-)");
+  set_key(next++, choice ? action::language : action::none, "", "globe");
+  const int space = next++;
+  set_key(space, action::text, " ");
+  edje_object_part_text_set(pad.keys[static_cast<size_t>(space)].picture, "text", now.name != nullptr ? now.name : "␣");
+  place_key(space, choice ? 3 : 2, ROWS - 1, choice ? 1 : 2);
+  set_key(next++, action::enter, "", "enter");
+  set_key(next++, action::hide, "", "hide");
+}
+
+void show_mode(mode shows) {
+  pad.shows = shows;
+  pad.page = 0;
+  pad.shifted = shift::off;
+  pad.pending.clear();
+  refresh();
+}
+
+void turn_page(int by) {
+  const size_t pages = layout().pages.size();
+  pad.page = (pad.page + pages + static_cast<size_t>(by < 0 ? pages - 1 : 1)) % pages;
+  refresh();
+}
+
+void use_key(int index) {
+  /* A copy: typing may end in anything. */
+  const action does = pad.keys[static_cast<size_t>(index)].does;
+  const std::string text = pad.keys[static_cast<size_t>(index)].text;
+  switch (does) {
+    case action::text:
+      type(keypad_compose_key(layout().compose, text, &pad.pending));
+      if (pad.shifted == shift::once && text != " ") {
+        pad.shifted = shift::off;
+        if (pad.conformant != nullptr) refresh();
+      }
+      break;
+    case action::backspace:
+      type(keypad_compose_backspace(layout().compose, &pad.pending));
+      break;
+    case action::enter:
+      pad.pending.clear();
+      if (can_type()) feed("Return", "\n");
+      break;
+    case action::shift:
+      pad.shifted = pad.shifted == shift::off ? shift::once : pad.shifted == shift::once ? shift::lock : shift::off;
+      refresh();
+      break;
+    case action::next_page:
+      turn_page(1);
+      break;
+    case action::previous_page:
+      turn_page(-1);
+      break;
+    case action::letters:
+      show_mode(mode::letters);
+      break;
+    case action::symbols:
+      show_mode(mode::symbols);
+      break;
+    case action::emoticons:
+      show_mode(mode::emoticons);
+      break;
+    case action::language:
+      pad.english = !pad.english;
+      show_mode(mode::letters);
+      break;
+    case action::hide:
+      keypad_hide();
+      break;
+    case action::none:
+      break;
+  }
+}
+
+/* --- touches -------------------------------------------------------------------------------------------- */
+
+int key_at(int x, int y) {
+  for (int i = 0; i < KEYS; i++) {
+    const key &one = pad.keys[static_cast<size_t>(i)];
+    int kx, ky, kw, kh;
+    evas_object_geometry_get(one.picture, &kx, &ky, &kw, &kh);
+    if (one.does != action::none && x >= kx && x < kx + kw && y >= ky && y < ky + kh) return i;
+  }
+  return -1;
+}
+
+void stop_repeat() {
+  if (pad.repeat != nullptr) ecore_timer_del(pad.repeat);
+  pad.repeat = nullptr;
+}
+
+void press(int index) {
+  if (pad.pressed == index) return;
+  if (pad.pressed >= 0) signal_kind(pad.pressed);
+  stop_repeat();
+  pad.pressed = index;
+  if (index >= 0) signal(index, "key,press");
+}
+
+Eina_Bool on_repeat(void *) {
+  pad.repeated = true;
+  use_key(pad.pressed);
+  if (pad.repeat == nullptr) return ECORE_CALLBACK_CANCEL; /* the keypad is gone by now */
+  ecore_timer_interval_set(pad.repeat, REPEAT_EVERY);
+  return ECORE_CALLBACK_RENEW;
+}
+
+void on_touch_down(void *, Evas *, Evas_Object *, void *info) {
+  const auto *event = static_cast<const Evas_Event_Mouse_Down *>(info);
+  if (event->button != 1) return;
+  pad.down_x = event->canvas.x;
+  pad.swiped = false;
+  pad.repeated = false;
+  press(key_at(event->canvas.x, event->canvas.y));
+  if (pad.pressed >= 0 && pad.keys[static_cast<size_t>(pad.pressed)].does == action::backspace)
+    pad.repeat = ecore_timer_add(REPEAT_AFTER, on_repeat, nullptr);
+}
+
+void on_touch_move(void *, Evas *, Evas_Object *, void *info) {
+  const auto *event = static_cast<const Evas_Event_Mouse_Move *>(info);
+  if ((event->buttons & 1) == 0 || pad.swiped) return;
+  const int moved = event->cur.canvas.x - pad.down_x;
+  const bool can_swipe = layout().pages.size() > 1 && !pad.repeated;
+  if (can_swipe && std::abs(moved) >= SWIPE_DISTANCE * elm_config_scale_get()) {
+    press(-1);
+    pad.swiped = true;
+    turn_page(moved < 0 ? 1 : -1);
+  } else if (!pad.repeated) {
+    press(key_at(event->cur.canvas.x, event->cur.canvas.y));
+  }
+}
+
+void on_touch_up(void *, Evas *, Evas_Object *, void *info) {
+  const auto *event = static_cast<const Evas_Event_Mouse_Up *>(info);
+  if (event->button != 1) return;
+  const int index = pad.pressed;
+  const bool use = index >= 0 && !pad.swiped && !pad.repeated;
+  press(-1);
+  if (use) use_key(index);
+}
+
+/* --- showing and hiding --------------------------------------------------------------------------------- */
+
+void tell_size() {
+  int w = 0;
+  int h = 0;
+  evas_object_geometry_get(pad.win, nullptr, nullptr, &w, &h);
+  Evas_Coord_Rectangle place = {0, h - pad.height, w, pad.height};
+  if (pad.conformant != nullptr) evas_object_smart_callback_call(pad.conformant, "virtualkeypad,size,changed", &place);
+}
+
+bool make_keys() {
+  if (pad.ground != nullptr) return true;
+  Evas *canvas = evas_object_evas_get(pad.win);
+  const char *file = platform_path(THEME_FILE);
+  pad.ground = edje_object_add(canvas);
+  if (!edje_object_file_set(pad.ground, file, "platform/keypad/base")) {
+    __dlog_print(DLOG_ERROR, LOG_TAG, "the keypad's look is missing in \"%s\"", file);
+    evas_object_del(pad.ground);
+    pad.ground = nullptr;
+    return false;
+  }
+  pad.table = evas_object_table_add(canvas);
+  evas_object_table_homogeneous_set(pad.table, EVAS_OBJECT_TABLE_HOMOGENEOUS_TABLE);
+  for (int i = 0; i < KEYS; i++) {
+    Evas_Object *picture = edje_object_add(canvas);
+    edje_object_file_set(picture, file, "platform/keypad/key");
+    evas_object_size_hint_weight_set(picture, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+    evas_object_size_hint_align_set(picture, EVAS_HINT_FILL, EVAS_HINT_FILL);
+    evas_object_pass_events_set(picture, EINA_TRUE);
+    pad.keys[static_cast<size_t>(i)].picture = picture;
+    if (i < KEYPAD_PAGE_KEYS) {
+      place_key(i, i % (COLUMNS - 1), i / (COLUMNS - 1), 1);
+    } else if (i < KEYPAD_PAGE_KEYS + ROWS - 1) {
+      place_key(i, COLUMNS - 1, i - KEYPAD_PAGE_KEYS, 1);
+    } else {
+      place_key(i, i - KEYPAD_PAGE_KEYS - (ROWS - 1), ROWS - 1, 1);
+    }
+  }
+  edje_object_part_swallow(pad.ground, "keys", pad.table);
+  evas_object_pass_events_set(pad.table, EINA_TRUE);
+  /* The window's widgets are not to see these touches: they would move the focus. */
+  evas_object_propagate_events_set(pad.ground, EINA_FALSE);
+  evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_DOWN, on_touch_down, nullptr);
+  evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_MOVE, on_touch_move, nullptr);
+  evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_UP, on_touch_up, nullptr);
+  return true;
+}
+
+void fit_height() {
+  int h = 0;
+  evas_object_geometry_get(pad.win, nullptr, nullptr, nullptr, &h);
+  const double scale = elm_config_scale_get();
+  const double row = std::clamp(h * 0.156, KEY_HEIGHT_MIN * scale, KEY_HEIGHT_MAX * scale);
+  /* The text being written must stay in sight, whatever the scale. */
+  pad.height = static_cast<int>(std::min(row * ROWS + 4 * scale, h * 0.66));
+  evas_object_size_hint_min_set(pad.ground, 0, pad.height);
+}
+
+void on_entry_unfocused(void *, Evas_Object *, void *) {
+  keypad_hide();
+}
+
+void on_entry_cursor_moved(void *, Evas_Object *, void *) {
+  pad.pending.clear();
+}
+
+void on_entry_deleted(void *, Evas *, Evas_Object *, void *) {
+  pad.entry = nullptr;
+  keypad_hide();
+}
+
+void serve(Evas_Object *entry) {
+  if (entry == pad.entry) return;
+  if (pad.entry != nullptr) {
+    evas_object_smart_callback_del_full(pad.entry, "unfocused", on_entry_unfocused, nullptr);
+    evas_object_smart_callback_del_full(pad.entry, "cursor,changed,manual", on_entry_cursor_moved, nullptr);
+    evas_object_event_callback_del_full(pad.entry, EVAS_CALLBACK_DEL, on_entry_deleted, nullptr);
+  }
+  pad.entry = entry;
+  pad.pending.clear();
+  if (entry == nullptr) return;
+  evas_object_smart_callback_add(entry, "unfocused", on_entry_unfocused, nullptr);
+  evas_object_smart_callback_add(entry, "cursor,changed,manual", on_entry_cursor_moved, nullptr);
+  evas_object_event_callback_add(entry, EVAS_CALLBACK_DEL, on_entry_deleted, nullptr);
+}
+
+void on_back(void *, Evas_Object *, void *) {
+  keypad_hide();
+}
+
+void on_conformant_deleted(void *, Evas *, Evas_Object *, void *) {
+  pad.conformant = nullptr;
+  pad.displaced = nullptr;
+  serve(nullptr);
+  press(-1);
+  evas_object_hide(pad.ground);
+}
+
+void on_watched_deleted(void *, Evas *, Evas_Object *, void *) {
+  pad.watched = nullptr;
+}
+
+/* A touch that was no drag and ended on an entry that has, or has just got, the focus. */
+void on_touched(void *, Evas *, Evas_Object *, void *info) {
+  const auto *event = static_cast<const Evas_Event_Mouse_Up *>(info);
+  if (event->button != 1 || (event->event_flags & EVAS_EVENT_FLAG_ON_HOLD) != 0) return;
+  Evas_Object *focused = elm_object_focused_object_get(pad.win);
+  if (!is_editable_entry(focused)) return;
+  int x, y, w, h;
+  evas_object_geometry_get(focused, &x, &y, &w, &h);
+  if (event->canvas.x >= x && event->canvas.x < x + w && event->canvas.y >= y && event->canvas.y < y + h) keypad_show();
+}
+
+/* Touches reach the conformant after the widgets in it. It comes later than the window, but before any focus. */
+void on_focus_came(void *, Evas *, void *) {
+  if (pad.watched != nullptr) return;
+  pad.watched = find_in_window(is_conformant);
+  if (pad.watched == nullptr) return;
+  evas_object_event_callback_add(pad.watched, EVAS_CALLBACK_MOUSE_UP, on_touched, nullptr);
+  evas_object_event_callback_add(pad.watched, EVAS_CALLBACK_DEL, on_watched_deleted, nullptr);
+}
+
+void on_window_resized(void *, Evas *, Evas_Object *, void *) {
+  if (pad.conformant == nullptr) return;
+  fit_height();
+  tell_size();
+}
+
+void on_window_deleted(void *, Evas *, Evas_Object *, void *) {
+  serve(nullptr);
+  stop_repeat();
+  /* The ground may have died with the conformant that showed it; what is left goes with the canvas. */
+  pad = {};
+}
+
+void load_language() {
+  const std::unique_ptr<char, decltype(&free)> language(vconf_get_str(LANGUAGE_KEY), free);
+  const keypad_layout *own = &keypad_layout_for(language != nullptr ? language.get() : "");
+  if (own != pad.own) pad.english = false;
+  pad.own = own;
+}
+
+}  // namespace
+
+void keypad_attach(Evas_Object *win) {
+  if (win == nullptr || pad.win != nullptr) return;
+  pad.win = win;
+  evas_event_callback_add(evas_object_evas_get(win), EVAS_CALLBACK_CANVAS_OBJECT_FOCUS_IN, on_focus_came, nullptr);
+  evas_object_event_callback_add(win, EVAS_CALLBACK_RESIZE, on_window_resized, nullptr);
+  evas_object_event_callback_add(win, EVAS_CALLBACK_DEL, on_window_deleted, nullptr);
+}
+
+void keypad_show(void) {
+  if (pad.win == nullptr) return;
+  Evas_Object *entry = elm_object_focused_object_get(pad.win);
+  if (!is_editable_entry(entry)) {
+    /* Asked for by hand: the keypad then is for the entry that is in sight. */
+    entry = find_in_window(is_editable_entry);
+    if (entry != nullptr) elm_object_focus_set(entry, EINA_TRUE);
+  }
+  if (pad.conformant == nullptr) {
+    Evas_Object *conformant = find_in_window(is_conformant);
+    if (conformant == nullptr || !make_keys()) return;
+    Evas_Object *frame = elm_layout_edje_get(conformant);
+    load_language();
+    show_mode(mode::letters);
+    fit_height();
+    /* Not through the widget, which would delete the placeholder that it keeps there. */
+    pad.displaced = edje_object_part_swallow_get(frame, CONFORMANT_PART);
+    if (pad.displaced != nullptr) {
+      edje_object_part_unswallow(frame, pad.displaced);
+      evas_object_hide(pad.displaced);
+    }
+    if (!edje_object_part_swallow(frame, CONFORMANT_PART, pad.ground)) {
+      __dlog_print(DLOG_ERROR, LOG_TAG, "the window's frame has no place for the keypad");
+      return;
+    }
+    evas_object_show(pad.ground);
+    pad.conformant = conformant;
+    evas_object_event_callback_add(conformant, EVAS_CALLBACK_DEL, on_conformant_deleted, nullptr);
+    ea_object_event_callback_add(pad.ground, EA_CALLBACK_BACK, on_back, nullptr);
+    serve(entry);
+    tell_size();
+  } else {
+    serve(entry);
+  }
+}
+
+void keypad_hide(void) {
+  if (pad.conformant == nullptr) return;
+  Evas_Object *conformant = pad.conformant;
+  Evas_Object *frame = elm_layout_edje_get(conformant);
+  serve(nullptr);
+  press(-1);
+  ea_object_event_callback_del(pad.ground, EA_CALLBACK_BACK, on_back);
+  evas_object_event_callback_del_full(conformant, EVAS_CALLBACK_DEL, on_conformant_deleted, nullptr);
+  edje_object_part_unswallow(frame, pad.ground);
+  evas_object_hide(pad.ground);
+  if (pad.displaced != nullptr) edje_object_part_swallow(frame, CONFORMANT_PART, pad.displaced);
+  pad.displaced = nullptr;
+  pad.height = 0;
+  tell_size();
+  pad.conformant = nullptr;
+}
+
+Eina_Bool keypad_shown(void) {
+  return pad.conformant != nullptr ? EINA_TRUE : EINA_FALSE;
+}
