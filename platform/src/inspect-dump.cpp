@@ -1,3 +1,4 @@
+#define EFL_BETA_API_SUPPORT /* for the class of objects that have members */
 #include <Eo.h>
 
 #include <algorithm>
@@ -352,7 +353,7 @@ void visit(walk *w, Evas_Object *obj) {
     visit_block(w, obj);
   } else if (strcmp(type, "rectangle") == 0 || strcmp(type, "image") == 0) {
     visit_cover(w, obj, type);
-  } else {
+  } else if (efl_isa(obj, EFL_CANVAS_GROUP_CLASS)) {
     if (elm_object_widget_check(obj)) visit_widget(w, obj);
     Eina_List *members = evas_object_smart_members_get(obj);
     void *member;
