@@ -1,6 +1,6 @@
+#define EFL_BETA_API_SUPPORT /* for the class of objects that have members */
 #include "keypad.h"
 
-#define EFL_BETA_API_SUPPORT /* for the class of objects that have members */
 #include <Ecore.h>
 #include <Edje.h>
 #include <Elementary.h>
