@@ -18,42 +18,184 @@ struct texts {
 };
 
 const texts all_texts[] = {
-    {"en", "Email", "All accounts", {"Anna Kowalska", "Maximilian von Hohenstein-Waldenburg", "Ян Новак", "ليلى", "김서연", "Newsletter 🌍"},
-     {"14:02", "11:45 am", "Yesterday", "23/11", "22/11", "01/11/2025"}, "Deleted", "No emails", "Open email",
+    {"en",
+     "Email",
+     "All accounts",
+     {"Anna Kowalska", "Maximilian von Hohenstein-Waldenburg", "Ян Новак", "ليلى", "김서연", "Newsletter 🌍"},
+     {"14:02", "11:45 am", "Yesterday", "23/11", "22/11", "01/11/2025"},
+     "Deleted",
+     "No emails",
+     "Open email",
      "For security reasons, the content of this email cannot be shown on the watch. View it on your phone.",
-     "Your phone does not support replying. Check for updates in the settings of your phone.", "Cancel", "OK",
-     "Check your phone to view the content.", "Minutes of Monday's meeting",
-     "Hello Max,<br/><br/>the room is booked for Thursday at ten. Could you bring the drawings of the second floor? I will "
-     "have the samples with me &amp; the list of what is still open.<br/><br/>Anna", "Images are not shown on the watch.",
-     "More on your phone", "3 attachments", "Show on phone", "Call", "Reply", "Templates", "Delete",
+     "Your phone does not support replying. Check for updates in the settings of your phone.",
+     "Cancel",
+     "OK",
+     "Check your phone to view the content.",
+     "Minutes of Monday's meeting",
+     "Hello Max,<br/><br/>the room is booked for Thursday at ten. Could you bring the drawings of the second floor? I "
+     "will "
+     "have the samples with me &amp; the list of what is still open.<br/><br/>Anna",
+     "Images are not shown on the watch.",
+     "More on your phone",
+     "3 attachments",
+     "Show on phone",
+     "Call",
+     "Reply",
+     "Templates",
+     "Delete",
      {"Thanks!", "I'll call you later.", "I'm in a meeting right now and will answer as soon as I am out of it.", "OK"},
-     "Connecting…", "Mobile", "Select reply", "I'm on my way 😀"},
-    {"de", "E-Mail", "Alle Konten", {"Anna Kowalska", "Maximilian von Hohenstein-Waldenburg", "Ян Новак", "ليلى", "김서연", "Newsletter 🌍"},
-     {"14:02", "11:45", "Gestern", "23.11.", "22.11.", "01.11.2025"}, "Gelöscht", "Keine E-Mails", "E-Mail öffnen",
-     "Aus Sicherheitsgründen kann der Inhalt dieser E-Mail nicht auf der Uhr angezeigt werden. Öffnen Sie sie auf Ihrem Mobilgerät.",
-     "Ihr Mobilgerät unterstützt das Antworten nicht. Suchen Sie in den Einstellungen Ihres Mobilgeräts nach Aktualisierungen.", "Abbrechen", "OK",
-     "Sehen Sie sich den Inhalt auf Ihrem Mobilgerät an.", "Protokoll der Geschäftsführungssitzung vom Donnerstag",
-     "Sehr geehrter Herr von Hohenstein,<br/><br/>anbei die Unterlagen zur Donaudampfschifffahrtsgesellschaftskapitänsversammlung. Bitte bestätigen Sie "
-     "den Eingang bis Freitag.<br/><br/>Mit freundlichen Grüßen<br/>Anna Kowalska", "Bilder werden auf der Uhr nicht angezeigt.",
-     "Mehr auf dem Mobilgerät", "12 Anhänge", "Auf Mobilgerät anzeigen", "Anrufen", "Antworten", "Textvorlagen", "Löschen",
-     {"Danke!", "Ich rufe Sie später zurück.", "Ich bin gerade in einer Besprechung und antworte, sobald sie zu Ende ist.", "Einverstanden"},
-     "Verbindung wird hergestellt …", "Mobiltelefon", "Antwort auswählen", "Ich bin unterwegs 😀"},
-    {"ru", "Эл. почта", "Все учётные записи", {"Александра Константинопольская", "Ян Новак", "Отдел обслуживания клиентов", "Maria", "김서연", "Рассылка 🌍"},
-     {"14:02", "11:45", "Вчера", "23.11", "22.11", "01.11.2025"}, "Удалено", "Нет писем", "Открыть письмо",
+     "Connecting…",
+     "Mobile",
+     "Select reply",
+     "I'm on my way 😀"},
+    {"de",
+     "E-Mail",
+     "Alle Konten",
+     {"Anna Kowalska", "Maximilian von Hohenstein-Waldenburg", "Ян Новак", "ليلى", "김서연", "Newsletter 🌍"},
+     {"14:02", "11:45", "Gestern", "23.11.", "22.11.", "01.11.2025"},
+     "Gelöscht",
+     "Keine E-Mails",
+     "E-Mail öffnen",
+     "Aus Sicherheitsgründen kann der Inhalt dieser E-Mail nicht auf der Uhr angezeigt werden. Öffnen Sie sie auf "
+     "Ihrem Mobilgerät.",
+     "Ihr Mobilgerät unterstützt das Antworten nicht. Suchen Sie in den Einstellungen Ihres Mobilgeräts nach "
+     "Aktualisierungen.",
+     "Abbrechen",
+     "OK",
+     "Sehen Sie sich den Inhalt auf Ihrem Mobilgerät an.",
+     "Protokoll der Geschäftsführungssitzung vom Donnerstag",
+     "Sehr geehrter Herr von Hohenstein,<br/><br/>anbei die Unterlagen zur "
+     "Donaudampfschifffahrtsgesellschaftskapitänsversammlung. Bitte bestätigen Sie "
+     "den Eingang bis Freitag.<br/><br/>Mit freundlichen Grüßen<br/>Anna Kowalska",
+     "Bilder werden auf der Uhr nicht angezeigt.",
+     "Mehr auf dem Mobilgerät",
+     "12 Anhänge",
+     "Auf Mobilgerät anzeigen",
+     "Anrufen",
+     "Antworten",
+     "Textvorlagen",
+     "Löschen",
+     {"Danke!", "Ich rufe Sie später zurück.",
+      "Ich bin gerade in einer Besprechung und antworte, sobald sie zu Ende ist.", "Einverstanden"},
+     "Verbindung wird hergestellt …",
+     "Mobiltelefon",
+     "Antwort auswählen",
+     "Ich bin unterwegs 😀"},
+    {"ru",
+     "Эл. почта",
+     "Все учётные записи",
+     {"Александра Константинопольская", "Ян Новак", "Отдел обслуживания клиентов", "Maria", "김서연", "Рассылка 🌍"},
+     {"14:02", "11:45", "Вчера", "23.11", "22.11", "01.11.2025"},
+     "Удалено",
+     "Нет писем",
+     "Открыть письмо",
      "По соображениям безопасности содержимое этого письма нельзя показать на часах. Откройте его на телефоне.",
-     "Ваш телефон не поддерживает ответы. Проверьте наличие обновлений в настройках телефона.", "Отмена", "ОК",
-     "Содержимое можно посмотреть на телефоне.", "Протокол совещания руководителей отделов",
-     "Здравствуйте!<br/><br/>Направляем вам документы к предстоящему совещанию. Пожалуйста, подтвердите получение до пятницы.<br/><br/>С уважением,<br/>Александра",
-     "Изображения на часах не показываются.", "Продолжение на телефоне", "12 вложений", "Показать на телефоне", "Позвонить", "Ответить", "Шаблоны", "Удалить",
+     "Ваш телефон не поддерживает ответы. Проверьте наличие обновлений в настройках телефона.",
+     "Отмена",
+     "ОК",
+     "Содержимое можно посмотреть на телефоне.",
+     "Протокол совещания руководителей отделов",
+     "Здравствуйте!<br/><br/>Направляем вам документы к предстоящему совещанию. Пожалуйста, подтвердите получение до "
+     "пятницы.<br/><br/>С уважением,<br/>Александра",
+     "Изображения на часах не показываются.",
+     "Продолжение на телефоне",
+     "12 вложений",
+     "Показать на телефоне",
+     "Позвонить",
+     "Ответить",
+     "Шаблоны",
+     "Удалить",
      {"Спасибо!", "Я перезвоню позже.", "Я сейчас на совещании и отвечу, как только оно закончится.", "Хорошо"},
-     "Подключение…", "Мобильный", "Выберите ответ", "Уже еду 😀"},
-    {"ar", "البريد", "كل الحسابات", {"ليلى عبد الرحمن", "عبد العزيز بن محمد الهاشمي القرشي", "Anna Kowalska", "يوسف", "김서연", "النشرة 🌍"},
-     {"14:02", "11:45", "أمس", "23/11", "22/11", "2025/11/01"}, "تم الحذف", "لا توجد رسائل", "فتح الرسالة",
+     "Подключение…",
+     "Мобильный",
+     "Выберите ответ",
+     "Уже еду 😀"},
+    {"ar",
+     "البريد",
+     "كل الحسابات",
+     {"ليلى عبد الرحمن", "عبد العزيز بن محمد الهاشمي القرشي", "Anna Kowalska", "يوسف", "김서연", "النشرة 🌍"},
+     {"14:02", "11:45", "أمس", "23/11", "22/11", "2025/11/01"},
+     "تم الحذف",
+     "لا توجد رسائل",
+     "فتح الرسالة",
      "لأسباب أمنية، لا يمكن عرض محتوى هذه الرسالة على الساعة. اعرضها على هاتفك.",
-     "هاتفك لا يدعم الرد. تحقق من وجود تحديثات في إعدادات هاتفك.", "إلغاء", "موافق", "تحقق من هاتفك لعرض المحتوى.",
-     "محضر اجتماع يوم الاثنين", "السلام عليكم،<br/><br/>تم حجز القاعة يوم الخميس الساعة العاشرة. هل يمكنك إحضار رسومات الطابق الثاني؟ Room 204.<br/><br/>ليلى",
-     "لا يتم عرض الصور على الساعة.", "المزيد على هاتفك", "3 مرفقات", "عرض على الهاتف", "اتصال", "رد", "القوالب", "حذف",
-     {"شكرا!", "سأتصل بك لاحقا.", "أنا في اجتماع الآن وسأجيب عندما ينتهي.", "حسنا"}, "جارٍ الاتصال…", "الجوال", "اختر الرد", "أنا في الطريق 😀"},
+     "هاتفك لا يدعم الرد. تحقق من وجود تحديثات في إعدادات هاتفك.",
+     "إلغاء",
+     "موافق",
+     "تحقق من هاتفك لعرض المحتوى.",
+     "محضر اجتماع يوم الاثنين",
+     "السلام عليكم،<br/><br/>تم حجز القاعة يوم الخميس الساعة العاشرة. هل يمكنك إحضار رسومات الطابق الثاني؟ Room "
+     "204.<br/><br/>ليلى",
+     "لا يتم عرض الصور على الساعة.",
+     "المزيد على هاتفك",
+     "3 مرفقات",
+     "عرض على الهاتف",
+     "اتصال",
+     "رد",
+     "القوالب",
+     "حذف",
+     {"شكرا!", "سأتصل بك لاحقا.", "أنا في اجتماع الآن وسأجيب عندما ينتهي.", "حسنا"},
+     "جارٍ الاتصال…",
+     "الجوال",
+     "اختر الرد",
+     "أنا في الطريق 😀"},
+    {"ko",
+     "이메일",
+     "모든 계정",
+     {"김서연", "국립중앙박물관 고객지원센터 담당자", "Ян Новак", "田中さくら", "李明", "뉴스레터 🌍"},
+     {"오후 2:02", "오전 11:45", "어제", "11/23", "11/22", "2025/11/01"},
+     "삭제됨",
+     "이메일 없음",
+     "이메일 열기",
+     "보안상의 이유로 이 이메일의 내용을 시계에 표시할 수 없습니다. 휴대전화에서 확인하세요.",
+     "휴대전화에서 답장을 지원하지 않습니다. 휴대전화 설정에서 업데이트를 확인하세요.",
+     "취소",
+     "확인",
+     "휴대전화에서 내용을 확인하세요.",
+     "월요일 회의록 안내",
+     "안녕하세요.<br/><br/>목요일 열 시에 회의실을 예약했습니다. 2층 도면을 가져오실 수 있나요? "
+     "こんにちは、会議の資料をお送りします。<br/><br/>김서연",
+     "시계에는 이미지가 표시되지 않습니다.",
+     "휴대전화에서 더 보기",
+     "첨부 파일 3개",
+     "휴대전화에서 보기",
+     "전화",
+     "답장",
+     "템플릿",
+     "삭제",
+     {"감사합니다!", "나중에 전화하겠습니다.", "지금 회의 중입니다. 끝나면 바로 답장하겠습니다.", "네"},
+     "연결 중…",
+     "휴대전화",
+     "답장 선택",
+     "가는 중이에요 😀"},
+    {"hi",
+     "ईमेल",
+     "सभी खाते",
+     {"प्रिया शर्मा", "राष्ट्रीय सूचना विज्ञान केंद्र", "Ян Новак", "田中さくら", "李明", "समाचार 🌍"},
+     {"14:02", "11:45", "कल", "23/11", "22/11", "01/11/2025"},
+     "हटाया गया",
+     "कोई ईमेल नहीं",
+     "ईमेल खोलें",
+     "सुरक्षा कारणों से इस ईमेल की सामग्री घड़ी पर नहीं दिखाई जा सकती। इसे अपने फ़ोन पर देखें।",
+     "आपका फ़ोन जवाब देने का समर्थन नहीं करता। अपने फ़ोन की सेटिंग में अपडेट देखें।",
+     "रद्द करें",
+     "ठीक",
+     "सामग्री देखने के लिए अपना फ़ोन देखें।",
+     "सोमवार की बैठक का विवरण",
+     "नमस्ते,<br/><br/>गुरुवार को दस बजे कमरा आरक्षित है। क्या आप दूसरी मंज़िल के चित्र ला सकते हैं?<br/><br/>प्रिया",
+     "घड़ी पर चित्र नहीं दिखाए जाते।",
+     "फ़ोन पर और पढ़ें",
+     "3 अटैचमेंट",
+     "फ़ोन पर दिखाएँ",
+     "कॉल करें",
+     "जवाब दें",
+     "टेम्पलेट",
+     "हटाएँ",
+     {"धन्यवाद!", "मैं बाद में कॉल करूँगा।", "मैं अभी बैठक में हूँ, ख़त्म होते ही जवाब दूँगा।", "ठीक है"},
+     "कनेक्ट हो रहा है…",
+     "मोबाइल",
+     "जवाब चुनें",
+     "मैं रास्ते में हूँ 😀"},
 };
 
 const texts *t = &all_texts[0];
@@ -62,9 +204,15 @@ int width = 320, height = 320;
 bool light;
 Evas_Object *win;
 
-std::string brisel() { return res_dir + "/edje/brisel.edj"; }
-std::string images() { return res_dir + "/edje/brisel-images.edj"; }
-double sc() { return elm_config_scale_get(); }
+std::string brisel() {
+  return res_dir + "/edje/brisel.edj";
+}
+std::string images() {
+  return res_dir + "/edje/brisel-images.edj";
+}
+double sc() {
+  return elm_config_scale_get();
+}
 
 void fill(Evas_Object *obj) {
   evas_object_size_hint_weight_set(obj, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
@@ -137,7 +285,9 @@ Evas_Object *application_layout(Evas_Object *navi) {
 
 /* --- rows --- */
 
-char *copy(const char *text) { return text ? strdup(text) : nullptr; }
+char *copy(const char *text) {
+  return text ? strdup(text) : nullptr;
+}
 
 char *mail_text(void *data, Evas_Object *, const char *part) {
   long i = (long)data;
@@ -170,7 +320,8 @@ char *group_text(void *, Evas_Object *, const char *part) {
   return copy(!strcmp(part, "elm.text.1") ? t->combined : "(128)");
 }
 
-Elm_Genlist_Item_Class *item_class(const char *style, Elm_Gen_Item_Text_Get_Cb text, Elm_Gen_Item_Content_Get_Cb content) {
+Elm_Genlist_Item_Class *item_class(const char *style, Elm_Gen_Item_Text_Get_Cb text,
+                                   Elm_Gen_Item_Content_Get_Cb content) {
   Elm_Genlist_Item_Class *itc = elm_genlist_item_class_new();
   itc->item_style = style;
   itc->func.text_get = text;
@@ -230,7 +381,9 @@ Evas_Object *mailbox(Evas_Object *navi) {
 
 /* --- scenes --- */
 
-void s_mailbox() { mailbox(naviframe()); }
+void s_mailbox() {
+  mailbox(naviframe());
+}
 void sweep(const char *signal) {
   Evas_Object *gl = mailbox(naviframe());
   Elm_Object_Item *it = elm_genlist_item_next_get(elm_genlist_first_item_get(gl));
@@ -238,8 +391,12 @@ void sweep(const char *signal) {
   for (int i = 0; i < 20; i++) ecore_main_loop_iterate();
   elm_object_item_signal_emit(elm_genlist_item_next_get(it), signal, "");
 }
-void s_sweep_left() { sweep("elm,state,sweep,left"); }
-void s_sweep_right() { sweep("elm,state,sweep,right"); }
+void s_sweep_left() {
+  sweep("elm,state,sweep,left");
+}
+void s_sweep_right() {
+  sweep("elm,state,sweep,right");
+}
 void s_nocontents() {
   Evas_Object *navi = naviframe();
   Evas_Object *layout = elm_layout_add(navi);
@@ -355,7 +512,8 @@ Evas_Object *notice(Evas_Object *layout, const char *text) {
   Evas_Object *label = elm_label_add(layout);
   elm_label_line_wrap_set(label, ELM_WRAP_MIXED);
   elm_object_text_set(label, (std::string("<font_size=24><text_class=nuvra><color=#FF9000FF>") + text +
-                              "</color></text_class></font_size>").c_str());
+                              "</color></text_class></font_size>")
+                                 .c_str());
   evas_object_show(label);
   return label;
 }
@@ -380,7 +538,8 @@ void page(const page_options &o) {
   elm_object_part_content_set(title, "elm.swallow.next_btn", title_button(title, "b_email_icon_more.png"));
   elm_object_part_content_set(title, "elm.swallow.icon", image(title, "b_email_icon_email.png"));
   elm_object_part_content_set(title, "title_color_bar", colorbar(title, 64, 196, 120));
-  for (const char *signal : {"elm,state,icon,show", "elm,state,title_label,show", "elm,state,next_btn,show", "elm,state,visible"})
+  for (const char *signal :
+       {"elm,state,icon,show", "elm,state,title_label,show", "elm,state,next_btn,show", "elm,state,visible"})
     elm_object_signal_emit(title, signal, "elm");
   Evas_Object *scroller = elm_scroller_add(root);
   elm_object_style_set(scroller, "effect");
@@ -392,11 +551,15 @@ void page(const page_options &o) {
   fill(layout);
   Evas_Object *edje = elm_layout_edje_get(layout);
   /* The fields' heights follow from the width. */
-  evas_object_event_callback_add(layout, EVAS_CALLBACK_RESIZE, [](void *, Evas *, Evas_Object *obj, void *) {
-    int w;
-    evas_object_geometry_get(obj, nullptr, nullptr, &w, nullptr);
-    efl_gfx_hint_size_min_set(obj, EINA_SIZE2D(w, 0));
-    elm_layout_sizing_eval(obj); }, nullptr);
+  evas_object_event_callback_add(
+      layout, EVAS_CALLBACK_RESIZE,
+      [](void *, Evas *, Evas_Object *obj, void *) {
+        int w;
+        evas_object_geometry_get(obj, nullptr, nullptr, &w, nullptr);
+        efl_gfx_hint_size_min_set(obj, EINA_SIZE2D(w, 0));
+        elm_layout_sizing_eval(obj);
+      },
+      nullptr);
   if (o.image) {
     elm_object_signal_emit(layout, "do-show-image-field", "brisel");
     elm_object_part_content_set(layout, "detail.image", notice(layout, t->image));
@@ -448,22 +611,40 @@ void page(const page_options &o) {
   push(navi, outer, nullptr, nullptr, nullptr);
   elm_naviframe_item_title_enabled_set(elm_naviframe_top_item_get(navi), EINA_FALSE, EINA_FALSE);
   if (o.scroll)
-    ecore_timer_add(0.4, [](void *data) -> Eina_Bool {
-      int w, h;
-      elm_scroller_child_size_get((Evas_Object *)data, &w, &h);
-      fprintf(stderr, "no child %d %d\n", w, h);
-      elm_scroller_region_show((Evas_Object *)data, 0, h - 1, 1, 1);
-      return ECORE_CALLBACK_CANCEL;
-    }, scroller);
+    ecore_timer_add(
+        0.4,
+        [](void *data) -> Eina_Bool {
+          int w, h;
+          elm_scroller_child_size_get((Evas_Object *)data, &w, &h);
+          elm_scroller_region_show((Evas_Object *)data, 0, h - 1, 1, 1);
+          return ECORE_CALLBACK_CANCEL;
+        },
+        scroller);
 }
-void s_detail() { page({.dual = true}); }
-void s_detail_all() { page({.image = true, .more = true, .attachments = true, .dual = true}); }
-void s_detail_all_end() { page({.image = true, .more = true, .attachments = true, .dual = true, .scroll = "end"}); }
-void s_detail_single_end() { page({.attachments = true, .scroll = "end"}); }
-void s_detail_process_end() { page({.more = true, .attachments = true, .dual = true, .process = true, .scroll = "end"}); }
-void s_detail_small() { page({.image = true, .font = "do-set-fontsize-small"}); }
-void s_detail_large() { page({.image = true, .more = true, .font = "do-set-fontsize-large"}); }
-void s_detail_large_end() { page({.more = true, .attachments = true, .font = "do-set-fontsize-large", .scroll = "end"}); }
+void s_detail() {
+  page({.dual = true});
+}
+void s_detail_all() {
+  page({.image = true, .more = true, .attachments = true, .dual = true});
+}
+void s_detail_all_end() {
+  page({.image = true, .more = true, .attachments = true, .dual = true, .scroll = "end"});
+}
+void s_detail_single_end() {
+  page({.attachments = true, .scroll = "end"});
+}
+void s_detail_process_end() {
+  page({.more = true, .attachments = true, .dual = true, .process = true, .scroll = "end"});
+}
+void s_detail_small() {
+  page({.image = true, .font = "do-set-fontsize-small"});
+}
+void s_detail_large() {
+  page({.image = true, .more = true, .font = "do-set-fontsize-large"});
+}
+void s_detail_large_end() {
+  page({.more = true, .attachments = true, .font = "do-set-fontsize-large", .scroll = "end"});
+}
 
 void s_options() {
   Evas_Object *navi = naviframe();
@@ -473,10 +654,14 @@ void s_options() {
   reply = {t->reply, t->method};
   show = {t->show_on_phone, nullptr};
   del = {t->delete_, nullptr};
-  elm_genlist_item_append(gl, item_class("2text", line_text, nullptr), &call, nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
-  elm_genlist_item_append(gl, item_class("2text.1icon.divider", line_text, setting_content), &reply, nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
-  elm_genlist_item_append(gl, item_class("1text", line_text, nullptr), &show, nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
-  elm_genlist_item_append(gl, item_class("1text", line_text, nullptr), &del, nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
+  elm_genlist_item_append(gl, item_class("2text", line_text, nullptr), &call, nullptr, ELM_GENLIST_ITEM_NONE, nullptr,
+                          nullptr);
+  elm_genlist_item_append(gl, item_class("2text.1icon.divider", line_text, setting_content), &reply, nullptr,
+                          ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
+  elm_genlist_item_append(gl, item_class("1text", line_text, nullptr), &show, nullptr, ELM_GENLIST_ITEM_NONE, nullptr,
+                          nullptr);
+  elm_genlist_item_append(gl, item_class("1text", line_text, nullptr), &del, nullptr, ELM_GENLIST_ITEM_NONE, nullptr,
+                          nullptr);
   elm_object_part_content_set(layout, "elm.swallow.content", gl);
   push(navi, layout, t->senders[1], "b_email_icon_email.png", nullptr);
   for (int i = 0; i < 20; i++) ecore_main_loop_iterate();
@@ -489,8 +674,10 @@ void s_reply_setting() {
   static line one, two;
   one = {t->method, nullptr};
   two = {t->reply, ""};
-  elm_genlist_item_append(gl, item_class("1text.1icon.1", line_text, radio_content), &one, nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
-  elm_genlist_item_append(gl, item_class("1text.1icon.1", line_text, radio_content), &two, nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
+  elm_genlist_item_append(gl, item_class("1text.1icon.1", line_text, radio_content), &one, nullptr,
+                          ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
+  elm_genlist_item_append(gl, item_class("1text.1icon.1", line_text, radio_content), &two, nullptr,
+                          ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
   elm_object_content_set(popup, gl);
   evas_object_show(popup);
 }
@@ -502,7 +689,8 @@ void s_call() {
   numbers[1] = {"0123456789012345678901234567890123456789", t->home};
   numbers[2] = {"112", t->home};
   for (line &one : numbers)
-    elm_genlist_item_append(gl, item_class("2text.1", line_text, nullptr), &one, nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
+    elm_genlist_item_append(gl, item_class("2text.1", line_text, nullptr), &one, nullptr, ELM_GENLIST_ITEM_NONE,
+                            nullptr, nullptr);
   elm_object_part_content_set(layout, "elm.swallow.content", gl);
   push(navi, layout, t->senders[0], nullptr, nullptr);
 }
@@ -512,7 +700,8 @@ void s_templates() {
   static line lines[4];
   for (int i = 0; i < 4; i++) {
     lines[i] = {t->templates[i], nullptr};
-    elm_genlist_item_append(gl, item_class("1text", line_text, nullptr), &lines[i], nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
+    elm_genlist_item_append(gl, item_class("1text", line_text, nullptr), &lines[i], nullptr, ELM_GENLIST_ITEM_NONE,
+                            nullptr, nullptr);
   }
   elm_object_part_content_set(layout, "elm.swallow.content", gl);
   push(navi, layout, t->select_reply, nullptr, nullptr);
@@ -539,7 +728,8 @@ void emoticon(bool keypad) {
   elm_object_focus_set(entry, EINA_TRUE);
   evas_object_show(entry);
   Evas_Object *btn = button(view, nullptr, nullptr);
-  elm_object_content_set(btn, keypad ? image(btn, "b_email_icon_message_s_send.png", 48, 47) : image(btn, "b_email_icon_message_send_2.png", 60, 60));
+  elm_object_content_set(btn, keypad ? image(btn, "b_email_icon_message_s_send.png", 48, 47)
+                                     : image(btn, "b_email_icon_message_send_2.png", 60, 60));
   fill(btn);
   elm_object_part_content_set(view, "swallow.entry", entry);
   elm_object_part_content_set(view, "swallow.send_btn", btn);
@@ -548,8 +738,12 @@ void emoticon(bool keypad) {
   push(navi, layout, nullptr, nullptr, nullptr);
   elm_naviframe_item_title_enabled_set(elm_naviframe_top_item_get(navi), EINA_FALSE, EINA_FALSE);
 }
-void s_emoticon() { emoticon(false); }
-void s_emoticon_keypad() { emoticon(true); }
+void s_emoticon() {
+  emoticon(false);
+}
+void s_emoticon_keypad() {
+  emoticon(true);
+}
 void s_delete() {
   Evas_Object *navi = naviframe();
   Evas_Object *layout = elm_layout_add(navi);
@@ -558,7 +752,8 @@ void s_delete() {
   Evas_Object *gl = genlist(layout);
   elm_genlist_homogeneous_set(gl, EINA_TRUE);
   for (long i = 0; i < 12; i++)
-    elm_genlist_item_append(gl, item_class("2text.1icon.1", mail_text, check_content), (void *)i, nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
+    elm_genlist_item_append(gl, item_class("2text.1icon.1", mail_text, check_content), (void *)i, nullptr,
+                            ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
   elm_object_part_content_set(layout, "genlist", gl);
   Evas_Object *b2 = button(layout, nullptr, t->delete_);
   elm_object_disabled_set(b2, EINA_TRUE);
@@ -573,9 +768,17 @@ void s_icons() {
   Evas_Object *table = elm_table_add(win);
   fill(table);
   elm_win_resize_object_add(win, table);
-  const char *names[] = {"b_email_history_delete_normal.png", "b_email_icon_email.png", "b_listnoti_popupbg.png", "b_email_swipe-delete.png",
-                         "b_email_ic_menu_selectall_normal.png", "b_email_icon_message_send.png", "b_email_icon_message_send_2.png",
-                         "b_email_icon_message_s_send.png", "b_email_icon_showonphone.png", "b_email_setting.png", "b_email_icon_more.png"};
+  const char *names[] = {"b_email_history_delete_normal.png",
+                         "b_email_icon_email.png",
+                         "b_listnoti_popupbg.png",
+                         "b_email_swipe-delete.png",
+                         "b_email_ic_menu_selectall_normal.png",
+                         "b_email_icon_message_send.png",
+                         "b_email_icon_message_send_2.png",
+                         "b_email_icon_message_s_send.png",
+                         "b_email_icon_showonphone.png",
+                         "b_email_setting.png",
+                         "b_email_icon_more.png"};
   int i = 0;
   for (const char *name : names) {
     elm_table_pack(table, image(table, name, 60, 60), i % 4, i / 4, 1, 1);
@@ -596,16 +799,34 @@ struct scene {
   void (*build)();
 };
 const scene scenes[] = {
-    {"01-mailbox", s_mailbox}, {"02-sweep-left", s_sweep_left}, {"03-sweep-right", s_sweep_right},
-    {"04-nocontents", s_nocontents}, {"05-popup-scroll", s_popup_scroll}, {"06-popup-text", s_popup_text},
-    {"07-popup-delete", s_popup_delete}, {"08-popup-accounts", s_popup_accounts}, {"09-toast", s_toast},
-    {"10-connecting", s_connecting}, {"11-detail", s_detail}, {"12-detail-all", s_detail_all},
-    {"13-detail-all-end", s_detail_all_end}, {"14-detail-single-end", s_detail_single_end},
-    {"15-detail-process-end", s_detail_process_end}, {"16-detail-small", s_detail_small},
-    {"17-detail-large", s_detail_large}, {"18-detail-large-end", s_detail_large_end}, {"19-options", s_options},
-    {"20-reply-setting", s_reply_setting}, {"21-call", s_call}, {"22-templates", s_templates},
-    {"23-no-templates", s_no_templates}, {"24-emoticon", s_emoticon}, {"25-emoticon-keypad", s_emoticon_keypad},
-    {"26-delete", s_delete}, {"27-popup-template", s_popup_template}, {"28-icons", s_icons},
+    {"01-mailbox", s_mailbox},
+    {"02-sweep-left", s_sweep_left},
+    {"03-sweep-right", s_sweep_right},
+    {"04-nocontents", s_nocontents},
+    {"05-popup-scroll", s_popup_scroll},
+    {"06-popup-text", s_popup_text},
+    {"07-popup-delete", s_popup_delete},
+    {"08-popup-accounts", s_popup_accounts},
+    {"09-toast", s_toast},
+    {"10-connecting", s_connecting},
+    {"11-detail", s_detail},
+    {"12-detail-all", s_detail_all},
+    {"13-detail-all-end", s_detail_all_end},
+    {"14-detail-single-end", s_detail_single_end},
+    {"15-detail-process-end", s_detail_process_end},
+    {"16-detail-small", s_detail_small},
+    {"17-detail-large", s_detail_large},
+    {"18-detail-large-end", s_detail_large_end},
+    {"19-options", s_options},
+    {"20-reply-setting", s_reply_setting},
+    {"21-call", s_call},
+    {"22-templates", s_templates},
+    {"23-no-templates", s_no_templates},
+    {"24-emoticon", s_emoticon},
+    {"25-emoticon-keypad", s_emoticon_keypad},
+    {"26-delete", s_delete},
+    {"27-popup-template", s_popup_template},
+    {"28-icons", s_icons},
 };
 
 void light_palette(const char *file) {
@@ -649,12 +870,18 @@ int main(int argc, char **argv) {
   std::string only, scale = "1.0";
   for (int i = 1; i < argc; i++) {
     std::string option = argv[i], value = i + 1 < argc ? argv[i + 1] : "";
-    if (option == "--light") light = true;
-    else if (option == "--res") res_dir = value, i++;
-    else if (option == "--out") out_dir = value, i++;
-    else if (option == "--size") sscanf(value.c_str(), "%dx%d", &width, &height), i++;
-    else if (option == "--scale") scale = value, i++;
-    else if (option == "--only") only = value, i++;
+    if (option == "--light")
+      light = true;
+    else if (option == "--res")
+      res_dir = value, i++;
+    else if (option == "--out")
+      out_dir = value, i++;
+    else if (option == "--size")
+      sscanf(value.c_str(), "%dx%d", &width, &height), i++;
+    else if (option == "--scale")
+      scale = value, i++;
+    else if (option == "--only")
+      only = value, i++;
     else if (option == "--language") {
       for (const texts &one : all_texts)
         if (value == one.language) t = &one;
