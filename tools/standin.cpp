@@ -15,21 +15,9 @@ void clicked_cb(void *data, Evas_Object *obj, void *event_info) {
 }
 
 void set_text(Evas_Object *obj, const char *text) {
-  if (!text) return;
   char *markup = elm_entry_utf8_to_markup(text);
   elm_object_text_set(obj, markup);
   free(markup);
-}
-
-Evas_Object *add_label(Evas_Object *win, Evas_Object *box) {
-  Evas_Object *label = elm_label_add(win);
-  elm_object_style_set(label, "popup/default");
-  elm_label_line_wrap_set(label, ELM_WRAP_MIXED);
-  evas_object_size_hint_weight_set(label, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
-  evas_object_size_hint_align_set(label, EVAS_HINT_FILL, 0.5);
-  elm_box_pack_end(box, label);
-  evas_object_show(label);
-  return label;
 }
 
 }  // namespace
@@ -41,26 +29,35 @@ bool standin_create(standin_window *window, const char *name, void (*clicked)(vo
   app_efl_window_attach(window->win);
   evas_object_smart_callback_add(window->win, "delete,request", clicked_cb, nullptr);
   ea_object_event_callback_add(window->win, EA_CALLBACK_BACK, clicked_cb, nullptr);
-  Evas_Object *box = elm_box_add(window->win);
-  evas_object_size_hint_weight_set(box, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
-  elm_box_padding_set(box, 0, static_cast<Evas_Coord>(12 * elm_config_scale_get()));
-  elm_win_resize_object_add(window->win, box);
-  evas_object_show(box);
-  window->title = add_label(window->win, box);
-  window->text = add_label(window->win, box);
-  window->button = elm_button_add(window->win);
+  Evas_Object *background = elm_bg_add(window->win);
+  evas_object_size_hint_weight_set(background, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  elm_win_resize_object_add(window->win, background);
+  evas_object_show(background);
+
+  window->popup = elm_popup_add(window->win);
+  evas_object_size_hint_weight_set(window->popup, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  Evas_Object *scroller = elm_scroller_add(window->popup);
+  elm_object_style_set(scroller, "effect");
+  evas_object_size_hint_weight_set(scroller, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  elm_object_content_set(window->popup, scroller);
+  window->text = elm_label_add(scroller);
+  elm_object_style_set(window->text, "popup/default");
+  elm_label_line_wrap_set(window->text, ELM_WRAP_MIXED);
+  evas_object_size_hint_weight_set(window->text, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  evas_object_size_hint_align_set(window->text, EVAS_HINT_FILL, EVAS_HINT_FILL);
+  elm_object_content_set(scroller, window->text);
+  window->button = elm_button_add(window->popup);
   elm_object_style_set(window->button, "popup");
-  evas_object_size_hint_weight_set(window->button, EVAS_HINT_EXPAND, 0.0);
-  evas_object_size_hint_align_set(window->button, EVAS_HINT_FILL, 1.0);
-  evas_object_size_hint_min_set(window->button, 0, static_cast<Evas_Coord>(64 * elm_config_scale_get()));
+  elm_object_part_content_set(window->popup, "button1", window->button);
   evas_object_smart_callback_add(window->button, "clicked", clicked_cb, nullptr);
-  elm_box_pack_end(box, window->button);
-  evas_object_show(window->button);
+  evas_object_show(window->popup);
   return true;
 }
 
 void standin_set(const standin_window *window, const char *title, const char *text, const char *button) {
-  set_text(window->title, title);
+  char *markup = elm_entry_utf8_to_markup(title);
+  elm_object_part_text_set(window->popup, "title,text", markup);
+  free(markup);
   set_text(window->text, text);
   set_text(window->button, button);
 }
