@@ -141,7 +141,7 @@ static void __brisel_option_detail_create_reply_setting_popup(option_detail_view
   if (!popup) return;
   brisel_widget_ref_set(&vd->popup, popup);
 
-  Evas_Object *genlist = brisel_option_create_list(popup, NULL);
+  Evas_Object *genlist = brisel_option_create_list(popup, __brisel_option_detail_gl_realized_cb);
   if (!genlist) {
     brisel_widget_ref_drop(&vd->popup);
     return;
