@@ -38,6 +38,7 @@ constexpr char match_owner[] =
 constexpr int event_types = 6;
 /* Ids that one callback gets: more of them wait until the main loop has drawn and taken input. */
 constexpr size_t slice = 64;
+constexpr double slice_pause = 0.001;
 /* A service that answers nothing for so long is taken for gone. */
 constexpr uint64_t request_timeout_usec = 25u * 1000000u;
 /* The service itself limits how long a phone may take; this is only for a service that hangs. */
@@ -90,7 +91,7 @@ struct {
   subscription subscriptions[event_types];
   int64_t last_change;
   std::deque<event> events;
-  Ecore_Idler *idler;
+  Ecore_Timer *next_slice;
   bool delivering;
 } host;
 
@@ -119,10 +120,16 @@ bool deliver_slice(void) {
   return !host.events.empty();
 }
 
-Eina_Bool idler_cb(void *data) {
-  if (host.delivering) return ECORE_CALLBACK_RENEW;
-  if (deliver_slice()) return ECORE_CALLBACK_RENEW;
-  host.idler = nullptr;
+Eina_Bool slice_cb(void *data);
+
+/* A timer rather than an idler: idlers follow each other without a frame being drawn in between. */
+void slice_later(void) {
+  if (!host.next_slice) host.next_slice = ecore_timer_add(slice_pause, slice_cb, nullptr);
+}
+
+Eina_Bool slice_cb(void *data) {
+  host.next_slice = nullptr;
+  if (deliver_slice() && host.open) slice_later();
   return ECORE_CALLBACK_CANCEL;
 }
 
@@ -162,9 +169,9 @@ void read_changes(void) {
     host.events.push_back({type, std::move(ids)});
   }
   reader_done(q, r);
-  if (host.events.empty() || host.idler) return;
+  if (host.events.empty() || host.next_slice) return;
   /* The first slice at once: a single mail is on screen in this turn of the loop. */
-  if (deliver_slice() && !host.idler && host.open) host.idler = ecore_idler_add(idler_cb, nullptr);
+  if (deliver_slice() && host.open) slice_later();
 }
 
 /* --- requests ----------------------------------------------------------------------------------------------------- */
@@ -315,6 +322,16 @@ int owner_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   return 0;
 }
 
+/* The bus passes signals on from now; what changed while it was asked to must be looked for. */
+int matched_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
+  const sd_bus_error *error = sd_bus_message_get_error(m);
+  if (error)
+    __dlog_print(DLOG_ERROR, log_tag, "the service's signals are not to be had: %s",
+                 error->message ? error->message : error->name);
+  read_changes();
+  return 0;
+}
+
 int started_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   const sd_bus_error *error = sd_bus_message_get_error(m);
   if (error)
@@ -346,8 +363,8 @@ void attach(void) {
   detach();
   if (!bus) return;
   host.bus = bus;
-  int e = sd_bus_add_match_async(bus, &host.changed_slot, match_changed, changed_cb, nullptr, nullptr);
-  if (e >= 0) e = sd_bus_add_match_async(bus, &host.owner_slot, match_owner, owner_cb, nullptr, nullptr);
+  int e = sd_bus_add_match_async(bus, &host.changed_slot, match_changed, changed_cb, matched_cb, nullptr);
+  if (e >= 0) e = sd_bus_add_match_async(bus, &host.owner_slot, match_owner, owner_cb, matched_cb, nullptr);
   /* Without the service nobody tells what changes, nor puts right what a killed one left. */
   if (e >= 0)
     e = sd_bus_call_method_async(bus, &host.start_slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -428,8 +445,8 @@ int brisel_ipc_client_deinit(void) {
   bus_loop_watch_del(bus_watch_cb, nullptr);
   for (subscription &s : host.subscriptions) s = {};
   host.events.clear();
-  if (host.idler) ecore_idler_del(host.idler);
-  host.idler = nullptr;
+  if (host.next_slice) ecore_timer_del(host.next_slice);
+  host.next_slice = nullptr;
   if (host.retry) ecore_timer_del(host.retry);
   host.retry = nullptr;
   host.more_slot = sd_bus_slot_unref(host.more_slot);

@@ -25,6 +25,8 @@ constexpr int64_t uids_kept = 4096;
 /* How long to wait for a service that is just ending to let go of the store. */
 constexpr int lock_tries = 60;
 constexpr int lock_wait_ms = 50;
+/* Readers hold the file only while they recover it after a kill. */
+constexpr int busy_ms = 10000;
 
 struct store {
   sqlite3 *db = nullptr;
@@ -184,32 +186,18 @@ int pragma_number(sqlite3 *db, const char *sql, int64_t *value) {
   return r;
 }
 
-/* Looks at the file without writing to it. 0 when it may be opened for writing. */
-int check_file(const std::string &path, std::string *why) {
-  struct stat info;
-  if (stat(path.c_str(), &info) != 0) {
-    if (errno == ENOENT) return 0;
-    *why = path + ": " + strerror(errno);
-    return -1;
-  }
-  if (!S_ISREG(info.st_mode)) {
-    *why = path + " is no file";
-    return -1;
-  }
-  if (info.st_size == 0) return 0;
-  sqlite3 *db = nullptr;
+/* Whether what db holds is a store that this build may write, or nothing at all. */
+bool check_database(sqlite3 *db, int r, const std::string &path, std::string *why) {
   int64_t version = 0, application = 0, tables = 0;
-  int r = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
   if (r == SQLITE_OK) r = pragma_number(db, "PRAGMA user_version", &version);
   if (r == SQLITE_OK) r = pragma_number(db, "PRAGMA application_id", &application);
   if (r == SQLITE_OK) r = pragma_number(db, "SELECT count(*) FROM sqlite_master", &tables);
-  int result = -1;
   if (r == SQLITE_NOTADB) {
     *why = path + " is not a database; it is left as it is";
   } else if (r != SQLITE_OK) {
-    *why = path + " cannot be read: " + sqlite3_errmsg(db);
+    *why = path + " cannot be read: " + (db ? sqlite3_errmsg(db) : "no memory");
   } else if (tables == 0 && version == 0) {
-    result = 0;
+    return true;
   } else if (application != store_application_id) {
     *why = path + " is a database of something else; it is left as it is";
   } else if (version > store_version) {
@@ -218,10 +206,31 @@ int check_file(const std::string &path, std::string *why) {
   } else if (version < 0) {
     *why = path + " has no valid schema number; it is left as it is";
   } else {
-    result = 0;
+    return true;
   }
+  return false;
+}
+
+/* Looks at the file without writing to it. */
+bool check_file(const std::string &path, std::string *why) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) {
+    if (errno == ENOENT) return true;
+    *why = path + ": " + strerror(errno);
+    return false;
+  }
+  if (!S_ISREG(info.st_mode)) {
+    *why = path + " is no file";
+    return false;
+  }
+  if (info.st_size == 0) return true;
+  sqlite3 *db = nullptr;
+  const int r = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+  bool good = check_database(db, r, path, why);
+  /* A service that was killed while it made the store left a journal that only a writer may play back. */
+  if (!good && sqlite3_errcode(db) == SQLITE_READONLY) good = true;
   sqlite3_close(db);
-  return result;
+  return good;
 }
 
 store_status bring_up_to_date(store *st) {
@@ -262,20 +271,21 @@ bool take_lock(store *st, const std::string &path, std::string *why) {
 
 store *store_open(const std::string &path, std::string *why) {
   store *st = new store;
-  bool good = take_lock(st, path, why) && check_file(path, why) == 0;
+  bool good = take_lock(st, path, why) && check_file(path, why);
   if (good) {
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW;
-    good = sqlite3_open_v2(path.c_str(), &st->db, flags, nullptr) == SQLITE_OK;
-    if (good) {
-      sqlite3_extended_result_codes(st->db, 1);
-      sqlite3_busy_timeout(st->db, 10000);
-      /* FULL: in WAL mode only this syncs the log at every commit, which is what an acknowledgement promises. */
-      good = run_sql(st,
-                     "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON;"
-                     "PRAGMA trusted_schema = OFF; PRAGMA cell_size_check = ON") == store_ok &&
-             bring_up_to_date(st) == store_ok;
-    }
-    if (!good) *why = path + " cannot be opened: " + (st->db ? sqlite3_errmsg(st->db) : "no memory");
+    const int r = sqlite3_open_v2(path.c_str(), &st->db, flags, nullptr);
+    if (st->db) sqlite3_busy_timeout(st->db, busy_ms);
+    good = check_database(st->db, r, path, why);
+  }
+  if (good) {
+    sqlite3_extended_result_codes(st->db, 1);
+    /* FULL: in WAL mode only this syncs the log at every commit, which is what an acknowledgement promises. */
+    good = run_sql(st,
+                   "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON;"
+                   "PRAGMA trusted_schema = OFF; PRAGMA cell_size_check = ON") == store_ok &&
+           bring_up_to_date(st) == store_ok;
+    if (!good) *why = path + " cannot be opened: " + st->error;
   }
   if (good) return st;
   store_close(st);

@@ -1,0 +1,708 @@
+/* The service and the client library over a real bus: requests as the phone gets them, events as the application gets
+   them, and both when either side goes away. Runs in a private session (brisel-session). */
+#include <Ecore.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <systemd/sd-bus.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <set>
+
+#include "brisel-common.h"
+#include "platform-paths.h"
+#include "store.h"
+#include "vconf.h"
+
+using nlohmann::json;
+
+namespace {
+
+constexpr char service[] = "com.vextora.brisel.Host";
+constexpr char path[] = "/com/vextora/brisel/Host";
+constexpr char phone_interface[] = "com.vextora.brisel.Phone1";
+constexpr char watch_interface[] = "com.vextora.brisel.Watch1";
+constexpr char link_key[] = "memory/wms/wmanager_connected";
+
+/* A connection of its own: a phone, or anyone else on the bus. */
+struct peer {
+  struct seen {
+    int64_t id;
+    json request;
+    int64_t have;
+  };
+  peer() {
+    EXPECT_GE(sd_bus_open_user(&bus), 0);
+    sd_bus_match_signal(
+        bus, nullptr, nullptr, path, phone_interface, "Request",
+        [](sd_bus_message *m, void *data, sd_bus_error *) {
+          seen s = {0, {}, -1};
+          const char *text = nullptr;
+          sd_bus_message_read(m, "xs", &s.id, &text);
+          s.request = json::parse(text);
+          sd_bus_message_enter_container(m, 'a', "{sv}");
+          const char *key = nullptr;
+          if (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
+            sd_bus_message_read(m, "s", &key);
+            sd_bus_message_read(m, "v", "x", &s.have);
+          }
+          static_cast<peer *>(data)->requests.push_back(s);
+          return 0;
+        },
+        this);
+  }
+  ~peer() { sd_bus_flush_close_unref(bus); }
+  void process(void) {
+    while (sd_bus_process(bus, nullptr) > 0) {
+    }
+  }
+  /* The error's name, or nothing. The answer, when wanted, is the caller's. */
+  template <typename... T>
+  std::string call(const char *interface, const char *member, sd_bus_message **answer, const char *types, T... values) {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message *own = nullptr;
+    const int r = sd_bus_call_method(bus, service, path, interface, member, &error, &own, types, values...);
+    std::string name = r < 0 ? (error.name ? error.name : strerror(-r)) : "";
+    if (answer) *answer = own;
+    if (!answer) sd_bus_message_unref(own);
+    sd_bus_error_free(&error);
+    return name;
+  }
+  template <typename... T>
+  std::string phone(const char *member, const char *types, T... values) {
+    return call(phone_interface, member, nullptr, types, values...);
+  }
+  void answer(size_t which, int error, const char *piece, int complete) {
+    EXPECT_EQ("", phone("AnswerMore", "xisb", requests[which].id, error, piece, complete));
+  }
+  sd_bus *bus = nullptr;
+  std::vector<seen> requests;
+};
+
+std::vector<peer *> peers; /* those whose messages until() handles too */
+
+struct phone_peer : peer {
+  phone_peer() {
+    peers.push_back(this);
+    EXPECT_EQ("", phone("Connect", ""));
+  }
+  ~phone_peer() { std::erase(peers, this); }
+};
+
+/* Runs the main loop until done, at most some seconds: more than anything here ever takes. */
+bool until(const std::function<bool()> &done) {
+  bool late = false;
+  Ecore_Timer *limit = ecore_timer_add(
+      20.0, [](void *data) { return *static_cast<bool *>(data) = true, ECORE_CALLBACK_CANCEL; }, &late);
+  Ecore_Timer *tick = ecore_timer_add(
+      0.002, [](void *) -> Eina_Bool { return ECORE_CALLBACK_RENEW; }, nullptr);
+  while (!late && !done()) {
+    ecore_main_loop_iterate_may_block(1);
+    for (peer *p : peers) p->process();
+  }
+  ecore_timer_del(tick);
+  if (!late) ecore_timer_del(limit);
+  return !late;
+}
+
+int service_pid(peer *p) {
+  sd_bus_creds *creds = nullptr;
+  pid_t pid = 0;
+  if (sd_bus_get_name_creds(p->bus, service, SD_BUS_CREDS_PID, &creds) >= 0) sd_bus_creds_get_pid(creds, &pid);
+  sd_bus_creds_unref(creds);
+  return pid;
+}
+
+/* Kills the running service; the bus starts the next one when someone calls. */
+void kill_service(peer *p) {
+  const int pid = service_pid(p);
+  ASSERT_GT(pid, 0);
+  ASSERT_EQ(0, kill(pid, SIGKILL));
+  ASSERT_TRUE(until([&] { return service_pid(p) != pid; }));
+}
+
+std::string store_path(void) {
+  return std::string(platform_data_dir()) + "/store.db";
+}
+
+std::string query(const char *sql) {
+  sqlite3 *db = nullptr;
+  std::string text;
+  sqlite3_open_v2(store_path().c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+  sqlite3_busy_timeout(db, 5000);
+  sqlite3_exec(
+      db, sql,
+      [](void *out, int count, char **values, char **) {
+        for (int i = 0; i < count; i++)
+          *static_cast<std::string *>(out) +=
+              std::string(values[i] ? values[i] : "NULL") + (i + 1 < count ? "|" : "\n");
+        return 0;
+      },
+      &text, nullptr);
+  sqlite3_close(db);
+  return text;
+}
+
+/* What the application heard, in order: "type:ids". */
+struct heard {
+  std::vector<std::pair<int, std::vector<int>>> events;
+  std::vector<int> all(int type) const {
+    std::vector<int> ids;
+    for (const auto &[t, list] : events)
+      if (t == type) ids.insert(ids.end(), list.begin(), list.end());
+    return ids;
+  }
+};
+
+struct subscription_data {
+  int type;
+  heard *to;
+};
+subscription_data subscriptions[6];
+
+void subscribe_all(heard *to) {
+  for (int type = 0; type < 6; type++) {
+    subscriptions[type] = {type, to};
+    ASSERT_EQ(0, brisel_ipc_client_event_subscribe(
+                     type,
+                     [](brisel_ipc_event *event, void *, void *data) {
+                       const subscription_data *s = static_cast<subscription_data *>(data);
+                       std::vector<int> ids;
+                       for (GSList *cell = event->id_list; cell; cell = cell->next)
+                         ids.push_back(GPOINTER_TO_INT(cell->data));
+                       s->to->events.emplace_back(s->type, ids);
+                     },
+                     &subscriptions[type]));
+  }
+}
+
+struct Host : testing::Test {
+  void SetUp() override {
+    ASSERT_EQ(0, brisel_db_init());
+    ASSERT_EQ(0, brisel_ipc_client_init());
+    subscribe_all(&ears);
+    sd_bus_message *answer = nullptr;
+    ASSERT_EQ("", other.call(phone_interface, "AddAccount", &answer, "issu", 0, "me@example.org", "Me", 0u));
+    ASSERT_GE(sd_bus_message_read(answer, "i", &account), 0);
+    sd_bus_message_unref(answer);
+    ASSERT_TRUE(until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD).empty(); }));
+  }
+  void TearDown() override {
+    {
+      phone_peer drain; /* leaves no request for the next test */
+      std::set<int64_t> ids;
+      for (drain.process(); sd_bus_flush(drain.bus) >= 0 && !query("SELECT id FROM outbox LIMIT 1").empty();) {
+        until([&] { return !drain.requests.empty(); });
+        for (const peer::seen &s : drain.requests) EXPECT_EQ("", drain.phone("Ack", "x", s.id));
+        drain.requests.clear();
+      }
+    }
+    EXPECT_EQ("", other.phone("RemoveAccount", "i", account));
+    EXPECT_EQ(0, brisel_ipc_client_deinit());
+    EXPECT_EQ(0, brisel_db_deinit());
+  }
+  int add_mail(const char *subject, const char *body) {
+    sd_bus_message *answer = nullptr;
+    EXPECT_EQ(
+        "", other.call(phone_interface, "AddMails", &answer, "aa{sv}", 1, 5, "account_id", "i", account, "subject", "s",
+                       subject, "body", "s", body, "message_uid", "s", "uid", "received_time", "x", int64_t{1000}));
+    int id = 0;
+    sd_bus_message_read(answer, "ai", 1, &id);
+    sd_bus_message_unref(answer);
+    return id;
+  }
+  std::string body_of(int mail) {
+    full_noti_data *data = brisel_full_noti_data_create();
+    EXPECT_EQ(0, brisel_db_get_full_noti_data_by_mail_id(mail, data));
+    const std::string body = data->body ? data->body : "";
+    brisel_full_noti_data_free(data);
+    return body;
+  }
+  heard ears;
+  peer other;
+  int account = 0;
+};
+
+op_data *op_of(std::initializer_list<int> ids) {
+  op_data *op = brisel_op_data_create();
+  for (const int id : ids) op->id_list = g_slist_append(op->id_list, GINT_TO_POINTER(id));
+  return op;
+}
+
+int send_delete(int id) {
+  op_data *op = op_of({id});
+  const int r = brisel_ipc_req_delete_notis(op, nullptr, nullptr);
+  brisel_op_data_free(op);
+  return r;
+}
+
+/* --- requests ------------------------------------------------------------------------------------------------------
+ */
+
+TEST_F(Host, RequestsReachThePhoneWholeAndInOrder) {
+  phone_peer phone;
+  const int a = add_mail("a", ""), b = add_mail("b", "");
+  op_data *clear = op_of({0});
+  EXPECT_EQ(0, brisel_ipc_req_clear_all_new_flag(clear, nullptr, nullptr));
+  brisel_op_data_free(clear);
+  update_noti_data *read = brisel_update_noti_data_create();
+  read->id_list = g_slist_append(nullptr, GINT_TO_POINTER(a));
+  read->host_state = -3;
+  EXPECT_EQ(0, brisel_ipc_req_update_ind(read, nullptr, nullptr));
+  brisel_update_noti_data_free(read);
+  reply_noti_data *reply = brisel_reply_noti_data_create();
+  reply->host_tag = g_strdup("tag");
+  reply->action = g_strdup("intent.action.email.notifications.reply");
+  reply->recipient = g_strdup("you@example.org\2You \xC3"); /* cut inside a character */
+  reply->text = g_strdup("line \"one\"\nsmile 🙂 broken \xFF end");
+  reply->mail_id = b;
+  EXPECT_EQ(0, brisel_ipc_req_reply(reply, nullptr, nullptr));
+  brisel_reply_noti_data_free(reply);
+  EXPECT_EQ(0, send_delete(b));
+  EXPECT_EQ(0, brisel_ipc_req_no_account(nullptr, nullptr));
+  ASSERT_TRUE(until([&] { return phone.requests.size() >= 5; }));
+  EXPECT_EQ("", other.call(watch_interface, "Show", nullptr, "ssai", "show-1", "email", 2, a, b));
+  ASSERT_TRUE(until([&] { return phone.requests.size() >= 6; }));
+  const json expected[] = {
+      {{"request", "clear_all_new_flag"}, {"id_list", {0}}},
+      {{"request", "update_ind"}, {"id_list", {a}}, {"host_state", -3}},
+      {{"request", "reply"},
+       {"host_tag", "tag"},
+       {"action", "intent.action.email.notifications.reply"},
+       {"message_uid", ""},
+       {"recipient", "you@example.org\2You "},
+       {"text", "line \"one\"\nsmile 🙂 broken \uFFFD end"},
+       {"mail_id", b},
+       {"subject", ""}},
+      {{"request", "delete_notis"}, {"id_list", {b}}},
+      json::object({{"request", "no_account"}}),
+      {{"request", "show"}, {"kind", "email"}, {"id_list", {a, b}}},
+  };
+  for (size_t i = 0; i < 6; i++) EXPECT_EQ(expected[i], phone.requests[i].request);
+
+  ASSERT_TRUE(until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE).empty(); }));
+  EXPECT_EQ((std::vector<int>{a, b}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
+  EXPECT_EQ((std::vector<int>{a, b, a}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE));
+  EXPECT_EQ((std::vector<int>{b}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE));
+  full_noti_data *mail = brisel_full_noti_data_create();
+  EXPECT_EQ(0, brisel_db_get_full_noti_data_by_mail_id(a, mail));
+  EXPECT_EQ(1, mail->is_read);
+  EXPECT_EQ(0, mail->is_new);
+  EXPECT_EQ(BRISEL_COMMON_ERROR_NOT_FOUND, brisel_db_get_full_noti_data_by_mail_id(b, mail));
+  brisel_full_noti_data_free(mail);
+}
+
+TEST_F(Host, RequestsWaitForAPhoneThroughKillsUntilItHasThem) {
+  std::vector<json> sent;
+  for (int i = 1; i <= 3; i++) {
+    EXPECT_EQ(0, send_delete(1000 + i));
+    sent.push_back({{"request", "delete_notis"}, {"id_list", {1000 + i}}});
+  }
+  ASSERT_TRUE(until([&] { return query("SELECT count(*) FROM outbox") == "3\n"; }));
+  kill_service(&other);
+  for (int turn = 0; turn < 2; turn++) { /* nothing is acknowledged: the second phone gets them again */
+    phone_peer phone;
+    ASSERT_TRUE(until([&] { return phone.requests.size() >= 3; }));
+    for (size_t i = 0; i < 3; i++) EXPECT_EQ(sent[i], phone.requests[i].request);
+    EXPECT_EQ("com.vextora.brisel.Error.Invalid", other.phone("Ack", "x", phone.requests[0].id));
+    for (const peer::seen &s : phone.requests)
+      if (turn == 1) {
+        EXPECT_EQ("", phone.phone("Ack", "x", s.id));
+      }
+  }
+  kill_service(&other);
+  phone_peer phone;
+  EXPECT_EQ(0, send_delete(2000));
+  ASSERT_TRUE(until([&] { return !phone.requests.empty(); }));
+  EXPECT_EQ((json{{"request", "delete_notis"}, {"id_list", {2000}}}), phone.requests[0].request);
+}
+
+TEST_F(Host, EachRequestIsDoneOnceInOrderHoweverOftenTheServiceIsKilled) {
+  constexpr int count = 60;
+  srand(7);
+  int sent = 0, kills = 0;
+  while (sent < count) {
+    const int burst = 1 + rand() % 9;
+    for (int i = 0; i < burst && sent < count; i++) EXPECT_EQ(0, send_delete(5000 + sent++));
+    int pid = 0;
+    ASSERT_TRUE(until([&] { return (pid = service_pid(&other)) > 0; }));
+    for (int turns = rand() % 30; turns > 0; turns--) ecore_main_loop_iterate();
+    if (kill(pid, SIGKILL) == 0) kills++;
+  }
+  ASSERT_TRUE(until([&] { return query("SELECT count(*) FROM outbox") == std::to_string(count) + "\n"; }));
+  EXPECT_GT(kills, 5);
+  std::string expected;
+  for (int i = 0; i < count; i++)
+    expected += "{\"request\":\"delete_notis\",\"id_list\":[" + std::to_string(5000 + i) + "]}\n";
+  EXPECT_EQ(expected, query("SELECT json FROM outbox ORDER BY id"));
+}
+
+TEST_F(Host, WhatWasAcceptedIsHandedOverWhenTheApplicationEnds) {
+  for (int i = 0; i < 5; i++) EXPECT_EQ(0, send_delete(7000 + i)); /* no turn of the main loop in between */
+  EXPECT_EQ(0, brisel_ipc_client_deinit());
+  EXPECT_EQ("5\n", query("SELECT count(*) FROM outbox"));
+  EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, send_delete(1));
+  EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_DELETE_NOTIS));
+  EXPECT_EQ(0, brisel_ipc_client_init());
+}
+
+TEST_F(Host, BadArgumentsAreRefusedAndChangeNothing) {
+  const int mail = add_mail("here", "");
+  const std::string long_uid(200, 'u'), long_text(300000, 'x');
+  const std::string before = query("SELECT * FROM mail; SELECT * FROM outbox; SELECT max(seq) FROM changes");
+  const std::pair<const char *, std::function<std::string()>> rows[] = {
+      {"empty uid", [&] { return other.call(watch_interface, "NoAccount", nullptr, "s", ""); }},
+      {"long uid", [&] { return other.call(watch_interface, "NoAccount", nullptr, "s", long_uid.c_str()); }},
+      {"id 0", [&] { return other.call(watch_interface, "DeleteNotis", nullptr, "sai", "b1", 2, mail, 0); }},
+      {"id -1", [&] { return other.call(watch_interface, "UpdateInd", nullptr, "saii", "b2", 2, mail, -1, 0); }},
+      {"long subject",
+       [&] {
+         return other.call(watch_interface, "Reply", nullptr, "ssssssis", "b3", "", "", "", "", "", 1,
+                           long_text.c_str());
+       }},
+      {"reply to no mail",
+       [&] { return other.call(watch_interface, "Reply", nullptr, "ssssssis", "b4", "", "", "", "", "", 0, ""); }},
+      {"no kind", [&] { return other.call(watch_interface, "Show", nullptr, "ssai", "b5", "", 1, mail); }},
+      {"more of no mail", [&] { return other.call(watch_interface, "MoreMsg", nullptr, "ssi", "b6", "uid", 999999); }},
+      {"more of another",
+       [&] { return other.call(watch_interface, "MoreMsg", nullptr, "ssi", "b7", "not its uid", mail); }},
+      {"unknown account", [&] { return other.phone("AddMails", "aa{sv}", 1, 1, "account_id", "i", 99999); }},
+      {"no account", [&] { return other.phone("AddMails", "aa{sv}", 1, 1, "subject", "s", "x"); }},
+      {"unknown field",
+       [&] { return other.phone("AddMails", "aa{sv}", 1, 2, "account_id", "i", account, "colour", "s", "x"); }},
+      {"wrong type", [&] { return other.phone("UpdateMail", "ia{sv}", mail, 1, "subject", "i", 3); }},
+      {"wrong type", [&] { return other.phone("UpdateMail", "ia{sv}", mail, 1, "is_read", "s", "yes"); }},
+      {"a contact without number",
+       [&] { return other.phone("UpdateMail", "ia{sv}", mail, 1, "contacts", "a(is)", 1, 1, ""); }},
+      {"unknown mail", [&] { return other.phone("UpdateMail", "ia{sv}", 99999, 1, "is_read", "b", 1); }},
+      {"unknown mail", [&] { return other.phone("DeleteMails", "ai", 2, mail, 99999); }},
+      {"bad limit", [&] { return other.phone("ListMails", "ii", 0, -1); }},
+      {"empty template", [&] { return other.phone("SetTemplates", "as", 2, "good", ""); }},
+      {"unknown status", [&] { return other.phone("SetStatus", "si", "mood", 1); }},
+      {"answer from a stranger", [&] { return other.phone("AnswerMore", "xisb", int64_t{1}, 0, "", 1); }},
+  };
+  for (const auto &[what, call] : rows) EXPECT_EQ("com.vextora.brisel.Error.Invalid", call()) << what;
+  EXPECT_EQ(before, query("SELECT * FROM mail; SELECT * FROM outbox; SELECT max(seq) FROM changes"));
+  phone_peer phone;
+  EXPECT_EQ("com.vextora.brisel.Error.Busy", other.phone("Connect", ""));
+  EXPECT_EQ("", phone.phone("Connect", ""));
+}
+
+/* --- more of a body ------------------------------------------------------------------------------------------------
+ */
+
+struct more_answer {
+  int count = 0, error = 0, first = 0;
+};
+
+void more_cb(void *response, int error, void *data) {
+  more_answer *to = static_cast<more_answer *>(data);
+  const brisel_ipc_event *event = static_cast<brisel_ipc_event *>(response);
+  to->count++;
+  to->error = error;
+  to->first = event && event->id_list ? GPOINTER_TO_INT(event->id_list->data) : 0;
+}
+
+int ask_more(int mail, more_answer *to) {
+  more_msg_req_data *more = brisel_more_msg_req_data_create();
+  more->message_uid = g_strdup("uid");
+  more->mail_id = mail;
+  const int r = brisel_ipc_req_more_msg(more, more_cb, to);
+  brisel_more_msg_req_data_free(more);
+  return r;
+}
+
+TEST_F(Host, MoreOfABodyIsAppendedAsThePhoneAnswers) {
+  const struct {
+    const char *what;
+    const char *body;
+    int64_t have;
+    int error;
+    const char *piece;
+    int complete;
+    int result;
+    const char *after;
+  } rows[] = {
+      {"more to come", "one <tag:thisisover500>", 4, 0, "two ", 0, 0, "one two <tag:thisisover500>"},
+      {"the last", "one <tag:thisisover500>", 4, 0, "two", 1, 0, "one two<tag:thisisover-1>"},
+      {"nothing left", "all<tag:thisisover500>", 3, 0, "", 1, 0, "all<tag:thisisover-1>"},
+      {"without a tag", "héllo", 6, 0, "!", 1, 0, "héllo!<tag:thisisover-1>"},
+      {"no body yet", "", 0, 0, "all", 1, 0, "all<tag:thisisover-1>"},
+      {"an error", "one<tag:thisisover500>", 3, 5, "x", 1, BRISEL_COMMON_ERROR_REMOTE, "one<tag:thisisover500>"},
+  };
+  phone_peer phone;
+  for (const auto &row : rows) {
+    const int mail = add_mail(row.what, row.body);
+    more_answer got;
+    const size_t before = phone.requests.size();
+    ASSERT_EQ(0, ask_more(mail, &got)) << row.what;
+    ASSERT_TRUE(until([&] { return phone.requests.size() > before; })) << row.what;
+    EXPECT_EQ((json{{"request", "more_msg"}, {"message_uid", "uid"}, {"mail_id", mail}}),
+              phone.requests[before].request);
+    EXPECT_EQ(row.have, phone.requests[before].have) << row.what;
+    phone.answer(before, row.error, row.piece, row.complete);
+    ASSERT_TRUE(until([&] { return got.count > 0; })) << row.what;
+    EXPECT_EQ(row.result, got.error) << row.what;
+    EXPECT_EQ(row.result ? 0 : mail, got.first) << row.what;
+    EXPECT_EQ(row.after, body_of(mail)) << row.what;
+  }
+}
+
+TEST_F(Host, MoreOfABodyFailsWhenItCannotCome) {
+  const int mail = add_mail("m", "one<tag:thisisover500>");
+  more_answer no_phone;
+  EXPECT_EQ(0, ask_more(mail, &no_phone));
+  ASSERT_TRUE(until([&] { return no_phone.count; }));
+  EXPECT_EQ(BRISEL_COMMON_ERROR_NO_PHONE, no_phone.error);
+
+  more_answer late, left, killed, cancelled, next, deleted;
+  {
+    phone_peer phone;
+    EXPECT_EQ(0, ask_more(mail, &late)); /* never answered */
+    ASSERT_TRUE(until([&] { return late.count; }));
+    EXPECT_EQ(BRISEL_COMMON_ERROR_TIMEOUT, late.error);
+    EXPECT_EQ("com.vextora.brisel.Error.Invalid",
+              phone.phone("AnswerMore", "xisb", phone.requests[0].id, 0, "late", 0));
+    EXPECT_EQ("one<tag:thisisover500>", body_of(mail));
+
+    /* Withdrawn and asked again while the phone still works on it: one piece, one answer. */
+    EXPECT_EQ(0, ask_more(mail, &cancelled));
+    ASSERT_TRUE(until([&] { return phone.requests.size() == 2; }));
+    EXPECT_EQ(0, brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_MORE_MSG));
+    EXPECT_EQ(0, ask_more(mail, &next));
+    EXPECT_EQ("", other.phone("SetAccountCount", "b", 1));
+    until([&] { return query("SELECT 1") == "1\n"; });
+    ecore_main_loop_iterate();
+    sd_bus_message *names = nullptr; /* a round trip through the bus: the second question is at the service */
+    sd_bus_call_method(other.bus, service, path, "org.freedesktop.DBus.Peer", "Ping", nullptr, &names, "");
+    sd_bus_message_unref(names);
+    phone.answer(1, 0, " two", 0);
+    ASSERT_TRUE(until([&] { return next.count; }));
+    EXPECT_EQ(0, next.error);
+    EXPECT_EQ(0, cancelled.count);
+    EXPECT_EQ("one two<tag:thisisover500>", body_of(mail));
+    EXPECT_EQ(2u, phone.requests.size());
+
+    /* The mail goes while the phone looks for it. */
+    const int gone = add_mail("gone", "");
+    EXPECT_EQ(0, ask_more(gone, &deleted));
+    ASSERT_TRUE(until([&] { return phone.requests.size() == 3; }));
+    EXPECT_EQ("", other.phone("DeleteMails", "ai", 1, gone));
+    EXPECT_EQ("com.vextora.brisel.Error.Invalid", phone.phone("AnswerMore", "xisb", phone.requests[2].id, 0, "x", 1));
+    ASSERT_TRUE(until([&] { return deleted.count; }));
+    EXPECT_EQ(BRISEL_COMMON_ERROR_NOT_FOUND, deleted.error);
+
+    EXPECT_EQ(0, ask_more(mail, &left));
+    ASSERT_TRUE(until([&] { return phone.requests.size() == 4; }));
+  }
+  ASSERT_TRUE(until([&] { return left.count; })); /* at once, long before the time is up */
+  EXPECT_EQ(BRISEL_COMMON_ERROR_NO_PHONE, left.error);
+
+  phone_peer phone;
+  EXPECT_EQ(0, ask_more(mail, &killed));
+  ASSERT_TRUE(until([&] { return phone.requests.size() == 1; }));
+  kill_service(&other);
+  ASSERT_TRUE(until([&] { return killed.count; }));
+  EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, killed.error);
+  EXPECT_EQ("one two<tag:thisisover500>", body_of(mail));
+}
+
+/* --- events --------------------------------------------------------------------------------------------------------
+ */
+
+TEST_F(Host, EventsMissedWhileTheServiceWasAwayComeWhenItIsBack) {
+  ears.events.clear();
+  kill_service(&other);
+  /* A service killed between its commit and its signal leaves a store like this. */
+  std::string why;
+  store *st = nullptr;
+  while (!(st = store_open(store_path(), &why))) ASSERT_NE(std::string::npos, why.find("in use")) << why;
+  std::vector<mail_values> mails(2);
+  for (mail_values &mail : mails) mail.field[field_account] = {true, false, account, ""};
+  std::vector<int> ids;
+  EXPECT_EQ(store_ok, store_add_mails(st, &mails, &ids));
+  EXPECT_EQ(store_ok, store_delete_mails(st, {ids[0]}));
+  store_close(st);
+  EXPECT_EQ(0, ears.events.size());
+  EXPECT_EQ("", other.phone("ListAccounts", "")); /* starts it */
+  ASSERT_TRUE(until([&] { return ears.events.size() == 2; }));
+  EXPECT_EQ(ids, ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
+  EXPECT_EQ((std::vector<int>{ids[0]}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE));
+}
+
+TEST_F(Host, AFloodComesInSlicesWithTheMainLoopRunningInBetween) {
+  ears.events.clear();
+  sd_bus_message *m = nullptr;
+  sd_bus_message_new_method_call(other.bus, &m, service, path, phone_interface, "AddMails");
+  sd_bus_message_open_container(m, 'a', "a{sv}");
+  for (int i = 0; i < 1000; i++) sd_bus_message_append(m, "a{sv}", 1, "account_id", "i", account);
+  sd_bus_message_close_container(m);
+  sd_bus_message *answer = nullptr;
+  ASSERT_GE(sd_bus_call(other.bus, m, 0, nullptr, &answer), 0);
+  const void *data = nullptr;
+  size_t bytes = 0;
+  ASSERT_GE(sd_bus_message_read_array(answer, 'i', &data, &bytes), 0);
+  const std::vector<int> ids(static_cast<const int *>(data), static_cast<const int *>(data) + bytes / 4);
+  sd_bus_message_unref(m);
+  sd_bus_message_unref(answer);
+  EXPECT_EQ("", other.phone("DeleteMails", "ai", 1, ids[0]));
+
+  int turns = 0; /* each is a chance to draw */
+  Ecore_Idle_Enterer *counter = ecore_idle_enterer_add(
+      [](void *t) -> Eina_Bool { return ++*static_cast<int *>(t), ECORE_CALLBACK_RENEW; }, &turns);
+  ASSERT_TRUE(until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE).empty(); }));
+  ecore_idle_enterer_del(counter);
+  EXPECT_EQ(ids, ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
+  EXPECT_EQ(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, ears.events.back().first);
+  for (const auto &[type, list] : ears.events) EXPECT_LE(list.size(), 64u);
+  EXPECT_GE(turns, 15);
+}
+
+TEST_F(Host, ACallbackMayEndItAll) {
+  ears.events.clear();
+  EXPECT_EQ(0, brisel_ipc_client_event_subscribe(
+                   BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD,
+                   [](brisel_ipc_event *, void *, void *) { EXPECT_EQ(0, brisel_ipc_client_deinit()); }, nullptr));
+  add_mail("the last one heard of", "");
+  ASSERT_TRUE(until([&] { return brisel_ipc_req_cancel(0) == BRISEL_COMMON_ERROR_LINK; }));
+  EXPECT_EQ(0, brisel_ipc_client_init());
+  subscribe_all(&ears);
+  const int mail = add_mail("heard again", "");
+  ASSERT_TRUE(until([&] { return !ears.events.empty(); }));
+  EXPECT_EQ((std::vector<int>{mail}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
+}
+
+/* --- states ---------------------------------------------------------------------------------------------------------
+ */
+
+TEST_F(Host, TheLinkSettingFollowsThePhoneAndIsPutRightAfterAKill) {
+  const auto link = [] {
+    int value = -1;
+    vconf_get_bool(link_key, &value);
+    return value;
+  };
+  const auto conn = [] {
+    int status = -1;
+    EXPECT_EQ(0, brisel_util_get_conn_status(&status));
+    return status;
+  };
+  {
+    phone_peer phone;
+    EXPECT_EQ(1, link());
+    EXPECT_EQ(0, conn());
+  }
+  ASSERT_TRUE(until([&] { return link() == 0 && conn() == 1; }));
+  {
+    phone_peer phone;
+    kill_service(&other);
+    EXPECT_EQ("", other.phone("ListAccounts", "")); /* the next service finds what the killed one said */
+    EXPECT_EQ(0, link());
+    EXPECT_EQ(1, conn());
+    EXPECT_EQ("", phone.phone("Connect", ""));
+    EXPECT_EQ(1, link());
+  }
+  ASSERT_TRUE(until([&] { return link() == 0 && conn() == 1; }));
+  EXPECT_EQ(0, vconf_set_bool(link_key, 1)); /* made by hand: not the service's to take back */
+  kill_service(&other);
+  EXPECT_EQ("", other.phone("ListAccounts", ""));
+  EXPECT_EQ(1, link());
+  EXPECT_EQ(0, vconf_set_bool(link_key, 0));
+}
+
+TEST_F(Host, StatusesTemplatesAndCountsReadAsThePhoneSetThem) {
+  int value = -1;
+  EXPECT_EQ(0, brisel_util_get_reply_status(&value));
+  EXPECT_EQ(0, value);
+  EXPECT_EQ("", other.phone("SetStatus", "si", "reply", 2));
+  EXPECT_EQ(0, brisel_util_get_reply_status(&value));
+  EXPECT_EQ(2, value);
+  EXPECT_EQ("", other.phone("SetStatus", "si", "reply", 0));
+
+  int before = 0, after = 0;
+  const char key[] = "memory/private/msg-consumer-server/change_text_template";
+  vconf_get_int(key, &before);
+  EXPECT_EQ("", other.phone("SetTemplates", "as", 2, "first", "второй"));
+  EXPECT_EQ(0, vconf_get_int(key, &after));
+  EXPECT_NE(before, after);
+  GSList *list = nullptr;
+  EXPECT_EQ(0, brisel_db_get_all_template_data(&list));
+  ASSERT_EQ(2u, g_slist_length(list));
+  EXPECT_STREQ("второй", static_cast<template_data *>(g_slist_nth_data(list, 1))->text);
+  EXPECT_EQ(2, static_cast<template_data *>(g_slist_nth_data(list, 1))->template_id);
+  brisel_template_data_list_free(list);
+  EXPECT_EQ("", other.phone("SetTemplates", "as", 0));
+  EXPECT_EQ(0, brisel_db_get_all_template_data(&list));
+  EXPECT_EQ(nullptr, list);
+
+  unsigned int rgba = 0;
+  EXPECT_EQ(0, brisel_util_get_account_color(account, &rgba));
+  EXPECT_NE(0u, rgba);
+  EXPECT_EQ("", other.phone("AddAccount", "issu", account, "new@example.org", "", 0x10203040u));
+  EXPECT_EQ(0, brisel_util_get_account_color(account, &rgba));
+  EXPECT_EQ(0x10203040u, rgba);
+  account_data *data = brisel_account_data_create();
+  EXPECT_EQ(0, brisel_db_get_account_data_by_account_id(account, data));
+  EXPECT_STREQ("new@example.org", data->email_address);
+  EXPECT_EQ(nullptr, data->display_name);
+  EXPECT_EQ(BRISEL_COMMON_ERROR_NOT_FOUND, brisel_db_get_account_data_by_account_id(99999, data));
+  brisel_account_data_free(data);
+
+  EXPECT_EQ("", other.phone("SetAccountCount", "b", 0));
+  EXPECT_EQ(0, brisel_db_is_valid_target_account_count(&value));
+  EXPECT_EQ(0, value);
+  ears.events.clear();
+  EXPECT_EQ("", other.phone("SetAccountCount", "b", 1));
+  ASSERT_TRUE(until([&] {
+    return !ears.events.empty() && ears.events.back().first == BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS;
+  }));
+  EXPECT_EQ(0, brisel_db_is_valid_target_account_count(&value));
+  EXPECT_EQ(1, value);
+}
+
+TEST_F(Host, TheDescriptionIsWhatTheServiceOffers) {
+  sd_bus_message *answer = nullptr;
+  ASSERT_EQ("", other.call("org.freedesktop.DBus.Introspectable", "Introspect", &answer, ""));
+  const char *live = nullptr;
+  sd_bus_message_read(answer, "s", &live);
+  std::ifstream in(HOST_XML);
+  const std::string written{std::istreambuf_iterator<char>(in), {}};
+  const auto outline = [](const std::string &xml) {
+    std::string lines, interface;
+    const std::regex tag("<(interface|method|signal|arg)\\b([^>]*)>"), name("name=\"([^\"]*)\""),
+        type("type=\"([^\"]*)\""), out("direction=\"out\"");
+    for (std::sregex_iterator i(xml.begin(), xml.end(), tag), end; i != end; ++i) {
+      const std::string kind = (*i)[1], rest = (*i)[2];
+      std::smatch n, t;
+      std::regex_search(rest, n, name);
+      if (kind == "interface") interface = n[1];
+      if (interface.find("vextora") == std::string::npos) continue;
+      lines += kind + " " + std::string(n[1]);
+      if (std::regex_search(rest, t, type)) lines += " " + std::string(t[1]);
+      if (std::regex_search(rest, out)) lines += " out";
+      lines += "\n";
+    }
+    return lines;
+  };
+  const auto sorted =
+      [](const std::string &lines) { /* the two interfaces may come in any order */
+                                     const size_t cut = lines.find("interface", 1);
+                                     return std::set<std::string>{lines.substr(0, cut), lines.substr(cut)};
+      };
+  EXPECT_EQ(sorted(outline(written)), sorted(outline(live)));
+  sd_bus_message_unref(answer);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  testing::InitGoogleTest(&argc, argv);
+  ecore_init();
+  const int result = RUN_ALL_TESTS();
+  ecore_shutdown();
+  return result;
+}

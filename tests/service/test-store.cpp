@@ -1,0 +1,463 @@
+/* The store's writer: what it takes, what it refuses, and what is left of it when the disk, the process or the power
+   goes at any step. */
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "fault-vfs.h"
+#include "schema.h"
+#include "store.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct folder {
+  folder() {
+    char name[] = "/dev/shm/brisel-store-XXXXXX"; /* memory: the faults are simulated, the disk is not needed */
+    path = mkdtemp(name);
+    file = path / "store.db";
+  }
+  ~folder() { fs::remove_all(path); }
+  fs::path path;
+  std::string file;
+};
+
+/* Every row of every table, as text. */
+std::string dump(const std::string &file) {
+  sqlite3 *db = nullptr;
+  std::string text;
+  EXPECT_EQ(SQLITE_OK, sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr));
+  for (const char *table : {"account", "mail", "template", "changes", "state", "outbox", "done"}) {
+    text += std::string(table) + ":\n";
+    sqlite3_stmt *s = nullptr;
+    EXPECT_EQ(SQLITE_OK, sqlite3_prepare_v2(db, (std::string("SELECT * FROM ") + table).c_str(), -1, &s, nullptr))
+        << sqlite3_errmsg(db);
+    while (sqlite3_step(s) == SQLITE_ROW) {
+      for (int i = 0; i < sqlite3_column_count(s); i++) {
+        const unsigned char *value = sqlite3_column_text(s, i);
+        text += value ? reinterpret_cast<const char *>(value) : "NULL";
+        text += i + 1 < sqlite3_column_count(s) ? '|' : '\n';
+      }
+    }
+    sqlite3_finalize(s);
+  }
+  sqlite3_close(db);
+  return text;
+}
+
+void run_sql(const std::string &file, const std::string &sql) {
+  sqlite3 *db = nullptr;
+  sqlite3_open(file.c_str(), &db);
+  EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr)) << sqlite3_errmsg(db);
+  sqlite3_close(db);
+}
+
+store *open_or_fail(const std::string &file) {
+  std::string why;
+  store *st = store_open(file, &why);
+  EXPECT_NE(nullptr, st) << why;
+  return st;
+}
+
+mail_values mail_of(int account, const char *subject) {
+  mail_values mail;
+  mail.field[field_account] = {true, false, account, ""};
+  mail.field[field_time] = {true, false, 1000, ""};
+  mail.field[static_cast<size_t>(mail_field_index("subject"))] = {true, false, 0, subject};
+  return mail;
+}
+
+int add_mail(store *st, int account, const char *subject) {
+  std::vector<mail_values> mails = {mail_of(account, subject)};
+  std::vector<int> ids;
+  EXPECT_EQ(store_ok, store_add_mails(st, &mails, &ids)) << store_error(st);
+  return ids.empty() ? 0 : ids[0];
+}
+
+/* --- durability ----------------------------------------------------------------------------------------------------
+ */
+
+struct life {
+  std::string file;
+  store *st = nullptr;
+};
+
+store_status reopen(life *l) {
+  store_close(l->st);
+  std::string why;
+  l->st = store_open(l->file, &why);
+  return l->st ? store_ok : store_failed;
+}
+
+/* A life of the store: each step is acknowledged or not. Closing in between moves the log into the file. */
+const std::vector<std::function<store_status(life *)>> &script(void) {
+  static const std::vector<std::function<store_status(life *)>> steps = {
+      reopen,
+      [](life *l) {
+        int id = 7;
+        return store_add_account(l->st, &id, "work@example.org", "Work", 0x11223344);
+      },
+      [](life *l) {
+        std::vector<mail_values> mails = {mail_of(7, "one"), mail_of(7, "two"), mail_of(7, "three")};
+        std::vector<int> ids;
+        return store_add_mails(l->st, &mails, &ids);
+      },
+      [](life *l) {
+        int64_t entry;
+        return store_request_read(l->st, "read-1", "{1}", {1}, &entry);
+      },
+      [](life *l) { return store_append_body(l->st, 1, 0, std::string(20000, 'x'), false); },
+      reopen,
+      [](life *l) {
+        int64_t entry;
+        return store_request_delete(l->st, "delete-1", "{2}", {2, 99}, &entry);
+      },
+      [](life *l) { return store_append_body(l->st, 1, 20000, "the end", true); },
+      [](life *l) {
+        int64_t entry;
+        return store_request_clear_new(l->st, "clear-1", "{3}", &entry);
+      },
+      [](life *l) {
+        return store_set_templates(l->st, {"yes", "no"});
+      },
+      [](life *l) { return store_set_state(l->st, "phone_connected", 1); },
+      [](life *l) { return store_outbox_remove(l->st, 1); },
+      [](life *l) { return store_remove_account(l->st, 7); },
+      reopen,
+  };
+  return steps;
+}
+
+/* What the store holds after each number of steps, learnt from a life without faults. */
+const std::vector<std::string> &expected(void) {
+  static std::vector<std::string> dumps;
+  if (!dumps.empty()) return dumps;
+  folder f;
+  life l = {f.file};
+  for (const auto &step : script()) {
+    EXPECT_GE(step(&l), 0) << store_error(l.st);
+    if (dumps.empty()) dumps.push_back(dump(f.file)); /* before the first step: what opening makes of nothing */
+    dumps.push_back(dump(f.file));
+  }
+  store_close(l.st);
+  return dumps;
+}
+
+/* The store after acknowledged steps: those, and perhaps the one that was under way, and nothing else. */
+void expect_kept(const std::string &file, size_t acknowledged, int fault) {
+  store_close(open_or_fail(file));
+  const std::string left = dump(file);
+  const size_t next = std::min(acknowledged + 1, expected().size() - 1);
+  EXPECT_TRUE(left == expected()[acknowledged] || left == expected()[next])
+      << "fault at " << fault << " after " << acknowledged << " acknowledged steps\n"
+      << left;
+}
+
+TEST(Durability, PowerLossAtEveryStepOfTheDisk) {
+  expected();
+  int fault = 0, struck = 0;
+  for (bool more = true; more; struck++) {
+    folder f;
+    life l = {f.file};
+    size_t acknowledged = 0;
+    fault_arm(fault_power, ++fault);
+    for (const auto &step : script()) {
+      if (step(&l) != store_ok) break;
+      acknowledged++;
+    }
+    more = fault_struck();
+    store_close(l.st);
+    if (more) fault_lose_unsynced();
+    fault_arm(fault_none, 0);
+    expect_kept(f.file, acknowledged, fault);
+    if (HasFailure()) return;
+  }
+  EXPECT_GT(struck, 100); /* the script does reach the disk */
+}
+
+TEST(Durability, KillAtEveryStepOfTheDisk) {
+  expected();
+  int fault = 0;
+  for (bool more = true; more;) {
+    folder f;
+    int pipe_ends[2];
+    ASSERT_EQ(0, pipe(pipe_ends));
+    fault++;
+    const pid_t child = fork();
+    if (child == 0) {
+      life l = {f.file};
+      fault_arm(fault_kill, fault);
+      for (const auto &step : script())
+        if (step(&l) != store_ok || write(pipe_ends[1], "+", 1) != 1) _exit(1);
+      _exit(0);
+    }
+    close(pipe_ends[1]);
+    size_t acknowledged = 0;
+    for (char c; read(pipe_ends[0], &c, 1) == 1;) acknowledged++;
+    close(pipe_ends[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    more = WIFSIGNALED(status);
+    ASSERT_TRUE(more || WEXITSTATUS(status) == 0) << "fault at " << fault;
+    expect_kept(f.file, acknowledged, fault);
+    if (HasFailure()) return;
+  }
+  EXPECT_GT(fault, 100);
+}
+
+TEST(Durability, AFailureThatPassesIsReportedAndLeavesNoTrace) {
+  expected();
+  int fault = 0;
+  for (bool more = true; more;) {
+    folder f;
+    life l = {f.file};
+    fault_arm(fault_once, ++fault);
+    for (const auto &step : script()) {
+      store_status status = step(&l);
+      if (status != store_ok) {
+        EXPECT_EQ(store_failed, status) << "fault at " << fault;
+        status = step(&l); /* asked again: as if nothing had been */
+      }
+      ASSERT_EQ(store_ok, status) << "fault at " << fault << ": " << (l.st ? store_error(l.st) : "not open");
+    }
+    more = fault_struck();
+    store_close(l.st);
+    fault_arm(fault_none, 0);
+    EXPECT_EQ(expected().back(), dump(f.file)) << "fault at " << fault;
+    if (HasFailure()) return;
+  }
+}
+
+/* --- files that are there already -----------------------------------------------------------------------------------
+ */
+
+std::string bytes_of(const std::string &file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+TEST(Opening, RefusesWhatIsNoStoreOfItsOwnAndLeavesItAlone) {
+  const std::string own = "PRAGMA application_id = 1112688979;";
+  const struct {
+    const char *what;
+    std::string text, sql;
+    const char *message;
+  } rows[] = {
+      {"text", "this is a letter, not a database, however long it may be", "", "is not a database"},
+      {"a broken header", std::string("SQLite format 3\0", 16) + std::string(2000, '\7'), "", "is not a database"},
+      {"another program's", "", "CREATE TABLE song (name TEXT)", "a database of something else"},
+      {"newer", "", own + "CREATE TABLE mail (x); PRAGMA user_version = 3", "written by a newer version"},
+      {"negative", "", own + "CREATE TABLE mail (x); PRAGMA user_version = -1", "no valid schema number"},
+  };
+  for (const auto &row : rows) {
+    folder f;
+    if (row.sql.empty()) std::ofstream(f.file, std::ios::binary) << row.text;
+    if (!row.sql.empty()) run_sql(f.file, row.sql);
+    const std::string before = bytes_of(f.file);
+    std::string why;
+    EXPECT_EQ(nullptr, store_open(f.file, &why)) << row.what;
+    EXPECT_NE(std::string::npos, why.find(row.message)) << row.what << ": " << why;
+    EXPECT_EQ(std::string::npos, why.find('\n')) << row.what;
+    EXPECT_EQ(before, bytes_of(f.file)) << row.what;
+  }
+}
+
+TEST(Opening, MakesAStoreOfNothingAndKeepsOthersOut) {
+  folder f;
+  std::ofstream(f.file).flush();
+  store *st = open_or_fail(f.file);
+  std::vector<std::pair<int, std::string>> templates;
+  EXPECT_EQ(store_ok, store_list_templates(st, &templates));
+  EXPECT_GE(templates.size(), 10u);
+  std::string why;
+  EXPECT_EQ(nullptr, store_open(f.file, &why));
+  EXPECT_NE(std::string::npos, why.find("in use by another")) << why;
+  store_close(st);
+}
+
+TEST(Opening, BringsAnOlderStoreUpToDate) {
+  folder f;
+  run_sql(f.file, std::string("PRAGMA journal_mode = WAL; BEGIN;") + schema_steps[0] +
+                      "INSERT INTO account (email_address, color) VALUES ('old@example.org', 255);"
+                      "INSERT INTO mail (account_id, received_time, subject, body) VALUES (1, 5, 'old', 'kept');"
+                      "INSERT INTO changes (type, ids) VALUES (0, '1');"
+                      "PRAGMA user_version = 1; PRAGMA application_id = 1112688979; COMMIT;");
+  store *st = open_or_fail(f.file);
+  ASSERT_NE(nullptr, st);
+  std::string body, uid;
+  EXPECT_EQ(store_ok, store_get_body(st, 1, &body, &uid));
+  EXPECT_EQ("kept", body);
+  EXPECT_EQ(1, store_last_change(st));
+  int64_t entry = 0;
+  EXPECT_EQ(store_ok, store_request_relay(st, "u", "{}", &entry)); /* what the old one had no table for */
+  store_close(st);
+  store_close(open_or_fail(f.file));
+}
+
+/* --- rules ---------------------------------------------------------------------------------------------------------
+ */
+
+struct Rules : testing::Test {
+  void SetUp() override {
+    st = open_or_fail(f.file);
+    account = 0;
+    ASSERT_EQ(store_ok, store_add_account(st, &account, "me@example.org", "Me", 0));
+  }
+  void TearDown() override { store_close(st); }
+  folder f;
+  store *st;
+  int account;
+};
+
+TEST_F(Rules, AMailThatBreaksOneIsRefusedWithAllThatCameWithIt) {
+  const struct {
+    const char *field;
+    field_value value;
+  } rows[] = {
+      {"account_id", {true, false, 99, ""}},
+      {"received_time", {true, false, -1, ""}},
+      {"received_time", {true, false, int64_t{1} << 31, ""}},
+      {"is_new", {true, false, 2, ""}},
+      {"attachment_count", {true, false, -1, ""}},
+      {"host_state", {true, false, int64_t{1} << 40, ""}},
+      {"body", {true, false, 0, std::string(body_max + 1, 'x')}},
+      {"subject", {true, false, 0, std::string(text_max + 1, 'x')}},
+      {"host_tag", {true, false, 0, std::string(token_max + 1, 'x')}},
+      {"from_name", {true, false, 0, std::string("a\0b", 3)}},
+  };
+  const int mail = add_mail(st, account, "there before");
+  const std::string before = dump(f.file);
+  for (const auto &row : rows) {
+    std::vector<mail_values> mails = {mail_of(account, "good"), mail_of(account, "bad")};
+    const size_t index = static_cast<size_t>(mail_field_index(row.field));
+    mails[1].field[index] = row.value;
+    std::vector<int> ids;
+    EXPECT_EQ(store_invalid, store_add_mails(st, &mails, &ids)) << row.field;
+    mail_values change;
+    change.field[index] = row.value;
+    EXPECT_EQ(store_invalid, store_update_mail(st, mail, change)) << row.field;
+  }
+  std::vector<mail_values> mails = {mail_values()};
+  std::vector<int> ids;
+  EXPECT_EQ(store_invalid, store_add_mails(st, &mails, &ids)) << "without an account";
+  EXPECT_EQ(store_invalid, store_delete_mails(st, {mail, 12345}));
+  EXPECT_EQ(store_invalid, store_remove_account(st, 12345));
+  EXPECT_EQ(store_invalid, store_set_templates(st, {"good", ""}));
+  int id = 0;
+  EXPECT_EQ(store_invalid, store_add_account(st, &id, "", "no address", 0));
+  EXPECT_EQ(before, dump(f.file));
+}
+
+std::vector<std::string> changes_after(const std::string &file, int64_t seq) {
+  std::vector<std::string> rows;
+  sqlite3 *db = nullptr;
+  sqlite3_open(file.c_str(), &db);
+  sqlite3_stmt *s = nullptr;
+  sqlite3_prepare_v2(db, "SELECT type || ':' || ids FROM changes WHERE seq > ? ORDER BY seq", -1, &s, nullptr);
+  sqlite3_bind_int64(s, 1, seq);
+  while (sqlite3_step(s) == SQLITE_ROW) rows.push_back(reinterpret_cast<const char *>(sqlite3_column_text(s, 0)));
+  sqlite3_finalize(s);
+  sqlite3_close(db);
+  return rows;
+}
+
+TEST_F(Rules, EachCallRaisesTheEventsOfWhatItChanged) {
+  const int a = add_mail(st, account, "a"), b = add_mail(st, account, "b");
+  const std::string ids = std::to_string(a) + "," + std::to_string(b);
+  int64_t entry = 0;
+  int same = account, second = 42;
+  mail_values unchanged, renamed;
+  const size_t subject = static_cast<size_t>(mail_field_index("subject"));
+  unchanged.field[subject] = {true, false, 0, "a"};
+  renamed.field[subject] = {true, false, 0, "A"};
+  using calls = std::function<store_status()>;
+  const std::vector<std::pair<calls, std::vector<std::string>>> rows = {
+      {[&] { return store_add_account(st, &same, "me@example.org", "Me", 0); }, {}}, /* as it is already */
+      {[&] { return store_add_account(st, &same, "me@example.org", "I", 0); }, {"3:" + std::to_string(account)}},
+      {[&] { return store_add_account(st, &second, "b@example.org", "", 1); }, {"3:42"}}, /* the count is known */
+      {[&] { return store_update_mail(st, a, unchanged); }, {}},
+      {[&] { return store_update_mail(st, a, renamed); }, {"1:" + std::to_string(a)}},
+      {[&] {
+         return store_request_read(st, "r1", "{}", {a, a, 777}, &entry);
+       },
+       {"1:" + std::to_string(a)}},
+      {[&] { return store_request_read(st, "r2", "{}", {a}, &entry); }, {}},
+      {[&] { return store_request_clear_new(st, "c1", "{}", &entry); }, {"1:" + ids}},
+      {[&] { return store_request_clear_new(st, "c2", "{}", &entry); }, {}},
+      {[&] { return store_set_account_count_known(st, true); }, {}},
+      {[&] { return store_set_account_count_known(st, false); }, {}},
+      {[&] { return store_set_account_count_known(st, true); }, {"5:"}},
+      {[&] { return store_append_body(st, b, 0, "text", false); }, {"1:" + std::to_string(b)}},
+      {[&] { return store_append_body(st, b, 4, "", false); }, {}},
+      {[&] {
+         return store_request_delete(st, "d1", "{}", {a, 777}, &entry);
+       },
+       {"2:" + std::to_string(a)}},
+      {[&] { return store_remove_account(st, account); }, {"2:" + std::to_string(b), "4:" + std::to_string(account)}},
+  };
+  EXPECT_EQ((std::vector<std::string>{"3:1", "5:", "0:1", "0:2"}), changes_after(f.file, 0));
+  int number = 0;
+  for (const auto &[call, events] : rows) {
+    const int64_t before = store_last_change(st);
+    EXPECT_EQ(store_ok, call()) << "row " << number << ": " << store_error(st);
+    EXPECT_EQ(events, changes_after(f.file, before)) << "row " << number;
+    number++;
+  }
+  EXPECT_EQ(3, add_mail(st, 42, "ids are not used again"));
+}
+
+TEST_F(Rules, ARequestIsDoneOnce) {
+  const int mail = add_mail(st, account, "read twice");
+  int64_t first = 0, second = 0;
+  EXPECT_EQ(store_ok, store_request_read(st, "same", "{}", {mail}, &first));
+  EXPECT_EQ(store_done, store_request_read(st, "same", "{}", {mail}, &second));
+  store_close(st);
+  st = open_or_fail(f.file);
+  EXPECT_EQ(store_done, store_request_delete(st, "same", "{}", {mail}, &second));
+  std::vector<outbox_entry> waiting;
+  EXPECT_EQ(store_ok, store_outbox(st, &waiting));
+  EXPECT_EQ(1u, waiting.size());
+  int64_t id = 0;
+  EXPECT_EQ(store_ok, store_new_request_id(st, &id));
+  EXPECT_GT(id, first);
+  EXPECT_EQ(store_invalid, store_request_relay(st, "", "{}", &second));
+  EXPECT_EQ(store_invalid, store_request_relay(st, std::string(uid_max + 1, 'u'), "{}", &second));
+}
+
+TEST_F(Rules, ABodyGrowsPieceByPieceUpToItsBound) {
+  const int mail = add_mail(st, account, "long");
+  std::string body, uid;
+  EXPECT_EQ(store_ok, store_append_body(st, mail, 0, "first ", false));
+  EXPECT_EQ(store_invalid, store_append_body(st, mail, 0, "first ", false)) << "a piece that was appended already";
+  EXPECT_EQ(store_ok, store_append_body(st, mail, 6, "second", true));
+  EXPECT_EQ(store_ok, store_get_body(st, mail, &body, &uid));
+  EXPECT_EQ("first second<tag:thisisover-1>", body);
+  /* Two-byte characters: the cut must not halve one. */
+  std::string piece;
+  while (piece.size() < body_max) piece += "é";
+  EXPECT_EQ(store_ok, store_append_body(st, mail, 12, piece, false));
+  EXPECT_EQ(store_ok, store_get_body(st, mail, &body, &uid));
+  EXPECT_LE(body.size(), body_max);
+  EXPECT_TRUE(body.ends_with("é<tag:thisisover-1>"));
+}
+
+TEST_F(Rules, OldChangesGoAndTheLatestStay) {
+  run_sql(f.file, "INSERT INTO changes (seq, type, ids) VALUES (100, 0, '1'), (16400, 0, '2'), (20031, 0, '3')");
+  add_mail(st, account, "number 20032, which prunes");
+  EXPECT_EQ((std::vector<std::string>{"0:2", "0:3", "0:1"}), changes_after(f.file, 0));
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  testing::InitGoogleTest(&argc, argv);
+  fault_install();
+  return RUN_ALL_TESTS();
+}
