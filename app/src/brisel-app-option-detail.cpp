@@ -141,7 +141,7 @@ static void __brisel_option_detail_create_reply_setting_popup(option_detail_view
   if (!popup) return;
   brisel_widget_ref_set(&vd->popup, popup);
 
-  Evas_Object *genlist = brisel_option_create_list(popup, NULL);
+  Evas_Object *genlist = brisel_option_create_list(popup, __brisel_option_detail_gl_realized_cb);
   if (!genlist) {
     brisel_widget_ref_drop(&vd->popup);
     return;
@@ -348,19 +348,18 @@ static void __brisel_option_detail_replace_contacts(full_noti_data *noti_data, G
    NULL when address is no phone number. */
 static char *__brisel_option_detail_phone_number(const char *address) {
   static constexpr size_t min_digits = 7;
-  // The longest run taken for a number. A longer one is none: its first digits would ring somebody else.
+  // No network has numbers this long; what a mail claims beyond it is not kept.
   static constexpr size_t max_digits = 255;
 
   if (!address || !address[0]) return NULL;
   size_t digits = strspn(address, "0123456789");
-  if (digits > max_digits) digits = max_digits;
   if (address[digits] == '@') {
     BRISEL_INFO("It is a phone number!");
   } else if (address[digits]) {
     BRISEL_INFO("It is not a phone number!");
     return NULL;
   }
-  return digits >= min_digits ? strndup(address, digits) : NULL;
+  return digits >= min_digits ? strndup(address, digits < max_digits ? digits : max_digits) : NULL;
 }
 
 static void __brisel_option_detail_add_contact_row(option_detail_view_data *vd, Elm_Object_Item *before) {

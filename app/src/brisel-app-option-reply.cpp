@@ -27,6 +27,8 @@ struct option_reply_view_data {
   int mail_id;
   full_noti_data *noti_data; /* borrowed unless own_noti_data */
   GSList *template_list;     /* template_data, owned */
+  Ecore_Job *take_back_job;  /* typed reply: the start of a character whose rest was refused is to go */
+  int take_back;             /* its code points */
 };
 
 static constexpr size_t BRISEL_REPLY_FIELD_MAX = 1023; /* bytes of a request's recipient and subject */
@@ -94,6 +96,7 @@ static Evas_Object *__brisel_option_reply_create_bg(Evas_Object *layout, Evas_Ob
 static void __brisel_option_reply_free(option_reply_view_data *vd) {
   if (vd->own_noti_data) brisel_full_noti_data_free(vd->noti_data);
   brisel_template_data_list_free(vd->template_list);
+  if (vd->take_back_job) ecore_job_del(vd->take_back_job);
   brisel_widget_ref_clear(&vd->layout);
   free(vd);
 }
@@ -464,36 +467,68 @@ static void __brisel_option_reply_entry_selection_cleared_cb(void *data, Evas_Ob
   evas_object_data_del(obj, "ea_entry");
 }
 
-/* The bytes of the longest start of text that holds at most max code points and ends where a reader sees a character
-   end: an emoji made of several, or a letter and its accents, goes in whole or not at all. */
-static size_t __brisel_option_reply_whole_characters(const char *text, int max) {
+/* The last place, in code points, at or before max where text has the end of what a reader sees as one character: an
+   emoji made of several code points, or a letter and its accents, goes in whole or not at all. */
+static int __brisel_option_reply_character_end(const char *text, int max) {
   UErrorCode status = U_ZERO_ERROR;
   UText *utext = utext_openUTF8(NULL, text, -1, &status);
   UBreakIterator *breaks = ubrk_open(UBRK_CHARACTER, "", NULL, 0, &status);
   ubrk_setUText(breaks, utext, &status);
-  size_t bytes = 0;
+  int last = 0;
   if (U_SUCCESS(status)) {
     ubrk_first(breaks);
     for (int32_t end = ubrk_next(breaks); end != UBRK_DONE; end = ubrk_next(breaks)) {
-      if (g_utf8_strlen(text, end) > max) break;
-      bytes = (size_t)end;
+      int code_points = (int)g_utf8_strlen(text, end);
+      if (code_points > max) break;
+      last = code_points;
     }
   }
   ubrk_close(breaks);
   utext_close(utext);
-  return bytes;
+  return last;
+}
+
+/* Takes back the code points before the cursor whose rest was refused. */
+static void __brisel_option_reply_take_back_cb(void *data) {
+  option_reply_view_data *vd = (option_reply_view_data *)data;
+  vd->take_back_job = NULL;
+  char *text = vd->content_obj ? elm_entry_markup_to_utf8(elm_entry_entry_get(vd->content_obj)) : NULL;
+  int cursor = text ? elm_entry_cursor_pos_get(vd->content_obj) : 0;
+  if (text && cursor >= vd->take_back && cursor <= g_utf8_strlen(text, -1)) {
+    char *from = g_utf8_offset_to_pointer(text, cursor - vd->take_back);
+    char *to = g_utf8_offset_to_pointer(text, cursor);
+    memmove(from, to, strlen(to) + 1);
+    char *markup = elm_entry_utf8_to_markup(text);
+    elm_entry_entry_set(vd->content_obj, markup);
+    elm_entry_cursor_pos_set(vd->content_obj, cursor - vd->take_back);
+    free(markup);
+  }
+  free(text);
 }
 
 /* Stands before the length filter, which counts code points and would cut between those of one character. */
 static void __brisel_option_reply_whole_characters_filter(void *data, Evas_Object *entry, char **text) {
-  if (!*text) return;
-  char *current = elm_entry_markup_to_utf8(elm_entry_entry_get(entry));
-  char *added = elm_entry_markup_to_utf8(*text);
-  int room = BRISEL_TYPED_REPLY_MAX - (current ? eina_unicode_utf8_get_len(current) : 0);
-  if (added && room > 0 && eina_unicode_utf8_get_len(added) > room) {
-    added[__brisel_option_reply_whole_characters(added, room)] = 0;
+  option_reply_view_data *vd = (option_reply_view_data *)data;
+  char *current = *text ? elm_entry_markup_to_utf8(elm_entry_entry_get(entry)) : NULL;
+  char *added = *text ? elm_entry_markup_to_utf8(*text) : NULL;
+  int added_length = added ? (int)g_utf8_strlen(added, -1) : 0;
+  int length = current ? (int)g_utf8_strlen(current, -1) : 0;
+  int room = BRISEL_TYPED_REPLY_MAX - length;
+  if (current && added && added_length > room) {
+    int cursor = CLAMP(elm_entry_cursor_pos_get(entry), 0, length);
+    // The text before the cursor counts too: what is added may go on with its last character.
+    *g_utf8_offset_to_pointer(current, cursor) = 0;
+    char *joined = g_strconcat(current, added, NULL);
+    int taken = __brisel_option_reply_character_end(joined, cursor + MAX(room, 0)) - cursor;
+    g_free(joined);
+    *g_utf8_offset_to_pointer(added, MAX(taken, 0)) = 0;
     free(*text);
     *text = elm_entry_utf8_to_markup(added);
+    if (taken < 0 && !vd->take_back_job) {
+      // Not from inside the insertion that is being filtered.
+      vd->take_back = -taken;
+      vd->take_back_job = ecore_job_add(__brisel_option_reply_take_back_cb, vd);
+    }
     evas_object_smart_callback_call(entry, "maxlength,reached", NULL);
   }
   free(current);
@@ -512,7 +547,7 @@ static Evas_Object *__brisel_option_reply_create_entry(Evas_Object *parent, opti
   elm_entry_selection_handler_disabled_set(entry, EINA_TRUE);  // the toolkit's only cursor handlers
   evas_object_smart_callback_add(entry, "selection,start", __brisel_option_reply_entry_selection_start_cb, NULL);
   evas_object_smart_callback_add(entry, "selection,cleared", __brisel_option_reply_entry_selection_cleared_cb, NULL);
-  elm_entry_markup_filter_append(entry, __brisel_option_reply_whole_characters_filter, NULL);
+  elm_entry_markup_filter_append(entry, __brisel_option_reply_whole_characters_filter, vd);
   elm_entry_markup_filter_append(entry, elm_entry_filter_limit_size, &limit);
   max_length_reached = false;
   evas_object_smart_callback_add(entry, "maxlength,reached", __brisel_emoticon_detail_maxlength_reached_cb, vd);

@@ -143,6 +143,8 @@ static int _create_layout_main(appdata *ad) {
 
 static void _create_naviframe_layout(appdata *ad) {
   ad->naviframe = elm_naviframe_add(ad->layout_main);
+  // The device has a back key: no view has a back button.
+  elm_naviframe_prev_btn_auto_pushed_set(ad->naviframe, EINA_FALSE);
   elm_object_part_content_set(ad->layout_main, "elm.swallow.content", ad->naviframe);
   evas_object_show(ad->naviframe);
 }

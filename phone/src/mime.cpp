@@ -33,7 +33,8 @@ struct walk {
 /* How good a child of an alternative is as text to read. */
 enum alternative_rank { RANK_NONE = 0, RANK_OTHER = 1, RANK_MARKUP = 2, RANK_PLAIN = 3 };
 
-constexpr size_t kMaxSubject = 4096, kMaxName = 1024, kMaxAddress = 320, kMaxUid = 250, kMaxReferences = 20;
+constexpr size_t kMaxSubject = 4096, kMaxName = 1024, kMaxAddress = 320, kMaxUid = 250, kMaxReferences = 20,
+                 kMaxHeader = 16384;
 constexpr int64_t kLastTime = INT32_MAX; /* the watch counts seconds in 32 bits */
 
 GMimeParserOptions *options = nullptr;
@@ -260,6 +261,102 @@ std::string walk_object(GMimeObject *object, walk *w, int depth, GMimeObject *pa
   return "";
 }
 
+std::string decode_base64(std::string_view text) {
+  std::string out(text.size(), '\0');
+  int state = 0;
+  guint32 save = 0;
+  size_t size = g_mime_encoding_base64_decode_step(reinterpret_cast<const unsigned char *>(text.data()), text.size(),
+                                                   reinterpret_cast<unsigned char *>(out.data()), &state, &save);
+  out.resize(size);
+  return out;
+}
+
+std::string decode_quoted(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); i++) {
+    if (text[i] == '=' && i + 2 < text.size() && g_ascii_isxdigit(text[i + 1]) && g_ascii_isxdigit(text[i + 2])) {
+      out += static_cast<char>(g_ascii_xdigit_value(text[i + 1]) * 16 + g_ascii_xdigit_value(text[i + 2]));
+      i += 2;
+    } else {
+      out += text[i] == '_' ? ' ' : text[i];
+    }
+  }
+  return out;
+}
+
+/* Reads an encoded word that begins at text[at]. Returns the position after it, 0 when there is none. */
+size_t encoded_word(std::string_view text, size_t at, std::string *charset, std::string *bytes) {
+  if (text.substr(at, 2) != "=?") return 0;
+  size_t name_end = text.substr(0, std::min(text.size(), at + 80)).find('?', at + 2);
+  if (name_end == std::string_view::npos || name_end + 2 >= text.size() || text[name_end + 2] != '?') return 0;
+  char encoding = g_ascii_toupper(text[name_end + 1]);
+  /* Far longer than any real one is: a header full of beginnings is not searched to its end for each of them. */
+  size_t end = text.substr(0, std::min(text.size(), name_end + 4096)).find("?=", name_end + 3);
+  if ((encoding != 'B' && encoding != 'Q') || end == std::string_view::npos) return 0;
+  std::string_view payload = text.substr(name_end + 3, end - name_end - 3);
+  /* An end that belongs to another word: this one was cut off. */
+  if (payload.find("=?") != std::string_view::npos) return 0;
+  *charset = text.substr(at + 2, name_end - at - 2);
+  size_t language = charset->find('*');
+  if (language != std::string::npos) charset->resize(language);
+  *bytes = encoding == 'B' ? decode_base64(payload) : decode_quoted(payload);
+  return end + 2;
+}
+
+/* A header's text with its encoded words resolved. Words of one charset are put together before they are converted: a
+   character that its writer split between two words is whole again, which the library does not do. */
+std::string decode_words(std::string_view text) {
+  std::string out, plain, pending, pending_charset;
+  auto flush_plain = [&] {
+    if (!plain.empty()) out += mime_to_utf8(plain, nullptr);
+    plain.clear();
+  };
+  auto flush_pending = [&] {
+    if (!pending.empty()) out += mime_to_utf8(pending, pending_charset.c_str());
+    pending.clear();
+  };
+  bool after_word = false;
+  for (size_t at = 0; at < text.size();) {
+    std::string charset, bytes;
+    size_t end = encoded_word(text, at, &charset, &bytes);
+    if (end == 0) {
+      plain += text[at++];
+      continue;
+    }
+    /* Blanks between two encoded words only separate them. */
+    bool only_blanks = plain.find_first_not_of(" \t\r\n") == std::string::npos;
+    if (!(after_word && only_blanks)) {
+      flush_pending();
+      flush_plain();
+    }
+    plain.clear();
+    if (charset != pending_charset) flush_pending();
+    pending_charset = charset;
+    pending += bytes;
+    after_word = true;
+    at = end;
+  }
+  flush_pending();
+  flush_plain();
+  return out;
+}
+
+/* The value of a header as it stands in the message, unfolded; empty when there is none. */
+std::string raw_header(GMimeMessage *message, const char *name) {
+  GMimeHeaderList *list = g_mime_object_get_header_list(GMIME_OBJECT(message));
+  GMimeHeader *header = list ? g_mime_header_list_get_header(list, name) : nullptr;
+  const char *value = header ? g_mime_header_get_raw_value(header) : nullptr;
+  return std::string(value ? value : "").substr(0, kMaxHeader);
+}
+
+void replace_all(std::string *text, std::string_view from, std::string_view to) {
+  for (size_t at = 0; (at = text->find(from, at)) != std::string::npos; at += to.size())
+    text->replace(at, from.size(), to);
+}
+
+/* Takes the place of "=?" while the library parses addresses, so that it leaves encoded words alone. */
+constexpr char kWordMark[] = "=~{~";
+
 bool first_mailbox(InternetAddressList *list, std::string *address, std::string *name, int depth = 0) {
   int count = list ? internet_address_list_length(list) : 0;
   for (int i = 0; i < count && i < 100; i++) {
@@ -268,7 +365,9 @@ bool first_mailbox(InternetAddressList *list, std::string *address, std::string 
       const char *text = internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(entry));
       const char *display = internet_address_get_name(entry);
       *address = mime_clean_line(text ? text : "", kMaxAddress);
-      if (name) *name = mime_clean_line(display ? display : "", kMaxName);
+      std::string words = display ? display : "";
+      replace_all(&words, kWordMark, "=?");
+      if (name) *name = mime_clean_line(decode_words(words), kMaxName);
       return true;
     }
     if (depth < 3 && INTERNET_ADDRESS_IS_GROUP(entry) &&
@@ -276,6 +375,13 @@ bool first_mailbox(InternetAddressList *list, std::string *address, std::string 
       return true;
   }
   return false;
+}
+
+bool first_address(GMimeMessage *message, const char *header, std::string *address, std::string *name) {
+  std::string value = raw_header(message, header);
+  replace_all(&value, "=?", kWordMark);
+  holder<InternetAddressList> list(internet_address_list_parse(options, value.c_str()));
+  return list && first_mailbox(list.get(), address, name);
 }
 
 /* An id that can be repeated in a header without changing it. */
@@ -381,16 +487,13 @@ int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
     return -1;
   }
 
-  const char *subject = g_mime_message_get_subject(message.get());
-  mail->subject = mime_clean_line(subject ? subject : "", kMaxSubject);
-  if (!first_mailbox(g_mime_message_get_from(message.get()), &mail->from_address, &mail->from_name) &&
-      !first_mailbox(g_mime_message_get_sender(message.get()), &mail->from_address, &mail->from_name)) {
+  mail->subject = mime_clean_line(decode_words(raw_header(message.get(), "Subject")), kMaxSubject);
+  if (!first_address(message.get(), "From", &mail->from_address, &mail->from_name) &&
+      !first_address(message.get(), "Sender", &mail->from_address, &mail->from_name)) {
     /* A sender that is no address at all is still who it says it is from. */
-    const char *from = g_mime_object_get_header(GMIME_OBJECT(message.get()), "From");
-    mail->from_address = mime_clean_line(from ? from : "", kMaxAddress);
+    mail->from_address = mime_clean_line(decode_words(raw_header(message.get(), "From")), kMaxAddress);
   }
-  if (!first_mailbox(g_mime_message_get_reply_to(message.get()), &mail->reply_to, nullptr))
-    mail->reply_to = mail->from_address;
+  if (!first_address(message.get(), "Reply-To", &mail->reply_to, nullptr)) mail->reply_to = mail->from_address;
   mail->date = date_seconds(g_mime_message_get_date(message.get()));
 
   walk w;

@@ -184,8 +184,14 @@ int open_to_read(database *db, int *steps) {
   if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return CONTACTS_ERROR_NONE;
   *db = open_file(path, SQLITE_OPEN_READONLY, READER_WAIT_MS, steps);
   /* A writer that was killed leaves a journal, which only a connection that may write can roll back. */
-  if (*db != nullptr && !query_int(db->get(), "PRAGMA user_version") && access((path + "-journal").c_str(), F_OK) == 0)
+  if (*db != nullptr && !query_int(db->get(), "PRAGMA user_version")) {
+    if (sqlite3_errcode(db->get()) == SQLITE_BUSY || access((path + "-journal").c_str(), F_OK) != 0) {
+      log_database_error(db->get(), "read");
+      db->reset();
+      return CONTACTS_ERROR_DB;
+    }
     *db = open_file(path, SQLITE_OPEN_READWRITE, READER_WAIT_MS, steps);
+  }
   if (*db == nullptr) return CONTACTS_ERROR_DB;
   const int checked = check_file(db->get());
   if (checked <= 0) db->reset();

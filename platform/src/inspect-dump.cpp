@@ -1,3 +1,4 @@
+#define EFL_BETA_API_SUPPORT /* for the class of objects that have members */
 #include <Eo.h>
 
 #include <algorithm>
@@ -111,26 +112,42 @@ struct text_style {
   std::string color_word;
 };
 
-/* "font_size=26 color=#fff" and the like; a value may be quoted or hold escaped blanks. */
+/* Takes one "key=value" over. */
+void read_setting(const std::string &key, const std::string &value, text_style *style) {
+  if (key == "font") style->font = value;
+  if (key == "font_size") style->size = atof(value.c_str());
+  if (key == "color") style->color_word = value;
+}
+
+/* "font=Noto Sans font_size=26 color=#fff": a value may be quoted, hold escaped blanks, and, once a theme has gone
+   through it, plain ones: a word without a "=" belongs to the value before it. */
 void read_format(std::string_view format, text_style *style) {
-  size_t i = 0;
-  while (i < format.size()) {
-    while (i < format.size() && (format[i] == ' ' || format[i] == '+')) i++;
-    const size_t equals = format.find('=', i);
-    if (equals == std::string_view::npos) return;
-    const std::string_view key = format.substr(i, equals - i);
-    i = equals + 1;
-    std::string value;
-    const char quote = i < format.size() && (format[i] == '\'' || format[i] == '"') ? format[i++] : 0;
-    while (i < format.size() && (quote ? format[i] != quote : format[i] != ' ')) {
-      if (format[i] == '\\' && i + 1 < format.size()) i++;
-      value += format[i++];
+  std::string key;
+  std::string value;
+  std::string word;
+  char quote = 0;
+  auto end_word = [&] {
+    const size_t equals = word.find('=');
+    if (equals != std::string::npos) {
+      read_setting(key, value, style);
+      key = word.substr(0, equals);
+      value = word.substr(equals + 1);
+    } else if (!word.empty() && word != "+") {
+      value += " " + word;
     }
-    i++;
-    if (key == "font") style->font = value;
-    if (key == "font_size") style->size = atof(value.c_str());
-    if (key == "color") style->color_word = value;
+    word.clear();
+  };
+  for (size_t i = 0; i < format.size(); i++) {
+    const char c = format[i];
+    if (quote ? c == quote : c == '\'' || c == '"')
+      quote = quote ? 0 : c;
+    else if (!quote && c == ' ')
+      end_word();
+    else
+      word += c == '\\' && i + 1 < format.size() ? format[++i] : c;
   }
+  end_word();
+  read_setting(key, value, style);
 }
 
 /* A style's text: DEFAULT='...' tag='...' … */
@@ -143,7 +160,8 @@ std::map<std::string, std::string> read_style(const char *text) {
     std::string key(p, equals);
     std::string value;
     for (p = equals + 2; *p && *p != '\''; p++) {
-      if (*p == '\\' && p[1]) p++;
+      /* Only the quote is this level's; a format keeps its own escapes. */
+      if (*p == '\\' && p[1] == '\'') p++;
       value += *p;
     }
     if (*p) p++;
@@ -335,7 +353,7 @@ void visit(walk *w, Evas_Object *obj) {
     visit_block(w, obj);
   } else if (strcmp(type, "rectangle") == 0 || strcmp(type, "image") == 0) {
     visit_cover(w, obj, type);
-  } else {
+  } else if (efl_isa(obj, EFL_CANVAS_GROUP_CLASS)) {
     if (elm_object_widget_check(obj)) visit_widget(w, obj);
     Eina_List *members = evas_object_smart_members_get(obj);
     void *member;

@@ -1,3 +1,4 @@
+#define EFL_BETA_API_SUPPORT /* for the class of objects that have members */
 #include "keypad.h"
 
 #include <Ecore.h>
@@ -112,6 +113,8 @@ bool is_conformant(Evas_Object *obj) {
 Evas_Object *find_in(Evas_Object *obj, bool (*wanted)(Evas_Object *)) {
   if (!evas_object_visible_get(obj)) return nullptr;
   if (wanted(obj)) return obj;
+  /* A plain shape has no members and complains when asked for them. */
+  if (!efl_isa(obj, EFL_CANVAS_GROUP_CLASS)) return nullptr;
   Evas_Object *found = nullptr;
   Eina_List *members = evas_object_smart_members_get(obj);
   void *data;

@@ -1,0 +1,453 @@
+/* The contacts: vCards in, queries out, changes told to other processes, damaged files. */
+#include <Ecore.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "contacts.h"
+#include "loop.h"
+#include "platform-paths.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+fs::path database() {
+  return fs::path(platform_data_dir()) / "contacts.db";
+}
+
+void put_file(const fs::path &path, const std::string &bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string get_file(const fs::path &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+std::string card(const std::string &lines, const std::string &version = "3.0") {
+  return "BEGIN:VCARD\r\nVERSION:" + version + "\r\n" + lines + "END:VCARD\r\n";
+}
+
+/* "" on success, else the reason. */
+std::string import(const std::string &text, int *count = nullptr) {
+  const fs::path path = fs::path(platform_runtime_dir()) / "import.vcf";
+  put_file(path, text);
+  int added = -1;
+  char *error = nullptr;
+  const int result = contacts_import_vcard_file(path.c_str(), &added, &error);
+  const std::unique_ptr<char, decltype(&free)> holder(error, free);
+  if (count != nullptr) *count = added;
+  if (result == CONTACTS_ERROR_NONE) return "";
+  EXPECT_EQ(added, -1);
+  return error != nullptr ? error : "no reason";
+}
+
+std::vector<nlohmann::json> all() {
+  std::vector<nlohmann::json> found;
+  const int result = contacts_for_each(
+      [](const char *json, void *data) {
+        static_cast<std::vector<nlohmann::json> *>(data)->push_back(nlohmann::json::parse(json));
+      },
+      &found);
+  EXPECT_EQ(result, CONTACTS_ERROR_NONE);
+  return found;
+}
+
+/* The records of a query as "person-id name text type" lines; a NULL filter function: no filter. */
+std::vector<std::string> query(const char *uri, const std::function<int(contacts_filter_h)> &filter, int offset = 0,
+                               int limit = 0, int *status = nullptr) {
+  std::vector<std::string> rows;
+  contacts_query_h made = nullptr;
+  contacts_filter_h by = nullptr;
+  contacts_list_h list = nullptr;
+  EXPECT_EQ(contacts_query_create(uri, &made), CONTACTS_ERROR_NONE);
+  if (filter) {
+    EXPECT_EQ(contacts_filter_create(uri, &by), CONTACTS_ERROR_NONE);
+    filter(by);
+    EXPECT_EQ(contacts_query_set_filter(made, by), CONTACTS_ERROR_NONE);
+    contacts_filter_destroy(by); /* the query has its copy */
+  }
+  const int result = contacts_db_get_records_with_query(made, offset, limit, &list);
+  if (status != nullptr) *status = result;
+  contacts_query_destroy(made);
+  if (result != CONTACTS_ERROR_NONE) return rows;
+  contacts_record_h record = nullptr;
+  while (contacts_list_get_current_record_p(list, &record) == CONTACTS_ERROR_NONE) {
+    int id = 0;
+    int type = -1;
+    char *name = nullptr;
+    char *text = nullptr;
+    if (strcmp(uri, _contacts_person_email._uri) == 0) {
+      contacts_record_get_int(record, _contacts_person_email.person_id, &id);
+      contacts_record_get_str_p(record, _contacts_person_email.display_name, &name);
+      contacts_record_get_str_p(record, _contacts_person_email.email, &text);
+      EXPECT_EQ(contacts_record_get_int(record, _contacts_person_email.email, &type), CONTACTS_ERROR_INVALID_PARAMETER);
+    } else if (strcmp(uri, _contacts_person_number._uri) == 0) {
+      contacts_record_get_int(record, _contacts_person_number.person_id, &id);
+      contacts_record_get_str_p(record, _contacts_person_number.display_name, &name);
+      contacts_record_get_str_p(record, _contacts_person_number.number, &text);
+      contacts_record_get_int(record, _contacts_person_number.type, &type);
+    } else {
+      contacts_record_get_int(record, _contacts_person.id, &id);
+      contacts_record_get_str_p(record, _contacts_person.display_name, &name);
+    }
+    rows.push_back(std::to_string(id) + " " + (name != nullptr ? name : "-") + (text != nullptr ? " " : "") +
+                   (text != nullptr ? text : "") + (type >= 0 ? " " + std::to_string(type) : ""));
+    if (contacts_list_next(list) == CONTACTS_ERROR_NO_DATA) break;
+  }
+  EXPECT_EQ(contacts_list_get_current_record_p(list, &record), CONTACTS_ERROR_NO_DATA);
+  contacts_list_destroy(list, true);
+  return rows;
+}
+
+std::vector<std::string> by_address(const char *address, int match = CONTACTS_MATCH_FULLSTRING) {
+  return query(_contacts_person_email._uri, [&](contacts_filter_h filter) {
+    return contacts_filter_add_str(filter, _contacts_person_email.email, match, address);
+  });
+}
+
+struct Contacts : testing::Test {
+  void SetUp() override {
+    fs::remove(database());
+    ASSERT_EQ(contacts_connect2(), CONTACTS_ERROR_NONE);
+  }
+  void TearDown() override { contacts_disconnect2(); }
+};
+
+using VCard = Contacts;
+using Changes = Contacts;
+using BadFile = Contacts;
+using lines = std::vector<std::string>;
+
+/* --- queries ---------------------------------------------------------------------------------------------------- */
+
+TEST_F(Contacts, AreFoundByAddressAndById) {
+  EXPECT_TRUE(by_address("anna@example.org").empty()); /* no file yet */
+  EXPECT_FALSE(fs::exists(database()));
+  ASSERT_EQ(
+      import(card("FN:Anna\r\nEMAIL:Anna@Example.org\r\nEMAIL:a@x\r\nTEL;TYPE=WORK:2\r\nTEL;TYPE=CELL:1\r\n") +
+             card("FN:Bo\r\nEMAIL:ÉVA@example.org\r\nTEL:3\r\n") + card("FN:Anna two\r\nEMAIL:anna@example.ORG\r\n")),
+      "");
+  EXPECT_EQ(by_address("ANNA@example.org"), (lines{"1 Anna Anna@Example.org", "3 Anna two anna@example.ORG"}));
+  EXPECT_EQ(by_address("anna@example.org", CONTACTS_MATCH_EXACTLY), lines{});
+  EXPECT_EQ(by_address("anna@example.ORG", CONTACTS_MATCH_EXACTLY), lines{"3 Anna two anna@example.ORG"});
+  EXPECT_EQ(by_address("éva@EXAMPLE.org"), lines{"2 Bo ÉVA@example.org"});
+  for (const char *none : {"anna@example", "%", "_nna@example.org", "", "' OR 1=1 --"})
+    EXPECT_EQ(by_address(none), lines{});
+
+  const auto numbers_of = [](int id) {
+    return query(_contacts_person_number._uri, [id](contacts_filter_h filter) {
+      return contacts_filter_add_int(filter, _contacts_person_number.person_id, CONTACTS_MATCH_EQUAL, id);
+    });
+  };
+  EXPECT_EQ(numbers_of(1), (lines{"1 Anna 2 3", "1 Anna 1 2"})); /* in the order of the card */
+  EXPECT_EQ(numbers_of(2), lines{"2 Bo 3 0"});
+  EXPECT_EQ(numbers_of(3), lines{});
+  EXPECT_EQ(query(_contacts_person._uri, nullptr), (lines{"1 Anna", "2 Bo", "3 Anna two"}));
+  EXPECT_EQ(query(_contacts_person._uri, nullptr, 1, 1), lines{"2 Bo"});
+  /* Two conditions hold together; a filter to which none could be added finds nobody. */
+  EXPECT_EQ(query(_contacts_person_number._uri,
+                  [](contacts_filter_h filter) {
+                    contacts_filter_add_int(filter, _contacts_person_number.person_id, CONTACTS_MATCH_EQUAL, 1);
+                    return contacts_filter_add_int(filter, _contacts_person_number.type, CONTACTS_MATCH_EQUAL, 2);
+                  }),
+            lines{"1 Anna 1 2"});
+  EXPECT_EQ(query(_contacts_person._uri,
+                  [](contacts_filter_h filter) {
+                    const int result = contacts_filter_add_int(filter, _contacts_person_number.type, 0, 2);
+                    EXPECT_EQ(result, CONTACTS_ERROR_INVALID_PARAMETER);
+                    return result;
+                  }),
+            lines{});
+}
+
+TEST_F(Contacts, RefuseWhatMakesNoSense) {
+  contacts_query_h made = nullptr;
+  contacts_filter_h other = nullptr;
+  contacts_list_h list = nullptr;
+  EXPECT_EQ(contacts_query_create("contacts.nothing", &made), CONTACTS_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(contacts_query_create(nullptr, &made), CONTACTS_ERROR_INVALID_PARAMETER);
+  ASSERT_EQ(contacts_query_create(_contacts_person._uri, &made), CONTACTS_ERROR_NONE);
+  ASSERT_EQ(contacts_filter_create(_contacts_person_email._uri, &other), CONTACTS_ERROR_NONE);
+  EXPECT_EQ(contacts_query_set_filter(made, other), CONTACTS_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(contacts_filter_add_str(other, _contacts_person_email.person_id, CONTACTS_MATCH_FULLSTRING, "1"),
+            CONTACTS_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(contacts_filter_add_str(other, _contacts_person_email.email, CONTACTS_MATCH_FULLSTRING, "\xFF"),
+            CONTACTS_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(contacts_db_get_records_with_query(made, -1, 0, &list), CONTACTS_ERROR_INVALID_PARAMETER);
+  contacts_disconnect2();
+  EXPECT_EQ(contacts_db_get_records_with_query(made, 0, 0, &list), CONTACTS_ERROR_NOT_CONNECTED);
+  EXPECT_EQ(contacts_disconnect2(), CONTACTS_ERROR_NOT_CONNECTED);
+  contacts_connect2();
+  contacts_filter_destroy(other);
+  contacts_query_destroy(made);
+  EXPECT_EQ(contacts_list_next(nullptr), CONTACTS_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(contacts_list_destroy(nullptr, true), CONTACTS_ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(Contacts, AreRemovedByAddressWithAllTheyHave) {
+  import(card("FN:Anna\r\nEMAIL:a@x\r\nEMAIL:b@x\r\nTEL:1\r\n") + card("FN:Bo\r\nEMAIL:B@X\r\n") +
+         card("FN:Cy\r\nEMAIL:c@x\r\n"));
+  int count = -1;
+  EXPECT_EQ(contacts_remove_by_email("none@x", &count), CONTACTS_ERROR_NONE);
+  EXPECT_EQ(count, 0);
+  EXPECT_EQ(contacts_remove_by_email("b@x", &count), CONTACTS_ERROR_NONE);
+  EXPECT_EQ(count, 2);
+  EXPECT_EQ(query(_contacts_person_email._uri, nullptr), lines{"3 Cy c@x"});
+  EXPECT_EQ(query(_contacts_person_number._uri, nullptr), lines{});
+  import(card("FN:Di\r\n"));
+  EXPECT_EQ(query(_contacts_person._uri, nullptr), (lines{"3 Cy", "4 Di"})); /* an id is never given twice */
+}
+
+/* --- vCards ----------------------------------------------------------------------------------------------------- */
+
+TEST_F(VCard, ReadsWhatPhonesWrite) {
+  const struct {
+    const char *what;
+    std::string text, json; /* the person without its id */
+  } rows[] = {
+      {"3.0 with folds, escapes and groups",
+       card("N:Berg;Anna;;;\r\nFN:Anna \r\n Berg\\, Dr\\; "
+            "x\\\\y\r\nitem1.EMAIL;TYPE=INTERNET,PREF:anna@ex\r\n\tample.org\r\n"
+            "item1.X-ABLabel:work\r\n"),
+       R"({"name":"Anna Berg, Dr; x\\y","emails":["anna@example.org"],"numbers":[]})"},
+      {"2.1 in quoted-printable with a charset and soft breaks",
+       card("N;CHARSET=ISO-8859-1;ENCODING=QUOTED-PRINTABLE:M=FCller;J=F6=\r\nrg;;Dr.\r\nTEL;HOME;VOICE:+49 "
+            "1\r\nTEL;CELL:2\r\n",
+            "2.1"),
+       R"({"name":"Dr. Jörg Müller","emails":[],"numbers":[{"number":"+49 1","type":"home"},{"number":"2","type":"mobile"}]})"},
+      {"2.1 in UTF-8 quoted-printable with lower-case names",
+       "begin:vcard\nversion:2.1\nfn;encoding=quoted-printable;charset=utf-8:=D0=90=D0=BD=D1=8F\ntel;work;cell:1\nend:"
+       "vcard\n",
+       R"({"name":"Аня","emails":[],"numbers":[{"number":"1","type":"mobile"}]})"},
+      {"2.1 in an 8-bit set that it does not name", card("FN:Ren\xE9\r\n", "2.1"),
+       R"({"name":"René","emails":[],"numbers":[]})"},
+      {"2.1 with another's card inside",
+       card("FN:Boss\r\nAGENT:\r\nBEGIN:VCARD\r\nFN:Agent\r\nTEL:9\r\nEND:VCARD\r\nTEL;WORK:1\r\n", "2.1"),
+       R"({"name":"Boss","emails":[],"numbers":[{"number":"1","type":"work"}]})"},
+      {"4.0 with URIs",
+       card("FN:Four\r\nTEL;VALUE=uri;TYPE=\"voice,home\":tel:+1-555-0100;ext=9\r\nEMAIL:mailto:f@x\r\n", "4.0"),
+       R"({"name":"Four","emails":["f@x"],"numbers":[{"number":"+1-555-0100","type":"home"}]})"},
+      {"types of all kinds",
+       card("FN:T\r\nTEL;TYPE=FAX:1\r\nTEL;TYPE=VOICE,PREF:2\r\nTEL;TYPE=work;TYPE=cell:3\r\nTEL;TYPE=WORK,FAX:4\r\n"),
+       R"({"name":"T","emails":[],"numbers":[{"number":"1","type":"other"},{"number":"2","type":"none"},)"
+       R"({"number":"3","type":"mobile"},{"number":"4","type":"work"}]})"},
+      {"a photo, a quoted colon, blank lines and a byte order mark",
+       "\xEF\xBB\xBF" + card("PHOTO;ENCODING=b:AAAA\r\n BBBB\r\n\r\nTEL;X=\"a:b;c\":5\r\nORG:Firm;Unit\r\n"),
+       R"({"name":"Firm","emails":[],"numbers":[{"number":"5","type":"none"}]})"},
+      {"no name at all", card("EMAIL:only@x\r\n"), R"({"name":"only@x","emails":["only@x"],"numbers":[]})"},
+      {"breaks and controls in a name", card("FN:a\\nb\x01\tc  d\r\n"),
+       R"({"name":"a b c d","emails":[],"numbers":[]})"},
+      {"base64 text", card("FN;ENCODING=b:w4RybmU=\r\n"), R"({"name":"Ärne","emails":[],"numbers":[]})"},
+      {"Japanese in its old set", card("FN;CHARSET=SHIFT_JIS:\x93\xFA\x96{\r\n", "2.1"),
+       R"({"name":"日本","emails":[],"numbers":[]})"},
+  };
+  for (const auto &row : rows) {
+    fs::remove(database());
+    int count = 0;
+    ASSERT_EQ(import(row.text, &count), "") << row.what;
+    EXPECT_EQ(count, 1) << row.what;
+    nlohmann::json expected = nlohmann::json::parse(row.json);
+    expected["person_id"] = 1;
+    EXPECT_EQ(all(), std::vector<nlohmann::json>{expected}) << row.what;
+  }
+  int count = -1;
+  EXPECT_EQ(import(card("NOTE:empty\r\n"), &count), ""); /* nothing to keep, nothing wrong */
+  EXPECT_EQ(count, 0);
+}
+
+/* Of a bad file nothing is taken, and the reason names the line. */
+TEST_F(VCard, RefusesBadFilesWhole) {
+  ASSERT_EQ(import(card("FN:Kept\r\n")), "");
+  const std::string good = card("FN:Good\r\n");
+  std::string deep = "BEGIN:VCARD\r\n";
+  std::string many = "FN:x\r\n";
+  for (int i = 0; i < 1000; i++) deep += "BEGIN:VCARD\r\n";
+  for (int i = 0; i < 101; i++) many += "TEL:1\r\n";
+  const struct {
+    std::string text, reason;
+  } rows[] = {
+      {"", "the file holds no vCard"},
+      {good + "hello\r\n", "line 5: a vCard must begin here"},
+      {good + "BEGIN:VCARD\r\nFN:x\r\n", "line 5: the card that begins here has no end"},
+      {good + card("no colon\r\n"), "line 7: this is no vCard line"},
+      {good + card("FN;CHARSET=NO-SUCH:x\r\n"), "line 7: the text is not in the character set that the card names"},
+      {good + card("FN;CHARSET=UTF-16//IGNORE:x\r\n"),
+       "line 7: the text is not in the character set that the card names"},
+      {good + card("FN:" + std::string(1025, 'n') + "\r\n"), "line 7: the name is too long"},
+      {good + card("EMAIL:" + std::string(321, 'e') + "\r\n"), "line 7: the e-mail address is too long"},
+      {good + card("TEL:" + std::string(65, '1') + "\r\n"), "line 7: the phone number is too long"},
+      {good + card(many), "line 108: the person has too many phone numbers"},
+      {good + deep, "line 14: cards are nested too deeply"},
+      {good + std::string(1, '\0'), "the file is not text"},
+      {std::string(16 * 1024 * 1024 + 1, ' '), "the file is larger than 16 MiB"},
+  };
+  for (const auto &row : rows) EXPECT_EQ(import(row.text), row.reason);
+  EXPECT_EQ(query(_contacts_person._uri, nullptr), lines{"1 Kept"});
+  int count = 0;
+  char *error = nullptr;
+  EXPECT_LT(contacts_import_vcard_file("/nonexistent.vcf", &count, &error), 0);
+  EXPECT_STREQ(error, "No such file or directory");
+  free(error);
+  EXPECT_LT(contacts_import_vcard_file(platform_data_dir(), &count, nullptr), 0);
+}
+
+/* Every way to cut or bend a card ends in a clear answer, never in anything else (the sanitizers watch). */
+TEST_F(VCard, SurvivesAnyDamage) {
+  const std::string text = card(
+      "N;CHARSET=UTF-8;ENCODING=QUOTED-PRINTABLE:=C3=84;=\r\nx;;;\r\nFN:\\n\\;\\\r\n é\r\n"
+      "a.TEL;TYPE=\"cell\":tel:1;x\r\nEMAIL;=;;:\r\n",
+      "2.1");
+  for (size_t i = 0; i < text.size(); i += 1) {
+    std::string bent = text;
+    bent[i] = static_cast<char>(i % 3 == 0 ? 0xFF : i % 3 == 1 ? '=' : ':');
+    import(i % 2 == 0 ? bent : text.substr(0, i));
+  }
+  for (const auto &person : all()) EXPECT_FALSE(person["name"].get<std::string>().empty());
+}
+
+/* --- changes ---------------------------------------------------------------------------------------------------- */
+
+struct listener {
+  std::vector<std::string> *heard;
+  std::string name;
+  std::function<void()> then;
+};
+
+void on_changed(const char *uri, void *data) {
+  auto *to = static_cast<listener *>(data);
+  to->heard->push_back(to->name + " " + uri);
+  if (to->then) to->then();
+}
+
+TEST_F(Changes, ReachOtherProcessesInTheOrderOfRegistration) {
+  lines heard;
+  listener first{&heard, "first", nullptr}, second{&heard, "second", nullptr}, third{&heard, "third", nullptr};
+  EXPECT_EQ(contacts_db_add_changed_cb("nothing", on_changed, &first), CONTACTS_ERROR_INVALID_PARAMETER);
+  ASSERT_EQ(contacts_db_add_changed_cb(_contacts_person._uri, on_changed, &first), CONTACTS_ERROR_NONE);
+  ASSERT_EQ(contacts_db_add_changed_cb(_contacts_person_number._uri, on_changed, &second), CONTACTS_ERROR_NONE);
+  ASSERT_EQ(contacts_db_add_changed_cb(_contacts_person._uri, on_changed, &third), CONTACTS_ERROR_NONE);
+  const lines everyone = {"first contacts.person", "second contacts.person/number", "third contacts.person"};
+
+  ASSERT_TRUE(in_child([] { return import(card("FN:Anna\r\nEMAIL:a@x\r\n")).empty(); }));
+  ASSERT_TRUE(loop_until([&] { return heard.size() >= 3; }));
+  EXPECT_EQ(heard, everyone);
+  heard.clear();
+  int count = 0;
+  contacts_remove_by_email("nobody@x", &count); /* no change, nothing to tell */
+  EXPECT_EQ(contacts_remove_by_email("a@x", &count), CONTACTS_ERROR_NONE);
+  ASSERT_TRUE(loop_until([&] { return heard.size() >= 3; }));
+  EXPECT_EQ(heard, everyone); /* once for the commit */
+  heard.clear();
+
+  first.then = [&] {
+    EXPECT_EQ(contacts_db_remove_changed_cb(_contacts_person_number._uri, on_changed, &second), CONTACTS_ERROR_NONE);
+    EXPECT_EQ(contacts_db_remove_changed_cb(_contacts_person._uri, on_changed, &first), CONTACTS_ERROR_NONE);
+    EXPECT_EQ(contacts_db_remove_changed_cb(_contacts_person._uri, on_changed, &first),
+              CONTACTS_ERROR_INVALID_PARAMETER);
+  };
+  import(card("FN:Bo\r\n"));
+  ASSERT_TRUE(loop_until([&] { return heard.size() >= 2; }));
+  EXPECT_EQ(heard, (lines{"first contacts.person", "third contacts.person"}));
+  heard.clear();
+  fs::remove(database()); /* taken away as a whole */
+  ASSERT_TRUE(loop_until([&] { return !heard.empty(); }));
+  EXPECT_EQ(heard, lines{"third contacts.person"});
+  EXPECT_EQ(contacts_db_remove_changed_cb(_contacts_person._uri, on_changed, &third), CONTACTS_ERROR_NONE);
+}
+
+/* --- damaged, foreign and locked files -------------------------------------------------------------------------- */
+
+TEST_F(BadFile, IsAnErrorAndStaysAsItIs) {
+  ASSERT_EQ(import(card("FN:Anna\r\nEMAIL:a@x\r\n")), "");
+  const std::string good = get_file(database());
+  const auto with_sql = [](const char *sql) {
+    fs::remove(database());
+    sqlite3 *db = nullptr;
+    sqlite3_open(database().c_str(), &db);
+    sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    return get_file(database());
+  };
+  std::string torn = good;
+  for (size_t i = 4096; i < torn.size(); i += 2) torn[i] = '\x5A';
+  const std::string rows[] = {
+      "this is no database",
+      std::string(100000, '\xFF'),
+      good.substr(0, 5000),
+      torn,
+      with_sql("CREATE TABLE other(x)"),
+      with_sql("PRAGMA application_id = 1111707220; PRAGMA user_version = 2; CREATE TABLE person(id)"),
+      with_sql("PRAGMA application_id = 1111707220; PRAGMA user_version = 1; CREATE VIEW person AS SELECT 1 AS id, 'x' "
+               "AS name"),
+  };
+  for (const std::string &bytes : rows) {
+    put_file(database(), bytes);
+    int status = 0;
+    int count = 0;
+    query(_contacts_person_email._uri, nullptr, 0, 0, &status);
+    EXPECT_EQ(status, CONTACTS_ERROR_DB) << bytes.substr(0, 20);
+    EXPECT_EQ(contacts_for_each([](const char *, void *) { ADD_FAILURE(); }, nullptr), CONTACTS_ERROR_DB);
+    EXPECT_EQ(contacts_remove_by_email("a@x", &count), CONTACTS_ERROR_DB);
+    EXPECT_NE(import(card("FN:New\r\n")), "");
+    EXPECT_EQ(get_file(database()), bytes);
+  }
+  put_file(database(), good); /* repaired: usable at once */
+  EXPECT_EQ(by_address("a@x"), lines{"1 Anna a@x"});
+  fs::remove(database());
+  fs::create_directory(database());
+  int status = 0;
+  query(_contacts_person._uri, nullptr, 0, 0, &status);
+  EXPECT_EQ(status, CONTACTS_ERROR_DB);
+  fs::remove(database());
+}
+
+TEST_F(BadFile, LockedByAnotherIsAnErrorAndNotAHang) {
+  ASSERT_EQ(import(card("FN:Anna\r\nEMAIL:a@x\r\n")), "");
+  sqlite3 *db = nullptr;
+  ASSERT_EQ(sqlite3_open(database().c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+  EXPECT_TRUE(in_child([] {
+    int status = 0;
+    query(_contacts_person._uri, nullptr, 0, 0, &status);
+    return status == CONTACTS_ERROR_DB;
+  }));
+  sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+  EXPECT_EQ(by_address("a@x").size(), 1u);
+}
+
+/* A writer that is killed in its commit leaves a journal; the next reader sees the state before. */
+TEST_F(BadFile, AKilledWriterTakesNothingAlong) {
+  ASSERT_EQ(import(card("FN:Anna\r\nEMAIL:a@x\r\n")), "");
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    sqlite3 *db = nullptr;
+    sqlite3_open(database().c_str(), &db);
+    sqlite3_exec(db, "PRAGMA cache_size = 1; PRAGMA cache_spill = 1; BEGIN", nullptr, nullptr, nullptr);
+    for (int i = 0; i < 5000; i++)
+      sqlite3_exec(db, "INSERT INTO person(name) VALUES(hex(randomblob(200)))", nullptr, nullptr, nullptr);
+    sqlite3_exec(db, "UPDATE person SET name = 'overwritten' WHERE id = 1", nullptr, nullptr, nullptr);
+    sqlite3_db_cacheflush(db);
+    kill(getpid(), SIGKILL);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(fs::exists(database().string() + "-journal"));
+  EXPECT_EQ(by_address("a@x"), lines{"1 Anna a@x"});
+  EXPECT_EQ(query(_contacts_person._uri, nullptr).size(), 1u);
+}
+
+}  // namespace

@@ -1,0 +1,429 @@
+/* The settings store, its notifications and what stands on it: dlog's lines and pickover. */
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dlog.h"
+#include "loop.h"
+#include "pickover.h"
+#include "platform-paths.h"
+#include "vconf.h"
+
+namespace fs = std::filesystem;
+
+/* --- every system call of a write can be made to fail, or to be the last thing that its process does ------------ */
+
+namespace {
+
+enum class fault { none, fail, kill_before, kill_half, kill_after };
+struct {
+  fault kind = fault::none;
+  int at = 0; /* calls left until the fault */
+} plan;
+
+bool fault_is_due() {
+  return plan.kind != fault::none && plan.at-- == 0;
+}
+
+[[noreturn]] void die() {
+  kill(getpid(), SIGKILL);
+  abort();
+}
+
+template <typename F, typename Half>
+auto call(F real, Half half) -> decltype(real()) {
+  if (!fault_is_due()) return real();
+  if (plan.kind == fault::kill_before) die();
+  if (plan.kind == fault::kill_half) {
+    half();
+    die();
+  }
+  if (plan.kind == fault::kill_after) {
+    real();
+    die();
+  }
+  errno = ENOSPC;
+  return -1;
+}
+
+}  // namespace
+
+extern "C" {
+ssize_t write(int fd, const void *bytes, size_t size) {
+  static const auto real = reinterpret_cast<ssize_t (*)(int, const void *, size_t)>(dlsym(RTLD_NEXT, "write"));
+  if (fd <= STDERR_FILENO) return real(fd, bytes, size);
+  return call([&] { return real(fd, bytes, size); }, [&] { real(fd, bytes, size / 2); });
+}
+int fsync(int fd) {
+  static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
+  return call([&] { return real(fd); }, [] {});
+}
+int renameat(int from_fd, const char *from, int to_fd, const char *to) {
+  static const auto real =
+      reinterpret_cast<int (*)(int, const char *, int, const char *)>(dlsym(RTLD_NEXT, "renameat"));
+  return call([&] { return real(from_fd, from, to_fd, to); }, [] {});
+}
+}
+
+namespace {
+
+constexpr const char *KEY = "db/test/value";
+
+std::string text_of(const char *key) {
+  const std::unique_ptr<char, decltype(&free)> text(vconf_get_str(key), free);
+  return text != nullptr ? text.get() : "(unreadable)";
+}
+
+fs::path file_of(const std::string &name, bool memory = false) {
+  const char *base = memory ? platform_runtime_dir() : platform_config_dir();
+  return fs::path(base) / (memory ? "memory" : "settings") / name;
+}
+
+int temporary_files() {
+  int count = 0;
+  for (const auto &entry : fs::directory_iterator(file_of("").parent_path()))
+    count += entry.path().filename().string().starts_with('~') ? 1 : 0;
+  return count;
+}
+
+void put_file(const fs::path &path, const std::string &bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string get_file(const fs::path &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+TEST(Settings, KeepsTypesApart) {
+  int number = 42;
+  EXPECT_EQ(vconf_get_int("db/none", &number), -1);
+  EXPECT_EQ(number, 42);
+  EXPECT_EQ(vconf_set_int(KEY, -2147483647 - 1), 0);
+  EXPECT_EQ(vconf_get_int(KEY, &number), 0);
+  EXPECT_EQ(number, -2147483647 - 1);
+  EXPECT_EQ(vconf_get_bool(KEY, &number), -1);
+  EXPECT_EQ(vconf_get_str(KEY), nullptr);
+  EXPECT_EQ(vconf_get_type(KEY), VCONF_TYPE_INT);
+  EXPECT_EQ(vconf_set_bool(KEY, 7), 0);
+  EXPECT_EQ(vconf_get_bool(KEY, &number), 0);
+  EXPECT_EQ(number, 1);
+  for (const std::string &text : {std::string(), std::string("a\nb\t\"é😀"), std::string(65536, 'x')}) {
+    EXPECT_EQ(vconf_set_str(KEY, text.c_str()), 0);
+    EXPECT_EQ(text_of(KEY), text);
+  }
+  EXPECT_EQ(vconf_set_str(KEY, std::string(65537, 'x').c_str()), -1);
+  EXPECT_EQ(vconf_set_str(KEY, "\xC3("), -1);
+  EXPECT_EQ(vconf_set_str(KEY, nullptr), -1);
+  EXPECT_EQ(text_of(KEY).size(), 65536u);
+  EXPECT_EQ(vconf_unset(KEY), 0);
+  EXPECT_EQ(vconf_unset(KEY), 0);
+  EXPECT_EQ(vconf_get_type(KEY), VCONF_TYPE_NONE);
+}
+
+TEST(Settings, TakesOnlyKeysThatAreKeys) {
+  for (const std::string &key : {std::string(), std::string("/a"), std::string("a/"), std::string("a//b"),
+                                 std::string("."), std::string("a/../b"), std::string(".."), std::string("a+b"),
+                                 std::string("a b"), std::string("é"), std::string("~1.0"), std::string(256, 'k')}) {
+    EXPECT_EQ(vconf_set_int(key.c_str(), 1), -1) << key;
+    EXPECT_EQ(vconf_get_type(key.c_str()), VCONF_TYPE_NONE) << key;
+    EXPECT_EQ(vconf_unset(key.c_str()), -1) << key;
+  }
+  EXPECT_EQ(vconf_set_int(nullptr, 1), -1);
+  const std::string longest = "memory/" + std::string(248, 'k');
+  for (const std::string &key : {std::string("a"), std::string(".a"), std::string("a/..b/c"), longest}) {
+    int value = 0;
+    EXPECT_EQ(vconf_set_int(key.c_str(), 5), 0) << key;
+    EXPECT_EQ(vconf_get_int(key.c_str(), &value), 0) << key;
+    EXPECT_EQ(vconf_unset(key.c_str()), 0);
+  }
+}
+
+TEST(Settings, ListsInByteOrderAndKeepsTheSessionsApart) {
+  vconf_set_int("db/b", 1);
+  vconf_set_str("memory/a/x", "text");
+  vconf_set_bool("db/B", 1);
+  put_file(file_of("not a key"), "x");
+  put_file(file_of("memory+strange"), "x"); /* in the folder of the lasting ones: no key's file */
+  std::vector<std::string> found;
+  vconf_list(
+      [](const char *key, int type, void *data) {
+        static_cast<std::vector<std::string> *>(data)->push_back(key + (" " + std::to_string(type)));
+      },
+      &found);
+  EXPECT_EQ(found, (std::vector<std::string>{"db/B 43", "db/b 41", "memory/a/x 40"}));
+  EXPECT_TRUE(fs::exists(file_of("memory+a+x", true)));
+  for (const char *key : {"db/b", "db/B", "memory/a/x"}) vconf_unset(key);
+}
+
+TEST(Settings, BrokenFilesAreUnreadableAndLeftAlone) {
+  vconf_set_str(KEY, "some text");
+  const fs::path path = file_of("db+test+value");
+  const std::string good = get_file(path);
+  for (size_t i = 0; i < good.size(); i++) {
+    std::string bad = good;
+    bad[i] = static_cast<char>(bad[i] ^ 1);
+    put_file(path, bad);
+    EXPECT_EQ(vconf_get_type(KEY), VCONF_TYPE_NONE) << "byte " << i;
+    put_file(path, good.substr(0, i));
+    EXPECT_EQ(vconf_get_type(KEY), VCONF_TYPE_NONE) << "cut at " << i;
+    EXPECT_EQ(get_file(path).size(), i);
+  }
+  for (const std::string &bad : {good + "x", std::string(100000, 'v'), std::string("hello\n"), std::string(1, '\0')}) {
+    put_file(path, bad);
+    EXPECT_EQ(vconf_get_type(KEY), VCONF_TYPE_NONE);
+  }
+  fs::remove(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); /* must not hang */
+  EXPECT_EQ(text_of(KEY), "(unreadable)");
+  EXPECT_EQ(vconf_set_str(KEY, "whole again"), 0);
+  EXPECT_EQ(text_of(KEY), "whole again");
+  fs::remove(path);
+  fs::create_directory(path);
+  EXPECT_EQ(text_of(KEY), "(unreadable)");
+  EXPECT_EQ(vconf_set_str(KEY, "x"), -1);
+  EXPECT_EQ(vconf_unset(KEY), -1);
+  fs::remove(path);
+}
+
+/* A process that dies at any point of a write leaves the old value or the new one. */
+TEST(Settings, CrashAtEveryStepKeepsAWholeValue) {
+  const std::string old_text(3000, 'o');
+  const std::string new_text(5000, 'n');
+  int deaths = 0;
+  for (const fault kind : {fault::kill_before, fault::kill_half, fault::kill_after}) {
+    for (int at = 0;; at++) {
+      ASSERT_EQ(vconf_set_str(KEY, old_text.c_str()), 0);
+      const pid_t child = fork();
+      ASSERT_GE(child, 0);
+      if (child == 0) {
+        plan = {kind, at};
+        _exit(vconf_set_str(KEY, new_text.c_str()) == 0 ? 0 : 1);
+      }
+      int status = 0;
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      const std::string now = text_of(KEY);
+      if (WIFEXITED(status)) {
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+        EXPECT_EQ(now, new_text);
+        break;
+      }
+      deaths++;
+      EXPECT_TRUE(now == old_text || now == new_text) << "killed at call " << at;
+      ASSERT_LT(at, 20);
+    }
+  }
+  EXPECT_GE(deaths, 9); /* write, sync, rename, at the least, in three ways each */
+  EXPECT_GT(temporary_files(), 0);
+  /* The next process that writes takes away what the dead ones left. */
+  EXPECT_TRUE(in_child([] {
+    dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+    return execl("/proc/self/exe", "sweep", "--gtest_filter=Sweep.*", nullptr) == 0;
+  }));
+  EXPECT_EQ(temporary_files(), 0);
+}
+
+TEST(Sweep, WriteOnce) {
+  EXPECT_EQ(vconf_set_int("db/test/sweep", 1), 0);
+}
+
+/* A write that cannot be finished says so, keeps the old value unless the new one is in place, and leaves nothing. */
+TEST(Settings, FailureAtEveryStepIsReported) {
+  int failures = 0;
+  for (int at = 0;; at++) {
+    ASSERT_EQ(vconf_set_str(KEY, "old"), 0);
+    plan = {fault::fail, at};
+    const int result = vconf_set_str(KEY, "new");
+    const bool reached = plan.at < 0;
+    plan = {};
+    if (!reached) {
+      EXPECT_EQ(result, 0);
+      break;
+    }
+    failures++;
+    const std::string now = text_of(KEY);
+    EXPECT_EQ(result, -1) << "call " << at;
+    EXPECT_TRUE(now == "old" || now == "new");
+    EXPECT_EQ(temporary_files(), 0);
+    ASSERT_LT(at, 20);
+  }
+  EXPECT_GE(failures, 4);
+}
+
+/* --- notification ----------------------------------------------------------------------------------------------- */
+
+struct watcher {
+  std::vector<std::string> seen;
+  std::function<void()> then;
+};
+
+void on_changed(keynode_t *node, void *data) {
+  auto *to = static_cast<watcher *>(data);
+  const char *text = vconf_keynode_get_str(node);
+  to->seen.push_back(std::string(vconf_keynode_get_name(node)) + " " + std::to_string(vconf_keynode_get_type(node)) +
+                     " " + (text != nullptr ? text : std::to_string(vconf_keynode_get_int(node))));
+  if (to->then) to->then();
+}
+
+void on_changed_too(keynode_t *node, void *data) {
+  on_changed(node, data);
+}
+
+TEST(Notify, DeliversWritesOfAnyProcessAndTheSameValueToo) {
+  watcher to;
+  vconf_set_int(KEY, 1); /* before the registration: no news */
+  ASSERT_EQ(vconf_notify_key_changed(KEY, on_changed, &to), 0);
+  EXPECT_EQ(vconf_notify_key_changed(KEY, on_changed, &to), -1);
+  const std::vector<std::pair<std::function<bool()>, std::string>> steps = {
+      {[] { return vconf_set_int(KEY, 2) == 0; }, "41 2"},
+      {[] { return vconf_set_int(KEY, 2) == 0; }, "41 2"},
+      {[] { return vconf_set_str(KEY, "two") == 0; }, "40 two"},
+      {[] { return vconf_unset(KEY) == 0; }, "0 0"},
+      {[] {
+         put_file(file_of("db+test+value"), "broken");
+         return true;
+       },
+       "0 0"},
+      {[] { return vconf_set_int(KEY, 3) == 0; }, "41 3"},
+  };
+  for (const bool own : {true, false}) {
+    for (const auto &[work, expected] : steps) {
+      const size_t before = to.seen.size();
+      ASSERT_TRUE(own ? work() : in_child(work));
+      ASSERT_TRUE(loop_until([&] { return to.seen.size() > before; })) << expected;
+      EXPECT_EQ(to.seen.back(), std::string(KEY) + " " + expected);
+    }
+  }
+  EXPECT_EQ(to.seen.size(), steps.size() * 2);
+  EXPECT_EQ(vconf_ignore_key_changed(KEY, on_changed), 0);
+  EXPECT_EQ(vconf_ignore_key_changed(KEY, on_changed), -1);
+}
+
+TEST(Notify, ABurstEndsWithItsLastValue) {
+  watcher to;
+  ASSERT_EQ(vconf_notify_key_changed("memory/burst", on_changed, &to), 0);
+  ASSERT_TRUE(in_child([] {
+    for (int i = 0; i <= 1000; i++) vconf_set_int("memory/burst", i);
+    return true;
+  }));
+  EXPECT_TRUE(loop_until([&] { return !to.seen.empty() && to.seen.back() == "memory/burst 41 1000"; }));
+  vconf_ignore_key_changed("memory/burst", on_changed);
+}
+
+TEST(Notify, RegistrationsChangeInsideCallbacks) {
+  watcher first, second, late;
+  ASSERT_EQ(vconf_notify_key_changed(KEY, on_changed, &first), 0);
+  ASSERT_EQ(vconf_notify_key_changed(KEY, on_changed, &second), 0);
+  ASSERT_EQ(vconf_notify_key_changed(KEY, on_changed_too, &second), 0);
+  first.then = [&] {
+    EXPECT_EQ(vconf_ignore_key_changed(KEY, on_changed), 0); /* both, the one running included */
+    EXPECT_EQ(vconf_notify_key_changed(KEY, on_changed, &late), 0);
+    first.then = nullptr;
+  };
+  vconf_set_int(KEY, 10);
+  ASSERT_TRUE(loop_until([&] { return second.seen.size() == 1; }));
+  EXPECT_EQ(first.seen.size(), 1u);
+  EXPECT_TRUE(late.seen.empty());
+  vconf_set_int(KEY, 11);
+  ASSERT_TRUE(loop_until([&] { return late.seen.size() == 1 && second.seen.size() == 2; }));
+  EXPECT_EQ(first.seen.size(), 1u);
+  vconf_ignore_key_changed(KEY, on_changed);
+  vconf_ignore_key_changed(KEY, on_changed_too);
+}
+
+TEST(Notify, FoldersMayComeAndGo) {
+  watcher to;
+  fs::remove_all(file_of("").parent_path());
+  ASSERT_EQ(vconf_notify_key_changed(KEY, on_changed, &to), 0);
+  for (int round = 1; round <= 3; round++) {
+    vconf_set_int(KEY, round);
+    const std::string expected = std::string(KEY) + " 41 " + std::to_string(round);
+    ASSERT_TRUE(loop_until([&] { return !to.seen.empty() && to.seen.back() == expected; })) << round;
+    /* Once with the folder alone, once with the one above it. */
+    const fs::path folder = file_of("").parent_path();
+    fs::remove_all(round == 1 ? folder : folder.parent_path());
+    ASSERT_TRUE(loop_until([&] { return to.seen.back() == std::string(KEY) + " 0 0"; })) << round;
+  }
+  vconf_ignore_key_changed(KEY, on_changed);
+}
+
+/* --- pickover --------------------------------------------------------------------------------------------------- */
+
+constexpr const char *MESSAGE = "file/private/wcontext/service_msg";
+constexpr const char *REGISTRATION = "memory/private/pickover/registration";
+
+TEST(Pickover, HandsOverToTheOneThatIsRegistered) {
+  EXPECT_EQ(pickover_take_over(), -1);
+  EXPECT_LT(unregister_pickover(), 0);
+  for (const int seconds : {0, -1, 3601}) EXPECT_LT(register_pickover("com.example.app", seconds), 0);
+  for (const char *id : {"", "two words"}) EXPECT_LT(register_pickover(id, 60), 0);
+  ASSERT_EQ(register_pickover("com.example.one", 60), 0);
+  ASSERT_EQ(register_pickover("com.example.two", 60), 0);
+  EXPECT_TRUE(in_child([] { return pickover_take_over() == 0; }));
+  EXPECT_EQ(text_of(MESSAGE), "com.example.two");
+  vconf_unset(MESSAGE);
+  /* Another process takes the place: giving ours up leaves theirs alone. */
+  EXPECT_TRUE(in_child([] { return register_pickover("com.example.other", 60) == 0; }));
+  EXPECT_EQ(unregister_pickover(), 0);
+  EXPECT_EQ(pickover_take_over(), 0);
+  EXPECT_EQ(text_of(MESSAGE), "com.example.other");
+  vconf_unset(MESSAGE);
+  vconf_unset(REGISTRATION);
+}
+
+TEST(Pickover, ExpiredAndDamagedRegistrationsAreNone) {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const long long ns = now.tv_sec * 1000000000LL;
+  for (const std::string &text :
+       {"com.example.app " + std::to_string(ns), "com.example.app " + std::to_string(ns + 3700 * 1000000000LL),
+        std::string("com.example.app"), std::string("com.example.app 12x"), std::string(" 99"), std::string()}) {
+    vconf_set_str(REGISTRATION, text.c_str());
+    EXPECT_EQ(pickover_take_over(), -1) << text;
+  }
+  EXPECT_EQ(text_of(MESSAGE), "(unreadable)");
+  vconf_unset(REGISTRATION);
+}
+
+/* --- log -------------------------------------------------------------------------------------------------------- */
+
+TEST(Log, OneCallIsOneLine) {
+  const char *path = getenv("BRISEL_LOG_FILE");
+  ASSERT_NE(path, nullptr) << "runs in a private session only";
+  const std::string process = "(" + std::to_string(getpid()) + "): ";
+  std::string controls;
+  for (int i = 0; i < 4096; i++) controls += "\\x02";
+  const struct {
+    int priority;
+    std::string text, head, body;
+  } rows[] = {
+      {DLOG_INFO, "plain é 😀", "I/TAG", "plain é 😀"},
+      {DLOG_WARN, "a\nb\r\tc\x01\x7F", "W/TAG", "a\\nb\\r\\tc\\x01\\x7F"},
+      {DLOG_ERROR, "\xFF\xC3 \xC2\x85 \xE2\x80\xA8", "E/TAG", "\\xFF\\xC3 \\xC2\\x85 \\xE2\\x80\\xA8"},
+      {DLOG_FATAL, std::string(4095, 'x') + "é", "F/TAG", std::string(4095, 'x')},
+      {DLOG_FATAL, std::string(4094, 'x') + "éz", "F/TAG", std::string(4094, 'x') + "é"},
+      {DLOG_DEBUG, std::string(5000, '\x02'), "D/TAG", controls},
+      {DLOG_DEBUG, "", "D/TAG", ""},
+  };
+  for (const auto &row : rows) {
+    const size_t before = get_file(path).size();
+    const int written = __dlog_print(row.priority, "TAG", "%s", row.text.c_str());
+    const std::string line = get_file(path).substr(before);
+    EXPECT_EQ(line, row.head + process + row.body + "\n");
+    EXPECT_EQ(written, static_cast<int>(line.size()));
+  }
+}
+
+}  // namespace
