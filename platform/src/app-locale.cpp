@@ -1,3 +1,5 @@
+#define EFL_BETA_API_SUPPORT /* for the class of objects that have members */
+#include <Eo.h>
 #include <dlfcn.h>
 #include <libintl.h>
 #include <limits.h>
@@ -89,10 +91,31 @@ void apply_language(void) {
   settle_categories();
 }
 
+/* The toolkit's genlist drops its rows when the direction changes and lays them out again only once its size does. */
+void lay_out_lists(Evas_Object *object) {
+  const char *type = evas_object_type_get(object);
+  if (type && strcmp(type, "elm_genlist") == 0) {
+    int w, h;
+    evas_object_geometry_get(object, nullptr, nullptr, &w, &h);
+    evas_object_resize(object, w + 1, h);
+    evas_object_smart_calculate(object);
+    evas_object_resize(object, w, h);
+    return;
+  }
+  if (!efl_isa(object, EFL_CANVAS_GROUP_CLASS)) return;
+  Eina_List *members = evas_object_smart_members_get(object);
+  void *member;
+  EINA_LIST_FREE(members, member) lay_out_lists(static_cast<Evas_Object *>(member));
+}
+
 void apply_direction(void) {
   const std::string list = languages();
   const Eina_Bool mirrored = uloc_isRightToLeft(list.substr(0, list.find(':')).c_str()) ? EINA_TRUE : EINA_FALSE;
-  if (elm_config_mirrored_get() != mirrored) elm_config_mirrored_set(mirrored);
+  if (elm_config_mirrored_get() == mirrored) return;
+  elm_config_mirrored_set(mirrored);
+  if (!app_window()) return;
+  for (Evas_Object *o = evas_object_bottom_get(evas_object_evas_get(app_window())); o; o = evas_object_above_get(o))
+    lay_out_lists(o);
 }
 
 /* The zone that the device's link names, by its name where it has one: the C library and ICU then agree. */
