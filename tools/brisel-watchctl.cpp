@@ -107,7 +107,10 @@ int send(sd_bus *bus, const char *interface, sd_bus_message *m, double seconds, 
   sd_bus_error error = SD_BUS_ERROR_NULL;
   sd_bus_message *got = nullptr;
   const int r = sd_bus_call(bus, m, static_cast<uint64_t>(seconds * usec_per_second), &error, &got);
-  const int code = r < 0 ? explain(interface, &error, r) : 0;
+  /* A touch or a key may end the application; that it went is an answer, where no other was asked for. */
+  const bool ended = r < 0 && !answer && sd_bus_error_has_name(&error, SD_BUS_ERROR_NO_REPLY) &&
+                     sd_bus_get_name_creds(bus, app_id.c_str(), 0, nullptr) < 0;
+  const int code = r < 0 && !ended ? explain(interface, &error, r) : 0;
   sd_bus_error_free(&error);
   message_ptr keep(got);
   if (answer) *answer = std::move(keep);

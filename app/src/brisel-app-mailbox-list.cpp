@@ -739,6 +739,11 @@ static void _drag(appdata *ad, Elm_Object_Item *it, const char *signal) {
     _delete_mail_by_sweep(ad, true);
     return;
   }
+  /* The touch that committed a sweep is spent: the drag it goes on to make sweeps nothing. */
+  if (it && ad->blocked_item == it) {
+    ad->blocked_item = nullptr;
+    return;
+  }
   if (elm_genlist_item_type_get(it) & ELM_GENLIST_ITEM_GROUP) return;
   elm_object_item_signal_emit(it, signal, "");
   ad->sweep_item = it;
