@@ -195,6 +195,7 @@ Evas_Object *brisel_create_progress_popup(appdata *ad, const char *style) {
   elm_object_style_set(bar, style);
   evas_object_size_hint_align_set(bar, EVAS_HINT_FILL, EVAS_HINT_FILL);
   evas_object_size_hint_weight_set(bar, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  elm_progressbar_pulse_set(bar, EINA_TRUE); /* without it the next call does nothing */
   elm_progressbar_pulse(bar, EINA_TRUE);
   evas_object_show(bar);
   return bar;

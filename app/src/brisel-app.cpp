@@ -363,6 +363,7 @@ static void _create_connecting_popup(appdata *ad) {
     evas_object_size_hint_align_set(bar, EVAS_HINT_FILL, 0.5);
     evas_object_size_hint_weight_set(bar, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
     evas_object_show(bar);
+    elm_progressbar_pulse_set(bar, EINA_TRUE); /* without it the next call does nothing */
     elm_progressbar_pulse(bar, EINA_TRUE);
     elm_object_part_content_set(layout, "swallow.progress", bar);
     elm_object_domain_translatable_part_text_set(layout, "text", BRISEL_DOMAIN, "IDS_EMAIL_POP_CONNECTING_ING");
