@@ -46,7 +46,9 @@ struct detail_body {
   std::vector<text_block> blocks;
   int font_size;
   int width;                            /* the width that heights were measured with */
+  int least_width;                      /* what the part must have for the layout to be as wide as the view */
   double measured_bytes, measured_high; /* what the estimate is made of */
+  bool is_resized;                      /* the part or the view has a new size */
   bool first_settled;                   /* the first block has given its unfinished line away */
   size_t anchor;                        /* offset of the text to keep at the top of the screen; npos: none */
 };
@@ -287,11 +289,24 @@ static void _scroll_by(detail_body *body, int distance) {
   elm_scroller_region_show(body->scroller, x, y + distance, w, h);
 }
 
-static void _update_min_height(detail_body *body) {
-  int height = 0, old = 0;
+static void _update_least_size(detail_body *body) {
+  int height = 0, old_width = 0, old_height = 0;
   for (size_t i = 1; i < body->blocks.size(); i++) height += _height_of(body, i);
-  evas_object_size_hint_min_get(body->rest, nullptr, &old);
-  if (height != old) evas_object_size_hint_min_set(body->rest, 0, height);
+  evas_object_size_hint_min_get(body->rest, &old_width, &old_height);
+  if (height != old_height || body->least_width != old_width)
+    evas_object_size_hint_min_set(body->rest, body->least_width, height);
+}
+
+/* A layout works out how high it must be for the least width it can have, not for the one it has: its texts would count
+   as columns of single words. The part makes the view's width the least one. */
+static void _follow_view_width(detail_body *body) {
+  int view = 0, layout = 0, width = 0;
+  evas_object_geometry_get(body->scroller, nullptr, nullptr, &view, nullptr);
+  evas_object_geometry_get(body->layout, nullptr, nullptr, &layout, nullptr);
+  evas_object_geometry_get(body->rest, nullptr, nullptr, &width, nullptr);
+  if (view <= 0 || width <= 0 || layout < view) return;
+  body->least_width = view - (layout - width);
+  _update_least_size(body);
 }
 
 /* Lays out the blocks that are on the screen, drops those that are far from it, and prepares at most one that is
@@ -338,7 +353,7 @@ static void _arrange(detail_body *body) {
     }
     y += height;
   }
-  _update_min_height(body);
+  _update_least_size(body);
   /* What is above the screen turned out higher or lower than guessed: what is on it stays where it is. */
   if (to_anchor != INT_MIN) moved = to_anchor;
   body->anchor = no_anchor;
@@ -361,11 +376,16 @@ static void _rest_move(Evas_Object *obj, Evas_Coord x, Evas_Coord y) {
 }
 
 static void _rest_resize(Evas_Object *obj, Evas_Coord w, Evas_Coord h) {
+  if (detail_body *body = _body_of(obj)) body->is_resized = true;
   evas_object_smart_changed(obj);
 }
 
 static void _rest_calculate(Evas_Object *obj) {
-  if (detail_body *body = _body_of(obj)) _arrange(body);
+  detail_body *body = _body_of(obj);
+  if (!body) return;
+  if (body->is_resized) _follow_view_width(body);
+  body->is_resized = false;
+  _arrange(body);
 }
 
 static Evas_Smart *_rest_smart() {
@@ -379,6 +399,13 @@ static Evas_Smart *_rest_smart() {
   rest_class.calculate = _rest_calculate;
   smart = evas_smart_class_new(&rest_class);
   return smart;
+}
+
+static void _scroller_resized_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
+  detail_body *body = (detail_body *)data;
+  if (!body->rest) return;
+  body->is_resized = true;
+  evas_object_smart_changed(body->rest);
 }
 
 static void _rest_deleted_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
@@ -395,6 +422,7 @@ static void _layout_deleted_cb(void *data, Evas *evas, Evas_Object *obj, void *e
     evas_object_event_callback_del_full(body->rest, EVAS_CALLBACK_DEL, _rest_deleted_cb, body);
     evas_object_data_del(body->rest, body_key);
   }
+  evas_object_event_callback_del_full(body->scroller, EVAS_CALLBACK_RESIZE, _scroller_resized_cb, body);
   evas_object_data_del(obj, body_key);
   delete body;
 }
@@ -412,6 +440,7 @@ void brisel_detail_body_attach(Evas_Object *layout, Evas_Object *scroller) {
   body->rest = evas_object_smart_add(evas_object_evas_get(layout), _rest_smart());
   evas_object_data_set(body->rest, body_key, body);
   evas_object_event_callback_add(body->rest, EVAS_CALLBACK_DEL, _rest_deleted_cb, body);
+  evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _scroller_resized_cb, body);
   evas_object_show(body->rest);
   elm_object_part_content_set(layout, rest_part, body->rest);
 }
@@ -440,7 +469,7 @@ void brisel_detail_body_set(Evas_Object *layout, const char *text, size_t length
     _show_first_block(body);
   }
   if (!body->rest) return;
-  _update_min_height(body);
+  _update_least_size(body);
   evas_object_smart_changed(body->rest);
 }
 
@@ -451,7 +480,7 @@ void brisel_detail_body_set_font_size(Evas_Object *layout, int size) {
   if (!body->rest || body->blocks.size() < 2) return;
   if (body->width) body->anchor = _anchor_of(body);
   _measure_anew(body);
-  _update_min_height(body);
+  _update_least_size(body);
   evas_object_smart_changed(body->rest);
 }
 

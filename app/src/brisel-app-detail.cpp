@@ -515,9 +515,6 @@ static page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_vi
   Evas_Object *detail = __brisel_detail_create_layout_detail_view(scroller);
   if (!detail) return __brisel_detail_give_up_page(page, "__brisel_detail_create_detail_view_layout() failed!");
   __brisel_detail_keep(&page->detail_layout, detail);
-  /* The fields' heights follow from the width; asking for the least width of all would break every text into columns of
-     single letters to find out. */
-  elm_layout_sizing_restricted_eval(detail, EINA_TRUE, EINA_FALSE);
   brisel_detail_body_attach(detail, scroller);
   __brisel_detail_draw_view_components(view_data, page);
 
