@@ -179,7 +179,8 @@ void signal_kind(int index) {
   const key &one = pad.keys[static_cast<size_t>(index)];
   const bool letter = one.does == action::text && one.text != " ";
   const bool picture = letter && pad.shows == mode::emoticons && static_cast<unsigned char>(one.text[0]) >= 0x80;
-  signal(index, picture ? "key,picture" : letter ? "key,letter" : "key,special");
+  const bool is_long = letter && g_utf8_strlen(one.text.c_str(), -1) > 2;
+  signal(index, picture ? "key,picture" : is_long ? "key,long" : letter ? "key,letter" : "key,special");
 }
 
 void set_key(int index, action does, const std::string &text, const char *icon = "none") {
