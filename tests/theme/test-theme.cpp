@@ -287,6 +287,46 @@ TEST_F(Theme, GivesNoRowTheSweepOfAnother) {
   elm_genlist_item_class_free(made.itc);
 }
 
+/* Nor its text's width: a view that showed a short text must show a long one whole. */
+TEST_F(Theme, ShowsALongTextWhereAShortOneWas) {
+  struct text_part {
+    const char *group, *part;
+  };
+  const text_part table[] = {
+      {"elm/genlist/item/email/sweep/default", "elm.text.1"},
+      {"elm/genlist/item/email/sweep/default", "elm.text.2"},
+      {"elm/genlist/item/email/group/default", "elm.text.1"},
+      {"elm/genlist/item/email/group/default", "elm.text.2"},
+      {"elm/genlist/item/2text/default", "elm.text.1"},
+      {"elm/genlist/item/2text/default", "elm.text.2"},
+      {"elm/genlist/item/2text.1icon.1/default", "elm.text.1"},
+      {"elm/genlist/item/2text.1icon.1/default", "elm.text.2"},
+      {"elm/genlist/item/2text.1icon.1/popup", "elm.text.2"},
+      {"elm/naviframe/item/basic/default", "elm.text.title"},
+  };
+  const auto width = [&](const text_part &one, const std::vector<const char *> &texts) {
+    Evas_Object *edje = edje_object_add(evas_object_evas_get(win));
+    EXPECT_TRUE(edje_object_file_set(edje, file("platform").c_str(), one.group));
+    evas_object_resize(edje, 320, 80);
+    evas_object_show(edje);
+    int w = 0;
+    for (const char *text : texts) {
+      edje_object_part_text_set(edje, one.part, text);
+      frames(2);
+      edje_object_part_geometry_get(edje, one.part, nullptr, nullptr, &w, nullptr);
+    }
+    evas_object_del(edje);
+    return w;
+  };
+  for (const text_part &one : table) {
+    const int fresh = width(one, {"06/01/2014 07:00"});
+    EXPECT_GT(fresh, 100) << one.group << " " << one.part;
+    EXPECT_EQ(width(one, {"1", "06/01/2014 07:00"}), fresh) << one.group << " " << one.part;
+    EXPECT_EQ(width(one, {"A text that is far too long for a single line of this display", "06/01/2014 07:00"}), fresh)
+        << one.group << " " << one.part;
+  }
+}
+
 /* --- sizes ---------------------------------------------------------------------------------------------------- */
 
 TEST_F(Theme, HasTargetsAFingerHits) {
