@@ -188,11 +188,8 @@ int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **lis
   GSList *first = nullptr, **link = &first;
   int length = 0, r = SQLITE_DONE;
   while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
-    slab_mail *entry = static_cast<slab_mail *>(slab_alloc(s, sizeof(slab_mail)));
+    slab_mail *entry = slab_add_mail(s);
     if (entry) {
-      *entry = {};
-      entry->mail.priv = s;
-      entry->cell.data = &entry->mail;
       *link = &entry->cell;
       link = &entry->cell.next;
       length++;

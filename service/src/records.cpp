@@ -1,5 +1,8 @@
 #include "records.h"
 
+#include <sys/mman.h>
+
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -15,24 +18,30 @@ struct stored_contact {
 
 namespace {
 
-/* Large enough to go back to the system when freed. */
-constexpr size_t block_bytes = 256u << 10;
-/* Longer texts get a block of their own, so that little of a block is wasted. */
-constexpr size_t large_bytes = 32u << 10;
+/* Blocks double up to a bound: a short list wastes little. A list that needs more is a long one and gets huge pages:
+   touching so much memory page by page for the first time costs several times what reading the store does. */
+constexpr size_t block_first = 32u << 10, block_last = 512u << 10, block_huge = 4u << 20, huge_page = 2u << 20;
 
+/* The head of a block; what it gives out follows. */
 struct block {
   block *next;
-  size_t used;
+  size_t used; /* with this head */
   size_t size;
-  alignas(std::max_align_t) char data[];
 };
 
 GDestroyNotify contact_free;
 
-block *block_new(size_t size) {
-  block *b = static_cast<block *>(malloc(sizeof(block) + size));
-  if (b) *b = {nullptr, 0, size};
-  return b;
+block *block_new(size_t bytes) {
+  void *place = nullptr;
+  if (bytes >= block_huge) {
+    bytes = (bytes + huge_page - 1) & ~(huge_page - 1);
+    if (posix_memalign(&place, huge_page, bytes) != 0) return nullptr;
+    madvise(place, bytes, MADV_HUGEPAGE); /* a hint: without it everything works, more slowly */
+  } else {
+    place = malloc(bytes);
+  }
+  if (place) *static_cast<block *>(place) = {nullptr, sizeof(block), bytes};
+  return static_cast<block *>(place);
 }
 
 /* Whether every byte is ASCII: most texts are, and this is many times faster than a full check. */
@@ -50,9 +59,16 @@ bool is_ascii(const char *text, size_t bytes) {
 
 }  // namespace
 
+/* Blocks of one kind, the one being filled first. */
+struct area {
+  block *first;
+  size_t next_size;
+};
+
 struct slab {
   uint64_t mark; /* tells a slab from a record's own block in full_noti_data.priv */
-  block *first;  /* the one being filled */
+  area mails;    /* apart from the texts, so that walking over the records touches nothing else */
+  area texts;
 };
 
 /* The numbers of one record that is not part of a list. */
@@ -66,50 +82,67 @@ constexpr uint64_t own_mark = 0x6F6E656D61696C73;
 
 slab *slab_new(void) {
   slab *s = static_cast<slab *>(calloc(1, sizeof(slab)));
-  if (s) s->mark = slab_mark;
+  if (s) *s = {slab_mark, {nullptr, block_first}, {nullptr, block_first}};
   return s;
 }
 
-void slab_free(slab *s) {
-  if (!s) return;
-  for (block *b = s->first; b;) {
+namespace {
+
+void area_free(const area *a) {
+  for (block *b = a->first; b;) {
     block *next = b->next;
     free(b);
     b = next;
   }
+}
+
+void *area_alloc(area *a, size_t bytes) {
+  bytes = (bytes + alignof(void *) - 1) & ~(alignof(void *) - 1);
+  block *b = a->first;
+  if (!b || b->size - b->used < bytes) {
+    /* A text that would leave much of a block unused gets one of its own, behind the one being filled. */
+    const bool alone = b && bytes > a->next_size / 8;
+    block *fresh = block_new(alone || bytes + sizeof(block) > a->next_size ? bytes + sizeof(block) : a->next_size);
+    if (!fresh) return nullptr;
+    if (alone) {
+      fresh->next = b->next;
+      b->next = fresh;
+    } else {
+      fresh->next = b;
+      a->first = fresh;
+      a->next_size = a->next_size < block_last ? a->next_size * 2 : block_huge;
+    }
+    b = fresh;
+  }
+  void *place = reinterpret_cast<char *>(b) + b->used;
+  b->used += bytes;
+  return place;
+}
+
+}  // namespace
+
+void slab_free(slab *s) {
+  if (!s) return;
+  area_free(&s->mails);
+  area_free(&s->texts);
   free(s);
 }
 
-void *slab_alloc(slab *s, size_t bytes) {
-  bytes = (bytes + alignof(void *) - 1) & ~(alignof(void *) - 1);
-  block *b = s->first;
-  if (b && b->size - b->used >= bytes) {
-    void *place = b->data + b->used;
-    b->used += bytes;
-    return place;
-  }
-  if (bytes > large_bytes && b) {
-    block *large = block_new(bytes);
-    if (!large) return nullptr;
-    large->used = bytes;
-    large->next = b->next;
-    b->next = large; /* behind the one being filled */
-    return large->data;
-  }
-  block *fresh = block_new(bytes > block_bytes ? bytes : block_bytes);
-  if (!fresh) return nullptr;
-  fresh->next = b;
-  fresh->used = bytes;
-  s->first = fresh;
-  return fresh->data;
+slab_mail *slab_add_mail(slab *s) {
+  slab_mail *entry = static_cast<slab_mail *>(area_alloc(&s->mails, sizeof(slab_mail)));
+  if (!entry) return nullptr;
+  *entry = {};
+  entry->mail.priv = s;
+  entry->cell.data = &entry->mail;
+  return entry;
 }
 
 namespace {
 
 bool slab_holds(const slab *s, const void *place) {
   const uintptr_t at = reinterpret_cast<uintptr_t>(place);
-  for (const block *b = s->first; b; b = b->next) {
-    const uintptr_t start = reinterpret_cast<uintptr_t>(b->data);
+  for (const block *b = s->texts.first; b; b = b->next) {
+    const uintptr_t start = reinterpret_cast<uintptr_t>(b);
     if (at >= start && at < start + b->used) return true;
   }
   return false;
@@ -142,7 +175,7 @@ char *records_text(slab *s, const unsigned char *text, int bytes) {
     chars = valid;
     size = strlen(valid);
   }
-  char *copy = static_cast<char *>(s ? slab_alloc(s, size + 1) : g_try_malloc(size + 1));
+  char *copy = static_cast<char *>(s ? area_alloc(&s->texts, size + 1) : g_try_malloc(size + 1));
   if (copy) {
     memcpy(copy, chars, size);
     copy[size] = 0;
@@ -152,7 +185,6 @@ char *records_text(slab *s, const unsigned char *text, int bytes) {
 }
 
 bool records_set_contacts(slab *s, full_noti_data *mail, const unsigned char *text, int bytes) {
-  if (s) mail->priv = s;
   if (!text || bytes <= 0) return true;
   const std::string line(reinterpret_cast<const char *>(text), static_cast<size_t>(bytes));
   if (!g_utf8_validate(line.data(), bytes, nullptr)) return true; /* the service writes no such thing */
@@ -162,7 +194,7 @@ bool records_set_contacts(slab *s, full_noti_data *mail, const unsigned char *te
   for (const contact_value &contact : contacts) size += contact.number.size() + 1;
   char *place = nullptr;
   if (s) {
-    place = static_cast<char *>(slab_alloc(s, size));
+    place = static_cast<char *>(area_alloc(&s->texts, size));
   } else if (own_block *own = static_cast<own_block *>(g_try_malloc(sizeof(own_block) + size))) {
     *own = {own_mark, sizeof(own_block) + size};
     mail->priv = own;

@@ -6,18 +6,18 @@
 
 #include "brisel-common.h"
 
-/* A list's memory: everything of it lies in a few large blocks, which go with the list. */
-struct slab;
-slab *slab_new(void);
-void slab_free(slab *s);
-/* NULL when memory is short. Aligned for any record; not cleared. */
-void *slab_alloc(slab *s, size_t bytes);
-
 /* A record and its list cell side by side. */
 struct slab_mail {
   full_noti_data mail;
   GSList cell;
 };
+
+/* A list's memory: everything of it lies in a few large blocks, which go with the list. */
+struct slab;
+slab *slab_new(void);
+void slab_free(slab *s);
+/* An empty record in its cell, not linked to any other. NULL when memory is short. */
+slab_mail *slab_add_mail(slab *s);
 
 /* Copies a text of the store, made valid where it is not; NULL for an empty one. From s, or from the heap when s is
  * NULL. */

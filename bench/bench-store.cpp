@@ -1,0 +1,144 @@
+/* Reading the mails as a list, beside SQLite stepping over the same rows and handing out the same columns. Ends with
+   the ratio of both for each number of mails. */
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include "brisel-common.h"
+#include "platform-paths.h"
+#include "store.h"
+
+namespace {
+
+std::string store_path(void) {
+  return std::string(platform_data_dir()) + "/store.db";
+}
+
+mail_values mail_of(int number) {
+  const auto text = [](const std::string &value) { return field_value{true, false, 0, value}; };
+  const auto set = [](mail_values *mail, const char *name, field_value value) {
+    mail->field[static_cast<size_t>(mail_field_index(name))] = std::move(value);
+  };
+  mail_values mail;
+  /* Mostly in the order of arrival, as a phone relays them, but not quite. */
+  const int64_t received = 1700000000 + number * 60 + (number * 7919 % 11) * 100;
+  set(&mail, "account_id", {true, false, 1 + number % 2, ""});
+  set(&mail, "received_time", {true, false, received, ""});
+  set(&mail, "subject", text("Re: minutes of meeting " + std::to_string(number)));
+  set(&mail, "from_name", text(number % 5 ? "Jordan Example" : "Юлия Пример"));
+  set(&mail, "from_address", text("jordan" + std::to_string(number % 300) + "@example.org"));
+  set(&mail, "message_uid", text("<" + std::to_string(number) + "@example.org>"));
+  std::string body;
+  const size_t length = number % 20 ? 600 + static_cast<size_t>(number * 37 % 1800) : 12000;
+  while (body.size() < length)
+    body += number % 5 ? "All work and no play makes a dull mail. " : "Съешь ещё этих булок. ";
+  set(&mail, "body", text(body));
+  return mail;
+}
+
+/* Makes the store hold exactly count mails; asked for in ascending order. */
+void fill(int count) {
+  static int held = 0;
+  if (held >= count) return;
+  std::string why;
+  store *st = store_open(store_path(), &why);
+  if (!st) {
+    fprintf(stderr, "bench-store: %s\n", why.c_str());
+    exit(1);
+  }
+  for (int id = 1; id <= 2; id++)
+    if (store_add_account(st, &id, "me@example.org", "Me", 0) != store_ok) exit(1);
+  std::vector<mail_values> mails;
+  for (; held < count; held++) mails.push_back(mail_of(held));
+  std::vector<int> ids;
+  if (store_add_mails(st, &mails, &ids) != store_ok) {
+    fprintf(stderr, "bench-store: %s\n", store_error(st).c_str());
+    exit(1);
+  }
+  store_close(st);
+}
+
+void read_list(benchmark::State &state) {
+  fill(static_cast<int>(state.range(0)));
+  brisel_db_init();
+  for (auto _ : state) {
+    GSList *list = nullptr;
+    int count = 0;
+    if (brisel_db_get_full_noti_data_list_by_account_id(0, &list, &count) || count != state.range(0))
+      state.SkipWithError("the list is not what was stored");
+    brisel_full_noti_data_list_free(list);
+  }
+  brisel_db_deinit();
+}
+
+void step_rows(benchmark::State &state) {
+  fill(static_cast<int>(state.range(0)));
+  sqlite3 *db = nullptr;
+  sqlite3_stmt *s = nullptr;
+  sqlite3_open_v2(store_path().c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+  const char sql[] =
+      "SELECT mail_id, host_state, received_time, attachment_count, has_image, is_new, account_id, security_locked, "
+      "is_read, host_tag, subject, from_address, from_name, message_uid, contacts, body FROM mail "
+      "ORDER BY received_time DESC, mail_id";
+  if (sqlite3_prepare_v2(db, sql, -1, &s, nullptr) != SQLITE_OK) state.SkipWithError(sqlite3_errmsg(db));
+  for (auto _ : state) {
+    int rows = 0;
+    while (s && sqlite3_step(s) == SQLITE_ROW) {
+      for (int i = 0; i < 9; i++) benchmark::DoNotOptimize(sqlite3_column_int64(s, i));
+      for (int i = 9; i < 16; i++) benchmark::DoNotOptimize(sqlite3_column_text(s, i));
+      rows++;
+    }
+    sqlite3_reset(s);
+    if (rows != state.range(0)) state.SkipWithError("the rows are not what was stored");
+  }
+  sqlite3_finalize(s);
+  sqlite3_close(db);
+}
+
+BENCHMARK(step_rows)->Arg(100)->Unit(benchmark::kMicrosecond);
+BENCHMARK(read_list)->Arg(100)->Unit(benchmark::kMicrosecond);
+BENCHMARK(step_rows)->Arg(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(read_list)->Arg(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(step_rows)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(read_list)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+struct ratio_reporter : benchmark::ConsoleReporter {
+  void ReportRuns(const std::vector<Run> &runs) override {
+    for (const Run &run : runs)
+      if (run.run_type == Run::RT_Aggregate ? run.aggregate_name == "median" : runs.size() == 1)
+        times[run.run_name.function_name + "/" + run.run_name.args] = run.GetAdjustedCPUTime();
+    ConsoleReporter::ReportRuns(runs);
+  }
+  std::map<std::string, double> times;
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  char folder[] = "/tmp/brisel-bench-XXXXXX";
+  if (!mkdtemp(folder)) return 1;
+  setenv("XDG_DATA_HOME", folder, 1);
+  std::vector<char *> arguments(argv, argv + argc);
+  char repetitions[] = "--benchmark_repetitions=5", aggregates[] = "--benchmark_report_aggregates_only=true";
+  arguments.insert(arguments.begin() + 1, {repetitions, aggregates});
+  int count = static_cast<int>(arguments.size());
+  benchmark::Initialize(&count, arguments.data());
+  ratio_reporter reporter;
+  const bool ran = benchmark::RunSpecifiedBenchmarks(&reporter) > 0;
+  for (const char *mails : {"100", "1000", "10000"}) {
+    const double bare = reporter.times[std::string("step_rows/") + mails];
+    const double list = reporter.times[std::string("read_list/") + mails];
+    if (bare > 0 && list > 0)
+      printf(
+          "list of %s mails: %.2f of what SQLite needs to step over the rows (medians of processor time: %.0f and %.0f "
+          "us)\n",
+          mails, list / bare, list, bare);
+  }
+  std::filesystem::remove_all(folder);
+  return ran ? 0 : 1;
+}

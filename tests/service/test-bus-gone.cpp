@@ -1,0 +1,160 @@
+/* The bus goes away and comes back: nothing accepted is lost, nothing waits for ever. The test runs its own bus,
+   because the session's must live on. */
+#include <Ecore.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+
+#include "brisel-common.h"
+#include "bus-loop.h"
+#include "platform-paths.h"
+
+namespace {
+
+std::string folder, address;
+
+pid_t start(std::vector<const char *> command) {
+  command.push_back(nullptr);
+  pid_t pid = 0;
+  EXPECT_EQ(0, posix_spawnp(&pid, command[0], nullptr, nullptr, const_cast<char **>(command.data()), environ));
+  return pid;
+}
+
+void stop(pid_t pid, int signal) {
+  int status = 0;
+  EXPECT_EQ(0, kill(pid, signal));
+  EXPECT_EQ(pid, waitpid(pid, &status, 0));
+}
+
+bool until(const std::function<bool()> &done) {
+  bool late = false;
+  Ecore_Timer *limit = ecore_timer_add(
+      20.0, [](void *data) { return *static_cast<bool *>(data) = true, ECORE_CALLBACK_CANCEL; }, &late);
+  Ecore_Timer *tick = ecore_timer_add(
+      0.005, [](void *) -> Eina_Bool { return ECORE_CALLBACK_RENEW; }, nullptr);
+  while (!late && !done()) ecore_main_loop_iterate_may_block(1);
+  ecore_timer_del(tick);
+  if (!late) ecore_timer_del(limit);
+  return !late;
+}
+
+pid_t start_bus(void) {
+  std::filesystem::remove(folder + "/bus");
+  const pid_t pid = start({"dbus-daemon", "--session", "--nofork", "--nopidfile", "--address", address.c_str()});
+  EXPECT_TRUE(until([] { return std::filesystem::exists(folder + "/bus"); }));
+  return pid;
+}
+
+bool service_is_there(void) {
+  sd_bus *bus = nullptr;
+  const bool there =
+      sd_bus_open_user(&bus) >= 0 && sd_bus_get_name_creds(bus, "com.vextora.brisel.Host", 0, nullptr) >= 0;
+  sd_bus_flush_close_unref(bus);
+  return there;
+}
+
+int waiting(void) {
+  sqlite3 *db = nullptr;
+  int count = -1;
+  sqlite3_open_v2((std::string(platform_data_dir()) + "/store.db").c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+  sqlite3_exec(
+      db, "SELECT count(*) FROM outbox",
+      [](void *out, int, char **values, char **) { return *static_cast<int *>(out) = atoi(values[0]), 0; }, &count,
+      nullptr);
+  sqlite3_close(db);
+  return count;
+}
+
+int send_delete(int id) {
+  op_data *op = brisel_op_data_create();
+  op->id_list = g_slist_append(nullptr, GINT_TO_POINTER(id));
+  const int r = brisel_ipc_req_delete_notis(op, nullptr, nullptr);
+  brisel_op_data_free(op);
+  return r;
+}
+
+TEST(BusGone, NothingAcceptedIsLostAndNothingWaitsForEver) {
+  pid_t bus = start_bus();
+  pid_t service = start({"brisel-hostd"});
+  ASSERT_TRUE(until(service_is_there));
+  EXPECT_EQ(0, brisel_db_init());
+  EXPECT_EQ(0, brisel_ipc_client_init());
+  EXPECT_EQ(0, send_delete(1));
+  ASSERT_TRUE(until([] { return waiting() == 1; }));
+
+  /* Accepted while the service stands still, then the bus goes, and with it the service. */
+  EXPECT_EQ(0, kill(service, SIGSTOP));
+  EXPECT_EQ(0, send_delete(2));
+  EXPECT_EQ(0, send_delete(3));
+  struct answer {
+    int count, error;
+  } more = {0, 0};
+  more_msg_req_data *request = brisel_more_msg_req_data_create();
+  request->mail_id = 1;
+  EXPECT_EQ(0, brisel_ipc_req_more_msg(
+                   request,
+                   [](void *response, int error, void *data) {
+                     EXPECT_EQ(nullptr, response);
+                     *static_cast<answer *>(data) = {1, error};
+                   },
+                   &more));
+  stop(bus, SIGKILL);
+  ASSERT_TRUE(until([&] { return more.count == 1; }));
+  EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, more.error);
+  EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, brisel_ipc_req_more_msg(request, nullptr, nullptr));
+  EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, send_delete(4)); /* said, not swallowed */
+  brisel_more_msg_req_data_free(request);
+  int count = -1;
+  EXPECT_EQ(0, brisel_db_get_all_account_count(&count)); /* reading needs no bus */
+  EXPECT_EQ(0, kill(service, SIGCONT));
+  int status = 0;
+  EXPECT_EQ(service, waitpid(service, &status, 0)); /* ends by itself: the next bus starts its own */
+  EXPECT_TRUE(WIFEXITED(status));
+
+  bus = start_bus();
+  service = start({"brisel-hostd"});
+  ASSERT_TRUE(until([] { return waiting() == 3; }));
+  EXPECT_EQ(0, send_delete(5));
+  ASSERT_TRUE(until([] { return waiting() == 4; }));
+
+  EXPECT_EQ(0, brisel_ipc_client_deinit());
+  EXPECT_EQ(0, brisel_db_deinit());
+  stop(service, SIGTERM);
+  bus_loop_shutdown();
+  stop(bus, SIGTERM);
+}
+
+TEST(BusGone, WithoutABusEverythingSaysSo) {
+  EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, brisel_ipc_client_init());
+  EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, send_delete(1));
+  EXPECT_EQ(0, brisel_ipc_client_event_subscribe(
+                   0, [](brisel_ipc_event *, void *, void *) {}, nullptr));
+  EXPECT_EQ(0, brisel_ipc_client_deinit());
+  const pid_t service = start({"brisel-hostd"});
+  int status = 0;
+  EXPECT_EQ(service, waitpid(service, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  testing::InitGoogleTest(&argc, argv);
+  char name[] = "/tmp/brisel-bus-XXXXXX";
+  folder = mkdtemp(name);
+  address = "unix:path=" + folder + "/bus";
+  setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+  ecore_init();
+  const int result = RUN_ALL_TESTS();
+  ecore_shutdown();
+  std::filesystem::remove_all(folder);
+  return result;
+}

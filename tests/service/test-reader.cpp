@@ -1,0 +1,280 @@
+/* The store as the application reads it: what every call gives for a store that is there, missing, broken or tampered
+   with, and who owns what. */
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "brisel-common.h"
+#include "platform-paths.h"
+#include "store.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string store_path(void) {
+  return std::string(platform_data_dir()) + "/store.db";
+}
+
+void run_sql(const std::string &sql) {
+  sqlite3 *db = nullptr;
+  sqlite3_open(store_path().c_str(), &db);
+  EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr)) << sqlite3_errmsg(db);
+  sqlite3_close(db);
+}
+
+struct Reader : testing::Test {
+  void SetUp() override {
+    for (const char *end : {"", "-wal", "-shm", ".lock"}) fs::remove(store_path() + end);
+    EXPECT_EQ(0, brisel_db_init()); /* a store that is not there yet is no error */
+  }
+  void TearDown() override { EXPECT_EQ(0, brisel_db_deinit()); }
+  void make_store(void) {
+    std::string why;
+    store *st = store_open(store_path(), &why);
+    ASSERT_NE(nullptr, st) << why;
+    int id = 1;
+    EXPECT_EQ(store_ok, store_add_account(st, &id, "one@example.org", "One", 0x01020304));
+    EXPECT_EQ(store_ok, store_add_account(st, &(id = 2), "two@example.org", "", 0xFFFFFFFF));
+    store_close(st);
+  }
+  std::vector<int> ids_of(int account) {
+    GSList *list = nullptr;
+    int count = -1, counted = -1;
+    EXPECT_EQ(0, brisel_db_get_full_noti_data_list_by_account_id(account, &list, &count));
+    EXPECT_EQ(0, brisel_db_get_full_noti_data_count_by_account_id(account, &counted));
+    std::vector<int> ids;
+    for (GSList *cell = list; cell; cell = cell->next)
+      ids.push_back(static_cast<full_noti_data *>(cell->data)->mail_id);
+    EXPECT_EQ(static_cast<int>(ids.size()), count);
+    EXPECT_EQ(count, counted);
+    brisel_full_noti_data_list_free(list);
+    return ids;
+  }
+};
+
+/* Calls everything; the statuses must all be one of the two given. */
+void expect_all(int status, int status_of_one) {
+  int number = 7;
+  unsigned int color = 7;
+  GSList *list = nullptr;
+  full_noti_data *mail = brisel_full_noti_data_create();
+  account_data *account = brisel_account_data_create();
+  const std::pair<const char *, int> rows[] = {
+      {"account count", brisel_db_get_all_account_count(&number)},
+      {"target count", brisel_db_get_target_account_count(&number)},
+      {"count known", brisel_db_is_valid_target_account_count(&number)},
+      {"accounts", brisel_db_get_all_account_data(&list)},
+      {"mails", brisel_db_get_full_noti_data_list_by_account_id(0, &list, &number)},
+      {"mails of one", brisel_db_get_full_noti_data_list_by_account_id(1, &list, &number)},
+      {"mail count", brisel_db_get_full_noti_data_count_by_account_id(0, &number)},
+      {"templates", brisel_db_get_all_template_data(&list)},
+      {"reply status", brisel_util_get_reply_status(&number)},
+      {"conn status", brisel_util_get_conn_status(&number)},
+  };
+  for (const auto &[what, got] : rows) EXPECT_EQ(status, got) << what;
+  const std::pair<const char *, int> one_rows[] = {
+      {"mail", brisel_db_get_full_noti_data_by_mail_id(1, mail)},
+      {"account", brisel_db_get_account_data_by_account_id(1, account)},
+      {"color", brisel_util_get_account_color(1, &color)},
+  };
+  for (const auto &[what, got] : one_rows) EXPECT_EQ(status_of_one, got) << what;
+  EXPECT_EQ(nullptr, list);
+  brisel_full_noti_data_free(mail);
+  brisel_account_data_free(account);
+}
+
+TEST_F(Reader, AStoreThatIsMissingIsEmptyUntilItAppears) {
+  expect_all(0, BRISEL_COMMON_ERROR_NOT_FOUND);
+  EXPECT_FALSE(fs::exists(store_path())); /* readers make no file */
+  int count = 7, valid = 7;
+  EXPECT_EQ(0, brisel_db_get_all_account_count(&count));
+  EXPECT_EQ(0, count);
+  EXPECT_EQ(0, brisel_db_is_valid_target_account_count(&valid));
+  EXPECT_EQ(0, valid);
+  make_store();
+  EXPECT_EQ(0, brisel_db_get_target_account_count(&count));
+  EXPECT_EQ(2, count);
+  EXPECT_EQ(0, brisel_db_is_valid_target_account_count(&valid));
+  EXPECT_EQ(1, valid);
+}
+
+TEST_F(Reader, WhatIsNoReadableStoreIsAnErrorAndStaysAsItIs) {
+  const std::string letter = "Dear reader, this is a letter and no database at all. Yours, a file.";
+  std::ofstream(store_path()) << letter;
+  expect_all(BRISEL_COMMON_ERROR_STORE, BRISEL_COMMON_ERROR_STORE);
+  std::ifstream in(store_path());
+  EXPECT_EQ(letter, std::string(std::istreambuf_iterator<char>(in), {}));
+  fs::remove(store_path());
+  make_store();
+  run_sql("PRAGMA user_version = 99");
+  expect_all(BRISEL_COMMON_ERROR_STORE, BRISEL_COMMON_ERROR_STORE);
+  run_sql("PRAGMA user_version = 2; DROP TABLE mail");
+  int count = 0;
+  EXPECT_EQ(BRISEL_COMMON_ERROR_STORE, brisel_db_get_full_noti_data_count_by_account_id(0, &count));
+  EXPECT_EQ(0, brisel_db_get_all_account_count(&count));
+}
+
+TEST_F(Reader, MailsComeNewestFirstAndEqualTimesById) {
+  make_store();
+  run_sql(
+      "INSERT INTO mail (mail_id, account_id, received_time) VALUES (1, 1, 50), (2, 2, 70), (3, 1, 70), (4, 2, 10), "
+      "(5, 1, 2147483647), (6, 2, 70)");
+  EXPECT_EQ((std::vector<int>{5, 2, 3, 6, 1, 4}), ids_of(0));
+  EXPECT_EQ((std::vector<int>{5, 3, 1}), ids_of(1));
+  EXPECT_EQ((std::vector<int>{2, 6, 4}), ids_of(2));
+  EXPECT_EQ((std::vector<int>{}), ids_of(3));
+}
+
+TEST_F(Reader, FieldsComeAsStoredAndWithoutSurprises) {
+  make_store();
+  run_sql(
+      "INSERT INTO mail (mail_id, account_id, received_time) VALUES (1, 1, 5);"
+      "INSERT INTO mail VALUES (2, -4, 2000000000, 3, 1, 0, 2, 1, 1, 'tag', 'Тема', 'a@b', 'Name', 'uid', "
+      "'2 +44 1' || char(10) || '0 5' || char(10), 'text');"
+      /* Nothing that the service writes; someone else did. */
+      "INSERT INTO mail (mail_id, account_id, received_time, subject, from_name, contacts, body) VALUES "
+      "(3, 1, 4, CAST(x'41FF42' AS TEXT), '', 'nonsense' || char(10) || '1', x'C3');"
+      "INSERT INTO mail (mail_id, account_id, received_time, subject, body) VALUES "
+      "(4, 'x', 'y', 12, printf('%.*c', 3000000, 'b'))");
+  full_noti_data *one = brisel_full_noti_data_create();
+  GSList *list = nullptr;
+  int count = 0;
+  ASSERT_EQ(0, brisel_db_get_full_noti_data_list_by_account_id(0, &list, &count));
+  ASSERT_EQ(4, count);
+  for (GSList *cell = list; cell; cell = cell->next) { /* in the list and one by one, into the same record */
+    const full_noti_data *listed = static_cast<full_noti_data *>(cell->data);
+    ASSERT_EQ(0, brisel_db_get_full_noti_data_by_mail_id(listed->mail_id, one));
+    for (const full_noti_data *mail : {listed, static_cast<const full_noti_data *>(one)}) {
+      SCOPED_TRACE(mail->mail_id);
+      switch (mail->mail_id) {
+        case 1:
+          EXPECT_EQ(5, mail->received_time);
+          for (const char *text :
+               {mail->host_tag, mail->subject, mail->body, mail->from_address, mail->from_name, mail->message_uid})
+            EXPECT_EQ(nullptr, text);
+          EXPECT_EQ(nullptr, mail->sender_contact_list);
+          EXPECT_EQ(0, mail->attachment_count + mail->has_image + mail->security_locked + mail->is_read);
+          EXPECT_EQ(1, mail->is_new);
+          break;
+        case 2: {
+          EXPECT_EQ(-4, mail->host_state);
+          EXPECT_EQ(2000000000, mail->received_time);
+          EXPECT_STREQ("tag", mail->host_tag);
+          EXPECT_STREQ("Тема", mail->subject);
+          EXPECT_STREQ("a@b", mail->from_address);
+          EXPECT_STREQ("Name", mail->from_name);
+          EXPECT_STREQ("uid", mail->message_uid);
+          EXPECT_STREQ("text", mail->body);
+          EXPECT_EQ(3, mail->attachment_count);
+          EXPECT_EQ(0, mail->is_new);
+          ASSERT_EQ(2u, g_slist_length(mail->sender_contact_list));
+          struct contact {
+            int type;
+            char *number;
+          };
+          const contact *first = static_cast<contact *>(mail->sender_contact_list->data);
+          EXPECT_EQ(2, first->type);
+          EXPECT_STREQ("+44 1", first->number);
+          break;
+        }
+        case 3:
+          EXPECT_STREQ(
+              "A\uFFFD"
+              "B",
+              mail->subject);
+          EXPECT_STREQ("\uFFFD", mail->body);
+          EXPECT_EQ(nullptr, mail->from_name);
+          EXPECT_EQ(nullptr, mail->sender_contact_list);
+          break;
+        default:
+          EXPECT_STREQ("12", mail->subject);
+          EXPECT_EQ(3000000u, strlen(mail->body));
+          break;
+      }
+    }
+  }
+  brisel_full_noti_data_list_free(list);
+  EXPECT_EQ(BRISEL_COMMON_ERROR_NOT_FOUND, brisel_db_get_full_noti_data_by_mail_id(9, one));
+  brisel_full_noti_data_free(one);
+}
+
+TEST_F(Reader, TheApplicationMayReplaceTextsAndContacts) {
+  make_store();
+  run_sql("INSERT INTO mail (mail_id, account_id, received_time, body, contacts) VALUES (1, 1, 5, 'old', '1 23')");
+  static int freed;
+  freed = 0;
+  brisel_full_noti_data_set_contact_free([](gpointer contact) {
+    freed++;
+    g_free(contact);
+  });
+  full_noti_data *mail = brisel_full_noti_data_create();
+  GSList *list = nullptr;
+  int count = 0;
+  ASSERT_EQ(0, brisel_db_get_full_noti_data_by_mail_id(1, mail));
+  ASSERT_EQ(0, brisel_db_get_full_noti_data_list_by_account_id(0, &list, &count));
+  g_free(mail->body);
+  mail->body = g_strdup("new");
+  for (full_noti_data *data : {mail, static_cast<full_noti_data *>(list->data)}) {
+    g_slist_free(data->sender_contact_list);
+    data->sender_contact_list = g_slist_append(nullptr, g_malloc0(16));
+  }
+  ASSERT_EQ(0, brisel_db_get_full_noti_data_by_mail_id(1, mail)); /* the record again: its own goes */
+  EXPECT_EQ(1, freed);
+  EXPECT_STREQ("old", mail->body);
+  brisel_full_noti_data_free(mail);
+  brisel_full_noti_data_list_free(list);
+  EXPECT_EQ(2, freed);
+  brisel_full_noti_data_set_contact_free(nullptr);
+}
+
+TEST_F(Reader, ArgumentsOutOfRangeAreRefused) {
+  int number = 0;
+  GSList *list = nullptr;
+  full_noti_data *mail = brisel_full_noti_data_create();
+  account_data *account = brisel_account_data_create();
+  unsigned int color = 0;
+  const int results[] = {
+      brisel_db_get_all_account_count(nullptr),
+      brisel_db_is_valid_target_account_count(nullptr),
+      brisel_db_get_all_account_data(nullptr),
+      brisel_db_get_account_data_by_account_id(0, account),
+      brisel_db_get_account_data_by_account_id(1, nullptr),
+      brisel_db_get_full_noti_data_by_mail_id(0, mail),
+      brisel_db_get_full_noti_data_by_mail_id(-1, mail),
+      brisel_db_get_full_noti_data_by_mail_id(1, nullptr),
+      brisel_db_get_full_noti_data_list_by_account_id(-1, &list, &number),
+      brisel_db_get_full_noti_data_list_by_account_id(0, nullptr, &number),
+      brisel_db_get_full_noti_data_list_by_account_id(0, &list, nullptr),
+      brisel_db_get_full_noti_data_count_by_account_id(-1, &number),
+      brisel_db_get_all_template_data(nullptr),
+      brisel_util_get_account_color(0, &color),
+      brisel_util_get_conn_status(nullptr),
+      brisel_util_get_reply_status(nullptr),
+  };
+  for (const int result : results) EXPECT_EQ(BRISEL_COMMON_ERROR_INVALID, result);
+  brisel_full_noti_data_free(mail);
+  brisel_account_data_free(account);
+  brisel_full_noti_data_list_free(nullptr);
+  brisel_account_data_list_free(nullptr);
+  brisel_template_data_list_free(nullptr);
+  brisel_op_data_free(nullptr);
+  brisel_more_msg_req_data_free(nullptr);
+  brisel_update_noti_data_free(nullptr);
+  brisel_reply_noti_data_free(nullptr);
+  EXPECT_EQ(0, brisel_db_deinit());
+  expect_all(BRISEL_COMMON_ERROR_STORE, BRISEL_COMMON_ERROR_STORE);
+  EXPECT_EQ(BRISEL_COMMON_ERROR_STORE, brisel_db_deinit());
+  EXPECT_EQ(0, brisel_db_init());
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
