@@ -35,7 +35,7 @@ const std::vector<keypad_layout> layouts = {
      KEYPAD_COMPOSE_NONE,
      {"ς ε ρ τ υ α σ δ φ γ ζ χ ψ ω β", "θ ι ο π η ξ κ λ ν μ ά έ ή ί ό", "ύ ώ ϊ ϋ ΐ , . ; ! · - ( ) « »"}},
     {"ar",
-     "العربية",
+     "عربي",
      false,
      KEYPAD_COMPOSE_NONE,
      {"ض ص ث ق ف ش س ي ب ل ئ ء ؤ ر ى", "غ ع ه خ ح ا ت ن م ك ة و ز ظ ط", "ج د ذ أ إ آ لا ، . ؟ ! ؛ : ( )"}},

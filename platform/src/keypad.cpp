@@ -225,7 +225,8 @@ void refresh() {
           std::to_string(pad.page + 1) + "/" + std::to_string(now.pages.size()));
 
   const bool letters = pad.shows == mode::letters;
-  const bool choice = pad.own != nullptr && pad.own != &keypad_layout_english() && letters;
+  /* Where the own letters include the English ones there is nothing to change to. */
+  const bool choice = letters && pad.own != nullptr && static_cast<unsigned char>(pad.own->pages[0][0]) >= 0x80;
   set_key(next++, pad.shows == mode::symbols ? action::letters : action::symbols,
           pad.shows == mode::symbols ? "ABC" : "123");
   set_key(next++, pad.shows == mode::emoticons ? action::letters : action::emoticons,
