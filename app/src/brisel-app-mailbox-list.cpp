@@ -768,6 +768,8 @@ static void _drag_right(void *data, Evas_Object *obj, void *event_info) {
 static void _mailbox_list_mouse_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
   Evas_Event_Mouse_Down *event = (Evas_Event_Mouse_Down *)event_info;
+  /* What the touch before blocked was for that touch alone, whether it ended in a selection or in a scroll. */
+  ad->blocked_item = nullptr;
   if (!ad->sweep_item || !ad->mailbox_genlist) return;
   Elm_Object_Item *touched = elm_genlist_at_xy_item_get(ad->mailbox_genlist, event->canvas.x, event->canvas.y, nullptr);
   if (touched == ad->sweep_item) return;

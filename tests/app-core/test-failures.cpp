@@ -1,0 +1,98 @@
+/* What happens when the things that the application stands on are missing, broken or gone. */
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "app-test.h"
+#include "contacts.h"
+#include "platform-paths.h"
+#include "vconf.h"
+
+static std::string data_file(const char *name) {
+  return std::string(platform_data_dir()) + "/" + name;
+}
+
+static bool logged_like(const std::string &start) {
+  for (const std::string &line : log_lines())
+    if (line.find(start) == 0) return true;
+  return false;
+}
+
+/* These run in the order they stand: the service of this session has not been started yet. */
+TEST(failures, AMissingStoreReadsAsEmpty) {
+  vconf_set_bool(BRISEL_KEY_BT_CONNECTED, 1);
+  std::filesystem::remove(data_file("store.db"));
+  app_start();
+  EXPECT_NE(test_ad.connecting_popup, nullptr) << "nothing is known yet";
+  EXPECT_EQ(test_ad.account_cnt, 0);
+  EXPECT_FALSE(logged_like("E/brisel_db_init() failed!"));
+  app_stop();
+}
+
+TEST(failures, AStoreThatIsNoDatabaseIsToldAndSurvived) {
+  for (const char *suffix : {"-wal", "-shm"}) std::filesystem::remove(data_file("store.db") + suffix);
+  const std::string garbage(8192, 'x');
+  std::ofstream(data_file("store.db"), std::ios::trunc) << garbage;
+  app_start();
+  EXPECT_TRUE(logged_like("E/brisel_db_init() failed! err:[")) << testing::PrintToString(log_lines());
+  EXPECT_TRUE(logged_like("W/brisel_db_is_valid_target_account_count failed("));
+  EXPECT_NE(test_ad.connecting_popup, nullptr);
+  EXPECT_EQ(init_brisel(&test_ad, 5), 0) << "the screen stands on nothing";
+  EXPECT_TRUE(logged_like("I/brisel_db_get_full_noti_data_list_by_account_id() failed! err:["));
+  EXPECT_TRUE(logged_like("E/brisel_db_get_full_noti_data_by_mail_id() failed! err:["));
+  EXPECT_TRUE(nocontents_on_screen());
+  EXPECT_EQ(brisel_create_account_selection_popup(&test_ad), nullptr);
+  EXPECT_TRUE(logged_like("W/brisel_db_get_all_account_data is failed! ["));
+  app_stop();
+  std::ifstream in(data_file("store.db"));
+  const std::string kept((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_EQ(kept, garbage) << "nobody wrote over it";
+  std::filesystem::remove(data_file("store.db"));
+}
+
+TEST(failures, ContactsThatAreNoDatabaseFindNobody) {
+  std::ofstream(data_file("contacts.db"), std::ios::trunc) << std::string(8192, 'x');
+  app_start();
+  EXPECT_EQ(brisel_util_get_person_id_by_email_address("a@example.org"), -1);
+  EXPECT_TRUE(logged_like("I/contacts_db_get_records_with_query() is failed error_code = "));
+  EXPECT_EQ(brisel_util_get_phone_number_by_person_id(1), nullptr);
+  app_stop();
+  std::filesystem::remove(data_file("contacts.db"));
+}
+
+TEST(failures, UnreadableSettingsKeepTheirDefaults) {
+  vconf_set_str(BRISEL_KEY_DATE_FORMAT, "1");
+  vconf_set_str(BRISEL_KEY_TIME_FORMAT, "1");
+  vconf_set_int(BRISEL_KEY_BT_CONNECTED, 1);
+  vconf_set_bool(BRISEL_KEY_LANGUAGE, 1);
+  test_ad = {};
+  log_mark();
+  ASSERT_TRUE(app_create(&test_ad));
+  EXPECT_EQ(test_ad.bt_connected, 0);
+  EXPECT_EQ(test_ad.date_format, 0);
+  EXPECT_EQ(test_ad.time_format, 0);
+  EXPECT_TRUE(logged("W/vconf_get_bool returns: -1"));
+  EXPECT_TRUE(logged("W/vconf_get_int returns: -1"));
+  EXPECT_EQ(app_lang_changed(&test_ad), 0);
+  app_stop();
+  for (const char *key : {BRISEL_KEY_DATE_FORMAT, BRISEL_KEY_TIME_FORMAT, BRISEL_KEY_BT_CONNECTED, BRISEL_KEY_LANGUAGE})
+    vconf_unset(key);
+}
+
+TEST(failures, MissingArgumentsAreRefused) {
+  EXPECT_EQ(init_brisel(nullptr, 0), -1);
+  appdata empty = {};
+  EXPECT_EQ(init_brisel(&empty, 0), -1) << "no window";
+  log_mark();
+  EXPECT_EQ(brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, nullptr), nullptr);
+  EXPECT_TRUE(logged("E/Invalid parameter: data is NULL!"));
+  EXPECT_EQ(brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, &empty), nullptr);
+  EXPECT_TRUE(logged("E/elm_naviframe_items_get() failed!"));
+  EXPECT_EQ(brisel_open_icu_pattern_generator(nullptr), -1);
+  EXPECT_EQ(brisel_create_security_alert_popup(nullptr), nullptr);
+  EXPECT_TRUE(logged("E/ad is NULL!"));
+  EXPECT_EQ(brisel_util_load_edj(nullptr, BRISEL_EDJ, "x"), nullptr);
+  EXPECT_TRUE(logged("E/Invalid parameter: parent[NULL]"));
+}

@@ -1,0 +1,179 @@
+/* The popup kit on a real window: buttons, back key, time, parents, refusals. */
+#include <algorithm>
+
+#include "app-test.h"
+#include "vconf.h"
+
+static std::vector<Evas_Object *> answers;
+static std::vector<void *> answer_data;
+
+static void answer_cb(void *data, Evas_Object *obj, void *event_info) {
+  answers.push_back(obj);
+  answer_data.push_back(data);
+}
+
+struct popups : testing::Test {
+  test_phone phone;
+  void SetUp() override {
+    vconf_set_bool(BRISEL_KEY_BT_CONNECTED, 1);
+    phone.clear();
+    phone.add_account("a@example.org", "A");
+    phone.set_account_count(true);
+    answers.clear();
+    answer_data.clear();
+    app_start();
+    ASSERT_NE(test_ad.naviframe, nullptr);
+  }
+  void TearDown() override { app_stop(); }
+};
+
+TEST_F(popups, ButtonsAndBackAnswerThroughOneFunction) {
+  const struct {
+    const char *btn1, *btn2;
+    bool respond;
+    size_t buttons;
+  } cases[] = {{nullptr, nullptr, true, 0},
+               {"Yes", nullptr, true, 1},
+               {"Yes", "No", true, 2},
+               {"Yes", nullptr, false, 1},
+               {nullptr, nullptr, false, 0}};
+  for (const auto &c : cases) {
+    answers.clear();
+    int data = 0;
+    Evas_Object *popup = brisel_util_popup_create(&data, test_ad.win_main, nullptr, "A question",
+                                                  c.respond ? answer_cb : nullptr, 0.0, nullptr, c.btn1, c.btn2);
+    settle();
+    EXPECT_TRUE(visible("A question"));
+    Evas_Object *btn1 = elm_object_part_content_get(popup, "button1"),
+                *btn2 = elm_object_part_content_get(popup, "button2");
+    EXPECT_EQ((btn1 != nullptr) + (btn2 != nullptr), (int)c.buttons);
+    if (c.btn1) {
+      EXPECT_STREQ(elm_object_style_get(btn1), "popup");
+      tap(text_at(c.btn1));
+    }
+    if (c.btn2) tap(text_at(c.btn2));
+    key("XF86Back");
+    std::vector<Evas_Object *> expected;
+    if (c.respond) {
+      if (btn1) expected.push_back(btn1);
+      if (btn2) expected.push_back(btn2);
+      expected.push_back(popup);
+    }
+    EXPECT_EQ(answers, expected);
+    EXPECT_EQ(std::count(answer_data.begin(), answer_data.end(), &data), (long)answer_data.size());
+    answer_data.clear();
+    evas_object_del(popup);
+    settle();
+    EXPECT_TRUE(gone("A question"));
+  }
+}
+
+TEST_F(popups, LongTextsScrollAndTimeRunsOut) {
+  std::string text;
+  for (int i = 0; i < 60; i++) text += "word ";
+  Evas_Object *popup = brisel_util_scroll_popup_create(nullptr, test_ad.win_main, nullptr, text.c_str(), nullptr, 1.0,
+                                                       answer_cb, "OK", nullptr);
+  settle();
+  Evas_Object *scroller = elm_object_content_get(popup);
+  ASSERT_NE(scroller, nullptr);
+  EXPECT_STREQ(elm_object_style_get(scroller), "effect");
+  Evas_Object *label = elm_object_content_get(scroller);
+  const int y = text_at("OK").y;
+  int shown = 0, whole = 0, window = 0;
+  elm_scroller_region_get(scroller, nullptr, nullptr, nullptr, &shown);
+  evas_object_geometry_get(label, nullptr, nullptr, nullptr, &whole);
+  evas_object_geometry_get(test_ad.win_main, nullptr, nullptr, nullptr, &window);
+  EXPECT_GT(whole, shown) << "the text is longer than what is shown of it";
+  EXPECT_GT(shown, 0);
+  EXPECT_LT(y, window) << "the button stays on screen";
+  EXPECT_TRUE(run_until([] { return !answers.empty(); }));
+  EXPECT_EQ(answers.front(), popup);
+  evas_object_del(popup);
+}
+
+TEST_F(popups, TwoButtonPopupNamesWhatIsMissing) {
+  const struct {
+    const char *content;
+    Evas_Smart_Cb back, first;
+    const char *first_text;
+    Evas_Smart_Cb second;
+    const char *second_text, *line;
+  } cases[] = {
+      {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, "I/content is NULL"},
+      {"IDS_EMAIL_BODY_DELETED", nullptr, nullptr, nullptr, nullptr, nullptr, "I/_response_cb is NULL"},
+      {"IDS_EMAIL_BODY_DELETED", answer_cb, nullptr, "x", answer_cb, "y", "I/btn1_response_cb or btn1_text is NULL"},
+      {"IDS_EMAIL_BODY_DELETED", answer_cb, answer_cb, nullptr, answer_cb, "y",
+       "I/btn1_response_cb or btn1_text is NULL"},
+      {"IDS_EMAIL_BODY_DELETED", answer_cb, answer_cb, "x", answer_cb, nullptr,
+       "I/btn2_response_cb or btn2_text is NULL"},
+      {"IDS_EMAIL_BODY_DELETED", answer_cb, answer_cb, "x", nullptr, "y", "I/btn2_response_cb or btn2_text is NULL"},
+  };
+  for (const auto &c : cases) {
+    log_mark();
+    EXPECT_EQ(brisel_util_create_basic_2button_popup_with_app_data(&test_ad, nullptr, c.content, c.back, c.first,
+                                                                   c.first_text, c.second, c.second_text),
+              nullptr);
+    EXPECT_EQ(log_lines(), (std::vector<std::string>{"I/Enter", c.line}));
+  }
+}
+
+TEST_F(popups, TwoButtonPopupFollowsTheLanguage) {
+  Evas_Object *popup = brisel_util_create_basic_2button_popup_with_app_data(
+      &test_ad, "IDS_EMAIL_HEADER_SET_UP_EMAIL", "IDS_EMAIL_BODY_NO_EMAILS", answer_cb, answer_cb,
+      "IDS_EMAIL_SK_CANCEL_ABB", answer_cb, "IDS_COM_SK_OK");
+  settle();
+  for (const char *id :
+       {"IDS_EMAIL_HEADER_SET_UP_EMAIL", "IDS_EMAIL_BODY_NO_EMAILS", "IDS_EMAIL_SK_CANCEL_ABB", "IDS_COM_SK_OK"}) {
+    EXPECT_STRNE(brisel_util_get_text(id), id);
+    EXPECT_TRUE(visible(brisel_util_get_text(id))) << id;
+  }
+  const std::string english = brisel_util_get_text("IDS_EMAIL_BODY_NO_EMAILS");
+  vconf_set_str(BRISEL_KEY_LANGUAGE, "de_DE.UTF-8");
+  EXPECT_TRUE(run_until([&] { return english != brisel_util_get_text("IDS_EMAIL_BODY_NO_EMAILS"); }));
+  settle();
+  for (const char *id : {"IDS_EMAIL_HEADER_SET_UP_EMAIL", "IDS_EMAIL_BODY_NO_EMAILS", "IDS_EMAIL_SK_CANCEL_ABB"})
+    EXPECT_TRUE(visible(brisel_util_get_text(id))) << id;
+  vconf_set_str(BRISEL_KEY_LANGUAGE, "en_US.UTF-8");
+  EXPECT_TRUE(run_until([&] { return english == brisel_util_get_text("IDS_EMAIL_BODY_NO_EMAILS"); }));
+  tap(text_at(brisel_util_get_text("IDS_COM_SK_OK")));
+  tap(text_at(brisel_util_get_text("IDS_EMAIL_SK_CANCEL_ABB")));
+  key("Escape");
+  EXPECT_EQ(answers, (std::vector<Evas_Object *>{elm_object_part_content_get(popup, "button2"),
+                                                 elm_object_part_content_get(popup, "button1"), popup}));
+  EXPECT_EQ(answer_data, std::vector<void *>(3, &test_ad));
+  evas_object_del(popup);
+}
+
+TEST_F(popups, ToastsGoByThemselvesByTouchAndByBack) {
+  const struct {
+    const char *way;
+    std::function<void()> leave;
+  } cases[] = {
+      {"touch",
+       [] {
+         tap({160, 20});
+       }},
+      {"back", [] { key("XF86Back"); }},
+      {"time", [] {}},
+  };
+  for (const auto &c : cases) {
+    brisel_create_toast_popup(&test_ad, "Done &amp; gone");
+    settle();
+    EXPECT_TRUE(visible("Done & gone")) << c.way;
+    c.leave();
+    EXPECT_TRUE(gone("Done & gone")) << c.way;
+  }
+  log_mark();
+  brisel_create_toast_popup(nullptr, "x");
+  EXPECT_EQ(brisel_create_progress_popup(nullptr, "process"), nullptr);
+  EXPECT_EQ(log_lines(), (std::vector<std::string>{"I/Enter", "E/ad is NULL!", "I/Enter", "E/ad is NULL!"}));
+}
+
+TEST_F(popups, ProgressBarPulsesUntilItsOwnerDeletesIt) {
+  Evas_Object *bar = brisel_create_progress_popup(&test_ad, "process/groupindex");
+  ASSERT_NE(bar, nullptr);
+  EXPECT_STREQ(elm_object_style_get(bar), "process/groupindex");
+  EXPECT_TRUE(elm_progressbar_is_pulsing_get(bar));
+  EXPECT_TRUE(evas_object_visible_get(bar));
+  evas_object_del(bar);
+}

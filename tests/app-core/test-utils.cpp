@@ -1,0 +1,341 @@
+/* Dates, numbers, markup, contacts, reply methods: against tables, and dates against ICU itself. */
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unicode/ucal.h>
+#include <unicode/udat.h>
+#include <unicode/udatpg.h>
+#include <unicode/ustring.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <memory>
+
+#include "app-test.h"
+#include "brisel-scoped.h"
+#include "contacts.h"
+#include "vconf.h"
+
+static std::string taken(char *text) {
+  scoped_text held(text);
+  return text ? text : "(null)";
+}
+
+/* 2013-03-14 22:42:07 UTC */
+static const time_t old_mail = 1363300927;
+
+struct formats : testing::Test {
+  appdata ad = {};
+  std::string localtime = getenv("BRISEL_LOCALTIME");
+  void TearDown() override {
+    brisel_close_icu_pattern_generator(&ad);
+    free(ad.locale);
+    vconf_unset(BRISEL_KEY_REGION);
+    zone("Etc/UTC");
+  }
+  void region(const char *value) {
+    if (value)
+      vconf_set_str(BRISEL_KEY_REGION, value);
+    else
+      vconf_unset(BRISEL_KEY_REGION);
+    brisel_close_icu_pattern_generator(&ad);
+    ASSERT_EQ(brisel_open_icu_pattern_generator(&ad), 0);
+  }
+  void zone(const std::string &id) {
+    unlink(localtime.c_str());
+    ASSERT_EQ(symlink(("/usr/share/zoneinfo/" + id).c_str(), localtime.c_str()), 0);
+    brisel_update_timezone_str();
+  }
+};
+
+TEST_F(formats, OldMailsShowDateAndTime) {
+  zone("Etc/UTC");
+  const struct {
+    const char *region;
+    int date_format, time_format;
+    const char *expected;
+  } cases[] = {
+      {"en_GB.UTF-8", 0, 0, "14/03/2013 22:42"},
+      {"en_GB.UTF-8", 1, 0, "03/14/2013 22:42"},
+      {"en_GB.UTF-8", 2, 2, "2013/03/14 22:42"},
+      {"en_GB.UTF-8", 3, 0, "2013/14/03 22:42"},
+      {"en_GB", 9, 0, "2013/03/14 22:42"},
+      {"ko_KR.UTF-8", 2, 0, "2013/03/14 22:42"},
+      {"ko_KR.UTF-8", 2, 1, "2013/03/14 오후 10:42"},
+      {"ar_EG.UTF-8", 0, 0, "١٤/٠٣/٢٠١٣ ٢٢:٤٢"},
+      {"ar_EG.UTF-8", 0, 1, "١٤/٠٣/٢٠١٣ ١٠:٤٢ م"},
+      {"fi_FI.UTF-8", 0, 0, "14/03/2013 22.42"},
+      {nullptr, 1, 0, "03/14/2013 22:42"},
+  };
+  for (const auto &c : cases) {
+    region(c.region);
+    ad.date_format = c.date_format;
+    ad.time_format = c.time_format;
+    std::string shown = taken(brisel_util_get_mailbox_date_time_str(old_mail, &ad));
+    for (size_t nbsp; (nbsp = shown.find("\u202F")) != std::string::npos;) shown.replace(nbsp, 3, " ");
+    for (size_t nbsp; (nbsp = shown.find("\u00A0")) != std::string::npos;) shown.replace(nbsp, 2, " ");
+    EXPECT_EQ(shown, c.expected) << (c.region ? c.region : "(unset)") << c.date_format << c.time_format;
+  }
+}
+
+TEST_F(formats, NearerMailsShowLess) {
+  zone("Asia/Seoul");
+  region("en_GB.UTF-8");
+  const time_t now = time(nullptr);
+  struct tm today = {};
+  localtime_r(&now, &today);
+  struct tm last_of_year = {};
+  last_of_year.tm_year = today.tm_year - 1;
+  last_of_year.tm_mon = 11;
+  last_of_year.tm_mday = 31;
+  last_of_year.tm_hour = 23;
+  last_of_year.tm_min = 59;
+  last_of_year.tm_isdst = -1;
+  struct tm late = today;
+  late.tm_hour = 23;
+  late.tm_min = 58;
+  char text[64];
+
+  strftime(text, sizeof(text), "%H:%M", &today);
+  EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(now, &ad)), text);
+  EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(mktime(&late), &ad)), "23:58") << "later today is today";
+
+  struct tm other_day = today;
+  other_day.tm_mon = today.tm_mon == 0 ? 1 : 0;
+  other_day.tm_mday = 7;
+  const time_t other = mktime(&other_day);
+  for (auto [date_format, pattern] :
+       std::map<int, const char *>{{0, "%d/%m %H:%M"}, {1, "%m/%d %H:%M"}, {2, "%m/%d %H:%M"}, {3, "%d/%m %H:%M"}}) {
+    ad.date_format = date_format;
+    strftime(text, sizeof(text), pattern, &other_day);
+    EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(other, &ad)), text);
+  }
+  ad.date_format = 2;
+  strftime(text, sizeof(text), "%Y/12/31 23:59", &last_of_year);
+  EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(mktime(&last_of_year), &ad)), text);
+  EXPECT_EQ(brisel_util_get_mailbox_date_time_str(now, nullptr), nullptr);
+}
+
+/* What ICU says when everything is opened for the one text. */
+static std::string fresh_text(const char *source, bool skeleton, const char *locale, time_t t) {
+  UErrorCode status = U_ZERO_ERROR;
+  UChar pattern[256], asked[256], units[256];
+  char text[1024];
+  int32_t length = 0;
+  u_strFromUTF8(asked, 256, &length, source, -1, &status);
+  u_memcpy(pattern, asked, length);
+  if (skeleton) {
+    UDateTimePatternGenerator *generator = udatpg_open(locale, &status);
+    length = udatpg_getBestPattern(generator, asked, length, pattern, 256, &status);
+    udatpg_close(generator);
+  }
+  UDateFormat *format = udat_open(UDAT_PATTERN, UDAT_PATTERN, locale, nullptr, -1, pattern, length, &status);
+  length = udat_format(format, t * 1000.0, units, 256, nullptr, &status);
+  udat_close(format);
+  u_strToUTF8(text, sizeof(text), nullptr, units, length, &status);
+  EXPECT_TRUE(U_SUCCESS(status)) << u_errorName(status);
+  return text;
+}
+
+TEST_F(formats, KeptFormattersGiveWhatFreshOnesGive) {
+  const char *patterns[] = {"dd/MM", "dd/MM/y", "MM/dd", "MM/dd/y", "y/MM/dd", "y/dd/MM", "EEEE d MMMM y"};
+  const char *locales[] = {"en_US", "ar_EG", "ko_KR", "hi_IN", "th_TH", "fa_IR"};
+  const char *zones[] = {"Etc/UTC", "Asia/Kathmandu", "America/New_York"};
+  for (const char *id : zones) {
+    zone(id);
+    for (const char *locale : locales) {
+      region(locale);
+      for (time_t t : {old_mail, (time_t)0, (time_t)-86400, (time_t)2147483647})
+        for (int pass = 0; pass < 2; pass++) {
+          for (const char *pattern : patterns)
+            EXPECT_EQ(taken(brisel_util_get_date_time_str_by_pattern(pattern, locale, &t)),
+                      fresh_text(pattern, false, locale, t));
+          for (const char *skeleton : {"Hm", "hhmm"})
+            EXPECT_EQ(taken(brisel_util_get_date_time_str_by_skeleton(skeleton, locale, &t)),
+                      fresh_text(skeleton, true, locale, t))
+                << locale;
+        }
+    }
+  }
+  brisel_close_icu_pattern_generator(&ad);
+  time_t t = old_mail;
+  EXPECT_EQ(taken(brisel_util_get_date_time_str_by_skeleton("Hm", "en_US", &t)), "") << "no generator, no text";
+  EXPECT_EQ(taken(brisel_util_get_date_time_str_by_pattern(std::string(400, 'y').c_str(), "en_US", &t)), "");
+}
+
+TEST_F(formats, RegionMakesTheLocaleAndTheDigits) {
+  const std::string longest(31, 'a');
+  const struct {
+    const char *region;
+    std::string locale;
+    const char *number;
+  } cases[] = {
+      {"ko_KR.UTF-8", "ko_KR", "-1,234,567"},
+      {"ar_EG.UTF-8", "ar_EG", "\u061C-١٬٢٣٤٬٥٦٧"},
+      {"de_DE", "de_DE", "-1.234.567"},
+      {nullptr, "en_US", "-1,234,567"},
+      {"a234567890123456789012345678901234567890.UTF-8", "en_US", "-1,234,567"},
+  };
+  for (const auto &c : cases) {
+    region(c.region);
+    EXPECT_EQ(ad.locale, c.locale);
+    EXPECT_EQ(taken(brisel_util_get_localized_number_str(-1234567, &ad)), c.number) << c.locale;
+  }
+  log_mark();
+  vconf_set_int(BRISEL_KEY_REGION, 7);
+  EXPECT_EQ(taken(brisel_get_locale()), "en_US");
+  EXPECT_EQ(log_lines(), std::vector<std::string>{"W/vconf_get_str() failed : region format"});
+}
+
+TEST_F(formats, TheZoneLinkRulesTextsAndDays) {
+  region("en_GB.UTF-8");
+  const struct {
+    const char *id, *expected;
+  } cases[] = {
+      {"Asia/Seoul", "15/03/2013 07:42"}, {"America/New_York", "14/03/2013 18:42"}, {"Etc/UTC", "14/03/2013 22:42"}};
+  for (const auto &c : cases) {
+    zone(c.id);
+    EXPECT_EQ(taken(brisel_get_timezone_str()), c.id);
+    EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(old_mail, &ad)), c.expected);
+  }
+  zone("Asia/Seoul");
+  for (const char *target : {"", "/usr/share/zoneinf"}) {
+    unlink(localtime.c_str());
+    if (*target) {
+      ASSERT_EQ(symlink(target, localtime.c_str()), 0);
+    }
+    log_mark();
+    brisel_update_timezone_str();
+    EXPECT_TRUE(logged("E/readlink() failed"));
+    EXPECT_TRUE(logged("E/timezone_id is NULL"));
+    EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(old_mail, &ad)), "15/03/2013 07:42") << "the zone stays";
+  }
+}
+
+TEST(texts, MarkupShowsTheTextItself) {
+  const struct {
+    std::string text, row, whole;
+  } cases[] = {
+      {"", "", ""},
+      {"Plain", "Plain", "Plain"},
+      {"<b>&amp;\"", "&lt;b&gt;&amp;amp;\"", "&lt;b&gt;&amp;amp;\""},
+      {"a\r\nb\tc\u2028d", "a b c d", "a<br/>b<tab/>c<br/>d"},
+      {"\xC3\x28\xFF", "\uFFFD(\uFFFD", "\uFFFD(\uFFFD"},
+      {"\xE0\x80\xAF \xED\xA0\x80 \xF5", "\uFFFD\uFFFD\uFFFD \uFFFD\uFFFD\uFFFD \uFFFD",
+       "\uFFFD\uFFFD\uFFFD \uFFFD\uFFFD\uFFFD \uFFFD"},
+      {"\x01\x7F\uFFFC", "\uFFFD\uFFFD\uFFFD", "\uFFFD\uFFFD\uFFFD"},
+      {"עברית 😀 한", "עברית 😀 한", "עברית 😀 한"},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ(taken(brisel_util_text_to_markup(c.text.c_str())), c.row);
+    EXPECT_EQ(taken(brisel_util_text_to_markup_whole(c.text.c_str())), c.whole);
+  }
+  EXPECT_EQ(brisel_util_text_to_markup(nullptr), nullptr);
+}
+
+TEST(texts, MarkupIsCutBetweenCharactersAndEntities) {
+  const struct {
+    std::string head, unit;
+    size_t expected;
+  } cases[] = {{"", "a", 1024},    {"", "é", 1024}, {"a", "é", 1023},   {"ab", "한", 1022},
+               {"abc", "😀", 1023}, {"", "<", 1024}, {"abc", "<", 1023}, {"", "&", 1020}};
+  for (const auto &c : cases) {
+    std::string text = c.head;
+    while (text.size() < 3000) text += c.unit;
+    const std::string markup = taken(brisel_util_text_to_markup(text.c_str()));
+    EXPECT_EQ(markup.size(), c.expected) << c.unit;
+    EXPECT_TRUE(eina_unicode_utf8_get_len(markup.c_str()) > 0);
+    EXPECT_GT(taken(brisel_util_text_to_markup_whole(text.c_str())).size(), 2999u);
+    std::vector<char> cut(text.begin(), text.end());
+    cut.push_back(0);
+    brisel_util_cut_utf8(cut.data(), 1023);
+    const std::string kept = cut.data();
+    EXPECT_EQ(kept, text.substr(0, kept.size()));
+    EXPECT_LE(kept.size(), 1023u);
+    EXPECT_GT(kept.size(), 1019u);
+    EXPECT_EQ((kept.size() - c.head.size()) % c.unit.size(), 0u) << "half a character";
+  }
+}
+
+TEST(texts, ReplaceTakesTheFirstMatch) {
+  const std::string longer(5000, 'x');
+  const struct {
+    std::string src, find, replace, expected;
+  } cases[] = {
+      {"%d of %d", "%d", "%s", "%s of %d"},
+      {"a%d", "%d", "", "a"},
+      {"none", "%d", "7", "none"},
+      {"", "%d", "7", ""},
+      {longer + "%d", "%d", "7", longer + "7"},
+      {"a", "", "7", "a"},
+  };
+  for (const auto &c : cases)
+    EXPECT_EQ(taken(brisel_replace_str(c.src.c_str(), c.find.c_str(), c.replace.c_str())), c.expected);
+}
+
+TEST(reply_method, IsKeptAsTheHostCodesIt) {
+  const struct { int method, stored, read_back; } cases[] = {{0, 0, 0}, {1, 3, 1}, {2, 1, 0}, {9, 0, 0}};
+  for (const auto &c : cases) {
+    int stored = -1;
+    brisel_util_set_reply_method(c.method);
+    EXPECT_EQ(vconf_get_int(BRISEL_KEY_REPLY_VALUE, &stored), 0);
+    EXPECT_EQ(stored, c.stored);
+    EXPECT_EQ(brisel_util_get_reply_method(), c.read_back);
+  }
+  for (int stored : {2, -5, 44}) {
+    vconf_set_int(BRISEL_KEY_REPLY_VALUE, stored);
+    EXPECT_EQ(brisel_util_get_reply_method(), 0);
+  }
+  vconf_set_str(BRISEL_KEY_REPLY_VALUE, "3");
+  log_mark();
+  EXPECT_EQ(brisel_util_get_reply_method(), 0);
+  EXPECT_TRUE(logged("W/vconf_get_int(BRISEL_VCONFKEY_INT_REPLY_VALUE) failed!"));
+}
+
+struct contacts : testing::Test {
+  void SetUp() override { ASSERT_EQ(contacts_connect2(), 0); }
+  void TearDown() override { contacts_disconnect2(); }
+  void import(const std::string &cards) {
+    const std::string path = std::string(getenv("BRISEL_SESSION_DIR")) + "/cards.vcf";
+    std::ofstream(path) << cards;
+    int count = 0;
+    char *error = nullptr;
+    ASSERT_EQ(contacts_import_vcard_file(path.c_str(), &count, &error), 0) << error;
+    free(error);
+  }
+  static std::vector<std::string> numbers(int person) {
+    std::vector<std::string> found;
+    GSList *list = brisel_util_get_phone_number_by_person_id(person);
+    for (GSList *cell = list; cell; cell = cell->next) {
+      contact_number *number = (contact_number *)cell->data;
+      found.push_back(std::to_string(number->type) + ":" + (number->number ? number->number : "(null)"));
+    }
+    g_slist_free_full(list, brisel_util_contact_number_free);
+    return found;
+  }
+};
+
+TEST_F(contacts, FindTheSenderAndItsNumbers) {
+  import(
+      "BEGIN:VCARD\nVERSION:3.0\nFN:Ada\nEMAIL:ada@example.org\nTEL;TYPE=HOME:+1 555 0100\nTEL;TYPE=CELL:+1 555 0101\n"
+      "TEL:+1 555 0102\nEND:VCARD\n"
+      "BEGIN:VCARD\nVERSION:3.0\nFN:Bob\nEMAIL:shared@example.org\nTEL;TYPE=WORK:+1 555 0200\nEND:VCARD\n"
+      "BEGIN:VCARD\nVERSION:3.0\nFN:Cem\nEMAIL:shared@example.org\nEMAIL:cem@example.org\nEND:VCARD\n");
+  const int ada = brisel_util_get_person_id_by_email_address("ada@example.org");
+  const int cem = brisel_util_get_person_id_by_email_address("cem@example.org");
+  EXPECT_GT(ada, 0);
+  EXPECT_EQ(brisel_util_get_person_id_by_email_address("ADA@EXAMPLE.ORG"), ada);
+  EXPECT_EQ(brisel_util_get_person_id_by_email_address("shared@example.org"), cem) << "the last of several";
+  for (const char *nobody : {"", "ada@example.or", "ada@example.org'", "%"})
+    EXPECT_EQ(brisel_util_get_person_id_by_email_address(nobody), -1) << nobody;
+  EXPECT_EQ(brisel_util_get_person_id_by_email_address(nullptr), -1);
+
+  const std::vector<std::string> of_ada = numbers(ada);
+  ASSERT_EQ(of_ada.size(), 3u);
+  EXPECT_EQ(of_ada[0], std::to_string(CONTACTS_NUMBER_TYPE_HOME) + ":+1 555 0100");
+  EXPECT_EQ(of_ada[1], std::to_string(CONTACTS_NUMBER_TYPE_MOBILE) + ":+1 555 0101");
+  EXPECT_EQ(of_ada[2].substr(of_ada[2].find(':')), ":+1 555 0102");
+  EXPECT_TRUE(numbers(cem).empty());
+  EXPECT_TRUE(numbers(-1).empty());
+  EXPECT_TRUE(numbers(999999).empty());
+}
