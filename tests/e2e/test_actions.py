@@ -1,5 +1,6 @@
 """Everything a finger can do with a mail, up to the JSON line that reaches the phone."""
 import html
+import html
 import itertools
 
 from brisel_test import equal, mail, main, middle
