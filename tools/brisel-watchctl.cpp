@@ -172,10 +172,12 @@ int quit(void) {
   return code;
 }
 
-int dump(void) {
+/* Calls and prints the JSON text that comes back. */
+int print_answer(const char *method, bool with_reset, bool reset) {
   const bus_ptr bus = open_bus();
   if (!bus) return 1;
-  const message_ptr m = new_call(bus.get(), inspect_interface, "Dump", false);
+  const message_ptr m = new_call(bus.get(), inspect_interface, method, false);
+  if (with_reset) sd_bus_message_append(m.get(), "b", reset ? 1 : 0);
   message_ptr answer;
   const int code = send(bus.get(), inspect_interface, m.get(), answer_seconds, &answer);
   if (code != 0) return code;
@@ -448,8 +450,12 @@ int main(int argc, char **argv) {
   cmd->add_option("FILE", text)->required();
   cmd->callback([&] { code = screenshot(text); });
   app.add_subcommand("dump", "print the window's texts and views as JSON")->group(inspection)->callback([&] {
-    code = dump();
+    code = print_answer("Dump", false, false);
   });
+  bool reset = false;
+  cmd = app.add_subcommand("stats", "print what the frames and the main loop took as JSON")->group(inspection);
+  cmd->add_flag("--reset", reset, "forget it afterwards, but for the first screen");
+  cmd->callback([&] { code = print_answer("Stats", true, reset); });
 
   try {
     app.parse(argc, argv);

@@ -73,6 +73,8 @@ bool ea_dispatch(Ea_Callback_Type type);
 /* inspect.cpp: only with BRISEL_INSPECT=1. */
 int app_inspect_start(sd_bus *bus, const char *path);
 void app_inspect_stop(void);
+void app_inspect_window(Evas_Object *window); /* counts its frames from now on */
+void app_inspect_launched(void);              /* a launch request was handled */
 /* Calls done(data) once nothing has been drawn for a moment, or after a bound; at once when inspection is off. */
 void app_inspect_settled(void (*done)(void *data), void *data);
 

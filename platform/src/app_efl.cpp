@@ -302,6 +302,7 @@ bool app_ready(void) {
 
 void app_deliver_launch(service_s *service) {
   if (app.callbacks.service) app.callbacks.service(service, app.user_data);
+  app_inspect_launched();
   /* Not kept for later, so it is done. */
   if (service->call && service->call.use_count() == 1 && service->call->message)
     service_reply_to_launch_request(nullptr, service, SERVICE_RESULT_SUCCEEDED);
@@ -361,6 +362,7 @@ void app_efl_window_attach(Evas_Object *win) {
     app.visibility_handler = ecore_event_handler_add(ECORE_X_EVENT_WINDOW_VISIBILITY_CHANGE, visibility_cb, nullptr);
 #endif
   keypad_attach(win);
+  app_inspect_window(win);
 }
 
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data) {

@@ -231,6 +231,13 @@ int dump_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   return enqueue(std::move(next));
 }
 
+int stats_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  int reset;
+  const int r = sd_bus_message_read(m, "b", &reset);
+  if (r < 0) return r;
+  return sd_bus_reply_method_return(m, "s", inspect_stats(reset).c_str());
+}
+
 const sd_bus_vtable inspect_table[] = {SD_BUS_VTABLE_START(0),
                                        SD_BUS_METHOD("Tap", "ii", "", tap_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("DoubleTap", "ii", "", double_tap_cb, SD_BUS_VTABLE_UNPRIVILEGED),
@@ -240,6 +247,7 @@ const sd_bus_vtable inspect_table[] = {SD_BUS_VTABLE_START(0),
                                        SD_BUS_METHOD("Type", "s", "", type_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Screenshot", "s", "", screenshot_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Dump", "", "s", dump_cb, SD_BUS_VTABLE_UNPRIVILEGED),
+                                       SD_BUS_METHOD("Stats", "b", "s", stats_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_VTABLE_END};
 
 }  // namespace
@@ -252,7 +260,16 @@ int app_inspect_start(sd_bus *bus, const char *path) {
   return r;
 }
 
+void app_inspect_window(Evas_Object *window) {
+  if (on) inspect_stats_attach(window);
+}
+
+void app_inspect_launched(void) {
+  if (on) inspect_stats_launched();
+}
+
 void app_inspect_stop(void) {
+  if (on) inspect_stats_detach();
   on = false;
   slot = sd_bus_slot_unref(slot);
   if (timer) ecore_timer_del(timer);
