@@ -456,6 +456,25 @@ TEST_F(Theme, AnswersTheReadersSignals) {
   }
 }
 
+/* The label of a hidden notice stays in its part. */
+TEST_F(Theme, GivesAHiddenNoticeNoRoom) {
+  Evas_Object *edje = edje_object_add(evas_object_evas_get(win));
+  ASSERT_TRUE(edje_object_file_set(edje, file("brisel").c_str(), "brisel/detail"));
+  const auto height = [&](const char *signal) {
+    edje_object_signal_emit(edje, signal, "brisel");
+    edje_object_message_signal_process(edje);
+    int h = 0;
+    edje_object_size_min_restricted_calc(edje, nullptr, &h, 320, 0);
+    return h;
+  };
+  const int without = height("do-hide-device-field");
+  Evas_Object *label = picture(win, 70);
+  edje_object_part_swallow(edje, "detail.device", label);
+  EXPECT_EQ(height("do-hide-device-field"), without);
+  EXPECT_GE(height("do-show-device-field"), without + 70);
+  EXPECT_EQ(height("do-hide-device-field"), without);
+}
+
 /* --- colours -------------------------------------------------------------------------------------------------- */
 
 TEST_F(Theme, HasALightColourForEveryRole) {
