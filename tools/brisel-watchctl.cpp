@@ -290,7 +290,7 @@ int contact_import(const std::string &file) {
   char *error = nullptr;
   const int r = contacts_import_vcard_file(file.c_str(), &count, &error);
   const text_ptr text(error);
-  if (r != 0) return fail(text ? text.get() : file + " cannot be imported");
+  if (r != 0) return fail(file + ": " + (text ? text.get() : "cannot be imported"));
   printf("%d\n", count);
   return 0;
 }

@@ -14,7 +14,7 @@ namespace {
 constexpr char theme_file[] = "/usr/apps/com.vextora.brisel/res/edje/platform.edj";
 constexpr char theme_key[] = "db/setting/theme";
 /* Pixels: how far a resting finger strays, and what it covers at the least. */
-constexpr unsigned int finger_tremble = 12;
+constexpr unsigned int finger_tremble = 8;
 constexpr int finger_size = 24;
 constexpr char motion_key[] = "db/setting/motion";
 

@@ -14,10 +14,6 @@ constexpr double rest_before_lift = 0.12;
 constexpr double key_seconds = 0.01;
 constexpr int second_finger = 1;
 
-unsigned int timestamp(void) {
-  return static_cast<unsigned int>(ecore_time_get() * 1000.0);
-}
-
 inspect_step at(double after, inspect_event event, int x, int y) {
   return {after, event, x, y, {}};
 }
@@ -59,30 +55,31 @@ std::vector<inspect_step> inspect_drag(int x1, int y1, int x2, int y2, double se
     steps.push_back(at(frame, INSPECT_MOVE, between(x1, x2, share), between(y1, y2, share)));
   }
   steps.push_back(at(frame, INSPECT_MOVE, x2, y2));
-  steps.push_back(at(0.0, INSPECT_UP, x2, y2));
+  /* No finger lifts in the instant in which it still moves; a scroller would take that for a stop. */
+  steps.push_back(at(frame, INSPECT_UP, x2, y2));
   return steps;
 }
 
 std::vector<inspect_step> inspect_pinch(int x, int y, double factor, int reach) {
-  /* The gesture layer measures from the radius at which the fingers have moved further than its tolerance. One jump of
-     the second finger alone takes them over it and to the radius from which the factor comes out as asked; of the radii
-     at hand the one whose end falls nearest to a whole pixel. */
+  /* The gesture layer lets two fingers move by its tolerance, a finger's size, before it measures; from then on the
+     factor is their distance by the first one plus that tolerance. So they start that much nearer to each other, and
+     one jump takes them over it. Of the radii at hand the one whose end falls nearest to a whole pixel. */
+  const int tolerance = elm_config_finger_size_get();
+  const int smallest = std::max(tolerance, 24);
   int nearest = 0;
   double nearest_error = 1.0;
-  int jump = 2 * elm_config_finger_size_get() + 8;
-  const int smallest = jump / 2 + 8;
-  for (int radius = std::max(smallest, 24); radius <= std::max(reach, smallest); radius++) {
+  for (int radius = smallest; radius <= std::max(reach, smallest); radius++) {
     const double end = radius * factor;
     if (end > reach && nearest > 0) break;
-    const double error = std::fabs(end - std::lround(end));
+    const double error = std::fabs(end - static_cast<double>(std::lround(end)));
     if (nearest > 0 && error >= nearest_error) continue;
     nearest = radius;
     nearest_error = error;
   }
   const int end = std::max(1, static_cast<int>(std::lround(nearest * factor)));
   std::vector<inspect_step> steps{at(0.0, INSPECT_MOVE, x - nearest, y), at(0.0, INSPECT_DOWN, x - nearest, y),
-                                  at(0.0, INSPECT_DOWN2, x + nearest - jump, y),
-                                  at(frame, INSPECT_MOVE2, x + nearest, y)};
+                                  at(0.0, INSPECT_DOWN2, x + nearest - tolerance, y),
+                                  at(frame, INSPECT_MOVE2, x + nearest + 2, y)};
   constexpr int moves = 24;
   for (int i = 1; i <= moves; i++) {
     const int radius = between(nearest, end, static_cast<double>(i) / moves);
@@ -107,8 +104,8 @@ std::vector<inspect_step> inspect_type(const char *text) {
   return steps;
 }
 
-void inspect_feed(Evas *evas, const inspect_step &step) {
-  const unsigned int now = timestamp();
+void inspect_feed(Evas *evas, const inspect_step &step, double time) {
+  const auto now = static_cast<unsigned int>(time * 1000.0);
   const int x = step.x;
   const int y = step.y;
   switch (step.event) {

@@ -32,7 +32,9 @@ std::vector<inspect_step> inspect_press(int x, int y, double seconds);
 std::vector<inspect_step> inspect_drag(int x1, int y1, int x2, int y2, double seconds);
 std::vector<inspect_step> inspect_pinch(int x, int y, double factor, int reach);
 std::vector<inspect_step> inspect_type(const char *text);
-void inspect_feed(Evas *evas, const inspect_step &step);
+/* time: when the step was due, in the main loop's seconds. Events carry it, so that a busy machine, which feeds some
+   late, does not change how fast the finger was. */
+void inspect_feed(Evas *evas, const inspect_step &step, double time);
 
 /* What is on the canvas, as JSON text. */
 std::string inspect_dump(Evas_Object *window);

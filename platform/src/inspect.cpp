@@ -25,6 +25,7 @@ struct work {
   void *data = nullptr;
   std::vector<inspect_step> steps;
   size_t next = 0;
+  double due = 0.0; /* when the next step is, or the last one was */
   work_end end = WORK_NOTHING;
   std::string file;
 };
@@ -99,23 +100,26 @@ Eina_Bool settle_cb(void *data) {
 Eina_Bool step_cb(void *data) {
   timer = nullptr;
   work &current = queue.front();
-  do {
-    if (current.next == current.steps.size() || !app_window()) {
-      settle_start = ecore_time_get();
-      last_drawn = std::max(last_drawn, settle_start);
-      timer = ecore_timer_add(settle_quiet, settle_cb, nullptr);
-      return ECORE_CALLBACK_CANCEL;
-    }
-    inspect_feed(evas_object_evas_get(app_window()), current.steps[current.next++]);
-  } while (current.next == current.steps.size() || current.steps[current.next].after == 0.0);
-  timer = ecore_timer_add(current.steps[current.next].after, step_cb, nullptr);
+  while (current.next < current.steps.size() && app_window() && current.due <= ecore_time_get()) {
+    inspect_feed(evas_object_evas_get(app_window()), current.steps[current.next], current.due);
+    if (++current.next < current.steps.size()) current.due += current.steps[current.next].after;
+  }
+  if (current.next < current.steps.size() && app_window()) {
+    timer = ecore_timer_add(std::max(current.due - ecore_time_get(), 0.0), step_cb, nullptr);
+  } else {
+    settle_start = ecore_time_get();
+    last_drawn = std::max(last_drawn, settle_start);
+    timer = ecore_timer_add(settle_quiet, settle_cb, nullptr);
+  }
   return ECORE_CALLBACK_CANCEL;
 }
 
 void start_next(void) {
   watch_canvas(true);
-  const work &first = queue.front();
-  timer = ecore_timer_add(first.steps.empty() ? 0.0 : first.steps[0].after, step_cb, nullptr);
+  work &first = queue.front();
+  const double after = first.steps.empty() ? 0.0 : first.steps[0].after;
+  first.due = ecore_time_get() + after;
+  timer = ecore_timer_add(after, step_cb, nullptr);
 }
 
 int enqueue(work &&next) {

@@ -1,0 +1,199 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "driver.h"
+
+using lines = std::vector<std::string>;
+
+namespace {
+
+const char probe[] = PROBE;
+constexpr char link_popup[] = "com.vextora.bt-connection-popup";
+constexpr char link_key[] = "memory/wms/wmanager_connected";
+
+/* A started probe: its first two lines are read. */
+struct Framework : testing::Test {
+  Framework() : app({probe, "x=1"}) {}
+  void SetUp() override {
+    ASSERT_EQ(app.line(), "create 320x320 No emails");
+    ASSERT_EQ(app.line(), "service scene= do= x=1");
+  }
+  /* Asks for an action; returns what the probe told until it was done, without the launch itself. */
+  lines act(const std::string &action) {
+    must({"launch", "do=" + action});
+    EXPECT_EQ(app.line(), "service scene= do=" + action + " x=");
+    return settled();
+  }
+  /* What has been told by now: a further launch marks the end. */
+  lines settled() {
+    must({"launch", "x=end"});
+    return app.until("service scene= do= x=end");
+  }
+  child app;
+};
+
+TEST_F(Framework, PausesAndResumesOncePerChange) {
+  const struct {
+    const char *action;
+    lines told;
+  } table[] = {
+      {"lower", {"pause"}}, {"lower", {}},          {"activate", {"resume"}}, {"activate", {}},
+      {"hide", {"pause"}},  {"lower", {}},          {"show", {"resume"}},     {"iconify", {"pause"}},
+      {"hide", {}},         {"show", {}},           {"restore", {"resume"}},  {"lower-twice", {"pause"}},
+      {"activate", {"resume"}}, {"lower-activate", {}}, {"iconify", {"pause"}},   {"activate", {"resume"}},
+  };
+  for (const auto &row : table) EXPECT_EQ(act(row.action), row.told) << row.action;
+}
+
+TEST_F(Framework, FollowsTheWatchInAndOut) {
+  must({"pause"});
+  EXPECT_EQ(app.line(), "pause");
+  must({"pause"});
+  must({"resume"});
+  EXPECT_EQ(app.line(), "resume");
+  must({"resume"});
+  EXPECT_EQ(settled(), lines{});
+}
+
+TEST_F(Framework, EndsCleanlyHoweverItIsTold) {
+  must({"quit"});
+  EXPECT_EQ(app.line(), "terminate");
+  EXPECT_EQ(app.line(), "(end)");
+  EXPECT_EQ(app.wait(), 0);
+  for (const int number : {SIGTERM, SIGINT}) {
+    child again({probe});
+    again.until("service scene= do= x=");
+    again.signal(number);
+    EXPECT_EQ(again.line(), "terminate");
+    EXPECT_EQ(again.wait(), 0);
+  }
+  child by_itself({probe, "do=exit"});
+  by_itself.until("terminate");
+  EXPECT_EQ(by_itself.wait(), 0);
+}
+
+TEST_F(Framework, HandsASecondStartToTheFirst) {
+  const ran second = run({probe, "x=second"});
+  EXPECT_EQ(second.code, 0);
+  EXPECT_EQ(second.out, "") << "nothing of it was created";
+  EXPECT_EQ(app.line(), "service scene= do= x=second");
+  const ran action =
+      run({"gdbus", "call", "--session", "--dest", "com.vextora.probe", "--object-path", "/com/vextora/probe",
+           "--method", "org.freedesktop.Application.ActivateAction", "launch", "[<{'x':'desktop'}>]", "{}"});
+  EXPECT_EQ(action.code, 0) << action.err;
+  EXPECT_EQ(app.line(), "service scene= do= x=desktop");
+}
+
+TEST(FrameworkStart, KeepsALaunchUntilItIsCreated) {
+  child app({probe, "--service"}, {{"PROBE_CREATE_DELAY", "700"}});
+  /* Its name is there long before its window. */
+  while (run({"gdbus", "call", "--session", "--dest", "org.freedesktop.DBus", "--object-path", "/", "--method",
+              "org.freedesktop.DBus.GetNameOwner", "com.vextora.probe"})
+             .code != 0)
+    usleep(10000);
+  must({"launch", "x=early"});
+  EXPECT_EQ(app.line(), "create 320x320 No emails");
+  EXPECT_EQ(app.line(), "service scene= do= x=early") << "and no launch of its own before";
+}
+
+TEST(FrameworkStart, EndsWhenItCannotBeCreated) {
+  child app({probe}, {{"PROBE_CREATE_FAILS", "1"}});
+  EXPECT_EQ(app.line(), "terminate");
+  EXPECT_EQ(app.wait(), 1);
+}
+
+TEST(FrameworkStart, RunsAloneWithoutABus) {
+  child app({probe, "do=exit"}, {{"DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent"}});
+  EXPECT_EQ(app.line(), "create 320x320 No emails");
+  EXPECT_EQ(app.line(), "service scene= do=exit x=");
+  EXPECT_EQ(app.wait(), 0);
+}
+
+TEST(FrameworkStart, SpeaksEnglishInEveryNeutralLocale) {
+  for (const char *locale : {"", "C", "POSIX", "C.UTF-8", "xx_XX.UTF-8"}) {
+    child app({probe, "do=exit"}, {{"LANG", locale}, {"LC_ALL", locale}, {"BRISEL_WINDOW_SIZE", "360x480"}});
+    EXPECT_EQ(app.line(), "create 360x480 No emails") << locale;
+  }
+}
+
+TEST_F(Framework, AnswersLaunchesAtOnceOrLate) {
+  EXPECT_EQ(watch({"launch", "x=2"}).out, "");
+  child late({"brisel-watchctl", "--app", "com.vextora.probe", "launch", "do=keep"});
+  app.until("service scene= do=keep x=");
+  must({"launch", "do=answer"});
+  EXPECT_EQ(app.until("answered 0 -1").size(), 1u) << "a second answer is refused";
+  EXPECT_EQ(late.line(), "answer=late");
+  EXPECT_EQ(late.wait(), 0);
+}
+
+TEST_F(Framework, HearsWhatBecameOfItsLaunches) {
+  auto popup = [](const std::vector<std::string> &words) {
+    std::vector<std::string> all{"brisel-watchctl", "--app", link_popup};
+    all.insert(all.end(), words.begin(), words.end());
+    /* It is there when it answers; it may still be starting. */
+    while (run(all).code != 0) usleep(20000);
+  };
+  must({"launch", "send=com.vextora.nosuch"});
+  app.until("sent -3");
+
+  must({"launch", std::string("send=") + link_popup});
+  app.until("sent 0");
+  popup({"dump"});
+  must({"setting", "set", link_key, "bool", "true"});
+  EXPECT_EQ(app.line(), "reply 0 Connected");
+  must({"setting", "unset", link_key});
+
+  must({"launch", std::string("send=") + link_popup});
+  app.until("sent 0");
+  popup({"key", "back"});
+  EXPECT_EQ(app.line(), "reply 0 Not Connected");
+
+  must({"launch", std::string("send=") + link_popup});
+  app.until("sent 0");
+  popup({"dump"});
+  const ran owner = run({"gdbus", "call", "--session", "--dest", "org.freedesktop.DBus", "--object-path", "/",
+                         "--method", "org.freedesktop.DBus.GetConnectionUnixProcessID", link_popup});
+  const int pid = atoi(owner.out.c_str() + owner.out.find(' ') + 1);
+  ASSERT_GT(pid, 1) << owner.out;
+  kill(pid, SIGKILL);
+  EXPECT_EQ(app.line(), "reply -1 ") << "a target that dies never leaves the sender waiting";
+}
+
+TEST_F(Framework, GivesKeysToTheTopmostThatIsThere) {
+  must({"launch", "scene=key"});
+  app.line();
+  auto key = [this](const char *name) {
+    must({"key", name});
+    return settled();
+  };
+  EXPECT_EQ(key("more"), lines{"key more"});
+  EXPECT_EQ(key("back"), (lines{"key top", "removed with its data"}));
+  EXPECT_EQ(key("back"), lines{"key middle"});
+  act("hide-key");
+  EXPECT_EQ(key("back"), lines{"key bottom"});
+  act("delete-key");
+  EXPECT_EQ(key("back"), lines{"key bottom"});
+}
+
+TEST_F(Framework, FollowsLanguageRegionAndZone) {
+  must({"setting", "set", "db/menu_widget/language", "string", "ar_EG.UTF-8"});
+  const std::string arabic = app.line();
+  EXPECT_EQ(arabic.find("language ar_EG:en mirrored 1 "), 0u) << arabic;
+  EXPECT_EQ(arabic.find("No emails"), std::string::npos) << "translated: " << arabic;
+  EXPECT_EQ(app.line(), "after C " + arabic.substr(strlen("language ar_EG:en mirrored 1 ")));
+  must({"setting", "set", "db/menu_widget/language", "string", "../../etc:C"});
+  EXPECT_EQ(app.line(), "language en mirrored 0 No emails") << "what is no language is not used";
+  app.line();
+  must({"setting", "set", "db/menu_widget/regionformat", "string", "de_DE.UTF-8"});
+  EXPECT_EQ(app.line(), "region");
+  must({"timezone", "Asia/Tokyo"});
+  EXPECT_EQ(act("zone"), lines{"zone Asia/Tokyo 32400"});
+  EXPECT_NE(watch({"timezone", "../passwd"}).code, 0);
+  must({"timezone", "Etc/UTC"});
+  for (const char *key : {"db/menu_widget/language", "db/menu_widget/regionformat"}) must({"setting", "unset", key});
+}
+
+}  // namespace
