@@ -46,9 +46,10 @@ void mime_init();
    at all (empty, or without one header). Damage inside a mail is no error: what can be read is given. */
 int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail, std::string *error);
 
-/* The Date header alone, seconds since the epoch, 0 for none; much cheaper than mime_parse(). `head` is the start of a
-   message, cut anywhere. */
-int64_t mime_date(std::string_view head);
+/* When a message arrived, seconds since the epoch: as the last mail server on its way wrote (the topmost Received
+   header), else as the Date header says, else 0. Much cheaper than mime_parse(). `head` is the start of a message, cut
+   anywhere. */
+int64_t mime_arrival(std::string_view head);
 
 /* Readable text of an HTML document in UTF-8: paragraphs, lists, quotes, table rows as lines; no scripts, styles,
    comments or hidden elements. At most `max` bytes. *has_image (may be NULL) is set when the document shows pictures;

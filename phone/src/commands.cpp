@@ -8,6 +8,7 @@
 
 #include "link.h"
 #include "mail-files.h"
+#include "relay.h"
 
 namespace {
 
@@ -205,7 +206,7 @@ int command_mail_delete(const std::vector<int> &ids) {
   if (!state) return complain(error);
   bus_holder bus(host_open_bus(&error));
   if (!bus || host_delete_mails(bus.get(), ids, &error) < 0) return complain("nothing was deleted: " + error);
-  if (phone_state_drop_mails(state.get(), ids) < 0) return complain(phone_state_error(state.get()));
+  if (relay_forget_mails(state.get(), ids) < 0) return complain(phone_state_error(state.get()));
   return 0;
 }
 
@@ -378,9 +379,13 @@ int command_demo(const std::string &dir) {
 namespace {
 
 struct serving {
-  phone_link *link = nullptr;
+  phone_state *state = nullptr;
   bool output_gone = false;
 };
+
+int keep_request(phone_link *link, const nlohmann::json &request, void *user_data) {
+  return relay_keep_request(static_cast<serving *>(user_data)->state, request);
+}
 
 void print_request(phone_link *link, const nlohmann::json &request, const std::string &line, void *user_data) {
   auto *serve = static_cast<serving *>(user_data);
@@ -401,7 +406,9 @@ int command_serve() {
   state_holder state(phone_state_open(&error));
   if (!state) return complain(error);
   serving serve;
+  serve.state = state.get();
   link_handlers handlers = {};
+  handlers.keep = keep_request;
   handlers.kept = print_request;
   phone_link *link = link_open(state.get(), &handlers, &serve, &error);
   if (!link) return complain(error);

@@ -1,6 +1,7 @@
 #include "host.h"
 
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -44,18 +45,21 @@ int begin(sd_bus *bus, message *call, const char *method, std::string *error) {
 int finish(sd_bus *bus, const message &call, int filled, message *reply, std::string *error) {
   if (filled < 0) {
     *error = std::string("the bus message cannot be made: ") + strerror(-filled);
-    return -1;
+    return HOST_REFUSED;
   }
   bus_error why;
   int result = sd_bus_call(bus, call.m, kTimeout, &why.e, &reply->m);
-  if (result >= 0) return 0;
+  if (result >= 0) return HOST_OK;
   *error = explain(why.e, result);
-  return why.e.name && strstr(why.e.name, ".Error.Busy") ? 1 : -1;
+  std::string_view name = why.e.name ? why.e.name : "";
+  if (name == "com.vextora.brisel.Error.Busy") return HOST_BUSY;
+  return name.substr(0, 25) == "com.vextora.brisel.Error." ? HOST_REFUSED : HOST_AWAY;
 }
 
+/* It was done, but what came of it is not known. */
 int unreadable(int result, std::string *error) {
   *error = std::string("the host service's answer cannot be read: ") + strerror(-result);
-  return -1;
+  return HOST_AWAY;
 }
 
 int append_text(sd_bus_message *m, const char *key, const std::string &value) {
@@ -186,29 +190,32 @@ int host_add_account(sd_bus *bus, int id, const std::string &address, const std:
   message call, reply;
   if (begin(bus, &call, "AddAccount", error) < 0) return -1;
   int filled = sd_bus_message_append(call.m, "issu", id, address.c_str(), name.c_str(), rgba);
-  if (finish(bus, call, filled, &reply, error) != 0) return -1;
+  int result = finish(bus, call, filled, &reply, error);
+  if (result != HOST_OK) return result;
   int32_t given = 0;
-  int result = sd_bus_message_read(reply.m, "i", &given);
+  result = sd_bus_message_read(reply.m, "i", &given);
   return result < 0 ? unreadable(result, error) : given;
 }
 
 int host_remove_account(sd_bus *bus, int id, std::string *error) {
   message call, reply;
   if (begin(bus, &call, "RemoveAccount", error) < 0) return -1;
-  return finish(bus, call, sd_bus_message_append(call.m, "i", id), &reply, error) == 0 ? 0 : -1;
+  return finish(bus, call, sd_bus_message_append(call.m, "i", id), &reply, error);
 }
 
 int host_list_accounts(sd_bus *bus, std::vector<host_record> *accounts, std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "ListAccounts", error) < 0 || finish(bus, call, 0, &reply, error) != 0) return -1;
-  int result = read_records(reply.m, accounts);
+  if (begin(bus, &call, "ListAccounts", error) < 0) return HOST_REFUSED;
+  int result = finish(bus, call, 0, &reply, error);
+  if (result != HOST_OK) return result;
+  result = read_records(reply.m, accounts);
   return result < 0 ? unreadable(result, error) : 0;
 }
 
 int host_set_account_count(sd_bus *bus, bool known, std::string *error) {
   message call, reply;
   if (begin(bus, &call, "SetAccountCount", error) < 0) return -1;
-  return finish(bus, call, sd_bus_message_append(call.m, "b", static_cast<int>(known)), &reply, error) == 0 ? 0 : -1;
+  return finish(bus, call, sd_bus_message_append(call.m, "b", static_cast<int>(known)), &reply, error);
 }
 
 int host_add_mails(sd_bus *bus, const std::vector<watch_mail> &mails, std::vector<int> *ids, std::string *error) {
@@ -218,17 +225,18 @@ int host_add_mails(sd_bus *bus, const std::vector<watch_mail> &mails, std::vecto
   for (const watch_mail &mail : mails)
     if (filled >= 0) filled = append_mail(call.m, mail);
   if (filled >= 0) filled = sd_bus_message_close_container(call.m);
-  if (finish(bus, call, filled, &reply, error) != 0) return -1;
+  int result = finish(bus, call, filled, &reply, error);
+  if (result != HOST_OK) return result;
   const void *data = nullptr;
   size_t size = 0;
-  int result = sd_bus_message_read_array(reply.m, 'i', &data, &size);
+  result = sd_bus_message_read_array(reply.m, 'i', &data, &size);
   if (result < 0) return unreadable(result, error);
   ids->clear();
   if (size > 0) ids->assign(static_cast<const int *>(data), static_cast<const int *>(data) + size / sizeof(int));
   if (ids->size() == mails.size()) return 0;
   *error =
       "the host service gave " + std::to_string(ids->size()) + " ids for " + std::to_string(mails.size()) + " mails";
-  return -1;
+  return HOST_AWAY;
 }
 
 int host_update_mail(sd_bus *bus, int id, const mail_change &change, std::string *error) {
@@ -240,13 +248,13 @@ int host_update_mail(sd_bus *bus, int id, const mail_change &change, std::string
   if (r >= 0 && change.is_new >= 0) r = append_number(call.m, "is_new", change.is_new);
   if (r >= 0 && change.has_subject) r = append_text(call.m, "subject", change.subject);
   if (r >= 0) r = sd_bus_message_close_container(call.m);
-  return finish(bus, call, r, &reply, error) == 0 ? 0 : -1;
+  return finish(bus, call, r, &reply, error);
 }
 
 int host_delete_mails(sd_bus *bus, const std::vector<int> &ids, std::string *error) {
   message call, reply;
   if (begin(bus, &call, "DeleteMails", error) < 0) return -1;
-  return finish(bus, call, append_ids(call.m, ids), &reply, error) == 0 ? 0 : -1;
+  return finish(bus, call, append_ids(call.m, ids), &reply, error);
 }
 
 int host_list_mails(sd_bus *bus, std::vector<host_record> *mails, std::string *error) {
@@ -254,9 +262,10 @@ int host_list_mails(sd_bus *bus, std::vector<host_record> *mails, std::string *e
   for (int after = 0;;) {
     message call, reply;
     if (begin(bus, &call, "ListMails", error) < 0) return -1;
-    if (finish(bus, call, sd_bus_message_append(call.m, "ii", after, 500), &reply, error) != 0) return -1;
+    int result = finish(bus, call, sd_bus_message_append(call.m, "ii", after, 500), &reply, error);
+    if (result != HOST_OK) return result;
     size_t before = mails->size();
-    int result = read_records(reply.m, mails);
+    result = read_records(reply.m, mails);
     if (result < 0) return unreadable(result, error);
     if (mails->size() == before) return 0;
     int last = static_cast<int>(mails->back().number("mail_id"));
@@ -272,13 +281,15 @@ int host_set_templates(sd_bus *bus, const std::vector<std::string> &texts, std::
   for (const std::string &text : texts)
     if (r >= 0) r = sd_bus_message_append(call.m, "s", text.c_str());
   if (r >= 0) r = sd_bus_message_close_container(call.m);
-  return finish(bus, call, r, &reply, error) == 0 ? 0 : -1;
+  return finish(bus, call, r, &reply, error);
 }
 
 int host_list_templates(sd_bus *bus, std::vector<std::pair<int, std::string>> *templates, std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "ListTemplates", error) < 0 || finish(bus, call, 0, &reply, error) != 0) return -1;
-  int r = sd_bus_message_enter_container(reply.m, 'a', "(is)");
+  if (begin(bus, &call, "ListTemplates", error) < 0) return HOST_REFUSED;
+  int r = finish(bus, call, 0, &reply, error);
+  if (r != HOST_OK) return r;
+  r = sd_bus_message_enter_container(reply.m, 'a', "(is)");
   while (r >= 0) {
     int id = 0;
     const char *text = nullptr;
@@ -292,13 +303,13 @@ int host_list_templates(sd_bus *bus, std::vector<std::pair<int, std::string>> *t
 int host_set_status(sd_bus *bus, const char *kind, int value, std::string *error) {
   message call, reply;
   if (begin(bus, &call, "SetStatus", error) < 0) return -1;
-  return finish(bus, call, sd_bus_message_append(call.m, "si", kind, value), &reply, error) == 0 ? 0 : -1;
+  return finish(bus, call, sd_bus_message_append(call.m, "si", kind, value), &reply, error);
 }
 
 int host_acknowledge(sd_bus *bus, int64_t id, std::string *error) {
   message call, reply;
   if (begin(bus, &call, "Ack", error) < 0) return -1;
-  return finish(bus, call, sd_bus_message_append(call.m, "x", id), &reply, error) == 0 ? 0 : -1;
+  return finish(bus, call, sd_bus_message_append(call.m, "x", id), &reply, error);
 }
 
 int host_answer_more(sd_bus *bus, int64_t id, int phone_error, const std::string &piece, bool complete,
@@ -306,5 +317,5 @@ int host_answer_more(sd_bus *bus, int64_t id, int phone_error, const std::string
   message call, reply;
   if (begin(bus, &call, "AnswerMore", error) < 0) return -1;
   int filled = sd_bus_message_append(call.m, "xisb", id, phone_error, piece.c_str(), static_cast<int>(complete));
-  return finish(bus, call, filled, &reply, error) == 0 ? 0 : -1;
+  return finish(bus, call, filled, &reply, error);
 }

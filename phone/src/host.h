@@ -1,6 +1,6 @@
 /*
- * The host service as the phone calls it, synchronously. Functions return 0 (or a count), or -1 with a one-line reason
- * for people in *error. Thread: the one that opened the connection.
+ * The host service as the phone calls it, synchronously. Functions return 0 (or an id), or a host_result below 0 with a
+ * one-line reason for people in *error. Thread: the one that opened the connection.
  */
 #ifndef BRISEL_PHONE_HOST_H
 #define BRISEL_PHONE_HOST_H
@@ -16,6 +16,13 @@
 constexpr char host_name[] = "com.vextora.brisel.Host";
 constexpr char host_path[] = "/com/vextora/brisel/Host";
 constexpr char host_phone_interface[] = "com.vextora.brisel.Phone1";
+
+enum host_result {
+  HOST_OK = 0,
+  HOST_BUSY = 1,     /* another phone is connected; only from host_connect */
+  HOST_REFUSED = -1, /* the service said no: nothing was changed */
+  HOST_AWAY = -2     /* no answer: whether it was done is not known */
+};
 
 /* One mail as it is handed to the watch. */
 struct watch_mail {
@@ -53,8 +60,7 @@ struct mail_change {
 /* Opens the session bus. NULL with a reason. Unref with sd_bus_flush_close_unref. */
 sd_bus *host_open_bus(std::string *error);
 
-/* Makes this connection the phone. *owner (may be NULL) becomes the service's bus name. Returns 0; 1 when another phone
-   is connected; -1. */
+/* Makes this connection the phone. *owner (may be NULL) becomes the service's bus name. */
 int host_connect(sd_bus *bus, std::string *owner, std::string *error);
 int host_add_account(sd_bus *bus, int id, const std::string &address, const std::string &name, uint32_t rgba,
                      std::string *error); /* returns the id */

@@ -54,7 +54,7 @@ void retry_later(phone_link *link) {
 int connect_now(phone_link *link) {
   std::string error, owner;
   int result = host_connect(link->bus, &owner, &error);
-  if (result == 1) {
+  if (result == HOST_BUSY) {
     link_fail(link, error);
     return 1;
   }

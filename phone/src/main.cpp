@@ -5,6 +5,7 @@
 #include <clocale>
 
 #include "commands.h"
+#include "relay.h"
 
 namespace {
 
@@ -128,6 +129,67 @@ int main(int argc, char **argv) {
   CLI::App *demo = app.add_subcommand("demo", "Put the demo accounts and mails on the watch; prints one id each");
   demo->add_option("DIR", demo_dir, "Folder with demo.json");
   demo->callback([&] { exit_code = command_demo(demo_dir); });
+
+  CLI::App *relay = app.add_subcommand("relay", "Follow mailboxes: keep the watch's mails equal to their newest ones");
+  relay->require_subcommand(0, 1);
+  std::vector<std::string> maildirs, mboxes, addresses;
+  std::string config, sendmail;
+  int64_t newest = -1, retry_first = -1, retry_longest = -1;
+  auto count = CLI::Range(int64_t{0}, int64_t{1} << 40);
+  relay->add_option("--maildir", maildirs, "NAME=DIR: a Maildir; NAME may be the account's address");
+  relay->add_option("--mbox", mboxes, "NAME=FILE: an mbox file, which is only read");
+  relay->add_option("--address", addresses, "NAME=ADDRESS: the account's address, for replies");
+  relay->add_option("--config", config, "A file with the same settings and more (see the manual page)");
+  relay->add_option("--newest", newest, "How many mails of each account the watch has (200)")->check(count);
+  relay->add_option("--first", first, "How many bytes of each body are relayed at first (2048)")->check(count);
+  relay->add_option("--sendmail", sendmail, "The command that takes replies (/usr/sbin/sendmail -t -i)");
+  relay->add_option("--retry-first", retry_first, "Seconds until a reply is tried again (60), doubled each time")
+      ->check(count);
+  relay->add_option("--retry-longest", retry_longest, "The longest such time (3600)")->check(count);
+  CLI::App *relay_status = relay->add_subcommand("status", "What the relay does, and the replies");
+  relay_status->add_flag("--json", json);
+  relay_status->callback([&] { exit_code = relay_print_status(json); });
+  relay->add_subcommand("retry", "Try the waiting replies now")->callback([&] { exit_code = relay_retry(); });
+  int64_t reply = 0;
+  CLI::App *relay_drop_command = relay->add_subcommand("drop", "Forget a reply that was not sent");
+  relay_drop_command->add_option("ID", reply)->required();
+  relay_drop_command->callback([&] { exit_code = relay_drop(reply); });
+  auto outbox_options = [&](outbox_settings *settings) {
+    if (!sendmail.empty()) settings->sendmail = sendmail;
+    if (retry_first >= 0) settings->retry_first = retry_first;
+    if (retry_longest >= 0) settings->retry_longest = retry_longest;
+  };
+  relay->callback([&] {
+    if (!relay->get_subcommands().empty()) return;
+    relay_settings settings;
+    std::string error;
+    bool good = config.empty() || relay_read_config(config, &settings, &error) == 0;
+    for (const std::string &text : maildirs)
+      good = good && relay_add_account(text, &maildir_kind, &settings, &error) == 0;
+    for (const std::string &text : mboxes) good = good && relay_add_account(text, &mbox_kind, &settings, &error) == 0;
+    for (const std::string &text : addresses) good = good && relay_set_address(text, &settings, &error) == 0;
+    if (!good) {
+      fprintf(stderr, "brisel-phone: %s\n", error.c_str());
+      exit_code = 1;
+      return;
+    }
+    if (newest >= 0) settings.newest = newest;
+    if (first >= 0) settings.first = first;
+    outbox_options(&settings.outbox);
+    exit_code = relay_run(settings);
+  });
+
+  /* The relay's own helper, started by it for each reply. */
+  CLI::App *deliver = app.add_subcommand("deliver-reply")->group("");
+  deliver->add_option("ID", reply)->required();
+  deliver->add_option("--sendmail", sendmail);
+  deliver->add_option("--retry-first", retry_first);
+  deliver->add_option("--retry-longest", retry_longest);
+  deliver->callback([&] {
+    outbox_settings settings;
+    outbox_options(&settings);
+    exit_code = outbox_deliver(reply, settings);
+  });
 
   try {
     app.parse(argc, argv);

@@ -514,17 +514,35 @@ int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
   return 0;
 }
 
-int64_t mime_date(std::string_view head) {
-  size_t line = 0;
-  while (line < head.size() && head[line] != '\n' && head[line] != '\r') {
+namespace {
+
+int64_t parse_date(std::string_view text) {
+  std::string value(text.substr(0, 100));
+  for (char &c : value)
+    if (c == '\r' || c == '\n' || c == '\0') c = ' ';
+  std::unique_ptr<GDateTime, date_unref> date(g_mime_utils_header_decode_date(value.c_str()));
+  return date_seconds(date.get());
+}
+
+}  // namespace
+
+int64_t mime_arrival(std::string_view head) {
+  int64_t written = 0;
+  for (size_t line = 0; line < head.size() && head[line] != '\n' && head[line] != '\r';) {
+    /* A header goes on in the lines that begin with a blank. */
     size_t end = head.find('\n', line);
-    if (end == std::string_view::npos) return 0;
-    if (end - line > 5 && g_ascii_strncasecmp(head.data() + line, "date:", 5) == 0) {
-      std::string value(head.substr(line + 5, std::min<size_t>(end - line - 5, 100)));
-      std::unique_ptr<GDateTime, date_unref> date(g_mime_utils_header_decode_date(value.c_str()));
-      return date_seconds(date.get());
+    while (end != std::string_view::npos && end + 1 < head.size() && (head[end + 1] == ' ' || head[end + 1] == '\t'))
+      end = head.find('\n', end + 1);
+    if (end == std::string_view::npos) break;
+    std::string_view header = head.substr(line, end - line);
+    if (header.size() > 9 && g_ascii_strncasecmp(header.data(), "received:", 9) == 0) {
+      size_t date = header.rfind(';');
+      int64_t arrival = date == std::string_view::npos ? 0 : parse_date(header.substr(date + 1));
+      if (arrival > 0) return arrival;
+    } else if (written == 0 && header.size() > 5 && g_ascii_strncasecmp(header.data(), "date:", 5) == 0) {
+      written = parse_date(header.substr(5));
     }
     line = end + 1;
   }
-  return 0;
+  return written;
 }

@@ -59,7 +59,11 @@ int send_batch(sd_bus *bus, phone_state *state, std::vector<outgoing> *batch, st
   mails.reserve(batch->size());
   for (outgoing &entry : *batch) mails.push_back(std::move(entry.mail));
   int sent = host_add_mails(bus, mails, ids, error);
-  for (size_t i = 0; i < batch->size(); i++) (*batch)[i].mail = std::move(mails[i]);
+  /* No answer: the mails may be there, and what is kept of them finds them by their identity. */
+  if (sent == HOST_AWAY) {
+    *error += "; whether the mails arrived is not known";
+    return -1;
+  }
   bool noted = phone_state_begin(state) == 0;
   for (size_t i = 0; i < batch->size() && noted; i++) {
     if (sent == 0)

@@ -1,0 +1,55 @@
+/*
+ * The relay: follows mailboxes and keeps the watch's mails equal to their newest ones.
+ *
+ * What it knows of every message is on disk (table relay_mail of the phone's state), written before and after each
+ * step, so that it may end at any point: the next run finds out from the watch's own list what became of the last step.
+ * Thread: one.
+ */
+#ifndef BRISEL_PHONE_RELAY_H
+#define BRISEL_PHONE_RELAY_H
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "outbox.h"
+#include "sources.h"
+
+struct relay_account_settings {
+  std::string name; /* what the user calls it */
+  const mailbox_kind *kind = &maildir_kind;
+  std::string path;
+  std::string address, display_name, color;
+  int64_t newest = -1, first = -1; /* -1: as for all */
+};
+
+struct relay_settings {
+  std::vector<relay_account_settings> accounts;
+  int64_t newest = 200; /* mails of each account that the watch has */
+  int64_t first = 2048; /* bytes of each body that go at once */
+  outbox_settings outbox;
+};
+
+/* Adds what a configuration file says. Returns 0, or -1 with a one-line reason. */
+int relay_read_config(const std::string &file, relay_settings *settings, std::string *error);
+/* Adds an account given as "NAME=PATH"; NAME may be "me@example.org" or "Name <me@example.org>". Options that a file
+   gave for the same name are kept. Returns 0, or -1 with a reason. */
+int relay_add_account(const std::string &text, const mailbox_kind *kind, relay_settings *settings, std::string *error);
+/* Sets an account's address, given as "NAME=ADDRESS". */
+int relay_set_address(const std::string &text, relay_settings *settings, std::string *error);
+
+/* Runs until it is ended. Returns the exit code. */
+int relay_run(const relay_settings &settings);
+/* Prints what the relay does and what waits. Returns the exit code. */
+int relay_print_status(bool json);
+/* Makes replies that wait due now (0), or forgets one (its number). Returns the exit code. */
+int relay_retry();
+int relay_drop(int64_t id);
+
+/* What every phone does with a request about mail that a relay brought, so that none is lost while only `serve` runs.
+   Inside the transaction that keeps the request. Returns 0, or -1. */
+int relay_keep_request(phone_state *state, const nlohmann::json &request);
+/* The mails are gone from the watch by the phone's own hand: they stay in their mailboxes and off the watch. */
+int relay_forget_mails(phone_state *state, const std::vector<int> &mail_ids);
+
+#endif
