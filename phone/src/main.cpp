@@ -12,6 +12,8 @@ namespace {
 /* One line, like every other error of this program. */
 std::string failure_line(const CLI::App *app, const CLI::Error &error) {
   std::string text = error.what();
+  std::vector<std::string> unknown = app->remaining(true);
+  if (error.get_name() == "RequiredError" && !unknown.empty()) text = "no such command: " + unknown.front();
   for (char &c : text)
     if (c == '\n') c = ' ';
   return "brisel-phone: " + text + " (see " + app->get_name() + " --help)\n";

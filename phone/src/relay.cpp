@@ -269,8 +269,10 @@ void choose_window(followed *a, listing *l) {
   int64_t newest = a->settings.newest >= 0 ? a->settings.newest : a->r->settings.newest;
   auto count = static_cast<size_t>(std::min<int64_t>(newest, static_cast<int64_t>(order.size())));
   auto later = [&](size_t x, size_t y) {
-    const relay_row &p = a->rows[l->items[x].key], &q = a->rows[l->items[y].key];
-    return p.time != q.time ? p.time > q.time : l->items[x].key > l->items[y].key;
+    const mailbox_item &p = l->items[x], &q = l->items[y];
+    int64_t p_time = a->rows[p.key].time, q_time = a->rows[q.key].time;
+    if (p_time != q_time) return p_time > q_time;
+    return p.order != q.order ? p.order > q.order : p.key > q.key;
   };
   std::partial_sort(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(count), order.end(), later);
   order.resize(count);

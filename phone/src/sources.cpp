@@ -127,6 +127,7 @@ int list_message(const found_mail &found, void *user_data) {
   int copy = listing->count[item.key]++;
   if (copy > 0) item.key += "-" + std::to_string(copy);
   item.place = found.source;
+  item.order = static_cast<int64_t>(listing->items->size());
   item.arrived = !item.seen;
   listing->items->push_back(std::move(item));
   return 0;

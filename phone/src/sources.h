@@ -13,6 +13,7 @@
 struct mailbox_item {
   std::string key;   /* the same for the life of the message, unique in the mailbox */
   std::string place; /* where it is now: only for the mailbox itself */
+  int64_t order = 0; /* among messages of one second */
   bool seen = false;
   bool arrived = false; /* no mail program has looked at it yet */
 };

@@ -1,0 +1,245 @@
+"""The relay between real mailboxes and the watch."""
+import email
+import email.policy
+import os
+import time
+
+from phone_test import (Maildir, Relay, Sendmail, body_text, by_uid, delete_on_watch, equal, host_pid, main, message,
+                        more_on_watch, read_on_watch, reply_on_watch, status)
+
+
+def follow(s, *args, name="Me <me@example.org>"):
+    box = Maildir(s.dir / "box")
+    mta = Sendmail(s.dir / "mta")
+    relay = Relay(s, "--maildir", f"{name}={box.path}", "--sendmail", mta.command, "--retry-first", "1", *args)
+    return box, mta, relay
+
+
+def uids(s):
+    return set(by_uid(s))
+
+
+def test_mailbox_and_watch_stay_equal(s):
+    box = Maildir(s.dir / "box")
+    old = box.deliver(message("old@x", "Old", date=1789000000), flags="S")
+    box.deliver(message("unread@x", "Unread"), flags="")
+    box, mta, relay = follow(s)
+    s.wait(lambda: uids(s) == {"old@x", "unread@x"}, "the first mails")
+    mails = by_uid(s)
+    equal([mails["old@x"][k] for k in ("is_read", "is_new", "received_time")], [1, 0, 1789000000], "read mail")
+    equal([mails["unread@x"][k] for k in ("is_read", "is_new")], [0, 0], "a mail that was there before")
+
+    start = time.monotonic()
+    new = box.deliver(message("new@x", "New"))
+    s.wait(lambda: "new@x" in uids(s), "a new mail")
+    print(f"# a new mail was on the watch after {time.monotonic() - start:.2f} s", flush=True)
+    equal([by_uid(s)["new@x"][k] for k in ("is_read", "is_new")], [0, 1], "new mail")
+
+    box.set_flags(new, "S")
+    s.wait(lambda: by_uid(s)["new@x"]["is_read"] == 1, "read elsewhere")
+    equal(by_uid(s)["new@x"]["is_new"], 0, "what was read is not new")
+    box.set_flags(new, "")
+    s.wait(lambda: by_uid(s)["new@x"]["is_read"] == 0, "unread elsewhere")
+
+    box.remove(old)
+    s.wait(lambda: uids(s) == {"unread@x", "new@x"}, "deleted elsewhere")
+
+    read_on_watch(s, by_uid(s)["new@x"]["mail_id"])
+    s.wait(lambda: "S" in box.flags(new), "the seen flag")
+    delete_on_watch(s, by_uid(s)["new@x"]["mail_id"])
+    s.wait(lambda: uids(s) == {"unread@x"}, "deleted on the watch")
+    box.deliver(message("later@x"))
+    s.wait(lambda: "later@x" in uids(s), "a later mail")
+    equal(uids(s), {"unread@x", "later@x"}, "what was deleted on the watch does not come back")
+    assert new in box.files(), "the mailbox keeps what was deleted on the watch"
+    relay.kill(15)
+    equal(relay.process.returncode, 0, "exit code")
+
+
+def test_changes_while_the_relay_is_away(s):
+    box, mta, relay = follow(s)
+    keep, gone, read = [box.deliver(message(f"{n}@x"), flags="") for n in ("keep", "gone", "read")]
+    s.wait(lambda: len(uids(s)) == 3, "three mails")
+    mails = by_uid(s)
+    relay.kill()
+    box.remove(gone)
+    box.set_flags(read, "FS")
+    box.deliver(message("came@x"))
+    read_on_watch(s, mails["keep@x"]["mail_id"])
+    relay.start()
+    s.wait(lambda: uids(s) == {"keep@x", "read@x", "came@x"}, "the mailbox as it is now")
+    s.wait(lambda: by_uid(s)["read@x"]["is_read"] == 1, "read meanwhile")
+    s.wait(lambda: "S" in box.flags(keep), "read on the watch meanwhile")
+    equal(by_uid(s)["read@x"]["mail_id"], mails["read@x"]["mail_id"], "the same mail as before")
+
+    # The phone's memory is lost: the watch's mails are recognised, not sent again.
+    relay.kill()
+    state = s.dir / "state" / "brisel-phone"
+    for name in os.listdir(state):
+        if name.startswith("phone.db"):
+            os.unlink(state / name)
+    ids = {m["mail_id"] for m in s.mails()}
+    box.deliver(message("after@x"))
+    relay.start()
+    s.wait(lambda: "after@x" in uids(s), "a mail after the loss")
+    equal({m["mail_id"] for m in s.mails() if m["message_uid"] != "after@x"}, ids, "mails after the loss")
+
+    # The service ends in the middle: it is started again and gets what it missed.
+    os.kill(host_pid(s), 9)
+    box.deliver(message("again@x"))
+    s.wait(lambda: "again@x" in uids(s), "a mail after the service's end")
+    equal(len(s.mails()), len(uids(s)), "no mail twice")
+
+
+def test_window_copies_and_renames(s):
+    box = Maildir(s.dir / "box")
+    for n in range(8):
+        box.deliver(message(f"m{n}@x", f"Mail {n}", date=1790000000 + n), flags="")
+    box, mta, relay = follow(s, "--newest", "5")
+    s.wait(lambda: uids(s) == {f"m{n}@x" for n in range(3, 8)}, "the newest five")
+    last = box.deliver(message("m8@x", date=1790000008), flags="")
+    s.wait(lambda: uids(s) == {f"m{n}@x" for n in range(4, 9)}, "a new mail pushes the oldest out")
+    box.remove(last)
+    s.wait(lambda: uids(s) == {f"m{n}@x" for n in range(3, 8)}, "and lets it in again")
+    equal(by_uid(s)["m3@x"]["is_new"], 0, "a mail that comes back is not new")
+
+    # The same message under another file name is the same mail; a second copy is none at all.
+    before = by_uid(s)["m5@x"]["mail_id"]
+    text = message("m5@x", "Mail 5", date=1790000005)
+    copy = box.deliver(text, flags="", base="copy.of.m5")
+    box.deliver(message("m9@x", date=1790000009))
+    s.wait(lambda: "m9@x" in uids(s), "a mail after the copy")
+    equal(len(s.mails()), len(uids(s)), "no mail twice")
+    box.remove(next(b for b, p in box.files().items() if b != copy and b"m5@x" in p.read_bytes()))
+    box.deliver(message("m10@x", date=1790000010))
+    s.wait(lambda: "m10@x" in uids(s), "a mail after the rename")
+    equal(by_uid(s)["m5@x"]["mail_id"], before, "the mail under its other name")
+
+
+def test_long_bodies_come_in_pieces(s):
+    box, mta, relay = follow(s, "--first", "600")
+    text = "".join(f"Zeile {n} mit Wörtern und einem Gruß 👋🏽 am Ende.\n" for n in range(60))
+    box.deliver(message("long@x", body=text))
+    s.wait(lambda: "long@x" in uids(s), "the mail")
+    mail = by_uid(s)["long@x"]
+    assert mail["body"].endswith("<tag:thisisover500>"), mail["body"][-40:]
+    assert 500 < len(body_text(mail).encode()) <= 600
+    for _ in range(20):
+        if by_uid(s)["long@x"]["body"].endswith("<tag:thisisover-1>"):
+            break
+        before = len(by_uid(s)["long@x"]["body"])
+        more_on_watch(s, mail)
+        assert len(by_uid(s)["long@x"]["body"]) > before, "a piece"
+    equal(body_text(by_uid(s)["long@x"]), text.rstrip(), "the whole text")
+
+
+def test_replies(s):
+    box, mta, relay = follow(s, name="Mé Myself <me@example.org>")
+    box.deliver(message("ask@x", "=?utf-8?B?UmU6IFJlOiBHcsO8w59l?=", sender='"Ann, the Great" <ann@example.org>',
+                        headers="References: <first@x>\n <second@x>\n"))
+    box.deliver(message("list@x", "Plan", headers="Reply-To: list@example.org\n"))
+    box.deliver(message("evil@x", "a\n b", sender="\"x\\r\\nBcc: victim@example.org\" <ann@example.org>"))
+    s.wait(lambda: len(uids(s)) == 3, "three mails")
+    mails = by_uid(s)
+    reply_on_watch(s, mails["ask@x"], "Ja &amp; nein &lt;3<br/>Grüße 👋<br/>.<br/>From here")
+    s.wait(lambda: len(mta.sent()) == 1, "the reply")
+    raw = mta.sent()[0]
+    sent = email.message_from_bytes(raw, policy=email.policy.default)
+    equal(sent["From"].addresses[0].addr_spec, "me@example.org", "from")
+    equal(sent["From"].addresses[0].display_name, "Mé Myself", "from name")
+    equal(str(sent["To"]), '"Ann, the Great" <ann@example.org>', "to")
+    equal(sent["Subject"], "Re: Grüße", "subject")
+    equal(sent["In-Reply-To"], "<ask@x>", "in reply to")
+    equal(sent["References"], "<first@x> <second@x> <ask@x>", "references")
+    equal(sent.get_content().rstrip("\n"), "Ja & nein <3\nGrüße 👋\n.\nFrom here", "text")
+    assert raw.isascii() and max(map(len, raw.splitlines())) <= 998, "safe on every way"
+
+    reply_on_watch(s, mails["list@x"], "plain < text & more")
+    s.wait(lambda: len(mta.sent()) == 2, "the second reply")
+    sent = email.message_from_bytes(mta.sent()[1], policy=email.policy.default)
+    equal((str(sent["To"]), sent["Subject"]), ("list@example.org", "Re: Plan"), "an answer goes where it was asked for")
+    equal(sent.get_content().rstrip("\n"), "plain < text & more", "text that is no markup")
+
+    # Nothing in any field becomes a header or a recipient.
+    evil = dict(mails["evil@x"], from_name="X\r\nBcc: victim@example.org", subject="S\r\nBcc: victim@example.org\r\n\r\nbody")
+    reply_on_watch(s, evil, "text\r\n.\r\nBcc: victim@example.org")
+    s.wait(lambda: len(mta.sent()) == 3, "the third reply")
+    sent = email.message_from_bytes(mta.sent()[2], policy=email.policy.default)
+    equal(sent["Bcc"], None, "no injected header")
+    equal([a.addr_spec for a in sent["To"].addresses], ["ann@example.org"], "one recipient")
+
+    # One that has no address to go to is held and told; it does not stop the others.
+    reply_on_watch(s, dict(mails["ask@x"], from_address="ann@example.org, victim@example.org", message_uid="?"), "no")
+    reply_on_watch(s, mails["list@x"], "after it")
+    s.wait(lambda: len(mta.sent()) == 4, "the reply after it")
+    states = [r["state"] for r in status(s)["replies"]]
+    equal(states, ["sent", "sent", "sent", "held", "sent"], "states")
+    assert "no address" in status(s)["replies"][3]["error"]
+
+
+def test_unsendable_replies_wait(s):
+    box, mta, relay = follow(s)
+    box.deliver(message("ask@x"))
+    s.wait(lambda: "ask@x" in uids(s), "the mail")
+    mta.refuse.touch()
+    reply_on_watch(s, by_uid(s)["ask@x"], "wait for it")
+    s.wait(lambda: [r["state"] for r in status(s)["replies"] if r["attempts"] >= 2] == ["queued"], "two tries")
+    reply = status(s)["replies"][0]
+    assert "no route to anywhere" in reply["error"] and "75" in reply["error"], reply
+    assert "could not be sent" in relay.log()
+    relay.kill()
+    mta.refuse.unlink()
+    relay.start()
+    s.wait(lambda: len(mta.sent()) == 1, "the reply at last")
+    s.wait(lambda: status(s)["replies"][0]["state"] == "sent", "its state")
+    # A reply that came while only `serve` ran is sent when the relay is back.
+    relay.kill()
+    serve = s.serve()
+    reply_on_watch(s, by_uid(s)["ask@x"], "by way of serve")
+    s.wait(lambda: s.requests("reply"), "the request")
+    s.stop_serve(serve)
+    relay.start()
+    s.wait(lambda: len(mta.sent()) == 2, "the second reply")
+
+
+def test_mbox_and_config_file(s):
+    box = s.dir / "mail.mbox"
+    letter = lambda n, status="": "From ann Thu Jan  1 00:00:00 2026\n" + message(f"b{n}@x", f"Box {n}",
+        body="Hello\n\n>From the box\nFrom here on\n", headers=status) + "\n"  # noqa: E731
+    box.write_text(letter(1, "Status: RO\n") + letter(2))
+    config = s.dir / "relay.conf"
+    config.write_text(f"[relay]\nfirst=4096\n\n[account Box]\nmbox={box}\naddress=box@example.org\nname=The box\n"
+                      "color=11223344\nnewest=3\n")
+    relay = Relay(s, "--config", config)
+    s.wait(lambda: uids(s) == {"b1@x", "b2@x"}, "the mails of the box")
+    equal([by_uid(s)[f"b{n}@x"]["is_read"] for n in (1, 2)], [1, 0], "read marks")
+    equal(body_text(by_uid(s)["b2@x"]), "Hello\n\nFrom the box\nFrom here on", "text")
+    equal(s.phone("account", "list").split("\t")[1:], ["box@example.org", "The box", "11223344"], "account")
+    with open(box, "a") as out:
+        out.write(letter(3) + letter(4))
+    s.wait(lambda: uids(s) == {"b2@x", "b3@x", "b4@x"}, "what was appended")
+    box.write_text(letter(4))
+    s.wait(lambda: uids(s) == {"b4@x"}, "what was left")
+    relay.kill()
+
+
+def test_clear_refusals(s):
+    box = Maildir(s.dir / "box")
+    config = s.dir / "bad.conf"
+    config.write_text("[relay]\nnewest=many\n")
+    for args, said in ((["relay"], "no mailbox"), (["relay", "--maildir", "x"], "NAME=..."),
+                       (["relay", "--maildir", f"x={s.dir}/none"], "no Maildir"),
+                       (["relay", "--config", config], "a number is wanted"),
+                       (["relay", "--config", s.dir / "none"], "none"),
+                       (["relay", "drop", "7"], "no such reply")):
+        done = s.run("brisel-phone", *args, check=False)
+        assert done.returncode != 0 and said in done.stderr and len(done.stderr.splitlines()) <= 2, done
+    relay = Relay(s, "--maildir", f"me@example.org={box.path}")
+    s.wait(s.linked, "the link")
+    done = s.run("brisel-phone", "relay", "--maildir", f"me@example.org={box.path}", check=False)
+    assert done.returncode == 1 and "running already" in done.stderr, done
+    relay.kill()
+
+
+if __name__ == "__main__":
+    main(globals())
