@@ -21,6 +21,7 @@ struct mime_limits {
   size_t headers = 256u << 10; /* of the message's own header block */
   size_t text = 1u << 20;      /* of the readable body */
   int depth = 32;              /* of parts inside parts */
+  int separators = 30000;      /* lines that may stand between parts; what follows is cut off */
   int parts = 1000;            /* in all */
 };
 

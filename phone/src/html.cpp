@@ -80,6 +80,7 @@ struct writer {
   int last_quote = 0;        /* of the last line with text: an empty line belongs to the shallower neighbour */
   bool cell_wide = false;    /* the current table cell has more than one line */
   bool cell_start = false;   /* nothing in the current table cell yet */
+  bool in_cell = false;      /* one was opened in this row */
   bool cell_follows = false; /* a cell of the same row stands before it */
   bool full() const { return out.size() >= max; }
 };
@@ -400,14 +401,16 @@ void on_tag(writer *w, const tag &t, bool *image) {
     if (!t.closing) {
       w->cell_start = false;
       line_break(w, 1);
-      w->cell_follows = false;
+      w->cell_follows = w->in_cell = false;
     } else {
       close_cell(w);
       line_break(w, 1);
-      w->cell_follows = false;
+      w->cell_follows = w->in_cell = false;
     }
   } else if (name == "td" || name == "th") {
     if (!t.closing) {
+      w->cell_follows = w->cell_follows || w->in_cell; /* most writers leave out the ends */
+      w->in_cell = true;
       if (w->cell_follows) {
         close_cell(w);
         if (w->cell_wide) line_break(w, 1);

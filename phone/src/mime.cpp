@@ -421,29 +421,38 @@ bool has_known_header(GMimeMessage *message) {
   return false;
 }
 
-/* The header block without what is over the limit: a header that does not end would be searched for its end by
-   everything that reads it. */
-std::string bounded(std::string_view raw, const mime_limits &limits) {
+/* Where a message ends that has more lines that may separate parts than anybody writes: each costs the library far
+   more than its bytes. */
+size_t separators_end(std::string_view raw, int most) {
+  size_t at = 0;
+  for (int count = 0; count < most; count++) {
+    at = raw.find("\n--", at);
+    if (at == std::string_view::npos) return raw.size();
+    at += 3;
+  }
+  return at;
+}
+
+/* The message without what is over the limits: in particular a header that does not end would be searched for its end
+   by everything that reads it. `storage` holds the result when it is not a part of `raw`. */
+std::string_view bounded(std::string_view raw, const mime_limits &limits, std::string *storage) {
   raw = raw.substr(0, limits.message);
-  std::string out;
+  raw = raw.substr(0, separators_end(raw, limits.separators));
   size_t body = 0;
-  size_t line = 0;
-  while (line < raw.size()) {
+  for (size_t line = 0; line < raw.size();) {
     size_t end = raw.find('\n', line);
     if (end == std::string_view::npos) end = raw.size() - 1;
-    if (end == line || (end == line + 1 && raw[line] == '\r')) {
-      body = line;
-      break;
-    }
+    body = line;
+    if (end == line || (end == line + 1 && raw[line] == '\r')) break;
     line = end + 1;
     body = line;
   }
-  if (body <= limits.headers) return std::string(raw);
+  if (body <= limits.headers) return raw;
   size_t keep = raw.rfind('\n', limits.headers);
-  out = keep == std::string_view::npos ? std::string(raw.substr(0, limits.headers)) + "\n"
-                                       : std::string(raw.substr(0, keep + 1));
-  out += raw.substr(body);
-  return out;
+  *storage = keep == std::string_view::npos ? std::string(raw.substr(0, limits.headers)) + "\n"
+                                            : std::string(raw.substr(0, keep + 1));
+  *storage += raw.substr(body);
+  return *storage;
 }
 
 std::string hash_uid(GMimeMessage *message, const std::string &body) {
@@ -477,9 +486,9 @@ int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
     *error = "empty file";
     return -1;
   }
-  std::string bytes = bounded(raw, limits);
+  std::string storage;
+  std::string_view bytes = bounded(raw, limits, &storage);
   holder<GMimeStream> stream(g_mime_stream_mem_new_with_buffer(bytes.data(), bytes.size()));
-  bytes = std::string();
   holder<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
   holder<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), options));
   if (!message || !has_known_header(message.get())) {
