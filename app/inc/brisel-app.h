@@ -131,6 +131,8 @@ int brisel_crete_delete_view(appdata *ad);
 /* Reader: brisel-app-detail. push: 1 with a transition, 0 without. 0; -1: no ad; -3: not built. */
 int brisel_detail_draw_view(int mail_id, int push, appdata *ad);
 int brisel_detail_update_neighbors(int mail_id, appdata *ad);
+/* Whether the open reader has a page of that mail, in view or beside it. */
+Eina_Bool brisel_detail_shows_mail(int mail_id, appdata *ad);
 int brisel_detail_update_datetime_format(appdata *ad);
 int brisel_detail_update_string(appdata *ad);
 void brisel_detail_register_pickover(view_data *vd);

@@ -21,9 +21,10 @@ constexpr int body_tag_more = 500;
 constexpr double page_shift_delay = 0.2;
 constexpr double body_apply_delay = 0.5;
 constexpr double pickover_period = 59.0;
-/* A page that is let go must have come to rest when the shift comes, wherever the finger left it: the scroller slows
-   down evenly, so past the middle it has at most seven tenths of this to go. */
-constexpr double page_settle_time = 0.28;
+/* A page that is let go must have come to rest when the shift comes, wherever the finger left it. */
+constexpr double page_settle_time = page_shift_delay;
+/* A stroke sideways that ends within this many milliseconds turns the page, however short it was. */
+constexpr unsigned flick_time = 300;
 constexpr int pickover_valid = 60;
 
 /* The longest subject shown, in bytes: about eighty lines. The text engine would take seconds for a whole book. */
@@ -719,7 +720,39 @@ static void __brisel_detail_page_scroller_scroll_cb(void *data, Evas_Object *obj
 }
 
 static void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
   is_mouse_down = 1;
+  const Evas_Event_Mouse_Down *event = (const Evas_Event_Mouse_Down *)event_info;
+  view_data->pressed_at = event->canvas;
+  view_data->pressed_time = event->timestamp;
+}
+
+/* A page that fits into the view never scrolls, so no edge is ever reached on it: pulling it up asks for more text. */
+static void __brisel_detail_pull(brisel_detail_view *view_data) {
+  page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
+  if (!page || !page->scroller) return;
+  int content = 0, view = 0;
+  evas_object_geometry_get(page->detail_layout, nullptr, nullptr, nullptr, &content);
+  evas_object_geometry_get(page->scroller, nullptr, nullptr, nullptr, &view);
+  if (content <= view) __brisel_detail_scroller_bottom_hit_cb(view_data, page->scroller, nullptr);
+}
+
+/* The scroller goes to the page that shows most when the finger leaves it. A quick stroke means the next page even when
+   little of it shows yet. */
+static void __brisel_detail_flick(brisel_detail_view *view_data, bool to_next) {
+  int target = view_data->cur_page_index + (to_next ? 1 : -1), last = -1;
+  for (const page_data *page : view_data->page_data)
+    if (page) last++;
+  if (target >= 0 && target <= last) elm_scroller_page_bring_in(view_data->page_scroller, target, 0);
+}
+
+static void __brisel_detail_check_stroke(brisel_detail_view *view_data, const Evas_Event_Mouse_Up *event) {
+  if (is_page_moving || elm_object_scroll_freeze_get(view_data->page_scroller) > 0) return;
+  int left = view_data->pressed_at.x - event->canvas.x, up = view_data->pressed_at.y - event->canvas.y;
+  int long_enough = elm_config_finger_size_get();
+  if (up >= long_enough && up > abs(left)) __brisel_detail_pull(view_data);
+  if (abs(left) >= long_enough && abs(left) > abs(up) && event->timestamp - view_data->pressed_time <= flick_time)
+    __brisel_detail_flick(view_data, left > 0);
 }
 
 static Eina_Bool __brisel_detail_neighbor_timer_cb(void *data) {
@@ -734,6 +767,7 @@ static Eina_Bool __brisel_detail_neighbor_timer_cb(void *data) {
 static void __brisel_detail_page_scroller_mouse_up_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
   brisel_detail_view *view_data = (brisel_detail_view *)data;
   is_mouse_down = 0;
+  __brisel_detail_check_stroke(view_data, (const Evas_Event_Mouse_Up *)event_info);
   if (view_data->is_neighbor_update_due && !view_data->neighbor_timer)
     view_data->neighbor_timer =
         ecore_timer_add(page_settle_time + page_shift_delay, __brisel_detail_neighbor_timer_cb, view_data);

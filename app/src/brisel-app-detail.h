@@ -55,6 +55,8 @@ struct brisel_detail_view {
   int cur_page_index; /* of the current page among the packed ones: 0, 1 or 2 */
   int mail_id;
   Evas_Object *gesture_layer;
+  Evas_Coord_Point pressed_at; /* where and when (ms) the finger came down last */
+  unsigned pressed_time;
   more_msg_ctx *more_msg;               /* the request whose answer is awaited, or NULL */
   unsigned char is_neighbor_update_due; /* the neighbours changed while a finger or a page was moving */
   Ecore_Timer *neighbor_timer;          /* brings them up to date once nothing moves */

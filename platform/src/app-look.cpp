@@ -88,6 +88,8 @@ void app_look_start(void) {
   /* Touch first: a finger scrolls and taps, nothing hovers, and no keyboard focus is drawn. */
   elm_config_scroll_thumbscroll_enabled_set(EINA_TRUE);
   elm_config_scroll_thumbscroll_threshold_set(finger_tremble);
+  /* What a finger drags stays under the finger: an average over the last moments would lag behind it. */
+  elm_config_scroll_thumbscroll_smooth_start_set(0.0);
   elm_config_finger_size_set(finger_size);
   elm_config_focus_highlight_enabled_set(EINA_FALSE);
   elm_config_item_select_on_focus_disabled_set(EINA_TRUE);
