@@ -61,7 +61,7 @@ static void __brisel_detail_reply_button_clicked_cb(void *data, Evas_Object *obj
 static void __brisel_detail_reply_update_required_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
 static void __brisel_detail_show_on_device_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
 
-/* --- small helpers ------------------------------------------------------------------------------------------------ */
+/* --- small helpers --------------------------------------------------------------------------------------- */
 
 static void __brisel_detail_fill_both_ways(Evas_Object *obj) {
   evas_object_size_hint_weight_set(obj, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
@@ -129,7 +129,7 @@ static void __brisel_detail_delete(Evas_Object **field) {
   if (obj) evas_object_del(obj);
 }
 
-/* --- releasing ---------------------------------------------------------------------------------------------------- */
+/* --- releasing ------------------------------------------------------------------------------------------- */
 
 /* A closed page may stay on the screen while the stack moves it away; nothing on it may call back any more. */
 static void __brisel_detail_disarm_page(page_data *page) {
@@ -194,7 +194,7 @@ static void __brisel_detail_free_view_data(brisel_detail_view *view_data) {
   free(view_data);
 }
 
-/* --- page: texts and notices ------------------------------------------------------------------------------------- */
+/* --- page: texts and notices ----------------------------------------------------------------------------- */
 
 static scoped_text __brisel_detail_image_notice() {
   return scoped_text(
@@ -358,8 +358,7 @@ static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, 
   __brisel_detail_process_signals(layout);
 }
 
-/* --- page: building ------------------------------------------------------------------------------------------------
- */
+/* --- page: building -------------------------------------------------------------------------------------- */
 
 static Evas_Object *__brisel_detail_create_layout(Evas_Object *parent, const char *group) {
   if (!parent) {
@@ -526,8 +525,7 @@ static page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_vi
   return page;
 }
 
-/* --- the page array --------------------------------------------------------------------------------------------------
- */
+/* --- the page array -------------------------------------------------------------------------------------- */
 
 static GList *__brisel_detail_get_list_by_mail_id(int mail_id, GList *list) {
   for (GList *node = list; node; node = node->next) {
@@ -641,8 +639,13 @@ int brisel_detail_update_neighbors(int mail_id, appdata *ad) {
   return 0;
 }
 
-/* --- paging
- * ------------------------------------------------------------------------------------------------------------ */
+Eina_Bool brisel_detail_shows_mail(int mail_id, appdata *ad) {
+  const brisel_detail_view *view_data =
+      (const brisel_detail_view *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, ad);
+  return view_data && __brisel_detail_find_page(view_data, mail_id) ? EINA_TRUE : EINA_FALSE;
+}
+
+/* --- paging ---------------------------------------------------------------------------------------------- */
 
 /* Takes the page of a mail that became the current one into use. */
 static void __brisel_detail_enter_page(brisel_detail_view *view_data, int mail_id, int is_read) {
@@ -749,7 +752,7 @@ static void __brisel_detail_flick(brisel_detail_view *view_data, bool to_next) {
 static void __brisel_detail_check_stroke(brisel_detail_view *view_data, const Evas_Event_Mouse_Up *event) {
   if (is_page_moving || elm_object_scroll_freeze_get(view_data->page_scroller) > 0) return;
   int left = view_data->pressed_at.x - event->canvas.x, up = view_data->pressed_at.y - event->canvas.y;
-  int long_enough = elm_config_finger_size_get();
+  int long_enough = 2 * elm_config_finger_size_get();
   if (up >= long_enough && up > abs(left)) __brisel_detail_pull(view_data);
   if (abs(left) >= long_enough && abs(left) > abs(up) && event->timestamp - view_data->pressed_time <= flick_time)
     __brisel_detail_flick(view_data, left > 0);
@@ -786,8 +789,7 @@ static void __brisel_detail_page_layout_resize_cb(void *data, Evas *evas, Evas_O
   elm_scroller_page_show(view_data->page_scroller, view_data->cur_page_index, 0);
 }
 
-/* --- opening and closing ---------------------------------------------------------------------------------------------
- */
+/* --- opening and closing --------------------------------------------------------------------------------- */
 
 static void __brisel_detail_create_layout_page_scroller(brisel_detail_view *view_data) {
   Evas_Object *layout = __brisel_detail_create_layout(view_data->ad->naviframe, "brisel/detail/page_scroller");
@@ -938,8 +940,7 @@ int brisel_detail_draw_view(int mail_id, int push, appdata *ad) {
   return 0;
 }
 
-/* --- keeping built pages current
- * -------------------------------------------------------------------------------------- */
+/* --- keeping built pages current ------------------------------------------------------------------------- */
 
 int brisel_detail_update_datetime_format(appdata *ad) {
   BRISEL_INFO("Enter");
@@ -979,8 +980,7 @@ int brisel_detail_update_string(appdata *ad) {
   return 0;
 }
 
-/* --- buttons
- * ----------------------------------------------------------------------------------------------------------- */
+/* --- buttons --------------------------------------------------------------------------------------------- */
 
 static full_noti_data *__brisel_detail_current_mail(const brisel_detail_view *view_data) {
   return view_data->page_data[BRISEL_DETAIL_CUR_PAGE]->mail_data;
@@ -1042,8 +1042,7 @@ static void __brisel_detail_show_on_device_button_clicked_cb(void *data, Evas_Ob
   brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"));
 }
 
-/* --- more of a body
- * ---------------------------------------------------------------------------------------------------- */
+/* --- more of a body -------------------------------------------------------------------------------------- */
 
 void __brisel_detail_scroller_bottom_hit_cb(void *data, Evas_Object *obj, void *event_info) {
   brisel_detail_view *view_data = (brisel_detail_view *)data;
@@ -1234,8 +1233,7 @@ static Eina_Bool __brisel_detail_add_more_messages_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
-/* --- read indication
- * --------------------------------------------------------------------------------------------------- */
+/* --- read indication ------------------------------------------------------------------------------------- */
 
 static void __brisel_detail_send_update_ind(brisel_detail_view *view_data) {
   BRISEL_INFO("Enter");
@@ -1257,8 +1255,7 @@ static void __brisel_detail_send_update_ind(brisel_detail_view *view_data) {
   brisel_update_noti_data_free(update);
 }
 
-/* --- pickover
- * ------------------------------------------------------------------------------------------------------------ */
+/* --- pickover -------------------------------------------------------------------------------------------- */
 
 static void __brisel_detail_pickover_cb(keynode_t *node, void *data) {
   BRISEL_INFO("Enter");
@@ -1337,8 +1334,7 @@ void brisel_detail_unregister_pickover(view_data *vd) {
   __brisel_detail_unregister_pickover(view_data);
 }
 
-/* --- gestures and text size
- * -------------------------------------------------------------------------------------------- */
+/* --- gestures and text size ------------------------------------------------------------------------------ */
 
 /* Tags that only emphasise. All others could load fonts, objects or filters, or make a text of any size. */
 static bool __brisel_detail_is_harmless_tag(const char *name, size_t length) {

@@ -466,7 +466,8 @@ static void _check_prev_next_mail_status_by_mail_id(GSList *ids, appdata *ad) {
   BRISEL_INFO("prev_mail_id : %d,  next_mail_id : %d", prev_mail_id, next_mail_id);
   for (; ids; ids = ids->next) {
     int id = GPOINTER_TO_INT(ids->data);
-    if (id != prev_mail_id && id != next_mail_id) continue;
+    /* A deleted mail is beside nothing in the list any more, but its page still is beside the opened one. */
+    if (id != prev_mail_id && id != next_mail_id && !brisel_detail_shows_mail(id, ad)) continue;
     BRISEL_INFO("viewer refresh is needed");
     brisel_detail_update_neighbors(ad->mail_id, ad);
     return;
