@@ -1050,10 +1050,10 @@ void __brisel_detail_scroller_bottom_hit_cb(void *data, Evas_Object *obj, void *
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
   /* Only the current page's own edge counts, and only when it is the end of the text rather than of a guess. */
   if (!page || (obj && obj != page->scroller) || !brisel_detail_body_end_is_known(page->detail_layout)) return;
-  if (page->more_msg_idler) {
-    ecore_idler_del(page->more_msg_idler);
-    page->more_msg_idler = nullptr;
-  }
+  /* One pull reaches the edge more than once when the page bounces off it. While the page waits already, that is no
+     wish for another request: it would throw away the answer on its way and use up the visit's share. */
+  if (page->more_msg_idler || page->more_msg_timer) return;
+  if (view_data->more_msg && view_data->more_msg->mail_id == page->mail_data->mail_id) return;
   if (page->more_msg_count <= 0) return;
   page->more_msg_count--;
   page->more_msg_idler = ecore_idler_add(__brisel_detail_more_msg_ind, view_data);
