@@ -501,6 +501,12 @@ void on_window_resized(void *, Evas *, Evas_Object *, void *) {
 
 void on_window_deleted(void *, Evas *, Evas_Object *, void *) {
   serve(nullptr);
+  if (pad.conformant != nullptr)
+    evas_object_event_callback_del_full(pad.conformant, EVAS_CALLBACK_DEL, on_conformant_deleted, nullptr);
+  if (pad.watched != nullptr) {
+    evas_object_event_callback_del_full(pad.watched, EVAS_CALLBACK_MOUSE_UP, on_touched, nullptr);
+    evas_object_event_callback_del_full(pad.watched, EVAS_CALLBACK_DEL, on_watched_deleted, nullptr);
+  }
   stop_repeat();
   /* The ground may have died with the conformant that showed it; what is left goes with the canvas. */
   pad = {};

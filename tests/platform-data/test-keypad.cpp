@@ -316,6 +316,14 @@ TEST_F(Keypad, ASyllableEndsWhenTheCursorMoves) {
   EXPECT_NE(text().find("가"), std::string::npos);
 }
 
+TEST_F(Keypad, EndsWithItsWindowWhileShown) {
+  window.tap(entry);
+  window.down(293, sizes.back().y + 20); /* on backspace, which would go on */
+  evas_object_del(window.win);
+  window.win = nullptr;
+  EXPECT_FALSE(keypad_shown());
+}
+
 TEST(KeypadSize, EveryKeyIsAsLargeAsAThumbWants) {
   for (const auto &[w, h] : {std::pair(320, 320), std::pair(360, 480)}) {
     test_window window(w, h);
