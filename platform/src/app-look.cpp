@@ -91,6 +91,8 @@ void app_look_start(void) {
   /* What a finger drags stays under the finger: an average over the last moments would lag behind it. */
   elm_config_scroll_thumbscroll_smooth_start_set(0.0);
   elm_config_finger_size_set(finger_size);
+  /* Emptying the caches by the clock would wake an idle watch every minute; they are bounded anyway. */
+  elm_config_cache_flush_enabled_set(EINA_FALSE);
   elm_config_focus_highlight_enabled_set(EINA_FALSE);
   elm_config_item_select_on_focus_disabled_set(EINA_TRUE);
 }
