@@ -119,6 +119,8 @@ void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad);
 void brisel_check_mail_on_db(appdata *ad);
 void brisel_check_current_mailbox_account_by_mail_id(int mail_id, appdata *ad);
 void brisel_delete_sweep_item(appdata *ad);
+/* Empties mail_list: its cells, and the records that have no row yet. Rows free their own. */
+void brisel_free_mail_list(appdata *ad);
 Evas_Object *brisel_create_security_alert_popup(appdata *ad);    /* also kept in ad->security_popup */
 Evas_Object *brisel_create_account_selection_popup(appdata *ad); /* also kept in ad->account_popup; NULL: no accounts */
 /* The colour bar of an account, as list rows and the reader show it: a rectangle on parent's canvas. NULL on failure.

@@ -187,6 +187,45 @@ static void _append_mail_row(appdata *ad, Elm_Object_Item *group_item, item_data
                                      _gl_mail_sel, item);
 }
 
+/* A refresh makes the whole model at once and the rows of its first screens; the others follow while the loop is idle,
+   so that thousands of rows nobody sees yet do not hold up the first picture. Whatever touches the model first makes
+   the rest. These are the cells of mail_list whose records have no row yet (and are nobody's but the model's). */
+constexpr int rows_at_once = 128;
+static GList *rowless;
+static Ecore_Idler *row_idler;
+
+static Elm_Object_Item *_group_item(appdata *ad) {
+  Elm_Object_Item *first = ad->mailbox_genlist ? elm_genlist_first_item_get(ad->mailbox_genlist) : nullptr;
+  return first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP ? first : nullptr;
+}
+
+static void _make_rows(appdata *ad, int count) {
+  Elm_Object_Item *group_item = _group_item(ad);
+  for (; rowless && count > 0; rowless = rowless->next, count--)
+    _append_mail_row(ad, group_item, (item_data *)rowless->data);
+}
+
+static Eina_Bool _row_idler_cb(void *data) {
+  _make_rows((appdata *)data, rows_at_once);
+  if (rowless) return ECORE_CALLBACK_RENEW;
+  row_idler = nullptr;
+  return ECORE_CALLBACK_CANCEL;
+}
+
+static void _make_all_rows(appdata *ad) {
+  _make_rows(ad, INT_MAX);
+  if (row_idler) ecore_idler_del(row_idler);
+  row_idler = nullptr;
+}
+
+void brisel_free_mail_list(appdata *ad) {
+  for (; rowless; rowless = rowless->next) _free_list_data((item_data *)rowless->data);
+  if (row_idler) ecore_idler_del(row_idler);
+  row_idler = nullptr;
+  g_list_free(ad->mail_list);
+  ad->mail_list = nullptr;
+}
+
 static void _set_delete_btn(appdata *ad, bool enabled) {
   if (ad->delete_btn) elm_object_disabled_set(ad->delete_btn, enabled ? EINA_FALSE : EINA_TRUE);
 }
@@ -199,8 +238,7 @@ static void _refresh_mailbox_list(appdata *ad) {
   }
   ad->sweep_item = nullptr;
   ad->blocked_item = nullptr;
-  g_list_free(ad->mail_list);
-  ad->mail_list = nullptr;
+  brisel_free_mail_list(ad);
 
   BRISEL_INFO("ad->account_id : %d", ad->account_id);
   GSList *list = nullptr;
@@ -244,11 +282,22 @@ static void _refresh_mailbox_list(appdata *ad) {
       if (!node) break; /* the store promised more mails than it gave */
       continue;
     }
-    _append_mail_row(ad, group_item, item);
     ad->mail_list = g_list_prepend(ad->mail_list, item);
   }
-  ad->mail_list = g_list_reverse(ad->mail_list);
+  rowless = ad->mail_list = g_list_reverse(ad->mail_list);
+  _make_rows(ad, rows_at_once);
+  if (rowless) row_idler = ecore_idler_add(_row_idler_cb, ad);
   _set_delete_btn(ad, mail_cnt > 0);
+}
+
+/* The cell of the new row: before the first older row, behind every newer one and every one of the same time. NULL when
+   the mail is there already: a refresh may have read it before its event came, and it must not stand there twice. */
+static GList *_insert_sorted(appdata *ad, item_data *item) {
+  GList *last = nullptr, *next = ad->mail_list;
+  for (; next && _compare_mail_by_received_time(item, next->data) > 0; last = next, next = next->next)
+    if (((item_data *)next->data)->mail_id == item->mail_id) return nullptr;
+  ad->mail_list = g_list_insert_before(ad->mail_list, next, item);
+  return next ? next->prev : last ? last->next : ad->mail_list;
 }
 
 static void _insert_mail_by_mail_id(int mail_id, appdata *ad) {
@@ -269,22 +318,14 @@ static void _insert_mail_by_mail_id(int mail_id, appdata *ad) {
     _free_list_data(item);
     return;
   }
-  /* A refresh may have read this mail before its event came (the list is rebuilt when a popup or a launch asks for
-     it): it must not stand there twice. */
-  if (_find_item_data_by_mail_id(mail_id, ad->mail_list)) {
-    _free_list_data(item);
-    return;
-  }
   if (!ad->mail_list) {
     BRISEL_INFO("ad->mail_list is NULL. Append item.");
     _append_mail_row(ad, group_item, item);
     ad->mail_list = g_list_append(ad->mail_list, item);
     return;
   }
-  ad->mail_list = g_list_insert_sorted(ad->mail_list, item, _compare_mail_by_received_time);
-  GList *cell = g_list_find(ad->mail_list, item);
+  GList *cell = _insert_sorted(ad, item);
   if (!cell) {
-    ad->mail_list = g_list_remove(ad->mail_list, item);
     _free_list_data(item);
     BRISEL_WARN("No such item_data");
     return;
@@ -424,6 +465,7 @@ static bool _header_is_stale(appdata *ad) {
 void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad) {
   BRISEL_INFO("updated_cnt : %d, type : %d", (int)g_slist_length(id_list), update_type);
   if (!id_list) return;
+  _make_all_rows(ad);
 
   bool only_account = ad->account_cnt == 1;
   if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE) {

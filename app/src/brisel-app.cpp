@@ -718,8 +718,7 @@ static void _window_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *even
   ad->security_popup = ad->account_popup = ad->connecting_popup = ad->no_account_popup = nullptr;
   ad->no_account_ok_btn = ad->delete_btn = nullptr;
   /* Its rows leave the model with it, and must not search the model for themselves one by one. */
-  g_list_free(ad->mail_list);
-  ad->mail_list = nullptr;
+  brisel_free_mail_list(ad);
   _drop_popup(&ad->nocontents_layout);
   _drop_popup(&ad->mailbox_genlist);
   ad->win_main = ad->conform = ad->layout_main = ad->naviframe = nullptr;
@@ -801,8 +800,7 @@ void app_terminate(void *user_data) {
   ad->sweep_timer = nullptr;
   /* The rows free their records through their class: they go before it is emptied, and without each searching the
      model for itself. */
-  g_list_free(ad->mail_list);
-  ad->mail_list = nullptr;
+  brisel_free_mail_list(ad);
   if (ad->mailbox_genlist) elm_genlist_clear(ad->mailbox_genlist);
   _clear_all_genlist_item_class(ad);
   _clear_all_naviframe_view_data(ad);
