@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "brisel-app-option-common.h"
 #include "brisel-app-utils.h"
 #include "brisel-app.h"
 #include "brisel-scoped.h"
@@ -334,6 +335,7 @@ static void _insert_mail_by_mail_id(int mail_id, appdata *ad) {
   if (!next) {
     BRISEL_INFO("next_data is NULL. Append item.");
     _append_mail_row(ad, group_item, item);
+    elm_object_item_signal_emit(((item_data *)cell->prev->data)->it, "elm,state,bottomline,show", "");
   } else {
     item->it = elm_genlist_item_insert_before(gl, ad->itc_mail, item, group_item, next->it, ELM_GENLIST_ITEM_NONE,
                                               _gl_mail_sel, item);
@@ -424,6 +426,7 @@ static void _update_list_surroundings(appdata *ad) {
     elm_genlist_item_update(group->it);
   }
   _set_delete_btn(ad, mail_cnt > 0);
+  brisel_option_hide_last_bottomline(ad->mailbox_genlist, elm_genlist_last_item_get(ad->mailbox_genlist));
 
   int total = _count_all_mails();
   if (!ad->nocontents_shown && total == 0) {
@@ -637,8 +640,9 @@ static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part)
    comes back with it. */
 static void _row_realized_cb(void *data, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
-  if (event_info && event_info == ad->sweep_item && sweep_signal)
-    elm_object_item_signal_emit((Elm_Object_Item *)event_info, sweep_signal, "");
+  Elm_Object_Item *it = (Elm_Object_Item *)event_info;
+  if (it && it == ad->sweep_item && sweep_signal) elm_object_item_signal_emit(it, sweep_signal, "");
+  brisel_option_hide_last_bottomline(obj, it);
 }
 
 static void _row_unrealized_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -1018,13 +1022,8 @@ static void _popup_response_cb(void *data, Evas_Object *obj, void *event_info) {
   _drop_popup(&ad->account_popup);
 }
 
-static Elm_Genlist_Item_Class *_popup_item_class(const char *style) {
-  Elm_Genlist_Item_Class *itc = elm_genlist_item_class_new();
-  itc->item_style = style;
-  itc->func.text_get = _gl_popup_text_get;
-  itc->func.content_get = _gl_popup_content_get;
-  itc->func.del = _gl_popup_del;
-  return itc;
+static void _popup_row_realized_cb(void *data, Evas_Object *obj, void *event_info) {
+  brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
 /* account NULL: the combined row. Returns the row's item, or NULL. */
@@ -1058,8 +1057,10 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   ad->account_popup = popup;
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, _popup_response_cb, ad);
 
-  Elm_Genlist_Item_Class *itc_combined = _popup_item_class("1text.1icon.1");
-  Elm_Genlist_Item_Class *itc_account = _popup_item_class("2text.1icon.1");
+  Elm_Genlist_Item_Class *itc_combined =
+      brisel_option_row_class("1text.1icon.1", _gl_popup_text_get, _gl_popup_content_get, _gl_popup_del);
+  Elm_Genlist_Item_Class *itc_account =
+      brisel_option_row_class("2text.1icon.1", _gl_popup_text_get, _gl_popup_content_get, _gl_popup_del);
   Evas_Object *gl = elm_genlist_add(popup);
   elm_object_style_set(gl, "popup");
   elm_genlist_homogeneous_set(gl, EINA_TRUE);
@@ -1079,6 +1080,8 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
     last = _append_popup_row(ad, gl, itc_account, index++, (account_data *)cell->data);
   }
   if (last) elm_object_item_signal_emit(last, "elm,state,bottomline,hide", "");
+  /* A row that is not drawn yet hears no signal. */
+  evas_object_smart_callback_add(gl, "realized", _popup_row_realized_cb, nullptr);
 
   elm_object_content_set(popup, gl);
   evas_object_show(gl);
@@ -1091,19 +1094,9 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
 /* --- the widget
  * ------------------------------------------------------------------------------------------------------- */
 
-static Elm_Genlist_Item_Class *_item_class(const char *style, Elm_Gen_Item_Text_Get_Cb text_get,
-                                           Elm_Gen_Item_Content_Get_Cb content_get, Elm_Gen_Item_Del_Cb del) {
-  Elm_Genlist_Item_Class *itc = elm_genlist_item_class_new();
-  itc->item_style = style;
-  itc->func.text_get = text_get;
-  itc->func.content_get = content_get;
-  itc->func.del = del;
-  return itc;
-}
-
 Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad) {
-  ad->itc_group = _item_class("email/group", _gl_group_text_get, nullptr, _gl_group_del);
-  ad->itc_mail = _item_class("email/sweep", _gl_text_get, _gl_icon_get, _gl_del);
+  ad->itc_group = brisel_option_row_class("email/group", _gl_group_text_get, nullptr, _gl_group_del);
+  ad->itc_mail = brisel_option_row_class("email/sweep", _gl_text_get, _gl_icon_get, _gl_del);
 
   Evas_Object *gl = elm_genlist_add(ad->naviframe);
   ad->mailbox_genlist = gl;

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
-#include <nlohmann/json.hpp>
 #include <set>
 
 appdata test_ad;
@@ -89,34 +88,12 @@ static void begin(test_phone *phone, const char *method, bus_message *request) {
   ASSERT_GE(sd_bus_message_new_method_call(phone->bus, &request->m, host_name, host_path, phone_interface, method), 0);
 }
 
-static int request_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  test_phone *phone = (test_phone *)data;
-  int64_t id = 0;
-  const char *json = nullptr;
-  if (sd_bus_message_read(m, "xs", &id, &json) >= 0) phone->requests.push_back({id, json});
-  sd_bus_call_method_async(phone->bus, nullptr, host_name, host_path, phone_interface, "Ack", nullptr, nullptr, "x",
-                           id);
-  return 0;
-}
-
 test_phone::test_phone() {
   EXPECT_GE(sd_bus_open_user(&bus), 0);
-  EXPECT_GE(sd_bus_match_signal(bus, nullptr, host_name, host_path, phone_interface, "Request", request_cb, this), 0);
 }
 
 test_phone::~test_phone() {
   sd_bus_flush_close_unref(bus);
-}
-
-void test_phone::drain(void) {
-  while (sd_bus_process(bus, nullptr) > 0) {
-  }
-}
-
-void test_phone::connect(void) {
-  bus_message request;
-  begin(this, "Connect", &request);
-  call(this, request, nullptr);
 }
 
 int test_phone::add_account(const std::string &address, const std::string &name, unsigned rgba, int id) {
@@ -205,24 +182,6 @@ void test_phone::set_text(int mail_id, const char *field, const std::string &tex
   call(this, request, nullptr);
 }
 
-void test_phone::delete_mails(const std::vector<int> &ids) {
-  bus_message request;
-  begin(this, "DeleteMails", &request);
-  sd_bus_message_append_array(request, 'i', ids.data(), ids.size() * sizeof(int));
-  call(this, request, nullptr);
-}
-
-std::string test_phone::request(const std::string &kind) {
-  std::string found;
-  run_until([&] {
-    drain();
-    for (const phone_request &have : requests)
-      if (nlohmann::json::parse(have.json).at("request") == kind) found = have.json;
-    return !found.empty();
-  });
-  return found;
-}
-
 void test_phone::clear(void) {
   for (int id : accounts()) remove_account(id);
 }
@@ -268,13 +227,6 @@ std::vector<int> listed_mails(void) {
   }
   EXPECT_EQ(item, nullptr) << "the list holds rows that the model does not";
   return ids;
-}
-
-std::vector<std::string> listed_senders(void) {
-  std::vector<std::string> senders;
-  for (GList *cell = test_ad.mail_list; cell; cell = cell->next)
-    senders.push_back(((item_data *)cell->data)->sender ? ((item_data *)cell->data)->sender : "");
-  return senders;
 }
 
 Elm_Object_Item *item_of_mail(int mail_id) {

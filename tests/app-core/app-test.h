@@ -1,5 +1,5 @@
 /* What the application's in-process tests share: the application in the framework's main loop, a phone on the bus that
-   fills the store through the service and hears its requests, fingers and keys on the canvas, the log. Every test
+   fills the store through the service, fingers and keys on the canvas, the log. Every test
    program runs in a private session. */
 #ifndef BRISEL_APP_TEST_H
 #define BRISEL_APP_TEST_H
@@ -41,18 +41,11 @@ struct test_mail {
   int locked = 0;
 };
 
-struct phone_request {
-  int64_t id;
-  std::string json;
-};
-
 struct test_phone {
   sd_bus *bus = nullptr;
-  std::vector<phone_request> requests;
 
   test_phone();
   ~test_phone();
-  void connect(void);
   int add_account(const std::string &address, const std::string &name, unsigned rgba = 0x3366CCFF, int id = 0);
   void remove_account(int id);
   std::vector<int> accounts(void);
@@ -61,11 +54,6 @@ struct test_phone {
   int add_mail(const test_mail &mail) { return add_mails({mail}).at(0); }
   void set_flag(int mail_id, const char *field, int value);
   void set_text(int mail_id, const char *field, const std::string &text);
-  void delete_mails(const std::vector<int> &ids);
-  /* The newest request of that kind that came, waiting for it; empty when none comes. */
-  std::string request(const std::string &kind);
-  void forget_requests(void) { requests.clear(); }
-  void drain(void);
   /* Takes every mail and account away. */
   void clear(void);
 };
@@ -82,14 +70,8 @@ void app_launch(const char *mail_id = nullptr);
 void app_stop(void);
 
 /* What is on screen. */
-struct shown_row {
-  std::string sender;
-  int account;
-  bool is_new;
-};
 /* The model's rows, checked to be the genlist's items in the same order. */
 std::vector<int> listed_mails(void);
-std::vector<std::string> listed_senders(void);
 std::string header_title(void);
 std::string header_count(void);
 /* The text of a part of a genlist item as it is drawn; "" when the item is out of sight. */
