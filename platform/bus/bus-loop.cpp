@@ -1,7 +1,9 @@
 #include "bus-loop.h"
 
 #include <Ecore.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -24,6 +26,7 @@ struct watch {
 
 sd_bus *bus;
 Ecore_Fd_Handler *handler;
+int handler_fd = -1; /* our own copy of the connection's: it closes its own without telling when the bus goes */
 Ecore_Idle_Enterer *enterer;
 Ecore_Timer *timer;
 uint64_t timer_due = UINT64_MAX; /* microseconds, monotonic; what the timer waits for */
@@ -57,6 +60,8 @@ void detach(void) {
   if (enterer) ecore_idle_enterer_del(enterer);
   if (timer) ecore_timer_del(timer);
   if (job) ecore_job_del(job);
+  if (handler_fd >= 0) close(handler_fd);
+  handler_fd = -1;
   handler = nullptr;
   enterer = nullptr;
   timer = nullptr;
@@ -156,7 +161,8 @@ sd_bus *bus_loop_open(void) {
 sd_bus *bus_loop_session(void) {
   if (bus && handler) return bus;
   if (!bus_loop_open()) return nullptr;
-  handler = ecore_main_fd_handler_add(sd_bus_get_fd(bus), ECORE_FD_READ, fd_cb, nullptr, nullptr, nullptr);
+  handler_fd = fcntl(sd_bus_get_fd(bus), F_DUPFD_CLOEXEC, 3);
+  if (handler_fd >= 0) handler = ecore_main_fd_handler_add(handler_fd, ECORE_FD_READ, fd_cb, nullptr, nullptr, nullptr);
   enterer = ecore_idle_enterer_add(enterer_cb, nullptr);
   if (!handler || !enterer) {
     __dlog_print(DLOG_ERROR, log_tag, "the session bus cannot be attached to the main loop");

@@ -48,7 +48,7 @@ void app_efl_id_set(const char *id);
 void app_efl_exit(void);
 
 /* Names the application's main window right after its creation, before it is shown: the framework gives it its
-   size (the environment variable BRISEL_WINDOW_SIZE, "WxH", default 320x320), the platform's theme and its icon,
+   size (the environment variable BRISEL_WINDOW_SIZE, "WxH", default 320x320)
    and follows its visibility for pause and resume. The window stays the caller's. */
 void app_efl_window_attach(Evas_Object *win);
 

@@ -16,6 +16,7 @@ constexpr char theme_key[] = "db/setting/theme";
 /* Pixels: how far a resting finger strays, and what it covers at the least. */
 constexpr unsigned int finger_tremble = 8;
 constexpr int finger_size = 24;
+constexpr char style_class[] = "brisel/style";
 constexpr char motion_key[] = "db/setting/motion";
 
 std::vector<std::string> palette_classes;
@@ -55,6 +56,10 @@ void apply_palette(void) {
     for (const std::string &one : palette_classes) edje_color_class_del(one.c_str());
     palette_classes.clear();
   }
+  /* The colours in text styles are worked out when a file is read, and again only when a text class of the style
+     changes; every style of the theme has this one, which is set to nothing lasting. */
+  edje_text_class_set(style_class, "Sans", -100);
+  edje_text_class_del(style_class);
 }
 
 void apply_motion(void) {

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <set>
 
 #include "driver.h"
 
@@ -40,10 +41,22 @@ TEST_F(Framework, PausesAndResumesOncePerChange) {
     const char *action;
     lines told;
   } table[] = {
-      {"lower", {"pause"}}, {"lower", {}},          {"activate", {"resume"}}, {"activate", {}},
-      {"hide", {"pause"}},  {"lower", {}},          {"show", {"resume"}},     {"iconify", {"pause"}},
-      {"hide", {}},         {"show", {}},           {"restore", {"resume"}},  {"lower-twice", {"pause"}},
-      {"activate", {"resume"}}, {"lower-activate", {}}, {"iconify", {"pause"}},   {"activate", {"resume"}},
+      {"lower", {"pause"}},
+      {"lower", {}},
+      {"activate", {"resume"}},
+      {"activate", {}},
+      {"hide", {"pause"}},
+      {"lower", {}},
+      {"show", {"resume"}},
+      {"iconify", {"pause"}},
+      {"hide", {}},
+      {"show", {}},
+      {"restore", {"resume"}},
+      {"lower-twice", {"pause"}},
+      {"activate", {"resume"}},
+      {"lower-activate", {}},
+      {"iconify", {"pause"}},
+      {"activate", {"resume"}},
   };
   for (const auto &row : table) EXPECT_EQ(act(row.action), row.told) << row.action;
 }
@@ -194,6 +207,30 @@ TEST_F(Framework, FollowsLanguageRegionAndZone) {
   EXPECT_NE(watch({"timezone", "../passwd"}).code, 0);
   must({"timezone", "Etc/UTC"});
   for (const char *key : {"db/menu_widget/language", "db/menu_widget/regionformat"}) must({"setting", "unset", key});
+}
+
+/* The real popup of the link stand-in: text styles and parts both have to follow. */
+TEST(Look, ChangesItsPaletteWhileItRuns) {
+  child popup({"brisel-link-popup"});
+  auto colors = [] {
+    const std::vector<std::string> words{"brisel-watchctl", "--app", link_popup, "dump"};
+    ran shown = run(words);
+    while (shown.code != 0) {
+      usleep(20000); /* still starting */
+      shown = run(words);
+    }
+    std::set<std::string> all;
+    const nlohmann::json seen = nlohmann::json::parse(shown.out, nullptr, false);
+    for (const auto &one : seen["texts"]) all.insert(one["color"]);
+    return all;
+  };
+  const std::set<std::string> dark = colors();
+  ASSERT_FALSE(dark.empty());
+  must({"setting", "set", "db/setting/theme", "string", "light"});
+  const std::set<std::string> light = colors();
+  for (const std::string &one : dark) EXPECT_EQ(light.count(one), 0u) << one << " is left from the dark palette";
+  must({"setting", "set", "db/setting/theme", "string", "dark"});
+  EXPECT_EQ(colors(), dark);
 }
 
 }  // namespace
