@@ -423,19 +423,12 @@ void key(const char *name) {
 
 static int test_result = 1;
 
-/* From a timer: the tests turn the main loop themselves, which a job would not survive. */
-static Eina_Bool run_tests_cb(void *data) {
-  static bool started;
-  if (started) return ECORE_CALLBACK_CANCEL; /* asked again by the turns of the tests */
-  started = true;
+/* Before the framework enters its main loop: inside it, the tests' own turns of the loop would be nested, and
+   animations (the view stack's transitions among them) stand still in a nested loop. */
+static int launch_cb(service_h service, void *data) {
   test_result = RUN_ALL_TESTS();
   app_efl_exit();
-  return ECORE_CALLBACK_CANCEL;
-}
-
-static bool create_cb(void *data) {
-  ecore_timer_add(0.001, run_tests_cb, nullptr);
-  return true;
+  return 0;
 }
 
 static int language_cb(void *data) {
@@ -449,7 +442,7 @@ static int region_cb(void *data) {
 int app_test_main(int argc, char **argv) {
   testing::InitGoogleTest(&argc, argv);
   app_event_callback_s callbacks = {};
-  callbacks.create = create_cb;
+  callbacks.service = launch_cb;
   callbacks.language_changed = language_cb;
   callbacks.region_format_changed = region_cb;
   const int result = app_efl_main(&argc, &argv, &callbacks, nullptr);

@@ -1,0 +1,170 @@
+#include "actions-test.h"
+
+#include <libintl.h>
+#include <unistd.h>
+
+#include <fstream>
+
+static constexpr char host_name[] = "com.vextora.brisel.Host";
+static constexpr char host_path[] = "/com/vextora/brisel/Host";
+static constexpr char phone_interface[] = "com.vextora.brisel.Phone1";
+
+void acting::SetUp() {
+  setenv("BRISEL_WINDOW_SIZE", "360x480", 1);
+  phone.clear();
+  phone.set_account_count(true);
+  phone.connect();
+  phone.drain();
+  phone.forget_requests();
+  status("reply", 0);
+  status("conn", 0);
+  brisel_util_set_reply_method(0);
+  for (const char *name : {"one", "two"})
+    accounts.push_back(phone.add_account(std::string(name) + "@example.net", name));
+}
+
+void acting::TearDown() {
+  app_stop();
+  contact("", {});
+  vconf_unset(BRISEL_KEY_LANGUAGE);
+  setenv("LANGUAGE", "en", 1);
+}
+
+std::vector<int> acting::start(std::vector<test_mail> mails) {
+  for (size_t i = 0; i < mails.size(); i++) {
+    mails[i].account = accounts[i % accounts.size()];
+    if (!mails[i].received) mails[i].received = 1700000000 - (long)i * 60;
+  }
+  std::vector<int> ids = phone.add_mails(mails);
+  vconf_set_bool(BRISEL_KEY_BT_CONNECTED, 1);
+  app_start();
+  EXPECT_TRUE(run_until([&] { return g_list_length(test_ad.mail_list) == mails.size(); }));
+  return ids;
+}
+
+void acting::status(const char *kind, int value) {
+  EXPECT_GE(sd_bus_call_method(phone.bus, host_name, host_path, phone_interface, "SetStatus", nullptr, nullptr, "si",
+                               kind, value),
+            0);
+}
+
+void acting::templates(const std::vector<std::string> &texts) {
+  sd_bus_message *m = nullptr;
+  ASSERT_GE(sd_bus_message_new_method_call(phone.bus, &m, host_name, host_path, phone_interface, "SetTemplates"), 0);
+  std::vector<char *> list;
+  for (const std::string &one : texts) list.push_back((char *)one.c_str());
+  list.push_back(nullptr);
+  sd_bus_message_append_strv(m, list.data());
+  EXPECT_GE(sd_bus_call(phone.bus, m, 0, nullptr, nullptr), 0);
+  sd_bus_message_unref(m);
+}
+
+void acting::contact(const std::string &address, const std::vector<std::string> &tels) {
+  static std::string known;
+  int count = 0;
+  if (!known.empty()) contacts_remove_by_email(known.c_str(), &count);
+  known = address;
+  if (address.empty()) return;
+  const std::string path = std::string(getenv("BRISEL_SESSION_DIR")) + "/contact.vcf";
+  std::ofstream card(path, std::ios::trunc);
+  card << "BEGIN:VCARD\r\nVERSION:3.0\r\nFN:Somebody\r\nEMAIL:" << address << "\r\n";
+  for (const std::string &tel : tels) card << "TEL" << tel << "\r\n";
+  card << "END:VCARD\r\n";
+  card.close();
+  char *error = nullptr;
+  EXPECT_EQ(contacts_import_vcard_file(path.c_str(), &count, &error), CONTACTS_ERROR_NONE) << (error ? error : "");
+  free(error);
+}
+
+void acting::language(const char *locale) {
+  const std::string before = text("IDS_EMAIL_BODY_DELETE");
+  vconf_set_str(BRISEL_KEY_LANGUAGE, locale);
+  EXPECT_TRUE(run_until([&] { return text("IDS_EMAIL_BODY_DELETE") != before; }));
+  settle();
+}
+
+nlohmann::json acting::request(const char *kind) {
+  const std::string json = phone.request(kind);
+  EXPECT_FALSE(json.empty()) << kind << " did not reach the phone";
+  return json.empty() ? nlohmann::json::object() : nlohmann::json::parse(json);
+}
+
+void acting::expect_no_request(const char *kind) {
+  brisel_clear_all_new_flag();
+  request("clear_all_new_flag");
+  for (const phone_request &have : phone.requests)
+    EXPECT_NE(nlohmann::json::parse(have.json).at("request"), kind) << have.json;
+  phone.forget_requests();
+}
+
+int views(void) {
+  Eina_List *items = elm_naviframe_items_get(test_ad.naviframe);
+  const int count = (int)eina_list_count(items);
+  eina_list_free(items);
+  return count;
+}
+
+static bool transition_over;
+
+static void transition_cb(void *data, Evas_Object *obj, void *event_info) {
+  transition_over = true;
+}
+
+static Eina_Bool bound_cb(void *data) {
+  transition_over = true;
+  return ECORE_CALLBACK_RENEW;
+}
+
+/* The view stack takes no further pop before a transition is over. There may be none to wait for. */
+bool views_become(int count) {
+  const bool reached = run_until([&] { return views() == count; });
+  EXPECT_TRUE(reached) << views() << " views";
+  transition_over = false;
+  evas_object_smart_callback_add(test_ad.naviframe, "transition,finished", transition_cb, nullptr);
+  Ecore_Timer *bound = ecore_timer_add(0.6, bound_cb, nullptr);
+  run_until([] { return transition_over; });
+  ecore_timer_del(bound);
+  evas_object_smart_callback_del(test_ad.naviframe, "transition,finished", transition_cb);
+  settle();
+  return reached;
+}
+
+void back(void) {
+  key("XF86Back");
+}
+
+Evas_Object *top_content(const char *part) {
+  Evas_Object *layout = elm_object_item_part_content_get(elm_naviframe_top_item_get(test_ad.naviframe), "default");
+  return layout ? elm_object_part_content_get(layout, part) : nullptr;
+}
+
+std::vector<std::string> rows(Evas_Object *list) {
+  std::vector<std::string> texts;
+  for (Elm_Object_Item *item = list ? elm_genlist_first_item_get(list) : nullptr; item;
+       item = elm_genlist_item_next_get(item)) {
+    std::string first = drawn_text(item, "elm.text");
+    if (first.empty()) first = drawn_text(item, "elm.text.1");
+    const std::string second = drawn_text(item, "elm.text.2");
+    texts.push_back(second.empty() ? first : first + "|" + second);
+  }
+  return texts;
+}
+
+bool rows_become(const std::vector<std::string> &wanted) {
+  const bool reached = run_until([&] { return rows() == wanted; });
+  EXPECT_EQ(rows(), wanted);
+  return reached;
+}
+
+Elm_Object_Item *row(int index, Evas_Object *list) {
+  return elm_genlist_nth_item_get(list, (unsigned)index);
+}
+
+void tap_row(int index, Evas_Object *list) {
+  settle();
+  tap(middle_of_item(row(index, list)));
+}
+
+std::string text(const char *id, const char *domain) {
+  return dcgettext(domain, id, LC_MESSAGES);
+}

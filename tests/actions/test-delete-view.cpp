@@ -1,0 +1,215 @@
+/* Selecting mails and deleting them at once; and how the views end. */
+#include "actions-test.h"
+#include "brisel-app-delete-view.h"
+
+struct deleting : acting {
+  std::vector<int> ids;
+
+  void open(int count, int account = 0) {
+    std::vector<test_mail> mails;
+    for (int i = 0; i < count; i++) mails.push_back({.from_name = "S" + std::to_string(i + 1)});
+    ids = start(mails);
+    test_ad.account_id = account;
+    ASSERT_EQ(brisel_crete_delete_view(&test_ad), 0);
+    ASSERT_TRUE(views_become(2));
+  }
+  delete_view_data *view(void) {
+    return (delete_view_data *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DELETE_VIEW, &test_ad);
+  }
+  Evas_Object *list(void) { return top_content("genlist"); }
+  bool delete_enabled(void) { return !elm_object_disabled_get(view()->delete_btn); }
+  void press(const char *part) { tap(middle_of(top_content(part))); }
+  void select_all(void) {
+    tap(middle_of(elm_object_item_part_content_get(elm_naviframe_top_item_get(test_ad.naviframe), "next_btn")));
+  }
+  /* The boxes as drawn. */
+  std::string boxes(void) {
+    std::string marks;
+    for (Elm_Object_Item *item = elm_genlist_first_item_get(list()); item; item = elm_genlist_item_next_get(item))
+      marks += elm_check_state_get(elm_object_item_part_content_get(item, "elm.icon")) ? 'x' : '.';
+    return marks;
+  }
+  std::string question(void) {
+    char *text = brisel_util_get_count_text("IDS_ST_POP_PD_ITEMS_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY",
+                                            view()->selected_cnt, &test_ad);
+    const std::string all = text;
+    free(text);
+    return all;
+  }
+};
+
+TEST_F(deleting, RowsBoxesAndTheWholeSelection) {
+  open(4);
+  EXPECT_FALSE(delete_enabled());
+  press("btn2");
+  EXPECT_FALSE(view()->popup);
+  tap_row(2, list());
+  EXPECT_EQ(boxes(), "..x.");
+  EXPECT_TRUE(delete_enabled());
+  tap(middle_of(elm_object_item_part_content_get(row(0, list()), "elm.icon")));
+  EXPECT_EQ(boxes(), "x.x.");
+  tap_row(2, list());
+  tap_row(0, list());
+  EXPECT_EQ(boxes(), "....");
+  EXPECT_FALSE(delete_enabled());
+  // By hand or by the button: all is all, and the next press takes it back.
+  for (bool by_hand : {true, false}) {
+    if (by_hand)
+      for (int i = 0; i < 4; i++) tap_row(i, list());
+    else
+      select_all();
+    EXPECT_EQ(boxes(), "xxxx");
+    EXPECT_EQ(view()->select_all, 1);
+    EXPECT_TRUE(delete_enabled());
+    select_all();
+    EXPECT_EQ(boxes(), "....");
+    EXPECT_EQ(view()->selected_cnt, 0);
+    EXPECT_FALSE(delete_enabled());
+  }
+  tap_row(1, list());
+  select_all();
+  EXPECT_EQ(boxes(), "xxxx");
+  EXPECT_EQ(view()->selected_cnt, 4);
+  press("btn1");
+  views_become(1);
+  expect_no_request("delete_notis");
+}
+
+TEST_F(deleting, TheRequestKeepsTheOrderOfSelection) {
+  open(4);
+  tap_row(2, list());
+  press("btn2");
+  EXPECT_TRUE(visible(text("IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY")));
+  back();
+  EXPECT_TRUE(gone(text("IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY")));
+  for (int i : {0, 3, 1}) tap_row(i, list());
+  tap_row(0, list());
+  // The phone takes one of them away meanwhile: the rows are those of the moment the view was opened.
+  phone.delete_mails({ids[3]});
+  EXPECT_TRUE(run_until([&] { return listed_mails().size() == 3; }));
+  EXPECT_EQ(boxes(), ".xxx");
+  press("btn2");
+  EXPECT_TRUE(visible(question()));
+  tap(text_at(text("IDS_COM_SK_OK")));
+  EXPECT_EQ(request("delete_notis").at("id_list"), (nlohmann::json{ids[2], ids[3], ids[1]}));
+  views_become(1);
+  EXPECT_TRUE(run_until([&] { return listed_mails() == std::vector<int>{ids[0]}; }));
+}
+
+TEST_F(deleting, OneAccountsMailsOrAll) {
+  open(4, accounts[1]);
+  std::vector<std::string> shown;
+  for (const std::string &one : rows(list())) shown.push_back(one.substr(0, 2));
+  EXPECT_EQ(shown, (std::vector<std::string>{"S2", "S4"}));
+}
+
+TEST_F(deleting, TheCountSpeaksEveryLanguage) {
+  open(5);
+  const struct {
+    const char *locale;
+    std::vector<std::string> two_and_five;
+  } table[] = {
+      {"de_DE.UTF-8", {"2 Elemente werden nur von der Uhr gelöscht.", "5 Elemente werden nur von der Uhr gelöscht."}},
+      {"pl_PL.UTF-8",
+       {"2 elementy zostaną usunięte tylko z zegarka.", "5 elementów zostanie usuniętych tylko z zegarka."}},
+      {"ru_RU.UTF-8", {"2 элемента будут удалены только с часов.", "5 элементов будут удалены только с часов."}},
+      {"ja_JP.UTF-8", {"2件の項目をウォッチからのみ削除します。", "5件の項目をウォッチからのみ削除します。"}},
+      {"ar_EG.UTF-8", {"سيتم حذف ٢ عنصرين من الساعة فقط.", "سيتم حذف ٥ عناصر من الساعة فقط."}},
+  };
+  for (int selected : {2, 5}) {
+    for (int i = selected == 2 ? 0 : 2; i < selected; i++) tap_row(i, list());
+    press("btn2");
+    for (const auto &one : table) {
+      SCOPED_TRACE(one.locale);
+      vconf_set_str(BRISEL_KEY_REGION, one.locale);
+      EXPECT_TRUE(run_until([&] { return std::string(test_ad.locale) == std::string(one.locale).substr(0, 5); }));
+      language(one.locale);
+      EXPECT_TRUE(visible(one.two_and_five[selected == 5]));
+    }
+    back();
+    settle();
+  }
+  vconf_unset(BRISEL_KEY_REGION);
+}
+
+TEST_F(deleting, AnUnreadableStoreGivesAnEmptyList) {
+  open(1);
+  back();
+  views_become(1);
+  brisel_db_deinit();
+  log_mark();
+  ASSERT_EQ(brisel_crete_delete_view(&test_ad), 0);
+  views_become(2);
+  EXPECT_TRUE(logged("I/mail_cnt = 0, view_data->total_mail_cnt : 0"));
+  EXPECT_FALSE(delete_enabled());
+  select_all();
+  EXPECT_TRUE(delete_enabled());
+  press("btn2");
+  EXPECT_FALSE(view()->popup);
+  EXPECT_TRUE(logged("I/selected_cnt : 0!!"));
+  brisel_db_init();
+}
+
+/* Every view with its popup open, left in each way there is: by its keys, by a launch that returns to the mailbox, by
+   the end of the application. What is freed twice or never is the sanitizers' to tell. */
+TEST_F(deleting, EveryViewEndsOnceHoweverItIsLeft) {
+  enum class end { by_back, by_launch, by_deletion, by_exit };
+  contact("ann@example.org", {":+1", ":+2"});
+  for (end how : {end::by_back, end::by_launch, end::by_deletion, end::by_exit})
+    for (int kind = 0; kind < 5; kind++) {
+      if ((how == end::by_launch && kind < 2) || (how == end::by_deletion && kind % 2 == 0)) continue;
+      SCOPED_TRACE("end " + std::to_string((int)how) + ", view " + std::to_string(kind));
+      const int id = start_one({.from_name = "Ann", .from_address = "ann@example.org"});
+      ASSERT_EQ(brisel_detail_draw_view(id, 0, &test_ad), 0);
+      ASSERT_EQ(brisel_option_detail_draw_view(id, &test_ad), 0);
+      views_become(3);
+      Evas_Object *options = top_content();
+      int depth = 4;
+      switch (kind) {
+        case 0:
+          tap_row(3);
+          depth = 3;
+          break;
+        case 1:
+          tap(middle_of(elm_object_item_part_content_get(row(1), "elm.icon")));
+          depth = 3;
+          break;
+        case 2:
+          tap_row(0);
+          break;
+        case 3:
+          tap_row(1);
+          views_become(4);
+          tap_row(0);
+          break;
+        default:
+          brisel_util_set_reply_method(1);
+          tap_row(1);
+          break;
+      }
+      views_become(depth);
+      language(how == end::by_back ? "he_IL.UTF-8" : "de_DE.UTF-8");
+      switch (how) {
+        case end::by_back:
+          for (int i = 0; i < 12 && views() > 1; i++) back();
+          views_become(1);
+          break;
+        case end::by_launch:
+          app_launch();
+          views_become(1);
+          break;
+        case end::by_deletion:
+          phone.delete_mails({id});
+          views_become(1);
+          break;
+        case end::by_exit:
+          break;
+      }
+      EXPECT_NE(options, nullptr);
+      app_stop();
+      if (how != end::by_deletion) phone.delete_mails({id});
+      brisel_util_set_reply_method(0);
+      vconf_unset(BRISEL_KEY_LANGUAGE);
+      settle();
+    }
+}

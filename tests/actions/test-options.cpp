@@ -1,0 +1,264 @@
+/* The list of actions on a mail, and the numbers of its sender. */
+#include <fstream>
+#include <sstream>
+
+#include "actions-test.h"
+
+static const std::string reply_text(void) {
+  return text("IDS_EMAIL_SK_REPLY") + "|" +
+         text(brisel_util_get_reply_method() ? "IDS_EMAIL_MBODY_EMOTICONS_ABB" : "IDS_MSGF_OPT2_TEMPLATES");
+}
+
+struct options : acting {
+  std::string call = text("IDS_COM_SK_CALL"), device = text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE"),
+              del = text("IDS_EMAIL_BODY_DELETE");
+
+  void open(int mail_id) {
+    ASSERT_EQ(brisel_option_detail_draw_view(mail_id, &test_ad), 0);
+    ASSERT_TRUE(views_become(2));
+  }
+  /* What the call application was asked to do since the test began. */
+  std::string calls(void) {
+    std::ifstream in(std::string(getenv("XDG_STATE_HOME")) + "/brisel/calls.jsonl");
+    std::ostringstream all;
+    all << in.rdbuf();
+    return all.str();
+  }
+  bool called(const std::string &number) {
+    return run_until([&] { return calls().find("\"" + number + "\"") != std::string::npos; });
+  }
+};
+
+TEST_F(options, RowsFollowTheNumbersAndTheReplyStatus) {
+  struct numbers {
+    const char *address;
+    std::vector<std::string> tels;
+    std::string call_row;
+  };
+  const numbers tables[] = {
+      {"ann@example.org", {}, ""},
+      {"ann@example.org", {":+31 20 111"}, call + "|+31 20 111"},
+      {"ann@example.org", {":+31 20 111", ";TYPE=WORK:+31 20 222"}, call},
+      {"12345678901@example.org", {}, call + "|12345678901"},
+      {"12345678901@example.org", {":+31 20 333"}, call + "|+31 20 333"},
+  };
+  const int id = start_one({.from_name = "Ann", .from_address = "x@example.org"});
+  for (const numbers &one : tables) {
+    phone.set_text(id, "from_address", one.address);
+    contact(one.tels.empty() ? "" : one.address, one.tels);
+    for (int status_value : {0, 1, 2, 7}) {
+      SCOPED_TRACE(std::string(one.address) + ", " + std::to_string(one.tels.size()) + " numbers, reply status " +
+                   std::to_string(status_value));
+      status("reply", status_value);
+      open(id);
+      std::vector<std::string> wanted;
+      if (!one.call_row.empty()) wanted.push_back(one.call_row);
+      if (status_value < 2) wanted.push_back(reply_text());
+      wanted.push_back(device);
+      wanted.push_back(del);
+      rows_become(wanted);
+      EXPECT_EQ(test_ad.mail_id, id);
+      back();
+      views_become(1);
+    }
+  }
+}
+
+TEST_F(options, AddressesOfDigitsAreNumbers) {
+  const std::string long_digits(300, '7');
+  const struct {
+    std::string address, number;
+    const char *log;
+  } table[] = {
+      {"1234567@example.org", "1234567", "I/It is a phone number!"},
+      {"12345678", "12345678", nullptr},
+      {"123456@example.org", "", "I/It is a phone number!"},
+      {"123456", "", nullptr},
+      {"+1234567@example.org", "", "I/It is not a phone number!"},
+      {"a1234567@example.org", "", "I/It is not a phone number!"},
+      {"1234567.8@example.org", "", "I/It is not a phone number!"},
+      {"", "", nullptr},
+      {long_digits, std::string(255, '7'), nullptr},
+      {long_digits + "@example.org", std::string(255, '7'), "I/It is a phone number!"},
+  };
+  const std::vector<int> ids = start({{.from_name = "Somebody", .from_address = "x@example.org"}});
+  for (const auto &one : table) {
+    SCOPED_TRACE(one.address.substr(0, 40));
+    phone.set_text(ids[0], "from_address", one.address);
+    log_mark();
+    open(ids[0]);
+    EXPECT_EQ(rows().size(), one.number.empty() ? 3u : 4u);
+    if (!one.number.empty()) EXPECT_EQ(rows().at(0), call + "|" + one.number);
+    for (const char *line : {"I/It is a phone number!", "I/It is not a phone number!"})
+      EXPECT_EQ(logged(line), one.log && !strcmp(one.log, line)) << line;
+    back();
+    views_become(1);
+  }
+}
+
+TEST_F(options, ContactsAndMethodChangedElsewhereRedrawTheRows) {
+  const int id = start_one({.from_name = "Ann", .from_address = "12345678@example.org"});
+  open(id);
+  rows_become({call + "|12345678", reply_text(), device, del});
+  contact("12345678@example.org", {":+1", ":+2"});
+  rows_become({call, reply_text(), device, del});
+  contact("12345678@example.org", {":<b>+3</b>"});
+  EXPECT_TRUE(visible("<b>+3</b>"));
+  contact("", {});
+  rows_become({call + "|12345678", reply_text(), device, del});
+  tap_row(0);
+  EXPECT_TRUE(called("12345678"));
+
+  vconf_set_int(BRISEL_KEY_REPLY_VALUE, 3);
+  rows_become(
+      {call + "|12345678", text("IDS_EMAIL_SK_REPLY") + "|" + text("IDS_EMAIL_MBODY_EMOTICONS_ABB"), device, del});
+  // The choice is open while the setting changes under it: its mark moves.
+  settle();
+  tap(middle_of(elm_object_item_part_content_get(row(1), "elm.icon")));
+  EXPECT_TRUE(visible(text("IDS_MSGF_OPT2_TEMPLATES")));
+  vconf_set_int(BRISEL_KEY_REPLY_VALUE, 0);
+  rows_become({call + "|12345678", text("IDS_EMAIL_SK_REPLY") + "|" + text("IDS_MSGF_OPT2_TEMPLATES"), device, del});
+  tap(text_at(text("IDS_EMAIL_MBODY_EMOTICONS_ABB")));
+  rows_become(
+      {call + "|12345678", text("IDS_EMAIL_SK_REPLY") + "|" + text("IDS_EMAIL_MBODY_EMOTICONS_ABB"), device, del});
+  EXPECT_EQ(brisel_util_get_reply_method(), 1);
+  EXPECT_TRUE(logged("I/Emoticon!"));
+}
+
+TEST_F(options, ActionsThatNeedThePhoneAskForItFirst) {
+  const int id = start_one({.from_name = "Ann", .from_address = "ann@example.org"});
+  open(id);
+  test_ad.bt_connected = 0;
+  log_mark();
+  tap_row(0);
+  tap_row(1);
+  EXPECT_TRUE(logged("I/Show BT connection popup."));
+  EXPECT_EQ(views(), 2);
+  expect_no_request("show");
+  test_ad.bt_connected = 1;
+
+  status("reply", 1);
+  tap_row(0);
+  const std::string notice =
+      text("IDS_EMAIL_POP_REPLY_IS_NOT_SUPPORTED_BY_YOUR_DEVICE_CHECK_FOR_UPDATES_IN_YOUR_DEVICE_SETTINGS");
+  EXPECT_TRUE(visible(notice));
+  language("de_DE.UTF-8");
+  EXPECT_TRUE(gone(notice));
+  EXPECT_TRUE(
+      visible(text("IDS_EMAIL_POP_REPLY_IS_NOT_SUPPORTED_BY_YOUR_DEVICE_CHECK_FOR_UPDATES_IN_YOUR_DEVICE_SETTINGS")));
+  tap(text_at(text("IDS_COM_SK_OK")));
+  EXPECT_TRUE(gone(text("IDS_COM_SK_OK")));
+  status("reply", 2);
+  tap_row(0);
+  EXPECT_EQ(views(), 2);
+
+  status("conn", 3);
+  tap_row(1);
+  EXPECT_TRUE(visible(text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER")));
+  expect_no_request("show");
+  EXPECT_TRUE(gone(text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER")));
+  EXPECT_EQ(views(), 2);
+  status("conn", 0);
+  tap_row(1);
+  EXPECT_EQ(request("show").at("id_list"), nlohmann::json::array({id}));
+  EXPECT_TRUE(visible(text("IDS_PLEXO_POP_CHECK_MOBILE_DEVICE_TO_VIEW_CONTENT")));
+  views_become(1);
+}
+
+TEST_F(options, DeletingAsksSendsOneIdAndWaitsForTheEvent) {
+  const std::vector<int> ids = start({{.from_name = "Ann"}, {.from_name = "Bob"}});
+  open(ids[1]);
+  const std::string question = text("IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
+  for (bool by_key : {false, true}) {
+    tap_row(2);
+    EXPECT_TRUE(visible(question));
+    by_key ? back() : tap(text_at(text("IDS_EMAIL_SK_CANCEL_ABB")));
+    EXPECT_TRUE(gone(question));
+    EXPECT_EQ(views(), 2);
+  }
+  expect_no_request("delete_notis");
+  tap_row(2);
+  EXPECT_TRUE(visible(question));
+  tap(text_at(text("IDS_COM_SK_OK")));
+  EXPECT_EQ(request("delete_notis").at("id_list"), nlohmann::json::array({ids[1]}));
+  views_become(1);
+  EXPECT_EQ(listed_mails(), std::vector<int>{ids[0]});
+}
+
+TEST_F(options, NumbersAreCalledAndTheirViewClosesItself) {
+  contact("ann@example.org", {";TYPE=CELL:+311", ";TYPE=WORK:+312", ";TYPE=HOME:+313", ":+314"});
+  open(start_one({.from_name = "Ann & <i>", .from_address = "ann@example.org"}));
+  tap_row(0);
+  ASSERT_TRUE(views_become(3));
+  EXPECT_EQ(rows(),
+            (std::vector<std::string>{"+311|" + text("IDS_COM_BODY_MOBILE"), "+312|" + text("IDS_COM_BODY_WORK"),
+                                      "+313|" + text("IDS_COM_BODY_HOME"), "+314|" + text("IDS_EMAIL_BODY_OTHERS")}));
+  EXPECT_TRUE(visible("Ann & <i>"));
+  // A second tap while the first call is being put through calls nobody.
+  tap_row(1);
+  tap_row(2);
+  EXPECT_TRUE(called("+312"));
+  views_become(2);
+  EXPECT_EQ(calls().find("+313"), std::string::npos);
+
+  // Backing out before the second is over; then nothing fires.
+  tap_row(0);
+  ASSERT_TRUE(views_become(3));
+  tap_row(0);
+  back();
+  views_become(2);
+  EXPECT_TRUE(called("+311"));
+  tap_row(0);
+  ASSERT_TRUE(views_become(3));
+
+  contact("ann@example.org", {":+315", ":+316"});
+  rows_become({"+315|" + text("IDS_EMAIL_BODY_OTHERS"), "+316|" + text("IDS_EMAIL_BODY_OTHERS")});
+  log_mark();
+  contact("", {});
+  views_become(2);
+  EXPECT_TRUE(logged("I/Call numbers are empty!"));
+}
+
+TEST_F(options, ARowWhoseNumberIsGoneCallsNobody) {
+  start_one({.from_name = "Ann"});
+  full_noti_data *mail = brisel_full_noti_data_create();
+  for (const char *number : {"+1", "+2"}) {
+    contact_number *contact = (contact_number *)calloc(1, sizeof(contact_number));
+    contact->number = strdup(number);
+    mail->sender_contact_list = g_slist_append(mail->sender_contact_list, contact);
+  }
+  ASSERT_EQ(brisel_option_call_draw_view(0, &test_ad, mail), 0);
+  ASSERT_TRUE(views_become(2));
+  const auto drop_last = [&] {
+    GSList *last = g_slist_last(mail->sender_contact_list);
+    brisel_util_contact_number_free(last->data);
+    mail->sender_contact_list = g_slist_delete_link(mail->sender_contact_list, last);
+  };
+  log_mark();
+  drop_last();
+  tap_row(1);
+  EXPECT_TRUE(logged("E/Failed to get phone number from sender_contact_list!"));
+  rows_become({"+1|" + text("IDS_EMAIL_BODY_OTHERS")});
+  drop_last();
+  tap_row(0);
+  views_become(1);
+  EXPECT_FALSE(logged("E/service_send_launch_request() failed!"));
+  brisel_full_noti_data_free(mail);
+}
+
+TEST_F(options, RefusedArgumentsAndMails) {
+  start_one({.from_name = "Ann"});
+  EXPECT_EQ(brisel_option_detail_draw_view(1, nullptr), -1);
+  EXPECT_EQ(brisel_option_reply_templetes_draw_view(1, nullptr, nullptr), -1);
+  EXPECT_EQ(brisel_option_reply_emoticons_draw_view(1, nullptr, nullptr), -1);
+  EXPECT_EQ(brisel_option_call_draw_view(1, nullptr, nullptr), -2);
+  EXPECT_EQ(brisel_crete_delete_view(nullptr), -1);
+  log_mark();
+  const int unknown = BRISEL_COMMON_ERROR_NOT_FOUND;
+  EXPECT_EQ(brisel_option_detail_draw_view(4711, &test_ad), unknown);
+  EXPECT_EQ(brisel_option_reply_templetes_draw_view(4711, &test_ad, nullptr), unknown);
+  EXPECT_EQ(brisel_option_reply_emoticons_draw_view(4711, &test_ad, nullptr), unknown);
+  EXPECT_EQ(brisel_option_call_draw_view(4711, &test_ad, nullptr), unknown);
+  EXPECT_TRUE(logged("E/brisel_db_get_full_noti_data_by_mail_id() failed! err:[-2]"));
+  EXPECT_EQ(views(), 1);
+}
