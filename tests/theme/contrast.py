@@ -74,6 +74,8 @@ def main():
             for color in re.findall(r'\bcolor[23]?:\s*([^;]+);', line):
                 if color.strip() not in ('CLEAR', 'OPAQUE', 'D') and not re.fullmatch(r'255 255 255 \d+', color.strip()):
                     failed.append(f'{path.name}:{number}: raw colour {color}')
+            if 'base:' in line and 'color=cc:' in line and 'text_class=brisel/style' not in line:
+                failed.append(f'{path.name}:{number}: this text style would keep its colour when the palette changes')
             failed += [f'{path.name}:{number}: raw colour in a text style' for _ in re.findall(r'color=(?!cc:)', line)]
     used = ' '.join(path.read_text() for path in theme.glob('*.edc') if path.name != 'colors.edc')
     failed += [f'{name}: no such role' for name in sorted(set(re.findall(r'brisel/([a-z/]+)', ' '.join(
