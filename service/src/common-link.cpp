@@ -76,6 +76,7 @@ struct {
   sd_bus_slot *changed_slot;
   sd_bus_slot *owner_slot;
   sd_bus_slot *start_slot;
+  bool service_away;
   uint64_t next_uid;
   char uid_base[64];
 
@@ -97,6 +98,7 @@ struct {
 
 void send_next(void);
 void attach(void);
+void start_service(void);
 
 /* --- events ------------------------------------------------------------------------------------------------------- */
 
@@ -226,6 +228,7 @@ void answer(brisel_ipc_response_cb callback, void *user_data, const std::vector<
 Eina_Bool retry_cb(void *data) {
   host.retry = nullptr;
   attach();
+  start_service();
   send_next();
   return ECORE_CALLBACK_CANCEL;
 }
@@ -239,8 +242,7 @@ void retry_later(void) {
 void retry_now(void) {
   if (host.retry) ecore_timer_del(host.retry);
   host.retry = nullptr;
-  host.retry_delay = retry_first;
-  send_next();
+  send_next(); /* the delay stays until something is answered: a service may come only to fall again */
 }
 
 /* Whether the service said no, rather than being unreachable: sending the same again would change nothing. */
@@ -315,7 +317,13 @@ int changed_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
 
 int owner_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   const char *name = nullptr, *before = nullptr, *after = nullptr;
-  if (sd_bus_message_read(m, "sss", &name, &before, &after) < 0 || !*after) return 0;
+  if (sd_bus_message_read(m, "sss", &name, &before, &after) < 0) return 0;
+  host.service_away = !*after;
+  if (host.service_away) {
+    /* Not at once: a service that cannot live must not be started in a circle. */
+    retry_later();
+    return 0;
+  }
   reader_check_file();
   read_changes();
   if (host.open) retry_now();
@@ -337,8 +345,19 @@ int started_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   if (error)
     __dlog_print(DLOG_WARN, log_tag, "the host service does not start: %s",
                  error->message ? error->message : error->name);
+  else
+    host.service_away = false;
   host.start_slot = sd_bus_slot_unref(host.start_slot);
   return 0;
+}
+
+/* Without the service nobody tells what changes, nor puts right what a killed one left. */
+void start_service(void) {
+  if (!host.bus || !host.service_away || host.start_slot) return;
+  const int e =
+      sd_bus_call_method_async(host.bus, &host.start_slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                               "org.freedesktop.DBus", "StartServiceByName", started_cb, nullptr, "su", service, 0u);
+  if (e < 0) __dlog_print(DLOG_WARN, log_tag, "the host service cannot be asked for: %s", strerror(-e));
 }
 
 void detach(void) {
@@ -365,10 +384,8 @@ void attach(void) {
   host.bus = bus;
   int e = sd_bus_add_match_async(bus, &host.changed_slot, match_changed, changed_cb, matched_cb, nullptr);
   if (e >= 0) e = sd_bus_add_match_async(bus, &host.owner_slot, match_owner, owner_cb, matched_cb, nullptr);
-  /* Without the service nobody tells what changes, nor puts right what a killed one left. */
-  if (e >= 0)
-    e = sd_bus_call_method_async(bus, &host.start_slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                 "org.freedesktop.DBus", "StartServiceByName", started_cb, nullptr, "su", service, 0u);
+  host.service_away = true; /* as far as is known */
+  if (e >= 0) start_service();
   if (e < 0) {
     __dlog_print(DLOG_ERROR, log_tag, "the host link cannot be made: %s", strerror(-e));
     detach();

@@ -145,7 +145,6 @@ int link_ask_more(host *h, sd_bus_message *m, int mail_id, const std::string &me
   if (numbered) return host_fail(h, numbered, error);
   nlohmann::ordered_json json = {{"request", "more_msg"}, {"message_uid", message_uid}, {"mail_id", mail_id}};
   const std::string text = json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-  /* Half a second of slack would be harmless, but the accuracy of 0 means the default: a quarter of a second. */
   r = sd_event_add_time(h->event, &request.timer, CLOCK_MONOTONIC, now + h->more_timeout_usec, 0, more_timeout_cb, h);
   if (r >= 0) r = send_request(h, request.id, text, static_cast<int64_t>(request.have));
   if (r < 0) {
