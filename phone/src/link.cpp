@@ -21,6 +21,7 @@ struct phone_link {
   uint64_t delay = 0; /* before the next try, in microseconds */
   std::string failure;
   bool failed = false;
+  bool told = false; /* that requests cannot be acknowledged; they come again with the next connection */
 };
 
 namespace {
@@ -68,6 +69,7 @@ int connect_now(phone_link *link) {
     return 0;
   }
   link->owner = owner;
+  link->told = false;
   if (link->retry) sd_event_source_set_enabled(link->retry, SD_EVENT_OFF);
   sd_event_now(link->event, CLOCK_MONOTONIC, &link->connected_at);
   if (link->handlers->connected) link->handlers->connected(link, link->user_data);
@@ -146,7 +148,8 @@ void take_request(phone_link *link, int64_t id, const char *line, int64_t have) 
     return;
   }
   if (host_acknowledge(link->bus, id, &error) < 0) {
-    link_log("request " + std::to_string(id) + " could not be acknowledged: " + error);
+    if (!link->told) link_log("request " + std::to_string(id) + " could not be acknowledged: " + error);
+    link->told = true;
     return;
   }
   if (phone_state_set_acknowledged(link->state, id) < 0) link_log(phone_state_error(link->state));

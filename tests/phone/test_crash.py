@@ -116,12 +116,15 @@ def test_kills_at_random_points(s):
         waiting = [r for r in status(s)["replies"] if r["state"] != "sent"]
         return {"missing": missing, "extra": extra, "twice": twice, "back": back, "marks": marks, "replies": waiting}
 
-    end = time.monotonic() + 60
-    state = settled()
-    while any(state.values()) and time.monotonic() < end:
+    # As long as it gets better it goes on: how fast that is says nothing.
+    state, best, since = settled(), None, time.monotonic()
+    while any(state.values()) and time.monotonic() - since < 60:
         time.sleep(0.3)
         state = settled()
-    assert not any(state.values()), (state, relay.log()[-3000:])
+        left = sum(len(v) for v in state.values())
+        if best is None or left < best:
+            best, since = left, time.monotonic()
+    assert not any(state.values()), ({k: list(v)[:5] for k, v in state.items()}, relay.log()[-2000:])
 
     sent = collections.Counter()
     for raw in mta.sent():

@@ -1,0 +1,102 @@
+#!/usr/bin/env python3
+"""The relay: first relay of a large mailbox beside what the mail library alone needs, memory, idle wake-ups, and from a
+file to the screen. Runs inside a private session (brisel-session).   usage: bench-relay [MAILS]"""
+import json
+import os
+import pathlib
+import random
+import subprocess
+import sys
+import time
+
+COUNT = int(sys.argv[1]) if len(sys.argv) > 1 else 10000
+SESSION = pathlib.Path(os.environ["BRISEL_SESSION_DIR"])
+HERE = pathlib.Path(__file__).resolve().parent
+BOX = SESSION / "bench-box"
+WORDS = "harbour wind boat lamp table bread river stone garden letter morning window paper train island".split()
+random.seed(1)
+
+
+def words(count):
+    return " ".join(random.choice(WORDS) for _ in range(count))
+
+
+def message(n):
+    """Mail as mailboxes hold it: two forms of the text, some with an attachment, a few kilobytes each."""
+    text = "\n\n".join(words(40) for _ in range(random.randrange(2, 12)))
+    page = "".join(f"<p>{p}</p>" for p in text.split("\n\n"))
+    date = time.strftime("%a, %d %b %Y %H:%M:%S +0000", time.gmtime(1760000000 + n * 60))
+    out = [f"From: {random.choice(WORDS).title()} <a{n % 97}@example.org>", "To: me@example.org", f"Subject: {words(5)} {n}",
+           f"Date: {date}", f"Message-ID: <bench-{n}@example.org>", "MIME-Version: 1.0",
+           'Content-Type: multipart/mixed; boundary="m"', "", "--m", 'Content-Type: multipart/alternative; boundary="a"', "",
+           "--a", "Content-Type: text/plain; charset=utf-8", "", text, "--a", "Content-Type: text/html; charset=utf-8", "",
+           f"<html><body>{page}</body></html>", "--a--"]
+    if n % 5 == 0:
+        out += ["--m", "Content-Type: application/pdf", "Content-Transfer-Encoding: base64",
+                "Content-Disposition: attachment; filename=f.pdf", "", "QUJD" * 2000]
+    return "\n".join(out + ["--m--", ""])
+
+
+def tool(*args):
+    return subprocess.run(args, capture_output=True, text=True).stdout
+
+
+def wait(condition, what, seconds=600):
+    end = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > end or relay.poll() is not None:
+            sys.exit(f"bench-relay: waited in vain for {what}")
+        time.sleep(0.01)
+
+
+def on_watch():
+    accounts = json.loads(tool("brisel-phone", "relay", "status", "--json"))["accounts"]
+    return accounts[0]["on_watch"] if accounts else 0
+
+
+def switches(pid):
+    return sum(int(line.split()[1]) for line in open(f"/proc/{pid}/status") if "ctxt_switches" in line)
+
+
+def value(path, key):
+    return next(int(line.split()[1]) for line in open(path) if line.startswith(key))
+
+
+for folder in ("tmp", "new", "cur"):
+    (BOX / folder).mkdir(parents=True)
+for n in range(COUNT):
+    (BOX / "cur" / f"{1760000000 + n}.M{n}.bench:2,S").write_text(message(n))
+
+alone = float(tool(HERE / "gmime-alone", BOX / "cur"))  # once for the page cache
+alone = min(float(tool(HERE / "gmime-alone", BOX / "cur")) for _ in range(3))
+start = time.monotonic()
+relay = subprocess.Popen(["brisel-phone", "relay", "--maildir", f"me@example.org={BOX}", "--newest", str(COUNT + 100)],
+                         stderr=subprocess.DEVNULL)
+wait(lambda: on_watch() >= COUNT, "the first relay")
+took = time.monotonic() - start
+cpu = sum(int(x) for x in open(f"/proc/{relay.pid}/stat").read().rsplit(")", 1)[1].split()[11:13]) / os.sysconf("SC_CLK_TCK")
+print(f"first relay of {COUNT} mails      {took:.2f} s, {COUNT / took:.0f} mails/s (the relay's own processor time {cpu:.2f} s)")
+print(f"  the mail library alone      {alone:.2f} s, {COUNT / alone:.0f} mails/s; ratio {took / alone:.2f} (processor time {cpu / alone:.2f})")
+print(f"memory                        {value(f'/proc/{relay.pid}/smaps_rollup', 'Pss:') / 1024:.1f} MiB proportional, "
+      f"{value(f'/proc/{relay.pid}/status', 'VmHWM:') / 1024:.1f} MiB peak resident")
+
+time.sleep(1)
+before = switches(relay.pid)
+time.sleep(10)
+print(f"wake-ups in 10 idle seconds   {switches(relay.pid) - before}")
+
+tool("brisel-watchctl", "launch")
+shown = []
+for n in range(5):
+    sender = f"Newcomer {n}"
+    text = message(COUNT + n).split("\n", 1)[1]
+    (BOX / "tmp" / f"live{n}").write_text(f"From: {sender} <new@example.org>\n" + text.replace(
+        "Date: ", f"Date: {time.strftime('%a, %d %b %Y %H:%M:%S +0000', time.gmtime())}\nX-Old-Date: "))
+    start = time.monotonic()
+    os.rename(BOX / "tmp" / f"live{n}", BOX / "new" / f"live{n}")
+    wait(lambda: sender in tool("brisel-watchctl", "dump"), f"{sender} on screen", 30)
+    shown.append(time.monotonic() - start)
+print(f"file to screen                {sorted(shown)[len(shown) // 2] * 1000:.0f} ms median of {len(shown)}, "
+      f"{max(shown) * 1000:.0f} ms longest (seen by asking again and again)")
+relay.terminate()
+relay.wait()
