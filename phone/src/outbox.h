@@ -41,7 +41,7 @@ int outbox_add(phone_state *state, int account_id, const std::string &recipient,
                const std::string &message, const std::string &error);
 /* Every entry, oldest first. */
 int outbox_list(phone_state *state, std::vector<outbox_entry> *entries);
-/* Makes every unsent entry due now, held ones too. */
+/* Makes every waiting entry due now; held ones stay held. */
 int outbox_retry_all(phone_state *state);
 /* Forgets an unsent entry. Returns 1 done, 0 there is none, -1. */
 int outbox_drop(phone_state *state, int64_t id);
