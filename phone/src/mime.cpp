@@ -455,14 +455,18 @@ std::string_view bounded(std::string_view raw, const mime_limits &limits, std::s
   return *storage;
 }
 
-std::string hash_uid(GMimeMessage *message, const std::string &body) {
+/* Of what makes the mail itself and does not change on its way through folders and mail programs. */
+std::string hash_uid(GMimeMessage *message, std::string_view raw) {
   GChecksum *sum = g_checksum_new(G_CHECKSUM_SHA256);
-  for (const char *name : {"From", "To", "Date", "Subject"}) {
+  for (const char *name : {"From", "To", "Date", "Subject", "Content-Type"}) {
     const char *value = g_mime_object_get_header(GMIME_OBJECT(message), name);
     std::string line = mime_clean_line(value ? value : "", kMaxSubject) + "\n";
     g_checksum_update(sum, reinterpret_cast<const guchar *>(line.data()), static_cast<gssize>(line.size()));
   }
-  g_checksum_update(sum, reinterpret_cast<const guchar *>(body.data()), static_cast<gssize>(body.size()));
+  size_t body = std::min(raw.find("\n\n"), raw.find("\n\r\n"));
+  if (body != std::string_view::npos) raw.remove_prefix(body);
+  while (!raw.empty() && g_ascii_isspace(raw.back())) raw.remove_suffix(1); /* mbox files add an empty line */
+  g_checksum_update(sum, reinterpret_cast<const guchar *>(raw.data()), static_cast<gssize>(raw.size()));
   std::string uid = std::string("sha256-") + std::string(g_checksum_get_string(sum)).substr(0, 40);
   g_checksum_free(sum);
   return uid;
@@ -517,7 +521,7 @@ int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
   append_references(&mail->references, g_mime_object_get_header(GMIME_OBJECT(message.get()), "References"));
   if (mail->references.empty())
     append_references(&mail->references, g_mime_object_get_header(GMIME_OBJECT(message.get()), "In-Reply-To"));
-  mail->message_uid = mail->message_id.empty() ? hash_uid(message.get(), mail->body) : mail->message_id;
+  mail->message_uid = mail->message_id.empty() ? hash_uid(message.get(), raw) : mail->message_id;
   const char *status = g_mime_object_get_header(GMIME_OBJECT(message.get()), "Status");
   mail->seen = status && strchr(status, 'R') != nullptr;
   return 0;

@@ -53,6 +53,7 @@ struct followed {
   bool known_before = false;                       /* there were rows when this run began */
   bool listed = false;                             /* the watch's list was matched since it connected */
   bool dirty = true;                               /* something may have changed in the mailbox */
+  bool unfinished = false;                         /* a file is perhaps still being written */
   std::set<std::string> rewritten;                 /* files that were written to in place */
   std::string error;
   int64_t files = 0, relayed = 0, synced = 0;
@@ -71,7 +72,8 @@ struct relay {
   std::string last_status;
 };
 
-constexpr uint64_t kSettle = 30000; /* microseconds that changes are collected: one delivery is several events */
+constexpr uint64_t kUnfinished = 6000000; /* microseconds; longer than a file counts as just being written */
+constexpr uint64_t kSettle = 30000;       /* microseconds that changes are collected: one delivery is several events */
 constexpr size_t kBatchMails = 64, kBatchBytes = 4u << 20, kHead = 16384;
 constexpr int64_t kSoon = 24 * 3600;
 
@@ -471,6 +473,8 @@ int relay_window(followed *a, const listing &l) {
         link_log(item.place + ": " + error + "; it is left out");
         row->state = ROW_BROKEN;
         row->dirty = true;
+      } else {
+        a->unfinished = true;
       }
       continue;
     }
@@ -678,6 +682,17 @@ int match_all(relay *r) {
   return 0;
 }
 
+void sync_in(relay *r, uint64_t delay) {
+  int enabled = SD_EVENT_OFF;
+  uint64_t now = 0, set = 0;
+  sd_event_source_get_enabled(r->sync_timer, &enabled);
+  sd_event_source_get_time(r->sync_timer, &set);
+  sd_event_now(link_event(r->link), CLOCK_MONOTONIC, &now);
+  if (enabled != SD_EVENT_OFF && set <= now + delay) return;
+  sd_event_source_set_time(r->sync_timer, now + delay);
+  sd_event_source_set_enabled(r->sync_timer, SD_EVENT_ONESHOT);
+}
+
 void sync_all(relay *r) {
   if (!link_is_connected(r->link)) return;
   bool all_listed = true;
@@ -688,8 +703,12 @@ void sync_all(relay *r) {
   }
   for (auto &a : r->accounts) {
     if (!a->dirty) continue;
-    a->dirty = false;
+    a->dirty = a->unfinished = false;
     sync_account(a.get());
+    if (a->unfinished) { /* one more look, when it is either whole or broken */
+      a->dirty = true;
+      sync_in(r, kUnfinished);
+    }
   }
   write_status(r);
   for (auto &a : r->accounts)
@@ -707,13 +726,7 @@ int sync_timer_cb(sd_event_source *source, uint64_t usec, void *user_data) {
 }
 
 void sync_soon(relay *r) {
-  int enabled = SD_EVENT_OFF;
-  sd_event_source_get_enabled(r->sync_timer, &enabled);
-  if (enabled != SD_EVENT_OFF) return;
-  uint64_t now = 0;
-  sd_event_now(r->link ? link_event(r->link) : nullptr, CLOCK_MONOTONIC, &now);
-  sd_event_source_set_time(r->sync_timer, now + kSettle);
-  sd_event_source_set_enabled(r->sync_timer, SD_EVENT_ONESHOT);
+  sync_in(r, kSettle);
 }
 
 int changed_cb(sd_event_source *source, const inotify_event *event, void *user_data) {

@@ -2,6 +2,7 @@
 import email
 import email.policy
 import os
+import pathlib
 import time
 
 from phone_test import (Maildir, Relay, Sendmail, body_text, by_uid, delete_on_watch, equal, host_pid, main, message,
@@ -220,6 +221,28 @@ def test_mbox_and_config_file(s):
     s.wait(lambda: uids(s) == {"b2@x", "b3@x", "b4@x"}, "what was appended")
     box.write_text(letter(4))
     s.wait(lambda: uids(s) == {"b4@x"}, "what was left")
+    relay.kill()
+
+
+def test_hostile_mail_stops_nothing(s):
+    box = Maildir(s.dir / "box")
+    hostile = sorted((pathlib.Path(__file__).resolve().parent / "hostile").glob("*.eml"))
+    for path in hostile:
+        box.deliver(path.read_bytes())
+    box.deliver(message("good@x"))
+    relay = Relay(s, "--maildir", f"me@example.org={box.path}")
+    s.wait(lambda: "good@x" in uids(s), "the good mail")
+    s.wait(lambda: relay.log().count("it is left out") == 3, "the three that are no mail")
+    equal(len(s.mails()), len(hostile) - 3 + 1, "every other one is there")
+    box.deliver(message("after@x"))
+    s.wait(lambda: "after@x" in uids(s), "a mail after them")
+    # A program that writes into the folder itself: the mail is there when it is whole.
+    with open(box.path / "new" / "slow", "w") as out:
+        out.write("From: a@b.c\nMessage-ID: <slow@x>\n")
+        out.flush()
+        s.wait(lambda: "slow@x" in uids(s), "the beginning")
+        out.write("Subject: whole\n\nand its text\n")
+    s.wait(lambda: by_uid(s).get("slow@x", {}).get("subject") == "whole", "the whole mail")
     relay.kill()
 
 
