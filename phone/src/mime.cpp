@@ -458,7 +458,7 @@ std::string_view bounded(std::string_view raw, const mime_limits &limits, std::s
 /* Of what makes the mail itself and does not change on its way through folders and mail programs. */
 std::string hash_uid(GMimeMessage *message, std::string_view raw) {
   GChecksum *sum = g_checksum_new(G_CHECKSUM_SHA256);
-  for (const char *name : {"From", "To", "Date", "Subject", "Content-Type"}) {
+  for (const char *name : {"From", "To", "Date", "Subject"}) {
     const char *value = g_mime_object_get_header(GMIME_OBJECT(message), name);
     std::string line = mime_clean_line(value ? value : "", kMaxSubject) + "\n";
     g_checksum_update(sum, reinterpret_cast<const guchar *>(line.data()), static_cast<gssize>(line.size()));
