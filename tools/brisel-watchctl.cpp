@@ -209,7 +209,7 @@ json setting_value(const char *key) {
       break;
     case VCONF_TYPE_STRING: {
       const text_ptr text(vconf_get_str(key));
-      if (text) return text.get();
+      if (text) return json(text.get());
       break;
     }
     default:

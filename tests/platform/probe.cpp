@@ -17,6 +17,12 @@
 #include "efl_assist.h"
 #include "genlist-fx.h"
 
+/* What the toolkit itself never frees, also in a program that only opens and closes an empty window: the records of
+   smart objects, in a function without a name, and its list of modules. */
+extern "C" const char *__lsan_default_suppressions(void) {
+  return "leak:libevas.so\nleak:eina_module_new\n";
+}
+
 namespace {
 
 Evas_Object *win;
