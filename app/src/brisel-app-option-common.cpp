@@ -159,6 +159,10 @@ Elm_Object_Item *brisel_option_push(appdata *ad, Evas_Object *layout, const char
   return item;
 }
 
+bool brisel_option_on_top(const brisel_view_head *head) {
+  return elm_naviframe_top_item_get(head->ad->naviframe) == head->navi_item;
+}
+
 void brisel_option_popup_translate(Evas_Object *popup, const char *button, const char *id) {
   Evas_Object *obj = button ? elm_object_part_content_get(popup, button) : popup;
   if (obj) elm_object_domain_translatable_text_set(obj, BRISEL_DOMAIN, id);

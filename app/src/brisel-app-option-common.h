@@ -54,6 +54,9 @@ char *brisel_option_sender_title(const full_noti_data *noti_data);
 Elm_Object_Item *brisel_option_push(appdata *ad, Evas_Object *layout, const char *title, Evas_Object *next_btn,
                                     Elm_Naviframe_Item_Pop_Cb pop_cb, brisel_view_head *head);
 
+/* Whether the view is the one that the user sees. While another slides in above it, its rows can still be touched. */
+bool brisel_option_on_top(const brisel_view_head *head);
+
 /* --- popups
  * ------------------------------------------------------------------------------------------------------------ */
 

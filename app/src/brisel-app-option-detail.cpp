@@ -34,6 +34,12 @@ static constexpr int BRISEL_REPLY_UNKNOWN = 2;
 
 static void __brisel_option_detail_popup_response_cb(void *data, Evas_Object *obj, void *event_info);
 
+/* A popped list, or one that another view has begun to cover, takes no more taps: a quick second one would open the
+   view twice. */
+static bool __brisel_option_detail_takes_taps(const option_detail_view_data *vd) {
+  return vd->noti_data && brisel_option_on_top((const brisel_view_head *)vd);
+}
+
 static char *__brisel_option_detail_text(const char *id) {
   return strdup(brisel_util_get_text(id));
 }
@@ -164,7 +170,7 @@ static void __brisel_option_detail_create_reply_setting_popup(option_detail_view
 static void __brisel_option_detail_reply_setting_icon_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   option_detail_view_data *vd = (option_detail_view_data *)data;
-  if (!vd->noti_data) return;
+  if (!__brisel_option_detail_takes_taps(vd)) return;
   __brisel_option_detail_create_reply_setting_popup(vd);
   BRISEL_INFO("Leave");
 }
@@ -220,7 +226,7 @@ static void __brisel_option_detail_reply_value_change_cb(keynode_t *node, void *
 static void __brisel_option_detail_gl_sel_call(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   option_detail_view_data *vd = (option_detail_view_data *)data;
-  if (vd->noti_data) {
+  if (__brisel_option_detail_takes_taps(vd)) {
     GSList *contacts = vd->noti_data->sender_contact_list;
     if (contacts && contacts->next) {
       brisel_option_call_draw_view(0, vd->ad, vd->noti_data);
@@ -244,7 +250,8 @@ static void __brisel_option_detail_gl_sel_call_by_from_address(void *data, Evas_
     BRISEL_ERROR("Failed to get phone number from data!");
     return;
   }
-  if (vd->from_phone_number) brisel_util_launch_voice_call(vd->from_phone_number);
+  if (vd->from_phone_number && __brisel_option_detail_takes_taps(vd))
+    brisel_util_launch_voice_call(vd->from_phone_number);
   elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
   BRISEL_INFO("Leave");
 }
@@ -264,7 +271,7 @@ static void __brisel_option_detail_create_update_required_popup(option_detail_vi
 }
 
 static void __brisel_option_detail_reply(option_detail_view_data *vd) {
-  if (!vd->noti_data) return;
+  if (!__brisel_option_detail_takes_taps(vd)) return;
   if (!brisel_util_bluetooth_connection_popup(vd->ad, brisel_util_bt_connect_error_popup_result_cb, "perform")) return;
   int status = BRISEL_REPLY_UNKNOWN;
   if (brisel_util_get_reply_status(&status) != 0) return;
@@ -291,7 +298,7 @@ static void __brisel_option_detail_gl_sel_device(void *data, Evas_Object *obj, v
   option_detail_view_data *vd = (option_detail_view_data *)data;
   appdata *ad = vd->ad;
   elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
-  if (!vd->noti_data || !brisel_option_phone_ready(ad)) return;
+  if (!__brisel_option_detail_takes_taps(vd) || !brisel_option_phone_ready(ad)) return;
   int mail_id = vd->noti_data->mail_id;
   brisel_util_show_on_device(&mail_id, 1);
   elm_naviframe_item_pop(ad->naviframe);
@@ -321,7 +328,7 @@ static void __brisel_option_detail_gl_sel_delete(void *data, Evas_Object *obj, v
   option_detail_view_data *vd = (option_detail_view_data *)data;
   elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
   brisel_widget_ref_drop(&vd->delete_popup);
-  if (!vd->noti_data) return;
+  if (!__brisel_option_detail_takes_taps(vd)) return;
   Evas_Object *popup = brisel_option_create_delete_popup(vd->ad->naviframe, __brisel_option_delete_popup_cancel_cb,
                                                          __brisel_option_delete_popup_ok_cb, vd);
   if (!popup) return;

@@ -29,13 +29,6 @@ struct deleting : acting {
       marks += elm_check_state_get(elm_object_item_part_content_get(item, "elm.icon")) ? 'x' : '.';
     return marks;
   }
-  std::string question(void) {
-    char *text = brisel_util_get_count_text("IDS_ST_POP_PD_ITEMS_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY",
-                                            view()->selected_cnt, &test_ad);
-    const std::string all = text;
-    free(text);
-    return all;
-  }
 };
 
 TEST_F(deleting, RowsBoxesAndTheWholeSelection) {
@@ -73,27 +66,6 @@ TEST_F(deleting, RowsBoxesAndTheWholeSelection) {
   press("btn1");
   views_become(1);
   expect_no_request("delete_notis");
-}
-
-TEST_F(deleting, TheRequestKeepsTheOrderOfSelection) {
-  open(4);
-  tap_row(2, list());
-  press("btn2");
-  EXPECT_TRUE(visible(text("IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY")));
-  back();
-  EXPECT_TRUE(gone(text("IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY")));
-  for (int i : {0, 3, 1}) tap_row(i, list());
-  tap_row(0, list());
-  // The phone takes one of them away meanwhile: the rows are those of the moment the view was opened.
-  phone.delete_mails({ids[3]});
-  EXPECT_TRUE(run_until([&] { return listed_mails().size() == 3; }));
-  EXPECT_EQ(boxes(), ".xxx");
-  press("btn2");
-  EXPECT_TRUE(visible(question()));
-  tap(text_at(text("IDS_COM_SK_OK")));
-  EXPECT_EQ(request("delete_notis").at("id_list"), (nlohmann::json{ids[2], ids[3], ids[1]}));
-  views_become(1);
-  EXPECT_TRUE(run_until([&] { return listed_mails() == std::vector<int>{ids[0]}; }));
 }
 
 TEST_F(deleting, OneAccountsMailsOrAll) {

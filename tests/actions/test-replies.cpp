@@ -81,7 +81,7 @@ TEST_F(replies, ATemplateIsShownAskedForAndSent) {
   views_become(1);
 
   // Without a name there is no separator; long fields end between characters.
-  phone.forget_requests();
+  phone.requests.clear();
   std::string long_subject, long_name;
   for (int i = 0; i < 400; i++) long_subject += "€";
   for (int i = 0; i < 300; i++) long_name += "😀";
@@ -94,7 +94,7 @@ TEST_F(replies, ATemplateIsShownAskedForAndSent) {
   EXPECT_EQ(reply.at("subject"), long_subject.substr(0, 1023));
   EXPECT_EQ(reply.at("text"), text("IDS_MSG_TEMPLATE_1", "message"));
   views_become(1);
-  phone.forget_requests();
+  phone.requests.clear();
   phone.set_text(ids[1], "from_name", long_name);
   open_templates(ids[1]);
   tap_row(0);
@@ -185,7 +185,7 @@ TEST_F(replies, TheKeypadRulesTheTypedView) {
   EXPECT_EQ(request("reply").at("text"), "&lt;b&gt;a &amp; b&lt;/b&gt;😀");
   views_become(1);
   // The next view starts anew, and an empty one sends an empty reply.
-  phone.forget_requests();
+  phone.requests.clear();
   open_typed(id);
   press_send();
   EXPECT_EQ(request("reply").at("text"), "");
