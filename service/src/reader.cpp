@@ -81,7 +81,7 @@ int open_store(void) {
   if (path.empty()) return tell(-1, "there is no data folder");
   if (stat(path.c_str(), &info) != 0 && errno == ENOENT) return 0;
   /* One thread only: no locks inside SQLite. */
-  const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX;
+  const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX;
   int r = sqlite3_open_v2(path.c_str(), &reader.db, flags, nullptr);
   int version = 0, application = 0;
   if (r == SQLITE_OK) {

@@ -273,7 +273,7 @@ store *store_open(const std::string &path, std::string *why) {
   store *st = new store;
   bool good = take_lock(st, path, why) && check_file(path, why);
   if (good) {
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW;
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
     const int r = sqlite3_open_v2(path.c_str(), &st->db, flags, nullptr);
     if (st->db) sqlite3_busy_timeout(st->db, busy_ms);
     good = check_database(st->db, r, path, why);

@@ -288,6 +288,14 @@ TEST(Opening, MakesAStoreOfNothingAndKeepsOthersOut) {
   store_close(st);
 }
 
+TEST(Opening, FollowsLinksOnTheWay) {
+  folder f;
+  fs::create_directory(f.path / "far");
+  fs::create_directory_symlink(f.path / "far", f.path / "near"); /* as some systems have their home folders */
+  store_close(open_or_fail((f.path / "near" / "store.db").string()));
+  EXPECT_TRUE(fs::exists(f.path / "far" / "store.db"));
+}
+
 TEST(Opening, BringsAnOlderStoreUpToDate) {
   folder f;
   run_sql(f.file, std::string("PRAGMA journal_mode = WAL; BEGIN;") + schema_steps[0] +
