@@ -242,9 +242,10 @@ static void _refresh_mailbox_list(appdata *ad) {
   brisel_free_mail_list(ad);
 
   BRISEL_INFO("ad->account_id : %d", ad->account_id);
+  const int read_account = ad->account_id;
   GSList *list = nullptr;
   int mail_cnt = 0;
-  int result = brisel_db_get_full_noti_data_list_by_account_id(ad->account_id, &list, &mail_cnt);
+  int result = brisel_db_get_full_noti_data_list_by_account_id(read_account, &list, &mail_cnt);
   scoped_noti_list noti_list(list);
   if (result != 0) {
     BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", result);
@@ -271,6 +272,13 @@ static void _refresh_mailbox_list(appdata *ad) {
     }
     group->count = mail_cnt;
     elm_genlist_item_update(group_item);
+  }
+
+  if (ad->account_id != read_account) {
+    /* The account turned out to be gone and the header is the combined view's: so are the mails under it. */
+    noti_list.reset();
+    _refresh_mailbox_list(ad);
+    return;
   }
 
   /* The list is built backwards and turned once: appending walks the whole list each time. */

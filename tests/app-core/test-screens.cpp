@@ -154,6 +154,7 @@ TEST_F(screens, AnAccountWithoutARecordBecomesTheCombinedView) {
   for (const std::string &line : log_lines())
     told |= line.find("W/brisel_db_get_account_data_by_account_id is failed! err:[") == 0;
   EXPECT_TRUE(told);
+  EXPECT_EQ(listed_mails(), std::vector<int>{id}) << "the combined view shows every mail";
   EXPECT_EQ(header_title(), brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"));
   app_launch(std::to_string(id).c_str());
 }
