@@ -34,7 +34,8 @@ enum class direction : unsigned char { none, left_to_right, right_to_left };
 struct text_block {
   size_t start;       /* of its bytes in the text; it ends where the next one starts */
   Evas_Object *shown; /* its laid-out object, while it is near the screen; never set for the first block */
-  int height;         /* pixels, 0: not measured yet */
+  int height;         /* pixels; 0: not even guessed yet */
+  bool measured;      /* else the height is a guess, which stays as it is so that nothing moves */
   direction along;    /* a block that starts inside a paragraph runs the way the paragraph does */
 };
 
@@ -51,6 +52,7 @@ struct detail_body {
   bool is_resized;                      /* the part or the view has a new size */
   bool first_settled;                   /* the first block has given its unfinished line away */
   size_t anchor;                        /* offset of the text to keep at the top of the screen; npos: none */
+  int anchor_passes;                    /* how often it is still aimed at: what it comes to rest on gets measured */
 };
 
 static constexpr size_t no_anchor = std::string::npos;
@@ -164,11 +166,13 @@ static scoped_text _markup_of_block(const detail_body *body, size_t index) {
 
 /* --- laying blocks out ------------------------------------------------------------------------------------------ */
 
-static int _height_of(const detail_body *body, size_t index) {
-  const text_block &block = body->blocks[index];
-  if (block.height) return block.height;
-  double per_byte = body->measured_bytes > 0 ? body->measured_high / body->measured_bytes : first_guess;
-  return std::max(1, (int)(per_byte * (double)(_end_of(body, index) - block.start)));
+static int _height_of(detail_body *body, size_t index) {
+  text_block &block = body->blocks[index];
+  if (!block.height) {
+    double per_byte = body->measured_bytes > 0 ? body->measured_high / body->measured_bytes : first_guess;
+    block.height = std::max(1, (int)(per_byte * (double)(_end_of(body, index) - block.start)));
+  }
+  return block.height;
 }
 
 static void _show_first_block(detail_body *body) {
@@ -180,7 +184,7 @@ static void _show_first_block(detail_body *body) {
 static size_t _unfinished_line(const detail_body *body, size_t index, const Evas_Object *edje) {
   if (index + 1 >= body->blocks.size() || !_starts_inside_paragraph(body, index + 1)) return std::string::npos;
   const text_block &next = body->blocks[index + 1];
-  if (next.shown || next.height) return std::string::npos; /* met from below: its text stays where it is */
+  if (next.shown || next.measured) return std::string::npos; /* met from below: its text stays where it is */
   Evas_Object *text = (Evas_Object *)edje_object_part_object_get(edje, body_part);
   Evas_Textblock_Cursor *cursor = text ? evas_object_textblock_cursor_new(text) : nullptr;
   if (!cursor) return std::string::npos;
@@ -205,6 +209,7 @@ static void _measure(detail_body *body, text_block &block) {
   int height = 0;
   edje_object_size_min_restricted_calc(block.shown, nullptr, &height, body->width, 0);
   block.height = std::max(1, height);
+  block.measured = true;
 }
 
 static const char *_font_size_signal(int size) {
@@ -225,7 +230,7 @@ static void _show_block(detail_body *body, size_t index) {
   evas_object_show(block.shown);
   scoped_text markup = _markup_of_block(body, index);
   edje_object_part_text_set(block.shown, body_part, markup ? markup.get() : "");
-  bool known = block.height != 0;
+  bool known = block.measured;
   _measure(body, block);
   if (known) return;
   size_t line = _unfinished_line(body, index, block.shown);
@@ -254,6 +259,9 @@ static void _settle_first_block(detail_body *body) {
   }
   body->measured_bytes += (double)_end_of(body, 0);
   body->measured_high += height;
+  /* Guesses made before anything was measured were no more than that. */
+  for (text_block &block : body->blocks)
+    if (!block.measured) block.height = 0;
 }
 
 /* Forgets everything measured, because the width or the text size is another now. */
@@ -268,7 +276,7 @@ static void _measure_anew(detail_body *body) {
   _show_first_block(body);
 }
 
-static size_t _anchor_of(const detail_body *body) {
+static size_t _anchor_of(detail_body *body) {
   int y = 0, top = 0;
   evas_object_geometry_get(body->rest, nullptr, &y, nullptr, nullptr);
   evas_object_geometry_get(body->scroller, nullptr, &top, nullptr, nullptr);
@@ -281,6 +289,11 @@ static size_t _anchor_of(const detail_body *body) {
     y += height;
   }
   return no_anchor;
+}
+
+static void _set_anchor(detail_body *body) {
+  body->anchor = _anchor_of(body);
+  body->anchor_passes = 3;
 }
 
 static void _scroll_by(detail_body *body, int distance) {
@@ -316,7 +329,7 @@ static void _arrange(detail_body *body) {
   evas_object_geometry_get(body->rest, &x, &y, &w, nullptr);
   if (w <= 0 || body->blocks.size() < 2) return;
   if (w != body->width) {
-    if (body->width && body->anchor == no_anchor) body->anchor = _anchor_of(body);
+    if (body->width && body->anchor == no_anchor) _set_anchor(body);
     body->width = w;
     _measure_anew(body);
   }
@@ -336,9 +349,11 @@ static void _arrange(detail_body *body) {
     bool above = y < top;
     if (!block.shown && (on_screen || (near_screen && may_prepare))) {
       if (!on_screen) may_prepare = false;
-      bool guessed = block.height == 0;
+      bool guessed = !block.measured;
       _show_block(body, i);
-      if (guessed && above && body->anchor == no_anchor) moved += block.height - height;
+      /* A block that reaches into the view from above stays in it with the same share. */
+      if (guessed && above && body->anchor == no_anchor)
+        moved += (int)((double)(block.height - height) * std::min(1.0, (double)(top - y) / height));
       height = block.height;
     } else if (block.shown && (y >= bottom + 2 * near_by || y + height <= top - 2 * near_by)) {
       _hide_block(block);
@@ -356,8 +371,9 @@ static void _arrange(detail_body *body) {
   _update_least_size(body);
   /* What is above the screen turned out higher or lower than guessed: what is on it stays where it is. */
   if (to_anchor != INT_MIN) moved = to_anchor;
-  body->anchor = no_anchor;
+  if (body->anchor != no_anchor && --body->anchor_passes == 0) body->anchor = no_anchor;
   if (moved) _scroll_by(body, moved);
+  if (body->anchor != no_anchor) evas_object_smart_changed(body->rest);
 }
 
 /* --- the object in the part "detail.body_rest" -------------------------------------------------------------------- */
@@ -478,7 +494,7 @@ void brisel_detail_body_set_font_size(Evas_Object *layout, int size) {
   if (!body || body->font_size == size) return;
   body->font_size = size;
   if (!body->rest || body->blocks.size() < 2) return;
-  if (body->width) body->anchor = _anchor_of(body);
+  if (body->width) _set_anchor(body);
   _measure_anew(body);
   _update_least_size(body);
   evas_object_smart_changed(body->rest);
@@ -487,7 +503,7 @@ void brisel_detail_body_set_font_size(Evas_Object *layout, int size) {
 Eina_Bool brisel_detail_body_end_is_known(Evas_Object *layout) {
   detail_body *body = _body_of(layout);
   if (!body || body->blocks.size() < 2) return EINA_TRUE;
-  return body->blocks.back().height != 0;
+  return body->blocks.back().measured;
 }
 
 const char *brisel_detail_body_get(Evas_Object *layout, int *blocks) {

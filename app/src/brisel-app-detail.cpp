@@ -1371,6 +1371,8 @@ static void __brisel_detail_set_unconverted_subject(page_data *page) {
   scoped_text shown = __brisel_detail_shown_subject(page->mail_data->subject);
   scoped_text markup(__brisel_detail_harmless_markup(shown ? shown.get() : ""));
   elm_object_part_text_set(page->detail_layout, part_title, markup.get());
+  /* The line for a missing subject, which the toolkit translates, gives way to a text but not to an empty one. */
+  if (markup && !*markup) edje_object_part_text_set(elm_layout_edje_get(page->detail_layout), part_title, "");
 }
 
 void __brisel_detail_update_font_size(brisel_detail_view *view_data, int size) {

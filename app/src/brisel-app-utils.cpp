@@ -701,6 +701,9 @@ static const char *_markup_of(const char *s, size_t length, bool one_line) {
   /* The two line separators, and the mark that the text engine keeps for embedded objects. */
   if (!memcmp(s, "\xE2\x80\xA8", 3) || !memcmp(s, "\xE2\x80\xA9", 3)) return one_line ? " " : "<br/>";
   if (!memcmp(s, "\xEF\xBF\xBC", 3)) return replacement;
+  /* Control characters of the second set, and the two overrides that make text read other than it is written. */
+  if (length == 2 && s[0] == '\xC2' && (unsigned char)s[1] < 0xA0) return replacement;
+  if (!memcmp(s, "\xE2\x80\xAD", 3) || !memcmp(s, "\xE2\x80\xAE", 3)) return replacement;
   return nullptr;
 }
 

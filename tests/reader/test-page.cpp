@@ -1,0 +1,233 @@
+/* One page: its parts and signals, its buttons, what it tells the phone, and how it follows settings. */
+#include <clocale>
+#include <nlohmann/json.hpp>
+
+#include "pickover.h"
+#include "reader-test.h"
+#include "vconf.h"
+
+struct Page : testing::Test {
+  test_phone phone;
+  std::vector<int> ids;
+
+  void fill(const std::vector<std::string> &bodies) { ids = mailbox_with(&phone, bodies); }
+  void set_status(const char *kind, int value) {
+    sd_bus_error failed = SD_BUS_ERROR_NULL;
+    EXPECT_GE(sd_bus_call_method(phone.bus, "com.vextora.brisel.Host", "/com/vextora/brisel/Host",
+                                 "com.vextora.brisel.Phone1", "SetStatus", &failed, nullptr, "si", kind, value),
+              0);
+    sd_bus_error_free(&failed);
+  }
+  /* The service's events reach the store reader at once; the page is built from what it holds then. */
+  void reopen(size_t mail) {
+    if (reader()) {
+      elm_naviframe_item_pop(test_ad.naviframe);
+      settle();
+    }
+    ASSERT_EQ(brisel_detail_draw_view(ids.at(mail), 0, &test_ad), 0);
+    settle();
+  }
+  static Evas_Object *content(const char *part) {
+    return elm_object_part_content_get(current_page()->detail_layout, part);
+  }
+  static std::string title(void) {
+    Evas_Object *area = elm_object_part_content_get(current_page()->page_layout, "title");
+    char *plain = elm_entry_markup_to_utf8(elm_object_part_text_get(area, "elm.text.title"));
+    std::string text = plain;
+    free(plain);
+    return text;
+  }
+  void TearDown() override {
+    app_stop();
+    for (const char *key : {BRISEL_KEY_DATE_FORMAT, BRISEL_KEY_TIME_FORMAT, BRISEL_KEY_LANGUAGE}) vconf_unset(key);
+    set_status("reply", 0);
+    set_status("conn", 0);
+  }
+};
+
+TEST_F(Page, FieldsFollowTheMail) {
+  fill({"plain", "rich<tag:thisisover-1>", "cut <tag:thisisover7> off<tag:thisisover500>"});
+  phone.set_flag(ids[1], "has_image", 1);
+  phone.set_flag(ids[1], "attachment_count", 1);
+  phone.set_flag(ids[2], "attachment_count", 12);
+  phone.set_flag(ids[2], "is_new", 0);
+  phone.set_text(ids[1], "subject", "");
+  phone.set_text(ids[1], "from_name", "");
+  phone.set_text(ids[2], "from_name", std::string(3000, 'n'));
+
+  reopen(0);
+  EXPECT_EQ(part_state(current_page(), "detail.image"), "default");
+  EXPECT_EQ(content("detail.image"), nullptr);
+  EXPECT_EQ(part_state(current_page(), "detail.attachment"), "default");
+  EXPECT_EQ(part_text(current_page(), "detail.title"), "Subject 0");
+  EXPECT_EQ(part_text(current_page(), "detail.body"), "plain");
+  EXPECT_EQ(part_state(current_page(), "detail.time"), "default");
+  EXPECT_EQ(title(), "Sender 0");
+
+  reopen(1);
+  EXPECT_NE(content("detail.image"), nullptr);
+  EXPECT_NE(part_state(current_page(), "detail.image"), "default");
+  EXPECT_EQ(part_state(current_page(), "detail.device"), "default") << "the body is complete";
+  EXPECT_EQ(part_text(current_page(), "detail.body"), "rich");
+  EXPECT_EQ(part_text(current_page(), "detail.attachment"), brisel_util_get_text("IDS_EMAIL_BODY_1_ATTACHMENT"));
+  EXPECT_EQ(part_text(current_page(), "detail.title"), brisel_util_get_text("IDS_EMAIL_BODY_HNO_SUBJECT_ABB"));
+  EXPECT_EQ(title(), "someone@example.org");
+
+  reopen(2);
+  EXPECT_EQ(part_text(current_page(), "detail.body"), "cut <tag:thisisover7> off")
+      << "only the text before the last tag is shown";
+  EXPECT_EQ(part_state(current_page(), "detail.device"), "shown");
+  EXPECT_NE(content("detail.device"), nullptr);
+  EXPECT_NE(part_text(current_page(), "detail.attachment").find("12"), std::string::npos);
+  EXPECT_EQ(part_state(current_page(), "detail.time"), "old");
+  EXPECT_EQ(title().size(), (size_t)BRISEL_SHOWN_TEXT_MAX);
+}
+
+TEST_F(Page, ButtonsFollowTheReplyStatus) {
+  fill({"body"});
+  struct {
+    int status;
+    bool dual;
+  } const table[] = {{0, true}, {1, true}, {2, false}, {3, false}};
+  for (const auto &row : table) {
+    SCOPED_TRACE(row.status);
+    set_status("reply", row.status);
+    reopen(0);
+    EXPECT_EQ(part_state(current_page(), "detail.rbutton"), row.dual ? "dual" : "default");
+    EXPECT_EQ(content("detail.rbutton") != nullptr, row.dual);
+    ASSERT_NE(content("detail.lbutton"), nullptr);
+    if (!row.dual) {
+      EXPECT_STREQ(elm_object_text_get(content("detail.lbutton")),
+                   brisel_util_get_text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE"));
+      continue;
+    }
+    evas_object_smart_callback_call(content("detail.lbutton"), "clicked", nullptr);
+    settle();
+    EXPECT_EQ(reader()->popup != nullptr, row.status == 1);
+    EXPECT_EQ(elm_naviframe_top_item_get(test_ad.naviframe) == reader()->navi_item, row.status == 1);
+    if (row.status == 0) elm_naviframe_item_pop(test_ad.naviframe);
+    settle();
+  }
+}
+
+TEST_F(Page, ShowOnDeviceAsksThePhone) {
+  fill({"body"});
+  set_status("reply", 2);
+  reopen(0);
+  for (int reachable : {0, 1}) {
+    set_status("conn", reachable);
+    phone.forget_requests();
+    evas_object_smart_callback_call(content("detail.lbutton"), "clicked", nullptr);
+    const char *toast =
+        reachable == 0 ? "IDS_PLEXO_POP_CHECK_MOBILE_DEVICE_TO_VIEW_CONTENT" : "IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER";
+    EXPECT_TRUE(run_until([&] { return visible(brisel_util_get_text(toast)); })) << toast;
+    if (reachable == 0) {
+      const nlohmann::json request = nlohmann::json::parse(phone.request("show"));
+      EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[0]}));
+    } else {
+      EXPECT_EQ(requests_of(&phone, "show"), 0);
+    }
+  }
+}
+
+TEST_F(Page, EachVisitToAnUnreadMailIsToldOnce) {
+  fill({"a", "b", "c"});
+  phone.set_flag(ids[2], "is_read", 1);
+  open_reader(ids[0]);
+  nlohmann::json request = nlohmann::json::parse(phone.request("update_ind"));
+  EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[0]}));
+  phone.forget_requests();
+  ASSERT_TRUE(swipe(true));
+  request = nlohmann::json::parse(phone.request("update_ind"));
+  EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[1]}));
+  EXPECT_EQ(requests_of(&phone, "update_ind"), 1);
+  phone.forget_requests();
+  ASSERT_TRUE(swipe(true)); /* read already */
+  ASSERT_TRUE(swipe(false));
+  request = nlohmann::json::parse(phone.request("update_ind"));
+  EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[1]}));
+  EXPECT_EQ(requests_of(&phone, "update_ind"), 1);
+}
+
+TEST_F(Page, PickoverShowsTheMailOnThePhone) {
+  fill({"a", "b"});
+  EXPECT_EQ(pickover_take_over(), -1) << "nothing is on the screen yet";
+  open_reader(ids[0]);
+  EXPECT_TRUE(reader()->is_pickover_registered);
+  ASSERT_NE(reader()->pickover_timer, nullptr);
+  /* Other applications' ids and values that are no text mean nothing. */
+  vconf_set_str(BRISEL_KEY_PICKOVER, "com.vextora.other");
+  settle();
+  log_mark();
+  vconf_set_int(BRISEL_KEY_PICKOVER, 7);
+  EXPECT_TRUE(run_until([] { return logged("E/Invalid key name or type!"); }));
+  EXPECT_EQ(requests_of(&phone, "show"), 0);
+
+  ASSERT_EQ(pickover_take_over(), 0);
+  EXPECT_EQ(nlohmann::json::parse(phone.request("show")).at("id_list"), nlohmann::json({ids[0]}));
+  EXPECT_EQ(reader()->pickover_timer, nullptr) << "no renewal after it";
+  EXPECT_TRUE(reader()->is_pickover_registered);
+
+  app_pause(&test_ad);
+  EXPECT_FALSE(reader()->is_pickover_registered);
+  EXPECT_EQ(pickover_take_over(), -1);
+  app_resume(&test_ad);
+  EXPECT_TRUE(reader()->is_pickover_registered);
+  EXPECT_NE(reader()->pickover_timer, nullptr);
+  phone.forget_requests();
+  ASSERT_TRUE(swipe(true));
+  ASSERT_EQ(pickover_take_over(), 0);
+  EXPECT_EQ(nlohmann::json::parse(phone.request("show")).at("id_list"), nlohmann::json({ids[1]}));
+  close_reader();
+  EXPECT_EQ(pickover_take_over(), -1);
+  log_mark();
+  brisel_detail_register_pickover(nullptr);
+  EXPECT_TRUE(logged("E/Invalid parameter: data is NULL!"));
+}
+
+TEST_F(Page, DatesFollowTheSettings) {
+  fill({"a", "b"});
+  open_reader(ids[0]);
+  const time_t when = current_page()->mail_data->received_time;
+  const struct {
+    int format;
+    const char *pattern;
+  } table[] = {{0, "dd/MM/y"}, {1, "MM/dd/y"}, {2, "y/MM/dd"}, {3, "y/dd/MM"}};
+  for (const auto &row : table)
+    for (int clock : {0, 1}) {
+      vconf_set_int(BRISEL_KEY_DATE_FORMAT, row.format);
+      vconf_set_int(BRISEL_KEY_TIME_FORMAT, clock);
+      ASSERT_TRUE(run_until([&] { return test_ad.date_format == row.format && test_ad.time_format == clock; }));
+      time_t t = when;
+      char *date = brisel_util_get_date_time_str_by_pattern(row.pattern, test_ad.locale, &t);
+      char *time = brisel_util_get_date_time_str_by_skeleton(clock ? "hhmm" : "Hm", test_ad.locale, &t);
+      EXPECT_EQ(part_text(current_page(), "detail.time"), std::string(date) + " " + time);
+      free(date);
+      free(time);
+    }
+  EXPECT_NE(part_text(reader()->page_data[BRISEL_DETAIL_NEXT_PAGE], "detail.time"), "");
+}
+
+TEST_F(Page, TextsFollowTheLanguage) {
+  fill({"a"});
+  phone.set_flag(ids[0], "has_image", 1);
+  phone.set_flag(ids[0], "attachment_count", 2);
+  phone.set_text(ids[0], "subject", "");
+  set_status("reply", 2);
+  reopen(0);
+  const std::string english = part_text(current_page(), "detail.attachment");
+  const std::string button = elm_object_text_get(content("detail.lbutton"));
+  const std::string no_subject = part_text(current_page(), "detail.title");
+  vconf_set_str(BRISEL_KEY_LANGUAGE, "de_DE.UTF-8");
+  ASSERT_TRUE(run_until([&] { return part_text(current_page(), "detail.attachment") != english; }));
+  EXPECT_NE(elm_object_text_get(content("detail.lbutton")), button);
+  EXPECT_NE(part_text(current_page(), "detail.title"), no_subject);
+  for (const char *part : {"detail.image", "detail.device"}) {
+    const std::string notice = elm_object_text_get(content(part));
+    EXPECT_EQ(notice.find("<font_size=24><text_class=nuvra><color=#FF9000FF>"), 0u);
+    EXPECT_NE(notice.find(brisel_util_get_text(part == std::string("detail.image")
+                                                   ? "IDS_EMAIL_BODY_IMAGES_ARE_NOT_SUPPORTED"
+                                                   : "IDS_EMAIL_BODY_MORE_ON_MOBILE_DEVICE_ABB")),
+              std::string::npos);
+  }
+}

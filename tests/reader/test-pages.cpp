@@ -1,0 +1,306 @@
+/* The page array: what is built beside an opened mail, and how it follows swipes and the list. */
+#include <malloc.h>
+
+#include "reader-test.h"
+
+/* What the five slots must hold around position at in list, going by the list alone. */
+static std::vector<int> expected_slots(const std::vector<int> &ids, const std::vector<bool> &locked, size_t at) {
+  std::vector<int> before, after;
+  for (size_t i = at; i-- > 0;)
+    if (!locked[i]) before.push_back(ids[i]);
+  for (size_t i = at + 1; i < ids.size(); i++)
+    if (!locked[i]) after.push_back(ids[i]);
+  before.resize(2);
+  after.resize(2);
+  return {before[1], before[0], ids[at], after[0], after[1]};
+}
+
+/* The box holds the filled slots' pages in slot order, side by side, and the current one is in view. */
+static void expect_consistent(void) {
+  brisel_detail_view *view = reader();
+  evas_smart_objects_calculate(test_ad.evas);
+  int width = 0, count = 0, x = 0, box_x = 0, min_width = 0;
+  evas_object_geometry_get(view->page_scroller_layout, nullptr, nullptr, &width, nullptr);
+  evas_object_geometry_get(view->box, &box_x, nullptr, nullptr, nullptr);
+  Eina_List *packed = elm_box_children_get(view->box);
+  for (const page_data *page : view->page_data) {
+    if (!page) continue;
+    EXPECT_EQ(eina_list_nth(packed, (unsigned)count), page->page_layout);
+    evas_object_geometry_get(page->page_layout, &x, nullptr, nullptr, nullptr);
+    EXPECT_EQ(x - box_x, count * width);
+    if (page == view->page_data[BRISEL_DETAIL_CUR_PAGE]) {
+      EXPECT_EQ(count, view->cur_page_index);
+      EXPECT_EQ(x, 0) << "the current page is not the one in view";
+    }
+    count++;
+  }
+  EXPECT_EQ(eina_list_count(packed), (unsigned)count);
+  eina_list_free(packed);
+  evas_object_size_hint_min_get(view->box, &min_width, nullptr);
+  EXPECT_EQ(min_width, count * width);
+}
+
+static int count_objects_below(Evas_Object *object) {
+  int count = 1;
+  Eina_List *members = evas_object_smart_members_get(object);
+  void *member = nullptr;
+  EINA_LIST_FREE(members, member) count += count_objects_below((Evas_Object *)member);
+  return count;
+}
+
+static int count_objects(void) {
+  int count = 0;
+  for (Evas_Object *object = evas_object_bottom_get(test_ad.evas); object; object = evas_object_above_get(object))
+    if (!evas_object_smart_parent_get(object)) count += count_objects_below(object);
+  return count;
+}
+
+struct Pages : testing::Test {
+  test_phone phone;
+  std::vector<int> ids;
+
+  void fill(size_t count) {
+    std::vector<std::string> bodies;
+    for (size_t i = 0; i < count; i++) bodies.push_back("Body " + std::to_string(i));
+    ids = mailbox_with(&phone, bodies);
+  }
+  /* Locks mails in the list that the reader pages along. */
+  void lock(const std::vector<bool> &locked) {
+    size_t i = 0;
+    for (GList *cell = test_ad.mail_list; cell; cell = cell->next)
+      ((item_data *)cell->data)->security_locked = locked[i++];
+  }
+  size_t position(int id) { return (size_t)(std::find(ids.begin(), ids.end(), id) - ids.begin()); }
+  void TearDown() override { app_stop(); }
+};
+
+TEST_F(Pages, OpeningAndPagingGiveTheSamePagesEverywhere) {
+  for (size_t size : {1u, 2u, 3u, 5u, 50u}) {
+    fill(size);
+    for (int pattern = size > 5 ? 1 : 0; pattern < (size > 5 ? 2 : 3); pattern++) {
+      std::vector<bool> locked(size);
+      /* None; every third; a run of three and both ends. */
+      for (size_t i = 0; i < size; i++)
+        locked[i] = pattern == 1 ? i % 3 == 1 : pattern == 2 && (i == 0 || i + 1 == size || (i > 3 && i < 7));
+      lock(locked);
+      std::vector<size_t> open;
+      for (size_t i = 0; i < size; i++)
+        if (!locked[i]) open.push_back(i);
+      std::vector<std::vector<int>> afresh;
+      for (size_t at : open) {
+        SCOPED_TRACE(testing::Message() << size << " mails, pattern " << pattern << ", at " << at);
+        ASSERT_EQ(brisel_detail_draw_view(ids[at], 0, &test_ad), 0);
+        afresh.push_back(slots());
+        ASSERT_EQ(slots(), expected_slots(ids, locked, at));
+        elm_naviframe_item_pop(test_ad.naviframe);
+        ecore_main_loop_iterate();
+      }
+      if (open.empty()) continue;
+      ASSERT_EQ(brisel_detail_draw_view(ids[open[0]], 0, &test_ad), 0);
+      settle();
+      for (size_t i = 1; i < open.size(); i++) {
+        __brisel_detail_page_to_next_timer_cb(reader());
+        ASSERT_EQ(slots(), afresh[i]) << size << " mails, forward to " << i;
+        expect_consistent();
+      }
+      for (size_t i = open.size() - 1; i-- > 0;) {
+        __brisel_detail_page_to_previous_timer_cb(reader());
+        ASSERT_EQ(slots(), afresh[i]) << size << " mails, back to " << i;
+      }
+      for (const page_data *page : reader()->page_data)
+        if (page)
+          EXPECT_EQ(part_text(page, "detail.body"), "Body " + std::to_string(position(page->mail_data->mail_id)));
+      close_reader();
+    }
+    app_stop();
+  }
+}
+
+TEST_F(Pages, SwipesTurnOnePageEach) {
+  fill(5);
+  open_reader(ids[0]);
+  ASSERT_EQ(slots(), (std::vector<int>{0, 0, ids[0], ids[1], ids[2]}));
+  EXPECT_FALSE(swipe(false)) << "there is nothing before the first mail";
+  for (size_t at = 1; at < ids.size(); at++) {
+    ASSERT_TRUE(swipe(true));
+    EXPECT_EQ(reader()->mail_id, ids[at]);
+    EXPECT_EQ(test_ad.mail_id, ids[at]);
+    EXPECT_EQ(current_page()->more_msg_count, BRISEL_DETAIL_MORE_MSG_MAX);
+    expect_consistent();
+  }
+  EXPECT_FALSE(swipe(true)) << "there is nothing after the last mail";
+  for (size_t at = ids.size() - 1; at-- > 0;) {
+    ASSERT_TRUE(swipe(false));
+    EXPECT_EQ(reader()->mail_id, ids[at]);
+    expect_consistent();
+  }
+}
+
+TEST_F(Pages, ASecondSwipeWhileOneIsDueTurnsOnePage) {
+  fill(5);
+  open_reader(ids[0]);
+  fling(true);
+  ASSERT_TRUE(run_until([] { return reader()->page_timer; }));
+  Ecore_Timer *due = reader()->page_timer;
+  evas_object_smart_callback_call(reader()->page_scroller, "scroll", nullptr);
+  EXPECT_EQ(reader()->page_timer, due);
+  ASSERT_TRUE(run_until([] { return !reader()->page_timer; }));
+  EXPECT_EQ(reader()->mail_id, ids[1]);
+}
+
+TEST_F(Pages, AFingerHoldsThePagesStill) {
+  fill(5);
+  open_reader(ids[2]);
+  const point at = middle_of(reader()->page_scroller_layout);
+  touch(at);
+  page_data *next = reader()->page_data[BRISEL_DETAIL_NEXT_PAGE];
+  brisel_detail_update_neighbors(ids[2], &test_ad);
+  EXPECT_EQ(reader()->page_data[BRISEL_DETAIL_NEXT_PAGE], next) << "rebuilt under the finger";
+  release(at);
+  ASSERT_TRUE(run_until([&] { return !reader()->is_neighbor_update_due; })) << "never brought up to date";
+  EXPECT_EQ(slots(), expected_slots(ids, std::vector<bool>(5), 2));
+}
+
+TEST_F(Pages, TheReaderFollowsTheList) {
+  fill(5);
+  open_reader(ids[1]);
+  /* A mail that comes in beside the opened one. */
+  test_mail mail;
+  mail.account = ((item_data *)test_ad.mail_list->data)->account_id;
+  mail.received = 1767600000 - 90;
+  mail.body = "New";
+  const int added = phone.add_mail(mail);
+  ASSERT_TRUE(run_until([&] { return slots()[BRISEL_DETAIL_NEXT_PAGE] == added; }));
+  EXPECT_EQ(slots(), (std::vector<int>{0, ids[0], ids[1], added, ids[2]}));
+  /* Neighbours that the phone deletes. */
+  phone.delete_mails({added});
+  ASSERT_TRUE(run_until([&] { return slots()[BRISEL_DETAIL_NEXT_PAGE] == ids[2]; }))
+      << "a deleted mail is still a page";
+  phone.delete_mails({ids[0]});
+  ASSERT_TRUE(run_until([&] { return slots()[BRISEL_DETAIL_PREV_PAGE] == 0; }));
+  expect_consistent();
+  ASSERT_TRUE(swipe(true));
+  EXPECT_EQ(reader()->mail_id, ids[2]);
+}
+
+TEST_F(Pages, AShiftGoesOnPastMailsThatLeftTheList) {
+  fill(6);
+  open_reader(ids[0]);
+  /* The row goes without a word to the reader. */
+  brisel_update_mailbox_list(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, g_slist_append(nullptr, GINT_TO_POINTER(ids[2])),
+                             &test_ad);
+  ASSERT_TRUE(swipe(true));
+  EXPECT_TRUE(logged("E/__brisel_detail_get_list_by_mail_id() failed! for mail_id:[" + std::to_string(ids[2]) + "]"));
+  EXPECT_EQ(slots(), (std::vector<int>{0, ids[0], ids[1], ids[3], ids[4]}));
+  ASSERT_TRUE(swipe(true)) << "paging stopped";
+  EXPECT_EQ(reader()->mail_id, ids[3]);
+  /* Nothing of the list is left: the shift ends, and the pages that stand can still be turned. */
+  GSList *all = nullptr;
+  for (int id : ids) all = g_slist_append(all, GINT_TO_POINTER(id));
+  brisel_update_mailbox_list(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, all, &test_ad);
+  g_slist_free(all);
+  ASSERT_TRUE(swipe(true));
+  EXPECT_EQ(slots(), (std::vector<int>{ids[1], ids[3], ids[4], ids[5], 0}));
+  ASSERT_TRUE(swipe(false));
+  EXPECT_EQ(reader()->mail_id, ids[3]);
+}
+
+TEST_F(Pages, OpeningWithoutATransitionBuildsNeighboursOnce) {
+  fill(5);
+  ASSERT_EQ(brisel_detail_draw_view(ids[2], 0, &test_ad), 0);
+  EXPECT_EQ(slots(), expected_slots(ids, std::vector<bool>(5), 2));
+  page_data *next = reader()->page_data[BRISEL_DETAIL_NEXT_PAGE];
+  settle();
+  expect_consistent();
+  evas_object_smart_callback_call(test_ad.naviframe, "transition,finished", nullptr);
+  EXPECT_EQ(reader()->page_data[BRISEL_DETAIL_NEXT_PAGE], next);
+}
+
+TEST_F(Pages, ClosingLeavesNothingBehind) {
+  fill(5);
+  open_reader(ids[2]);
+  close_reader();
+  elm_win_render(test_ad.win_main);
+  const int before = count_objects();
+  for (int times = 0; times < 2; times++) {
+    open_reader(ids[1]);
+    fling(true);
+    ASSERT_TRUE(run_until([] { return reader()->page_timer; }));
+    close_reader();
+  }
+  run_for(0.3); /* a shift that was left behind would come now */
+  elm_win_render(test_ad.win_main);
+  EXPECT_EQ(count_objects(), before);
+}
+
+TEST_F(Pages, AThousandShiftsLeaveWhatTenLeave) {
+  fill(20);
+  ASSERT_EQ(brisel_detail_draw_view(ids[5], 0, &test_ad), 0);
+  int objects = 0;
+  size_t memory = 0;
+  for (int shifts = 1; shifts <= 1000; shifts++) {
+    if (shifts / 5 % 2)
+      __brisel_detail_page_to_previous_timer_cb(reader());
+    else
+      __brisel_detail_page_to_next_timer_cb(reader());
+    for (int turn = 0; turn < 2; turn++) ecore_main_loop_iterate();
+    if (shifts % 250 == 0) settle();
+    if (shifts != 10 && shifts != 1000) continue;
+    settle();
+    elm_win_render(test_ad.win_main);
+    if (shifts == 10) {
+      objects = count_objects();
+      memory = mallinfo2().uordblks;
+    }
+  }
+  EXPECT_EQ(reader()->mail_id, ids[5]);
+  EXPECT_EQ(count_objects(), objects);
+  /* Caches of the toolkit may fill; a page of its own is over 100 KiB. */
+  EXPECT_LT(mallinfo2().uordblks, memory + 512 * 1024);
+}
+
+TEST_F(Pages, Failures) {
+  fill(3);
+  const std::string id = std::to_string(ids[0]);
+  log_mark();
+  EXPECT_EQ(brisel_detail_draw_view(ids[0], 1, nullptr), -1);
+  EXPECT_TRUE(logged("E/Invalid parameter: data is NULL!"));
+
+  log_mark();
+  EXPECT_EQ(brisel_detail_draw_view(99999, 1, &test_ad), -3);
+  EXPECT_EQ(elm_naviframe_top_item_get(test_ad.naviframe), elm_naviframe_bottom_item_get(test_ad.naviframe));
+  EXPECT_TRUE(logged("E/brisel_db_get_full_noti_data_by_mail_id() failed! err:[-2]"));
+  EXPECT_TRUE(logged("E/__brisel_detail_draw_single_layout_by_mail_id() failed! for mail_id:[99999]"));
+
+  log_mark();
+  Evas_Object *naviframe = test_ad.naviframe;
+  test_ad.naviframe = nullptr;
+  EXPECT_EQ(brisel_detail_draw_view(ids[0], 1, &test_ad), -3);
+  test_ad.naviframe = naviframe;
+  EXPECT_TRUE(logged("E/Invalid parameter: parent is NULL!"));
+  EXPECT_TRUE(logged("E/__brisel_detail_create_layout_page_scroller() failed!"));
+
+  log_mark();
+  EXPECT_EQ(brisel_detail_update_neighbors(ids[0], &test_ad), 0);
+  EXPECT_EQ(brisel_detail_update_datetime_format(&test_ad), 0);
+  EXPECT_EQ(brisel_detail_update_string(&test_ad), 0);
+  EXPECT_TRUE(logged("W/view_data for BRISEL_VIEW_TYPE_DETAIL_VIEW is NULL!"));
+
+  open_reader(ids[0]);
+  page_data *current = current_page();
+  log_mark();
+  EXPECT_EQ(__brisel_detail_update_neighbor(test_ad.mail_list, BRISEL_DETAIL_CUR_PAGE, reader()), nullptr);
+  EXPECT_EQ(current_page(), current);
+  EXPECT_TRUE(logged("W/Invalid parameter: index is for current page"));
+
+  /* A neighbour whose mail cannot be read: the walk does not try the row after it. */
+  const int real = ((item_data *)test_ad.mail_list->next->data)->mail_id;
+  ((item_data *)test_ad.mail_list->next->data)->mail_id = 99999;
+  brisel_detail_update_neighbors(ids[0], &test_ad);
+  EXPECT_EQ(slots(), (std::vector<int>{0, 0, ids[0], 0, ids[2]}));
+  ((item_data *)test_ad.mail_list->next->data)->mail_id = real;
+
+  /* The current mail is not in the list: what stands stays. */
+  brisel_detail_update_neighbors(99999, &test_ad);
+  EXPECT_EQ(slots(), (std::vector<int>{0, 0, ids[0], 0, ids[2]}));
+}

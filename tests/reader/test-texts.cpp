@@ -1,0 +1,239 @@
+/* What mails say is shown and never interpreted, whatever it is and however long. */
+#include "reader-test.h"
+
+static std::string repeat(const std::string &text, int times) {
+  std::string all;
+  for (int i = 0; i < times; i++) all += text;
+  return all;
+}
+
+/* The text of every laid-out block of the current page's body, the first one included, in order. */
+static std::string laid_out_text(void) {
+  std::string text = part_text(current_page(), "detail.body");
+  Evas_Object *rest = elm_object_part_content_get(current_page()->detail_layout, "detail.body_rest");
+  std::vector<std::pair<int, std::string>> blocks;
+  Eina_List *members = evas_object_smart_members_get(rest);
+  void *member = nullptr;
+  EINA_LIST_FREE(members, member) {
+    const char *markup = edje_object_part_text_get((Evas_Object *)member, "detail.body");
+    if (!markup) continue; /* the object's clipper */
+    char *plain = elm_entry_markup_to_utf8(markup);
+    int y = 0;
+    evas_object_geometry_get((Evas_Object *)member, nullptr, &y, nullptr, nullptr);
+    blocks.push_back({y, plain});
+    free(plain);
+  }
+  std::sort(blocks.begin(), blocks.end());
+  for (const auto &block : blocks) text += "|" + block.second;
+  return text;
+}
+
+struct Texts : testing::Test {
+  test_phone phone;
+  void TearDown() override { app_stop(); }
+};
+
+TEST_F(Texts, BodiesAndSubjectsComeOutAsText) {
+  struct {
+    const char *text;
+    const char *shown; /* NULL: as it is */
+  } const table[] = {
+      {"1 < 2 && 3 > 2", nullptr},
+      {"<b>bold</b> <font_size=400>big</font_size>", nullptr},
+      {"<item absize=9000x9000 href=file:///etc/passwd></item>", nullptr},
+      {"&amp; &lt; &#x41; &nbsp;", nullptr},
+      {"bell\x07 escape\x1b[31m del\x7f", "bell\xEF\xBF\xBD escape\xEF\xBF\xBD[31m del\xEF\xBF\xBD"},
+      {"file\xE2\x80\xAEgpj.exe", "file\xEF\xBF\xBDgpj.exe"},
+      {"\xE2\x80\xADleft\xE2\x80\xAC", "\xEF\xBF\xBDleft\xE2\x80\xAC"},
+      {"object \xEF\xBF\xBC mark", "object \xEF\xBF\xBD mark"},
+      {"\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7 \xD7\xA9\xD7\x9C\xD7\x95\xD7\x9D \xE4\xBD\xA0\xE5\xA5\xBD",
+       nullptr},
+      {"ps\xE2\x80\xA9line\xE2\x80\xA8"
+       "feed\r\ncrlf\rcr",
+       "ps\nline\nfeed\ncrlf\ncr"},
+      {"%s %n %d", nullptr},
+  };
+  std::vector<std::string> texts;
+  for (const auto &row : table) texts.push_back(row.text);
+  const std::vector<int> ids = mailbox_with(&phone, texts);
+  for (size_t i = 0; i < ids.size(); i++) phone.set_text(ids[i], "subject", texts[i]);
+  for (size_t i = 0; i < ids.size(); i++) {
+    SCOPED_TRACE(texts[i]);
+    ASSERT_EQ(brisel_detail_draw_view(ids[i], 0, &test_ad), 0);
+    const std::string shown = table[i].shown ? table[i].shown : table[i].text;
+    EXPECT_EQ(part_text(current_page(), "detail.body"), shown);
+    EXPECT_EQ(part_text(current_page(), "detail.title"), shown);
+    /* The subject that a new text size sets as it is stored must do no harm and stay in bounds. */
+    __brisel_detail_update_font_size(reader(), 2);
+    elm_win_render(test_ad.win_main);
+    EXPECT_LT(content_height(), 5000);
+    elm_naviframe_item_pop(test_ad.naviframe);
+    settle();
+  }
+}
+
+TEST_F(Texts, InvalidUtf8InARecordDoesNotBreakAPage) {
+  const std::vector<int> ids = mailbox_with(&phone, {"text"});
+  open_reader(ids[0]);
+  const std::string bad = "a\xFF\xC0\xAF b\xED\xA0\x80 c\xE2\x82";
+  brisel_detail_body_set(current_page()->detail_layout, bad.data(), bad.size());
+  EXPECT_EQ(part_text(current_page(), "detail.body").substr(0, 4), "a\xEF\xBF\xBD");
+  elm_win_render(test_ad.win_main);
+}
+
+TEST_F(Texts, SubjectsAsStoredKeepOnlyPlainMarkup) {
+  struct {
+    const char *stored, *given;
+  } const table[] = {
+      {"plain", "plain"},
+      {"a & b &lt;", "a & b &lt;"},
+      {"<b>bold</b><br/>next", "<b>bold</b><br/>next"},
+      {"<font=/tmp/x.ttf>", "&lt;font=/tmp/x.ttf>"},
+      {"<item size=99999x99999 href=x/>", "&lt;item size=99999x99999 href=x/>"},
+      {"<gfx_filter=blur>", "&lt;gfx_filter=blur>"},
+      {"<b font_size=4000>", "&lt;b font_size=4000>"},
+      {"<b", "&lt;b"},
+      {"<<b>>", "&lt;<b>>"},
+      {"<>", "&lt;>"},
+      {"", ""},
+  };
+  for (const auto &row : table) {
+    char *given = __brisel_detail_harmless_markup(row.stored);
+    EXPECT_STREQ(given, row.given);
+    free(given);
+  }
+}
+
+TEST_F(Texts, ASubjectOfAnyLengthIsShownUpToABound) {
+  const std::vector<int> ids = mailbox_with(&phone, {"body"});
+  open_reader(ids[0]);
+  const std::string longest = repeat("\xE2\x82\xAC", 100000 / 3);
+  g_free(current_page()->mail_data->subject);
+  current_page()->mail_data->subject = g_strdup(longest.c_str());
+  __brisel_detail_update_font_size(reader(), 1);
+  const std::string shown = part_text(current_page(), "detail.title");
+  EXPECT_LT(shown.size(), 4096u);
+  EXPECT_EQ(shown.substr(shown.size() - 3), "\xE2\x80\xA6");
+  EXPECT_EQ(shown.substr(0, 300), longest.substr(0, 300));
+}
+
+/* Scrolls through the whole body and puts the blocks that come by together again: nothing is missing, nothing doubled,
+   and only what is near the screen is laid out. */
+static void expect_whole(const std::string &body) {
+  EXPECT_EQ(brisel_detail_body_get(current_page()->detail_layout, nullptr), body);
+  size_t found = 0;
+  int most = 0, h = 0;
+  evas_object_geometry_get(current_page()->scroller, nullptr, nullptr, nullptr, &h);
+  const std::string first = part_text(current_page(), "detail.body");
+  ASSERT_EQ(body.compare(0, first.size(), first), 0) << "the first block is not the body's start";
+  found = first.size();
+  for (int y = 0;; y += h / 2) {
+    elm_scroller_region_show(current_page()->scroller, 0, y, 1, h);
+    evas_smart_objects_calculate(test_ad.evas);
+    int blocks = 0;
+    brisel_detail_body_get(current_page()->detail_layout, &blocks);
+    most = std::max(most, blocks);
+    const std::string laid_out = laid_out_text();
+    for (size_t start = laid_out.find('|'); start != std::string::npos;) {
+      const size_t end = laid_out.find('|', start + 1);
+      std::string block = laid_out.substr(start + 1, end == std::string::npos ? end : end - start - 1);
+      for (const char *mark : {"\xE2\x80\x8E", "\xE2\x80\x8F"})
+        if (block.compare(0, 3, mark) == 0) block.erase(0, 3);
+      size_t at = found;
+      if (at < body.size() && body[at] == '\n') at++;
+      if (!block.empty() && body.compare(at, block.size(), block) == 0) found = at + block.size();
+      start = end;
+    }
+    if (y > content_height() + 4 * h) break; /* the last block may still have been a guess */
+  }
+  EXPECT_GE(found + 1, body.size()) << "text is missing from the blocks";
+  EXPECT_LE(most, 12) << "too much is laid out at once";
+  EXPECT_TRUE(brisel_detail_body_end_is_known(current_page()->detail_layout));
+}
+
+TEST_F(Texts, LongBodiesAreAllThere) {
+  /* Numbered, so that a block fits into one place of its body only. */
+  auto numbered = [](const std::string &before, const std::string &after, int count) {
+    std::string text;
+    for (int i = 0; i < count; i++) text += before + std::to_string(10000 + i) + after;
+    return text;
+  };
+  struct {
+    const char *name;
+    std::string body;
+  } const table[] = {
+      {"lines", numbered("line ", "\n", 2000)},
+      {"one line without a break", numbered("x", "y", 14000)},
+      {"one paragraph of words", numbered("word ", " and so on ", 2000)},
+      {"right to left", numbered("\xD7\xA9\xD7\x9C\xD7\x95\xD7\x9D ", " ", 1500)},
+      {"line breaks only", repeat("\n", 2000) + "end"},
+      {"wide characters", numbered("\xE4\xBD\xA0\xE5\xA5\xBD", "\xE5\xA5\xBD", 1500)},
+      {"joined emoji", numbered("\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7", "", 500)},
+      {"marks without a letter", repeat("\xCC\x81", 4000) + "end"},
+  };
+  std::vector<std::string> bodies;
+  for (const auto &row : table) bodies.push_back(row.body);
+  const std::vector<int> ids = mailbox_with(&phone, bodies);
+  for (size_t i = 0; i < ids.size(); i++) {
+    SCOPED_TRACE(table[i].name);
+    ASSERT_EQ(brisel_detail_draw_view(ids[i], 0, &test_ad), 0);
+    settle();
+    expect_whole(bodies[i]);
+    elm_naviframe_item_pop(test_ad.naviframe);
+    settle();
+  }
+}
+
+TEST_F(Texts, AMegabyteIsAllThere) {
+  std::string body;
+  for (int i = 0; body.size() < 1000000; i++)
+    body += "paragraph " + std::to_string(i) + (i % 9 ? " of a very long mail, " : "\n");
+  const std::vector<int> ids = mailbox_with(&phone, {body});
+  open_reader(ids[0]);
+  EXPECT_EQ(brisel_detail_body_get(current_page()->detail_layout, nullptr), body);
+  int blocks = 0;
+  brisel_detail_body_get(current_page()->detail_layout, &blocks);
+  EXPECT_LE(blocks, 6);
+  /* A jump to the end lays out what is there, not what is on the way. */
+  for (int tries = 0; tries < 50 && laid_out_text().find(body.substr(body.size() - 40)) == std::string::npos; tries++) {
+    elm_scroller_region_show(current_page()->scroller, 0, content_height(), 1, 1);
+    evas_smart_objects_calculate(test_ad.evas);
+  }
+  EXPECT_NE(laid_out_text().find(body.substr(body.size() - 40)), std::string::npos);
+  brisel_detail_body_get(current_page()->detail_layout, &blocks);
+  EXPECT_LE(blocks, 12);
+}
+
+TEST_F(Texts, APlaceInALongBodyStaysWhenTheTextSizeChanges) {
+  std::string body;
+  for (int i = 0; i < 2000; i++) body += "line " + std::to_string(i) + "\n";
+  const std::vector<int> ids = mailbox_with(&phone, {body});
+  open_reader(ids[0]);
+  for (int y = 0; y < 12000; y += 200) {
+    elm_scroller_region_show(current_page()->scroller, 0, y, 1, 300);
+    evas_smart_objects_calculate(test_ad.evas);
+  }
+  /* The number of the line at the top of the view, by the block that it is in. */
+  auto top_line = [] {
+    int top = 0;
+    evas_object_geometry_get(current_page()->scroller, nullptr, &top, nullptr, nullptr);
+    Evas_Object *rest = elm_object_part_content_get(current_page()->detail_layout, "detail.body_rest");
+    Eina_List *members = evas_object_smart_members_get(rest);
+    void *member = nullptr;
+    int line = -1;
+    EINA_LIST_FREE(members, member) {
+      int y = 0, h = 0;
+      const char *markup = edje_object_part_text_get((Evas_Object *)member, "detail.body");
+      evas_object_geometry_get((Evas_Object *)member, nullptr, &y, nullptr, &h);
+      if (markup && y <= top && top < y + h) line = atoi(markup + strlen("line ")) + (top - y) * 25 / h;
+    }
+    return line;
+  };
+  const int before = top_line();
+  ASSERT_GT(before, 0);
+  for (int size : {2, 0, 1}) {
+    __brisel_detail_update_font_size(reader(), size);
+    for (int turns = 0; turns < 3; turns++) evas_smart_objects_calculate(test_ad.evas);
+    EXPECT_NEAR(top_line(), before, 40) << "size " << size;
+  }
+}
