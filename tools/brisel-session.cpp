@@ -419,8 +419,12 @@ int supervise(const options &opt, const session &s, const sigset_t *mask, int si
     }
     signalfd_siginfo info;
     if ((wait.revents & POLLIN) && read(signals, &info, sizeof(info)) == sizeof(info) && info.ssi_signo != SIGCHLD) {
-      kill(command, static_cast<int>(info.ssi_signo));
-      if (deadline < 0) deadline = now_ms() + command_grace_ms;
+      /* What is typed at the terminal the command hears itself, and it may go on: a shell does. */
+      const bool typed = info.ssi_code == SI_KERNEL && (info.ssi_signo == SIGINT || info.ssi_signo == SIGQUIT);
+      if (!typed) {
+        kill(command, static_cast<int>(info.ssi_signo));
+        if (deadline < 0) deadline = now_ms() + command_grace_ms;
+      }
     }
     int status;
     for (pid_t pid = waitpid(-1, &status, WNOHANG); pid > 0; pid = waitpid(-1, &status, WNOHANG)) {
@@ -484,7 +488,7 @@ bool size_valid(const std::string &size) {
 
 int main(int argc, char **argv) {
   options opt;
-  CLI::App app{"Runs COMMAND in a private, throw-away session of Brisel"};
+  CLI::App app{"Runs COMMAND in a private, throw-away session of Brisel", "brisel-session"};
   app.set_version_flag("--version", std::string("brisel-session ") + BRISEL_VERSION);
   app.add_option("--keep", opt.keep, "keep the session's files in DIR (made when missing)")->type_name("DIR");
   app.add_flag("--window", opt.window, "show windows on the display instead of drawing into memory");
