@@ -4,7 +4,7 @@
 
 /* Returns the path to use for one of the device's fixed paths:
    - "/usr/apps/com.vextora.brisel/res/..." with the environment variable BRISEL_RES_DIR set: the same path below
-     that folder; otherwise the installed resource folder (the same path, when the project is installed there).
+     that folder; otherwise itself, where the resources are installed.
    - "/opt/etc/localtime": the link that BRISEL_LOCALTIME names when set; else itself when it exists; else
      "/etc/localtime".
    - any other path: itself.

@@ -10,10 +10,6 @@
 #include <mutex>
 #include <string>
 
-#ifndef BRISEL_INSTALLED_RES_DIR
-#define BRISEL_INSTALLED_RES_DIR "/usr/apps/com.vextora.brisel/res"
-#endif
-
 namespace {
 
 constexpr char device_res[] = "/usr/apps/com.vextora.brisel/res";
@@ -78,7 +74,7 @@ const char *platform_path(const char *path) {
   if (strncmp(path, device_res, strlen(device_res)) == 0 &&
       (path[strlen(device_res)] == '/' || !path[strlen(device_res)])) {
     const char *res = environment("BRISEL_RES_DIR");
-    return keep(path, std::string(res ? res : BRISEL_INSTALLED_RES_DIR) + (path + strlen(device_res)));
+    return keep(path, std::string(res ? res : device_res) + (path + strlen(device_res)));
   }
   if (strcmp(path, device_localtime) == 0) {
     const char *link = environment("BRISEL_LOCALTIME");
