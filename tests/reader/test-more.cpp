@@ -13,7 +13,7 @@ static std::string long_text(const std::string &word, int words) {
 }
 
 struct MoreMsg : testing::Test {
-  test_phone phone;
+  reader_phone phone;
   std::vector<int> ids;
 
   void open(const std::vector<std::string> &bodies, size_t mail = 0) {
@@ -219,7 +219,7 @@ TEST_F(MoreMsg, ThePhoneLeavesWithoutAnAnswer) {
   open({"first" + more_tag});
   __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
   ASSERT_GE(more_request(&phone), 0);
-  phone.bus = sd_bus_flush_close_unref(phone.bus);
+  phone.leave();
   ASSERT_TRUE(run_until([] { return !reader()->more_msg; }));
   expect_rest(current_page(), true);
   EXPECT_STREQ(brisel_detail_body_get(current_page()->detail_layout, nullptr), "first");

@@ -7,7 +7,7 @@
 #include "vconf.h"
 
 struct Page : testing::Test {
-  test_phone phone;
+  reader_phone phone;
   std::vector<int> ids;
 
   void fill(const std::vector<std::string> &bodies) { ids = mailbox_with(&phone, bodies); }
@@ -120,7 +120,7 @@ TEST_F(Page, ShowOnDeviceAsksThePhone) {
     evas_object_smart_callback_call(content("detail.lbutton"), "clicked", nullptr);
     const char *toast =
         reachable == 0 ? "IDS_PLEXO_POP_CHECK_MOBILE_DEVICE_TO_VIEW_CONTENT" : "IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER";
-    EXPECT_TRUE(run_until([&] { return visible(brisel_util_get_text(toast)); })) << toast;
+    EXPECT_TRUE(visible(brisel_util_get_text(toast)));
     if (reachable == 0) {
       const nlohmann::json request = nlohmann::json::parse(phone.request("show"));
       EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[0]}));

@@ -56,7 +56,7 @@ static int count_objects(void) {
 }
 
 struct Pages : testing::Test {
-  test_phone phone;
+  reader_phone phone;
   std::vector<int> ids;
 
   void fill(size_t count) {
