@@ -25,6 +25,8 @@ Evas_Object *brisel_util_create_basic_2button_popup_with_app_data(appdata *ad, c
                                                                   Evas_Smart_Cb back_cb, Evas_Smart_Cb btn1_cb,
                                                                   const char *btn1_text, Evas_Smart_Cb btn2_cb,
                                                                   const char *btn2_text);
+/* Deletes the popup (or other widget) that the field names, if any, and clears the field. */
+void brisel_util_drop_popup(Evas_Object **popup);
 void brisel_create_toast_popup(appdata *ad, const char *text);
 /* A pulsing progress bar on the main window; the caller places and deletes it. */
 Evas_Object *brisel_create_progress_popup(appdata *ad, const char *style);

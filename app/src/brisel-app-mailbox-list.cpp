@@ -682,20 +682,15 @@ static void _brisel_mailbox_bt_connect_error_popup_result_cb(service_h request, 
   elm_win_activate(ad->win_main);
 }
 
-static void _drop_popup(Evas_Object **popup) {
-  if (*popup) evas_object_del(*popup);
-  *popup = nullptr;
-}
-
 static void _security_alert_popup_cancel_cb(void *data, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
-  _drop_popup(&ad->security_popup);
+  brisel_util_drop_popup(&ad->security_popup);
   ad->mail_id = 0;
 }
 
 static void _security_alert_popup_ok_cb(void *data, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
-  _drop_popup(&ad->security_popup);
+  brisel_util_drop_popup(&ad->security_popup);
   if (!brisel_util_bluetooth_connection_popup(ad, _brisel_mailbox_bt_connect_error_popup_result_cb, "perform")) return;
   brisel_util_show_on_device(&ad->mail_id, 1);
   brisel_create_toast_popup(ad, brisel_util_get_text("IDS_PLEXO_POP_CHECK_MOBILE_DEVICE_TO_VIEW_CONTENT"));
@@ -709,7 +704,7 @@ Evas_Object *brisel_create_security_alert_popup(appdata *ad) {
   }
   if (ad->security_popup) {
     BRISEL_INFO("popup is already existed. remove it.");
-    _drop_popup(&ad->security_popup);
+    brisel_util_drop_popup(&ad->security_popup);
   }
   ad->security_popup = brisel_util_create_basic_2button_popup_with_app_data(
       ad, "IDS_EMAIL_HEADER_OPEN_EMAIL_ABB",
@@ -1027,7 +1022,7 @@ static void _popup_response_cb(void *data, Evas_Object *obj, void *event_info) {
     BRISEL_ERROR("data is NULL");
     return;
   }
-  _drop_popup(&ad->account_popup);
+  brisel_util_drop_popup(&ad->account_popup);
 }
 
 static void _popup_row_realized_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -1055,7 +1050,7 @@ static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genl
 Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   if (ad->account_popup) {
     BRISEL_INFO("popup is already existed. remove it.");
-    _drop_popup(&ad->account_popup);
+    brisel_util_drop_popup(&ad->account_popup);
   }
   scoped_account_list accounts = _read_accounts();
   if (!accounts) return nullptr;

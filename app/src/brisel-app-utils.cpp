@@ -153,6 +153,11 @@ Evas_Object *brisel_util_create_basic_2button_popup_with_app_data(appdata *ad, c
   return popup;
 }
 
+void brisel_util_drop_popup(Evas_Object **popup) {
+  if (*popup) evas_object_del(*popup);
+  *popup = nullptr;
+}
+
 static void __toast_back_cb(void *data, Evas_Object *obj, void *event_info) {
   evas_object_del(obj);
 }

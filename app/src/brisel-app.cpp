@@ -23,11 +23,6 @@ unsigned char launched;
 /* Whether app_create came as far as the services: what was never opened needs no closing. */
 static bool services_open;
 
-static void _drop_popup(Evas_Object **popup) {
-  if (*popup) evas_object_del(*popup);
-  *popup = nullptr;
-}
-
 /* --- view stack ------------------------------------------------------------------------------------------------- */
 
 view_data *brisel_util_retrieve_view_data(int view_type, appdata *ad) {
@@ -213,7 +208,7 @@ int init_brisel(appdata *ad, int mail_id) {
   if (_create_conform(ad) < 0 || _create_layout_main(ad) < 0) return -1;
   if (ad->no_account_popup) {
     BRISEL_INFO("no account popup is existed. remove it.");
-    _drop_popup(&ad->no_account_popup);
+    brisel_util_drop_popup(&ad->no_account_popup);
   }
   _create_naviframe_layout(ad);
 
@@ -294,7 +289,7 @@ static void _set_up_email_popup_ok_cb(void *data, Evas_Object *obj, void *event_
     BRISEL_ERROR("data is NULL!");
     return;
   }
-  _drop_popup(&ad->no_account_popup);
+  brisel_util_drop_popup(&ad->no_account_popup);
   int result = brisel_ipc_req_no_account(nullptr, nullptr);
   if (result != 0) BRISEL_WARN("brisel_ipc_req_no_account failed(%d)", result);
   _lower_and_exit(ad);
@@ -306,7 +301,7 @@ static void _set_up_email_popup_cancel_cb(void *data, Evas_Object *obj, void *ev
     BRISEL_ERROR("data is NULL!");
     return;
   }
-  _drop_popup(&ad->no_account_popup);
+  brisel_util_drop_popup(&ad->no_account_popup);
   _lower_and_exit(ad);
 }
 
@@ -340,7 +335,7 @@ static void _create_set_up_email_popup(appdata *ad) {
 
 static void _connecting_popup_back_cb(void *data, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
-  _drop_popup(&ad->connecting_popup);
+  brisel_util_drop_popup(&ad->connecting_popup);
   _lower_and_exit(ad);
 }
 
@@ -385,8 +380,8 @@ static int _mail_id_of_text(const char *text) {
 }
 
 static void _show_mail_of_launch(appdata *ad, int mail_id) {
-  _drop_popup(&ad->security_popup);
-  _drop_popup(&ad->account_popup);
+  brisel_util_drop_popup(&ad->security_popup);
+  brisel_util_drop_popup(&ad->account_popup);
   if (_check_security_lock_mail(mail_id)) {
     ad->mail_id = mail_id;
     brisel_create_security_alert_popup(ad);
@@ -528,7 +523,7 @@ static void _brisel_ipc_noti_account_add_callback(brisel_ipc_event *event, void 
   if (ad->account_cnt <= 0) return;
   if (ad->no_account_popup) {
     BRISEL_INFO("no account popup is existed. remove it.");
-    _drop_popup(&ad->no_account_popup);
+    brisel_util_drop_popup(&ad->no_account_popup);
   }
   if (launched)
     brisel_update_mailbox_list(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD, event->id_list, ad);
@@ -543,7 +538,7 @@ static void _brisel_ipc_account_delete_callback(brisel_ipc_event *event, void *r
   if (!event) return;
   _reread_account_count(ad);
   if (_check_setup_account_popup_is_needed()) {
-    _drop_popup(&ad->account_popup);
+    brisel_util_drop_popup(&ad->account_popup);
     _create_set_up_email_popup(ad);
     return;
   }
@@ -553,7 +548,7 @@ static void _brisel_ipc_account_delete_callback(brisel_ipc_event *event, void *r
     brisel_create_account_selection_popup(ad);
     BRISEL_INFO("account selection popup is refreshed. account deleted");
   } else {
-    _drop_popup(&ad->account_popup);
+    brisel_util_drop_popup(&ad->account_popup);
     BRISEL_INFO("account id deleted. account selection popup is not needed");
   }
 }
@@ -562,12 +557,12 @@ static void _brisel_ipc_account_count_status_callback(brisel_ipc_event *event, v
   BRISEL_INFO("Enter");
   BRISEL_INFO("BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS");
   appdata *ad = (appdata *)user_data;
-  _drop_popup(&ad->connecting_popup);
+  brisel_util_drop_popup(&ad->connecting_popup);
   if (_check_setup_account_popup_is_needed()) {
     _create_set_up_email_popup(ad);
     return;
   }
-  _drop_popup(&ad->no_account_popup);
+  brisel_util_drop_popup(&ad->no_account_popup);
   if (!launched) _launch(ad, 0);
 }
 
@@ -719,8 +714,8 @@ static void _window_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *even
   ad->no_account_ok_btn = ad->delete_btn = nullptr;
   /* Its rows leave the model with it, and must not search the model for themselves one by one. */
   brisel_free_mail_list(ad);
-  _drop_popup(&ad->nocontents_layout);
-  _drop_popup(&ad->mailbox_genlist);
+  brisel_util_drop_popup(&ad->nocontents_layout);
+  brisel_util_drop_popup(&ad->mailbox_genlist);
   ad->win_main = ad->conform = ad->layout_main = ad->naviframe = nullptr;
   ad->evas = nullptr;
 }
@@ -807,8 +802,8 @@ void app_terminate(void *user_data) {
   free(ad->locale);
   ad->locale = nullptr;
   brisel_close_icu_pattern_generator(ad);
-  _drop_popup(&ad->nocontents_layout);
-  _drop_popup(&ad->mailbox_genlist);
+  brisel_util_drop_popup(&ad->nocontents_layout);
+  brisel_util_drop_popup(&ad->mailbox_genlist);
   int result = contacts_disconnect2();
   if (result != 0) BRISEL_INFO("contacts_svc_disconnect2 failed : ct_err = [%d]", result);
   plexo_finalize();

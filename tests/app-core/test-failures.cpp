@@ -16,7 +16,7 @@ static std::string data_file(const char *name) {
 
 static bool logged_like(const std::string &start) {
   for (const std::string &line : log_lines())
-    if (line.find(start) == 0) return true;
+    if (line.starts_with(start)) return true;
   return false;
 }
 
