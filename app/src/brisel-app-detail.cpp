@@ -166,6 +166,14 @@ static void __brisel_detail_free_page_data(page_data *page) {
 
 static void __brisel_detail_page_layout_resize_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
 static void __brisel_detail_page_scroller_scroll_cb(void *data, Evas_Object *obj, void *event_info);
+static bool __brisel_detail_is_at_end(const page_data *page) {
+  if (!page || !page->scroller) return false;
+  int content = 0, top = 0, view = 0;
+  evas_object_geometry_get(page->detail_layout, nullptr, nullptr, nullptr, &content);
+  elm_scroller_region_get(page->scroller, nullptr, &top, nullptr, &view);
+  return top + view >= content;
+}
+
 static void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
 static void __brisel_detail_page_scroller_mouse_up_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
 
@@ -728,16 +736,15 @@ static void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, 
   const Evas_Event_Mouse_Down *event = (const Evas_Event_Mouse_Down *)event_info;
   view_data->pressed_at = event->canvas;
   view_data->pressed_time = event->timestamp;
+  view_data->pressed_at_end = __brisel_detail_is_at_end(view_data->page_data[BRISEL_DETAIL_CUR_PAGE]);
 }
 
-/* A page that fits into the view never scrolls, so no edge is ever reached on it: pulling it up asks for more text. */
+/* An edge is told when it is reached: never on a page that fits into the view, and not again on one that stays at its
+   end. Pulling such a page up asks for more text. */
 static void __brisel_detail_pull(brisel_detail_view *view_data) {
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
-  if (!page || !page->scroller) return;
-  int content = 0, view = 0;
-  evas_object_geometry_get(page->detail_layout, nullptr, nullptr, nullptr, &content);
-  evas_object_geometry_get(page->scroller, nullptr, nullptr, nullptr, &view);
-  if (content <= view) __brisel_detail_scroller_bottom_hit_cb(view_data, page->scroller, nullptr);
+  if (view_data->pressed_at_end && page && page->scroller)
+    __brisel_detail_scroller_bottom_hit_cb(view_data, page->scroller, nullptr);
 }
 
 /* The scroller goes to the page that shows most when the finger leaves it. A quick stroke means the next page even when

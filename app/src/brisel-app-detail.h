@@ -57,6 +57,7 @@ struct brisel_detail_view {
   Evas_Object *gesture_layer;
   Evas_Coord_Point pressed_at; /* where and when (ms) the finger came down last */
   unsigned pressed_time;
+  unsigned char pressed_at_end;         /* the page showed its end already when the finger came down */
   more_msg_ctx *more_msg;               /* the request whose answer is awaited, or NULL */
   unsigned char is_neighbor_update_due; /* the neighbours changed while a finger or a page was moving */
   Ecore_Timer *neighbor_timer;          /* brings them up to date once nothing moves */
