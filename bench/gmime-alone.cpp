@@ -1,10 +1,12 @@
 /* What the mail library alone needs for a folder of messages: each is read, parsed, and its texts decoded, nothing
-   else. Prints the seconds. usage: gmime-alone DIR */
+   else. Prints the seconds by the clock and of the processor. usage: gmime-alone DIR */
 #include <dirent.h>
 #include <gmime/gmime.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -48,6 +50,6 @@ int main(int argc, char **argv) {
     g_object_unref(stream);
   }
   std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
-  printf("%.6f\n", seconds.count());
+  printf("%.6f %.6f\n", seconds.count(), static_cast<double>(clock()) / CLOCKS_PER_SEC);
   return parsed == files.size() && total > 0 ? 0 : 1;
 }

@@ -74,7 +74,7 @@ struct relay {
 
 constexpr uint64_t kUnfinished = 6000000; /* microseconds; longer than a file counts as just being written */
 constexpr uint64_t kSettle = 30000;       /* microseconds that changes are collected: one delivery is several events */
-constexpr size_t kBatchMails = 64, kBatchBytes = 4u << 20, kHead = 16384;
+constexpr size_t kBatchMails = 200, kBatchBytes = 4u << 20, kHead = 16384;
 constexpr int64_t kSoon = 24 * 3600;
 
 int64_t now_seconds() {
@@ -91,35 +91,45 @@ std::string relay_wake_path() {
 
 /* --- state on disk ------------------------------------------------------------------------------------------- */
 
-int save_row(followed *a, const std::string &key, relay_row *row) {
-  sql_query query(phone_state_db(a->r->state),
+/* Writes the rows that changed and forgets `gone`, inside the caller's transaction. */
+int write_rows(followed *a, const std::vector<std::string> &gone) {
+  sqlite3 *db = phone_state_db(a->r->state);
+  sql_query query(db,
                   "INSERT INTO relay_mail (account, file, identity, size, time, row, mail_id, state, seen, want_seen)"
                   " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (account, file) DO UPDATE SET"
                   " identity = excluded.identity, size = excluded.size, time = excluded.time, row = excluded.row,"
                   " mail_id = excluded.mail_id, state = excluded.state, seen = excluded.seen,"
                   " want_seen = excluded.want_seen");
-  query.bind(1, a->settings.name).bind(2, key).bind(3, row->identity).bind(4, row->size).bind(5, row->time);
-  query.bind(6, row->row).bind(7, row->mail_id).bind(8, row->state).bind(9, row->seen).bind(10, row->want_seen);
-  if (query.step() != SQLITE_DONE) return -1;
-  row->dirty = false;
+  for (const auto &[key, row] : a->rows) {
+    if (!row.dirty) continue;
+    query.again();
+    query.bind(1, a->settings.name).bind(2, key).bind(3, row.identity).bind(4, row.size).bind(5, row.time);
+    query.bind(6, row.row).bind(7, row.mail_id).bind(8, row.state).bind(9, row.seen).bind(10, row.want_seen);
+    if (query.step() != SQLITE_DONE) return -1;
+  }
+  query.finish();
+  for (const std::string &key : gone) {
+    sql_query forget(db, "DELETE FROM relay_mail WHERE account = ? AND file = ?");
+    if (forget.bind(1, a->settings.name).bind(2, key).step() != SQLITE_DONE) return -1;
+  }
   return 0;
 }
 
-/* Writes what changed and forgets `gone`, in one transaction. */
-int save_rows(followed *a, const std::vector<std::string> &gone) {
+/* Ends a transaction that began with phone_state_begin() and went well as far as `ok` says. Returns 0 when all of it is
+   on disk, else -1 and none is. */
+int finish_rows(followed *a, bool ok) {
   phone_state *state = a->r->state;
-  bool ok = phone_state_begin(state) == 0;
-  for (auto &[key, row] : a->rows)
-    if (ok && row.dirty) ok = save_row(a, key, &row) == 0;
-  for (const std::string &key : gone) {
-    sql_query query(phone_state_db(state), "DELETE FROM relay_mail WHERE account = ? AND file = ?");
-    if (ok) ok = query.bind(1, a->settings.name).bind(2, key).step() == SQLITE_DONE;
+  if (ok && phone_state_commit(state) == 0) {
+    for (auto &[key, row] : a->rows) row.dirty = false;
+    return 0;
   }
-  if (ok) ok = phone_state_commit(state) == 0;
-  if (ok) return 0;
-  link_log(std::string("the phone's state cannot be written: ") + sqlite3_errmsg(phone_state_db(state)));
+  a->error = std::string("the phone's state cannot be written: ") + sqlite3_errmsg(phone_state_db(state));
   phone_state_rollback(state);
   return -1;
+}
+
+int save_rows(followed *a, const std::vector<std::string> &gone) {
+  return finish_rows(a, phone_state_begin(a->r->state) == 0 && write_rows(a, gone) == 0);
 }
 
 int load_rows(followed *a) {
@@ -270,10 +280,11 @@ void choose_window(followed *a, listing *l) {
     if (a->rows.count(l->items[i].key)) order.push_back(i);
   int64_t newest = a->settings.newest >= 0 ? a->settings.newest : a->r->settings.newest;
   auto count = static_cast<size_t>(std::min<int64_t>(newest, static_cast<int64_t>(order.size())));
+  std::vector<int64_t> time(l->items.size());
+  for (size_t i : order) time[i] = a->rows[l->items[i].key].time;
   auto later = [&](size_t x, size_t y) {
     const mailbox_item &p = l->items[x], &q = l->items[y];
-    int64_t p_time = a->rows[p.key].time, q_time = a->rows[q.key].time;
-    if (p_time != q_time) return p_time > q_time;
+    if (time[x] != time[y]) return time[x] > time[y];
     return p.order != q.order ? p.order > q.order : p.key > q.key;
   };
   std::partial_sort(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(count), order.end(), later);
@@ -390,13 +401,10 @@ int relay_batch(followed *a, std::vector<pending> *batch) {
     p.row->state = ROW_SENDING;
     p.row->dirty = true;
   }
-  if (kept) kept = phone_state_commit(state) == 0;
-  if (!kept) {
-    a->error = phone_state_error(state);
-    phone_state_rollback(state);
+  if (finish_rows(a, kept && write_rows(a, {}) == 0) < 0) {
+    for (pending &p : *batch) p.row->state = ROW_WAITING;
     return -1;
   }
-  if (save_rows(a, {}) < 0) return -1;
   std::vector<watch_mail> mails;
   for (pending &p : *batch) mails.push_back(std::move(p.out.mail));
   std::vector<int> ids;
@@ -423,14 +431,8 @@ int relay_batch(followed *a, std::vector<pending> *batch) {
     row->dirty = true;
     if (noted) noted = phone_state_set_mail_id(state, row->row, ids[i]) == 0;
   }
-  if (noted) noted = phone_state_commit(state) == 0;
-  if (!noted) {
-    a->error = phone_state_error(state);
-    phone_state_rollback(state);
-    return -1;
-  }
   batch->clear();
-  return save_rows(a, {});
+  return finish_rows(a, noted && write_rows(a, {}) == 0);
 }
 
 outgoing prepare(followed *a, const mailbox_item &item, const relay_row &row, const mime_mail &mail) {
