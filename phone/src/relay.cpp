@@ -910,7 +910,12 @@ int add_event_sources(relay *r, std::string *error) {
 
 int take_lock(std::string *error) {
   int fd = open(phone_state_path("relay.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
+  /* A relay that was killed while it started a process leaves the lock to that process until it runs. */
+  for (int tries = 0; fd >= 0; tries++) {
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
+    if (errno != EWOULDBLOCK || tries >= 20) break;
+    usleep(50000);
+  }
   *error = fd >= 0 && errno == EWOULDBLOCK ? "a relay is running already"
                                            : std::string("the relay's lock cannot be had: ") + strerror(errno);
   if (fd >= 0) close(fd);

@@ -214,7 +214,13 @@ int phone_state_add_request(phone_state *state, int64_t id, const std::string &p
                   " (SELECT 1 FROM request WHERE id = ?1 AND json = ?3 AND (acknowledged = 0 OR peer = ?2))");
   if (query.bind(1, id).bind(2, peer).bind(3, json).bind(4, static_cast<int64_t>(time(nullptr))).step() != SQLITE_DONE)
     return fail(state, "the request could not be kept");
-  return sqlite3_changes(state->db) > 0 ? 1 : 0;
+  if (sqlite3_changes(state->db) > 0) return 1;
+  /* The sender may have it in flight once more: it is known by this sender too from now on. */
+  sql_query again(state->db,
+                  "UPDATE request SET peer = ?2 WHERE id = ?1 AND json = ?3 AND (acknowledged = 0 OR peer = ?2)");
+  if (again.bind(1, id).bind(2, peer).bind(3, json).step() != SQLITE_DONE)
+    return fail(state, "the request could not be kept");
+  return 0;
 }
 
 int phone_state_set_acknowledged(phone_state *state, int64_t id) {
