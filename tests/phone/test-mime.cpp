@@ -10,6 +10,7 @@
 #include "../../phone/mime.h"
 #include "../../phone/src/reply.h"
 #include "../../phone/src/send.h"
+#include "../../phone/src/state.h"
 
 namespace {
 
@@ -306,6 +307,46 @@ TEST(Replies, SubjectsAndMarkup) {
                          {"<b>bold</b> &lt;b&gt;", "bold <b>"},
                          {"x <y", "x <y"}})
     EXPECT_EQ(mime_markup_to_text(in), out);
+}
+
+TEST(State, KnowsARequestAgain) {
+  char folder[] = "/tmp/brisel-phone-test-XXXXXX";
+  ASSERT_NE(mkdtemp(folder), nullptr);
+  setenv("XDG_STATE_HOME", folder, 1);
+  std::string error;
+  phone_state *state = phone_state_open(&error);
+  ASSERT_NE(state, nullptr) << error;
+  /* Kept but not acknowledged: the same from whichever service process it comes, and then from that one for good. */
+  EXPECT_EQ(phone_state_add_request(state, 1, ":1.1", "a"), 1);
+  EXPECT_EQ(phone_state_add_request(state, 1, ":1.1", "a"), 0);
+  EXPECT_EQ(phone_state_add_request(state, 1, ":1.2", "a"), 0);
+  EXPECT_EQ(phone_state_set_acknowledged(state, 1), 0);
+  EXPECT_EQ(phone_state_add_request(state, 1, ":1.2", "a"), 0);
+  /* Numbers that start again are a new store's. */
+  EXPECT_EQ(phone_state_add_request(state, 1, ":1.3", "a"), 1);
+  EXPECT_EQ(phone_state_add_request(state, 1, ":1.3", "b"), 1);
+  std::vector<stored_request> requests;
+  EXPECT_EQ(phone_state_list_requests(state, &requests), 0);
+  EXPECT_EQ(requests.size(), 3u);
+
+  /* Mails are found by number and identity, and by identity alone when the numbers are another store's. */
+  sent_mail one, two, found;
+  one.message_uid = two.message_uid = "same";
+  one.first = 1;
+  two.first = 2;
+  for (sent_mail *mail : {&one, &two}) EXPECT_EQ(phone_state_add_mail(state, mail), 0);
+  EXPECT_EQ(phone_state_set_mail_id(state, one.row, 5), 0);
+  EXPECT_EQ(phone_state_find_mail(state, 5, "same", &found), 1);
+  EXPECT_EQ(found.first, 1);
+  EXPECT_EQ(phone_state_find_mail(state, 9, "same", &found), 1);
+  EXPECT_EQ(found.first, 2);
+  EXPECT_EQ(phone_state_find_mail(state, 5, "other", &found), 0);
+  EXPECT_EQ(phone_state_set_mail_id(state, two.row, 5), 0);
+  EXPECT_EQ(phone_state_find_mail(state, 5, "same", &found), 1);
+  EXPECT_EQ(found.first, 2);
+  EXPECT_EQ(phone_state_drop_mails(state, {5}), 0);
+  phone_state_close(state);
+  std::filesystem::remove_all(folder);
 }
 
 /* Every file of the corpus, and what is too large to keep as a file: an answer in bounded size, or an error. */
