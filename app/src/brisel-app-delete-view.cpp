@@ -291,8 +291,10 @@ static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
   evas_object_size_hint_align_set(gl, EVAS_HINT_FILL, EVAS_HINT_FILL);
   evas_object_size_hint_weight_set(gl, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
 
-  g_clear_pointer(&vd->selected_list, g_slist_free);
-  g_clear_pointer(&vd->item_list, g_slist_free);
+  g_slist_free(vd->selected_list);
+  vd->selected_list = NULL;
+  g_slist_free(vd->item_list);
+  vd->item_list = NULL;
 
   GSList *noti_list = NULL;
   int mail_cnt = 0;
