@@ -31,6 +31,8 @@ std::string explain(const sd_bus_error &error, int result) {
     return "the host service is not running and cannot be started";
   if (error.name && strstr(error.name, ".Disconnected")) return "the session bus is gone";
   if (result == -ECONNRESET || result == -ENOTCONN) return "the session bus is gone";
+  if (error.name && strstr(error.name, ".Spawn."))
+    return std::string("the host service cannot be started: ") + (error.message ? error.message : error.name);
   if (error.message && *error.message) return error.message;
   return std::string("the host service does not answer: ") + strerror(-result);
 }

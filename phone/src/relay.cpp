@@ -734,6 +734,11 @@ void sync_soon(relay *r) {
 int changed_cb(sd_event_source *source, const inotify_event *event, void *user_data) {
   auto *a = static_cast<followed *>(user_data);
   std::string name = event->len > 0 ? event->name : "";
+  if (event->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) {
+    /* Nothing would ever be heard of it again; whoever runs the relay starts it anew. Its mails stay on the watch. */
+    link_fail(a->r->link, a->settings.name + ": its mailbox is gone: " + a->settings.path);
+    return 0;
+  }
   if (a->settings.kind == &mbox_kind) {
     /* Its folder is watched: other files in it mean nothing. */
     if (name != a->settings.path.substr(a->settings.path.rfind('/') + 1) && !(event->mask & IN_Q_OVERFLOW)) return 0;
@@ -878,7 +883,8 @@ int watch_folders(followed *a, std::string *error) {
   for (const std::string &folder : a->settings.kind->watched(a->settings.path)) {
     sd_event_source *source = nullptr;
     int r = sd_event_add_inotify(link_event(a->r->link), &source, folder.c_str(),
-                                 IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_CLOSE_WRITE | IN_ONLYDIR,
+                                 IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_CLOSE_WRITE | IN_DELETE_SELF |
+                                     IN_MOVE_SELF | IN_ONLYDIR,
                                  changed_cb, a);
     if (r < 0) {
       *error = folder + ": cannot be watched: " + strerror(-r);

@@ -261,7 +261,14 @@ def test_clear_refusals(s):
     s.wait(s.linked, "the link")
     done = s.run("brisel-phone", "relay", "--maildir", f"me@example.org={box.path}", check=False)
     assert done.returncode == 1 and "running already" in done.stderr, done
-    relay.kill()
+    # A mailbox that goes away as a whole is no empty one: the relay ends, and the watch keeps its mails.
+    box.deliver(message("kept@x"))
+    s.wait(lambda: "kept@x" in uids(s), "the mail")
+    os.rename(box.path, s.dir / "elsewhere")
+    os.rename(s.dir / "elsewhere" / "new", s.dir / "moved")
+    equal(relay.process.wait(20), 1, "exit code")
+    assert "its mailbox is gone" in relay.log(), relay.log()
+    equal(uids(s), {"kept@x"}, "the watch's mails")
 
 
 if __name__ == "__main__":
