@@ -226,7 +226,9 @@ TEST_F(replies, TheLimitRefusesWholeCharacters) {
     EXPECT_EQ(!keypad_shown(), one.full);
     if (one.full) {
       EXPECT_TRUE(visible(toast));
+      back();
       EXPECT_TRUE(gone(toast));
+      EXPECT_EQ(views(), 2);
     } else {
       keypad_hide();
       settle();
