@@ -165,6 +165,7 @@ static void __brisel_detail_free_page_data(page_data *page) {
 }
 
 static void __brisel_detail_page_layout_resize_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
+static void __brisel_detail_box_resize_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
 static void __brisel_detail_page_scroller_scroll_cb(void *data, Evas_Object *obj, void *event_info);
 static bool __brisel_detail_is_at_end(const page_data *page) {
   if (!page || !page->scroller) return false;
@@ -196,6 +197,8 @@ static void __brisel_detail_free_view_data(brisel_detail_view *view_data) {
     __brisel_detail_free_page_data(page);
     page = nullptr;
   }
+  if (view_data->box)
+    evas_object_event_callback_del_full(view_data->box, EVAS_CALLBACK_RESIZE, __brisel_detail_box_resize_cb, view_data);
   __brisel_detail_let_go(&view_data->box);
   __brisel_detail_let_go(&view_data->page_scroller);
   __brisel_detail_let_go(&view_data->page_scroller_layout);
@@ -696,7 +699,6 @@ static Eina_Bool __brisel_detail_shift(brisel_detail_view *view_data, bool to_ne
     }
   }
 
-  is_page_moving = 0;
   if (view_data->is_neighbor_update_due && !is_mouse_down) {
     view_data->is_neighbor_update_due = 0;
     __brisel_detail_build_neighbors(view_data, view_data->mail_id);
@@ -704,6 +706,7 @@ static Eina_Bool __brisel_detail_shift(brisel_detail_view *view_data, bool to_ne
     __brisel_detail_show_current_page(view_data);
   }
   pages[BRISEL_DETAIL_CUR_PAGE]->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
+  is_page_moving = 0;
   return ECORE_CALLBACK_CANCEL;
 }
 
@@ -717,9 +720,26 @@ Eina_Bool __brisel_detail_page_to_previous_timer_cb(void *data) {
   return __brisel_detail_shift((brisel_detail_view *)data, false);
 }
 
+/* Whether the box has the size that its pages need. Until then the scroller stands where it can, not where it should.
+ */
+static bool __brisel_detail_is_box_laid_out(const brisel_detail_view *view_data) {
+  int width = 0, page_width = 0, count = 0;
+  for (const page_data *page : view_data->page_data)
+    if (page) count++;
+  if (view_data->box) evas_object_geometry_get(view_data->box, nullptr, nullptr, &width, nullptr);
+  elm_scroller_page_size_get(view_data->page_scroller, &page_width, nullptr);
+  return page_width > 0 && width == page_width * count;
+}
+
+static void __brisel_detail_box_resize_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  if (!is_mouse_down && !is_page_moving && __brisel_detail_is_box_laid_out(view_data))
+    elm_scroller_page_show(view_data->page_scroller, view_data->cur_page_index, 0);
+}
+
 static void __brisel_detail_page_scroller_scroll_cb(void *data, Evas_Object *obj, void *event_info) {
   brisel_detail_view *view_data = (brisel_detail_view *)data;
-  if (is_mouse_down || is_page_moving) return;
+  if (is_mouse_down || is_page_moving || !__brisel_detail_is_box_laid_out(view_data)) return;
   int page = 0;
   elm_scroller_current_page_get(obj, &page, nullptr);
   if (page == view_data->cur_page_index) return;
@@ -833,6 +853,7 @@ static void __brisel_detail_create_box(brisel_detail_view *view_data) {
   elm_box_horizontal_set(box, EINA_TRUE);
   elm_box_layout_set(box, __brisel_detail_box_layout_cb, view_data->page_scroller, nullptr);
   __brisel_detail_fill_both_ways(box);
+  evas_object_event_callback_add(box, EVAS_CALLBACK_RESIZE, __brisel_detail_box_resize_cb, view_data);
   elm_object_content_set(view_data->page_scroller, box);
 }
 
