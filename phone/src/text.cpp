@@ -191,7 +191,8 @@ std::string mime_to_utf8(std::string_view bytes, const char *charset) {
   size_t bad = 0;
   if (!iconv_to_utf8(bytes, converter_name(name).c_str(), &out, &bad)) return text_clean(mixed_to_utf8(bytes));
   if (bad > bytes.size() / 10 && is_utf8(bytes)) return text_clean(bytes);
-  return text_clean(out);
+  /* Some names make the converter pass on what it was given. */
+  return text_clean(is_utf8(out) ? out : mixed_to_utf8(out));
 }
 
 std::string mime_clean_line(std::string_view text, size_t max) {
