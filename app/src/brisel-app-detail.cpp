@@ -86,7 +86,8 @@ static brisel_detail_view *__brisel_detail_retrieve_view_data(appdata *ad) {
 static bool __brisel_detail_ends_with_tag(const char *body, int number) {
   char tag[32] = {};
   snprintf(tag, sizeof(tag), BODY_TAG_FORMAT, number);
-  size_t length = body ? strlen(body) : 0;
+  if (!body) return false;
+  size_t length = strlen(body);
   return length >= strlen(tag) && !strcmp(body + length - strlen(tag), tag);
 }
 
