@@ -1,19 +1,36 @@
 #!/usr/bin/env python3
-"""Counts the cases in meson's JUnit report (the cases inside each test program, where it reports them) and prints
-'N passed, N failed'. Exits non-zero when a case failed or none ran."""
+"""Counts the cases in meson's JUnit reports (the cases inside each test program, where it reports them) and prints
+'N passed, N failed'. A program in a later report replaces its results in an earlier one; a report that is not there is
+passed over. Exits non-zero when a case failed or none ran.  With --failed: names the programs that failed, from
+meson's JSON log."""
+import json
+import os
 import sys
 import xml.etree.ElementTree as tree
 
+if sys.argv[1] == "--failed":
+    runs = [json.loads(line) for line in open(sys.argv[2], errors="replace") if line.strip()]
+    print(" ".join(sorted({r["name"].split(" / ")[-1] for r in runs if r["result"] not in ("OK", "SKIP", "EXPECTEDFAIL")})))
+    sys.exit(0)
+
+programs = {}
+for report in filter(os.path.exists, sys.argv[1:]):
+    latest = {}
+    for suite in tree.parse(report).getroot().iter("testsuite"):
+        for case in suite.iter("testcase"):
+            # A program that reports no cases is one case itself, in the suite named after the project.
+            whole = suite.get("name") == "brisel"
+            program = case.get("name") if whole else suite.get("name").split(" / ")[-1].split(".")[0]
+            program = program.split(" / ")[-1]
+            kinds = {child.tag for child in case}
+            if "skipped" not in kinds:
+                latest.setdefault(program, []).append((case.get("name"), bool(kinds & {"failure", "error"})))
+    programs.update(latest)
 passed = failed = 0
-for suite in tree.parse(sys.argv[1]).getroot().iter("testsuite"):
-    for case in suite.iter("testcase"):
-        kinds = {child.tag for child in case}
-        if "skipped" in kinds:
-            continue
-        if kinds & {"failure", "error"}:
-            failed += 1
-            print(f"failed: {suite.get('name')}: {case.get('name')}")
-        else:
-            passed += 1
+for program, cases in programs.items():
+    for name, bad in cases:
+        passed, failed = passed + (not bad), failed + bad
+        if bad:
+            print(f"failed: {program}: {name}")
 print(f"{passed} passed, {failed} failed")
 sys.exit(0 if passed and not failed else 1)
