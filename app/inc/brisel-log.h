@@ -18,7 +18,7 @@ constexpr brisel_log_file_name brisel_log_base_name(const char *path) {
     if (*p == '/') base = p + 1;
   brisel_log_file_name name = {};
   unsigned i = 0;
-  for (; base[i] && i < sizeof(name.text) - 1; i++) name.text[i] = base[i];
+  for (; i < sizeof(name.text) - 1 && base[i]; i++) name.text[i] = base[i];
   if (i > 2 && name.text[i - 1] == 'p' && name.text[i - 2] == 'p') name.text[i - 1] = name.text[i - 2] = 0;
   return name;
 }
