@@ -544,7 +544,7 @@ void keypad_show(void) {
     load_language();
     show_mode(mode::letters);
     fit_height();
-    /* Not through the widget, which would delete the placeholder that it keeps there. */
+    /* Not through the widget, which would delete the stand-in that it keeps there. */
     pad.displaced = edje_object_part_swallow_get(frame, CONFORMANT_PART);
     if (pad.displaced != nullptr) {
       edje_object_part_unswallow(frame, pad.displaced);
