@@ -70,8 +70,8 @@ TEST_F(MoreMsg, AsksAtMostThreeTimesAVisit) {
   open({long_text("a", 40) + more_tag, "b"});
   for (int asked = 1; asked <= 4; asked++) {
     phone.forget_requests();
-    /* The first pull reaches the end; each further one hits it again. */
-    pull_up();
+    /* At the end already, one more pull hits it again. */
+    pull_to_end();
     if (asked == 4) break;
     const int64_t request = more_request(&phone);
     ASSERT_GE(request, 0) << asked;
@@ -82,8 +82,7 @@ TEST_F(MoreMsg, AsksAtMostThreeTimesAVisit) {
   EXPECT_EQ(requests_of(&phone, "more_msg"), 0);
   ASSERT_TRUE(swipe(true));
   ASSERT_TRUE(swipe(false));
-  /* The page may stand a little off its end after the swipes. */
-  for (int pulls = 0; pulls < 2; pulls++) pull_up();
+  pull_to_end();
   EXPECT_GE(more_request(&phone), 0) << "a new visit may ask again";
 }
 
