@@ -9,10 +9,11 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include <cinttypes>
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <deque>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,8 @@ constexpr int event_types = 6;
 /* Ids that one callback gets: more of them wait until the main loop has drawn and taken input. */
 constexpr size_t slice = 64;
 constexpr double slice_pause = 0.001;
+/* Mails that are looked through when changes are missing: far more than a watch holds, few enough for any memory. */
+constexpr int most_made_up = 1000000;
 /* A service that answers nothing for so long is taken for gone. */
 constexpr uint64_t request_timeout_usec = 25u * 1000000u;
 /* The service itself limits how long a phone may take; this is only for a service that hangs. */
@@ -91,6 +94,11 @@ struct {
 
   subscription subscriptions[event_types];
   int64_t last_change;
+  /* What the application was told of, for the time when changes are missing: mails below the first had gone before it
+     asked, those above the last came later. */
+  int first_mail, last_mail;
+  std::set<int> accounts;
+  int files_replaced;
   std::deque<event> events;
   Ecore_Timer *next_slice;
   bool delivering;
@@ -135,6 +143,92 @@ Eina_Bool slice_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
+void queue_event(int type, const std::vector<int> &ids) {
+  if (!host.subscriptions[type].callback) return;
+  if (ids.empty() && type != BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS) return;
+  /* Small ones of a kind in a row become one, so that a burst costs one redraw. */
+  if (!host.events.empty()) {
+    event &last = host.events.back();
+    if (last.type == type && last.given == 0 && last.ids.size() + ids.size() <= slice) {
+      last.ids.insert(last.ids.end(), ids.begin(), ids.end());
+      return;
+    }
+  }
+  host.events.push_back({type, ids});
+}
+
+std::vector<int> read_ids(reader_query which, int from) {
+  std::vector<int> ids;
+  sqlite3_stmt *q = nullptr;
+  if (reader_start(which, &q) || !q) return ids;
+  if (from > 0) sqlite3_bind_int(q, 1, from);
+  int r;
+  while ((r = sqlite3_step(q)) == SQLITE_ROW) ids.push_back(sqlite3_column_int(q, 0));
+  reader_done(q, r);
+  return ids;
+}
+
+/* What the application can learn from the store by itself at this moment is what it knows. */
+void know_store(void) {
+  host.files_replaced = reader_files_replaced();
+  host.first_mail = 1;
+  host.last_mail = 0;
+  sqlite3_stmt *q = nullptr;
+  if (!reader_start(reader_mail_range, &q) && q) {
+    const int r = sqlite3_step(q);
+    if (r == SQLITE_ROW) {
+      host.first_mail = sqlite3_column_int(q, 0);
+      host.last_mail = sqlite3_column_int(q, 1);
+    }
+    reader_done(q, r);
+  }
+  const std::vector<int> accounts = read_ids(reader_accounts, 0);
+  host.accounts = {accounts.begin(), accounts.end()};
+}
+
+/* Changes are missing: the client was away for longer than they are kept, or the store is another one. What they must
+   have come to is told from what the application knew and what the store holds now. */
+void make_up(bool other_store) {
+  __dlog_print(DLOG_WARN, log_tag, "%s; all of it is told anew",
+               other_store ? "the store is another one" : "the changes since the last look are no longer kept");
+  host.events.clear(); /* they are part of it */
+  std::vector<int> gone, known, fresh, accounts_gone;
+  const std::vector<int> mails = read_ids(reader_mail_ids, 1);
+  auto at = mails.begin();
+  const int first = std::max(host.first_mail, host.last_mail - most_made_up);
+  for (int64_t id = first; id <= host.last_mail; id++) {
+    while (at != mails.end() && *at < id) ++at;
+    (other_store || at == mails.end() || *at != id ? gone : known).push_back(static_cast<int>(id));
+  }
+  for (const int id : mails)
+    if (other_store || id > host.last_mail) fresh.push_back(id);
+  const std::vector<int> accounts = read_ids(reader_accounts, 0);
+  for (const int id : host.accounts)
+    if (std::find(accounts.begin(), accounts.end(), id) == accounts.end()) accounts_gone.push_back(id);
+  int status = 0;
+  const bool counted = reader_get_state("account_count_known", 0, &status) == 1;
+  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, gone);
+  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE, accounts_gone);
+  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD, accounts);
+  if (counted) queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS, {});
+  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE, known);
+  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, fresh);
+  know_store();
+}
+
+/* One row of the table of changes. */
+void take_change(int type, std::vector<int> ids) {
+  if (type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD) {
+    std::erase_if(ids, [](int id) { return id <= host.last_mail; }); /* told already, when others were made up */
+    for (const int id : ids) host.last_mail = std::max(host.last_mail, id);
+  }
+  for (const int id : ids) {
+    if (type == BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD) host.accounts.insert(id);
+    if (type == BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE) host.accounts.erase(id);
+  }
+  queue_event(type, ids);
+}
+
 /* Reads what the store has behind the last change seen. */
 void read_changes(void) {
   if (!host.open) return;
@@ -143,34 +237,28 @@ void read_changes(void) {
   int r = sqlite3_step(q);
   const int64_t newest = r == SQLITE_ROW ? sqlite3_column_int64(q, 0) : 0;
   if (reader_done(q, r)) return;
-  /* A store that counts less is another one: everything in it is news. */
-  if (newest < host.last_change) host.last_change = 0;
-  if (newest == host.last_change) return;
-
-  if (reader_start(reader_changes, &q) || !q) return;
-  sqlite3_bind_int64(q, 1, host.last_change);
-  while ((r = sqlite3_step(q)) == SQLITE_ROW) {
-    const int64_t seq = sqlite3_column_int64(q, 0);
-    if (seq > host.last_change + 1 && host.last_change > 0)
-      __dlog_print(DLOG_WARN, log_tag, "changes %" PRId64 " to %" PRId64 " are no longer kept", host.last_change + 1,
-                   seq - 1);
-    host.last_change = seq;
-    const int type = sqlite3_column_int(q, 1);
-    if (type < 0 || type >= event_types || !host.subscriptions[type].callback) continue;
-    const unsigned char *text = sqlite3_column_text(q, 2);
-    std::vector<int> ids = ids_from_text(text ? reinterpret_cast<const char *>(text) : "");
-    if (ids.empty() && type != BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS) continue;
-    /* Small ones of a kind in a row become one, so that a burst costs one redraw. */
-    if (!host.events.empty()) {
-      event &last = host.events.back();
-      if (last.type == type && last.given == 0 && last.ids.size() + ids.size() <= slice) {
-        last.ids.insert(last.ids.end(), ids.begin(), ids.end());
-        continue;
-      }
+  const bool other_store = reader_files_replaced() != host.files_replaced || newest < host.last_change;
+  bool missing = other_store;
+  if (!missing && newest > host.last_change) {
+    if (reader_start(reader_changes, &q) || !q) return;
+    sqlite3_bind_int64(q, 1, host.last_change);
+    while ((r = sqlite3_step(q)) == SQLITE_ROW) {
+      const int64_t seq = sqlite3_column_int64(q, 0);
+      missing = seq != host.last_change + 1;
+      if (missing) break;
+      host.last_change = seq;
+      const int type = sqlite3_column_int(q, 1);
+      if (type < 0 || type >= event_types) continue;
+      const unsigned char *text = sqlite3_column_text(q, 2);
+      take_change(type, ids_from_text(text ? reinterpret_cast<const char *>(text) : ""));
     }
-    host.events.push_back({type, std::move(ids)});
+    reader_done(q, r);
   }
-  reader_done(q, r);
+  if (missing) {
+    /* The number was read before what it stands for: what comes in between is told twice rather than not at all. */
+    make_up(other_store);
+    host.last_change = newest;
+  }
   if (host.events.empty() || host.next_slice) return;
   /* The first slice at once: a single mail is on screen in this turn of the loop. */
   if (deliver_slice() && host.open) slice_later();
@@ -330,23 +418,22 @@ int owner_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   return 0;
 }
 
+/* Whether m is an error, which is then logged. */
+bool tell_error(sd_bus_message *m, log_priority priority, const char *what) {
+  const sd_bus_error *error = sd_bus_message_get_error(m);
+  if (error) __dlog_print(priority, log_tag, "%s: %s", what, error->message ? error->message : error->name);
+  return error != nullptr;
+}
+
 /* The bus passes signals on from now; what changed while it was asked to must be looked for. */
 int matched_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
-  const sd_bus_error *error = sd_bus_message_get_error(m);
-  if (error)
-    __dlog_print(DLOG_ERROR, log_tag, "the service's signals are not to be had: %s",
-                 error->message ? error->message : error->name);
+  tell_error(m, DLOG_ERROR, "the service's signals are not to be had");
   read_changes();
   return 0;
 }
 
 int started_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
-  const sd_bus_error *error = sd_bus_message_get_error(m);
-  if (error)
-    __dlog_print(DLOG_WARN, log_tag, "the host service does not start: %s",
-                 error->message ? error->message : error->name);
-  else
-    host.service_away = false;
+  if (!tell_error(m, DLOG_WARN, "the host service does not start")) host.service_away = false;
   host.start_slot = sd_bus_slot_unref(host.start_slot);
   return 0;
 }
@@ -445,6 +532,7 @@ int brisel_ipc_client_init(void) {
   clock_gettime(CLOCK_REALTIME, &now);
   snprintf(host.uid_base, sizeof(host.uid_base), "%lld.%09ld-%ld-%08x-", static_cast<long long>(now.tv_sec),
            now.tv_nsec, static_cast<long>(getpid()), g_random_int());
+  know_store();
   host.last_change = 0;
   sqlite3_stmt *q = nullptr;
   if (!reader_start(reader_last_change, &q) && q) {

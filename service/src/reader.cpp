@@ -34,6 +34,9 @@ constexpr const char *texts[reader_query_count] = {
     "SELECT value FROM state WHERE key = ?",
     "SELECT ifnull(max(seq), 0) FROM changes",
     "SELECT seq, type, ids FROM changes WHERE seq > ? ORDER BY seq",
+    "SELECT ifnull((SELECT min(mail_id) FROM mail), 1),"
+    " ifnull((SELECT seq FROM sqlite_sequence WHERE name = 'mail'), 0)",
+    "SELECT mail_id FROM mail WHERE mail_id >= ? ORDER BY mail_id",
 };
 
 struct {
@@ -41,7 +44,8 @@ struct {
   sqlite3 *db;
   sqlite3_stmt *statements[reader_query_count];
   dev_t device;
-  ino_t inode;
+  ino_t inode; /* 0: none was open yet */
+  int replaced;
   int told; /* the last error logged: one line for one trouble, however often it is met */
 } reader;
 
@@ -103,6 +107,7 @@ int open_store(void) {
     close_store();
     return status;
   }
+  if (reader.inode && (reader.inode != info.st_ino || reader.device != info.st_dev)) reader.replaced++;
   reader.device = info.st_dev;
   reader.inode = info.st_ino;
   reader.told = 0;
@@ -119,6 +124,7 @@ void reader_release(void) {
   if (reader.users > 0 && --reader.users == 0) {
     close_store();
     reader.told = 0;
+    reader.inode = 0;
   }
 }
 
@@ -159,6 +165,10 @@ void reader_check_file(void) {
   if (stat(store_path().c_str(), &info) != 0 || info.st_dev != reader.device || info.st_ino != reader.inode ||
       read_number("PRAGMA user_version", &version) != SQLITE_OK || version != store_version)
     close_store();
+}
+
+int reader_files_replaced(void) {
+  return reader.replaced;
 }
 
 int reader_get_state(const char *key, int fallback, int *status) {

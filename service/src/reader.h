@@ -19,6 +19,8 @@ enum reader_query {
   reader_state,
   reader_last_change,
   reader_changes,
+  reader_mail_range,
+  reader_mail_ids,
   reader_query_count
 };
 
@@ -34,6 +36,9 @@ int reader_done(sqlite3_stmt *query, int result);
 
 /* Looks whether the file is still the one that is open, and turns to the new one if not. */
 void reader_check_file(void);
+
+/* How often the file turned out to be another one than the one open before: grows, never shrinks. */
+int reader_files_replaced(void);
 
 /* value when the key was never set, or on any error. *status: as of reader_start. */
 int reader_get_state(const char *key, int fallback, int *status);

@@ -17,8 +17,8 @@
 #include "schema.h"
 #include "store-format.h"
 
-/* Clients that were away for longer than so many changes miss the oldest. One row is one event, however many mails it
-   names, and takes some tens of bytes. */
+/* Clients that were away for longer than so many changes make up what they missed from the store itself. One row is one
+   event, however many mails it names, and takes some tens of bytes. */
 constexpr int64_t changes_kept = 16384;
 /* Requests are sent again only while the service restarts: a few at a time. */
 constexpr int64_t uids_kept = 4096;

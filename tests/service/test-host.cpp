@@ -1,11 +1,15 @@
 /* The service and the client library over a real bus: requests as the phone gets them, events as the application gets
    them, and both when either side goes away. Runs in a private session (brisel-session). */
 #include <Ecore.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <systemd/sd-bus.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -146,6 +150,14 @@ std::string query(const char *sql) {
       &text, nullptr);
   sqlite3_close(db);
   return text;
+}
+
+void change_store(const char *sql) {
+  sqlite3 *db = nullptr;
+  sqlite3_open(store_path().c_str(), &db);
+  sqlite3_busy_timeout(db, 5000);
+  EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql, nullptr, nullptr, nullptr)) << sqlite3_errmsg(db);
+  sqlite3_close(db);
 }
 
 /* What the application heard, in order: "type:ids". */
@@ -533,6 +545,53 @@ TEST_F(Host, EventsMissedWhileTheServiceWasAwayComeWhenItIsBack) {
   ASSERT_TRUE(until([&] { return ears.events.size() == 2; }));
   EXPECT_EQ(ids, ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
   EXPECT_EQ((std::vector<int>{ids[0]}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE));
+}
+
+/* Whoever was away for longer than changes are kept, or finds another store, still hears of all that became of it. */
+TEST_F(Host, WhatTheChangesNoLongerTellIsMadeUp) {
+  const int kept = add_mail("kept", ""), gone = add_mail("gone", "");
+  const int away = account + 1;
+  EXPECT_EQ("", other.phone("AddAccount", "issu", away, "away@example.org", "", 0u));
+  ASSERT_TRUE(until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD).size() >= 2; }));
+  ears.events.clear();
+  /* The main loop does not run from here to the last of them. */
+  const int fresh = add_mail("fresh", "");
+  EXPECT_EQ("", other.phone("DeleteMails", "ai", 1, gone));
+  EXPECT_EQ("", other.phone("RemoveAccount", "i", away));
+  EXPECT_EQ("", other.phone("UpdateMail", "ia{sv}", kept, 1, "is_read", "b", 1));
+  change_store("DELETE FROM changes WHERE seq < (SELECT max(seq) FROM changes)");
+  ASSERT_TRUE(until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD).empty(); }));
+  EXPECT_EQ((std::vector<int>{fresh}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
+  const auto has = [&](int type, int id) {
+    const std::vector<int> ids = ears.all(type);
+    return std::count(ids.begin(), ids.end(), id) == 1;
+  };
+  EXPECT_TRUE(has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE, kept));
+  EXPECT_TRUE(has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, gone));
+  EXPECT_FALSE(has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, kept));
+  EXPECT_EQ((std::vector<int>{away}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE));
+  EXPECT_TRUE(has(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD, account));
+
+  /* Another store in its place, as after a restored backup. */
+  const auto move_store = [&](const std::string &from, const std::string &to) {
+    kill_service(&other);
+    const int lock = open((store_path() + ".lock").c_str(), O_RDWR | O_CLOEXEC);
+    EXPECT_EQ(0, flock(lock, LOCK_EX));
+    for (const char *end : {"", "-wal", "-shm"})
+      if (rename((store_path() + from + end).c_str(), (store_path() + to + end).c_str()) != 0)
+        unlink((store_path() + to + end).c_str());
+    close(lock);
+    ears.events.clear();
+    EXPECT_EQ("", other.phone("ListAccounts", "")); /* starts it */
+  };
+  move_store("", ".away");
+  ASSERT_TRUE(until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE, account); }));
+  EXPECT_TRUE(has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, kept));
+  move_store(".away", "");
+  ASSERT_TRUE(until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, kept); }));
+  EXPECT_TRUE(has(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD, account));
+  const int last = add_mail("goes on as ever", "");
+  ASSERT_TRUE(until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, last); }));
 }
 
 TEST_F(Host, AFloodComesInSlicesWithTheMainLoopRunningInBetween) {
