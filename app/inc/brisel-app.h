@@ -110,6 +110,8 @@ extern unsigned char launched;
 int init_brisel(appdata *ad, int mail_id);
 /* The record of the uppermost view of that type, or NULL; stays the view's own. Cast it to the view's record. */
 view_data *brisel_util_retrieve_view_data(int view_type, appdata *ad);
+/* Pops the top view, at the latest when its sliding in has ended. */
+void brisel_util_pop_view(Evas_Object *naviframe);
 
 /* --- what the screens offer each other ------------------------------------------------------------------------- */
 

@@ -166,7 +166,7 @@ static void _delete_popup_ok_cb(void *data, Evas_Object *obj, void *event_info) 
   }
   brisel_widget_ref_drop(&vd->popup);
   brisel_widget_ref_drop(&vd->genlist);
-  elm_naviframe_item_pop(vd->ad->naviframe);
+  brisel_util_pop_view(vd->ad->naviframe);
 }
 
 static void _set_delete_popup_text(delete_view_data *vd) {
@@ -229,7 +229,7 @@ static void _select_all_btn_select_cb(void *data, Evas_Object *obj, void *event_
 static void _cancel_btn_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   delete_view_data *vd = (delete_view_data *)data;
-  elm_naviframe_item_pop(vd->ad->naviframe);
+  brisel_util_pop_view(vd->ad->naviframe);
 }
 
 static void _delete_btn_clicked_cb(void *data, Evas_Object *obj, void *event_info) {

@@ -100,7 +100,7 @@ static void __brisel_option_call_show_current_numbers(option_call_view_data *vd)
     __brisel_option_call_append_rows(vd, vd->genlist);
   } else {
     BRISEL_INFO("Call numbers are empty!");
-    elm_naviframe_item_pop(vd->ad->naviframe);
+    brisel_util_pop_view(vd->ad->naviframe);
   }
 }
 
@@ -116,7 +116,7 @@ static Eina_Bool __brisel_option_call_view_pop_timer_cb(void *data) {
   BRISEL_INFO("Enter");
   option_call_view_data *vd = (option_call_view_data *)data;
   vd->pop_timer = NULL;
-  elm_naviframe_item_pop(vd->ad->naviframe);
+  brisel_util_pop_view(vd->ad->naviframe);
   return ECORE_CALLBACK_CANCEL;
 }
 
@@ -137,7 +137,7 @@ static void __brisel_option_call_gl_sel_contacts(void *data, Evas_Object *obj, v
   if (brisel_util_launch_voice_call(contact->number))
     vd->pop_timer = ecore_timer_add(BRISEL_CALL_POP_SECONDS, __brisel_option_call_view_pop_timer_cb, vd);
   else
-    elm_naviframe_item_pop(vd->ad->naviframe);
+    brisel_util_pop_view(vd->ad->naviframe);
   BRISEL_INFO("Leave");
 }
 

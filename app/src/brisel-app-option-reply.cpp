@@ -307,7 +307,7 @@ static void __brisel_option_reply_popup_response_cb(void *data, Evas_Object *obj
     if (!label) return;
     Evas_Object *naviframe = vd->ad->naviframe;
     __brisel_option_reply_send_reply_message(vd, elm_object_text_get(label));
-    elm_naviframe_item_pop(naviframe);
+    brisel_util_pop_view(naviframe);
   } else {
     brisel_widget_ref_drop(&vd->popup);
   }
@@ -442,7 +442,7 @@ static void __brisel_optioin_send_button_clicked_cb(void *data, Evas_Object *obj
   if (!brisel_option_phone_ready(vd->ad)) return;
   Evas_Object *naviframe = vd->ad->naviframe;
   __brisel_option_reply_send_reply_message(vd, elm_entry_entry_get(vd->content_obj));
-  elm_naviframe_item_pop(naviframe);
+  brisel_util_pop_view(naviframe);
   BRISEL_INFO("Leave");
 }
 

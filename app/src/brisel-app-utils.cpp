@@ -1,6 +1,7 @@
 /* Services that the screens share: popups, dates and numbers, contacts, the phone, text and theme. */
 #include "brisel-app-utils.h"
 
+#include <unicode/locid.h>
 #include <unicode/ucal.h>
 #include <unicode/udat.h>
 #include <unicode/udatpg.h>
@@ -253,7 +254,8 @@ char *brisel_get_locale(void) {
   if (length >= sizeof(buffer)) return strdup("en_US");
   memcpy(buffer, region.get(), length);
   buffer[length] = 0;
-  return strdup(buffer);
+  /* ICU falls over names that it cannot take apart. */
+  return strdup(icu::Locale(buffer).isBogus() ? "en_US" : buffer);
 }
 
 /* The zone id inside the target of the zone link, or NULL. */

@@ -79,6 +79,23 @@ static void _clear_all_naviframe_view_data(appdata *ad) {
   EINA_LIST_FREE(items, item) _remove_view_item((Elm_Object_Item *)item);
 }
 
+/* The stack takes no pop while its top view is still sliding in, and says nothing: such a pop waits for the view to
+   stand. A view that has gone otherwise by then is not on top any more. */
+static Elm_Object_Item *view_to_pop;
+
+static void _transition_finished_cb(void *data, Evas_Object *obj, void *event_info) {
+  Elm_Object_Item *waiting = view_to_pop;
+  view_to_pop = nullptr;
+  if (waiting && elm_naviframe_top_item_get(obj) == waiting) elm_naviframe_item_pop(obj);
+}
+
+void brisel_util_pop_view(Evas_Object *naviframe) {
+  Elm_Object_Item *top = elm_naviframe_top_item_get(naviframe);
+  elm_naviframe_item_pop(naviframe);
+  if (top != elm_naviframe_bottom_item_get(naviframe) && top == elm_naviframe_top_item_get(naviframe))
+    view_to_pop = top;
+}
+
 static Eina_Bool _pop_cb(void *data, Elm_Object_Item *item) {
   BRISEL_INFO("Enter");
   appdata *ad = (appdata *)data;
@@ -96,7 +113,7 @@ static void _delete_view_cb(void *data, Evas_Object *obj, void *event_info) {
 }
 
 static void _naviframe_back_cb(void *data, Evas_Object *obj, void *event_info) {
-  elm_naviframe_item_pop(obj);
+  brisel_util_pop_view(obj);
 }
 
 static void _naviframe_more_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -141,6 +158,7 @@ static void _create_naviframe_layout(appdata *ad) {
   // The device has a back key: no view has a back button.
   elm_naviframe_prev_btn_auto_pushed_set(ad->naviframe, EINA_FALSE);
   elm_object_part_content_set(ad->layout_main, "elm.swallow.content", ad->naviframe);
+  evas_object_smart_callback_add(ad->naviframe, "transition,finished", _transition_finished_cb, nullptr);
   evas_object_show(ad->naviframe);
 }
 

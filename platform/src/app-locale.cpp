@@ -9,6 +9,7 @@
 #include <clocale>
 #include <cstdlib>
 #include <ctime>
+#include <sstream>
 
 #include "app-priv.h"
 #include "dlog.h"
@@ -62,7 +63,11 @@ std::string without_codeset(const char *name) {
 
 std::string environment_languages(void) {
   const char *list = getenv("LANGUAGE");
-  if (list && names_language(list)) return list;
+  std::istringstream names(list ? list : "");
+  std::string named;
+  for (std::string name; std::getline(names, name, ':');)
+    if (names_language(name.c_str())) named += (named.empty() ? "" : ":") + name;
+  if (!named.empty()) return named;
   for (const char *name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
     const char *value = getenv(name);
     if (value && *value) return language_valid(value) ? without_codeset(value) : "";

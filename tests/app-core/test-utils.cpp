@@ -164,7 +164,6 @@ TEST_F(formats, KeptFormattersGiveWhatFreshOnesGive) {
 }
 
 TEST_F(formats, RegionMakesTheLocaleAndTheDigits) {
-  const std::string longest(31, 'a');
   const struct {
     const char *region;
     std::string locale;
@@ -175,6 +174,8 @@ TEST_F(formats, RegionMakesTheLocaleAndTheDigits) {
       {"de_DE", "de_DE", "-1.234.567"},
       {nullptr, "en_US", "-1,234,567"},
       {"a234567890123456789012345678901234567890.UTF-8", "en_US", "-1,234,567"},
+      {"a2345678901234", "en_US", "-1,234,567"},
+      {"en_US@x=y;;;=", "en_US", "-1,234,567"},
   };
   for (const auto &c : cases) {
     region(c.region);
