@@ -1,6 +1,7 @@
 /* Ticking several mails and deleting them from the watch at once. */
 #include "brisel-app-delete-view.h"
 
+#include <climits>
 #include <cstring>
 #include <vector>
 
@@ -139,7 +140,7 @@ static delete_item_data *_make_delete_list_data(GSList *node, delete_view_data *
   const char *sender = noti_data->from_name && noti_data->from_name[0] ? noti_data->from_name : noti_data->from_address;
   row->mail_id = noti_data->mail_id;
   row->account_id = noti_data->account_id;
-  row->received_time = (int)noti_data->received_time;
+  row->received_time = (int)CLAMP(noti_data->received_time, (time_t)INT_MIN, (time_t)INT_MAX);
   row->sender = sender ? strdup(sender) : NULL;
   row->check_state = 0;
   row->view_data = vd;
@@ -302,7 +303,7 @@ static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
   if (err != 0) BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", err);
 
   Elm_Genlist_Item_Class *itc =
-      brisel_option_row_class("2text.1icon.1", _gl_text_get, _gl_icon_get, _gl_delete_view_del);
+      brisel_option_new_row_class("2text.1icon.1", _gl_text_get, _gl_icon_get, _gl_delete_view_del);
   GSList *rows = NULL;  // last first: appending would walk the list for every mail
   for (GSList *node = noti_list; node && itc; node = node->next) {
     delete_item_data *row = _make_delete_list_data(node, vd);
@@ -338,17 +339,8 @@ static Eina_Bool _brisel_delete_view_pop_cb(void *data, Elm_Object_Item *item) {
 
 int brisel_crete_delete_view(appdata *ad) {
   BRISEL_INFO("Enter");
-  if (!ad) {
-    BRISEL_ERROR("Invalid parameter: data is NULL!");
-    return -1;
-  }
-  delete_view_data *vd = (delete_view_data *)calloc(1, sizeof *vd);
-  if (!vd) {
-    BRISEL_ERROR("Failed to allocate memory for view_data!");
-    return -3;
-  }
-  vd->view_type = BRISEL_VIEW_TYPE_DELETE_VIEW;
-  vd->ad = ad;
+  delete_view_data *vd;
+  if (!brisel_option_new_record(ad, BRISEL_VIEW_TYPE_DELETE_VIEW, &vd)) return ad ? -3 : -1;
   vd->select_all = 0;
   vd->account_id = ad->account_id;
 

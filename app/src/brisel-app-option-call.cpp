@@ -81,15 +81,13 @@ static option_call_item_data *__brisel_option_call_make_contacts_list_data(int i
 }
 
 static void __brisel_option_call_append_rows(option_call_view_data *vd, Evas_Object *genlist) {
+  static constexpr Elm_Genlist_Item_Class row_class =
+      brisel_option_row_class("2text.1", __brisel_option_call_gl_text_get_contacts, NULL, __brisel_option_call_gl_del);
   int count = (int)g_slist_length(vd->noti_data->sender_contact_list);
   for (int i = 0; i < count; i++) {
     option_call_item_data *row = __brisel_option_call_make_contacts_list_data(i, vd);
     if (!row) continue;
-    if (!brisel_option_add_row(genlist, NULL,
-                               brisel_option_row_class("2text.1", __brisel_option_call_gl_text_get_contacts, NULL,
-                                                       __brisel_option_call_gl_del),
-                               row, __brisel_option_call_gl_sel_contacts, row))
-      free(row);
+    if (!brisel_option_add_row(genlist, NULL, &row_class, row, __brisel_option_call_gl_sel_contacts, row)) free(row);
   }
 }
 
@@ -161,10 +159,7 @@ static Evas_Object *__brisel_option_call_create_genlist(Evas_Object *layout, opt
 static void __brisel_option_call_free(option_call_view_data *vd) {
   if (vd->own_noti_data) brisel_full_noti_data_free(vd->noti_data);
   vd->noti_data = NULL;
-  Evas_Object *genlist = vd->genlist;
-  brisel_widget_ref_clear(&vd->genlist);
-  brisel_widget_ref_clear(&vd->layout);
-  brisel_widget_free_with(genlist, vd);
+  brisel_option_free_with_list(vd, &vd->layout, &vd->genlist);
 }
 
 static Eina_Bool __brisel_option_call_view_pop_cb(void *data, Elm_Object_Item *item) {
@@ -188,17 +183,8 @@ static int __brisel_option_call_give_up(option_call_view_data *vd, int ret) {
 
 int brisel_option_call_draw_view(int mail_id, appdata *ad, full_noti_data *noti_data) {
   BRISEL_INFO("Enter");
-  if (!ad) {
-    BRISEL_ERROR("Invalid parameter: data is NULL!");
-    return -2;
-  }
-  option_call_view_data *vd = (option_call_view_data *)calloc(1, sizeof *vd);
-  if (!vd) {
-    BRISEL_ERROR("Failed to allocate memory for view_data!");
-    return -3;
-  }
-  vd->view_type = BRISEL_VIEW_TYPE_OPTION_CALL_VIEW;
-  vd->ad = ad;
+  option_call_view_data *vd;
+  if (!brisel_option_new_record(ad, BRISEL_VIEW_TYPE_OPTION_CALL_VIEW, &vd)) return ad ? -3 : -2;
   vd->mail_id = mail_id;
   int ret = brisel_option_take_noti_data(mail_id, noti_data, &vd->noti_data, &vd->own_noti_data);
   if (ret != 0) return __brisel_option_call_give_up(vd, ret);

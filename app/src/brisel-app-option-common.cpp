@@ -30,11 +30,29 @@ static void __brisel_widget_free_cb(void *data, Evas *e, Evas_Object *obj, void 
   free(data);
 }
 
-void brisel_widget_free_with(Evas_Object *widget, void *record) {
-  if (widget)
-    evas_object_event_callback_add(widget, EVAS_CALLBACK_DEL, __brisel_widget_free_cb, record);
+void brisel_option_free_with_list(void *record, Evas_Object **layout, Evas_Object **genlist) {
+  Evas_Object *list = *genlist;
+  brisel_widget_ref_clear(genlist);
+  brisel_widget_ref_clear(layout);
+  if (list)
+    evas_object_event_callback_add(list, EVAS_CALLBACK_DEL, __brisel_widget_free_cb, record);
   else
     free(record);
+}
+
+brisel_view_head *brisel_option_new_head(appdata *ad, int view_type, size_t size) {
+  if (!ad) {
+    BRISEL_ERROR("Invalid parameter: data is NULL!");
+    return NULL;
+  }
+  brisel_view_head *head = (brisel_view_head *)calloc(1, size);
+  if (!head) {
+    BRISEL_ERROR("Failed to allocate memory for view_data!");
+    return NULL;
+  }
+  head->view_type = view_type;
+  head->ad = ad;
+  return head;
 }
 
 static void __brisel_option_expand(Evas_Object *obj) {
@@ -97,9 +115,9 @@ void brisel_option_hide_last_bottomline(Evas_Object *list, Elm_Object_Item *item
     elm_object_item_signal_emit(item, "elm,state,bottomline,hide", "");
 }
 
-Elm_Genlist_Item_Class *brisel_option_row_class(const char *style, Elm_Genlist_Item_Text_Get_Cb text_get,
-                                                Elm_Genlist_Item_Content_Get_Cb content_get,
-                                                Elm_Genlist_Item_Del_Cb del) {
+Elm_Genlist_Item_Class *brisel_option_new_row_class(const char *style, Elm_Genlist_Item_Text_Get_Cb text_get,
+                                                    Elm_Genlist_Item_Content_Get_Cb content_get,
+                                                    Elm_Genlist_Item_Del_Cb del) {
   Elm_Genlist_Item_Class *row_class = elm_genlist_item_class_new();
   if (!row_class) return NULL;
   row_class->item_style = style;
@@ -110,15 +128,13 @@ Elm_Genlist_Item_Class *brisel_option_row_class(const char *style, Elm_Genlist_I
   return row_class;
 }
 
-Elm_Object_Item *brisel_option_add_row(Evas_Object *list, Elm_Object_Item *before, Elm_Genlist_Item_Class *row_class,
-                                       const void *data, Evas_Smart_Cb selected_cb, const void *selected_data) {
-  if (!row_class) return NULL;
-  Elm_Object_Item *item =
-      before ? elm_genlist_item_insert_before(list, row_class, data, NULL, before, ELM_GENLIST_ITEM_NONE, selected_cb,
+Elm_Object_Item *brisel_option_add_row(Evas_Object *list, Elm_Object_Item *before,
+                                       const Elm_Genlist_Item_Class *row_class, const void *data,
+                                       Evas_Smart_Cb selected_cb, const void *selected_data) {
+  return before
+             ? elm_genlist_item_insert_before(list, row_class, data, NULL, before, ELM_GENLIST_ITEM_NONE, selected_cb,
                                               selected_data)
              : elm_genlist_item_append(list, row_class, data, NULL, ELM_GENLIST_ITEM_NONE, selected_cb, selected_data);
-  elm_genlist_item_class_free(row_class);
-  return item;
 }
 
 int brisel_option_take_noti_data(int mail_id, full_noti_data *borrowed, full_noti_data **record, bool *own) {

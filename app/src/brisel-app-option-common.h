@@ -14,8 +14,20 @@ void brisel_widget_ref_set(Evas_Object **field, Evas_Object *widget);
 void brisel_widget_ref_drop(Evas_Object **field);
 /* Forgets the widget, which lives on. */
 void brisel_widget_ref_clear(Evas_Object **field);
-/* free()s record when the widget dies, or at once when widget is NULL. */
-void brisel_widget_free_with(Evas_Object *widget, void *record);
+
+/* --- a view's record -----------------------------------------------------------------------------------------------
+ */
+
+/* A zero-filled record with its type and ad set, or NULL: without ad, or short of memory. Logged. The record starts
+   with brisel_view_head; free it with free(). */
+brisel_view_head *brisel_option_new_head(appdata *ad, int view_type, size_t size);
+template <typename T>
+bool brisel_option_new_record(appdata *ad, int view_type, T **record) {
+  *record = (T *)brisel_option_new_head(ad, view_type, sizeof(T));
+  return *record != nullptr;
+}
+/* Lets go of the two widgets that the record names and free()s it once the list, whose rows point to it, is gone. */
+void brisel_option_free_with_list(void *record, Evas_Object **layout, Evas_Object **genlist);
 
 /* --- the layouts ---------------------------------------------------------------------------------------------------
  */
@@ -29,13 +41,23 @@ Evas_Object *brisel_option_create_bg(Evas_Object *layout, Evas_Object *win);
 Evas_Object *brisel_option_create_list(Evas_Object *parent, Evas_Smart_Cb realized_cb);
 /* Hides the bottom line of the list's last row; for "realized" callbacks. */
 void brisel_option_hide_last_bottomline(Evas_Object *list, Elm_Object_Item *item);
-/* A row class that its rows keep alive: free it with elm_genlist_item_class_free once the rows are appended. */
-Elm_Genlist_Item_Class *brisel_option_row_class(const char *style, Elm_Genlist_Item_Text_Get_Cb text_get,
-                                                Elm_Genlist_Item_Content_Get_Cb content_get,
-                                                Elm_Genlist_Item_Del_Cb del);
-/* Appends one row (before NULL) or inserts it, with a class of its own. */
-Elm_Object_Item *brisel_option_add_row(Evas_Object *list, Elm_Object_Item *before, Elm_Genlist_Item_Class *row_class,
-                                       const void *data, Evas_Smart_Cb selected_cb, const void *selected_data);
+/* A row class as a constant. The list keeps the drawings of rows that went by the address of their class: a class that
+   is made and freed with its row would hand them to the next one made at its place, whatever style that one has. */
+constexpr Elm_Genlist_Item_Class brisel_option_row_class(const char *style, Elm_Genlist_Item_Text_Get_Cb text_get,
+                                                         Elm_Genlist_Item_Content_Get_Cb content_get = nullptr,
+                                                         Elm_Genlist_Item_Del_Cb del = nullptr) {
+  return {
+      ELM_GENLIST_ITEM_CLASS_HEADER, style, nullptr, nullptr, {text_get, content_get, nullptr, del, nullptr, nullptr}};
+}
+/* The same, allocated, for the lists whose rows all come and go together: the rows keep it alive; free it with
+   elm_genlist_item_class_free once they are appended. NULL: no memory. */
+Elm_Genlist_Item_Class *brisel_option_new_row_class(const char *style, Elm_Genlist_Item_Text_Get_Cb text_get,
+                                                    Elm_Genlist_Item_Content_Get_Cb content_get,
+                                                    Elm_Genlist_Item_Del_Cb del);
+/* Appends one row (before NULL) or inserts it. */
+Elm_Object_Item *brisel_option_add_row(Evas_Object *list, Elm_Object_Item *before,
+                                       const Elm_Genlist_Item_Class *row_class, const void *data,
+                                       Evas_Smart_Cb selected_cb, const void *selected_data);
 
 /* --- the mail -------------------------------------------------------------------------------------------------------
  */

@@ -139,6 +139,10 @@ static void __brisel_option_detail_gl_sel_reply_setting(void *data, Evas_Object 
   __brisel_option_detail_popup_response_cb(vd, obj, NULL);
 }
 
+static constexpr Elm_Genlist_Item_Class reply_setting_row =
+    brisel_option_row_class("1text.1icon.1", __brisel_option_detail_gl_text_get_reply_setting,
+                            __brisel_option_detail_gl_content_get_reply_setting);
+
 static void __brisel_option_detail_create_reply_setting_popup(option_detail_view_data *vd) {
   brisel_widget_ref_drop(&vd->radio_group);
   brisel_widget_ref_drop(&vd->popup);
@@ -154,10 +158,8 @@ static void __brisel_option_detail_create_reply_setting_popup(option_detail_view
   }
   evas_object_data_set(genlist, "ViewData", vd);
   for (int method : {BRISEL_REPLY_METHOD_TEMPLATES, BRISEL_REPLY_METHOD_EMOTICONS})
-    brisel_option_add_row(genlist, NULL,
-                          brisel_option_row_class("1text.1icon.1", __brisel_option_detail_gl_text_get_reply_setting,
-                                                  __brisel_option_detail_gl_content_get_reply_setting, NULL),
-                          (void *)(intptr_t)method, __brisel_option_detail_gl_sel_reply_setting, vd);
+    brisel_option_add_row(genlist, NULL, &reply_setting_row, (void *)(intptr_t)method,
+                          __brisel_option_detail_gl_sel_reply_setting, vd);
   evas_object_show(genlist);
 
   Evas_Object *radio_group = elm_radio_add(genlist);
@@ -370,11 +372,13 @@ static char *__brisel_option_detail_phone_number(const char *address) {
 }
 
 static void __brisel_option_detail_add_contact_row(option_detail_view_data *vd, Elm_Object_Item *before) {
-  bool one = !vd->noti_data->sender_contact_list->next;
-  vd->call_item = brisel_option_add_row(
-      vd->genlist, before,
-      brisel_option_row_class(one ? "2text" : "1text", __brisel_option_detail_gl_text_get_call, NULL, NULL), vd,
-      __brisel_option_detail_gl_sel_call, vd);
+  static constexpr Elm_Genlist_Item_Class one_number =
+      brisel_option_row_class("2text", __brisel_option_detail_gl_text_get_call);
+  static constexpr Elm_Genlist_Item_Class more_numbers =
+      brisel_option_row_class("1text", __brisel_option_detail_gl_text_get_call);
+  vd->call_item =
+      brisel_option_add_row(vd->genlist, before, vd->noti_data->sender_contact_list->next ? &more_numbers : &one_number,
+                            vd, __brisel_option_detail_gl_sel_call, vd);
 }
 
 static void __brisel_option_detail_add_address_row(option_detail_view_data *vd, Elm_Object_Item *before) {
@@ -382,10 +386,10 @@ static void __brisel_option_detail_add_address_row(option_detail_view_data *vd, 
   if (!number) return;
   free(vd->from_phone_number);
   vd->from_phone_number = number;
-  vd->call_item = brisel_option_add_row(
-      vd->genlist, before,
-      brisel_option_row_class("2text", __brisel_option_detail_gl_text_get_call_by_from_address, NULL, NULL), vd,
-      __brisel_option_detail_gl_sel_call_by_from_address, vd);
+  static constexpr Elm_Genlist_Item_Class row_class =
+      brisel_option_row_class("2text", __brisel_option_detail_gl_text_get_call_by_from_address);
+  vd->call_item = brisel_option_add_row(vd->genlist, before, &row_class, vd,
+                                        __brisel_option_detail_gl_sel_call_by_from_address, vd);
 }
 
 static void __brisel_option_detail_contacts_db_changed_cb(const char *view_uri, void *data) {
@@ -418,6 +422,13 @@ static Evas_Object *__brisel_option_detail_create_bg(Evas_Object *layout, Evas_O
 }
 
 static Evas_Object *__brisel_option_detail_create_genlist(option_detail_view_data *vd) {
+  static constexpr Elm_Genlist_Item_Class reply_row = brisel_option_row_class(
+      "2text.1icon.divider", __brisel_option_detail_gl_text_get_reply, __brisel_option_detail_gl_content_get_reply);
+  static constexpr Elm_Genlist_Item_Class device_row =
+      brisel_option_row_class("1text", __brisel_option_detail_gl_text_get_device);
+  static constexpr Elm_Genlist_Item_Class delete_row =
+      brisel_option_row_class("1text", __brisel_option_detail_gl_text_get_delete);
+
   Evas_Object *genlist = brisel_option_create_list(vd->layout, __brisel_option_detail_gl_realized_cb);
   if (!genlist) return NULL;
   brisel_widget_ref_set(&vd->genlist, genlist);
@@ -432,17 +443,9 @@ static Evas_Object *__brisel_option_detail_create_genlist(option_detail_view_dat
   int status = BRISEL_REPLY_UNKNOWN;
   if (brisel_util_get_reply_status(&status) == 0 &&
       (status == BRISEL_REPLY_SUPPORTED || status == BRISEL_REPLY_UPDATE_REQUIRED))
-    vd->reply_item =
-        brisel_option_add_row(genlist, NULL,
-                              brisel_option_row_class("2text.1icon.divider", __brisel_option_detail_gl_text_get_reply,
-                                                      __brisel_option_detail_gl_content_get_reply, NULL),
-                              vd, __brisel_option_detail_gl_sel_reply, vd);
-  vd->device_item = brisel_option_add_row(
-      genlist, NULL, brisel_option_row_class("1text", __brisel_option_detail_gl_text_get_device, NULL, NULL), vd,
-      __brisel_option_detail_gl_sel_device, vd);
-  brisel_option_add_row(genlist, NULL,
-                        brisel_option_row_class("1text", __brisel_option_detail_gl_text_get_delete, NULL, NULL), vd,
-                        __brisel_option_detail_gl_sel_delete, vd);
+    vd->reply_item = brisel_option_add_row(genlist, NULL, &reply_row, vd, __brisel_option_detail_gl_sel_reply, vd);
+  vd->device_item = brisel_option_add_row(genlist, NULL, &device_row, vd, __brisel_option_detail_gl_sel_device, vd);
+  brisel_option_add_row(genlist, NULL, &delete_row, vd, __brisel_option_detail_gl_sel_delete, vd);
 
   elm_object_part_content_set(vd->layout, "elm.swallow.content", genlist);
   return genlist;
@@ -466,10 +469,7 @@ static void __brisel_option_detail_free(option_detail_view_data *vd) {
   vd->noti_data = NULL;
   free(vd->from_phone_number);
   vd->from_phone_number = NULL;
-  Evas_Object *genlist = vd->genlist;
-  brisel_widget_ref_clear(&vd->genlist);
-  brisel_widget_ref_clear(&vd->layout);
-  brisel_widget_free_with(genlist, vd);
+  brisel_option_free_with_list(vd, &vd->layout, &vd->genlist);
 }
 
 static Eina_Bool __brisel_option_detail_view_pop_cb(void *data, Elm_Object_Item *item) {
@@ -496,17 +496,8 @@ static int __brisel_option_detail_give_up(option_detail_view_data *vd, int ret) 
 
 int brisel_option_detail_draw_view(int mail_id, appdata *ad) {
   BRISEL_INFO("Enter");
-  if (!ad) {
-    BRISEL_ERROR("Invalid parameter: data is NULL!");
-    return -1;
-  }
-  option_detail_view_data *vd = (option_detail_view_data *)calloc(1, sizeof *vd);
-  if (!vd) {
-    BRISEL_ERROR("Failed to allocate memory for view_data!");
-    return -3;
-  }
-  vd->view_type = BRISEL_VIEW_TYPE_OPTION_DETAIL_VIEW;
-  vd->ad = ad;
+  option_detail_view_data *vd;
+  if (!brisel_option_new_record(ad, BRISEL_VIEW_TYPE_OPTION_DETAIL_VIEW, &vd)) return ad ? -3 : -1;
   vd->mail_id = mail_id;
   bool own = false;
   int ret = brisel_option_take_noti_data(mail_id, NULL, &vd->noti_data, &own);

@@ -135,17 +135,8 @@ static int __brisel_option_reply_give_up(option_reply_view_data *vd, int ret) {
 /* The steps that both views begin with: record, mail, base layout, background. 0 and *out, or the view's result. */
 static int __brisel_option_reply_begin(int mail_id, appdata *ad, full_noti_data *noti_data,
                                        option_reply_view_data **out) {
-  if (!ad) {
-    BRISEL_ERROR("Invalid parameter: data is NULL!");
-    return -1;
-  }
-  option_reply_view_data *vd = (option_reply_view_data *)calloc(1, sizeof *vd);
-  if (!vd) {
-    BRISEL_ERROR("Failed to allocate memory for view_data!");
-    return -3;
-  }
-  vd->view_type = BRISEL_VIEW_TYPE_OPTION_REPLY_VIEW;
-  vd->ad = ad;
+  option_reply_view_data *vd;
+  if (!brisel_option_new_record(ad, BRISEL_VIEW_TYPE_OPTION_REPLY_VIEW, &vd)) return ad ? -3 : -1;
   vd->mail_id = mail_id;
   int ret = brisel_option_take_noti_data(mail_id, noti_data, &vd->noti_data, &vd->own_noti_data);
   if (ret != 0) return __brisel_option_reply_give_up(vd, ret);
@@ -197,11 +188,12 @@ static void __brisel_option_reply_gl_realized_cb(void *data, Evas_Object *obj, v
 }
 
 static void __brisel_option_reply_append_templates(option_reply_view_data *vd, Evas_Object *genlist) {
+  static constexpr Elm_Genlist_Item_Class row_class =
+      brisel_option_row_class("1text", __brisel_option_reply_gl_text_get_templates);
   guint count = g_slist_length(vd->template_list);
   for (guint i = 0; i < count; i++)
-    brisel_option_add_row(genlist, NULL,
-                          brisel_option_row_class("1text", __brisel_option_reply_gl_text_get_templates, NULL, NULL),
-                          (void *)(uintptr_t)i, __brisel_option_reply_gl_sel_templates, (void *)(uintptr_t)i);
+    brisel_option_add_row(genlist, NULL, &row_class, (void *)(uintptr_t)i, __brisel_option_reply_gl_sel_templates,
+                          (void *)(uintptr_t)i);
 }
 
 static Evas_Object *__brisel_option_reply_make_list(Evas_Object *layout, option_reply_view_data *vd) {
@@ -314,7 +306,8 @@ static void __brisel_option_reply_popup_response_cb(void *data, Evas_Object *obj
   BRISEL_INFO("Leave");
 }
 
-/* Gives the label the template itself in place of its row's text, which was cut for the list. */
+/* Gives the label the template itself in place of its row's text, which was cut for the list. What the label holds is
+   what is sent: markup, as from the typed view, which the phone turns back into text. */
 static void __brisel_option_reply_show_template(Evas_Object *label, const template_data *td) {
   char *markup = brisel_util_text_to_markup_whole(__brisel_option_reply_template_text(td));
   // Only a text without a meaning as markup may follow the language by itself: a template is shown as it was written.
