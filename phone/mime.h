@@ -52,6 +52,9 @@ int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
    anywhere. */
 int64_t mime_arrival(std::string_view head);
 
+/* The value of a Date header as seconds since the epoch; 0 when it is none, or not a date of this era. */
+int64_t mime_date(std::string_view text);
+
 /* Readable text of an HTML document in UTF-8: paragraphs, lists, quotes, table rows as lines; no scripts, styles,
    comments or hidden elements. At most `max` bytes. *has_image (may be NULL) is set when the document shows pictures;
    pictures of one pixel, which only count readers, are none. */

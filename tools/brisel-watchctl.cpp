@@ -465,5 +465,7 @@ int main(int argc, char **argv) {
     fail(error.what());
     return 2;
   }
+  if (fflush(stdout) != 0 || ferror(stdout))
+    return fail(std::string("standard output cannot be written: ") + strerror(errno));
   return code;
 }

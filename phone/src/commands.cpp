@@ -75,7 +75,7 @@ struct sending {
   const send_options *options;
   std::vector<outgoing> batch;
   size_t bytes = 0;
-  size_t sent = 0, broken = 0;
+  size_t sent = 0, broken = 0; /* mails */
   std::string error;
 };
 
@@ -112,11 +112,12 @@ int command_account_add(const std::string &address, const std::string &name, con
   uint32_t rgba = 0; /* the service chooses one that tells it from the others */
   if (!color.empty() && parse_color(color, &rgba) < 0)
     return complain("'" + color + "' is no colour: eight hexadecimal digits RRGGBBAA");
-  if (address.empty() || !g_utf8_validate(address.c_str(), -1, nullptr)) return complain("the address is no text");
+  if (mime_clean_line(address, SIZE_MAX) != address || address.empty())
+    return complain("the address is empty or no plain text");
   bus_holder bus(host_open_bus(&error));
   if (!bus) return complain(error);
-  int given = host_add_account(bus.get(), id, address, name, rgba, &error);
-  if (given < 0) return complain("account " + address + ": " + error);
+  int given = host_add_account(bus.get(), id, address, mime_clean_line(name, SIZE_MAX), rgba, &error);
+  if (given < 0) return complain(error);
   printf("%d\n", given);
   return 0;
 }
@@ -179,16 +180,13 @@ int command_mail_send(const std::vector<std::string> &files, const send_options 
   }
   if (result == 0) result = flush_batch(&s);
   if (result < 0) {
-    if (s.sent == 0) return complain("nothing was sent: " + s.error);
-    return complain("only " + std::to_string(s.sent) + " mails were sent: " + s.error);
+    if (s.sent == 0) return complain("the mails could not be sent: " + s.error);
+    return complain("only the first " + std::to_string(s.sent) + " were sent: " + s.error);
   }
-  if (s.broken > 0) {
-    std::string count = s.broken == 1 ? "1 mail is broken and was not sent"
-                                      : std::to_string(s.broken) + " mails are broken and were not sent";
-    return complain(count + (s.sent == 0 ? "; nothing else was to be sent"
-                                         : "; the other " + std::to_string(s.sent) + (s.sent == 1 ? " was" : " were")));
-  }
-  return 0;
+  /* Each was told by name; how many only where one could lose count. */
+  if (s.broken > 0 && s.broken + s.sent > 1)
+    link_log(std::to_string(s.broken) + " of " + std::to_string(s.broken + s.sent) + " were not sent");
+  return s.broken > 0 ? 1 : 0;
 }
 
 int command_mail_update(int id, const mail_change &change) {
@@ -371,7 +369,8 @@ int command_demo(const std::string &dir) {
     batch.push_back(make_outgoing(mail, options, "", false, false));
   }
   std::vector<int> ids;
-  if (send_batch(bus.get(), state.get(), &batch, &ids, &error) < 0) return complain("nothing was sent: " + error);
+  if (send_batch(bus.get(), state.get(), &batch, &ids, &error) < 0)
+    return complain("the mails could not be sent: " + error);
   for (int id : ids) printf("%d\n", id);
   return 0;
 }

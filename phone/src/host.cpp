@@ -55,7 +55,10 @@ int finish(sd_bus *bus, const message &call, int filled, message *reply, std::st
   *error = explain(why.e, result);
   std::string_view name = why.e.name ? why.e.name : "";
   if (name == "com.vextora.brisel.Error.Busy") return HOST_BUSY;
-  return name.substr(0, 25) == "com.vextora.brisel.Error." ? HOST_REFUSED : HOST_AWAY;
+  if (name.substr(0, 25) == "com.vextora.brisel.Error.") return HOST_REFUSED;
+  bool nobody =
+      name.find(".ServiceUnknown") != std::string_view::npos || name.find(".Spawn.") != std::string_view::npos;
+  return nobody ? HOST_NOBODY : HOST_AWAY;
 }
 
 /* It was done, but what came of it is not known. */

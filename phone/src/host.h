@@ -21,7 +21,8 @@ enum host_result {
   HOST_OK = 0,
   HOST_BUSY = 1,     /* another phone is connected; only from host_connect */
   HOST_REFUSED = -1, /* the service said no: nothing was changed */
-  HOST_AWAY = -2     /* no answer: whether it was done is not known */
+  HOST_AWAY = -2,    /* no answer: whether it was done is not known */
+  HOST_NOBODY = -3   /* no service, and none could be started: nothing was changed */
 };
 
 /* One mail as it is handed to the watch. */

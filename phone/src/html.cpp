@@ -256,8 +256,10 @@ void take_attribute(tag *t, const std::string &name, std::string_view value) {
     std::string flat;
     for (char c : value)
       if (!is_space(c)) flat += g_ascii_tolower(c);
-    if (flat.find("display:none") != std::string::npos || flat.find("visibility:hidden") != std::string::npos)
-      t->hidden = true;
+    flat += ';';
+    /* The last two are how writers put a text for the list of mails where nobody sees it. */
+    for (const char *way : {"display:none", "visibility:hidden", "max-height:0;", "max-height:0px;", "opacity:0;"})
+      if (flat.find(way) != std::string::npos) t->hidden = true;
   }
 }
 
@@ -469,8 +471,7 @@ std::string mime_html_to_text(std::string_view html, size_t max, bool *has_image
     }
     tag t;
     at = read_tag(html, at, &t, &missing);
-    if (!t.closing && one_of(t.name, {"script", "style", "textarea", "noscript"}) && t.name != "noscript" &&
-        t.name != "textarea") {
+    if (!t.closing && one_of(t.name, {"script", "style"})) {
       at = skip_raw(html, at, t.name);
       continue;
     }

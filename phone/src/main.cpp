@@ -2,7 +2,9 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <clocale>
+#include <cstring>
 
 #include "commands.h"
 #include "relay.h"
@@ -13,10 +15,25 @@ namespace {
 std::string failure_line(const CLI::App *app, const CLI::Error &error) {
   std::string text = error.what();
   std::vector<std::string> unknown = app->remaining(true);
-  if (error.get_name() == "RequiredError" && !unknown.empty()) text = "no such command: " + unknown.front();
+  if (error.get_name() == "RequiredError" && !unknown.empty())
+    text = (unknown.front()[0] == '-' ? "no such option: " : "no such command: ") + unknown.front();
   for (char &c : text)
     if (c == '\n') c = ' ';
   return "brisel-phone: " + text + " (see " + app->get_name() + " --help)\n";
+}
+
+/* --version counts after any command. */
+void set_version(CLI::App *app) {
+  app->set_version_flag("--version", "brisel-phone " BRISEL_VERSION);
+  for (CLI::App *command : app->get_subcommands({})) set_version(command);
+}
+
+/* What was asked for must have reached its reader: a full disk behind standard output is a failure like any other. */
+int output_checked(int code) {
+  if (fflush(stdout) == 0 && !ferror(stdout)) return code;
+  /* A reader that has seen enough is no trouble to tell of. */
+  if (errno != EPIPE) fprintf(stderr, "brisel-phone: standard output cannot be written: %s\n", strerror(errno));
+  return code ? code : 1;
 }
 
 }  // namespace
@@ -27,9 +44,12 @@ int main(int argc, char **argv) {
   int exit_code = 0;
 
   CLI::App app{"The phone of the watch: relays mail to it and answers what it asks.", "brisel-phone"};
-  app.set_version_flag("--version", "brisel-phone " BRISEL_VERSION);
   app.failure_message(failure_line);
   app.require_subcommand(1);
+  /* The bounds are told when they are broken, not in every line of the help. */
+  const CLI::Validator id_range = CLI::Range(1, INT32_MAX).description("");
+  const CLI::Validator count_range = CLI::Range(int64_t{0}, int64_t{1} << 40).description("");
+  const char *as_json = "As JSON";
 
   CLI::App *account = app.add_subcommand("account", "Accounts of the watch")->require_subcommand(1);
   std::string address, name, color;
@@ -38,14 +58,14 @@ int main(int argc, char **argv) {
   account_add->add_option("ADDRESS", address, "The e-mail address")->required();
   account_add->add_option("--name", name, "The display name");
   account_add->add_option("--color", color, "The colour, RRGGBBAA");
-  account_add->add_option("--id", id, "The id; one that exists is changed")->check(CLI::Range(1, INT32_MAX));
+  account_add->add_option("--id", id, "The id; one that exists is changed")->check(id_range);
   account_add->callback([&] { exit_code = command_account_add(address, name, color, id); });
   CLI::App *account_remove = account->add_subcommand("remove", "Remove an account and its mails");
-  account_remove->add_option("ID", id)->required()->check(CLI::Range(1, INT32_MAX));
+  account_remove->add_option("ID", id, "The account's id")->required()->check(id_range);
   account_remove->callback([&] { exit_code = command_account_remove(id); });
   bool json = false;
   CLI::App *account_list = account->add_subcommand("list", "List the accounts: id, address, name, colour");
-  account_list->add_flag("--json", json);
+  account_list->add_flag("--json", json, as_json);
   account_list->callback([&] { exit_code = command_account_list(json); });
   std::string known;
   CLI::App *account_count = account->add_subcommand("count", "Say whether the number of accounts is known");
@@ -60,18 +80,17 @@ int main(int argc, char **argv) {
   int64_t first = -1;
   CLI::App *mail_send = mail->add_subcommand("send", "Relay mails (files, mbox files, Maildirs); prints one id each");
   mail_send->add_option("FILE", files, "Mail file, mbox file or Maildir folder")->required();
-  mail_send->add_option("--account", options.account_id, "The account's id")
-      ->required()
-      ->check(CLI::Range(1, INT32_MAX));
+  mail_send->add_option("--account", options.account_id, "The account's id")->required()->check(id_range);
   mail_send->add_flag("--locked", options.locked, "The account's policy forbids showing it on the watch");
-  mail_send->add_option("--first", first, "Relay only so many bytes of the body at first")
-      ->check(CLI::Range(int64_t{0}, int64_t{1} << 40));
-  mail_send->add_option("--received", received, "Seconds since the epoch, ISO 8601 or now (default: the mail's date)");
+  mail_send->add_option("--first", first, "Relay only so many bytes of the body at first")->check(count_range);
+  mail_send->add_option("--received", received,
+                        "Seconds since the epoch, ISO 8601, as in a mail, or now (default: the mail's date)");
   mail_send->add_flag("--read", read, "It has been read");
   mail_send->add_flag("--not-new", not_new, "It has been seen on the watch");
   mail_send->callback([&] {
     if (!received.empty() && parse_time(received, &options.received) < 0) {
-      fprintf(stderr, "brisel-phone: '%s' is no time: seconds since the epoch, ISO 8601 or now\n", received.c_str());
+      fprintf(stderr, "brisel-phone: '%s' is no time: seconds since the epoch, ISO 8601, as in a mail, or now\n",
+              received.c_str());
       exit_code = 1;
       return;
     }
@@ -82,11 +101,11 @@ int main(int argc, char **argv) {
   });
   mail_change change;
   CLI::App *mail_update = mail->add_subcommand("update", "Change a mail on the watch");
-  mail_update->add_option("ID", id)->required()->check(CLI::Range(1, INT32_MAX));
-  CLI::Option *read_flag = mail_update->add_flag("--read", read);
-  mail_update->add_flag("--unread", unread)->excludes(read_flag);
-  CLI::Option *new_flag = mail_update->add_flag("--new", fresh);
-  mail_update->add_flag("--not-new", not_new)->excludes(new_flag);
+  mail_update->add_option("ID", id, "The mail's id")->required()->check(id_range);
+  CLI::Option *read_flag = mail_update->add_flag("--read", read, "It has been read");
+  mail_update->add_flag("--unread", unread, "It has not been read")->excludes(read_flag);
+  CLI::Option *new_flag = mail_update->add_flag("--new", fresh, "It has not been seen on the watch");
+  mail_update->add_flag("--not-new", not_new, "It has been seen on the watch")->excludes(new_flag);
   CLI::Option *subject = mail_update->add_option("--subject", change.subject, "The new subject");
   mail_update->callback([&] {
     change.is_read = read ? 1 : unread ? 0 : -1;
@@ -96,7 +115,7 @@ int main(int argc, char **argv) {
   });
   std::vector<int> ids;
   CLI::App *mail_delete = mail->add_subcommand("delete", "Delete mails from the watch");
-  mail_delete->add_option("ID", ids)->required()->check(CLI::Range(1, INT32_MAX));
+  mail_delete->add_option("ID", ids, "The mails' ids")->required()->check(id_range);
   mail_delete->callback([&] { exit_code = command_mail_delete(ids); });
   CLI::App *mail_list = mail->add_subcommand("list", "List the mails of the watch");
   mail_list->add_flag("--json", json, "Every stored field");
@@ -105,10 +124,10 @@ int main(int argc, char **argv) {
   CLI::App *templates = app.add_subcommand("template", "Reply templates of the watch")->require_subcommand(1);
   std::vector<std::string> texts;
   CLI::App *template_set = templates->add_subcommand("set", "Replace all templates");
-  template_set->add_option("TEXT", texts);
+  template_set->add_option("TEXT", texts, "The templates in their order; none: no templates");
   template_set->callback([&] { exit_code = command_template_set(texts); });
   CLI::App *template_list = templates->add_subcommand("list", "List the templates");
-  template_list->add_flag("--json", json);
+  template_list->add_flag("--json", json, as_json);
   template_list->callback([&] { exit_code = command_template_list(json); });
 
   CLI::App *status = app.add_subcommand("status", "What the watch is told of the phone")->require_subcommand(1);
@@ -117,14 +136,14 @@ int main(int argc, char **argv) {
     CLI::App *one = status->add_subcommand(
         kind, kind[0] == 'r' ? "0: replies work, 1: the phone needs an update, 2 or more: no replies"
                              : "0: the phone can be reached now");
-    one->add_option("N", value)->required();
+    one->add_option("N", value, "The status")->required();
     one->callback([&, kind] { exit_code = command_status(kind, value); });
   }
 
   CLI::App *serve = app.add_subcommand("serve", "Stay connected as the phone; prints each request as one JSON line");
   serve->callback([&] { exit_code = command_serve(); });
   CLI::App *requests = app.add_subcommand("requests", "List the requests received so far");
-  requests->add_flag("--json", json);
+  requests->add_flag("--json", json, as_json);
   requests->callback([&] { exit_code = command_requests(json); });
 
   std::string demo_dir = BRISEL_DEMO_DIR;
@@ -137,24 +156,23 @@ int main(int argc, char **argv) {
   std::vector<std::string> maildirs, mboxes, addresses;
   std::string config, sendmail;
   int64_t newest = -1, retry_first = -1, retry_longest = -1;
-  auto count = CLI::Range(int64_t{0}, int64_t{1} << 40);
   relay->add_option("--maildir", maildirs, "NAME=DIR: a Maildir; NAME may be the account's address");
   relay->add_option("--mbox", mboxes, "NAME=FILE: an mbox file, which is only read");
   relay->add_option("--address", addresses, "NAME=ADDRESS: the account's address, for replies");
   relay->add_option("--config", config, "A file with the same settings and more (see the manual page)");
-  relay->add_option("--newest", newest, "How many mails of each account the watch has (200)")->check(count);
-  relay->add_option("--first", first, "How many bytes of each body are relayed at first (2048)")->check(count);
+  relay->add_option("--newest", newest, "How many mails of each account the watch has (200)")->check(count_range);
+  relay->add_option("--first", first, "How many bytes of each body are relayed at first (2048)")->check(count_range);
   relay->add_option("--sendmail", sendmail, "The command that takes replies (/usr/sbin/sendmail -t -i)");
   relay->add_option("--retry-first", retry_first, "Seconds until a reply is tried again (60), doubled each time")
-      ->check(count);
-  relay->add_option("--retry-longest", retry_longest, "The longest such time (3600)")->check(count);
+      ->check(count_range);
+  relay->add_option("--retry-longest", retry_longest, "The longest such time (3600)")->check(count_range);
   CLI::App *relay_status = relay->add_subcommand("status", "What the relay does, and the replies");
-  relay_status->add_flag("--json", json);
+  relay_status->add_flag("--json", json, as_json);
   relay_status->callback([&] { exit_code = relay_print_status(json); });
   relay->add_subcommand("retry", "Try the waiting replies now")->callback([&] { exit_code = relay_retry(); });
   int64_t reply = 0;
   CLI::App *relay_drop_command = relay->add_subcommand("drop", "Forget a reply that was not sent");
-  relay_drop_command->add_option("ID", reply)->required();
+  relay_drop_command->add_option("ID", reply, "The reply's id")->required();
   relay_drop_command->callback([&] { exit_code = relay_drop(reply); });
   auto outbox_options = [&](outbox_settings *settings) {
     if (!sendmail.empty()) settings->sendmail = sendmail;
@@ -193,11 +211,12 @@ int main(int argc, char **argv) {
     exit_code = outbox_deliver(reply, settings);
   });
 
+  set_version(&app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
     int code = app.exit(error);
-    return code == 0 ? 0 : 2;
+    return output_checked(code == 0 ? 0 : 2);
   }
-  return exit_code;
+  return output_checked(exit_code);
 }

@@ -19,7 +19,13 @@ template <typename T>
 using holder = std::unique_ptr<T, object_unref>;
 
 struct date_unref {
-  void operator()(GDateTime *date) const { g_date_time_unref(date); }
+  void operator()(GDateTime *date) const {
+    if (date) g_date_time_unref(date);
+  }
+};
+
+struct zone_unref {
+  void operator()(GTimeZone *zone) const { g_time_zone_unref(zone); }
 };
 
 /* What is known while one message is walked through. */
@@ -28,6 +34,7 @@ struct walk {
   int parts = 0;
   int attachments = 0;
   bool image = false;
+  GMimeMessage *forwarded = nullptr; /* the first mail that is attached; the message's own */
 };
 
 /* How good a child of an alternative is as text to read. */
@@ -112,6 +119,34 @@ std::string unflow(const std::string &text, bool delete_space) {
   return out;
 }
 
+/* Text that was signed where it stands: what was signed, without what only a program reads. */
+std::string without_armour(const std::string &text) {
+  constexpr char kBegin[] = "-----BEGIN PGP SIGNED MESSAGE-----", kEnd[] = "-----BEGIN PGP SIGNATURE-----",
+                 kLast[] = "-----END PGP SIGNATURE-----";
+  if (text.find(kBegin) == std::string::npos) return text;
+  std::string out;
+  enum { OUTSIDE, HEADERS, SIGNED, SIGNATURE } where = OUTSIDE;
+  for (size_t at = 0; at < text.size();) {
+    size_t end = std::min(text.find('\n', at), text.size());
+    std::string_view line(text.data() + at, end - at);
+    if (where == OUTSIDE && line.starts_with(kBegin)) {
+      where = HEADERS;
+    } else if (where == HEADERS) {
+      if (line.empty()) where = SIGNED;
+    } else if (where == SIGNED && line.starts_with(kEnd)) {
+      where = SIGNATURE;
+    } else if (where == SIGNATURE) {
+      if (line.starts_with(kLast)) where = OUTSIDE;
+    } else {
+      if (where == SIGNED && line.starts_with("- ")) line.remove_prefix(2);
+      out += line;
+      out += '\n';
+    }
+    at = end + 1;
+  }
+  return out;
+}
+
 /* Trailing blanks and long runs of empty lines go: on a small screen they are only scrolling. */
 std::string tidy(std::string_view text) {
   std::string out;
@@ -153,12 +188,13 @@ std::string text_of_leaf(GMimePart *part, const char *subtype, walk *w) {
   std::string text = mime_to_utf8(bytes, charset);
   if (g_ascii_strcasecmp(subtype, "enriched") == 0 || g_ascii_strcasecmp(subtype, "richtext") == 0)
     return mime_html_to_text(text, w->limits->text, nullptr);
+  if (g_ascii_strcasecmp(subtype, "calendar") == 0) return calendar_to_text(text);
   const char *format = type ? g_mime_content_type_get_parameter(type, "format") : nullptr;
   if (format && g_ascii_strcasecmp(format, "flowed") == 0) {
     const char *delsp = g_mime_content_type_get_parameter(type, "delsp");
     text = unflow(text, delsp && g_ascii_strcasecmp(delsp, "yes") == 0);
   }
-  return tidy(text);
+  return tidy(without_armour(text));
 }
 
 bool is_attached(GMimeObject *object) {
@@ -198,7 +234,10 @@ std::string walk_alternative(GMimeMultipart *multipart, walk *w, int depth) {
 std::string walk_multipart(GMimeMultipart *multipart, walk *w, int depth) {
   auto *object = GMIME_OBJECT(multipart);
   if (is_type(object, "multipart", "alternative")) return walk_alternative(multipart, w, depth);
-  if (is_type(object, "multipart", "encrypted")) return "";
+  if (is_type(object, "multipart", "encrypted")) {
+    w->attachments++; /* there is something, only not for here */
+    return "";
+  }
   int count = g_mime_multipart_get_count(multipart);
   if (is_type(object, "multipart", "signed") || is_type(object, "multipart", "report")) count = std::min(count, 1);
   std::string out;
@@ -215,15 +254,20 @@ std::string walk_leaf(GMimeObject *object, walk *w, GMimeObject *parent) {
   GMimeContentType *type = g_mime_object_get_content_type(object);
   const char *media = type ? g_mime_content_type_get_media_type(type) : "text";
   const char *subtype = type ? g_mime_content_type_get_media_subtype(type) : "plain";
-  if (!media) media = "text";
-  if (!subtype) subtype = "plain";
+  /* What names no type and subtype is text, as a part that says nothing is. */
+  const char *named = g_mime_object_get_header(object, "Content-Type");
+  if (!media || !subtype || (named && !strchr(named, '/'))) {
+    media = "text";
+    subtype = "plain";
+  }
   bool related = parent && is_type(parent, "multipart", "related");
   bool alternative = parent && is_type(parent, "multipart", "alternative");
   bool attached = is_attached(object);
   if (g_ascii_strcasecmp(media, "text") == 0) {
     const char *file = g_mime_part_get_filename(GMIME_PART(object));
     bool readable = g_ascii_strcasecmp(subtype, "plain") == 0 || g_ascii_strcasecmp(subtype, "html") == 0 ||
-                    g_ascii_strcasecmp(subtype, "enriched") == 0 || g_ascii_strcasecmp(subtype, "richtext") == 0;
+                    g_ascii_strcasecmp(subtype, "enriched") == 0 || g_ascii_strcasecmp(subtype, "richtext") == 0 ||
+                    g_ascii_strcasecmp(subtype, "calendar") == 0;
     if (!attached && !(file && parent) && (readable || alternative || !parent))
       return text_of_leaf(GMIME_PART(object), subtype, w);
     if (!attached && related) return "";
@@ -249,20 +293,23 @@ std::string walk_object(GMimeObject *object, walk *w, int depth, GMimeObject *pa
   if (GMIME_IS_MULTIPART(object)) return walk_multipart(GMIME_MULTIPART(object), w, depth);
   if (GMIME_IS_MESSAGE_PART(object)) {
     /* A forwarded mail is something attached; it is read in place only where there is nothing else to read. */
-    if (parent) {
-      w->attachments++;
-      return "";
-    }
     GMimeMessage *inner = g_mime_message_part_get_message(GMIME_MESSAGE_PART(object));
-    return inner ? walk_object(g_mime_message_get_mime_part(inner), w, depth + 1, object) : "";
+    if (!parent) return inner ? walk_object(g_mime_message_get_mime_part(inner), w, depth + 1, object) : "";
+    w->attachments++;
+    if (!w->forwarded) w->forwarded = inner;
+    return "";
   }
   if (GMIME_IS_PART(object)) return walk_leaf(object, w, parent);
   w->attachments++;
   return "";
 }
 
-std::string decode_base64(std::string_view text) {
-  std::string out(text.size(), '\0');
+std::string decode_base64(std::string_view word) {
+  std::string text(word), out(word.size() + 3, '\0');
+  /* Some writers leave out the end's filling, and without it the last bytes would go. */
+  auto digits =
+      std::count_if(text.begin(), text.end(), [](char c) { return g_ascii_isalnum(c) || c == '+' || c == '/'; });
+  if (digits % 4 > 1 && text.find('=') == std::string::npos) text.append(4 - static_cast<size_t>(digits % 4), '=');
   int state = 0;
   guint32 save = 0;
   size_t size = g_mime_encoding_base64_decode_step(reinterpret_cast<const unsigned char *>(text.data()), text.size(),
@@ -357,13 +404,17 @@ void replace_all(std::string *text, std::string_view from, std::string_view to) 
 /* Takes the place of "=?" while the library parses addresses, so that it leaves encoded words alone. */
 constexpr char kWordMark[] = "=~{~";
 
-bool first_mailbox(InternetAddressList *list, std::string *address, std::string *name, int depth = 0) {
+/* The first one that has a domain; the first of all when none has: a name with a comma that nobody quoted reads as two
+   mailboxes. */
+bool first_mailbox(InternetAddressList *list, std::string *address, std::string *name, bool with_domain,
+                   int depth = 0) {
   int count = list ? internet_address_list_length(list) : 0;
   for (int i = 0; i < count && i < 100; i++) {
     InternetAddress *entry = internet_address_list_get_address(list, i);
     if (INTERNET_ADDRESS_IS_MAILBOX(entry)) {
       const char *text = internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(entry));
       const char *display = internet_address_get_name(entry);
+      if (with_domain && !(text && strchr(text, '@'))) continue;
       *address = mime_clean_line(text ? text : "", kMaxAddress);
       std::string words = display ? display : "";
       replace_all(&words, kWordMark, "=?");
@@ -371,7 +422,8 @@ bool first_mailbox(InternetAddressList *list, std::string *address, std::string 
       return true;
     }
     if (depth < 3 && INTERNET_ADDRESS_IS_GROUP(entry) &&
-        first_mailbox(internet_address_group_get_members(INTERNET_ADDRESS_GROUP(entry)), address, name, depth + 1))
+        first_mailbox(internet_address_group_get_members(INTERNET_ADDRESS_GROUP(entry)), address, name, with_domain,
+                      depth + 1))
       return true;
   }
   return false;
@@ -381,7 +433,19 @@ bool first_address(GMimeMessage *message, const char *header, std::string *addre
   std::string value = raw_header(message, header);
   replace_all(&value, "=?", kWordMark);
   holder<InternetAddressList> list(internet_address_list_parse(options, value.c_str()));
-  return list && first_mailbox(list.get(), address, name);
+  return list && (first_mailbox(list.get(), address, name, true) || first_mailbox(list.get(), address, name, false));
+}
+
+/* A sender that is no mailbox at all is still who it says it is from. */
+void split_sender(const std::string &text, mime_mail *mail) {
+  size_t open = text.rfind('<'), close = text.rfind('>');
+  if (open != std::string::npos && close != std::string::npos && open < close) {
+    mail->from_address = mime_clean_line(text.substr(open + 1, close - open - 1), kMaxAddress);
+    mail->from_name = mime_clean_line(text.substr(0, open), kMaxName);
+  } else {
+    (text.find('@') == std::string::npos ? mail->from_name : mail->from_address) = mime_clean_line(text, kMaxAddress);
+  }
+  while (mail->from_name.ends_with(';') || mail->from_name.ends_with(':')) mail->from_name.pop_back();
 }
 
 /* An id that can be repeated in a header without changing it. */
@@ -433,6 +497,22 @@ size_t separators_end(std::string_view raw, int most) {
   return at;
 }
 
+/* From the first header on, with line ends that a reader knows: files come from many hands. */
+std::string_view from_header(std::string_view raw, std::string *storage) {
+  if (raw.starts_with("\xef\xbb\xbf")) raw.remove_prefix(3);
+  while (!raw.empty() && (raw.front() == '\n' || raw.front() == '\r')) raw.remove_prefix(1);
+  if (raw.find('\r') == std::string_view::npos || raw.find('\n') != std::string_view::npos) return raw;
+  *storage = raw;
+  std::replace(storage->begin(), storage->end(), '\r', '\n');
+  return *storage;
+}
+
+/* What stands behind the header, as it is. */
+std::string_view behind_header(std::string_view raw) {
+  size_t body = std::min(raw.find("\n\n"), raw.find("\n\r\n"));
+  return body == std::string_view::npos ? std::string_view() : raw.substr(body);
+}
+
 /* The message without what is over the limits: in particular a header that does not end would be searched for its end
    by everything that reads it. `storage` holds the result when it is not a part of `raw`. */
 std::string_view bounded(std::string_view raw, const mime_limits &limits, std::string *storage) {
@@ -463,13 +543,24 @@ std::string hash_uid(GMimeMessage *message, std::string_view raw) {
     std::string line = mime_clean_line(value ? value : "", kMaxSubject) + "\n";
     g_checksum_update(sum, reinterpret_cast<const guchar *>(line.data()), static_cast<gssize>(line.size()));
   }
-  size_t body = std::min(raw.find("\n\n"), raw.find("\n\r\n"));
-  if (body != std::string_view::npos) raw.remove_prefix(body);
+  raw = behind_header(raw);
   while (!raw.empty() && g_ascii_isspace(raw.back())) raw.remove_suffix(1); /* mbox files add an empty line */
   g_checksum_update(sum, reinterpret_cast<const guchar *>(raw.data()), static_cast<gssize>(raw.size()));
   std::string uid = std::string("sha256-") + std::string(g_checksum_get_string(sum)).substr(0, 40);
   g_checksum_free(sum);
   return uid;
+}
+
+/* For a mail without any text: the first mail inside it, or what stands there when its parts cannot be told apart. */
+std::string anything_to_read(GMimeObject *top, std::string_view raw, walk *w) {
+  if (w->forwarded) {
+    walk inner = {w->limits, w->parts};
+    std::string subject = mime_clean_line(decode_words(raw_header(w->forwarded, "Subject")), kMaxSubject);
+    std::string text = walk_object(g_mime_message_get_mime_part(w->forwarded), &inner, 1, nullptr);
+    return subject.empty() || text.empty() ? subject + text : subject + "\n\n" + text;
+  }
+  if (!top || !GMIME_IS_MULTIPART(top) || g_mime_multipart_get_count(GMIME_MULTIPART(top)) > 0) return "";
+  return tidy(mime_to_utf8(behind_header(raw).substr(0, w->limits->text), nullptr));
 }
 
 }  // namespace
@@ -490,7 +581,8 @@ int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
     *error = "empty file";
     return -1;
   }
-  std::string storage;
+  std::string lines, storage;
+  raw = from_header(raw.substr(0, limits.message), &lines);
   std::string_view bytes = bounded(raw, limits, &storage);
   holder<GMimeStream> stream(g_mime_stream_mem_new_with_buffer(bytes.data(), bytes.size()));
   holder<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
@@ -502,16 +594,16 @@ int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
 
   mail->subject = mime_clean_line(decode_words(raw_header(message.get(), "Subject")), kMaxSubject);
   if (!first_address(message.get(), "From", &mail->from_address, &mail->from_name) &&
-      !first_address(message.get(), "Sender", &mail->from_address, &mail->from_name)) {
-    /* A sender that is no address at all is still who it says it is from. */
-    mail->from_address = mime_clean_line(decode_words(raw_header(message.get(), "From")), kMaxAddress);
-  }
+      !first_address(message.get(), "Sender", &mail->from_address, &mail->from_name))
+    split_sender(decode_words(raw_header(message.get(), "From")), mail);
   if (!first_address(message.get(), "Reply-To", &mail->reply_to, nullptr)) mail->reply_to = mail->from_address;
-  mail->date = date_seconds(g_mime_message_get_date(message.get()));
+  mail->date = mime_date(raw_header(message.get(), "Date"));
 
   walk w;
   w.limits = &limits;
-  mail->body = walk_object(g_mime_message_get_mime_part(message.get()), &w, 0, nullptr);
+  GMimeObject *top = g_mime_message_get_mime_part(message.get());
+  mail->body = walk_object(top, &w, 0, nullptr);
+  if (mail->body.empty()) mail->body = anything_to_read(top, bytes, &w);
   if (mail->body.size() > limits.text) mail->body.resize(mime_cut(mail->body, 0, limits.text));
   mail->attachment_count = w.attachments;
   mail->has_image = w.image;
@@ -527,17 +619,17 @@ int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
   return 0;
 }
 
-namespace {
-
-int64_t parse_date(std::string_view text) {
+int64_t mime_date(std::string_view text) {
   std::string value(text.substr(0, 100));
   for (char &c : value)
     if (c == '\r' || c == '\n' || c == '\0') c = ' ';
   std::unique_ptr<GDateTime, date_unref> date(g_mime_utils_header_decode_date(value.c_str()));
+  if (!date) { /* wrong, but clear */
+    std::unique_ptr<GTimeZone, zone_unref> utc(g_time_zone_new_utc());
+    date.reset(g_date_time_new_from_iso8601(g_strstrip(value.data()), utc.get()));
+  }
   return date_seconds(date.get());
 }
-
-}  // namespace
 
 int64_t mime_arrival(std::string_view head) {
   int64_t written = 0;
@@ -550,10 +642,10 @@ int64_t mime_arrival(std::string_view head) {
     std::string_view header = head.substr(line, end - line);
     if (header.size() > 9 && g_ascii_strncasecmp(header.data(), "received:", 9) == 0) {
       size_t date = header.rfind(';');
-      int64_t arrival = date == std::string_view::npos ? 0 : parse_date(header.substr(date + 1));
+      int64_t arrival = date == std::string_view::npos ? 0 : mime_date(header.substr(date + 1));
       if (arrival > 0) return arrival;
     } else if (written == 0 && header.size() > 5 && g_ascii_strncasecmp(header.data(), "date:", 5) == 0) {
-      written = parse_date(header.substr(5));
+      written = mime_date(header.substr(5));
     }
     line = end + 1;
   }

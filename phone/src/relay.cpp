@@ -249,9 +249,9 @@ int delete_from_watch(relay *r, const std::vector<int> &ids, std::string *error)
   if (result == HOST_REFUSED)
     for (int id : ids) {
       result = host_delete_mails(link_bus(r->link), {id}, error);
-      if (result == HOST_AWAY) break;
+      if (result < HOST_REFUSED) break;
     }
-  return result == HOST_AWAY ? -1 : 0;
+  return result < HOST_REFUSED ? -1 : 0;
 }
 
 void add_new_rows(followed *a, const listing &l) {
@@ -378,7 +378,7 @@ int exchange_seen(followed *a, const listing &l) {
     mail_change change;
     change.is_read = item.seen;
     if (item.seen) change.is_new = 0;
-    if (host_update_mail(link_bus(a->r->link), row->mail_id, change, &error) == HOST_AWAY) return -1;
+    if (host_update_mail(link_bus(a->r->link), row->mail_id, change, &error) < HOST_REFUSED) return -1;
     row->seen = item.seen;
     row->dirty = true;
   }

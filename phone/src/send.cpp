@@ -23,8 +23,8 @@ outgoing make_outgoing(const mime_mail &mail, const send_options &options, const
   w.security_locked = options.locked;
   w.is_read = options.is_read < 0 ? seen : options.is_read != 0;
   w.is_new = options.is_new;
-  w.received_time = options.received > 0 ? options.received : mail.date;
-  if (w.received_time <= 0) w.received_time = static_cast<int64_t>(time(nullptr));
+  w.received_time = options.received >= 0 ? options.received : mail.date;
+  if (options.received < 0 && mail.date <= 0) w.received_time = static_cast<int64_t>(time(nullptr));
   /* Both are the phone's own and only come back to it: which account it was, and which state of the mail. */
   w.host_tag = "account:" + std::to_string(options.account_id);
   w.host_state = w.is_read ? 1 : 0;
@@ -61,7 +61,7 @@ int send_batch(sd_bus *bus, phone_state *state, std::vector<outgoing> *batch, st
   int sent = host_add_mails(bus, mails, ids, error);
   /* No answer: the mails may be there, and what is kept of them finds them by their identity. */
   if (sent == HOST_AWAY) {
-    *error += "; whether the mails arrived is not known";
+    *error += "; whether they arrived is not known";
     return -1;
   }
   bool noted = phone_state_begin(state) == 0;
@@ -87,6 +87,10 @@ int parse_time(const std::string &text, int64_t *seconds) {
   }
   char *end = nullptr;
   gint64 number = g_ascii_strtoll(text.c_str(), &end, 10);
+  if (text.find(',') != std::string::npos) { /* as mails write it: Thu, 1 Jan 2026 10:00:00 +0000 */
+    *seconds = mime_date(text);
+    return *seconds > 0 ? 0 : -1;
+  }
   if (!text.empty() && *end == '\0') {
     *seconds = number;
   } else {
@@ -102,7 +106,7 @@ int parse_time(const std::string &text, int64_t *seconds) {
     *seconds = g_date_time_to_unix(date);
     g_date_time_unref(date);
   }
-  return *seconds > 0 && *seconds <= INT32_MAX ? 0 : -1;
+  return *seconds >= 0 && *seconds <= INT32_MAX ? 0 : -1;
 }
 
 int parse_color(const std::string &text, uint32_t *rgba) {

@@ -9,9 +9,9 @@
 struct send_options {
   int account_id = 0;
   bool locked = false;
-  int64_t first = 0;    /* bytes of the body that go at once; below 0: all of it */
-  int64_t received = 0; /* seconds since the epoch; 0: the message's own date, else now */
-  int is_read = -1;     /* -1: as the folder says */
+  int64_t first = 0;     /* bytes of the body that go at once; below 0: all of it */
+  int64_t received = -1; /* seconds since the epoch; below 0: the message's own date, else now */
+  int is_read = -1;      /* -1: as the folder says */
   bool is_new = true;
 };
 
@@ -34,7 +34,8 @@ outgoing make_outgoing(const mime_mail &mail, const send_options &options, const
 int send_batch(sd_bus *bus, phone_state *state, std::vector<outgoing> *batch, std::vector<int> *ids,
                std::string *error);
 
-/* Reads TIME of the command line: seconds since the epoch, ISO 8601 with or without zone (local time then), "now".
+/* Reads TIME of the command line: seconds since the epoch, ISO 8601 with or without zone (local time then), the form
+   of a mail's Date, "now".
    Returns 0, or -1 when it is none of these or not a time of this era. */
 int parse_time(const std::string &text, int64_t *seconds);
 

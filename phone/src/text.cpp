@@ -143,6 +143,7 @@ void text_append_char(std::string *out, uint32_t character) {
 std::string text_clean(std::string_view text) {
   std::string out;
   out.reserve(text.size());
+  if (text.starts_with("\xef\xbb\xbf")) text.remove_prefix(3); /* a file's mark, not text */
   for (size_t i = 0; i < text.size(); i++) {
     auto c = static_cast<unsigned char>(text[i]);
     if (c == '\r') {

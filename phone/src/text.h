@@ -11,4 +11,7 @@ void text_append_char(std::string *out, uint32_t character);
  */
 std::string text_clean(std::string_view text);
 
+/* What an invitation says, line by line: what, when, where, and its description. The text itself when it is none. */
+std::string calendar_to_text(const std::string &calendar);
+
 #endif

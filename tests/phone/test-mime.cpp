@@ -3,6 +3,7 @@
 
 #include <glib.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -62,7 +63,7 @@ TEST(Html, ReadsAsAPersonWould) {
           {"unshown",
            "<head><title>t</title><style>p{}</style></head>a<script>if (a<b) '</p>'</script>b<!-- <p>c</p> -->d"
            "<!--[if mso]>e<![endif]--><![if !mso]>f<![endif]><div style='DISPLAY : none'>g<div>h</div>i</div>j"
-           "<span hidden>k</span>l<svg><text>m</text></svg>",
+           "<span hidden>k</span>l<svg><text>m</text></svg><div style='max-height:0;overflow:hidden'>n</div>",
            "abdfjl"},
           {"signs that are no tags", "1 < 2 > 0 <3 a<b", "1 < 2 > 0 <3 a"},
           {"never closed", "a<!-- b", "a"},
@@ -160,13 +161,20 @@ TEST(Headers, SayWhoAndWhat) {
        "", "büro", "a@b.c"},
       {"From: team: Ann <a@b.c>, Bob <b@b.c>;", "", "Ann", "a@b.c"},
       {"Sender: s@b.c\nSubject: no from", "no from", "", "s@b.c"},
-      {"From: nobody at all", "", "", "nobody at all"},
+      {"From: nobody at all", "", "nobody at all", ""},
+      {"From: Mail System <>", "", "Mail System", ""},
+      {"From: Doe, Jane <a@b.c>", "", "Jane", "a@b.c"},
+      {"From: a@b.c\nSubject: =?utf-8?B?w6Q?= =?utf-8?B?w7bDtg?=", "äöö", "", "a@b.c"},
+      {"\xef\xbb\xbf\n\r\nFrom: a@b.c\nSubject: behind a mark", "behind a mark", "", "a@b.c"},
+      {"From: a@b.c\rSubject: old line ends\r", "old line ends", "", "a@b.c"},
       {"From: a@b.c\nSubject: x\xe2\x80\xae"
        "gpj.exe",
        "xgpj.exe", "", "a@b.c"},
   };
   for (const auto &c : cases) {
-    mime_mail mail = read(std::string(c.headers) + "\n\nbody");
+    const char *end = strchr(c.headers, '\r') && !strchr(c.headers, '\n') ? "\rbody" : "\n\nbody";
+    mime_mail mail = read(std::string(c.headers) + end);
+    EXPECT_EQ(mail.body, "body") << c.headers;
     EXPECT_EQ(mail.subject, c.subject) << c.headers;
     EXPECT_EQ(mail.from_name, c.name) << c.headers;
     EXPECT_EQ(mail.from_address, c.address) << c.headers;
@@ -239,7 +247,24 @@ TEST(Parts, TheOneToRead) {
        false},
       {"a picture alone", with_body("Content-Type: image/png", "x"), "", 0, true},
       {"no end", with_body(mixed, "--m\n" + plain + "one\n--m\nContent-Type: application/pdf\n\nx"), "one", 1, false},
-      {"no boundary", with_body("Content-Type: multipart/mixed", "text"), "", 0, false},
+      {"an invitation alone",
+       with_body("Content-Type: text/calendar",
+                 "BEGIN:VCALENDAR\nBEGIN:VEVENT\nSUMMARY:One\\, two\nDTSTART;TZID=\"A/B\":20260105T140000\n"
+                 "DTEND;TZID=\"A/B\":20260105T150000\nLOCATION:Room\n  4\nBEGIN:VALARM\nDESCRIPTION:no\n"
+                 "END:VALARM\nDESCRIPTION;X=\"a:b\":Bring\\nnumbers\nEND:VEVENT\nBEGIN:VEVENT\nSUMMARY:no\n"),
+       "One, two\n2026-01-05 14:00 – 15:00 (A/B)\nRoom 4\n\nBring\nnumbers", 0, false},
+      {"no invitation", with_body("Content-Type: text/calendar", "BEGIN"), "BEGIN", 0, false},
+      {"signed where it stands",
+       with_body("",
+                 "a\n-----BEGIN PGP SIGNED MESSAGE-----\nHash: X\n\n- -b\n-----BEGIN PGP SIGNATURE-----\nx\n"
+                 "-----END PGP SIGNATURE-----\nc"),
+       "a\n-b\nc", 0, false},
+      {"encrypted", with_body("Content-Type: multipart/encrypted; boundary=m", parts("m", {file, file})), "", 1, false},
+      {"only a forwarded mail",
+       with_body(mixed, parts("m", {"Content-Type: message/rfc822\n\nFrom: x@y\nSubject: sub\n\ntext", file})),
+       "sub\n\ntext", 2, false},
+      {"no boundary", with_body("Content-Type: multipart/mixed", "text"), "text", 0, false},
+      {"a type that is none", with_body("Content-Type: nonsense", "text"), "text", 0, false},
       {"no type", "From: a@b.c\n\none\n", "one", 0, false},
   };
   for (const auto &c : cases) {
