@@ -52,6 +52,7 @@ struct followed {
   std::unordered_map<std::string, int> unclaimed;  /* message_uid to mail id: on the watch, and not matched yet */
   bool known_before = false;                       /* there were rows when this run began */
   bool listed = false;                             /* the watch's list was matched since it connected */
+  bool just_listed = false;                        /* ... and nothing was sent since */
   bool dirty = true;                               /* something may have changed in the mailbox */
   bool unfinished = false;                         /* a file is perhaps still being written */
   std::set<std::string> rewritten;                 /* files that were written to in place */
@@ -418,11 +419,14 @@ int relay_batch(followed *a, std::vector<pending> *batch) {
         p.row->dirty = true;
       }
       save_rows(a, {});
+      /* Somebody may have removed the account from the watch. One look at the list, not a look after every refusal. */
+      if (!a->just_listed) a->listed = false;
     } else {
       a->listed = false; /* whether it was is found out from the watch's list */
     }
     return -1;
   }
+  a->just_listed = false;
   bool noted = phone_state_begin(state) == 0;
   for (size_t i = 0; i < batch->size(); i++) {
     relay_row *row = (*batch)[i].row;
@@ -662,7 +666,7 @@ void match_account(followed *a, const std::vector<host_record> &mails) {
     row.mail_id = 0;
   }
   a->unclaimed = std::move(by_uid);
-  a->listed = true;
+  a->listed = a->just_listed = true;
 }
 
 int match_all(relay *r) {
@@ -879,7 +883,21 @@ int keep_reply(phone_state *state, const nlohmann::json &request) {
 
 /* --- start -------------------------------------------------------------------------------------------------------- */
 
+/* When a folder above the mailbox gets another name, no event comes from the mailbox itself, and what is delivered
+   under the old name is never heard of. Watched for nothing but that; a folder that may not be watched is not. */
+void watch_folders_above(followed *a) {
+  std::string path = a->settings.path + "/";
+  while (path.size() > 1) {
+    path.resize(std::max<size_t>(path.rfind('/'), 1));
+    sd_event_source *source = nullptr;
+    if (sd_event_add_inotify(link_event(a->r->link), &source, path.c_str(), IN_MOVE_SELF | IN_DELETE_SELF | IN_ONLYDIR,
+                             changed_cb, a) >= 0)
+      a->watches.push_back(source);
+  }
+}
+
 int watch_folders(followed *a, std::string *error) {
+  watch_folders_above(a);
   for (const std::string &folder : a->settings.kind->watched(a->settings.path)) {
     sd_event_source *source = nullptr;
     int r = sd_event_add_inotify(link_event(a->r->link), &source, folder.c_str(),

@@ -91,6 +91,11 @@ def test_changes_while_the_relay_is_away(s):
     s.wait(lambda: "again@x" in uids(s), "a mail after the service's end")
     equal(len(s.mails()), len(uids(s)), "no mail twice")
 
+    # Its account is taken from the watch: the next mail brings it and its mails back.
+    s.phone("account", "remove", s.mails()[0]["account_id"])
+    box.deliver(message("back@x"))
+    s.wait(lambda: {"keep@x", "again@x", "back@x"} <= uids(s), "the mailbox again")
+
 
 def test_window_copies_and_renames(s):
     box = Maildir(s.dir / "box")
@@ -247,7 +252,7 @@ def test_hostile_mail_stops_nothing(s):
 
 
 def test_clear_refusals(s):
-    box = Maildir(s.dir / "box")
+    box = Maildir(s.dir / "mail" / "box")
     config = s.dir / "bad.conf"
     config.write_text("[relay]\nnewest=many\n")
     for args, said in ((["relay"], "no mailbox"), (["relay", "--maildir", "x"], "NAME=..."),
@@ -264,8 +269,7 @@ def test_clear_refusals(s):
     # A mailbox that goes away as a whole is no empty one: the relay ends, and the watch keeps its mails.
     box.deliver(message("kept@x"))
     s.wait(lambda: "kept@x" in uids(s), "the mail")
-    os.rename(box.path, s.dir / "elsewhere")
-    os.rename(s.dir / "elsewhere" / "new", s.dir / "moved")
+    os.rename(box.path.parent, s.dir / "elsewhere")
     equal(relay.process.wait(20), 1, "exit code")
     assert "its mailbox is gone" in relay.log(), relay.log()
     equal(uids(s), {"kept@x"}, "the watch's mails")
