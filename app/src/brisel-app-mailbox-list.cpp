@@ -814,11 +814,19 @@ static void _drag_right(void *data, Evas_Object *obj, void *event_info) {
   _drag((appdata *)data, (Elm_Object_Item *)event_info, "elm,state,sweep,right");
 }
 
+/* The list keeps the row under a finger that scrolls slowly, so the row goes on waiting for its long press. */
+static bool touch_scrolls;
+
+static void _scroll_start_cb(void *data, Evas_Object *obj, void *event_info) {
+  touch_scrolls = true;
+}
+
 static void _mailbox_list_mouse_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
   Evas_Event_Mouse_Down *event = (Evas_Event_Mouse_Down *)event_info;
   /* What the touch before blocked was for that touch alone, whether it ended in a selection or in a scroll. */
   ad->blocked_item = nullptr;
+  touch_scrolls = false;
   if (!ad->sweep_item || !ad->mailbox_genlist) return;
   Elm_Object_Item *touched = elm_genlist_at_xy_item_get(ad->mailbox_genlist, event->canvas.x, event->canvas.y, nullptr);
   if (touched == ad->sweep_item) return;
@@ -934,6 +942,7 @@ static void _long_pressed_cb(void *data, Evas_Object *obj, void *event_info) {
     return;
   }
   elm_genlist_item_selected_set(it, EINA_FALSE);
+  if (touch_scrolls) return;
   item_data *item = (item_data *)elm_object_item_data_get(it);
   if (!item) {
     BRISEL_ERROR("item_data is NULL");
@@ -1115,6 +1124,7 @@ Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad)
   }
   evas_object_smart_callback_add(gl, "drag,start,right", _drag_right, ad);
   evas_object_smart_callback_add(gl, "drag,start,left", _drag_left, ad);
+  evas_object_smart_callback_add(gl, "scroll,drag,start", _scroll_start_cb, nullptr);
   evas_object_smart_callback_add(gl, "longpressed", _long_pressed_cb, nullptr);
   evas_object_smart_callback_add(gl, "language,changed", _mailbox_list_language_changed_cb, nullptr);
   evas_object_smart_callback_add(gl, "realized", _row_realized_cb, ad);

@@ -220,6 +220,15 @@ def test_call_by_number_and_vanishing_contacts(s):
     s.wait(lambda: not s.shows(s.text("IDS_COM_SK_CALL"), part=False), "no call row")
 
 
+def test_a_slow_scroll_is_no_long_press(s):
+    arrange(s, mails=6)
+    s.launch()
+    s.wait_text("S1")
+    for _ in range(2):
+        s.watch("drag", 160, 256, 160, 192, 1.2)
+        assert len(s.dump()["views"]) == 1, s.texts()
+
+
 def test_template_reply_reaches_the_phone(s):
     _, _, ids = arrange(s, mails=1, address='"Ann <Ex> & Co" <ann@example.org>')
     s.phone("template", "set", "Fine & <b>dandy</b>", "Second text")
