@@ -45,6 +45,8 @@ struct cover {
 struct walk {
   rect window;
   size_t order = 0;
+  int layer = 0; /* of what is being visited */
+  int layers = 0;
   std::vector<shown_text> texts;
   std::vector<cover> covers;
   std::vector<Evas_Object *> stacks;
@@ -260,7 +262,62 @@ rect block_area(Evas_Object *block) {
   }
   area.x += object.x;
   area.y += object.y;
-  return intersect(area, object);
+  return area;
+}
+
+/* Whether the end of a line gave way to an ellipsis: the toolkit does not tell, so a copy without one is measured. */
+bool text_cut(Evas_Object *obj) {
+  if (evas_object_text_ellipsis_get(obj) < 0.0) return false;
+  const char *font = nullptr;
+  Evas_Font_Size size = 0;
+  evas_object_text_font_get(obj, &font, &size);
+  Evas_Object *copy = evas_object_text_add(evas_object_evas_get(obj));
+  evas_object_scale_set(copy, evas_object_scale_get(obj));
+  evas_object_text_font_set(copy, font, size);
+  evas_object_text_text_set(copy, evas_object_text_text_get(obj));
+  const int natural = geometry(copy).w;
+  evas_object_del(copy);
+  return natural > geometry(obj).w + 1;
+}
+
+bool block_cut(Evas_Object *obj) {
+  const Evas_Textblock_Style *style = evas_object_textblock_style_get(obj);
+  const char *format = style ? evas_textblock_style_get(style) : nullptr;
+  if (!format || !strstr(format, "ellipsis=")) return false;
+  Evas_Object *copy = evas_object_textblock_add(evas_object_evas_get(obj));
+  evas_object_scale_set(copy, evas_object_scale_get(obj));
+  evas_object_textblock_style_set(copy, style);
+  Evas_Textblock_Style *whole = evas_textblock_style_new();
+  evas_textblock_style_set(whole, "DEFAULT='ellipsis=-1'");
+  evas_object_textblock_style_user_push(copy, whole);
+  evas_object_textblock_text_markup_set(copy, evas_object_textblock_text_markup_get(obj));
+  const rect object = geometry(obj);
+  evas_object_resize(copy, object.w, object.h);
+  int w = 0;
+  int h = 0;
+  evas_object_textblock_size_formatted_get(copy, &w, &h);
+  evas_object_del(copy);
+  evas_textblock_style_free(whole);
+  return w > object.w + 1 || h > object.h + 1;
+}
+
+/* The layout that the text is a part of. */
+rect layout_of(const Evas_Object *obj, const rect &window) {
+  const Evas_Object *parent = evas_object_smart_parent_get(obj);
+  return parent ? geometry(parent) : window;
+}
+
+bool inside_scroller(const Evas_Object *obj) {
+  for (const Evas_Object *up = evas_object_smart_parent_get(obj); up; up = evas_object_smart_parent_get(up)) {
+    const char *name = efl_isa(up, EFL_CANVAS_GROUP_CLASS) ? efl_class_name_get(up) : nullptr;
+    if (name && (!strcmp(name, "Elm.Scroller") || !strcmp(name, "Elm.Genlist") || !strcmp(name, "Elm.Entry")))
+      return true;
+  }
+  return false;
+}
+
+json rect_json(const rect &r) {
+  return {{"x", r.x}, {"y", r.y}, {"width", r.w}, {"height", r.h}};
 }
 
 std::string plain_text(Evas_Object *block) {
@@ -274,8 +331,8 @@ std::string plain_text(Evas_Object *block) {
 /* --- the canvas
  * --------------------------------------------------------------------------------------------------------- */
 
-void add_text(walk *w, const std::string &text, const rect &area, const color &c, const std::string &font,
-              double size) {
+void add_text(walk *w, const Evas_Object *obj, const std::string &text, const rect &whole, const rect &area,
+              const color &c, const std::string &font, double size, bool cut) {
   json entry;
   entry["text"] = text;
   entry["x"] = area.x;
@@ -285,6 +342,11 @@ void add_text(walk *w, const std::string &text, const rect &area, const color &c
   entry["color"] = color_text(c);
   entry["font_size"] = std::round(size * 100.0) / 100.0;
   entry["font"] = font;
+  entry["whole"] = rect_json(whole);
+  entry["layout"] = rect_json(layout_of(obj, w->window));
+  entry["cut"] = cut;
+  entry["scrolls"] = inside_scroller(obj);
+  entry["layer"] = w->layer;
   w->texts.push_back({std::move(entry), area, w->order});
 }
 
@@ -296,20 +358,22 @@ void visit_text(walk *w, Evas_Object *obj) {
   const char *font = nullptr;
   Evas_Font_Size size = 0;
   evas_object_text_font_get(obj, &font, &size);
-  add_text(w, text, visible->first, visible->second, font ? font : "", size * evas_object_scale_get(obj));
+  add_text(w, obj, text, geometry(obj), visible->first, visible->second, font ? font : "",
+           size * evas_object_scale_get(obj), text_cut(obj));
 }
 
 void visit_block(walk *w, Evas_Object *obj) {
   const std::string text = plain_text(obj);
   if (text.empty()) return;
-  const auto visible = seen(obj, block_area(obj), w->window);
+  const rect whole = block_area(obj);
+  const auto visible = seen(obj, intersect(whole, geometry(obj)), w->window);
   if (!visible) return;
   const text_style style = style_at_start(obj);
   color c = read_color(style.color_word);
   const color by = visible->second;
   c = {c.r * by.r / 255, c.g * by.g / 255, c.b * by.b / 255, c.a * by.a / 255};
   if (c.a == 0) return;
-  add_text(w, text, visible->first, c, style.font, style.size * evas_object_scale_get(obj));
+  add_text(w, obj, text, whole, visible->first, c, style.font, style.size * evas_object_scale_get(obj), block_cut(obj));
 }
 
 void visit_cover(walk *w, Evas_Object *obj, const char *type) {
@@ -335,6 +399,7 @@ std::string markup_to_plain(const char *markup) {
 void visit_widget(walk *w, Evas_Object *obj) {
   const std::string name = or_empty(efl_class_name_get(obj));
   if (name == "Elm.Naviframe" && evas_object_visible_get(obj)) w->stacks.push_back(obj);
+  if (name == "Elm.Popup" || name == "Elm.Notify") w->layer = ++w->layers;
   if (name == "Elm.Popup" && evas_object_visible_get(obj)) {
     json popup;
     popup["title"] = markup_to_plain(elm_object_part_text_get(obj, "title,text"));
@@ -354,10 +419,12 @@ void visit(walk *w, Evas_Object *obj) {
   } else if (strcmp(type, "rectangle") == 0 || strcmp(type, "image") == 0) {
     visit_cover(w, obj, type);
   } else if (efl_isa(obj, EFL_CANVAS_GROUP_CLASS)) {
+    const int below = w->layer;
     if (elm_object_widget_check(obj)) visit_widget(w, obj);
     Eina_List *members = evas_object_smart_members_get(obj);
     void *member;
     EINA_LIST_FREE(members, member) visit(w, static_cast<Evas_Object *>(member));
+    w->layer = below;
   }
 }
 
