@@ -216,8 +216,15 @@ class Session:
 
     def text(self, id, domain="brisel"):
         """The translation of an id, from the catalogue that the application reads."""
+        return self.catalogue(domain).gettext(id)
+
+    def counted(self, id, number, domain="brisel"):
+        """The translation of a text with a number in it."""
+        return self.catalogue(domain).ngettext(id, id, number).replace("%d", str(number))
+
+    def catalogue(self, domain):
         locale = pathlib.Path(self.env["BRISEL_RES_DIR"]) / "locale"
-        return gettext.translation(domain, str(locale), [self.language]).gettext(id)
+        return gettext.translation(domain, str(locale), [self.language])
 
 
 def middle(shown):
