@@ -223,7 +223,7 @@ def test_call_by_number_and_vanishing_contacts(s):
 def test_a_slow_scroll_is_no_long_press(s):
     arrange(s, mails=6)
     s.launch()
-    s.wait_text("S1")
+    s.wait_text("S6")
     for _ in range(2):
         s.watch("drag", 160, 256, 160, 192, 1.2)
         assert len(s.dump()["views"]) == 1, s.texts()
