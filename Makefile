@@ -1,5 +1,5 @@
 # Thin commands over meson; each does all of its own set-up.
-#   make build | run [SIZE=WxH] [MAIL=path] | test | bench | check | sanitize | screens | install | deb
+#   make build | run [SIZE=WxH] [MAIL=path] | test | bench | check | sanitize | crash [ROUNDS=N] | screens | install | deb
 BUILD ?= build
 SIZE ?= 320x320
 MAIL ?=
@@ -7,8 +7,9 @@ LANGUAGE_SHOWN ?= en
 THEME ?= dark
 DESTDIR ?=
 MESON_FLAGS ?=
+ROUNDS ?= 2000
 
-.PHONY: all build run test bench check sanitize screens references install deb packages clean
+.PHONY: all build run test bench check sanitize crash screens references install deb packages clean
 
 all: build
 
@@ -38,6 +39,10 @@ sanitize: packages
 	@[ -f build-sanitize/build.ninja ] || meson setup build-sanitize --prefix=/usr -Db_sanitize=address,undefined -Db_lundef=false -Dbuildtype=debug
 	ninja -C build-sanitize
 	@tests/run-tests build-sanitize
+
+# The crash test at length: ends the service, the relay and a reader at ROUNDS random points.
+crash: build
+	@BRISEL_CRASH_ROUNDS=$(ROUNDS) meson test -C $(BUILD) --no-rebuild --verbose --timeout-multiplier 20 phone-crash
 
 # Every screen and state as a picture, in a language, theme and size.
 screens: build

@@ -456,7 +456,9 @@ int keep(const options &opt) {
     follow_parent(parent);
     close(signals);
     sigset_t unused;
-    _exit(supervise(opt, s, &mask, block_signals(&unused)));
+    const int code = supervise(opt, s, &mask, block_signals(&unused));
+    if (getppid() != parent) remove_session(opt, s); /* the keeper was killed and cannot */
+    _exit(code);
   }
   int code = 125;
   bool running = supervisor > 0;
@@ -511,6 +513,9 @@ int main(int argc, char **argv) {
   app.get_option("COMMAND")->required(false);
   try {
     app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+  } catch (const CLI::CallForHelp &) {
+    fputs(app.help().c_str(), stdout);
+    return 0;
   } catch (const CLI::Success &result) {
     return app.exit(result);
   } catch (const CLI::ParseError &error) {
@@ -519,6 +524,10 @@ int main(int argc, char **argv) {
   }
   if (opt.command.empty()) {
     complain("no command to run; see --help");
+    return 125;
+  }
+  if (opt.keep.empty() && app.count("--keep") > 0) {
+    complain("--keep wants a folder");
     return 125;
   }
   if (!opt.size.empty() && !size_valid(opt.size)) {

@@ -341,7 +341,8 @@ int timezone_set(const std::string &zone) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app{"The watch around an application of Brisel: keys, settings, contacts, and its screen"};
+  CLI::App app{"The watch around an application of Brisel: keys, settings, contacts, and its screen",
+               "brisel-watchctl"};
   app.set_version_flag("--version", std::string("brisel-watchctl ") + BRISEL_VERSION);
   app.require_subcommand(1);
   app.add_option("--app", app_id, "the application, by its id")->capture_default_str();
