@@ -962,8 +962,8 @@ static char *_gl_popup_text_get(void *data, Evas_Object *obj, const char *part) 
   }
   if (!strcmp(part, "elm.text.1") || !strcmp(part, "elm.text")) {
     if (row->account_id == 0) return strdup(brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"));
-    /* A name is shown as the text it is, like the address below it. An account without one goes by its address. */
-    return brisel_util_text_to_markup(row->name ? row->name : row->address);
+    /* A name is shown as the text it is, like the address below it. */
+    return brisel_util_text_to_markup(row->name);
   }
   if (!strcmp(part, "elm.text.2")) return brisel_util_text_to_markup(row->address);
   return nullptr;
@@ -1038,10 +1038,6 @@ static void _popup_row_realized_cb(void *data, Evas_Object *obj, void *event_inf
   brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
-static bool _has_name(const account_data *account) {
-  return account && account->display_name && *account->display_name;
-}
-
 /* account NULL: the combined row. Returns the row's item, or NULL. */
 static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genlist_Item_Class *itc, int index,
                                           const account_data *account) {
@@ -1054,7 +1050,10 @@ static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genl
   row->account_id = account ? account->account_id : 0;
   const char *address = account ? account->email_address : brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB");
   row->address = address ? strdup(address) : nullptr;
-  row->name = _has_name(account) ? strdup(account->display_name) : nullptr;
+  if (account && account->display_name && *account->display_name)
+    row->name = strdup(account->display_name);
+  else if (account && address)
+    row->name = strndup(address, strcspn(address, "@")); /* rather than an empty line above the address */
   row->ad = ad;
   row->it = elm_genlist_item_append(gl, itc, row, nullptr, ELM_GENLIST_ITEM_NONE, _gl_popup_sel, row);
   return row->it;
@@ -1093,9 +1092,7 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   Elm_Object_Item *last = _append_popup_row(ad, gl, itc_combined, index++, nullptr);
   for (GSList *cell = accounts.get(); cell; cell = cell->next) {
     if (!cell->data) continue;
-    const account_data *account = (account_data *)cell->data;
-    /* Two lines would leave the first one empty when there is no name. */
-    last = _append_popup_row(ad, gl, _has_name(account) ? itc_account : itc_combined, index++, account);
+    last = _append_popup_row(ad, gl, itc_account, index++, (account_data *)cell->data);
   }
   if (last) elm_object_item_signal_emit(last, "elm,state,bottomline,hide", "");
   /* A row that is not drawn yet hears no signal. */
