@@ -461,9 +461,23 @@ void on_back(void *, Evas_Object *, void *) {
   keypad_hide();
 }
 
+void load_language() {
+  const std::unique_ptr<char, decltype(&free)> language(vconf_get_str(LANGUAGE_KEY), free);
+  const keypad_layout *own = &keypad_layout_for(language != nullptr ? language.get() : "");
+  if (own != pad.own) pad.english = false;
+  pad.own = own;
+}
+
+/* Someone who changes the language while writing goes on in the new one. */
+void on_language_changed(keynode_t *, void *) {
+  load_language();
+  show_mode(mode::letters);
+}
+
 void on_conformant_deleted(void *, Evas *, Evas_Object *, void *) {
   pad.conformant = nullptr;
   pad.displaced = nullptr;
+  vconf_ignore_key_changed(LANGUAGE_KEY, on_language_changed);
   serve(nullptr);
   press(-1);
   evas_object_hide(pad.ground);
@@ -501,6 +515,7 @@ void on_window_resized(void *, Evas *, Evas_Object *, void *) {
 
 void on_window_deleted(void *, Evas *, Evas_Object *, void *) {
   serve(nullptr);
+  vconf_ignore_key_changed(LANGUAGE_KEY, on_language_changed);
   if (pad.conformant != nullptr)
     evas_object_event_callback_del_full(pad.conformant, EVAS_CALLBACK_DEL, on_conformant_deleted, nullptr);
   if (pad.watched != nullptr) {
@@ -510,13 +525,6 @@ void on_window_deleted(void *, Evas *, Evas_Object *, void *) {
   stop_repeat();
   /* The ground may have died with the conformant that showed it; what is left goes with the canvas. */
   pad = {};
-}
-
-void load_language() {
-  const std::unique_ptr<char, decltype(&free)> language(vconf_get_str(LANGUAGE_KEY), free);
-  const keypad_layout *own = &keypad_layout_for(language != nullptr ? language.get() : "");
-  if (own != pad.own) pad.english = false;
-  pad.own = own;
 }
 
 }  // namespace
@@ -558,6 +566,7 @@ void keypad_show(void) {
     pad.conformant = conformant;
     evas_object_event_callback_add(conformant, EVAS_CALLBACK_DEL, on_conformant_deleted, nullptr);
     ea_object_event_callback_add(pad.ground, EA_CALLBACK_BACK, on_back, nullptr);
+    vconf_notify_key_changed(LANGUAGE_KEY, on_language_changed, nullptr);
     serve(entry);
     tell_size();
   } else {
@@ -572,6 +581,7 @@ void keypad_hide(void) {
   serve(nullptr);
   press(-1);
   ea_object_event_callback_del(pad.ground, EA_CALLBACK_BACK, on_back);
+  vconf_ignore_key_changed(LANGUAGE_KEY, on_language_changed);
   evas_object_event_callback_del_full(conformant, EVAS_CALLBACK_DEL, on_conformant_deleted, nullptr);
   edje_object_part_unswallow(frame, pad.ground);
   evas_object_hide(pad.ground);
