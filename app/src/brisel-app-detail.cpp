@@ -823,6 +823,10 @@ static void __brisel_detail_create_layout_page_scroller(brisel_detail_view *view
   Evas_Object *layout = __brisel_detail_create_layout(view_data->ad->naviframe, "brisel/detail/page_scroller");
   if (!layout) return;
   __brisel_detail_keep(&view_data->page_scroller_layout, layout);
+  /* Nothing in the reader takes the keyboard's focus. It would go to a button of some page, and the scroller would
+     bring that page into view: the reader would turn to a mail that nobody asked for, and tell the phone that it is
+     read. */
+  elm_object_tree_focus_allow_set(layout, EINA_FALSE);
   evas_object_event_callback_add(layout, EVAS_CALLBACK_RESIZE, __brisel_detail_page_layout_resize_cb, view_data);
 }
 
