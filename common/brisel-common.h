@@ -177,7 +177,8 @@ int brisel_ipc_client_event_unsubscribe(int event_type);
    and expects no answer (a delete, a reply) is never withdrawn: it would be lost. 0: a new request may be sent. */
 int brisel_ipc_req_cancel(int request_type);
 /* The request functions copy what they need; the caller frees its record at once, whatever the result.
-   0: accepted; it reaches the service as soon as there is one, exactly once. callback NULL: no answer wanted. */
+   0: accepted; it reaches the service as soon as there is one, exactly once, even if the application is killed
+   meanwhile. callback NULL: no answer wanted. */
 int brisel_ipc_req_delete_notis(op_data *data, brisel_ipc_response_cb callback, void *user_data);
 int brisel_ipc_req_clear_all_new_flag(op_data *data, brisel_ipc_response_cb callback, void *user_data);
 int brisel_ipc_req_update_ind(update_noti_data *data, brisel_ipc_response_cb callback, void *user_data);

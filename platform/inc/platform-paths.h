@@ -13,8 +13,8 @@ const char *platform_path(const char *path);
 
 /* The folders the platform keeps its own state in (created with mode 0700 when missing), following the XDG base
    directories: data (store, contacts), config (persistent settings), runtime (settings of this session, sockets),
-   state (the phone tool), app state (what the other applications record). The result is the library's own. NULL when it
-   cannot be made. */
+   state (the phone tool), app state (what applications record, and their requests that wait for the service). The
+   result is the library's own. NULL when it cannot be made. */
 const char *platform_data_dir(void);
 const char *platform_config_dir(void);
 const char *platform_runtime_dir(void);

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "dlog.h"
+#include "platform-files.h"
 #include "platform-paths.h"
 #include "text-check.h"
 #include "vconf.h"
@@ -150,16 +151,6 @@ bool parse_value(std::string_view bytes, vconf_value *value) {
   return true;
 }
 
-bool write_all(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t done = write(fd, bytes.data(), bytes.size());
-    if (done < 0 && errno == EINTR) continue;
-    if (done <= 0) return false;
-    bytes.remove_prefix(static_cast<size_t>(done));
-  }
-  return true;
-}
-
 /* A writer that was killed leaves its temporary file; the next process that writes here takes it away. */
 void sweep_temporary_files(const std::string &folder) {
   DIR *dir = opendir(folder.c_str());
@@ -212,32 +203,11 @@ int store_value(const char *key, int type, std::string_view body) {
       "vconf1 " + name + " " + id + " " + std::to_string(body.size()) + " " + hex16(checksum(name, id, body)) + "\n";
   bytes.append(body);
 
-  const char *step = "create";
-  {
-    const fd_holder file(
-        openat(dir.fd, temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-    bool good = file.fd >= 0;
-    if (good) {
-      step = "write";
-      good = write_all(file.fd, bytes);
-    }
-    /* Values under "memory/" end with the session, so a power cut takes nothing that was to stay. */
-    if (good && !memory) {
-      step = "sync";
-      good = fsync(file.fd) == 0;
-    }
-    if (good) {
-      step = "rename";
-      good = renameat(dir.fd, temporary.c_str(), dir.fd, vconf_key_file(key).c_str()) == 0;
-    }
-    if (!good) {
-      __dlog_print(DLOG_ERROR, LOG_TAG, "cannot %s the value of \"%s\": %s", step, key, strerror(errno));
-      if (file.fd >= 0) unlinkat(dir.fd, temporary.c_str(), 0);
-      return -1;
-    }
-  }
-  if (!memory && fsync(dir.fd) != 0) {
-    __dlog_print(DLOG_ERROR, LOG_TAG, "cannot sync the folder of \"%s\": %s", key, strerror(errno));
+  const char *step = nullptr;
+  /* Values under "memory/" end with the session, so a power cut takes nothing that was to stay. */
+  if (platform_file_replace(dir.fd, vconf_key_file(key).c_str(), temporary.c_str(), bytes.data(), bytes.size(), !memory,
+                            &step) != 0) {
+    __dlog_print(DLOG_ERROR, LOG_TAG, "cannot %s the value of \"%s\": %s", step, key, strerror(errno));
     return -1;
   }
   return 0;

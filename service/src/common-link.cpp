@@ -2,8 +2,10 @@
  * The host link: requests to the service, events from the store.
  *
  * Requests that expect no answer wait in a queue and go out one at a time, so that their order holds and a service that
- * vanishes leaves at most one in doubt; each has a uid, and the service does a uid once. Events are rows of the store
- * behind the last one seen: a signal only says that it is worth a look, and the service's coming back does too.
+ * vanishes leaves at most one in doubt; each has a uid, and the service does a uid once. What the bus could not take
+ * over at once, or the service does not answer soon, is kept in a file as well: it outlives this process. Events are
+ * rows of the store behind the last one seen: a signal only says that it is worth a look, and the service's coming back
+ * does too.
  */
 #include <Ecore.h>
 #include <systemd/sd-bus.h>
@@ -19,6 +21,7 @@
 
 #include "brisel-common.h"
 #include "bus-loop.h"
+#include "common-kept.h"
 #include "dlog.h"
 #include "reader.h"
 #include "store-format.h"
@@ -48,18 +51,13 @@ constexpr uint64_t request_timeout_usec = 25u * 1000000u;
 constexpr uint64_t more_timeout_usec = 120u * 1000000u;
 /* How long the end of the application may wait to hand over what is left. */
 constexpr uint64_t flush_usec = 3u * 1000000u;
+/* Seconds that a request may be in the hands of the bus alone. */
+constexpr double keep_after = 0.2;
 constexpr double retry_first = 0.5, retry_last = 30.0;
 
-struct request {
-  int type; /* a brisel_ipc_client_req_type, or -1 */
-  const char *member;
-  std::string uid;
-  std::vector<int> ids;
-  int host_state = 0;
-  std::vector<std::string> texts;
-  int mail_id = 0;
-  brisel_ipc_response_cb callback;
-  void *user_data;
+struct request : kept_request {
+  brisel_ipc_response_cb callback = nullptr;
+  void *user_data = nullptr;
 };
 
 struct event {
@@ -87,6 +85,8 @@ struct {
   sd_bus_slot *call_slot;
   Ecore_Timer *retry;
   double retry_delay;
+  bool kept; /* the queue, or what was there of it, is on the disk too */
+  Ecore_Timer *keep;
 
   sd_bus_slot *more_slot;
   brisel_ipc_response_cb more_callback;
@@ -291,7 +291,7 @@ std::vector<int> ids_of_list(const GSList *list) {
 }
 
 int new_message(const request &r, sd_bus_message **m) {
-  int e = sd_bus_message_new_method_call(host.bus, m, service, path, interface, r.member);
+  int e = sd_bus_message_new_method_call(host.bus, m, service, path, interface, kept_member(r.type));
   if (e >= 0) e = sd_bus_message_append_basic(*m, 's', r.uid.c_str());
   if (r.type == BRISEL_IPC_CLIENT_REQ_TYPE_REPLY) {
     for (size_t i = 0; e >= 0 && i < 5; i++) e = sd_bus_message_append_basic(*m, 's', r.texts[i].c_str());
@@ -311,6 +311,38 @@ void answer(brisel_ipc_response_cb callback, void *user_data, const std::vector<
   for (size_t i = ids.size(); i > 0; i--) record.id_list = g_slist_prepend(record.id_list, GINT_TO_POINTER(ids[i - 1]));
   callback(error ? nullptr : &record, error, user_data);
   g_slist_free(record.id_list);
+}
+
+void stop_keeping(void) {
+  if (host.keep) ecore_timer_del(host.keep);
+  host.keep = nullptr;
+}
+
+void keep_queue(bool lasting) {
+  stop_keeping();
+  std::vector<const kept_request *> waiting;
+  for (const request &r : host.queue) waiting.push_back(&r);
+  host.kept = kept_save(waiting, lasting) || host.kept;
+}
+
+Eina_Bool keep_cb(void *data) {
+  host.keep = nullptr;
+  keep_queue(true);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+/* Whether the first request has left this process. */
+bool first_is_out(void) {
+  uint64_t unwritten = 0;
+  return host.call_slot && sd_bus_get_n_queued_write(host.bus, &unwritten) >= 0 && unwritten == 0;
+}
+
+/* A request that is done may stay on the disk until all are: its uid makes a second time harmless. */
+void forget_when_done(void) {
+  if (!host.queue.empty()) return;
+  stop_keeping();
+  if (host.kept) kept_forget();
+  host.kept = false;
 }
 
 Eina_Bool retry_cb(void *data) {
@@ -350,7 +382,9 @@ void finish_first(const sd_bus_error *refused) {
   host.queue.pop_front();
   host.retry_delay = retry_first;
   if (refused)
-    __dlog_print(DLOG_ERROR, log_tag, "%s was refused: %s", done.member, refused->message ? refused->message : "");
+    __dlog_print(DLOG_ERROR, log_tag, "%s was refused: %s", kept_member(done.type),
+                 refused->message ? refused->message : "");
+  forget_when_done();
   send_next();
   answer(done.callback, done.user_data, done.ids, refused ? BRISEL_COMMON_ERROR_REMOTE : 0);
 }
@@ -360,7 +394,7 @@ int request_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   const sd_bus_error *error = sd_bus_message_get_error(m);
   if (error && !is_refusal(error->name)) {
     /* The service may have done it without being able to say so: the same uid again does no harm. */
-    __dlog_print(DLOG_WARN, log_tag, "%s goes out again: %s", host.queue.front().member,
+    __dlog_print(DLOG_WARN, log_tag, "%s goes out again: %s", kept_member(host.queue.front().type),
                  error->message ? error->message : error->name);
     retry_later();
   } else {
@@ -380,7 +414,7 @@ void send_next(void) {
   if (e >= 0) e = sd_bus_call_async(host.bus, &host.call_slot, m, request_cb, nullptr, request_timeout_usec);
   sd_bus_message_unref(m);
   if (e < 0) {
-    __dlog_print(DLOG_WARN, log_tag, "%s cannot be sent now: %s", host.queue.front().member, strerror(-e));
+    __dlog_print(DLOG_WARN, log_tag, "%s cannot be sent now: %s", kept_member(host.queue.front().type), strerror(-e));
     retry_later();
   }
 }
@@ -393,6 +427,10 @@ int enqueue(request r) {
   r.uid = new_uid();
   host.queue.push_back(std::move(r));
   send_next();
+  /* What is on its way to a service that is well is on that one's disk sooner than it would be on ours. The rest must
+     outlive this process from now on, and a power cut if it is not taken over soon: nobody waits for the disk here. */
+  if (host.queue.size() > 1 || !first_is_out()) keep_queue(false);
+  host.keep = ecore_timer_add(keep_after, keep_cb, nullptr);
   return 0;
 }
 
@@ -509,12 +547,16 @@ void flush_queue(void) {
     sd_bus_message_unref(m);
     const bool refused = e < 0 && sd_bus_error_is_set(&error) && is_refusal(error.name);
     if (e < 0)
-      __dlog_print(DLOG_ERROR, log_tag, "%s was not handed over: %s", host.queue.front().member,
+      __dlog_print(DLOG_ERROR, log_tag, "%s was not handed over: %s", kept_member(host.queue.front().type),
                    error.message ? error.message : strerror(-e));
     sd_bus_error_free(&error);
     if (e < 0 && !refused) break;
     host.queue.pop_front();
   }
+  /* The next start hands over what is left. */
+  host.queue.empty() ? forget_when_done() : keep_queue(true);
+  stop_keeping();
+  host.kept = false;
   host.queue.clear();
 }
 
@@ -540,8 +582,15 @@ int brisel_ipc_client_init(void) {
     if (r == SQLITE_ROW) host.last_change = sqlite3_column_int64(q, 0);
     reader_done(q, r);
   }
+  for (kept_request &left : kept_load()) {
+    request r;
+    static_cast<kept_request &>(r) = std::move(left);
+    host.queue.push_back(std::move(r));
+  }
+  host.kept = !host.queue.empty();
   bus_loop_watch_add(bus_watch_cb, nullptr);
   attach();
+  send_next();
   return host.bus ? 0 : BRISEL_COMMON_ERROR_LINK;
 }
 
@@ -592,7 +641,8 @@ int brisel_ipc_req_cancel(int request_type) {
 
 int brisel_ipc_req_delete_notis(op_data *data, brisel_ipc_response_cb callback, void *user_data) {
   if (!data || !data->id_list) return BRISEL_COMMON_ERROR_INVALID;
-  request r = {BRISEL_IPC_CLIENT_REQ_TYPE_DELETE_NOTIS, "DeleteNotis"};
+  request r;
+  r.type = BRISEL_IPC_CLIENT_REQ_TYPE_DELETE_NOTIS;
   r.ids = ids_of_list(data->id_list);
   r.callback = callback;
   r.user_data = user_data;
@@ -601,7 +651,8 @@ int brisel_ipc_req_delete_notis(op_data *data, brisel_ipc_response_cb callback, 
 
 int brisel_ipc_req_clear_all_new_flag(op_data *data, brisel_ipc_response_cb callback, void *user_data) {
   if (!data) return BRISEL_COMMON_ERROR_INVALID;
-  request r = {BRISEL_IPC_CLIENT_REQ_TYPE_CLEAR_ALL_NEW_FLAG, "ClearAllNewFlag"};
+  request r;
+  r.type = BRISEL_IPC_CLIENT_REQ_TYPE_CLEAR_ALL_NEW_FLAG;
   r.ids = ids_of_list(data->id_list);
   r.callback = callback;
   r.user_data = user_data;
@@ -610,7 +661,8 @@ int brisel_ipc_req_clear_all_new_flag(op_data *data, brisel_ipc_response_cb call
 
 int brisel_ipc_req_update_ind(update_noti_data *data, brisel_ipc_response_cb callback, void *user_data) {
   if (!data || !data->id_list) return BRISEL_COMMON_ERROR_INVALID;
-  request r = {BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND, "UpdateInd"};
+  request r;
+  r.type = BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND;
   r.ids = ids_of_list(data->id_list);
   r.host_state = data->host_state;
   r.callback = callback;
@@ -620,7 +672,8 @@ int brisel_ipc_req_update_ind(update_noti_data *data, brisel_ipc_response_cb cal
 
 int brisel_ipc_req_reply(reply_noti_data *data, brisel_ipc_response_cb callback, void *user_data) {
   if (!data || data->mail_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
-  request r = {BRISEL_IPC_CLIENT_REQ_TYPE_REPLY, "Reply"};
+  request r;
+  r.type = BRISEL_IPC_CLIENT_REQ_TYPE_REPLY;
   for (const char *text : {data->host_tag, data->action, data->message_uid, data->recipient, data->text, data->subject})
     r.texts.push_back(bus_text(text));
   r.mail_id = data->mail_id;
@@ -631,7 +684,8 @@ int brisel_ipc_req_reply(reply_noti_data *data, brisel_ipc_response_cb callback,
 }
 
 int brisel_ipc_req_no_account(brisel_ipc_response_cb callback, void *user_data) {
-  request r = {-1, "NoAccount"};
+  request r;
+  r.type = -1;
   r.callback = callback;
   r.user_data = user_data;
   return enqueue(std::move(r));

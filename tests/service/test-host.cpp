@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -120,6 +121,13 @@ int service_pid(peer *p) {
   if (sd_bus_get_name_creds(p->bus, service, SD_BUS_CREDS_PID, &creds) >= 0) sd_bus_creds_get_pid(creds, &pid);
   sd_bus_creds_unref(creds);
   return pid;
+}
+
+/* The service, started when it is away: a client whose services keep falling starts none for a while. */
+int start_service(peer *p) {
+  sd_bus_call_method(p->bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                     "StartServiceByName", nullptr, nullptr, "su", service, 0u);
+  return service_pid(p);
 }
 
 /* Kills the running service; the bus starts the next one when someone calls. */
@@ -342,11 +350,14 @@ TEST_F(Host, EachRequestIsDoneOnceInOrderHoweverOftenTheServiceIsKilled) {
     const int burst = 1 + rand() % 9;
     for (int i = 0; i < burst && sent < count; i++) EXPECT_EQ(0, send_delete(5000 + sent++));
     int pid = 0;
-    ASSERT_TRUE(until([&] { return (pid = service_pid(&other)) > 0; }));
+    ASSERT_TRUE(until([&] { return (pid = start_service(&other)) > 0; }));
     for (int turns = rand() % 30; turns > 0; turns--) ecore_main_loop_iterate();
     if (kill(pid, SIGKILL) == 0) kills++;
   }
-  ASSERT_TRUE(until([&] { return query("SELECT count(*) FROM outbox") == std::to_string(count) + "\n"; }));
+  ASSERT_TRUE(until([&] {
+    start_service(&other);
+    return query("SELECT count(*) FROM outbox") == std::to_string(count) + "\n";
+  }));
   EXPECT_GT(kills, 5);
   std::string expected;
   for (int i = 0; i < count; i++)
@@ -361,6 +372,46 @@ TEST_F(Host, WhatWasAcceptedIsHandedOverWhenTheApplicationEnds) {
   EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, send_delete(1));
   EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_DELETE_NOTIS));
   EXPECT_EQ(0, brisel_ipc_client_init());
+}
+
+/* Another process, which is killed with what it handed over. */
+void hand_over_and_die(int count) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    execl("/proc/self/exe", "test-host", "--hand-over-and-die", std::to_string(count).c_str(), nullptr);
+    _exit(1);
+  }
+  int status = 0;
+  EXPECT_EQ(pid, waitpid(pid, &status, 0));
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+}
+
+TEST_F(Host, WhatWasAcceptedOutlivesTheApplicationThatIsKilled) {
+  const std::string kept = std::string(platform_app_state_dir()) + "/requests";
+  const int service = service_pid(&other);
+  EXPECT_EQ(0, brisel_ipc_client_deinit());
+  EXPECT_EQ(0, kill(service, SIGSTOP));
+  hand_over_and_die(3);
+  EXPECT_EQ(0, kill(service, SIGKILL)); /* whether it had read the first or not */
+  ASSERT_TRUE(until([&] { return service_pid(&other) != service; }));
+  EXPECT_EQ(0, brisel_ipc_client_init());
+  ASSERT_TRUE(until([&] { return start_service(&other) > 0 && query("SELECT count(*) FROM outbox") == "3\n"; }));
+  EXPECT_EQ(
+      "{\"request\":\"delete_notis\",\"id_list\":[8000]}\n{\"request\":\"delete_notis\",\"id_list\":[8001]}\n"
+      "{\"request\":\"delete_notis\",\"id_list\":[8002]}\n",
+      query("SELECT json FROM outbox ORDER BY id"));
+  ASSERT_TRUE(until([&] { return access(kept.c_str(), F_OK) != 0; }));
+
+  /* One that cannot be read is set aside, and nothing is made of it. */
+  EXPECT_EQ(0, brisel_ipc_client_deinit());
+  FILE *file = fopen(kept.c_str(), "w");
+  fputs("no requests at all", file);
+  fclose(file);
+  EXPECT_EQ(0, brisel_ipc_client_init());
+  EXPECT_EQ(0, access((kept + ".broken").c_str(), F_OK));
+  EXPECT_NE(0, access(kept.c_str(), F_OK));
+  EXPECT_EQ(0, send_delete(8003));
+  ASSERT_TRUE(until([&] { return query("SELECT count(*) FROM outbox") == "4\n"; }));
 }
 
 TEST_F(Host, BadArgumentsAreRefusedAndChangeNothing) {
@@ -761,6 +812,11 @@ int main(int argc, char **argv) {
   testing::InitGoogleTest(&argc, argv);
   setenv("ECORE_NO_SYSTEM_MODULES", "1", 1); /* they would talk to the machine's own bus */
   ecore_init();
+  if (argc == 3 && !strcmp(argv[1], "--hand-over-and-die")) {
+    brisel_ipc_client_init();
+    for (int i = 0; i < atoi(argv[2]); i++) send_delete(8000 + i);
+    raise(SIGKILL);
+  }
   const int result = RUN_ALL_TESTS();
   ecore_shutdown();
   return result;

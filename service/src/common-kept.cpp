@@ -1,0 +1,142 @@
+#include "common-kept.h"
+
+#include <fcntl.h>
+#include <glib.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "brisel-common.h"
+#include "dlog.h"
+#include "platform-files.h"
+#include "platform-paths.h"
+#include "store-format.h"
+
+namespace {
+
+constexpr char log_tag[] = "BRISEL_COMMON";
+constexpr char file_name[] = "requests";
+constexpr char broken_name[] = "requests.broken";
+constexpr char format[] = "a(isaiiasi)";
+constexpr size_t reply_texts = 6;
+
+using variant = std::unique_ptr<GVariant, decltype(&g_variant_unref)>;
+
+struct folder {
+  int fd;
+  folder() : fd(-1) {
+    const char *path = platform_app_state_dir();
+    if (path) fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  }
+  ~folder() {
+    if (fd >= 0) close(fd);
+  }
+  folder(const folder &) = delete;
+  folder &operator=(const folder &) = delete;
+};
+
+/* false when there is no such file, or none that can be read. */
+bool read_file(int folder_fd, std::string *bytes) {
+  const int file = openat(folder_fd, file_name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (file < 0) return false;
+  char buffer[65536];
+  ssize_t got;
+  /* More than requests can hold by their bounds is none of ours; whatever is cut off here is not well-formed. */
+  while ((got = read(file, buffer, sizeof buffer)) > 0 && bytes->size() < (body_max << 2))
+    bytes->append(buffer, static_cast<size_t>(got));
+  close(file);
+  return got >= 0;
+}
+
+bool read_request(GVariant *one, kept_request *r) {
+  const char *uid = nullptr;
+  variant ids(g_variant_get_child_value(one, 2), g_variant_unref);
+  variant texts(g_variant_get_child_value(one, 4), g_variant_unref);
+  g_variant_get_child(one, 0, "i", &r->type);
+  g_variant_get_child(one, 1, "&s", &uid);
+  g_variant_get_child(one, 3, "i", &r->host_state);
+  g_variant_get_child(one, 5, "i", &r->mail_id);
+  r->uid = uid;
+  gsize count = 0;
+  const void *numbers = g_variant_get_fixed_array(ids.get(), &count, sizeof(gint32));
+  const auto *first = static_cast<const gint32 *>(numbers);
+  r->ids.assign(first, first + count);
+  for (gsize i = 0; i < g_variant_n_children(texts.get()); i++) {
+    const char *text = nullptr;
+    g_variant_get_child(texts.get(), i, "&s", &text);
+    r->texts.emplace_back(text);
+  }
+  return kept_member(r->type) && !r->uid.empty() && r->uid.size() <= uid_max && r->ids.size() <= ids_max &&
+         (r->type != BRISEL_IPC_CLIENT_REQ_TYPE_REPLY || r->texts.size() == reply_texts);
+}
+
+}  // namespace
+
+const char *kept_member(int type) {
+  switch (type) {
+    case -1:
+      return "NoAccount";
+    case BRISEL_IPC_CLIENT_REQ_TYPE_DELETE_NOTIS:
+      return "DeleteNotis";
+    case BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND:
+      return "UpdateInd";
+    case BRISEL_IPC_CLIENT_REQ_TYPE_REPLY:
+      return "Reply";
+    case BRISEL_IPC_CLIENT_REQ_TYPE_CLEAR_ALL_NEW_FLAG:
+      return "ClearAllNewFlag";
+    default:
+      return nullptr;
+  }
+}
+
+bool kept_save(const std::vector<const kept_request *> &requests, bool lasting) {
+  GVariantBuilder all;
+  g_variant_builder_init(&all, G_VARIANT_TYPE(format));
+  for (const kept_request *r : requests) {
+    GVariantBuilder texts;
+    g_variant_builder_init(&texts, G_VARIANT_TYPE("as"));
+    for (const std::string &text : r->texts) g_variant_builder_add(&texts, "s", text.c_str());
+    g_variant_builder_add(&all, "(is@aiiasi)", r->type, r->uid.c_str(),
+                          g_variant_new_fixed_array(G_VARIANT_TYPE_INT32, r->ids.data(), r->ids.size(), sizeof(gint32)),
+                          r->host_state, &texts, r->mail_id);
+  }
+  const variant whole(g_variant_ref_sink(g_variant_builder_end(&all)), g_variant_unref);
+  const folder dir;
+  const char *step = "open the folder of";
+  const std::string temporary = std::string(file_name) + "." + std::to_string(getpid());
+  if (dir.fd >= 0 && platform_file_replace(dir.fd, file_name, temporary.c_str(), g_variant_get_data(whole.get()),
+                                           g_variant_get_size(whole.get()), lasting, &step) == 0)
+    return true;
+  __dlog_print(DLOG_ERROR, log_tag, "cannot %s the requests that wait: %s", step, strerror(errno));
+  return false;
+}
+
+std::vector<kept_request> kept_load(void) {
+  std::vector<kept_request> requests;
+  const folder dir;
+  std::string bytes;
+  if (dir.fd < 0 || !read_file(dir.fd, &bytes)) return requests;
+  /* A copy of the library's own making is aligned as it needs it. */
+  GBytes *copy = g_bytes_new(bytes.data(), bytes.size());
+  const variant whole(g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE(format), copy, FALSE)),
+                      g_variant_unref);
+  g_bytes_unref(copy);
+  bool good = g_variant_is_normal_form(whole.get());
+  for (gsize i = 0; good && i < g_variant_n_children(whole.get()); i++) {
+    const variant one(g_variant_get_child_value(whole.get(), i), g_variant_unref);
+    requests.emplace_back();
+    good = read_request(one.get(), &requests.back());
+  }
+  if (good) return requests;
+  __dlog_print(DLOG_ERROR, log_tag, "the requests that waited are unreadable; they are set aside as %s/%s",
+               platform_app_state_dir(), broken_name);
+  renameat(dir.fd, file_name, dir.fd, broken_name);
+  return {};
+}
+
+void kept_forget(void) {
+  const folder dir;
+  if (dir.fd >= 0) unlinkat(dir.fd, file_name, 0);
+}

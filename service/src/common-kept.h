@@ -1,0 +1,25 @@
+/* Requests that no service has taken over yet, kept on the disk: whoever handed them over may be killed. */
+#ifndef BRISEL_COMMON_KEPT_H
+#define BRISEL_COMMON_KEPT_H
+
+#include <string>
+#include <vector>
+
+struct kept_request {
+  int type; /* a brisel_ipc_client_req_type, or -1: no account */
+  std::string uid;
+  std::vector<int> ids;
+  int host_state = 0;
+  std::vector<std::string> texts; /* of a reply: six, in the order of its record, the subject last */
+  int mail_id = 0;
+};
+
+/* The method of the service that takes a request of that type; NULL: there is no such type. */
+const char *kept_member(int type);
+/* All that wait, instead of what was kept before. lasting: through a power cut too. false after a line in the log. */
+bool kept_save(const std::vector<const kept_request *> &requests, bool lasting);
+/* What an earlier life of the application left, oldest first. */
+std::vector<kept_request> kept_load(void);
+void kept_forget(void);
+
+#endif
