@@ -834,6 +834,10 @@ static void __brisel_detail_create_page_scroller(brisel_detail_view *view_data) 
   Evas_Object *scroller = __brisel_detail_create_scroller(view_data->ad->naviframe);
   if (!scroller) return;
   __brisel_detail_keep(&view_data->page_scroller, scroller);
+  /* A stroke to the left shows the next mail in every language, and the pages lie accordingly. A mirrored scroller would
+     count them from the other side. */
+  elm_object_mirrored_automatic_set(scroller, EINA_FALSE);
+  elm_object_mirrored_set(scroller, EINA_FALSE);
   elm_scroller_loop_set(scroller, EINA_FALSE, EINA_FALSE);
   elm_scroller_page_relative_set(scroller, 1.0, 0.0);
   elm_scroller_page_scroll_limit_set(scroller, 1, 0);

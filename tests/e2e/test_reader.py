@@ -58,6 +58,18 @@ def test_paging_over_the_list_and_back(s):
     s.wait(lambda: len(s.dump()["views"]) == 1, "the mailbox")
 
 
+def test_paging_is_the_same_from_right_to_left(s):
+    s.setting("db/menu_widget/language", "string", "ar_EG.UTF-8")
+    test_paging_over_the_list_and_back(s)
+    s.setting("db/menu_widget/language", "string", "en_US.UTF-8")
+    open_first(s)
+    s.setting("db/menu_widget/language", "string", "he_IL.UTF-8")
+    time.sleep(0.5)
+    assert s.shows("Subject 1"), "an open page stays when the direction changes"
+    s.swipe("left")
+    s.wait_text("Subject 2")
+
+
 def test_each_request_carries_one_mail_and_marks_it(s):
     _, _, ids = arrange(s, 2)
     open_first(s)
