@@ -356,10 +356,10 @@ static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, 
     __brisel_detail_process_signals(layout);
   }
 
-  if (view_data->font_size == 0) __brisel_detail_signal(layout, "do-set-fontsize-small");
-  if (view_data->font_size == 2) __brisel_detail_signal(layout, "do-set-fontsize-large");
   brisel_detail_body_set_font_size(layout, view_data->font_size);
   __brisel_detail_set_body(page);
+  if (view_data->font_size == 0) __brisel_detail_signal(layout, "do-set-fontsize-small");
+  if (view_data->font_size == 2) __brisel_detail_signal(layout, "do-set-fontsize-large");
 
   if (mail->attachment_count > 0) {
     __brisel_detail_signal(layout, "do-show-attachment-field");
@@ -563,14 +563,17 @@ static void __brisel_detail_drop_page(brisel_detail_view *view_data, int index) 
 
 /* Lays the box out: every page as wide as the view and as high, whatever its content asks for, and the box exactly as
    wide as its pages, so that the scroller finds them at whole pages. A box's own layout would let wide content push
-   the pages out of step. */
+   the pages out of step. Where people read from the right, the scroller counts its pages from there, so they stand that
+   way round: the next mail is to the left. */
 static void __brisel_detail_box_layout_cb(Evas_Object *box, Evas_Object_Box_Data *priv, void *data) {
   int x = 0, y = 0, height = 0, width = 0, count = 0;
   evas_object_geometry_get(box, &x, &y, nullptr, &height);
   elm_scroller_page_size_get((Evas_Object *)data, &width, nullptr);
+  const int pages = (int)eina_list_count(priv->children);
+  const bool from_right = elm_object_mirrored_get((Evas_Object *)data);
   for (Eina_List *cell = priv->children; cell; cell = cell->next, count++) {
     Evas_Object *page = ((Evas_Object_Box_Option *)eina_list_data_get(cell))->obj;
-    evas_object_move(page, x + count * width, y);
+    evas_object_move(page, x + (from_right ? pages - 1 - count : count) * width, y);
     evas_object_resize(page, width, height);
   }
   evas_object_size_hint_min_set(box, count * width, 0);
@@ -783,7 +786,7 @@ static void __brisel_detail_check_stroke(brisel_detail_view *view_data, const Ev
   int long_enough = 2 * elm_config_finger_size_get();
   if (up >= long_enough && up > abs(left)) __brisel_detail_pull(view_data);
   if (abs(left) >= long_enough && abs(left) > abs(up) && event->timestamp - view_data->pressed_time <= flick_time)
-    __brisel_detail_flick(view_data, left > 0);
+    __brisel_detail_flick(view_data, (left > 0) != elm_object_mirrored_get(view_data->page_scroller));
 }
 
 static Eina_Bool __brisel_detail_neighbor_timer_cb(void *data) {
@@ -1014,6 +1017,8 @@ int brisel_detail_update_string(appdata *ad) {
   if (!view_data) return 0;
   for (page_data *page : view_data->page_data)
     if (page && page->detail_layout) __brisel_detail_update_page_string(view_data, page);
+  /* The new language may be read from the other side. A shift that is due shows the current page anyway. */
+  if (!is_mouse_down && !is_page_moving) __brisel_detail_show_current_page(view_data);
   return 0;
 }
 
@@ -1186,7 +1191,8 @@ static Eina_Bool __brisel_detail_more_msg_ind(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
-/* Reads the mail again after an answer and prepares its page to show it. */
+/* Reads the mail again after an answer and prepares its page to show it. When that fails the page goes back to its
+   notice: it must not look as if text were still on its way. */
 static void __brisel_detail_take_more_msg(brisel_detail_view *view_data, page_data *page, int mail_id) {
   scoped_noti mail(brisel_full_noti_data_create());
   if (!mail) {

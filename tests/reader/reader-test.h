@@ -39,8 +39,10 @@ std::vector<int> slots(void);
 void stroke(point from, point to);
 /* One finger across the view, to the page after (true) or before; returns once the finger is up. */
 void fling(bool to_next);
-/* A fling, and then until the shift it starts is done. False when nothing shifted. */
+/* A fling, and then until the shift it starts is done. False when nothing shifts. */
 bool swipe(bool to_next);
+/* A fling where there is no page to turn to. */
+void expect_no_turn(bool to_next);
 /* Runs the main loop for that long. For animations only: nothing is asserted about time. */
 void run_for(double seconds);
 /* The plain text of a part of a mail's layout. */
