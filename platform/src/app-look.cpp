@@ -12,6 +12,7 @@
 namespace {
 
 constexpr char theme_file[] = "/usr/apps/com.vextora.brisel/res/edje/platform.edj";
+constexpr char frame_file[] = "/usr/apps/com.vextora.brisel/res/edje/frame.edj";
 constexpr char theme_key[] = "db/setting/theme";
 /* Pixels: how far a resting finger strays, and what it covers at the least. */
 constexpr unsigned int finger_tremble = 8;
@@ -79,12 +80,21 @@ void motion_changed_cb(keynode_t *node, void *data) {
 
 }  // namespace
 
-void app_look_start(void) {
-  const char *file = platform_path(theme_file);
+static void add_overlay(const char *installed) {
+  const char *file = platform_path(installed);
   if (ecore_file_exists(file))
     elm_theme_overlay_add(nullptr, file);
   else
     __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the platform's theme is missing: %s", file);
+}
+
+void app_look_start(void) {
+  /* Emptying the caches by the clock would wake an idle watch every minute; they are bounded anyway. Setting this empties
+     them once, so it comes before anything is read that will be needed. */
+  elm_config_cache_flush_enabled_set(EINA_FALSE);
+  /* Only there do windows draw their own frames. */
+  if (!getenv("WAYLAND_DISPLAY")) add_overlay(frame_file);
+  add_overlay(theme_file);
   light = false;
   apply_palette();
   apply_motion();
@@ -96,8 +106,6 @@ void app_look_start(void) {
   /* What a finger drags stays under the finger: an average over the last moments would lag behind it. */
   elm_config_scroll_thumbscroll_smooth_start_set(0.0);
   elm_config_finger_size_set(finger_size);
-  /* Emptying the caches by the clock would wake an idle watch every minute; they are bounded anyway. */
-  elm_config_cache_flush_enabled_set(EINA_FALSE);
   elm_config_focus_highlight_enabled_set(EINA_FALSE);
   elm_config_item_select_on_focus_disabled_set(EINA_TRUE);
 }
