@@ -192,6 +192,7 @@ static void _append_mail_row(appdata *ad, Elm_Object_Item *group_item, item_data
    so that thousands of rows nobody sees yet do not hold up the first picture. Whatever touches the model first makes
    the rest. These are the cells of mail_list whose records have no row yet (and are nobody's but the model's). */
 constexpr int rows_at_once = 128;
+constexpr int rows_in_block = 6;
 static GList *rowless;
 static Ecore_Idler *row_idler;
 
@@ -229,6 +230,11 @@ void brisel_free_mail_list(appdata *ad) {
 
 static void _set_delete_btn(appdata *ad, bool enabled) {
   if (ad->delete_btn) elm_object_disabled_set(ad->delete_btn, enabled ? EINA_FALSE : EINA_TRUE);
+}
+
+/* The texts in place: making the header's drawing anew would lay out every block of the list again. */
+static void _update_header(Elm_Object_Item *group_item) {
+  elm_genlist_item_fields_update(group_item, nullptr, ELM_GENLIST_ITEM_FIELD_TEXT);
 }
 
 static void _refresh_mailbox_list(appdata *ad) {
@@ -271,7 +277,7 @@ static void _refresh_mailbox_list(appdata *ad) {
       return;
     }
     group->count = mail_cnt;
-    elm_genlist_item_update(group_item);
+    _update_header(group_item);
   }
 
   if (ad->account_id != read_account) {
@@ -431,7 +437,7 @@ static void _update_list_surroundings(appdata *ad) {
   if (group && group->it && group->type == ROW_GROUP && group->count != mail_cnt) {
     BRISEL_INFO("Update group count(%d->%d)", group->count, mail_cnt);
     group->count = mail_cnt;
-    elm_genlist_item_update(group->it);
+    _update_header(group->it);
   }
   _set_delete_btn(ad, mail_cnt > 0);
   brisel_option_hide_last_bottomline(ad->mailbox_genlist, elm_genlist_last_item_get(ad->mailbox_genlist));
@@ -562,14 +568,18 @@ void brisel_check_current_mailbox_account_by_mail_id(int mail_id, appdata *ad) {
 
 /* --- rows on screen ---------------------------------------------------------------------------------------------- */
 
-Evas_Object *brisel_util_create_color_bar(Evas_Object *parent, int account_id) {
+static void _paint_color_bar(Evas_Object *bar, int account_id) {
   unsigned int rgba = 0; /* an account without a colour has no bar to see */
   brisel_util_get_account_color(account_id, &rgba);
-  Evas_Object *bar = evas_object_rectangle_add(evas_object_evas_get(parent));
   int red = (int)(rgba >> 24 & 0xFF), green = (int)(rgba >> 16 & 0xFF), blue = (int)(rgba >> 8 & 0xFF);
   int alpha = (int)(rgba & 0xFF);
   evas_color_argb_premul(alpha, &red, &green, &blue);
   evas_object_color_set(bar, red, green, blue, alpha);
+}
+
+Evas_Object *brisel_util_create_color_bar(Evas_Object *parent, int account_id) {
+  Evas_Object *bar = evas_object_rectangle_add(evas_object_evas_get(parent));
+  _paint_color_bar(bar, account_id);
   evas_object_size_hint_min_set(bar, _scaled(7), 0);
   evas_object_size_hint_max_set(bar, _scaled(7), -1);
   return bar;
@@ -640,6 +650,24 @@ static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part)
     if (Evas_Object *image = brisel_util_load_image(undo, "b_email_swipe-delete.png"))
       elm_object_content_set(undo, _sized(image, 50));
     return undo;
+  }
+  return nullptr;
+}
+
+/* A row that comes into sight gets the drawing of one that went, contents included: making them anew, the button above
+   all, is most of what a scrolled row costs. NULL makes the list ask _gl_icon_get. */
+static Evas_Object *_gl_icon_reuse(void *data, Evas_Object *obj, const char *part, Evas_Object *old) {
+  item_data *item = (item_data *)data;
+  if (!item || !old) return nullptr;
+  if (!strcmp(part, "elm.icon")) return item->is_new ? old : nullptr;
+  if (!strcmp(part, "elm.swallow.colorbar")) {
+    _paint_color_bar(old, item->account_id);
+    return old;
+  }
+  if (!strcmp(part, "elm.icon.sweep")) {
+    evas_object_smart_callback_del(old, "clicked", _revert_btn_select_cb);
+    evas_object_smart_callback_add(old, "clicked", _revert_btn_select_cb, item);
+    return old;
   }
   return nullptr;
 }
@@ -1112,6 +1140,7 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
 Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad) {
   ad->itc_group = brisel_option_new_row_class("email/group", _gl_group_text_get, nullptr, _gl_group_del);
   ad->itc_mail = brisel_option_new_row_class("email/sweep", _gl_text_get, _gl_icon_get, _gl_del);
+  if (ad->itc_mail) ad->itc_mail->func.reusable_content_get = _gl_icon_reuse;
 
   Evas_Object *gl = elm_genlist_add(ad->naviframe);
   ad->mailbox_genlist = gl;
@@ -1131,6 +1160,8 @@ Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad)
   elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
   elm_genlist_homogeneous_set(gl, EINA_TRUE);
   elm_genlist_mode_set(gl, ELM_LIST_COMPRESS);
+  /* The genlist draws a whole block of rows when one row comes to it, also those out of sight: about a screenful. */
+  elm_genlist_block_count_set(gl, rows_in_block);
   evas_object_size_hint_align_set(gl, EVAS_HINT_FILL, EVAS_HINT_FILL);
   evas_object_size_hint_weight_set(gl, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
 
