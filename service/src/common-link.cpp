@@ -41,7 +41,7 @@ constexpr char match_owner[] =
 
 constexpr int event_types = 6;
 /* Ids that one callback gets: more of them wait until the main loop has drawn and taken input. */
-constexpr size_t slice = 64;
+constexpr size_t slice = 16;
 constexpr double slice_pause = 0.001;
 /* Mails that are looked through when changes are missing: far more than a watch holds, few enough for any memory. */
 constexpr int most_made_up = 1000000;
