@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "app_efl.h"
 #include "brisel-app-option-common.h"
 #include "brisel-app-utils.h"
 #include "brisel-app.h"
@@ -211,6 +212,7 @@ static Eina_Bool _row_idler_cb(void *data) {
   _make_rows((appdata *)data, rows_at_once);
   if (rowless) return ECORE_CALLBACK_RENEW;
   row_idler = nullptr;
+  app_efl_memory_trim(); /* the records of the whole mailbox that were read for it */
   return ECORE_CALLBACK_CANCEL;
 }
 

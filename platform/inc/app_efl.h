@@ -47,6 +47,10 @@ void app_efl_id_set(const char *id);
 /* Ends the main loop after the current callback. */
 void app_efl_exit(void);
 
+/* Gives the freed memory that the C library still holds back to the system: after much was read, and by itself at every
+   pause. Some milliseconds at most. */
+void app_efl_memory_trim(void);
+
 /* Names the application's main window right after its creation, before it is shown: the framework gives it its
    size (the environment variable BRISEL_WINDOW_SIZE, "WxH", default 320x320)
    and follows its visibility for pause and resume. The window stays the caller's. */

@@ -3,6 +3,9 @@
 #include <Ecore_Evas.h>
 #include <Efreet.h>
 #include <dlfcn.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include <cstdlib>
 #include <cstring>
@@ -66,6 +69,7 @@ void sight_apply(void) {
   __dlog_print(DLOG_DEBUG, APP_LOG_TAG, pause ? "pause" : "resume");
   int (*callback)(void *) = pause ? app.callbacks.pause : app.callbacks.resume;
   if (callback) callback(app.user_data);
+  if (pause) app_efl_memory_trim();
 }
 
 void sight_job_cb(void *data) {
@@ -331,6 +335,12 @@ void app_efl_id_set(const char *id) {
 void app_efl_exit(void) {
   app.exiting = true;
   elm_exit();
+}
+
+void app_efl_memory_trim(void) {
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
 }
 
 void app_efl_window_attach(Evas_Object *win) {

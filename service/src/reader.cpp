@@ -93,6 +93,8 @@ int open_store(void) {
     r = read_number("PRAGMA user_version", &version);
   }
   if (r == SQLITE_OK) r = read_number("PRAGMA application_id", &application);
+  /* KiB. Every read here goes over its rows once: a larger cache would only be held. */
+  if (r == SQLITE_OK) r = sqlite3_exec(reader.db, "PRAGMA cache_size = -256", nullptr, nullptr, nullptr);
   int status = 0;
   if (r != SQLITE_OK) {
     status = tell(r, reader.db ? sqlite3_errmsg(reader.db) : "no memory");
