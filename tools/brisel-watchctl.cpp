@@ -123,7 +123,7 @@ int call(const char *interface, const char *method, double seconds, const char *
   const bus_ptr bus = open_bus();
   if (!bus) return 1;
   const message_ptr m = new_call(bus.get(), interface, method, false);
-  if (!m || sd_bus_message_append(m.get(), types, args...) < 0) return fail("the call cannot be put together");
+  if (!m || sd_bus_message_append(m.get(), types, args...) < 0) return fail("the text is not in UTF-8");
   return send(bus.get(), interface, m.get(), seconds);
 }
 
@@ -190,7 +190,7 @@ int print_answer(const char *method, bool with_reset, bool reset) {
 int screenshot(const std::string &file) {
   std::error_code error;
   const std::filesystem::path path = std::filesystem::absolute(file, error);
-  if (error) return fail(file + ": " + error.message());
+  if (error || file.empty()) return fail("'" + file + "' is no file's name");
   if (path.extension() != ".png") return fail("the picture is a PNG, so its name ends in .png: " + file);
   return call(inspect_interface, "Screenshot", answer_seconds, "s", path.c_str());
 }
@@ -347,6 +347,9 @@ int main(int argc, char **argv) {
   app.require_subcommand(1);
   app.add_option("--app", app_id, "the application, by its id")->capture_default_str();
   app.fallthrough();
+  app.get_option("--app")->check([](const std::string &id) {
+    return sd_bus_service_name_is_valid(id.c_str()) && id[0] != ':' ? "" : "'" + id + "' is no application's id";
+  });
 
   int code = 0;
   bool as_json = false;
@@ -463,7 +466,10 @@ int main(int argc, char **argv) {
   } catch (const CLI::Success &result) {
     return app.exit(result);
   } catch (const CLI::ParseError &error) {
-    fail(error.what());
+    const std::vector<std::string> unknown = app.remaining(true);
+    const bool no_such = error.get_name() == "RequiredError" && !unknown.empty();
+    fail(no_such ? (unknown.front()[0] == '-' ? "no such option: " : "no such command: ") + unknown.front()
+                 : error.what());
     return 2;
   }
   if (fflush(stdout) != 0 || ferror(stdout))
