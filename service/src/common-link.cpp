@@ -639,24 +639,27 @@ int brisel_ipc_req_cancel(int request_type) {
   return 0;
 }
 
-int brisel_ipc_req_delete_notis(op_data *data, brisel_ipc_response_cb callback, void *user_data) {
-  if (!data || !data->id_list) return BRISEL_COMMON_ERROR_INVALID;
+namespace {
+
+int enqueue_ids(int type, const GSList *ids, brisel_ipc_response_cb callback, void *user_data) {
   request r;
-  r.type = BRISEL_IPC_CLIENT_REQ_TYPE_DELETE_NOTIS;
-  r.ids = ids_of_list(data->id_list);
+  r.type = type;
+  r.ids = ids_of_list(ids);
   r.callback = callback;
   r.user_data = user_data;
   return enqueue(std::move(r));
 }
 
+}  // namespace
+
+int brisel_ipc_req_delete_notis(op_data *data, brisel_ipc_response_cb callback, void *user_data) {
+  if (!data || !data->id_list) return BRISEL_COMMON_ERROR_INVALID;
+  return enqueue_ids(BRISEL_IPC_CLIENT_REQ_TYPE_DELETE_NOTIS, data->id_list, callback, user_data);
+}
+
 int brisel_ipc_req_clear_all_new_flag(op_data *data, brisel_ipc_response_cb callback, void *user_data) {
   if (!data) return BRISEL_COMMON_ERROR_INVALID;
-  request r;
-  r.type = BRISEL_IPC_CLIENT_REQ_TYPE_CLEAR_ALL_NEW_FLAG;
-  r.ids = ids_of_list(data->id_list);
-  r.callback = callback;
-  r.user_data = user_data;
-  return enqueue(std::move(r));
+  return enqueue_ids(BRISEL_IPC_CLIENT_REQ_TYPE_CLEAR_ALL_NEW_FLAG, data->id_list, callback, user_data);
 }
 
 int brisel_ipc_req_update_ind(update_noti_data *data, brisel_ipc_response_cb callback, void *user_data) {
