@@ -25,6 +25,7 @@ namespace {
 
 constexpr int kSendmailSeconds = 300; /* a mail system that takes longer is stuck */
 constexpr size_t kMaxComplaint = 2000;
+constexpr int64_t kSentKept = 1000; /* sent replies that the status tells of */
 
 int64_t now_seconds() {
   return static_cast<int64_t>(time(nullptr));
@@ -69,7 +70,10 @@ int mark_sending(phone_state *state, int64_t id, outbox_entry *entry, std::strin
 int mark_sent(phone_state *state, int64_t id) {
   sql_query query(phone_state_db(state),
                   "UPDATE outbox SET state = 2, done_time = ?, error = '', message = x'' WHERE id = ?");
-  return query.bind(1, now_seconds()).bind(2, id).step() == SQLITE_DONE ? 0 : -1;
+  if (query.bind(1, now_seconds()).bind(2, id).step() != SQLITE_DONE) return -1;
+  sql_query prune(phone_state_db(state),
+                  "DELETE FROM outbox WHERE state = 2 AND id <= (SELECT max(id) FROM outbox) - ?");
+  return prune.bind(1, kSentKept).step() == SQLITE_DONE ? 0 : -1;
 }
 
 int mark_failed(phone_state *state, int64_t id, int attempts, const outbox_settings &settings,
@@ -77,7 +81,9 @@ int mark_failed(phone_state *state, int64_t id, int attempts, const outbox_setti
   int64_t delay = settings.retry_first;
   for (int i = 0; i < attempts && delay < settings.retry_longest; i++) delay *= 2;
   sql_query query(phone_state_db(state), "UPDATE outbox SET state = 0, next_time = ?, error = ? WHERE id = ?");
-  query.bind(1, now_seconds() + std::min(delay, settings.retry_longest)).bind(2, error).bind(3, id);
+  /* At least a second: a program that fails at once must not be run in a circle. */
+  delay = std::max<int64_t>(1, std::min(delay, settings.retry_longest));
+  query.bind(1, now_seconds() + delay).bind(2, error).bind(3, id);
   return query.step() == SQLITE_DONE ? 0 : -1;
 }
 

@@ -17,6 +17,8 @@ struct phone_state {
 namespace {
 
 constexpr int kVersion = 1;
+/* Far more than a service sends again, few enough for a phone that runs for years. */
+constexpr int64_t kRequestsKept = 10000;
 
 constexpr char kSchema[] = R"(
 CREATE TABLE IF NOT EXISTS mail (
@@ -214,7 +216,12 @@ int phone_state_add_request(phone_state *state, int64_t id, const std::string &p
                   " (SELECT 1 FROM request WHERE id = ?1 AND json = ?3 AND (acknowledged = 0 OR peer = ?2))");
   if (query.bind(1, id).bind(2, peer).bind(3, json).bind(4, static_cast<int64_t>(time(nullptr))).step() != SQLITE_DONE)
     return fail(state, "the request could not be kept");
-  if (sqlite3_changes(state->db) > 0) return 1;
+  if (sqlite3_changes(state->db) > 0) {
+    if (sqlite3_last_insert_rowid(state->db) % 64 != 0) return 1; /* the oldest go now and then, not at every one */
+    sql_query prune(state->db,
+                    "DELETE FROM request WHERE acknowledged = 1 AND row <= (SELECT max(row) FROM request) - ?");
+    return prune.bind(1, kRequestsKept).step() == SQLITE_DONE ? 1 : fail(state, "old requests could not be forgotten");
+  }
   /* The sender may have it in flight once more: it is known by this sender too from now on. */
   sql_query again(state->db,
                   "UPDATE request SET peer = ?2 WHERE id = ?1 AND json = ?3 AND (acknowledged = 0 OR peer = ?2)");
