@@ -186,6 +186,10 @@ std::string text_of_leaf(GMimePart *part, const char *subtype, walk *w) {
     return mime_html_to_text(text, w->limits->text, &w->image);
   }
   std::string text = mime_to_utf8(bytes, charset);
+  size_t start = std::min(text.find_first_not_of(" \n\t"), text.size());
+  for (const char *document : {"<!doctype html", "<html"}) /* whatever the part's header calls it */
+    if (g_ascii_strncasecmp(text.c_str() + start, document, strlen(document)) == 0)
+      return mime_html_to_text(text, w->limits->text, &w->image);
   if (g_ascii_strcasecmp(subtype, "enriched") == 0 || g_ascii_strcasecmp(subtype, "richtext") == 0)
     return mime_html_to_text(text, w->limits->text, nullptr);
   if (g_ascii_strcasecmp(subtype, "calendar") == 0) return calendar_to_text(text);
@@ -209,8 +213,14 @@ bool is_type(GMimeObject *object, const char *type, const char *subtype) {
 
 std::string walk_object(GMimeObject *object, walk *w, int depth, GMimeObject *parent);
 
+bool mentions_html(std::string_view text) {
+  for (size_t at = 0; at + 4 <= text.size(); at++)
+    if (g_ascii_strncasecmp(text.data() + at, "html", 4) == 0) return true;
+  return false;
+}
+
 std::string walk_alternative(GMimeMultipart *multipart, walk *w, int depth) {
-  std::string best;
+  std::string best, markup;
   int best_rank = RANK_NONE;
   int count = g_mime_multipart_get_count(multipart);
   for (int i = 0; i < count && w->parts < w->limits->parts; i++) {
@@ -223,11 +233,16 @@ std::string walk_alternative(GMimeMultipart *multipart, walk *w, int depth) {
       rank = RANK_PLAIN;
     else if (is_type(child, "text", "*") && !is_type(child, "text", "html"))
       rank = RANK_OTHER;
+    if (rank == RANK_MARKUP) markup = text;
     if (rank >= best_rank) {
       best = std::move(text);
       best_rank = rank;
     }
   }
+  /* A plain form that only says to look at the other one. */
+  constexpr size_t kExcuse = 400;
+  if (best_rank == RANK_PLAIN && best.size() < kExcuse && markup.size() > best.size() && mentions_html(best))
+    return markup;
   return best;
 }
 
