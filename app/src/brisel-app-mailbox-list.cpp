@@ -745,13 +745,25 @@ Evas_Object *brisel_create_security_alert_popup(appdata *ad) {
   return ad->security_popup;
 }
 
-static void _gl_mail_sel(void *data, Evas_Object *obj, void *event_info) {
+/* The selected row, which does not stay selected; NULL after the log line that says why. */
+static Elm_Object_Item *_take_selection(void *event_info) {
+  if (!event_info) BRISEL_WARN("event_info is NULL");
   Elm_Object_Item *it = (Elm_Object_Item *)event_info;
-  if (!it) {
-    BRISEL_WARN("event_info is NULL");
-    return;
-  }
-  elm_genlist_item_selected_set(it, EINA_FALSE);
+  if (it) elm_genlist_item_selected_set(it, EINA_FALSE);
+  return it;
+}
+
+/* Whether the touch that committed a sweep blocked the row: for that one time. */
+static bool _is_blocked_once(appdata *ad, Elm_Object_Item *it) {
+  if (ad->blocked_item != it) return false;
+  BRISEL_INFO("blocked item is selected.");
+  ad->blocked_item = nullptr;
+  return true;
+}
+
+static void _gl_mail_sel(void *data, Evas_Object *obj, void *event_info) {
+  Elm_Object_Item *it = _take_selection(event_info);
+  if (!it) return;
   item_data *item = (item_data *)data;
   if (!item) {
     BRISEL_WARN("data is NULL");
@@ -763,11 +775,7 @@ static void _gl_mail_sel(void *data, Evas_Object *obj, void *event_info) {
     BRISEL_INFO("sweep item is existed.");
     return;
   }
-  if (ad->blocked_item == it) {
-    BRISEL_INFO("blocked item is selected.");
-    ad->blocked_item = nullptr;
-    return;
-  }
+  if (_is_blocked_once(ad, it)) return;
   if (item->security_locked) {
     ad->mail_id = item->mail_id;
     brisel_create_security_alert_popup(ad);
@@ -902,12 +910,8 @@ static void _step_account(appdata *ad, GSList *accounts) {
 }
 
 static void _gl_group_sel(void *data, Evas_Object *obj, void *event_info) {
-  Elm_Object_Item *it = (Elm_Object_Item *)event_info;
-  if (!it) {
-    BRISEL_WARN("event_info is NULL");
-    return;
-  }
-  elm_genlist_item_selected_set(it, EINA_FALSE);
+  Elm_Object_Item *it = _take_selection(event_info);
+  if (!it) return;
   group_item_data *group = (group_item_data *)data;
   if (!group) {
     BRISEL_WARN("group_item_data is NULL");
@@ -918,11 +922,7 @@ static void _gl_group_sel(void *data, Evas_Object *obj, void *event_info) {
     BRISEL_WARN("group_item_data->ad is NULL");
     return;
   }
-  if (ad->blocked_item == it) {
-    BRISEL_INFO("blocked item is selected.");
-    ad->blocked_item = nullptr;
-    return;
-  }
+  if (_is_blocked_once(ad, it)) return;
   if (ad->account_cnt < 2) {
     BRISEL_INFO("one account is registered only. Ignore the account toggle action");
     _create_one_account_toast_popup(ad);
@@ -937,11 +937,7 @@ static void _gl_group_sel(void *data, Evas_Object *obj, void *event_info) {
 static void _long_pressed_group(group_item_data *group, Elm_Object_Item *it) {
   appdata *ad = group->ad;
   if (!ad) return;
-  if (ad->blocked_item == it) {
-    BRISEL_INFO("blocked item is selected.");
-    ad->blocked_item = nullptr;
-    return;
-  }
+  if (_is_blocked_once(ad, it)) return;
   if (ad->account_cnt < 2) {
     BRISEL_INFO("one account is registered only. Ignore account long-press action action");
     _create_one_account_toast_popup(ad);
@@ -957,11 +953,7 @@ static void _long_pressed_mail(item_data *item, Elm_Object_Item *it) {
     BRISEL_INFO("sweep item is existed.");
     return;
   }
-  if (ad->blocked_item == it) {
-    BRISEL_INFO("blocked item is selected.");
-    ad->blocked_item = nullptr;
-    return;
-  }
+  if (_is_blocked_once(ad, it)) return;
   brisel_option_detail_draw_view(item->mail_id, ad);
 }
 
@@ -1030,12 +1022,8 @@ static void _gl_popup_del(void *data, Evas_Object *obj) {
 }
 
 static void _gl_popup_sel(void *data, Evas_Object *obj, void *event_info) {
-  Elm_Object_Item *it = (Elm_Object_Item *)event_info;
-  if (!it) {
-    BRISEL_WARN("event_info is NULL");
-    return;
-  }
-  elm_genlist_item_selected_set(it, EINA_FALSE);
+  Elm_Object_Item *it = _take_selection(event_info);
+  if (!it) return;
   popup_item_data *row = (popup_item_data *)data;
   if (!row) {
     BRISEL_WARN("item_data is NULL");

@@ -153,20 +153,20 @@ bool seconds_valid(double seconds) {
   return seconds >= 0.0 && seconds <= longest_gesture;
 }
 
-int tap_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+int taps(sd_bus_message *m, int count, sd_bus_error *error) {
   int x;
   int y;
   const int r = sd_bus_message_read(m, "ii", &x, &y);
   if (r < 0) return r;
-  return inside(x, y) ? enqueue_call(m, inspect_tap(x, y, 1)) : refuse(error, outside_text);
+  return inside(x, y) ? enqueue_call(m, inspect_tap(x, y, count)) : refuse(error, outside_text);
+}
+
+int tap_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  return taps(m, 1, error);
 }
 
 int double_tap_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  int x;
-  int y;
-  const int r = sd_bus_message_read(m, "ii", &x, &y);
-  if (r < 0) return r;
-  return inside(x, y) ? enqueue_call(m, inspect_tap(x, y, 2)) : refuse(error, outside_text);
+  return taps(m, 2, error);
 }
 
 int press_cb(sd_bus_message *m, void *data, sd_bus_error *error) {

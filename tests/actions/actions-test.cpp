@@ -9,48 +9,6 @@ static constexpr char host_name[] = "com.vextora.brisel.Host";
 static constexpr char host_path[] = "/com/vextora/brisel/Host";
 static constexpr char phone_interface[] = "com.vextora.brisel.Phone1";
 
-static int request_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  linked_phone *phone = (linked_phone *)data;
-  int64_t id = 0;
-  const char *json = nullptr;
-  if (sd_bus_message_read(m, "xs", &id, &json) >= 0) phone->requests.push_back(nlohmann::json::parse(json));
-  sd_bus_call_method_async(phone->bus, nullptr, host_name, host_path, phone_interface, "Ack", nullptr, nullptr, "x",
-                           id);
-  return 0;
-}
-
-linked_phone::linked_phone() {
-  EXPECT_GE(sd_bus_match_signal(bus, nullptr, host_name, host_path, phone_interface, "Request", request_cb, this), 0);
-}
-
-void linked_phone::connect(void) {
-  EXPECT_GE(sd_bus_call_method(bus, host_name, host_path, phone_interface, "Connect", nullptr, nullptr, ""), 0);
-}
-
-void linked_phone::drain(void) {
-  while (sd_bus_process(bus, nullptr) > 0) {
-  }
-}
-
-void linked_phone::delete_mails(const std::vector<int> &ids) {
-  sd_bus_message *m = nullptr;
-  ASSERT_GE(sd_bus_message_new_method_call(bus, &m, host_name, host_path, phone_interface, "DeleteMails"), 0);
-  sd_bus_message_append_array(m, 'i', ids.data(), ids.size() * sizeof(int));
-  EXPECT_GE(sd_bus_call(bus, m, 0, nullptr, nullptr), 0);
-  sd_bus_message_unref(m);
-}
-
-nlohmann::json linked_phone::request(const std::string &kind) {
-  nlohmann::json found;
-  run_until([&] {
-    drain();
-    for (const nlohmann::json &have : requests)
-      if (have.at("request") == kind) found = have;
-    return !found.is_null();
-  });
-  return found;
-}
-
 void acting::SetUp() {
   setenv("BRISEL_WINDOW_SIZE", "360x480", 1);
   phone.clear();
@@ -134,7 +92,7 @@ nlohmann::json acting::request(const char *kind) {
 void acting::expect_no_request(const char *kind) {
   brisel_clear_all_new_flag();
   request("clear_all_new_flag");
-  for (const nlohmann::json &have : phone.requests) EXPECT_NE(have.at("request"), kind) << have;
+  for (const auto &have : phone.requests) EXPECT_NE(have.json.at("request"), kind) << have.json;
   phone.requests.clear();
 }
 

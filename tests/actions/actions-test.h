@@ -2,23 +2,9 @@
 #ifndef BRISEL_ACTIONS_TEST_H
 #define BRISEL_ACTIONS_TEST_H
 
-#include <nlohmann/json.hpp>
-
 #include "app-test.h"
 #include "contacts.h"
 #include "vconf.h"
-
-/* A phone that is linked: what the watch asks of it reaches it and is acknowledged. */
-struct linked_phone : test_phone {
-  std::vector<nlohmann::json> requests;
-
-  linked_phone();
-  void connect(void);
-  void drain(void);
-  void delete_mails(const std::vector<int> &ids);
-  /* The newest request of that kind, waiting for it; empty when none comes. */
-  nlohmann::json request(const std::string &kind);
-};
 
 /* A linked phone, two accounts, no mail, no contacts, presets as templates; the application is started by start(). */
 struct acting : testing::Test {

@@ -186,6 +186,53 @@ void test_phone::clear(void) {
   for (int id : accounts()) remove_account(id);
 }
 
+static int request_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  linked_phone *phone = (linked_phone *)data;
+  int64_t id = 0;
+  const char *json = nullptr;
+  if (sd_bus_message_read(m, "xs", &id, &json) >= 0) phone->requests.push_back({id, nlohmann::json::parse(json)});
+  sd_bus_call_method_async(phone->bus, nullptr, host_name, host_path, phone_interface, "Ack", nullptr, nullptr, "x",
+                           id);
+  return 0;
+}
+
+linked_phone::linked_phone() {
+  EXPECT_GE(sd_bus_match_signal(bus, nullptr, host_name, host_path, phone_interface, "Request", request_cb, this), 0);
+}
+
+void linked_phone::connect(void) {
+  bus_message request;
+  begin(this, "Connect", &request);
+  call(this, request, nullptr);
+}
+
+void linked_phone::leave(void) {
+  bus = sd_bus_flush_close_unref(bus);
+}
+
+void linked_phone::drain(void) {
+  while (sd_bus_process(bus, nullptr) > 0) {
+  }
+}
+
+void linked_phone::delete_mails(const std::vector<int> &ids) {
+  bus_message request;
+  begin(this, "DeleteMails", &request);
+  sd_bus_message_append_array(request, 'i', ids.data(), ids.size() * sizeof(int));
+  call(this, request, nullptr);
+}
+
+nlohmann::json linked_phone::request(const std::string &kind) {
+  nlohmann::json found;
+  run_until([&] {
+    drain();
+    for (const request_heard &have : requests)
+      if (have.json.at("request") == kind) found = have.json;
+    return !found.is_null();
+  });
+  return found;
+}
+
 /* --- the application -----------------------------------------------------------------------------------------------
  */
 

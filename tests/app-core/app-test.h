@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,25 @@ struct test_phone {
   void set_text(int mail_id, const char *field, const std::string &text);
   /* Takes every mail and account away. */
   void clear(void);
+};
+
+/* A phone that the watch is linked to: what the watch asks of it reaches it and is acknowledged. */
+struct linked_phone : test_phone {
+  struct request_heard {
+    int64_t id;
+    nlohmann::json json;
+  };
+  std::vector<request_heard> requests;
+
+  linked_phone();
+  void connect(void);
+  /* Leaves the bus, and with it the link. */
+  void leave(void);
+  /* Hears what has come meanwhile. */
+  void drain(void);
+  void delete_mails(const std::vector<int> &ids);
+  /* The newest request of that kind, waiting for it; null when none comes. */
+  nlohmann::json request(const std::string &kind);
 };
 
 /* --- the application -----------------------------------------------------------------------------------------------

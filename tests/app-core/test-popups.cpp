@@ -91,32 +91,6 @@ TEST_F(popups, LongTextsScrollAndTimeRunsOut) {
   evas_object_del(popup);
 }
 
-TEST_F(popups, TwoButtonPopupNamesWhatIsMissing) {
-  const struct {
-    const char *content;
-    Evas_Smart_Cb back, first;
-    const char *first_text;
-    Evas_Smart_Cb second;
-    const char *second_text, *line;
-  } cases[] = {
-      {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, "I/content is NULL"},
-      {"IDS_EMAIL_BODY_DELETED", nullptr, nullptr, nullptr, nullptr, nullptr, "I/_response_cb is NULL"},
-      {"IDS_EMAIL_BODY_DELETED", answer_cb, nullptr, "x", answer_cb, "y", "I/btn1_response_cb or btn1_text is NULL"},
-      {"IDS_EMAIL_BODY_DELETED", answer_cb, answer_cb, nullptr, answer_cb, "y",
-       "I/btn1_response_cb or btn1_text is NULL"},
-      {"IDS_EMAIL_BODY_DELETED", answer_cb, answer_cb, "x", answer_cb, nullptr,
-       "I/btn2_response_cb or btn2_text is NULL"},
-      {"IDS_EMAIL_BODY_DELETED", answer_cb, answer_cb, "x", nullptr, "y", "I/btn2_response_cb or btn2_text is NULL"},
-  };
-  for (const auto &c : cases) {
-    log_mark();
-    EXPECT_EQ(brisel_util_create_basic_2button_popup_with_app_data(&test_ad, nullptr, c.content, c.back, c.first,
-                                                                   c.first_text, c.second, c.second_text),
-              nullptr);
-    EXPECT_EQ(log_lines(), (std::vector<std::string>{"I/Enter", c.line}));
-  }
-}
-
 TEST_F(popups, TwoButtonPopupFollowsTheLanguage) {
   Evas_Object *popup = brisel_util_create_basic_2button_popup_with_app_data(
       &test_ad, "IDS_EMAIL_HEADER_SET_UP_EMAIL", "IDS_EMAIL_BODY_NO_EMAILS", answer_cb, answer_cb,
@@ -163,17 +137,16 @@ TEST_F(popups, ToastsGoByThemselvesByTouchAndByBack) {
     c.leave();
     EXPECT_TRUE(gone("Done & gone")) << c.way;
   }
+}
+
+TEST_F(popups, NoneIsMadeWithoutWhatItNeeds) {
+  log_mark();
+  EXPECT_EQ(brisel_util_create_basic_2button_popup_with_app_data(&test_ad, nullptr, "IDS_EMAIL_BODY_DELETED", answer_cb,
+                                                                 answer_cb, nullptr, answer_cb, "y"),
+            nullptr);
+  EXPECT_EQ(log_lines(), (std::vector<std::string>{"I/Enter", "I/btn1_response_cb or btn1_text is NULL"}));
   log_mark();
   brisel_create_toast_popup(nullptr, "x");
   EXPECT_EQ(brisel_create_progress_popup(nullptr, "process"), nullptr);
   EXPECT_EQ(log_lines(), (std::vector<std::string>{"I/Enter", "E/ad is NULL!", "I/Enter", "E/ad is NULL!"}));
-}
-
-TEST_F(popups, ProgressBarPulsesUntilItsOwnerDeletesIt) {
-  Evas_Object *bar = brisel_create_progress_popup(&test_ad, "process/groupindex");
-  ASSERT_NE(bar, nullptr);
-  EXPECT_STREQ(elm_object_style_get(bar), "process/groupindex");
-  EXPECT_TRUE(elm_progressbar_is_pulsing_get(bar));
-  EXPECT_TRUE(evas_object_visible_get(bar));
-  evas_object_del(bar);
 }

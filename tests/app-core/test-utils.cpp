@@ -1,10 +1,6 @@
-/* Dates, numbers, markup, contacts, reply methods: against tables, and dates against ICU itself. */
+/* Dates, numbers, markup, contacts, reply methods: against tables. */
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unicode/ucal.h>
-#include <unicode/udat.h>
-#include <unicode/udatpg.h>
-#include <unicode/ustring.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -114,53 +110,6 @@ TEST_F(formats, NearerMailsShowLess) {
   strftime(text, sizeof(text), "%Y/12/31 23:59", &last_of_year);
   EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(mktime(&last_of_year), &ad)), text);
   EXPECT_EQ(brisel_util_get_mailbox_date_time_str(now, nullptr), nullptr);
-}
-
-/* What ICU says when everything is opened for the one text. */
-static std::string fresh_text(const char *source, bool skeleton, const char *locale, time_t t) {
-  UErrorCode status = U_ZERO_ERROR;
-  UChar pattern[256], asked[256], units[256];
-  char text[1024];
-  int32_t length = 0;
-  u_strFromUTF8(asked, 256, &length, source, -1, &status);
-  u_memcpy(pattern, asked, length);
-  if (skeleton) {
-    UDateTimePatternGenerator *generator = udatpg_open(locale, &status);
-    length = udatpg_getBestPattern(generator, asked, length, pattern, 256, &status);
-    udatpg_close(generator);
-  }
-  UDateFormat *format = udat_open(UDAT_PATTERN, UDAT_PATTERN, locale, nullptr, -1, pattern, length, &status);
-  length = udat_format(format, t * 1000.0, units, 256, nullptr, &status);
-  udat_close(format);
-  u_strToUTF8(text, sizeof(text), nullptr, units, length, &status);
-  EXPECT_TRUE(U_SUCCESS(status)) << u_errorName(status);
-  return text;
-}
-
-TEST_F(formats, KeptFormattersGiveWhatFreshOnesGive) {
-  const char *patterns[] = {"dd/MM", "dd/MM/y", "MM/dd", "MM/dd/y", "y/MM/dd", "y/dd/MM", "EEEE d MMMM y"};
-  const char *locales[] = {"en_US", "ar_EG", "ko_KR", "hi_IN", "th_TH", "fa_IR"};
-  const char *zones[] = {"Etc/UTC", "Asia/Kathmandu", "America/New_York"};
-  for (const char *id : zones) {
-    zone(id);
-    for (const char *locale : locales) {
-      region(locale);
-      for (time_t t : {old_mail, (time_t)0, (time_t)-86400, (time_t)2147483647})
-        for (int pass = 0; pass < 2; pass++) {
-          for (const char *pattern : patterns)
-            EXPECT_EQ(taken(brisel_util_get_date_time_str_by_pattern(pattern, locale, &t)),
-                      fresh_text(pattern, false, locale, t));
-          for (const char *skeleton : {"Hm", "hhmm"})
-            EXPECT_EQ(taken(brisel_util_get_date_time_str_by_skeleton(skeleton, locale, &t)),
-                      fresh_text(skeleton, true, locale, t))
-                << locale;
-        }
-    }
-  }
-  brisel_close_icu_pattern_generator(&ad);
-  time_t t = old_mail;
-  EXPECT_EQ(taken(brisel_util_get_date_time_str_by_skeleton("Hm", "en_US", &t)), "") << "no generator, no text";
-  EXPECT_EQ(taken(brisel_util_get_date_time_str_by_pattern(std::string(400, 'y').c_str(), "en_US", &t)), "");
 }
 
 TEST_F(formats, RegionMakesTheLocaleAndTheDigits) {

@@ -1,60 +1,10 @@
 #include "reader-test.h"
 
 #include <chrono>
-#include <nlohmann/json.hpp>
 
 static const char *const host_name = "com.vextora.brisel.Host";
 static const char *const host_path = "/com/vextora/brisel/Host";
 static const char *const phone_interface = "com.vextora.brisel.Phone1";
-
-static int request_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  reader_phone *phone = (reader_phone *)data;
-  int64_t id = 0;
-  const char *json = nullptr;
-  if (sd_bus_message_read(m, "xs", &id, &json) >= 0) phone->requests.push_back({id, json});
-  sd_bus_call_method_async(phone->bus, nullptr, host_name, host_path, phone_interface, "Ack", nullptr, nullptr, "x",
-                           id);
-  return 0;
-}
-
-reader_phone::reader_phone() {
-  EXPECT_GE(sd_bus_match_signal(bus, nullptr, host_name, host_path, phone_interface, "Request", request_cb, this), 0);
-}
-
-void reader_phone::connect(void) {
-  sd_bus_error failed = SD_BUS_ERROR_NULL;
-  EXPECT_GE(sd_bus_call_method(bus, host_name, host_path, phone_interface, "Connect", &failed, nullptr, nullptr), 0)
-      << (failed.message ? failed.message : "");
-  sd_bus_error_free(&failed);
-}
-
-void reader_phone::leave(void) {
-  bus = sd_bus_flush_close_unref(bus);
-}
-
-void reader_phone::delete_mails(const std::vector<int> &ids) {
-  sd_bus_message *request = nullptr;
-  ASSERT_GE(sd_bus_message_new_method_call(bus, &request, host_name, host_path, phone_interface, "DeleteMails"), 0);
-  sd_bus_message_append_array(request, 'i', ids.data(), ids.size() * sizeof(int));
-  EXPECT_GE(sd_bus_call(bus, request, 0, nullptr, nullptr), 0);
-  sd_bus_message_unref(request);
-}
-
-void reader_phone::drain(void) {
-  while (sd_bus_process(bus, nullptr) > 0) {
-  }
-}
-
-std::string reader_phone::request(const std::string &kind) {
-  std::string found;
-  run_until([&] {
-    drain();
-    for (const reader_request &have : requests)
-      if (nlohmann::json::parse(have.json).at("request") == kind) found = have.json;
-    return !found.empty();
-  });
-  return found;
-}
 
 brisel_detail_view *reader(void) {
   return test_ad.naviframe
@@ -240,7 +190,7 @@ void double_tap(void) {
   run_for(0.1);
 }
 
-std::vector<int> mailbox_with(reader_phone *phone, const std::vector<std::string> &bodies) {
+std::vector<int> mailbox_with(linked_phone *phone, const std::vector<std::string> &bodies) {
   phone->connect();
   phone->clear();
   const int account = phone->add_account("ada@example.org", "Ada");
@@ -257,11 +207,11 @@ std::vector<int> mailbox_with(reader_phone *phone, const std::vector<std::string
   const std::vector<int> ids = phone->add_mails(mails);
   app_start();
   EXPECT_TRUE(run_until([&] { return listed_mails().size() == bodies.size() && test_ad.bt_connected == 1; }));
-  phone->forget_requests();
+  phone->requests.clear();
   return ids;
 }
 
-void answer_more(reader_phone *phone, int64_t request, int error, const std::string &piece, bool complete) {
+void answer_more(linked_phone *phone, int64_t request, int error, const std::string &piece, bool complete) {
   sd_bus_error failed = SD_BUS_ERROR_NULL;
   const int result = sd_bus_call_method(phone->bus, host_name, host_path, phone_interface, "AnswerMore", &failed,
                                         nullptr, "xisb", request, error, piece.c_str(), (int)complete);
@@ -269,21 +219,21 @@ void answer_more(reader_phone *phone, int64_t request, int error, const std::str
   sd_bus_error_free(&failed);
 }
 
-int64_t more_request(reader_phone *phone) {
+int64_t more_request(linked_phone *phone) {
   int64_t found = -1;
   run_until([&] {
     phone->drain();
-    for (const reader_request &have : phone->requests)
-      if (nlohmann::json::parse(have.json).at("request") == "more_msg") found = have.id;
+    for (const auto &have : phone->requests)
+      if (have.json.at("request") == "more_msg") found = have.id;
     return found >= 0;
   });
   return found;
 }
 
-int requests_of(reader_phone *phone, const std::string &kind) {
+int requests_of(linked_phone *phone, const std::string &kind) {
   phone->drain();
   int count = 0;
-  for (const reader_request &have : phone->requests)
-    if (nlohmann::json::parse(have.json).at("request") == kind) count++;
+  for (const auto &have : phone->requests)
+    if (have.json.at("request") == kind) count++;
   return count;
 }

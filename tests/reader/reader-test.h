@@ -6,26 +6,6 @@
 #include "../../app/src/brisel-app-detail.h"
 #include "../app-core/app-test.h"
 
-struct reader_request {
-  int64_t id;
-  std::string json;
-};
-
-/* The phone that the watch is linked to: it hears the requests and acknowledges them. */
-struct reader_phone : test_phone {
-  std::vector<reader_request> requests;
-
-  reader_phone();
-  void connect(void);
-  /* Leaves the bus, and with it the link. */
-  void leave(void);
-  void delete_mails(const std::vector<int> &ids);
-  /* The newest request of that kind, waiting for it; empty when none comes. */
-  std::string request(const std::string &kind);
-  void forget_requests(void) { requests.clear(); }
-  void drain(void);
-};
-
 /* The open reader, or NULL. */
 brisel_detail_view *reader(void);
 page_data *current_page(void);
@@ -60,12 +40,12 @@ int content_height(void);
 void pinch(double factor);
 void double_tap(void);
 /* One account, the mails in it newest first, the phone connected and the mailbox open. Returns the mails' ids. */
-std::vector<int> mailbox_with(reader_phone *phone, const std::vector<std::string> &bodies);
+std::vector<int> mailbox_with(linked_phone *phone, const std::vector<std::string> &bodies);
 /* Answers the more-message request of that number as the phone does. */
-void answer_more(reader_phone *phone, int64_t request, int error, const std::string &piece, bool complete);
+void answer_more(linked_phone *phone, int64_t request, int error, const std::string &piece, bool complete);
 /* The number of the newest more-message request, waiting for it; -1 when none comes. */
-int64_t more_request(reader_phone *phone);
+int64_t more_request(linked_phone *phone);
 /* How many requests of that kind the phone has heard. */
-int requests_of(reader_phone *phone, const std::string &kind);
+int requests_of(linked_phone *phone, const std::string &kind);
 
 #endif

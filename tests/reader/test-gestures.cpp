@@ -3,7 +3,7 @@
 #include "vconf.h"
 
 struct Gestures : testing::Test {
-  reader_phone phone;
+  linked_phone phone;
   std::vector<int> ids;
   void open(void) {
     ids = mailbox_with(&phone, {"Body 0", "Body 1", "Body 2", "Body 3"});

@@ -13,7 +13,7 @@ static std::string long_text(const std::string &word, int words) {
 }
 
 struct MoreMsg : testing::Test {
-  reader_phone phone;
+  linked_phone phone;
   std::vector<int> ids;
 
   void open(const std::vector<std::string> &bodies, size_t mail = 0) {
@@ -50,7 +50,7 @@ TEST_F(MoreMsg, ArrivesPieceByPieceUntilComplete) {
   expect_rest(current_page(), true);
   EXPECT_EQ(scrolled(), place) << "the reader's place moved";
 
-  phone.forget_requests();
+  phone.requests.clear();
   pull_to_end();
   request = more_request(&phone);
   ASSERT_GE(request, 0);
@@ -60,7 +60,7 @@ TEST_F(MoreMsg, ArrivesPieceByPieceUntilComplete) {
   EXPECT_TRUE(logged("I/There is no more mail_body!"));
 
   /* Complete: the edge asks for nothing any more. */
-  phone.forget_requests();
+  phone.requests.clear();
   pull_to_end();
   settle();
   EXPECT_EQ(requests_of(&phone, "more_msg"), 0);
@@ -69,7 +69,7 @@ TEST_F(MoreMsg, ArrivesPieceByPieceUntilComplete) {
 TEST_F(MoreMsg, AsksAtMostThreeTimesAVisit) {
   open({long_text("a", 40) + more_tag, "b"});
   for (int asked = 1; asked <= 4; asked++) {
-    phone.forget_requests();
+    phone.requests.clear();
     /* At the end already, one more pull hits it again. */
     pull_to_end();
     if (asked == 4) break;
@@ -150,7 +150,7 @@ TEST_F(MoreMsg, WhatThePhoneAnswers) {
   for (const answer_case &row : table) {
     SCOPED_TRACE(row.name);
     current_page()->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
-    phone.forget_requests();
+    phone.requests.clear();
     __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
     const int64_t request = more_request(&phone);
     ASSERT_GE(request, 0);
@@ -183,7 +183,7 @@ TEST_F(MoreMsg, ANewRequestEndsTheWaitOfThePageSwipedAway) {
   __brisel_detail_scroller_bottom_hit_cb(reader(), asked->scroller, nullptr);
   const int64_t old_request = more_request(&phone);
   ASSERT_TRUE(swipe(true));
-  phone.forget_requests();
+  phone.requests.clear();
   __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
   const int64_t request = more_request(&phone);
   ASSERT_GE(request, 0);
@@ -205,7 +205,7 @@ TEST_F(MoreMsg, AnswersForWhatIsGoneAreDropped) {
   ASSERT_TRUE(run_until([] { return !reader(); }));
 
   open_reader(ids[1]);
-  phone.forget_requests();
+  phone.requests.clear();
   __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
   const int64_t request = more_request(&phone);
   ASSERT_GE(request, 0);

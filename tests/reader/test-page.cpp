@@ -1,13 +1,12 @@
 /* One page: its parts and signals, its buttons, what it tells the phone, and how it follows settings. */
 #include <clocale>
-#include <nlohmann/json.hpp>
 
 #include "pickover.h"
 #include "reader-test.h"
 #include "vconf.h"
 
 struct Page : testing::Test {
-  reader_phone phone;
+  linked_phone phone;
   std::vector<int> ids;
 
   void fill(const std::vector<std::string> &bodies) { ids = mailbox_with(&phone, bodies); }
@@ -116,13 +115,13 @@ TEST_F(Page, ShowOnDeviceAsksThePhone) {
   reopen(0);
   for (int reachable : {0, 1}) {
     set_status("conn", reachable);
-    phone.forget_requests();
+    phone.requests.clear();
     evas_object_smart_callback_call(content("detail.lbutton"), "clicked", nullptr);
     const char *toast =
         reachable == 0 ? "IDS_PLEXO_POP_CHECK_MOBILE_DEVICE_TO_VIEW_CONTENT" : "IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER";
     EXPECT_TRUE(visible(brisel_util_get_text(toast)));
     if (reachable == 0) {
-      const nlohmann::json request = nlohmann::json::parse(phone.request("show"));
+      const nlohmann::json request = phone.request("show");
       EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[0]}));
     } else {
       EXPECT_EQ(requests_of(&phone, "show"), 0);
@@ -134,17 +133,17 @@ TEST_F(Page, EachVisitToAnUnreadMailIsToldOnce) {
   fill({"a", "b", "c"});
   phone.set_flag(ids[2], "is_read", 1);
   open_reader(ids[0]);
-  nlohmann::json request = nlohmann::json::parse(phone.request("update_ind"));
+  nlohmann::json request = phone.request("update_ind");
   EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[0]}));
-  phone.forget_requests();
+  phone.requests.clear();
   ASSERT_TRUE(swipe(true));
-  request = nlohmann::json::parse(phone.request("update_ind"));
+  request = phone.request("update_ind");
   EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[1]}));
   EXPECT_EQ(requests_of(&phone, "update_ind"), 1);
-  phone.forget_requests();
+  phone.requests.clear();
   ASSERT_TRUE(swipe(true)); /* read already */
   ASSERT_TRUE(swipe(false));
-  request = nlohmann::json::parse(phone.request("update_ind"));
+  request = phone.request("update_ind");
   EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[1]}));
   EXPECT_EQ(requests_of(&phone, "update_ind"), 1);
 }
@@ -164,7 +163,7 @@ TEST_F(Page, PickoverShowsTheMailOnThePhone) {
   EXPECT_EQ(requests_of(&phone, "show"), 0);
 
   ASSERT_EQ(pickover_take_over(), 0);
-  EXPECT_EQ(nlohmann::json::parse(phone.request("show")).at("id_list"), nlohmann::json({ids[0]}));
+  EXPECT_EQ(phone.request("show").at("id_list"), nlohmann::json({ids[0]}));
   EXPECT_EQ(reader()->pickover_timer, nullptr) << "no renewal after it";
   EXPECT_TRUE(reader()->is_pickover_registered);
 
@@ -174,10 +173,10 @@ TEST_F(Page, PickoverShowsTheMailOnThePhone) {
   app_resume(&test_ad);
   EXPECT_TRUE(reader()->is_pickover_registered);
   EXPECT_NE(reader()->pickover_timer, nullptr);
-  phone.forget_requests();
+  phone.requests.clear();
   ASSERT_TRUE(swipe(true));
   ASSERT_EQ(pickover_take_over(), 0);
-  EXPECT_EQ(nlohmann::json::parse(phone.request("show")).at("id_list"), nlohmann::json({ids[1]}));
+  EXPECT_EQ(phone.request("show").at("id_list"), nlohmann::json({ids[1]}));
   close_reader();
   EXPECT_EQ(pickover_take_over(), -1);
   log_mark();

@@ -56,7 +56,7 @@ static int count_objects(void) {
 }
 
 struct Pages : testing::Test {
-  reader_phone phone;
+  linked_phone phone;
   std::vector<int> ids;
 
   void fill(size_t count) {

@@ -29,7 +29,7 @@ static std::string laid_out_text(void) {
 }
 
 struct Texts : testing::Test {
-  reader_phone phone;
+  linked_phone phone;
   void TearDown() override { app_stop(); }
 };
 
