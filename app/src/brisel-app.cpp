@@ -252,12 +252,6 @@ int init_brisel(appdata *ad, int mail_id) {
   return 0;
 }
 
-/* The first build of the main screen; it happens once. */
-static void _launch(appdata *ad, int mail_id) {
-  init_brisel(ad, mail_id);
-  launched = 1;
-}
-
 /* --- account set-up, connecting -------------------------------------------------------------------------------------
  */
 
@@ -355,6 +349,15 @@ static void _connecting_popup_back_cb(void *data, Evas_Object *obj, void *event_
   appdata *ad = (appdata *)data;
   brisel_util_drop_popup(&ad->connecting_popup);
   _lower_and_exit(ad);
+}
+
+/* The first build of the main screen; it happens once. */
+static void _launch(appdata *ad, int mail_id) {
+  init_brisel(ad, mail_id);
+  launched = 1;
+  /* An account may come before the count is known: the popup stays above the new screen, and so does its back key. */
+  if (ad->connecting_popup)
+    ea_object_event_callback_add(ad->connecting_popup, EA_CALLBACK_BACK, _connecting_popup_back_cb, ad);
 }
 
 static void _create_connecting_popup(appdata *ad) {

@@ -158,6 +158,17 @@ def test_back_only_lowers_the_set_up_popup_but_ends_connecting(s):
     s.wait(lambda: gone(s), "the application to end")
 
 
+def test_back_ends_connecting_also_above_a_screen_built_meanwhile(s):
+    s.serve()
+    s.phone("account", "count", "unknown")
+    s.launch()
+    s.wait_text(s.text("IDS_EMAIL_POP_CONNECTING_ING"))
+    arrange(s, 1, False)
+    s.wait_text(SENDER)
+    s.watch("key", "back")
+    s.wait(lambda: gone(s), "the application to end")
+
+
 def test_a_second_launch_with_views_open_returns_to_the_mailbox(s):
     s.serve()
     ids = arrange(s, 2, True)
