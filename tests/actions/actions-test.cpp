@@ -11,6 +11,7 @@ static constexpr char phone_interface[] = "com.vextora.brisel.Phone1";
 
 void acting::SetUp() {
   setenv("BRISEL_WINDOW_SIZE", "360x480", 1);
+  vconf_set_bool("db/setting/motion", 0); /* views slide in the tests from outside */
   phone.clear();
   phone.set_account_count(true);
   phone.connect();
@@ -103,27 +104,19 @@ int views(void) {
   return count;
 }
 
-static bool transition_over;
-
 static void transition_cb(void *data, Evas_Object *obj, void *event_info) {
-  transition_over = true;
+  *(bool *)data = true;
 }
 
-static Eina_Bool bound_cb(void *data) {
-  transition_over = true;
-  return ECORE_CALLBACK_RENEW;
-}
-
-/* The view stack takes no further pop before a transition is over. There may be none to wait for. */
+/* The view stack takes no further pop before a transition is over. There may be none to wait for any more. */
 bool views_become(int count) {
   const bool reached = run_until([&] { return views() == count; });
   EXPECT_TRUE(reached) << views() << " views";
-  transition_over = false;
-  evas_object_smart_callback_add(test_ad.naviframe, "transition,finished", transition_cb, nullptr);
-  Ecore_Timer *bound = ecore_timer_add(0.6, bound_cb, nullptr);
-  run_until([] { return transition_over; });
-  ecore_timer_del(bound);
-  evas_object_smart_callback_del(test_ad.naviframe, "transition,finished", transition_cb);
+  bool over = false;
+  int turns = 0;
+  evas_object_smart_callback_add(test_ad.naviframe, "transition,finished", transition_cb, &over);
+  run_until([&] { return over || turns++ > 20; });
+  evas_object_smart_callback_del_full(test_ad.naviframe, "transition,finished", transition_cb, &over);
   settle();
   return reached;
 }

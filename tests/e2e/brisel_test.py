@@ -2,6 +2,7 @@
 import inspect
 import os
 import pathlib
+import signal
 import sys
 import traceback
 
@@ -11,6 +12,13 @@ from brisel_drive import PATIENCE, BUILD, Session, ToolError, mail, middle  # no
 
 def equal(actual, expected, what=""):
     assert actual == expected, f"{what}: got {actual!r}, expected {expected!r}"
+
+
+def kill_service(s):
+    """The next one who asks the service for something starts it again."""
+    out = s.run("dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
+                "org.freedesktop.DBus.GetConnectionUnixProcessID", "string:com.vextora.brisel.Host").stdout
+    os.kill(int(out.split()[-1]), signal.SIGKILL)
 
 
 def main(module_globals):

@@ -1,10 +1,8 @@
 """The open mailbox follows the phone: the six events, in the combined view and with one account shown; the service
 restarted in the middle; the end equals what a fresh start shows."""
-import os
-import signal
 import time
 
-from brisel_test import equal, mail, main
+from brisel_test import equal, kill_service, mail, main
 
 T0 = 1767600000
 
@@ -182,19 +180,13 @@ def test_neighbours_follow_only_when_next_to_the_opened(s):
     s.wait_text("From S9")
 
 
-def service_pid(s):
-    out = s.run("dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
-                "org.freedesktop.DBus.GetConnectionUnixProcessID", "string:com.vextora.brisel.Host").stdout
-    return int(out.split()[-1])
-
-
 def test_service_killed_in_the_middle(s):
     a, b = arrange(s)
     kept = [put(s, a, f"S{n}", T0 + n) for n in range(1, 4)]
     s.launch()
     s.wait(lambda: header_count(s) == "(3)", "three mails")
     for round in range(3):
-        os.kill(service_pid(s), signal.SIGKILL)
+        kill_service(s)
         put(s, b, f"S{10 + round}", T0 + 100 + round)
         s.phone("mail", "delete", kept[round])
         s.wait(lambda: f"S{10 + round}" in senders(s), "the mail after the restart")
