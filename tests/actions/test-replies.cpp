@@ -166,7 +166,8 @@ TEST_F(replies, TheKeypadRulesTheTypedView) {
   type("😀");
   keypad_hide();
   EXPECT_TRUE(run_until([&] { return icon_size() == std::make_pair(60, 60); }));
-  EXPECT_FALSE(visible(text("IDS_COM_POP_MAXIMUM_NUMBER_OF_CHARACTERS_REACHED")));
+  settle();
+  EXPECT_TRUE(gone(text("IDS_COM_POP_MAXIMUM_NUMBER_OF_CHARACTERS_REACHED")));
   status("conn", 2);
   press_send();
   EXPECT_TRUE(visible(text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER")));
