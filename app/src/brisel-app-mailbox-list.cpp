@@ -202,8 +202,25 @@ static Elm_Object_Item *_group_item(appdata *ad) {
   return first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP ? first : nullptr;
 }
 
+/* While many rows change: the canvas would look after each of them for what is under the finger now. */
+struct frozen_events {
+  Evas *canvas;
+  explicit frozen_events(Evas_Object *on) : canvas(on ? evas_object_evas_get(on) : nullptr) {
+    if (canvas) evas_event_freeze(canvas);
+  }
+  ~frozen_events() {
+    if (!canvas) return;
+    evas_event_thaw(canvas);
+    evas_event_thaw_eval(canvas);
+  }
+  frozen_events(const frozen_events &) = delete;
+  frozen_events &operator=(const frozen_events &) = delete;
+};
+
 static void _make_rows(appdata *ad, int count) {
+  if (!rowless) return;
   Elm_Object_Item *group_item = _group_item(ad);
+  const frozen_events frozen(ad->mailbox_genlist);
   for (; rowless && count > 0; rowless = rowless->next, count--)
     _append_mail_row(ad, group_item, (item_data *)rowless->data);
 }
@@ -484,6 +501,7 @@ static bool _header_is_stale(appdata *ad) {
 void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad) {
   BRISEL_INFO("updated_cnt : %d, type : %d", (int)g_slist_length(id_list), update_type);
   if (!id_list) return;
+  const frozen_events frozen(ad->mailbox_genlist);
   _make_all_rows(ad);
 
   bool only_account = ad->account_cnt == 1;
