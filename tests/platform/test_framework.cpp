@@ -130,6 +130,8 @@ TEST(FrameworkStart, SpeaksEnglishInEveryNeutralLocale) {
     child app({probe, "do=exit"}, {{"LANG", locale}, {"LC_ALL", locale}, {"BRISEL_WINDOW_SIZE", "360x480"}});
     EXPECT_EQ(app.line(), "create 360x480 No emails") << locale;
   }
+  child german({probe, "do=exit"}, {{"LANGUAGE", "C:xx:de"}});
+  EXPECT_EQ(german.line(), "create 320x320 Keine E-Mails") << "what is no language ends no list of languages";
 }
 
 TEST_F(Framework, AnswersLaunchesAtOnceOrLate) {
