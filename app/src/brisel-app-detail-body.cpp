@@ -36,6 +36,7 @@ struct text_block {
   Evas_Object *shown; /* its laid-out object, while it is near the screen; never set for the first block */
   int height;         /* pixels; 0: not even guessed yet */
   bool measured;      /* else the height is a guess, which stays as it is so that nothing moves */
+  bool continues;     /* it only got longer while it was laid out: what was read of it stays at its place */
   direction along;    /* a block that starts inside a paragraph runs the way the paragraph does */
 };
 
@@ -352,7 +353,7 @@ static void _arrange(detail_body *body) {
       bool guessed = !block.measured;
       _show_block(body, i);
       /* A block that reaches into the view from above stays in it with the same share. */
-      if (guessed && above && body->anchor == no_anchor)
+      if (guessed && above && !block.continues && body->anchor == no_anchor)
         moved += (int)((double)(block.height - height) * std::min(1.0, (double)(top - y) / height));
       height = block.height;
     } else if (block.shown && (y >= bottom + 2 * near_by || y + height <= top - 2 * near_by)) {
@@ -473,10 +474,11 @@ void brisel_detail_body_set(Evas_Object *layout, const char *text, size_t length
   size_t keep = 0;
   while (!fresh && keep + 1 < body->blocks.size() && _end_of(body, keep) <= same) keep++;
   size_t cut_from = keep ? _end_of(body, keep - 1) : 0;
+  const bool continues = keep && body->blocks[keep].shown;
   for (size_t i = keep; i < body->blocks.size(); i++) _hide_block(body->blocks[i]);
   body->blocks.resize(keep);
   body->text = std::move(plain);
-  text_block next = {.start = cut_from};
+  text_block next = {.start = cut_from, .continues = continues};
   if (keep && body->text[cut_from - 1] != '\n') next.along = _open_direction(body->text, body->blocks.back(), cut_from);
   body->blocks.push_back(next);
   _cut_rest(body);

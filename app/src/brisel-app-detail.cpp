@@ -563,17 +563,14 @@ static void __brisel_detail_drop_page(brisel_detail_view *view_data, int index) 
 
 /* Lays the box out: every page as wide as the view and as high, whatever its content asks for, and the box exactly as
    wide as its pages, so that the scroller finds them at whole pages. A box's own layout would let wide content push
-   the pages out of step. Where people read from the right, the scroller counts its pages from there, so they stand that
-   way round: the next mail is to the left. */
+   the pages out of step. */
 static void __brisel_detail_box_layout_cb(Evas_Object *box, Evas_Object_Box_Data *priv, void *data) {
   int x = 0, y = 0, height = 0, width = 0, count = 0;
   evas_object_geometry_get(box, &x, &y, nullptr, &height);
   elm_scroller_page_size_get((Evas_Object *)data, &width, nullptr);
-  const int pages = (int)eina_list_count(priv->children);
-  const bool from_right = elm_object_mirrored_get((Evas_Object *)data);
   for (Eina_List *cell = priv->children; cell; cell = cell->next, count++) {
     Evas_Object *page = ((Evas_Object_Box_Option *)eina_list_data_get(cell))->obj;
-    evas_object_move(page, x + (from_right ? pages - 1 - count : count) * width, y);
+    evas_object_move(page, x + count * width, y);
     evas_object_resize(page, width, height);
   }
   evas_object_size_hint_min_set(box, count * width, 0);
@@ -786,7 +783,7 @@ static void __brisel_detail_check_stroke(brisel_detail_view *view_data, const Ev
   int long_enough = 2 * elm_config_finger_size_get();
   if (up >= long_enough && up > abs(left)) __brisel_detail_pull(view_data);
   if (abs(left) >= long_enough && abs(left) > abs(up) && event->timestamp - view_data->pressed_time <= flick_time)
-    __brisel_detail_flick(view_data, (left > 0) != elm_object_mirrored_get(view_data->page_scroller));
+    __brisel_detail_flick(view_data, left > 0);
 }
 
 static Eina_Bool __brisel_detail_neighbor_timer_cb(void *data) {
@@ -837,8 +834,8 @@ static void __brisel_detail_create_page_scroller(brisel_detail_view *view_data) 
   Evas_Object *scroller = __brisel_detail_create_scroller(view_data->ad->naviframe);
   if (!scroller) return;
   __brisel_detail_keep(&view_data->page_scroller, scroller);
-  /* A stroke to the left shows the next mail in every language, and the pages lie accordingly. A mirrored scroller would
-     count them from the other side. */
+  /* A stroke to the left shows the next mail in every language, and the pages lie accordingly. A mirrored scroller
+     would count them from the other side. */
   elm_object_mirrored_automatic_set(scroller, EINA_FALSE);
   elm_object_mirrored_set(scroller, EINA_FALSE);
   elm_scroller_loop_set(scroller, EINA_FALSE, EINA_FALSE);
@@ -1017,8 +1014,6 @@ int brisel_detail_update_string(appdata *ad) {
   if (!view_data) return 0;
   for (page_data *page : view_data->page_data)
     if (page && page->detail_layout) __brisel_detail_update_page_string(view_data, page);
-  /* The new language may be read from the other side. A shift that is due shows the current page anyway. */
-  if (!is_mouse_down && !is_page_moving) __brisel_detail_show_current_page(view_data);
   return 0;
 }
 

@@ -136,31 +136,6 @@ TEST_F(Pages, SwipesTurnOnePageEach) {
   }
 }
 
-TEST_F(Pages, FromRightToLeftTheNextMailIsToTheLeft) {
-  fill(4);
-  elm_config_mirrored_set(EINA_TRUE);
-  auto expect_in_view = [&](size_t at) {
-    int x = -1;
-    evas_smart_objects_calculate(test_ad.evas);
-    evas_object_geometry_get(current_page()->page_layout, &x, nullptr, nullptr, nullptr);
-    EXPECT_EQ(x, 0) << "the current page is not the one in view";
-    EXPECT_EQ(reader()->mail_id, ids[at]);
-  };
-  open_reader(ids[0]);
-  expect_in_view(0);
-  /* The finger moves to the right. */
-  for (size_t at = 1; at < ids.size(); at++) {
-    ASSERT_TRUE(swipe(false));
-    expect_in_view(at);
-  }
-  elm_config_mirrored_set(EINA_FALSE);
-  brisel_detail_update_string(&test_ad);
-  run_for(0.5); /* a page that turned by itself would have by then */
-  expect_in_view(3);
-  ASSERT_TRUE(swipe(false));
-  expect_in_view(2);
-}
-
 TEST_F(Pages, ASecondSwipeWhileOneIsDueTurnsOnePage) {
   fill(5);
   open_reader(ids[0]);
