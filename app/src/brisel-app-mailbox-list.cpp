@@ -771,6 +771,16 @@ static Elm_Object_Item *_take_selection(void *event_info) {
   return it;
 }
 
+/* The row's back pointer; NULL after the log line that says why. */
+template <typename Row>
+static appdata *_ad_of(const Row *row, const char *what) {
+  if (!row)
+    BRISEL_WARN("%s is NULL", what);
+  else if (!row->ad)
+    BRISEL_WARN("%s->ad is NULL", what);
+  return row ? row->ad : nullptr;
+}
+
 /* Whether the touch that committed a sweep blocked the row: for that one time. */
 static bool _is_blocked_once(appdata *ad, Elm_Object_Item *it) {
   if (ad->blocked_item != it) return false;
@@ -931,15 +941,8 @@ static void _gl_group_sel(void *data, Evas_Object *obj, void *event_info) {
   Elm_Object_Item *it = _take_selection(event_info);
   if (!it) return;
   group_item_data *group = (group_item_data *)data;
-  if (!group) {
-    BRISEL_WARN("group_item_data is NULL");
-    return;
-  }
-  appdata *ad = group->ad;
-  if (!ad) {
-    BRISEL_WARN("group_item_data->ad is NULL");
-    return;
-  }
+  appdata *ad = _ad_of(group, "group_item_data");
+  if (!ad) return;
   if (_is_blocked_once(ad, it)) return;
   if (ad->account_cnt < 2) {
     BRISEL_INFO("one account is registered only. Ignore the account toggle action");
@@ -1043,15 +1046,8 @@ static void _gl_popup_sel(void *data, Evas_Object *obj, void *event_info) {
   Elm_Object_Item *it = _take_selection(event_info);
   if (!it) return;
   popup_item_data *row = (popup_item_data *)data;
-  if (!row) {
-    BRISEL_WARN("item_data is NULL");
-    return;
-  }
-  appdata *ad = row->ad;
-  if (!ad) {
-    BRISEL_WARN("item_data->ad is NULL");
-    return;
-  }
+  appdata *ad = _ad_of(row, "item_data");
+  if (!ad) return;
   Evas_Object *radio = elm_object_item_part_content_get(it, "elm.icon");
   elm_genlist_item_selected_set(it, EINA_FALSE);
   if (radio) elm_radio_value_set(radio, row->index);

@@ -295,13 +295,28 @@ static void _lower_and_exit(appdata *ad) {
   app_efl_exit();
 }
 
-static void _set_up_email_popup_ok_cb(void *data, Evas_Object *obj, void *event_info) {
-  appdata *ad = (appdata *)data;
+/* Whether the popup of that field is still to be made; the log says why not. */
+static bool _popup_is_missing(appdata *ad, Evas_Object *appdata::*field) {
   if (!ad) {
     BRISEL_ERROR("data is NULL!");
-    return;
+    return false;
+  }
+  if (ad->*field) BRISEL_INFO("popup is already existed.");
+  return !(ad->*field);
+}
+
+static bool _close_set_up_popup(appdata *ad) {
+  if (!ad) {
+    BRISEL_ERROR("data is NULL!");
+    return false;
   }
   brisel_util_drop_popup(&ad->no_account_popup);
+  return true;
+}
+
+static void _set_up_email_popup_ok_cb(void *data, Evas_Object *obj, void *event_info) {
+  appdata *ad = (appdata *)data;
+  if (!_close_set_up_popup(ad)) return;
   int result = brisel_ipc_req_no_account(nullptr, nullptr);
   if (result != 0) BRISEL_WARN("brisel_ipc_req_no_account failed(%d)", result);
   _lower_and_exit(ad);
@@ -309,11 +324,7 @@ static void _set_up_email_popup_ok_cb(void *data, Evas_Object *obj, void *event_
 
 static void _set_up_email_popup_cancel_cb(void *data, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
-  if (!ad) {
-    BRISEL_ERROR("data is NULL!");
-    return;
-  }
-  brisel_util_drop_popup(&ad->no_account_popup);
+  if (!_close_set_up_popup(ad)) return;
   _lower_and_exit(ad);
 }
 
@@ -324,14 +335,7 @@ static void _set_up_email_popup_back_cb(void *data, Evas_Object *obj, void *even
 
 static void _create_set_up_email_popup(appdata *ad) {
   BRISEL_INFO("Enter");
-  if (!ad) {
-    BRISEL_ERROR("data is NULL!");
-    return;
-  }
-  if (ad->no_account_popup) {
-    BRISEL_INFO("popup is already existed.");
-    return;
-  }
+  if (!_popup_is_missing(ad, &appdata::no_account_popup)) return;
   if (ad->account_id != 0) {
     BRISEL_INFO("account id reset is needed (%d->0)", ad->account_id);
     ad->account_id = 0;
@@ -362,14 +366,7 @@ static void _launch(appdata *ad, int mail_id) {
 
 static void _create_connecting_popup(appdata *ad) {
   BRISEL_INFO("Enter");
-  if (!ad) {
-    BRISEL_ERROR("data is NULL!");
-    return;
-  }
-  if (ad->connecting_popup) {
-    BRISEL_INFO("popup is already existed.");
-    return;
-  }
+  if (!_popup_is_missing(ad, &appdata::connecting_popup)) return;
   Evas_Object *popup = elm_popup_add(ad->win_main);
   evas_object_size_hint_weight_set(popup, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, _connecting_popup_back_cb, ad);
