@@ -170,7 +170,9 @@ int brisel_db_get_all_template_data(GSList **list);
 int brisel_ipc_client_init(void);
 int brisel_ipc_client_deinit(void);
 /* One callback per event type; a second subscription replaces the first. Events raised while the service was
-   away are delivered when it is back: the store numbers its changes. */
+   away are delivered when it is back: the store numbers its changes. When it no longer has them all, or is another
+   store, events are made from what is there: every mail and account is then told as gone, changed or new, also those to
+   which nothing happened. */
 int brisel_ipc_client_event_subscribe(int event_type, brisel_ipc_event_cb callback, void *user_data);
 int brisel_ipc_client_event_unsubscribe(int event_type);
 /* Withdraws a request of this type whose answer is still awaited: its callback never runs. What was handed over

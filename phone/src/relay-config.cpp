@@ -142,6 +142,11 @@ int relay_add_account(const std::string &text, const mailbox_kind *kind, relay_s
   std::string name, path;
   if (split_pair(text, &name, &path, error) < 0) return -1;
   relay_account_settings *account = account_named(settings, name);
+  if (account->given) {
+    *error = name + ": two mailboxes are given for it; an account has one";
+    return -1;
+  }
+  account->given = true;
   if (account->address.empty()) split_address(name, account);
   account->kind = kind;
   account->path = full_path(path);

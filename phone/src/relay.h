@@ -20,6 +20,7 @@ struct relay_account_settings {
   const mailbox_kind *kind = &maildir_kind;
   std::string path;
   std::string address, display_name, color;
+  bool given = false;              /* the path comes from the command line */
   int64_t newest = -1, first = -1; /* -1: as for all */
 };
 

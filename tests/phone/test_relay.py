@@ -257,6 +257,7 @@ def test_clear_refusals(s):
     config.write_text("[relay]\nnewest=many\n")
     for args, said in ((["relay"], "no mailbox"), (["relay", "--maildir", "x"], "NAME=..."),
                        (["relay", "--maildir", f"x={s.dir}/none"], "no Maildir"),
+                       (["relay", "--maildir", "x=/a", "--mbox", "x=/b"], "two mailboxes"),
                        (["relay", "--config", config], "a number is wanted"),
                        (["relay", "--config", s.dir / "none"], "none"),
                        (["relay", "drop", "7"], "no such reply")):
