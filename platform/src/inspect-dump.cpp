@@ -68,6 +68,22 @@ bool contains(const rect &outer, const rect &inner) {
          inner.y + inner.h <= outer.y + outer.h;
 }
 
+/* What of a text can be seen below something that lies over the whole of its upper or lower part: a list's header lies
+   so over a row. */
+rect left_of(const rect &text, const rect &over) {
+  if (contains(over, text) || over.x > text.x || over.x + over.w < text.x + text.w) return text;
+  rect left = text;
+  const int over_end = over.y + over.h;
+  const int text_end = text.y + text.h;
+  if (over.y <= text.y && over_end > text.y) {
+    left.y = over_end;
+    left.h = text_end - over_end;
+  } else if (over.y < text_end && over_end >= text_end) {
+    left.h = over.y - text.y;
+  }
+  return left;
+}
+
 rect geometry(const Evas_Object *obj) {
   rect out;
   evas_object_geometry_get(obj, &out.x, &out.y, &out.w, &out.h);
@@ -298,7 +314,14 @@ bool block_cut(Evas_Object *obj) {
   evas_object_textblock_size_formatted_get(copy, &w, &h);
   evas_object_del(copy);
   evas_textblock_style_free(whole);
-  return w > object.w + 1 || h > object.h + 1;
+  /* A block that may take smaller letters is cut when the smallest do not fit either. */
+  unsigned int fit = 0;
+  unsigned int smallest = 0;
+  unsigned int largest = 0;
+  evas_textblock_fit_options_get(obj, &fit);
+  evas_textblock_fit_size_range_get(obj, &smallest, &largest);
+  const double share = fit && largest > 0 ? double(smallest) / largest : 1.0;
+  return w * share > object.w + 1 || h * share > object.h + 1;
 }
 
 /* The layout that the text is a part of. */
@@ -459,9 +482,15 @@ std::string inspect_dump(Evas_Object *window) {
   out["popups"] = w.popups;
   out["texts"] = json::array();
   for (shown_text &text : w.texts) {
-    text.entry["covered"] = std::any_of(w.covers.begin(), w.covers.end(), [&text](const cover &one) {
-      return one.order > text.order && contains(one.area, text.area);
-    });
+    bool covered = false;
+    for (const cover &one : w.covers) {
+      if (one.order <= text.order) continue;
+      covered = covered || contains(one.area, text.area);
+      text.area = left_of(text.area, one.area);
+    }
+    text.entry["y"] = text.area.y;
+    text.entry["height"] = text.area.h;
+    text.entry["covered"] = covered;
     out["texts"].push_back(std::move(text.entry));
   }
   return out.dump(-1, ' ', false, json::error_handler_t::replace);

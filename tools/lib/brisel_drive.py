@@ -219,8 +219,8 @@ class Session:
         return self.catalogue(domain).gettext(id)
 
     def counted(self, id, number, domain="brisel"):
-        """The translation of a text with a number in it."""
-        return self.catalogue(domain).ngettext(id, id, number).replace("%d", str(number))
+        """The translation of a text with a number in it, which stands for "%d" in the digits of the region."""
+        return self.catalogue(domain).ngettext(id, id, number)
 
     def catalogue(self, domain):
         locale = pathlib.Path(self.env["BRISEL_RES_DIR"]) / "locale"

@@ -1,0 +1,85 @@
+#!/usr/bin/env python3
+"""Finds texts that cannot be read in inspection dumps: clipped ones, ones over each other, and labels that were cut off.
+Standard library only.   usage: layout.py LANGUAGE SCALE DUMP..."""
+import gettext
+import json
+import os
+import pathlib
+import re
+import sys
+
+TOP = pathlib.Path(__file__).resolve().parent.parent.parent
+BUILD = pathlib.Path(os.environ.get("BRISEL_BUILD", TOP / "build")).resolve()
+# A line's box has room above and below its letters, the more the more scripts a font holds: boxes may touch.
+AIR = 0.3  # of the letters' size
+KEY_AIR = 0.6  # of a single letter's, as on a key
+BLANK = 0.4  # of the letters' size: a line from right to left has the blank at which it was wrapped at its left
+SMALLEST = 12  # pixels at scale factor 1: the least that a line, which has to fit, shrinks to
+
+
+def labels(language):
+    """The application's own texts, which have to be read whole; what mails bring may be cut."""
+    texts = set()
+    for domain in ("brisel", "message"):
+        catalogue = gettext.translation(domain, str(BUILD / "data/res/locale"), [language])
+        texts |= {text for id, text in catalogue._catalog.items() if id}
+    return texts
+
+
+def name(shown):
+    return repr(shown["text"][:40])
+
+
+def edges(rect):
+    return rect["x"], rect["y"], rect["x"] + rect["width"], rect["y"] + rect["height"]
+
+
+def sides_outside(inner, outer, air, blank):
+    a, b = edges(inner), edges(outer)
+    return [side for side, beyond in (("left", b[0] - a[0] > blank), ("top", b[1] - a[1] > air), ("right", a[2] - b[2] > 1),
+                                      ("bottom", a[3] - b[3] > air)) if beyond]
+
+
+def problems(dump, own, scale):
+    shown = [t for t in dump["texts"] if not t["covered"]]
+    found = []
+    for text in shown:
+        air = AIR * text["font_size"]
+        wrapped = text["whole"]["height"] > 2 * text["font_size"] and re.search(r"[\u0590-\u08FF]", text["text"])
+        blank = BLANK * text["font_size"] if wrapped else 1
+        clipped = sides_outside(text["whole"], text, air, blank)
+        if text["scrolls"]:
+            clipped = [side for side in clipped if side in ("left", "right")]
+        if clipped:
+            found.append(f"{name(text)} is clipped at its {' and '.join(clipped)}")
+        elif beyond := sides_outside(text["whole"], text["layout"], air, blank):
+            found.append(f"{name(text)} stands out of its layout at the {' and '.join(beyond)}")
+        if text["cut"] and text["text"] in own:
+            found.append(f"{name(text)} is cut off")
+        if text["font_size"] < SMALLEST * scale - 1:
+            found.append(f"{name(text)} has letters of {text['font_size']:.0f} pixels")
+    for number, one in enumerate(shown):
+        for other in shown[number + 1:]:
+            if one["layer"] != other["layer"]:
+                continue
+            a, b = edges(one), edges(other)
+            wide, high = min(a[2], b[2]) - max(a[0], b[0]), min(a[3], b[3]) - max(a[1], b[1])
+            air = KEY_AIR if len(one["text"]) == len(other["text"]) == 1 else AIR
+            if wide > 1 and high > air * min(one["font_size"], other["font_size"]):
+                found.append(f"{name(one)} and {name(other)} lie over each other by {wide} x {high}")
+    return found
+
+
+def check_files(files, language, scale):
+    """{file's stem: problems}, of those that have some."""
+    own = labels(language)
+    found = {pathlib.Path(f).stem: problems(json.loads(pathlib.Path(f).read_text()), own, scale) for f in files}
+    return {stem: lines for stem, lines in found.items() if lines}
+
+
+if __name__ == "__main__":
+    result = check_files(sys.argv[3:], sys.argv[1], float(sys.argv[2]))
+    for stem, lines in sorted(result.items()):
+        for line in lines:
+            print(f"{stem}: {line}")
+    sys.exit(1 if result else 0)
