@@ -106,7 +106,7 @@ TEST(Reader, PageSwipes) {
   } runs[] = {{"latin", 1024}, {"latin", 65536}, {"latin", 1000000}, {"right-to-left", 1024}, {"right-to-left", 65536},
               {"cjk", 1024},   {"cjk", 65536},   {"emoji", 1024},    {"emoji", 65536}};
   for (const auto &run : runs) {
-    reader_phone phone;
+    linked_phone phone;
     const std::vector<int> ids = mailbox_with(&phone, std::vector<std::string>(8, body_of(run.script, run.size)));
     evas_event_callback_add(test_ad.evas, EVAS_CALLBACK_RENDER_POST, drawn_cb, nullptr);
     frames.clear();
