@@ -105,6 +105,9 @@ void app_look_start(void) {
   elm_config_scroll_thumbscroll_threshold_set(finger_tremble);
   /* What a finger drags stays under the finger: an average over the last moments would lag behind it. */
   elm_config_scroll_thumbscroll_smooth_start_set(0.0);
+  /* What it throws goes on at the finger's own speed. At the toolkit's quarter of it, no finger is fast enough on so small
+     a screen to make a list coast at all. */
+  elm_config_scroll_thumbscroll_sensitivity_friction_set(1.0);
   elm_config_finger_size_set(finger_size);
   elm_config_focus_highlight_enabled_set(EINA_FALSE);
   elm_config_item_select_on_focus_disabled_set(EINA_TRUE);
