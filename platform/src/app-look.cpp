@@ -89,8 +89,8 @@ static void add_overlay(const char *installed) {
 }
 
 void app_look_start(void) {
-  /* Emptying the caches by the clock would wake an idle watch every minute; they are bounded anyway. Setting this empties
-     them once, so it comes before anything is read that will be needed. */
+  /* Emptying the caches by the clock would wake an idle watch every minute; they are bounded anyway. Setting this
+     empties them once, so it comes before anything is read that will be needed. */
   elm_config_cache_flush_enabled_set(EINA_FALSE);
   /* Only there do windows draw their own frames. */
   if (!getenv("WAYLAND_DISPLAY")) add_overlay(frame_file);
@@ -105,8 +105,8 @@ void app_look_start(void) {
   elm_config_scroll_thumbscroll_threshold_set(finger_tremble);
   /* What a finger drags stays under the finger: an average over the last moments would lag behind it. */
   elm_config_scroll_thumbscroll_smooth_start_set(0.0);
-  /* What it throws goes on at the finger's own speed. At the toolkit's quarter of it, no finger is fast enough on so small
-     a screen to make a list coast at all. */
+  /* What it throws goes on at the finger's own speed. At the toolkit's quarter of it, no finger is fast enough on so
+     small a screen to make a list coast at all. */
   elm_config_scroll_thumbscroll_sensitivity_friction_set(1.0);
   elm_config_finger_size_set(finger_size);
   elm_config_focus_highlight_enabled_set(EINA_FALSE);
