@@ -12,7 +12,7 @@
 #include <fstream>
 #include <functional>
 
-#include "fault-vfs.h"
+#include "fault.h"
 #include "schema.h"
 #include "store.h"
 
@@ -179,7 +179,7 @@ TEST(Durability, PowerLossAtAnyStepOfTheDisk) {
     folder f;
     life l = {f.file};
     size_t acknowledged = 0;
-    fault_arm(fault_power, fault);
+    fault_arm({fault_power, fault});
     for (const auto &step : script()) {
       if (step(&l) != store_ok) break;
       acknowledged++;
@@ -187,7 +187,7 @@ TEST(Durability, PowerLossAtAnyStepOfTheDisk) {
     more = fault_struck();
     store_close(l.st);
     if (more) fault_lose_unsynced();
-    fault_arm(fault_none, 0);
+    fault_arm({});
     expect_kept(f.file, acknowledged, fault);
     if (HasFailure()) return;
   }
@@ -204,7 +204,7 @@ TEST(Durability, KillAtAnyStepOfTheDisk) {
     const pid_t child = fork();
     if (child == 0) {
       life l = {f.file};
-      fault_arm(fault_kill, fault);
+      fault_arm({fault_kill, fault});
       for (const auto &step : script())
         if (step(&l) != store_ok || write(pipe_ends[1], "+", 1) != 1) _exit(1);
       _exit(0);
@@ -229,7 +229,7 @@ TEST(Durability, AFailureThatPassesIsReportedAndLeavesNoTrace) {
   for (bool more = true; more; fault += stride()) {
     folder f;
     life l = {f.file};
-    fault_arm(fault_once, fault);
+    fault_arm({fault_io, fault});
     for (const auto &step : script()) {
       store_status status = step(&l);
       if (status != store_ok) {
@@ -240,7 +240,7 @@ TEST(Durability, AFailureThatPassesIsReportedAndLeavesNoTrace) {
     }
     more = fault_struck();
     store_close(l.st);
-    fault_arm(fault_none, 0);
+    fault_arm({});
     EXPECT_EQ(expected().back(), dump(f.file)) << "fault at " << fault;
     if (HasFailure()) return;
   }
