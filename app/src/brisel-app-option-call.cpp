@@ -30,8 +30,8 @@ static void __brisel_option_call_gl_sel_contacts(void *data, Evas_Object *obj, v
 
 /* NULL when the list has become shorter since the row was made, or its view was popped. */
 static const contact_number *__brisel_option_call_contact(const option_call_item_data *row) {
-  full_noti_data *noti_data = row ? row->view_data->noti_data : NULL;
-  return noti_data ? (contact_number *)g_slist_nth_data(noti_data->sender_contact_list, (guint)row->index) : NULL;
+  full_noti_data *noti_data = row ? row->view_data->noti_data : nullptr;
+  return noti_data ? (contact_number *)g_slist_nth_data(noti_data->sender_contact_list, (guint)row->index) : nullptr;
 }
 
 static const char *__brisel_option_call_type_id(int type) {
@@ -49,16 +49,16 @@ static const char *__brisel_option_call_type_id(int type) {
 
 static char *__brisel_option_call_gl_text_get_contacts(void *data, Evas_Object *obj, const char *part) {
   const option_call_item_data *row = (option_call_item_data *)data;
-  if (row && !row->view_data->noti_data) return NULL;
+  if (row && !row->view_data->noti_data) return nullptr;
   const contact_number *contact = __brisel_option_call_contact(row);
   if (!contact) {
     BRISEL_ERROR("Failed to get phone number from sender_contact_list!");
-    return NULL;
+    return nullptr;
   }
   // A number comes from a contact card, which may hold anything: it is shown as text.
   if (!strcmp(part, "elm.text") || !strcmp(part, "elm.text.1")) return brisel_util_text_to_markup(contact->number);
   if (!strcmp(part, "elm.text.2")) return strdup(brisel_util_get_text(__brisel_option_call_type_id(contact->type)));
-  return NULL;
+  return nullptr;
 }
 
 static void __brisel_option_call_gl_del(void *data, Evas_Object *obj) {
@@ -73,7 +73,7 @@ static option_call_item_data *__brisel_option_call_make_contacts_list_data(int i
   option_call_item_data *row = (option_call_item_data *)calloc(1, sizeof *row);
   if (!row) {
     BRISEL_ERROR("Failed to allocate memory item_data!");
-    return NULL;
+    return nullptr;
   }
   row->index = index;
   row->view_data = vd;
@@ -81,13 +81,13 @@ static option_call_item_data *__brisel_option_call_make_contacts_list_data(int i
 }
 
 static void __brisel_option_call_append_rows(option_call_view_data *vd, Evas_Object *genlist) {
-  static constexpr Elm_Genlist_Item_Class row_class =
-      brisel_option_row_class("2text.1", __brisel_option_call_gl_text_get_contacts, NULL, __brisel_option_call_gl_del);
+  static constexpr Elm_Genlist_Item_Class row_class = brisel_option_row_class(
+      "2text.1", __brisel_option_call_gl_text_get_contacts, nullptr, __brisel_option_call_gl_del);
   int count = (int)g_slist_length(vd->noti_data->sender_contact_list);
   for (int i = 0; i < count; i++) {
     option_call_item_data *row = __brisel_option_call_make_contacts_list_data(i, vd);
     if (!row) continue;
-    if (!brisel_option_add_row(genlist, NULL, &row_class, row, __brisel_option_call_gl_sel_contacts, row)) free(row);
+    if (!brisel_option_add_row(genlist, nullptr, &row_class, row, __brisel_option_call_gl_sel_contacts, row)) free(row);
   }
 }
 
@@ -113,7 +113,7 @@ static void __brisel_option_call_contacts_db_changed_cb(const char *view_uri, vo
 static Eina_Bool __brisel_option_call_view_pop_timer_cb(void *data) {
   BRISEL_INFO("Enter");
   option_call_view_data *vd = (option_call_view_data *)data;
-  vd->pop_timer = NULL;
+  vd->pop_timer = nullptr;
   brisel_util_pop_view(vd->ad->naviframe);
   return ECORE_CALLBACK_CANCEL;
 }
@@ -149,7 +149,7 @@ static Evas_Object *__brisel_option_call_create_bg(Evas_Object *layout, Evas_Obj
 
 static Evas_Object *__brisel_option_call_create_genlist(Evas_Object *layout, option_call_view_data *vd) {
   Evas_Object *genlist = brisel_option_create_list(layout, __brisel_option_call_gl_realized_cb);
-  if (!genlist) return NULL;
+  if (!genlist) return nullptr;
   __brisel_option_call_append_rows(vd, genlist);
   elm_object_part_content_set(layout, "elm.swallow.content", genlist);
   return genlist;
@@ -158,7 +158,7 @@ static Evas_Object *__brisel_option_call_create_genlist(Evas_Object *layout, opt
 /* Frees an owned mail and, once the list can ask for no more texts, the record. */
 static void __brisel_option_call_free(option_call_view_data *vd) {
   if (vd->own_noti_data) brisel_full_noti_data_free(vd->noti_data);
-  vd->noti_data = NULL;
+  vd->noti_data = nullptr;
   brisel_option_free_with_list(vd, &vd->layout, &vd->genlist);
 }
 
@@ -168,7 +168,7 @@ static Eina_Bool __brisel_option_call_view_pop_cb(void *data, Elm_Object_Item *i
   int ct_ret = contacts_db_remove_changed_cb(_contacts_person._uri, __brisel_option_call_contacts_db_changed_cb, vd);
   if (ct_ret != CONTACTS_ERROR_NONE) BRISEL_WARN("contacts_db_remove_changed_cb() failed! ct_ret:[%d]", ct_ret);
   if (vd->pop_timer) ecore_timer_del(vd->pop_timer);
-  vd->pop_timer = NULL;
+  vd->pop_timer = nullptr;
   __brisel_option_call_free(vd);
   BRISEL_INFO("Leave");
   return EINA_TRUE;
@@ -207,7 +207,7 @@ int brisel_option_call_draw_view(int mail_id, appdata *ad, full_noti_data *noti_
   brisel_widget_ref_set(&vd->genlist, genlist);
 
   char *title = brisel_option_sender_title(vd->noti_data);
-  brisel_option_push(ad, layout, title, NULL, __brisel_option_call_view_pop_cb, (brisel_view_head *)vd);
+  brisel_option_push(ad, layout, title, nullptr, __brisel_option_call_view_pop_cb, (brisel_view_head *)vd);
   free(title);
   if (contacts_db_add_changed_cb(_contacts_person._uri, __brisel_option_call_contacts_db_changed_cb, vd) !=
       CONTACTS_ERROR_NONE)

@@ -48,19 +48,18 @@ static bool __brisel_option_detail_is_label(const char *part) {
   return !strcmp(part, "elm.text") || !strcmp(part, "elm.text.1");
 }
 
-/* --- rows: texts and contents --------------------------------------------------------------------------------------
- */
+/* --- rows: texts and contents --- */
 
 static char *__brisel_option_detail_gl_text_get_call(void *data, Evas_Object *obj, const char *part) {
   option_detail_view_data *vd = (option_detail_view_data *)data;
   if (__brisel_option_detail_is_label(part)) return __brisel_option_detail_text("IDS_COM_SK_CALL");
-  if (strcmp(part, "elm.text.2") != 0) return NULL;
+  if (strcmp(part, "elm.text.2") != 0) return nullptr;
   // After the pop the list slides out without its mail.
-  if (vd && !vd->noti_data) return NULL;
-  contact_number *contact = vd ? (contact_number *)g_slist_nth_data(vd->noti_data->sender_contact_list, 0) : NULL;
+  if (vd && !vd->noti_data) return nullptr;
+  contact_number *contact = vd ? (contact_number *)g_slist_nth_data(vd->noti_data->sender_contact_list, 0) : nullptr;
   if (!contact) {
     BRISEL_ERROR("Failed to get phone number from sender_contact_list!");
-    return NULL;
+    return nullptr;
   }
   // A number comes from a contact card, which may hold anything: it is shown as text.
   return brisel_util_text_to_markup(contact->number);
@@ -69,44 +68,43 @@ static char *__brisel_option_detail_gl_text_get_call(void *data, Evas_Object *ob
 static char *__brisel_option_detail_gl_text_get_call_by_from_address(void *data, Evas_Object *obj, const char *part) {
   option_detail_view_data *vd = (option_detail_view_data *)data;
   if (__brisel_option_detail_is_label(part)) return __brisel_option_detail_text("IDS_COM_SK_CALL");
-  if (strcmp(part, "elm.text.2") != 0) return NULL;
+  if (strcmp(part, "elm.text.2") != 0) return nullptr;
   if (!vd) {
     BRISEL_ERROR("Failed to get phone number from view_data!");
-    return NULL;
+    return nullptr;
   }
-  return vd->from_phone_number ? strdup(vd->from_phone_number) : NULL;
+  return vd->from_phone_number ? strdup(vd->from_phone_number) : nullptr;
 }
 
 static char *__brisel_option_detail_gl_text_get_reply(void *data, Evas_Object *obj, const char *part) {
   if (__brisel_option_detail_is_label(part)) return __brisel_option_detail_text("IDS_EMAIL_SK_REPLY");
-  if (strcmp(part, "elm.text.2") != 0) return NULL;
+  if (strcmp(part, "elm.text.2") != 0) return nullptr;
   switch (brisel_util_get_reply_method()) {
     case BRISEL_REPLY_METHOD_TEMPLATES:
       return __brisel_option_detail_text("IDS_MSGF_OPT2_TEMPLATES");
     case BRISEL_REPLY_METHOD_EMOTICONS:
       return __brisel_option_detail_text("IDS_EMAIL_MBODY_EMOTICONS_ABB");
     default:
-      return NULL;
+      return nullptr;
   }
 }
 
 static char *__brisel_option_detail_gl_text_get_device(void *data, Evas_Object *obj, const char *part) {
-  return strcmp(part, "elm.text") ? NULL : __brisel_option_detail_text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE");
+  return strcmp(part, "elm.text") ? nullptr : __brisel_option_detail_text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE");
 }
 
 static char *__brisel_option_detail_gl_text_get_delete(void *data, Evas_Object *obj, const char *part) {
-  return strcmp(part, "elm.text") ? NULL : __brisel_option_detail_text("IDS_EMAIL_BODY_DELETE");
+  return strcmp(part, "elm.text") ? nullptr : __brisel_option_detail_text("IDS_EMAIL_BODY_DELETE");
 }
 
 static void __brisel_option_detail_gl_realized_cb(void *data, Evas_Object *obj, void *event_info) {
   brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
-/* --- the choice of the reply method ---------------------------------------------------------------------------------
- */
+/* --- the choice of the reply method --- */
 
 static char *__brisel_option_detail_gl_text_get_reply_setting(void *data, Evas_Object *obj, const char *part) {
-  if (strcmp(part, "elm.text") != 0) return NULL;
+  if (strcmp(part, "elm.text") != 0) return nullptr;
   return __brisel_option_detail_text((int)(intptr_t)data == BRISEL_REPLY_METHOD_TEMPLATES
                                          ? "IDS_MSGF_OPT2_TEMPLATES"
                                          : "IDS_EMAIL_MBODY_EMOTICONS_ABB");
@@ -114,9 +112,9 @@ static char *__brisel_option_detail_gl_text_get_reply_setting(void *data, Evas_O
 
 static Evas_Object *__brisel_option_detail_gl_content_get_reply_setting(void *data, Evas_Object *obj,
                                                                         const char *part) {
-  if (strcmp(part, "elm.icon") != 0) return NULL;
+  if (strcmp(part, "elm.icon") != 0) return nullptr;
   option_detail_view_data *vd = (option_detail_view_data *)evas_object_data_get(obj, "ViewData");
-  if (!vd || !vd->radio_group) return NULL;
+  if (!vd || !vd->radio_group) return nullptr;
   Evas_Object *radio = elm_radio_add(obj);
   elm_radio_state_value_set(radio, (int)(intptr_t)data);
   elm_radio_group_add(radio, vd->radio_group);
@@ -136,7 +134,7 @@ static void __brisel_option_detail_gl_sel_reply_setting(void *data, Evas_Object 
     brisel_util_set_reply_method(BRISEL_REPLY_METHOD_EMOTICONS);
   }
   elm_genlist_item_selected_set(item, EINA_FALSE);
-  __brisel_option_detail_popup_response_cb(vd, obj, NULL);
+  __brisel_option_detail_popup_response_cb(vd, obj, nullptr);
 }
 
 static constexpr Elm_Genlist_Item_Class reply_setting_row =
@@ -146,8 +144,9 @@ static constexpr Elm_Genlist_Item_Class reply_setting_row =
 static void __brisel_option_detail_create_reply_setting_popup(option_detail_view_data *vd) {
   brisel_widget_ref_drop(&vd->radio_group);
   brisel_widget_ref_drop(&vd->popup);
-  Evas_Object *popup = brisel_util_popup_create_with_empty_contents(
-      vd, vd->ad->naviframe, NULL, NULL, __brisel_option_detail_popup_response_cb, 0.0, NULL, NULL, NULL);
+  Evas_Object *popup = brisel_util_popup_create_with_empty_contents(vd, vd->ad->naviframe, nullptr, nullptr,
+                                                                    __brisel_option_detail_popup_response_cb, 0.0,
+                                                                    nullptr, nullptr, nullptr);
   if (!popup) return;
   brisel_widget_ref_set(&vd->popup, popup);
 
@@ -158,7 +157,7 @@ static void __brisel_option_detail_create_reply_setting_popup(option_detail_view
   }
   evas_object_data_set(genlist, "ViewData", vd);
   for (int method : {BRISEL_REPLY_METHOD_TEMPLATES, BRISEL_REPLY_METHOD_EMOTICONS})
-    brisel_option_add_row(genlist, NULL, &reply_setting_row, (void *)(intptr_t)method,
+    brisel_option_add_row(genlist, nullptr, &reply_setting_row, (void *)(intptr_t)method,
                           __brisel_option_detail_gl_sel_reply_setting, vd);
   evas_object_show(genlist);
 
@@ -178,9 +177,9 @@ static void __brisel_option_detail_reply_setting_icon_clicked_cb(void *data, Eva
 }
 
 static Evas_Object *__brisel_option_detail_gl_content_get_reply(void *data, Evas_Object *obj, const char *part) {
-  if (strcmp(part, "elm.icon") != 0) return NULL;
+  if (strcmp(part, "elm.icon") != 0) return nullptr;
   Evas_Object *layout = brisel_util_load_edj(obj, BRISEL_EDJ, "brisel/list_icon_rect");
-  if (!layout) return NULL;
+  if (!layout) return nullptr;
   Evas_Object *btn = elm_button_add(layout);
   elm_object_style_set(btn, "list_divider_btn");
   evas_object_size_hint_weight_set(btn, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
@@ -222,8 +221,7 @@ static void __brisel_option_detail_reply_value_change_cb(keynode_t *node, void *
   BRISEL_INFO("Leave");
 }
 
-/* --- row taps
- * ---------------------------------------------------------------------------------------------------------- */
+/* --- row taps --- */
 
 static void __brisel_option_detail_gl_sel_call(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
@@ -234,7 +232,7 @@ static void __brisel_option_detail_gl_sel_call(void *data, Evas_Object *obj, voi
       brisel_option_call_draw_view(0, vd->ad, vd->noti_data);
     } else {
       // The last number may have gone since the row was drawn: then there is nothing to call.
-      contact_number *contact = contacts ? (contact_number *)contacts->data : NULL;
+      contact_number *contact = contacts ? (contact_number *)contacts->data : nullptr;
       if (contact && contact->number)
         brisel_util_launch_voice_call(contact->number);
       else
@@ -263,11 +261,11 @@ static void __brisel_option_detail_create_update_required_popup(option_detail_vi
       "IDS_EMAIL_POP_REPLY_IS_NOT_SUPPORTED_BY_YOUR_DEVICE_CHECK_FOR_UPDATES_IN_YOUR_DEVICE_SETTINGS";
   brisel_widget_ref_drop(&vd->radio_group);
   brisel_widget_ref_drop(&vd->popup);
-  Evas_Object *popup = brisel_util_popup_create(vd, vd->ad->naviframe, NULL, brisel_util_get_text(text),
-                                                __brisel_option_detail_popup_response_cb, 0.0, NULL,
-                                                brisel_util_get_text("IDS_COM_SK_OK"), NULL);
+  Evas_Object *popup = brisel_util_popup_create(vd, vd->ad->naviframe, nullptr, brisel_util_get_text(text),
+                                                __brisel_option_detail_popup_response_cb, 0.0, nullptr,
+                                                brisel_util_get_text("IDS_COM_SK_OK"), nullptr);
   if (!popup) return;
-  brisel_option_popup_translate(popup, NULL, text);
+  brisel_option_popup_translate(popup, nullptr, text);
   brisel_option_popup_translate(popup, "button1", "IDS_COM_SK_OK");
   brisel_widget_ref_set(&vd->popup, popup);
 }
@@ -334,17 +332,16 @@ static void __brisel_option_detail_gl_sel_delete(void *data, Evas_Object *obj, v
   Evas_Object *popup = brisel_option_create_delete_popup(vd->ad->naviframe, __brisel_option_delete_popup_cancel_cb,
                                                          __brisel_option_delete_popup_ok_cb, vd);
   if (!popup) return;
-  brisel_option_popup_translate(popup, NULL, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
+  brisel_option_popup_translate(popup, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
   brisel_widget_ref_set(&vd->delete_popup, popup);
   evas_object_show(popup);
   BRISEL_INFO("Leave");
 }
 
-/* --- the call row
- * -------------------------------------------------------------------------------------------------------- */
+/* --- the call row --- */
 
 static GSList *__brisel_option_detail_look_up(const full_noti_data *noti_data) {
-  if (!noti_data->from_address) return NULL;
+  if (!noti_data->from_address) return nullptr;
   return brisel_util_get_phone_number_by_person_id(brisel_util_get_person_id_by_email_address(noti_data->from_address));
 }
 
@@ -360,15 +357,15 @@ static char *__brisel_option_detail_phone_number(const char *address) {
   // No network has numbers this long; what a mail claims beyond it is not kept.
   static constexpr size_t max_digits = 255;
 
-  if (!address || !address[0]) return NULL;
+  if (!address || !address[0]) return nullptr;
   size_t digits = strspn(address, "0123456789");
   if (address[digits] == '@') {
     BRISEL_INFO("It is a phone number!");
   } else if (address[digits]) {
     BRISEL_INFO("It is not a phone number!");
-    return NULL;
+    return nullptr;
   }
-  return digits >= min_digits ? strndup(address, digits < max_digits ? digits : max_digits) : NULL;
+  return digits >= min_digits ? strndup(address, digits < max_digits ? digits : max_digits) : nullptr;
 }
 
 static void __brisel_option_detail_add_contact_row(option_detail_view_data *vd, Elm_Object_Item *before) {
@@ -396,8 +393,8 @@ static void __brisel_option_detail_contacts_db_changed_cb(const char *view_uri, 
   BRISEL_INFO("Enter");
   option_detail_view_data *vd = (option_detail_view_data *)data;
   if (vd->call_item) elm_object_item_del(vd->call_item);
-  vd->call_item = NULL;
-  __brisel_option_detail_replace_contacts(vd->noti_data, NULL);
+  vd->call_item = nullptr;
+  __brisel_option_detail_replace_contacts(vd->noti_data, nullptr);
   Elm_Object_Item *before = vd->reply_item ? vd->reply_item : vd->device_item;
   if (vd->noti_data->from_address) {
     __brisel_option_detail_replace_contacts(vd->noti_data, __brisel_option_detail_look_up(vd->noti_data));
@@ -410,8 +407,7 @@ static void __brisel_option_detail_contacts_db_changed_cb(const char *view_uri, 
   BRISEL_INFO("Leave");
 }
 
-/* --- the view
- * --------------------------------------------------------------------------------------------------------------- */
+/* --- the view --- */
 
 static Evas_Object *__brisel_option_detail_create_layout(Evas_Object *parent) {
   return brisel_option_create_layout(parent);
@@ -430,22 +426,22 @@ static Evas_Object *__brisel_option_detail_create_genlist(option_detail_view_dat
       brisel_option_row_class("1text", __brisel_option_detail_gl_text_get_delete);
 
   Evas_Object *genlist = brisel_option_create_list(vd->layout, __brisel_option_detail_gl_realized_cb);
-  if (!genlist) return NULL;
+  if (!genlist) return nullptr;
   brisel_widget_ref_set(&vd->genlist, genlist);
 
   GSList *contacts = __brisel_option_detail_look_up(vd->noti_data);
   if (contacts) __brisel_option_detail_replace_contacts(vd->noti_data, contacts);
   if (vd->noti_data->sender_contact_list)
-    __brisel_option_detail_add_contact_row(vd, NULL);
+    __brisel_option_detail_add_contact_row(vd, nullptr);
   else if (vd->noti_data->from_address)
-    __brisel_option_detail_add_address_row(vd, NULL);
+    __brisel_option_detail_add_address_row(vd, nullptr);
 
   int status = BRISEL_REPLY_UNKNOWN;
   if (brisel_util_get_reply_status(&status) == 0 &&
       (status == BRISEL_REPLY_SUPPORTED || status == BRISEL_REPLY_UPDATE_REQUIRED))
-    vd->reply_item = brisel_option_add_row(genlist, NULL, &reply_row, vd, __brisel_option_detail_gl_sel_reply, vd);
-  vd->device_item = brisel_option_add_row(genlist, NULL, &device_row, vd, __brisel_option_detail_gl_sel_device, vd);
-  brisel_option_add_row(genlist, NULL, &delete_row, vd, __brisel_option_detail_gl_sel_delete, vd);
+    vd->reply_item = brisel_option_add_row(genlist, nullptr, &reply_row, vd, __brisel_option_detail_gl_sel_reply, vd);
+  vd->device_item = brisel_option_add_row(genlist, nullptr, &device_row, vd, __brisel_option_detail_gl_sel_device, vd);
+  brisel_option_add_row(genlist, nullptr, &delete_row, vd, __brisel_option_detail_gl_sel_delete, vd);
 
   elm_object_part_content_set(vd->layout, "elm.swallow.content", genlist);
   return genlist;
@@ -455,7 +451,7 @@ static Evas_Object *__brisel_option_detail_create_title_icon(Evas_Object *parent
   Evas_Object *icon = brisel_util_load_image(parent, "b_email_icon_email.png");
   if (!icon) {
     BRISEL_ERROR("elm_image_add() failed!");
-    return NULL;
+    return nullptr;
   }
   evas_object_size_hint_aspect_set(icon, EVAS_ASPECT_CONTROL_VERTICAL, 1, 1);
   elm_image_resizable_set(icon, EINA_TRUE, EINA_TRUE);
@@ -466,9 +462,9 @@ static Evas_Object *__brisel_option_detail_create_title_icon(Evas_Object *parent
 /* Frees what the record owns and, once its list can ask for no more texts, the record. */
 static void __brisel_option_detail_free(option_detail_view_data *vd) {
   brisel_full_noti_data_free(vd->noti_data);
-  vd->noti_data = NULL;
+  vd->noti_data = nullptr;
   free(vd->from_phone_number);
-  vd->from_phone_number = NULL;
+  vd->from_phone_number = nullptr;
   brisel_option_free_with_list(vd, &vd->layout, &vd->genlist);
 }
 
@@ -500,7 +496,7 @@ int brisel_option_detail_draw_view(int mail_id, appdata *ad) {
   if (!brisel_option_new_record(ad, BRISEL_VIEW_TYPE_OPTION_DETAIL_VIEW, &vd)) return ad ? -3 : -1;
   vd->mail_id = mail_id;
   bool own = false;
-  int ret = brisel_option_take_noti_data(mail_id, NULL, &vd->noti_data, &own);
+  int ret = brisel_option_take_noti_data(mail_id, nullptr, &vd->noti_data, &own);
   if (ret != 0) return __brisel_option_detail_give_up(vd, ret);
 
   Evas_Object *layout = __brisel_option_detail_create_layout(ad->naviframe);
@@ -519,7 +515,7 @@ int brisel_option_detail_draw_view(int mail_id, appdata *ad) {
 
   char *title = brisel_option_sender_title(vd->noti_data);
   Elm_Object_Item *item =
-      brisel_option_push(ad, layout, title, NULL, __brisel_option_detail_view_pop_cb, (brisel_view_head *)vd);
+      brisel_option_push(ad, layout, title, nullptr, __brisel_option_detail_view_pop_cb, (brisel_view_head *)vd);
   free(title);
   elm_object_item_part_content_set(item, "elm.swallow.icon", icon);
   ad->mail_id = mail_id;

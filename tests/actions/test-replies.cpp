@@ -190,6 +190,10 @@ TEST_F(replies, TheKeypadRulesTheTypedView) {
 TEST_F(replies, TheLimitRefusesWholeCharacters) {
   const std::string family = "👨‍👩‍👧", accented = "e\u0301", flag = "🇳🇱";
   const auto x = [](int count) { return std::string(count, 'x'); };
+  std::vector<std::string> accents = {"a"};
+  std::string accents_kept = "a";
+  for (int i = 0; i < 40; i++) accents.push_back("\u0301");
+  for (int i = 0; i < 34; i++) accents_kept += "\u0301";
   const struct {
     const char *what;
     std::vector<std::string> keys;
@@ -198,15 +202,18 @@ TEST_F(replies, TheLimitRefusesWholeCharacters) {
   } table[] = {
       {"fits", {x(35)}, x(35), false},
       {"one key too many", {x(35), "y"}, x(35), true},
-      {"pasted too long", {x(30), "0123456789"}, x(30) + "01234", true},
+      {"a key of several characters", {x(33), ":-)"}, x(33), true},
+      {"pasted too long", {x(25), "0123456789ABC"}, x(25) + "0123456789", true},
       {"emoji of several code points fits", {x(30), family}, x(30) + family, false},
-      {"emoji in one key", {x(33), family}, x(33), true},
       {"emoji in parts", {x(33), "👨", "\u200d", "👩"}, x(33), true},
-      {"accent after its letter", {x(34), "e", "\u0301"}, x(34), true},
+      {"half a flag", {x(34), "🇳", "🇱"}, x(34), true},
+      {"accent after its letter", {x(34), "e", "\u0301"}, x(34) + "e", true},
       {"accent with its letter", {x(34), accented}, x(34), true},
       {"accent that fits", {x(33), "e", "\u0301"}, x(33) + accented, false},
-      {"flag at the end", {x(32), "ab" + flag}, x(32) + "ab", true},
-      {"markup counts as what it shows", {x(33), "<&>"}, x(33) + "<&", true},
+      {"vowel sign after its consonant", {x(33), "न", "म", "\u0947"}, x(33) + "नम", true},
+      {"a letter with accents without end", accents, accents_kept, true},
+      {"flag at the end of what was pasted", {x(29), "abcdefgh" + flag}, x(29) + "abcdef", true},
+      {"markup counts as what it shows", {x(33), "<&"}, x(33) + "<&", false},
   };
   const int id = start_one({.from_name = "Ann"});
   const std::string toast = text("IDS_COM_POP_MAXIMUM_NUMBER_OF_CHARACTERS_REACHED");

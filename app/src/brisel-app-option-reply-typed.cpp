@@ -1,0 +1,164 @@
+/* Owns the typed reply: the entry, its send button, and how they follow the keypad. What the entry takes is limited in
+   brisel-app-option-reply-limit.cpp. */
+#include "brisel-app-option-reply.h"
+#include "brisel-app-utils.h"
+#include "efl_assist.h"
+
+/* The entry has refused input; told to the user when the keypad has gone. At most one such view is shown. */
+static bool max_length_reached;
+
+/* How the send button looks while the keypad is shown or hidden. */
+struct keypad_state {
+  const char *image;
+  int w, h; /* before scaling */
+  const char *signal;
+};
+static constexpr keypad_state keypad_hidden = {"b_email_icon_message_send_2.png", 60, 60, "hide,keypad"};
+static constexpr keypad_state keypad_open = {"b_email_icon_message_s_send.png", 48, 47, "show,keypad"};
+
+static Evas_Object *__brisel_option_reply_create_send_icon(Evas_Object *btn, const keypad_state &state) {
+  Evas_Object *icon = brisel_util_load_image(btn, state.image);
+  if (!icon) return nullptr;
+  int w = (int)(state.w * elm_config_scale_get()), h = (int)(state.h * elm_config_scale_get());
+  evas_object_size_hint_min_set(icon, w, h);
+  evas_object_size_hint_max_set(icon, w, h);
+  evas_object_repeat_events_set(icon, EINA_TRUE);
+  elm_object_content_set(btn, icon);
+  return icon;
+}
+
+void __brisel_virtualkeypad_size_changed_cb(void *data, Evas_Object *obj, void *event_info) {
+  option_reply_view_data *vd = (option_reply_view_data *)data;
+  const Evas_Coord_Rectangle *rect = (Evas_Coord_Rectangle *)event_info;
+  if (!rect) return;
+  BRISEL_INFO("[x,y = %d,%d] - [w,h = %d,%d]", rect->x, rect->y, rect->w, rect->h);
+  Evas_Object *btn =
+      vd->emoticon_layout ? elm_object_part_content_get(vd->emoticon_layout, "swallow.send_btn") : nullptr;
+  if (!btn) {
+    BRISEL_ERROR("Invalid parameter: btn is NULL!");
+    return;
+  }
+  Evas_Object *old_icon = elm_object_part_content_unset(btn, "elm.swallow.content");
+  if (old_icon) evas_object_del(old_icon);
+  const keypad_state &state = rect->h == 0 ? keypad_hidden : keypad_open;
+  if (!__brisel_option_reply_create_send_icon(btn, state)) {
+    BRISEL_ERROR("Invalid parameter: btn is NULL!");
+    return;
+  }
+  evas_object_show(btn);
+  elm_layout_signal_emit(vd->emoticon_layout, state.signal, "");
+  if (rect->h == 0 && max_length_reached) {
+    brisel_create_toast_popup(vd->ad, brisel_util_get_text("IDS_COM_POP_MAXIMUM_NUMBER_OF_CHARACTERS_REACHED"));
+    max_length_reached = false;
+  }
+}
+
+static void __brisel_emoticon_detail_maxlength_reached_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  option_reply_view_data *vd = (option_reply_view_data *)data;
+  if (!vd) {
+    BRISEL_ERROR("data is NULL!!");
+    return;
+  }
+  max_length_reached = true;
+  elm_object_focus_set(vd->content_obj, EINA_FALSE);
+  BRISEL_INFO("Leave");
+}
+
+static void __brisel_optioin_send_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  option_reply_view_data *vd = (option_reply_view_data *)data;
+  if (!brisel_option_phone_ready(vd->ad)) return;
+  Evas_Object *naviframe = vd->ad->naviframe;
+  __brisel_option_reply_send_reply_message(vd, elm_entry_entry_get(vd->content_obj));
+  brisel_util_pop_view(naviframe);
+  BRISEL_INFO("Leave");
+}
+
+static void __brisel_option_reply_entry_back_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  // Clearing may already have ended the registration through "selection,cleared".
+  if (elm_entry_selection_get(obj)) elm_entry_select_none(obj);
+  if (!evas_object_data_get(obj, "ea_entry")) return;
+  ea_object_event_callback_del(obj, EA_CALLBACK_BACK, __brisel_option_reply_entry_back_cb);
+  evas_object_data_del(obj, "ea_entry");
+}
+
+static void __brisel_option_reply_entry_selection_start_cb(void *data, Evas_Object *obj, void *event_info) {
+  if (evas_object_data_get(obj, "ea_entry")) return;
+  evas_object_data_set(obj, "ea_entry", obj);
+  ea_object_event_callback_add(obj, EA_CALLBACK_BACK, __brisel_option_reply_entry_back_cb, nullptr);
+}
+
+static void __brisel_option_reply_entry_selection_cleared_cb(void *data, Evas_Object *obj, void *event_info) {
+  if (!evas_object_data_get(obj, "ea_entry")) return;
+  ea_object_event_callback_del(obj, EA_CALLBACK_BACK, __brisel_option_reply_entry_back_cb);
+  evas_object_data_del(obj, "ea_entry");
+}
+
+static Evas_Object *__brisel_option_reply_create_entry(Evas_Object *parent, option_reply_view_data *vd) {
+  Evas_Object *entry = elm_entry_add(parent);
+  elm_entry_editable_set(entry, EINA_TRUE);
+  elm_entry_single_line_set(entry, EINA_FALSE);
+  elm_entry_scrollable_set(entry, EINA_TRUE);
+  elm_entry_select_allow_set(entry, EINA_FALSE);
+  elm_entry_context_menu_disabled_set(entry, EINA_TRUE);
+  elm_entry_selection_handler_disabled_set(entry, EINA_TRUE);  // the toolkit's only cursor handlers
+  evas_object_smart_callback_add(entry, "selection,start", __brisel_option_reply_entry_selection_start_cb, nullptr);
+  evas_object_smart_callback_add(entry, "selection,cleared", __brisel_option_reply_entry_selection_cleared_cb, nullptr);
+  brisel_reply_limit_entry(vd, entry);
+  max_length_reached = false;
+  evas_object_smart_callback_add(entry, "maxlength,reached", __brisel_emoticon_detail_maxlength_reached_cb, vd);
+  return entry;
+}
+
+static Evas_Object *__brisel_option_reply_create_send_button(Evas_Object *parent) {
+  Evas_Object *btn = elm_button_add(parent);
+  if (!btn) {
+    BRISEL_ERROR("elm_button_add() failed!");
+    return nullptr;
+  }
+  evas_object_size_hint_weight_set(btn, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  evas_object_size_hint_align_set(btn, EVAS_HINT_FILL, EVAS_HINT_FILL);
+  if (!__brisel_option_reply_create_send_icon(btn, keypad_hidden)) {
+    BRISEL_ERROR("elm_image_add() failed!");
+    evas_object_del(btn);
+    return nullptr;
+  }
+  // Or the limit, which takes the focus from the entry, would hand it to the button, and the next blank would send.
+  elm_object_focus_allow_set(btn, EINA_FALSE);
+  evas_object_show(btn);
+  return btn;
+}
+
+int brisel_option_reply_emoticons_draw_view(int mail_id, appdata *ad, full_noti_data *noti_data) {
+  BRISEL_INFO("Enter");
+  option_reply_view_data *vd = nullptr;
+  int ret = brisel_reply_begin(mail_id, ad, noti_data, &vd);
+  if (ret != 0) return ret;
+
+  Evas_Object *emoticon_layout = brisel_util_load_edj(vd->layout, BRISEL_EDJ, "brisel/emoticon_view");
+  if (!emoticon_layout) {
+    BRISEL_ERROR("__brisel_option_reply_create_layout() failed!");
+    return brisel_reply_give_up(vd, -3);
+  }
+  brisel_widget_ref_set(&vd->emoticon_layout, emoticon_layout);
+  evas_object_size_hint_align_set(emoticon_layout, EVAS_HINT_FILL, EVAS_HINT_FILL);
+
+  Evas_Object *entry = __brisel_option_reply_create_entry(emoticon_layout, vd);
+  brisel_widget_ref_set(&vd->content_obj, entry);
+  Evas_Object *btn = __brisel_option_reply_create_send_button(emoticon_layout);
+  if (!btn) return brisel_reply_give_up(vd, -3);
+  elm_object_part_content_set(emoticon_layout, "swallow.entry", entry);
+  elm_object_part_content_set(emoticon_layout, "swallow.send_btn", btn);
+  elm_object_part_content_set(vd->layout, "elm.swallow.content", emoticon_layout);
+  elm_layout_signal_emit(emoticon_layout, keypad_hidden.signal, "");
+  evas_object_smart_callback_add(btn, "clicked", __brisel_optioin_send_button_clicked_cb, vd);
+
+  Elm_Object_Item *item =
+      brisel_option_push(ad, vd->layout, nullptr, nullptr, __brisel_option_reply_view_pop_cb, (brisel_view_head *)vd);
+  elm_naviframe_item_title_enabled_set(item, EINA_FALSE, EINA_FALSE);
+  evas_object_smart_callback_add(ad->conform, "virtualkeypad,size,changed", __brisel_virtualkeypad_size_changed_cb, vd);
+  BRISEL_INFO("Leave");
+  return 0;
+}

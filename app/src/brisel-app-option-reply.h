@@ -1,0 +1,64 @@
+/* What the files of the reply views share: the record of both views, the copy of the mail that is answered, the limit
+   of a typed reply. Only brisel-app-option-reply*.cpp use it. Thread: the EFL main loop. */
+#ifndef BRISEL_APP_OPTION_REPLY_H
+#define BRISEL_APP_OPTION_REPLY_H
+
+#include <string>
+
+#include "brisel-app-option-common.h"
+
+inline constexpr int BRISEL_TYPED_REPLY_MAX = 35; /* characters */
+
+/* What a reply takes from its mail. A copy: who opened the view may let go of the mail while the user still writes. */
+struct brisel_reply_mail {
+  int mail_id = 0;
+  std::string host_tag;
+  std::string message_uid;
+  std::string address; /* "": none */
+  std::string name;    /* "": none */
+  std::string subject;
+};
+
+/* Both reply views; deleted by their pop callback. */
+struct option_reply_view_data {
+  int view_type = BRISEL_VIEW_TYPE_OPTION_REPLY_VIEW;
+  appdata *ad = nullptr;
+  Elm_Object_Item *navi_item = nullptr;
+  Elm_Naviframe_Item_Pop_Cb pop_cb = nullptr;
+  Evas_Object *layout = nullptr;
+  Evas_Object *nocontent_layout = nullptr; /* templates: shown when there are none */
+  Evas_Object *emoticon_layout = nullptr;  /* typed reply */
+  Evas_Object *content_obj = nullptr;      /* templates: the list; typed reply: the entry */
+  Evas_Object *popup = nullptr;            /* templates: the question before sending */
+  brisel_reply_mail mail;
+  GSList *template_list = nullptr;    /* template_data, owned */
+  Ecore_Job *take_back_job = nullptr; /* typed reply: the start of a character whose rest was refused is to go */
+  int take_back = 0;                  /* its code points */
+};
+
+/* --- both views: brisel-app-option-reply.cpp --- */
+
+/* The steps that both begin with: record, mail, base layout, background. 0 and *out, or the view's result. */
+int brisel_reply_begin(int mail_id, appdata *ad, const full_noti_data *noti_data, option_reply_view_data **out);
+/* Deletes what was built of a view that cannot be finished; returns ret. */
+int brisel_reply_give_up(option_reply_view_data *vd, int ret);
+/* The pop callback of both. data: option_reply_view_data. */
+Eina_Bool __brisel_option_reply_view_pop_cb(void *data, Elm_Object_Item *item);
+
+/* --- sending: brisel-app-option-reply-send.cpp --- */
+
+/* The mail as a reply needs it: of noti_data, or read by mail_id when that is NULL. 0; -3: no memory; else the store's
+   error. */
+int brisel_reply_mail_take(int mail_id, const full_noti_data *noti_data, brisel_reply_mail *mail);
+/* Sends text (markup) as the reply to the view's mail. */
+void __brisel_option_reply_send_reply_message(option_reply_view_data *vd, const char *text);
+
+/* --- the typed view's keypad and limit: brisel-app-option-reply-typed.cpp, -limit.cpp --- */
+
+/* "virtualkeypad,size,changed" of the conformant. data: option_reply_view_data; event_info: Evas_Coord_Rectangle. */
+void __brisel_virtualkeypad_size_changed_cb(void *data, Evas_Object *obj, void *event_info);
+/* Keeps the entry to BRISEL_TYPED_REPLY_MAX characters, each whole or not at all; "maxlength,reached" tells of what was
+   refused. */
+void brisel_reply_limit_entry(option_reply_view_data *vd, Evas_Object *entry);
+
+#endif
