@@ -21,8 +21,7 @@ struct delete_item_data {
   delete_view_data *view_data;
 };
 
-/* --- rows
- * --------------------------------------------------------------------------------------------------------------- */
+/* --- rows --- */
 
 static void _update_check_info_for_delete_view(delete_item_data *row) {
   if (!row) {
@@ -83,22 +82,22 @@ static char *_gl_text_get(void *data, Evas_Object *obj, const char *part) {
   delete_item_data *row = (delete_item_data *)data;
   if (!row) {
     BRISEL_WARN("data is NULL");
-    return NULL;
+    return nullptr;
   }
   if (!strcmp(part, "elm.text.1")) return brisel_util_text_to_markup(row->sender);
   if (!strcmp(part, "elm.text.2") && row->view_data)
     return brisel_util_get_mailbox_date_time_str(row->received_time, row->view_data->ad);
-  return NULL;
+  return nullptr;
 }
 
 static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part) {
   delete_item_data *row = (delete_item_data *)data;
   if (!row) {
     BRISEL_WARN("data is NULL");
-    return NULL;
+    return nullptr;
   }
   if (!strcmp(part, "elm.swallow.colorbar")) return brisel_util_create_color_bar(obj, row->account_id);
-  if (strcmp(part, "elm.icon") != 0) return NULL;
+  if (strcmp(part, "elm.icon") != 0) return nullptr;
   Evas_Object *check = elm_check_add(obj);
   brisel_widget_ref_set(&row->check, check);
   elm_check_state_pointer_set(check, &row->check_state);
@@ -114,7 +113,7 @@ static void _gl_delete_view_del(void *data, Evas_Object *obj) {
   if (!row) return;
   if (row->check) {
     // The box may outlive its row for a moment.
-    elm_check_state_pointer_set(row->check, NULL);
+    elm_check_state_pointer_set(row->check, nullptr);
     evas_object_smart_callback_del_full(row->check, "changed", _check_changed_cb, row);
     brisel_widget_ref_clear(&row->check);
   }
@@ -129,26 +128,25 @@ static void _gl_delete_view_realized_cb(void *data, Evas_Object *obj, void *even
 static delete_item_data *_make_delete_list_data(GSList *node, delete_view_data *vd) {
   if (!node) {
     BRISEL_ERROR("noti_list is NULL");
-    return NULL;
+    return nullptr;
   }
   delete_item_data *row = (delete_item_data *)calloc(1, sizeof *row);
   if (!row) {
     BRISEL_ERROR("memory allocation failed.");
-    return NULL;
+    return nullptr;
   }
   const full_noti_data *noti_data = (full_noti_data *)node->data;
   const char *sender = noti_data->from_name && noti_data->from_name[0] ? noti_data->from_name : noti_data->from_address;
   row->mail_id = noti_data->mail_id;
   row->account_id = noti_data->account_id;
   row->received_time = (int)CLAMP(noti_data->received_time, (time_t)INT_MIN, (time_t)INT_MAX);
-  row->sender = sender ? strdup(sender) : NULL;
+  row->sender = sender ? strdup(sender) : nullptr;
   row->check_state = 0;
   row->view_data = vd;
   return row;
 }
 
-/* --- the confirmation
- * ---------------------------------------------------------------------------------------------------- */
+/* --- the confirmation --- */
 
 static void _delete_popup_cancel_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
@@ -195,7 +193,7 @@ static void _create_delete_popup(delete_view_data *vd) {
   if (!popup) return;
   brisel_widget_ref_set(&vd->popup, popup);
   if (vd->selected_cnt == 1) {
-    brisel_option_popup_translate(popup, NULL, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
+    brisel_option_popup_translate(popup, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
   } else {
     _set_delete_popup_text(vd);
     evas_object_smart_callback_add(popup, "language,changed", _mailbox_delete_popup_language_changed_cb, vd);
@@ -203,8 +201,7 @@ static void _create_delete_popup(delete_view_data *vd) {
   evas_object_show(popup);
 }
 
-/* --- buttons
- * ---------------------------------------------------------------------------------------------------------------- */
+/* --- buttons --- */
 
 static void _select_all_btn_select_cb(void *data, Evas_Object *obj, void *event_info) {
   delete_view_data *vd = (delete_view_data *)data;
@@ -242,14 +239,14 @@ static Evas_Object *_create_select_all_btn(Evas_Object *parent, delete_view_data
   Evas_Object *btn = elm_button_add(parent);
   if (!btn) {
     BRISEL_ERROR("elm_button_add() failed!");
-    return NULL;
+    return nullptr;
   }
   elm_object_style_set(btn, "naviframe/title_icon");
   Evas_Object *img = brisel_util_load_image(btn, "b_email_ic_menu_selectall_normal.png");
   if (!img) {
     BRISEL_ERROR("elm_image_add() failed!");
     evas_object_del(btn);
-    return NULL;
+    return nullptr;
   }
   evas_object_size_hint_aspect_set(img, EVAS_ASPECT_CONTROL_BOTH, 1, 1);
   elm_image_resizable_set(img, EINA_TRUE, EINA_TRUE);
@@ -269,8 +266,7 @@ static Evas_Object *_create_text_btn(Evas_Object *layout, const char *part, cons
   return btn;
 }
 
-/* --- the view
- * ------------------------------------------------------------------------------------------------------------------ */
+/* --- the view --- */
 
 static void _mailbox_delete_list_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
   elm_genlist_realized_items_update(obj);
@@ -281,34 +277,34 @@ static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
   Evas_Object *gl = elm_genlist_add(vd->layout);
   if (!gl) {
     BRISEL_WARN("gl is NULL");
-    return NULL;
+    return nullptr;
   }
   elm_genlist_mode_set(gl, ELM_LIST_COMPRESS);
   elm_object_part_content_set(vd->layout, "genlist", gl);
-  evas_object_smart_callback_add(gl, "language,changed", _mailbox_delete_list_language_changed_cb, NULL);
-  evas_object_smart_callback_add(gl, "realized", _gl_delete_view_realized_cb, NULL);
+  evas_object_smart_callback_add(gl, "language,changed", _mailbox_delete_list_language_changed_cb, nullptr);
+  evas_object_smart_callback_add(gl, "realized", _gl_delete_view_realized_cb, nullptr);
   elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
   elm_genlist_homogeneous_set(gl, EINA_TRUE);
   evas_object_size_hint_align_set(gl, EVAS_HINT_FILL, EVAS_HINT_FILL);
   evas_object_size_hint_weight_set(gl, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
 
   g_slist_free(vd->selected_list);
-  vd->selected_list = NULL;
+  vd->selected_list = nullptr;
   g_slist_free(vd->item_list);
-  vd->item_list = NULL;
+  vd->item_list = nullptr;
 
-  GSList *noti_list = NULL;
+  GSList *noti_list = nullptr;
   int mail_cnt = 0;
   int err = brisel_db_get_full_noti_data_list_by_account_id(vd->account_id, &noti_list, &mail_cnt);
   if (err != 0) BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", err);
 
   Elm_Genlist_Item_Class *itc =
       brisel_option_new_row_class("2text.1icon.1", _gl_text_get, _gl_icon_get, _gl_delete_view_del);
-  GSList *rows = NULL;  // last first: appending would walk the list for every mail
+  GSList *rows = nullptr;  // last first: appending would walk the list for every mail
   for (GSList *node = noti_list; node && itc; node = node->next) {
     delete_item_data *row = _make_delete_list_data(node, vd);
     if (!row) continue;
-    row->it = elm_genlist_item_append(gl, itc, row, NULL, ELM_GENLIST_ITEM_NONE, _gl_delete_view_mail_sel, row);
+    row->it = elm_genlist_item_append(gl, itc, row, nullptr, ELM_GENLIST_ITEM_NONE, _gl_delete_view_mail_sel, row);
     if (row->it)
       rows = g_slist_prepend(rows, row);
     else
@@ -360,7 +356,7 @@ int brisel_crete_delete_view(appdata *ad) {
   elm_object_disabled_set(vd->delete_btn, EINA_TRUE);
 
   Elm_Object_Item *item =
-      brisel_option_push(ad, layout, NULL, select_all_btn, _brisel_delete_view_pop_cb, (brisel_view_head *)vd);
+      brisel_option_push(ad, layout, nullptr, select_all_btn, _brisel_delete_view_pop_cb, (brisel_view_head *)vd);
   elm_object_item_domain_translatable_text_set(item, BRISEL_DOMAIN, "IDS_EMAIL_BODY_DELETE");
   BRISEL_INFO("Leave");
   return 0;

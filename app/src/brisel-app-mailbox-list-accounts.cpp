@@ -1,0 +1,227 @@
+/* Which account the list shows: the step by a tap on the header, and the popup of a long press. Called by the header's
+   touches, and by the core when accounts change under an open popup. */
+#include "brisel-app-mailbox-list.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "brisel-app-option-common.h"
+#include "brisel-app-utils.h"
+#include "efl_assist.h"
+
+/* A row of the account selection popup; owned by its genlist item. */
+struct popup_item_data {
+  int index;      /* state value of the row's radio: 0 combined, then the accounts in the store's order */
+  int account_id; /* 0: the combined row */
+  char *address;  /* owned */
+  char *name;     /* owned; NULL for the combined row */
+  Elm_Object_Item *it;
+  appdata *ad;
+};
+
+/* --- the header --- */
+
+static void _create_one_account_toast_popup(appdata *ad) {
+  if (!ad) {
+    BRISEL_ERROR("ad is NULL!");
+    return;
+  }
+  brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_TPOP_ONLY_ONE_EMAIL_ACCOUNT_REGISTERED"));
+}
+
+/* The next account after account_id in the store's order; the combined view comes after the last one. */
+static void _step_account(appdata *ad, GSList *accounts) {
+  int first_id = ((account_data *)accounts->data)->account_id;
+  if (ad->account_id == 0) {
+    BRISEL_INFO("account id is changed (0 -> %d)", first_id);
+    ad->account_id = first_id;
+    return;
+  }
+  for (GSList *cell = accounts; cell; cell = cell->next) {
+    if (!cell->data || ((account_data *)cell->data)->account_id != ad->account_id) continue;
+    if (cell->next && cell->next->data) {
+      int next_id = ((account_data *)cell->next->data)->account_id;
+      BRISEL_INFO("account id is changed (%d -> %d)", ad->account_id, next_id);
+      ad->account_id = next_id;
+    } else {
+      BRISEL_INFO("account id is changed (%d -> 0)", ad->account_id);
+      ad->account_id = 0;
+    }
+    return;
+  }
+  BRISEL_WARN("account info mismatch account id is changed (%d -> %d) ", ad->account_id, first_id);
+  ad->account_id = first_id;
+}
+
+void _gl_group_sel(void *data, Evas_Object *obj, void *event_info) {
+  Elm_Object_Item *it = _take_selection(event_info);
+  if (!it) return;
+  group_item_data *group = (group_item_data *)data;
+  appdata *ad = _ad_of(group, "group_item_data");
+  if (!ad) return;
+  if (_is_blocked_once(ad, it)) return;
+  if (ad->account_cnt < 2) {
+    BRISEL_INFO("one account is registered only. Ignore the account toggle action");
+    _create_one_account_toast_popup(ad);
+    return;
+  }
+  scoped_account_list accounts = _read_accounts();
+  if (!accounts) return;
+  _step_account(ad, accounts.get());
+  _refresh_mailbox_list(ad);
+}
+
+void _long_pressed_group(group_item_data *group, Elm_Object_Item *it) {
+  appdata *ad = group->ad;
+  if (!ad) return;
+  if (_is_blocked_once(ad, it)) return;
+  if (ad->account_cnt < 2) {
+    BRISEL_INFO("one account is registered only. Ignore account long-press action action");
+    _create_one_account_toast_popup(ad);
+    return;
+  }
+  brisel_create_account_selection_popup(ad);
+}
+
+/* --- the popup --- */
+
+static char *_gl_popup_text_get(void *data, Evas_Object *obj, const char *part) {
+  popup_item_data *row = (popup_item_data *)data;
+  if (!row) {
+    BRISEL_WARN("data is NULL");
+    return nullptr;
+  }
+  if (!strcmp(part, "elm.text.1") || !strcmp(part, "elm.text")) {
+    if (row->account_id == 0) return strdup(brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"));
+    /* A name is shown as the text it is, like the address below it. */
+    return brisel_util_text_to_markup(row->name);
+  }
+  if (!strcmp(part, "elm.text.2")) return brisel_util_text_to_markup(row->address);
+  return nullptr;
+}
+
+static Evas_Object *_gl_popup_content_get(void *data, Evas_Object *obj, const char *part) {
+  popup_item_data *row = (popup_item_data *)data;
+  if (!row) {
+    BRISEL_WARN("data is NULL");
+    return nullptr;
+  }
+  Evas_Object *radio_main = (Evas_Object *)evas_object_data_get(obj, "radio_main");
+  if (!strcmp(part, "elm.icon")) {
+    Evas_Object *radio = elm_radio_add(obj);
+    elm_radio_state_value_set(radio, row->index);
+    elm_radio_group_add(radio, radio_main);
+    if (row->ad && row->account_id == row->ad->account_id) elm_radio_value_set(radio_main, row->index);
+    _sized(radio, 50);
+    evas_object_size_hint_max_set(radio, _scaled(50), _scaled(50));
+    /* The whole row is the choice: a touch on the radio must choose it, not only light it. */
+    evas_object_pass_events_set(radio, EINA_TRUE);
+    return radio;
+  }
+  if (!strcmp(part, "elm.swallow.colorbar")) return brisel_util_create_color_bar(obj, row->account_id);
+  return nullptr;
+}
+
+static void _gl_popup_del(void *data, Evas_Object *obj) {
+  popup_item_data *row = (popup_item_data *)data;
+  if (!row) return;
+  free(row->address);
+  free(row->name);
+  free(row);
+}
+
+static void _popup_response_cb(void *data, Evas_Object *obj, void *event_info) {
+  appdata *ad = (appdata *)data;
+  if (!ad) {
+    BRISEL_ERROR("data is NULL");
+    return;
+  }
+  brisel_util_drop_popup(&ad->account_popup);
+}
+
+static void _gl_popup_sel(void *data, Evas_Object *obj, void *event_info) {
+  Elm_Object_Item *it = _take_selection(event_info);
+  if (!it) return;
+  popup_item_data *row = (popup_item_data *)data;
+  appdata *ad = _ad_of(row, "item_data");
+  if (!ad) return;
+  Evas_Object *radio = elm_object_item_part_content_get(it, "elm.icon");
+  elm_genlist_item_selected_set(it, EINA_FALSE);
+  if (radio) elm_radio_value_set(radio, row->index);
+  BRISEL_INFO("account id is changed (%d -> %d)", ad->account_id, row->account_id);
+  ad->account_id = row->account_id;
+  _refresh_mailbox_list(ad);
+  _popup_response_cb(ad, nullptr, nullptr);
+}
+
+static void _popup_row_realized_cb(void *data, Evas_Object *obj, void *event_info) {
+  brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
+}
+
+/* account NULL: the combined row. Returns the row's item, or NULL. */
+static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genlist_Item_Class *itc, int index,
+                                          const account_data *account) {
+  popup_item_data *row = (popup_item_data *)calloc(1, sizeof(popup_item_data));
+  if (!row) {
+    BRISEL_ERROR("memory allocation failed.");
+    return nullptr;
+  }
+  row->index = index;
+  row->account_id = account ? account->account_id : 0;
+  const char *address = account ? account->email_address : brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB");
+  row->address = address ? strdup(address) : nullptr;
+  if (account && account->display_name && *account->display_name)
+    row->name = strdup(account->display_name);
+  else if (account && address)
+    row->name = strndup(address, strcspn(address, "@")); /* rather than an empty line above the address */
+  row->ad = ad;
+  row->it = elm_genlist_item_append(gl, itc, row, nullptr, ELM_GENLIST_ITEM_NONE, _gl_popup_sel, row);
+  return row->it;
+}
+
+Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
+  if (ad->account_popup) {
+    BRISEL_INFO("popup is already existed. remove it.");
+    brisel_util_drop_popup(&ad->account_popup);
+  }
+  scoped_account_list accounts = _read_accounts();
+  if (!accounts) return nullptr;
+
+  Evas_Object *popup = elm_popup_add(ad->naviframe);
+  evas_object_size_hint_weight_set(popup, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  ad->account_popup = popup;
+  ea_object_event_callback_add(popup, EA_CALLBACK_BACK, _popup_response_cb, ad);
+
+  Elm_Genlist_Item_Class *itc_combined =
+      brisel_option_new_row_class("1text.1icon.1", _gl_popup_text_get, _gl_popup_content_get, _gl_popup_del);
+  Elm_Genlist_Item_Class *itc_account =
+      brisel_option_new_row_class("2text.1icon.1", _gl_popup_text_get, _gl_popup_content_get, _gl_popup_del);
+  Evas_Object *gl = elm_genlist_add(popup);
+  elm_object_style_set(gl, "popup");
+  elm_genlist_homogeneous_set(gl, EINA_TRUE);
+  elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
+  elm_genlist_mode_set(gl, ELM_LIST_COMPRESS);
+  evas_object_smart_callback_add(gl, "language,changed", _mailbox_list_language_changed_cb, nullptr);
+
+  Evas_Object *radio_main = elm_radio_add(gl);
+  elm_radio_state_value_set(radio_main, 0);
+  elm_radio_value_set(radio_main, 0);
+  evas_object_data_set(gl, "radio_main", radio_main);
+
+  int index = 0;
+  Elm_Object_Item *last = _append_popup_row(ad, gl, itc_combined, index++, nullptr);
+  for (GSList *cell = accounts.get(); cell; cell = cell->next) {
+    if (!cell->data) continue;
+    last = _append_popup_row(ad, gl, itc_account, index++, (account_data *)cell->data);
+  }
+  if (last) elm_object_item_signal_emit(last, "elm,state,bottomline,hide", "");
+  /* A row that is not drawn yet hears no signal. */
+  evas_object_smart_callback_add(gl, "realized", _popup_row_realized_cb, nullptr);
+
+  elm_object_content_set(popup, gl);
+  evas_object_show(gl);
+  elm_genlist_item_class_free(itc_combined);
+  elm_genlist_item_class_free(itc_account);
+  evas_object_show(popup);
+  return popup;
+}

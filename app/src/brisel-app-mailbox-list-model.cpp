@@ -1,0 +1,292 @@
+/* The list's model: the records of rows and header, mail_list, and the refresh that builds them from the store. It owns
+   which records have no row yet. Called by the other files of the mailbox list, and by whoever takes the list down. */
+#include "brisel-app-mailbox-list.h"
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "app_efl.h"
+#include "brisel-app-utils.h"
+
+/* --- records --- */
+
+static item_data *_item_data_from_mail(const full_noti_data *mail, appdata *ad) {
+  item_data *item = (item_data *)calloc(1, sizeof(item_data));
+  if (!item) {
+    BRISEL_ERROR("memory allocation failed.");
+    return nullptr;
+  }
+  item->type = ROW_MAIL;
+  item->account_id = mail->account_id;
+  item->mail_id = mail->mail_id;
+  item->is_new = mail->is_new;
+  item->security_locked = mail->security_locked;
+  item->received_time = (int)CLAMP(mail->received_time, (time_t)INT_MIN, (time_t)INT_MAX);
+  const char *sender = mail->from_name && *mail->from_name ? mail->from_name : mail->from_address;
+  item->sender = sender ? strdup(sender) : nullptr;
+  item->ad = ad;
+  return item;
+}
+
+static item_data *_make_list_data(GSList *noti_list, appdata *ad) {
+  if (!noti_list || !noti_list->data) {
+    BRISEL_ERROR("noti_list is NULL");
+    return nullptr;
+  }
+  return _item_data_from_mail((full_noti_data *)noti_list->data, ad);
+}
+
+item_data *_make_list_data_by_mail_id(int mail_id, appdata *ad) {
+  scoped_noti mail(brisel_full_noti_data_create());
+  if (!mail) {
+    BRISEL_ERROR("brisel_db_full_noti_data_create() failed!");
+    return nullptr;
+  }
+  int result = brisel_db_get_full_noti_data_by_mail_id(mail_id, mail.get());
+  if (result != 0) {
+    BRISEL_WARN("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d], mail_id : %d", result, mail_id);
+    return nullptr;
+  }
+  return _item_data_from_mail(mail.get(), ad);
+}
+
+/* Reads the shown account into the header; an account that cannot be read makes the list the combined view. */
+static void _read_group_account(group_item_data *group, appdata *ad) {
+  scoped_account account;
+  if (ad->account_id > 0) {
+    account.reset(brisel_account_data_create());
+    if (!account) {
+      ad->account_id = 0;
+      BRISEL_ERROR("account_data is NULL. Change combined view mode");
+    } else if (int result = brisel_db_get_account_data_by_account_id(ad->account_id, account.get()); result != 0) {
+      ad->account_id = 0;
+      BRISEL_WARN("brisel_db_get_account_data_by_account_id is failed! err:[%d] Change combined view mode", result);
+    }
+  }
+  free(group->title);
+  group->account_id = ad->account_id;
+  const char *title =
+      ad->account_id > 0 ? account->email_address : brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB");
+  group->title = title ? strdup(title) : nullptr;
+}
+
+static group_item_data *_make_group_data(appdata *ad) {
+  BRISEL_INFO("account_id = %d", ad->account_id);
+  group_item_data *group = (group_item_data *)calloc(1, sizeof(group_item_data));
+  if (!group) {
+    BRISEL_ERROR("memory allocation failed.");
+    return nullptr;
+  }
+  group->type = ROW_GROUP;
+  group->ad = ad;
+  _read_group_account(group, ad);
+  return group;
+}
+
+static group_item_data *_update_group_data(appdata *ad, Elm_Object_Item *group_item) {
+  if (!group_item) {
+    BRISEL_ERROR("group_item is NULL, invalid parameter");
+    return nullptr;
+  }
+  BRISEL_INFO("account_id = %d", ad->account_id);
+  group_item_data *group = (group_item_data *)elm_object_item_data_get(group_item);
+  if (!group) {
+    BRISEL_ERROR("group_item_data is NULL.");
+    return nullptr;
+  }
+  if (group->type != ROW_GROUP) {
+    BRISEL_INFO("It's not a group item.");
+    return nullptr;
+  }
+  _read_group_account(group, ad);
+  return group;
+}
+
+void _free_list_data(item_data *item) {
+  if (!item) {
+    BRISEL_ERROR("item_data is NULL.");
+    return;
+  }
+  free(item->sender);
+  free(item);
+}
+
+void _gl_del(void *data, Evas_Object *obj) {
+  item_data *item = (item_data *)data;
+  if (!item) return;
+  if (appdata *ad = item->ad) {
+    ad->blocked_item = nullptr;
+    if (ad->mail_list) ad->mail_list = g_list_remove(ad->mail_list, item);
+    if (ad->sweep_item && ad->sweep_item == item->it) {
+      ad->sweep_item = nullptr;
+      BRISEL_INFO("reset sweep_item");
+    }
+  }
+  _free_list_data(item);
+}
+
+void _gl_group_del(void *data, Evas_Object *obj) {
+  group_item_data *group = (group_item_data *)data;
+  if (!group) return;
+  free(group->title);
+  free(group);
+}
+
+/* --- the model --- */
+
+item_data *_find_item_data_by_mail_id(int mail_id, GList *mail_list) {
+  for (GList *cell = mail_list; cell; cell = cell->next) {
+    item_data *item = (item_data *)cell->data;
+    if (item && item->mail_id == mail_id) return item;
+  }
+  return nullptr;
+}
+
+static Evas_Smart_Cb mail_selected_cb, group_selected_cb;
+
+void _set_row_callbacks(Evas_Smart_Cb mail_selected, Evas_Smart_Cb group_selected) {
+  mail_selected_cb = mail_selected;
+  group_selected_cb = group_selected;
+}
+
+void _add_mail_row(appdata *ad, Elm_Object_Item *group_item, item_data *item, Elm_Object_Item *next) {
+  Evas_Object *gl = ad->mailbox_genlist;
+  if (next)
+    item->it = elm_genlist_item_insert_before(gl, ad->itc_mail, item, group_item, next, ELM_GENLIST_ITEM_NONE,
+                                              mail_selected_cb, item);
+  else
+    item->it =
+        elm_genlist_item_append(gl, ad->itc_mail, item, group_item, ELM_GENLIST_ITEM_NONE, mail_selected_cb, item);
+}
+
+/* A refresh makes the whole model at once and the rows of its first screens; the others follow while the loop is idle,
+   so that thousands of rows nobody sees yet do not hold up the first picture. Whatever touches the model first makes
+   the rest. These are the cells of mail_list whose records have no row yet (and are nobody's but the model's). */
+constexpr int rows_at_once = 128;
+static GList *rowless;
+static Ecore_Idler *row_idler;
+
+Elm_Object_Item *_group_item(appdata *ad) {
+  Elm_Object_Item *first = ad->mailbox_genlist ? elm_genlist_first_item_get(ad->mailbox_genlist) : nullptr;
+  return first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP ? first : nullptr;
+}
+
+static void _make_rows(appdata *ad, int count) {
+  if (!rowless) return;
+  Elm_Object_Item *group_item = _group_item(ad);
+  const frozen_events frozen(ad->mailbox_genlist);
+  for (; rowless && count > 0; rowless = rowless->next, count--)
+    _add_mail_row(ad, group_item, (item_data *)rowless->data, nullptr);
+}
+
+static Eina_Bool _row_idler_cb(void *data) {
+  _make_rows((appdata *)data, rows_at_once);
+  if (rowless) return ECORE_CALLBACK_RENEW;
+  row_idler = nullptr;
+  app_efl_memory_trim(); /* the records of the whole mailbox that were read for it */
+  return ECORE_CALLBACK_CANCEL;
+}
+
+void _make_all_rows(appdata *ad) {
+  _make_rows(ad, INT_MAX);
+  if (row_idler) ecore_idler_del(row_idler);
+  row_idler = nullptr;
+}
+
+void brisel_free_mail_list(appdata *ad) {
+  for (; rowless; rowless = rowless->next) _free_list_data((item_data *)rowless->data);
+  if (row_idler) ecore_idler_del(row_idler);
+  row_idler = nullptr;
+  g_list_free(ad->mail_list);
+  ad->mail_list = nullptr;
+}
+
+void _set_delete_btn(appdata *ad, bool enabled) {
+  if (ad->delete_btn) elm_object_disabled_set(ad->delete_btn, enabled ? EINA_FALSE : EINA_TRUE);
+}
+
+/* The texts in place: making the header's drawing anew would lay out every block of the list again. */
+void _update_header(Elm_Object_Item *group_item) {
+  elm_genlist_item_fields_update(group_item, nullptr, ELM_GENLIST_ITEM_FIELD_TEXT);
+}
+
+void _refresh_mailbox_list(appdata *ad) {
+  Evas_Object *gl = ad->mailbox_genlist;
+  if (!gl) {
+    BRISEL_INFO("gl is NULL");
+    return;
+  }
+  ad->sweep_item = nullptr;
+  ad->blocked_item = nullptr;
+  brisel_free_mail_list(ad);
+
+  BRISEL_INFO("ad->account_id : %d", ad->account_id);
+  const int read_account = ad->account_id;
+  GSList *list = nullptr;
+  int mail_cnt = 0;
+  int result = brisel_db_get_full_noti_data_list_by_account_id(read_account, &list, &mail_cnt);
+  scoped_noti_list noti_list(list);
+  if (result != 0) {
+    BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", result);
+    mail_cnt = 0;
+  }
+  BRISEL_INFO("mail_cnt = %d", mail_cnt);
+
+  Elm_Object_Item *group_item = elm_genlist_first_item_get(gl);
+  if (!group_item) {
+    if (group_item_data *group = _make_group_data(ad)) {
+      group_item =
+          elm_genlist_item_append(gl, ad->itc_group, group, nullptr, ELM_GENLIST_ITEM_GROUP, group_selected_cb, group);
+      group->count = mail_cnt;
+      group->it = group_item;
+      BRISEL_INFO("group item is added");
+    }
+  } else {
+    elm_genlist_item_subitems_clear(group_item);
+    group_item_data *group = _update_group_data(ad, group_item);
+    if (!group) {
+      elm_genlist_clear(gl);
+      BRISEL_ERROR("group_item_data is NULL");
+      return;
+    }
+    group->count = mail_cnt;
+    _update_header(group_item);
+  }
+
+  if (ad->account_id != read_account) {
+    /* The account turned out to be gone and the header is the combined view's: so are the mails under it. */
+    noti_list.reset();
+    _refresh_mailbox_list(ad);
+    return;
+  }
+
+  /* The list is built backwards and turned once: appending walks the whole list each time. */
+  GSList *node = noti_list.get();
+  for (int i = 0; i < mail_cnt; i++) {
+    item_data *item = _make_list_data(node, ad);
+    if (node) node = node->next;
+    if (!item) {
+      BRISEL_INFO("item_data is NULL.");
+      if (!node) break; /* the store promised more mails than it gave */
+      continue;
+    }
+    ad->mail_list = g_list_prepend(ad->mail_list, item);
+  }
+  rowless = ad->mail_list = g_list_reverse(ad->mail_list);
+  _make_rows(ad, rows_at_once);
+  if (rowless) row_idler = ecore_idler_add(_row_idler_cb, ad);
+  _set_delete_btn(ad, mail_cnt > 0);
+}
+
+/* All accounts, or NULL after the log line that says why. */
+scoped_account_list _read_accounts() {
+  GSList *list = nullptr;
+  int result = brisel_db_get_all_account_data(&list);
+  scoped_account_list accounts(list);
+  if (result != 0 || !list || !list->data) {
+    BRISEL_WARN("brisel_db_get_all_account_data is failed! [%d]", result);
+    accounts.reset();
+  }
+  return accounts;
+}

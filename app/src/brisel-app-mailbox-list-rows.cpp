@@ -1,0 +1,137 @@
+/* What a row of the mailbox shows: the getters of the rows and of the header, and the looks that a drawing keeps or
+   gets anew. Called by the list itself through its classes and callbacks. */
+#include "brisel-app-mailbox-list.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "brisel-app-option-common.h"
+#include "brisel-app-utils.h"
+#include "brisel-scoped.h"
+
+int _scaled(int pixels) {
+  return (int)(pixels * elm_config_scale_get());
+}
+
+Evas_Object *_sized(Evas_Object *object, int pixels) {
+  evas_object_size_hint_min_set(object, _scaled(pixels), _scaled(pixels));
+  return object;
+}
+
+static void _paint_color_bar(Evas_Object *bar, int account_id) {
+  unsigned int rgba = 0; /* an account without a colour has no bar to see */
+  brisel_util_get_account_color(account_id, &rgba);
+  int red = (int)(rgba >> 24 & 0xFF), green = (int)(rgba >> 16 & 0xFF), blue = (int)(rgba >> 8 & 0xFF);
+  int alpha = (int)(rgba & 0xFF);
+  evas_color_argb_premul(alpha, &red, &green, &blue);
+  evas_object_color_set(bar, red, green, blue, alpha);
+}
+
+Evas_Object *brisel_util_create_color_bar(Evas_Object *parent, int account_id) {
+  Evas_Object *bar = evas_object_rectangle_add(evas_object_evas_get(parent));
+  _paint_color_bar(bar, account_id);
+  evas_object_size_hint_min_set(bar, _scaled(7), 0);
+  evas_object_size_hint_max_set(bar, _scaled(7), -1);
+  return bar;
+}
+
+static char *_gl_group_text_get(void *data, Evas_Object *obj, const char *part) {
+  group_item_data *group = (group_item_data *)data;
+  if (!group) {
+    BRISEL_WARN("data is NULL");
+    return nullptr;
+  }
+  if (!strcmp(part, "elm.text.1")) {
+    if (group->account_id == 0) return strdup(brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"));
+    return brisel_util_text_to_markup(group->title);
+  }
+  if (!strcmp(part, "elm.text.2")) {
+    scoped_text number(brisel_util_get_localized_number_str(group->count, group->ad));
+    char text[80];
+    snprintf(text, sizeof(text), "(%s)", number.get());
+    return strdup(text);
+  }
+  return nullptr;
+}
+
+static char *_gl_text_get(void *data, Evas_Object *obj, const char *part) {
+  item_data *item = (item_data *)data;
+  if (!item) {
+    BRISEL_WARN("data is NULL");
+    return nullptr;
+  }
+  if (!strcmp(part, "elm.text.1")) return brisel_util_text_to_markup(item->sender);
+  if (!strcmp(part, "elm.text.2")) return brisel_util_get_mailbox_date_time_str(item->received_time, item->ad);
+  if (!strcmp(part, "elm.text.noti")) return item->is_new ? strdup("N") : nullptr;
+  if (!strcmp(part, "elm.text.sweep")) return strdup(brisel_util_get_text("IDS_EMAIL_BODY_DELETED"));
+  return nullptr;
+}
+
+static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part) {
+  item_data *item = (item_data *)data;
+  if (!item) {
+    BRISEL_WARN("data is NULL");
+    return nullptr;
+  }
+  if (!strcmp(part, "elm.icon")) {
+    if (!item->is_new) return nullptr;
+    Evas_Object *mark = brisel_util_load_image(obj, "b_listnoti_popupbg.png");
+    return mark ? _sized(mark, 30) : nullptr;
+  }
+  if (!strcmp(part, "elm.swallow.colorbar")) return brisel_util_create_color_bar(obj, item->account_id);
+  if (!strcmp(part, "elm.icon.sweep")) {
+    Evas_Object *undo = elm_button_add(obj);
+    elm_object_style_set(undo, "list_divider_btn");
+    evas_object_propagate_events_set(undo, EINA_FALSE);
+    evas_object_smart_callback_add(undo, "clicked", _revert_btn_select_cb, item);
+    evas_object_size_hint_min_set(undo, 1, 1);
+    evas_object_size_hint_align_set(undo, EVAS_HINT_FILL, EVAS_HINT_FILL);
+    if (Evas_Object *image = brisel_util_load_image(undo, "b_email_swipe-delete.png"))
+      elm_object_content_set(undo, _sized(image, 50));
+    return undo;
+  }
+  return nullptr;
+}
+
+/* A row that comes into sight gets the drawing of one that went, contents included: making them anew, the button above
+   all, is most of what a scrolled row costs. NULL makes the list ask _gl_icon_get. */
+static Evas_Object *_gl_icon_reuse(void *data, Evas_Object *obj, const char *part, Evas_Object *old) {
+  item_data *item = (item_data *)data;
+  if (!item || !old) return nullptr;
+  if (!strcmp(part, "elm.icon")) return item->is_new ? old : nullptr;
+  if (!strcmp(part, "elm.swallow.colorbar")) {
+    _paint_color_bar(old, item->account_id);
+    return old;
+  }
+  if (!strcmp(part, "elm.icon.sweep")) {
+    evas_object_smart_callback_del(old, "clicked", _revert_btn_select_cb);
+    evas_object_smart_callback_add(old, "clicked", _revert_btn_select_cb, item);
+    return old;
+  }
+  return nullptr;
+}
+
+void _row_realized_cb(void *data, Evas_Object *obj, void *event_info) {
+  appdata *ad = (appdata *)data;
+  Elm_Object_Item *it = (Elm_Object_Item *)event_info;
+  _restore_swept_look(ad, it, true);
+  brisel_option_hide_last_bottomline(obj, it);
+}
+
+void _row_unrealized_cb(void *data, Evas_Object *obj, void *event_info) {
+  _restore_swept_look((appdata *)data, (Elm_Object_Item *)event_info, false);
+}
+
+void _mailbox_list_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
+  elm_genlist_realized_items_update(obj);
+}
+
+Elm_Genlist_Item_Class *_new_group_class(Elm_Genlist_Item_Del_Cb del) {
+  return brisel_option_new_row_class("email/group", _gl_group_text_get, nullptr, del);
+}
+
+Elm_Genlist_Item_Class *_new_mail_class(Elm_Genlist_Item_Del_Cb del) {
+  Elm_Genlist_Item_Class *row_class = brisel_option_new_row_class("email/sweep", _gl_text_get, _gl_icon_get, del);
+  if (row_class) row_class->func.reusable_content_get = _gl_icon_reuse;
+  return row_class;
+}
