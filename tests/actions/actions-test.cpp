@@ -5,10 +5,6 @@
 
 #include <fstream>
 
-static constexpr char host_name[] = "com.vextora.brisel.Host";
-static constexpr char host_path[] = "/com/vextora/brisel/Host";
-static constexpr char phone_interface[] = "com.vextora.brisel.Phone1";
-
 void acting::SetUp() {
   setenv("BRISEL_WINDOW_SIZE", "360x480", 1);
   vconf_set_bool("db/setting/motion", 0); /* views slide in the tests from outside */
@@ -17,8 +13,8 @@ void acting::SetUp() {
   phone.connect();
   phone.drain();
   phone.requests.clear();
-  status("reply", 0);
-  status("conn", 0);
+  phone.set_status("reply", 0);
+  phone.set_status("conn", 0);
   brisel_util_set_reply_method(0);
   for (const char *name : {"one", "two"})
     accounts.push_back(phone.add_account(std::string(name) + "@example.net", name));
@@ -41,23 +37,6 @@ std::vector<int> acting::start(std::vector<test_mail> mails) {
   app_start();
   EXPECT_TRUE(run_until([&] { return g_list_length(test_ad.mail_list) == mails.size(); }));
   return ids;
-}
-
-void acting::status(const char *kind, int value) {
-  EXPECT_GE(sd_bus_call_method(phone.bus, host_name, host_path, phone_interface, "SetStatus", nullptr, nullptr, "si",
-                               kind, value),
-            0);
-}
-
-void acting::templates(const std::vector<std::string> &texts) {
-  sd_bus_message *m = nullptr;
-  ASSERT_GE(sd_bus_message_new_method_call(phone.bus, &m, host_name, host_path, phone_interface, "SetTemplates"), 0);
-  std::vector<char *> list;
-  for (const std::string &one : texts) list.push_back((char *)one.c_str());
-  list.push_back(nullptr);
-  sd_bus_message_append_strv(m, list.data());
-  EXPECT_GE(sd_bus_call(phone.bus, m, 0, nullptr, nullptr), 0);
-  sd_bus_message_unref(m);
 }
 
 void acting::contact(const std::string &address, const std::vector<std::string> &tels) {

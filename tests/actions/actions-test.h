@@ -18,8 +18,6 @@ struct acting : testing::Test {
   std::vector<int> start(std::vector<test_mail> mails);
   int start_one(const test_mail &mail) { return start(std::vector<test_mail>{mail}).at(0); }
 
-  void status(const char *kind, int value);
-  void templates(const std::vector<std::string> &texts); /* also tells the watchers */
   /* Replaces the contacts: that address with these "TEL" lines; none: nobody. */
   void contact(const std::string &address, const std::vector<std::string> &tels);
   void language(const char *locale);

@@ -4,7 +4,7 @@
 
 struct replies : acting {
   void TearDown() override {
-    templates({"IDS_MSG_TEMPLATE_1", "IDS_MSG_TEMPLATE_2"});
+    phone.set_templates({"IDS_MSG_TEMPLATE_1", "IDS_MSG_TEMPLATE_2"});
     acting::TearDown();
   }
   void open_templates(int mail_id, full_noti_data *mail = nullptr) {
@@ -40,7 +40,7 @@ struct replies : acting {
 TEST_F(replies, ATemplateIsShownAskedForAndSent) {
   const std::vector<int> ids = start({{.from_name = "Ann & Co", .from_address = "ann@example.org", .subject = ""},
                                       {.from_name = "", .from_address = "bob@example.org"}});
-  templates({"IDS_MSG_TEMPLATE_1", "Fish & <b>chips</b>"});
+  phone.set_templates({"IDS_MSG_TEMPLATE_1", "Fish & <b>chips</b>"});
   const std::string send = text("IDS_COM_SK_SEND");
   open_templates(ids[0]);
   EXPECT_EQ(rows(),
@@ -98,19 +98,19 @@ TEST_F(replies, ATemplateIsShownAskedForAndSent) {
 TEST_F(replies, TemplatesFollowTheirChanges) {
   const int id = start_one({.from_name = "Ann"});
   const std::string none = text("IDS_MSG_BODY_NO_TEXT_TEMPLATES");
-  templates({});
+  phone.set_templates({});
   open_templates(id);
   EXPECT_TRUE(visible(none));
   EXPECT_TRUE(visible(text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB")));
-  templates({"Alpha", "Beta", "Gamma"});
+  phone.set_templates({"Alpha", "Beta", "Gamma"});
   EXPECT_TRUE(gone(none));
   rows_become({"Alpha", "Beta", "Gamma"});
-  templates({"Delta", "Epsilon"});
+  phone.set_templates({"Delta", "Epsilon"});
   rows_become({"Delta", "Epsilon"});
   tap_row(1);
   EXPECT_TRUE(visible(text("IDS_COM_SK_SEND")));
   // The question stays the one that was asked.
-  templates({});
+  phone.set_templates({});
   EXPECT_TRUE(visible("Epsilon"));
   tap(text_at(text("IDS_COM_SK_SEND")));
   EXPECT_EQ(request("reply").at("text"), "Epsilon");
@@ -118,14 +118,14 @@ TEST_F(replies, TemplatesFollowTheirChanges) {
   EXPECT_FALSE(logged("E/Invalid parameter: td  is NULL!"));
   // The title reads the same after a change, in every language.
   open_templates(id);
-  templates({"Alpha"});
+  phone.set_templates({"Alpha"});
   rows_become({"Alpha"});
   EXPECT_TRUE(visible(text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB")));
   language("pl_PL.UTF-8");
   EXPECT_TRUE(visible(text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB")));
   back();
   views_become(1);
-  templates({"Nobody looks"});
+  phone.set_templates({"Nobody looks"});
 }
 
 TEST_F(replies, AFailedFirstReadIsMadeUpForByTheNextChange) {
@@ -141,7 +141,7 @@ TEST_F(replies, AFailedFirstReadIsMadeUpForByTheNextChange) {
   settle();
   EXPECT_TRUE(visible(text("IDS_MSG_BODY_NO_TEXT_TEMPLATES")));
   ASSERT_EQ(brisel_db_init(), 0);
-  templates({"Alpha", "Beta"});
+  phone.set_templates({"Alpha", "Beta"});
   rows_become({"Alpha", "Beta"});
   // The borrowed mail is the caller's after the view has gone.
   back();
@@ -168,14 +168,14 @@ TEST_F(replies, TheKeypadRulesTheTypedView) {
   EXPECT_TRUE(run_until([&] { return icon_size() == std::make_pair(60, 60); }));
   settle();
   EXPECT_TRUE(gone(text("IDS_COM_POP_MAXIMUM_NUMBER_OF_CHARACTERS_REACHED")));
-  status("conn", 2);
+  phone.set_status("conn", 2);
   press_send();
   EXPECT_TRUE(visible(text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER")));
   EXPECT_EQ(typed(), "<b>a & b</b>😀");
   back();
   EXPECT_TRUE(gone(text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER")));
   expect_no_request("reply");
-  status("conn", 0);
+  phone.set_status("conn", 0);
   press_send();
   EXPECT_EQ(request("reply").at("text"), "&lt;b&gt;a &amp; b&lt;/b&gt;😀");
   views_become(1);

@@ -316,7 +316,7 @@ def open_delete_view(s):
 
 
 def delete_button(s):
-    shown = [t for t in s.dump()["texts"] if t["text"] == s.text("IDS_EMAIL_BODY_DELETE")]
+    shown = [t for t in s.seen() if t["text"] == s.text("IDS_EMAIL_BODY_DELETE")]
     s.watch("tap", *middle(max(shown, key=lambda t: t["y"])))
 
 

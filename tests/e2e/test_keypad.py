@@ -24,7 +24,7 @@ def typed_reply(s, language=None):
 
 
 def page_key(s):
-    return next(t for t in s.dump()["texts"] if re.fullmatch("[1-4]/[1-4]", t["text"]))
+    return next(t for t in s.seen() if re.fullmatch("[1-4]/[1-4]", t["text"]))
 
 
 def keys(s, *labels):

@@ -164,7 +164,7 @@ def test_back_ends_connecting_also_above_a_screen_built_meanwhile(s):
     s.launch()
     s.wait_text(s.text("IDS_EMAIL_POP_CONNECTING_ING"))
     arrange(s, 1, False)
-    s.wait_text(SENDER)
+    s.wait(lambda: SENDER in [t["text"] for t in s.dump()["texts"] if t["covered"]], "the mail below the popup")
     s.watch("key", "back")
     s.wait(lambda: gone(s), "the application to end")
 

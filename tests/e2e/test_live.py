@@ -21,12 +21,12 @@ def put(s, account, name, at, *args):
 
 def senders(s):
     """The senders on screen from top to bottom."""
-    shown = [(t["y"], t["text"]) for t in s.dump()["texts"] if t["text"].startswith("S") and t["text"][1:].isdigit()]
+    shown = [(t["y"], t["text"]) for t in s.seen() if t["text"].startswith("S") and t["text"][1:].isdigit()]
     return [text for _, text in sorted(shown)]
 
 
 def header_count(s):
-    for t in s.dump()["texts"]:
+    for t in s.seen():
         if t["text"].startswith("(") and t["text"].endswith(")"):
             return t["text"]
     return None

@@ -14,7 +14,7 @@ def arrange(s):
 
 
 def shown_time(s):
-    for t in s.dump()["texts"]:
+    for t in s.seen():
         if "2014" in t["text"] or "١٤" in t["text"]:
             return t["text"].replace("\u202f", " ").replace("\u200f", "").replace("\u00a0", " ")
     return ""

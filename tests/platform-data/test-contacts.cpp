@@ -341,13 +341,13 @@ TEST_F(Changes, ReachOtherProcessesInTheOrderOfRegistration) {
   const lines everyone = {"first contacts.person", "second contacts.person/number", "third contacts.person"};
 
   ASSERT_TRUE(in_child([] { return import(card("FN:Anna\r\nEMAIL:a@x\r\n")).empty(); }));
-  ASSERT_TRUE(loop_until([&] { return heard.size() >= 3; }));
+  ASSERT_TRUE(run_until([&] { return heard.size() >= 3; }));
   EXPECT_EQ(heard, everyone);
   heard.clear();
   int count = 0;
   contacts_remove_by_email("nobody@x", &count); /* no change, nothing to tell */
   EXPECT_EQ(contacts_remove_by_email("a@x", &count), CONTACTS_ERROR_NONE);
-  ASSERT_TRUE(loop_until([&] { return heard.size() >= 3; }));
+  ASSERT_TRUE(run_until([&] { return heard.size() >= 3; }));
   EXPECT_EQ(heard, everyone); /* once for the commit */
   heard.clear();
 
@@ -358,11 +358,11 @@ TEST_F(Changes, ReachOtherProcessesInTheOrderOfRegistration) {
               CONTACTS_ERROR_INVALID_PARAMETER);
   };
   import(card("FN:Bo\r\n"));
-  ASSERT_TRUE(loop_until([&] { return heard.size() >= 2; }));
+  ASSERT_TRUE(run_until([&] { return heard.size() >= 2; }));
   EXPECT_EQ(heard, (lines{"first contacts.person", "third contacts.person"}));
   heard.clear();
   fs::remove(database()); /* taken away as a whole */
-  ASSERT_TRUE(loop_until([&] { return !heard.empty(); }));
+  ASSERT_TRUE(run_until([&] { return !heard.empty(); }));
   EXPECT_EQ(heard, lines{"third contacts.person"});
   EXPECT_EQ(contacts_db_remove_changed_cb(_contacts_person._uri, on_changed, &third), CONTACTS_ERROR_NONE);
 }

@@ -92,7 +92,7 @@ struct GenlistFx : testing::Test {
     EXPECT_FALSE(elm_genlist_fx_mode_get(list));
   }
   bool run_to_end() const {
-    return loop_until([&] { return pictures().empty(); });
+    return run_until([&] { return pictures().empty(); });
   }
 
   int top_of(size_t index) const {
@@ -117,7 +117,7 @@ TEST_F(GenlistFx, ShowsTheOldPictureFirstAndTheNewOneInTheEnd) {
   evas_smart_objects_calculate(window.canvas());
   ecore_evas_manual_render(ecore_evas_ecore_evas_get(window.canvas()));
   EXPECT_EQ(window.pixels(), before);
-  ASSERT_TRUE(loop_until([&] { return pictures().size() >= 2; })); /* the leaving row, the rows below */
+  ASSERT_TRUE(run_until([&] { return pictures().size() >= 2; })); /* the leaving row, the rows below */
   settle();
   EXPECT_LT(top_of(3), third); /* the list itself is where it will be, and takes touches there */
   evas_event_feed_mouse_in(window.canvas(), window.now(), nullptr);
@@ -142,12 +142,12 @@ TEST_F(GenlistFx, ShowsTheOldPictureFirstAndTheNewOneInTheEnd) {
 
 TEST_F(GenlistFx, WorksAtBothEndsAndUnderAHeader) {
   delete_with_effect({0});
-  ASSERT_TRUE(loop_until([&] { return pictures().size() >= 2; }));
+  ASSERT_TRUE(run_until([&] { return pictures().size() >= 2; }));
   ASSERT_TRUE(run_to_end());
   elm_genlist_item_show(items.back(), ELM_GENLIST_ITEM_SCROLLTO_IN);
   settle();
   delete_with_effect({28, 29}); /* the list shrinks: what is above comes down */
-  ASSERT_TRUE(loop_until([&] { return pictures().size() >= 2; }));
+  ASSERT_TRUE(run_until([&] { return pictures().size() >= 2; }));
   ASSERT_TRUE(run_to_end());
   int x, y, w, h;
   evas_object_geometry_get(list, &x, &y, &w, &h);
@@ -163,7 +163,7 @@ TEST_F(GenlistFx, WorksAtBothEndsAndUnderAHeader) {
   ASSERT_NE(track, nullptr);
   evas_object_geometry_get(track, nullptr, &y, nullptr, &h);
   elm_object_item_untrack(header);
-  ASSERT_TRUE(loop_until([&] { return pictures().size() >= 2; }));
+  ASSERT_TRUE(run_until([&] { return pictures().size() >= 2; }));
   for (Evas_Object *picture : pictures()) {
     int top;
     evas_object_geometry_get(evas_object_clip_get(picture), nullptr, &top, nullptr, nullptr);
@@ -211,7 +211,7 @@ TEST_F(GenlistFx, EndsWithWhateverDisturbsIt) {
     elm_genlist_item_show(items[next], ELM_GENLIST_ITEM_SCROLLTO_IN);
     settle();
     delete_with_effect({next++});
-    ASSERT_TRUE(loop_until([&] { return pictures().size() >= 2; })) << row.what;
+    ASSERT_TRUE(run_until([&] { return pictures().size() >= 2; })) << row.what;
     row.disturb();
     settle();
     EXPECT_TRUE(pictures().empty()) << row.what;
@@ -224,7 +224,7 @@ TEST_F(GenlistFx, EndsWithWhateverDisturbsIt) {
   settle();
   delete_with_effect({11});
   delete_with_effect({12});
-  ASSERT_TRUE(loop_until([&] { return pictures().size() >= 2; }));
+  ASSERT_TRUE(run_until([&] { return pictures().size() >= 2; }));
   delete_with_effect({13});
   ASSERT_TRUE(run_to_end());
   EXPECT_EQ(members(), before);
@@ -236,7 +236,7 @@ TEST_F(GenlistFx, EndsWithWhateverDisturbsIt) {
   settle();
   make_list(10);
   delete_with_effect({1});
-  ASSERT_TRUE(loop_until([&] { return pictures().size() >= 2; }));
+  ASSERT_TRUE(run_until([&] { return pictures().size() >= 2; }));
   elm_genlist_clear(list);
   settle();
   elm_genlist_fx_mode_set(list, EINA_TRUE);

@@ -240,7 +240,7 @@ TEST_F(Keypad, FingersSlideSwipeAndHold) {
   int x, y, w, h;
   evas_object_geometry_get(keys()[0], &x, &y, &w, &h);
   window.down(293, sizes.back().y + h / 2);
-  EXPECT_TRUE(loop_until([&] { return text().empty(); }));
+  EXPECT_TRUE(run_until([&] { return text().empty(); }));
   window.up();
   type({"q"});
   EXPECT_EQ(text(), "q");

@@ -302,7 +302,7 @@ TEST(Notify, DeliversWritesOfAnyProcessAndTheSameValueToo) {
     for (const auto &[work, expected] : steps) {
       const size_t before = to.seen.size();
       ASSERT_TRUE(own ? work() : in_child(work));
-      ASSERT_TRUE(loop_until([&] { return to.seen.size() > before; })) << expected;
+      ASSERT_TRUE(run_until([&] { return to.seen.size() > before; })) << expected;
       EXPECT_EQ(to.seen.back(), std::string(KEY) + " " + expected);
     }
   }
@@ -318,7 +318,7 @@ TEST(Notify, ABurstEndsWithItsLastValue) {
     for (int i = 0; i <= 1000; i++) vconf_set_int("memory/burst", i);
     return true;
   }));
-  EXPECT_TRUE(loop_until([&] { return !to.seen.empty() && to.seen.back() == "memory/burst 41 1000"; }));
+  EXPECT_TRUE(run_until([&] { return !to.seen.empty() && to.seen.back() == "memory/burst 41 1000"; }));
   vconf_ignore_key_changed("memory/burst", on_changed);
 }
 
@@ -333,11 +333,11 @@ TEST(Notify, RegistrationsChangeInsideCallbacks) {
     first.then = nullptr;
   };
   vconf_set_int(KEY, 10);
-  ASSERT_TRUE(loop_until([&] { return second.seen.size() == 1; }));
+  ASSERT_TRUE(run_until([&] { return second.seen.size() == 1; }));
   EXPECT_EQ(first.seen.size(), 1u);
   EXPECT_TRUE(late.seen.empty());
   vconf_set_int(KEY, 11);
-  ASSERT_TRUE(loop_until([&] { return late.seen.size() == 1 && second.seen.size() == 2; }));
+  ASSERT_TRUE(run_until([&] { return late.seen.size() == 1 && second.seen.size() == 2; }));
   EXPECT_EQ(first.seen.size(), 1u);
   vconf_ignore_key_changed(KEY, on_changed);
   vconf_ignore_key_changed(KEY, on_changed_too);
@@ -350,11 +350,11 @@ TEST(Notify, FoldersMayComeAndGo) {
   for (int round = 1; round <= 3; round++) {
     vconf_set_int(KEY, round);
     const std::string expected = std::string(KEY) + " 41 " + std::to_string(round);
-    ASSERT_TRUE(loop_until([&] { return !to.seen.empty() && to.seen.back() == expected; })) << round;
+    ASSERT_TRUE(run_until([&] { return !to.seen.empty() && to.seen.back() == expected; })) << round;
     /* Once with the folder alone, once with the one above it. */
     const fs::path folder = file_of("").parent_path();
     fs::remove_all(round == 1 ? folder : folder.parent_path());
-    ASSERT_TRUE(loop_until([&] { return to.seen.back() == std::string(KEY) + " 0 0"; })) << round;
+    ASSERT_TRUE(run_until([&] { return to.seen.back() == std::string(KEY) + " 0 0"; })) << round;
   }
   vconf_ignore_key_changed(KEY, on_changed);
 }

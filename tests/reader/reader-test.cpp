@@ -1,11 +1,5 @@
 #include "reader-test.h"
 
-#include <chrono>
-
-static const char *const host_name = "com.vextora.brisel.Host";
-static const char *const host_path = "/com/vextora/brisel/Host";
-static const char *const phone_interface = "com.vextora.brisel.Phone1";
-
 brisel_detail_view *reader(void) {
   return test_ad.naviframe
              ? (brisel_detail_view *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, &test_ad)
@@ -14,11 +8,6 @@ brisel_detail_view *reader(void) {
 
 page_data *current_page(void) {
   return reader() ? reader()->page_data[BRISEL_DETAIL_CUR_PAGE] : nullptr;
-}
-
-void run_for(double seconds) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  run_until([&] { return std::chrono::steady_clock::now() >= end; });
 }
 
 static void finished_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -49,23 +38,6 @@ std::vector<int> slots(void) {
   std::vector<int> ids;
   for (const page_data *page : reader()->page_data) ids.push_back(page ? page->mail_data->mail_id : 0);
   return ids;
-}
-
-/* The scrollers work out speeds from the events' times, so these are real ones. */
-static unsigned event_time(void) {
-  return (unsigned)(ecore_time_get() * 1000);
-}
-
-void stroke(point from, point to) {
-  const int steps = 8;
-  evas_event_feed_mouse_move(test_ad.evas, from.x, from.y, event_time(), nullptr);
-  evas_event_feed_mouse_down(test_ad.evas, 1, EVAS_BUTTON_NONE, event_time(), nullptr);
-  for (int step = 1; step <= steps; step++) {
-    run_for(0.012);
-    evas_event_feed_mouse_move(test_ad.evas, from.x + (to.x - from.x) * step / steps,
-                               from.y + (to.y - from.y) * step / steps, event_time(), nullptr);
-  }
-  evas_event_feed_mouse_up(test_ad.evas, 1, EVAS_BUTTON_NONE, event_time(), nullptr);
 }
 
 void fling(bool to_next) {
@@ -144,50 +116,14 @@ void pull_to_end(void) {
   }
 }
 
-static void finger(int device, point at, bool down) {
-  const double x = at.x, y = at.y;
-  if (device == 0) {
-    evas_event_feed_mouse_move(test_ad.evas, at.x, at.y, event_time(), nullptr);
-    if (down) evas_event_feed_mouse_down(test_ad.evas, 1, EVAS_BUTTON_NONE, event_time(), nullptr);
-    if (!down) evas_event_feed_mouse_up(test_ad.evas, 1, EVAS_BUTTON_NONE, event_time(), nullptr);
-  } else if (down) {
-    evas_event_feed_multi_down(test_ad.evas, device, at.x, at.y, 1, 1, 1, 1, 0, x, y, EVAS_BUTTON_NONE, event_time(),
-                               nullptr);
-  } else {
-    evas_event_feed_multi_up(test_ad.evas, device, at.x, at.y, 1, 1, 1, 1, 0, x, y, EVAS_BUTTON_NONE, event_time(),
-                             nullptr);
-  }
-}
-
 void pinch(double factor) {
-  int w = 0, h = 0;
-  evas_object_geometry_get(reader()->page_scroller_layout, nullptr, nullptr, &w, &h);
-  const double near_by = factor > 1 ? h * 0.12 : h * 0.4;
-  auto place = [&](int device, double reach) { return point{w / 2, h / 2 + (int)(device == 0 ? -reach : reach)}; };
-  finger(0, place(0, near_by), true);
-  finger(1, place(1, near_by), true);
-  const int steps = 12;
-  for (int step = 1; step <= steps; step++) {
-    const double reach = near_by * (1 + (factor - 1) * step / steps);
-    run_for(0.01);
-    const point a = place(0, reach), b = place(1, reach);
-    evas_event_feed_mouse_move(test_ad.evas, a.x, a.y, event_time(), nullptr);
-    evas_event_feed_multi_move(test_ad.evas, 1, b.x, b.y, 1, 1, 1, 1, 0, b.x, b.y, event_time(), nullptr);
-  }
-  finger(1, place(1, near_by * factor), false);
-  finger(0, place(0, near_by * factor), false);
-  run_for(0.1);
+  int h = 0;
+  evas_object_geometry_get(reader()->page_scroller_layout, nullptr, nullptr, nullptr, &h);
+  pinch_at(middle_of(reader()->page_scroller_layout), factor, factor > 1 ? h * 0.12 : h * 0.4);
 }
 
 void double_tap(void) {
-  const point at = middle_of(reader()->page_scroller_layout);
-  for (int taps = 0; taps < 2; taps++) {
-    finger(0, at, true);
-    run_for(0.03);
-    finger(0, at, false);
-    run_for(0.03);
-  }
-  run_for(0.1);
+  double_tap_at(middle_of(reader()->page_scroller_layout));
 }
 
 std::vector<int> mailbox_with(linked_phone *phone, const std::vector<std::string> &bodies) {
@@ -209,31 +145,4 @@ std::vector<int> mailbox_with(linked_phone *phone, const std::vector<std::string
   EXPECT_TRUE(run_until([&] { return listed_mails().size() == bodies.size() && test_ad.bt_connected == 1; }));
   phone->requests.clear();
   return ids;
-}
-
-void answer_more(linked_phone *phone, int64_t request, int error, const std::string &piece, bool complete) {
-  sd_bus_error failed = SD_BUS_ERROR_NULL;
-  const int result = sd_bus_call_method(phone->bus, host_name, host_path, phone_interface, "AnswerMore", &failed,
-                                        nullptr, "xisb", request, error, piece.c_str(), (int)complete);
-  EXPECT_GE(result, 0) << (failed.message ? failed.message : "");
-  sd_bus_error_free(&failed);
-}
-
-int64_t more_request(linked_phone *phone) {
-  int64_t found = -1;
-  run_until([&] {
-    phone->drain();
-    for (const auto &have : phone->requests)
-      if (have.json.at("request") == "more_msg") found = have.id;
-    return found >= 0;
-  });
-  return found;
-}
-
-int requests_of(linked_phone *phone, const std::string &kind) {
-  phone->drain();
-  int count = 0;
-  for (const auto &have : phone->requests)
-    if (have.json.at("request") == kind) count++;
-  return count;
 }

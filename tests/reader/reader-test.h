@@ -4,7 +4,7 @@
 
 #include "../../app/src/brisel-app-detail-body.h"
 #include "../../app/src/brisel-app-detail.h"
-#include "../app-core/app-test.h"
+#include "app-test.h"
 
 /* The open reader, or NULL. */
 brisel_detail_view *reader(void);
@@ -15,16 +15,12 @@ void open_reader(int mail_id);
 void close_reader(void);
 /* The mail ids of the five slots, 0 where there is no page. */
 std::vector<int> slots(void);
-/* One finger from one point to the other in a tenth of a second; returns once it is up. */
-void stroke(point from, point to);
 /* One finger across the view, to the page after (true) or before; returns once the finger is up. */
 void fling(bool to_next);
 /* A fling, and then until the shift it starts is done. False when nothing shifts. */
 bool swipe(bool to_next);
 /* A fling where there is no page to turn to. */
 void expect_no_turn(bool to_next);
-/* Runs the main loop for that long. For animations only: nothing is asserted about time. */
-void run_for(double seconds);
 /* The plain text of a part of a mail's layout. */
 std::string part_text(const page_data *page, const char *part);
 /* The state that the theme is in for a part of the page's mail layout, as its signals left it. */
@@ -41,11 +37,5 @@ void pinch(double factor);
 void double_tap(void);
 /* One account, the mails in it newest first, the phone connected and the mailbox open. Returns the mails' ids. */
 std::vector<int> mailbox_with(linked_phone *phone, const std::vector<std::string> &bodies);
-/* Answers the more-message request of that number as the phone does. */
-void answer_more(linked_phone *phone, int64_t request, int error, const std::string &piece, bool complete);
-/* The number of the newest more-message request, waiting for it; -1 when none comes. */
-int64_t more_request(linked_phone *phone);
-/* How many requests of that kind the phone has heard. */
-int requests_of(linked_phone *phone, const std::string &kind);
 
 #endif

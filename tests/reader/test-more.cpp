@@ -40,21 +40,21 @@ TEST_F(MoreMsg, ArrivesPieceByPieceUntilComplete) {
   expect_rest(current_page(), true);
 
   pull_to_end();
-  int64_t request = more_request(&phone);
+  int64_t request = phone.more_request();
   ASSERT_GE(request, 0);
   EXPECT_NE(current_page()->progress, nullptr);
   EXPECT_EQ(part_state(current_page(), "detail.process"), "shown");
   const int place = scrolled();
-  answer_more(&phone, request, 0, second, false);
+  phone.answer_more(request, 0, second, false);
   ASSERT_TRUE(body_becomes(current_page(), first + second));
   expect_rest(current_page(), true);
   EXPECT_EQ(scrolled(), place) << "the reader's place moved";
 
   phone.requests.clear();
   pull_to_end();
-  request = more_request(&phone);
+  request = phone.more_request();
   ASSERT_GE(request, 0);
-  answer_more(&phone, request, 0, third, true);
+  phone.answer_more(request, 0, third, true);
   ASSERT_TRUE(body_becomes(current_page(), first + second + third));
   expect_rest(current_page(), false);
   EXPECT_TRUE(logged("I/There is no more mail_body!"));
@@ -63,7 +63,7 @@ TEST_F(MoreMsg, ArrivesPieceByPieceUntilComplete) {
   phone.requests.clear();
   pull_to_end();
   settle();
-  EXPECT_EQ(requests_of(&phone, "more_msg"), 0);
+  EXPECT_EQ(phone.count("more_msg"), 0);
 }
 
 TEST_F(MoreMsg, AsksAtMostThreeTimesAVisit) {
@@ -73,17 +73,17 @@ TEST_F(MoreMsg, AsksAtMostThreeTimesAVisit) {
     /* At the end already, one more pull hits it again. */
     pull_to_end();
     if (asked == 4) break;
-    const int64_t request = more_request(&phone);
+    const int64_t request = phone.more_request();
     ASSERT_GE(request, 0) << asked;
-    answer_more(&phone, request, 1, "", false);
+    phone.answer_more(request, 1, "", false);
     ASSERT_TRUE(run_until([&] { return !current_page()->progress; }));
   }
   settle();
-  EXPECT_EQ(requests_of(&phone, "more_msg"), 0);
+  EXPECT_EQ(phone.count("more_msg"), 0);
   ASSERT_TRUE(swipe(true));
   ASSERT_TRUE(swipe(false));
   pull_to_end();
-  EXPECT_GE(more_request(&phone), 0) << "a new visit may ask again";
+  EXPECT_GE(phone.more_request(), 0) << "a new visit may ask again";
 }
 
 TEST_F(MoreMsg, BodiesThatMayAskAndThatMayNot) {
@@ -120,14 +120,14 @@ TEST_F(MoreMsg, WithoutALinkNothingIsAskedAndNothingUsedUp) {
   pull_up();
   pull_up();
   EXPECT_EQ(current_page()->more_msg_count, BRISEL_DETAIL_MORE_MSG_MAX);
-  EXPECT_EQ(requests_of(&phone, "more_msg"), 0);
+  EXPECT_EQ(phone.count("more_msg"), 0);
   vconf_set_bool(BRISEL_KEY_BT_CONNECTED, 1);
 }
 
 TEST_F(MoreMsg, AShortPageCanAskToo) {
   open({"short" + more_tag});
   pull_up();
-  EXPECT_GE(more_request(&phone), 0);
+  EXPECT_GE(phone.more_request(), 0);
 }
 
 struct answer_case {
@@ -152,9 +152,9 @@ TEST_F(MoreMsg, WhatThePhoneAnswers) {
     current_page()->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
     phone.requests.clear();
     __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
-    const int64_t request = more_request(&phone);
+    const int64_t request = phone.more_request();
     ASSERT_GE(request, 0);
-    answer_more(&phone, request, row.error, row.piece, row.complete);
+    phone.answer_more(request, row.error, row.piece, row.complete);
     if (!row.error) body += row.piece;
     ASSERT_TRUE(run_until([&] { return !reader()->more_msg && !current_page()->more_msg_timer; }));
     EXPECT_EQ(brisel_detail_body_get(current_page()->detail_layout, nullptr), body);
@@ -167,11 +167,11 @@ TEST_F(MoreMsg, AnAnswerBelongsToThePageThatAsked) {
   open({"first" + more_tag, "second" + more_tag, "third"});
   page_data *asked = current_page();
   __brisel_detail_scroller_bottom_hit_cb(reader(), asked->scroller, nullptr);
-  const int64_t request = more_request(&phone);
+  const int64_t request = phone.more_request();
   ASSERT_GE(request, 0);
   ASSERT_TRUE(swipe(true));
   ASSERT_NE(current_page(), asked);
-  answer_more(&phone, request, 0, " and more", false);
+  phone.answer_more(request, 0, " and more", false);
   ASSERT_TRUE(body_becomes(asked, "first and more"));
   expect_rest(asked, true);
   EXPECT_STREQ(brisel_detail_body_get(current_page()->detail_layout, nullptr), "second");
@@ -181,25 +181,25 @@ TEST_F(MoreMsg, ANewRequestEndsTheWaitOfThePageSwipedAway) {
   open({"first" + more_tag, "second" + more_tag});
   page_data *asked = current_page();
   __brisel_detail_scroller_bottom_hit_cb(reader(), asked->scroller, nullptr);
-  const int64_t old_request = more_request(&phone);
+  const int64_t old_request = phone.more_request();
   ASSERT_TRUE(swipe(true));
   phone.requests.clear();
   __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
-  const int64_t request = more_request(&phone);
+  const int64_t request = phone.more_request();
   ASSERT_GE(request, 0);
   expect_rest(asked, true);
   /* The withdrawn answer comes all the same: it must not end up on the wrong page. */
-  answer_more(&phone, old_request, 0, " late", true);
+  phone.answer_more(old_request, 0, " late", true);
   settle();
   EXPECT_STREQ(brisel_detail_body_get(current_page()->detail_layout, nullptr), "second");
-  answer_more(&phone, request, 0, " more", true);
+  phone.answer_more(request, 0, " more", true);
   ASSERT_TRUE(body_becomes(current_page(), "second more"));
 }
 
 TEST_F(MoreMsg, AnswersForWhatIsGoneAreDropped) {
   open({"first" + more_tag, "second"});
   __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
-  ASSERT_GE(more_request(&phone), 0);
+  ASSERT_GE(phone.more_request(), 0);
   /* The phone deletes the mail while it owes an answer: the reader closes with it. */
   phone.delete_mails({ids[0]});
   ASSERT_TRUE(run_until([] { return !reader(); }));
@@ -207,10 +207,10 @@ TEST_F(MoreMsg, AnswersForWhatIsGoneAreDropped) {
   open_reader(ids[1]);
   phone.requests.clear();
   __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
-  const int64_t request = more_request(&phone);
+  const int64_t request = phone.more_request();
   ASSERT_GE(request, 0);
   close_reader();
-  answer_more(&phone, request, 0, " more", true);
+  phone.answer_more(request, 0, " more", true);
   settle();
   EXPECT_EQ(reader(), nullptr);
 }
@@ -218,7 +218,7 @@ TEST_F(MoreMsg, AnswersForWhatIsGoneAreDropped) {
 TEST_F(MoreMsg, ThePhoneLeavesWithoutAnAnswer) {
   open({"first" + more_tag});
   __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
-  ASSERT_GE(more_request(&phone), 0);
+  ASSERT_GE(phone.more_request(), 0);
   phone.leave();
   ASSERT_TRUE(run_until([] { return !reader()->more_msg; }));
   expect_rest(current_page(), true);

@@ -124,7 +124,7 @@ TEST_F(Page, ShowOnDeviceAsksThePhone) {
       const nlohmann::json request = phone.request("show");
       EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[0]}));
     } else {
-      EXPECT_EQ(requests_of(&phone, "show"), 0);
+      EXPECT_EQ(phone.count("show"), 0);
     }
   }
 }
@@ -139,13 +139,13 @@ TEST_F(Page, EachVisitToAnUnreadMailIsToldOnce) {
   ASSERT_TRUE(swipe(true));
   request = phone.request("update_ind");
   EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[1]}));
-  EXPECT_EQ(requests_of(&phone, "update_ind"), 1);
+  EXPECT_EQ(phone.count("update_ind"), 1);
   phone.requests.clear();
   ASSERT_TRUE(swipe(true)); /* read already */
   ASSERT_TRUE(swipe(false));
   request = phone.request("update_ind");
   EXPECT_EQ(request.at("id_list"), nlohmann::json({ids[1]}));
-  EXPECT_EQ(requests_of(&phone, "update_ind"), 1);
+  EXPECT_EQ(phone.count("update_ind"), 1);
 }
 
 TEST_F(Page, PickoverShowsTheMailOnThePhone) {
@@ -160,7 +160,7 @@ TEST_F(Page, PickoverShowsTheMailOnThePhone) {
   log_mark();
   vconf_set_int(BRISEL_KEY_PICKOVER, 7);
   EXPECT_TRUE(run_until([] { return logged("E/Invalid key name or type!"); }));
-  EXPECT_EQ(requests_of(&phone, "show"), 0);
+  EXPECT_EQ(phone.count("show"), 0);
 
   ASSERT_EQ(pickover_take_over(), 0);
   EXPECT_EQ(phone.request("show").at("id_list"), nlohmann::json({ids[0]}));

@@ -140,11 +140,15 @@ class Session:
     def dump(self):
         return json.loads(self.watch("dump"))
 
+    def seen(self):
+        """What a person sees: a text that something lies over is not among them."""
+        return [t for t in self.dump()["texts"] if not t["covered"]]
+
     def texts(self):
-        return [t["text"] for t in self.dump()["texts"]]
+        return [t["text"] for t in self.seen()]
 
     def find(self, text, part=False):
-        for shown in self.dump()["texts"]:
+        for shown in self.seen():
             if shown["text"] == text or (part and text in shown["text"]):
                 return shown
         return None

@@ -4,10 +4,8 @@ import os
 import pathlib
 import re
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "e2e"))
 from brisel_test import equal, main, options  # noqa: E402,F401
 
 HOST = "com.vextora.brisel.Host"

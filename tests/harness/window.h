@@ -1,15 +1,15 @@
 /* A real window on the buffer engine with the platform's look, and a finger on it. */
-#ifndef TESTS_PLATFORM_DATA_WINDOW_H
-#define TESTS_PLATFORM_DATA_WINDOW_H
+#ifndef BRISEL_HARNESS_WINDOW_H
+#define BRISEL_HARNESS_WINDOW_H
 
 #define EFL_BETA_API_SUPPORT /* for the class of objects that have members */
 #include <Ecore_Evas.h>
 #include <Elementary.h>
 
-#include <algorithm>
 #include <functional>
 #include <vector>
 
+#include "canvas.h"
 #include "loop.h"
 #include "platform-paths.h"
 
@@ -38,8 +38,10 @@ struct test_window {
     put(box);
     elm_object_content_set(conformant, box);
     evas_object_show(win);
+    canvas_use(win);
   }
   ~test_window() {
+    canvas_use(nullptr);
     if (win != nullptr) evas_object_del(win);
     for (int i = 0; i < 3; i++) ecore_main_loop_iterate();
   }
@@ -70,28 +72,22 @@ struct test_window {
     return {from, from + static_cast<size_t>(w) * static_cast<size_t>(h)};
   }
 
-  /* --- the finger */
+  /* The harness's finger and keys, and then everything that they changed drawn. */
+  void down(int x, int y) const { touch({x, y}); }
   unsigned now() const { return static_cast<unsigned>(ecore_time_get() * 1000); }
-  void down(int x, int y) const {
-    evas_event_feed_mouse_in(canvas(), now(), nullptr);
-    evas_event_feed_mouse_move(canvas(), x, y, now(), nullptr);
-    evas_event_feed_mouse_down(canvas(), 1, EVAS_BUTTON_NONE, now(), nullptr);
-  }
-  void move(int x, int y) const { evas_event_feed_mouse_move(canvas(), x, y, now(), nullptr); }
-  void up() const { evas_event_feed_mouse_up(canvas(), 1, EVAS_BUTTON_NONE, now(), nullptr); }
+  void move(int x, int y) const { move_finger({x, y}); }
+  void up() const { lift(); }
   void tap(int x, int y) const {
     down(x, y);
     up();
     draw();
   }
   void tap(Evas_Object *obj) const {
-    int x, y, w, h;
-    evas_object_geometry_get(obj, &x, &y, &w, &h);
-    tap(x + w / 2, y + h / 2);
+    const point at = middle_of(obj);
+    tap(at.x, at.y);
   }
   void key(const char *name) const {
-    evas_event_feed_key_down(canvas(), name, name, nullptr, nullptr, now(), nullptr);
-    evas_event_feed_key_up(canvas(), name, name, nullptr, nullptr, now(), nullptr);
+    ::key(name);
     draw();
   }
 

@@ -1,0 +1,178 @@
+#include "canvas.h"
+
+#include <Ecore_Input.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "../../platform/src/inspect-priv.h"
+#include "loop.h"
+
+static Evas_Object *window;
+
+void canvas_use(Evas_Object *used) {
+  window = used;
+  if (used) evas_event_feed_mouse_in(evas_object_evas_get(used), 0, nullptr);
+}
+
+static Evas *canvas(void) {
+  return evas_object_evas_get(window);
+}
+
+/* --- fingers and keys --- */
+
+/* Real time, moved ahead by what the fed events are said to take. */
+static unsigned event_time(unsigned ms = 0) {
+  static unsigned ahead;
+  ahead += ms;
+  return (unsigned)(ecore_time_get() * 1000) + ahead;
+}
+
+point middle_of(Evas_Object *object) {
+  int x, y, w, h;
+  evas_object_geometry_get(object, &x, &y, &w, &h);
+  return {x + w / 2, y + h / 2};
+}
+
+static void finger_move(point at, unsigned ms) {
+  evas_event_feed_mouse_move(canvas(), at.x, at.y, event_time(ms), nullptr);
+}
+
+static void finger_down(point at, unsigned ms) {
+  finger_move(at, ms);
+  evas_event_feed_mouse_down(canvas(), 1, EVAS_BUTTON_NONE, event_time(ms), nullptr);
+}
+
+static void finger_up(unsigned ms) {
+  evas_event_feed_mouse_up(canvas(), 1, EVAS_BUTTON_NONE, event_time(ms), nullptr);
+}
+
+void move_finger(point at) {
+  finger_move(at, 10);
+}
+
+void touch(point at) {
+  finger_down(at, 10);
+}
+
+void lift(void) {
+  finger_up(50);
+}
+
+void release(point at) {
+  finger_move(at, 10);
+  lift();
+}
+
+void tap(point at) {
+  touch(at);
+  release(at);
+  settle();
+}
+
+void press_long(point at) {
+  touch(at);
+  run_for(elm_config_longpress_timeout_get() + 0.2);
+  release(at);
+  settle();
+}
+
+static point between(point from, point to, int step, int steps) {
+  return {from.x + (to.x - from.x) * step / steps, from.y + (to.y - from.y) * step / steps};
+}
+
+void drag(point from, point to) {
+  touch(from);
+  for (int step = 1; step <= 10; step++) {
+    move_finger(between(from, to, step, 10));
+    ecore_main_loop_iterate();
+  }
+  release(to);
+  settle();
+}
+
+void stroke(point from, point to) {
+  finger_down(from, 0);
+  for (int step = 1; step <= 8; step++) {
+    run_for(0.012);
+    finger_move(between(from, to, step, 8), 0);
+  }
+  finger_up(0);
+}
+
+void pinch_at(point middle, double factor, double reach) {
+  auto second = [&](double at) { return point{middle.x, middle.y + (int)at}; };
+  auto first = [&](double at) { return point{middle.x, middle.y - (int)at}; };
+  point b = second(reach);
+  finger_down(first(reach), 0);
+  evas_event_feed_multi_down(canvas(), 1, b.x, b.y, 1, 1, 1, 1, 0, b.x, b.y, EVAS_BUTTON_NONE, event_time(), nullptr);
+  for (int step = 1; step <= 12; step++) {
+    const double now = reach * (1 + (factor - 1) * step / 12);
+    run_for(0.01);
+    b = second(now);
+    finger_move(first(now), 0);
+    evas_event_feed_multi_move(canvas(), 1, b.x, b.y, 1, 1, 1, 1, 0, b.x, b.y, event_time(), nullptr);
+  }
+  evas_event_feed_multi_up(canvas(), 1, b.x, b.y, 1, 1, 1, 1, 0, b.x, b.y, EVAS_BUTTON_NONE, event_time(), nullptr);
+  finger_up(0);
+  run_for(0.1);
+}
+
+void double_tap_at(point at) {
+  for (int taps = 0; taps < 2; taps++) {
+    finger_down(at, 0);
+    run_for(0.03);
+    finger_up(0);
+    run_for(0.03);
+  }
+  run_for(0.1);
+}
+
+void key(const char *name) {
+  evas_event_feed_key_down(canvas(), name, name, nullptr, nullptr, event_time(10), nullptr);
+  evas_event_feed_key_up(canvas(), name, name, nullptr, nullptr, event_time(10), nullptr);
+  settle();
+}
+
+/* --- what a person sees --- */
+
+static nlohmann::json texts_on_screen(void) {
+  nlohmann::json shown = nlohmann::json::array();
+  if (!window) return shown;
+  const nlohmann::json dump = nlohmann::json::parse(inspect_dump(window));
+  for (const nlohmann::json &text : dump.at("texts"))
+    if (!text.at("covered").get<bool>()) shown.push_back(text);
+  return shown;
+}
+
+std::vector<std::string> visible_texts(void) {
+  std::vector<std::string> texts;
+  for (const nlohmann::json &shown : texts_on_screen()) texts.push_back(shown.at("text"));
+  return texts;
+}
+
+static bool shown_now(const std::string &text) {
+  for (const std::string &shown : visible_texts())
+    if (shown == text) return true;
+  return false;
+}
+
+bool visible(const std::string &text) {
+  return run_until([&] { return shown_now(text); });
+}
+
+bool gone(const std::string &text) {
+  return run_until([&] { return !shown_now(text); });
+}
+
+point text_at(const std::string &text) {
+  visible(text);
+  settle();
+  point at = {-1, -1};
+  for (const nlohmann::json &shown : texts_on_screen())
+    if (shown.at("text") == text)
+      at = {shown.at("x").get<int>() + shown.at("width").get<int>() / 2,
+            shown.at("y").get<int>() + shown.at("height").get<int>() / 2};
+  EXPECT_GE(at.x, 0) << text << " is not on screen";
+  return at;
+}
