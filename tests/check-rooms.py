@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Which folder may include what. The build runs it, so that the direction cannot rot: a header of another room, or a
-library that a room has no business with, fails it."""
+"""Which folder may include what, and how large a file may grow. The tests run it, so that the direction cannot rot: a
+header of another room, a library that a room has no business with, files that need each other in a circle, or a file
+that outgrew its job fail it."""
 import pathlib
 import re
 import sys
@@ -41,5 +42,36 @@ for room, (folders, patterns) in ROOMS.items():
                                                                 for h in (ROOT / f).rglob("*.h")) for f in folders):
                 continue
             bad.append(f"{source.relative_to(ROOT)}:{number}: {room}/ may not include {name}")
-print("\n".join(bad) if bad else "every include stays in its rooms")
+
+# --- circles and sizes: a file is its .cpp and its .h ---
+LONGEST = 700
+sources = [p for room in ROOMS for p in sorted((ROOT / room).rglob("*")) if p.suffix in (".cpp", ".h")]
+headers = {p.name: p for p in sources if p.suffix == ".h"}
+needs = {}
+for source in sources:
+    text = source.read_text(errors="replace")
+    if text.count("\n") > LONGEST:
+        bad.append(f"{source.relative_to(ROOT)}: {text.count(chr(10))} lines; at most {LONGEST}: more than one job?")
+    for name in re.findall(r'^\s*#\s*include\s*"([^"]+)"', text, re.M):
+        header = headers.get(pathlib.Path(name).name)
+        if header and header.stem != source.stem:
+            needs.setdefault(source.stem, set()).add(header.stem)
+
+
+def reach(start):
+    """Every file that a file needs, itself only when a circle leads back."""
+    seen, todo = set(), [start]
+    while todo:
+        for other in needs.get(todo.pop(), ()):
+            if other not in seen:
+                seen.add(other)
+                todo.append(other)
+    return seen
+
+
+reached = {name: reach(name) for name in needs}
+circles = {frozenset(o for o in reached[n] if n in reached.get(o, ())) for n in needs if n in reached[n]}
+bad += [f"a circle of files: {', '.join(sorted(circle))}" for circle in circles]
+
+print("\n".join(bad) if bad else "every include stays in its rooms, in one direction")
 sys.exit(1 if bad else 0)

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Counts the cases in meson's JUnit reports (the cases inside each test program, where it reports them) and prints
 'N passed, N failed'. A program in a later report replaces its results in an earlier one; a report that is not there is
-passed over. Exits non-zero when a case failed or none ran.  With --failed: names the programs that failed, from
-meson's JSON log."""
+passed over; a case that failed in an earlier one and passed in a later one is named. Exits non-zero when a case failed
+or none ran.  With --failed: names the programs that failed, from meson's JSON log."""
 import json
 import os
 import sys
@@ -14,6 +14,7 @@ if sys.argv[1] == "--failed":
     sys.exit(0)
 
 programs = {}
+second = []
 for report in filter(os.path.exists, sys.argv[1:]):
     latest = {}
     for suite in tree.parse(report).getroot().iter("testsuite"):
@@ -25,6 +26,9 @@ for report in filter(os.path.exists, sys.argv[1:]):
             kinds = {child.tag for child in case}
             if "skipped" not in kinds:
                 latest.setdefault(program, []).append((case.get("name"), bool(kinds & {"failure", "error"})))
+    for program, cases in latest.items():
+        now = dict(cases)
+        second += [f"{program}: {name}" for name, bad in programs.get(program, []) if bad and now.get(name) is False]
     programs.update(latest)
 passed = failed = 0
 for program, cases in programs.items():
@@ -32,5 +36,7 @@ for program, cases in programs.items():
         passed, failed = passed + (not bad), failed + bad
         if bad:
             print(f"failed: {program}: {name}")
+for name in second:
+    print(f"failed at first, passed alone: {name}")
 print(f"{passed} passed, {failed} failed")
 sys.exit(0 if passed and not failed else 1)

@@ -1,4 +1,5 @@
-"""Runs a module's test functions (test_*), each in a session of its own, and reports them in TAP."""
+"""Runs a module's test functions (test_*), each in a session of its own, two at a time, and reports them in TAP."""
+import concurrent.futures
 import inspect
 import os
 import pathlib
@@ -21,36 +22,44 @@ def kill_service(s):
     os.kill(int(out.split()[-1]), signal.SIGKILL)
 
 
+def outcome(test):
+    """Runs one test in its session; what went wrong as lines, or nothing."""
+    session = None
+    try:
+        options = getattr(test, "session", {})
+        if options is None:
+            test()
+        else:
+            session = Session(**options)
+            test(session)
+        return []
+    except Exception:
+        lines = traceback.format_exc().rstrip().splitlines()
+        if session and os.environ.get("BRISEL_SHOW_LOG"):
+            lines += ["log: " + line for line in session.log().splitlines()[-60:]]
+        return lines
+    finally:
+        if session:
+            session.close()
+
+
 def main(module_globals):
     """Every test_* function takes a Session; one marked with .session = None makes its own. A name on the command
-    line runs only the tests that hold it."""
+    line runs only the tests that hold it. They mostly wait, each in a session of its own: a few run side by side."""
     tests = [(name, f) for name, f in module_globals.items() if name.startswith("test_") and inspect.isfunction(f)]
     wanted = sys.argv[1:]
     if wanted:
         tests = [t for t in tests if any(w in t[0] for w in wanted)]
     print(f"1..{len(tests)}", flush=True)
     failed = 0
-    for number, (name, test) in enumerate(tests, 1):
-        session = None
-        try:
-            options = getattr(test, "session", {})
-            if options is None:
-                test()
-            else:
-                session = Session(**options)
-                test(session)
-            print(f"ok {number} - {name}", flush=True)
-        except Exception:
-            failed += 1
-            print(f"not ok {number} - {name}", flush=True)
-            for line in traceback.format_exc().rstrip().splitlines():
+    with concurrent.futures.ThreadPoolExecutor(int(os.environ.get("BRISEL_TEST_JOBS", "2"))) as pool:
+        runs = [(name, pool.submit(outcome, test)) for name, test in tests]
+        for number, (name, run) in enumerate(runs, 1):
+            lines = run.result()
+            failed += bool(lines)
+            print(f"{'not ok' if lines else 'ok'} {number} - {name}", flush=True)
+            for line in lines:
                 print(f"# {line}", flush=True)
-            if session and os.environ.get("BRISEL_SHOW_LOG"):
-                for line in session.log().splitlines()[-60:]:
-                    print(f"# log: {line}", flush=True)
-        finally:
-            if session:
-                session.close()
     sys.exit(1 if failed else 0)
 
 

@@ -169,6 +169,15 @@ class Session:
                 raise AssertionError(f"waited in vain for {what}" + self._state())
             time.sleep(0.05)
 
+    def rest(self):
+        """Waits until the screen stands still: two looks in a row show the same."""
+        last = [None]
+
+        def still():
+            before, last[0] = last[0], self.watch("dump")
+            return last[0] == before
+        self.wait(still, "the screen to come to rest")
+
     def _state(self):
         try:
             return ": on screen: " + " | ".join(t[:60] for t in self.texts())
