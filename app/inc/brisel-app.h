@@ -118,6 +118,8 @@ void brisel_util_pop_view(Evas_Object *naviframe);
 /* Mailbox list: brisel-app-mailbox-list. */
 Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad);
 void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad);
+/* An account that is there was told of anew: its address and colour show at once. */
+void brisel_update_mailbox_accounts(appdata *ad);
 void brisel_check_mail_on_db(appdata *ad);
 void brisel_check_current_mailbox_account_by_mail_id(int mail_id, appdata *ad);
 void brisel_delete_sweep_item(appdata *ad);
@@ -131,6 +133,8 @@ Evas_Object *brisel_util_create_color_bar(Evas_Object *parent, int account_id);
 
 /* Delete view: brisel-app-delete-view. 0; -1: no ad or no layout; -3: memory. */
 int brisel_crete_delete_view(appdata *ad);
+/* An open delete view takes arrived mails in and lets deleted ones go; arguments as of brisel_update_mailbox_list. */
+void brisel_update_delete_view(int update_type, GSList *id_list, appdata *ad);
 
 /* Reader: brisel-app-detail. push: 1 with a transition, 0 without. 0; -1: no ad; -3: not built. */
 int brisel_detail_draw_view(int mail_id, int push, appdata *ad);

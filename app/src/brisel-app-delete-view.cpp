@@ -1,6 +1,7 @@
 /* Ticking several mails and deleting them from the watch at once. */
 #include "brisel-app-delete-view.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "brisel-app-option-common.h"
 #include "brisel-app-utils.h"
 #include "brisel-app.h"
+#include "brisel-scoped.h"
 
 /* A row; owned by its genlist item. */
 struct delete_item_data {
@@ -22,6 +24,14 @@ struct delete_item_data {
 };
 
 /* --- rows --- */
+
+/* What follows from the rows and from which of them are selected. */
+static void _recount(delete_view_data *vd) {
+  vd->total_mail_cnt = (int)g_slist_length(vd->item_list);
+  vd->selected_cnt = (int)g_slist_length(vd->selected_list);
+  vd->select_all = vd->selected_cnt > 0 && vd->selected_cnt == vd->total_mail_cnt ? 1 : 0;
+  elm_object_disabled_set(vd->delete_btn, vd->selected_cnt == 0);
+}
 
 static void _update_check_info_for_delete_view(delete_item_data *row) {
   if (!row) {
@@ -39,13 +49,7 @@ static void _update_check_info_for_delete_view(delete_item_data *row) {
     BRISEL_INFO("view_data->selected_list is NULL");
   else
     vd->selected_list = g_slist_remove(vd->selected_list, row);
-  vd->selected_cnt = (int)g_slist_length(vd->selected_list);
-
-  if (vd->selected_cnt == 0)
-    elm_object_disabled_set(vd->delete_btn, EINA_TRUE);
-  else if (vd->selected_cnt == 1)
-    elm_object_disabled_set(vd->delete_btn, EINA_FALSE);
-  vd->select_all = vd->selected_cnt == vd->total_mail_cnt ? 1 : 0;
+  _recount(vd);
 }
 
 static void _check_changed_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -112,7 +116,7 @@ static void _gl_delete_view_del(void *data, Evas_Object *obj) {
   delete_item_data *row = (delete_item_data *)data;
   if (!row) return;
   if (row->check) {
-    // The box may outlive its row for a moment.
+    /* The box may outlive its row for a moment. */
     elm_check_state_pointer_set(row->check, nullptr);
     evas_object_smart_callback_del_full(row->check, "changed", _check_changed_cb, row);
     brisel_widget_ref_clear(&row->check);
@@ -121,21 +125,20 @@ static void _gl_delete_view_del(void *data, Evas_Object *obj) {
   free(row);
 }
 
+static Elm_Genlist_Item_Class *_new_row_class() {
+  return brisel_option_new_row_class("2text.1icon.1", _gl_text_get, _gl_icon_get, _gl_delete_view_del);
+}
+
 static void _gl_delete_view_realized_cb(void *data, Evas_Object *obj, void *event_info) {
   brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
-static delete_item_data *_make_delete_list_data(GSList *node, delete_view_data *vd) {
-  if (!node) {
-    BRISEL_ERROR("noti_list is NULL");
-    return nullptr;
-  }
+static delete_item_data *_row_of_mail(const full_noti_data *noti_data, delete_view_data *vd) {
   delete_item_data *row = (delete_item_data *)calloc(1, sizeof *row);
   if (!row) {
     BRISEL_ERROR("memory allocation failed.");
     return nullptr;
   }
-  const full_noti_data *noti_data = (full_noti_data *)node->data;
   const char *sender = noti_data->from_name && noti_data->from_name[0] ? noti_data->from_name : noti_data->from_address;
   row->mail_id = noti_data->mail_id;
   row->account_id = noti_data->account_id;
@@ -144,6 +147,24 @@ static delete_item_data *_make_delete_list_data(GSList *node, delete_view_data *
   row->check_state = 0;
   row->view_data = vd;
   return row;
+}
+
+static delete_item_data *_make_delete_list_data(GSList *node, delete_view_data *vd) {
+  if (!node) {
+    BRISEL_ERROR("noti_list is NULL");
+    return nullptr;
+  }
+  return _row_of_mail((full_noti_data *)node->data, vd);
+}
+
+/* The last row; next NULL, or the row before next. false, with the record freed, when it cannot be added. */
+static bool _add_row(delete_view_data *vd, Evas_Object *gl, const Elm_Genlist_Item_Class *itc, delete_item_data *row,
+                     const delete_item_data *next) {
+  row->it = next ? elm_genlist_item_insert_before(gl, itc, row, nullptr, next->it, ELM_GENLIST_ITEM_NONE,
+                                                  _gl_delete_view_mail_sel, row)
+                 : elm_genlist_item_append(gl, itc, row, nullptr, ELM_GENLIST_ITEM_NONE, _gl_delete_view_mail_sel, row);
+  if (!row->it) _gl_delete_view_del(row, gl);
+  return row->it != nullptr;
 }
 
 /* --- the confirmation --- */
@@ -169,6 +190,10 @@ static void _delete_popup_ok_cb(void *data, Evas_Object *obj, void *event_info) 
 }
 
 static void _set_delete_popup_text(delete_view_data *vd) {
+  if (vd->selected_cnt == 1) {
+    brisel_option_popup_translate(vd->popup, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
+    return;
+  }
   char *text =
       brisel_util_get_count_text("IDS_ST_POP_PD_ITEMS_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY", vd->selected_cnt, vd->ad);
   elm_object_text_set(vd->popup, text);
@@ -192,12 +217,8 @@ static void _create_delete_popup(delete_view_data *vd) {
       brisel_option_create_delete_popup(vd->ad->naviframe, _delete_popup_cancel_cb, _delete_popup_ok_cb, vd);
   if (!popup) return;
   brisel_widget_ref_set(&vd->popup, popup);
-  if (vd->selected_cnt == 1) {
-    brisel_option_popup_translate(popup, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
-  } else {
-    _set_delete_popup_text(vd);
-    evas_object_smart_callback_add(popup, "language,changed", _mailbox_delete_popup_language_changed_cb, vd);
-  }
+  _set_delete_popup_text(vd);
+  evas_object_smart_callback_add(popup, "language,changed", _mailbox_delete_popup_language_changed_cb, vd);
   evas_object_show(popup);
 }
 
@@ -211,12 +232,19 @@ static void _select_all_btn_select_cb(void *data, Evas_Object *obj, void *event_
   }
   vd->select_all = vd->select_all ? 0 : 1;
   BRISEL_INFO("select_all : %d", vd->select_all);
+  GSList *changed = nullptr; /* last first: appending would walk the list for every mail */
   for (GSList *cell = vd->item_list; cell; cell = cell->next) {
     delete_item_data *row = (delete_item_data *)cell->data;
     if (row->check_state == vd->select_all) continue;
     row->check_state = vd->select_all;
-    vd->selected_list =
-        vd->select_all ? g_slist_append(vd->selected_list, row) : g_slist_remove(vd->selected_list, row);
+    changed = g_slist_prepend(changed, row);
+  }
+  if (vd->select_all) {
+    vd->selected_list = g_slist_concat(vd->selected_list, g_slist_reverse(changed));
+  } else {
+    g_slist_free(changed);
+    g_slist_free(vd->selected_list);
+    vd->selected_list = nullptr;
   }
   vd->selected_cnt = (int)g_slist_length(vd->selected_list);
   elm_object_disabled_set(vd->delete_btn, !vd->select_all);
@@ -298,17 +326,11 @@ static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
   int err = brisel_db_get_full_noti_data_list_by_account_id(vd->account_id, &noti_list, &mail_cnt);
   if (err != 0) BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", err);
 
-  Elm_Genlist_Item_Class *itc =
-      brisel_option_new_row_class("2text.1icon.1", _gl_text_get, _gl_icon_get, _gl_delete_view_del);
-  GSList *rows = nullptr;  // last first: appending would walk the list for every mail
+  Elm_Genlist_Item_Class *itc = _new_row_class();
+  GSList *rows = nullptr; /* last first: appending would walk the list for every mail */
   for (GSList *node = noti_list; node && itc; node = node->next) {
     delete_item_data *row = _make_delete_list_data(node, vd);
-    if (!row) continue;
-    row->it = elm_genlist_item_append(gl, itc, row, nullptr, ELM_GENLIST_ITEM_NONE, _gl_delete_view_mail_sel, row);
-    if (row->it)
-      rows = g_slist_prepend(rows, row);
-    else
-      _gl_delete_view_del(row, gl);
+    if (row && _add_row(vd, gl, itc, row, nullptr)) rows = g_slist_prepend(rows, row);
   }
   vd->item_list = g_slist_reverse(rows);
   vd->total_mail_cnt = (int)g_slist_length(vd->item_list);
@@ -317,6 +339,83 @@ static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
   evas_object_show(gl);
   if (itc) elm_genlist_item_class_free(itc);
   return gl;
+}
+
+/* --- live --- */
+
+/* The list without the cells whose row is among the ids; for the list of all rows the rows go, too. */
+static GSList *_without(GSList *list, GHashTable *ids, bool delete_rows) {
+  for (GSList **link = &list; *link;) {
+    delete_item_data *row = (delete_item_data *)(*link)->data;
+    if (!g_hash_table_contains(ids, GINT_TO_POINTER(row->mail_id))) {
+      link = &(*link)->next;
+      continue;
+    }
+    *link = g_slist_delete_link(*link, *link);
+    if (delete_rows) elm_object_item_del(row->it);
+  }
+  return list;
+}
+
+static GHashTable *_set_of(GSList *ids) {
+  GHashTable *set = g_hash_table_new(nullptr, nullptr);
+  for (; ids; ids = ids->next) g_hash_table_add(set, ids->data);
+  return set;
+}
+
+/* The records of those of the mails that belong here and have no row yet, newest first. */
+static std::vector<delete_item_data *> _read_added(delete_view_data *vd, GSList *ids) {
+  std::vector<delete_item_data *> rows;
+  GHashTable *there = g_hash_table_new(nullptr, nullptr);
+  for (GSList *cell = vd->item_list; cell; cell = cell->next)
+    g_hash_table_add(there, GINT_TO_POINTER(((delete_item_data *)cell->data)->mail_id));
+  for (; ids; ids = ids->next) {
+    scoped_noti mail(brisel_full_noti_data_create());
+    if (!mail || brisel_db_get_full_noti_data_by_mail_id(GPOINTER_TO_INT(ids->data), mail.get()) != 0) continue;
+    if (vd->account_id != 0 && vd->account_id != mail->account_id) continue;
+    if (!g_hash_table_add(there, ids->data)) continue;
+    if (delete_item_data *row = _row_of_mail(mail.get(), vd)) rows.push_back(row);
+  }
+  g_hash_table_destroy(there);
+  std::stable_sort(rows.begin(), rows.end(), [](const delete_item_data *a, const delete_item_data *b) {
+    return a->received_time > b->received_time;
+  });
+  return rows;
+}
+
+/* Before the first older row, as in the mailbox. */
+static void _insert_rows(delete_view_data *vd, GSList *ids) {
+  Elm_Genlist_Item_Class *itc = _new_row_class();
+  if (!itc) return;
+  GSList **link = &vd->item_list;
+  for (delete_item_data *row : _read_added(vd, ids)) {
+    while (*link && ((delete_item_data *)(*link)->data)->received_time >= row->received_time) link = &(*link)->next;
+    Elm_Object_Item *last = *link ? nullptr : elm_genlist_last_item_get(vd->genlist);
+    if (!_add_row(vd, vd->genlist, itc, row, *link ? (delete_item_data *)(*link)->data : nullptr)) continue;
+    if (last) elm_object_item_signal_emit(last, "elm,state,bottomline,show", "");
+    *link = g_slist_prepend(*link, row);
+  }
+  elm_genlist_item_class_free(itc);
+}
+
+void brisel_update_delete_view(int update_type, GSList *id_list, appdata *ad) {
+  delete_view_data *vd = (delete_view_data *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DELETE_VIEW, ad);
+  if (!vd || !vd->genlist) return;
+  if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD) {
+    _insert_rows(vd, id_list);
+  } else if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE) {
+    GHashTable *gone = _set_of(id_list);
+    vd->selected_list = _without(vd->selected_list, gone, false);
+    vd->item_list = _without(vd->item_list, gone, true);
+    g_hash_table_destroy(gone);
+    brisel_option_hide_last_bottomline(vd->genlist, elm_genlist_last_item_get(vd->genlist));
+  } else {
+    return;
+  }
+  _recount(vd);
+  /* The question counts what its OK deletes. */
+  if (vd->popup && vd->selected_cnt == 0) brisel_widget_ref_drop(&vd->popup);
+  if (vd->popup) _set_delete_popup_text(vd);
 }
 
 static Eina_Bool _brisel_delete_view_pop_cb(void *data, Elm_Object_Item *item) {
@@ -339,6 +438,8 @@ int brisel_crete_delete_view(appdata *ad) {
   if (!brisel_option_new_record(ad, BRISEL_VIEW_TYPE_DELETE_VIEW, &vd)) return ad ? -3 : -1;
   vd->select_all = 0;
   vd->account_id = ad->account_id;
+  /* No mail is open under it: the deletion of the one that was read before closes nothing. */
+  ad->mail_id = 0;
 
   Evas_Object *layout = brisel_util_load_edj(ad->naviframe, BRISEL_EDJ, "brisel/delete_view");
   if (!layout) {

@@ -2,6 +2,9 @@
    without mails. Its public functions are called by the application's core. */
 #include "brisel-app-mailbox-list.h"
 
+#include <algorithm>
+#include <vector>
+
 #include "brisel-app-option-common.h"
 #include "brisel-app-utils.h"
 
@@ -16,53 +19,60 @@ static int _compare_mail_by_received_time(const void *a, const void *b) {
   return left->received_time > right->received_time ? -1 : 1;
 }
 
-/* The cell of the new row: before the first older row, behind every newer one and every one of the same time. NULL when
-   the mail is there already: a refresh may have read it before its event came, and it must not stand there twice. */
-static GList *_insert_sorted(appdata *ad, item_data *item) {
-  GList *last = nullptr, *next = ad->mail_list;
-  for (; next && _compare_mail_by_received_time(item, next->data) > 0; last = next, next = next->next)
-    if (((item_data *)next->data)->mail_id == item->mail_id) return nullptr;
-  ad->mail_list = g_list_insert_before(ad->mail_list, next, item);
-  return next ? next->prev : last ? last->next : ad->mail_list;
-}
-
-static void _insert_mail_by_mail_id(int mail_id, appdata *ad) {
+/* A new row's record, or NULL: a mail that cannot be read, or of an account not shown. */
+static item_data *_read_added_mail(int mail_id, appdata *ad) {
   BRISEL_INFO("mail_id : %d", mail_id);
-  Evas_Object *gl = ad->mailbox_genlist;
-  if (!gl) {
+  if (!ad->mailbox_genlist) {
     BRISEL_INFO("gl is NULL");
-    return;
+    return nullptr;
   }
-  Elm_Object_Item *group_item = elm_genlist_first_item_get(gl);
   item_data *item = _make_list_data_by_mail_id(mail_id, ad);
   if (!item) {
     BRISEL_WARN("item_data is NULL.");
-    return;
+    return nullptr;
   }
-  if (ad->account_id != 0 && ad->account_id != item->account_id) {
-    BRISEL_INFO("No need to insert item_data->account_id : %d ad->account_id : %d", item->account_id, ad->account_id);
-    _free_list_data(item);
-    return;
-  }
-  if (!ad->mail_list) {
+  if (ad->account_id == 0 || ad->account_id == item->account_id) return item;
+  BRISEL_INFO("No need to insert item_data->account_id : %d ad->account_id : %d", item->account_id, ad->account_id);
+  _free_list_data(item);
+  return nullptr;
+}
+
+/* Before the first older row from next on, behind every newer one and every one of the same time; the row that it
+   stands before, or NULL at the end. */
+static GList *_insert_mail(appdata *ad, item_data *item, GList *next) {
+  while (next && _compare_mail_by_received_time(item, next->data) > 0) next = next->next;
+  Elm_Object_Item *group_item = elm_genlist_first_item_get(ad->mailbox_genlist);
+  if (!ad->mail_list)
     BRISEL_INFO("ad->mail_list is NULL. Append item.");
-    _add_mail_row(ad, group_item, item, nullptr);
-    ad->mail_list = g_list_append(ad->mail_list, item);
-    return;
-  }
-  GList *cell = _insert_sorted(ad, item);
-  if (!cell) {
-    _free_list_data(item);
-    BRISEL_WARN("No such item_data");
-    return;
-  }
-  item_data *next = cell->next ? (item_data *)cell->next->data : nullptr;
-  if (!next) {
+  else if (!next)
     BRISEL_INFO("next_data is NULL. Append item.");
-    _add_mail_row(ad, group_item, item, nullptr);
+  GList *cell = _insert_into_model(ad, item, next);
+  _add_mail_row(ad, group_item, item, next ? ((item_data *)next->data)->it : nullptr);
+  if (!next && cell->prev)
     elm_object_item_signal_emit(((item_data *)cell->prev->data)->it, "elm,state,bottomline,show", "");
-  } else {
-    _add_mail_row(ad, group_item, item, next->it);
+  return next;
+}
+
+/* Many mails at once are merged in one walk over the list. */
+static void _insert_mails(GSList *ids, appdata *ad) {
+  std::vector<item_data *> items;
+  for (GSList *cell = ids; cell; cell = cell->next) {
+    const int mail_id = GPOINTER_TO_INT(cell->data);
+    BRISEL_INFO("mail_id : %d", mail_id);
+    if (item_data *item = _read_added_mail(mail_id, ad)) items.push_back(item);
+  }
+  /* In the order of the rows; of one time, in the order of the event. */
+  std::stable_sort(items.begin(), items.end(),
+                   [](const item_data *a, const item_data *b) { return a->received_time > b->received_time; });
+  GList *next = ad->mail_list;
+  for (item_data *item : items) {
+    /* A refresh may have read it before its event came, and it must not stand there twice. */
+    if (_find_item_data_by_mail_id(item->mail_id, ad)) {
+      BRISEL_WARN("No such item_data");
+      _free_list_data(item);
+    } else {
+      next = _insert_mail(ad, item, next);
+    }
   }
 }
 
@@ -73,13 +83,13 @@ static void _remove_mail_by_mail_id(int mail_id, appdata *ad) {
   } else if (!ad->mail_list) {
     BRISEL_INFO("ad->mail_list is NULL");
   } else {
-    item_data *item = _find_item_data_by_mail_id(mail_id, ad->mail_list);
+    item_data *item = _find_item_data_by_mail_id(mail_id, ad);
     if (!item || !item->it) {
       BRISEL_INFO("Not found on mail_list");
       return;
     }
+    _remove_from_model(ad, item);
     elm_object_item_del(item->it);
-    ad->mail_list = g_list_remove(ad->mail_list, item);
   }
 }
 
@@ -93,7 +103,7 @@ static void _update_mail_by_mail_id(int mail_id, appdata *ad) {
     BRISEL_INFO("ad->mail_list is NULL");
     return;
   }
-  item_data *item = _find_item_data_by_mail_id(mail_id, ad->mail_list);
+  item_data *item = _find_item_data_by_mail_id(mail_id, ad);
   if (!item || !item->it) return;
   scoped_noti mail(brisel_full_noti_data_create());
   if (!mail) {
@@ -101,7 +111,7 @@ static void _update_mail_by_mail_id(int mail_id, appdata *ad) {
     return;
   }
   if (brisel_db_get_full_noti_data_by_mail_id(mail_id, mail.get()) != 0) return;
-  item->is_new = mail->is_new;
+  _read_item_state(item, mail.get());
   elm_genlist_item_update(item->it);
 }
 
@@ -181,6 +191,27 @@ static bool _header_is_stale(appdata *ad) {
   return group && group->type == ROW_GROUP && group->account_id != ad->account_id;
 }
 
+/* The question about a locked mail, and what would be asked for it, end with the mail. */
+static void _end_question_of_gone_mail(GSList *ids, appdata *ad) {
+  if (ad->mail_id <= 0 || !g_slist_find(ids, GINT_TO_POINTER(ad->mail_id))) return;
+  if (ad->naviframe && elm_naviframe_top_item_get(ad->naviframe) != elm_naviframe_bottom_item_get(ad->naviframe))
+    return;
+  brisel_util_drop_popup(&ad->security_popup);
+  ad->mail_id = 0;
+}
+
+void brisel_update_mailbox_accounts(appdata *ad) {
+  Elm_Object_Item *group_item = _group_item(ad);
+  const int shown = ad->account_id;
+  if (!group_item || !_update_group_data(ad, group_item)) return;
+  if (ad->account_id != shown) {
+    _refresh_mailbox_list(ad);
+    return;
+  }
+  _update_header(group_item);
+  elm_genlist_realized_items_update(ad->mailbox_genlist); /* their colour bars */
+}
+
 void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad) {
   BRISEL_INFO("updated_cnt : %d, type : %d", (int)g_slist_length(id_list), update_type);
   if (!id_list) return;
@@ -213,18 +244,20 @@ void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad) {
       /* The set-up popup reset the account shown when the last one went; the list still names that one. */
       _refresh_mailbox_list(ad);
     }
+  } else if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD) {
+    _insert_mails(id_list, ad);
   } else {
     for (GSList *cell = id_list; cell; cell = cell->next) {
       int mail_id = GPOINTER_TO_INT(cell->data);
       BRISEL_INFO("mail_id : %d", mail_id);
-      if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD)
-        _insert_mail_by_mail_id(mail_id, ad);
-      else if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE)
+      if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE)
         _update_mail_by_mail_id(mail_id, ad);
       else if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE)
         _remove_mail_by_mail_id(mail_id, ad);
     }
   }
+  if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE) _end_question_of_gone_mail(id_list, ad);
+  brisel_update_delete_view(update_type, id_list, ad);
   _update_list_surroundings(ad);
 }
 

@@ -9,7 +9,59 @@
 #include "app_efl.h"
 #include "brisel-app-utils.h"
 
+/* --- mail_list --- */
+
+/* The cells of mail_list by mail id, made when somebody first asks: walking the list for each of many mails takes its
+   length times their number. */
+static GHashTable *cells;
+
+static void _forget_cells() {
+  if (cells) g_hash_table_destroy(cells);
+  cells = nullptr;
+}
+
+static GList *_cell_of_mail(int mail_id, appdata *ad) {
+  if (!cells && ad->mail_list) {
+    cells = g_hash_table_new(nullptr, nullptr);
+    for (GList *cell = ad->mail_list; cell; cell = cell->next)
+      g_hash_table_insert(cells, GINT_TO_POINTER(((item_data *)cell->data)->mail_id), cell);
+  }
+  return cells ? (GList *)g_hash_table_lookup(cells, GINT_TO_POINTER(mail_id)) : nullptr;
+}
+
+item_data *_find_item_data_by_mail_id(int mail_id, appdata *ad) {
+  GList *cell = _cell_of_mail(mail_id, ad);
+  return cell ? (item_data *)cell->data : nullptr;
+}
+
+GList *_insert_into_model(appdata *ad, item_data *item, GList *next) {
+  GList *cell;
+  if (next || !ad->mail_list) {
+    ad->mail_list = g_list_insert_before(ad->mail_list, next, item);
+    cell = next ? next->prev : ad->mail_list;
+  } else {
+    /* The list's own end is walked to; the last row names its cell. */
+    Elm_Object_Item *last_row = elm_genlist_last_item_get(ad->mailbox_genlist);
+    GList *last = _cell_of_mail(((item_data *)elm_object_item_data_get(last_row))->mail_id, ad);
+    cell = g_list_append(last ? last : g_list_last(ad->mail_list), item)->next;
+  }
+  if (cells) g_hash_table_insert(cells, GINT_TO_POINTER(item->mail_id), cell);
+  return cell;
+}
+
+void _remove_from_model(appdata *ad, const item_data *item) {
+  GList *cell = _cell_of_mail(item->mail_id, ad);
+  if (!cell || cell->data != item) return;
+  g_hash_table_remove(cells, GINT_TO_POINTER(item->mail_id));
+  ad->mail_list = g_list_delete_link(ad->mail_list, cell);
+}
+
 /* --- records --- */
+
+void _read_item_state(item_data *item, const full_noti_data *mail) {
+  item->is_new = mail->is_new;
+  item->security_locked = mail->security_locked;
+}
 
 static item_data *_item_data_from_mail(const full_noti_data *mail, appdata *ad) {
   item_data *item = (item_data *)calloc(1, sizeof(item_data));
@@ -20,8 +72,7 @@ static item_data *_item_data_from_mail(const full_noti_data *mail, appdata *ad) 
   item->type = ROW_MAIL;
   item->account_id = mail->account_id;
   item->mail_id = mail->mail_id;
-  item->is_new = mail->is_new;
-  item->security_locked = mail->security_locked;
+  _read_item_state(item, mail);
   item->received_time = (int)CLAMP(mail->received_time, (time_t)INT_MIN, (time_t)INT_MAX);
   const char *sender = mail->from_name && *mail->from_name ? mail->from_name : mail->from_address;
   item->sender = sender ? strdup(sender) : nullptr;
@@ -84,7 +135,7 @@ static group_item_data *_make_group_data(appdata *ad) {
   return group;
 }
 
-static group_item_data *_update_group_data(appdata *ad, Elm_Object_Item *group_item) {
+group_item_data *_update_group_data(appdata *ad, Elm_Object_Item *group_item) {
   if (!group_item) {
     BRISEL_ERROR("group_item is NULL, invalid parameter");
     return nullptr;
@@ -117,7 +168,7 @@ void _gl_del(void *data, Evas_Object *obj) {
   if (!item) return;
   if (appdata *ad = item->ad) {
     ad->blocked_item = nullptr;
-    if (ad->mail_list) ad->mail_list = g_list_remove(ad->mail_list, item);
+    _remove_from_model(ad, item);
     if (ad->sweep_item && ad->sweep_item == item->it) {
       ad->sweep_item = nullptr;
       BRISEL_INFO("reset sweep_item");
@@ -134,14 +185,6 @@ void _gl_group_del(void *data, Evas_Object *obj) {
 }
 
 /* --- the model --- */
-
-item_data *_find_item_data_by_mail_id(int mail_id, GList *mail_list) {
-  for (GList *cell = mail_list; cell; cell = cell->next) {
-    item_data *item = (item_data *)cell->data;
-    if (item && item->mail_id == mail_id) return item;
-  }
-  return nullptr;
-}
 
 static Evas_Smart_Cb mail_selected_cb, group_selected_cb;
 
@@ -198,6 +241,7 @@ void brisel_free_mail_list(appdata *ad) {
   for (; rowless; rowless = rowless->next) _free_list_data((item_data *)rowless->data);
   if (row_idler) ecore_idler_del(row_idler);
   row_idler = nullptr;
+  _forget_cells();
   g_list_free(ad->mail_list);
   ad->mail_list = nullptr;
 }

@@ -52,9 +52,9 @@ static void _delete_mail_by_sweep(appdata *ad, bool with_effect) {
   if (brisel_util_request_delete(&item->mail_id, 1) == BRISEL_COMMON_ERROR_MEMORY) return;
   if (!item->it) return;
   if (with_effect) elm_genlist_fx_mode_set(ad->mailbox_genlist, EINA_TRUE);
+  _remove_from_model(ad, item);
   elm_object_item_del(item->it);
   BRISEL_INFO("sweep item is removed");
-  ad->mail_list = g_list_remove(ad->mail_list, item);
   ad->sweep_item = nullptr;
   if (with_effect) elm_genlist_fx_mode_set(ad->mailbox_genlist, EINA_FALSE);
 }

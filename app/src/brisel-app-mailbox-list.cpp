@@ -17,7 +17,7 @@ static void _brisel_mailbox_bt_connect_error_popup_result_cb(service_h request, 
   }
   if (brisel_util_link_is_up_in_reply(reply)) {
     BRISEL_INFO("BT Connected. mail_id : %d", ad->mail_id);
-    brisel_util_show_on_device(&ad->mail_id, 1);
+    if (ad->mail_id > 0) brisel_util_show_on_device(&ad->mail_id, 1); /* it may have gone meanwhile */
   } else {
     BRISEL_INFO("BT Not Connected");
   }

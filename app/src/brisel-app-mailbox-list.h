@@ -41,6 +41,38 @@ appdata *_ad_of(const Row *row, const char *what) {
   return row ? row->ad : nullptr;
 }
 
+/* --- model --- */
+
+/* What a touch on a row or on the header calls, before the first refresh. */
+void _set_row_callbacks(Evas_Smart_Cb mail_selected, Evas_Smart_Cb group_selected);
+void _gl_del(void *data, Evas_Object *obj);
+void _gl_group_del(void *data, Evas_Object *obj);
+/* Reads a mail into a new row record; NULL when it cannot be read. The caller owns it until it has a row. */
+item_data *_make_list_data_by_mail_id(int mail_id, appdata *ad);
+void _free_list_data(item_data *item);
+/* What of a row changes while it stands: copied from the mail. */
+void _read_item_state(item_data *item, const full_noti_data *mail);
+item_data *_find_item_data_by_mail_id(int mail_id, appdata *ad);
+/* Puts a record before the cell next (NULL: at the end); its cell. */
+GList *_insert_into_model(appdata *ad, item_data *item, GList *next);
+/* Takes a record out of mail_list, where it is in it. */
+void _remove_from_model(appdata *ad, const item_data *item);
+/* The header's item, or NULL. */
+Elm_Object_Item *_group_item(appdata *ad);
+/* The last row; next NULL, or the row before next. The record becomes the row's. */
+void _add_mail_row(appdata *ad, Elm_Object_Item *group_item, item_data *item, Elm_Object_Item *next);
+/* Reads the account shown into the header's record; NULL after the log line that says why not. */
+group_item_data *_update_group_data(appdata *ad, Elm_Object_Item *group_item);
+/* The header asks for its texts anew. */
+void _update_header(Elm_Object_Item *group_item);
+void _set_delete_btn(appdata *ad, bool enabled);
+/* Builds the list anew for ad->account_id. */
+void _refresh_mailbox_list(appdata *ad);
+/* Makes the rows that the last refresh left for idle time: before the model is touched. */
+void _make_all_rows(appdata *ad);
+/* All accounts, or NULL after the log line that says why. */
+scoped_account_list _read_accounts();
+
 /* --- sweep --- */
 
 /* Genlist and canvas callbacks; data: the appdata, for _revert_btn_select_cb the row. */
@@ -68,30 +100,6 @@ void _mailbox_list_language_changed_cb(void *data, Evas_Object *obj, void *event
 int _scaled(int pixels);
 /* Sets the object's least size, in pixels at scale 1, both ways; returns the object. */
 Evas_Object *_sized(Evas_Object *object, int pixels);
-
-/* --- model --- */
-
-/* What a touch on a row or on the header calls, before the first refresh. */
-void _set_row_callbacks(Evas_Smart_Cb mail_selected, Evas_Smart_Cb group_selected);
-void _gl_del(void *data, Evas_Object *obj);
-void _gl_group_del(void *data, Evas_Object *obj);
-/* Reads a mail into a new row record; NULL when it cannot be read. The caller owns it until it has a row. */
-item_data *_make_list_data_by_mail_id(int mail_id, appdata *ad);
-void _free_list_data(item_data *item);
-item_data *_find_item_data_by_mail_id(int mail_id, GList *mail_list);
-/* The header's item, or NULL. */
-Elm_Object_Item *_group_item(appdata *ad);
-/* The last row; next NULL, or the row before next. The record becomes the row's. */
-void _add_mail_row(appdata *ad, Elm_Object_Item *group_item, item_data *item, Elm_Object_Item *next);
-/* The header asks for its texts anew. */
-void _update_header(Elm_Object_Item *group_item);
-void _set_delete_btn(appdata *ad, bool enabled);
-/* Builds the list anew for ad->account_id. */
-void _refresh_mailbox_list(appdata *ad);
-/* Makes the rows that the last refresh left for idle time: before the model is touched. */
-void _make_all_rows(appdata *ad);
-/* All accounts, or NULL after the log line that says why. */
-scoped_account_list _read_accounts();
 
 /* --- the account shown --- */
 
