@@ -75,6 +75,50 @@ TEST_F(deleting, OneAccountsMailsOrAll) {
   EXPECT_EQ(shown, (std::vector<std::string>{"S2", "S4"}));
 }
 
+TEST_F(deleting, TheRowsFollowTheStore) {
+  open(4);
+  const auto shown = [&] {
+    std::string names;
+    for (const std::string &one : rows(list())) names += one.substr(0, 2);
+    return names;
+  };
+  const auto becomes = [&](const char *names) { return run_until([&] { return shown() == names; }); };
+  tap_row(3, list());
+  tap_row(1, list());
+  press("btn2");
+  EXPECT_TRUE(visible("2 items will be deleted from the watch only."));
+  phone.add_mails({{.account = accounts[0], .received = 1700000000 - 90, .from_name = "S7"},
+                   {.account = accounts[0], .received = 1700000000 - 60, .from_name = "S8"},
+                   {.account = accounts[0], .received = 1, .from_name = "S9"}});
+  EXPECT_TRUE(becomes("S1S2S8S7S3S4S9")) << shown();
+  EXPECT_EQ(boxes(), ".x...x.");
+  phone.delete_mails({ids[3]});
+  EXPECT_TRUE(visible("1 item will be deleted from the watch only.")) << "the question counts what goes";
+  phone.delete_mails({ids[1], ids[2]});
+  EXPECT_TRUE(becomes("S1S8S7S9")) << shown();
+  EXPECT_FALSE(view()->popup) << "nothing is left to ask about";
+  EXPECT_FALSE(delete_enabled());
+  select_all();
+  EXPECT_EQ(boxes(), "xxxx");
+  phone.remove_account(accounts[0]);
+  EXPECT_TRUE(becomes("")) << shown();
+  EXPECT_FALSE(delete_enabled());
+  EXPECT_EQ(views(), 2);
+}
+
+/* A mail that was read before is open no more: its end closes nothing. */
+TEST_F(deleting, TheMailReadBeforeIsNotOpen) {
+  ids = start({{.from_name = "S1"}, {.from_name = "S2"}});
+  ASSERT_EQ(brisel_detail_draw_view(ids[1], 0, &test_ad), 0);
+  back();
+  ASSERT_TRUE(views_become(1));
+  ASSERT_EQ(brisel_crete_delete_view(&test_ad), 0);
+  ASSERT_TRUE(views_become(2));
+  phone.delete_mails({ids[1]});
+  EXPECT_TRUE(run_until([&] { return rows(list()).size() == 1; }));
+  EXPECT_EQ(views(), 2);
+}
+
 TEST_F(deleting, TheCountSpeaksEveryLanguage) {
   open(5);
   const struct {
