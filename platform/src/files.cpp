@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 
@@ -87,18 +88,16 @@ int platform_file_read(int folder_fd, const char *name, size_t most, std::string
   struct stat info {};
   int error = fstat(file, &info) != 0 ? errno : S_ISREG(info.st_mode) ? 0 : EINVAL;
   if (error == 0 && static_cast<size_t>(info.st_size) > most) error = EFBIG;
-  if (error == 0) {
-    bytes->resize(most + 1);
-    size_t size = 0;
-    ssize_t got = 1;
-    while (error == 0 && got != 0 && size < bytes->size()) {
-      got = read(file, bytes->data() + size, bytes->size() - size);
-      if (got < 0 && errno != EINTR) error = errno;
-      if (got > 0) size += static_cast<size_t>(got);
-    }
-    bytes->resize(size);
-    if (error == 0 && size > most) error = EFBIG;
+  size_t size = 0;
+  ssize_t got = 1;
+  while (error == 0 && got != 0 && size <= most) {
+    if (size == bytes->size()) bytes->resize(std::min(most, std::max(static_cast<size_t>(info.st_size), 2 * size)) + 1);
+    got = read(file, bytes->data() + size, bytes->size() - size);
+    if (got < 0 && errno != EINTR) error = errno;
+    if (got > 0) size += static_cast<size_t>(got);
   }
+  bytes->resize(size);
+  if (error == 0 && size > most) error = EFBIG;
   close(file);
   errno = error;
   return error == 0 ? 0 : -1;

@@ -47,16 +47,6 @@ constexpr size_t HEAD_MAX = 96;
 constexpr char TEMPORARY_MARK = '~';
 constexpr const char *LOG_TAG = "VCONF";
 
-struct fd_holder {
-  int fd;
-  explicit fd_holder(int number) : fd(number) {}
-  ~fd_holder() {
-    if (fd >= 0) close(fd);
-  }
-  fd_holder(const fd_holder &) = delete;
-  fd_holder &operator=(const fd_holder &) = delete;
-};
-
 uint64_t checksum(std::string_view type, std::string_view id, std::string_view value) {
   uint64_t hash = 0xcbf29ce484222325u;
   for (const std::string_view part : {type, id, value}) {
@@ -166,34 +156,18 @@ void sweep_temporary_files(const std::string &folder) {
   closedir(dir);
 }
 
-/* The folder, made when missing, opened for the calls that work inside it. -1 on failure. */
-int open_folder_for_writing(bool memory, const std::string &folder) {
-  if (folder.empty()) return -1;
-  int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0 && errno == ENOENT) {
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) return -1;
-    fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const fd_holder parent(open(folder.substr(0, folder.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!memory && parent.fd >= 0 && fsync(parent.fd) != 0) {
-      if (fd >= 0) close(fd);
-      return -1;
-    }
-  }
-  static std::once_flag swept[2];
-  if (fd >= 0) std::call_once(swept[memory ? 1 : 0], sweep_temporary_files, folder);
-  return fd;
-}
-
 int store_value(const char *key, int type, std::string_view body) {
   if (!vconf_key_valid(key) || body.size() > VALUE_MAX) return -1;
   const bool memory = is_memory_key(key);
   const std::string folder = folder_of(memory);
-  const fd_holder dir(open_folder_for_writing(memory, folder));
+  const platform_folder dir(folder.c_str(), true, !memory);
   if (dir.fd < 0) {
     __dlog_print(DLOG_ERROR, LOG_TAG, "cannot open the folder \"%s\" for \"%s\": %s", folder.c_str(), key,
                  strerror(errno));
     return -1;
   }
+  static std::once_flag swept[2];
+  std::call_once(swept[memory ? 1 : 0], sweep_temporary_files, folder);
 
   static std::atomic<unsigned> counter;
   const std::string temporary = TEMPORARY_MARK + std::to_string(getpid()) + "." + std::to_string(counter.fetch_add(1));
@@ -263,28 +237,17 @@ vconf_value vconf_value_read(const char *key) {
   vconf_value value;
   const std::string folder = vconf_key_folder(key);
   if (folder.empty()) return value;
-  const std::string path = folder + "/" + vconf_key_file(key);
-  /* Not blocking: a FIFO in the file's place must not hold up the reader. */
-  const fd_holder file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
-  if (file.fd < 0 && errno == ENOENT) return value;
-  struct stat info {};
+  const platform_folder dir(folder.c_str());
+  const std::string name = vconf_key_file(key);
   std::string bytes;
-  if (file.fd >= 0 && fstat(file.fd, &info) == 0 && S_ISREG(info.st_mode) &&
-      info.st_size <= static_cast<off_t>(VALUE_MAX + HEAD_MAX)) {
-    bytes.resize(VALUE_MAX + HEAD_MAX + 1);
-    size_t size = 0;
-    while (size < bytes.size()) {
-      const ssize_t got = read(file.fd, bytes.data() + size, bytes.size() - size);
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) break;
-      size += static_cast<size_t>(got);
-    }
-    bytes.resize(size);
-    if (parse_value(bytes, &value)) return value;
-  }
+  const int result = dir.fd < 0 ? -1 : platform_file_read(dir.fd, name.c_str(), VALUE_MAX + HEAD_MAX, &bytes);
+  if (result != 0 && errno == ENOENT) return value;
+  if (result == 0 && parse_value(bytes, &value)) return value;
   __dlog_print(DLOG_WARN, LOG_TAG, "the value of \"%s\" is unreadable", key);
   value = {};
   /* Watchers still want to tell one broken file from the next. */
+  struct stat info {};
+  if (dir.fd >= 0) fstatat(dir.fd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW);
   value.write_id = checksum(bytes, std::to_string(info.st_ino),
                             std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec));
   return value;
@@ -330,10 +293,9 @@ int vconf_unset(const char *key) {
   const bool memory = is_memory_key(key);
   const std::string folder = folder_of(memory);
   if (folder.empty()) return -1;
-  const fd_holder dir(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const platform_folder dir(folder.c_str());
   if (dir.fd < 0) return errno == ENOENT ? 0 : -1;
-  if (unlinkat(dir.fd, vconf_key_file(key).c_str(), 0) != 0) return errno == ENOENT ? 0 : -1;
-  return memory || fsync(dir.fd) == 0 ? 0 : -1;
+  return platform_file_remove(dir.fd, vconf_key_file(key).c_str(), !memory);
 }
 
 int vconf_list(void (*fn)(const char *key, int type, void *user_data), void *user_data) {

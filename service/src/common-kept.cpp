@@ -24,31 +24,8 @@ constexpr size_t reply_texts = 6;
 
 using variant = std::unique_ptr<GVariant, decltype(&g_variant_unref)>;
 
-struct folder {
-  int fd;
-  folder() : fd(-1) {
-    const char *path = platform_app_state_dir();
-    if (path) fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  }
-  ~folder() {
-    if (fd >= 0) close(fd);
-  }
-  folder(const folder &) = delete;
-  folder &operator=(const folder &) = delete;
-};
-
-/* false when there is no such file, or none that can be read. */
-bool read_file(int folder_fd, std::string *bytes) {
-  const int file = openat(folder_fd, file_name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-  if (file < 0) return false;
-  char buffer[65536];
-  ssize_t got;
-  /* More than requests can hold by their bounds is none of ours; whatever is cut off here is not well-formed. */
-  while ((got = read(file, buffer, sizeof buffer)) > 0 && bytes->size() < (body_max << 2))
-    bytes->append(buffer, static_cast<size_t>(got));
-  close(file);
-  return got >= 0;
-}
+/* More than requests can hold by their bounds is none of ours. */
+constexpr size_t file_max = static_cast<size_t>(body_max) << 2;
 
 bool read_request(GVariant *one, kept_request *r) {
   const char *uid = nullptr;
@@ -103,7 +80,7 @@ bool kept_save(const std::vector<const kept_request *> &requests, bool lasting) 
                           r->host_state, &texts, r->mail_id);
   }
   const variant whole(g_variant_ref_sink(g_variant_builder_end(&all)), g_variant_unref);
-  const folder dir;
+  const platform_folder dir(platform_app_state_dir());
   const char *step = "open the folder of";
   const std::string temporary = std::string(file_name) + "." + std::to_string(getpid());
   if (dir.fd >= 0 && platform_file_replace(dir.fd, file_name, temporary.c_str(), g_variant_get_data(whole.get()),
@@ -115,9 +92,9 @@ bool kept_save(const std::vector<const kept_request *> &requests, bool lasting) 
 
 std::vector<kept_request> kept_load(void) {
   std::vector<kept_request> requests;
-  const folder dir;
+  const platform_folder dir(platform_app_state_dir());
   std::string bytes;
-  if (dir.fd < 0 || !read_file(dir.fd, &bytes)) return requests;
+  if (dir.fd < 0 || (platform_file_read(dir.fd, file_name, file_max, &bytes) != 0 && errno != EFBIG)) return requests;
   /* A copy of the library's own making is aligned as it needs it. */
   GBytes *copy = g_bytes_new(bytes.data(), bytes.size());
   const variant whole(g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE(format), copy, FALSE)),
@@ -132,11 +109,11 @@ std::vector<kept_request> kept_load(void) {
   if (good) return requests;
   __dlog_print(DLOG_ERROR, log_tag, "the requests that waited are unreadable; they are set aside as %s/%s",
                platform_app_state_dir(), broken_name);
-  renameat(dir.fd, file_name, dir.fd, broken_name);
+  platform_file_rename(dir.fd, file_name, broken_name, true);
   return {};
 }
 
 void kept_forget(void) {
-  const folder dir;
-  if (dir.fd >= 0) unlinkat(dir.fd, file_name, 0);
+  const platform_folder dir(platform_app_state_dir());
+  if (dir.fd >= 0) platform_file_remove(dir.fd, file_name, false);
 }

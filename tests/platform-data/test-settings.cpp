@@ -1,8 +1,5 @@
 /* The settings store, its notifications and what stands on it: dlog's lines and pickover. */
-#include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -16,66 +13,13 @@
 #include <vector>
 
 #include "dlog.h"
+#include "fault.h"
 #include "loop.h"
 #include "pickover.h"
 #include "platform-paths.h"
 #include "vconf.h"
 
 namespace fs = std::filesystem;
-
-/* --- every system call of a write can be made to fail, or to be the last thing that its process does ------------ */
-
-namespace {
-
-enum class fault { none, fail, kill_before, kill_half, kill_after };
-struct {
-  fault kind = fault::none;
-  int at = 0; /* calls left until the fault */
-} plan;
-
-bool fault_is_due() {
-  return plan.kind != fault::none && plan.at-- == 0;
-}
-
-[[noreturn]] void die() {
-  kill(getpid(), SIGKILL);
-  abort();
-}
-
-template <typename F, typename Half>
-auto call(F real, Half half) -> decltype(real()) {
-  if (!fault_is_due()) return real();
-  if (plan.kind == fault::kill_before) die();
-  if (plan.kind == fault::kill_half) {
-    half();
-    die();
-  }
-  if (plan.kind == fault::kill_after) {
-    real();
-    die();
-  }
-  errno = ENOSPC;
-  return -1;
-}
-
-}  // namespace
-
-extern "C" {
-ssize_t write(int fd, const void *bytes, size_t size) {
-  static const auto real = reinterpret_cast<ssize_t (*)(int, const void *, size_t)>(dlsym(RTLD_NEXT, "write"));
-  if (fd <= STDERR_FILENO) return real(fd, bytes, size);
-  return call([&] { return real(fd, bytes, size); }, [&] { real(fd, bytes, size / 2); });
-}
-int fsync(int fd) {
-  static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
-  return call([&] { return real(fd); }, [] {});
-}
-int renameat(int from_fd, const char *from, int to_fd, const char *to) {
-  static const auto real =
-      reinterpret_cast<int (*)(int, const char *, int, const char *)>(dlsym(RTLD_NEXT, "renameat"));
-  return call([&] { return real(from_fd, from, to_fd, to); }, [] {});
-}
-}
 
 namespace {
 
@@ -198,68 +142,74 @@ TEST(Settings, BrokenFilesAreUnreadableAndLeftAlone) {
   fs::remove(path);
 }
 
-/* A process that dies at any point of a write leaves the old value or the new one. */
-TEST(Settings, CrashAtEveryStepKeepsAWholeValue) {
+/* Whatever the disk does at whichever step: the old value or the new one, whole; what was acknowledged stays; what
+   failed says so, leaves nothing behind and works the next time. */
+TEST(Settings, OutliveEveryFault) {
   const std::string old_text(3000, 'o');
   const std::string new_text(5000, 'n');
-  int deaths = 0;
-  for (const fault kind : {fault::kill_before, fault::kill_half, fault::kill_after}) {
-    for (int at = 0;; at++) {
-      ASSERT_EQ(vconf_set_str(KEY, old_text.c_str()), 0);
-      const pid_t child = fork();
-      ASSERT_GE(child, 0);
-      if (child == 0) {
-        plan = {kind, at};
-        _exit(vconf_set_str(KEY, new_text.c_str()) == 0 ? 0 : 1);
+  enum { acknowledged, reported, not_reached };
+  const struct {
+    const char *what;
+    fault_plan plan;
+    int at_least; /* faults */
+  } rows[] = {{"full", {.kind = fault_full}, 2},   {"full for good", {.kind = fault_full, .from_then_on = true}, 2},
+              {"failing", {.kind = fault_io}, 5},  {"failing for good", {.kind = fault_io, .from_then_on = true}, 5},
+              {"power", {.kind = fault_power}, 5}, {"killed", {.kind = fault_kill}, 5}};
+  fault_install();
+  for (const auto &row : rows) {
+    for (const bool remove : {false, true}) {
+      int faults = 0;
+      for (fault_plan plan = row.plan;; plan.step++) {
+        ASSERT_EQ(vconf_set_str(KEY, old_text.c_str()), 0);
+        const auto change = [&] { return remove ? vconf_unset(KEY) : vconf_set_str(KEY, new_text.c_str()); };
+        const pid_t child = fork();
+        if (child == 0) {
+          fault_arm(plan);
+          const int result = change();
+          const bool struck = fault_struck();
+          fault_arm({});
+          /* Power goes in any case; a write that is done must still be there. */
+          if (plan.kind == fault_power) fault_lose_unsynced();
+          _exit(!struck ? not_reached : result == 0 ? acknowledged : reported);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        const std::string now = vconf_get_type(KEY) == VCONF_TYPE_NONE ? "" : text_of(KEY);
+        const std::string wanted = remove ? "" : new_text;
+        const bool over = WIFEXITED(status) && WEXITSTATUS(status) == not_reached;
+        EXPECT_TRUE(now == wanted || (!over && now == old_text)) << row.what << " at " << plan.step << now.size();
+        EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == acknowledged) << row.what << " at " << plan.step;
+        if (plan.kind == fault_io || plan.kind == fault_full) {
+          EXPECT_EQ(temporary_files(), 0);
+        }
+        if (over) break;
+        EXPECT_EQ(change(), 0);
+        faults++;
+        ASSERT_LT(faults, 20);
       }
-      int status = 0;
-      ASSERT_EQ(waitpid(child, &status, 0), child);
-      const std::string now = text_of(KEY);
-      if (WIFEXITED(status)) {
-        EXPECT_EQ(WEXITSTATUS(status), 0);
-        EXPECT_EQ(now, new_text);
-        break;
-      }
-      deaths++;
-      EXPECT_TRUE(now == old_text || now == new_text) << "killed at call " << at;
-      ASSERT_LT(at, 20);
+      EXPECT_GE(faults, remove ? (row.plan.kind == fault_full ? 0 : 2) : row.at_least) << row.what;
     }
   }
-  EXPECT_GE(deaths, 9); /* write, sync, rename, at the least, in three ways each */
-  EXPECT_GT(temporary_files(), 0);
-  /* The next process that writes takes away what the dead ones left. */
+}
+
+/* A dead writer's temporary files go with the next process that writes; those of a living one stay. */
+TEST(Settings, WhatTheDeadLeftIsSweptUp) {
+  const fs::path dead = file_of("~2147483646.0"), living = file_of("~" + std::to_string(getppid()) + ".7");
+  vconf_set_int(KEY, 1);
+  for (const fs::path &file : {dead, living, file_of("~notes")}) put_file(file, "half a val");
   EXPECT_TRUE(in_child([] {
     dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
     return execl("/proc/self/exe", "sweep", "--gtest_filter=Sweep.*", nullptr) == 0;
   }));
-  EXPECT_EQ(temporary_files(), 0);
+  EXPECT_FALSE(fs::exists(dead));
+  EXPECT_TRUE(fs::exists(living));
+  EXPECT_TRUE(fs::exists(file_of("~notes")));
+  fs::remove(living);
+  fs::remove(file_of("~notes"));
 }
 
 TEST(Sweep, WriteOnce) {
   EXPECT_EQ(vconf_set_int("db/test/sweep", 1), 0);
-}
-
-/* A write that cannot be finished says so, keeps the old value unless the new one is in place, and leaves nothing. */
-TEST(Settings, FailureAtEveryStepIsReported) {
-  int failures = 0;
-  for (int at = 0;; at++) {
-    ASSERT_EQ(vconf_set_str(KEY, "old"), 0);
-    plan = {fault::fail, at};
-    const int result = vconf_set_str(KEY, "new");
-    const bool reached = plan.at < 0;
-    plan = {};
-    if (!reached) {
-      EXPECT_EQ(result, 0);
-      break;
-    }
-    failures++;
-    const std::string now = text_of(KEY);
-    EXPECT_EQ(result, -1) << "call " << at;
-    EXPECT_TRUE(now == "old" || now == "new");
-    EXPECT_EQ(temporary_files(), 0);
-    ASSERT_LT(at, 20);
-  }
-  EXPECT_GE(failures, 4);
 }
 
 /* --- notification ----------------------------------------------------------------------------------------------- */
