@@ -291,6 +291,12 @@ int contact_import(const std::string &file) {
   const int r = contacts_import_vcard_file(file.c_str(), &count, &error);
   const text_ptr text(error);
   if (r != 0) return fail(file + ": " + (text ? text.get() : "cannot be imported"));
+  /* What was left out, a line each; the rest is imported. */
+  for (const char *line = text.get(); line && *line; line += strspn(line, "\n")) {
+    const size_t size = strcspn(line, "\n");
+    fprintf(stderr, "brisel-watchctl: %s: %.*s\n", file.c_str(), static_cast<int>(size), line);
+    line += size;
+  }
   printf("%d\n", count);
   return 0;
 }
@@ -391,7 +397,7 @@ int main(int argc, char **argv) {
   cmd->callback([&] { code = setting_list(as_json); });
 
   auto *contact = app.add_subcommand("contact", "the contacts")->require_subcommand(1);
-  cmd = contact->add_subcommand("import", "add the persons of a vCard file; prints how many");
+  cmd = contact->add_subcommand("import", "add the persons of a vCard file; prints how many are new");
   cmd->add_option("FILE", text)->required();
   cmd->callback([&] { code = contact_import(text); });
   cmd = contact->add_subcommand("list", "print every person as one JSON line");

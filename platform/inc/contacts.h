@@ -24,7 +24,8 @@ typedef contacts_filter_s *contacts_filter_h;
 typedef contacts_list_s *contacts_list_h;
 typedef contacts_record_s *contacts_record_h;
 
-enum contacts_match_str_flag { CONTACTS_MATCH_EXACTLY, CONTACTS_MATCH_FULLSTRING }; /* FULLSTRING ignores case */
+enum contacts_match_str_flag { CONTACTS_MATCH_EXACTLY, CONTACTS_MATCH_FULLSTRING };
+/* FULLSTRING ignores case, angle brackets, and whether a domain is written in Unicode or in its ASCII form. */
 enum contacts_match_int_flag { CONTACTS_MATCH_EQUAL };
 
 /* A phone number's type as records report it; 0: none given. */
@@ -82,8 +83,10 @@ int contacts_db_remove_changed_cb(const char *view_uri, contacts_db_changed_cb c
 
 /* --- for tools: no main loop needed --------------------------------------------------------------------- */
 
-/* Imports every vCard (2.1, 3.0 or 4.0) of the file in one transaction. *count: persons added.
-   error (may be NULL): a one-line reason the caller frees with free(). A bad file imports nothing. */
+/* Imports every vCard (2.1, 3.0 or 4.0) of the file in one transaction. *count: persons added; who is there already,
+   with that name and an address or a number of the card, gets what the card has more and counts as none. Faxes and
+   other numbers that answer no call are left out. error (may be NULL): the reason, which the caller frees with free();
+   with CONTACTS_ERROR_NONE NULL, or a line for each card or part of one that was left out. */
 int contacts_import_vcard_file(const char *path, int *count, char **error);
 /* Removes every person with that address (case ignored). *count: persons removed. */
 int contacts_remove_by_email(const char *address, int *count);

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-constexpr size_t VCARD_FILE_MAX = 16 * 1024 * 1024;
+constexpr size_t vcard_file_max = 16 * 1024 * 1024;
 
 struct vcard_number {
   std::string number;
@@ -20,7 +20,9 @@ struct vcard_person {
   std::vector<vcard_number> numbers;
 };
 
-/* Reads every card (2.1, 3.0 and 4.0) of the text. False: nothing is to be used, and error says in one line why. */
-bool vcard_read(std::string_view text, std::vector<vcard_person> *persons, std::string *error);
+/* Reads every card (2.1, 3.0 and 4.0) of the text. A card or a part of one that cannot be used is left out, and
+   *trouble says so in a line each (the first twenty, then how many more). False: there is no card to use, and *trouble
+   says why. */
+bool vcard_read(std::string_view text, std::vector<vcard_person> *persons, std::string *trouble);
 
 #endif

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "dlog.h"
-#include "fault.h"
+#include "faults.h"
 #include "loop.h"
 #include "pickover.h"
 #include "platform-paths.h"
@@ -142,54 +142,25 @@ TEST(Settings, BrokenFilesAreUnreadableAndLeftAlone) {
   fs::remove(path);
 }
 
-/* Whatever the disk does at whichever step: the old value or the new one, whole; what was acknowledged stays; what
-   failed says so, leaves nothing behind and works the next time. */
+/* A small text is written in one piece, a long one could be left in half. */
 TEST(Settings, OutliveEveryFault) {
-  const std::string old_text(3000, 'o');
-  const std::string new_text(5000, 'n');
-  enum { acknowledged, reported, not_reached };
-  const struct {
-    const char *what;
-    fault_plan plan;
-    int at_least; /* faults */
-  } rows[] = {{"full", {.kind = fault_full}, 2},   {"full for good", {.kind = fault_full, .from_then_on = true}, 2},
-              {"failing", {.kind = fault_io}, 5},  {"failing for good", {.kind = fault_io, .from_then_on = true}, 5},
-              {"power", {.kind = fault_power}, 5}, {"killed", {.kind = fault_kill}, 5}};
-  fault_install();
-  for (const auto &row : rows) {
-    for (const bool remove : {false, true}) {
-      int faults = 0;
-      for (fault_plan plan = row.plan;; plan.step++) {
-        ASSERT_EQ(vconf_set_str(KEY, old_text.c_str()), 0);
-        const auto change = [&] { return remove ? vconf_unset(KEY) : vconf_set_str(KEY, new_text.c_str()); };
-        const pid_t child = fork();
-        if (child == 0) {
-          fault_arm(plan);
-          const int result = change();
-          const bool struck = fault_struck();
-          fault_arm({});
-          /* Power goes in any case; a write that is done must still be there. */
-          if (plan.kind == fault_power) fault_lose_unsynced();
-          _exit(!struck ? not_reached : result == 0 ? acknowledged : reported);
-        }
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        const std::string now = vconf_get_type(KEY) == VCONF_TYPE_NONE ? "" : text_of(KEY);
-        const std::string wanted = remove ? "" : new_text;
-        const bool over = WIFEXITED(status) && WEXITSTATUS(status) == not_reached;
-        EXPECT_TRUE(now == wanted || (!over && now == old_text)) << row.what << " at " << plan.step << now.size();
-        EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == acknowledged) << row.what << " at " << plan.step;
-        if (plan.kind == fault_io || plan.kind == fault_full) {
-          EXPECT_EQ(temporary_files(), 0);
-        }
-        if (over) break;
-        EXPECT_EQ(change(), 0);
-        faults++;
-        ASSERT_LT(faults, 20);
-      }
-      EXPECT_GE(faults, remove ? (row.plan.kind == fault_full ? 0 : 2) : row.at_least) << row.what;
-    }
+  const std::string old_text(3000, 'o'), new_text(5000, 'n');
+  for (const bool remove : {false, true}) {
+    EXPECT_GE(outlive_every_fault(
+                  {.prepare = [&] { vconf_set_str(KEY, old_text.c_str()); },
+                   .change = [&] { return (remove ? vconf_unset(KEY) : vconf_set_str(KEY, new_text.c_str())) == 0; },
+                   .state = [] { return vconf_get_type(KEY) == VCONF_TYPE_NONE ? "" : text_of(KEY); },
+                   .before = old_text,
+                   .after = remove ? "" : new_text}),
+              remove ? 8 : 24);
   }
+  EXPECT_GT(temporary_files(), 0); /* of those that were killed */
+  for (const fs::directory_entry &entry : fs::directory_iterator(file_of("").parent_path()))
+    if (entry.path().filename().string().starts_with('~')) fs::remove(entry.path());
+  fault_arm({.kind = fault_io, .step = 3});
+  EXPECT_EQ(vconf_set_str(KEY, "x"), -1);
+  fault_arm({});
+  EXPECT_EQ(temporary_files(), 0); /* a failure leaves none */
 }
 
 /* A dead writer's temporary files go with the next process that writes; those of a living one stay. */
