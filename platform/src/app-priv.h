@@ -9,7 +9,6 @@
 #include <memory>
 #include <string>
 
-#include "app_efl.h"
 #include "efl_assist.h"
 
 constexpr char APP_LOG_TAG[] = "BRISEL_APPFW";

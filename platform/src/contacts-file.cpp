@@ -13,7 +13,6 @@
 #include <memory>
 #include <string_view>
 
-#include "contacts.h"
 #include "dlog.h"
 #include "file-watch.h"
 #include "platform-paths.h"
@@ -121,14 +120,14 @@ std::string domain_in(const std::string &domain, convert_domain convert) {
 
 int contacts_file_failed(const sql_db &db, const char *doing) {
   __dlog_print(DLOG_ERROR, log_tag, "cannot %s \"%s\": %s", doing, database_path().c_str(), db.error());
-  return CONTACTS_ERROR_DB;
+  return -1;
 }
 
 /* Opened for one operation: a file that was repaired or replaced meanwhile is then simply the one in use. */
 int contacts_file_open_to_read(sql_db *db) {
   const std::string path = database_path();
-  if (path.empty()) return CONTACTS_ERROR_DB;
-  if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return CONTACTS_ERROR_NONE;
+  if (path.empty()) return -1;
+  if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return 0;
   if (!open_file(db, path, sql_access::read, reader_wait_ms)) return contacts_file_failed(*db, "open");
   /* A writer that was killed leaves a journal, which only a connection that may write can roll back. */
   int64_t version = 0;
@@ -136,23 +135,23 @@ int contacts_file_open_to_read(sql_db *db) {
     if (db->trouble() == sql_trouble::busy || access((path + "-journal").c_str(), F_OK) != 0) {
       contacts_file_failed(*db, "read");
       db->close();
-      return CONTACTS_ERROR_DB;
+      return -1;
     }
     if (!open_file(db, path, sql_access::write, reader_wait_ms)) return contacts_file_failed(*db, "open");
   }
   const content found = check_file(db);
   if (found != content::ours) db->close();
-  return found == content::unusable ? CONTACTS_ERROR_DB : CONTACTS_ERROR_NONE;
+  return found == content::unusable ? -1 : 0;
 }
 
 int contacts_file_open_to_write(sql_db *db) {
   const std::string path = database_path();
-  if (path.empty()) return CONTACTS_ERROR_DB;
+  if (path.empty()) return -1;
   if (!open_file(db, path, sql_access::create, writer_wait_ms)) return contacts_file_failed(*db, "open");
   if (db->run("PRAGMA foreign_keys = ON; PRAGMA synchronous = FULL; BEGIN IMMEDIATE")) {
     contacts_file_failed(*db, "write");
     db->close();
-    return CONTACTS_ERROR_DB;
+    return -1;
   }
   const content found = check_file(db);
   bool good = found != content::unusable;
@@ -161,13 +160,13 @@ int contacts_file_open_to_write(sql_db *db) {
            db->run("PRAGMA user_version = " + std::to_string(schema_version)) == 0;
     if (!good) contacts_file_failed(*db, "write");
   }
-  if (good) return CONTACTS_ERROR_NONE;
+  if (good) return 0;
   db->close();
-  return CONTACTS_ERROR_DB;
+  return -1;
 }
 
 int contacts_file_commit(sql_db *db) {
-  return db->run("COMMIT") == 0 ? CONTACTS_ERROR_NONE : contacts_file_failed(*db, "write");
+  return db->run("COMMIT") == 0 ? 0 : contacts_file_failed(*db, "write");
 }
 
 bool contacts_file_watch(void (*changed_cb)(void)) {

@@ -7,12 +7,14 @@
 
 #include "platform-sql.h"
 
-/* *db stays closed, with CONTACTS_ERROR_NONE, when there are no contacts yet. Failures are logged. */
+/* Each returns 0, or -1 with the reason logged. */
+
+/* *db stays closed, with 0, when there are no contacts yet. */
 int contacts_file_open_to_read(sql_db *db);
 /* Inside a transaction that contacts_file_commit() ends; closing without it undoes everything. */
 int contacts_file_open_to_write(sql_db *db);
 int contacts_file_commit(sql_db *db);
-/* Logs what db says; doing: "read", "write". Returns CONTACTS_ERROR_DB. */
+/* Logs what db says; doing: "read", "write". Always -1. */
 int contacts_file_failed(const sql_db &db, const char *doing);
 
 /* Calls changed after every commit of any process, on the main loop. One at a time; false: it cannot be watched. */

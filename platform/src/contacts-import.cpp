@@ -184,14 +184,14 @@ int contacts_import_vcard_file(const char *path, int *count, char **error) {
   if (!load_vcards(path, &persons, &reason)) return answer(CONTACTS_ERROR_INVALID_PARAMETER, reason);
   sql_db db;
   int added = 0;
-  bool good = contacts_file_open_to_write(&db) == CONTACTS_ERROR_NONE;
+  bool good = contacts_file_open_to_write(&db) == 0;
   if (good) {
     known_persons known;
     statements prepared(&db);
     good = load_known(&db, &known) == 0;
     for (const vcard_person &one : persons) good = good && insert_person(&db, &prepared, &known, one, &added) == 0;
   }
-  good = good && contacts_file_commit(&db) == CONTACTS_ERROR_NONE;
+  good = good && contacts_file_commit(&db) == 0;
   if (!good) return answer(CONTACTS_ERROR_DB, std::string("the contacts file cannot be written: ") + db.error());
   *count = added;
   return answer(CONTACTS_ERROR_NONE, reason);
@@ -200,21 +200,23 @@ int contacts_import_vcard_file(const char *path, int *count, char **error) {
 int contacts_remove_by_email(const char *address, int *count) {
   if (address == nullptr || count == nullptr || !text_utf8_valid(address)) return CONTACTS_ERROR_INVALID_PARAMETER;
   sql_db db;
-  const int opened = contacts_file_open_to_read(&db);
-  if (opened != CONTACTS_ERROR_NONE) return opened;
+  if (contacts_file_open_to_read(&db) != 0) return CONTACTS_ERROR_DB;
   *count = 0;
   if (!db.is_open()) return CONTACTS_ERROR_NONE;
-  if (contacts_file_open_to_write(&db) != CONTACTS_ERROR_NONE) return CONTACTS_ERROR_DB;
+  if (contacts_file_open_to_write(&db) != 0) return CONTACTS_ERROR_DB;
   int removed = 0;
   {
     sql_statement query(&db, "DELETE FROM person WHERE id IN (SELECT person_id FROM email WHERE folded = ?)");
     for (const std::string &spelling : contacts_address_spellings(address)) {
-      if (query.bind(spelling).run() != 0) return contacts_file_failed(db, "write");
+      if (query.bind(spelling).run() != 0) {
+        contacts_file_failed(db, "write");
+        return CONTACTS_ERROR_DB;
+      }
       removed += static_cast<int>(db.changed());
     }
   }
   /* Without a change the transaction is undone by closing, and nobody is told of one. */
-  if (removed > 0 && contacts_file_commit(&db) != CONTACTS_ERROR_NONE) return CONTACTS_ERROR_DB;
+  if (removed > 0 && contacts_file_commit(&db) != 0) return CONTACTS_ERROR_DB;
   *count = removed;
   return CONTACTS_ERROR_NONE;
 }
@@ -222,11 +224,14 @@ int contacts_remove_by_email(const char *address, int *count) {
 int contacts_for_each(void (*fn)(const char *json, void *user_data), void *user_data) {
   if (fn == nullptr) return CONTACTS_ERROR_INVALID_PARAMETER;
   sql_db db;
-  const int opened = contacts_file_open_to_read(&db);
-  if (opened != CONTACTS_ERROR_NONE || !db.is_open()) return opened;
+  if (contacts_file_open_to_read(&db) != 0) return CONTACTS_ERROR_DB;
+  if (!db.is_open()) return CONTACTS_ERROR_NONE;
   std::vector<std::string> found;
   /* One read transaction, so that a person's parts belong together. */
-  if (db.run("BEGIN") != 0 || list_persons(&db, &found) != 0) return contacts_file_failed(db, "read");
+  if (db.run("BEGIN") != 0 || list_persons(&db, &found) != 0) {
+    contacts_file_failed(db, "read");
+    return CONTACTS_ERROR_DB;
+  }
   for (const std::string &json : found) fn(json.c_str(), user_data);
   return CONTACTS_ERROR_NONE;
 }

@@ -258,15 +258,17 @@ int contacts_db_get_records_with_query(contacts_query_h query, int offset, int l
   if (query == nullptr || list == nullptr || offset < 0 || limit < 0) return CONTACTS_ERROR_INVALID_PARAMETER;
   if (connections == 0) return CONTACTS_ERROR_NOT_CONNECTED;
   sql_db db;
-  const int opened = contacts_file_open_to_read(&db);
-  if (opened != CONTACTS_ERROR_NONE) return opened;
+  if (contacts_file_open_to_read(&db) != 0) return CONTACTS_ERROR_DB;
   auto found = std::make_unique<contacts_list_s>();
   if (db.is_open()) {
     sql_statement sql(&db, query_sql(query));
     bind_query(&sql, query, offset, limit);
     sql_result result;
     while ((result = sql.step()) == sql_row) found->records.push_back(read_record(sql, query->of));
-    if (result == sql_failed) return contacts_file_failed(db, "read");
+    if (result == sql_failed) {
+      contacts_file_failed(db, "read");
+      return CONTACTS_ERROR_DB;
+    }
   }
   *list = found.release();
   return CONTACTS_ERROR_NONE;

@@ -2,6 +2,7 @@
 #include <vector>
 
 #include "app-priv.h"
+#include "app_efl.h"
 #include "bus-loop.h"
 #include "dlog.h"
 #include "keypad.h"
