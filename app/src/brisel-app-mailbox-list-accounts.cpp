@@ -179,6 +179,18 @@ static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genl
   return row->it;
 }
 
+/* The shown account's row is marked and in view, however many accounts stand before it: a row out of view has no radio
+   yet that could say so. */
+static void _show_choice(appdata *ad, Evas_Object *gl) {
+  for (Elm_Object_Item *it = elm_genlist_first_item_get(gl); it; it = elm_genlist_item_next_get(it)) {
+    popup_item_data *row = (popup_item_data *)elm_object_item_data_get(it);
+    if (!row || row->account_id != ad->account_id) continue;
+    elm_radio_value_set((Evas_Object *)evas_object_data_get(gl, "radio_main"), row->index);
+    elm_genlist_item_show(it, ELM_GENLIST_ITEM_SCROLLTO_IN);
+    return;
+  }
+}
+
 Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   if (ad->account_popup) {
     BRISEL_INFO("popup is already existed. remove it.");
@@ -215,6 +227,7 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
     last = _append_popup_row(ad, gl, itc_account, index++, (account_data *)cell->data);
   }
   if (last) elm_object_item_signal_emit(last, "elm,state,bottomline,hide", "");
+  _show_choice(ad, gl);
   /* A row that is not drawn yet hears no signal. */
   evas_object_smart_callback_add(gl, "realized", _popup_row_realized_cb, nullptr);
 

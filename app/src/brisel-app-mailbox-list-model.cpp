@@ -219,8 +219,15 @@ static void _make_rows(appdata *ad, int count) {
   if (!rowless) return;
   Elm_Object_Item *group_item = _group_item(ad);
   const frozen_events frozen(ad->mailbox_genlist);
-  for (; rowless && count > 0; rowless = rowless->next, count--)
-    _add_mail_row(ad, group_item, (item_data *)rowless->data, nullptr);
+  for (; rowless && count > 0; count--) {
+    item_data *item = (item_data *)rowless->data;
+    rowless = rowless->next;
+    _add_mail_row(ad, group_item, item, nullptr);
+  }
+}
+
+bool _is_last_row(appdata *ad, const Elm_Object_Item *it) {
+  return !rowless && it == elm_genlist_last_item_get(ad->mailbox_genlist);
 }
 
 static Eina_Bool _row_idler_cb(void *data) {

@@ -115,7 +115,7 @@ void _row_realized_cb(void *data, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
   Elm_Object_Item *it = (Elm_Object_Item *)event_info;
   _restore_swept_look(ad, it, true);
-  brisel_option_hide_last_bottomline(obj, it);
+  if (it && _is_last_row(ad, it)) elm_object_item_signal_emit(it, "elm,state,bottomline,hide", "");
 }
 
 void _row_unrealized_cb(void *data, Evas_Object *obj, void *event_info) {

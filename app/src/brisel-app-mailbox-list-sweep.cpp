@@ -2,6 +2,7 @@
    blocked_item and the freeze of the list; the list's touches come here first. */
 #include "brisel-app-mailbox-list.h"
 
+#include "brisel-app-option-common.h"
 #include "brisel-app-utils.h"
 #include "genlist-fx.h"
 
@@ -56,6 +57,7 @@ static void _delete_mail_by_sweep(appdata *ad, bool with_effect) {
   elm_object_item_del(item->it);
   BRISEL_INFO("sweep item is removed");
   ad->sweep_item = nullptr;
+  brisel_option_hide_last_bottomline(ad->mailbox_genlist, elm_genlist_last_item_get(ad->mailbox_genlist));
   if (with_effect) elm_genlist_fx_mode_set(ad->mailbox_genlist, EINA_FALSE);
 }
 

@@ -70,6 +70,8 @@ void _set_delete_btn(appdata *ad, bool enabled);
 void _refresh_mailbox_list(appdata *ad);
 /* Makes the rows that the last refresh left for idle time: before the model is touched. */
 void _make_all_rows(appdata *ad);
+/* Whether no row follows, now or after the next idle time. */
+bool _is_last_row(appdata *ad, const Elm_Object_Item *it);
 /* All accounts, or NULL after the log line that says why. */
 scoped_account_list _read_accounts();
 

@@ -100,6 +100,7 @@ static Eina_Bool _pop_cb(void *data, Elm_Object_Item *item) {
   BRISEL_INFO("Enter");
   appdata *ad = (appdata *)data;
   if (ad && ad->win_main) {
+    brisel_delete_sweep_item(ad);
     brisel_clear_all_new_flag();
     elm_win_lower(ad->win_main);
   }
@@ -398,6 +399,7 @@ static int _mail_id_of_text(const char *text) {
 }
 
 static void _show_mail_of_launch(appdata *ad, int mail_id) {
+  brisel_delete_sweep_item(ad);
   brisel_util_drop_popup(&ad->security_popup);
   brisel_util_drop_popup(&ad->account_popup);
   if (_check_security_lock_mail(mail_id)) {
@@ -533,6 +535,7 @@ static void _brisel_ipc_noti_account_add_callback(brisel_ipc_event *event, void 
   bool had_accounts = ad->account_cnt != 0;
   _reread_account_count(ad);
   if (had_accounts) {
+    brisel_update_mailbox_accounts(ad);
     if (!ad->account_popup) return;
     brisel_create_account_selection_popup(ad);
     BRISEL_INFO("account selection popup is refreshed. account added");
@@ -724,6 +727,7 @@ static void _window_resize_cb(void *data, Evas *e, Evas_Object *obj, void *event
    to a widget that went with the window. */
 static void _window_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
+  brisel_delete_sweep_item(ad);
   _clear_all_naviframe_view_data(ad);
   if (ad->sweep_timer) ecore_timer_del(ad->sweep_timer);
   ad->sweep_timer = nullptr;
@@ -809,6 +813,8 @@ void app_terminate(void *user_data) {
   /* Without a window nothing was opened, the store included. */
   if (!services_open) return;
   services_open = false;
+  /* The screen said "Deleted": leaving means it. */
+  brisel_delete_sweep_item(ad);
   if (ad->sweep_timer) ecore_timer_del(ad->sweep_timer);
   ad->sweep_timer = nullptr;
   /* The rows free their records through their class: they go before it is emptied, and without each searching the
@@ -843,6 +849,7 @@ static void _with_detail_view(appdata *ad, void (*fn)(view_data *)) {
 }
 
 int app_pause(void *user_data) {
+  brisel_delete_sweep_item((appdata *)user_data);
   _with_detail_view((appdata *)user_data, brisel_detail_unregister_pickover);
   return 0;
 }

@@ -6,7 +6,7 @@
 static const long base_time = 1700000000;
 
 struct mailbox : testing::Test {
-  test_phone phone;
+  linked_phone phone;
   std::vector<int> accounts, ids; /* ids: newest first, as the rows stand */
 
   void SetUp() override {
@@ -145,6 +145,38 @@ TEST_F(mailbox, FreezesPairUpWhenSweepsFollowEachOther) {
   wait_for_thaw();
 }
 
+/* The row says that the mail is deleted: leaving it means it. */
+TEST_F(mailbox, LeavingCommitsTheSweep) {
+  phone.connect();
+  fill(1, 3);
+  const struct {
+    const char *what;
+    std::function<void()> leave;
+  } ways[] = {
+      {"Back", [] { key("XF86Back"); }},
+      {"pause", [] { app_pause(&test_ad); }},
+      {"a launch", [&] { app_launch(std::to_string(ids[0]).c_str()); }},
+      {"the bin", [] { tap(middle_of(test_ad.delete_btn)); }},
+      {"the window's end", [] { evas_object_del(test_ad.win_main); }},
+      {"the end", [] { app_terminate(&test_ad); }},
+  };
+  for (const auto &way : ways) {
+    SCOPED_TRACE(way.what);
+    const int id = mail(0, 5, "Swept");
+    app_start();
+    ids.insert(ids.begin(), id);
+    wait_for_rows(ids);
+    phone.requests.clear();
+    sweep(0);
+    ASSERT_TRUE(swept(0));
+    ids.erase(ids.begin());
+    way.leave();
+    EXPECT_EQ(test_ad.sweep_item, nullptr);
+    EXPECT_EQ(phone.request("delete_notis").value("id_list", std::vector<int>()), std::vector<int>{id});
+    app_stop();
+  }
+}
+
 TEST_F(mailbox, LongPressOpensTheOptionsUnlessARowIsSwept) {
   fill(1, 3);
   sweep(0);
@@ -183,4 +215,104 @@ TEST_F(mailbox, TheAccountPopupChooses) {
   tap(middle_of(elm_object_item_part_content_get(row, "elm.icon")));
   EXPECT_EQ(test_ad.account_id, accounts[0]) << "the radio is part of its row";
   EXPECT_EQ(test_ad.account_popup, nullptr);
+}
+
+/* --- what the rows look like --- */
+
+/* The drawing of a row in sight, or NULL. */
+static Evas_Object *drawing(Elm_Object_Item *item) {
+  Evas_Object *bar = elm_object_item_part_content_get(item, "elm.swallow.colorbar");
+  return bar ? evas_object_smart_parent_get(bar) : nullptr;
+}
+
+/* Every row in sight has its divider, but the last one of the list. */
+static void expect_dividers(Evas_Object *list) {
+  Elm_Object_Item *last = elm_genlist_last_item_get(list);
+  settle();
+  int seen = 0;
+  for (Elm_Object_Item *item = elm_genlist_first_item_get(list); item; item = elm_genlist_item_next_get(item)) {
+    Evas_Object *edje = drawing(item);
+    if (!edje) continue;
+    seen++;
+    double value = 0;
+    EXPECT_STREQ(edje_object_part_state_get(edje, "bottomline", &value), item == last ? "hidden" : "default") << seen;
+  }
+  EXPECT_GT(seen, 1);
+}
+
+TEST_F(mailbox, EveryRowButTheLastHasItsDivider) {
+  fill(2, 5);
+  expect_dividers(test_ad.mailbox_genlist);
+  for (int taps = 0; taps < 3; taps++) {
+    tap(header());
+    expect_dividers(test_ad.mailbox_genlist);
+  }
+  ids.push_back(mail(0, -100));
+  wait_for_rows(ids);
+  expect_dividers(test_ad.mailbox_genlist);
+  phone.delete_mails({ids.back(), ids.at(4)});
+  ids.resize(4);
+  wait_for_rows(ids);
+  expect_dividers(test_ad.mailbox_genlist);
+}
+
+static unsigned color_of_bar(Elm_Object_Item *item) {
+  int r = 0, g = 0, b = 0;
+  evas_object_color_get(elm_object_item_part_content_get(item, "elm.swallow.colorbar"), &r, &g, &b, nullptr);
+  return (unsigned)(r << 16 | g << 8 | b);
+}
+
+TEST_F(mailbox, AnAccountsNewAddressAndColourShowAtOnce) {
+  fill(2, 2);
+  tap(header());
+  EXPECT_EQ(drawn_text(elm_genlist_first_item_get(test_ad.mailbox_genlist), "elm.text.1"), "a@example.org");
+  phone.add_account("new@example.org", "Name", 0x102030FF, accounts[0]);
+  EXPECT_TRUE(visible("new@example.org"));
+  EXPECT_EQ(color_of_bar(item_of_mail(ids[0])), 0x102030u);
+}
+
+/* --- what a launch and an event change --- */
+
+TEST_F(mailbox, ALaunchOfAnotherAccountsMailShowsItsListFromTheTop) {
+  fill(2, 60);
+  tap(header());
+  for (int flicks = 0; flicks < 3; flicks++) stroke({160, 300}, {160, 80});
+  app_launch(std::to_string(ids[1]).c_str());
+  EXPECT_EQ(test_ad.account_id, accounts[1]);
+  EXPECT_TRUE(visible("Body"));
+  run_for(0.5);
+  key("XF86Back");
+  EXPECT_TRUE(visible("b@example.org"));
+  int y = -1;
+  elm_scroller_region_get(test_ad.mailbox_genlist, nullptr, &y, nullptr, nullptr);
+  EXPECT_EQ(y, 0);
+}
+
+/* Nothing of a locked mail opens, since when it is locked or not; and the question about it ends with it. */
+TEST_F(mailbox, ALockedMailIsAskedAboutWhileItIsThere) {
+  fill(2, 4);
+  for (bool account_goes : {false, true}) {
+    const int id = ids[account_goes ? 1 : 0];
+    phone.set_flag(id, "security_locked", 1);
+    EXPECT_TRUE(run_until([&] { return ((item_data *)elm_object_item_data_get(item_of_mail(id)))->security_locked; }));
+    tap(middle_of_item(item_of_mail(id)));
+    ASSERT_NE(test_ad.security_popup, nullptr);
+    EXPECT_EQ(test_ad.mail_id, id);
+    if (account_goes)
+      phone.remove_account(accounts[1]);
+    else
+      phone.delete_mails({id});
+    EXPECT_TRUE(run_until([] { return !test_ad.security_popup; }));
+    EXPECT_EQ(test_ad.mail_id, 0);
+  }
+}
+
+TEST_F(mailbox, TheAccountPopupShowsWhatIsShown) {
+  fill(14, 14);
+  test_ad.account_id = accounts.back();
+  brisel_check_mail_on_db(&test_ad);
+  press_long(header());
+  EXPECT_TRUE(visible("Name n")) << "its row is in view";
+  Evas_Object *list = elm_object_content_get(test_ad.account_popup);
+  EXPECT_EQ(elm_radio_value_get((Evas_Object *)evas_object_data_get(list, "radio_main")), 14);
 }
