@@ -5,7 +5,7 @@
 #include "app_efl.h"
 #include "brisel-app.h"
 
-/* --- popups: whoever receives one owns it; toasts delete themselves ---------------------------------------------- */
+/* --- popups: whoever receives one owns it; toasts delete themselves --- */
 
 /* Texts are used as they are (already translated). timeout: seconds, 0.0 for none. response_cb (may be NULL) serves
    both buttons and the back key. The third argument is unused: NULL. */
@@ -25,14 +25,15 @@ Evas_Object *brisel_util_create_basic_2button_popup_with_app_data(appdata *ad, c
                                                                   Evas_Smart_Cb back_cb, Evas_Smart_Cb btn1_cb,
                                                                   const char *btn1_text, Evas_Smart_Cb btn2_cb,
                                                                   const char *btn2_text);
+/* An empty popup, not shown, that takes no touch which is left of the one that opened it. */
+Evas_Object *brisel_util_popup_add(Evas_Object *parent);
 /* Deletes the popup (or other widget) that the field names, if any, and clears the field. */
 void brisel_util_drop_popup(Evas_Object **popup);
 void brisel_create_toast_popup(appdata *ad, const char *text);
 /* A pulsing progress bar on the main window; the caller places and deletes it. */
 Evas_Object *brisel_create_progress_popup(appdata *ad, const char *style);
 
-/* --- dates and numbers: heap strings that the caller frees with free() ---------------------------------------------
- */
+/* --- dates and numbers: heap strings that the caller frees with free() --- */
 
 char *brisel_get_locale(void);
 char *brisel_get_timezone_str(void);
@@ -46,8 +47,7 @@ char *brisel_util_get_date_time_str_by_pattern(const char *pattern, const char *
 char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad);
 char *brisel_util_get_localized_number_str(int number, appdata *ad);
 
-/* --- contacts, the phone, settings -----------------------------------------------------------------------------------
- */
+/* --- contacts, the phone, settings --- */
 
 int brisel_util_get_person_id_by_email_address(const char *address); /* -1: none */
 GSList *brisel_util_get_phone_number_by_person_id(int person_id);    /* contact_number records; the caller's */
@@ -63,8 +63,7 @@ int brisel_util_get_reply_method(void); /* 0 templates, 1 emoticons */
 void brisel_util_set_reply_method(int method);
 int brisel_clear_all_new_flag(void);
 
-/* --- text and theme -------------------------------------------------------------------------------------------------
- */
+/* --- text and theme --- */
 
 /* The longest text, in bytes, that a list row or a title shows of a name, address or template. */
 #define BRISEL_SHOWN_TEXT_MAX 1024

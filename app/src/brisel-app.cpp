@@ -10,7 +10,9 @@
 
 #include "brisel-app-delete-view.h"
 #include "brisel-app-lifecycle.h"
+#include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 #include "brisel-scoped.h"
 #include "contacts.h"
 #include "efl_assist.h"
@@ -163,27 +165,6 @@ static void _create_naviframe_layout(appdata *ad) {
   evas_object_show(ad->naviframe);
 }
 
-static Evas_Object *_create_delete_btn(appdata *ad) {
-  Evas_Object *btn = elm_button_add(ad->naviframe);
-  if (!btn) {
-    BRISEL_ERROR("elm_button_add() failed!");
-    return nullptr;
-  }
-  elm_object_style_set(btn, "naviframe/title_icon");
-  Evas_Object *image = brisel_util_load_image(btn, "b_email_history_delete_normal.png");
-  if (!image) {
-    BRISEL_ERROR("elm_image_add() failed!");
-    evas_object_del(btn);
-    return nullptr;
-  }
-  evas_object_size_hint_aspect_set(image, EVAS_ASPECT_CONTROL_BOTH, 1, 1);
-  elm_image_resizable_set(image, EINA_TRUE, EINA_TRUE);
-  elm_object_content_set(btn, image);
-  evas_object_show(btn);
-  evas_object_smart_callback_add(btn, "clicked", _delete_view_cb, ad);
-  return btn;
-}
-
 static Evas_Object *_create_nocontents_layout(appdata *ad) {
   Evas_Object *layout = elm_layout_add(ad->naviframe);
   elm_layout_theme_set(layout, "layout", "nocontents", "full");
@@ -194,7 +175,7 @@ static Evas_Object *_create_nocontents_layout(appdata *ad) {
 static void _create_view_layout(appdata *ad) {
   int count = 0;
   brisel_db_get_full_noti_data_count_by_account_id(0, &count);
-  ad->delete_btn = _create_delete_btn(ad);
+  ad->delete_btn = brisel_view_title_button(ad->naviframe, "b_email_history_delete_normal.png", _delete_view_cb, ad);
   brisel_create_mailbox_list_view(ad->win_main, ad);
   ad->nocontents_layout = _create_nocontents_layout(ad);
 
@@ -211,11 +192,8 @@ static void _create_view_layout(appdata *ad) {
   ea_object_event_callback_add(ad->naviframe, EA_CALLBACK_BACK, _naviframe_back_cb, nullptr);
   ea_object_event_callback_add(ad->naviframe, EA_CALLBACK_MORE, _naviframe_more_cb, nullptr);
 
-  if (Evas_Object *icon = brisel_util_load_image(ad->naviframe, "b_email_icon_email.png")) {
-    evas_object_size_hint_aspect_set(icon, EVAS_ASPECT_CONTROL_VERTICAL, 1, 1);
-    elm_image_resizable_set(icon, EINA_TRUE, EINA_TRUE);
+  if (Evas_Object *icon = brisel_view_title_icon(ad->naviframe))
     elm_object_item_part_content_set(item, "elm.swallow.icon", icon);
-  }
   elm_naviframe_item_pop_cb_set(item, _pop_cb, ad);
 }
 
@@ -368,8 +346,7 @@ static void _launch(appdata *ad, int mail_id) {
 static void _create_connecting_popup(appdata *ad) {
   BRISEL_INFO("Enter");
   if (!_popup_is_missing(ad, &appdata::connecting_popup)) return;
-  Evas_Object *popup = elm_popup_add(ad->win_main);
-  evas_object_size_hint_weight_set(popup, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  Evas_Object *popup = brisel_util_popup_add(ad->win_main);
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, _connecting_popup_back_cb, ad);
   if (Evas_Object *layout = brisel_util_load_edj(popup, BRISEL_EDJ, "brisel/popup/progress.1text")) {
     Evas_Object *bar = elm_progressbar_add(layout);
@@ -762,6 +739,7 @@ bool app_create(void *user_data) {
   evas_object_event_callback_add(ad->win_main, EVAS_CALLBACK_RESIZE, _window_resize_cb, ad);
   evas_object_event_callback_add(ad->win_main, EVAS_CALLBACK_DEL, _window_deleted_cb, ad);
   ad->evas = evas_object_evas_get(ad->win_main);
+  brisel_touch_watch(ad->evas);
   app_efl_window_attach(ad->win_main);
   evas_object_show(ad->win_main);
 

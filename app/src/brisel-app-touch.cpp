@@ -1,0 +1,117 @@
+#include "brisel-app-touch.h"
+
+#include <Ecore.h>
+#include <Elementary.h>
+
+#include <algorithm>
+
+/* Seconds from the end of the touch that opened something. */
+constexpr double guard_time = 0.3;
+
+static Evas_Object *pane;    /* lies over everything, sees every touch and lets it through */
+static Evas_Object *shield;  /* lies over the place that a touch has opened something at, and lets nothing through */
+static Evas_Object *guarded; /* what that touch has opened */
+static Ecore_Timer *shield_timer;
+static Evas_Coord_Point touched_at;
+static double lifted_time; /* of the main loop; 0: no touch yet */
+static bool is_down;
+static bool shield_is_touched;
+
+static void _guarded_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info);
+
+static void _drop_shield() {
+  if (guarded) evas_object_event_callback_del(guarded, EVAS_CALLBACK_DEL, _guarded_gone_cb);
+  guarded = nullptr;
+  if (shield_timer) ecore_timer_del(shield_timer);
+  shield_timer = nullptr;
+  Evas_Object *gone = shield;
+  shield = nullptr;
+  if (gone) evas_object_del(gone);
+}
+
+static void _guarded_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  guarded = nullptr;
+  if (!shield_is_touched) _drop_shield();
+}
+
+static Eina_Bool _shield_timer_cb(void *data) {
+  shield_timer = nullptr;
+  /* A touch that began on the shield ends on it. */
+  if (!shield_is_touched) _drop_shield();
+  return ECORE_CALLBACK_CANCEL;
+}
+
+static void _time_shield() {
+  double left = lifted_time + guard_time - ecore_loop_time_get();
+  if (shield_timer) ecore_timer_del(shield_timer);
+  shield_timer = ecore_timer_add(std::max(left, 0.0), _shield_timer_cb, nullptr);
+}
+
+static void _shield_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  shield_is_touched = true;
+}
+
+static void _shield_up_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  shield_is_touched = false;
+  if (!guarded || (!shield_timer && !is_down)) _drop_shield();
+}
+
+static void _shield_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  shield_is_touched = false;
+  if (obj != shield) return;
+  shield = nullptr;
+  _drop_shield();
+}
+
+static void _pane_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  is_down = true;
+  touched_at = ((Evas_Event_Mouse_Down *)event_info)->canvas;
+}
+
+static void _pane_up_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  is_down = false;
+  touched_at = ((Evas_Event_Mouse_Up *)event_info)->canvas;
+  lifted_time = ecore_loop_time_get();
+  /* A long press opens while the finger is still down: its time begins now. */
+  if (shield) _time_shield();
+}
+
+static void _pane_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  pane = nullptr;
+  is_down = false;
+  lifted_time = 0;
+}
+
+static Evas_Object *_add_invisible(Evas *canvas) {
+  Evas_Object *object = evas_object_rectangle_add(canvas);
+  evas_object_color_set(object, 0, 0, 0, 0);
+  evas_object_layer_set(object, EVAS_LAYER_MAX);
+  evas_object_show(object);
+  return object;
+}
+
+void brisel_touch_watch(Evas *canvas) {
+  if (pane) evas_object_del(pane);
+  pane = _add_invisible(canvas);
+  evas_object_geometry_set(pane, 0, 0, SHRT_MAX, SHRT_MAX);
+  evas_object_repeat_events_set(pane, EINA_TRUE);
+  evas_object_event_callback_add(pane, EVAS_CALLBACK_MOUSE_DOWN, _pane_down_cb, nullptr);
+  evas_object_event_callback_add(pane, EVAS_CALLBACK_MOUSE_UP, _pane_up_cb, nullptr);
+  evas_object_event_callback_add(pane, EVAS_CALLBACK_DEL, _pane_gone_cb, nullptr);
+}
+
+void brisel_touch_guard(Evas_Object *opened) {
+  Evas *canvas = evas_object_evas_get(opened);
+  bool by_touch = is_down || (lifted_time > 0 && ecore_loop_time_get() - lifted_time < guard_time);
+  if (!pane || evas_object_evas_get(pane) != canvas || !by_touch) return;
+  _drop_shield();
+  guarded = opened;
+  evas_object_event_callback_add(guarded, EVAS_CALLBACK_DEL, _guarded_gone_cb, nullptr);
+  int reach = elm_config_finger_size_get();
+  shield = _add_invisible(canvas);
+  evas_object_geometry_set(shield, touched_at.x - reach, touched_at.y - reach, 2 * reach + 1, 2 * reach + 1);
+  evas_object_event_callback_add(shield, EVAS_CALLBACK_MOUSE_DOWN, _shield_down_cb, nullptr);
+  evas_object_event_callback_add(shield, EVAS_CALLBACK_MOUSE_UP, _shield_up_cb, nullptr);
+  evas_object_event_callback_add(shield, EVAS_CALLBACK_DEL, _shield_gone_cb, nullptr);
+  if (!is_down) _time_shield();
+}

@@ -1,0 +1,185 @@
+/* The popup kit: popups, toasts and the progress bar. Every screen makes its popups here. */
+#include "brisel-app-touch.h"
+#include "brisel-app-utils.h"
+#include "efl_assist.h"
+
+Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
+  Evas_Object *popup = elm_popup_add(parent);
+  if (!popup) return nullptr;
+  evas_object_size_hint_weight_set(popup, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  brisel_touch_guard(popup);
+  return popup;
+}
+
+/* Popups live on the view stack; before the main screen is built there is only the window. */
+static Evas_Object *_popup_parent(appdata *ad) {
+  if (ad->naviframe) return ad->naviframe;
+  BRISEL_INFO("popup is added win_main");
+  return ad->win_main;
+}
+
+static Evas_Object *_popup_button_add(Evas_Object *popup, const char *part, Evas_Smart_Cb cb, void *data) {
+  Evas_Object *btn = elm_button_add(popup);
+  elm_object_style_set(btn, "popup");
+  elm_object_part_content_set(popup, part, btn);
+  if (cb) evas_object_smart_callback_add(btn, "clicked", cb, data);
+  evas_object_show(btn);
+  return btn;
+}
+
+static Evas_Object *_popup_scroller_add(Evas_Object *popup) {
+  Evas_Object *scroller = elm_scroller_add(popup);
+  evas_object_size_hint_weight_set(scroller, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  elm_object_style_set(scroller, "effect");
+  elm_object_content_set(popup, scroller);
+  evas_object_show(scroller);
+  return scroller;
+}
+
+static Evas_Object *_popup_label_add(Evas_Object *scroller) {
+  Evas_Object *label = elm_label_add(scroller);
+  elm_object_style_set(label, "popup/default");
+  elm_label_line_wrap_set(label, ELM_WRAP_MIXED);
+  evas_object_size_hint_weight_set(label, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  evas_object_size_hint_align_set(label, EVAS_HINT_FILL, EVAS_HINT_FILL);
+  elm_object_content_set(scroller, label);
+  evas_object_show(label);
+  return label;
+}
+
+Evas_Object *brisel_util_popup_create_with_empty_contents(void *data, Evas_Object *parent, void *reserved,
+                                                          const char *style, Evas_Smart_Cb response_cb, double timeout,
+                                                          Evas_Smart_Cb timeout_cb, const char *btn1_text,
+                                                          const char *btn2_text) {
+  BRISEL_INFO("Enter");
+  Evas_Object *popup = brisel_util_popup_add(parent);
+  if (style) elm_object_style_set(popup, style);
+
+  if (btn1_text || btn2_text) elm_object_text_set(_popup_button_add(popup, "button1", response_cb, data), btn1_text);
+  if (btn2_text) elm_object_text_set(_popup_button_add(popup, "button2", response_cb, data), btn2_text);
+
+  if (timeout > 0.0) {
+    elm_popup_timeout_set(popup, timeout);
+    if (timeout_cb) evas_object_smart_callback_add(popup, "timeout", timeout_cb, data);
+  }
+  if (response_cb) ea_object_event_callback_add(popup, EA_CALLBACK_BACK, response_cb, data);
+
+  evas_object_show(popup);
+  BRISEL_INFO("Leave");
+  return popup;
+}
+
+Evas_Object *brisel_util_popup_create(void *data, Evas_Object *parent, void *reserved, const char *text,
+                                      Evas_Smart_Cb response_cb, double timeout, Evas_Smart_Cb timeout_cb,
+                                      const char *btn1_text, const char *btn2_text) {
+  BRISEL_INFO("Enter");
+  Evas_Object *popup = brisel_util_popup_create_with_empty_contents(data, parent, reserved, nullptr, response_cb,
+                                                                    timeout, timeout_cb, btn1_text, btn2_text);
+  if (text) elm_object_text_set(popup, text);
+  BRISEL_INFO("Leave");
+  return popup;
+}
+
+Evas_Object *brisel_util_scroll_popup_create(void *data, Evas_Object *parent, void *reserved, const char *text,
+                                             Evas_Smart_Cb response_cb, double timeout, Evas_Smart_Cb timeout_cb,
+                                             const char *btn1_text, const char *btn2_text) {
+  BRISEL_INFO("Enter");
+  Evas_Object *popup = brisel_util_popup_create_with_empty_contents(data, parent, reserved, nullptr, response_cb,
+                                                                    timeout, timeout_cb, btn1_text, btn2_text);
+  if (text) {
+    Evas_Object *scroller = _popup_scroller_add(popup);
+    elm_scroller_bounce_set(scroller, EINA_FALSE, EINA_TRUE);
+    elm_object_focus_allow_set(scroller, EINA_FALSE);
+    elm_scroller_policy_set(scroller, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
+    elm_object_text_set(_popup_label_add(scroller), text);
+  }
+  BRISEL_INFO("Leave");
+  return popup;
+}
+
+Evas_Object *brisel_util_create_basic_2button_popup_with_app_data(appdata *ad, const char *title, const char *content,
+                                                                  Evas_Smart_Cb back_cb, Evas_Smart_Cb btn1_cb,
+                                                                  const char *btn1_text, Evas_Smart_Cb btn2_cb,
+                                                                  const char *btn2_text) {
+  BRISEL_INFO("Enter");
+  const char *missing = nullptr;
+  if (!content)
+    missing = "content is NULL";
+  else if (!back_cb)
+    missing = "_response_cb is NULL";
+  else if (!btn1_cb || !btn1_text)
+    missing = "btn1_response_cb or btn1_text is NULL";
+  else if (!btn2_cb || !btn2_text)
+    missing = "btn2_response_cb or btn2_text is NULL";
+  if (missing) {
+    BRISEL_INFO("%s", missing);
+    return nullptr;
+  }
+
+  Evas_Object *popup = brisel_util_popup_add(_popup_parent(ad));
+  ea_object_event_callback_add(popup, EA_CALLBACK_BACK, back_cb, ad);
+  Evas_Object *label = _popup_label_add(_popup_scroller_add(popup));
+  if (title) elm_object_domain_translatable_part_text_set(popup, "title,text", BRISEL_DOMAIN, title);
+  elm_object_domain_translatable_text_set(label, BRISEL_DOMAIN, content);
+
+  Evas_Object *btn1 = _popup_button_add(popup, "button1", btn1_cb, ad);
+  elm_object_domain_translatable_text_set(btn1, BRISEL_DOMAIN, btn1_text);
+  elm_object_focus_set(btn1, EINA_TRUE);
+  Evas_Object *btn2 = _popup_button_add(popup, "button2", btn2_cb, ad);
+  elm_object_domain_translatable_text_set(btn2, BRISEL_DOMAIN, btn2_text);
+
+  evas_object_show(popup);
+  return popup;
+}
+
+void brisel_util_drop_popup(Evas_Object **popup) {
+  if (*popup) evas_object_del(*popup);
+  *popup = nullptr;
+}
+
+static void __toast_back_cb(void *data, Evas_Object *obj, void *event_info) {
+  evas_object_del(obj);
+}
+
+static void __block_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  evas_object_del(obj);
+}
+
+static void __timeout_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  evas_object_del(obj);
+}
+
+void brisel_create_toast_popup(appdata *ad, const char *text) {
+  BRISEL_INFO("Enter");
+  if (!ad) {
+    BRISEL_ERROR("ad is NULL!");
+    return;
+  }
+  Evas_Object *popup = brisel_util_popup_add(_popup_parent(ad));
+  elm_object_style_set(popup, "toast");
+  elm_popup_orient_set(popup, ELM_POPUP_ORIENT_BOTTOM);
+  ea_object_event_callback_add(popup, EA_CALLBACK_BACK, __toast_back_cb, nullptr);
+  elm_object_part_text_set(popup, "elm.text", text);
+  evas_object_smart_callback_add(popup, "block,clicked", __block_clicked_cb, nullptr);
+  elm_popup_timeout_set(popup, 2.0);
+  evas_object_smart_callback_add(popup, "timeout", __timeout_cb, nullptr);
+  evas_object_show(popup);
+}
+
+Evas_Object *brisel_create_progress_popup(appdata *ad, const char *style) {
+  BRISEL_INFO("Enter");
+  if (!ad) {
+    BRISEL_ERROR("ad is NULL!");
+    return nullptr;
+  }
+  Evas_Object *bar = elm_progressbar_add(ad->win_main);
+  elm_object_style_set(bar, style);
+  evas_object_size_hint_align_set(bar, EVAS_HINT_FILL, EVAS_HINT_FILL);
+  evas_object_size_hint_weight_set(bar, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  elm_progressbar_pulse_set(bar, EINA_TRUE); /* without it the next call does nothing */
+  elm_progressbar_pulse(bar, EINA_TRUE);
+  evas_object_show(bar);
+  return bar;
+}
