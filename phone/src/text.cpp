@@ -1,141 +1,21 @@
-/* Charsets and character boundaries. */
+/* Clean text and character boundaries. */
 #include <glib.h>
-#include <gmime/gmime.h>
-
-#include <iconv.h>
-#include <cerrno>
-#include <cstring>
 
 #include "text.h"
 
 namespace {
 
-/* What the bytes 0x80 to 0x9f are in the charset that most mail without a word about charsets was written in. */
-constexpr uint16_t kWindows1252[32] = {0x20ac, 0xfffd, 0x201a, 0x0192, 0x201e, 0x2026, 0x2020, 0x2021,
-                                       0x02c6, 0x2030, 0x0160, 0x2039, 0x0152, 0xfffd, 0x017d, 0xfffd,
-                                       0xfffd, 0x2018, 0x2019, 0x201c, 0x201d, 0x2022, 0x2013, 0x2014,
-                                       0x02dc, 0x2122, 0x0161, 0x203a, 0x0153, 0xfffd, 0x017e, 0x0178};
-
-bool has_high_byte(std::string_view text) {
-  for (unsigned char c : text)
-    if (c >= 0x80) return true;
-  return false;
-}
-
-bool is_utf8(std::string_view text) {
-  /* NUL bytes are valid characters of a text that lies; they are dropped later. */
-  const char *at = text.data();
-  size_t left = text.size();
-  while (left > 0) {
-    const char *end = nullptr;
-    if (g_utf8_validate(at, static_cast<gssize>(left), &end)) return true;
-    if (*end != '\0') return false;
-    left -= static_cast<size_t>(end - at) + 1;
-    at = end + 1;
-  }
-  return true;
-}
-
-/* Valid sequences stay, every other byte is read as windows-1252: text with one foreign byte keeps the rest. */
-std::string mixed_to_utf8(std::string_view bytes) {
-  std::string out;
-  out.reserve(bytes.size() + bytes.size() / 8);
-  const char *at = bytes.data();
-  size_t left = bytes.size();
-  while (left > 0) {
-    const char *end = nullptr;
-    g_utf8_validate(at, static_cast<gssize>(left), &end);
-    size_t good = static_cast<size_t>(end - at);
-    out.append(at, good);
-    at += good;
-    left -= good;
-    if (left == 0) break;
-    auto c = static_cast<unsigned char>(*at);
-    if (c >= 0xa0)
-      text_append_char(&out, c);
-    else if (c >= 0x80)
-      text_append_char(&out, kWindows1252[c - 0x80]);
-    at++;
-    left--;
-  }
-  return out;
-}
-
-/* Converts with iconv; a byte it refuses becomes U+FFFD. Returns false when the charset is not known here. */
-bool iconv_to_utf8(std::string_view bytes, const char *charset, std::string *out, size_t *bad) {
-  iconv_t converter = iconv_open("UTF-8", charset);
-  if (converter == reinterpret_cast<iconv_t>(-1)) return false;
-  char *in = const_cast<char *>(bytes.data());
-  size_t left = bytes.size();
-  char buffer[4096];
-  *bad = 0;
-  out->reserve(bytes.size() + bytes.size() / 2);
-  while (left > 0) {
-    char *to = buffer;
-    size_t room = sizeof buffer;
-    size_t done = iconv(converter, &in, &left, &to, &room);
-    out->append(buffer, sizeof buffer - room);
-    if (done != static_cast<size_t>(-1)) break;
-    if (errno == E2BIG) continue;
-    (*bad)++;
-    text_append_char(out, 0xfffd);
-    if (errno == EINVAL || left == 0) break; /* cut off in the middle of a character */
-    in++;
-    left--;
-    iconv(converter, nullptr, nullptr, nullptr, nullptr);
-  }
-  iconv_close(converter);
-  return true;
-}
-
-/* The name iconv knows it by, with the wider charset that writers mean when they name a narrow one. */
-std::string converter_name(const std::string &name) {
-  struct alias {
-    const char *from;
-    const char *to;
-  };
-  static constexpr alias kAliases[] = {
-      {"iso-8859-1", "WINDOWS-1252"},
-      {"latin1", "WINDOWS-1252"},
-      {"iso8859-1", "WINDOWS-1252"},
-      {"iso-8859-9", "WINDOWS-1254"},
-      {"iso-8859-8-i", "ISO-8859-8"},
-      {"iso-8859-8-e", "ISO-8859-8"},
-      {"gb2312", "GB18030"},
-      {"gbk", "GB18030"},
-      {"x-gbk", "GB18030"},
-      {"gb_2312-80", "GB18030"},
-      {"hz-gb-2312", "ISO-2022-CN"},
-      {"big5", "BIG5-HKSCS"},
-      {"euc-kr", "CP949"},
-      {"ks_c_5601-1987", "CP949"},
-      {"ks_c_5601", "CP949"},
-      {"korean", "CP949"},
-      {"shift_jis", "CP932"},
-      {"shift-jis", "CP932"},
-      {"x-sjis", "CP932"},
-      {"sjis", "CP932"},
-      {"iso-2022-jp", "ISO-2022-JP-2"},
-      {"cp-850", "CP850"},
-      {"x-mac-cyrillic", "MACCYRILLIC"},
-      {"tis-620", "CP874"},
-      {"macroman", "MACINTOSH"},
-      {"x-mac-roman", "MACINTOSH"},
-  };
-  for (const alias &entry : kAliases)
-    if (name == entry.from) return entry.to;
-  const char *known = g_mime_charset_iconv_name(name.c_str());
-  return known ? known : name;
-}
-
-bool starts_with(const std::string &text, const char *start) {
-  return text.rfind(start, 0) == 0;
+/* Code points that are no characters and never will be; the bus refuses a text that holds one. */
+bool is_noncharacter(uint32_t c) {
+  return (c >= 0xfdd0 && c <= 0xfdef) || (c & 0xfffe) == 0xfffe;
 }
 
 }  // namespace
 
 void text_append_char(std::string *out, uint32_t character) {
-  if (character == 0 || character > 0x10ffff || (character >= 0xd800 && character <= 0xdfff)) character = 0xfffd;
+  if (character == 0 || character > 0x10ffff || (character >= 0xd800 && character <= 0xdfff) ||
+      is_noncharacter(character))
+    character = 0xfffd;
   char buffer[6];
   out->append(buffer, static_cast<size_t>(g_unichar_to_utf8(character, buffer)));
 }
@@ -148,8 +28,12 @@ std::string text_clean(std::string_view text) {
     auto c = static_cast<unsigned char>(text[i]);
     if (c == '\r') {
       if (i + 1 >= text.size() || text[i + 1] != '\n') out += '\n';
-    } else if (c == '\n' || c == '\t' || (c >= 0x20 && c != 0x7f && c != 0xc2)) {
+    } else if (c == '\n' || c == '\t' || (c >= 0x20 && c < 0x7f) || (c >= 0x80 && c != 0xc2 && c < 0xef)) {
       out += static_cast<char>(c);
+    } else if (c >= 0xef) { /* the longer forms, of which some are no characters */
+      size_t size = c >= 0xf0 ? 4 : 3;
+      if (!is_noncharacter(g_utf8_get_char(text.data() + i))) out.append(text, i, size);
+      i += size - 1;
     } else if (c == 0xc2 && i + 1 < text.size()) {
       auto next = static_cast<unsigned char>(text[i + 1]);
       if (next == 0x85)
@@ -162,38 +46,6 @@ std::string text_clean(std::string_view text) {
     }
   }
   return out;
-}
-
-std::string mime_to_utf8(std::string_view bytes, const char *charset) {
-  std::string name;
-  for (const char *c = charset ? charset : ""; *c && name.size() < 64; c++)
-    if (g_ascii_isgraph(*c) && *c != '"' && *c != '\'') name += g_ascii_tolower(*c);
-
-  bool unnamed = name.empty() || name == "us-ascii" || name == "ascii" || name == "utf-8" || name == "utf8" ||
-                 name == "unknown-8bit" || name == "x-unknown" || name == "default" || name == "8bit" ||
-                 name == "ansi_x3.4-1968";
-  if (unnamed) {
-    if (!has_high_byte(bytes)) {
-      /* Seven bits with a switching sequence are Japanese whose writer forgot to say so. */
-      if (bytes.find("\x1b$") == std::string_view::npos) return text_clean(bytes);
-      name = "iso-2022-jp";
-    } else if (is_utf8(bytes)) {
-      return text_clean(bytes);
-    } else {
-      return text_clean(mixed_to_utf8(bytes));
-    }
-  }
-  /* Text of a one-byte charset is by accident valid UTF-8 next to never: the name is wrong then, not the text. */
-  bool one_byte = starts_with(name, "iso-8859") || starts_with(name, "iso8859") || starts_with(name, "windows-12") ||
-                  starts_with(name, "cp12") || starts_with(name, "koi8") || name == "latin1";
-  if (one_byte && has_high_byte(bytes) && is_utf8(bytes)) return text_clean(bytes);
-
-  std::string out;
-  size_t bad = 0;
-  if (!iconv_to_utf8(bytes, converter_name(name).c_str(), &out, &bad)) return text_clean(mixed_to_utf8(bytes));
-  if (bad > bytes.size() / 10 && is_utf8(bytes)) return text_clean(bytes);
-  /* Some names make the converter pass on what it was given. */
-  return text_clean(is_utf8(out) ? out : mixed_to_utf8(out));
 }
 
 std::string mime_clean_line(std::string_view text, size_t max) {

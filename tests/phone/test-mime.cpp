@@ -55,8 +55,8 @@ TEST(Html, ReadsAsAPersonWould) {
           {"cells of lines", "<table><tr><td>1<br>2</td><td>3</td></tr></table>", "1\n2\n3"},
           {"empty cells", "<table><tr><td></td><td>a</td><td> </td><td>b</td></tr></table>", "a  b"},
           {"links", "<a href='http://x'>here</a><a href=y><img src=z alt=logo></a>", "here[logo]"},
-          {"entities", "&lt;b&gt; &amp;amp; &eacute;&#233;&#xE9; &euro; &#128; &hearts; &nosuch; &copy; &#0;",
-           "<b> &amp; ééé € € ♥ &nosuch; © \xef\xbf\xbd"},
+          {"entities", "&lt;b&gt; &amp;amp; &eacute;&#233;&#xE9; &euro; &#128; &hearts; &nosuch; &copy; &#0;&#xfdd0;",
+           "<b> &amp; ééé € € ♥ &nosuch; © \xef\xbf\xbd\xef\xbf\xbd"},
           {"blanks", "a&nbsp; &nbsp;b \n\t c&shy;d &zwnj;&nbsp;&zwnj; e", "a b cd e"},
           {"letters that need a joiner", "می&zwnj;خواهم", "می\xe2\x80\x8cخواهم"},
           {"preformatted", "<pre>a\n  b\n\nc</pre>", "a\n  b\n\nc"},
@@ -134,6 +134,11 @@ TEST(Charsets, ReadableWhateverTheyClaim) {
        "a\r\nb\rc\x01\x7f\xc2\x85"
        "d",
        "a\nb\nc\nd"},
+      /* What is no character at all, which the bus does not take. */
+      {"utf-8",
+       "a\xef\xbf\xbf\xef\xb7\x90"
+       "b\xf0\x9f\xbf\xbe\xf0\x9f\x98\x80\xef\xbf\xbd",
+       "ab😀�"},
   };
   for (const auto &c : cases) EXPECT_EQ(mime_to_utf8(c.bytes, c.charset), c.text) << (c.charset ? c.charset : "none");
   EXPECT_EQ(mime_to_utf8(std::string_view("a\0b", 3), nullptr), "ab");
@@ -405,6 +410,10 @@ TEST(Hostile, GoesThrough) {
   corpus.emplace_back("many headers", repeat("X-A: b\n", 4 << 20) + "From: a@b.c\n\nx");
   corpus.emplace_back("long header", "From: a@b.c\nSubject: " + repeat("=?utf-8?B?", 4 << 20) + "\n\nx");
   corpus.emplace_back("long address list", "From: " + repeat("\"a\" <b@c>, (", 4 << 20) + "\n\nx");
+  corpus.emplace_back("groups in groups", "From: " + repeat("g:\n ", 160000) + "\n\nx");
+  corpus.emplace_back("groups in a forwarded mail",
+                      with_body("Content-Type: message/rfc822", "Resent-cc : " + repeat("g:", 160000)));
+  corpus.emplace_back("comments in comments", "To: " + repeat("(", 160000) + "\n\nx");
   corpus.emplace_back("long references", "From: a@b.c\nReferences: " + repeat("<a@b> ", 4 << 20) + "\n\nx");
   corpus.emplace_back("long type", "From: a@b.c\nContent-Type: text/plain" + repeat("; a*0=b", 4 << 20) + "\n\nx");
   corpus.emplace_back("long folds", "From: a@b.c\nSubject: a" + repeat("\n ", 4 << 20) + "\n\nx");

@@ -1,0 +1,254 @@
+/* What the header of a message says: encoded words, senders, ids, dates. Used by mime.cpp and mime-parts.cpp. */
+#include "mime-headers.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "gmime-holders.h"
+#include "text.h"
+
+namespace {
+
+struct date_unref {
+  void operator()(GDateTime *date) const {
+    if (date) g_date_time_unref(date);
+  }
+};
+
+struct zone_unref {
+  void operator()(GTimeZone *zone) const { g_time_zone_unref(zone); }
+};
+
+constexpr size_t kMaxAddress = 320, kMaxName = 1024, kMaxUid = 250, kMaxReferences = 20, kMaxHeader = 16384;
+constexpr int64_t kLastTime = INT32_MAX; /* the watch counts seconds in 32 bits */
+
+std::string decode_base64(std::string_view word) {
+  std::string text(word), out(word.size() + 3, '\0');
+  /* Some writers leave out the end's filling, and without it the last bytes would go. */
+  auto digits =
+      std::count_if(text.begin(), text.end(), [](char c) { return g_ascii_isalnum(c) || c == '+' || c == '/'; });
+  if (digits % 4 > 1 && text.find('=') == std::string::npos) text.append(4 - static_cast<size_t>(digits % 4), '=');
+  int state = 0;
+  guint32 save = 0;
+  size_t size = g_mime_encoding_base64_decode_step(reinterpret_cast<const unsigned char *>(text.data()), text.size(),
+                                                   reinterpret_cast<unsigned char *>(out.data()), &state, &save);
+  out.resize(size);
+  return out;
+}
+
+std::string decode_quoted(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); i++) {
+    if (text[i] == '=' && i + 2 < text.size() && g_ascii_isxdigit(text[i + 1]) && g_ascii_isxdigit(text[i + 2])) {
+      out += static_cast<char>(g_ascii_xdigit_value(text[i + 1]) * 16 + g_ascii_xdigit_value(text[i + 2]));
+      i += 2;
+    } else {
+      out += text[i] == '_' ? ' ' : text[i];
+    }
+  }
+  return out;
+}
+
+/* Reads an encoded word that begins at text[at]. Returns the position after it, 0 when there is none. */
+size_t encoded_word(std::string_view text, size_t at, std::string *charset, std::string *bytes) {
+  if (text.substr(at, 2) != "=?") return 0;
+  size_t name_end = text.substr(0, std::min(text.size(), at + 80)).find('?', at + 2);
+  if (name_end == std::string_view::npos || name_end + 2 >= text.size() || text[name_end + 2] != '?') return 0;
+  char encoding = g_ascii_toupper(text[name_end + 1]);
+  /* Far longer than any real one is: a header full of beginnings is not searched to its end for each of them. */
+  size_t end = text.substr(0, std::min(text.size(), name_end + 4096)).find("?=", name_end + 3);
+  if ((encoding != 'B' && encoding != 'Q') || end == std::string_view::npos) return 0;
+  std::string_view payload = text.substr(name_end + 3, end - name_end - 3);
+  /* An end that belongs to another word: this one was cut off. */
+  if (payload.find("=?") != std::string_view::npos) return 0;
+  *charset = text.substr(at + 2, name_end - at - 2);
+  size_t language = charset->find('*');
+  if (language != std::string::npos) charset->resize(language);
+  *bytes = encoding == 'B' ? decode_base64(payload) : decode_quoted(payload);
+  return end + 2;
+}
+
+void replace_all(std::string *text, std::string_view from, std::string_view to) {
+  for (size_t at = 0; (at = text->find(from, at)) != std::string::npos; at += to.size())
+    text->replace(at, from.size(), to);
+}
+
+/* Takes the place of "=?" while the library parses addresses, so that it leaves encoded words alone. */
+constexpr char kWordMark[] = "=~{~";
+
+/* The first one that has a domain; the first of all when none has: a name with a comma that nobody quoted reads as two
+   mailboxes. */
+bool first_mailbox(InternetAddressList *list, std::string *address, std::string *name, bool with_domain,
+                   int depth = 0) {
+  int count = list ? internet_address_list_length(list) : 0;
+  for (int i = 0; i < count && i < 100; i++) {
+    InternetAddress *entry = internet_address_list_get_address(list, i);
+    if (INTERNET_ADDRESS_IS_MAILBOX(entry)) {
+      const char *text = internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(entry));
+      const char *display = internet_address_get_name(entry);
+      if (with_domain && !(text && strchr(text, '@'))) continue;
+      *address = mime_clean_line(text ? text : "", kMaxAddress);
+      std::string words = display ? display : "";
+      replace_all(&words, kWordMark, "=?");
+      if (name) *name = mime_clean_line(header_decode(words), kMaxName);
+      return true;
+    }
+    if (depth < 3 && INTERNET_ADDRESS_IS_GROUP(entry) &&
+        first_mailbox(internet_address_group_get_members(INTERNET_ADDRESS_GROUP(entry)), address, name, with_domain,
+                      depth + 1))
+      return true;
+  }
+  return false;
+}
+
+bool first_address(GMimeMessage *message, const char *header, std::string *address, std::string *name) {
+  std::string value = header_raw(message, header);
+  replace_all(&value, "=?", kWordMark);
+  object_holder<InternetAddressList> list(internet_address_list_parse(header_options(), value.c_str()));
+  return list && (first_mailbox(list.get(), address, name, true) || first_mailbox(list.get(), address, name, false));
+}
+
+/* A sender that is no mailbox at all is still who it says it is from. */
+void split_sender(const std::string &text, mime_mail *mail) {
+  size_t open = text.rfind('<'), close = text.rfind('>');
+  if (open != std::string::npos && close != std::string::npos && open < close) {
+    mail->from_address = mime_clean_line(text.substr(open + 1, close - open - 1), kMaxAddress);
+    mail->from_name = mime_clean_line(text.substr(0, open), kMaxName);
+  } else {
+    (text.find('@') == std::string::npos ? mail->from_name : mail->from_address) = mime_clean_line(text, kMaxAddress);
+  }
+  while (mail->from_name.ends_with(';') || mail->from_name.ends_with(':')) mail->from_name.pop_back();
+}
+
+/* An id that can be repeated in a header without changing it. */
+bool usable_id(const char *id) {
+  if (!id || !*id) return false;
+  size_t length = 0;
+  for (; id[length]; length++)
+    if (!g_ascii_isgraph(id[length]) || id[length] == '<' || id[length] == '>') return false;
+  return length <= kMaxUid;
+}
+
+void append_references(std::string *out, const char *header) {
+  if (!header) return;
+  GMimeReferences *list = g_mime_references_parse(header_options(), header);
+  int count = g_mime_references_length(list);
+  for (int i = std::max(0, count - static_cast<int>(kMaxReferences)); i < count; i++) {
+    const char *id = g_mime_references_get_message_id(list, i);
+    if (!usable_id(id)) continue;
+    if (!out->empty()) *out += ' ';
+    *out += std::string("<") + id + ">";
+  }
+  g_mime_references_free(list);
+}
+
+int64_t date_seconds(GDateTime *date) {
+  if (!date) return 0;
+  int64_t seconds = g_date_time_to_unix(date);
+  return seconds > 0 && seconds <= kLastTime ? seconds : 0;
+}
+
+}  // namespace
+
+GMimeParserOptions *header_options() {
+  static GMimeParserOptions *options = nullptr;
+  if (options) return options;
+  options = g_mime_parser_options_new();
+  const char *fallbacks[] = {"utf-8", "windows-1252", nullptr};
+  g_mime_parser_options_set_fallback_charsets(options, fallbacks);
+  g_mime_parser_options_set_allow_addresses_without_domain(options, TRUE);
+  return options;
+}
+
+std::string header_raw(GMimeMessage *message, const char *name) {
+  GMimeHeaderList *list = g_mime_object_get_header_list(GMIME_OBJECT(message));
+  GMimeHeader *header = list ? g_mime_header_list_get_header(list, name) : nullptr;
+  const char *value = header ? g_mime_header_get_raw_value(header) : nullptr;
+  return std::string(value ? value : "").substr(0, kMaxHeader);
+}
+
+/* Words of one charset are put together before they are converted: a
+   character that its writer split between two words is whole again, which the library does not do. */
+std::string header_decode(std::string_view text) {
+  std::string out, plain, pending, pending_charset;
+  auto flush_plain = [&] {
+    if (!plain.empty()) out += mime_to_utf8(plain, nullptr);
+    plain.clear();
+  };
+  auto flush_pending = [&] {
+    if (!pending.empty()) out += mime_to_utf8(pending, pending_charset.c_str());
+    pending.clear();
+  };
+  bool after_word = false;
+  for (size_t at = 0; at < text.size();) {
+    std::string charset, bytes;
+    size_t end = encoded_word(text, at, &charset, &bytes);
+    if (end == 0) {
+      plain += text[at++];
+      continue;
+    }
+    /* Blanks between two encoded words only separate them. */
+    bool only_blanks = plain.find_first_not_of(" \t\r\n") == std::string::npos;
+    if (!(after_word && only_blanks)) {
+      flush_pending();
+      flush_plain();
+    }
+    plain.clear();
+    if (charset != pending_charset) flush_pending();
+    pending_charset = charset;
+    pending += bytes;
+    after_word = true;
+    at = end;
+  }
+  flush_pending();
+  flush_plain();
+  return out;
+}
+
+void header_read_sender(GMimeMessage *message, mime_mail *mail) {
+  if (!first_address(message, "From", &mail->from_address, &mail->from_name) &&
+      !first_address(message, "Sender", &mail->from_address, &mail->from_name))
+    split_sender(header_decode(header_raw(message, "From")), mail);
+  if (!first_address(message, "Reply-To", &mail->reply_to, nullptr)) mail->reply_to = mail->from_address;
+}
+
+void header_read_ids(GMimeMessage *message, mime_mail *mail) {
+  const char *id = g_mime_message_get_message_id(message);
+  if (usable_id(id)) mail->message_id = mail->message_uid = id;
+  append_references(&mail->references, g_mime_object_get_header(GMIME_OBJECT(message), "References"));
+  if (mail->references.empty())
+    append_references(&mail->references, g_mime_object_get_header(GMIME_OBJECT(message), "In-Reply-To"));
+}
+
+int64_t mime_date(std::string_view text) {
+  std::string value(text.substr(0, 100));
+  for (char &c : value)
+    if (c == '\r' || c == '\n' || c == '\0') c = ' ';
+  std::unique_ptr<GDateTime, date_unref> date(g_mime_utils_header_decode_date(value.c_str()));
+  if (!date) { /* wrong, but clear */
+    std::unique_ptr<GTimeZone, zone_unref> utc(g_time_zone_new_utc());
+    date.reset(g_date_time_new_from_iso8601(g_strstrip(value.data()), utc.get()));
+  }
+  return date_seconds(date.get());
+}
+
+int64_t mime_arrival(std::string_view head) {
+  int64_t written = 0;
+  for (size_t line = 0; line < head.size() && head[line] != '\n' && head[line] != '\r';) {
+    /* A header goes on in the lines that begin with a blank. */
+    size_t end = head.find('\n', line);
+    while (end != std::string_view::npos && end + 1 < head.size() && (head[end + 1] == ' ' || head[end + 1] == '\t'))
+      end = head.find('\n', end + 1);
+    if (end == std::string_view::npos) break;
+    std::string_view header = head.substr(line, end - line);
+    if (header.size() > 9 && g_ascii_strncasecmp(header.data(), "received:", 9) == 0) {
+      size_t date = header.rfind(';');
+      int64_t arrival = date == std::string_view::npos ? 0 : mime_date(header.substr(date + 1));
+      if (arrival > 0) return arrival;
+    } else if (written == 0 && header.size() > 5 && g_ascii_strncasecmp(header.data(), "date:", 5) == 0) {
+      written = mime_date(header.substr(5));
+    }
+    line = end + 1;
+  }
+  return written;
+}

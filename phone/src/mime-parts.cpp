@@ -1,0 +1,240 @@
+/* Which of a message's parts is the text to read, and the facts about the rest. Used by mime.cpp. */
+#include "mime-parts.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "gmime-holders.h"
+#include "mime-headers.h"
+#include "text.h"
+
+namespace {
+
+/* What is known while one message is walked through. */
+constexpr size_t kMaxSubject = 4096;
+
+struct walk {
+  const mime_limits *limits;
+  int parts = 0;
+  int attachments = 0;
+  bool image = false;
+  GMimeMessage *forwarded = nullptr; /* the first mail that is attached; the message's own */
+};
+
+/* How good a child of an alternative is as text to read. */
+enum alternative_rank { RANK_NONE = 0, RANK_OTHER = 1, RANK_MARKUP = 2, RANK_PLAIN = 3 };
+
+std::string content_bytes(GMimePart *part, size_t max) {
+  GMimeDataWrapper *wrapper = g_mime_part_get_content(part);
+  if (!wrapper) return "";
+  GMimeStream *raw = g_mime_data_wrapper_get_stream(wrapper);
+  if (!raw) return "";
+  g_mime_stream_reset(raw);
+  object_holder<GMimeStream> stream(g_mime_stream_filter_new(raw));
+  GMimeContentEncoding encoding = g_mime_data_wrapper_get_encoding(wrapper);
+  if (encoding == GMIME_CONTENT_ENCODING_BASE64 || encoding == GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE ||
+      encoding == GMIME_CONTENT_ENCODING_UUENCODE) {
+    object_holder<GMimeFilter> decode(g_mime_filter_basic_new(encoding, FALSE));
+    g_mime_stream_filter_add(GMIME_STREAM_FILTER(stream.get()), decode.get());
+  }
+  std::string out;
+  char buffer[16384];
+  while (out.size() < max) {
+    ssize_t got = g_mime_stream_read(stream.get(), buffer, std::min(sizeof buffer, max - out.size()));
+    if (got <= 0) break;
+    out.append(buffer, static_cast<size_t>(got));
+  }
+  return out;
+}
+
+/* The charset that the document names itself, for parts whose header names none. */
+std::string html_charset(std::string_view html) {
+  std::string head(html.substr(0, 2048));
+  for (char &c : head) c = g_ascii_tolower(c);
+  size_t at = head.find("<meta");
+  if (at == std::string::npos) return "";
+  at = head.find("charset=", at);
+  if (at == std::string::npos) return "";
+  at += 8;
+  std::string name;
+  while (at < head.size() && name.size() < 40 && (g_ascii_isalnum(head[at]) || strchr("-_:\"'.", head[at]))) {
+    if (head[at] != '"' && head[at] != '\'') name += head[at];
+    at++;
+  }
+  return name;
+}
+
+std::string text_of_leaf(GMimePart *part, const char *subtype, walk *w) {
+  GMimeContentType *type = g_mime_object_get_content_type(GMIME_OBJECT(part));
+  const char *charset = type ? g_mime_content_type_get_parameter(type, "charset") : nullptr;
+  bool html = g_ascii_strcasecmp(subtype, "html") == 0;
+  /* HTML is mostly markup: more of it is read than is wanted of its text. */
+  std::string bytes = content_bytes(part, html ? w->limits->text * 4 : w->limits->text * 2);
+  if (html) {
+    std::string named = charset && *charset ? charset : html_charset(bytes);
+    std::string text = mime_to_utf8(bytes, named.c_str());
+    return mime_html_to_text(text, w->limits->text, &w->image);
+  }
+  std::string text = mime_to_utf8(bytes, charset);
+  size_t start = std::min(text.find_first_not_of(" \n\t"), text.size());
+  for (const char *document : {"<!doctype html", "<html"}) /* whatever the part's header calls it */
+    if (g_ascii_strncasecmp(text.c_str() + start, document, strlen(document)) == 0)
+      return mime_html_to_text(text, w->limits->text, &w->image);
+  if (g_ascii_strcasecmp(subtype, "enriched") == 0 || g_ascii_strcasecmp(subtype, "richtext") == 0)
+    return mime_html_to_text(text, w->limits->text, nullptr);
+  if (g_ascii_strcasecmp(subtype, "calendar") == 0) return calendar_to_text(text);
+  const char *format = type ? g_mime_content_type_get_parameter(type, "format") : nullptr;
+  if (format && g_ascii_strcasecmp(format, "flowed") == 0) {
+    const char *delsp = g_mime_content_type_get_parameter(type, "delsp");
+    text = plain_unflow(text, delsp && g_ascii_strcasecmp(delsp, "yes") == 0);
+  }
+  return plain_tidy(plain_without_armour(text));
+}
+
+bool is_attached(GMimeObject *object) {
+  const char *disposition = g_mime_object_get_disposition(object);
+  return disposition && g_ascii_strcasecmp(disposition, "attachment") == 0;
+}
+
+bool is_type(GMimeObject *object, const char *type, const char *subtype) {
+  GMimeContentType *content = g_mime_object_get_content_type(object);
+  return content && g_mime_content_type_is_type(content, type, subtype);
+}
+
+std::string walk_object(GMimeObject *object, walk *w, int depth, GMimeObject *parent);
+
+bool mentions_html(std::string_view text) {
+  for (size_t at = 0; at + 4 <= text.size(); at++)
+    if (g_ascii_strncasecmp(text.data() + at, "html", 4) == 0) return true;
+  return false;
+}
+
+std::string walk_alternative(GMimeMultipart *multipart, walk *w, int depth) {
+  std::string best, markup;
+  int best_rank = RANK_NONE;
+  int count = g_mime_multipart_get_count(multipart);
+  for (int i = 0; i < count && w->parts < w->limits->parts; i++) {
+    GMimeObject *child = g_mime_multipart_get_part(multipart, i);
+    /* Every branch is walked: pictures of the one that is not shown are missed on the watch all the same. */
+    std::string text = walk_object(child, w, depth + 1, GMIME_OBJECT(multipart));
+    if (text.empty()) continue;
+    int rank = RANK_MARKUP;
+    if (is_type(child, "text", "plain"))
+      rank = RANK_PLAIN;
+    else if (is_type(child, "text", "*") && !is_type(child, "text", "html"))
+      rank = RANK_OTHER;
+    if (rank == RANK_MARKUP) markup = text;
+    if (rank >= best_rank) {
+      best = std::move(text);
+      best_rank = rank;
+    }
+  }
+  /* A plain form that only says to look at the other one. */
+  constexpr size_t kExcuse = 400;
+  if (best_rank == RANK_PLAIN && best.size() < kExcuse && markup.size() > best.size() && mentions_html(best))
+    return markup;
+  return best;
+}
+
+std::string walk_multipart(GMimeMultipart *multipart, walk *w, int depth) {
+  auto *object = GMIME_OBJECT(multipart);
+  if (is_type(object, "multipart", "alternative")) return walk_alternative(multipart, w, depth);
+  if (is_type(object, "multipart", "encrypted")) {
+    w->attachments++; /* there is something, only not for here */
+    return "";
+  }
+  int count = g_mime_multipart_get_count(multipart);
+  if (is_type(object, "multipart", "signed") || is_type(object, "multipart", "report")) count = std::min(count, 1);
+  std::string out;
+  for (int i = 0; i < count && w->parts < w->limits->parts; i++) {
+    std::string text = walk_object(g_mime_multipart_get_part(multipart, i), w, depth + 1, object);
+    if (text.empty() || out.size() >= w->limits->text) continue;
+    if (!out.empty()) out += "\n\n";
+    out += text;
+  }
+  return out;
+}
+
+std::string walk_leaf(GMimeObject *object, walk *w, GMimeObject *parent) {
+  GMimeContentType *type = g_mime_object_get_content_type(object);
+  const char *media = type ? g_mime_content_type_get_media_type(type) : "text";
+  const char *subtype = type ? g_mime_content_type_get_media_subtype(type) : "plain";
+  /* What names no type and subtype is text, as a part that says nothing is. */
+  const char *named = g_mime_object_get_header(object, "Content-Type");
+  if (!media || !subtype || (named && !strchr(named, '/'))) {
+    media = "text";
+    subtype = "plain";
+  }
+  bool related = parent && is_type(parent, "multipart", "related");
+  bool alternative = parent && is_type(parent, "multipart", "alternative");
+  bool attached = is_attached(object);
+  if (g_ascii_strcasecmp(media, "text") == 0) {
+    const char *file = g_mime_part_get_filename(GMIME_PART(object));
+    bool readable = g_ascii_strcasecmp(subtype, "plain") == 0 || g_ascii_strcasecmp(subtype, "html") == 0 ||
+                    g_ascii_strcasecmp(subtype, "enriched") == 0 || g_ascii_strcasecmp(subtype, "richtext") == 0 ||
+                    g_ascii_strcasecmp(subtype, "calendar") == 0;
+    if (!attached && !(file && parent) && (readable || alternative || !parent))
+      return text_of_leaf(GMIME_PART(object), subtype, w);
+    if (!attached && related) return "";
+    w->attachments++;
+    return "";
+  }
+  if (g_ascii_strcasecmp(media, "image") == 0 && (!attached || (related && g_mime_object_get_content_id(object)))) {
+    w->image = true;
+    return "";
+  }
+  if (g_ascii_strcasecmp(media, "application") == 0 &&
+      (g_ascii_strcasecmp(subtype, "pgp-signature") == 0 || g_ascii_strcasecmp(subtype, "pkcs7-signature") == 0 ||
+       g_ascii_strcasecmp(subtype, "x-pkcs7-signature") == 0))
+    return "";
+  if (alternative && !attached) return ""; /* another form of the same text */
+  w->attachments++;
+  return "";
+}
+
+std::string walk_object(GMimeObject *object, walk *w, int depth, GMimeObject *parent) {
+  if (!object || depth > w->limits->depth || w->parts >= w->limits->parts) return "";
+  w->parts++;
+  if (GMIME_IS_MULTIPART(object)) return walk_multipart(GMIME_MULTIPART(object), w, depth);
+  if (GMIME_IS_MESSAGE_PART(object)) {
+    /* A forwarded mail is something attached; it is read in place only where there is nothing else to read. */
+    GMimeMessage *inner = g_mime_message_part_get_message(GMIME_MESSAGE_PART(object));
+    if (!parent) return inner ? walk_object(g_mime_message_get_mime_part(inner), w, depth + 1, object) : "";
+    w->attachments++;
+    if (!w->forwarded) w->forwarded = inner;
+    return "";
+  }
+  if (GMIME_IS_PART(object)) return walk_leaf(object, w, parent);
+  w->attachments++;
+  return "";
+}
+
+/* For a mail without any text: the first mail inside it, or what stands there when its parts cannot be told apart. */
+std::string anything_to_read(GMimeObject *top, std::string_view raw, walk *w) {
+  if (w->forwarded) {
+    walk inner = {w->limits, w->parts};
+    std::string subject = mime_clean_line(header_decode(header_raw(w->forwarded, "Subject")), kMaxSubject);
+    std::string text = walk_object(g_mime_message_get_mime_part(w->forwarded), &inner, 1, nullptr);
+    return subject.empty() || text.empty() ? subject + text : subject + "\n\n" + text;
+  }
+  if (!top || !GMIME_IS_MULTIPART(top) || g_mime_multipart_get_count(GMIME_MULTIPART(top)) > 0) return "";
+  return plain_tidy(mime_to_utf8(parts_behind_header(raw).substr(0, w->limits->text), nullptr));
+}
+
+}  // namespace
+
+std::string_view parts_behind_header(std::string_view raw) {
+  size_t body = std::min(raw.find("\n\n"), raw.find("\n\r\n"));
+  return body == std::string_view::npos ? std::string_view() : raw.substr(body);
+}
+
+void parts_read(GMimeMessage *message, std::string_view raw, const mime_limits &limits, mime_mail *mail) {
+  walk w;
+  w.limits = &limits;
+  GMimeObject *top = g_mime_message_get_mime_part(message);
+  mail->body = walk_object(top, &w, 0, nullptr);
+  if (mail->body.empty()) mail->body = anything_to_read(top, raw, &w);
+  if (mail->body.size() > limits.text) mail->body.resize(mime_cut(mail->body, 0, limits.text));
+  mail->attachment_count = w.attachments;
+  mail->has_image = w.image;
+}
