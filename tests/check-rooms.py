@@ -20,7 +20,8 @@ ROOMS = {
     "service": (["service", "common", "platform"], [EFL, re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|systemd/)"),
                                                     re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^schema\.h$")]),
     "phone": (["phone", "platform/inc"], [re.compile(r"^(gmime|glib|gio)"), re.compile(r"^(sqlite3\.h|systemd/)"),
-                                          re.compile(r"^(nlohmann|CLI)/")]),
+                                          re.compile(r"^(nlohmann|CLI)/"),
+                                          re.compile(r"^(seccomp\.h|linux/landlock\.h)$")]),
     "tools": (["tools", "platform/inc", "platform/bus"], [EFL, re.compile(r"^gio/"), re.compile(r"^systemd/"), re.compile(r"^(nlohmann|CLI)/")]),
 }
 

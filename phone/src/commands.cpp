@@ -8,6 +8,7 @@
 
 #include "link.h"
 #include "mail-files.h"
+#include "parser.h"
 #include "relay.h"
 
 namespace {
@@ -94,7 +95,7 @@ int send_found(const found_mail &found, void *user_data) {
   auto *s = static_cast<sending *>(user_data);
   mime_mail mail;
   std::string error;
-  if (mime_parse(found.raw, mime_limits(), &mail, &error) < 0) {
+  if (parser_read(found.raw, mime_limits(), &mail, &error) != PARSER_DONE) {
     link_log(*found.name + ": " + error);
     s->broken++;
     return 0;
@@ -357,7 +358,7 @@ int command_demo(const std::string &dir) {
     std::string raw;
     mime_mail mail;
     if (mail_file_read(dir + "/" + file, mime_limits().message, &raw, &error) < 0) return complain(error);
-    if (mime_parse(raw, mime_limits(), &mail, &error) < 0) return complain(file + ": " + error);
+    if (parser_read(raw, mime_limits(), &mail, &error) != PARSER_DONE) return complain(file + ": " + error);
     if (there.count(mail.message_uid)) continue; /* a second run adds nothing */
     send_options options;
     options.account_id = account->second;

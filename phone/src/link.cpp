@@ -7,6 +7,7 @@
 
 #include "../mime.h"
 #include "mail-files.h"
+#include "parser.h"
 
 struct phone_link {
   phone_state *state;
@@ -198,7 +199,8 @@ int body_of(const sent_mail &mail, std::string *body, std::string *error) {
     *error = "the mail went to the watch as a whole";
     return -1;
   }
-  if (mail_source_read(mail.source, limits.message, &raw, error) < 0 || mime_parse(raw, limits, &parsed, error) < 0)
+  if (mail_source_read(mail.source, limits.message, &raw, error) < 0 ||
+      parser_read(raw, limits, &parsed, error) != PARSER_DONE)
     return -1;
   if (parsed.message_uid != mail.message_uid) {
     *error = "another mail is in its place";

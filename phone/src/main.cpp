@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "commands.h"
+#include "parser.h"
 #include "relay.h"
 
 namespace {
@@ -198,6 +199,9 @@ int main(int argc, char **argv) {
     outbox_options(&settings.outbox);
     exit_code = relay_run(settings);
   });
+
+  /* Reads foreign mail for the others; started by them. */
+  app.add_subcommand("read-mail")->group("")->callback([&] { exit_code = parser_serve(); });
 
   /* The relay's own helper, started by it for each reply. */
   CLI::App *deliver = app.add_subcommand("deliver-reply")->group("");

@@ -1,4 +1,4 @@
-/* Which of a message's parts is the text to read, and the facts about the rest. Used by mime.cpp. */
+/* Which of a message's parts is the text to read, and the facts about the rest. Used by mime-message.cpp. */
 #include "mime-parts.h"
 
 #include <algorithm>

@@ -17,6 +17,7 @@
 
 #include "../mime.h"
 #include "link.h"
+#include "parser.h"
 #include "reply.h"
 #include "send.h"
 #include "sql.h"
@@ -220,7 +221,7 @@ void advance(progress *p, size_t count) {
    says. A date in the future would stay on top for ever. */
 int64_t arrival_time(std::string_view head, int64_t file_time) {
   int64_t latest = now_seconds() + kSoon;
-  int64_t arrival = mime_arrival(head);
+  int64_t arrival = parser_arrival(head);
   if (arrival > 0 && arrival <= latest) return arrival;
   return std::clamp<int64_t>(file_time, 1, INT32_MAX);
 }
@@ -230,7 +231,10 @@ int read_mail(followed *a, const mailbox_item &item, mime_mail *mail, int64_t *s
   int64_t arrival = 0;
   mime_limits limits;
   if (a->settings.kind->read(a->settings.path, item, limits.message, &raw, &arrival, size, error) < 0) return 1;
-  if (mime_parse(raw, limits, mail, error) == 0) return 0;
+  parser_result result = parser_read(raw, limits, mail, error);
+  if (result == PARSER_DONE) return 0;
+  if (result == PARSER_SET_ASIDE) return -1;
+  if (result == PARSER_LATER) return 1;
   /* What is just being written is not broken yet; its end is an event of its own. */
   return now_seconds() - arrival < 5 ? 1 : -1;
 }

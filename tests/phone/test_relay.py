@@ -3,6 +3,7 @@ import email
 import email.policy
 import os
 import pathlib
+import re
 import time
 
 from phone_test import (Maildir, Relay, Sendmail, body_text, by_uid, delete_on_watch, equal, host_pid, main, message,
@@ -248,6 +249,46 @@ def test_hostile_mail_stops_nothing(s):
         s.wait(lambda: "slow@x" in uids(s), "the beginning")
         out.write("Subject: whole\n\nand its text\n")
     s.wait(lambda: by_uid(s).get("slow@x", {}).get("subject") == "whole", "the whole mail")
+    relay.kill()
+
+
+def parsers(relay):
+    children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children").read_text().split()
+    return [int(pid) for pid in children if b"read-mail" in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes()]
+
+
+def test_a_dying_reader_costs_one_mail(s):
+    """The process that reads mail is killed whenever it is at the one mail that takes it long."""
+    box = Maildir(s.dir / "box")
+    relay = Relay(s, "--maildir", f"me@example.org={box.path}")
+    box.deliver(message("before@x"))
+    s.wait(lambda: "before@x" in uids(s), "a mail before it")
+    first = parsers(relay)[0]
+    os.kill(first, 9)
+    box.deliver(message("between@x"))
+    s.wait(lambda: "between@x" in uids(s), "a mail for a new reader")
+    equal([pid == first for pid in parsers(relay)], [False], "the reader is another")
+    limits = pathlib.Path(f"/proc/{parsers(relay)[0]}/limits").read_text()
+    seccomp = pathlib.Path(f"/proc/{parsers(relay)[0]}/status").read_text()
+    assert "Seccomp:\t2" in seccomp and "NoNewPrivs:\t1" in seccomp, seccomp
+    assert re.search(r"Max file size +0 ", limits) and re.search(r"Max stack size +8388608 ", limits), limits
+
+    deadly = box.deliver(message("deadly@x", body="\n--\n" * 15000 + "x\n" * 15000000))
+
+    def killed_until_left_out():
+        for pid in parsers(relay):
+            if int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[1]) > 8000:  # pages: it holds the large one
+                os.kill(pid, 9)
+        return "it is left out" in relay.log()
+
+    s.wait(killed_until_left_out, "the mail that is set aside")
+    assert deadly in relay.log() and "ends whoever reads it" in relay.log(), relay.log()
+    box.deliver(message("after@x"))
+    s.wait(lambda: uids(s) == {"before@x", "between@x", "after@x"}, "the mails around it")
+    relay.kill()
+    relay.start()
+    box.deliver(message("later@x"))
+    s.wait(lambda: uids(s) == {"before@x", "between@x", "after@x", "later@x"}, "and it is not read again")
     relay.kill()
 
 

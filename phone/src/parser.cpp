@@ -1,0 +1,335 @@
+/* Both ends of the parser process: the program that asks, and the process that reads. */
+#include "parser.h"
+
+#include <fcntl.h>
+#include <glib.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "cage.h"
+
+namespace {
+
+/* Of the process, for one message. The longest in the corpus takes 0.4 s; a process that waits for the processor on a
+   crowded machine is not one that hangs, so its own time counts, and the other only ends one that does nothing. */
+constexpr int64_t kProcessorTime = 20, kWaitingTime = 120; /* seconds */
+constexpr size_t kMaxHeaders = 64u << 10;                  /* bytes of any text that is not the body */
+constexpr rlim_t kStack = 8u << 20;
+constexpr int kNotStarted = 127; /* its exit code when the program could not be run */
+
+enum request_kind : uint32_t { REQUEST_MAIL = 1, REQUEST_ARRIVAL = 2 };
+
+/* What goes over the socket before the bytes. Both ends are the same program. */
+struct request_head {
+  uint32_t kind;
+  uint64_t size;
+  mime_limits limits;
+};
+
+constexpr size_t kTexts = 9;
+
+struct answer_head {
+  int32_t result; /* of mime_parse() */
+  int32_t walls;  /* of the cage, CAGE_ */
+  uint64_t sizes[kTexts];
+  int64_t date; /* or the arrival */
+  int32_t attachment_count;
+  uint8_t has_image, seen;
+};
+
+std::array<std::string *, kTexts> texts_of(mime_mail *mail, std::string *error) {
+  return {&mail->subject,    &mail->from_address, &mail->from_name,
+          &mail->reply_to,   &mail->body,         &mail->message_uid,
+          &mail->message_id, &mail->references,   error};
+}
+
+/* --- the program that asks --- */
+
+struct parser_process {
+  pid_t pid = -1;
+  int socket = -1;
+  bool told = false; /* that the cage has a hole */
+};
+
+parser_process process;
+
+int64_t monotonic_seconds() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec;
+}
+
+int64_t processor_seconds(pid_t pid) {
+  clockid_t clock;
+  timespec used = {};
+  if (clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &used) < 0) return 0;
+  return used.tv_sec;
+}
+
+/* In the child, before the program runs: only calls that are safe there. */
+[[noreturn]] void become_parser(int socket) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  rlimit stack = {kStack, kStack};
+  setrlimit(RLIMIT_STACK, &stack);
+  int silence = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (silence < 0 || dup2(socket, 0) < 0 || dup2(silence, 1) < 0 || dup2(silence, 2) < 0) _exit(kNotStarted);
+  close_range(3, ~0u, 0);
+  const char *zone = getenv("TZ");
+  static char zone_text[256];
+  if (zone) snprintf(zone_text, sizeof zone_text, "TZ=%s", zone);
+  char name[] = "brisel-phone", command[] = "read-mail";
+  char *arguments[] = {name, command, nullptr};
+  char *environment[] = {zone ? zone_text : nullptr, nullptr};
+  execve("/proc/self/exe", arguments, environment);
+  _exit(kNotStarted);
+}
+
+int start_process(std::string *error) {
+  if (process.pid > 0) return 0;
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) < 0) {
+    *error = std::string("no reader of mail: ") + strerror(errno);
+    return -1;
+  }
+  pid_t pid = fork();
+  if (pid == 0) become_parser(ends[1]);
+  close(ends[1]);
+  if (pid < 0) {
+    *error = std::string("no reader of mail: ") + strerror(errno);
+    close(ends[0]);
+    return -1;
+  }
+  process.pid = pid;
+  process.socket = ends[0];
+  return 0;
+}
+
+/* Ends the process; returns what waitpid() says of it. */
+int end_process() {
+  if (process.pid <= 0) return 0;
+  close(process.socket);
+  kill(process.pid, SIGKILL);
+  int status = 0;
+  while (waitpid(process.pid, &status, 0) < 0 && errno == EINTR) continue;
+  process.pid = -1;
+  process.socket = -1;
+  return status;
+}
+
+enum exchange_result { EXCHANGE_DONE, EXCHANGE_DIED, EXCHANGE_HUNG };
+
+struct exchange {
+  std::string_view head, body; /* still to be written */
+  char *in = nullptr;          /* where the next bytes go */
+  size_t left = 0;             /* of them */
+  int64_t until = 0, processor_until = 0;
+};
+
+/* Writes what is to be written, and reads until `left` bytes came. */
+exchange_result run_exchange(exchange *e) {
+  while (e->left > 0) {
+    bool writing = !e->head.empty() || !e->body.empty();
+    pollfd wait = {process.socket, static_cast<short>(writing ? POLLIN | POLLOUT : POLLIN), 0};
+    int ready = poll(&wait, 1, 1000);
+    if (ready < 0 && errno != EINTR) return EXCHANGE_DIED;
+    if (ready <= 0) {
+      if (monotonic_seconds() >= e->until || processor_seconds(process.pid) >= e->processor_until) return EXCHANGE_HUNG;
+      continue;
+    }
+    if (wait.revents & POLLOUT) {
+      std::string_view *out = e->head.empty() ? &e->body : &e->head;
+      ssize_t done = send(process.socket, out->data(), out->size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (done < 0 && errno != EAGAIN && errno != EINTR) return EXCHANGE_DIED;
+      if (done > 0) out->remove_prefix(static_cast<size_t>(done));
+    }
+    if (wait.revents & (POLLIN | POLLHUP | POLLERR)) {
+      ssize_t got = recv(process.socket, e->in, e->left, MSG_DONTWAIT);
+      if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) return EXCHANGE_DIED;
+      if (got > 0) {
+        e->in += got;
+        e->left -= static_cast<size_t>(got);
+      }
+    }
+  }
+  return EXCHANGE_DONE;
+}
+
+/* The answer comes from where foreign bytes ruled: it is believed in nothing. */
+bool is_clean(const std::string &text) {
+  return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr);
+}
+
+/* One question and its answer. `answer` is filled in when it is done. */
+exchange_result ask(request_kind kind, std::string_view raw, const mime_limits &limits, answer_head *answer,
+                    std::array<std::string, kTexts> *texts) {
+  request_head head = {};
+  head.kind = kind;
+  head.size = raw.size();
+  head.limits = limits;
+  exchange e;
+  e.head = std::string_view(reinterpret_cast<const char *>(&head), sizeof head);
+  e.body = raw;
+  e.in = reinterpret_cast<char *>(answer);
+  e.left = sizeof *answer;
+  e.until = monotonic_seconds() + kWaitingTime;
+  e.processor_until = processor_seconds(process.pid) + kProcessorTime;
+  exchange_result result = run_exchange(&e);
+  if (result != EXCHANGE_DONE) return result;
+  size_t all = 0;
+  for (uint64_t size : answer->sizes) {
+    if (size > limits.text + kMaxHeaders) return EXCHANGE_DIED;
+    all += size;
+  }
+  std::string text(all, '\0');
+  e.in = text.data();
+  e.left = all;
+  result = run_exchange(&e);
+  for (size_t i = 0, at = 0; i < kTexts && result == EXCHANGE_DONE; at += answer->sizes[i], i++)
+    (*texts)[i] = text.substr(at, answer->sizes[i]);
+  return result;
+}
+
+void tell_holes(int walls) {
+  if (process.told || (walls & CAGE_CALLS)) return;
+  process.told = true;
+  fprintf(stderr,
+          "brisel-phone: this kernel offers no filter of system calls (seccomp): mail is read in a process with "
+          "bounds, but not in a cage\n");
+}
+
+std::string reason_of_death(int status) {
+  if (WIFSIGNALED(status)) return std::string("it ends whoever reads it (") + strsignal(WTERMSIG(status)) + ")";
+  return "it ends whoever reads it (exit code " + std::to_string(WEXITSTATUS(status)) + ")";
+}
+
+parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limits &limits, answer_head *answer,
+                        std::array<std::string, kTexts> *texts, std::string *error) {
+  /* A process can be killed for reasons that are not the mail's. One that dies of it twice does so again. */
+  for (int attempt = 0; attempt < 2; attempt++) {
+    if (start_process(error) < 0) return PARSER_LATER;
+    exchange_result result = ask(kind, raw, limits, answer, texts);
+    if (result == EXCHANGE_DONE) {
+      tell_holes(answer->walls);
+      return PARSER_DONE;
+    }
+    /* Of one that ended by itself the status is its own, not the signal sent here. */
+    int status = end_process();
+    if (result == EXCHANGE_HUNG) {
+      *error = "reading it takes too long";
+      return PARSER_SET_ASIDE;
+    }
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kNotStarted) {
+      *error = "no reader of mail: the program cannot be started";
+      return PARSER_LATER;
+    }
+    *error = reason_of_death(status);
+  }
+  return PARSER_SET_ASIDE;
+}
+
+/* --- the process that reads --- */
+
+bool read_all(void *to, size_t size) {
+  auto *at = static_cast<char *>(to);
+  while (size > 0) {
+    ssize_t got = read(0, at, size);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    at += got;
+    size -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+bool write_all(const void *from, size_t size) {
+  const auto *at = static_cast<const char *>(from);
+  while (size > 0) {
+    ssize_t done = write(0, at, size);
+    if (done < 0 && errno == EINTR) continue;
+    if (done <= 0) return false;
+    at += done;
+    size -= static_cast<size_t>(done);
+  }
+  return true;
+}
+
+}  // namespace
+
+parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_mail *mail, std::string *error) {
+  *mail = mime_mail();
+  answer_head answer = {};
+  std::array<std::string, kTexts> texts;
+  parser_result result = ask_twice(REQUEST_MAIL, raw.substr(0, limits.message), limits, &answer, &texts, error);
+  if (result != PARSER_DONE) return result;
+  if (!std::all_of(texts.begin(), texts.end(), is_clean)) {
+    *error = "what was read is no clean text";
+    return PARSER_SET_ASIDE;
+  }
+  std::array<std::string *, kTexts> to = texts_of(mail, error);
+  for (size_t i = 0; i < kTexts; i++) *to[i] = std::move(texts[i]);
+  mail->date = std::clamp<int64_t>(answer.date, 0, INT32_MAX);
+  mail->attachment_count = std::max(answer.attachment_count, 0);
+  mail->has_image = answer.has_image != 0;
+  mail->seen = answer.seen != 0;
+  if (answer.result == 0 && !mail->message_uid.empty()) return PARSER_DONE;
+  *error = mime_clean_line(*error, 200);
+  return PARSER_NO_MAIL;
+}
+
+int64_t parser_arrival(std::string_view head) {
+  answer_head answer = {};
+  std::array<std::string, kTexts> texts;
+  std::string error;
+  if (ask_twice(REQUEST_ARRIVAL, head, mime_limits(), &answer, &texts, &error) != PARSER_DONE) return 0;
+  return std::clamp<int64_t>(answer.date, 0, INT32_MAX);
+}
+
+void parser_close() {
+  end_process();
+}
+
+int parser_serve() {
+  signal(SIGPIPE, SIG_IGN);
+  mime_init();
+  int walls = cage_enter();
+  std::string raw;
+  for (request_head head; read_all(&head, sizeof head);) {
+    raw.resize(head.size);
+    if (!read_all(raw.data(), raw.size())) break;
+    mime_mail mail;
+    std::string error;
+    answer_head answer = {};
+    answer.walls = walls;
+    if (head.kind == REQUEST_ARRIVAL) {
+      answer.date = mime_arrival(raw);
+    } else {
+      answer.result = mime_parse(raw, head.limits, &mail, &error);
+      answer.date = mail.date;
+      answer.attachment_count = mail.attachment_count;
+      answer.has_image = mail.has_image;
+      answer.seen = mail.seen;
+    }
+    std::array<std::string *, kTexts> texts = texts_of(&mail, &error);
+    for (size_t i = 0; i < kTexts; i++) answer.sizes[i] = texts[i]->size();
+    std::string out(reinterpret_cast<const char *>(&answer), sizeof answer);
+    for (const std::string *text : texts) out += *text;
+    if (!write_all(out.data(), out.size())) break;
+    if (raw.capacity() > (4u << 20)) std::string().swap(raw);
+  }
+  return 0;
+}

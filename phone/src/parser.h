@@ -1,0 +1,34 @@
+/*
+ * Foreign mail is read in a process of its own, which may die of it: it has no bus, no network, no files but the
+ * system's read-only ones, and bounds of memory, stack and time. Whoever reads mail that came from outside calls this
+ * and not mime_parse().
+ *
+ * The process is started at the first call and serves one message after the other; it ends with the program that
+ * started it, or at parser_close(). Thread: one. The calling program must be brisel-phone, which is its own parser
+ * (`brisel-phone read-mail`).
+ */
+#ifndef BRISEL_PHONE_PARSER_H
+#define BRISEL_PHONE_PARSER_H
+
+#include "../mime.h"
+
+enum parser_result {
+  PARSER_DONE = 0,
+  PARSER_NO_MAIL = -1,   /* the bytes are no mail at all */
+  PARSER_SET_ASIDE = -2, /* reading it killed the process twice, took too long, or it answered with no clean text */
+  PARSER_LATER = -3      /* no process could be started; nothing is known of the mail */
+};
+
+/* As mime_parse(). *error is set to one line unless it is done. Takes at most parser_longest_s() seconds of waiting. */
+parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_mail *mail, std::string *error);
+
+/* As mime_arrival(); 0 also when the process died of it. */
+int64_t parser_arrival(std::string_view head);
+
+/* Ends the process. Safe without one. */
+void parser_close();
+
+/* What `brisel-phone read-mail` does: answers on standard input until it is closed. Returns the exit code. */
+int parser_serve();
+
+#endif
