@@ -1,4 +1,5 @@
-/* What the header of a message says: encoded words, senders, ids, dates. Used by mime-message.cpp and mime-parts.cpp. */
+/* What the header of a message says: encoded words, senders, ids, dates. Used by mime-message.cpp and mime-parts.cpp.
+ */
 #include "mime-headers.h"
 
 #include <algorithm>
