@@ -2,7 +2,7 @@
 #ifndef BRISEL_APP_DELETE_VIEW_H
 #define BRISEL_APP_DELETE_VIEW_H
 
-#include "brisel-app.h"
+#include "brisel-app-data.h"
 
 /* What brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DELETE_VIEW, ad) points to. Freed by its pop callback. */
 struct delete_view_data {

@@ -4,7 +4,7 @@
 #define BRISEL_APP_LIFECYCLE_H
 
 #include "app_efl.h"
-#include "brisel-app.h"
+#include "brisel-app-data.h"
 
 bool app_create(void *user_data); /* false: no window, the application ends */
 void app_terminate(void *user_data);

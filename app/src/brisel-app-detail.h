@@ -2,7 +2,7 @@
 #ifndef BRISEL_APP_DETAIL_H
 #define BRISEL_APP_DETAIL_H
 
-#include "brisel-app.h"
+#include "brisel-app-data.h"
 
 /* The slots of the page array. "Before" is toward the head of the mailbox list, "after" toward its tail. */
 enum brisel_detail_page {

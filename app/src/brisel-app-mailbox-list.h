@@ -3,7 +3,7 @@
 #ifndef BRISEL_APP_MAILBOX_LIST_H
 #define BRISEL_APP_MAILBOX_LIST_H
 
-#include "brisel-app.h"
+#include "brisel-app-data.h"
 #include "brisel-scoped.h"
 
 enum row_type { ROW_MAIL = 0, ROW_GROUP = 1 };

@@ -4,7 +4,7 @@
 #ifndef BRISEL_APP_VIEW_COMMON_H
 #define BRISEL_APP_VIEW_COMMON_H
 
-#include "brisel-app.h"
+#include "brisel-app-data.h"
 #include "brisel-scoped.h"
 
 /* --- widgets that a record names --- */

@@ -38,7 +38,11 @@ TEST(failures, AStoreThatIsNoDatabaseIsToldAndSurvived) {
   app_start();
   EXPECT_TRUE(logged_like("E/brisel_db_init() failed! err:[")) << testing::PrintToString(log_lines());
   EXPECT_TRUE(logged_like("W/brisel_db_is_valid_target_account_count failed("));
-  EXPECT_NE(test_ad.connecting_popup, nullptr);
+  EXPECT_EQ(test_ad.connecting_popup, nullptr) << "there is nothing to wait for";
+  const std::string unreadable = brisel_util_get_text("IDS_EMAIL_POP_THE_EMAILS_ON_THE_ZOLT_CANNOT_BE_READ");
+  EXPECT_TRUE(visible(unreadable));
+  tap(text_at(brisel_util_get_text("IDS_EMAIL_SK_TRY_AGAIN")));
+  EXPECT_TRUE(visible(unreadable)) << "it still cannot";
   EXPECT_EQ(init_brisel(&test_ad, 5), 0) << "the screen stands on nothing";
   EXPECT_TRUE(logged_like("I/brisel_db_get_full_noti_data_list_by_account_id() failed! err:["));
   EXPECT_TRUE(logged_like("E/brisel_db_get_full_noti_data_by_mail_id() failed! err:["));
@@ -49,7 +53,13 @@ TEST(failures, AStoreThatIsNoDatabaseIsToldAndSurvived) {
   std::ifstream in(data_file("store.db"));
   const std::string kept((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   EXPECT_EQ(kept, garbage) << "nobody wrote over it";
+  app_start();
+  EXPECT_TRUE(visible(unreadable));
   std::filesystem::remove(data_file("store.db"));
+  tap(text_at(brisel_util_get_text("IDS_EMAIL_SK_TRY_AGAIN")));
+  EXPECT_NE(test_ad.connecting_popup, nullptr) << "the launch goes on";
+  EXPECT_TRUE(gone(unreadable));
+  app_stop();
 }
 
 TEST(failures, ContactsThatAreNoDatabaseFindNobody) {

@@ -1,6 +1,7 @@
 /* The popup kit on a real window: buttons, back key, time, parents, refusals. */
 #include <algorithm>
 
+#include "../../app/src/brisel-app-view-common.h"
 #include "app-test.h"
 #include "vconf.h"
 
@@ -66,6 +67,74 @@ TEST_F(popups, ButtonsAndBackAnswerThroughOneFunction) {
     settle();
     EXPECT_TRUE(gone("A question"));
   }
+}
+
+TEST_F(popups, TheRestOfATouchIsNotForWhatItOpened) {
+  const auto open = [] {
+    return brisel_util_popup_create(nullptr, test_ad.win_main, nullptr, "A question", answer_cb, 0.0, nullptr, "Yes",
+                                    "No");
+  };
+  Evas_Object *popup = open();
+  settle();
+  ASSERT_TRUE(visible("A question"));
+  const point yes = text_at("Yes"), no = text_at("No");
+  evas_object_del(popup);
+  EXPECT_TRUE(gone("A question"));
+  touch(yes);
+  release(yes);
+  popup = open();
+  settle();
+  tap({yes.x + 5, yes.y - 5});
+  EXPECT_TRUE(answers.empty()) << "the second tap of a double tap";
+  tap(no);
+  EXPECT_EQ(answers.size(), 1u) << "another touch is at once for the popup";
+  EXPECT_TRUE(run_until([&] {
+    tap(yes);
+    return answers.size() == 2;
+  }));
+  evas_object_del(popup);
+  /* A long press opens while the finger is down: the time begins when it lifts. */
+  touch(yes);
+  popup = open();
+  run_for(0.4);
+  release(yes);
+  tap(yes);
+  EXPECT_EQ(answers.size(), 2u);
+  evas_object_del(popup);
+  popup = open();
+  settle();
+  EXPECT_TRUE(run_until([&] {
+    tap(yes);
+    return answers.size() == 3;
+  }));
+  evas_object_del(popup);
+}
+
+TEST_F(popups, WhatCouldNotBeKeptIsOfferedUntilItIs) {
+  static int tries, dropped;
+  tries = dropped = 0;
+  const auto offer = [] {
+    brisel_view_offer_again(
+        &test_ad, [](void *data) { return ++tries < 2 ? -1 : 0; }, [](void *data) { dropped++; }, nullptr);
+  };
+  const std::string text = brisel_util_get_text("IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT");
+  offer();
+  EXPECT_TRUE(visible(text));
+  tap(text_at(brisel_util_get_text("IDS_EMAIL_SK_TRY_AGAIN")));
+  EXPECT_EQ(tries, 1);
+  EXPECT_TRUE(visible(text)) << "it failed again";
+  EXPECT_EQ(dropped, 0);
+  tap(text_at(brisel_util_get_text("IDS_EMAIL_SK_TRY_AGAIN")));
+  EXPECT_EQ(tries, 2);
+  EXPECT_EQ(dropped, 1);
+  EXPECT_TRUE(gone(text));
+  offer();
+  offer();
+  EXPECT_EQ(dropped, 2) << "the newer one takes the place";
+  settle();
+  key("XF86Back");
+  EXPECT_EQ(dropped, 3);
+  EXPECT_TRUE(gone(text));
 }
 
 TEST_F(popups, LongTextsScrollAndTimeRunsOut) {

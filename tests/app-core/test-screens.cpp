@@ -2,11 +2,13 @@
    tested from outside. */
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "app-test.h"
 #include "vconf.h"
 
 struct screens : testing::Test {
-  test_phone phone;
+  linked_phone phone;
   int account = 0;
 
   void SetUp() override {
@@ -38,6 +40,51 @@ TEST_F(screens, TheUpperOfTwoViewsIsFoundAndGoesFirst) {
   EXPECT_EQ(brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_OPTION_CALL_VIEW, &test_ad), nullptr);
 }
 
+TEST_F(screens, TwoQuickBacksLeaveTheViewButNotTheApplication) {
+  const int id = mail();
+  phone.connect();
+  app_start();
+  brisel_detail_draw_view(id, 1, &test_ad);
+  const auto views = [] {
+    Eina_List *items = elm_naviframe_items_get(test_ad.naviframe);
+    const unsigned count = eina_list_count(items);
+    eina_list_free(items);
+    return count;
+  };
+  EXPECT_TRUE(run_until([&] { return phone.count("clear_all_new_flag") == 1; })) << "opening a mail has seen all";
+  run_for(0.5); /* the view has slid in */
+  key("XF86Back");
+  EXPECT_EQ(views(), 1u);
+  key("XF86Back");
+  settle();
+  EXPECT_EQ(phone.count("clear_all_new_flag"), 1) << "the second one was the view's";
+  /* Once the view is gone, Back is the mailbox's: it leaves, and all is seen. */
+  EXPECT_TRUE(run_until([&] {
+    key("XF86Back");
+    return phone.count("clear_all_new_flag") == 2;
+  }));
+}
+
+TEST_F(screens, LaunchesThatWaitAreOne) {
+  const int first = mail(), second = mail(), last = mail();
+  phone.connect();
+  app_start();
+  const auto launch = [](int id) {
+    service_h service = nullptr;
+    service_create(&service);
+    service_add_extra_data(service, BRISEL_EVENT_ID_KEY, std::to_string(id).c_str());
+    app_reset(service, &test_ad);
+    service_destroy(service);
+  };
+  settle();
+  log_mark();
+  for (int id : {first, second, second, last}) launch(id);
+  settle();
+  EXPECT_EQ(test_ad.mail_id, last);
+  const std::vector<std::string> lines = log_lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "I/Show detail view first."), 2) << "the first and the last";
+}
+
 TEST_F(screens, EndsFreeWhatIsOpen) {
   const int plain = mail(), locked = mail(1);
   const struct {
@@ -51,6 +98,7 @@ TEST_F(screens, EndsFreeWhatIsOpen) {
          brisel_option_detail_draw_view(plain, &test_ad);
        }},
       {"security popup", [&] { app_launch(std::to_string(locked).c_str()); }},
+      {"account popup", [] { brisel_create_account_selection_popup(&test_ad); }},
       {"delete view", [] { brisel_crete_delete_view(&test_ad); }},
       {"toast", [] { brisel_create_toast_popup(&test_ad, "x"); }},
       {"template reply", [&] { brisel_option_reply_templetes_draw_view(plain, &test_ad, nullptr); }},

@@ -112,6 +112,37 @@ def test_without_link_and_count_the_answer_leads_to_connecting(s):
     s.wait_text(s.text("IDS_EMAIL_POP_CONNECTING_ING"))
 
 
+def test_without_a_link_popup_the_launch_goes_on(s):
+    for file in s.dir.rglob("com.vextora.bt-connection-popup.service"):
+        file.unlink()
+    s.run("dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/", "org.freedesktop.DBus.ReloadConfig")
+    s.launch()
+    s.wait_text(s.text("IDS_EMAIL_POP_CONNECTING_ING"))
+    arrange(s, 1, True)
+    s.wait_text(SENDER)
+
+
+def test_a_second_account_after_the_set_up_is_seen(s):
+    s.serve()
+    s.phone("account", "count", "known")
+    s.launch()
+    s.wait_text(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
+    first = s.account("first@example.net")
+    s.send(first, mail("x", "x", "First Sender <a@example.org>"))
+    s.wait_text("first@example.net")
+    second = s.account("second@example.net")
+    s.wait_text(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"))
+    s.send(second, mail("x", "x", "Second Sender <b@example.org>"))
+    s.wait_text("Second Sender")
+    # An account that its user has chosen stays when another comes.
+    s.tap(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"))
+    s.wait_text("first@example.net")
+    s.account("third@example.net")
+    s.send(first, mail("x", "x", "Another Sender <c@example.org>"))
+    s.wait_text("Another Sender")
+    assert s.shows("first@example.net")
+
+
 def gone(s):
     """True once the application has left the bus."""
     return not on_bus(s, "com.vextora.brisel")
@@ -208,6 +239,7 @@ def test_unreadable_launch_data_opens_no_mail(s):
         assert len(s.dump()["views"]) <= 2
         s.launch()
     s.launch(brisel_id=424242)  # a mail that is not there
+    s.wait_text(s.text("IDS_EMAIL_TPOP_THIS_EMAIL_HAS_BEEN_DELETED"))
     s.wait_text(SENDER)
     equal(len(s.dump()["views"]), 1, "views")
     assert "brisel_db_get_full_noti_data_by_mail_id() failed! err:[" in s.log()

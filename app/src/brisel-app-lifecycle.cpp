@@ -1,0 +1,196 @@
+/* The life cycle: the window, and what is opened and closed with the application. */
+#include "brisel-app-lifecycle.h"
+
+#include <libintl.h>
+
+#include "brisel-app-core.h"
+#include "brisel-app-touch.h"
+#include "brisel-app-utils.h"
+#include "brisel-scoped.h"
+#include "contacts.h"
+#include "platform-paths.h"
+#include "plexo.h"
+#include "vconf.h"
+
+/* Whether app_create came as far as the services: what was never opened needs no closing. */
+static bool services_open;
+
+static void _brisel_quit_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  elm_exit();
+}
+
+static void _window_resize_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  appdata *ad = (appdata *)data;
+  evas_object_geometry_get(obj, nullptr, nullptr, &ad->root_w, &ad->root_h);
+  BRISEL_INFO("ad->root_w : %d ad->root_h : %d", ad->root_w, ad->root_h);
+}
+
+/* While their parents still stand: the toolkit moves the focus on from a popup that goes with them, to what has gone.
+ */
+static void _drop_popups(appdata *ad) {
+  for (Evas_Object **popup : {&ad->security_popup, &ad->account_popup, &ad->connecting_popup, &ad->no_account_popup})
+    brisel_util_drop_popup(popup);
+}
+
+/* The window closes itself when its user asks: the views in it are freed while they still stand, and nothing points
+   to a widget that went with the window. */
+static void _window_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  appdata *ad = (appdata *)data;
+  brisel_delete_sweep_item(ad);
+  _drop_popups(ad);
+  _clear_all_naviframe_view_data(ad);
+  if (ad->sweep_timer) ecore_timer_del(ad->sweep_timer);
+  ad->sweep_timer = nullptr;
+  ad->sweep_item = ad->blocked_item = nullptr;
+  ad->no_account_ok_btn = ad->delete_btn = nullptr;
+  /* Its rows leave the model with it, and must not search the model for themselves one by one. */
+  brisel_free_mail_list(ad);
+  brisel_util_drop_popup(&ad->nocontents_layout);
+  brisel_util_drop_popup(&ad->mailbox_genlist);
+  ad->win_main = ad->conform = ad->layout_main = ad->naviframe = nullptr;
+  ad->evas = nullptr;
+}
+
+static Evas_Object *_brisel_create_win(appdata *ad) {
+  Evas_Object *win = elm_win_util_standard_add("brisel", "brisel");
+  if (!win) return nullptr;
+  elm_win_autodel_set(win, EINA_TRUE);
+  if (elm_win_wm_rotation_supported_get(win)) {
+    int rotations[4] = {0, 90, 180, 270};
+    elm_win_wm_rotation_available_rotations_set(win, rotations, 4);
+  }
+  evas_object_smart_callback_add(win, "delete,request", _brisel_quit_cb, nullptr);
+  return win;
+}
+
+bool app_create(void *user_data) {
+  BRISEL_INFO("Enter");
+  appdata *ad = (appdata *)user_data;
+  ad->win_main = _brisel_create_win(ad);
+  if (!ad->win_main) return false;
+  evas_object_event_callback_add(ad->win_main, EVAS_CALLBACK_RESIZE, _window_resize_cb, ad);
+  evas_object_event_callback_add(ad->win_main, EVAS_CALLBACK_DEL, _window_deleted_cb, ad);
+  ad->evas = evas_object_evas_get(ad->win_main);
+  brisel_touch_watch(ad->evas);
+  app_efl_window_attach(ad->win_main);
+  evas_object_show(ad->win_main);
+
+  /* The device's texts are UTF-8 whatever the locale's own encoding is. Preset replies have a catalogue of their own.
+   */
+  for (const char *domain : {BRISEL_DOMAIN, BRISEL_MESSAGE_DOMAIN}) {
+    bindtextdomain(domain, platform_path(BRISEL_LOCALE_DIR));
+    bind_textdomain_codeset(domain, "UTF-8");
+  }
+  plexo_initialize();
+  services_open = true;
+  brisel_full_noti_data_set_contact_free(brisel_util_contact_number_free);
+  int result = brisel_db_init();
+  if (result != 0) BRISEL_ERROR("brisel_db_init() failed! err:[%d]", result);
+  result = brisel_ipc_client_init();
+  if (result != 0) BRISEL_ERROR("brisel_ipc_client_init() failed! err:[%d]", result);
+  _brisel_ipc_subscribe(ad);
+  brisel_util_init_timezone();
+  brisel_open_icu_pattern_generator(ad);
+  _brisel_init_vconf_values(ad);
+  _brisel_set_date_time_format(ad);
+  _brisel_register_vconf_change_notify(ad);
+  brisel_db_get_all_account_count(&ad->account_cnt);
+  BRISEL_INFO("ad->account_cnt : %d", ad->account_cnt);
+  result = contacts_connect2();
+  if (result != 0) BRISEL_INFO("contacts_svc_connect2 failed : ct_err = [%d]", result);
+  BRISEL_INFO("Leave");
+  return true;
+}
+
+static void _clear_genlist_item_class(Elm_Genlist_Item_Class **itc) {
+  if (!*itc) return;
+  (*itc)->item_style = nullptr;
+  (*itc)->func.text_get = nullptr;
+  (*itc)->func.content_get = nullptr;
+  (*itc)->func.del = nullptr;
+  elm_genlist_item_class_free(*itc);
+  *itc = nullptr;
+}
+
+static void _clear_all_genlist_item_class(appdata *ad) {
+  _clear_genlist_item_class(&ad->itc_group);
+  _clear_genlist_item_class(&ad->itc_mail);
+}
+
+void app_terminate(void *user_data) {
+  BRISEL_INFO("Enter");
+  appdata *ad = (appdata *)user_data;
+  /* Without a window nothing was opened, the store included. */
+  if (!services_open) return;
+  services_open = false;
+  _forget_launches();
+  /* The screen said "Deleted": leaving means it. */
+  brisel_delete_sweep_item(ad);
+  if (ad->sweep_timer) ecore_timer_del(ad->sweep_timer);
+  ad->sweep_timer = nullptr;
+  /* The rows free their records through their class: they go before it is emptied, and without each searching the
+     model for itself. */
+  brisel_free_mail_list(ad);
+  if (ad->mailbox_genlist) elm_genlist_clear(ad->mailbox_genlist);
+  _clear_all_genlist_item_class(ad);
+  _drop_popups(ad);
+  _clear_all_naviframe_view_data(ad);
+  free(ad->locale);
+  ad->locale = nullptr;
+  brisel_close_icu_pattern_generator(ad);
+  brisel_util_drop_popup(&ad->nocontents_layout);
+  brisel_util_drop_popup(&ad->mailbox_genlist);
+  int result = contacts_disconnect2();
+  if (result != 0) BRISEL_INFO("contacts_svc_disconnect2 failed : ct_err = [%d]", result);
+  plexo_finalize();
+  _brisel_unregister_vconf_change_notify();
+  result = brisel_db_deinit();
+  if (result != 0) BRISEL_ERROR("brisel_db_deinit() failed! err:[%d]", result);
+  _brisel_ipc_unsubscribe();
+  result = brisel_ipc_client_deinit();
+  if (result != 0) BRISEL_ERROR("brisel_ipc_client_deinit() failed! err:[%d]", result);
+}
+
+/* Hands the open reader to fn, or says that there is none. */
+static void _with_detail_view(appdata *ad, void (*fn)(view_data *)) {
+  view_data *vd = brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, ad);
+  if (vd)
+    fn(vd);
+  else
+    BRISEL_WARN("view_data for BRISEL_VIEW_TYPE_DETAIL_VIEW is NULL!");
+}
+
+int app_pause(void *user_data) {
+  BRISEL_INFO("Enter");
+  brisel_delete_sweep_item((appdata *)user_data);
+  _with_detail_view((appdata *)user_data, brisel_detail_unregister_pickover);
+  return 0;
+}
+
+int app_resume(void *user_data) {
+  BRISEL_INFO("Enter");
+  appdata *ad = (appdata *)user_data;
+  brisel_check_mail_on_db(ad);
+  elm_win_activate(ad->win_main);
+  _with_detail_view(ad, brisel_detail_register_pickover);
+  return 0;
+}
+
+int app_lang_changed(void *user_data) {
+  BRISEL_INFO("Enter");
+  appdata *ad = (appdata *)user_data;
+  scoped_text language(vconf_get_str(BRISEL_KEY_LANGUAGE));
+  if (!language) return 0;
+  elm_language_set(language.get());
+  brisel_detail_update_string(ad);
+  return 0;
+}
+
+int app_region_changed(void *user_data) {
+  BRISEL_INFO("Enter");
+  appdata *ad = (appdata *)user_data;
+  if (ad) _brisel_update_time_format_and_views(ad);
+  BRISEL_INFO("Leave");
+  return 0;
+}

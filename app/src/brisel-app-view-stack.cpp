@@ -1,0 +1,105 @@
+/* The view stack: finding a view's record, leaving views one by one or all at once, and the keys that work on it. */
+#include "brisel-app-core.h"
+#include "efl_assist.h"
+
+/* The stack takes no pop while its top view is still sliding in, and says nothing: such a pop waits for the view to
+   stand. A view that has gone otherwise by then is not on top any more. */
+static Elm_Object_Item *view_to_pop;
+/* A view is on its way out. */
+static bool is_popping;
+
+view_data *brisel_util_retrieve_view_data(int view_type, appdata *ad) {
+  if (!ad) {
+    BRISEL_ERROR("Invalid parameter: data is NULL!");
+    return nullptr;
+  }
+  Eina_List *items = ad->naviframe ? elm_naviframe_items_get(ad->naviframe) : nullptr;
+  if (!items) {
+    BRISEL_ERROR("elm_naviframe_items_get() failed!");
+    return nullptr;
+  }
+  view_data *found = nullptr;
+  void *item = nullptr;
+  EINA_LIST_FREE(items, item) {
+    brisel_view_head *head = (brisel_view_head *)elm_object_item_data_get((Elm_Object_Item *)item);
+    if (head && head->view_type == view_type) found = (view_data *)head;
+  }
+  BRISEL_INFO("Leave");
+  return found;
+}
+
+/* Deletes the item of a view and frees the view's record; other items stay. */
+static void _remove_view_item(Elm_Object_Item *item) {
+  brisel_view_head *head = (brisel_view_head *)elm_object_item_data_get(item);
+  if (!head || head->navi_item != item) return;
+  Elm_Naviframe_Item_Pop_Cb pop_cb = head->pop_cb;
+  elm_object_item_del(item);
+  if (pop_cb) pop_cb(head, item);
+}
+
+void _brisel_naviframe_pop_to_mailbox(appdata *ad) {
+  BRISEL_INFO("Enter");
+  Eina_List *items = ad->naviframe ? elm_naviframe_items_get(ad->naviframe) : nullptr;
+  if (!items) return;
+  Elm_Object_Item *bottom = elm_naviframe_bottom_item_get(ad->naviframe);
+  if (eina_list_count(items) > 1 && bottom) {
+    BRISEL_INFO("Remove naviframe items, navi_item_cnt : %d", (int)eina_list_count(items));
+    void *item = nullptr;
+    EINA_LIST_FREE(items, item) {
+      if (item == bottom)
+        BRISEL_INFO("This is mailbox naviframe item.");
+      else
+        _remove_view_item((Elm_Object_Item *)item);
+    }
+    ad->mail_id = 0;
+  }
+  eina_list_free(items);
+}
+
+void _clear_all_naviframe_view_data(appdata *ad) {
+  Eina_List *items = ad->naviframe ? elm_naviframe_items_get(ad->naviframe) : nullptr;
+  void *item = nullptr;
+  EINA_LIST_FREE(items, item) _remove_view_item((Elm_Object_Item *)item);
+}
+
+void brisel_util_pop_view(Evas_Object *naviframe) {
+  Elm_Object_Item *top = elm_naviframe_top_item_get(naviframe);
+  elm_naviframe_item_pop(naviframe);
+  if (top == elm_naviframe_bottom_item_get(naviframe)) return;
+  if (top == elm_naviframe_top_item_get(naviframe))
+    view_to_pop = top;
+  else
+    is_popping = true;
+}
+
+static void _transition_finished_cb(void *data, Evas_Object *obj, void *event_info) {
+  Elm_Object_Item *waiting = view_to_pop;
+  view_to_pop = nullptr;
+  is_popping = false;
+  if (waiting && elm_naviframe_top_item_get(obj) == waiting) brisel_util_pop_view(obj);
+}
+
+/* A second press of Back while a view slides out is meant for that view: it must not reach the mailbox and send the
+   application away. */
+static void _naviframe_back_cb(void *data, Evas_Object *obj, void *event_info) {
+  if (is_popping && elm_naviframe_top_item_get(obj) == elm_naviframe_bottom_item_get(obj)) return;
+  brisel_util_pop_view(obj);
+}
+
+static void _naviframe_more_cb(void *data, Evas_Object *obj, void *event_info) {
+  Elm_Object_Item *top = elm_naviframe_top_item_get(obj);
+  if (!top) return;
+  Evas_Object *button = elm_object_item_part_content_get(top, "toolbar_more_btn");
+  if (button)
+    evas_object_smart_callback_call(button, "clicked", nullptr);
+  else
+    elm_object_item_signal_emit(top, "elm,action,more_event", "");
+}
+
+void _register_naviframe_callbacks(Evas_Object *naviframe) {
+  view_to_pop = nullptr;
+  is_popping = false;
+  evas_object_smart_callback_add(naviframe, "transition,finished", _transition_finished_cb, nullptr);
+  ea_object_event_callback_add(naviframe, EA_CALLBACK_BACK, _naviframe_back_cb, nullptr);
+  ea_object_event_callback_add(naviframe, EA_CALLBACK_MORE, _naviframe_more_cb, nullptr);
+}
