@@ -122,6 +122,18 @@ Evas_Object *brisel_view_title_icon(Evas_Object *parent) {
   return _title_image(parent, "b_email_icon_email.png", EVAS_ASPECT_CONTROL_VERTICAL);
 }
 
+Evas_Object *brisel_view_more_button(Elm_Object_Item *item, Evas_Smart_Cb clicked_cb, void *data) {
+  Evas_Object *button = elm_button_add(elm_object_item_widget_get(item));
+  if (!button) {
+    BRISEL_ERROR("elm_button_add() failed!");
+    return nullptr;
+  }
+  elm_object_focus_allow_set(button, EINA_FALSE);
+  evas_object_smart_callback_add(button, "clicked", clicked_cb, data);
+  elm_object_item_part_content_set(item, "toolbar_more_btn", button);
+  return button;
+}
+
 /* --- rows --- */
 
 Elm_Genlist_Item_Class *brisel_view_new_row_class(const char *style, Elm_Genlist_Item_Text_Get_Cb text_get,

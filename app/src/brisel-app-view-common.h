@@ -52,6 +52,10 @@ Evas_Object *brisel_view_title_button(Evas_Object *parent, const char *image, Ev
 /* The envelope at the title's start, shown. NULL on failure, which is logged. */
 Evas_Object *brisel_view_title_icon(Evas_Object *parent);
 
+/* What the more key presses while the view of that item is on top; it shows nothing. NULL on failure, which is logged.
+ */
+Evas_Object *brisel_view_more_button(Elm_Object_Item *item, Evas_Smart_Cb clicked_cb, void *data);
+
 /* --- rows --- */
 
 /* A row class as a constant. The list keeps the drawings of rows that went by the address of their class: a class that

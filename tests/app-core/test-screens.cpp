@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "../../app/src/brisel-app-view-common.h"
 #include "app-test.h"
 #include "vconf.h"
 
@@ -63,6 +64,31 @@ TEST_F(screens, TwoQuickBacksLeaveTheViewButNotTheApplication) {
     key("XF86Back");
     return phone.count("clear_all_new_flag") == 2;
   }));
+}
+
+TEST_F(screens, TheMoreKeyPressesTheButtonOfTheTopView) {
+  const int id = mail();
+  app_start();
+  brisel_option_detail_draw_view(id, &test_ad);
+  run_for(0.5);
+  static int pressed, told;
+  pressed = told = 0;
+  Elm_Object_Item *mailbox = elm_naviframe_bottom_item_get(test_ad.naviframe);
+  Elm_Object_Item *top = elm_naviframe_top_item_get(test_ad.naviframe);
+  brisel_view_more_button(
+      mailbox, [](void *, Evas_Object *, void *) { pressed += 10; }, nullptr);
+  elm_object_item_signal_callback_add(
+      top, "elm,action,more_event", "", [](void *, Elm_Object_Item *, const char *, const char *) { told++; }, nullptr);
+  key("Menu");
+  settle();
+  EXPECT_EQ(pressed, 0);
+  EXPECT_EQ(told, 1) << "a view without a button hears of it";
+  Evas_Object *button = brisel_view_more_button(
+      top, [](void *, Evas_Object *, void *) { pressed++; }, nullptr);
+  key("F10");
+  EXPECT_EQ(pressed, 1);
+  EXPECT_EQ(told, 1);
+  EXPECT_FALSE(evas_object_visible_get(button)) << "nobody sees it";
 }
 
 TEST_F(screens, LaunchesThatWaitAreOne) {

@@ -16,7 +16,7 @@ PAIRS = [
     ('text/secondary', 'group/bg', TEXT), ('text/secondary', 'surface/pressed', TEXT), ('text/secondary', 'surface', TEXT),
     ('text/disabled', 'surface', TEXT),
     ('text/accent', 'bg', TEXT), ('text/accent', 'group/bg', TEXT), ('text/accent', 'surface/pressed', TEXT),
-    ('accent/text', 'accent', TEXT), ('accent/text', 'accent/pressed', TEXT),
+    ('accent/text', 'accent', TEXT),
     ('danger/text', 'danger', TEXT), ('toast/text', 'toast/bg', TEXT),
     ('#ff9000', 'notice/bg', TEXT),
     ('accent', 'bg', PICTURE), ('accent', 'title/bg', PICTURE), ('accent', 'popup/bg', PICTURE), ('accent', 'row/pressed', PICTURE),
