@@ -44,7 +44,9 @@ struct full_noti_data {
   GSList *sender_contact_list; /* contact_number records of the application, or NULL. The record's free
                                   releases the cells, and the records through the function that
                                   brisel_full_noti_data_set_contact_free() named. */
-  char *body;                  /* as relayed so far; may end in a continuation tag, "<tag:thisisover%d>" */
+  char *body; /* as relayed so far; may end in a continuation tag, "<tag:thisisover%d>". The text is complete:
+                 a line that begins with ">" is quoted, a line "--" begins the signature, addresses
+                 stand whole; what of that is folded away is the reader's matter */
   char *from_address;
   char *from_name; /* NULL or empty: none */
   int attachment_count;

@@ -3,6 +3,7 @@
 #include <gmime/gmime.h>
 
 #include <iconv.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -115,7 +116,6 @@ std::string converter_name(const std::string &name) {
       {"shift-jis", "CP932"},
       {"x-sjis", "CP932"},
       {"sjis", "CP932"},
-      {"iso-2022-jp", "ISO-2022-JP-2"},
       {"cp-850", "CP850"},
       {"x-mac-cyrillic", "MACCYRILLIC"},
       {"tis-620", "CP874"},
@@ -126,6 +126,67 @@ std::string converter_name(const std::string &name) {
     if (name == entry.from) return entry.to;
   const char *known = g_mime_charset_iconv_name(name.c_str());
   return known ? known : name;
+}
+
+bool is_japanese_7bit(const std::string &name) {
+  return name.starts_with("iso-2022-jp") || name == "csiso2022jp";
+}
+
+/* ISO-2022-JP as EUC-JP: every converter knows the latter with the makers' own characters (circled digits, company
+   signs), which stand in the former though it has none, and which a strict converter takes the whole rest for. */
+std::string japanese_to_euc(std::string_view text) {
+  enum { ASCII, TWO_BYTES, SUPPLEMENT, KATAKANA } set = ASCII;
+  std::string out;
+  for (size_t i = 0; i < text.size(); i++) {
+    std::string_view rest = text.substr(i);
+    auto c = static_cast<unsigned char>(text[i]);
+    if (rest.starts_with("\x1b$(D")) {
+      set = SUPPLEMENT;
+      i += 3;
+    } else if (rest.starts_with("\x1b$(")) {
+      set = TWO_BYTES;
+      i += 3;
+    } else if (rest.starts_with("\x1b$")) {
+      set = TWO_BYTES;
+      i += 2;
+    } else if (rest.starts_with("\x1b(")) {
+      set = rest.size() > 2 && rest[2] == 'I' ? KATAKANA : ASCII;
+      i += 2;
+    } else if (c < 0x21 || c > 0x7e) {
+      if (c == '\n') set = ASCII;
+      out += text[i];
+    } else if (set == ASCII) {
+      out += text[i];
+    } else if (set == KATAKANA) {
+      out += '\x8e';
+      out += static_cast<char>(c | 0x80);
+    } else if (i + 1 < text.size() && text[i + 1] >= 0x21 && text[i + 1] <= 0x7e) {
+      if (set == SUPPLEMENT) out += '\x8f';
+      out += static_cast<char>(c | 0x80);
+      out += static_cast<char>(text[++i] | 0x80);
+    }
+  }
+  return out;
+}
+
+/* Japanese in whichever of its charsets, whatever its name says. */
+std::string japanese_to_utf8(std::string_view bytes) {
+  if (has_high_byte(bytes) && bytes.find('\x1b') == std::string_view::npos) {
+    if (is_utf8(bytes)) return std::string(bytes);
+    std::string euc, shifted;
+    size_t euc_bad = 0, shifted_bad = 0;
+    iconv_to_utf8(bytes, "EUC-JP-MS", &euc, &euc_bad);
+    iconv_to_utf8(bytes, "CP932", &shifted, &shifted_bad);
+    return euc_bad <= shifted_bad ? euc : shifted;
+  }
+  std::string out;
+  size_t bad = 0;
+  return iconv_to_utf8(japanese_to_euc(bytes), "EUC-JP-MS", &out, &bad) ? out : mixed_to_utf8(bytes);
+}
+
+/* Text of a charset of two bytes is by accident valid UTF-8 with longer characters next to never. */
+bool is_long_utf8(std::string_view bytes) {
+  return is_utf8(bytes) && std::any_of(bytes.begin(), bytes.end(), [](char c) { return (c & 0xf0) == 0xe0; });
 }
 
 bool starts_with(const std::string &text, const char *start) {
@@ -146,7 +207,7 @@ std::string mime_to_utf8(std::string_view bytes, const char *charset) {
     if (!has_high_byte(bytes)) {
       /* Seven bits with a switching sequence are Japanese whose writer forgot to say so. */
       if (bytes.find("\x1b$") == std::string_view::npos) return text_clean(bytes);
-      name = "iso-2022-jp";
+      return text_clean(japanese_to_utf8(bytes));
     } else if (is_utf8(bytes)) {
       return text_clean(bytes);
     } else {
@@ -158,9 +219,17 @@ std::string mime_to_utf8(std::string_view bytes, const char *charset) {
                   starts_with(name, "cp12") || starts_with(name, "koi8") || name == "latin1";
   if (one_byte && has_high_byte(bytes) && is_utf8(bytes)) return text_clean(bytes);
 
+  if (is_japanese_7bit(name)) return text_clean(japanese_to_utf8(bytes));
+  if (!one_byte && !name.starts_with("utf-") && is_long_utf8(bytes)) return text_clean(bytes);
+
   std::string out;
   size_t bad = 0;
-  if (!iconv_to_utf8(bytes, converter_name(name).c_str(), &out, &bad)) return text_clean(mixed_to_utf8(bytes));
+  bool known = iconv_to_utf8(bytes, converter_name(name).c_str(), &out, &bad);
+  if (!known && name.find('_') != std::string::npos) {
+    std::replace(name.begin(), name.end(), '_', '-');
+    known = iconv_to_utf8(bytes, converter_name(name).c_str(), &out, &bad);
+  }
+  if (!known) return text_clean(mixed_to_utf8(bytes));
   if (bad > bytes.size() / 10 && is_utf8(bytes)) return text_clean(bytes);
   /* Some names make the converter pass on what it was given. */
   return text_clean(is_utf8(out) ? out : mixed_to_utf8(out));

@@ -82,8 +82,9 @@ void take_attribute(html_tag *t, const std::string &name, std::string_view value
     for (char c : value)
       if (!html_is_space(c)) flat += g_ascii_tolower(c);
     flat += ';';
-    /* The last two are how writers put a text for the list of mails where nobody sees it. */
-    for (const char *way : {"display:none", "visibility:hidden", "max-height:0;", "max-height:0px;", "opacity:0;"})
+    /* The last ones are how writers put a text for the list of mails where nobody sees it. */
+    for (const char *way : {"display:none", "visibility:hidden", "mso-hide:all", "max-height:0;", "max-height:0px;",
+                            "opacity:0;", "font-size:0;", "font-size:0px;", "font-size:0pt;", "font-size:1px;"})
       if (flat.find(way) != std::string::npos) t->hidden = true;
   }
 }

@@ -143,6 +143,14 @@ bool is_unshown(const std::string &name) {
                        "canvas", "select", "datalist", "xml", "map", "applet"});
 }
 
+/* What stands in a body and never in a head. */
+bool is_of_body(const std::string &name) {
+  return one_of(name, {"body",    "p",      "div",  "span",  "table", "tbody", "tr",         "td",     "th", "center",
+                       "font",    "a",      "img",  "h1",    "h2",    "h3",    "h4",         "h5",     "h6", "ul",
+                       "ol",      "li",     "br",   "hr",    "b",     "i",     "u",          "strong", "em", "big",
+                       "section", "header", "main", "small", "pre",   "form",  "blockquote", "article"});
+}
+
 void open_list(writer *w, const html_tag &t) {
   line_break(w, w->list_depth == 0 ? 2 : 1);
   if (w->list_depth < kMaxNesting) {
@@ -285,10 +293,11 @@ std::string mime_html_to_text(std::string_view html, size_t max, bool *has_image
       continue;
     }
     if (skip_depth > 0) {
-      if (t.name == skipping) skip_depth += t.closing ? -1 : 1;
-      /* A head that nobody closed ends where the body begins. */
-      if (skipping == "head" && t.name == "body") skip_depth = 0;
-      continue;
+      bool same = t.name == skipping;
+      if (same) skip_depth += t.closing ? -1 : 1;
+      /* A head that nobody closed ends where anything of a body begins. */
+      if (same || t.closing || !one_of(skipping, {"head", "title"}) || !is_of_body(t.name)) continue;
+      skip_depth = 0;
     }
     if (!t.closing && !is_void(t.name) && (t.hidden || is_unshown(t.name))) {
       skipping = t.name;

@@ -20,7 +20,7 @@ struct zone_unref {
   void operator()(GTimeZone *zone) const { g_time_zone_unref(zone); }
 };
 
-constexpr size_t kMaxAddress = 320, kMaxName = 1024, kMaxUid = 250, kMaxReferences = 20, kMaxHeader = 16384;
+constexpr size_t kMaxUid = 250, kMaxReferences = 20, kMaxHeader = 16384;
 constexpr int64_t kLastTime = INT32_MAX; /* the watch counts seconds in 32 bits */
 
 std::string decode_base64(std::string_view word) {
@@ -69,58 +69,6 @@ size_t encoded_word(std::string_view text, size_t at, std::string *charset, std:
   return end + 2;
 }
 
-void replace_all(std::string *text, std::string_view from, std::string_view to) {
-  for (size_t at = 0; (at = text->find(from, at)) != std::string::npos; at += to.size())
-    text->replace(at, from.size(), to);
-}
-
-/* Takes the place of "=?" while the library parses addresses, so that it leaves encoded words alone. */
-constexpr char kWordMark[] = "=~{~";
-
-/* The first one that has a domain; the first of all when none has: a name with a comma that nobody quoted reads as two
-   mailboxes. */
-bool first_mailbox(InternetAddressList *list, std::string *address, std::string *name, bool with_domain,
-                   int depth = 0) {
-  int count = list ? internet_address_list_length(list) : 0;
-  for (int i = 0; i < count && i < 100; i++) {
-    InternetAddress *entry = internet_address_list_get_address(list, i);
-    if (INTERNET_ADDRESS_IS_MAILBOX(entry)) {
-      const char *text = internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(entry));
-      const char *display = internet_address_get_name(entry);
-      if (with_domain && !(text && strchr(text, '@'))) continue;
-      *address = mime_clean_line(text ? text : "", kMaxAddress);
-      std::string words = display ? display : "";
-      replace_all(&words, kWordMark, "=?");
-      if (name) *name = mime_clean_line(header_decode(words), kMaxName);
-      return true;
-    }
-    if (depth < 3 && INTERNET_ADDRESS_IS_GROUP(entry) &&
-        first_mailbox(internet_address_group_get_members(INTERNET_ADDRESS_GROUP(entry)), address, name, with_domain,
-                      depth + 1))
-      return true;
-  }
-  return false;
-}
-
-bool first_address(GMimeMessage *message, const char *header, std::string *address, std::string *name) {
-  std::string value = header_raw(message, header);
-  replace_all(&value, "=?", kWordMark);
-  object_holder<InternetAddressList> list(internet_address_list_parse(header_options(), value.c_str()));
-  return list && (first_mailbox(list.get(), address, name, true) || first_mailbox(list.get(), address, name, false));
-}
-
-/* A sender that is no mailbox at all is still who it says it is from. */
-void split_sender(const std::string &text, mime_mail *mail) {
-  size_t open = text.rfind('<'), close = text.rfind('>');
-  if (open != std::string::npos && close != std::string::npos && open < close) {
-    mail->from_address = mime_clean_line(text.substr(open + 1, close - open - 1), kMaxAddress);
-    mail->from_name = mime_clean_line(text.substr(0, open), kMaxName);
-  } else {
-    (text.find('@') == std::string::npos ? mail->from_name : mail->from_address) = mime_clean_line(text, kMaxAddress);
-  }
-  while (mail->from_name.ends_with(';') || mail->from_name.ends_with(':')) mail->from_name.pop_back();
-}
-
 /* An id that can be repeated in a header without changing it. */
 bool usable_id(const char *id) {
   if (!id || !*id) return false;
@@ -149,6 +97,10 @@ int64_t date_seconds(GDateTime *date) {
   return seconds > 0 && seconds <= kLastTime ? seconds : 0;
 }
 
+bool is_utf8(const std::string &text) {
+  return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr);
+}
+
 }  // namespace
 
 GMimeParserOptions *header_options() {
@@ -170,10 +122,10 @@ std::string header_raw(GMimeMessage *message, const char *name) {
 
 /* Words of one charset are put together before they are converted: a
    character that its writer split between two words is whole again, which the library does not do. */
-std::string header_decode(std::string_view text) {
+std::string header_decode(std::string_view text, const std::string &raw_charset) {
   std::string out, plain, pending, pending_charset;
   auto flush_plain = [&] {
-    if (!plain.empty()) out += mime_to_utf8(plain, nullptr);
+    if (!plain.empty()) out += mime_to_utf8(plain, is_utf8(plain) ? nullptr : raw_charset.c_str());
     plain.clear();
   };
   auto flush_pending = [&] {
@@ -195,7 +147,7 @@ std::string header_decode(std::string_view text) {
       flush_plain();
     }
     plain.clear();
-    if (charset != pending_charset) flush_pending();
+    if (g_ascii_strcasecmp(charset.c_str(), pending_charset.c_str()) != 0) flush_pending();
     pending_charset = charset;
     pending += bytes;
     after_word = true;
@@ -206,11 +158,15 @@ std::string header_decode(std::string_view text) {
   return out;
 }
 
-void header_read_sender(GMimeMessage *message, mime_mail *mail) {
-  if (!first_address(message, "From", &mail->from_address, &mail->from_name) &&
-      !first_address(message, "Sender", &mail->from_address, &mail->from_name))
-    split_sender(header_decode(header_raw(message, "From")), mail);
-  if (!first_address(message, "Reply-To", &mail->reply_to, nullptr)) mail->reply_to = mail->from_address;
+std::string header_charset(GMimeMessage *message) {
+  GMimeObject *part = g_mime_message_get_mime_part(message);
+  for (int depth = 0; part && depth < 4; depth++) {
+    const char *charset = g_mime_object_get_content_type_parameter(part, "charset");
+    if (charset && *charset) return charset;
+    if (!GMIME_IS_MULTIPART(part) || g_mime_multipart_get_count(GMIME_MULTIPART(part)) == 0) break;
+    part = g_mime_multipart_get_part(GMIME_MULTIPART(part), 0);
+  }
+  return "";
 }
 
 void header_read_ids(GMimeMessage *message, mime_mail *mail) {

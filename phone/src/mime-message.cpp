@@ -20,7 +20,9 @@ bool has_known_header(GMimeMessage *message) {
                                            "Bcc",  "Sender",   "Reply-To",     "Delivered-To"};
   for (const char *name : kNames)
     if (g_mime_object_get_header(GMIME_OBJECT(message), name)) return true;
-  return false;
+  /* The library keeps what describes the content with the content. */
+  GMimeObject *part = g_mime_message_get_mime_part(message);
+  return part && g_mime_object_get_header(part, "Content-Type");
 }
 
 /* Where a message ends that has more lines that may separate parts than anybody writes: each costs the library far
@@ -38,7 +40,7 @@ size_t separators_end(std::string_view raw, int most) {
 /* From the first header on, with line ends that a reader knows: files come from many hands. */
 std::string_view from_header(std::string_view raw, std::string *storage) {
   if (raw.starts_with("\xef\xbb\xbf")) raw.remove_prefix(3);
-  while (!raw.empty() && (raw.front() == '\n' || raw.front() == '\r')) raw.remove_prefix(1);
+  while (!raw.empty() && strchr("\n\r\t ", raw.front()) && raw.front()) raw.remove_prefix(1);
   if (raw.find('\r') == std::string_view::npos || raw.find('\n') != std::string_view::npos) return raw;
   *storage = raw;
   std::replace(storage->begin(), storage->end(), '\r', '\n');
@@ -176,8 +178,9 @@ int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
     return -1;
   }
 
-  mail->subject = mime_clean_line(header_decode(header_raw(message.get(), "Subject")), kMaxSubject);
-  header_read_sender(message.get(), mail);
+  std::string charset = header_charset(message.get());
+  mail->subject = mime_clean_line(header_decode(header_raw(message.get(), "Subject"), charset), kMaxSubject);
+  header_read_sender(message.get(), charset, mail);
   mail->date = mime_date(header_raw(message.get(), "Date"));
   parts_read(message.get(), bytes, limits, mail);
   header_read_ids(message.get(), mail);

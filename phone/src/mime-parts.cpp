@@ -18,6 +18,9 @@ struct walk {
   int parts = 0;
   int attachments = 0;
   bool image = false;
+  std::string meeting;               /* what an invitation says */
+  std::string pictures;              /* the names of the body's pictures */
+  GMimePart *named = nullptr;        /* the first text part that has a file's name and is not said to be attached */
   GMimeMessage *forwarded = nullptr; /* the first mail that is attached; the message's own */
 };
 
@@ -64,6 +67,13 @@ std::string html_charset(std::string_view html) {
   return name;
 }
 
+std::string text_of_invitation(const std::string &text, walk *w) {
+  std::string head, description;
+  if (!calendar_read(text, &head, &description)) return text;
+  if (w->meeting.empty()) w->meeting = head;
+  return description;
+}
+
 std::string text_of_leaf(GMimePart *part, const char *subtype, walk *w) {
   GMimeContentType *type = g_mime_object_get_content_type(GMIME_OBJECT(part));
   const char *charset = type ? g_mime_content_type_get_parameter(type, "charset") : nullptr;
@@ -73,22 +83,26 @@ std::string text_of_leaf(GMimePart *part, const char *subtype, walk *w) {
   if (html) {
     std::string named = charset && *charset ? charset : html_charset(bytes);
     std::string text = mime_to_utf8(bytes, named.c_str());
-    return mime_html_to_text(text, w->limits->text, &w->image);
+    return plain_tidy(mime_html_to_text(text, w->limits->text, &w->image));
   }
   std::string text = mime_to_utf8(bytes, charset);
   size_t start = std::min(text.find_first_not_of(" \n\t"), text.size());
   for (const char *document : {"<!doctype html", "<html"}) /* whatever the part's header calls it */
     if (g_ascii_strncasecmp(text.c_str() + start, document, strlen(document)) == 0)
-      return mime_html_to_text(text, w->limits->text, &w->image);
+      return plain_tidy(mime_html_to_text(text, w->limits->text, &w->image));
   if (g_ascii_strcasecmp(subtype, "enriched") == 0 || g_ascii_strcasecmp(subtype, "richtext") == 0)
     return mime_html_to_text(text, w->limits->text, nullptr);
-  if (g_ascii_strcasecmp(subtype, "calendar") == 0) return calendar_to_text(text);
+  if (g_ascii_strcasecmp(subtype, "calendar") == 0) return text_of_invitation(text, w);
+  if (std::string_view(text).substr(start).starts_with("{\\rtf")) {
+    w->attachments++;
+    return "";
+  }
   const char *format = type ? g_mime_content_type_get_parameter(type, "format") : nullptr;
   if (format && g_ascii_strcasecmp(format, "flowed") == 0) {
     const char *delsp = g_mime_content_type_get_parameter(type, "delsp");
     text = plain_unflow(text, delsp && g_ascii_strcasecmp(delsp, "yes") == 0);
   }
-  return plain_tidy(plain_without_armour(text));
+  return plain_tidy(plain_without_blocks(plain_without_armour(text), &w->attachments));
 }
 
 bool is_attached(GMimeObject *object) {
@@ -107,6 +121,27 @@ bool mentions_html(std::string_view text) {
   for (size_t at = 0; at + 4 <= text.size(); at++)
     if (g_ascii_strncasecmp(text.data() + at, "html", 4) == 0) return true;
   return false;
+}
+
+/* How many bytes of a text are words, and how many are addresses of the web. */
+void count_words(std::string_view text, size_t *words, size_t *addresses) {
+  *words = *addresses = 0;
+  for (size_t at = 0; at < text.size();) {
+    size_t end = std::min(text.find_first_of(" \n\t", at), text.size());
+    std::string_view word = text.substr(at, end - at);
+    bool is_address = word.find("://") != std::string_view::npos || word.find("www.") != std::string_view::npos;
+    bool says = std::any_of(word.begin(), word.end(), [](char c) { return g_ascii_isalnum(c) || (c & 0x80); });
+    *(is_address ? addresses : words) += says ? word.size() : 0;
+    at = end + 1;
+  }
+}
+
+/* A plain form that is not the mail: far less than the other one says, or addresses with a few words between. */
+bool is_stub(std::string_view plain, std::string_view markup) {
+  size_t words, addresses, markup_words, markup_addresses;
+  count_words(plain, &words, &addresses);
+  count_words(markup, &markup_words, &markup_addresses);
+  return words * 4 < markup_words || (addresses > words && markup_addresses < addresses && markup_words * 2 > words);
 }
 
 std::string walk_alternative(GMimeMultipart *multipart, walk *w, int depth) {
@@ -129,6 +164,7 @@ std::string walk_alternative(GMimeMultipart *multipart, walk *w, int depth) {
       best_rank = rank;
     }
   }
+  if (best_rank == RANK_PLAIN && is_stub(best, markup)) return markup;
   /* A plain form that only says to look at the other one. */
   constexpr size_t kExcuse = 400;
   if (best_rank == RANK_PLAIN && best.size() < kExcuse && markup.size() > best.size() && mentions_html(best))
@@ -140,8 +176,8 @@ std::string walk_multipart(GMimeMultipart *multipart, walk *w, int depth) {
   auto *object = GMIME_OBJECT(multipart);
   if (is_type(object, "multipart", "alternative")) return walk_alternative(multipart, w, depth);
   if (is_type(object, "multipart", "encrypted")) {
-    w->attachments++; /* there is something, only not for here */
-    return "";
+    const char *protocol = g_mime_object_get_content_type_parameter(object, "protocol");
+    return protocol && strstr(protocol, "pkcs7") ? plain_encrypted_smime : plain_encrypted_pgp;
   }
   int count = g_mime_multipart_get_count(multipart);
   if (is_type(object, "multipart", "signed") || is_type(object, "multipart", "report")) count = std::min(count, 1);
@@ -153,6 +189,13 @@ std::string walk_multipart(GMimeMultipart *multipart, walk *w, int depth) {
     out += text;
   }
   return out;
+}
+
+void add_picture(walk *w, const char *name) {
+  constexpr size_t kMaxNames = 200;
+  std::string clean = mime_clean_line(name ? name : "", 100);
+  if (clean.empty() || w->pictures.size() > kMaxNames) return;
+  w->pictures += (w->pictures.empty() ? "" : ", ") + clean;
 }
 
 std::string walk_leaf(GMimeObject *object, walk *w, GMimeObject *parent) {
@@ -173,20 +216,26 @@ std::string walk_leaf(GMimeObject *object, walk *w, GMimeObject *parent) {
     bool readable = g_ascii_strcasecmp(subtype, "plain") == 0 || g_ascii_strcasecmp(subtype, "html") == 0 ||
                     g_ascii_strcasecmp(subtype, "enriched") == 0 || g_ascii_strcasecmp(subtype, "richtext") == 0 ||
                     g_ascii_strcasecmp(subtype, "calendar") == 0;
-    if (!attached && !(file && parent) && (readable || alternative || !parent))
+    if (!attached && !(file && parent) &&
+        ((readable || alternative || !parent) && g_ascii_strcasecmp(subtype, "rtf") != 0))
       return text_of_leaf(GMIME_PART(object), subtype, w);
     if (!attached && related) return "";
+    if (!attached && !w->named && readable) w->named = GMIME_PART(object);
     w->attachments++;
     return "";
   }
   if (g_ascii_strcasecmp(media, "image") == 0 && (!attached || (related && g_mime_object_get_content_id(object)))) {
     w->image = true;
+    add_picture(w, g_mime_part_get_filename(GMIME_PART(object)));
     return "";
   }
   if (g_ascii_strcasecmp(media, "application") == 0 &&
       (g_ascii_strcasecmp(subtype, "pgp-signature") == 0 || g_ascii_strcasecmp(subtype, "pkcs7-signature") == 0 ||
        g_ascii_strcasecmp(subtype, "x-pkcs7-signature") == 0))
     return "";
+  if (g_ascii_strcasecmp(media, "application") == 0 &&
+      (g_ascii_strcasecmp(subtype, "pkcs7-mime") == 0 || g_ascii_strcasecmp(subtype, "x-pkcs7-mime") == 0))
+    return plain_encrypted_smime;
   if (alternative && !attached) return ""; /* another form of the same text */
   w->attachments++;
   return "";
@@ -211,9 +260,14 @@ std::string walk_object(GMimeObject *object, walk *w, int depth, GMimeObject *pa
 
 /* For a mail without any text: the first mail inside it, or what stands there when its parts cannot be told apart. */
 std::string anything_to_read(GMimeObject *top, std::string_view raw, walk *w) {
+  if (w->named) {
+    w->attachments--;
+    return text_of_leaf(w->named, "plain", w);
+  }
   if (w->forwarded) {
     walk inner = {w->limits, w->parts};
-    std::string subject = mime_clean_line(header_decode(header_raw(w->forwarded, "Subject")), kMaxSubject);
+    std::string subject =
+        mime_clean_line(header_decode(header_raw(w->forwarded, "Subject"), header_charset(w->forwarded)), kMaxSubject);
     std::string text = walk_object(g_mime_message_get_mime_part(w->forwarded), &inner, 1, nullptr);
     return subject.empty() || text.empty() ? subject + text : subject + "\n\n" + text;
   }
@@ -233,7 +287,10 @@ void parts_read(GMimeMessage *message, std::string_view raw, const mime_limits &
   w.limits = &limits;
   GMimeObject *top = g_mime_message_get_mime_part(message);
   mail->body = walk_object(top, &w, 0, nullptr);
+  /* When it is comes first: the texts that programs send along tell it late or not at all. */
+  if (!w.meeting.empty()) mail->body = mail->body.empty() ? w.meeting : w.meeting + "\n\n" + mail->body;
   if (mail->body.empty()) mail->body = anything_to_read(top, raw, &w);
+  if (mail->body.empty() && w.image) mail->body = w.pictures.empty() ? "🖼" : "🖼 " + w.pictures;
   if (mail->body.size() > limits.text) mail->body.resize(mime_cut(mail->body, 0, limits.text));
   mail->attachment_count = w.attachments;
   mail->has_image = w.image;

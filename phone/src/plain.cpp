@@ -63,27 +63,111 @@ std::string plain_without_armour(const std::string &text) {
   return out;
 }
 
-std::string plain_tidy(std::string_view text) {
+namespace {
+
+/* "begin 644 name" and behind it a line of the length that its first sign says. */
+bool begins_uuencode(std::string_view text) {
+  if (!text.starts_with("begin ") || text.size() < 10) return false;
+  for (size_t i = 6; i < 9; i++)
+    if (text[i] < '0' || text[i] > '7') return false;
+  size_t line = text.find('\n');
+  if (text[9] != ' ' || line == std::string_view::npos || line + 1 >= text.size()) return false;
+  std::string_view data = text.substr(line + 1, text.find('\n', line + 1) - line - 1);
+  if (data.empty() || data[0] < ' ' || data[0] > '`') return false;
+  size_t bytes = static_cast<size_t>(data[0] - ' ') & 63;
+  return data.size() >= 1 + (bytes + 2) / 3 * 4;
+}
+
+/* Behind the line that is `last`, or the end of the text. */
+size_t behind_line(std::string_view text, size_t from, std::string_view last) {
+  for (size_t at = from; at < text.size();) {
+    size_t end = std::min(text.find('\n', at), text.size());
+    if (text.substr(at, end - at).starts_with(last)) return end;
+    at = end + 1;
+  }
+  return text.size();
+}
+
+}  // namespace
+
+std::string plain_without_blocks(const std::string &text, int *files) {
+  constexpr char kPgp[] = "-----BEGIN PGP MESSAGE-----", kPgpEnd[] = "-----END PGP MESSAGE-----";
+  bool any = text.find("begin ") != std::string::npos || text.find(kPgp) != std::string::npos;
+  if (!any) return text;
   std::string out;
-  out.reserve(text.size());
-  size_t blanks = 0;
-  int newlines = 0;
-  for (char c : text) {
-    if (c == '\n') {
-      newlines++;
-      blanks = 0;
-    } else if (c == ' ' || c == '\t') {
-      if (newlines > 0 && !out.empty()) {
-        out.append(static_cast<size_t>(std::min(newlines, 3)), '\n');
-        newlines = 0;
-      }
-      if (!out.empty()) blanks++;
+  for (size_t at = 0; at < text.size();) {
+    std::string_view rest = std::string_view(text).substr(at);
+    if (rest.starts_with(kPgp)) {
+      out += plain_encrypted_pgp;
+      at = behind_line(text, at, kPgpEnd);
+    } else if (begins_uuencode(rest)) {
+      (*files)++;
+      at = behind_line(text, at, "end");
     } else {
+      size_t end = std::min(text.find('\n', at), text.size());
+      out.append(text, at, end - at);
+      at = end;
+    }
+    if (at < text.size()) out += text[at++];
+  }
+  return out;
+}
+
+namespace {
+
+constexpr char kRule[] = "———"; /* as in HTML */
+
+/* Blanks that are more than one byte: at `at` of valid UTF-8; 0 when there is none. */
+size_t wide_blank(std::string_view text, size_t at) {
+  if ((text[at] & 0x80) == 0) return 0;
+  for (std::string_view blank :
+       {"\xc2\xa0", "\xe2\x80\x8b", "\xe2\x80\x83", "\xe2\x80\x82", "\xe2\x80\x89", "\xe3\x80\x80"})
+    if (text.substr(at, blank.size()) == blank) return blank.size();
+  return 0;
+}
+
+/* A line of nothing but one sign, as writers draw rules: on a small screen it wraps to several. */
+size_t rule_end(std::string_view text, size_t at) {
+  constexpr size_t kLongRule = 16;
+  static constexpr std::string_view kSigns[] = {
+      "-", "=", "_", "*", "~", "#", "+", ".", "\xe2\x80\x94", "\xe2\x94\x80", "\xe2\x95\x90", "\xe2\x80\x93"};
+  for (std::string_view sign : kSigns) {
+    size_t end = at, count = 0;
+    for (; text.substr(end, sign.size()) == sign; end += sign.size()) count++;
+    if (count > kLongRule && (end == text.size() || text[end] == '\n' || text[end] == ' ')) return end;
+  }
+  return at;
+}
+
+}  // namespace
+
+std::string plain_tidy(std::string_view text) {
+  std::string out, blanks;
+  out.reserve(text.size());
+  int newlines = 0;
+  for (size_t at = 0; at < text.size();) {
+    size_t wide = wide_blank(text, at);
+    if (text[at] == '\n') {
+      newlines++;
+      blanks.clear();
+      at++;
+    } else if (text[at] == ' ' || text[at] == '\t' || wide > 0) {
+      size_t size = std::max<size_t>(wide, 1);
+      if (!out.empty() || newlines == 0) blanks.append(wide == 0 ? " " : text.substr(at, size));
+      at += size;
+    } else {
+      bool line_start = newlines > 0 || out.empty();
       if (!out.empty() && newlines > 0) out.append(static_cast<size_t>(std::min(newlines, 3)), '\n');
-      out.append(blanks, ' ');
-      blanks = 0;
+      if (!out.empty()) out += blanks;
+      blanks.clear();
       newlines = 0;
-      out += c;
+      size_t rule = line_start ? rule_end(text, at) : at;
+      if (rule > at) {
+        out += kRule;
+        at = rule;
+      } else {
+        out += text[at++];
+      }
     }
   }
   return out;

@@ -11,14 +11,22 @@ void text_append_char(std::string *out, uint32_t character);
    NULs. */
 std::string text_clean(std::string_view text);
 
-/* What an invitation says, line by line: what, when, where, and its description. The text itself when it is none. */
-std::string calendar_to_text(const std::string &calendar);
+/* What an invitation says, line by line: in *head what (with a sign when it was cancelled, changed or answered), when,
+   when again, and where. Returns false when it is none. */
+bool calendar_read(const std::string &calendar, std::string *head, std::string *description);
 
 /* format=flowed: a line that ends in a blank goes on in the next one of the same quote depth. */
 std::string plain_unflow(const std::string &text, bool delete_space);
 
 /* Text that was signed where it stands: what was signed, without what only a program reads. */
 std::string plain_without_armour(const std::string &text);
+
+/* Text without the files that old programs put into it (uuencode) and without encrypted blocks, for which a line says
+   what they are. *files counts the former. */
+std::string plain_without_blocks(const std::string &text, int *files);
+
+/* What stands for something encrypted. */
+constexpr char plain_encrypted_pgp[] = "🔒 OpenPGP", plain_encrypted_smime[] = "🔒 S/MIME";
 
 /* Without trailing blanks and long runs of empty lines: on a small screen they are only scrolling. */
 std::string plain_tidy(std::string_view text);

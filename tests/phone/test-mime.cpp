@@ -69,6 +69,12 @@ TEST(Html, ReadsAsAPersonWould) {
           {"never closed", "a<!-- b", "a"},
           {"attribute with a bracket", "<p title='a>b'>c</p><p title=\"d>e\n>f", "c\n\ne >f"},
           {"head left open", "<html><head><title>x</title><body>text", "text"},
+          {"head and body left out", "<head><meta a=b><title>x<p>text</p>more", "text\n\nmore"},
+          {"spacers",
+           "<table><tr><td>a</td><td width=9><img src=x "
+           "width=1></td><td><table><tr><td>b</table></td><td>&nbsp;</td><td>c</td></tr></table>",
+           "a\nb  c"},
+          {"text of no size", "a<span style='font-size: 0px'>b</span><p style='mso-hide:all'>c</p>d", "ad"},
       },
       [](const std::string &in) { return html(in); });
 }
@@ -122,6 +128,11 @@ TEST(Charsets, ReadableWhateverTheyClaim) {
       {"no-such-charset", "\x93hi\x94", "“hi”"},
       {"koi8-r", "\xf0\xd2\xc9\xd7\xc5\xd4", "Привет"},
       {"windows-1251", "\xcf\xf0\xe8\xe2\xe5\xf2", "Привет"},
+      {"koi8_r", "\xf0\xd2\xc9", "При"},
+      {"gb2312", "\xe4\xbd\xa0\xe5\xa5\xbd", "你好"},
+      {"iso-2022-jp", "\x1b$B-!$3\x1b(B\x1b$B-j-b", "①こ㈱№"},
+      {"iso-2022-jp", "\x82\xb1\x82\xcc", "この"},
+      {"iso-2022-jp", "\xa4\xb3\xa4\xce", "この"},
       {"gb2312", "\xc4\xe3\xba\xc3", "你好"},
       {"big5", "\xa7\x41\xa6\x6e", "你好"},
       {"shift_jis", "\x82\xb1", "こ"},
@@ -168,7 +179,21 @@ TEST(Headers, SayWhoAndWhat) {
       {"Sender: s@b.c\nSubject: no from", "no from", "", "s@b.c"},
       {"From: nobody at all", "", "nobody at all", ""},
       {"From: Mail System <>", "", "Mail System", ""},
-      {"From: Doe, Jane <a@b.c>", "", "Jane", "a@b.c"},
+      {"From: Doe, Jane <a@b.c>", "", "Doe, Jane", "a@b.c"},
+      /* What looks like an address in a name is none, and is not shown as the sender's. */
+      {"From: \"x@bank.example\", <a@b.c>", "", "", "a@b.c"},
+      {"From: \"x@bank.example\" a@b.c", "", "", "a@b.c"},
+      {"From: x@bank.example <a@b.c>", "", "", "a@b.c"},
+      {"From: a@b.c, Ann <x@y.z>", "", "", "a@b.c"},
+      {"From: \"'Ann'\" <a@b.c>", "", "Ann", "a@b.c"},
+      {"From: \"Ann <a@b.c>", "", "Ann", "a@b.c"},
+      {"From: John [ACME] <a@b.c>", "", "John [ACME]", "a@b.c"},
+      {"From: root (Cron Daemon)", "", "Cron Daemon", "root"},
+      {"From: <a@b.c> (Ann)", "", "Ann", "a@b.c"},
+      {"From: <@relay:a@b.c>", "", "", "a@b.c"},
+      {"  From: a@b.c\nSubject: behind blanks", "behind blanks", "", "a@b.c"},
+      {"From: a@b.c\nSubject: \xf0\xd2\xc9\nContent-Type: text/plain; charset=koi8_r", "При", "", "a@b.c"},
+      {"From: a@b.c\nSubject: =?utf-8?B?4KQ=?= =?Utf-8?B?lQ==?=", "क", "", "a@b.c"},
       {"From: a@b.c\nSubject: =?utf-8?B?w6Q?= =?utf-8?B?w7bDtg?=", "äöö", "", "a@b.c"},
       {"\xef\xbb\xbf\n\r\nFrom: a@b.c\nSubject: behind a mark", "behind a mark", "", "a@b.c"},
       {"From: a@b.c\rSubject: old line ends\r", "old line ends", "", "a@b.c"},
@@ -254,7 +279,27 @@ TEST(Parts, TheOneToRead) {
        "one", 0, false},
       {"calendar form", with_body(alt, parts("a", {plain + "one", "Content-Type: text/calendar\n\nBEGIN"})), "one", 0,
        false},
-      {"a picture alone", with_body("Content-Type: image/png", "x"), "", 0, true},
+      {"a picture alone", with_body("Content-Type: image/png; name=pier.png", "x"), "🖼 pier.png", 0, true},
+      {"a stub",
+       with_body(alt, parts("a", {plain + "Your program cannot show this.\nhttps://x.example/a/very/long/address",
+                                  page + "<p>What was meant to be read, and a good deal more of it than the "
+                                         "other form has, which makes it the mail itself, does it not?"})),
+       "What was meant to be read, and a good deal more of it than the other form has, which makes it the mail itself, "
+       "does it not?",
+       0, false},
+      {"mostly addresses",
+       with_body(alt, parts("a", {plain + "Sale https://x.example/aaaaaaaaaaaaaaaaaaaaaaa", page + "<p>Sale now"})),
+       "Sale now", 0, false},
+      {"rich text of the old kind", with_body("", "{\\rtf1 a}"), "", 1, false},
+      {"rich text beside it", with_body(alt, parts("a", {page + "one", "Content-Type: text/rtf\n\n{x}"})), "one", 1,
+       false},
+      {"named text alone", with_body(mixed, parts("m", {"Content-Type: text/plain; name=a.txt\n\none"})), "one", 0,
+       false},
+      {"a file in the text", with_body("", "one\nbegin 644 a\n#0V%T\n`\nend\ntwo\nbegin 644 things"),
+       "one\n\ntwo\nbegin 644 things", 1, false},
+      {"an encrypted block", with_body("", "-----BEGIN PGP MESSAGE-----\n\nx\n-----END PGP MESSAGE-----\n"),
+       "🔒 OpenPGP", 0, false},
+      {"only what the content is", "Content-Type: text/plain\n\none", "one", 0, false},
       {"no end", with_body(mixed, "--m\n" + plain + "one\n--m\nContent-Type: application/pdf\n\nx"), "one", 1, false},
       {"an invitation alone",
        with_body("Content-Type: text/calendar",
@@ -268,7 +313,8 @@ TEST(Parts, TheOneToRead) {
                  "a\n-----BEGIN PGP SIGNED MESSAGE-----\nHash: X\n\n- -b\n-----BEGIN PGP SIGNATURE-----\nx\n"
                  "-----END PGP SIGNATURE-----\nc"),
        "a\n-b\nc", 0, false},
-      {"encrypted", with_body("Content-Type: multipart/encrypted; boundary=m", parts("m", {file, file})), "", 1, false},
+      {"encrypted", with_body("Content-Type: multipart/encrypted; boundary=m", parts("m", {file, file})), "🔒 OpenPGP",
+       0, false},
       {"only a forwarded mail",
        with_body(mixed, parts("m", {"Content-Type: message/rfc822\n\nFrom: x@y\nSubject: sub\n\ntext", file})),
        "sub\n\ntext", 2, false},
@@ -284,6 +330,36 @@ TEST(Parts, TheOneToRead) {
   }
 }
 
+TEST(Parts, Meetings) {
+  setenv("TZ", "Europe/Berlin", 1);
+  const std::string when = "DTSTART:20260105T130000Z\nDTEND:20260105T140000Z\n", said = "SUMMARY:One\n";
+  auto body = [](const std::string &head, const std::string &event) {
+    return read(with_body("Content-Type: text/calendar",
+                          "BEGIN:VCALENDAR\n" + head + "BEGIN:VEVENT\n" + event + "END:VEVENT\n"))
+        .body;
+  };
+  struct {
+    const char *name;
+    std::string head, event, text;
+  } cases[] = {
+      {"the reader's zone", "", said + when, "One\n2026-01-05 14:00 – 15:00"},
+      {"another zone", "", said + "DTSTART;TZID=Asia/Tokyo:20260105T010000\nDURATION:PT1H30M\n",
+       "One\n2026-01-04 17:00 – 18:30"},
+      {"cancelled", "METHOD:CANCEL\n", said + when, "🚫 One\n2026-01-05 14:00 – 15:00"},
+      {"changed", "METHOD:REQUEST\n", said + "SEQUENCE:2\n", "✏️ One"},
+      {"first asked", "METHOD:REQUEST\n", said + "SEQUENCE:0\n", "One"},
+      {"declined", "METHOD:REPLY\n", said + "ATTENDEE;PARTSTAT=DECLINED:mailto:a@b.c\n", "❌ One"},
+      {"days", "", said + "DTSTART;VALUE=DATE:20260105\nDTEND;VALUE=DATE:20260108\n", "One\n2026-01-05 – 2026-01-07"},
+      {"every week", "", said + when + "RRULE:FREQ=WEEKLY;BYDAY=MO,TH;INTERVAL=2\n",
+       "One\n2026-01-05 14:00 – 15:00\n🔁 2026-01-08, 2026-01-19, 2026-01-22 …"},
+      {"twice", "", said + when + "RRULE:FREQ=DAILY;COUNT=2\n", "One\n2026-01-05 14:00 – 15:00\n🔁 2026-01-06"},
+      {"until", "", said + when + "RRULE:FREQ=MONTHLY;UNTIL=20260210T000000Z\n",
+       "One\n2026-01-05 14:00 – 15:00\n🔁 2026-02-05"},
+      {"a rule of its own", "", said + when + "RRULE:FREQ=MONTHLY;BYDAY=1MO\n", "One\n2026-01-05 14:00 – 15:00\n🔁 …"},
+  };
+  for (const auto &c : cases) EXPECT_EQ(body(c.head, c.event), c.text) << c.name;
+}
+
 TEST(Parts, FlowedAndEncodedText) {
   const std::string flowed = "Content-Type: text/plain; format=flowed",
                     qp = "Content-Transfer-Encoding: quoted-printable\n";
@@ -296,7 +372,9 @@ TEST(Parts, FlowedAndEncodedText) {
   EXPECT_EQ(read(with_body("Content-Transfer-Encoding: base64\nContent-Type: text/plain", "SGVs\nbG8!!")).body, "Hel");
   EXPECT_EQ(read(with_body("Content-Transfer-Encoding: nonsense", "text")).body, "text");
   EXPECT_EQ(read(with_body("Content-Type: text/html", "<meta charset=koi8-r>\xf0\xd2\xc9")).body, "При");
-  EXPECT_EQ(read(with_body("", "a  \n\n\n\n\n\n  b\n\n")).body, "a\n\n\n  b");
+  EXPECT_EQ(read(with_body("", "a  \n\n\n \n\n\u00a0\n  b\n\n")).body, "a\n\n\n  b");
+  EXPECT_EQ(read(with_body("", std::string(40, '-') + "\na\n--\nsig\n" + std::string(30, '='))).body,
+            "———\na\n--\nsig\n———");
 }
 
 TEST(Pieces, NeverSplitWhatBelongsTogether) {
