@@ -23,7 +23,16 @@ void _brisel_update_time_format_and_views(appdata *ad);
 void _brisel_register_vconf_change_notify(appdata *ad);
 void _brisel_unregister_vconf_change_notify();
 
+/* --- the first minute --- */
+
+/* Fills the window while no main screen stands; nothing when one does. Back ends the application. */
+void _show_first_minute(appdata *ad);
+void _end_first_minute();
+
 /* --- launch flows --- */
+
+/* Leaves for good: the window goes out of sight at once, the main loop ends. */
+void _lower_and_exit(appdata *ad);
 
 /* Whether no account may be shown. */
 bool _check_setup_account_popup_is_needed();

@@ -58,8 +58,7 @@ int _check_security_lock_mail(int mail_id) {
 
 /* --- the popups that wait --- */
 
-/* Leaves for good: the window goes out of sight at once, the main loop ends. */
-static void _lower_and_exit(appdata *ad) {
+void _lower_and_exit(appdata *ad) {
   if (ad->win_main) elm_win_lower(ad->win_main);
   app_efl_exit();
 }
@@ -176,16 +175,36 @@ void brisel_tell_store_unreadable(appdata *ad) {
                                           _store_popup_again_cb, "IDS_EMAIL_SK_TRY_AGAIN"));
 }
 
+/* Seconds after which nobody should be left looking at a ring: what can be done about it is shown instead. */
+constexpr double connecting_patience = 30.0;
+static Ecore_Timer *connecting_timer;
+
+static void _stop_connecting_timer() {
+  if (connecting_timer) ecore_timer_del(connecting_timer);
+  connecting_timer = nullptr;
+}
+
+static Eina_Bool _connecting_timer_cb(void *data) {
+  connecting_timer = nullptr;
+  brisel_util_drop_popup(&((appdata *)data)->connecting_popup);
+  return ECORE_CALLBACK_CANCEL;
+}
+
 void _count_is_known(appdata *ad) {
+  _stop_connecting_timer();
   brisel_util_drop_popup(&ad->connecting_popup);
   brisel_widget_ref_drop(&store_popup);
 }
 
 static void _wait_for_count(appdata *ad) {
-  if (store_is_unreadable)
+  if (!launched) _show_first_minute(ad);
+  if (store_is_unreadable) {
     brisel_tell_store_unreadable(ad);
-  else
-    _create_connecting_popup(ad);
+    return;
+  }
+  _create_connecting_popup(ad);
+  _stop_connecting_timer();
+  connecting_timer = ecore_timer_add(connecting_patience, _connecting_timer_cb, ad);
 }
 
 /* --- the mail that a launch names --- */
@@ -231,6 +250,7 @@ void _launch(appdata *ad, int mail_id) {
   waits_for_link = false;
   init_brisel(ad, mail_id);
   launched = 1;
+  _end_first_minute();
   /* An account may come before the count is known: the popup stays above the new screen, and so does its back key. */
   if (ad->connecting_popup)
     ea_object_event_callback_add(ad->connecting_popup, EA_CALLBACK_BACK, _connecting_popup_back_cb, ad);
@@ -270,6 +290,7 @@ static void _bt_connect_error_popup_result_cb(service_h request, service_h reply
 static void _reset(appdata *ad, const char *mail_text) {
   if (!ad->bt_connected) {
     waits_for_link = !launched;
+    if (!launched) _show_first_minute(ad);
     /* Nobody would answer for a popup that has not come. */
     if (brisel_util_start_link_popup(ad, _bt_connect_error_popup_result_cb, "refresh") != 0) _go_on(ad);
     return;
@@ -312,6 +333,7 @@ static void _waiting_launch_cb(void *data) {
 }
 
 void _forget_launches() {
+  _stop_connecting_timer();
   if (waiting_launch) ecore_job_del(waiting_launch);
   waiting_launch = nullptr;
   waiting_text.reset();

@@ -31,6 +31,7 @@ static void _window_resize_cb(void *data, Evas *e, Evas_Object *obj, void *event
 static void _drop_popups(appdata *ad) {
   for (Evas_Object **popup : {&ad->security_popup, &ad->account_popup, &ad->connecting_popup, &ad->no_account_popup})
     brisel_util_drop_popup(popup);
+  _end_first_minute();
 }
 
 /* The window closes itself when its user asks: the views in it are freed while they still stand, and nothing points
@@ -38,6 +39,7 @@ static void _drop_popups(appdata *ad) {
 static void _window_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
   brisel_delete_sweep_item(ad);
+  _forget_launches();
   _drop_popups(ad);
   _clear_all_naviframe_view_data(ad);
   if (ad->sweep_timer) ecore_timer_del(ad->sweep_timer);

@@ -2,12 +2,14 @@
 #include "brisel-app-core.h"
 #include "brisel-app-delete-view.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 #include "vconf.h"
 
 void _brisel_init_vconf_values(appdata *ad) {
   BRISEL_INFO("Enter");
   int result = vconf_get_bool(BRISEL_KEY_BT_CONNECTED, &ad->bt_connected);
   if (result < 0) BRISEL_WARN("vconf_get_bool returns: %d", result);
+  brisel_view_show_link(ad->bt_connected);
 }
 
 void _brisel_set_date_time_format(appdata *ad) {
@@ -62,6 +64,7 @@ static void _brisel_bt_connected_state_changed_cb(keynode_t *node, void *user_da
   BRISEL_INFO("bt_connected : %d", connected);
   if (connected == ad->bt_connected) return;
   ad->bt_connected = connected;
+  brisel_view_show_link(connected);
   if (connected) _link_is_up(ad);
   if (ad->no_account_popup) elm_object_disabled_set(ad->no_account_ok_btn, connected ? EINA_FALSE : EINA_TRUE);
 }

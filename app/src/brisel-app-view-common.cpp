@@ -5,6 +5,7 @@
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 #include "efl_assist.h"
+#include "platform-paths.h"
 
 /* --- widgets that a record names --- */
 
@@ -118,8 +119,32 @@ Evas_Object *brisel_view_title_button(Evas_Object *parent, const char *image, Ev
   return button;
 }
 
+static bool link_is_shown = true;
+static Eina_List *title_icons;
+
+static const char *_title_icon_name() {
+  return link_is_shown ? "b_email_icon_email.png" : "b_email_icon_email_off.png";
+}
+
+static void _title_icon_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  title_icons = eina_list_remove(title_icons, obj);
+}
+
 Evas_Object *brisel_view_title_icon(Evas_Object *parent) {
-  return _title_image(parent, "b_email_icon_email.png", EVAS_ASPECT_CONTROL_VERTICAL);
+  Evas_Object *icon = _title_image(parent, _title_icon_name(), EVAS_ASPECT_CONTROL_VERTICAL);
+  if (!icon) return nullptr;
+  title_icons = eina_list_append(title_icons, icon);
+  evas_object_event_callback_add(icon, EVAS_CALLBACK_DEL, _title_icon_gone_cb, nullptr);
+  return icon;
+}
+
+void brisel_view_show_link(bool is_linked) {
+  if (is_linked == link_is_shown) return;
+  link_is_shown = is_linked;
+  Eina_List *cell;
+  void *icon;
+  EINA_LIST_FOREACH(title_icons, cell, icon)
+  elm_image_file_set((Evas_Object *)icon, platform_path(BRISEL_IMAGES_EDJ), _title_icon_name());
 }
 
 Evas_Object *brisel_view_more_button(Elm_Object_Item *item, Evas_Smart_Cb clicked_cb, void *data) {

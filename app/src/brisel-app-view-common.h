@@ -49,8 +49,10 @@ bool brisel_view_on_top(const brisel_view_head *head);
 
 /* A button with a picture, for the title's end, shown; the title places it. NULL on failure, which is logged. */
 Evas_Object *brisel_view_title_button(Evas_Object *parent, const char *image, Evas_Smart_Cb clicked_cb, void *data);
-/* The envelope at the title's start, shown. NULL on failure, which is logged. */
+/* The envelope at the title's start, shown; it says whether the phone is linked. NULL on failure, which is logged. */
 Evas_Object *brisel_view_title_icon(Evas_Object *parent);
+/* The phone's link, as every envelope in a title shows it from now on. */
+void brisel_view_show_link(bool is_linked);
 
 /* What the more key presses while the view of that item is on top; it shows nothing. NULL on failure, which is logged.
  */
