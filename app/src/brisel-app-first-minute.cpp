@@ -12,18 +12,45 @@ static void _back_cb(void *data, Evas_Object *obj, void *event_info) {
   _lower_and_exit((appdata *)data);
 }
 
+/* Its height follows from its width. */
+static void _resized_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  Evas_Object *layout = elm_object_content_get(obj);
+  int width = 0, height = 0;
+  evas_object_geometry_get(obj, nullptr, nullptr, &width, nullptr);
+  if (!layout || width < 1) return;
+  edje_object_size_min_restricted_calc(elm_layout_edje_get(layout), nullptr, &height, width, 0);
+  evas_object_size_hint_min_set(layout, width, height);
+}
+
+static void _language_cb(void *data, Evas_Object *obj, void *event_info) {
+  _resized_cb(nullptr, nullptr, obj, nullptr);
+}
+
 void _show_first_minute(appdata *ad) {
   BRISEL_INFO("Enter");
   if (screen || ad->naviframe) return;
-  Evas_Object *layout = brisel_util_load_edj(ad->win_main, BRISEL_EDJ, "brisel/first_minute");
-  if (!layout) return;
+  Evas_Object *scroller = elm_scroller_add(ad->win_main);
+  Evas_Object *layout = brisel_util_load_edj(scroller, BRISEL_EDJ, "brisel/first_minute");
+  if (!layout) {
+    evas_object_del(scroller);
+    return;
+  }
   elm_object_domain_translatable_part_text_set(layout, "title", BRISEL_DOMAIN, "IDS_EMAIL_HEADER_NO_PHONE_YET");
   elm_object_domain_translatable_part_text_set(layout, "text", BRISEL_DOMAIN,
                                                "IDS_EMAIL_BODY_HOW_TO_PAIR_A_PHONE_OR_SEE_THE_DEMO");
-  ea_object_event_callback_add(layout, EA_CALLBACK_BACK, _back_cb, ad);
-  elm_win_resize_object_add(ad->win_main, layout);
+  evas_object_size_hint_align_set(layout, EVAS_HINT_FILL, EVAS_HINT_FILL);
   evas_object_show(layout);
-  brisel_widget_ref_set(&screen, layout);
+  brisel_view_expand(scroller);
+  elm_object_style_set(scroller, "effect");
+  elm_scroller_bounce_set(scroller, EINA_FALSE, EINA_TRUE);
+  elm_scroller_policy_set(scroller, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
+  elm_object_content_set(scroller, layout);
+  ea_object_event_callback_add(scroller, EA_CALLBACK_BACK, _back_cb, ad);
+  elm_win_resize_object_add(ad->win_main, scroller);
+  evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _resized_cb, nullptr);
+  evas_object_smart_callback_add(scroller, "language,changed", _language_cb, nullptr);
+  evas_object_show(scroller);
+  brisel_widget_ref_set(&screen, scroller);
 }
 
 void _end_first_minute() {

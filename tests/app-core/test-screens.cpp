@@ -111,6 +111,77 @@ TEST_F(screens, LaunchesThatWaitAreOne) {
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "I/Show detail view first."), 2) << "the first and the last";
 }
 
+/* Whatever stands when a launch names a mail gives way to it, and the window comes to the front. */
+TEST_F(screens, ALaunchLeavesNothingOverWhatItOpens) {
+  const int plain = mail(), locked = mail(1);
+  const std::string alert = brisel_util_get_text("IDS_EMAIL_HEADER_OPEN_EMAIL_ABB");
+  phone.add_account("b@example.org", "Name b");
+  phone.connect();
+  app_start();
+  const std::function<void()> stands[] = {
+      [] {},
+      [&] { app_launch(std::to_string(locked).c_str()); },
+      [] { brisel_create_account_selection_popup(&test_ad); },
+      [&] { brisel_option_detail_draw_view(plain, &test_ad); },
+  };
+  for (const auto &stand : stands) {
+    stand();
+    settle();
+    elm_win_iconified_set(test_ad.win_main, EINA_TRUE);
+    app_launch(std::to_string(plain).c_str());
+    EXPECT_TRUE(visible("Subject"));
+    EXPECT_EQ(test_ad.mail_id, plain);
+    EXPECT_FALSE(elm_win_iconified_get(test_ad.win_main));
+    stand();
+    settle();
+    app_launch(std::to_string(locked).c_str());
+    EXPECT_TRUE(visible(alert));
+    EXPECT_EQ(brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, &test_ad), nullptr);
+    phone.requests.clear();
+    /* Just after the touch before, the popup does not take it yet. */
+    EXPECT_TRUE(run_until([] {
+      tap(text_at(brisel_util_get_text("IDS_COM_SK_OK")));
+      return !test_ad.security_popup;
+    }));
+    EXPECT_EQ(phone.request("show").value("id_list", std::vector<int>()), std::vector<int>{locked});
+    key("XF86Back"); /* the toast */
+    EXPECT_TRUE(gone(brisel_util_get_text("IDS_PLEXO_POP_CHECK_MOBILE_DEVICE_TO_VIEW_CONTENT")));
+  }
+}
+
+/* Events that the application did not hear: the mailbox looks for itself when its user comes back to it. */
+TEST_F(screens, MailThatCameUnheardIsFoundOnTheWayBack) {
+  const std::function<void()> ways[] = {[] { app_resume(&test_ad); }, [] { app_launch(); }};
+  for (const auto &way : ways) {
+    app_start();
+    EXPECT_TRUE(nocontents_on_screen());
+    brisel_ipc_client_event_unsubscribe(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD);
+    const int id = mail();
+    settle();
+    EXPECT_TRUE(nocontents_on_screen());
+    way();
+    EXPECT_EQ(listed_mails(), std::vector<int>{id});
+    EXPECT_FALSE(nocontents_on_screen());
+    app_stop();
+    phone.delete_mails({id});
+  }
+}
+
+TEST_F(screens, TheSetUpPopupsButtonFollowsTheLink) {
+  app_start();
+  vconf_set_bool(BRISEL_KEY_BT_CONNECTED, 0);
+  EXPECT_TRUE(run_until([] { return !test_ad.bt_connected; }));
+  test_ad.account_id = account;
+  phone.remove_account(account);
+  EXPECT_TRUE(run_until([] { return test_ad.no_account_popup != nullptr; }));
+  EXPECT_TRUE(elm_object_disabled_get(test_ad.no_account_ok_btn)) << "it opens without a link";
+  EXPECT_EQ(test_ad.account_id, 0);
+  for (int linked : {1, 0}) {
+    vconf_set_bool(BRISEL_KEY_BT_CONNECTED, linked);
+    EXPECT_TRUE(run_until([&] { return elm_object_disabled_get(test_ad.no_account_ok_btn) == !linked; }));
+  }
+}
+
 TEST_F(screens, EndsFreeWhatIsOpen) {
   const int plain = mail(), locked = mail(1);
   const struct {

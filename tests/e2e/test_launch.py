@@ -89,6 +89,7 @@ def test_without_link_the_popup_comes_and_its_answer_goes_on_without_the_mail(s)
     s.launch(brisel_id=ids[False])
     s.wait(lambda: link_popup_up(s), "the link popup")
     equal(s.dump()["views"], [], "views before the answer")
+    s.wait_text(s.text("IDS_EMAIL_HEADER_NO_PHONE_YET"))
     s.serve()
     s.wait_text(SENDER)
     equal(len(s.dump()["views"]), 1, "the mail of the launch is not kept")
@@ -103,6 +104,19 @@ def test_cancel_on_the_link_popup_still_shows_the_mailbox(s):
     s.watch("--app", "com.vextora.bt-connection-popup", "key", "back")
     s.wait_text(SENDER)
     assert "BT Not Connected" in s.log()
+
+
+def test_the_answer_of_the_link_popup_returns_to_the_mailbox(s):
+    phone = s.serve()
+    ids = arrange(s, 1, True)
+    s.launch(brisel_id=ids[False])
+    s.wait_text(SUBJECT)
+    s.stop_serve(phone)
+    s.launch()
+    s.wait(lambda: link_popup_up(s), "the link popup")
+    equal(len(s.dump()["views"]), 2, "views before the answer")
+    s.watch("--app", "com.vextora.bt-connection-popup", "key", "back")
+    s.wait(lambda: len(s.dump()["views"]) == 1, "the mailbox alone")
 
 
 def test_without_link_and_count_the_answer_leads_to_connecting(s):
@@ -182,9 +196,12 @@ def test_back_only_lowers_the_set_up_popup_but_ends_connecting(s):
     assert not gone(s)
     s.launch()
     s.wait_text(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
+    equal(len(s.dump()["popups"]), 1, "one set-up popup, however often it is launched")
     s.phone("account", "count", "unknown")
-    s.launch()
-    s.wait_text(s.text("IDS_EMAIL_POP_CONNECTING_ING"))
+    for _ in range(2):
+        s.launch()
+        s.wait_text(s.text("IDS_EMAIL_POP_CONNECTING_ING"))
+    equal(len(s.dump()["popups"]), 2, "one of each")
     s.watch("key", "back")
     s.wait(lambda: gone(s), "the application to end")
 
