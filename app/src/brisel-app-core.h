@@ -12,8 +12,10 @@
 void _brisel_naviframe_pop_to_mailbox(appdata *ad);
 /* Frees the records of all views; the mailbox has none. */
 void _clear_all_naviframe_view_data(appdata *ad);
-/* The keys of the naviframe and the end of its transitions. */
-void _register_naviframe_callbacks(Evas_Object *naviframe);
+/* The naviframe's keys, the end of its transitions, and the window's title. */
+void _register_naviframe_callbacks(appdata *ad);
+/* The window's title says what is shown: the top view's, else the application's name. */
+void _update_window_title(appdata *ad);
 
 /* --- settings --- */
 

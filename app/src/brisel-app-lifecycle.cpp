@@ -2,6 +2,12 @@
 #include "brisel-app-lifecycle.h"
 
 #include <libintl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
 
 #include "brisel-app-core.h"
 #include "brisel-app-touch.h"
@@ -54,7 +60,26 @@ static void _window_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *even
   ad->evas = nullptr;
 }
 
+static bool _socket_is_there(const std::string &path) {
+  return access(path.c_str(), F_OK) == 0;
+}
+
+/* Whether a window can be had. The toolkit would say so too, in two hundred lines. */
+static bool _display_is_there() {
+  if (getenv("ELM_ENGINE") || getenv("ELM_DISPLAY")) return true; /* somebody knows better */
+  const char *wayland = getenv("WAYLAND_DISPLAY"), *runtime = getenv("XDG_RUNTIME_DIR"), *x11 = getenv("DISPLAY");
+  if (wayland && *wayland == '/' && _socket_is_there(wayland)) return true;
+  if (wayland && *wayland && runtime && _socket_is_there(std::string(runtime) + "/" + wayland)) return true;
+  if (!x11 || !*x11) return false;
+  /* A display of another machine, or over its own ways, is believed. */
+  return *x11 != ':' || _socket_is_there("/tmp/.X11-unix/X" + std::string(x11 + 1, strcspn(x11 + 1, ".")));
+}
+
 static Evas_Object *_brisel_create_win(appdata *ad) {
+  if (!_display_is_there()) {
+    fprintf(stderr, "brisel: there is no display to show mail on; DISPLAY or WAYLAND_DISPLAY must name one.\n");
+    return nullptr;
+  }
   Evas_Object *win = elm_win_util_standard_add("brisel", "brisel");
   if (!win) return nullptr;
   elm_win_autodel_set(win, EINA_TRUE);
@@ -185,6 +210,7 @@ int app_lang_changed(void *user_data) {
   scoped_text language(vconf_get_str(BRISEL_KEY_LANGUAGE));
   if (!language) return 0;
   elm_language_set(language.get());
+  _update_window_title(ad);
   brisel_detail_update_string(ad);
   return 0;
 }

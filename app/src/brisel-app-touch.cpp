@@ -47,8 +47,27 @@ static void _time_shield() {
   shield_timer = ecore_timer_add(std::max(left, 0.0), _shield_timer_cb, nullptr);
 }
 
+/* A mouse's button on its side, which browsers go back with. */
+constexpr int mouse_back = 8;
+
+/* Not while the canvas hands the button around: the key may close what it is handed to. */
+static void _press_back_cb(void *data) {
+  Evas *canvas = pane ? evas_object_evas_get(pane) : nullptr;
+  if (!canvas) return;
+  const unsigned now = (unsigned)(ecore_loop_time_get() * 1000.0);
+  evas_event_feed_key_down(canvas, "XF86Back", "XF86Back", nullptr, nullptr, now, nullptr);
+  evas_event_feed_key_up(canvas, "XF86Back", "XF86Back", nullptr, nullptr, now, nullptr);
+}
+
+/* Whether it is that button. */
+static bool _is_back_button(const Evas_Event_Mouse_Down *event) {
+  if (event->button != mouse_back) return false;
+  ecore_job_add(_press_back_cb, nullptr);
+  return true;
+}
+
 static void _shield_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
-  shield_is_touched = true;
+  if (!_is_back_button((Evas_Event_Mouse_Down *)event_info)) shield_is_touched = true;
 }
 
 static void _shield_up_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
@@ -64,11 +83,14 @@ static void _shield_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_i
 }
 
 static void _pane_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  const Evas_Event_Mouse_Down *event = (Evas_Event_Mouse_Down *)event_info;
+  if (_is_back_button(event)) return;
   is_down = true;
-  touched_at = ((Evas_Event_Mouse_Down *)event_info)->canvas;
+  touched_at = event->canvas;
 }
 
 static void _pane_up_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  if (((Evas_Event_Mouse_Up *)event_info)->button == mouse_back) return;
   is_down = false;
   touched_at = ((Evas_Event_Mouse_Up *)event_info)->canvas;
   lifted_time = ecore_loop_time_get();

@@ -6,7 +6,8 @@
 
 #include <Evas.h>
 
-/* Once a canvas, when its window is made: from now on its touches are known. Ends with the canvas. */
+/* Once a canvas, when its window is made: from now on its touches are known, and a mouse's back button is the back key.
+   Ends with the canvas. */
 void brisel_touch_watch(Evas *canvas);
 /* When a touch has opened something: while that lives, a touch that begins within 0.3 s and a finger's width of the one
    that opened it goes nowhere; every other one is at once for what it meets. */

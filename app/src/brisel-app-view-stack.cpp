@@ -1,5 +1,7 @@
 /* The view stack: finding a view's record, leaving views one by one or all at once, and the keys that work on it. */
 #include "brisel-app-core.h"
+#include "brisel-app-utils.h"
+#include "brisel-scoped.h"
 #include "efl_assist.h"
 
 /* The stack takes no pop while its top view is still sliding in, and says nothing: such a pop waits for the view to
@@ -52,6 +54,7 @@ void _brisel_naviframe_pop_to_mailbox(appdata *ad) {
         _remove_view_item((Elm_Object_Item *)item);
     }
     ad->mail_id = 0;
+    _update_window_title(ad);
   }
   eina_list_free(items);
 }
@@ -76,6 +79,7 @@ static void _transition_finished_cb(void *data, Evas_Object *obj, void *event_in
   Elm_Object_Item *waiting = view_to_pop;
   view_to_pop = nullptr;
   is_popping = false;
+  _update_window_title((appdata *)data);
   if (waiting && elm_naviframe_top_item_get(obj) == waiting) brisel_util_pop_view(obj);
 }
 
@@ -96,10 +100,19 @@ static void _naviframe_more_cb(void *data, Evas_Object *obj, void *event_info) {
     elm_object_item_signal_emit(top, "elm,action,more_event", "");
 }
 
-void _register_naviframe_callbacks(Evas_Object *naviframe) {
+void _update_window_title(appdata *ad) {
+  Elm_Object_Item *top = ad->naviframe ? elm_naviframe_top_item_get(ad->naviframe) : nullptr;
+  const char *markup = top ? elm_object_item_text_get(top) : nullptr;
+  scoped_text title(markup && *markup ? elm_entry_markup_to_utf8(markup) : nullptr);
+  elm_win_title_set(ad->win_main,
+                    title ? title.get() : brisel_util_get_text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3"));
+}
+
+void _register_naviframe_callbacks(appdata *ad) {
+  Evas_Object *naviframe = ad->naviframe;
   view_to_pop = nullptr;
   is_popping = false;
-  evas_object_smart_callback_add(naviframe, "transition,finished", _transition_finished_cb, nullptr);
+  evas_object_smart_callback_add(naviframe, "transition,finished", _transition_finished_cb, ad);
   ea_object_event_callback_add(naviframe, EA_CALLBACK_BACK, _naviframe_back_cb, nullptr);
   ea_object_event_callback_add(naviframe, EA_CALLBACK_MORE, _naviframe_more_cb, nullptr);
 }

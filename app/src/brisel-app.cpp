@@ -55,7 +55,7 @@ static void _create_naviframe_layout(appdata *ad) {
   // The device has a back key: no view has a back button.
   elm_naviframe_prev_btn_auto_pushed_set(ad->naviframe, EINA_FALSE);
   elm_object_part_content_set(ad->layout_main, "elm.swallow.content", ad->naviframe);
-  _register_naviframe_callbacks(ad->naviframe);
+  _register_naviframe_callbacks(ad);
   evas_object_show(ad->naviframe);
 }
 
@@ -66,11 +66,18 @@ static Evas_Object *_create_nocontents_layout(appdata *ad) {
   return layout;
 }
 
+/* A mouse's right button presses as long as a finger does. */
+static void _right_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  evas_object_smart_callback_call(obj, "longpressed", event_info);
+}
+
 static void _create_view_layout(appdata *ad) {
   int count = 0;
   brisel_db_get_full_noti_data_count_by_account_id(0, &count);
   ad->delete_btn = brisel_view_title_button(ad->naviframe, "b_email_history_delete_normal.png", _delete_view_cb, ad);
   brisel_create_mailbox_list_view(ad->win_main, ad);
+  evas_object_smart_callback_add(ad->mailbox_genlist, "clicked,right", _right_clicked_cb, nullptr);
   ad->nocontents_layout = _create_nocontents_layout(ad);
 
   bool empty = count < 1;
@@ -86,6 +93,7 @@ static void _create_view_layout(appdata *ad) {
   if (Evas_Object *icon = brisel_view_title_icon(ad->naviframe))
     elm_object_item_part_content_set(item, "elm.swallow.icon", icon);
   elm_naviframe_item_pop_cb_set(item, _pop_cb, ad);
+  _update_window_title(ad);
 }
 
 int init_brisel(appdata *ad, int mail_id) {

@@ -7,6 +7,7 @@
 #include <malloc.h>
 #endif
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -196,8 +197,9 @@ bool read_arguments(int argc, char **argv, service_s *request) {
 }
 
 void window_size(int *w, int *h) {
-  *w = default_width;
-  *h = default_height;
+  /* Without a size of its own the window shows the same at every scale. */
+  *w = std::min(static_cast<int>(default_width * elm_config_scale_get()), largest_side);
+  *h = std::min(static_cast<int>(default_height * elm_config_scale_get()), largest_side);
   const char *size = getenv("BRISEL_WINDOW_SIZE");
   if (!size || !*size) return;
   int width;

@@ -168,18 +168,32 @@ TEST_F(screens, MailThatCameUnheardIsFoundOnTheWayBack) {
 }
 
 TEST_F(screens, TheSetUpPopupsButtonFollowsTheLink) {
+  const int other = phone.add_account("b@example.org", "Name b");
   app_start();
+  brisel_create_account_selection_popup(&test_ad);
   vconf_set_bool(BRISEL_KEY_BT_CONNECTED, 0);
   EXPECT_TRUE(run_until([] { return !test_ad.bt_connected; }));
   test_ad.account_id = account;
+  phone.remove_account(other);
+  EXPECT_TRUE(run_until([] { return !test_ad.account_popup; })) << "one account leaves nothing to choose";
+  brisel_create_account_selection_popup(&test_ad);
   phone.remove_account(account);
   EXPECT_TRUE(run_until([] { return test_ad.no_account_popup != nullptr; }));
   EXPECT_TRUE(elm_object_disabled_get(test_ad.no_account_ok_btn)) << "it opens without a link";
   EXPECT_EQ(test_ad.account_id, 0);
+  EXPECT_EQ(test_ad.account_popup, nullptr);
   for (int linked : {1, 0}) {
     vconf_set_bool(BRISEL_KEY_BT_CONNECTED, linked);
     EXPECT_TRUE(run_until([&] { return elm_object_disabled_get(test_ad.no_account_ok_btn) == !linked; }));
   }
+  /* The count alone ends it, too. */
+  brisel_ipc_client_event_unsubscribe(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD);
+  phone.set_account_count(false);
+  phone.add_account("c@example.org", "Name c");
+  settle();
+  EXPECT_NE(test_ad.no_account_popup, nullptr);
+  phone.set_account_count(true);
+  EXPECT_TRUE(run_until([] { return !test_ad.no_account_popup; }));
 }
 
 TEST_F(screens, EndsFreeWhatIsOpen) {
@@ -218,6 +232,26 @@ TEST_F(screens, EndsFreeWhatIsOpen) {
       EXPECT_EQ(test_ad.itc_mail, nullptr);
       app_stop();
     }
+}
+
+TEST_F(screens, AMouseAndTheWindowsTitle) {
+  const int id = mail();
+  app_start();
+  const std::string name = elm_win_title_get(test_ad.win_main);
+  EXPECT_EQ(name, brisel_util_get_text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3"));
+  const auto click = [](point at, int button) {
+    static unsigned now = 1000000;
+    evas_event_feed_mouse_move(test_ad.evas, at.x, at.y, now++, nullptr);
+    evas_event_feed_mouse_down(test_ad.evas, button, EVAS_BUTTON_NONE, now++, nullptr);
+    evas_event_feed_mouse_up(test_ad.evas, button, EVAS_BUTTON_NONE, now++, nullptr);
+  };
+  settle();
+  click(middle_of_item(item_of_mail(id)), 3);
+  EXPECT_TRUE(run_until([] { return brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_OPTION_DETAIL_VIEW, &test_ad); }));
+  EXPECT_TRUE(run_until([] { return !strcmp(elm_win_title_get(test_ad.win_main), "Name"); })) << "the options' title";
+  click({160, 160}, 8);
+  EXPECT_TRUE(run_until([] { return !brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_OPTION_DETAIL_VIEW, &test_ad); }));
+  EXPECT_TRUE(run_until([&] { return elm_win_title_get(test_ad.win_main) == name; }));
 }
 
 TEST_F(screens, PauseAndResumeWithoutAReaderWarn) {

@@ -157,6 +157,18 @@ def test_a_second_account_after_the_set_up_is_seen(s):
     assert s.shows("first@example.net")
 
 
+def test_help_version_and_a_missing_display_take_a_line(s):
+    s.run("brisel", "--help")
+    assert s.run("brisel", "--version").stdout.startswith("brisel "), "the version"
+    for name in ("ELM_ENGINE", "ELM_DISPLAY", "DISPLAY", "WAYLAND_DISPLAY"):
+        s.env.pop(name, None)
+    for display in ({}, {"DISPLAY": ":4711"}, {"WAYLAND_DISPLAY": "wayland-4711"}):
+        s.env.update(display)
+        done = s.run("brisel", check=False)
+        assert done.returncode != 0 and done.stderr.startswith("brisel: there is no display"), done.stderr
+        equal(len(done.stderr.splitlines()), 1, "lines")
+
+
 def gone(s):
     """True once the application has left the bus."""
     return not on_bus(s, "com.vextora.brisel")
