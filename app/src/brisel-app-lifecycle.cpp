@@ -99,7 +99,7 @@ bool app_create(void *user_data) {
   evas_object_event_callback_add(ad->win_main, EVAS_CALLBACK_RESIZE, _window_resize_cb, ad);
   evas_object_event_callback_add(ad->win_main, EVAS_CALLBACK_DEL, _window_deleted_cb, ad);
   ad->evas = evas_object_evas_get(ad->win_main);
-  brisel_touch_watch(ad->evas);
+  brisel_touch_watch(ad->win_main);
   app_efl_window_attach(ad->win_main);
   evas_object_show(ad->win_main);
 

@@ -5,9 +5,12 @@
 
 #include <algorithm>
 
+#include "brisel-log.h"
+
 /* Seconds from the end of the touch that opened something. */
 constexpr double guard_time = 0.3;
 
+static Evas_Object *window;
 static Evas_Object *pane;    /* lies over everything, sees every touch and lets it through */
 static Evas_Object *shield;  /* lies over the place that a touch has opened something at, and lets nothing through */
 static Evas_Object *guarded; /* what that touch has opened */
@@ -87,6 +90,7 @@ static void _pane_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_inf
   if (_is_back_button(event)) return;
   is_down = true;
   touched_at = event->canvas;
+  elm_win_focus_highlight_enabled_set(window, EINA_FALSE);
 }
 
 static void _pane_up_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
@@ -112,9 +116,18 @@ static Evas_Object *_add_invisible(Evas *canvas) {
   return object;
 }
 
-void brisel_touch_watch(Evas *canvas) {
+/* Whoever moves the focus with keys sees where it is. */
+static void _pane_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  elm_win_focus_highlight_enabled_set(window, EINA_TRUE);
+}
+
+void brisel_touch_watch(Evas_Object *win) {
   if (pane) evas_object_del(pane);
-  pane = _add_invisible(canvas);
+  window = win;
+  pane = _add_invisible(evas_object_evas_get(win));
+  for (const char *key : {"Tab", "ISO_Left_Tab", "Up", "Down", "Left", "Right", "Prior", "Next", "Home", "End"})
+    if (!evas_object_key_grab(pane, key, 0, 0, EINA_FALSE)) BRISEL_WARN("the key %s cannot be heard", key);
+  evas_object_event_callback_add(pane, EVAS_CALLBACK_KEY_DOWN, _pane_key_cb, nullptr);
   evas_object_geometry_set(pane, 0, 0, SHRT_MAX, SHRT_MAX);
   evas_object_repeat_events_set(pane, EINA_TRUE);
   evas_object_event_callback_add(pane, EVAS_CALLBACK_MOUSE_DOWN, _pane_down_cb, nullptr);

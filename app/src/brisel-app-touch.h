@@ -1,14 +1,14 @@
-/* Keeps what is left of a touch away from what it has opened: a popup or a view must not take the second tap of a
-   double tap, or the bounce of a finger, for an answer. The popup kit and the pushing of views call it. Thread: the EFL
-   main loop. */
+/* Hands: which one works the window, and what a touch has opened. Keeps what is left of a touch away from what it has
+   opened: a popup or a view must not take the second tap of a double tap, or the bounce of a finger, for an answer. The
+   popup kit and the pushing of views call it. Thread: the EFL main loop. */
 #ifndef BRISEL_APP_TOUCH_H
 #define BRISEL_APP_TOUCH_H
 
 #include <Evas.h>
 
-/* Once a canvas, when its window is made: from now on its touches are known, and a mouse's back button is the back key.
-   Ends with the canvas. */
-void brisel_touch_watch(Evas *canvas);
+/* Once a window, when it is made: from now on its touches are known, a mouse's back button is the back key, and the
+   focus shows while keys move it and no finger does. Ends with the window. */
+void brisel_touch_watch(Evas_Object *window);
 /* When a touch has opened something: while that lives, a touch that begins within 0.3 s and a finger's width of the one
    that opened it goes nowhere; every other one is at once for what it meets. */
 void brisel_touch_guard(Evas_Object *opened);

@@ -254,6 +254,25 @@ TEST_F(screens, AMouseAndTheWindowsTitle) {
   EXPECT_TRUE(run_until([&] { return elm_win_title_get(test_ad.win_main) == name; }));
 }
 
+TEST_F(screens, KeysMoveAFocusThatShows) {
+  const int id = mail();
+  app_start();
+  settle();
+  EXPECT_FALSE(elm_win_focus_highlight_enabled_get(test_ad.win_main));
+  elm_object_focus_set(test_ad.mailbox_genlist, EINA_TRUE);
+  EXPECT_TRUE(run_until([&] {
+    key("Down");
+    return elm_genlist_selected_item_get(test_ad.mailbox_genlist) ||
+           elm_object_focused_item_get(test_ad.mailbox_genlist) == item_of_mail(id);
+  }));
+  EXPECT_TRUE(elm_win_focus_highlight_enabled_get(test_ad.win_main));
+  key("Return");
+  EXPECT_TRUE(run_until([] { return brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, &test_ad); }));
+  EXPECT_EQ(test_ad.mail_id, id);
+  tap({160, 300});
+  EXPECT_FALSE(elm_win_focus_highlight_enabled_get(test_ad.win_main)) << "a finger needs none";
+}
+
 TEST_F(screens, PauseAndResumeWithoutAReaderWarn) {
   app_start();
   log_mark();
