@@ -21,7 +21,9 @@ ROOMS = {
                                                     re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^schema\.h$")]),
     "phone": (["phone", "platform/inc"], [re.compile(r"^(gmime|glib|gio)"), re.compile(r"^(sqlite3\.h|systemd/)"),
                                           re.compile(r"^(nlohmann|CLI)/"),
-                                          re.compile(r"^(seccomp\.h|linux/landlock\.h)$")]),
+                                          re.compile(r"^(seccomp\.h|linux/landlock\.h)$"),
+                                          re.compile(r"^(libetpan|curl|gnutls|libsecret)/"),
+                                          re.compile(r"^(resolv|termios|sysexits)\.h$")]),
     "tools": (["tools", "platform/inc", "platform/bus"], [EFL, re.compile(r"^gio/"), re.compile(r"^systemd/"), re.compile(r"^(nlohmann|CLI)/")]),
 }
 

@@ -8,6 +8,9 @@
 
 #include "commands.h"
 #include "parser.h"
+#include "post-account.h"
+#include "post-cli.h"
+#include "post-setup.h"
 #include "relay.h"
 
 namespace {
@@ -62,12 +65,21 @@ int main(int argc, char **argv) {
   account_add->add_option("--id", id, "The id; one that exists is changed")->check(id_range);
   account_add->callback([&] { exit_code = command_account_add(address, name, color, id); });
   CLI::App *account_remove = account->add_subcommand("remove", "Remove an account and its mails");
-  account_remove->add_option("ID", id, "The account's id")->required()->check(id_range);
-  account_remove->callback([&] { exit_code = command_account_remove(id); });
+  std::string which;
+  account_remove->add_option("ID", which, "The account's id on the watch, or the name of one on a server")->required();
+  account_remove->callback([&] {
+    bool number = which.find_first_not_of("0123456789") == std::string::npos && which.size() < 10;
+    exit_code =
+        number ? command_account_remove(atoi(which.c_str())) : command_account_forget(post_config_file(), which);
+  });
   bool json = false;
   CLI::App *account_list = account->add_subcommand("list", "List the accounts: id, address, name, colour");
   account_list->add_flag("--json", json, as_json);
-  account_list->callback([&] { exit_code = command_account_list(json); });
+  account_list->callback([&] {
+    exit_code = command_account_list(json);
+    if (exit_code == 0 && !json) exit_code = command_account_servers(post_config_file());
+  });
+  post_add_commands(&app, account, &exit_code);
   std::string known;
   CLI::App *account_count = account->add_subcommand("count", "Say whether the number of accounts is known");
   account_count->add_option("STATE", known, "known or unknown")->required()->check(CLI::IsMember({"known", "unknown"}));

@@ -1,7 +1,12 @@
 #include <glib.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstring>
 
+#include "post-account.h"
+#include "post-mirror.h"
 #include "relay.h"
 #include "send.h"
 
@@ -64,6 +69,8 @@ int read_general(const std::string &key, const char *value, relay_settings *sett
 int read_account(const std::string &key, const char *value, relay_account_settings *account, std::string *error) {
   if (key == "newest") return number_value(key, value, &account->newest, error);
   if (key == "first") return number_value(key, value, &account->first, error);
+  post_account server; /* read for good by add_mirrors() */
+  if (int known = post_account_set(&server, key, value, error)) return std::min(known, 0);
   if (key == "maildir" || key == "mbox") {
     account->kind = key == "mbox" ? &mbox_kind : &maildir_kind;
     account->path = full_path(value);
@@ -82,6 +89,28 @@ int read_account(const std::string &key, const char *value, relay_account_settin
     *error = key + ": no such setting of an account";
     return -1;
   }
+  return 0;
+}
+
+/* Accounts on servers are followed by way of a Maildir here. */
+int add_mirrors(const std::string &file, relay_settings *settings, std::string *error) {
+  std::vector<post_account> accounts;
+  if (post_accounts_read(file, &accounts, error) < 0) return -1;
+  for (const post_account &account : accounts) {
+    if (account.imap.empty()) continue;
+    relay_account_settings *mailbox = account_named(settings, account.name);
+    mailbox->kind = &maildir_kind;
+    mailbox->path = post_mirror_path(account.name);
+    mailbox->imap_config = file;
+    mailbox->folders = account.folders.empty() ? std::vector<std::string>{"INBOX"} : account.folders;
+    if (post_mirror_create(mailbox->path, error) < 0) return -1;
+  }
+  /* Replies go the same way, unless another one is named. */
+  char program[4096];
+  ssize_t size = accounts.empty() ? -1 : readlink("/proc/self/exe", program, sizeof program);
+  if (size > 0 && settings->outbox.sendmail == outbox_settings().sendmail)
+    settings->outbox.sendmail =
+        "'" + std::string(program, static_cast<size_t>(size)) + "' submit --config '" + full_path(file) + "'";
   return 0;
 }
 
@@ -135,7 +164,7 @@ int relay_read_config(const std::string &file, relay_settings *settings, std::st
   }
   g_strfreev(groups);
   g_key_file_free(keys);
-  return result;
+  return result == 0 ? add_mirrors(file, settings, error) : result;
 }
 
 int relay_add_account(const std::string &text, const mailbox_kind *kind, relay_settings *settings, std::string *error) {

@@ -18,6 +18,7 @@
 #include "../mime.h"
 #include "link.h"
 #include "parser.h"
+#include "post-mirror.h"
 #include "reply.h"
 #include "send.h"
 #include "sql.h"
@@ -1022,7 +1023,13 @@ int relay_run(const relay_settings &settings) {
   r.state = phone_state_open(&error);
   int lock = r.state ? take_lock(&error) : -1;
   int result = lock < 0 ? -1 : start(&r, &handlers, &error);
+  std::vector<post_mirror_order> orders;
+  for (const relay_account_settings &a : settings.accounts)
+    for (const std::string &folder : a.folders)
+      orders.push_back({a.imap_config, a.name, folder, a.newest >= 0 ? a.newest : settings.newest});
+  post_mirrors *mirrors = result == 0 ? post_mirrors_start(link_event(r.link), orders) : nullptr;
   if (result == 0) result = link_run(r.link, &error);
+  post_mirrors_stop(mirrors);
   for (auto &a : r.accounts)
     for (sd_event_source *source : a->watches) sd_event_source_disable_unref(source);
   for (sd_event_source *source : {r.sync_timer, r.sync_defer, r.outbox_timer, r.wake})

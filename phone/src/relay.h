@@ -20,8 +20,10 @@ struct relay_account_settings {
   const mailbox_kind *kind = &maildir_kind;
   std::string path;
   std::string address, display_name, color;
-  bool given = false;              /* the path comes from the command line */
-  int64_t newest = -1, first = -1; /* -1: as for all */
+  std::string imap_config;          /* not empty: the path is the mirror of the account of this name in this file */
+  std::vector<std::string> folders; /* ... of these folders */
+  bool given = false;               /* the path comes from the command line */
+  int64_t newest = -1, first = -1;  /* -1: as for all */
 };
 
 struct relay_settings {

@@ -1,0 +1,331 @@
+/* One IMAP connection: see the header. */
+#include "post-imap.h"
+
+#include <glib.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+
+#include "post-skeleton.h"
+#include "post-tls.h"
+
+namespace {
+
+constexpr size_t kLongestReason = 200;
+
+struct set_free {
+  void operator()(mailimap_set *set) const { mailimap_set_free(set); }
+};
+using set_holder = std::unique_ptr<mailimap_set, set_free>;
+struct type_free {
+  void operator()(mailimap_fetch_type *type) const { mailimap_fetch_type_free(type); }
+};
+using type_holder = std::unique_ptr<mailimap_fetch_type, type_free>;
+struct list_free {
+  void operator()(clist *list) const { mailimap_fetch_list_free(list); }
+};
+using list_holder = std::unique_ptr<clist, list_free>;
+
+/* What the server said last, on one line. */
+std::string said(mailimap *session) {
+  std::string out;
+  for (const char *c = session->imap_response ? session->imap_response : ""; *c && out.size() < kLongestReason; c++)
+    out += static_cast<unsigned char>(*c) < 0x20 || static_cast<unsigned char>(*c) > 0x7e ? ' ' : *c;
+  while (out.ends_with(' ')) out.pop_back();
+  return out;
+}
+
+int fail(mailimap *session, int code, const char *what, std::string *error) {
+  if (code == MAILIMAP_ERROR_STREAM)
+    *error = "the connection ended while it was to " + std::string(what);
+  else if (code == MAILIMAP_ERROR_PARSE)
+    *error = "the server's answer makes no sense (it was to " + std::string(what) + ")";
+  else
+    *error = "the server refused to " + std::string(what) + ": " + said(session);
+  return -1;
+}
+
+void name_server_cb(mailstream_ssl_context *context, void *data) {
+  mailstream_ssl_set_server_name(context, static_cast<char *>(data));
+}
+
+std::string base64(const std::string &text) {
+  std::unique_ptr<char, decltype(&g_free)> out(
+      g_base64_encode(reinterpret_cast<const guchar *>(text.data()), text.size()), g_free);
+  return out.get();
+}
+
+int connect_server(mailimap *session, const post_server &server, const std::string &ca, std::string *error) {
+  auto *name = const_cast<char *>(server.host.c_str());
+  int code = server.security == post_security::tls
+                 ? mailimap_ssl_connect_with_callback(session, name, server.port, name_server_cb, name)
+                 : mailimap_socket_connect(session, name, server.port);
+  if (code == MAILIMAP_ERROR_CONNECTION_REFUSED || code == MAILIMAP_ERROR_STREAM) {
+    *error =
+        server.host + ":" + std::to_string(server.port) + " cannot be reached; check the name, the port and the net";
+    return -1;
+  }
+  if (code == MAILIMAP_ERROR_SSL) {
+    *error = server.host + ": no safe connection could be made (TLS)";
+    return -1;
+  }
+  if (code != MAILIMAP_NO_ERROR_AUTHENTICATED && code != MAILIMAP_NO_ERROR_NON_AUTHENTICATED)
+    return fail(session, code, "begin", error);
+  if (server.security == post_security::starttls) {
+    /* The offer is not waited for: a server, or somebody between, that does not take it gets no password. */
+    if (mailimap_socket_starttls_with_callback(session, name_server_cb, name) != MAILIMAP_NO_ERROR) {
+      *error = server.host + " offers no encryption (STARTTLS); use imaps://, or another network";
+      return -1;
+    }
+  }
+  if (server.security == post_security::none) return 0;
+  return tls_check(session->imap_stream, server.host, ca, error);
+}
+
+int log_in(mailimap *session, const post_account &account, const post_server &server, const std::string &secret,
+           std::string *error) {
+  int code;
+  const std::string &user = account.login();
+  if (account.auth == post_auth::xoauth2) {
+    code = mailimap_oauth2_authenticate(session, user.c_str(), secret.c_str());
+  } else if (account.auth == post_auth::oauthbearer) {
+    std::string token = "n,a=" + user + ",\1host=" + server.host + "\1port=" + std::to_string(server.port) +
+                        "\1auth=Bearer " + secret + "\1\1";
+    code = mailimap_custom_command(session, ("AUTHENTICATE OAUTHBEARER " + base64(token)).c_str());
+  } else {
+    code = mailimap_login(session, user.c_str(), secret.c_str());
+  }
+  if (code == MAILIMAP_NO_ERROR) return 0;
+  if (code == MAILIMAP_ERROR_STREAM) return fail(session, code, "log in", error);
+  *error = server.host + " does not take this user and " +
+           (account.auth == post_auth::password ? "password" : "token") + ": " + said(session);
+  return -1;
+}
+
+type_holder wanted(std::initializer_list<mailimap_fetch_att *> attributes) {
+  type_holder type(mailimap_fetch_type_new_fetch_att_list_empty());
+  for (mailimap_fetch_att *attribute : attributes) mailimap_fetch_type_new_fetch_att_list_add(type.get(), attribute);
+  return type;
+}
+
+int64_t seconds_of(const mailimap_date_time *date) {
+  tm when = {};
+  when.tm_year = date->dt_year - 1900;
+  when.tm_mon = date->dt_month - 1;
+  when.tm_mday = date->dt_day;
+  when.tm_hour = date->dt_hour;
+  when.tm_min = date->dt_min;
+  when.tm_sec = date->dt_sec;
+  int zone = date->dt_zone;
+  return std::max<int64_t>(0, timegm(&when) - (zone / 100 * 3600 + zone % 100 * 60));
+}
+
+bool has_seen(const mailimap_msg_att_dynamic *flags) {
+  for (clistiter *at = flags->att_list ? clist_begin(flags->att_list) : nullptr; at; at = clist_next(at)) {
+    auto *flag = static_cast<mailimap_flag_fetch *>(clist_content(at));
+    if (flag->fl_type == MAILIMAP_FLAG_FETCH_OTHER && flag->fl_flag->fl_type == MAILIMAP_FLAG_SEEN) return true;
+  }
+  return false;
+}
+
+/* Takes one message's answer apart. */
+void read_attributes(const mailimap_msg_att *answer, imap_message *message, const mailimap_body **structure,
+                     std::string *section) {
+  for (clistiter *at = clist_begin(answer->att_list); at; at = clist_next(at)) {
+    auto *item = static_cast<mailimap_msg_att_item *>(clist_content(at));
+    if (item->att_type == MAILIMAP_MSG_ATT_ITEM_DYNAMIC) message->seen = has_seen(item->att_data.att_dyn);
+    if (item->att_type != MAILIMAP_MSG_ATT_ITEM_STATIC) continue;
+    const mailimap_msg_att_static *fact = item->att_data.att_static;
+    if (fact->att_type == MAILIMAP_MSG_ATT_UID) message->uid = fact->att_data.att_uid;
+    if (fact->att_type == MAILIMAP_MSG_ATT_INTERNALDATE) message->date = seconds_of(fact->att_data.att_internal_date);
+    if (fact->att_type == MAILIMAP_MSG_ATT_BODYSTRUCTURE && structure) *structure = fact->att_data.att_body;
+    if (fact->att_type == MAILIMAP_MSG_ATT_BODY_SECTION && section && fact->att_data.att_body_section->sec_body_part)
+      section->assign(fact->att_data.att_body_section->sec_body_part, fact->att_data.att_body_section->sec_length);
+  }
+}
+
+/* The answer for one message; NULL with a reason, or without one when the server has it no more. */
+list_holder fetch_one(mailimap *session, uint32_t uid, mailimap_fetch_type *type, const mailimap_msg_att **answer,
+                      std::string *error) {
+  set_holder set(mailimap_set_new_single(uid));
+  clist *list = nullptr;
+  int code = mailimap_uid_fetch(session, set.get(), type, &list);
+  list_holder holder(list);
+  *answer = nullptr;
+  if (code != MAILIMAP_NO_ERROR) {
+    fail(session, code, "give a message", error);
+    return nullptr;
+  }
+  for (clistiter *at = list ? clist_begin(list) : nullptr; at; at = clist_next(at)) {
+    auto *one = static_cast<mailimap_msg_att *>(clist_content(at));
+    imap_message message;
+    read_attributes(one, &message, nullptr, nullptr);
+    if (message.uid == uid) *answer = one; /* answers about other messages may stand between */
+  }
+  return holder;
+}
+
+int fetch_section(mailimap *session, uint32_t uid, mailimap_section *section, uint32_t most, std::string *out,
+                  std::string *error) {
+  type_holder type =
+      wanted({mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_body_peek_section_partial(section, 0, most)});
+  const mailimap_msg_att *answer = nullptr;
+  list_holder list = fetch_one(session, uid, type.get(), &answer, error);
+  if (!list && !error->empty()) return -1;
+  imap_message message;
+  if (answer) read_attributes(answer, &message, nullptr, out);
+  return 0;
+}
+
+mailimap_section_part *part_of(const std::string &number) {
+  clist *ids = clist_new();
+  gchar **numbers = g_strsplit(number.c_str(), ".", -1);
+  for (gchar **one = numbers; *one; one++) {
+    auto *id = static_cast<uint32_t *>(malloc(sizeof(uint32_t)));
+    *id = static_cast<uint32_t>(g_ascii_strtoull(*one, nullptr, 10));
+    clist_append(ids, id);
+  }
+  g_strfreev(numbers);
+  return mailimap_section_part_new(ids);
+}
+
+}  // namespace
+
+void imap_closer::operator()(mailimap *session) const {
+  mailimap_free(session); /* closes the connection without a word: the server knows what that means */
+}
+
+int imap_open(const post_account &account, const std::string &secret, imap_session *session, std::string *error) {
+  post_server server;
+  if (post_server_read(account, account.imap, &server, error) < 0) return -1;
+  session->reset(mailimap_new(0, nullptr));
+  mailimap_set_timeout(session->get(), imap_timeout_s);
+  if (connect_server(session->get(), server, account.ca, error) < 0 ||
+      log_in(session->get(), account, server, secret, error) < 0)
+    return -1;
+  mailimap_capability_data *offers = nullptr; /* kept by the library, for what mailimap_has_*() answer */
+  if (mailimap_capability(session->get(), &offers) == MAILIMAP_NO_ERROR && offers)
+    mailimap_capability_data_free(offers);
+  return 0;
+}
+
+int imap_select(mailimap *session, const std::string &folder, uint32_t *validity, std::string *error) {
+  int code = mailimap_select(session, folder.c_str());
+  if (code != MAILIMAP_NO_ERROR) return fail(session, code, ("open the folder " + folder).c_str(), error);
+  *validity = session->imap_selection_info ? session->imap_selection_info->sel_uidvalidity : 0;
+  return 0;
+}
+
+int imap_list_newest(mailimap *session, uint32_t count, std::vector<imap_message> *messages, std::string *error) {
+  uint32_t exists = session->imap_selection_info ? session->imap_selection_info->sel_exists : 0;
+  if (exists == 0) return 0;
+  set_holder set(mailimap_set_new_interval(exists > count ? exists - count + 1 : 1, 0));
+  type_holder type =
+      wanted({mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_flags(), mailimap_fetch_att_new_internaldate()});
+  clist *list = nullptr;
+  int code = mailimap_fetch(session, set.get(), type.get(), &list);
+  list_holder holder(list);
+  if (code != MAILIMAP_NO_ERROR) return fail(session, code, "list a folder", error);
+  for (clistiter *at = list ? clist_begin(list) : nullptr; at; at = clist_next(at)) {
+    imap_message message;
+    read_attributes(static_cast<mailimap_msg_att *>(clist_content(at)), &message, nullptr, nullptr);
+    if (message.uid != 0 && messages->size() < count) messages->push_back(message);
+  }
+  return 0;
+}
+
+int imap_fetch(mailimap *session, uint32_t uid, std::string *raw, std::string *error) {
+  raw->clear();
+  error->clear();
+  type_holder type = wanted(
+      {mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_bodystructure(),
+       mailimap_fetch_att_new_body_peek_section_partial(mailimap_section_new_header(), 0, skeleton_header_bytes)});
+  const mailimap_msg_att *answer = nullptr;
+  list_holder list = fetch_one(session, uid, type.get(), &answer, error);
+  if (!answer) return error->empty() ? 0 : -1;
+  imap_message message;
+  const mailimap_body *structure = nullptr;
+  std::string header;
+  read_attributes(answer, &message, &structure, &header);
+  if (header.empty() || !structure) return 0;
+  std::vector<skeleton_text> texts;
+  skeleton_choose(structure, &texts);
+  for (skeleton_text &text : texts) {
+    mailimap_section *section =
+        text.part.empty() ? mailimap_section_new_text() : mailimap_section_new_part(part_of(text.part));
+    if (fetch_section(session, uid, section, text.bytes, &text.content, error) < 0) return -1;
+  }
+  *raw = skeleton_build(structure, header, texts);
+  return 0;
+}
+
+int imap_add_flag(mailimap *session, uint32_t uid, bool answered, std::string *error) {
+  set_holder set(mailimap_set_new_single(uid));
+  mailimap_flag_list *flags = mailimap_flag_list_new_empty();
+  mailimap_flag_list_add(flags, answered ? mailimap_flag_new_answered() : mailimap_flag_new_seen());
+  mailimap_store_att_flags *store = mailimap_store_att_flags_new_add_flags_silent(flags);
+  int code = mailimap_uid_store(session, set.get(), store);
+  mailimap_store_att_flags_free(store);
+  return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, "set a mark", error);
+}
+
+int imap_find(mailimap *session, const std::string &message_id, uint32_t *uid, std::string *error) {
+  mailimap_search_key *key = mailimap_search_key_new_header(strdup("Message-ID"), strdup(message_id.c_str()));
+  clist *found = nullptr;
+  int code = mailimap_uid_search(session, nullptr, key, &found);
+  mailimap_search_key_free(key);
+  *uid = 0;
+  if (code != MAILIMAP_NO_ERROR) return fail(session, code, "search", error);
+  for (clistiter *at = found ? clist_begin(found) : nullptr; at; at = clist_next(at))
+    *uid = *static_cast<uint32_t *>(clist_content(at));
+  if (found) mailimap_search_result_free(found);
+  return 0;
+}
+
+int imap_append(mailimap *session, const std::string &folder, const std::string &message, std::string *error) {
+  mailimap_flag_list *flags = mailimap_flag_list_new_empty();
+  mailimap_flag_list_add(flags, mailimap_flag_new_seen());
+  int code = mailimap_append(session, folder.c_str(), flags, nullptr, message.data(), message.size());
+  mailimap_flag_list_free(flags);
+  return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, ("keep a copy in " + folder).c_str(), error);
+}
+
+int imap_sent_folder(mailimap *session, std::string *folder, std::string *error) {
+  clist *list = nullptr;
+  int code = mailimap_list(session, "", "*", &list);
+  if (code != MAILIMAP_NO_ERROR) return fail(session, code, "list its folders", error);
+  folder->clear();
+  for (clistiter *at = list ? clist_begin(list) : nullptr; at; at = clist_next(at)) {
+    auto *box = static_cast<mailimap_mailbox_list *>(clist_content(at));
+    bool sent = false;
+    for (clistiter *i = box->mb_flag && box->mb_flag->mbf_oflags ? clist_begin(box->mb_flag->mbf_oflags) : nullptr; i;
+         i = clist_next(i)) {
+      auto *flag = static_cast<mailimap_mbx_list_oflag *>(clist_content(i));
+      sent = sent || (flag->of_flag_ext && g_ascii_strcasecmp(flag->of_flag_ext, "Sent") == 0) ||
+             (flag->of_flag_ext && g_ascii_strcasecmp(flag->of_flag_ext, "\\Sent") == 0);
+    }
+    if (sent || (folder->empty() && g_ascii_strcasecmp(box->mb_name, "Sent") == 0)) *folder = box->mb_name;
+    if (sent) break;
+  }
+  if (list) mailimap_list_result_free(list);
+  return 0;
+}
+
+int imap_wait(mailimap *session, int other, int seconds, std::string *error) {
+  bool idle = mailimap_has_idle(session) != 0;
+  if (idle) {
+    int code = mailimap_idle(session);
+    if (code != MAILIMAP_NO_ERROR) return fail(session, code, "wait for mail", error);
+  }
+  pollfd wait[] = {{other, POLLIN, 0}, {idle ? mailimap_idle_get_fd(session) : -1, POLLIN, 0}};
+  bool there = idle && session->imap_stream->read_buffer_len > 0;
+  if (!there && poll(wait, 2, seconds * 1000) < 0 && errno != EINTR) {
+    *error = std::string("waiting failed: ") + strerror(errno);
+    return -1;
+  }
+  if (!idle) return 0;
+  int code = mailimap_idle_done(session);
+  return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, "stop waiting", error);
+}

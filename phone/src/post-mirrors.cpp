@@ -1,0 +1,96 @@
+/* The relay's side of the mirrors: their processes. */
+#include <signal.h>
+#include <spawn.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "post-mirror.h"
+
+namespace {
+
+constexpr uint64_t kPause = 10000000; /* microseconds until one that ended is started again */
+
+struct source_unref {
+  void operator()(sd_event_source *source) const { sd_event_source_disable_unref(source); }
+};
+using source_holder = std::unique_ptr<sd_event_source, source_unref>;
+
+struct one_mirror {
+  post_mirror_order order;
+  sd_event *event = nullptr;
+  pid_t pid = -1;
+  source_holder child, pause;
+};
+
+int start_later_cb(sd_event_source *source, uint64_t time, void *user_data);
+
+void start_later(one_mirror *m) {
+  sd_event_source *source = nullptr;
+  if (sd_event_add_time_relative(m->event, &source, CLOCK_BOOTTIME, kPause, 0, start_later_cb, m) >= 0)
+    m->pause.reset(source);
+}
+
+int ended_cb(sd_event_source *source, const siginfo_t *info, void *user_data) {
+  auto *m = static_cast<one_mirror *>(user_data);
+  m->pid = -1;
+  start_later(m);
+  return 0;
+}
+
+void start(one_mirror *m) {
+  std::string newest = std::to_string(m->order.newest);
+  const char *arguments[] = {"brisel-phone", "follow-imap",
+                             "--config",     m->order.config.c_str(),
+                             "--account",    m->order.account.c_str(),
+                             "--folder",     m->order.folder.c_str(),
+                             "--newest",     newest.c_str(),
+                             nullptr};
+  pid_t pid = fork();
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    close_range(3, ~0u, 0);
+    execv("/proc/self/exe", const_cast<char **>(arguments));
+    _exit(127);
+  }
+  sd_event_source *source = nullptr;
+  if (pid < 0 || sd_event_add_child(m->event, &source, pid, WEXITED, ended_cb, m) < 0) {
+    start_later(m);
+    return;
+  }
+  m->pid = pid;
+  m->child.reset(source);
+}
+
+int start_later_cb(sd_event_source *source, uint64_t time, void *user_data) {
+  start(static_cast<one_mirror *>(user_data));
+  return 0;
+}
+
+}  // namespace
+
+struct post_mirrors {
+  std::vector<std::unique_ptr<one_mirror>> all;
+};
+
+post_mirrors *post_mirrors_start(sd_event *event, const std::vector<post_mirror_order> &orders) {
+  auto *mirrors = new post_mirrors;
+  for (const post_mirror_order &order : orders) {
+    mirrors->all.push_back(std::make_unique<one_mirror>());
+    mirrors->all.back()->order = order;
+    mirrors->all.back()->event = event;
+    start(mirrors->all.back().get());
+  }
+  return mirrors;
+}
+
+void post_mirrors_stop(post_mirrors *mirrors) {
+  if (!mirrors) return;
+  for (const auto &m : mirrors->all)
+    if (m->pid > 0) kill(m->pid, SIGTERM);
+  delete mirrors;
+}

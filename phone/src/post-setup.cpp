@@ -1,0 +1,188 @@
+/* From an address and a password to mail on the watch: see the header. */
+#include "post-setup.h"
+
+#include <glib.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+#include "post-find.h"
+#include "post-imap.h"
+#include "post-mirror.h"
+#include "post-smtp.h"
+
+namespace {
+
+int complain(const std::string &text) {
+  fprintf(stderr, "brisel-phone: %s\n", text.c_str());
+  return 1;
+}
+
+bool can_ask() {
+  return isatty(STDIN_FILENO) != 0;
+}
+
+/* A line from the terminal, without the blanks around it. */
+std::string ask(const std::string &question) {
+  fprintf(stderr, "%s ", question.c_str());
+  std::string line;
+  std::getline(std::cin, line);
+  size_t first = line.find_first_not_of(" \t\r"), last = line.find_last_not_of(" \t\r");
+  return first == std::string::npos ? "" : line.substr(first, last - first + 1);
+}
+
+/* As ask(), unseen. Without a terminal: the first line of standard input. */
+std::string ask_secret(const std::string &question) {
+  termios before;
+  bool hidden = can_ask() && tcgetattr(STDIN_FILENO, &before) == 0;
+  if (hidden) {
+    termios silent = before;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
+    fprintf(stderr, "%s ", question.c_str());
+  }
+  std::string line;
+  std::getline(std::cin, line);
+  if (hidden) {
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+    fputc('\n', stderr);
+  }
+  if (line.ends_with('\r')) line.pop_back();
+  return line;
+}
+
+/* The servers that were not given: found, else asked for. */
+int complete_servers(post_account *account, std::string *error) {
+  if (account->imap.empty() || account->smtp.empty()) {
+    std::string imap, smtp;
+    if (account->imap.empty()) fprintf(stderr, "Looking for the servers of %s...\n", account->address.c_str());
+    post_find_servers(account->address, &imap, &smtp);
+    if (account->imap.empty()) account->imap = imap;
+    if (account->smtp.empty()) account->smtp = smtp;
+  }
+  if (account->imap.empty() && can_ask())
+    account->imap = "imaps://" + ask("Server for incoming mail (imap.example.org):");
+  if (account->smtp.empty() && can_ask())
+    account->smtp = "smtps://" + ask("Server for outgoing mail (smtp.example.org):");
+  if (!account->imap.empty()) return 0;
+  *error = "no server was found for " + account->address + "; give it with --imap imaps://HOST and --smtp smtps://HOST";
+  return -1;
+}
+
+/* Both directions, as they will be used. */
+int try_account(post_account *account, const std::string &secret, bool find_sent, std::string *error) {
+  imap_session session;
+  uint32_t validity = 0;
+  if (imap_open(*account, secret, &session, error) < 0) return -1;
+  std::vector<std::string> folders = account->folders.empty() ? std::vector<std::string>{"INBOX"} : account->folders;
+  for (const std::string &folder : folders)
+    if (imap_select(session.get(), folder, &validity, error) < 0) return -1;
+  if (find_sent && account->sent.empty()) imap_sent_folder(session.get(), &account->sent, error);
+  if (account->smtp.empty()) return 0;
+  return smtp_send(*account, secret, {}, "", nullptr, error);
+}
+
+/* Where the secret is kept from now on. */
+int keep_secret(const setup_options &options, const std::string &secret, std::string *error) {
+  if (!options.account.password_command.empty()) return 0;
+  std::string why;
+  if (!options.secret_file && post_secret_store(options.account, secret, &why) == 0) return 0;
+  bool file = options.secret_file;
+  if (!file && can_ask())
+    file = ask("There is no safe place for secrets here (" + why +
+               "). Keep the password in a file that only you can read? [y/N]") == "y";
+  if (file) return post_secret_store_file(options.account, secret, error);
+  *error = "there is no Secret Service for the password (" + why +
+           "); use --password-command, or --secret-file to keep it in a file that only you can read";
+  return -1;
+}
+
+/* The unit of the relay, where systemd runs the session; else it is said how to start it. */
+void start_relay(const setup_options &options) {
+  const char *restart[] = {"systemctl", "--user", "restart", "brisel-relay.service", nullptr};
+  const char *enable[] = {"systemctl", "--user", "enable", "brisel-relay.service", nullptr};
+  auto run = [](const char **arguments) {
+    int status = 0;
+    return g_spawn_sync(nullptr, const_cast<char **>(arguments), nullptr,
+                        static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_STDERR_TO_DEV_NULL), nullptr, nullptr,
+                        nullptr, nullptr, &status, nullptr) &&
+           status == 0;
+  };
+  if (options.start && options.config == post_config_file() && run(enable) && run(restart))
+    printf("The relay runs; its mail is on the watch in a moment.\n");
+  else
+    printf("Start the relay: brisel-phone relay --config %s\n", options.config.c_str());
+}
+
+}  // namespace
+
+int command_setup(setup_options options) {
+  post_account &account = options.account;
+  std::string error, secret;
+  if (account.address.empty() && can_ask()) account.address = ask("E-mail address:");
+  if (account.address.find('@') == std::string::npos)
+    return complain("an e-mail address is wanted: brisel-phone setup me@example.org");
+  if (account.name.empty()) account.name = account.address;
+  if (account.name.find_first_of("[]\n\r") != std::string::npos)
+    return complain("'" + account.name + "': not as an account's name");
+  if (complete_servers(&account, &error) < 0) return complain(error);
+  if (!account.password_command.empty()) {
+    if (post_secret_read(account, &secret, &error) < 0) return complain(error);
+  } else {
+    secret = ask_secret(account.auth == post_auth::password ? "Password:" : "Token:");
+    if (secret.empty())
+      return complain("a password is wanted, on the terminal, on standard input or by --password-command");
+  }
+  if (try_account(&account, secret, true, &error) < 0) return complain(error);
+  if (keep_secret(options, secret, &error) < 0 || post_mirror_create(post_mirror_path(account.name), &error) < 0 ||
+      post_account_write(options.config, account, &error) < 0)
+    return complain(error);
+  printf("%s: incoming %s, outgoing %s%s%s\n", account.name.c_str(), account.imap.c_str(),
+         account.smtp.empty() ? "none" : account.smtp.c_str(), account.sent.empty() ? "" : ", copies in ",
+         account.sent.c_str());
+  start_relay(options);
+  return 0;
+}
+
+int command_account_test(const std::string &config, const std::string &name) {
+  std::vector<post_account> accounts;
+  std::string error;
+  if (post_accounts_read(config, &accounts, &error) < 0) return complain(error);
+  int result = 0, tried = 0;
+  for (post_account &account : accounts) {
+    if (!name.empty() && account.name != name && account.address != name) continue;
+    tried++;
+    std::string secret;
+    error.clear();
+    bool good = post_secret_read(account, &secret, &error) == 0 && try_account(&account, secret, false, &error) == 0;
+    printf("%s: %s\n", account.name.c_str(), good ? "both directions work" : error.c_str());
+    if (!good) result = 1;
+  }
+  if (tried == 0)
+    return complain((name.empty() ? "there is no account on a server" : name + ": no such account") +
+                    std::string("; `brisel-phone setup` makes one"));
+  return result;
+}
+
+int command_account_forget(const std::string &config, const std::string &name) {
+  post_account account;
+  std::string error;
+  if (post_account_find(config, name, &account, &error) < 0 || post_account_erase(config, account.name, &error) < 0)
+    return complain(error);
+  post_secret_forget(account);
+  printf("%s is forgotten; its mail stays on the server, and on the watch until the account is removed there\n",
+         account.name.c_str());
+  return 0;
+}
+
+int command_account_servers(const std::string &config) {
+  std::vector<post_account> accounts;
+  std::string error;
+  if (post_accounts_read(config, &accounts, &error) < 0) return complain(error);
+  for (const post_account &account : accounts)
+    printf("server\t%s\t%s\t%s\n", account.name.c_str(), account.imap.c_str(), account.smtp.c_str());
+  return 0;
+}

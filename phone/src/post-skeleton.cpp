@@ -1,0 +1,215 @@
+/* See the header: which parts are read, and the message around them. */
+#include "post-skeleton.h"
+
+#include <glib.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+constexpr int kMaxDepth = 32, kMaxParts = 1000;
+
+struct facts {
+  std::string type, subtype;
+  const mailimap_body_fields *fields = nullptr;
+  const mailimap_body_fld_dsp *disposition = nullptr;
+};
+
+const char *basic_name(const mailimap_media_basic *media) {
+  switch (media->med_type) {
+    case MAILIMAP_MEDIA_BASIC_APPLICATION:
+      return "application";
+    case MAILIMAP_MEDIA_BASIC_AUDIO:
+      return "audio";
+    case MAILIMAP_MEDIA_BASIC_IMAGE:
+      return "image";
+    case MAILIMAP_MEDIA_BASIC_MESSAGE:
+      return "message";
+    case MAILIMAP_MEDIA_BASIC_VIDEO:
+      return "video";
+    default:
+      return media->med_basic_type ? media->med_basic_type : "application";
+  }
+}
+
+facts facts_of(const mailimap_body_type_1part *part) {
+  facts f;
+  if (part->bd_type == MAILIMAP_BODY_TYPE_1PART_TEXT) {
+    f.type = "text";
+    f.subtype = part->bd_data.bd_type_text->bd_media_text;
+    f.fields = part->bd_data.bd_type_text->bd_fields;
+  } else if (part->bd_type == MAILIMAP_BODY_TYPE_1PART_MSG) {
+    f.type = "message";
+    f.subtype = "rfc822";
+    f.fields = part->bd_data.bd_type_msg->bd_fields;
+  } else {
+    f.type = basic_name(part->bd_data.bd_type_basic->bd_media_basic);
+    f.subtype = part->bd_data.bd_type_basic->bd_media_basic->med_subtype;
+    f.fields = part->bd_data.bd_type_basic->bd_fields;
+  }
+  if (part->bd_ext_1part) f.disposition = part->bd_ext_1part->bd_disposition;
+  return f;
+}
+
+bool is_attached(const facts &f) {
+  return f.disposition && g_ascii_strcasecmp(f.disposition->dsp_type, "attachment") == 0;
+}
+
+bool is(const std::string &text, const char *name) {
+  return g_ascii_strcasecmp(text.c_str(), name) == 0;
+}
+
+struct found_text {
+  std::string part, subtype;
+  uint32_t size = 0;
+  bool alternative = false;
+};
+
+void find_texts(const mailimap_body *body, const std::string &number, bool alternative, int depth,
+                std::vector<found_text> *found) {
+  if (depth > kMaxDepth || found->size() > 20) return;
+  if (body->bd_type == MAILIMAP_BODY_1PART) {
+    facts f = facts_of(body->bd_data.bd_body_1part);
+    if (is(f.type, "text") && !is_attached(f))
+      found->push_back({number, f.subtype, f.fields ? f.fields->bd_size : 0, alternative});
+    return;
+  }
+  const mailimap_body_type_mpart *parts = body->bd_data.bd_body_mpart;
+  bool forms = is(parts->bd_media_subtype, "alternative");
+  int index = 1;
+  for (clistiter *at = clist_begin(parts->bd_list); at && index < kMaxParts; at = clist_next(at), index++)
+    find_texts(static_cast<mailimap_body *>(clist_content(at)),
+               (number.empty() ? "" : number + ".") + std::to_string(index), forms || alternative, depth + 1, found);
+}
+
+/* A value as a quoted word: nothing in it ends the header. */
+std::string quoted(const char *value) {
+  std::string out = "\"";
+  for (const char *c = value; *c; c++) {
+    if (*c == '\r' || *c == '\n') continue;
+    if (*c == '"' || *c == '\\') out += '\\';
+    out += *c;
+  }
+  return out + "\"";
+}
+
+std::string token(const char *value) {
+  std::string out;
+  for (const char *c = value ? value : ""; *c; c++)
+    if (g_ascii_isalnum(*c) || strchr("-_.+*'", *c)) out += *c;
+  return out;
+}
+
+std::string parameters(const mailimap_body_fld_param *list) {
+  std::string out;
+  for (clistiter *at = list && list->pa_list ? clist_begin(list->pa_list) : nullptr; at; at = clist_next(at)) {
+    auto *one = static_cast<mailimap_single_body_fld_param *>(clist_content(at));
+    out += "; " + token(one->pa_name) + "=" + quoted(one->pa_value);
+  }
+  return out;
+}
+
+std::string boundary_of(const mailimap_body_type_mpart *parts) {
+  const mailimap_body_fld_param *list = parts->bd_ext_mpart ? parts->bd_ext_mpart->bd_parameter : nullptr;
+  for (clistiter *at = list && list->pa_list ? clist_begin(list->pa_list) : nullptr; at; at = clist_next(at)) {
+    auto *one = static_cast<mailimap_single_body_fld_param *>(clist_content(at));
+    if (g_ascii_strcasecmp(one->pa_name, "boundary") == 0) return one->pa_value;
+  }
+  return "";
+}
+
+const char *encoding_of(const mailimap_body_fields *fields) {
+  if (!fields || !fields->bd_encoding) return "7bit";
+  switch (fields->bd_encoding->enc_type) {
+    case MAILIMAP_BODY_FLD_ENC_8BIT:
+      return "8bit";
+    case MAILIMAP_BODY_FLD_ENC_BINARY:
+      return "binary";
+    case MAILIMAP_BODY_FLD_ENC_BASE64:
+      return "base64";
+    case MAILIMAP_BODY_FLD_ENC_QUOTED_PRINTABLE:
+      return "quoted-printable";
+    default:
+      return "7bit";
+  }
+}
+
+struct builder {
+  const std::vector<skeleton_text> *texts;
+  std::string out;
+  int parts = 0;
+};
+
+void put_part(builder *b, const mailimap_body *body, const std::string &number, int depth);
+
+/* What stands between the boundaries. */
+void put_parts(builder *b, const mailimap_body_type_mpart *parts, const std::string &number, int depth) {
+  std::string boundary = boundary_of(parts);
+  int index = 1;
+  for (clistiter *at = clist_begin(parts->bd_list); at && b->parts < kMaxParts; at = clist_next(at), index++) {
+    b->out += "--" + boundary + "\r\n";
+    put_part(b, static_cast<mailimap_body *>(clist_content(at)),
+             (number.empty() ? "" : number + ".") + std::to_string(index), depth + 1);
+    b->out += "\r\n";
+  }
+  b->out += "--" + boundary + "--\r\n";
+}
+
+void put_content(builder *b, const std::string &number) {
+  for (const skeleton_text &text : *b->texts)
+    if (text.part == number) b->out += text.content;
+}
+
+void put_part(builder *b, const mailimap_body *body, const std::string &number, int depth) {
+  b->parts++;
+  if (depth > kMaxDepth) return;
+  if (body->bd_type == MAILIMAP_BODY_MPART) {
+    const mailimap_body_type_mpart *parts = body->bd_data.bd_body_mpart;
+    const mailimap_body_fld_param *list = parts->bd_ext_mpart ? parts->bd_ext_mpart->bd_parameter : nullptr;
+    b->out += "Content-Type: multipart/" + token(parts->bd_media_subtype) + parameters(list) + "\r\n\r\n";
+    put_parts(b, parts, number, depth);
+    return;
+  }
+  facts f = facts_of(body->bd_data.bd_body_1part);
+  b->out += "Content-Type: " + token(f.type.c_str()) + "/" + token(f.subtype.c_str()) +
+            parameters(f.fields ? f.fields->bd_parameter : nullptr) + "\r\n";
+  if (f.disposition)
+    b->out +=
+        "Content-Disposition: " + token(f.disposition->dsp_type) + parameters(f.disposition->dsp_attributes) + "\r\n";
+  if (f.fields && f.fields->bd_id) b->out += "Content-ID: <" + token(f.fields->bd_id) + ">\r\n";
+  if (f.type == "message") {
+    b->out += "\r\nSubject: \r\n\r\n";
+    return;
+  }
+  b->out += std::string("Content-Transfer-Encoding: ") + encoding_of(f.fields) + "\r\n\r\n";
+  put_content(b, number);
+}
+
+}  // namespace
+
+void skeleton_choose(const mailimap_body *structure, std::vector<skeleton_text> *texts) {
+  std::vector<found_text> found;
+  find_texts(structure, "", false, 0, &found);
+  uint32_t plain = 0;
+  for (const found_text &text : found)
+    if (is(text.subtype, "plain") && text.alternative) plain = std::max(plain, text.size);
+  for (const found_text &text : found) {
+    /* HTML is many times its words; beside a plain form that can be all of them it is not looked at. */
+    bool other = text.alternative && is(text.subtype, "html") && plain > 0 && plain * 16 >= text.size && plain > 400;
+    if (other) continue;
+    bool single = structure->bd_type == MAILIMAP_BODY_1PART;
+    texts->push_back({single ? "" : text.part, skeleton_text_bytes, ""});
+  }
+}
+
+std::string skeleton_build(const mailimap_body *structure, const std::string &header,
+                           const std::vector<skeleton_text> &texts) {
+  builder b = {&texts, header};
+  if (!b.out.ends_with("\r\n\r\n") && !b.out.ends_with("\n\n")) b.out += "\r\n";
+  if (structure->bd_type == MAILIMAP_BODY_MPART)
+    put_parts(&b, structure->bd_data.bd_body_mpart, "", 0);
+  else
+    put_content(&b, "");
+  return std::move(b.out);
+}

@@ -1,0 +1,30 @@
+/*
+ * A message as far as a watch needs it, put together from what the server says of it: the header, a header for each
+ * part, the text that is read. What mime.h makes of that is what it makes of the whole message, without an attachment
+ * having been fetched. Used by post-imap.cpp.
+ */
+#ifndef BRISEL_PHONE_POST_SKELETON_H
+#define BRISEL_PHONE_POST_SKELETON_H
+
+#include <libetpan/libetpan.h>
+
+#include <string>
+#include <vector>
+
+constexpr uint32_t skeleton_header_bytes = 256u << 10, skeleton_text_bytes = 256u << 10;
+
+/* A part whose content is wanted. */
+struct skeleton_text {
+  std::string part;   /* its number, as "1.2"; empty: the text of a message of one part */
+  uint32_t bytes = 0; /* at most so many */
+  std::string content;
+};
+
+/* Which parts are to be read: the plain text, and HTML only where that may be what is shown. */
+void skeleton_choose(const mailimap_body *structure, std::vector<skeleton_text> *texts);
+
+/* The message; `header` is as the server gave it. */
+std::string skeleton_build(const mailimap_body *structure, const std::string &header,
+                           const std::vector<skeleton_text> &texts);
+
+#endif

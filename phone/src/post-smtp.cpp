@@ -1,0 +1,220 @@
+/* SMTP submission: see the header. */
+#include "post-smtp.h"
+
+#include <curl/curl.h>
+#include <glib.h>
+#include <gmime/gmime.h>
+#include <sysexits.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "gmime-holders.h"
+#include "post-imap.h"
+
+namespace {
+
+constexpr size_t kMaxMessage = 16u << 20;
+constexpr long kConnectSeconds = 30, kSendSeconds = 120;
+
+struct curl_closer {
+  void operator()(CURL *curl) const { curl_easy_cleanup(curl); }
+};
+struct slist_free {
+  void operator()(curl_slist *list) const { curl_slist_free_all(list); }
+};
+
+struct reading {
+  const std::string *text;
+  size_t at = 0;
+};
+
+size_t read_cb(char *to, size_t size, size_t count, void *user_data) {
+  auto *r = static_cast<reading *>(user_data);
+  size_t part = std::min(size * count, r->text->size() - r->at);
+  memcpy(to, r->text->data() + r->at, part);
+  r->at += part;
+  return part;
+}
+
+size_t nowhere_cb(char *data, size_t size, size_t count, void *user_data) {
+  return size * count;
+}
+
+std::string sentence(CURLcode code, long answer, const char *detail, const post_server &server) {
+  const std::string &host = server.host;
+  switch (code) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_CONNECT:
+      return host + ":" + std::to_string(server.port) + " cannot be reached; check the name, the port and the net";
+    case CURLE_USE_SSL_FAILED:
+      return host + " offers no encryption (STARTTLS); use smtps://, or another network";
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CACERT_BADFILE:
+      return host + ": its certificate is not to be trusted (" + detail + ")";
+    case CURLE_LOGIN_DENIED:
+      return host + " does not take this user and password for sending";
+    case CURLE_OPERATION_TIMEDOUT:
+      return host + " does not answer in time";
+    default:
+      return host + " did not take it: " + (answer >= 400 ? std::to_string(answer) + ", " : "") + detail;
+  }
+}
+
+std::string first_address(GMimeMessage *message, GMimeAddressType kind) {
+  InternetAddressList *list = g_mime_message_get_addresses(message, kind);
+  InternetAddress *one =
+      list && internet_address_list_length(list) > 0 ? internet_address_list_get_address(list, 0) : nullptr;
+  const char *address = one && INTERNET_ADDRESS_IS_MAILBOX(one)
+                            ? internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(one))
+                            : nullptr;
+  return address ? address : "";
+}
+
+void add_recipients(GMimeMessage *message, std::vector<std::string> *out) {
+  for (GMimeAddressType kind : {GMIME_ADDRESS_TYPE_TO, GMIME_ADDRESS_TYPE_CC, GMIME_ADDRESS_TYPE_BCC}) {
+    InternetAddressList *list = g_mime_message_get_addresses(message, kind);
+    for (int i = 0; list && i < internet_address_list_length(list); i++) {
+      InternetAddress *one = internet_address_list_get_address(list, i);
+      if (INTERNET_ADDRESS_IS_MAILBOX(one))
+        out->push_back(internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(one)));
+    }
+  }
+}
+
+/* The mark of the mail that was answered, and the copy. What fails here is told and changes nothing: the message is
+   sent. */
+void after_sending(const post_account &account, const std::string &secret, GMimeMessage *message,
+                   const std::string &text) {
+  if (account.imap.empty()) return;
+  std::string error;
+  imap_session session;
+  if (imap_open(account, secret, &session, &error) == 0) {
+    const char *header = g_mime_object_get_header(GMIME_OBJECT(message), "In-Reply-To");
+    std::string folder = account.folders.empty() ? "INBOX" : account.folders[0], answered = header ? header : "";
+    uint32_t validity = 0, uid = 0;
+    if (!answered.empty() && imap_select(session.get(), folder, &validity, &error) == 0 &&
+        imap_find(session.get(), answered, &uid, &error) == 0 && uid != 0)
+      imap_add_flag(session.get(), uid, true, &error);
+    if (!account.sent.empty()) imap_append(session.get(), account.sent, text, &error);
+  }
+  if (!error.empty()) fprintf(stderr, "brisel-phone: sent; but %s\n", error.c_str());
+}
+
+/* Everything on standard input. */
+int read_input(std::string *text) {
+  char buffer[16384];
+  for (;;) {
+    ssize_t got = read(0, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0 || text->size() > kMaxMessage) return -1;
+    if (got == 0) return 0;
+    text->append(buffer, static_cast<size_t>(got));
+  }
+}
+
+std::string with_network_lines(const std::string &text) {
+  std::string out;
+  out.reserve(text.size() + text.size() / 32);
+  for (char c : text) {
+    if (c == '\r') continue;
+    if (c == '\n') out += '\r';
+    out += c;
+  }
+  return out;
+}
+
+}  // namespace
+
+int smtp_send(const post_account &account, const std::string &secret, const std::vector<std::string> &recipients,
+              const std::string &message, bool *for_good, std::string *error) {
+  post_server server;
+  if (post_server_read(account, account.smtp, &server, error) < 0) return -1;
+  std::unique_ptr<CURL, curl_closer> holder(curl_easy_init());
+  CURL *curl = holder.get();
+  bool v6 = server.host.find(':') != std::string::npos;
+  std::string url = std::string(server.security == post_security::tls ? "smtps://" : "smtp://") + (v6 ? "[" : "") +
+                    server.host + (v6 ? "]" : "") + ":" + std::to_string(server.port) + "/";
+  char detail[CURL_ERROR_SIZE] = "";
+  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, detail);
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "smtp,smtps");
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, kSendSeconds);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, nowhere_cb);
+  curl_easy_setopt(curl, CURLOPT_USE_SSL,
+                   static_cast<long>(server.security == post_security::none ? CURLUSESSL_NONE : CURLUSESSL_ALL));
+  if (!account.ca.empty()) curl_easy_setopt(curl, CURLOPT_CAINFO, account.ca.c_str());
+  curl_easy_setopt(curl, CURLOPT_USERNAME, account.login().c_str());
+  if (account.auth == post_auth::password) {
+    curl_easy_setopt(curl, CURLOPT_PASSWORD, secret.c_str());
+  } else {
+    curl_easy_setopt(curl, CURLOPT_XOAUTH2_BEARER, secret.c_str());
+    curl_easy_setopt(curl, CURLOPT_LOGIN_OPTIONS,
+                     account.auth == post_auth::xoauth2 ? "AUTH=XOAUTH2" : "AUTH=OAUTHBEARER");
+  }
+  curl_slist *to = nullptr;
+  for (const std::string &recipient : recipients) to = curl_slist_append(to, recipient.c_str());
+  std::unique_ptr<curl_slist, slist_free> to_holder(to);
+  reading input = {&message};
+  if (to) {
+    curl_easy_setopt(curl, CURLOPT_MAIL_FROM, account.address.c_str());
+    curl_easy_setopt(curl, CURLOPT_MAIL_RCPT, to);
+    curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(curl, CURLOPT_READFUNCTION, read_cb);
+    curl_easy_setopt(curl, CURLOPT_READDATA, &input);
+    curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(message.size()));
+  } else {
+    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "NOOP");
+  }
+  CURLcode code = curl_easy_perform(curl);
+  if (code == CURLE_OK) return 0;
+  long answer = 0;
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer);
+  if (for_good) *for_good = code != CURLE_LOGIN_DENIED && answer >= 500 && answer < 600;
+  *error = sentence(code, answer, *detail ? detail : curl_easy_strerror(code), server);
+  return -1;
+}
+
+int smtp_submit(const std::string &config) {
+  std::string text, error, secret;
+  if (read_input(&text) < 0) {
+    fprintf(stderr, "the message cannot be read\n");
+    return EX_DATAERR;
+  }
+  g_mime_init();
+  object_holder<GMimeStream> stream(g_mime_stream_mem_new_with_buffer(text.data(), text.size()));
+  object_holder<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
+  object_holder<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), nullptr));
+  std::string from = message ? first_address(message.get(), GMIME_ADDRESS_TYPE_FROM) : "";
+  post_account account;
+  if (from.empty() || post_account_find(config, from, &account, &error) < 0 || account.smtp.empty()) {
+    /* Standard input is read already: the system's own gets it from a file that has no name. */
+    FILE *again = tmpfile();
+    if (!again || fwrite(text.data(), 1, text.size(), again) != text.size() || fflush(again) != 0) return EX_TEMPFAIL;
+    rewind(again);
+    dup2(fileno(again), 0);
+    execl("/usr/sbin/sendmail", "sendmail", "-t", "-i", nullptr);
+    fprintf(stderr, "%s has no server for sending, and there is no sendmail here\n",
+            from.empty() ? "it" : from.c_str());
+    return EX_UNAVAILABLE;
+  }
+  std::vector<std::string> recipients;
+  add_recipients(message.get(), &recipients);
+  text = with_network_lines(text);
+  bool for_good = false;
+  if (recipients.empty()) {
+    fprintf(stderr, "it has no recipient\n");
+    return EX_DATAERR;
+  }
+  if (post_secret_read(account, &secret, &error) < 0 ||
+      smtp_send(account, secret, recipients, text, &for_good, &error) < 0) {
+    fprintf(stderr, "%s\n", error.c_str());
+    return for_good ? EX_UNAVAILABLE : EX_TEMPFAIL;
+  }
+  after_sending(account, secret, message.get(), text);
+  return 0;
+}

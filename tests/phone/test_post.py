@@ -1,0 +1,164 @@
+"""Accounts on real servers: set up, followed, answered."""
+import imaplib
+import os
+import ssl
+import subprocess
+import time
+
+from phone_test import Relay, by_uid, equal, main, message, read_on_watch, reply_on_watch, status
+from post_servers import PASSWORD, USER, Authority, Dovecot, Exim
+
+
+def uids(s):
+    return set(by_uid(s))
+
+
+class Client:
+    """Somebody else at the same mailbox."""
+
+    def __init__(self, server, ca):
+        context = ssl.create_default_context(cafile=ca)
+        self.imap = imaplib.IMAP4_SSL("localhost", server.tls, ssl_context=context)
+        self.imap.login(USER, PASSWORD)
+
+    def add(self, text, folder="INBOX", flags=""):
+        self.imap.append(folder, flags, imaplib.Time2Internaldate(time.time()), text.encode())
+
+    def flags(self, uid, folder="INBOX"):
+        self.imap.select(folder, readonly=True)
+        numbers = self.imap.search(None, "HEADER", "Message-ID", uid)[1][0].split()
+        return self.imap.fetch(numbers[-1], "(FLAGS)")[1][0].decode() if numbers else ""
+
+    def store(self, uid, how, flag, expunge=False):
+        self.imap.select("INBOX")
+        number = self.imap.search(None, "HEADER", "Message-ID", uid)[1][0].split()[-1]
+        self.imap.store(number, how, flag)
+        if expunge:
+            self.imap.expunge()
+
+
+def servers(s, **dovecot):
+    authority = Authority(s.dir / "ca")
+    certificate = authority.issue("server")
+    return authority, Dovecot(s.dir / "dovecot", certificate, **dovecot), Exim(s.dir / "exim", certificate)
+
+
+def setup(s, authority, imap, smtp, *args, password=PASSWORD):
+    return s.run("brisel-phone", "setup", USER, "--imap", imap, "--smtp", smtp, "--ca", authority.ca, "--secret-file",
+                 "--no-start", "--config", s.dir / "relay.conf", *args, check=False, input=password + "\n")
+
+
+def test_an_account_from_address_and_password(s):
+    authority, dovecot, exim = servers(s)
+    try:
+        other = Client(dovecot, authority.ca)
+        other.add(message("old@x", "Old"), flags="\\Seen")
+        other.add(message("work@x", "Work"), "Work")
+        done = setup(s, authority, f"imaps://localhost:{dovecot.tls}", f"smtps://localhost:{exim.tls}", "--folder", "INBOX",
+                     "--folder", "Work")
+        equal((done.returncode, done.stderr), (0, ""), done)
+        config = (s.dir / "relay.conf").read_text()
+        assert PASSWORD not in config and "sent=Sent" in config, config
+        equal(oct((s.dir / "relay.conf").stat().st_mode & 0o777), "0o600", "the file's mode")
+        assert "both directions work" in s.phone("account", "test", "--config", s.dir / "relay.conf")
+        relay = Relay(s, "--config", s.dir / "relay.conf", "--retry-first", "1")
+        s.wait(lambda: uids(s) == {"old@x", "work@x"}, "the mails of both folders")
+        equal([by_uid(s)[u]["is_read"] for u in ("old@x", "work@x")], [1, 0], "read marks")
+
+        start = time.monotonic()
+        other.add(message("new@x", "New", body="Grüße\n"))
+        s.wait(lambda: "new@x" in uids(s), "a new mail")
+        print(f"# on the watch {time.monotonic() - start:.2f} s after the server had it", flush=True)
+        equal((by_uid(s)["new@x"]["is_new"], by_uid(s)["new@x"]["body"].split("<")[0]), (1, "Grüße"), "new")
+
+        read_on_watch(s, by_uid(s)["new@x"]["mail_id"])
+        s.wait(lambda: "\\Seen" in other.flags("new@x"), "read on the watch, seen on the server")
+        other.store("old@x", "-FLAGS", "\\Seen")
+        s.wait(lambda: by_uid(s)["old@x"]["is_read"] == 0, "unread elsewhere")
+        other.store("old@x", "+FLAGS", "\\Deleted", expunge=True)
+        s.wait(lambda: "old@x" not in uids(s), "deleted elsewhere")
+
+        reply_on_watch(s, by_uid(s)["new@x"], "Danke &amp; bis bald")
+        s.wait(lambda: exim.messages(), "the reply at the server")
+        sent = exim.messages()
+        equal(len(sent), 1, "once")
+        assert "In-Reply-To: <new@x>" in sent[0] and "Danke & bis bald" in sent[0], sent[0]
+        s.wait(lambda: [r["state"] for r in status(s)["replies"]] == ["sent"], "its state")
+        assert "\\Answered" in other.flags("new@x"), other.flags("new@x")
+        equal(int(other.imap.select("Sent", readonly=True)[1][0]), 1, "a copy")
+
+        dovecot.stop()
+        dovecot.start()
+        Client(dovecot, authority.ca).add(message("later@x"))
+        s.wait(lambda: "later@x" in uids(s), "a mail after the server's restart")
+        relay.kill()
+    finally:
+        dovecot.stop()
+        exim.stop()
+
+
+def test_only_what_a_watch_needs_is_fetched(s):
+    authority, dovecot, exim = servers(s)
+    try:
+        other = Client(dovecot, authority.ca)
+        large = "QUJD" * 200000
+        other.add("From: a@b.c\nSubject: S\nMessage-ID: <big@x>\nMIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=m\n\n"
+                  "--m\nContent-Type: multipart/alternative; boundary=a\n\n--a\nContent-Type: text/plain; charset=utf-8\n"
+                  "Content-Transfer-Encoding: quoted-printable\n\nGr=C3=BC=C3=9Fe\n--a\nContent-Type: text/html\n\n<p>Gr&uuml;&szlig;e</p>"
+                  f"\n--a--\n--m\nContent-Type: image/png; name=p.png\nContent-ID: <1>\nContent-Transfer-Encoding: base64\n\n{large}\n"
+                  f"--m\nContent-Type: application/pdf\nContent-Disposition: attachment; filename=f.pdf\n\n{large}\n"
+                  "--m\nContent-Type: message/rfc822\n\nSubject: inner\n\ntext\n--m--\n")
+        equal(setup(s, authority, f"imap://localhost:{dovecot.starttls}", f"smtp://localhost:{exim.starttls}").returncode, 0)
+        relay = Relay(s, "--config", s.dir / "relay.conf")
+        s.wait(lambda: "big@x" in uids(s), "the mail")
+        mail = by_uid(s)["big@x"]
+        equal((mail["body"].split("<")[0], mail["attachment_count"], mail["has_image"]), ("Grüße", 2, 1), "facts")
+        mirrored = [p.stat().st_size for p in s.dir.rglob("cur/imap-*")]
+        assert len(mirrored) == 1 and mirrored[0] < 3000, mirrored
+        relay.kill()
+    finally:
+        dovecot.stop()
+        exim.stop()
+
+
+def test_who_is_not_trusted(s):
+    authority = Authority(s.dir / "ca")
+    cases = [(authority.issue("wrong", host="elsewhere.example"), "another name"),
+             (authority.issue("self", signed=False), "trusts"),
+             (authority.issue("expired", days=0), "valid")]
+    exim = Exim(s.dir / "exim", authority.issue("server"))
+    try:
+        for n, (certificate, said) in enumerate(cases):
+            dovecot = Dovecot(s.dir / f"dovecot{n}", certificate)
+            try:
+                for url in (f"imaps://localhost:{dovecot.tls}", f"imap://localhost:{dovecot.starttls}"):
+                    done = setup(s, authority, url, f"smtps://localhost:{exim.tls}")
+                    assert done.returncode == 1 and said in done.stderr and len(done.stderr.splitlines()) == 1, done
+            finally:
+                dovecot.stop()
+        # A server, or somebody between, that does not offer encryption gets no password.
+        dovecot = Dovecot(s.dir / "bare", authority.issue("bare"), more="ssl = no\n")
+        try:
+            done = setup(s, authority, f"imap://localhost:{dovecot.starttls}", f"smtps://localhost:{exim.tls}")
+            assert done.returncode == 1 and "no encryption" in done.stderr, done
+            assert PASSWORD not in (s.dir / "bare" / "dovecot.log").read_text()
+        finally:
+            dovecot.stop()
+        dovecot = Dovecot(s.dir / "good", authority.issue("good"))
+        try:
+            good = f"imaps://localhost:{dovecot.tls}"
+            for args, password, said in (((good, f"smtps://localhost:{exim.tls}"), "wrong", "does not take this user"),
+                                         ((good, f"smtps://localhost:{exim.tls}x"), PASSWORD, "HOST is wanted"),
+                                         ((good, "smtps://localhost:1"), PASSWORD, "cannot be reached"),
+                                         (("imaps://localhost:1", "smtps://localhost:1"), PASSWORD, "cannot be reached")):
+                done = setup(s, authority, *args, password=password)
+                assert done.returncode == 1 and said in done.stderr and len(done.stderr.splitlines()) == 1, done
+            assert not (s.dir / "relay.conf").exists(), "nothing is written before both directions work"
+        finally:
+            dovecot.stop()
+    finally:
+        exim.stop()
+
+
+if __name__ == "__main__":
+    main(globals())
