@@ -1,6 +1,7 @@
 """Every way into the application: link, account count, accounts, first or second launch, with or without a mail, locked
 or not. What the phone hears and what is on screen decide."""
 import itertools
+import subprocess
 
 from brisel_test import equal, mail, main, options
 
@@ -167,6 +168,20 @@ def test_help_version_and_a_missing_display_take_a_line(s):
         done = s.run("brisel", check=False)
         assert done.returncode != 0 and done.stderr.startswith("brisel: there is no display"), done.stderr
         equal(len(done.stderr.splitlines()), 1, "lines")
+
+
+def test_quitting_with_a_popup_open_is_quiet(s):
+    s.serve()
+    arrange(s, 2, True)
+    with open(s.dir / "said", "w+") as said:
+        app = subprocess.Popen(["brisel"], env=s.env, stdout=said, stderr=said)
+        s.wait(lambda: on_bus(s, "com.vextora.brisel"), "the application")
+        s.press(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"))
+        s.wait_text("account1@example.net")
+        s.watch("quit")
+        equal(app.wait(60), 0, "exit code")
+        said.seek(0)
+        equal(said.read(), "", "what it says")
 
 
 def gone(s):

@@ -28,6 +28,13 @@ def test_date_order_follows_in_the_list_and_the_reader(s):
         s.setting("db/setting/date_format", "int", value)
         s.wait(lambda: shown_time(s) == f"{date} 11:05", f"date order {value}: {date}")
     assert "Invalid date_format value(7)" in s.log() and "Invalid date_format value(-1)" in s.log()
+    s.watch("tap", 300, 20)  # the bin
+    s.wait_text(s.text("IDS_COM_SK_CANCEL"))
+    for value, date in DATES.items():
+        s.setting("db/setting/date_format", "int", value)
+        s.wait(lambda: shown_time(s) == f"{date} 11:05", f"delete view: date order {value}: {date}")
+    s.watch("key", "back")
+    s.wait_gone(s.text("IDS_COM_SK_CANCEL"))
     s.tap("Sender One")
     s.wait_text("Old", part=False)
     for value, date in DATES.items():
