@@ -1,6 +1,7 @@
 /* The first minute: what fills the window while a launch waits and no other screen stands, so that it is never empty.
    It says what to do, and gives way to the main screen. The launch flows call it. */
 #include "brisel-app-core.h"
+#include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 #include "efl_assist.h"
@@ -46,7 +47,7 @@ void _show_first_minute(appdata *ad) {
   elm_scroller_policy_set(scroller, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
   elm_object_content_set(scroller, layout);
   ea_object_event_callback_add(scroller, EA_CALLBACK_BACK, _back_cb, ad);
-  elm_win_resize_object_add(ad->win_main, scroller);
+  brisel_stage_put(ad->win_main, scroller);
   evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _resized_cb, nullptr);
   evas_object_smart_callback_add(scroller, "language,changed", _language_cb, nullptr);
   evas_object_show(scroller);

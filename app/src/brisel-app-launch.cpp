@@ -6,6 +6,7 @@
 
 #include "brisel-app-core.h"
 #include "brisel-app-lifecycle.h"
+#include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 #include "brisel-app.h"
@@ -130,7 +131,7 @@ static void _connecting_popup_back_cb(void *data, Evas_Object *obj, void *event_
 static void _create_connecting_popup(appdata *ad) {
   BRISEL_INFO("Enter");
   if (!_popup_is_missing(ad, &appdata::connecting_popup)) return;
-  Evas_Object *popup = brisel_util_popup_add(ad->win_main);
+  Evas_Object *popup = brisel_util_popup_add(brisel_stage_get(ad->win_main));
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, _connecting_popup_back_cb, ad);
   if (Evas_Object *layout = brisel_util_load_edj(popup, BRISEL_EDJ, "brisel/popup/progress.1text")) {
     Evas_Object *bar = elm_progressbar_add(layout);

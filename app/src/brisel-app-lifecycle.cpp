@@ -10,6 +10,7 @@
 #include <string>
 
 #include "brisel-app-core.h"
+#include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
@@ -101,6 +102,7 @@ bool app_create(void *user_data) {
   ad->evas = evas_object_evas_get(ad->win_main);
   brisel_touch_watch(ad->win_main);
   app_efl_window_attach(ad->win_main);
+  brisel_stage_make(ad->win_main);
   evas_object_show(ad->win_main);
 
   /* The device's texts are UTF-8 whatever the locale's own encoding is. Preset replies have a catalogue of their own.

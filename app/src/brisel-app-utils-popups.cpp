@@ -1,4 +1,5 @@
 /* The popup kit: popups, toasts and the progress bar. Every screen makes its popups here. */
+#include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 #include "efl_assist.h"
@@ -15,7 +16,7 @@ Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
 static Evas_Object *_popup_parent(appdata *ad) {
   if (ad->naviframe) return ad->naviframe;
   BRISEL_INFO("popup is added win_main");
-  return ad->win_main;
+  return brisel_stage_get(ad->win_main);
 }
 
 static Evas_Object *_popup_button_add(Evas_Object *popup, const char *part, Evas_Smart_Cb cb, void *data) {

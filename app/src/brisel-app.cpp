@@ -2,6 +2,7 @@
 #include "brisel-app.h"
 
 #include "brisel-app-core.h"
+#include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 #include "brisel-scoped.h"
@@ -31,7 +32,7 @@ static int _create_conform(appdata *ad) {
   if (!ad->win_main) return -1;
   ad->conform = elm_conformant_add(ad->win_main);
   evas_object_size_hint_weight_set(ad->conform, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
-  elm_win_resize_object_add(ad->win_main, ad->conform);
+  brisel_stage_put(ad->win_main, ad->conform);
   evas_object_show(ad->conform);
   return 0;
 }

@@ -421,7 +421,9 @@ bool make_keys() {
 
 void fit_height() {
   int h = 0;
-  evas_object_geometry_get(pad.win, nullptr, nullptr, nullptr, &h);
+  /* Its room is the conformant's, which is less than the window on a round display. */
+  Evas_Object *room = find_in_window(is_conformant);
+  evas_object_geometry_get(room ? room : pad.win, nullptr, nullptr, nullptr, &h);
   const double scale = elm_config_scale_get();
   const double row = std::clamp(h * 0.156, KEY_HEIGHT_MIN * scale, KEY_HEIGHT_MAX * scale);
   /* The text being written must stay in sight, whatever the scale. */

@@ -1,5 +1,7 @@
 """Settings changed from another process show at once on every open screen."""
-from brisel_test import equal, mail, main
+import itertools
+
+from brisel_test import equal, mail, main, options
 
 OLD = 1388833503  # 2014-01-04 11:05:03 UTC
 DATES = {0: "04/01/2014", 1: "01/04/2014", 2: "2014/01/04", 3: "2014/04/01", 7: "2014/01/04", -1: "2014/01/04"}
@@ -93,6 +95,42 @@ def test_broken_settings_read_as_unreadable(s):
     log = s.log()
     assert "vconf_get_int returns: -1" in log and "vconf_get_str() failed : region format" in log
     equal(log.count("locale: en_US") > 0, True, "the fallback locale")
+
+
+@options(size="360x360", env={"BRISEL_SHAPE": "round"})
+def test_on_a_round_display_nothing_lies_outside_the_circle(s):
+    def look(text):
+        s.wait_text(s.text(text) if text.startswith("IDS_") else text)
+        s.rest()
+        for t in s.seen():
+            for x, y in itertools.product((t["x"], t["x"] + t["width"]), (t["y"], t["y"] + t["height"])):
+                assert (x - 180) ** 2 + (y - 180) ** 2 <= 181 ** 2, f"{text}: {t} reaches out of the circle"
+
+    s.launch()
+    look("IDS_EMAIL_HEADER_NO_PHONE_YET")
+    s.serve()
+    look("IDS_EMAIL_POP_CONNECTING_ING")
+    s.phone("account", "count", "known")
+    look("IDS_EMAIL_HEADER_SET_UP_EMAIL")
+    for name in ("first", "second"):
+        s.send(s.account(f"{name}@example.net"), mail(f"About {name}", "Words. " * 200, f"From {name} <{name}@example.org>"))
+    look("From second")
+    s.press(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"))
+    look("first@example.net")
+    s.watch("key", "back")
+    s.wait_gone("first@example.net")
+    s.tap("From second")
+    look("About second")
+    s.watch("key", "back")
+    s.wait_gone("About second")
+    s.press("From second")
+    s.setting("file/private/msg-consumer-server/reply_value", "int", 3)
+    look("IDS_EMAIL_SK_REPLY")
+    s.tap(s.text("IDS_EMAIL_SK_REPLY"))
+    s.wait_gone(s.text("IDS_EMAIL_SK_REPLY"))
+    s.rest()
+    s.watch("tap", 180, 120)  # the entry, which opens the keypad
+    look("q")
 
 
 if __name__ == "__main__":

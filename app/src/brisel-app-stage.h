@@ -1,0 +1,16 @@
+/* The stage: where screens and the window's own popups stand. On a display with corners it is the window; on a round
+   one (BRISEL_SHAPE=round) it is the rectangle in its middle, so that nothing to be read or touched lies outside the
+   circle. The core and the popup kit use it. Thread: the EFL main loop. */
+#ifndef BRISEL_APP_STAGE_H
+#define BRISEL_APP_STAGE_H
+
+#include <Evas.h>
+
+/* Once a window, before anything stands in it. */
+void brisel_stage_make(Evas_Object *window);
+/* The parent of what stands over the screens of the window. NULL for a window of NULL. */
+Evas_Object *brisel_stage_get(Evas_Object *window);
+/* Lets the object fill the stage. */
+void brisel_stage_put(Evas_Object *window, Evas_Object *object);
+
+#endif
