@@ -66,6 +66,8 @@ void brisel_util_bt_connect_error_popup_result_cb(service_h request, service_h r
 int brisel_util_get_reply_method(void); /* 0 templates, 1 emoticons */
 void brisel_util_set_reply_method(int method);
 int brisel_clear_all_new_flag(void);
+/* Where what could not be kept is offered again; NULL: nowhere (any more). */
+void brisel_util_set_offer_place(appdata *ad);
 
 /* --- text and theme --- */
 
@@ -91,8 +93,8 @@ const char *brisel_util_get_text(const char *id); /* not to be freed */
  */
 char *brisel_util_get_count_text(const char *plural_id, int number, appdata *ad);
 
-/* Sends one delete request for the ids (copied). 0 when it went out, else the failing step's status; what failed is
-   logged. Used by the sweep, the delete view and the option list. */
+/* Sends one delete request for the ids (copied). 0 when it went out, else the failing step's status: then it is logged,
+   the user is told and can try again. Used by the sweep, the delete view and the option list. */
 int brisel_util_request_delete(const int *mail_ids, int count);
 
 #endif

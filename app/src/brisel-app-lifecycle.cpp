@@ -119,6 +119,7 @@ bool app_create(void *user_data) {
   result = brisel_ipc_client_init();
   if (result != 0) BRISEL_ERROR("brisel_ipc_client_init() failed! err:[%d]", result);
   _brisel_ipc_subscribe(ad);
+  brisel_util_set_offer_place(ad);
   brisel_util_init_timezone();
   brisel_open_icu_pattern_generator(ad);
   _brisel_init_vconf_values(ad);
@@ -153,6 +154,7 @@ void app_terminate(void *user_data) {
   /* Without a window nothing was opened, the store included. */
   if (!services_open) return;
   services_open = false;
+  brisel_util_set_offer_place(nullptr);
   _forget_launches();
   /* The screen said "Deleted": leaving means it. */
   brisel_delete_sweep_item(ad);

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 #include "brisel-scoped.h"
 #include "contacts.h"
 #include "host-launch.h"
@@ -207,13 +208,14 @@ int brisel_clear_all_new_flag(void) {
   return result;
 }
 
-int brisel_util_request_delete(const int *mail_ids, int count) {
+static int _request_delete(const std::vector<int> &mail_ids) {
   scoped_op op(brisel_op_data_create());
   if (!op) {
     BRISEL_ERROR("brisel_op_data_create() failed!");
     return BRISEL_COMMON_ERROR_MEMORY;
   }
-  for (int i = count - 1; i >= 0; i--) op->id_list = g_slist_prepend(op->id_list, GINT_TO_POINTER(mail_ids[i]));
+  for (size_t i = mail_ids.size(); i > 0; i--)
+    op->id_list = g_slist_prepend(op->id_list, GINT_TO_POINTER(mail_ids[i - 1]));
   int result = brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_DELETE_NOTIS);
   if (result != 0) {
     BRISEL_ERROR("brisel_ipc_req_cancel() failed! ret:[%d]", result);
@@ -221,5 +223,27 @@ int brisel_util_request_delete(const int *mail_ids, int count) {
   }
   result = brisel_ipc_req_delete_notis(op.get(), nullptr, nullptr);
   if (result != 0) BRISEL_WARN("brisel_ipc_req_delete_notis() failed! err:[%d]", result);
+  return result;
+}
+
+static appdata *offer_place;
+
+void brisel_util_set_offer_place(appdata *ad) {
+  offer_place = ad;
+}
+
+static int _delete_again(void *data) {
+  return _request_delete(*(std::vector<int> *)data);
+}
+
+static void _drop_deletion(void *data) {
+  delete (std::vector<int> *)data;
+}
+
+int brisel_util_request_delete(const int *mail_ids, int count) {
+  const std::vector<int> ids(mail_ids, mail_ids + count);
+  int result = _request_delete(ids);
+  if (result != 0 && offer_place && offer_place->win_main)
+    brisel_view_offer_again(offer_place, _delete_again, _drop_deletion, new std::vector<int>(ids));
   return result;
 }

@@ -137,6 +137,21 @@ TEST_F(popups, WhatCouldNotBeKeptIsOfferedUntilItIs) {
   EXPECT_TRUE(gone(text));
 }
 
+TEST_F(popups, ADeletionThatWasNotKeptIsOfferedAgain) {
+  const int id = phone.add_mail({.account = phone.accounts().at(0), .received = 1700000000, .from_name = "Name"});
+  brisel_ipc_client_deinit();
+  EXPECT_NE(brisel_util_request_delete(&id, 1), 0);
+  EXPECT_TRUE(visible(brisel_util_get_text("IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT")));
+  EXPECT_EQ(brisel_ipc_client_init(), 0);
+  tap(text_at(brisel_util_get_text("IDS_EMAIL_SK_TRY_AGAIN")));
+  EXPECT_TRUE(gone(brisel_util_get_text("IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT")));
+  EXPECT_TRUE(run_until([&] {
+    int count = 0;
+    brisel_db_get_full_noti_data_count_by_account_id(0, &count);
+    return count == 0;
+  })) << "the mail is gone from the watch";
+}
+
 TEST_F(popups, LongTextsScrollAndTimeRunsOut) {
   std::string text;
   for (int i = 0; i < 60; i++) text += "word ";
