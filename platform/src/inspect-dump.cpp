@@ -121,8 +121,7 @@ std::optional<std::pair<rect, color>> seen(const Evas_Object *obj, const rect &a
   return std::make_pair(left, c);
 }
 
-/* --- text blocks: the style in effect where the text begins ---------------------------------------------------------
- */
+/* --- text blocks: the style in effect where the text begins --- */
 
 struct text_style {
   std::string font;
@@ -343,16 +342,21 @@ json rect_json(const rect &r) {
   return {{"x", r.x}, {"y", r.y}, {"width", r.w}, {"height", r.h}};
 }
 
+/* From the text itself: what the toolkit gives back as markup after a change of style has its "&" unescaped. */
 std::string plain_text(Evas_Object *block) {
-  const char *markup = evas_object_textblock_text_markup_get(block);
-  char *plain = evas_textblock_text_markup_to_utf8(block, markup ? markup : "");
+  Evas_Textblock_Cursor *start = evas_object_textblock_cursor_new(block);
+  Evas_Textblock_Cursor *end = evas_object_textblock_cursor_new(block);
+  evas_textblock_cursor_paragraph_first(start);
+  evas_textblock_cursor_paragraph_last(end);
+  char *plain = evas_textblock_cursor_range_text_get(start, end, EVAS_TEXTBLOCK_TEXT_PLAIN);
   std::string text = plain ? plain : "";
   free(plain);
+  evas_textblock_cursor_free(start);
+  evas_textblock_cursor_free(end);
   return text;
 }
 
-/* --- the canvas
- * --------------------------------------------------------------------------------------------------------- */
+/* --- the canvas --- */
 
 void add_text(walk *w, const Evas_Object *obj, const std::string &text, const rect &whole, const rect &area,
               const color &c, const std::string &font, double size, bool cut) {

@@ -60,7 +60,7 @@ std::vector<inspect_step> inspect_drag(int x1, int y1, int x2, int y2, double se
   return steps;
 }
 
-std::vector<inspect_step> inspect_pinch(int x, int y, double factor, int reach) {
+std::vector<inspect_step> inspect_pinch(int x, int y, double factor, int reach, double seconds) {
   /* The gesture layer lets two fingers move by its tolerance, a finger's size, before it measures; from then on the
      factor is their distance by the first one plus that tolerance. So they start that much nearer to each other, and
      one jump takes them over it. Of the radii at hand the one whose end falls nearest to a whole pixel. */
@@ -80,7 +80,7 @@ std::vector<inspect_step> inspect_pinch(int x, int y, double factor, int reach) 
   std::vector<inspect_step> steps{at(0.0, INSPECT_MOVE, x - nearest, y), at(0.0, INSPECT_DOWN, x - nearest, y),
                                   at(0.0, INSPECT_DOWN2, x + nearest - tolerance, y),
                                   at(frame, INSPECT_MOVE2, x + nearest + 2, y)};
-  constexpr int moves = 24;
+  const int moves = std::max(1, static_cast<int>(std::lround(seconds / frame)));
   for (int i = 1; i <= moves; i++) {
     const int radius = between(nearest, end, static_cast<double>(i) / moves);
     steps.push_back(at(frame, INSPECT_MOVE, x - radius, y));

@@ -30,7 +30,8 @@ struct inspect_step {
 std::vector<inspect_step> inspect_tap(int x, int y, int times);
 std::vector<inspect_step> inspect_press(int x, int y, double seconds);
 std::vector<inspect_step> inspect_drag(int x1, int y1, int x2, int y2, double seconds);
-std::vector<inspect_step> inspect_pinch(int x, int y, double factor, int reach);
+/* reach: how far from the point a finger may get; seconds: how long they move. */
+std::vector<inspect_step> inspect_pinch(int x, int y, double factor, int reach, double seconds);
 std::vector<inspect_step> inspect_type(const char *text);
 /* time: when the step was due, in the main loop's seconds. Events carry it, so that a busy machine, which feeds some
    late, does not change how fast the finger was. */

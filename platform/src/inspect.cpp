@@ -197,15 +197,16 @@ int drag_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
 int pinch_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   int x;
   int y;
-  double factor;
-  const int r = sd_bus_message_read(m, "iid", &x, &y, &factor);
+  double factor, seconds;
+  const int r = sd_bus_message_read(m, "iidd", &x, &y, &factor, &seconds);
   if (r < 0) return r;
+  if (!seconds_valid(seconds)) return refuse(error, seconds_text);
   if (!(factor >= 0.1 && factor <= 10.0)) return refuse(error, "The factor must be between 0.1 and 10");
   if (!inside(x, y)) return refuse(error, outside_text);
   int w;
   int h;
   evas_object_geometry_get(app_window(), nullptr, nullptr, &w, &h);
-  return enqueue_call(m, inspect_pinch(x, y, factor, std::min(w, h) * 9 / 20));
+  return enqueue_call(m, inspect_pinch(x, y, factor, std::min(w, h) * 9 / 20, seconds));
 }
 
 int type_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -247,7 +248,7 @@ const sd_bus_vtable inspect_table[] = {SD_BUS_VTABLE_START(0),
                                        SD_BUS_METHOD("DoubleTap", "ii", "", double_tap_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Press", "iid", "", press_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Drag", "iiiid", "", drag_cb, SD_BUS_VTABLE_UNPRIVILEGED),
-                                       SD_BUS_METHOD("Pinch", "iid", "", pinch_cb, SD_BUS_VTABLE_UNPRIVILEGED),
+                                       SD_BUS_METHOD("Pinch", "iidd", "", pinch_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Type", "s", "", type_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Screenshot", "s", "", screenshot_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Dump", "", "s", dump_cb, SD_BUS_VTABLE_UNPRIVILEGED),
