@@ -199,8 +199,7 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   scoped_account_list accounts = _read_accounts();
   if (!accounts) return nullptr;
 
-  Evas_Object *popup = elm_popup_add(ad->naviframe);
-  evas_object_size_hint_weight_set(popup, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  Evas_Object *popup = brisel_util_popup_add(ad->naviframe);
   ad->account_popup = popup;
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, _popup_response_cb, ad);
 
