@@ -201,6 +201,7 @@ void _add_mail_row(appdata *ad, Elm_Object_Item *group_item, item_data *item, El
   else
     item->it =
         elm_genlist_item_append(gl, ad->itc_mail, item, group_item, ELM_GENLIST_ITEM_NONE, mail_selected_cb, item);
+  _name_row(item);
 }
 
 /* A refresh makes the whole model at once and the rows of its first screens; the others follow while the loop is idle,

@@ -41,6 +41,11 @@ appdata *_ad_of(const Row *row, const char *what) {
   return row ? row->ad : nullptr;
 }
 
+/* --- spoken --- */
+
+/* Names the row for a screen reader, where one may listen. */
+void _name_row(const item_data *item);
+
 /* --- model --- */
 
 /* What a touch on a row or on the header calls, before the first refresh. */

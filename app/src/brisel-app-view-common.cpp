@@ -1,3 +1,4 @@
+#define EFL_BETA_API_SUPPORT /* for the names that a screen reader says */
 #include "brisel-app-view-common.h"
 
 #include <cstring>
@@ -86,6 +87,16 @@ Elm_Object_Item *brisel_view_push_at_once(appdata *ad, Evas_Object *layout, Elm_
 
 bool brisel_view_on_top(const brisel_view_head *head) {
   return elm_naviframe_top_item_get(head->ad->naviframe) == head->navi_item;
+}
+
+/* --- for who cannot see it --- */
+
+void brisel_view_set_spoken_name(Eo *object, const char *name) {
+  efl_access_object_i18n_name_set(object, name);
+}
+
+bool brisel_view_is_spoken() {
+  return elm_config_atspi_mode_get();
 }
 
 /* --- titles --- */

@@ -45,9 +45,17 @@ Elm_Object_Item *brisel_view_push_at_once(appdata *ad, Evas_Object *layout, Elm_
 /* Whether the view is the one that the user sees. While another slides in above it, its rows can still be touched. */
 bool brisel_view_on_top(const brisel_view_head *head);
 
+/* --- for who cannot see it --- */
+
+/* What a screen reader says of a widget or an item, in place of its texts; plain text, copied. */
+void brisel_view_set_spoken_name(Eo *object, const char *name);
+/* Whether a screen reader may be listening: what only it needs is worth making. */
+bool brisel_view_is_spoken();
+
 /* --- titles --- */
 
-/* A button with a picture, for the title's end, shown; the title places it. NULL on failure, which is logged. */
+/* A button with a picture, for the title's end, shown; the title places it, brisel_view_set_spoken_name names it. NULL
+   on failure, which is logged. */
 Evas_Object *brisel_view_title_button(Evas_Object *parent, const char *image, Evas_Smart_Cb clicked_cb, void *data);
 /* The envelope at the title's start, shown; it says whether the phone is linked. NULL on failure, which is logged. */
 Evas_Object *brisel_view_title_icon(Evas_Object *parent);

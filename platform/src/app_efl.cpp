@@ -416,6 +416,7 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
     return 1;
   }
   app_bus_start();
+  app_access_start();
   const int result = run(&request, by_bus);
   if (app.window) evas_object_del(app.window);
   app_bus_stop();
