@@ -126,8 +126,7 @@ void brisel_delete_sweep_item(appdata *ad);
 void brisel_free_mail_list(appdata *ad);
 Evas_Object *brisel_create_security_alert_popup(appdata *ad);    /* also kept in ad->security_popup */
 Evas_Object *brisel_create_account_selection_popup(appdata *ad); /* also kept in ad->account_popup; NULL: no accounts */
-/* The colour bar of an account, as list rows and the reader show it: a rectangle on parent's canvas. NULL on failure.
- */
+/* The colour bar of an account, as list rows and the reader show it: a rectangle on parent's canvas, or NULL. */
 Evas_Object *brisel_util_create_color_bar(Evas_Object *parent, int account_id);
 
 /* Delete view: brisel-app-delete-view. 0; -1: no ad or no layout; -3: memory. */

@@ -19,8 +19,7 @@ Evas_Object *brisel_util_popup_create(void *data, Evas_Object *parent, void *res
 Evas_Object *brisel_util_scroll_popup_create(void *data, Evas_Object *parent, void *reserved, const char *text,
                                              Evas_Smart_Cb response_cb, double timeout, Evas_Smart_Cb timeout_cb,
                                              const char *btn1_text, const char *btn2_text);
-/* title (may be NULL), content and button texts are translation ids of the domain "brisel". NULL when one is missing.
- */
+/* title (may be NULL), content and button texts are ids of the domain "brisel". NULL when one is missing. */
 Evas_Object *brisel_util_create_basic_2button_popup_with_app_data(appdata *ad, const char *title, const char *content,
                                                                   Evas_Smart_Cb back_cb, Evas_Smart_Cb btn1_cb,
                                                                   const char *btn1_text, Evas_Smart_Cb btn2_cb,
@@ -86,11 +85,10 @@ char *brisel_replace_str(const char *src, const char *find, const char *replace)
 /* A layout with the group of one of the device's theme files, expanding both ways, not shown; NULL on failure. */
 Evas_Object *brisel_util_load_edj(Evas_Object *parent, const char *file, const char *group);
 /* An image of the images file, by the name of its group; its size and aspect are the caller's to set, shown. NULL on
- * failure. */
+   failure. */
 Evas_Object *brisel_util_load_image(Evas_Object *parent, const char *name);
 const char *brisel_util_get_text(const char *id); /* not to be freed */
-/* "%d" in the translation of plural_id replaced by the number in the locale's digits. The caller frees it with free().
- */
+/* "%d" in the translation of plural_id replaced by the number in the locale's digits, for the caller to free(). */
 char *brisel_util_get_count_text(const char *plural_id, int number, appdata *ad);
 
 /* Sends one delete request for the ids (copied). 0 when it went out, else the failing step's status: then it is logged,

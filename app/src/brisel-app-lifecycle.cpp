@@ -33,8 +33,7 @@ static void _window_resize_cb(void *data, Evas *e, Evas_Object *obj, void *event
   BRISEL_INFO("ad->root_w : %d ad->root_h : %d", ad->root_w, ad->root_h);
 }
 
-/* While their parents still stand: the toolkit moves the focus on from a popup that goes with them, to what has gone.
- */
+/* While their parents stand: from a popup that goes with them the toolkit moves the focus on to what has gone. */
 static void _drop_popups(appdata *ad) {
   for (Evas_Object **popup : {&ad->security_popup, &ad->account_popup, &ad->connecting_popup, &ad->no_account_popup})
     brisel_util_drop_popup(popup);

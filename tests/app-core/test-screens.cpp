@@ -146,6 +146,9 @@ TEST_F(screens, ALaunchLeavesNothingOverWhatItOpens) {
     EXPECT_EQ(phone.request("show").value("id_list", std::vector<int>()), std::vector<int>{locked});
     key("XF86Back"); /* the toast */
     EXPECT_TRUE(gone(brisel_util_get_text("IDS_PLEXO_POP_CHECK_MOBILE_DEVICE_TO_VIEW_CONTENT")));
+    app_launch(std::to_string(plain).c_str());
+    app_launch();
+    EXPECT_EQ(test_ad.mail_id, 0) << "nothing is open any more";
   }
 }
 
