@@ -2,6 +2,7 @@
 #include <iterator>
 
 #include "brisel-app-core.h"
+#include "brisel-app-reply-drafts.h"
 #include "brisel-app-utils.h"
 #include "brisel-app.h"
 
@@ -55,7 +56,9 @@ static void _brisel_ipc_noti_update_callback(brisel_ipc_event *event, void *rese
 static void _brisel_ipc_noti_delete_callback(brisel_ipc_event *event, void *reserved, void *user_data) {
   BRISEL_INFO("Enter");
   BRISEL_INFO("BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE");
-  if (event) _update_email_view(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, event->id_list, (appdata *)user_data);
+  if (!event) return;
+  _update_email_view(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, event->id_list, (appdata *)user_data);
+  brisel_reply_drafts_forget_gone();
 }
 
 /* The account that is shown only because it was the first to come, or 0: nobody has chosen it. */
@@ -107,6 +110,7 @@ static void _brisel_ipc_account_delete_callback(brisel_ipc_event *event, void *r
   BRISEL_INFO("BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE");
   appdata *ad = (appdata *)user_data;
   if (!event) return;
+  brisel_reply_drafts_forget_gone();
   _reread_account_count(ad);
   if (_check_setup_account_popup_is_needed()) {
     brisel_util_drop_popup(&ad->account_popup);

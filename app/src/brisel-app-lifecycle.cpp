@@ -10,6 +10,7 @@
 #include <string>
 
 #include "brisel-app-core.h"
+#include "brisel-app-reply-drafts.h"
 #include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
@@ -115,6 +116,7 @@ bool app_create(void *user_data) {
   brisel_full_noti_data_set_contact_free(brisel_util_contact_number_free);
   int result = brisel_db_init();
   if (result != 0) BRISEL_ERROR("brisel_db_init() failed! err:[%d]", result);
+  brisel_reply_drafts_forget_gone();
   result = brisel_ipc_client_init();
   if (result != 0) BRISEL_ERROR("brisel_ipc_client_init() failed! err:[%d]", result);
   _brisel_ipc_subscribe(ad);

@@ -66,7 +66,7 @@ static void __brisel_option_call_gl_del(void *data, Evas_Object *obj) {
 }
 
 static void __brisel_option_call_gl_realized_cb(void *data, Evas_Object *obj, void *event_info) {
-  brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
+  brisel_view_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
 static option_call_item_data *__brisel_option_call_make_contacts_list_data(int index, option_call_view_data *vd) {
@@ -81,13 +81,13 @@ static option_call_item_data *__brisel_option_call_make_contacts_list_data(int i
 }
 
 static void __brisel_option_call_append_rows(option_call_view_data *vd, Evas_Object *genlist) {
-  static constexpr Elm_Genlist_Item_Class row_class = brisel_option_row_class(
-      "2text.1", __brisel_option_call_gl_text_get_contacts, nullptr, __brisel_option_call_gl_del);
+  static constexpr Elm_Genlist_Item_Class row_class =
+      brisel_view_row_class("2text.1", __brisel_option_call_gl_text_get_contacts, nullptr, __brisel_option_call_gl_del);
   int count = (int)g_slist_length(vd->noti_data->sender_contact_list);
   for (int i = 0; i < count; i++) {
     option_call_item_data *row = __brisel_option_call_make_contacts_list_data(i, vd);
     if (!row) continue;
-    if (!brisel_option_add_row(genlist, nullptr, &row_class, row, __brisel_option_call_gl_sel_contacts, row)) free(row);
+    if (!brisel_view_add_row(genlist, nullptr, &row_class, row, __brisel_option_call_gl_sel_contacts, row)) free(row);
   }
 }
 
@@ -148,7 +148,7 @@ static Evas_Object *__brisel_option_call_create_bg(Evas_Object *layout, Evas_Obj
 }
 
 static Evas_Object *__brisel_option_call_create_genlist(Evas_Object *layout, option_call_view_data *vd) {
-  Evas_Object *genlist = brisel_option_create_list(layout, __brisel_option_call_gl_realized_cb);
+  Evas_Object *genlist = brisel_view_new_list(layout, __brisel_option_call_gl_realized_cb);
   if (!genlist) return nullptr;
   __brisel_option_call_append_rows(vd, genlist);
   elm_object_part_content_set(layout, "elm.swallow.content", genlist);
@@ -184,7 +184,7 @@ static int __brisel_option_call_give_up(option_call_view_data *vd, int ret) {
 int brisel_option_call_draw_view(int mail_id, appdata *ad, full_noti_data *noti_data) {
   BRISEL_INFO("Enter");
   option_call_view_data *vd;
-  if (!brisel_option_new_record(ad, BRISEL_VIEW_TYPE_OPTION_CALL_VIEW, &vd)) return ad ? -3 : -2;
+  if (!brisel_view_new_record(ad, BRISEL_VIEW_TYPE_OPTION_CALL_VIEW, &vd)) return ad ? -3 : -2;
   vd->mail_id = mail_id;
   int ret = brisel_option_take_noti_data(mail_id, noti_data, &vd->noti_data, &vd->own_noti_data);
   if (ret != 0) return __brisel_option_call_give_up(vd, ret);
@@ -206,9 +206,8 @@ int brisel_option_call_draw_view(int mail_id, appdata *ad, full_noti_data *noti_
   }
   brisel_widget_ref_set(&vd->genlist, genlist);
 
-  char *title = brisel_option_sender_title(vd->noti_data);
-  brisel_option_push(ad, layout, title, nullptr, __brisel_option_call_view_pop_cb, (brisel_view_head *)vd);
-  free(title);
+  const scoped_text title(brisel_view_sender_title(vd->noti_data));
+  brisel_view_push(ad, layout, title.get(), nullptr, __brisel_option_call_view_pop_cb, (brisel_view_head *)vd);
   if (contacts_db_add_changed_cb(_contacts_person._uri, __brisel_option_call_contacts_db_changed_cb, vd) !=
       CONTACTS_ERROR_NONE)
     BRISEL_ERROR("contacts_db_add_changed_cb() failed!!!!");

@@ -24,7 +24,12 @@ struct option_detail_view_data {
   int mail_id;
   full_noti_data *noti_data; /* owned; NULL once the view was popped */
   char *from_phone_number;   /* owned; the sender address, when that is a phone number */
+  double called_at; /* when a call was put through last, seconds of the clock that only runs forward; 0: never */
 };
+
+/* So long after a call was put through, the call application is still taking the screen: a second tap would dial
+   twice. */
+static constexpr double BRISEL_CALL_PAUSE_SECONDS = 1.0;
 
 static constexpr int BRISEL_REPLY_METHOD_TEMPLATES = 0;
 static constexpr int BRISEL_REPLY_METHOD_EMOTICONS = 1;
@@ -37,7 +42,7 @@ static void __brisel_option_detail_popup_response_cb(void *data, Evas_Object *ob
 /* A popped list, or one that another view has begun to cover, takes no more taps: a quick second one would open the
    view twice. */
 static bool __brisel_option_detail_takes_taps(const option_detail_view_data *vd) {
-  return vd->noti_data && brisel_option_on_top((const brisel_view_head *)vd);
+  return vd->noti_data && brisel_view_on_top((const brisel_view_head *)vd);
 }
 
 static char *__brisel_option_detail_text(const char *id) {
@@ -98,7 +103,7 @@ static char *__brisel_option_detail_gl_text_get_delete(void *data, Evas_Object *
 }
 
 static void __brisel_option_detail_gl_realized_cb(void *data, Evas_Object *obj, void *event_info) {
-  brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
+  brisel_view_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
 /* --- the choice of the reply method --- */
@@ -138,8 +143,8 @@ static void __brisel_option_detail_gl_sel_reply_setting(void *data, Evas_Object 
 }
 
 static constexpr Elm_Genlist_Item_Class reply_setting_row =
-    brisel_option_row_class("1text.1icon.1", __brisel_option_detail_gl_text_get_reply_setting,
-                            __brisel_option_detail_gl_content_get_reply_setting);
+    brisel_view_row_class("1text.1icon.1", __brisel_option_detail_gl_text_get_reply_setting,
+                          __brisel_option_detail_gl_content_get_reply_setting);
 
 static void __brisel_option_detail_create_reply_setting_popup(option_detail_view_data *vd) {
   brisel_widget_ref_drop(&vd->radio_group);
@@ -150,15 +155,15 @@ static void __brisel_option_detail_create_reply_setting_popup(option_detail_view
   if (!popup) return;
   brisel_widget_ref_set(&vd->popup, popup);
 
-  Evas_Object *genlist = brisel_option_create_list(popup, __brisel_option_detail_gl_realized_cb);
+  Evas_Object *genlist = brisel_view_new_list(popup, __brisel_option_detail_gl_realized_cb);
   if (!genlist) {
     brisel_widget_ref_drop(&vd->popup);
     return;
   }
   evas_object_data_set(genlist, "ViewData", vd);
   for (int method : {BRISEL_REPLY_METHOD_TEMPLATES, BRISEL_REPLY_METHOD_EMOTICONS})
-    brisel_option_add_row(genlist, nullptr, &reply_setting_row, (void *)(intptr_t)method,
-                          __brisel_option_detail_gl_sel_reply_setting, vd);
+    brisel_view_add_row(genlist, nullptr, &reply_setting_row, (void *)(intptr_t)method,
+                        __brisel_option_detail_gl_sel_reply_setting, vd);
   evas_object_show(genlist);
 
   Evas_Object *radio_group = elm_radio_add(genlist);
@@ -223,6 +228,12 @@ static void __brisel_option_detail_reply_value_change_cb(keynode_t *node, void *
 
 /* --- row taps --- */
 
+static void __brisel_option_detail_call(option_detail_view_data *vd, const char *number) {
+  const double now = ecore_time_get();
+  if (vd->called_at > 0 && now - vd->called_at < BRISEL_CALL_PAUSE_SECONDS) return;
+  if (brisel_util_launch_voice_call(number)) vd->called_at = now;
+}
+
 static void __brisel_option_detail_gl_sel_call(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   option_detail_view_data *vd = (option_detail_view_data *)data;
@@ -234,7 +245,7 @@ static void __brisel_option_detail_gl_sel_call(void *data, Evas_Object *obj, voi
       // The last number may have gone since the row was drawn: then there is nothing to call.
       contact_number *contact = contacts ? (contact_number *)contacts->data : nullptr;
       if (contact && contact->number)
-        brisel_util_launch_voice_call(contact->number);
+        __brisel_option_detail_call(vd, contact->number);
       else
         BRISEL_ERROR("Failed to get phone number from sender_contact_list!");
     }
@@ -251,23 +262,16 @@ static void __brisel_option_detail_gl_sel_call_by_from_address(void *data, Evas_
     return;
   }
   if (vd->from_phone_number && __brisel_option_detail_takes_taps(vd))
-    brisel_util_launch_voice_call(vd->from_phone_number);
+    __brisel_option_detail_call(vd, vd->from_phone_number);
   elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
   BRISEL_INFO("Leave");
 }
 
 static void __brisel_option_detail_create_update_required_popup(option_detail_view_data *vd) {
-  static const char *const text =
-      "IDS_EMAIL_POP_REPLY_IS_NOT_SUPPORTED_BY_YOUR_DEVICE_CHECK_FOR_UPDATES_IN_YOUR_DEVICE_SETTINGS";
   brisel_widget_ref_drop(&vd->radio_group);
   brisel_widget_ref_drop(&vd->popup);
-  Evas_Object *popup = brisel_util_popup_create(vd, vd->ad->naviframe, nullptr, brisel_util_get_text(text),
-                                                __brisel_option_detail_popup_response_cb, 0.0, nullptr,
-                                                brisel_util_get_text("IDS_COM_SK_OK"), nullptr);
-  if (!popup) return;
-  brisel_option_popup_translate(popup, nullptr, text);
-  brisel_option_popup_translate(popup, "button1", "IDS_COM_SK_OK");
-  brisel_widget_ref_set(&vd->popup, popup);
+  brisel_widget_ref_set(&vd->popup,
+                        brisel_view_update_required_popup(vd->ad, __brisel_option_detail_popup_response_cb, vd));
 }
 
 static void __brisel_option_detail_reply(option_detail_view_data *vd) {
@@ -278,11 +282,7 @@ static void __brisel_option_detail_reply(option_detail_view_data *vd) {
   if (status == BRISEL_REPLY_UPDATE_REQUIRED) {
     __brisel_option_detail_create_update_required_popup(vd);
   } else if (status == BRISEL_REPLY_SUPPORTED) {
-    int method = brisel_util_get_reply_method();
-    if (method == BRISEL_REPLY_METHOD_TEMPLATES)
-      brisel_option_reply_templetes_draw_view(vd->mail_id, vd->ad, vd->noti_data);
-    else if (method == BRISEL_REPLY_METHOD_EMOTICONS)
-      brisel_option_reply_emoticons_draw_view(vd->mail_id, vd->ad, vd->noti_data);
+    brisel_view_draw_reply(vd->mail_id, vd->ad, vd->noti_data);
   }
 }
 
@@ -298,7 +298,7 @@ static void __brisel_option_detail_gl_sel_device(void *data, Evas_Object *obj, v
   option_detail_view_data *vd = (option_detail_view_data *)data;
   appdata *ad = vd->ad;
   elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
-  if (!__brisel_option_detail_takes_taps(vd) || !brisel_option_phone_ready(ad)) return;
+  if (!__brisel_option_detail_takes_taps(vd) || !brisel_view_phone_ready(ad)) return;
   int mail_id = vd->noti_data->mail_id;
   brisel_util_show_on_device(&mail_id, 1);
   brisel_util_pop_view(ad->naviframe);
@@ -329,10 +329,10 @@ static void __brisel_option_detail_gl_sel_delete(void *data, Evas_Object *obj, v
   elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
   brisel_widget_ref_drop(&vd->delete_popup);
   if (!__brisel_option_detail_takes_taps(vd)) return;
-  Evas_Object *popup = brisel_option_create_delete_popup(vd->ad->naviframe, __brisel_option_delete_popup_cancel_cb,
-                                                         __brisel_option_delete_popup_ok_cb, vd);
+  Evas_Object *popup = brisel_view_delete_popup(vd->ad->naviframe, __brisel_option_delete_popup_cancel_cb,
+                                                __brisel_option_delete_popup_ok_cb, vd);
   if (!popup) return;
-  brisel_option_popup_translate(popup, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
+  brisel_view_popup_translate(popup, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
   brisel_widget_ref_set(&vd->delete_popup, popup);
   evas_object_show(popup);
   BRISEL_INFO("Leave");
@@ -350,43 +350,25 @@ static void __brisel_option_detail_replace_contacts(full_noti_data *noti_data, G
   noti_data->sender_contact_list = contacts;
 }
 
-/* A phone relays a text message's number as an address of digits alone, or of digits and a domain. A new string, or
-   NULL when address is no phone number. */
-static char *__brisel_option_detail_phone_number(const char *address) {
-  static constexpr size_t min_digits = 7;
-  // No network has numbers this long; what a mail claims beyond it is not kept.
-  static constexpr size_t max_digits = 255;
-
-  if (!address || !address[0]) return nullptr;
-  size_t digits = strspn(address, "0123456789");
-  if (address[digits] == '@') {
-    BRISEL_INFO("It is a phone number!");
-  } else if (address[digits]) {
-    BRISEL_INFO("It is not a phone number!");
-    return nullptr;
-  }
-  return digits >= min_digits ? strndup(address, digits < max_digits ? digits : max_digits) : nullptr;
-}
-
 static void __brisel_option_detail_add_contact_row(option_detail_view_data *vd, Elm_Object_Item *before) {
   static constexpr Elm_Genlist_Item_Class one_number =
-      brisel_option_row_class("2text", __brisel_option_detail_gl_text_get_call);
+      brisel_view_row_class("2text", __brisel_option_detail_gl_text_get_call);
   static constexpr Elm_Genlist_Item_Class more_numbers =
-      brisel_option_row_class("1text", __brisel_option_detail_gl_text_get_call);
+      brisel_view_row_class("1text", __brisel_option_detail_gl_text_get_call);
   vd->call_item =
-      brisel_option_add_row(vd->genlist, before, vd->noti_data->sender_contact_list->next ? &more_numbers : &one_number,
-                            vd, __brisel_option_detail_gl_sel_call, vd);
+      brisel_view_add_row(vd->genlist, before, vd->noti_data->sender_contact_list->next ? &more_numbers : &one_number,
+                          vd, __brisel_option_detail_gl_sel_call, vd);
 }
 
 static void __brisel_option_detail_add_address_row(option_detail_view_data *vd, Elm_Object_Item *before) {
-  char *number = __brisel_option_detail_phone_number(vd->noti_data->from_address);
+  char *number = brisel_view_phone_number(vd->noti_data->from_address);
   if (!number) return;
   free(vd->from_phone_number);
   vd->from_phone_number = number;
   static constexpr Elm_Genlist_Item_Class row_class =
-      brisel_option_row_class("2text", __brisel_option_detail_gl_text_get_call_by_from_address);
-  vd->call_item = brisel_option_add_row(vd->genlist, before, &row_class, vd,
-                                        __brisel_option_detail_gl_sel_call_by_from_address, vd);
+      brisel_view_row_class("2text", __brisel_option_detail_gl_text_get_call_by_from_address);
+  vd->call_item =
+      brisel_view_add_row(vd->genlist, before, &row_class, vd, __brisel_option_detail_gl_sel_call_by_from_address, vd);
 }
 
 static void __brisel_option_detail_contacts_db_changed_cb(const char *view_uri, void *data) {
@@ -418,14 +400,14 @@ static Evas_Object *__brisel_option_detail_create_bg(Evas_Object *layout, Evas_O
 }
 
 static Evas_Object *__brisel_option_detail_create_genlist(option_detail_view_data *vd) {
-  static constexpr Elm_Genlist_Item_Class reply_row = brisel_option_row_class(
+  static constexpr Elm_Genlist_Item_Class reply_row = brisel_view_row_class(
       "2text.1icon.divider", __brisel_option_detail_gl_text_get_reply, __brisel_option_detail_gl_content_get_reply);
   static constexpr Elm_Genlist_Item_Class device_row =
-      brisel_option_row_class("1text", __brisel_option_detail_gl_text_get_device);
+      brisel_view_row_class("1text", __brisel_option_detail_gl_text_get_device);
   static constexpr Elm_Genlist_Item_Class delete_row =
-      brisel_option_row_class("1text", __brisel_option_detail_gl_text_get_delete);
+      brisel_view_row_class("1text", __brisel_option_detail_gl_text_get_delete);
 
-  Evas_Object *genlist = brisel_option_create_list(vd->layout, __brisel_option_detail_gl_realized_cb);
+  Evas_Object *genlist = brisel_view_new_list(vd->layout, __brisel_option_detail_gl_realized_cb);
   if (!genlist) return nullptr;
   brisel_widget_ref_set(&vd->genlist, genlist);
 
@@ -439,24 +421,16 @@ static Evas_Object *__brisel_option_detail_create_genlist(option_detail_view_dat
   int status = BRISEL_REPLY_UNKNOWN;
   if (brisel_util_get_reply_status(&status) == 0 &&
       (status == BRISEL_REPLY_SUPPORTED || status == BRISEL_REPLY_UPDATE_REQUIRED))
-    vd->reply_item = brisel_option_add_row(genlist, nullptr, &reply_row, vd, __brisel_option_detail_gl_sel_reply, vd);
-  vd->device_item = brisel_option_add_row(genlist, nullptr, &device_row, vd, __brisel_option_detail_gl_sel_device, vd);
-  brisel_option_add_row(genlist, nullptr, &delete_row, vd, __brisel_option_detail_gl_sel_delete, vd);
+    vd->reply_item = brisel_view_add_row(genlist, nullptr, &reply_row, vd, __brisel_option_detail_gl_sel_reply, vd);
+  vd->device_item = brisel_view_add_row(genlist, nullptr, &device_row, vd, __brisel_option_detail_gl_sel_device, vd);
+  brisel_view_add_row(genlist, nullptr, &delete_row, vd, __brisel_option_detail_gl_sel_delete, vd);
 
   elm_object_part_content_set(vd->layout, "elm.swallow.content", genlist);
   return genlist;
 }
 
 static Evas_Object *__brisel_option_detail_create_title_icon(Evas_Object *parent) {
-  Evas_Object *icon = brisel_util_load_image(parent, "b_email_icon_email.png");
-  if (!icon) {
-    BRISEL_ERROR("elm_image_add() failed!");
-    return nullptr;
-  }
-  evas_object_size_hint_aspect_set(icon, EVAS_ASPECT_CONTROL_VERTICAL, 1, 1);
-  elm_image_resizable_set(icon, EINA_TRUE, EINA_TRUE);
-  evas_object_show(icon);
-  return icon;
+  return brisel_view_title_icon(parent);
 }
 
 /* Frees what the record owns and, once its list can ask for no more texts, the record. */
@@ -493,7 +467,7 @@ static int __brisel_option_detail_give_up(option_detail_view_data *vd, int ret) 
 int brisel_option_detail_draw_view(int mail_id, appdata *ad) {
   BRISEL_INFO("Enter");
   option_detail_view_data *vd;
-  if (!brisel_option_new_record(ad, BRISEL_VIEW_TYPE_OPTION_DETAIL_VIEW, &vd)) return ad ? -3 : -1;
+  if (!brisel_view_new_record(ad, BRISEL_VIEW_TYPE_OPTION_DETAIL_VIEW, &vd)) return ad ? -3 : -1;
   vd->mail_id = mail_id;
   bool own = false;
   int ret = brisel_option_take_noti_data(mail_id, nullptr, &vd->noti_data, &own);
@@ -513,10 +487,9 @@ int brisel_option_detail_draw_view(int mail_id, appdata *ad) {
     return __brisel_option_detail_give_up(vd, -3);
   }
 
-  char *title = brisel_option_sender_title(vd->noti_data);
+  const scoped_text title(brisel_view_sender_title(vd->noti_data));
   Elm_Object_Item *item =
-      brisel_option_push(ad, layout, title, nullptr, __brisel_option_detail_view_pop_cb, (brisel_view_head *)vd);
-  free(title);
+      brisel_view_push(ad, layout, title.get(), nullptr, __brisel_option_detail_view_pop_cb, (brisel_view_head *)vd);
   elm_object_item_part_content_set(item, "elm.swallow.icon", icon);
   ad->mail_id = mail_id;
 

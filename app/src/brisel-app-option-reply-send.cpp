@@ -39,14 +39,26 @@ static char *__brisel_option_reply_recipient(const brisel_reply_mail &mail) {
                                                          : mail.address + BRISEL_REPLY_NAME_SEPARATOR + mail.name);
 }
 
-void __brisel_option_reply_send_reply_message(option_reply_view_data *vd, const char *text) {
-  BRISEL_INFO("Enter");
+char *brisel_reply_to_markup(const brisel_reply_mail &mail) {
+  const scoped_text who(brisel_util_text_to_markup((mail.name.empty() ? mail.address : mail.name).c_str()));
+  return brisel_replace_str(brisel_util_get_text("IDS_EMAIL_BODY_TO_PS"), "%s", who ? who.get() : "");
+}
+
+/* A mail without an address that somebody could be reached at has nobody to reply to: the phone would refuse it. An
+   address of digits alone is the number of who sent a text message. */
+static bool __brisel_option_reply_has_recipient(const std::string &address) {
+  if (address.find_first_of(" \t\r\n") != std::string::npos) return false;
+  const size_t at = address.rfind('@');
+  if (at == std::string::npos) return !address.empty() && address.find_first_not_of("0123456789") == std::string::npos;
+  return at > 0 && at + 1 < address.size();
+}
+
+static int __brisel_option_reply_request(const brisel_reply_mail &mail, const char *text) {
   const scoped_reply reply(brisel_reply_noti_data_create());
   if (!reply) {
     BRISEL_ERROR("brisel_reply_noti_data_create() failed!");
-    return;
+    return BRISEL_COMMON_ERROR_MEMORY;
   }
-  const brisel_reply_mail &mail = vd->mail;
   reply->host_tag = g_strdup(mail.host_tag.c_str());
   reply->action = g_strdup("intent.action.email.notifications.reply");
   reply->message_uid = g_strdup(mail.message_uid.c_str());
@@ -58,9 +70,23 @@ void __brisel_option_reply_send_reply_message(option_reply_view_data *vd, const 
   int ret = brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_REPLY);
   if (ret != 0) {
     BRISEL_ERROR("brisel_ipc_req_cancel() failed! ret:[%d]", ret);
-    return;
+    return ret;
   }
   ret = brisel_ipc_req_reply(reply.get(), nullptr, nullptr);
   if (ret != 0) BRISEL_WARN("brisel_ipc_req_reply() failed! ret:[%d]", ret);
+  return ret;
+}
+
+bool __brisel_option_reply_send_reply_message(option_reply_view_data *vd, const char *text) {
+  BRISEL_INFO("Enter");
+  if (vd->sent) return false;
+  const char *problem = nullptr;
+  if (!__brisel_option_reply_has_recipient(vd->mail.address))
+    problem = "IDS_EMAIL_POP_THIS_EMAIL_HAS_NO_ADDRESS_TO_REPLY_TO";
+  else if (__brisel_option_reply_request(vd->mail, text) != 0)
+    problem = "IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT";
+  vd->sent = !problem;
+  if (problem) brisel_create_toast_popup(vd->ad, brisel_util_get_text(problem));
   BRISEL_INFO("Leave");
+  return vd->sent;
 }

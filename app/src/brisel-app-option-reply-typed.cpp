@@ -1,8 +1,16 @@
-/* Owns the typed reply: the entry, its send button, and how they follow the keypad. What the entry takes is limited in
-   brisel-app-option-reply-limit.cpp. */
+/* Owns the typed reply: the entry, its send button, how they follow the keypad, and what is said above them. What the
+   entry takes is limited in brisel-app-option-reply-limit.cpp; what it holds is kept in -draft.cpp. */
 #include "brisel-app-option-reply.h"
 #include "brisel-app-utils.h"
+#include "brisel-scoped.h"
 #include "efl_assist.h"
+#include "keypad.h"
+
+/* What the line above it, the entry and the button need, in pixels before scaling. */
+static constexpr int BRISEL_TYPED_HEIGHT = 108;
+
+/* How much room is left is told from here on. */
+static constexpr int BRISEL_TYPED_REPLY_TOLD = 10; /* characters */
 
 /* The entry has refused input; told to the user when the keypad has gone. At most one such view is shown. */
 static bool max_length_reached;
@@ -47,6 +55,12 @@ void __brisel_virtualkeypad_size_changed_cb(void *data, Evas_Object *obj, void *
   }
   evas_object_show(btn);
   elm_layout_signal_emit(vd->emoticon_layout, state.signal, "");
+  // The line above the text goes before the text does.
+  const bool low = rect->h != 0 && vd->ad->root_h - rect->h < BRISEL_TYPED_HEIGHT * elm_config_scale_get();
+  elm_layout_signal_emit(vd->emoticon_layout, low ? "hide,head" : "show,head", "brisel");
+  // At once, or the layout keeps the size of the state that it leaves.
+  edje_object_message_signal_process(elm_layout_edje_get(vd->emoticon_layout));
+  elm_layout_sizing_eval(vd->emoticon_layout);
   if (rect->h == 0 && max_length_reached) {
     brisel_create_toast_popup(vd->ad, brisel_util_get_text("IDS_COM_POP_MAXIMUM_NUMBER_OF_CHARACTERS_REACHED"));
     max_length_reached = false;
@@ -68,10 +82,10 @@ static void __brisel_emoticon_detail_maxlength_reached_cb(void *data, Evas_Objec
 static void __brisel_optioin_send_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   option_reply_view_data *vd = (option_reply_view_data *)data;
-  if (!brisel_option_phone_ready(vd->ad)) return;
-  Evas_Object *naviframe = vd->ad->naviframe;
-  __brisel_option_reply_send_reply_message(vd, elm_entry_entry_get(vd->content_obj));
-  brisel_util_pop_view(naviframe);
+  if (!brisel_view_phone_ready(vd->ad)) return;
+  if (!__brisel_option_reply_send_reply_message(vd, elm_entry_entry_get(vd->content_obj))) return;
+  vd->text.clear();
+  brisel_util_pop_view(vd->ad->naviframe);
   BRISEL_INFO("Leave");
 }
 
@@ -96,6 +110,70 @@ static void __brisel_option_reply_entry_selection_cleared_cb(void *data, Evas_Ob
   evas_object_data_del(obj, "ea_entry");
 }
 
+/* --- the text --- */
+
+/* An empty text has no direction of its own: its caret waits where the first letter of the language comes. */
+static void __brisel_option_reply_direction_cb(void *data, Evas_Object *obj, void *event_info) {
+  const bool at_right = elm_object_mirrored_get(obj) && !*elm_entry_entry_get(obj);
+  if (at_right == (elm_entry_text_style_user_peek(obj) != nullptr)) return;
+  const int cursor = elm_entry_cursor_pos_get(obj);
+  if (at_right)
+    elm_entry_text_style_user_push(obj, "DEFAULT='align=right'");
+  else
+    elm_entry_text_style_user_pop(obj);
+  elm_entry_cursor_pos_set(obj, cursor);
+}
+
+static void __brisel_option_reply_show_left(option_reply_view_data *vd) {
+  const int left = BRISEL_TYPED_REPLY_MAX - (int)g_utf8_strlen(vd->text.c_str(), -1);
+  const scoped_text number(left <= BRISEL_TYPED_REPLY_TOLD ? brisel_util_get_localized_number_str(left, vd->ad)
+                                                           : nullptr);
+  elm_object_part_text_set(vd->emoticon_layout, "elm.text.left", number ? number.get() : "");
+}
+
+static void __brisel_option_reply_show_to_cb(void *data, Evas_Object *obj, void *event_info) {
+  const option_reply_view_data *vd = (const option_reply_view_data *)data;
+  const scoped_text to(brisel_reply_to_markup(vd->mail));
+  elm_object_part_text_set(obj, "elm.text.to", to.get());
+}
+
+static void __brisel_option_reply_keep_cb(void *data) {
+  option_reply_view_data *vd = (option_reply_view_data *)data;
+  vd->keep_job = nullptr;
+  // Not from inside an insertion, whose place in the text would be lost.
+  if (vd->content_obj) __brisel_option_reply_direction_cb(nullptr, vd->content_obj, nullptr);
+  if (vd->sent) return;
+  brisel_reply_draft_save(vd->mail, vd->text, false);
+}
+
+static void __brisel_option_reply_changed_cb(void *data, Evas_Object *obj, void *event_info) {
+  option_reply_view_data *vd = (option_reply_view_data *)data;
+  const scoped_text plain(elm_entry_markup_to_utf8(elm_entry_entry_get(obj)));
+  if (!plain || vd->sent || vd->text == plain.get()) return;
+  vd->text = plain.get();
+  __brisel_option_reply_show_left(vd);
+  if (!vd->keep_job) vd->keep_job = ecore_job_add(__brisel_option_reply_keep_cb, vd);
+}
+
+static void __brisel_option_reply_take_up_draft(option_reply_view_data *vd, Evas_Object *entry) {
+  vd->text = brisel_reply_draft_load(vd->mail);
+  if (vd->text.empty()) return;
+  const scoped_text markup(elm_entry_utf8_to_markup(vd->text.c_str()));
+  elm_entry_entry_set(entry, markup.get());
+  elm_entry_cursor_end_set(entry);
+}
+
+/* The keypad comes when the view stands: while it slides in, nothing in it can have the focus. */
+void __brisel_option_reply_stands_cb(void *data, Evas_Object *obj, void *event_info) {
+  option_reply_view_data *vd = (option_reply_view_data *)data;
+  evas_object_smart_callback_del_full(obj, "transition,finished", __brisel_option_reply_stands_cb, vd);
+  if (!vd->content_obj || !brisel_view_on_top((const brisel_view_head *)vd)) return;
+  elm_object_focus_set(vd->content_obj, EINA_TRUE);
+  keypad_show();
+}
+
+/* --- the view --- */
+
 static Evas_Object *__brisel_option_reply_create_entry(Evas_Object *parent, option_reply_view_data *vd) {
   Evas_Object *entry = elm_entry_add(parent);
   elm_entry_editable_set(entry, EINA_TRUE);
@@ -106,9 +184,13 @@ static Evas_Object *__brisel_option_reply_create_entry(Evas_Object *parent, opti
   elm_entry_selection_handler_disabled_set(entry, EINA_TRUE);  // the toolkit's only cursor handlers
   evas_object_smart_callback_add(entry, "selection,start", __brisel_option_reply_entry_selection_start_cb, nullptr);
   evas_object_smart_callback_add(entry, "selection,cleared", __brisel_option_reply_entry_selection_cleared_cb, nullptr);
+  __brisel_option_reply_take_up_draft(vd, entry);
+  __brisel_option_reply_direction_cb(nullptr, entry, nullptr);
+  evas_object_smart_callback_add(entry, "language,changed", __brisel_option_reply_direction_cb, nullptr);
   brisel_reply_limit_entry(vd, entry);
   max_length_reached = false;
   evas_object_smart_callback_add(entry, "maxlength,reached", __brisel_emoticon_detail_maxlength_reached_cb, vd);
+  evas_object_smart_callback_add(entry, "changed", __brisel_option_reply_changed_cb, vd);
   return entry;
 }
 
@@ -153,12 +235,17 @@ int brisel_option_reply_emoticons_draw_view(int mail_id, appdata *ad, full_noti_
   elm_object_part_content_set(emoticon_layout, "swallow.send_btn", btn);
   elm_object_part_content_set(vd->layout, "elm.swallow.content", emoticon_layout);
   elm_layout_signal_emit(emoticon_layout, keypad_hidden.signal, "");
+  __brisel_option_reply_show_to_cb(vd, emoticon_layout, nullptr);
+  evas_object_smart_callback_add(emoticon_layout, "language,changed", __brisel_option_reply_show_to_cb, vd);
+  __brisel_option_reply_show_left(vd);
   evas_object_smart_callback_add(btn, "clicked", __brisel_optioin_send_button_clicked_cb, vd);
 
   Elm_Object_Item *item =
-      brisel_option_push(ad, vd->layout, nullptr, nullptr, __brisel_option_reply_view_pop_cb, (brisel_view_head *)vd);
+      brisel_view_push(ad, vd->layout, nullptr, nullptr, __brisel_option_reply_view_pop_cb, (brisel_view_head *)vd);
   elm_naviframe_item_title_enabled_set(item, EINA_FALSE, EINA_FALSE);
   evas_object_smart_callback_add(ad->conform, "virtualkeypad,size,changed", __brisel_virtualkeypad_size_changed_cb, vd);
+  vd->typed = true;
+  evas_object_smart_callback_add(ad->naviframe, "transition,finished", __brisel_option_reply_stands_cb, vd);
   BRISEL_INFO("Leave");
   return 0;
 }

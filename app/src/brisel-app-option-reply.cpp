@@ -26,6 +26,7 @@ static Evas_Object *__brisel_option_reply_create_bg(Evas_Object *layout, Evas_Ob
 static void __brisel_option_reply_free(option_reply_view_data *vd) {
   brisel_template_data_list_free(vd->template_list);
   if (vd->take_back_job) ecore_job_del(vd->take_back_job);
+  if (vd->keep_job) ecore_job_del(vd->keep_job);
   brisel_widget_ref_clear(&vd->layout);
   delete vd;
 }
@@ -34,6 +35,8 @@ Eina_Bool __brisel_option_reply_view_pop_cb(void *data, Elm_Object_Item *item) {
   BRISEL_INFO("Enter");
   option_reply_view_data *vd = (option_reply_view_data *)data;
   if (vd) {
+    // Through a power cut too: it is written for the last time.
+    if (vd->typed) brisel_reply_draft_save(vd->mail, vd->text, true);
     brisel_widget_ref_drop(&vd->popup);
     brisel_widget_ref_drop(&vd->content_obj);
     brisel_widget_ref_drop(&vd->nocontent_layout);
@@ -41,6 +44,9 @@ Eina_Bool __brisel_option_reply_view_pop_cb(void *data, Elm_Object_Item *item) {
     if (vd->ad->conform)
       evas_object_smart_callback_del_full(vd->ad->conform, "virtualkeypad,size,changed",
                                           __brisel_virtualkeypad_size_changed_cb, vd);
+    if (vd->ad->naviframe)
+      evas_object_smart_callback_del_full(vd->ad->naviframe, "transition,finished", __brisel_option_reply_stands_cb,
+                                          vd);
     brisel_widget_ref_drop(&vd->emoticon_layout);
     __brisel_option_reply_free(vd);
   }
@@ -116,20 +122,20 @@ static char *__brisel_option_reply_gl_text_get_templates(void *data, Evas_Object
 }
 
 static void __brisel_option_reply_gl_realized_cb(void *data, Evas_Object *obj, void *event_info) {
-  brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
+  brisel_view_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
 static void __brisel_option_reply_append_templates(option_reply_view_data *vd, Evas_Object *genlist) {
   static constexpr Elm_Genlist_Item_Class row_class =
-      brisel_option_row_class("1text", __brisel_option_reply_gl_text_get_templates);
+      brisel_view_row_class("1text", __brisel_option_reply_gl_text_get_templates);
   guint count = g_slist_length(vd->template_list);
   for (guint i = 0; i < count; i++)
-    brisel_option_add_row(genlist, nullptr, &row_class, (void *)(uintptr_t)i, __brisel_option_reply_gl_sel_templates,
-                          (void *)(uintptr_t)i);
+    brisel_view_add_row(genlist, nullptr, &row_class, (void *)(uintptr_t)i, __brisel_option_reply_gl_sel_templates,
+                        (void *)(uintptr_t)i);
 }
 
 static Evas_Object *__brisel_option_reply_make_list(Evas_Object *layout, option_reply_view_data *vd) {
-  Evas_Object *genlist = brisel_option_create_list(layout, __brisel_option_reply_gl_realized_cb);
+  Evas_Object *genlist = brisel_view_new_list(layout, __brisel_option_reply_gl_realized_cb);
   if (!genlist) return nullptr;
   evas_object_data_set(genlist, "ViewData", vd);
   evas_object_show(genlist);
@@ -226,12 +232,11 @@ static void __brisel_option_reply_popup_response_cb(void *data, Evas_Object *obj
   option_reply_view_data *vd = (option_reply_view_data *)data;
   const char *pressed = obj != vd->popup ? elm_object_text_get(obj) : nullptr;
   if (pressed && !strcmp(pressed, brisel_util_get_text("IDS_COM_SK_SEND"))) {
-    if (!brisel_option_phone_ready(vd->ad)) return;
+    if (!brisel_view_phone_ready(vd->ad)) return;
     Evas_Object *label = __brisel_option_reply_popup_label(vd->popup);
     if (!label) return;
-    Evas_Object *naviframe = vd->ad->naviframe;
-    __brisel_option_reply_send_reply_message(vd, elm_object_text_get(label));
-    brisel_util_pop_view(naviframe);
+    if (__brisel_option_reply_send_reply_message(vd, elm_object_text_get(label)))
+      brisel_util_pop_view(vd->ad->naviframe);
   } else {
     brisel_widget_ref_drop(&vd->popup);
   }
@@ -241,13 +246,18 @@ static void __brisel_option_reply_popup_response_cb(void *data, Evas_Object *obj
 /* Gives the label the template itself in place of its row's text, which was cut for the list. What the label holds is
    what is sent: markup, as from the typed view, which the phone turns back into text. */
 static void __brisel_option_reply_show_template(Evas_Object *label, const template_data *td) {
-  char *markup = brisel_util_text_to_markup_whole(__brisel_option_reply_template_text(td));
+  const scoped_text markup(brisel_util_text_to_markup_whole(__brisel_option_reply_template_text(td)));
   // Only a text without a meaning as markup may follow the language by itself: a template is shown as it was written.
-  if (td->text && td->text[0] && markup && !strcmp(markup, __brisel_option_reply_template_text(td)))
+  if (td->text && td->text[0] && markup && !strcmp(markup.get(), __brisel_option_reply_template_text(td)))
     elm_object_domain_translatable_text_set(label, BRISEL_MESSAGE_DOMAIN, td->text);
   else
-    elm_object_text_set(label, markup);
-  free(markup);
+    elm_object_text_set(label, markup.get());
+}
+
+/* One line, whatever the name: what is about to be sent needs the room. */
+static void __brisel_option_reply_popup_to_cb(void *data, Evas_Object *obj, void *event_info) {
+  const scoped_text to(brisel_reply_to_markup(((const option_reply_view_data *)data)->mail));
+  elm_object_part_text_set(obj, "title,text", (std::string("<wrap=none><ellipsis=1.0>") + to.get()).c_str());
 }
 
 static void __brisel_option_reply_gl_sel_templates(void *data, Evas_Object *obj, void *event_info) {
@@ -264,8 +274,10 @@ static void __brisel_option_reply_gl_sel_templates(void *data, Evas_Object *obj,
       __brisel_option_reply_popup_response_cb, 0.0, nullptr, brisel_util_get_text("IDS_EMAIL_SK_CANCEL_ABB"),
       brisel_util_get_text("IDS_COM_SK_SEND"));
   brisel_widget_ref_set(&vd->popup, popup);
-  brisel_option_popup_translate(popup, "button1", "IDS_EMAIL_SK_CANCEL_ABB");
-  brisel_option_popup_translate(popup, "button2", "IDS_COM_SK_SEND");
+  brisel_view_popup_translate(popup, "button1", "IDS_EMAIL_SK_CANCEL_ABB");
+  brisel_view_popup_translate(popup, "button2", "IDS_COM_SK_SEND");
+  __brisel_option_reply_popup_to_cb(vd, popup, nullptr);
+  evas_object_smart_callback_add(popup, "language,changed", __brisel_option_reply_popup_to_cb, vd);
 
   const template_data *td = __brisel_option_reply_template(vd, data);
   if (td && td->template_id != -1) {
@@ -291,8 +303,8 @@ int brisel_option_reply_templetes_draw_view(int mail_id, appdata *ad, full_noti_
   if (!vd->content_obj) BRISEL_ERROR("__brisel_option_reply_create_genlist() failed!");
   __brisel_option_reply_show_content(vd, vd->template_list && vd->content_obj ? vd->content_obj : vd->nocontent_layout);
 
-  Elm_Object_Item *item = brisel_option_push(ad, vd->layout, "IDS_EMAIL_HEADER_SELECT_REPLY_ABB", nullptr,
-                                             __brisel_option_reply_view_pop_cb, (brisel_view_head *)vd);
+  Elm_Object_Item *item = brisel_view_push(ad, vd->layout, "IDS_EMAIL_HEADER_SELECT_REPLY_ABB", nullptr,
+                                           __brisel_option_reply_view_pop_cb, (brisel_view_head *)vd);
   elm_object_item_domain_translatable_text_set(item, BRISEL_DOMAIN, "IDS_EMAIL_HEADER_SELECT_REPLY_ABB");
   BRISEL_INFO("Leave");
   return 0;

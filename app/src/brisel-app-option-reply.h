@@ -31,9 +31,13 @@ struct option_reply_view_data {
   Evas_Object *content_obj = nullptr;      /* templates: the list; typed reply: the entry */
   Evas_Object *popup = nullptr;            /* templates: the question before sending */
   brisel_reply_mail mail;
+  bool sent = false;  /* nothing more goes out while the view leaves */
+  bool typed = false; /* the typed view, wholly built */
+  std::string text;   /* typed reply: what stands in the entry, kept as the mail's draft; "" once it is sent */
   GSList *template_list = nullptr;    /* template_data, owned */
   Ecore_Job *take_back_job = nullptr; /* typed reply: the start of a character whose rest was refused is to go */
   int take_back = 0;                  /* its code points */
+  Ecore_Job *keep_job = nullptr;      /* typed reply: the draft is to be written */
 };
 
 /* --- both views: brisel-app-option-reply.cpp --- */
@@ -50,13 +54,26 @@ Eina_Bool __brisel_option_reply_view_pop_cb(void *data, Elm_Object_Item *item);
 /* The mail as a reply needs it: of noti_data, or read by mail_id when that is NULL. 0; -3: no memory; else the store's
    error. */
 int brisel_reply_mail_take(int mail_id, const full_noti_data *noti_data, brisel_reply_mail *mail);
-/* Sends text (markup) as the reply to the view's mail. */
-void __brisel_option_reply_send_reply_message(option_reply_view_data *vd, const char *text);
+/* "To Ann" in the language of now: markup, the caller frees it with free(). */
+char *brisel_reply_to_markup(const brisel_reply_mail &mail);
+/* Sends text (markup) as the reply to the view's mail. false: it is not kept anywhere, and the user was told why by a
+   toast; the view stays, so that it can be tried again. */
+bool __brisel_option_reply_send_reply_message(option_reply_view_data *vd, const char *text);
+
+/* --- drafts: brisel-app-option-reply-draft.cpp --- */
+
+/* What was typed as the reply to the mail and not sent, plain text; "": nothing. */
+std::string brisel_reply_draft_load(const brisel_reply_mail &mail);
+/* Keeps text instead of what was kept; "" forgets it, and so does a mail that is gone. lasting: through a power cut
+   too. false, logged: the disk refused it. */
+bool brisel_reply_draft_save(const brisel_reply_mail &mail, const std::string &text, bool lasting);
 
 /* --- the typed view's keypad and limit: brisel-app-option-reply-typed.cpp, -limit.cpp --- */
 
 /* "virtualkeypad,size,changed" of the conformant. data: option_reply_view_data; event_info: Evas_Coord_Rectangle. */
 void __brisel_virtualkeypad_size_changed_cb(void *data, Evas_Object *obj, void *event_info);
+/* "transition,finished" of the view stack, once, for the typed view. data: option_reply_view_data. */
+void __brisel_option_reply_stands_cb(void *data, Evas_Object *obj, void *event_info);
 /* Keeps the entry to BRISEL_TYPED_REPLY_MAX characters, each whole or not at all; "maxlength,reached" tells of what was
    refused. */
 void brisel_reply_limit_entry(option_reply_view_data *vd, Evas_Object *entry);

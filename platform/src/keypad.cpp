@@ -94,7 +94,7 @@ struct keypad {
 
 keypad pad;
 
-/* --- finding widgets ------------------------------------------------------------------------------------ */
+/* --- finding widgets --- */
 
 bool is_type(const Evas_Object *obj, const char *type) {
   const char *name = obj != nullptr ? evas_object_type_get(obj) : nullptr;
@@ -134,7 +134,7 @@ Evas_Object *find_in_window(bool (*wanted)(Evas_Object *)) {
   return found;
 }
 
-/* --- typing --------------------------------------------------------------------------------------------- */
+/* --- typing --- */
 
 /* As key events, the way any keyboard types: the entry's own filters decide what it takes. */
 void feed(const char *name, const char *text) {
@@ -154,7 +154,7 @@ void type(const keypad_edit &edit) {
   if (!edit.insert.empty() && can_type()) feed(edit.insert == " " ? "space" : edit.insert.c_str(), edit.insert.c_str());
 }
 
-/* --- what the keys show --------------------------------------------------------------------------------- */
+/* --- what the keys show --- */
 
 const keypad_layout &layout() {
   if (pad.shows == mode::symbols) return keypad_layout_symbols();
@@ -248,6 +248,13 @@ void show_mode(mode shows) {
   refresh();
 }
 
+/* A new text begins with a capital, where the letters have them. */
+void begin_with_capital() {
+  if (pad.shows != mode::letters || pad.entry == nullptr || *elm_entry_entry_get(pad.entry) != '\0') return;
+  pad.shifted = layout().has_case ? shift::once : shift::off;
+  refresh();
+}
+
 void turn_page(int by) {
   const size_t pages = layout().pages.size();
   pad.page = (pad.page + pages + static_cast<size_t>(by < 0 ? pages - 1 : 1)) % pages;
@@ -295,6 +302,7 @@ void use_key(int index) {
     case action::language:
       pad.english = !pad.english;
       show_mode(mode::letters);
+      begin_with_capital();
       break;
     case action::hide:
       keypad_hide();
@@ -304,7 +312,7 @@ void use_key(int index) {
   }
 }
 
-/* --- touches -------------------------------------------------------------------------------------------- */
+/* --- touches --- */
 
 int key_at(int x, int y) {
   for (int i = 0; i < KEYS; i++) {
@@ -329,7 +337,7 @@ void press(int index) {
   if (index >= 0) signal(index, "key,press");
 }
 
-Eina_Bool on_repeat(void *) {
+Eina_Bool repeat_cb(void *) {
   pad.repeated = true;
   use_key(pad.pressed);
   if (pad.repeat == nullptr) return ECORE_CALLBACK_CANCEL; /* the keypad is gone by now */
@@ -337,7 +345,7 @@ Eina_Bool on_repeat(void *) {
   return ECORE_CALLBACK_RENEW;
 }
 
-void on_touch_down(void *, Evas *, Evas_Object *, void *info) {
+void touch_down_cb(void *, Evas *, Evas_Object *, void *info) {
   const auto *event = static_cast<const Evas_Event_Mouse_Down *>(info);
   if (event->button != 1) return;
   pad.down_x = event->canvas.x;
@@ -345,10 +353,10 @@ void on_touch_down(void *, Evas *, Evas_Object *, void *info) {
   pad.repeated = false;
   press(key_at(event->canvas.x, event->canvas.y));
   if (pad.pressed >= 0 && pad.keys[static_cast<size_t>(pad.pressed)].does == action::backspace)
-    pad.repeat = ecore_timer_add(REPEAT_AFTER, on_repeat, nullptr);
+    pad.repeat = ecore_timer_add(REPEAT_AFTER, repeat_cb, nullptr);
 }
 
-void on_touch_move(void *, Evas *, Evas_Object *, void *info) {
+void touch_move_cb(void *, Evas *, Evas_Object *, void *info) {
   const auto *event = static_cast<const Evas_Event_Mouse_Move *>(info);
   if ((event->buttons & 1) == 0 || pad.swiped) return;
   const int moved = event->cur.canvas.x - pad.down_x;
@@ -362,7 +370,7 @@ void on_touch_move(void *, Evas *, Evas_Object *, void *info) {
   }
 }
 
-void on_touch_up(void *, Evas *, Evas_Object *, void *info) {
+void touch_up_cb(void *, Evas *, Evas_Object *, void *info) {
   const auto *event = static_cast<const Evas_Event_Mouse_Up *>(info);
   if (event->button != 1) return;
   const int index = pad.pressed;
@@ -371,7 +379,7 @@ void on_touch_up(void *, Evas *, Evas_Object *, void *info) {
   if (use) use_key(index);
 }
 
-/* --- showing and hiding --------------------------------------------------------------------------------- */
+/* --- showing and hiding --- */
 
 void tell_size() {
   int w = 0;
@@ -413,9 +421,9 @@ bool make_keys() {
   evas_object_pass_events_set(pad.table, EINA_TRUE);
   /* The window's widgets are not to see these touches: they would move the focus. */
   evas_object_propagate_events_set(pad.ground, EINA_FALSE);
-  evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_DOWN, on_touch_down, nullptr);
-  evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_MOVE, on_touch_move, nullptr);
-  evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_UP, on_touch_up, nullptr);
+  evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_DOWN, touch_down_cb, nullptr);
+  evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_MOVE, touch_move_cb, nullptr);
+  evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_UP, touch_up_cb, nullptr);
   return true;
 }
 
@@ -431,15 +439,15 @@ void fit_height() {
   evas_object_size_hint_min_set(pad.ground, 0, pad.height);
 }
 
-void on_entry_unfocused(void *, Evas_Object *, void *) {
+void entry_unfocused_cb(void *, Evas_Object *, void *) {
   keypad_hide();
 }
 
-void on_entry_cursor_moved(void *, Evas_Object *, void *) {
+void entry_cursor_moved_cb(void *, Evas_Object *, void *) {
   pad.pending.clear();
 }
 
-void on_entry_deleted(void *, Evas *, Evas_Object *, void *) {
+void entry_deleted_cb(void *, Evas *, Evas_Object *, void *) {
   pad.entry = nullptr;
   keypad_hide();
 }
@@ -447,19 +455,19 @@ void on_entry_deleted(void *, Evas *, Evas_Object *, void *) {
 void serve(Evas_Object *entry) {
   if (entry == pad.entry) return;
   if (pad.entry != nullptr) {
-    evas_object_smart_callback_del_full(pad.entry, "unfocused", on_entry_unfocused, nullptr);
-    evas_object_smart_callback_del_full(pad.entry, "cursor,changed,manual", on_entry_cursor_moved, nullptr);
-    evas_object_event_callback_del_full(pad.entry, EVAS_CALLBACK_DEL, on_entry_deleted, nullptr);
+    evas_object_smart_callback_del_full(pad.entry, "unfocused", entry_unfocused_cb, nullptr);
+    evas_object_smart_callback_del_full(pad.entry, "cursor,changed,manual", entry_cursor_moved_cb, nullptr);
+    evas_object_event_callback_del_full(pad.entry, EVAS_CALLBACK_DEL, entry_deleted_cb, nullptr);
   }
   pad.entry = entry;
   pad.pending.clear();
   if (entry == nullptr) return;
-  evas_object_smart_callback_add(entry, "unfocused", on_entry_unfocused, nullptr);
-  evas_object_smart_callback_add(entry, "cursor,changed,manual", on_entry_cursor_moved, nullptr);
-  evas_object_event_callback_add(entry, EVAS_CALLBACK_DEL, on_entry_deleted, nullptr);
+  evas_object_smart_callback_add(entry, "unfocused", entry_unfocused_cb, nullptr);
+  evas_object_smart_callback_add(entry, "cursor,changed,manual", entry_cursor_moved_cb, nullptr);
+  evas_object_event_callback_add(entry, EVAS_CALLBACK_DEL, entry_deleted_cb, nullptr);
 }
 
-void on_back(void *, Evas_Object *, void *) {
+void back_cb(void *, Evas_Object *, void *) {
   keypad_hide();
 }
 
@@ -471,26 +479,27 @@ void load_language() {
 }
 
 /* Someone who changes the language while writing goes on in the new one. */
-void on_language_changed(keynode_t *, void *) {
+void language_changed_cb(keynode_t *, void *) {
   load_language();
   show_mode(mode::letters);
+  begin_with_capital();
 }
 
-void on_conformant_deleted(void *, Evas *, Evas_Object *, void *) {
+void conformant_deleted_cb(void *, Evas *, Evas_Object *, void *) {
   pad.conformant = nullptr;
   pad.displaced = nullptr;
-  vconf_ignore_key_changed(LANGUAGE_KEY, on_language_changed);
+  vconf_ignore_key_changed(LANGUAGE_KEY, language_changed_cb);
   serve(nullptr);
   press(-1);
   evas_object_hide(pad.ground);
 }
 
-void on_watched_deleted(void *, Evas *, Evas_Object *, void *) {
+void watched_deleted_cb(void *, Evas *, Evas_Object *, void *) {
   pad.watched = nullptr;
 }
 
 /* A touch that was no drag and ended on an entry that has, or has just got, the focus. */
-void on_touched(void *, Evas *, Evas_Object *, void *info) {
+void touched_cb(void *, Evas *, Evas_Object *, void *info) {
   const auto *event = static_cast<const Evas_Event_Mouse_Up *>(info);
   if (event->button != 1 || (event->event_flags & EVAS_EVENT_FLAG_ON_HOLD) != 0) return;
   Evas_Object *focused = elm_object_focused_object_get(pad.win);
@@ -501,28 +510,28 @@ void on_touched(void *, Evas *, Evas_Object *, void *info) {
 }
 
 /* Touches reach the conformant after the widgets in it. It comes later than the window, but before any focus. */
-void on_focus_came(void *, Evas *, void *) {
+void focus_came_cb(void *, Evas *, void *) {
   if (pad.watched != nullptr) return;
   pad.watched = find_in_window(is_conformant);
   if (pad.watched == nullptr) return;
-  evas_object_event_callback_add(pad.watched, EVAS_CALLBACK_MOUSE_UP, on_touched, nullptr);
-  evas_object_event_callback_add(pad.watched, EVAS_CALLBACK_DEL, on_watched_deleted, nullptr);
+  evas_object_event_callback_add(pad.watched, EVAS_CALLBACK_MOUSE_UP, touched_cb, nullptr);
+  evas_object_event_callback_add(pad.watched, EVAS_CALLBACK_DEL, watched_deleted_cb, nullptr);
 }
 
-void on_window_resized(void *, Evas *, Evas_Object *, void *) {
+void window_resized_cb(void *, Evas *, Evas_Object *, void *) {
   if (pad.conformant == nullptr) return;
   fit_height();
   tell_size();
 }
 
-void on_window_deleted(void *, Evas *, Evas_Object *, void *) {
+void window_deleted_cb(void *, Evas *, Evas_Object *, void *) {
   serve(nullptr);
-  vconf_ignore_key_changed(LANGUAGE_KEY, on_language_changed);
+  vconf_ignore_key_changed(LANGUAGE_KEY, language_changed_cb);
   if (pad.conformant != nullptr)
-    evas_object_event_callback_del_full(pad.conformant, EVAS_CALLBACK_DEL, on_conformant_deleted, nullptr);
+    evas_object_event_callback_del_full(pad.conformant, EVAS_CALLBACK_DEL, conformant_deleted_cb, nullptr);
   if (pad.watched != nullptr) {
-    evas_object_event_callback_del_full(pad.watched, EVAS_CALLBACK_MOUSE_UP, on_touched, nullptr);
-    evas_object_event_callback_del_full(pad.watched, EVAS_CALLBACK_DEL, on_watched_deleted, nullptr);
+    evas_object_event_callback_del_full(pad.watched, EVAS_CALLBACK_MOUSE_UP, touched_cb, nullptr);
+    evas_object_event_callback_del_full(pad.watched, EVAS_CALLBACK_DEL, watched_deleted_cb, nullptr);
   }
   stop_repeat();
   /* The ground may have died with the conformant that showed it; what is left goes with the canvas. */
@@ -534,9 +543,9 @@ void on_window_deleted(void *, Evas *, Evas_Object *, void *) {
 void keypad_attach(Evas_Object *win) {
   if (win == nullptr || pad.win != nullptr) return;
   pad.win = win;
-  evas_event_callback_add(evas_object_evas_get(win), EVAS_CALLBACK_CANVAS_OBJECT_FOCUS_IN, on_focus_came, nullptr);
-  evas_object_event_callback_add(win, EVAS_CALLBACK_RESIZE, on_window_resized, nullptr);
-  evas_object_event_callback_add(win, EVAS_CALLBACK_DEL, on_window_deleted, nullptr);
+  evas_event_callback_add(evas_object_evas_get(win), EVAS_CALLBACK_CANVAS_OBJECT_FOCUS_IN, focus_came_cb, nullptr);
+  evas_object_event_callback_add(win, EVAS_CALLBACK_RESIZE, window_resized_cb, nullptr);
+  evas_object_event_callback_add(win, EVAS_CALLBACK_DEL, window_deleted_cb, nullptr);
 }
 
 void keypad_show(void) {
@@ -566,10 +575,11 @@ void keypad_show(void) {
     }
     evas_object_show(pad.ground);
     pad.conformant = conformant;
-    evas_object_event_callback_add(conformant, EVAS_CALLBACK_DEL, on_conformant_deleted, nullptr);
-    ea_object_event_callback_add(pad.ground, EA_CALLBACK_BACK, on_back, nullptr);
-    vconf_notify_key_changed(LANGUAGE_KEY, on_language_changed, nullptr);
+    evas_object_event_callback_add(conformant, EVAS_CALLBACK_DEL, conformant_deleted_cb, nullptr);
+    ea_object_event_callback_add(pad.ground, EA_CALLBACK_BACK, back_cb, nullptr);
+    vconf_notify_key_changed(LANGUAGE_KEY, language_changed_cb, nullptr);
     serve(entry);
+    begin_with_capital();
     tell_size();
   } else {
     serve(entry);
@@ -582,9 +592,9 @@ void keypad_hide(void) {
   Evas_Object *frame = elm_layout_edje_get(conformant);
   serve(nullptr);
   press(-1);
-  ea_object_event_callback_del(pad.ground, EA_CALLBACK_BACK, on_back);
-  vconf_ignore_key_changed(LANGUAGE_KEY, on_language_changed);
-  evas_object_event_callback_del_full(conformant, EVAS_CALLBACK_DEL, on_conformant_deleted, nullptr);
+  ea_object_event_callback_del(pad.ground, EA_CALLBACK_BACK, back_cb);
+  vconf_ignore_key_changed(LANGUAGE_KEY, language_changed_cb);
+  evas_object_event_callback_del_full(conformant, EVAS_CALLBACK_DEL, conformant_deleted_cb, nullptr);
   edje_object_part_unswallow(frame, pad.ground);
   evas_object_hide(pad.ground);
   if (pad.displaced != nullptr) edje_object_part_swallow(frame, CONFORMANT_PART, pad.displaced);

@@ -24,6 +24,37 @@ struct options : acting {
     all << in.rdbuf();
     return all.str();
   }
+  /* A double tap: one call, or none. */
+  void tap_twice(int index) {
+    settle();
+    const point at = middle_of_item(row(index));
+    for (int i = 0; i < 2; i++) {
+      touch(at);
+      release(at);
+    }
+    settle();
+  }
+  /* The way of replying that the open choice shows as chosen; -1: there is no choice. */
+  int marked(void) {
+    int value = -1;
+    for (Evas_Object *o = evas_object_bottom_get(test_ad.evas); o; o = evas_object_above_get(o)) find_mark(o, &value);
+    return value;
+  }
+  static void find_mark(Evas_Object *object, int *value) {
+    const char *type = evas_object_type_get(object);
+    if (type && !strcmp(type, "elm_radio")) *value = elm_radio_value_get(object);
+    for (const char *plain : {"rectangle", "image", "text", "textblock", "textgrid", "line", "polygon", "vectors"})
+      if (!type || !strcmp(type, plain)) return;
+    Eina_List *members = evas_object_smart_members_get(object);
+    void *member;
+    EINA_LIST_FREE(members, member) find_mark((Evas_Object *)member, value);
+  }
+  size_t times(const std::string &number) {
+    size_t count = 0;
+    const std::string all = calls(), wanted = "\"" + number + "\"";
+    for (size_t at = all.find(wanted); at != std::string::npos; at = all.find(wanted, at + 1)) count++;
+    return count;
+  }
   bool called(const std::string &number) {
     return run_until([&] { return calls().find("\"" + number + "\"") != std::string::npos; });
   }
@@ -69,10 +100,19 @@ TEST_F(options, ContactsAndMethodChangedElsewhereRedrawTheRows) {
   rows_become({call, reply_text(), device, del});
   contact("12345678@example.org", {":<b>+3</b>"});
   EXPECT_TRUE(visible("<b>+3</b>"));
+  contact("12345678@example.org", {":+4"});
+  rows_become({call + "|+4", reply_text(), device, del});
+  tap_twice(0);
+  EXPECT_TRUE(called("+4"));
+  // A call of another mail's sender is nobody's second tap.
+  back();
+  views_become(1);
   contact("", {});
+  open(id);
   rows_become({call + "|12345678", reply_text(), device, del});
-  tap_row(0);
+  tap_twice(0);
   EXPECT_TRUE(called("12345678"));
+  for (const char *number : {"+4", "12345678"}) EXPECT_EQ(times(number), 1u) << number;
 
   vconf_set_int(BRISEL_KEY_REPLY_VALUE, 3);
   rows_become({call + "|12345678", reply_text(), device, del});
@@ -80,8 +120,10 @@ TEST_F(options, ContactsAndMethodChangedElsewhereRedrawTheRows) {
   settle();
   tap(middle_of(elm_object_item_part_content_get(row(1), "elm.icon")));
   EXPECT_TRUE(visible(text("IDS_MSGF_OPT2_TEMPLATES")));
+  EXPECT_EQ(marked(), 1);
   vconf_set_int(BRISEL_KEY_REPLY_VALUE, 0);
   rows_become({call + "|12345678", reply_text(), device, del});
+  EXPECT_EQ(marked(), 0);
   // So do the numbers. The row of the many must not come in the drawing of the row before.
   contact("12345678@example.org", {":+1", ":+2"});
   settle();
@@ -106,13 +148,7 @@ TEST_F(options, WithoutALinkThePhoneIsAskedForFirst) {
 TEST_F(options, NumbersAreCalledAndTheirViewClosesItself) {
   contact("ann@example.org", {";TYPE=CELL:+311", ";TYPE=WORK:+312", ";TYPE=HOME:+313", ":+314"});
   open(start_one({.from_name = "Ann & <i>", .from_address = "ann@example.org"}));
-  // A finger that taps twice opens one view.
-  const point at = middle_of_item(row(0));
-  for (int i = 0; i < 2; i++) {
-    touch(at);
-    release(at);
-  }
-  settle();
+  tap_twice(0); /* opens one view */
   ASSERT_TRUE(views_become(3));
   EXPECT_EQ(rows(),
             (std::vector<std::string>{"+311|" + text("IDS_COM_BODY_MOBILE"), "+312|" + text("IDS_COM_BODY_WORK"),

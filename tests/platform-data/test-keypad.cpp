@@ -135,11 +135,20 @@ TEST_F(Keypad, ComesWithATouchOnAnEntryAndGoesWithItsFocus) {
   elm_entry_editable_set(entry, EINA_TRUE);
   keypad_show(); /* by hand: for the entry in sight */
   window.draw();
-  type({"h", "i"});
-  EXPECT_EQ(text(), "hi");
+  type({"H", "i"}); /* a new text begins with a capital */
+  EXPECT_EQ(text(), "Hi");
   keypad_hide();
   keypad_hide();
   EXPECT_EQ(sizes.size(), 4u);
+
+  /* What ends on the entry but was a scroll is no touch. */
+  Evas *canvas = evas_object_evas_get(window.win);
+  window.down(160, 60);
+  evas_event_default_flags_set(canvas, EVAS_EVENT_FLAG_ON_HOLD); /* as a scroller holds what it has taken */
+  window.up();
+  evas_event_default_flags_set(canvas, EVAS_EVENT_FLAG_NONE);
+  window.draw();
+  EXPECT_FALSE(keypad_shown());
 }
 
 TEST_F(Keypad, BackClosesItBeforeAnythingElse) {
@@ -158,6 +167,8 @@ TEST_F(Keypad, BackClosesItBeforeAnythingElse) {
 
 TEST_F(Keypad, TypesWhatIsOnTheKeys) {
   window.tap(entry);
+  shift();
+  shift(); /* the first capital is on: locked, then off */
   type({"q", "p", "a"});
   EXPECT_EQ(text(), "qpa");
   shift();
@@ -201,6 +212,8 @@ TEST_F(Keypad, TheEntrysOwnLimitDecides) {
 
 TEST_F(Keypad, FingersSlideSwipeAndHold) {
   window.tap(entry);
+  shift();
+  shift();
   const auto at = [&](const char *label) {
     struct {
       int x, y;
@@ -248,7 +261,7 @@ TEST_F(Keypad, FingersSlideSwipeAndHold) {
 
 TEST_F(Keypad, SurvivesTheEndOfWhatItServes) {
   window.tap(entry);
-  type({"q"});
+  type({"Q"});
   evas_object_del(entry);
   window.draw();
   EXPECT_FALSE(keypad_shown());
@@ -275,15 +288,15 @@ TEST_F(Keypad, WritesTheLanguageOfTheSettings) {
     Labels labels;
     const char *text;
   } rows[] = {
-      {"ru_RU.UTF-8", {"п", "р", "и", "в", "е", "т"}, "привет"},
-      {"el_GR", {"γ", "ε", "ι", "ά"}, "γειά"},
+      {"ru_RU.UTF-8", {"П", "р", "и", "в", "е", "т"}, "Привет"},
+      {"el_GR", {"Γ", "ε", "ι", "ά"}, "Γειά"},
       {"ar_EG", {"ش", "ك", "ر", "ا"}, "شكرا"},
       {"he_IL", {"ת", "ו", "ד", "ה"}, "תודה"},
       {"hi_IN", {"न", "म", "स", "्", "त", "े"}, "नमस्ते"},
       {"ko_KR", {"ㅎ", "ㅏ", "ㄴ", "ㄱ", "ㅡ", "ㄹ", "ㅇ", "ㅏ", "ㄴ", "ㄴ", "ㅕ", "ㅇ"}, "한글안녕"},
       {"ja_JP", {"は", "小゛", "か", "小゛", "つ", "小゛", "て"}, "ばがって"},
-      {"de_DE", {"g", "r", "ü", "ß", "e"}, "grüße"},
-      {"xx_XX", {"o", "k"}, "ok"},
+      {"de_DE", {"G", "r", "ü", "ß", "e"}, "Grüße"},
+      {"xx_XX", {"O", "k"}, "Ok"},
   };
   for (const auto &row : rows) {
     vconf_set_str(LANGUAGE, row.language);
@@ -298,10 +311,10 @@ TEST_F(Keypad, WritesTheLanguageOfTheSettings) {
   vconf_set_str(LANGUAGE, "ru_RU");
   elm_entry_entry_set(entry, "");
   window.tap(entry);
-  type({"я"});
+  type({"Я"});
   tap_place(2, 3); /* the language key */
   type({"English", "a"});
-  EXPECT_EQ(text(), "я a");
+  EXPECT_EQ(text(), "Я a");
 }
 
 /* Moving the cursor ends a syllable: the next letter goes where the cursor is. */
