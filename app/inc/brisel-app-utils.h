@@ -41,6 +41,11 @@ void brisel_update_timezone_str(void);
 void brisel_util_init_timezone(void);
 int brisel_open_icu_pattern_generator(appdata *ad);
 int brisel_close_icu_pattern_generator(appdata *ad);
+/* What a locale does where no setting says otherwise: the order of dates as a date_format, and whether the clock has
+   twelve hours. has_locale: a region is set, or the environment names one. */
+int brisel_util_locale_date_order(const char *locale);
+bool brisel_util_locale_has_12_hours(const char *locale);
+bool brisel_util_has_locale(void);
 char *brisel_util_get_date_time_str_by_skeleton(const char *skeleton, const char *locale, time_t *t);
 char *brisel_util_get_date_time_str_by_pattern(const char *pattern, const char *locale, time_t *t);
 char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad);

@@ -5,16 +5,16 @@
 #include <unicode/udatpg.h>
 #include <unicode/unum.h>
 #include <unicode/ustring.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
-#include "platform-paths.h"
+#include "platform-zone.h"
 #include "vconf.h"
 
 constexpr int pattern_units = 256;  /* UTF-16 units of a skeleton, pattern or formatted text */
@@ -22,7 +22,7 @@ constexpr size_t text_bytes = 256;  /* a formatted text in UTF-8, with its NUL *
 constexpr size_t locale_bytes = 32; /* a locale id, with its NUL */
 constexpr size_t number_bytes = 64; /* a formatted number: 20 units of any script are at most 60 bytes */
 constexpr int number_units = 20;
-constexpr size_t zone_prefix = 20; /* strlen("/usr/share/zoneinfo/") */
+constexpr int long_time_units = 12; /* a time of day that is longer takes its short form: a row has no more room */
 
 static UDateTimePatternGenerator *pattern_generator;
 
@@ -38,6 +38,10 @@ struct kept_date_format {
 static kept_date_format kept_date_formats[6];
 static unsigned kept_date_next;
 static UNumberFormat *kept_number_format;
+static UCalendar *kept_calendar;
+static char kept_calendar_locale[locale_bytes];
+/* The zone is none that ICU knows, so the C library says how far each instant is from UTC, and ICU formats in UTC. */
+static bool zone_of_c_library;
 static char kept_number_locale[locale_bytes];
 
 static void _drop_kept_formats() {
@@ -47,80 +51,130 @@ static void _drop_kept_formats() {
   }
   if (kept_number_format) unum_close(kept_number_format);
   kept_number_format = nullptr;
+  if (kept_calendar) ucal_close(kept_calendar);
+  kept_calendar = nullptr;
+}
+
+/* --- locale --- */
+
+/* What a modifier of the C library's locale names says, in ICU's: a script, or a variant. The others (euro) say nothing
+   about formats. */
+static const struct {
+  const char *modifier, *script, *variant;
+} locale_modifiers[] = {{"latin", "_Latn", ""},   {"cyrillic", "_Cyrl", ""}, {"devanagari", "_Deva", ""},
+                        {"iqtelif", "_Latn", ""}, {"arabic", "_Arab", ""},   {"valencia", "", "_VALENCIA"}};
+
+/* "sr_RS.UTF-8@latin" is "sr_Latn_RS" for ICU. NULL when the name is no locale's. */
+static char *_locale_of_name(const char *name) {
+  char base[locale_bytes], result[locale_bytes + 16];
+  const size_t length = strcspn(name, ".@");
+  const char *modifier = strchr(name, '@');
+  /* No locale has an id longer than the buffer, and half an id would format like nobody's region. */
+  if (length >= sizeof(base)) return nullptr;
+  snprintf(base, sizeof(base), "%.*s", (int)length, name);
+  snprintf(result, sizeof(result), "%s", base);
+  if (modifier && strchr(modifier, '=')) {
+    /* ICU's own keywords ("@calendar=persian"). */
+    if (length + strlen(modifier) >= sizeof(base)) return nullptr;
+    snprintf(result, sizeof(result), "%s%s", base, modifier);
+  } else if (modifier) {
+    const size_t language = strcspn(base, "_");
+    for (const auto &one : locale_modifiers)
+      if (!strcasecmp(modifier + 1, one.modifier))
+        snprintf(result, sizeof(result), "%.*s%s%s%s", (int)language, base, one.script, base + language, one.variant);
+  }
+  /* ICU falls over names that it cannot take apart. */
+  if (strlen(result) >= locale_bytes || icu::Locale(result).isBogus()) return nullptr;
+  return strdup(result);
+}
+
+/* The environment's locale for times, NULL when it is neutral or none. */
+static const char *_environment_locale(void) {
+  for (const char *variable : {"LC_ALL", "LC_TIME", "LANG"}) {
+    const char *value = getenv(variable);
+    if (!value || !*value) continue;
+    const size_t length = strcspn(value, ".@");
+    const bool neutral = (length == 1 && *value == 'C') || !strncmp(value, "POSIX", 5);
+    return neutral ? nullptr : value;
+  }
+  return nullptr;
 }
 
 char *brisel_get_locale(void) {
   scoped_text region(vconf_get_str(BRISEL_KEY_REGION));
-  if (!region) {
+  const char *name = region.get();
+  if (!name) {
     BRISEL_WARN("vconf_get_str() failed : region format");
-    return strdup("en_US");
+    name = _environment_locale();
   }
-  char buffer[locale_bytes];
-  const char *encoding = strstr(region.get(), ".UTF-8");
-  size_t length = encoding ? (size_t)(encoding - region.get()) : strlen(region.get());
-  /* No locale has an id longer than the buffer, and half an id would format like nobody's region. */
-  if (length >= sizeof(buffer)) return strdup("en_US");
-  memcpy(buffer, region.get(), length);
-  buffer[length] = 0;
-  /* ICU falls over names that it cannot take apart. */
-  return strdup(icu::Locale(buffer).isBogus() ? "en_US" : buffer);
+  char *locale = name ? _locale_of_name(name) : nullptr;
+  return locale ? locale : strdup("en_US");
 }
 
-/* The zone id inside the target of the zone link, or NULL. */
-static const char *_zone_id_of(const char *target) {
-  /* A link may also be relative or lead through another folder; the id follows the zone directory all the same. */
-  static const char directory[] = "/zoneinfo/";
-  if (const char *found = strstr(target, directory)) return found + sizeof(directory) - 1;
-  return strlen(target) > zone_prefix ? target + zone_prefix : nullptr;
-}
-
-/* 0, or -1 when the link cannot be read. id is "" when the target is no zone's. */
-static int _read_zone_link(char (&target)[512]) {
-  ssize_t length = readlink(platform_path("/opt/etc/localtime"), target, sizeof(target) - 1);
-  if (length < 0) return -1;
-  target[length] = 0;
-  return 0;
-}
+/* --- time zone --- */
 
 char *brisel_get_timezone_str(void) {
   BRISEL_INFO("Enter");
-  char target[512];
-  const char *id = _read_zone_link(target) == 0 ? _zone_id_of(target) : nullptr;
-  if (!id || !*id) {
+  platform_zone zone;
+  if (platform_zone_read(&zone) != 0) {
     BRISEL_ERROR("readlink() failed");
     return nullptr;
   }
-  return strdup(id);
+  return zone.name.empty() ? nullptr : strdup(zone.name.c_str());
 }
 
-static UErrorCode _apply_timezone(const char *id) {
+static bool _icu_knows_zone(const UChar *id) {
+  UChar canonical[128];
+  UErrorCode status = U_ZERO_ERROR;
+  UBool system = 0;
+  ucal_getCanonicalTimeZoneID(id, -1, canonical, std::size(canonical), &system, &status);
+  return U_SUCCESS(status) && system;
+}
+
+static void _apply_timezone(const platform_zone &zone) {
   UChar wide[512];
   UErrorCode status = U_ZERO_ERROR;
-  u_strFromUTF8(wide, 512, nullptr, id, -1, &status);
-  if (U_SUCCESS(status)) ucal_setDefaultTimeZone(wide, &status);
-  if (U_FAILURE(status)) return status;
+  u_strFromUTF8(wide, 512, nullptr, zone.name.c_str(), -1, &status);
+  zone_of_c_library = U_FAILURE(status) || zone.name.empty() || !_icu_knows_zone(wide);
+  if (zone_of_c_library) u_uastrcpy(wide, "Etc/UTC");
+  status = U_ZERO_ERROR;
+  ucal_setDefaultTimeZone(wide, &status);
+  if (U_FAILURE(status)) {
+    BRISEL_ERROR("ucal_setDefaultTimeZone() failed: %s", u_errorName(status));
+    return;
+  }
   _drop_kept_formats();
-  /* "Today" and "this year" are worked out by the C library: both must live in the same zone. */
-  setenv("TZ", id, 1);
+  /* "Today" is worked out by the C library: both must live in the same zone. */
+  setenv("TZ", zone.tz.c_str(), 1);
   tzset();
-  return status;
 }
 
 void brisel_update_timezone_str(void) {
-  scoped_text id(brisel_get_timezone_str());
-  if (!id) {
+  platform_zone zone;
+  if (platform_zone_read(&zone) != 0) {
+    BRISEL_ERROR("readlink() failed");
     BRISEL_ERROR("timezone_id is NULL");
     return;
   }
-  UErrorCode status = _apply_timezone(id.get());
-  if (U_FAILURE(status)) BRISEL_ERROR("ucal_setDefaultTimeZone() failed: %s", u_errorName(status));
+  _apply_timezone(zone);
 }
 
 void brisel_util_init_timezone(void) {
-  char target[512];
-  const char *id = _read_zone_link(target) == 0 ? _zone_id_of(target) : nullptr;
-  if (id && *id && !getenv("TZ")) _apply_timezone(id);
+  /* ICU finds a zone that TZ names by itself, once it formats something. */
+  const char *tz = getenv("TZ");
+  platform_zone zone;
+  if ((!tz || *tz == ':') && platform_zone_read(&zone) == 0) _apply_timezone(zone);
 }
+
+/* ICU's milliseconds of an instant, such that its default zone shows what the C library's would. */
+static double _icu_time(time_t t) {
+  double seconds = (double)t;
+  struct tm there = {};
+  if (zone_of_c_library && localtime_r(&t, &there)) seconds += (double)there.tm_gmtoff;
+  return seconds * 1000.0;
+}
+
+/* --- formats --- */
 
 int brisel_open_icu_pattern_generator(appdata *ad) {
   BRISEL_INFO("Enter");
@@ -161,6 +215,23 @@ static void _utf8_from_units(char *out, size_t size, const UChar *units, int len
   memcpy(out, whole, strlen(whole) + 1);
 }
 
+static UDateFormat *_open_pattern(const UChar *pattern, int length, const char *locale) {
+  UErrorCode status = U_ZERO_ERROR;
+  UDateFormat *format = udat_open(UDAT_PATTERN, UDAT_PATTERN, locale, nullptr, -1, pattern, length, &status);
+  return U_SUCCESS(status) ? format : nullptr;
+}
+
+/* Some locales spell the time of day out ("hour 10 minute 42 in the afternoon"), which no row has room for. */
+static bool _is_long_time(UDateFormat *format) {
+  for (const double hour : {10.0, 22.0}) {
+    UChar units[pattern_units];
+    UErrorCode status = U_ZERO_ERROR;
+    if (udat_format(format, (hour * 60.0 + 42.0) * 60000.0, units, pattern_units, nullptr, &status) > long_time_units)
+      return true;
+  }
+  return false;
+}
+
 static UDateFormat *_open_date_format(const char *source, bool is_skeleton, const char *locale) {
   UErrorCode status = U_ZERO_ERROR;
   UChar pattern[pattern_units];
@@ -173,9 +244,11 @@ static UDateFormat *_open_date_format(const char *source, bool is_skeleton, cons
     length = udatpg_getBestPattern(pattern_generator, skeleton, length, pattern, pattern_units, &status);
   }
   if (U_FAILURE(status)) return nullptr;
-  UDateFormat *format = udat_open(UDAT_PATTERN, UDAT_PATTERN, locale, nullptr, -1, pattern, length, &status);
-  if (U_FAILURE(status)) return nullptr;
-  return format;
+  UDateFormat *format = _open_pattern(pattern, length, locale);
+  if (!format || !is_skeleton || !strchr(source, 'h') || !_is_long_time(format)) return format;
+  udat_close(format);
+  u_uastrcpy(pattern, "h:mm aaaaa");
+  return _open_pattern(pattern, -1, locale);
 }
 
 static UDateFormat *_date_format(const char *source, bool is_skeleton, const char *locale, bool *kept_open) {
@@ -203,7 +276,7 @@ static char *_format_date(const char *source, bool is_skeleton, const char *loca
   if (format) {
     UChar units[pattern_units];
     UErrorCode status = U_ZERO_ERROR;
-    int32_t length = udat_format(format, t ? (double)*t * 1000.0 : 0.0, units, pattern_units, nullptr, &status);
+    int32_t length = udat_format(format, t ? _icu_time(*t) : 0.0, units, pattern_units, nullptr, &status);
     if (U_SUCCESS(status) || status == U_BUFFER_OVERFLOW_ERROR)
       _utf8_from_units(text, sizeof(text), units, length < pattern_units ? length : pattern_units);
     if (!kept_open) udat_close(format);
@@ -217,6 +290,57 @@ char *brisel_util_get_date_time_str_by_skeleton(const char *skeleton, const char
 
 char *brisel_util_get_date_time_str_by_pattern(const char *pattern, const char *locale, time_t *t) {
   return _format_date(pattern, false, locale, t);
+}
+
+/* Whether both instants are in the same year of the calendar that the locale shows. */
+static bool _is_same_year(time_t one, time_t other, const char *locale) {
+  const char *name = locale ? locale : "";
+  UErrorCode status = U_ZERO_ERROR;
+  if (!kept_calendar || strcmp(kept_calendar_locale, name) != 0) {
+    if (kept_calendar) ucal_close(kept_calendar);
+    kept_calendar = ucal_open(nullptr, 0, name, UCAL_DEFAULT, &status);
+    if (U_FAILURE(status)) kept_calendar = nullptr;
+    snprintf(kept_calendar_locale, sizeof(kept_calendar_locale), "%s", name);
+  }
+  if (!kept_calendar) return false;
+  ucal_setMillis(kept_calendar, _icu_time(one), &status);
+  const int32_t year = ucal_get(kept_calendar, UCAL_EXTENDED_YEAR, &status);
+  ucal_setMillis(kept_calendar, _icu_time(other), &status);
+  return year == ucal_get(kept_calendar, UCAL_EXTENDED_YEAR, &status) && U_SUCCESS(status);
+}
+
+int brisel_util_locale_date_order(const char *locale) {
+  static const char *const orders[] = {"dMy", "Mdy", "yMd", "ydM"};
+  UErrorCode status = U_ZERO_ERROR;
+  UDateFormat *format = udat_open(UDAT_NONE, UDAT_SHORT, locale, nullptr, 0, nullptr, 0, &status);
+  if (U_FAILURE(status)) return 0;
+  UChar pattern[pattern_units];
+  const int32_t length = udat_toPattern(format, false, pattern, pattern_units, &status);
+  udat_close(format);
+  std::string found;
+  for (int32_t i = 0; U_SUCCESS(status) && i < length; i++) {
+    const char letter = pattern[i] == 'L' ? 'M' : pattern[i] == 'r' || pattern[i] == 'U' ? 'y' : (char)pattern[i];
+    if (strchr("dMy", letter) && found.find(letter) == std::string::npos) found += letter;
+  }
+  for (int i = 0; i < (int)std::size(orders); i++)
+    if (found == orders[i]) return i;
+  return 0;
+}
+
+bool brisel_util_locale_has_12_hours(const char *locale) {
+  UErrorCode status = U_ZERO_ERROR;
+  UDateFormat *format = udat_open(UDAT_SHORT, UDAT_NONE, locale, nullptr, 0, nullptr, 0, &status);
+  if (U_FAILURE(status)) return false;
+  UChar pattern[pattern_units];
+  const int32_t length = udat_toPattern(format, false, pattern, pattern_units, &status);
+  udat_close(format);
+  if (U_FAILURE(status)) return false;
+  return u_memchr(pattern, 'h', length) || u_memchr(pattern, 'K', length);
+}
+
+bool brisel_util_has_locale(void) {
+  scoped_text region(vconf_get_str(BRISEL_KEY_REGION));
+  return region || _environment_locale();
 }
 
 char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad) {
@@ -236,7 +360,7 @@ char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad) {
   if (now.tm_year == then.tm_year && now.tm_yday == then.tm_yday) return time_text.release();
 
   unsigned order = (unsigned)ad->date_format < std::size(same_year) ? (unsigned)ad->date_format : 2;
-  const char *pattern = now.tm_year == then.tm_year ? same_year[order] : other_year[order];
+  const char *pattern = _is_same_year(now_time, t, ad->locale) ? same_year[order] : other_year[order];
   scoped_text date_text(brisel_util_get_date_time_str_by_pattern(pattern, ad->locale, &t));
   char text[2 * text_bytes];
   snprintf(text, sizeof(text), "%s %s", date_text.get(), time_text.get());

@@ -2,10 +2,11 @@
 #include <Eo.h>
 #include <dlfcn.h>
 #include <libintl.h>
-#include <limits.h>
+#include <sys/timerfd.h>
 #include <unicode/uloc.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <clocale>
 #include <cstdlib>
 #include <ctime>
@@ -13,7 +14,9 @@
 
 #include "app-priv.h"
 #include "dlog.h"
+#include "file-watch.h"
 #include "platform-paths.h"
+#include "platform-zone.h"
 #include "vconf.h"
 
 /* gettext's own counter: raising it makes it look its catalogues up again (its manual says so). */
@@ -123,22 +126,76 @@ void apply_direction(void) {
     lay_out_lists(o);
 }
 
-/* The zone that the device's link names, by its name where it has one: the C library and ICU then agree. */
+/* --- time zone, and what the clock does by itself --- */
+
+/* By its name where it has one: the C library and ICU then agree. */
 void apply_time_zone(void) {
-  const char *link = platform_path(localtime_link);
-  char target[PATH_MAX];
-  ssize_t size = readlink(link, target, sizeof(target) - 1);
-  if (size < 0) {
-    if (access(link, R_OK) != 0) return;
-    size = 0;
-  }
-  target[size] = 0;
-  constexpr char marker[] = "/zoneinfo/";
-  const char *zone = strstr(target, marker);
-  const std::string value = zone ? zone + strlen(marker) : std::string(":") + link;
-  setenv("TZ", value.c_str(), 1);
+  platform_zone zone;
+  if (platform_zone_read(&zone) != 0) return;
+  setenv("TZ", zone.tz.c_str(), 1);
   tzset();
 }
+
+int day_timer = -1; /* fires at the next midnight, and when somebody sets the clock */
+Ecore_Fd_Handler *day_handler;
+file_watch *zone_watch;
+std::string zone_file; /* its name in the folder that is watched */
+
+/* Today is another day, or the zone or the clock another: everybody hears of it as of any change of the time. */
+void tell_time_changed(void) {
+  vconf_set_int(time_key, static_cast<int>(time(nullptr)));
+}
+
+void wait_for_midnight(void) {
+  const time_t now = time(nullptr);
+  struct tm day = {};
+  localtime_r(&now, &day);
+  day.tm_mday++;
+  day.tm_hour = day.tm_min = day.tm_sec = 0;
+  day.tm_isdst = -1;
+  const time_t midnight = mktime(&day);
+  itimerspec next = {};
+  next.it_value.tv_sec = midnight > now ? midnight : now + 24 * 60 * 60;
+  timerfd_settime(day_timer, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &next, nullptr);
+}
+
+Eina_Bool day_timer_cb(void *data, Ecore_Fd_Handler *handler) {
+  uint64_t count;
+  if (read(day_timer, &count, sizeof count) < 0 && errno == EAGAIN) return ECORE_CALLBACK_RENEW;
+  wait_for_midnight();
+  tell_time_changed();
+  return ECORE_CALLBACK_RENEW;
+}
+
+void zone_folder_changed_cb(const char *name, void *data) {
+  if (name && zone_file != name) return;
+  platform_zone zone;
+  const char *now = getenv("TZ");
+  /* A file of its own may have other rules than before under the same name. */
+  if (platform_zone_read(&zone) == 0 && (!now || zone.tz != now || zone.name.empty())) tell_time_changed();
+}
+
+void start_clock(void) {
+  const std::string path = platform_path(localtime_link);
+  const size_t slash = path.rfind('/');
+  zone_file = path.substr(slash + 1);
+  zone_watch = file_watch_add(path.substr(0, slash + 1).c_str(), zone_folder_changed_cb, nullptr);
+  day_timer = timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK);
+  if (day_timer < 0) return;
+  wait_for_midnight();
+  day_handler = ecore_main_fd_handler_add(day_timer, ECORE_FD_READ, day_timer_cb, nullptr, nullptr, nullptr);
+}
+
+void stop_clock(void) {
+  file_watch_del(zone_watch);
+  zone_watch = nullptr;
+  if (day_handler) ecore_main_fd_handler_del(day_handler);
+  day_handler = nullptr;
+  if (day_timer >= 0) close(day_timer);
+  day_timer = -1;
+}
+
+/* --- settings --- */
 
 void language_changed_cb(keynode_t *node, void *data) {
   apply_language();
@@ -152,6 +209,7 @@ void region_changed_cb(keynode_t *node, void *data) {
 
 void time_changed_cb(keynode_t *node, void *data) {
   apply_time_zone();
+  if (day_timer >= 0) wait_for_midnight();
 }
 
 }  // namespace
@@ -186,9 +244,11 @@ void app_locale_start(const app_locale_callbacks *told) {
   vconf_notify_key_changed(region_key, region_changed_cb, nullptr);
   /* Before any watcher of the application, so that it already finds the new zone. */
   vconf_notify_key_changed(time_key, time_changed_cb, nullptr);
+  start_clock();
 }
 
 void app_locale_stop(void) {
+  stop_clock();
   vconf_ignore_key_changed(language_key, language_changed_cb);
   vconf_ignore_key_changed(region_key, region_changed_cb);
   vconf_ignore_key_changed(time_key, time_changed_cb);

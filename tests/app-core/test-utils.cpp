@@ -62,6 +62,10 @@ TEST_F(formats, OldMailsShowDateAndTime) {
       {"ar_EG.UTF-8", 0, 1, "١٤/٠٣/٢٠١٣ ١٠:٤٢ م"},
       {"fi_FI.UTF-8", 0, 0, "14/03/2013 22.42"},
       {nullptr, 1, 0, "03/14/2013 22:42"},
+      {"sr_RS.UTF-8@latin", 0, 0, "14/03/2013 22:42"},
+      {"fa_IR", 2, 0, "۱۳۹۱/۱۲/۲۴ ۲۲:۴۲"},
+      {"ta_IN", 0, 1, "14/03/2013 10:42 பி.ப"},
+      {"dz_BT", 0, 1, "༡༤/༠༣/༢༠༡༣ ༡༠:༤༢ ཕྱི་ཆ་"},
   };
   for (const auto &c : cases) {
     region(c.region);
@@ -125,6 +129,9 @@ TEST_F(formats, RegionMakesTheLocaleAndTheDigits) {
       {"a234567890123456789012345678901234567890.UTF-8", "en_US", "-1,234,567"},
       {"a2345678901234", "en_US", "-1,234,567"},
       {"en_US@x=y;;;=", "en_US", "-1,234,567"},
+      {"sr_RS@latin", "sr_Latn_RS", "-1.234.567"},
+      {"de_DE.UTF-8@euro", "de_DE", "-1.234.567"},
+      {"ca_ES@valencia", "ca_ES_VALENCIA", "-1.234.567"},
   };
   for (const auto &c : cases) {
     region(c.region);
@@ -148,6 +155,26 @@ TEST_F(formats, TheZoneLinkRulesTextsAndDays) {
     EXPECT_EQ(taken(brisel_get_timezone_str()), c.id);
     EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(old_mail, &ad)), c.expected);
   }
+  /* Other trees of the same zones, a copy, and a file that is none of the database: what the C library makes of it. */
+  zone("posix/Asia/Seoul");
+  EXPECT_EQ(taken(brisel_get_timezone_str()), "Asia/Seoul");
+  const time_t summer = 1373000000; /* 2013-07-05 04:53:20 UTC */
+  const std::string rules = localtime + ".rules", own = localtime + "-own/";
+  std::ofstream(rules)
+      << "Rule S 2000 max - Apr 1 2:00 2:00 S\nRule S 2000 max - Oct 1 2:00 0 -\nZone Own 1:30 S O%sT\n";
+  ASSERT_EQ(system(("/usr/sbin/zic -d '" + own + "' '" + rules + "'").c_str()), 0);
+  const struct {
+    std::string from;
+    const char *winter, *summer;
+  } files[] = {{"/usr/share/zoneinfo/Europe/Berlin", "14/03/2013 23:42", "05/07/2013 06:53"},
+               {own + "Own", "15/03/2013 00:12", "05/07/2013 08:23"}};
+  for (const auto &file : files) {
+    unlink(localtime.c_str());
+    std::ofstream(localtime, std::ios::binary) << std::ifstream(file.from, std::ios::binary).rdbuf();
+    brisel_update_timezone_str();
+    EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(old_mail, &ad)), file.winter) << file.from;
+    EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(summer, &ad)), file.summer) << file.from;
+  }
   zone("Asia/Seoul");
   for (const char *target : {"", "/usr/share/zoneinf"}) {
     unlink(localtime.c_str());
@@ -160,6 +187,41 @@ TEST_F(formats, TheZoneLinkRulesTextsAndDays) {
     EXPECT_TRUE(logged("E/timezone_id is NULL"));
     EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(old_mail, &ad)), "15/03/2013 07:42") << "the zone stays";
   }
+}
+
+/* "This year" is that of the calendar on screen: two days around the Persian new year. */
+TEST_F(formats, ThisYearIsTheCalendarsOwn) {
+  zone("Etc/UTC");
+  region("fa_IR");
+  ad.date_format = 2;
+  /* Of any two Gregorian days 200 days apart in the past, one at least is in another Persian year than today, and is
+     shown with it: the text has the year exactly when ICU's calendar says so. */
+  const time_t now = time(nullptr);
+  std::string years[3];
+  for (int i = 0; i < 3; i++) {
+    time_t then = now - i * 180 * 86400;
+    years[i] = taken(brisel_util_get_date_time_str_by_pattern("y", "fa_IR", &then));
+    if (i == 0) continue;
+    const bool with_year = taken(brisel_util_get_mailbox_date_time_str(then, &ad)).find(years[i]) == 0;
+    EXPECT_EQ(with_year, years[i] != years[0]) << i;
+  }
+}
+
+/* Where no setting speaks, the locale does: the region's, else the environment's. */
+TEST_F(formats, UnsetSettingsFollowTheLocale) {
+  const struct {
+    const char *region, *lc_time;
+    int order, twelve;
+  } cases[] = {{"en_US", nullptr, 1, 1},       {"de_DE", "en_US.UTF-8", 0, 0}, {nullptr, "en_US.UTF-8", 1, 1},
+               {nullptr, "ko_KR.UTF-8", 2, 1}, {nullptr, "sv_SE.UTF-8", 2, 0}, {nullptr, "C.UTF-8", 0, 0}};
+  for (const auto &c : cases) {
+    c.lc_time ? setenv("LC_ALL", c.lc_time, 1) : unsetenv("LC_ALL");
+    region(c.region);
+    const bool has = brisel_util_has_locale();
+    EXPECT_EQ(has ? brisel_util_locale_date_order(ad.locale) : 0, c.order) << ad.locale;
+    EXPECT_EQ(has && brisel_util_locale_has_12_hours(ad.locale), c.twelve) << ad.locale;
+  }
+  unsetenv("LC_ALL");
 }
 
 TEST(texts, MarkupShowsTheTextItself) {

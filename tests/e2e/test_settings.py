@@ -13,6 +13,8 @@ def arrange(s):
     s.phone("account", "count", "known")
     s.send(account, mail("Old", "Text.", "Sender One <one@example.org>", OLD), args=("--received", str(OLD)))
     s.setting("db/menu_widget/regionformat", "string", "en_US.UTF-8")
+    s.setting("db/setting/date_format", "int", 0)
+    s.setting("db/menu_widget/regionformat_time1224", "int", 2)
 
 
 def shown_time(s):

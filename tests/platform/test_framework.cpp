@@ -211,6 +211,32 @@ TEST_F(Framework, FollowsLanguageRegionAndZone) {
   for (const char *key : {"db/menu_widget/language", "db/menu_widget/regionformat"}) must({"setting", "unset", key});
 }
 
+/* Nobody else says so: the zone's file is put into place, and then a day ends in it. */
+TEST_F(Framework, TellsOfAnotherZoneAndOfMidnight) {
+  const std::string link = getenv("BRISEL_LOCALTIME"), folder = link + "-zones", rules = link + ".rules";
+  const lines told = {"brisel-watchctl", "setting", "get", "memory/system/timechanged"};
+  const auto hears = [&](time_t until) {
+    while (run(told).code != 0 && time(nullptr) < until) usleep(20000);
+    return run(told).code == 0;
+  };
+  bool midnight = false;
+  for (int patience = 3; patience < 30 && !midnight; patience *= 2) {
+    run({"brisel-watchctl", "setting", "unset", "memory/system/timechanged"});
+    const long left = 86400 - (time(nullptr) + patience) % 86400; /* of the UTC day: this far ahead is the zone */
+    FILE *file = fopen(rules.c_str(), "w");
+    fprintf(file, "Zone Soon %ld:%02ld:%02ld - SOON\n", left / 3600, left / 60 % 60, left % 60);
+    fclose(file);
+    ASSERT_EQ(run({"/usr/sbin/zic", "-d", folder, rules}).code, 0);
+    ASSERT_EQ(rename((folder + "/Soon").c_str(), link.c_str()), 0);
+    ASSERT_TRUE(hears(time(nullptr) + 60)) << "of the zone";
+    EXPECT_EQ(act("zone"), lines{"zone :" + link + " " + std::to_string(left)});
+    must({"setting", "unset", "memory/system/timechanged"});
+    midnight = hears(time(nullptr) + patience + 5); /* a slow machine may have been past it before it listened */
+  }
+  EXPECT_TRUE(midnight);
+  must({"timezone", "Etc/UTC"});
+}
+
 /* The real popup of the link stand-in: text styles and parts both have to follow. */
 TEST(Look, ChangesItsPaletteWhileItRuns) {
   child popup({"brisel-link-popup"});
