@@ -1,4 +1,5 @@
 /* The sender in the contacts, and what the phone and its applications are asked for. */
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -49,6 +50,17 @@ static std::vector<contacts_record_h> _records_of(contacts_list_h list) {
   return records;
 }
 
+static bool _has_number(int person_id) {
+  contacts_filter_h filter_handle = nullptr;
+  contacts_filter_create(_contacts_person_number._uri, &filter_handle);
+  scoped_filter filter(filter_handle);
+  int added = contacts_filter_add_int(filter.get(), _contacts_person_number.person_id, CONTACTS_MATCH_EQUAL, person_id);
+  scoped_contacts_list list = _run_contacts_query(_contacts_person_number._uri, filter.get(), added);
+  contacts_record_h record = nullptr;
+  return list && contacts_list_get_current_record_p(list.get(), &record) == CONTACTS_ERROR_NONE;
+}
+
+/* Of several persons with the address the last one who can be called; when none can, the last one. */
 int brisel_util_get_person_id_by_email_address(const char *address) {
   BRISEL_INFO("Enter");
   int person_id = -1;
@@ -60,10 +72,14 @@ int brisel_util_get_person_id_by_email_address(const char *address) {
   scoped_filter filter(filter_handle);
   int added = contacts_filter_add_str(filter.get(), _contacts_person_email.email, CONTACTS_MATCH_FULLSTRING, address);
   scoped_contacts_list list = _run_contacts_query(_contacts_person_email._uri, filter.get(), added);
+  std::vector<int> found;
   for (contacts_record_h record : _records_of(list.get())) {
     contacts_record_get_int(record, _contacts_person_email.person_id, &person_id);
     BRISEL_INFO("person_id:%d", person_id);
+    found.push_back(person_id);
   }
+  const auto callable = std::find_if(found.rbegin(), found.rend(), _has_number);
+  if (callable != found.rend()) person_id = *callable;
   BRISEL_INFO("Leave");
   return person_id;
 }

@@ -331,13 +331,17 @@ TEST_F(contacts, FindTheSenderAndItsNumbers) {
   import(
       "BEGIN:VCARD\nVERSION:3.0\nFN:Ada\nEMAIL:ada@example.org\nTEL;TYPE=HOME:+1 555 0100\nTEL;TYPE=CELL:+1 555 0101\n"
       "TEL:+1 555 0102\nEND:VCARD\n"
-      "BEGIN:VCARD\nVERSION:3.0\nFN:Bob\nEMAIL:shared@example.org\nTEL;TYPE=WORK:+1 555 0200\nEND:VCARD\n"
+      "BEGIN:VCARD\nVERSION:3.0\nFN:Bob\nEMAIL:shared@example.org\nEMAIL:both@example.org\n"
+      "TEL;TYPE=WORK:+1 555 0200\nEND:VCARD\n"
+      "BEGIN:VCARD\nVERSION:3.0\nFN:Dora\nEMAIL:dora@example.org\nEMAIL:both@example.org\nTEL:2\nEND:VCARD\n"
       "BEGIN:VCARD\nVERSION:3.0\nFN:Cem\nEMAIL:shared@example.org\nEMAIL:cem@example.org\nEND:VCARD\n");
   const int ada = brisel_util_get_person_id_by_email_address("ada@example.org");
   const int cem = brisel_util_get_person_id_by_email_address("cem@example.org");
   EXPECT_GT(ada, 0);
   EXPECT_EQ(brisel_util_get_person_id_by_email_address("ADA@EXAMPLE.ORG"), ada);
-  EXPECT_EQ(brisel_util_get_person_id_by_email_address("shared@example.org"), cem) << "the last of several";
+  const auto person_of = brisel_util_get_person_id_by_email_address;
+  EXPECT_EQ(numbers(person_of("shared@example.org")), std::vector<std::string>{"3:+1 555 0200"}) << "who has a number";
+  EXPECT_EQ(person_of("both@example.org"), person_of("dora@example.org")) << "the last of several";
   for (const char *nobody : {"", "ada@example.or", "ada@example.org'", "%"})
     EXPECT_EQ(brisel_util_get_person_id_by_email_address(nobody), -1) << nobody;
   EXPECT_EQ(brisel_util_get_person_id_by_email_address(nullptr), -1);
