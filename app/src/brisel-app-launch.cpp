@@ -176,6 +176,8 @@ void brisel_tell_store_unreadable(appdata *ad) {
                                           _store_popup_again_cb, "IDS_EMAIL_SK_TRY_AGAIN"));
 }
 
+/* Seconds in which a service that has just started makes its store: what cannot be read is not finished yet. */
+constexpr double store_patience = 1.5;
 /* Seconds after which nobody should be left looking at a ring: what can be done about it is shown instead. */
 constexpr double connecting_patience = 30.0;
 static Ecore_Timer *connecting_timer;
@@ -186,8 +188,21 @@ static void _stop_connecting_timer() {
 }
 
 static Eina_Bool _connecting_timer_cb(void *data) {
+  appdata *ad = (appdata *)data;
   connecting_timer = nullptr;
-  brisel_util_drop_popup(&((appdata *)data)->connecting_popup);
+  if (!store_is_unreadable) {
+    brisel_util_drop_popup(&ad->connecting_popup);
+    return ECORE_CALLBACK_CANCEL;
+  }
+  bool is_unknown = _check_progress_popup_is_needed();
+  if (store_is_unreadable) {
+    brisel_tell_store_unreadable(ad);
+  } else if (is_unknown) {
+    connecting_timer = ecore_timer_add(connecting_patience, _connecting_timer_cb, ad);
+  } else {
+    _count_is_known(ad);
+    _go_on(ad);
+  }
   return ECORE_CALLBACK_CANCEL;
 }
 
@@ -199,13 +214,11 @@ void _count_is_known(appdata *ad) {
 
 static void _wait_for_count(appdata *ad) {
   if (!launched) _show_first_minute(ad);
-  if (store_is_unreadable) {
-    brisel_tell_store_unreadable(ad);
-    return;
-  }
+  if (store_popup) return;
   _create_connecting_popup(ad);
   _stop_connecting_timer();
-  connecting_timer = ecore_timer_add(connecting_patience, _connecting_timer_cb, ad);
+  connecting_timer =
+      ecore_timer_add(store_is_unreadable ? store_patience : connecting_patience, _connecting_timer_cb, ad);
 }
 
 /* --- the mail that a launch names --- */

@@ -38,9 +38,9 @@ TEST(failures, AStoreThatIsNoDatabaseIsToldAndSurvived) {
   app_start();
   EXPECT_TRUE(logged_like("E/brisel_db_init() failed! err:[")) << testing::PrintToString(log_lines());
   EXPECT_TRUE(logged_like("W/brisel_db_is_valid_target_account_count failed("));
-  EXPECT_EQ(test_ad.connecting_popup, nullptr) << "there is nothing to wait for";
   const std::string unreadable = brisel_util_get_text("IDS_EMAIL_POP_THE_EMAILS_ON_THE_ZOLT_CANNOT_BE_READ");
   EXPECT_TRUE(visible(unreadable));
+  EXPECT_EQ(test_ad.connecting_popup, nullptr) << "there is nothing to wait for";
   tap(text_at(brisel_util_get_text("IDS_EMAIL_SK_TRY_AGAIN")));
   EXPECT_TRUE(visible(unreadable)) << "it still cannot";
   EXPECT_EQ(init_brisel(&test_ad, 5), 0) << "the screen stands on nothing";

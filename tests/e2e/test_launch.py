@@ -244,6 +244,23 @@ def test_back_ends_connecting_also_above_a_screen_built_meanwhile(s):
     s.wait(lambda: gone(s), "the application to end")
 
 
+def test_a_second_launch_brings_the_window_back(s):
+    s.serve()
+    ids = arrange(s, 1, True)
+    s.launch()
+    for extra in ({}, {"brisel_id": ids[False]}, {"brisel_id": ids[True]}):
+        s.wait_text(SENDER)
+        s.rest()
+        resumed = s.log().count("app_resume(")
+        s.watch("key", "back")
+        s.wait(lambda: s.log().count("app_pause(") > resumed, "the window to go")
+        s.launch(**extra)
+        s.wait(lambda: s.log().count("app_resume(") > resumed, "the window to come back")
+        s.wait_text(s.text("IDS_EMAIL_HEADER_OPEN_EMAIL_ABB") if extra.get("brisel_id") == ids[True] else SUBJECT if extra else SENDER)
+        if extra:
+            s.watch("key", "back")
+
+
 def test_a_second_launch_with_views_open_returns_to_the_mailbox(s):
     s.serve()
     ids = arrange(s, 2, True)
