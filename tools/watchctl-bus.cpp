@@ -39,8 +39,10 @@ int explain(const char *interface, const sd_bus_error *error, int r) {
   if (sd_bus_error_has_name(error, SD_BUS_ERROR_UNKNOWN_METHOD) ||
       sd_bus_error_has_name(error, SD_BUS_ERROR_UNKNOWN_INTERFACE) ||
       sd_bus_error_has_name(error, SD_BUS_ERROR_UNKNOWN_OBJECT))
-    return fail(inspection ? app_id + " is not open to inspection; start it with BRISEL_INSPECT=1"
-                           : app_id + " does not offer that");
+    return fail(inspection
+                    ? app_id +
+                          " is not open to inspection; it needs BRISEL_INSPECT=1 and a file ~/.config/brisel/inspect"
+                    : app_id + " does not offer that");
   if (sd_bus_error_has_name(error, SD_BUS_ERROR_NO_REPLY)) return fail(app_id + " gave no answer");
   return fail(error->message ? error->message : strerror(-r));
 }

@@ -47,7 +47,7 @@ struct sql_db {
   sql_db &operator=(const sql_db &) = delete;
 
   /* Opens the file; whatever was open is closed first. Waits wait_ms at most for other processes, in each call.
-     With write and create the file, its journals too, is made (or mended to be) readable for its owner alone. What the
+     The file, its journals too, is made (or mended to be) readable for its owner alone. What the
      file itself could bring along (views, triggers, functions in its schema) is off. After a failure error() still
      tells why. 0 or -1. */
   int open(const std::string &path, sql_access access, int wait_ms);

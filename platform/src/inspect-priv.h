@@ -37,6 +37,10 @@ std::vector<inspect_step> inspect_type(const char *text);
    late, does not change how fast the finger was. */
 void inspect_feed(Evas *evas, const inspect_step &step, double time);
 
+/* Whether the user whose home folder it is allowed inspection: a file .config/brisel/inspect of the user's own, which
+   nobody else may write. */
+bool inspect_allowed_in(const char *home);
+
 /* What is on the canvas, as JSON text. */
 std::string inspect_dump(Evas_Object *window);
 /* Writes exactly what is drawn to a PNG file; an error text, or empty. */

@@ -1,7 +1,12 @@
 /*
  * Inspection: lets a tool see and touch the window as a person would, on every engine, without a display. Only with
- * BRISEL_INSPECT=1. Whatever is asked runs one after the other: a finger cannot be in two gestures.
+ * BRISEL_INSPECT=1, and in builds without tests only for a user who allowed it. Whatever is asked runs one after the
+ * other: a finger cannot be in two gestures.
  */
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cmath>
 #include <deque>
@@ -257,9 +262,32 @@ const sd_bus_vtable inspect_table[] = {SD_BUS_VTABLE_START(0),
 
 }  // namespace
 
-int app_inspect_start(sd_bus *bus, const char *path) {
+bool inspect_allowed_in(const char *home) {
+  struct stat info;
+  const std::string file = std::string(home ? home : "") + "/.config/brisel/inspect";
+  return lstat(file.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() &&
+         (info.st_mode & 022) == 0;
+}
+
+namespace {
+
+/* The variable alone can be set by every client of the bus, for the applications that the bus starts. So it counts in a
+   build with tests; elsewhere the user must also have made a file, in the home folder that the system knows. */
+bool allowed(void) {
   const char *wanted = getenv("BRISEL_INSPECT");
-  if (!wanted || strcmp(wanted, "1") != 0) return 0;
+  if (!wanted || strcmp(wanted, "1") != 0) return false;
+#ifdef BRISEL_TESTS
+  return true;
+#else
+  const passwd *user = getpwuid(geteuid());
+  return user && inspect_allowed_in(user->pw_dir);
+#endif
+}
+
+}  // namespace
+
+int app_inspect_start(sd_bus *bus, const char *path) {
+  if (!allowed()) return 0;
   const int r = sd_bus_add_object_vtable(bus, &slot, path, "com.vextora.Inspect1", inspect_table, nullptr);
   on = r >= 0;
   return r;

@@ -7,8 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
+
+#include "dlog.h"
 
 namespace {
 
@@ -31,15 +34,44 @@ const char *environment(const char *name) {
   return value && *value ? value : nullptr;
 }
 
+/* Whether nobody but the user and root can put something else in the place of what is below this folder. A group that
+   only the user is in (of the same number) may write, and whoever may add to a folder with the sticky bit. */
+bool is_trusted(const struct stat &info) {
+  if (!S_ISDIR(info.st_mode) || (info.st_uid != 0 && info.st_uid != geteuid())) return false;
+  if (info.st_mode & S_ISVTX) return true;
+  const bool own_group = info.st_gid == geteuid() || info.st_gid == 0;
+  return (info.st_mode & S_IWOTH) == 0 && ((info.st_mode & S_IWGRP) == 0 || own_group);
+}
+
+/* Makes the folder with what is missing above it, for the user alone; an existing one is mended. False, logged, when it
+   or a folder above it could be turned into another by somebody else. */
 bool make_folder(const std::string &path) {
   struct stat st;
-  if (stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
   for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
     const std::string part = path.substr(0, slash);
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) return false;
+    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST && errno != EROFS) {
+      if (stat(part.c_str(), &st) != 0) return false;
+    }
     if (slash == std::string::npos) break;
   }
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  std::unique_ptr<char, decltype(&free)> real(realpath(path.c_str(), nullptr), free);
+  if (!real) return false;
+  std::string whole = real.get();
+  if (stat(whole.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
+  if (st.st_uid == geteuid() && (st.st_mode & 077) != 0) chmod(whole.c_str(), 0700);
+  bool mine = true;
+  while (true) {
+    const bool there = stat(whole.c_str(), &st) == 0;
+    if (!there || !is_trusted(st) || (mine && (st.st_uid != geteuid() || (st.st_mode & 077) != 0))) {
+      __dlog_print(DLOG_ERROR, "BRISEL_PATHS", "\"%s\" is not used: others may change \"%s\"", path.c_str(),
+                   whole.c_str());
+      return false;
+    }
+    mine = false;
+    const size_t slash = whole.rfind('/');
+    if (whole == "/") return true;
+    whole.erase(slash == 0 ? 1 : slash);
+  }
 }
 
 /* The folder that an XDG variable names, else its default below the home folder; a relative value counts as unset. */
@@ -62,6 +94,9 @@ const char *state_folder(const char *variable, const char *below_home, const cha
   }
   const std::string path = base + own;
   const std::lock_guard<std::mutex> guard(lock);
+  /* Looked at once; afterwards it only has to be there. */
+  struct stat there;
+  if (kept.count("dir:" + path) != 0 && stat(path.c_str(), &there) == 0) return kept["dir:" + path].c_str();
   if (!make_folder(path)) return nullptr;
   return keep("dir:" + path, path);
 }

@@ -81,7 +81,7 @@ int sql_db::open(const std::string &path, sql_access access, int wait_ms) {
   close();
   code_ = SQLITE_OK;
   error_.clear();
-  if (access != sql_access::read) make_private(path, access == sql_access::create);
+  make_private(path, access == sql_access::create);
   int flags = SQLITE_OPEN_NOMUTEX; /* one thread only: no locks inside SQLite */
   flags |= access == sql_access::read ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE;
   if (access == sql_access::create) flags |= SQLITE_OPEN_CREATE;

@@ -479,6 +479,17 @@ TEST_F(BadFile, IsAnErrorAndStaysAsItIs) {
   fs::remove(database());
 }
 
+TEST_F(BadFile, ReadableForOthersIsMended) {
+  ASSERT_EQ(import(card("FN:Anna\r\nEMAIL:a@x\r\n")), "");
+  struct stat info {};
+  for (const bool read : {false, true}) {
+    chmod(database().c_str(), 0664);
+    read ? by_address("a@x") : lines{import(card("FN:Bo\r\n"))};
+    ASSERT_EQ(stat(database().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u) << read;
+  }
+}
+
 TEST_F(BadFile, LockedByAnotherIsAnErrorAndNotAHang) {
   ASSERT_EQ(import(card("FN:Anna\r\nEMAIL:a@x\r\n")), "");
   sqlite3 *db = nullptr;

@@ -14,6 +14,7 @@
 
 #include "dlog.h"
 #include "faults.h"
+#include "inspect-priv.h"
 #include "loop.h"
 #include "pickover.h"
 #include "platform-paths.h"
@@ -181,6 +182,47 @@ TEST(Settings, WhatTheDeadLeftIsSweptUp) {
 
 TEST(Sweep, WriteOnce) {
   EXPECT_EQ(vconf_set_int("db/test/sweep", 1), 0);
+}
+
+/* Each folder is looked at once in a process, so each row has one of its own. */
+TEST(Private, FoldersThatOthersMayChangeAreNotUsed) {
+  const fs::path root = fs::path(getenv("BRISEL_SESSION_DIR")) / "folders";
+  const struct {
+    const char *what;
+    mode_t base, own; /* own 0: not there yet */
+    uid_t owner;      /* of its own folder */
+    gid_t group;      /* of the base */
+    bool used;
+  } rows[] = {{"made", 0755, 0, 0, 0, true},
+              {"too wide", 0755, 0775, 0, 0, true},
+              {"a shared place", 01777, 0, 0, 0, true},
+              {"a private group", 0775, 0, 0, 0, true},
+              {"anybody's base", 0777, 0700, 0, 0, false},
+              {"a group's base", 0775, 0700, 0, 1, false},
+              {"another's folder", 0755, 0700, 1, 0, false}};
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give folders away";
+  for (const auto &row : rows) {
+    const fs::path base = root / row.what, own = base / "brisel";
+    fs::create_directories(row.own ? own : base);
+    chmod(base.c_str(), row.base);
+    if (row.own) chmod(own.c_str(), row.own);
+    ASSERT_EQ(chown(base.c_str(), 0, row.group), 0);
+    if (row.owner != 0) ASSERT_EQ(chown(own.c_str(), row.owner, 0), 0);
+    EXPECT_TRUE(in_child([&] {
+      setenv("XDG_DATA_HOME", base.c_str(), 1);
+      struct stat info {};
+      return (platform_data_dir() != nullptr) == row.used &&
+             (!row.used || (stat(own.c_str(), &info) == 0 && (info.st_mode & 0777) == 0700));
+    })) << row.what;
+  }
+  fs::create_directories(root / ".config/brisel");
+  const std::string file = root / ".config/brisel/inspect";
+  EXPECT_FALSE(inspect_allowed_in(root.c_str()));
+  put_file(file, "");
+  chmod(file.c_str(), 0644);
+  EXPECT_TRUE(inspect_allowed_in(root.c_str()));
+  chmod(file.c_str(), 0666);
+  EXPECT_FALSE(inspect_allowed_in(root.c_str()));
 }
 
 /* --- notification ----------------------------------------------------------------------------------------------- */
