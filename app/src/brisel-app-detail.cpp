@@ -7,6 +7,7 @@
 
 #include "brisel-app-detail-body.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 #include "brisel-scoped.h"
 #include "pickover.h"
 #include "platform-paths.h"
@@ -108,28 +109,6 @@ static page_data *__brisel_detail_find_page(const brisel_detail_view *view_data,
   return nullptr;
 }
 
-/* A widget that dies with its parent takes its field along, so that nobody deletes it twice. */
-static void __brisel_detail_forget_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
-  Evas_Object **field = (Evas_Object **)data;
-  if (*field == obj) *field = nullptr;
-}
-
-static void __brisel_detail_keep(Evas_Object **field, Evas_Object *obj) {
-  *field = obj;
-  evas_object_event_callback_add(obj, EVAS_CALLBACK_DEL, __brisel_detail_forget_cb, field);
-}
-
-static void __brisel_detail_let_go(Evas_Object **field) {
-  if (*field) evas_object_event_callback_del_full(*field, EVAS_CALLBACK_DEL, __brisel_detail_forget_cb, field);
-  *field = nullptr;
-}
-
-static void __brisel_detail_delete(Evas_Object **field) {
-  Evas_Object *obj = *field;
-  __brisel_detail_let_go(field);
-  if (obj) evas_object_del(obj);
-}
-
 /* --- releasing ------------------------------------------------------------------------------------------- */
 
 /* A closed page may stay on the screen while the stack moves it away; nothing on it may call back any more. */
@@ -157,10 +136,10 @@ static void __brisel_detail_free_page_data(page_data *page) {
     if (Evas_Object *label = elm_object_part_content_unset(page->detail_layout, part_device)) evas_object_del(label);
   if (page->more_msg_idler) ecore_idler_del(page->more_msg_idler);
   if (page->more_msg_timer) ecore_timer_del(page->more_msg_timer);
-  __brisel_detail_delete(&page->progress);
-  __brisel_detail_let_go(&page->detail_layout);
-  __brisel_detail_let_go(&page->scroller);
-  __brisel_detail_let_go(&page->page_layout);
+  brisel_widget_ref_drop(&page->progress);
+  brisel_widget_ref_clear(&page->detail_layout);
+  brisel_widget_ref_clear(&page->scroller);
+  brisel_widget_ref_clear(&page->page_layout);
   brisel_full_noti_data_free(page->mail_data);
   free(page);
 }
@@ -181,8 +160,8 @@ static void __brisel_detail_page_scroller_mouse_up_cb(void *data, Evas *evas, Ev
 
 static void __brisel_detail_free_view_data(brisel_detail_view *view_data) {
   BRISEL_INFO("Enter");
-  __brisel_detail_delete(&view_data->popup);
-  __brisel_detail_delete(&view_data->gesture_layer);
+  brisel_widget_ref_drop(&view_data->popup);
+  brisel_widget_ref_drop(&view_data->gesture_layer);
   if (view_data->page_scroller) {
     evas_object_smart_callback_del_full(view_data->page_scroller, "scroll", __brisel_detail_page_scroller_scroll_cb,
                                         view_data);
@@ -200,9 +179,9 @@ static void __brisel_detail_free_view_data(brisel_detail_view *view_data) {
   }
   if (view_data->box)
     evas_object_event_callback_del_full(view_data->box, EVAS_CALLBACK_RESIZE, __brisel_detail_box_resize_cb, view_data);
-  __brisel_detail_let_go(&view_data->box);
-  __brisel_detail_let_go(&view_data->page_scroller);
-  __brisel_detail_let_go(&view_data->page_scroller_layout);
+  brisel_widget_ref_clear(&view_data->box);
+  brisel_widget_ref_clear(&view_data->page_scroller);
+  brisel_widget_ref_clear(&view_data->page_scroller_layout);
   free(view_data);
 }
 
@@ -394,38 +373,6 @@ static Evas_Object *__brisel_detail_create_layout_detail_view(Evas_Object *scrol
   return __brisel_detail_create_layout(scroller, group_detail);
 }
 
-static Evas_Object *__brisel_detail_create_option_button(Evas_Object *title, brisel_detail_view *view_data) {
-  Evas_Object *button = elm_button_add(title);
-  if (!button) {
-    BRISEL_ERROR("elm_button_add() failed!");
-    return nullptr;
-  }
-  elm_object_style_set(button, "naviframe/title_icon");
-  Evas_Object *icon = brisel_util_load_image(button, "b_email_icon_more.png");
-  if (!icon) {
-    BRISEL_ERROR("elm_image_add() failed!");
-    evas_object_del(button);
-    return nullptr;
-  }
-  evas_object_size_hint_aspect_set(icon, EVAS_ASPECT_CONTROL_BOTH, 1, 1);
-  elm_image_resizable_set(icon, EINA_TRUE, EINA_TRUE);
-  elm_object_content_set(button, icon);
-  evas_object_smart_callback_add(button, "clicked", __brisel_detail_option_button_clicked_cb, view_data);
-  evas_object_show(button);
-  return button;
-}
-
-static Evas_Object *__brisel_detail_create_title_icon(Evas_Object *title) {
-  Evas_Object *icon = brisel_util_load_image(title, "b_email_icon_email.png");
-  if (!icon) {
-    BRISEL_ERROR("elm_image_add() failed!");
-    return nullptr;
-  }
-  evas_object_size_hint_aspect_set(icon, EVAS_ASPECT_CONTROL_VERTICAL, 1, 1);
-  elm_image_resizable_set(icon, EINA_TRUE, EINA_TRUE);
-  return icon;
-}
-
 static Evas_Object *__brisel_detail_create_account_color_bar(Evas_Object *title, int account_id) {
   Evas_Object *bar = brisel_util_create_color_bar(title, account_id);
   if (!bar) BRISEL_ERROR("evas_object_rectangle_add() failed!");
@@ -446,9 +393,10 @@ static Evas_Object *__brisel_detail_create_layout_detail_view_title(brisel_detai
 
   const full_noti_data *mail = page->mail_data;
   const char *failed = nullptr;
-  Evas_Object *button = __brisel_detail_create_option_button(title, view_data);
+  Evas_Object *button =
+      brisel_view_title_button(title, "b_email_icon_more.png", __brisel_detail_option_button_clicked_cb, view_data);
   if (!button) failed = "__brisel_detail_create_option_button() failed!";
-  Evas_Object *icon = failed ? nullptr : __brisel_detail_create_title_icon(title);
+  Evas_Object *icon = failed ? nullptr : brisel_view_title_icon(title);
   if (!failed && !icon) failed = "__brisel_detail_create_title_icon() failed!";
   Evas_Object *bar = failed ? nullptr : __brisel_detail_create_account_color_bar(title, mail->account_id);
   if (!failed && !bar) failed = "__brisel_detail_create_account_color_bar() failed!";
@@ -458,9 +406,7 @@ static Evas_Object *__brisel_detail_create_layout_detail_view_title(brisel_detai
     return nullptr;
   }
 
-  /* An address goes in as it is, but what reads as markup in it is a name a stranger chose: it is shown as text. */
-  const char *sender = mail->from_name && *mail->from_name ? mail->from_name : mail->from_address;
-  scoped_text markup(brisel_util_text_to_markup(sender ? sender : ""));
+  scoped_text markup(brisel_view_sender_title(mail));
   elm_object_part_text_set(title, "elm.text.title", markup.get());
 
   elm_object_part_content_set(title, "elm.swallow.next_btn", button);
@@ -512,21 +458,21 @@ static page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_vi
 
   Evas_Object *root = __brisel_detail_create_layout_single_scroller(view_data);
   if (!root) return __brisel_detail_give_up_page(page, "__brisel_detail_create_layout_single_scroller() failed!");
-  __brisel_detail_keep(&page->page_layout, root);
+  brisel_widget_ref_set(&page->page_layout, root);
 
   Evas_Object *title = __brisel_detail_create_layout_detail_view_title(view_data, page);
   if (!title) return __brisel_detail_give_up_page(page, nullptr);
 
   Evas_Object *scroller = __brisel_detail_create_scroller(root);
   if (!scroller) return __brisel_detail_give_up_page(page, "__brisel_detail_create_scroller() failed!");
-  __brisel_detail_keep(&page->scroller, scroller);
+  brisel_widget_ref_set(&page->scroller, scroller);
   elm_scroller_bounce_set(scroller, EINA_FALSE, EINA_TRUE);
   elm_scroller_policy_set(scroller, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
   evas_object_smart_callback_add(scroller, "edge,bottom", __brisel_detail_scroller_bottom_hit_cb, view_data);
 
   Evas_Object *detail = __brisel_detail_create_layout_detail_view(scroller);
   if (!detail) return __brisel_detail_give_up_page(page, "__brisel_detail_create_detail_view_layout() failed!");
-  __brisel_detail_keep(&page->detail_layout, detail);
+  brisel_widget_ref_set(&page->detail_layout, detail);
   brisel_detail_body_attach(detail, scroller);
   __brisel_detail_draw_view_components(view_data, page);
 
@@ -822,7 +768,7 @@ static void __brisel_detail_page_layout_resize_cb(void *data, Evas *evas, Evas_O
 static void __brisel_detail_create_layout_page_scroller(brisel_detail_view *view_data) {
   Evas_Object *layout = __brisel_detail_create_layout(view_data->ad->naviframe, "brisel/detail/page_scroller");
   if (!layout) return;
-  __brisel_detail_keep(&view_data->page_scroller_layout, layout);
+  brisel_widget_ref_set(&view_data->page_scroller_layout, layout);
   /* Nothing in the reader takes the keyboard's focus. It would go to a button of some page, and the scroller would
      bring that page into view: the reader would turn to a mail that nobody asked for, and tell the phone that it is
      read. */
@@ -833,7 +779,7 @@ static void __brisel_detail_create_layout_page_scroller(brisel_detail_view *view
 static void __brisel_detail_create_page_scroller(brisel_detail_view *view_data) {
   Evas_Object *scroller = __brisel_detail_create_scroller(view_data->ad->naviframe);
   if (!scroller) return;
-  __brisel_detail_keep(&view_data->page_scroller, scroller);
+  brisel_widget_ref_set(&view_data->page_scroller, scroller);
   /* A stroke to the left shows the next mail in every language, and the pages lie accordingly. A mirrored scroller
      would count them from the other side. */
   elm_object_mirrored_automatic_set(scroller, EINA_FALSE);
@@ -858,7 +804,7 @@ static void __brisel_detail_create_box(brisel_detail_view *view_data) {
     BRISEL_ERROR("elm_box_add() failed!");
     return;
   }
-  __brisel_detail_keep(&view_data->box, box);
+  brisel_widget_ref_set(&view_data->box, box);
   elm_box_horizontal_set(box, EINA_TRUE);
   elm_box_layout_set(box, __brisel_detail_box_layout_cb, view_data->page_scroller, nullptr);
   __brisel_detail_fill_both_ways(box);
@@ -949,19 +895,13 @@ int brisel_detail_draw_view(int mail_id, int push, appdata *ad) {
   view_data->cur_page_index = 0;
   elm_box_pack_end(view_data->box, page->page_layout);
 
-  Elm_Object_Item *item = nullptr;
-  if (push) {
-    item = elm_naviframe_item_push(ad->naviframe, nullptr, nullptr, nullptr, view_data->page_scroller_layout, nullptr);
-  } else {
-    item = elm_naviframe_item_insert_after(ad->naviframe, elm_naviframe_top_item_get(ad->naviframe), nullptr, nullptr,
-                                           nullptr, view_data->page_scroller_layout, nullptr);
-    __brisel_detail_draw_neighbors_cb(view_data, ad->naviframe, nullptr);
-  }
-  elm_naviframe_item_pop_cb_set(item, __brisel_detail_view_pop_cb, view_data);
+  Evas_Object *layout = view_data->page_scroller_layout;
+  brisel_view_head *head = (brisel_view_head *)view_data;
+  Elm_Object_Item *item = push ? brisel_view_push(ad, layout, nullptr, nullptr, __brisel_detail_view_pop_cb, head)
+                               : brisel_view_push_at_once(ad, layout, __brisel_detail_view_pop_cb, head);
+  if (!push) __brisel_detail_draw_neighbors_cb(view_data, ad->naviframe, nullptr);
   elm_naviframe_item_title_enabled_set(item, EINA_FALSE, EINA_FALSE);
-  elm_object_item_data_set(item, view_data);
-  view_data->pop_cb = __brisel_detail_view_pop_cb;
-  view_data->navi_item = item;
+  brisel_view_more_button(item, __brisel_detail_option_button_clicked_cb, view_data);
 
   if (!page->mail_data->is_read) __brisel_detail_send_update_ind(view_data);
   __brisel_detail_update_pickover(view_data);
@@ -1040,14 +980,12 @@ static void __brisel_detail_reply_button_clicked_cb(void *data, Evas_Object *obj
   appdata *ad = view_data->ad;
   if (!brisel_util_bluetooth_connection_popup(ad, brisel_util_bt_connect_error_popup_result_cb, "perform")) return;
   full_noti_data *mail = __brisel_detail_current_mail(view_data);
-  int method = brisel_util_get_reply_method();
-  if (method == 0) brisel_option_reply_templetes_draw_view(mail->mail_id, ad, mail);
-  if (method == 1) brisel_option_reply_emoticons_draw_view(mail->mail_id, ad, mail);
+  brisel_view_draw_reply(mail->mail_id, ad, mail);
 }
 
 static void __brisel_detail_popup_response_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
-  __brisel_detail_delete(&((brisel_detail_view *)data)->popup);
+  brisel_widget_ref_drop(&((brisel_detail_view *)data)->popup);
 }
 
 static void __brisel_detail_reply_update_required_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -1055,14 +993,10 @@ static void __brisel_detail_reply_update_required_button_clicked_cb(void *data, 
   brisel_detail_view *view_data = (brisel_detail_view *)data;
   if (view_data->popup) {
     BRISEL_INFO("popup is already existed. remove it.");
-    __brisel_detail_delete(&view_data->popup);
+    brisel_widget_ref_drop(&view_data->popup);
   }
-  Evas_Object *popup = brisel_util_popup_create(
-      view_data, view_data->ad->naviframe, nullptr,
-      brisel_util_get_text("IDS_EMAIL_POP_REPLY_IS_NOT_SUPPORTED_BY_YOUR_DEVICE_CHECK_FOR_UPDATES_IN_YOUR_DEVICE_"
-                           "SETTINGS"),
-      __brisel_detail_popup_response_cb, 0.0, nullptr, brisel_util_get_text("IDS_COM_SK_OK"), nullptr);
-  if (popup) __brisel_detail_keep(&view_data->popup, popup);
+  brisel_widget_ref_set(&view_data->popup,
+                        brisel_view_update_required_popup(view_data->ad, __brisel_detail_popup_response_cb, view_data));
 }
 
 static void __brisel_detail_show_on_device_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -1109,15 +1043,15 @@ static void __brisel_detail_veil_events(const page_data *page, bool propagate) {
 }
 
 static void __brisel_detail_show_progress(const brisel_detail_view *view_data, page_data *page) {
-  __brisel_detail_delete(&page->progress);
+  brisel_widget_ref_drop(&page->progress);
   Evas_Object *progress = brisel_create_progress_popup(view_data->ad, "process/groupindex");
   if (!progress) return;
-  __brisel_detail_keep(&page->progress, progress);
+  brisel_widget_ref_set(&page->progress, progress);
   elm_object_part_content_set(page->detail_layout, part_process, progress);
 }
 
 static void __brisel_detail_stop_progress(page_data *page) {
-  __brisel_detail_delete(&page->progress);
+  brisel_widget_ref_drop(&page->progress);
   elm_layout_signal_emit(page->detail_layout, "stop,progress", "");
   __brisel_detail_veil_events(page, true);
 }
@@ -1510,7 +1444,7 @@ static void __brisel_detail_gesture_create_gesture_layout(Evas_Object *layout, b
     BRISEL_ERROR("elm_gesture_layer_add() failed!");
     return;
   }
-  __brisel_detail_keep(&view_data->gesture_layer, gesture);
+  brisel_widget_ref_set(&view_data->gesture_layer, gesture);
   elm_gesture_layer_cb_set(gesture, ELM_GESTURE_ZOOM, ELM_GESTURE_STATE_START, __brisel_detail_gesture_zoom_start_cb,
                            view_data);
   elm_gesture_layer_cb_set(gesture, ELM_GESTURE_ZOOM, ELM_GESTURE_STATE_ABORT, __brisel_detail_gesture_zoom_abort_cb,

@@ -184,6 +184,16 @@ def test_quitting_with_a_popup_open_is_quiet(s):
         equal(said.read(), "", "what it says")
 
 
+def test_the_more_key_opens_the_options_of_the_mail_in_the_reader(s):
+    s.serve()
+    ids = arrange(s, 1, True)
+    s.launch(brisel_id=ids[False])
+    s.wait_text(SUBJECT)
+    s.watch("key", "more")
+    s.wait_text(s.text("IDS_EMAIL_SK_REPLY"))
+    equal(len(s.dump()["views"]), 3, "views")
+
+
 def gone(s):
     """True once the application has left the bus."""
     return not on_bus(s, "com.vextora.brisel")
