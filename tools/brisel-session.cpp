@@ -73,7 +73,7 @@ long now_ms(void) {
   return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
 }
 
-/* --- processes ------------------------------------------------------------------------------------------------- */
+/* --- processes --- */
 
 /* Every living process below root, itself excluded. Zombies count as gone. */
 std::vector<pid_t> descendants(pid_t root) {
@@ -149,7 +149,7 @@ int exit_code(int status) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-/* --- folders and files ------------------------------------------------------------------------------------------ */
+/* --- folders and files --- */
 
 bool write_file(const fs::path &path, const std::string &text) {
   std::ofstream out(path, std::ios::trunc);
@@ -244,7 +244,7 @@ std::string address_escape(const std::string &path) {
   return out;
 }
 
-/* --- environment -------------------------------------------------------------------------------------------------- */
+/* --- environment --- */
 
 void set_environment(const options &opt, const session &s) {
   const char *home = getenv("HOME");
@@ -285,8 +285,7 @@ void set_environment(const options &opt, const session &s) {
   setenv("PATH", (tools + (path && *path ? path : "/usr/local/bin:/usr/bin:/bin")).c_str(), 1);
 }
 
-/* --- the supervisor ------------------------------------------------------------------------------------------------
- */
+/* --- the supervisor --- */
 
 /* Signals are taken from the descriptor; children get the usual mask back. */
 int block_signals(sigset_t *old) {
@@ -440,8 +439,7 @@ int supervise(const options &opt, const session &s, const sigset_t *mask, int si
   return code;
 }
 
-/* --- the keeper ----------------------------------------------------------------------------------------------------
- */
+/* --- the keeper --- */
 
 int keep(const options &opt) {
   session s;

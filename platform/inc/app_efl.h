@@ -56,7 +56,7 @@ void app_efl_memory_trim(void);
    and follows its visibility for pause and resume. The window stays the caller's. */
 void app_efl_window_attach(Evas_Object *win);
 
-/* --- launch requests ---------------------------------------------------------------------------------------- */
+/* --- launch requests --- */
 
 typedef void (*service_reply_cb)(service_h request, service_h reply, int result, void *user_data);
 

@@ -81,7 +81,7 @@ typedef void (*contacts_db_changed_cb)(const char *view_uri, void *user_data);
 int contacts_db_add_changed_cb(const char *view_uri, contacts_db_changed_cb callback, void *user_data);
 int contacts_db_remove_changed_cb(const char *view_uri, contacts_db_changed_cb callback, void *user_data);
 
-/* --- for tools: no main loop needed --------------------------------------------------------------------- */
+/* --- for tools: no main loop needed --- */
 
 /* Imports every vCard (2.1, 3.0 or 4.0) of the file in one transaction. *count: persons added; who is there already,
    with that name and an address or a number of the card, gets what the card has more and counts as none. Faxes and

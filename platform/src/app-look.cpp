@@ -42,7 +42,7 @@ void light_palette(void) {
   }
   eina_iterator_free(classes);
   if (file) eina_file_close(file);
-  if (palette_classes.empty()) __dlog_print(DLOG_WARN, APP_LOG_TAG, "the theme has no light palette");
+  if (palette_classes.empty()) __dlog_print(DLOG_WARN, app_log_tag, "the theme has no light palette");
 }
 
 void apply_palette(void) {
@@ -85,7 +85,7 @@ static void add_overlay(const char *installed) {
   if (ecore_file_exists(file))
     elm_theme_overlay_add(nullptr, file);
   else
-    __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the platform's theme is missing: %s", file);
+    __dlog_print(DLOG_ERROR, app_log_tag, "the platform's theme is missing: %s", file);
 }
 
 void app_look_start(void) {

@@ -11,11 +11,11 @@
 
 #include "efl_assist.h"
 
-constexpr char APP_LOG_TAG[] = "BRISEL_APPFW";
-constexpr char APP_INTERFACE[] = "com.vextora.Application1";
+constexpr char app_log_tag[] = "BRISEL_APPFW";
+constexpr char app_interface[] = "com.vextora.Application1";
 /* A launch request larger than this is refused: it came from another process. */
-constexpr size_t LAUNCH_PAIRS_MAX = 64;
-constexpr size_t LAUNCH_BYTES_MAX = 256 * 1024;
+constexpr size_t launch_pairs_max = 64;
+constexpr size_t launch_bytes_max = 256 * 1024;
 
 /* A received request that wants an answer: answered by the first reply, or when its last handle goes. */
 struct launch_call {

@@ -52,8 +52,7 @@ struct application {
 
 application app;
 
-/* --- pause and resume ----------------------------------------------------------------------------------------------
- */
+/* --- pause and resume --- */
 
 bool in_sight(void) {
   if (!app.window || !app.seen) return true;
@@ -67,7 +66,7 @@ void sight_apply(void) {
   const bool pause = !in_sight();
   if (pause == app.paused) return;
   app.paused = pause;
-  __dlog_print(DLOG_DEBUG, APP_LOG_TAG, pause ? "pause" : "resume");
+  __dlog_print(DLOG_DEBUG, app_log_tag, pause ? "pause" : "resume");
   int (*callback)(void *) = pause ? app.callbacks.pause : app.callbacks.resume;
   if (callback) callback(app.user_data);
   if (pause) app_efl_memory_trim();
@@ -143,8 +142,7 @@ void window_del_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   app.visibility_handler = nullptr;
 }
 
-/* --- language and region ---------------------------------------------------------------------------------------------
- */
+/* --- language and region --- */
 
 void language_changed(void) {
   if (!app.ready) return;
@@ -175,8 +173,7 @@ void rotation_cb(void *data, Evas_Object *obj, void *event_info) {
     app.callbacks.device_orientation(elm_win_rotation_get(obj), app.user_data);
 }
 
-/* --- start
- * ------------------------------------------------------------------------------------------------------------ */
+/* --- start --- */
 
 /* "--service": the bus started us for a request that it brings itself. */
 bool read_arguments(int argc, char **argv, service_s *request) {
@@ -188,7 +185,7 @@ bool read_arguments(int argc, char **argv, service_s *request) {
     }
     const char *equals = strchr(argv[i], '=');
     if (argv[i][0] == '-' || !equals || equals == argv[i] || !app_is_text(argv[i])) {
-      __dlog_print(DLOG_WARN, APP_LOG_TAG, "argument %d is no KEY=VALUE", i);
+      __dlog_print(DLOG_WARN, app_log_tag, "argument %d is no KEY=VALUE", i);
       continue;
     }
     request->extra[std::string(const_cast<const char *>(argv[i]), equals)] = equals + 1;
@@ -207,7 +204,7 @@ void window_size(int *w, int *h) {
   char rest;
   if (sscanf(size, "%dx%d%c", &width, &height, &rest) != 2 || width < smallest_side || width > largest_side ||
       height < smallest_side || height > largest_side) {
-    __dlog_print(DLOG_WARN, APP_LOG_TAG, "BRISEL_WINDOW_SIZE is no size: %s", size);
+    __dlog_print(DLOG_WARN, app_log_tag, "BRISEL_WINDOW_SIZE is no size: %s", size);
     return;
   }
   *w = width;
@@ -231,7 +228,7 @@ int run(const service_s *request, bool by_bus) {
     app_launch_flush_pending();
     if (!app.exiting) elm_run();
   } else {
-    __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the application could not be created");
+    __dlog_print(DLOG_ERROR, app_log_tag, "the application could not be created");
   }
   app.exiting = true;
   /* A request that comes from now on belongs to the next instance. */
@@ -249,8 +246,7 @@ int run(const service_s *request, bool by_bus) {
 
 }  // namespace
 
-/* --- the toolkit's functions that the framework has to know of
- * ---------------------------------------------------------- */
+/* --- the toolkit's functions that the framework has to know of --- */
 
 /* Not every engine tells when a window is lowered out of sight or brought back (a canvas in memory never does), so the
    calls themselves tell. They go on to the toolkit's own. */
@@ -293,8 +289,7 @@ extern "C" void elm_win_iconified_set(Evas_Object *obj, Eina_Bool iconified) {
   sight_changed();
 }
 
-/* --- for the framework
- * ---------------------------------------------------------------------------------------------------- */
+/* --- for the framework --- */
 
 const char *app_id(void) {
   return app.id.c_str();
@@ -327,8 +322,7 @@ void app_go_foreground(void) {
   sight_apply();
 }
 
-/* --- the public interface
- * ---------------------------------------------------------------------------------------------------- */
+/* --- the public interface --- */
 
 void app_efl_id_set(const char *id) {
   if (id && *id) app.id = id;
@@ -412,7 +406,7 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
   setenv("ELM_ACCEL", "none", 0);
   app_locale_init();
   if (!elm_init(*argc, *argv)) {
-    __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the toolkit does not start");
+    __dlog_print(DLOG_ERROR, app_log_tag, "the toolkit does not start");
     return 1;
   }
   app_bus_start();

@@ -54,7 +54,7 @@ void grab_keys(Evas *evas) {
   evas_object_event_callback_add(grab, EVAS_CALLBACK_KEY_DOWN, grab_key_down_cb, nullptr);
   for (const key_name &name : keys)
     if (!evas_object_key_grab(grab, name.key, 0, 0, EINA_TRUE))
-      __dlog_print(DLOG_WARN, APP_LOG_TAG, "the key %s cannot be taken", name.key);
+      __dlog_print(DLOG_WARN, app_log_tag, "the key %s cannot be taken", name.key);
 }
 
 void object_del_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {

@@ -15,12 +15,12 @@
 
 namespace {
 
-constexpr size_t TEXT_MAX = 4096;
-constexpr size_t TAG_MAX = 64;
+constexpr size_t text_max = 4096;
+constexpr size_t tag_max = 64;
 
 /* A line being put together; put() never runs past the end, and what does not fit is left out whole. */
 struct line {
-  char bytes[TEXT_MAX * 4 + TAG_MAX * 4 + 32]; /* every byte may become "\xNN" */
+  char bytes[text_max * 4 + tag_max * 4 + 32]; /* every byte may become "\xNN" */
   size_t size = 0;
 
   void put(std::string_view text) {
@@ -92,7 +92,7 @@ char letter_of(int priority) {
 int __dlog_print(int priority, const char *tag, const char *format, ...) {
   /* Callers log between a failing call and their look at errno. */
   const int saved_errno = errno;
-  char text[TEXT_MAX + 1];
+  char text[text_max + 1];
   va_list args;
   va_start(args, format);
   const int wanted = vsnprintf(text, sizeof text, format, args);
@@ -101,8 +101,8 @@ int __dlog_print(int priority, const char *tag, const char *format, ...) {
     errno = saved_errno;
     return -1;
   }
-  size_t size = std::min(static_cast<size_t>(wanted), TEXT_MAX);
-  if (static_cast<size_t>(wanted) > TEXT_MAX) {
+  size_t size = std::min(static_cast<size_t>(wanted), text_max);
+  if (static_cast<size_t>(wanted) > text_max) {
     size_t start = size;
     while (start > 0 && size - start < 3 && (static_cast<unsigned char>(text[start - 1]) & 0xC0) == 0x80) start--;
     if (start > 0 && text_utf8_length({text + start - 1, size - start + 1}) == 0) size = start - 1;
@@ -111,7 +111,7 @@ int __dlog_print(int priority, const char *tag, const char *format, ...) {
   line out;
   const char head[] = {letter_of(priority), '/'};
   out.put({head, sizeof head});
-  put_escaped(out, std::string_view(tag != nullptr ? tag : "").substr(0, TAG_MAX));
+  put_escaped(out, std::string_view(tag != nullptr ? tag : "").substr(0, tag_max));
   char process[24];
   snprintf(process, sizeof process, "(%d): ", static_cast<int>(getpid()));
   out.put(process);

@@ -25,9 +25,9 @@ struct file_watch {
 
 namespace {
 
-constexpr const char *LOG_TAG = "FILE_WATCH";
-constexpr uint32_t FILE_EVENTS = IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM;
-constexpr uint32_t FOLDER_EVENTS = IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr const char *log_tag = "FILE_WATCH";
+constexpr uint32_t file_events = IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM;
+constexpr uint32_t folder_events = IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
 int inotify_fd = -1;
 Ecore_Fd_Handler *fd_handler;
@@ -48,7 +48,7 @@ void aim(file_watch *watch) {
   std::string path = watch->folder;
   while (true) {
     /* One mask for all: two watches of one folder share its number, and the mask of the later call would win. */
-    watch->wd = inotify_add_watch(inotify_fd, path.c_str(), FILE_EVENTS | FOLDER_EVENTS);
+    watch->wd = inotify_add_watch(inotify_fd, path.c_str(), file_events | folder_events);
     if (watch->wd >= 0) {
       watch->there = path == watch->folder;
       /* The folder below may have come between the failed call for it and this one. */
@@ -61,7 +61,7 @@ void aim(file_watch *watch) {
     path = path.substr(0, std::max<size_t>(path.rfind('/'), 1));
   }
   if (watch->wd < 0)
-    __dlog_print(DLOG_ERROR, LOG_TAG, "cannot watch \"%s\": %s", watch->folder.c_str(), strerror(errno));
+    __dlog_print(DLOG_ERROR, log_tag, "cannot watch \"%s\": %s", watch->folder.c_str(), strerror(errno));
   if (old != watch->wd) drop_unused(old);
 }
 
@@ -86,7 +86,7 @@ void hand_out(const inotify_event *event) {
       aim(watch);
       if (was_there || watch->there) tell(watch, nullptr);
     } else if (watch->there) {
-      if (event->len > 0 && (event->mask & FILE_EVENTS) != 0) tell(watch, event->name);
+      if (event->len > 0 && (event->mask & file_events) != 0) tell(watch, event->name);
     } else {
       aim(watch);
       if (watch->there) tell(watch, nullptr);
@@ -102,7 +102,7 @@ void close_when_unused() {
   inotify_fd = -1;
 }
 
-Eina_Bool on_readable(void *, Ecore_Fd_Handler *) {
+Eina_Bool readable_cb(void *, Ecore_Fd_Handler *) {
   /* One read per wake-up: what does not fit stays readable, and the interface gets its turn in between. */
   alignas(inotify_event) char buffer[8192];
   const ssize_t size = read(inotify_fd, buffer, sizeof buffer);
@@ -127,9 +127,9 @@ file_watch *file_watch_add(const char *folder, file_watch_cb callback, void *use
   if (inotify_fd < 0) {
     inotify_fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     if (inotify_fd >= 0)
-      fd_handler = ecore_main_fd_handler_add(inotify_fd, ECORE_FD_READ, on_readable, nullptr, nullptr, nullptr);
+      fd_handler = ecore_main_fd_handler_add(inotify_fd, ECORE_FD_READ, readable_cb, nullptr, nullptr, nullptr);
     if (fd_handler == nullptr) {
-      __dlog_print(DLOG_ERROR, LOG_TAG, "cannot start watching: %s", strerror(errno));
+      __dlog_print(DLOG_ERROR, log_tag, "cannot start watching: %s", strerror(errno));
       if (inotify_fd >= 0) close(inotify_fd);
       inotify_fd = -1;
       return nullptr;

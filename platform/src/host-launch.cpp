@@ -13,7 +13,7 @@ constexpr char host_name[] = "com.vextora.brisel.Host";
 int answer_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   const sd_bus_error *failed = sd_bus_message_get_error(m);
   if (failed)
-    __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the phone was not asked to show: %s",
+    __dlog_print(DLOG_ERROR, app_log_tag, "the phone was not asked to show: %s",
                  failed->message ? failed->message : failed->name);
   return 0;
 }
@@ -33,6 +33,6 @@ int launch_host_predefined_application(const char *kind, const int *ids, int cou
   if (r >= 0) r = sd_bus_message_append_array(m, 'i', ids, static_cast<size_t>(count) * sizeof(int));
   if (r >= 0) r = sd_bus_call_async(bus, nullptr, m, answer_cb, nullptr, 0);
   sd_bus_message_unref(m);
-  if (r < 0) __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the phone cannot be asked to show: %s", strerror(-r));
+  if (r < 0) __dlog_print(DLOG_ERROR, app_log_tag, "the phone cannot be asked to show: %s", strerror(-r));
   return r < 0 ? -1 : 0;
 }

@@ -19,15 +19,14 @@ sd_bus_slot *application_slot;
 sd_bus_slot *desktop_slot;
 std::vector<service_s *> pending; /* arrived before create had finished */
 
-/* --- texts and paths ---------------------------------------------------------------------------------------------- */
+/* --- texts and paths --- */
 
 const char *error_text(const sd_bus_error *error, int r) {
   if (error && error->message && *error->message) return error->message;
   return strerror(r < 0 ? -r : EIO);
 }
 
-/* --- records on the wire -------------------------------------------------------------------------------------------
- */
+/* --- records on the wire --- */
 
 int append_extra(sd_bus_message *m, const std::map<std::string, std::string> &extra) {
   int r = sd_bus_message_open_container(m, 'a', "{ss}");
@@ -45,7 +44,7 @@ int read_extra(sd_bus_message *m, std::map<std::string, std::string> *extra) {
   const char *value;
   while ((r = sd_bus_message_read(m, "{ss}", &key, &value)) > 0) {
     bytes += strlen(key) + strlen(value);
-    if (extra->size() >= LAUNCH_PAIRS_MAX || bytes > LAUNCH_BYTES_MAX) return -E2BIG;
+    if (extra->size() >= launch_pairs_max || bytes > launch_bytes_max) return -E2BIG;
     (*extra)[key] = value;
   }
   return r < 0 ? r : sd_bus_message_exit_container(m);
@@ -54,7 +53,7 @@ int read_extra(sd_bus_message *m, std::map<std::string, std::string> *extra) {
 int send_answer(sd_bus_message *call, int result, const std::map<std::string, std::string> &extra) {
   sd_bus_message *answer = nullptr;
   int r = sd_bus_message_new_method_return(call, &answer);
-  if (r >= 0 && sd_bus_message_is_method_call(call, APP_INTERFACE, nullptr)) {
+  if (r >= 0 && sd_bus_message_is_method_call(call, app_interface, nullptr)) {
     r = sd_bus_message_append(answer, "i", result);
     if (r >= 0) r = append_extra(answer, extra);
   }
@@ -63,8 +62,7 @@ int send_answer(sd_bus_message *call, int result, const std::map<std::string, st
   return r;
 }
 
-/* --- received requests ----------------------------------------------------------------------------------------------
- */
+/* --- received requests --- */
 
 /* Takes the request in; it is answered when the application is done with it. */
 int receive(sd_bus_message *m, service_s *service) {
@@ -146,7 +144,7 @@ int open_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   if (r >= 0) r = sd_bus_message_read(m, "s", &uri);
   if (r < 0) return r;
   auto *service = new service_s;
-  if (uri && strlen(uri) <= LAUNCH_BYTES_MAX) service->extra["uri"] = uri;
+  if (uri && strlen(uri) <= launch_bytes_max) service->extra["uri"] = uri;
   return receive(m, service);
 }
 
@@ -194,8 +192,7 @@ void bus_watch_cb(bool connected, void *data) {
   app_inspect_stop();
 }
 
-/* --- sent requests ---------------------------------------------------------------------------------------------------
- */
+/* --- sent requests --- */
 
 struct sent_request {
   service_s request;
@@ -210,9 +207,9 @@ int sent_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   int result = SERVICE_RESULT_FAILED;
   int r;
   if (const sd_bus_error *error = sd_bus_message_get_error(m)) {
-    __dlog_print(DLOG_WARN, APP_LOG_TAG, "%s gave no answer: %s", sent->request.app_id.c_str(), error_text(error, 0));
+    __dlog_print(DLOG_WARN, app_log_tag, "%s gave no answer: %s", sent->request.app_id.c_str(), error_text(error, 0));
   } else if ((r = sd_bus_message_read(m, "i", &result)) < 0 || (r = read_extra(m, &reply.extra)) < 0) {
-    __dlog_print(DLOG_WARN, APP_LOG_TAG, "%s gave a broken answer: %s", sent->request.app_id.c_str(), strerror(-r));
+    __dlog_print(DLOG_WARN, app_log_tag, "%s gave a broken answer: %s", sent->request.app_id.c_str(), strerror(-r));
     result = SERVICE_RESULT_FAILED;
     reply.extra.clear();
   }
@@ -272,8 +269,7 @@ bool app_is_text(const char *text) {
   return text && text_utf8_valid(text);
 }
 
-/* --- the public interface
- * ---------------------------------------------------------------------------------------------- */
+/* --- the public interface --- */
 
 int service_create(service_h *service) {
   if (!service) return SERVICE_ERROR_INVALID_PARAMETER;
@@ -320,18 +316,18 @@ int service_send_launch_request(service_h service, service_reply_cb reply_cb, vo
   if (!bus) return SERVICE_ERROR_LINK;
   const int there = reachable(bus, service->app_id.c_str());
   if (there < 0) {
-    __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the bus does not answer: %s", strerror(-there));
+    __dlog_print(DLOG_ERROR, app_log_tag, "the bus does not answer: %s", strerror(-there));
     return SERVICE_ERROR_LINK;
   }
   if (!there) {
-    __dlog_print(DLOG_WARN, APP_LOG_TAG, "there is no application %s", service->app_id.c_str());
+    __dlog_print(DLOG_WARN, app_log_tag, "there is no application %s", service->app_id.c_str());
     return SERVICE_ERROR_APP_NOT_FOUND;
   }
   auto *sent = new sent_request{{service->app_id, service->extra, nullptr}, reply_cb, user_data};
   sd_bus_message *m = nullptr;
   sd_bus_slot *slot = nullptr;
   int r = sd_bus_message_new_method_call(bus, &m, service->app_id.c_str(),
-                                         app_object_path(service->app_id.c_str()).c_str(), APP_INTERFACE, "Launch");
+                                         app_object_path(service->app_id.c_str()).c_str(), app_interface, "Launch");
   if (r >= 0) r = append_extra(m, service->extra);
   /* An answer may need a person's decision, so it has all the time there is; the bus itself tells when the other
      application ends. */
@@ -339,7 +335,7 @@ int service_send_launch_request(service_h service, service_reply_cb reply_cb, vo
   sd_bus_message_unref(m);
   if (r < 0) {
     delete sent;
-    __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the launch request cannot be sent: %s", strerror(-r));
+    __dlog_print(DLOG_ERROR, app_log_tag, "the launch request cannot be sent: %s", strerror(-r));
     return SERVICE_ERROR_LINK;
   }
   sd_bus_slot_set_destroy_callback(slot, sent_free);
@@ -357,8 +353,7 @@ int service_reply_to_launch_request(service_h reply, service_h request, int resu
   return r < 0 ? SERVICE_ERROR_LINK : SERVICE_ERROR_NONE;
 }
 
-/* --- for the framework
- * ---------------------------------------------------------------------------------------------------- */
+/* --- for the framework --- */
 
 int app_claim_name(const service_s *request, bool wait_only) {
   /* The other instance may be just about to end: then its name is free a moment later. */
@@ -369,7 +364,7 @@ int app_claim_name(const service_s *request, bool wait_only) {
     if (r >= 0) return 1;
     if (r == -EALREADY) return 1;
     if (r != -EEXIST) {
-      __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the name %s cannot be had: %s", app_id(), strerror(-r));
+      __dlog_print(DLOG_ERROR, app_log_tag, "the name %s cannot be had: %s", app_id(), strerror(-r));
       return r;
     }
     /* Started by the bus for a request that the running instance is getting anyway. */
@@ -377,14 +372,14 @@ int app_claim_name(const service_s *request, bool wait_only) {
     sd_bus_message *m = nullptr;
     sd_bus_message *answer = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    r = sd_bus_message_new_method_call(bus, &m, app_id(), app_object_path(app_id()).c_str(), APP_INTERFACE, "Launch");
+    r = sd_bus_message_new_method_call(bus, &m, app_id(), app_object_path(app_id()).c_str(), app_interface, "Launch");
     if (r >= 0) r = append_extra(m, request->extra);
     if (r >= 0) r = sd_bus_message_set_auto_start(m, 0);
     if (r >= 0) r = sd_bus_call(bus, m, 0, &error, &answer);
     const bool gone = sd_bus_error_has_name(&error, SD_BUS_ERROR_NO_REPLY) ||
                       sd_bus_error_has_name(&error, SD_BUS_ERROR_SERVICE_UNKNOWN);
     if (r < 0)
-      __dlog_print(gone ? DLOG_WARN : DLOG_ERROR, APP_LOG_TAG, "the running instance did not take the request: %s",
+      __dlog_print(gone ? DLOG_WARN : DLOG_ERROR, app_log_tag, "the running instance did not take the request: %s",
                    error_text(&error, r));
     sd_bus_error_free(&error);
     sd_bus_message_unref(answer);
@@ -399,12 +394,12 @@ int app_bus_start(void) {
   sd_bus *bus = bus_loop_session();
   if (!bus) return -ENOTCONN;
   const std::string path = app_object_path(app_id());
-  int r = sd_bus_add_object_vtable(bus, &application_slot, path.c_str(), APP_INTERFACE, application_table, nullptr);
+  int r = sd_bus_add_object_vtable(bus, &application_slot, path.c_str(), app_interface, application_table, nullptr);
   if (r >= 0)
     r = sd_bus_add_object_vtable(bus, &desktop_slot, path.c_str(), "org.freedesktop.Application", desktop_table,
                                  nullptr);
   if (r >= 0) r = app_inspect_start(bus, path.c_str());
-  if (r < 0) __dlog_print(DLOG_ERROR, APP_LOG_TAG, "the application cannot be reached on the bus: %s", strerror(-r));
+  if (r < 0) __dlog_print(DLOG_ERROR, app_log_tag, "the application cannot be reached on the bus: %s", strerror(-r));
   bus_loop_watch_add(bus_watch_cb, nullptr);
   return r;
 }

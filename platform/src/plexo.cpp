@@ -22,7 +22,7 @@ int plexo_initialize(void) {
   if (r >= 0) r = sd_bus_message_set_expect_reply(m, 0);
   if (r >= 0) r = sd_bus_send(bus, m, nullptr);
   sd_bus_message_unref(m);
-  if (r < 0) __dlog_print(DLOG_WARN, APP_LOG_TAG, "notifications cannot be withdrawn: %s", strerror(-r));
+  if (r < 0) __dlog_print(DLOG_WARN, app_log_tag, "notifications cannot be withdrawn: %s", strerror(-r));
   return 0;
 }
 

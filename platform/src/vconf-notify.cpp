@@ -16,7 +16,7 @@ struct keynode_t {
 
 namespace {
 
-constexpr const char *LOG_TAG = "VCONF";
+constexpr const char *log_tag = "VCONF";
 
 struct registration {
   std::string key;
@@ -64,7 +64,7 @@ void deliver(const std::string &key, bool exact) {
   }
 }
 
-void on_folder_changed(const char *name, void *) {
+void folder_changed_cb(const char *name, void *) {
   std::vector<std::string> keys;
   for (const auto &one : registrations) {
     if (one->dead || (name != nullptr && vconf_key_file(one->key.c_str()) != name)) continue;
@@ -80,9 +80,9 @@ bool watch_folder_of(const char *key) {
   const std::string folder = vconf_key_folder(key);
   if (std::any_of(folders.begin(), folders.end(), [&](const folder_watch &held) { return held.folder == folder; }))
     return true;
-  file_watch *watch = folder.empty() ? nullptr : file_watch_add(folder.c_str(), on_folder_changed, nullptr);
+  file_watch *watch = folder.empty() ? nullptr : file_watch_add(folder.c_str(), folder_changed_cb, nullptr);
   if (watch == nullptr) {
-    __dlog_print(DLOG_ERROR, LOG_TAG, "cannot watch the folder of \"%s\"", key);
+    __dlog_print(DLOG_ERROR, log_tag, "cannot watch the folder of \"%s\"", key);
     return false;
   }
   folders.push_back({folder, watch});

@@ -41,11 +41,11 @@
 
 namespace {
 
-constexpr size_t KEY_MAX = 255;
-constexpr size_t VALUE_MAX = 64 * 1024;
-constexpr size_t HEAD_MAX = 96;
-constexpr char TEMPORARY_MARK = '~';
-constexpr const char *LOG_TAG = "VCONF";
+constexpr size_t key_max = 255;
+constexpr size_t value_max = 64 * 1024;
+constexpr size_t head_max = 96;
+constexpr char temporary_mark = '~';
+constexpr const char *log_tag = "VCONF";
 
 uint64_t checksum(std::string_view type, std::string_view id, std::string_view value) {
   uint64_t hash = 0xcbf29ce484222325u;
@@ -106,7 +106,7 @@ std::string folder_of(bool memory) {
 
 bool parse_value(std::string_view bytes, vconf_value *value) {
   const size_t end = bytes.find('\n');
-  if (end == std::string_view::npos || end > HEAD_MAX) return false;
+  if (end == std::string_view::npos || end > head_max) return false;
   std::string_view head = bytes.substr(0, end);
   const std::string_view body = bytes.substr(end + 1);
   std::string_view fields[5];
@@ -146,7 +146,7 @@ void sweep_temporary_files(const std::string &folder) {
   DIR *dir = opendir(folder.c_str());
   if (dir == nullptr) return;
   while (const dirent *entry = readdir(dir)) {
-    if (entry->d_name[0] != TEMPORARY_MARK) continue;
+    if (entry->d_name[0] != temporary_mark) continue;
     char *end = nullptr;
     errno = 0;
     const long pid = strtol(entry->d_name + 1, &end, 10);
@@ -157,12 +157,12 @@ void sweep_temporary_files(const std::string &folder) {
 }
 
 int store_value(const char *key, int type, std::string_view body) {
-  if (!vconf_key_valid(key) || body.size() > VALUE_MAX) return -1;
+  if (!vconf_key_valid(key) || body.size() > value_max) return -1;
   const bool memory = is_memory_key(key);
   const std::string folder = folder_of(memory);
   const platform_folder dir(folder.c_str(), true, !memory);
   if (dir.fd < 0) {
-    __dlog_print(DLOG_ERROR, LOG_TAG, "cannot open the folder \"%s\" for \"%s\": %s", folder.c_str(), key,
+    __dlog_print(DLOG_ERROR, log_tag, "cannot open the folder \"%s\" for \"%s\": %s", folder.c_str(), key,
                  strerror(errno));
     return -1;
   }
@@ -170,7 +170,7 @@ int store_value(const char *key, int type, std::string_view body) {
   std::call_once(swept[memory ? 1 : 0], sweep_temporary_files, folder);
 
   static std::atomic<unsigned> counter;
-  const std::string temporary = TEMPORARY_MARK + std::to_string(getpid()) + "." + std::to_string(counter.fetch_add(1));
+  const std::string temporary = temporary_mark + std::to_string(getpid()) + "." + std::to_string(counter.fetch_add(1));
   const std::string id = hex16(new_write_id());
   const std::string name = type_name(type);
   std::string bytes =
@@ -181,7 +181,7 @@ int store_value(const char *key, int type, std::string_view body) {
   /* Values under "memory/" end with the session, so a power cut takes nothing that was to stay. */
   if (platform_file_replace(dir.fd, vconf_key_file(key).c_str(), temporary.c_str(), bytes.data(), bytes.size(), !memory,
                             &step) != 0) {
-    __dlog_print(DLOG_ERROR, LOG_TAG, "cannot %s the value of \"%s\": %s", step, key, strerror(errno));
+    __dlog_print(DLOG_ERROR, log_tag, "cannot %s the value of \"%s\": %s", step, key, strerror(errno));
     return -1;
   }
   return 0;
@@ -206,8 +206,8 @@ void collect_keys(bool memory, std::vector<std::string> *keys) {
 
 bool vconf_key_valid(const char *key) {
   if (key == nullptr) return false;
-  const std::string_view text(key, strnlen(key, KEY_MAX + 1));
-  if (text.empty() || text.size() > KEY_MAX) return false;
+  const std::string_view text(key, strnlen(key, key_max + 1));
+  if (text.empty() || text.size() > key_max) return false;
   size_t start = 0;
   while (true) {
     const size_t slash = std::min(text.find('/', start), text.size());
@@ -240,10 +240,10 @@ vconf_value vconf_value_read(const char *key) {
   const platform_folder dir(folder.c_str());
   const std::string name = vconf_key_file(key);
   std::string bytes;
-  const int result = dir.fd < 0 ? -1 : platform_file_read(dir.fd, name.c_str(), VALUE_MAX + HEAD_MAX, &bytes);
+  const int result = dir.fd < 0 ? -1 : platform_file_read(dir.fd, name.c_str(), value_max + head_max, &bytes);
   if (result != 0 && errno == ENOENT) return value;
   if (result == 0 && parse_value(bytes, &value)) return value;
-  __dlog_print(DLOG_WARN, LOG_TAG, "the value of \"%s\" is unreadable", key);
+  __dlog_print(DLOG_WARN, log_tag, "the value of \"%s\" is unreadable", key);
   value = {};
   /* Watchers still want to tell one broken file from the next. */
   struct stat info {};
@@ -284,7 +284,7 @@ int vconf_set_int(const char *key, int value) {
 }
 
 int vconf_set_str(const char *key, const char *value) {
-  if (value == nullptr || strnlen(value, VALUE_MAX + 1) > VALUE_MAX || !text_utf8_valid(value)) return -1;
+  if (value == nullptr || strnlen(value, value_max + 1) > value_max || !text_utf8_valid(value)) return -1;
   return store_value(key, VCONF_TYPE_STRING, value);
 }
 

@@ -140,7 +140,7 @@ using Changes = Contacts;
 using BadFile = Contacts;
 using lines = std::vector<std::string>;
 
-/* --- queries ---------------------------------------------------------------------------------------------------- */
+/* --- queries --- */
 
 TEST_F(Contacts, AreFoundByAddressAndById) {
   EXPECT_TRUE(by_address("anna@example.org").empty()); /* no file yet */
@@ -220,7 +220,7 @@ TEST_F(Contacts, AreRemovedByAddressWithAllTheyHave) {
   EXPECT_EQ(query(_contacts_person._uri, nullptr), (lines{"3 Cy", "4 Di"})); /* an id is never given twice */
 }
 
-/* --- vCards ----------------------------------------------------------------------------------------------------- */
+/* --- vCards --- */
 
 TEST_F(VCard, ReadsWhatPhonesWrite) {
   const struct {
@@ -382,7 +382,7 @@ TEST_F(VCard, SurvivesAnyDamage) {
   for (const auto &person : all()) EXPECT_FALSE(person["name"].get<std::string>().empty());
 }
 
-/* --- changes ---------------------------------------------------------------------------------------------------- */
+/* --- changes --- */
 
 struct listener {
   std::vector<std::string> *heard;
@@ -432,7 +432,7 @@ TEST_F(Changes, ReachOtherProcessesInTheOrderOfRegistration) {
   EXPECT_EQ(contacts_db_remove_changed_cb(_contacts_person._uri, on_changed, &third), CONTACTS_ERROR_NONE);
 }
 
-/* --- damaged, foreign and locked files -------------------------------------------------------------------------- */
+/* --- damaged, foreign and locked files --- */
 
 TEST_F(BadFile, IsAnErrorAndStaysAsItIs) {
   ASSERT_EQ(import(card("FN:Anna\r\nEMAIL:a@x\r\n")), "");

@@ -225,7 +225,7 @@ TEST(Private, FoldersThatOthersMayChangeAreNotUsed) {
   EXPECT_FALSE(inspect_allowed_in(root.c_str()));
 }
 
-/* --- notification ----------------------------------------------------------------------------------------------- */
+/* --- notification --- */
 
 struct watcher {
   std::vector<std::string> seen;
@@ -322,7 +322,7 @@ TEST(Notify, FoldersMayComeAndGo) {
   vconf_ignore_key_changed(KEY, on_changed);
 }
 
-/* --- pickover --------------------------------------------------------------------------------------------------- */
+/* --- pickover --- */
 
 constexpr const char *MESSAGE = "file/private/wcontext/service_msg";
 constexpr const char *REGISTRATION = "memory/private/pickover/registration";
@@ -360,7 +360,7 @@ TEST(Pickover, ExpiredAndDamagedRegistrationsAreNone) {
   vconf_unset(REGISTRATION);
 }
 
-/* --- log -------------------------------------------------------------------------------------------------------- */
+/* --- log --- */
 
 TEST(Log, OneCallIsOneLine) {
   const char *path = getenv("BRISEL_LOG_FILE");

@@ -54,8 +54,7 @@ Evas_Object *fill(Evas_Object *obj) {
   return obj;
 }
 
-/* --- a list ----------------------------------------------------------------------------------------------------------
- */
+/* --- a list --- */
 
 char *row_text(void *data, Evas_Object *obj, const char *part) {
   char text[32];
@@ -83,8 +82,7 @@ void list_scene(void) {
     elm_genlist_item_append(scene, rows, reinterpret_cast<void *>(i), nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
 }
 
-/* --- gestures --------------------------------------------------------------------------------------------------------
- */
+/* --- gestures --- */
 
 Evas_Event_Flags tapped(void *data, void *event_info) {
   const auto *info = static_cast<Elm_Gesture_Taps_Info *>(event_info);
@@ -112,8 +110,7 @@ void gesture_scene(void) {
   on(ELM_GESTURE_ZOOM, ELM_GESTURE_STATE_END, zoomed, "zoom end");
 }
 
-/* --- pages
- * ------------------------------------------------------------------------------------------------------------- */
+/* --- pages --- */
 
 void page_changed(void *data, Evas_Object *obj, void *event_info) {
   int page;
@@ -142,8 +139,7 @@ void page_scene(void) {
   evas_object_smart_callback_add(scene, "scroll,page,changed", page_changed, nullptr);
 }
 
-/* --- text
- * ---------------------------------------------------------------------------------------------------------------- */
+/* --- text --- */
 
 void entry_changed(void *data, Evas_Object *obj, void *event_info) {
   char *plain = elm_entry_markup_to_utf8(elm_entry_entry_get(obj));
@@ -201,8 +197,7 @@ void text_scene(void) {
   evas_object_show(block);
 }
 
-/* --- keys
- * ------------------------------------------------------------------------------------------------------------------ */
+/* --- keys --- */
 
 Evas_Object *key_objects[3];
 
@@ -232,8 +227,7 @@ void key_scene(void) {
   ea_object_event_callback_add(key_objects[2], EA_CALLBACK_BACK, key_once, const_cast<char *>("top"));
 }
 
-/* --- launches
- * ---------------------------------------------------------------------------------------------------------------- */
+/* --- launches --- */
 
 void replied(service_h request, service_h reply, int result, void *data) {
   tell("reply %d %s", result, extra(reply, "__BT_CONNECTION__").c_str());
@@ -281,8 +275,7 @@ void action(const std::string &name) {
   if (name == "exit") app_efl_exit();
 }
 
-/* --- the lifecycle
- * -------------------------------------------------------------------------------------------------------------- */
+/* --- the lifecycle --- */
 
 bool create(void *data) {
   const char *delay = getenv("PROBE_CREATE_DELAY");

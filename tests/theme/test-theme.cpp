@@ -4,36 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
-/* The toolkit's canvas keeps a few bytes of every object with members. Only where nothing of ours runs below it may the
-   leak checker pass over the whole library. */
-extern "C" const char *__lsan_default_suppressions(void);
-extern "C" const char *__lsan_default_suppressions(void) {
-  return "leak:libevas.so\n";
-}
+#include "loop.h"
 
 namespace {
 
 std::string file(const std::string &name) {
   return std::string(getenv("BRISEL_RES_DIR")) + "/edje/" + name + ".edj";
-}
-
-/* Runs the main loop until the condition holds, or gives up. */
-bool until(const std::function<bool()> &condition) {
-  bool late = false;
-  Ecore_Timer *limit = ecore_timer_add(
-      5.0,
-      [](void *data) -> Eina_Bool {
-        *static_cast<bool *>(data) = true;
-        return ECORE_CALLBACK_CANCEL;
-      },
-      &late);
-  while (!condition() && !late) ecore_main_loop_iterate_may_block(EINA_TRUE);
-  if (!late) ecore_timer_del(limit);
-  return !late;
 }
 
 /* A few frames: everything that was asked for is laid out and drawn. */
@@ -45,7 +24,7 @@ void frames(int count = 4) {
         return ECORE_CALLBACK_RENEW;
       },
       &left);
-  until([&left] { return left <= 0; });
+  run_until([&left] { return left <= 0; });
   ecore_animator_del(animator);
 }
 
@@ -73,7 +52,7 @@ Evas_Object *picture(Evas_Object *parent, int height) {
   return rect;
 }
 
-/* --- names ---------------------------------------------------------------------------------------------------- */
+/* --- names --- */
 
 struct group_parts {
   const char *file, *group;
@@ -167,7 +146,7 @@ TEST_F(Theme, DressesEveryWidgetStyle) {
   }
 }
 
-/* --- rows ----------------------------------------------------------------------------------------------------- */
+/* --- rows --- */
 
 char *row_text(void *, Evas_Object *, const char *part) {
   return strdup(part);
@@ -241,60 +220,7 @@ TEST_F(Theme, ShowsEveryPartOfEveryRow) {
   }
 }
 
-TEST_F(Theme, SweepsTheWayTheFingerWent) {
-  for (bool mirrored : {false, true}) {
-    elm_config_mirrored_set(mirrored);
-    for (const char *way : {"left", "right"}) {
-      list made = make_list(win, "email/sweep", 3);
-      Elm_Object_Item *it = elm_genlist_first_item_get(made.genlist);
-      Evas_Object *bar = elm_object_item_part_content_get(it, "elm.swallow.colorbar");
-      Evas_Object *undo = elm_object_item_part_content_get(it, "elm.icon.sweep");
-      const int home = place(bar).x;
-      EXPECT_FALSE(evas_object_visible_get(undo));
-      elm_object_item_signal_emit(it, (std::string("elm,state,sweep,") + way).c_str(), "");
-      const bool left = strcmp(way, "left") == 0;
-      EXPECT_TRUE(until([&] { return left ? place(bar).x == home - 320 : place(bar).x == home + 320; }))
-          << way << (mirrored ? " mirrored" : "") << ": the row stands at " << place(bar).x;
-      EXPECT_TRUE(evas_object_visible_get(undo));
-      EXPECT_GE(place(undo).w, 48);
-      EXPECT_GE(place(undo).h, 48);
-      elm_object_item_signal_emit(it, "elm,state,sweep,hide", "");
-      EXPECT_TRUE(until([&] { return place(bar).x == home; }));
-      EXPECT_FALSE(evas_object_visible_get(undo));
-      elm_genlist_item_class_free(made.itc);
-      evas_object_del(made.genlist);
-    }
-  }
-}
-
-/* The genlist keeps a deleted row's view and gives it to another row. */
-TEST_F(Theme, GivesNoRowTheSweepOfAnother) {
-  list made = make_list(win, "email/sweep", 60);
-  Elm_Object_Item *it = elm_genlist_first_item_get(made.genlist);
-  elm_object_item_signal_emit(it, "elm,state,sweep,left", "");
-  elm_object_item_signal_emit(it, "elm,state,bottomline,hide", "");
-  frames(30);
-  elm_object_item_del(it);
-  frames();
-  int seen = 0;
-  for (Elm_Object_Item *to : {elm_genlist_last_item_get(made.genlist), elm_genlist_first_item_get(made.genlist)}) {
-    elm_genlist_item_show(to, ELM_GENLIST_ITEM_SCROLLTO_IN);
-    frames();
-    Eina_List *rows = elm_genlist_realized_items_get(made.genlist);
-    void *row;
-    EINA_LIST_FREE(rows, row) {
-      Evas_Object *undo = elm_object_item_part_content_get(static_cast<Elm_Object_Item *>(row), "elm.icon.sweep");
-      Evas_Object *bar = elm_object_item_part_content_get(static_cast<Elm_Object_Item *>(row), "elm.swallow.colorbar");
-      EXPECT_FALSE(evas_object_visible_get(undo));
-      EXPECT_EQ(place(bar).x, 0);
-      seen++;
-    }
-  }
-  EXPECT_GT(seen, 8);
-  elm_genlist_item_class_free(made.itc);
-}
-
-/* Nor its text's width: a view that showed a short text must show a long one whole. */
+/* The genlist gives a deleted row's view to another row: one that showed a short text must show a long one whole. */
 TEST_F(Theme, ShowsALongTextWhereAShortOneWas) {
   struct text_part {
     const char *group, *part;
@@ -334,7 +260,7 @@ TEST_F(Theme, ShowsALongTextWhereAShortOneWas) {
   }
 }
 
-/* --- sizes ---------------------------------------------------------------------------------------------------- */
+/* --- sizes --- */
 
 TEST_F(Theme, HasTargetsAFingerHits) {
   Evas_Object *(*const kinds[])(Evas_Object *) = {elm_button_add, elm_check_add, elm_radio_add};
@@ -354,7 +280,7 @@ TEST_F(Theme, HasTargetsAFingerHits) {
   }
 }
 
-/* --- the reader ----------------------------------------------------------------------------------------------- */
+/* --- the reader --- */
 
 struct page_case {
   int width;
@@ -430,39 +356,6 @@ TEST_F(Theme, LaysTheReadersFieldsOutWithoutOverlap) {
   }
 }
 
-TEST_F(Theme, AnswersTheReadersSignals) {
-  struct step {
-    const char *signal, *part;
-    bool shown;
-  };
-  const step table[] = {
-      {"do-show-device-field", "detail.device", true},     {"do-process-device-field", "detail.device", false},
-      {"do-process-device-field", "detail.process", true}, {"start,progress", "detail.progress_bg", true},
-      {"stop,progress", "detail.progress_bg", false},      {"do-show-device-field", "detail.process", false},
-      {"do-show-device-field", "detail.device", true},     {"do-hide-device-field", "detail.device", false},
-      {"do-show-image-field", "detail.image", true},       {"do-show-attachment-field", "detail.attachment", true},
-      {"do-dual-button-field", "detail.rbutton", true},
-  };
-  Evas_Object *edje = edje_object_add(evas_object_evas_get(win));
-  ASSERT_TRUE(edje_object_file_set(edje, file("brisel").c_str(), "brisel/detail"));
-  evas_object_resize(edje, 320, 1000);
-  edje_object_part_text_set(edje, "detail.attachment", "text");
-  const auto shown = [&](const char *part) {
-    int h = 0;
-    double value = 0;
-    edje_object_calc_force(edje);
-    edje_object_part_geometry_get(edje, part, nullptr, nullptr, nullptr, &h);
-    return h > 0 && strcmp(edje_object_part_state_get(edje, part, &value), "default") != 0;
-  };
-  for (const char *part : {"detail.image", "detail.device", "detail.process", "detail.attachment", "detail.rbutton"})
-    EXPECT_FALSE(shown(part)) << part;
-  for (const step &one : table) {
-    edje_object_signal_emit(edje, one.signal, strstr(one.signal, "progress") ? "" : "brisel");
-    edje_object_message_signal_process(edje);
-    EXPECT_EQ(shown(one.part), one.shown) << one.signal << " " << one.part;
-  }
-}
-
 /* The label of a hidden notice stays in its part. */
 TEST_F(Theme, GivesAHiddenNoticeNoRoom) {
   Evas_Object *edje = edje_object_add(evas_object_evas_get(win));
@@ -482,7 +375,7 @@ TEST_F(Theme, GivesAHiddenNoticeNoRoom) {
   EXPECT_EQ(height("do-hide-device-field"), without);
 }
 
-/* --- colours -------------------------------------------------------------------------------------------------- */
+/* --- colours --- */
 
 TEST_F(Theme, HasALightColourForEveryRole) {
   Eina_File *platform = eina_file_open(file("platform").c_str(), EINA_FALSE);
@@ -509,12 +402,3 @@ TEST_F(Theme, HasALightColourForEveryRole) {
 }
 
 }  // namespace
-
-int main(int argc, char **argv) {
-  testing::InitGoogleTest(&argc, argv);
-  ecore_app_no_system_modules();
-  elm_init(argc, argv);
-  const int result = RUN_ALL_TESTS();
-  elm_shutdown();
-  return result;
-}
