@@ -24,6 +24,7 @@
 #define BRISEL_KEY_LANGUAGE "db/menu_widget/language"
 #define BRISEL_KEY_REGION "db/menu_widget/regionformat"
 #define BRISEL_KEY_REPLY_VALUE "file/private/msg-consumer-server/reply_value"
+#define BRISEL_KEY_TEMPLATE_ORDER "file/private/brisel/template_order" /* 0: the most used first; else the phone's */
 #define BRISEL_KEY_TEMPLATE_CHANGED "memory/private/msg-consumer-server/change_text_template"
 #define BRISEL_KEY_FONT_SIZE "db/setting/accessibility/font_size"
 #define BRISEL_KEY_PICKOVER "file/private/wcontext/service_msg"

@@ -153,7 +153,7 @@ static Evas_Object *__brisel_option_reply_create_genlist(Evas_Object *layout, op
     brisel_template_data_list_free(templates);
     return nullptr;
   }
-  vd->template_list = templates;
+  vd->template_list = brisel_reply_usage_sort(templates);
   Evas_Object *genlist = __brisel_option_reply_make_list(layout, vd);
   if (genlist) __brisel_option_reply_append_templates(vd, genlist);
   return genlist;
@@ -193,7 +193,7 @@ static void __brisel_option_reply_template_change_cb(keynode_t *node, void *data
   GSList *templates = nullptr;
   int ret = brisel_db_get_all_template_data(&templates);
   if (ret == 0) {
-    vd->template_list = templates;
+    vd->template_list = brisel_reply_usage_sort(templates);
   } else {
     BRISEL_ERROR("brisel_db_get_all_template_data() failed! err:[%d]", ret);
     brisel_template_data_list_free(templates);
@@ -235,8 +235,9 @@ static void __brisel_option_reply_popup_response_cb(void *data, Evas_Object *obj
     if (!brisel_view_phone_ready(vd->ad)) return;
     Evas_Object *label = __brisel_option_reply_popup_label(vd->popup);
     if (!label) return;
-    if (__brisel_option_reply_send_reply_message(vd, elm_object_text_get(label)))
-      brisel_util_pop_view(vd->ad->naviframe);
+    if (!__brisel_option_reply_send_reply_message(vd, elm_object_text_get(label))) return;
+    brisel_reply_usage_add(vd->chosen);
+    brisel_util_pop_view(vd->ad->naviframe);
   } else {
     brisel_widget_ref_drop(&vd->popup);
   }
@@ -280,6 +281,7 @@ static void __brisel_option_reply_gl_sel_templates(void *data, Evas_Object *obj,
   evas_object_smart_callback_add(popup, "language,changed", __brisel_option_reply_popup_to_cb, vd);
 
   const template_data *td = __brisel_option_reply_template(vd, data);
+  vd->chosen = td && td->text ? td->text : "";
   if (td && td->template_id != -1) {
     Evas_Object *label = __brisel_option_reply_popup_label(popup);
     if (label) __brisel_option_reply_show_template(label, td);

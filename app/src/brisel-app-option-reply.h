@@ -34,6 +34,7 @@ struct option_reply_view_data {
   bool sent = false;  /* nothing more goes out while the view leaves */
   bool typed = false; /* the typed view, wholly built */
   std::string text;   /* typed reply: what stands in the entry, kept as the mail's draft; "" once it is sent */
+  std::string chosen; /* templates: the text, as the store has it, that the question is about */
   GSList *template_list = nullptr;    /* template_data, owned */
   Ecore_Job *take_back_job = nullptr; /* typed reply: the start of a character whose rest was refused is to go */
   int take_back = 0;                  /* its code points */
@@ -59,6 +60,13 @@ char *brisel_reply_to_markup(const brisel_reply_mail &mail);
 /* Sends text (markup) as the reply to the view's mail. false: it is not kept anywhere, and the user was told why by a
    toast; the view stays, so that it can be tried again. */
 bool __brisel_option_reply_send_reply_message(option_reply_view_data *vd, const char *text);
+
+/* --- which templates are used: brisel-app-option-reply-usage.cpp --- */
+
+/* Counts that the template was sent. text: as the store has it. */
+void brisel_reply_usage_add(const std::string &text);
+/* The same list, the most used first, unless the setting keeps the phone's order. */
+GSList *brisel_reply_usage_sort(GSList *templates);
 
 /* --- drafts: brisel-app-option-reply-draft.cpp --- */
 

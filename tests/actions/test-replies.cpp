@@ -17,6 +17,7 @@ struct replies : acting {
     phone.set_templates({"IDS_MSG_TEMPLATE_1", "IDS_MSG_TEMPLATE_2"});
     acting::TearDown();
     std::filesystem::remove_all(draft_path().parent_path());
+    std::filesystem::remove(std::filesystem::path(platform_app_state_dir()) / "template-uses");
   }
   void open_templates(int mail_id, full_noti_data *mail = nullptr) {
     ASSERT_EQ(brisel_option_reply_templetes_draw_view(mail_id, &test_ad, mail), 0);
@@ -136,6 +137,28 @@ TEST_F(replies, TemplatesFollowTheirChanges) {
   views_become(1);
   EXPECT_FALSE(logged("E/Invalid parameter: td  is NULL!"));
   phone.set_templates({"Nobody looks"});
+}
+
+TEST_F(replies, TheMostUsedTemplatesComeFirstUnlessThePhonesOrderIsWanted) {
+  const int id = start_one({.from_name = "Ann"});
+  phone.set_templates({"Alpha", "Beta", "Gamma"});
+  for (const char *chosen : {"Gamma", "Gamma", "Beta"}) {
+    open_templates(id);
+    tap(text_at(chosen));
+    EXPECT_TRUE(visible(text("IDS_COM_SK_SEND")));
+    tap(text_at(text("IDS_COM_SK_SEND")));
+    views_become(1);
+  }
+  open_templates(id);
+  rows_become({"Gamma", "Beta", "Alpha"});
+  phone.set_templates({"Delta", "Beta", "Gamma"});
+  rows_become({"Gamma", "Beta", "Delta"});
+  back();
+  views_become(1);
+  vconf_set_int(BRISEL_KEY_TEMPLATE_ORDER, 1);
+  open_templates(id);
+  rows_become({"Delta", "Beta", "Gamma"});
+  vconf_unset(BRISEL_KEY_TEMPLATE_ORDER);
 }
 
 TEST_F(replies, AFailedFirstReadIsMadeUpForByTheNextChangeAndTheMailIsACopy) {
