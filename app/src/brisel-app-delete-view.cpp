@@ -6,8 +6,8 @@
 #include <cstring>
 #include <vector>
 
-#include "brisel-app-option-common.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 #include "brisel-app.h"
 #include "brisel-scoped.h"
 
@@ -126,11 +126,11 @@ static void _gl_delete_view_del(void *data, Evas_Object *obj) {
 }
 
 static Elm_Genlist_Item_Class *_new_row_class() {
-  return brisel_option_new_row_class("2text.1icon.1", _gl_text_get, _gl_icon_get, _gl_delete_view_del);
+  return brisel_view_new_row_class("2text.1icon.1", _gl_text_get, _gl_icon_get, _gl_delete_view_del);
 }
 
 static void _gl_delete_view_realized_cb(void *data, Evas_Object *obj, void *event_info) {
-  brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
+  brisel_view_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
 static delete_item_data *_row_of_mail(const full_noti_data *noti_data, delete_view_data *vd) {
@@ -191,7 +191,7 @@ static void _delete_popup_ok_cb(void *data, Evas_Object *obj, void *event_info) 
 
 static void _set_delete_popup_text(delete_view_data *vd) {
   if (vd->selected_cnt == 1) {
-    brisel_option_popup_translate(vd->popup, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
+    brisel_view_popup_translate(vd->popup, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
     return;
   }
   char *text =
@@ -213,8 +213,7 @@ static void _create_delete_popup(delete_view_data *vd) {
     return;
   }
   brisel_widget_ref_drop(&vd->popup);
-  Evas_Object *popup =
-      brisel_option_create_delete_popup(vd->ad->naviframe, _delete_popup_cancel_cb, _delete_popup_ok_cb, vd);
+  Evas_Object *popup = brisel_view_delete_popup(vd->ad->naviframe, _delete_popup_cancel_cb, _delete_popup_ok_cb, vd);
   if (!popup) return;
   brisel_widget_ref_set(&vd->popup, popup);
   _set_delete_popup_text(vd);
@@ -409,7 +408,7 @@ void brisel_update_delete_view(int update_type, GSList *id_list, appdata *ad) {
     vd->selected_list = _without(vd->selected_list, gone, false);
     vd->item_list = _without(vd->item_list, gone, true);
     g_hash_table_destroy(gone);
-    brisel_option_hide_last_bottomline(vd->genlist, elm_genlist_last_item_get(vd->genlist));
+    brisel_view_hide_last_bottomline(vd->genlist, elm_genlist_last_item_get(vd->genlist));
   } else {
     return;
   }
@@ -436,7 +435,7 @@ static Eina_Bool _brisel_delete_view_pop_cb(void *data, Elm_Object_Item *item) {
 int brisel_crete_delete_view(appdata *ad) {
   BRISEL_INFO("Enter");
   delete_view_data *vd;
-  if (!brisel_option_new_record(ad, BRISEL_VIEW_TYPE_DELETE_VIEW, &vd)) return ad ? -3 : -1;
+  if (!brisel_view_new_record(ad, BRISEL_VIEW_TYPE_DELETE_VIEW, &vd)) return ad ? -3 : -1;
   vd->select_all = 0;
   vd->account_id = ad->account_id;
   /* No mail is open under it: the deletion of the one that was read before closes nothing. */
@@ -458,7 +457,7 @@ int brisel_crete_delete_view(appdata *ad) {
   elm_object_disabled_set(vd->delete_btn, EINA_TRUE);
 
   Elm_Object_Item *item =
-      brisel_option_push(ad, layout, nullptr, select_all_btn, _brisel_delete_view_pop_cb, (brisel_view_head *)vd);
+      brisel_view_push(ad, layout, nullptr, select_all_btn, _brisel_delete_view_pop_cb, (brisel_view_head *)vd);
   elm_object_item_domain_translatable_text_set(item, BRISEL_DOMAIN, "IDS_EMAIL_BODY_DELETE");
   BRISEL_INFO("Leave");
   return 0;

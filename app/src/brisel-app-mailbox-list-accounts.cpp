@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "brisel-app-option-common.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 #include "efl_assist.h"
 
 /* A row of the account selection popup; owned by its genlist item. */
@@ -155,7 +155,7 @@ static void _gl_popup_sel(void *data, Evas_Object *obj, void *event_info) {
 }
 
 static void _popup_row_realized_cb(void *data, Evas_Object *obj, void *event_info) {
-  brisel_option_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
+  brisel_view_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
 /* account NULL: the combined row. Returns the row's item, or NULL. */
@@ -204,9 +204,9 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, _popup_response_cb, ad);
 
   Elm_Genlist_Item_Class *itc_combined =
-      brisel_option_new_row_class("1text.1icon.1", _gl_popup_text_get, _gl_popup_content_get, _gl_popup_del);
+      brisel_view_new_row_class("1text.1icon.1", _gl_popup_text_get, _gl_popup_content_get, _gl_popup_del);
   Elm_Genlist_Item_Class *itc_account =
-      brisel_option_new_row_class("2text.1icon.1", _gl_popup_text_get, _gl_popup_content_get, _gl_popup_del);
+      brisel_view_new_row_class("2text.1icon.1", _gl_popup_text_get, _gl_popup_content_get, _gl_popup_del);
   Evas_Object *gl = elm_genlist_add(popup);
   elm_object_style_set(gl, "popup");
   elm_genlist_homogeneous_set(gl, EINA_TRUE);

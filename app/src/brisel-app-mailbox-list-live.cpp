@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <vector>
 
-#include "brisel-app-option-common.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 
 /* --- one mail --- */
 
@@ -162,7 +162,7 @@ static void _update_list_surroundings(appdata *ad) {
     _update_header(group->it);
   }
   _set_delete_btn(ad, mail_cnt > 0);
-  brisel_option_hide_last_bottomline(ad->mailbox_genlist, elm_genlist_last_item_get(ad->mailbox_genlist));
+  brisel_view_hide_last_bottomline(ad->mailbox_genlist, elm_genlist_last_item_get(ad->mailbox_genlist));
 
   int total = _count_all_mails();
   if (!ad->nocontents_shown && total == 0) {

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "brisel-app-option-common.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 #include "brisel-scoped.h"
 
 int _scaled(int pixels) {
@@ -128,11 +128,11 @@ void _mailbox_list_language_changed_cb(void *data, Evas_Object *obj, void *event
 }
 
 Elm_Genlist_Item_Class *_new_group_class(Elm_Genlist_Item_Del_Cb del) {
-  return brisel_option_new_row_class("email/group", _gl_group_text_get, nullptr, del);
+  return brisel_view_new_row_class("email/group", _gl_group_text_get, nullptr, del);
 }
 
 Elm_Genlist_Item_Class *_new_mail_class(Elm_Genlist_Item_Del_Cb del) {
-  Elm_Genlist_Item_Class *row_class = brisel_option_new_row_class("email/sweep", _gl_text_get, _gl_icon_get, del);
+  Elm_Genlist_Item_Class *row_class = brisel_view_new_row_class("email/sweep", _gl_text_get, _gl_icon_get, del);
   if (row_class) row_class->func.reusable_content_get = _gl_icon_reuse;
   return row_class;
 }

@@ -2,8 +2,8 @@
    blocked_item and the freeze of the list; the list's touches come here first. */
 #include "brisel-app-mailbox-list.h"
 
-#include "brisel-app-option-common.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 #include "genlist-fx.h"
 
 /* The way the swept row went: a row that is drawn anew while swept must look the same again. */
@@ -57,7 +57,7 @@ static void _delete_mail_by_sweep(appdata *ad, bool with_effect) {
   elm_object_item_del(item->it);
   BRISEL_INFO("sweep item is removed");
   ad->sweep_item = nullptr;
-  brisel_option_hide_last_bottomline(ad->mailbox_genlist, elm_genlist_last_item_get(ad->mailbox_genlist));
+  brisel_view_hide_last_bottomline(ad->mailbox_genlist, elm_genlist_last_item_get(ad->mailbox_genlist));
   if (with_effect) elm_genlist_fx_mode_set(ad->mailbox_genlist, EINA_FALSE);
 }
 
