@@ -130,9 +130,7 @@ def test_on_a_round_display_nothing_lies_outside_the_circle(s):
     look("IDS_EMAIL_SK_REPLY")
     s.tap(s.text("IDS_EMAIL_SK_REPLY"))
     s.wait_gone(s.text("IDS_EMAIL_SK_REPLY"))
-    s.rest()
-    s.watch("tap", 180, 120)  # the entry, which opens the keypad
-    look("q")
+    look("Q")
 
 
 if __name__ == "__main__":
