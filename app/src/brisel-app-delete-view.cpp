@@ -224,6 +224,7 @@ static void _create_delete_popup(delete_view_data *vd) {
 /* --- buttons --- */
 
 static void _select_all_btn_select_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   delete_view_data *vd = (delete_view_data *)data;
   if (!vd) {
     BRISEL_WARN("view_data is NULL");
@@ -399,6 +400,7 @@ static void _insert_rows(delete_view_data *vd, GSList *ids) {
 }
 
 void brisel_update_delete_view(int update_type, GSList *id_list, appdata *ad) {
+  BRISEL_INFO("Enter");
   delete_view_data *vd = (delete_view_data *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DELETE_VIEW, ad);
   if (!vd || !vd->genlist) return;
   if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD) {

@@ -22,6 +22,7 @@ struct popup_item_data {
 /* --- the header --- */
 
 static void _create_one_account_toast_popup(appdata *ad) {
+  BRISEL_INFO("Enter");
   if (!ad) {
     BRISEL_ERROR("ad is NULL!");
     return;
@@ -54,6 +55,7 @@ static void _step_account(appdata *ad, GSList *accounts) {
 }
 
 void _gl_group_sel(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   Elm_Object_Item *it = _take_selection(event_info);
   if (!it) return;
   group_item_data *group = (group_item_data *)data;
@@ -131,6 +133,7 @@ static void _gl_popup_del(void *data, Evas_Object *obj) {
 }
 
 static void _popup_response_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   appdata *ad = (appdata *)data;
   if (!ad) {
     BRISEL_ERROR("data is NULL");
@@ -140,6 +143,7 @@ static void _popup_response_cb(void *data, Evas_Object *obj, void *event_info) {
 }
 
 static void _gl_popup_sel(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   Elm_Object_Item *it = _take_selection(event_info);
   if (!it) return;
   popup_item_data *row = (popup_item_data *)data;
@@ -192,6 +196,7 @@ static void _show_choice(appdata *ad, Evas_Object *gl) {
 }
 
 Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
+  BRISEL_INFO("Enter");
   if (ad->account_popup) {
     BRISEL_INFO("popup is already existed. remove it.");
     brisel_util_drop_popup(&ad->account_popup);

@@ -201,6 +201,7 @@ static void _end_question_of_gone_mail(GSList *ids, appdata *ad) {
 }
 
 void brisel_update_mailbox_accounts(appdata *ad) {
+  BRISEL_INFO("Enter");
   Elm_Object_Item *group_item = _group_item(ad);
   const int shown = ad->account_id;
   if (!group_item || !_update_group_data(ad, group_item)) return;
@@ -213,6 +214,7 @@ void brisel_update_mailbox_accounts(appdata *ad) {
 }
 
 void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad) {
+  BRISEL_INFO("Enter");
   BRISEL_INFO("updated_cnt : %d, type : %d", (int)g_slist_length(id_list), update_type);
   if (!id_list) return;
   const frozen_events frozen(ad->mailbox_genlist);
@@ -262,6 +264,7 @@ void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad) {
 }
 
 void brisel_check_mail_on_db(appdata *ad) {
+  BRISEL_INFO("Enter");
   if (!ad->nocontents_shown) return;
   if (_count_all_mails() <= 0) return;
   BRISEL_INFO("Mailbox list is not updated. Update it by force");
@@ -271,6 +274,7 @@ void brisel_check_mail_on_db(appdata *ad) {
 }
 
 void brisel_check_current_mailbox_account_by_mail_id(int mail_id, appdata *ad) {
+  BRISEL_INFO("Enter");
   if (!ad) {
     BRISEL_ERROR("data == NULL");
     return;

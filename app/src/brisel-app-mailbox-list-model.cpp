@@ -123,6 +123,7 @@ static void _read_group_account(group_item_data *group, appdata *ad) {
 }
 
 static group_item_data *_make_group_data(appdata *ad) {
+  BRISEL_INFO("Enter");
   BRISEL_INFO("account_id = %d", ad->account_id);
   group_item_data *group = (group_item_data *)calloc(1, sizeof(group_item_data));
   if (!group) {
@@ -136,6 +137,7 @@ static group_item_data *_make_group_data(appdata *ad) {
 }
 
 group_item_data *_update_group_data(appdata *ad, Elm_Object_Item *group_item) {
+  BRISEL_INFO("Enter");
   if (!group_item) {
     BRISEL_ERROR("group_item is NULL, invalid parameter");
     return nullptr;
@@ -264,6 +266,7 @@ void _update_header(Elm_Object_Item *group_item) {
 }
 
 void _refresh_mailbox_list(appdata *ad) {
+  BRISEL_INFO("Enter");
   Evas_Object *gl = ad->mailbox_genlist;
   if (!gl) {
     BRISEL_INFO("gl is NULL");

@@ -124,6 +124,7 @@ void _row_unrealized_cb(void *data, Evas_Object *obj, void *event_info) {
 }
 
 void _mailbox_list_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   elm_genlist_realized_items_update(obj);
 }
 

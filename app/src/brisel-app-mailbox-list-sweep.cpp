@@ -24,6 +24,7 @@ bool _is_blocked_once(appdata *ad, Elm_Object_Item *it) {
 }
 
 void _revert_btn_select_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   item_data *item = (item_data *)data;
   if (!item || !item->it) return;
   elm_object_item_signal_emit(item->it, "elm,state,sweep,hide", "");
@@ -35,6 +36,7 @@ void _revert_btn_select_cb(void *data, Evas_Object *obj, void *event_info) {
 }
 
 static Eina_Bool _sweep_timer(void *data) {
+  BRISEL_INFO("Enter");
   appdata *ad = (appdata *)data;
   if (ad) {
     elm_object_scroll_freeze_pop(ad->mailbox_genlist);
@@ -46,6 +48,7 @@ static Eina_Bool _sweep_timer(void *data) {
 }
 
 static void _delete_mail_by_sweep(appdata *ad, bool with_effect) {
+  BRISEL_INFO("Enter");
   item_data *item = ad->sweep_item ? (item_data *)elm_object_item_data_get(ad->sweep_item) : nullptr;
   if (!item) return;
   /* Without a request record nothing was asked of the host: the row stays swept. Whatever else fails is logged, and
@@ -62,6 +65,7 @@ static void _delete_mail_by_sweep(appdata *ad, bool with_effect) {
 }
 
 void brisel_delete_sweep_item(appdata *ad) {
+  BRISEL_INFO("Enter");
   if (!ad->sweep_item) return;
   _delete_mail_by_sweep(ad, false);
   ad->blocked_item = nullptr;
@@ -93,10 +97,12 @@ static void _drag(appdata *ad, Elm_Object_Item *it, const char *signal) {
 }
 
 void _drag_left(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   _drag((appdata *)data, (Elm_Object_Item *)event_info, "elm,state,sweep,left");
 }
 
 void _drag_right(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   _drag((appdata *)data, (Elm_Object_Item *)event_info, "elm,state,sweep,right");
 }
 

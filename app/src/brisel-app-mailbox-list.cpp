@@ -10,6 +10,7 @@
 
 static void _brisel_mailbox_bt_connect_error_popup_result_cb(service_h request, service_h reply, int result,
                                                              void *data) {
+  BRISEL_INFO("Enter");
   appdata *ad = (appdata *)data;
   if (!ad) {
     BRISEL_WARN("user_data is NULL!");
@@ -26,12 +27,14 @@ static void _brisel_mailbox_bt_connect_error_popup_result_cb(service_h request, 
 }
 
 static void _security_alert_popup_cancel_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   appdata *ad = (appdata *)data;
   brisel_util_drop_popup(&ad->security_popup);
   ad->mail_id = 0;
 }
 
 static void _security_alert_popup_ok_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   appdata *ad = (appdata *)data;
   brisel_util_drop_popup(&ad->security_popup);
   if (!brisel_util_bluetooth_connection_popup(ad, _brisel_mailbox_bt_connect_error_popup_result_cb, "perform")) return;
@@ -41,6 +44,7 @@ static void _security_alert_popup_ok_cb(void *data, Evas_Object *obj, void *even
 }
 
 Evas_Object *brisel_create_security_alert_popup(appdata *ad) {
+  BRISEL_INFO("Enter");
   if (!ad) {
     BRISEL_ERROR("ad is NULL!");
     return nullptr;
@@ -60,6 +64,7 @@ Evas_Object *brisel_create_security_alert_popup(appdata *ad) {
 
 /* The selected row, which does not stay selected; NULL after the log line that says why. */
 static void _gl_mail_sel(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   Elm_Object_Item *it = _take_selection(event_info);
   if (!it) return;
   item_data *item = (item_data *)data;
@@ -94,6 +99,7 @@ static void _long_pressed_mail(item_data *item, Elm_Object_Item *it) {
 }
 
 static void _long_pressed_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
   Elm_Object_Item *it = (Elm_Object_Item *)event_info;
   if (!it) {
     BRISEL_ERROR("event_info is NULL");
@@ -117,6 +123,7 @@ static void _long_pressed_cb(void *data, Evas_Object *obj, void *event_info) {
 constexpr int rows_in_block = 6;
 
 Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad) {
+  BRISEL_INFO("Enter");
   ad->itc_group = _new_group_class(_gl_group_del);
   ad->itc_mail = _new_mail_class(_gl_del);
   _set_row_callbacks(_gl_mail_sel, _gl_group_sel);
