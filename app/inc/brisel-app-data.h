@@ -27,6 +27,8 @@
 #define BRISEL_KEY_TEMPLATE_ORDER "file/private/brisel/template_order" /* 0: the most used first; else the phone's */
 #define BRISEL_KEY_TEMPLATE_CHANGED "memory/private/msg-consumer-server/change_text_template"
 #define BRISEL_KEY_FONT_SIZE "db/setting/accessibility/font_size"
+/* Whether the rows of the mailbox show subjects; unset: they do. */
+#define BRISEL_KEY_LIST_SUBJECT "file/private/brisel/list_subject"
 #define BRISEL_KEY_PICKOVER "file/private/wcontext/service_msg"
 
 enum brisel_view_type {
@@ -94,6 +96,8 @@ struct item_data {
   char *title;       /* header: owned */
   Elm_Object_Item *it;
   appdata *ad;
+  int is_read;
+  char *subject; /* one line of plain text; owned; may be NULL */
 };
 typedef item_data group_item_data;
 

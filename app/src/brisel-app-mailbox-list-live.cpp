@@ -3,6 +3,7 @@
 #include "brisel-app-mailbox-list.h"
 
 #include <algorithm>
+#include <climits>
 #include <vector>
 
 #include "brisel-app-utils.h"
@@ -64,6 +65,8 @@ static void _insert_mails(GSList *ids, appdata *ad) {
   /* In the order of the rows; of one time, in the order of the event. */
   std::stable_sort(items.begin(), items.end(),
                    [](const item_data *a, const item_data *b) { return a->received_time > b->received_time; });
+  const int top = ad->mailbox_genlist ? _time_at_top(ad) : INT_MAX;
+  int above = 0;
   GList *next = ad->mail_list;
   for (item_data *item : items) {
     /* A refresh may have read it before its event came, and it must not stand there twice. */
@@ -72,8 +75,10 @@ static void _insert_mails(GSList *ids, appdata *ad) {
       _free_list_data(item);
     } else {
       next = _insert_mail(ad, item, next);
+      above += item->received_time > top;
     }
   }
+  _count_arrivals(ad, above);
 }
 
 static void _remove_mail_by_mail_id(int mail_id, appdata *ad) {

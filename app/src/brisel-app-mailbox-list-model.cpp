@@ -58,9 +58,25 @@ void _remove_from_model(appdata *ad, const item_data *item) {
 
 /* --- records --- */
 
+/* As much of a subject as could be seen in a row, in bytes. */
+constexpr size_t subject_shown_max = 240;
+
+/* A subject as one line of plain text; NULL when there is none. */
+static char *_line_of(const char *subject) {
+  char *line = subject && *subject ? strndup(subject, subject_shown_max + 4) : nullptr;
+  if (!line) return nullptr;
+  brisel_util_cut_utf8(line, subject_shown_max);
+  for (char *c = line; *c; c++)
+    if ((unsigned char)*c < ' ') *c = ' ';
+  return line;
+}
+
 void _read_item_state(item_data *item, const full_noti_data *mail) {
   item->is_new = mail->is_new;
   item->security_locked = mail->security_locked;
+  item->is_read = mail->is_read;
+  free(item->subject);
+  item->subject = _line_of(mail->subject);
 }
 
 static item_data *_item_data_from_mail(const full_noti_data *mail, appdata *ad) {
@@ -162,6 +178,7 @@ void _free_list_data(item_data *item) {
     return;
   }
   free(item->sender);
+  free(item->subject);
   free(item);
 }
 
@@ -274,6 +291,7 @@ void _refresh_mailbox_list(appdata *ad) {
   }
   ad->sweep_item = nullptr;
   ad->blocked_item = nullptr;
+  _clear_arrivals(ad);
   brisel_free_mail_list(ad);
 
   BRISEL_INFO("ad->account_id : %d", ad->account_id);

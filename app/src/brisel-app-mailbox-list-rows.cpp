@@ -8,6 +8,7 @@
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 #include "brisel-scoped.h"
+#include "vconf.h"
 
 int _scaled(int pixels) {
   return (int)(pixels * elm_config_scale_get());
@@ -54,6 +55,29 @@ static char *_gl_group_text_get(void *data, Evas_Object *obj, const char *part) 
   return nullptr;
 }
 
+static bool subjects_shown = true;
+
+static void _subjects_setting_cb(keynode_t *node, void *data) {
+  int shown = 1;
+  subjects_shown = vconf_get_bool(BRISEL_KEY_LIST_SUBJECT, &shown) < 0 || shown;
+  if (data) elm_genlist_realized_items_update((Evas_Object *)data);
+}
+
+static void _list_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  vconf_ignore_key_changed(BRISEL_KEY_LIST_SUBJECT, _subjects_setting_cb);
+}
+
+void _follow_row_settings(Evas_Object *gl) {
+  _subjects_setting_cb(nullptr, nullptr);
+  vconf_notify_key_changed(BRISEL_KEY_LIST_SUBJECT, _subjects_setting_cb, gl);
+  evas_object_event_callback_add(gl, EVAS_CALLBACK_DEL, _list_deleted_cb, nullptr);
+}
+
+/* Plain text: its part takes no markup. */
+static char *_subject_text(const item_data *item) {
+  return item->subject && subjects_shown ? strdup(item->subject) : nullptr;
+}
+
 static char *_gl_text_get(void *data, Evas_Object *obj, const char *part) {
   item_data *item = (item_data *)data;
   if (!item) {
@@ -63,6 +87,7 @@ static char *_gl_text_get(void *data, Evas_Object *obj, const char *part) {
   if (!strcmp(part, "elm.text.1")) _name_row(item);
   if (!strcmp(part, "elm.text.1")) return brisel_util_text_to_markup(item->sender);
   if (!strcmp(part, "elm.text.2")) return brisel_util_get_mailbox_date_time_str(item->received_time, item->ad);
+  if (!strcmp(part, "elm.text.subject")) return _subject_text(item);
   if (!strcmp(part, "elm.text.noti")) return item->is_new ? strdup("N") : nullptr;
   if (!strcmp(part, "elm.text.sweep")) return strdup(brisel_util_get_text("IDS_EMAIL_BODY_DELETED"));
   return nullptr;
@@ -116,6 +141,8 @@ void _row_realized_cb(void *data, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
   Elm_Object_Item *it = (Elm_Object_Item *)event_info;
   _restore_swept_look(ad, it, true);
+  const item_data *item = it ? (item_data *)elm_object_item_data_get(it) : nullptr;
+  if (item && item->type == ROW_MAIL && item->is_read) elm_object_item_signal_emit(it, "elm,state,read", "");
   if (it && _is_last_row(ad, it)) elm_object_item_signal_emit(it, "elm,state,bottomline,hide", "");
 }
 

@@ -121,6 +121,8 @@ static void _long_pressed_cb(void *data, Evas_Object *obj, void *event_info) {
 /* --- the widget --- */
 
 constexpr int rows_in_block = 6;
+constexpr double long_press = 0.5; /* seconds */
+constexpr int row_height = 78;     /* of the theme, at scale 1 */
 
 Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad) {
   BRISEL_INFO("Enter");
@@ -143,7 +145,11 @@ Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad)
   evas_object_smart_callback_add(gl, "unrealized", _row_unrealized_cb, ad);
   evas_object_event_callback_add(gl, EVAS_CALLBACK_MOUSE_DOWN, _mailbox_list_mouse_down_cb, ad);
 
+  elm_config_longpress_timeout_set(long_press);
+  _follow_row_settings(gl);
+  _add_chip(ad);
   elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
+  elm_scroller_step_size_set(gl, 0, _scaled(row_height)); /* a wheel's or a crown's notch: a row */
   elm_genlist_homogeneous_set(gl, EINA_TRUE);
   elm_genlist_mode_set(gl, ELM_LIST_COMPRESS);
   /* The genlist draws a whole block of rows when one row comes to it, also those out of sight: about a screenful. */

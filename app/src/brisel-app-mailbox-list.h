@@ -80,6 +80,16 @@ bool _is_last_row(appdata *ad, const Elm_Object_Item *it);
 /* All accounts, or NULL after the log line that says why. */
 scoped_account_list _read_accounts();
 
+/* --- chip --- */
+
+/* On the new list. */
+void _add_chip(appdata *ad);
+/* When the uppermost mail in sight was received; INT_MAX while the list stands at its top or out of sight. */
+int _time_at_top(appdata *ad);
+/* Mails that came above it. */
+void _count_arrivals(appdata *ad, int count);
+void _clear_arrivals(appdata *ad);
+
 /* --- sweep --- */
 
 /* Genlist and canvas callbacks; data: the appdata, for _revert_btn_select_cb the row. */
@@ -104,6 +114,8 @@ Elm_Genlist_Item_Class *_new_mail_class(Elm_Genlist_Item_Del_Cb del);
 void _row_realized_cb(void *data, Evas_Object *obj, void *event_info);
 void _row_unrealized_cb(void *data, Evas_Object *obj, void *event_info);
 void _mailbox_list_language_changed_cb(void *data, Evas_Object *obj, void *event_info);
+/* Follows the setting that hides the subjects, as long as the list lives. */
+void _follow_row_settings(Evas_Object *gl);
 int _scaled(int pixels);
 /* Sets the object's least size, in pixels at scale 1, both ways; returns the object. */
 Evas_Object *_sized(Evas_Object *object, int pixels);

@@ -316,3 +316,38 @@ TEST_F(mailbox, TheAccountPopupShowsWhatIsShown) {
   Evas_Object *list = elm_object_content_get(test_ad.account_popup);
   EXPECT_EQ(elm_radio_value_get((Evas_Object *)evas_object_data_get(list, "radio_main")), 14);
 }
+
+TEST_F(mailbox, WhatIsOnScreenStaysWhereItIs) {
+  fill(1, 40);
+  ids.insert(ids.begin(), mail(0, 1));
+  EXPECT_TRUE(visible("Name")) << "at the top, what comes is shown";
+  stroke({160, 300}, {160, 120});
+  run_for(1);
+  Elm_Object_Item *first = elm_genlist_at_xy_item_get(test_ad.mailbox_genlist, 160, 140, nullptr);
+  const int before = middle_of_item(first).y;
+  for (int i = 2; i < 4; i++) ids.insert(ids.begin(), mail(0, i, "Later"));
+  ids.push_back(mail(0, -1000));
+  wait_for_rows(ids);
+  EXPECT_TRUE(visible("2 new"));
+  EXPECT_EQ(middle_of_item(first).y, before);
+  tap(text_at("2 new"));
+  EXPECT_TRUE(visible("Later"));
+  EXPECT_TRUE(gone("2 new"));
+}
+
+TEST_F(mailbox, ARowSaysWhatAMailIsAbout) {
+  fill(1, 1);
+  EXPECT_TRUE(visible("Subject"));
+  const auto bold = [&] {
+    double value = 0;
+    return !strcmp(edje_object_part_state_get(drawing(item_of_mail(ids[0])), "elm.text.1", &value), "default");
+  };
+  EXPECT_TRUE(bold());
+  phone.set_flag(ids[0], "is_read", 1);
+  EXPECT_TRUE(run_until([&] { return !bold(); }));
+  phone.set_text(ids[0], "subject", "R&D\nbudget");
+  EXPECT_TRUE(visible("R&D budget"));
+  vconf_set_bool(BRISEL_KEY_LIST_SUBJECT, 0);
+  EXPECT_TRUE(gone("R&D budget"));
+  vconf_unset(BRISEL_KEY_LIST_SUBJECT);
+}
