@@ -1,4 +1,5 @@
 /* The settings store, its notifications and what stands on it: dlog's lines and pickover. */
+#include <Elementary.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "dlog.h"
+#include "efl_assist.h"
 #include "faults.h"
 #include "inspect-priv.h"
 #include "loop.h"
@@ -358,6 +360,21 @@ TEST(Pickover, ExpiredAndDamagedRegistrationsAreNone) {
   }
   EXPECT_EQ(text_of(MESSAGE), "(unreadable)");
   vconf_unset(REGISTRATION);
+}
+
+/* --- keys --- */
+
+TEST(Keys, RegistrationsDieWithTheirObject) {
+  Evas_Object *window = elm_win_add(nullptr, "keys", ELM_WIN_BASIC);
+  Evas_Object *object = evas_object_rectangle_add(evas_object_evas_get(window));
+  int data = 0;
+  const Ea_Event_Cb pressed_cb = [](void *, Evas_Object *, void *) {};
+  ea_object_event_callback_add(object, EA_CALLBACK_BACK, pressed_cb, &data);
+  ea_object_event_callback_add(object, EA_CALLBACK_MORE, pressed_cb, &data);
+  EXPECT_EQ(ea_object_event_callback_del(object, EA_CALLBACK_MORE, pressed_cb), &data);
+  evas_object_del(object);
+  EXPECT_EQ(ea_object_event_callback_del(object, EA_CALLBACK_BACK, pressed_cb), nullptr);
+  evas_object_del(window);
 }
 
 /* --- log --- */

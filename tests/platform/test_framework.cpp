@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
 #include <set>
 
 #include "driver.h"
@@ -69,6 +71,31 @@ TEST_F(Framework, FollowsTheWatchInAndOut) {
   EXPECT_EQ(app.line(), "resume");
   must({"resume"});
   EXPECT_EQ(settled(), lines{});
+  EXPECT_EQ(act("hide"), lines{"pause"});
+  must({"resume"});
+  EXPECT_EQ(settled(), lines{"resume"}) << "a hidden window comes back too";
+}
+
+/* What waits behind a pause in the same turn of the loop already finds the application paused. */
+TEST_F(Framework, HasPausedWhenItAnswers) {
+  sd_bus *bus = nullptr;
+  ASSERT_GE(sd_bus_open_user(&bus), 0);
+  app.signal(SIGSTOP);
+  for (const char *method : {"Pause", "Launch"}) {
+    sd_bus_message *call = nullptr;
+    sd_bus_message_new_method_call(bus, &call, "com.vextora.probe", "/com/vextora/probe", "com.vextora.Application1",
+                                   method);
+    if (strcmp(method, "Launch") == 0) sd_bus_message_append(call, "a{ss}", 1, "x", "behind");
+    EXPECT_GE(sd_bus_send(bus, call, nullptr), 0);
+    sd_bus_message_unref(call);
+  }
+  sd_bus_flush(bus);
+  /* Answered by the bus after both: they wait at the probe. */
+  sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer", "Ping", nullptr,
+                     nullptr, "");
+  app.signal(SIGCONT);
+  EXPECT_EQ(app.until("service scene= do= x=behind"), lines{"pause"});
+  sd_bus_flush_close_unref(bus);
 }
 
 TEST_F(Framework, EndsCleanlyHoweverItIsTold) {
