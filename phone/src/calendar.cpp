@@ -80,8 +80,10 @@ moment read_moment(const property &time) {
   const std::string &value = time.value;
   auto number = [&value](size_t at, size_t count) {
     int n = 0;
-    for (size_t i = at; i < at + count; i++)
-      n = i < value.size() && g_ascii_isdigit(value[i]) ? n * 10 + value[i] - '0' : -1000000;
+    for (size_t i = at; i < at + count; i++) {
+      if (i >= value.size() || !g_ascii_isdigit(value[i])) return -1;
+      n = n * 10 + value[i] - '0';
+    }
     return n;
   };
   if (number(0, 8) < 0) return out;

@@ -6,7 +6,7 @@ import subprocess
 import time
 
 from phone_test import Relay, by_uid, equal, main, message, read_on_watch, reply_on_watch, status
-from post_servers import PASSWORD, USER, Authority, Dovecot, Exim
+from post_servers import PASSWORD, USER, Authority, Dovecot, Exim, Hostile, Imap4d
 
 
 def uids(s):
@@ -117,6 +117,74 @@ def test_only_what_a_watch_needs_is_fetched(s):
         assert len(mirrored) == 1 and mirrored[0] < 3000, mirrored
         relay.kill()
     finally:
+        dovecot.stop()
+        exim.stop()
+
+
+def test_a_server_of_another_make(s):
+    authority = Authority(s.dir / "ca")
+    certificate = authority.issue("server")
+    imap4d, exim = Imap4d(s.dir / "imap4d", certificate), Exim(s.dir / "exim", certificate)
+    try:
+        imap4d.add(message("old@x", "Old"), "1.old")
+        done = setup(s, authority, f"imaps://localhost:{imap4d.tls}", f"smtps://localhost:{exim.tls}")
+        equal(done.returncode, 0, done)
+        relay = Relay(s, "--config", s.dir / "relay.conf")
+        s.wait(lambda: uids(s) == {"old@x"}, "the mail")
+        imap4d.stop()  # its IDLE tells nothing of mail that came another way than through it
+        imap4d.add(message("new@x"), "2.new")
+        imap4d.start()
+        s.wait(lambda: "new@x" in uids(s), "a new mail")
+        read_on_watch(s, by_uid(s)["new@x"]["mail_id"])
+        s.wait(lambda: by_uid(s)["new@x"]["is_read"] == 1, "its mark")
+        relay.kill()
+    finally:
+        imap4d.stop()
+        exim.stop()
+
+
+def test_hostile_servers(s):
+    """Nothing that a server says stops the other account, takes memory without bound, or loses what was there."""
+    authority, dovecot, exim = servers(s)
+
+    def polite(command, tag, line):
+        return {"CAPABILITY": f"* CAPABILITY IMAP4rev1\r\n{tag} OK done\r\n",
+                "SELECT": f"* 3 EXISTS\r\n* OK [UIDVALIDITY 1] x\r\n{tag} OK done\r\n"}.get(command, f"{tag} OK done\r\n")
+
+    def nasty(command_wanted, answer):
+        return lambda command, tag, line: answer(tag) if command == command_wanted else polite(command, tag, line)
+
+    hostile = Hostile([
+        nasty("LOGIN", lambda tag: b"* BYE not today\r\n"),
+        nasty("SELECT", lambda tag: b"* " + b"x" * (64 << 20)),
+        nasty("FETCH", lambda tag: f"* 1 FETCH (UID 0 FLAGS ())\r\n* 2 FETCH (UID 7 FLAGS ())\r\n* 2 FETCH (UID 7 FLAGS ())\r\n{tag} OK x\r\n"),
+        nasty("FETCH", lambda tag: b"* 1 FETCH (UID 1 BODY[HEADER] {4000000000}\r\n" + b"y" * (80 << 20)),
+        nasty("FETCH", lambda tag: "* 1 FETCH " + "(" * 100000 + "\r\n"),
+        nasty("FETCH", lambda tag: None)])
+    try:
+        equal(setup(s, authority, f"imaps://localhost:{dovecot.tls}", f"smtps://localhost:{exim.tls}").returncode, 0, "setup")
+        with open(s.dir / "relay.conf", "a") as config:
+            config.write(f"\n[account bad@example.org]\nimap=imap://localhost:{hostile.port}\nplain=yes\n"
+                         "password-command=echo secret\n")
+        relay = Relay(s, "--config", s.dir / "relay.conf")
+        other = Client(dovecot, authority.ca)
+        for n in range(3):
+            other.add(message(f"m{n}@x"))
+        s.wait(lambda: uids(s) == {"m0@x", "m1@x", "m2@x"}, "the mails of the other account")
+        s.wait(lambda: "bad@example.org (INBOX): " in relay.log(), "the refusal in the log")
+        relay.kill()
+        for _ in range(5):
+            follower = subprocess.Popen(["brisel-phone", "follow-imap", "--config", s.dir / "relay.conf", "--account",
+                                         "bad@example.org", "--folder", "INBOX"], env=s.env, stderr=subprocess.PIPE)
+            line = follower.stderr.readline().decode()
+            assert "bad@example.org (INBOX): " in line and len(line) < 400, line
+            with open(f"/proc/{follower.pid}/status") as lines:
+                assert all(int(x.split()[1]) < 300000 for x in lines if x.startswith("VmHWM")), "memory"
+            follower.kill()
+            follower.wait()
+        equal(uids(s), {"m0@x", "m1@x", "m2@x"}, "the mails")
+    finally:
+        hostile.stop()
         dovecot.stop()
         exim.stop()
 
