@@ -86,14 +86,14 @@ TEST_F(deleting, TheRowsFollowTheStore) {
   tap_row(3, list());
   tap_row(1, list());
   press("btn2");
-  EXPECT_TRUE(visible("2 items will be deleted from the watch only."));
+  EXPECT_TRUE(visible("2 emails will be deleted from the watch only."));
   phone.add_mails({{.account = accounts[0], .received = 1700000000 - 90, .from_name = "S7"},
                    {.account = accounts[0], .received = 1700000000 - 60, .from_name = "S8"},
                    {.account = accounts[0], .received = 1, .from_name = "S9"}});
   EXPECT_TRUE(becomes("S1S2S8S7S3S4S9")) << shown();
   EXPECT_EQ(boxes(), ".x...x.");
   phone.delete_mails({ids[3]});
-  EXPECT_TRUE(visible("1 item will be deleted from the watch only.")) << "the question counts what goes";
+  EXPECT_TRUE(visible("1 email will be deleted from the watch only.")) << "the question counts what goes";
   phone.delete_mails({ids[1], ids[2]});
   EXPECT_TRUE(becomes("S1S8S7S9")) << shown();
   EXPECT_FALSE(view()->popup) << "nothing is left to ask about";
@@ -125,12 +125,12 @@ TEST_F(deleting, TheCountSpeaksEveryLanguage) {
     const char *locale;
     std::vector<std::string> two_and_five;
   } table[] = {
-      {"de_DE.UTF-8", {"2 Elemente werden nur von der Uhr gelöscht.", "5 Elemente werden nur von der Uhr gelöscht."}},
+      {"de_DE.UTF-8", {"2 E-Mails werden nur von der Uhr gelöscht.", "5 E-Mails werden nur von der Uhr gelöscht."}},
       {"pl_PL.UTF-8",
-       {"2 elementy zostaną usunięte tylko z zegarka.", "5 elementów zostanie usuniętych tylko z zegarka."}},
-      {"ru_RU.UTF-8", {"2 элемента будут удалены только с часов.", "5 элементов будут удалены только с часов."}},
-      {"ja_JP.UTF-8", {"2件の項目をウォッチからのみ削除します。", "5件の項目をウォッチからのみ削除します。"}},
-      {"ar_EG.UTF-8", {"سيتم حذف ٢ عنصرين من الساعة فقط.", "سيتم حذف ٥ عناصر من الساعة فقط."}},
+       {"2 e-maile zostaną usunięte tylko z zegarka.", "5 e-maili zostanie usuniętych tylko z zegarka."}},
+      {"ru_RU.UTF-8", {"2 письма будут удалены только с часов.", "5 писем будет удалено только с часов."}},
+      {"ja_JP.UTF-8", {"2件のメールをウォッチからのみ削除します。", "5件のメールをウォッチからのみ削除します。"}},
+      {"ar_EG.UTF-8", {"ستُحذف رسالتان (٢) من الساعة فقط.", "ستُحذف ٥ رسائل من الساعة فقط."}},
   };
   for (int selected : {2, 5}) {
     for (int i = selected == 2 ? 0 : 2; i < selected; i++) tap_row(i, list());
