@@ -11,20 +11,22 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 STANDARD = re.compile(r"^[a-z_]+$|^(sys|netinet|arpa)/.*\.h$|^(errno|fcntl|limits|locale|malloc|math|poll|pwd|signal|stdarg|stddef|stdint"
                       r"|stdio|stdlib|string|time|unistd|ctype|dirent|libintl|dlfcn|wchar|getopt|spawn|iconv)\.h$")
 EFL = re.compile(r"^(Elementary|Eo|Evas|Ecore|Ecore_[A-Za-z_]+|Edje|Eina|Eet|Efreet|Elementary_Cursor|Efl[A-Za-z_]*)\.h$")
+# What several processes must agree on: those headers of common/ that need no library.
+AGREED = re.compile(r"^brisel-(body|bus|contact|settings)\.h$")
 # What else a room may include by name, as patterns; its own and allowed folders' headers are found on disk.
 ROOMS = {
     "app": (["app", "common", "platform/inc"], [EFL, re.compile(r"^unicode/"), re.compile(r"^glib")]),
     "common": (["common"], [re.compile(r"^glib")]),
-    "platform": (["platform"], [EFL, re.compile(r"^unicode/"), re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|systemd/)"),
+    "platform": (["platform"], [AGREED, EFL, re.compile(r"^unicode/"), re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|systemd/)"),
                                 re.compile(r"^nlohmann/")]),
     "service": (["service", "common", "platform"], [EFL, re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|systemd/)"),
                                                     re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^schema\.h$")]),
-    "phone": (["phone", "platform/inc"], [re.compile(r"^(gmime|glib|gio)"), re.compile(r"^(sqlite3\.h|systemd/)"),
+    "phone": (["phone", "platform/inc"], [AGREED, re.compile(r"^(gmime|glib|gio)"), re.compile(r"^(sqlite3\.h|systemd/)"),
                                           re.compile(r"^(nlohmann|CLI)/"),
                                           re.compile(r"^(seccomp\.h|linux/landlock\.h)$"),
                                           re.compile(r"^(libetpan|curl|gnutls|libsecret)/"),
                                           re.compile(r"^(resolv|termios|sysexits)\.h$")]),
-    "tools": (["tools", "platform/inc", "platform/bus"], [EFL, re.compile(r"^gio/"), re.compile(r"^systemd/"), re.compile(r"^(nlohmann|CLI)/")]),
+    "tools": (["tools", "platform/inc", "platform/bus"], [AGREED, EFL, re.compile(r"^gio/"), re.compile(r"^systemd/"), re.compile(r"^(nlohmann|CLI)/")]),
 }
 
 bad = []

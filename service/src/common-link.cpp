@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "brisel-bus.h"
 #include "brisel-common.h"
 #include "bus-loop.h"
 #include "common-kept.h"
@@ -29,9 +30,6 @@
 namespace {
 
 constexpr char log_tag[] = "BRISEL_COMMON";
-constexpr char service[] = "com.vextora.brisel.Host";
-constexpr char path[] = "/com/vextora/brisel/Host";
-constexpr char interface[] = "com.vextora.brisel.Watch1";
 constexpr char match_changed[] =
     "type='signal',sender='com.vextora.brisel.Host',path='/com/vextora/brisel/Host',"
     "interface='com.vextora.brisel.Watch1',member='Changed'";
@@ -291,7 +289,7 @@ std::vector<int> ids_of_list(const GSList *list) {
 }
 
 int new_message(const request &r, sd_bus_message **m) {
-  int e = sd_bus_message_new_method_call(host.bus, m, service, path, interface, kept_member(r.type));
+  int e = sd_bus_message_new_method_call(host.bus, m, host_name, host_path, watch_interface, kept_member(r.type));
   if (e >= 0) e = sd_bus_message_append_basic(*m, 's', r.uid.c_str());
   if (r.type == BRISEL_IPC_CLIENT_REQ_TYPE_REPLY) {
     for (size_t i = 0; e >= 0 && i < 5; i++) e = sd_bus_message_append_basic(*m, 's', r.texts[i].c_str());
@@ -367,8 +365,8 @@ void retry_now(void) {
 
 /* Whether the service said no, rather than being unreachable: sending the same again would change nothing. */
 bool is_refusal(const char *error) {
-  if (!strcmp(error, "com.vextora.brisel.Error.Store")) return false;
-  if (!strncmp(error, "com.vextora.brisel.Error.", 25)) return true;
+  if (!strcmp(error, host_error_store)) return false;
+  if (!strncmp(error, host_error_prefix, strlen(host_error_prefix))) return true;
   for (const char *name : {SD_BUS_ERROR_INVALID_ARGS, SD_BUS_ERROR_UNKNOWN_METHOD, SD_BUS_ERROR_UNKNOWN_OBJECT,
                            SD_BUS_ERROR_UNKNOWN_INTERFACE, SD_BUS_ERROR_ACCESS_DENIED, SD_BUS_ERROR_INVALID_SIGNATURE,
                            SD_BUS_ERROR_LIMITS_EXCEEDED})
@@ -481,7 +479,7 @@ void start_service(void) {
   if (!host.bus || !host.service_away || host.start_slot) return;
   const int e =
       sd_bus_call_method_async(host.bus, &host.start_slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                               "org.freedesktop.DBus", "StartServiceByName", started_cb, nullptr, "su", service, 0u);
+                               "org.freedesktop.DBus", "StartServiceByName", started_cb, nullptr, "su", host_name, 0u);
   if (e < 0) __dlog_print(DLOG_WARN, log_tag, "the host service cannot be asked for: %s", strerror(-e));
 }
 
@@ -705,11 +703,9 @@ int more_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
     const char *name;
     int code;
   } errors[] = {
-      {"com.vextora.brisel.Error.NoPhone", BRISEL_COMMON_ERROR_NO_PHONE},
-      {"com.vextora.brisel.Error.Timeout", BRISEL_COMMON_ERROR_TIMEOUT},
-      {"com.vextora.brisel.Error.Phone", BRISEL_COMMON_ERROR_REMOTE},
-      {"com.vextora.brisel.Error.Invalid", BRISEL_COMMON_ERROR_NOT_FOUND},
-      {"com.vextora.brisel.Error.Store", BRISEL_COMMON_ERROR_STORE},
+      {host_error_no_phone, BRISEL_COMMON_ERROR_NO_PHONE}, {host_error_timeout, BRISEL_COMMON_ERROR_TIMEOUT},
+      {host_error_phone, BRISEL_COMMON_ERROR_REMOTE},      {host_error_invalid, BRISEL_COMMON_ERROR_NOT_FOUND},
+      {host_error_store, BRISEL_COMMON_ERROR_STORE},
   };
   int code = 0;
   std::vector<int> ids;
@@ -741,7 +737,7 @@ int brisel_ipc_req_more_msg(more_msg_req_data *data, brisel_ipc_response_cb call
   host.more_slot = sd_bus_slot_unref(host.more_slot); /* at most one is pending */
   host.more_callback = nullptr;
   sd_bus_message *m = nullptr;
-  int e = sd_bus_message_new_method_call(host.bus, &m, service, path, interface, "MoreMsg");
+  int e = sd_bus_message_new_method_call(host.bus, &m, host_name, host_path, watch_interface, "MoreMsg");
   if (e >= 0)
     e = sd_bus_message_append(m, "ssi", new_uid().c_str(), bus_text(data->message_uid).c_str(), data->mail_id);
   if (e >= 0) e = sd_bus_call_async(host.bus, &host.more_slot, m, more_cb, nullptr, more_timeout_usec);

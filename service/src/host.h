@@ -9,14 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "brisel-bus.h"
 #include "store.h"
-
-constexpr char host_name[] = "com.vextora.brisel.Host";
-constexpr char host_path[] = "/com/vextora/brisel/Host";
-constexpr char watch_interface[] = "com.vextora.brisel.Watch1";
-constexpr char phone_interface[] = "com.vextora.brisel.Phone1";
-
-#define HOST_ERROR "com.vextora.brisel.Error."
 
 /* A piece of a body asked for and not answered yet. Several callers may wait for the same mail's: asking the phone
    twice would append the piece twice. */

@@ -2,14 +2,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "brisel-settings.h"
 #include "host.h"
 #include "store-format.h"
 #include "vconf.h"
 
 namespace {
 
-/* Open reply views watch it and read the templates again; the value only has to be written. */
-constexpr char template_key[] = "memory/private/msg-consumer-server/change_text_template";
 /* Bytes of one ListMails answer, well below what a bus carries in one message. */
 constexpr size_t list_bytes = 32u << 20;
 
@@ -280,9 +279,9 @@ int set_templates(sd_bus_message *m, void *data, sd_bus_error *error) {
   const store_status status = store_set_templates(h->st, texts);
   if (status) return host_fail(h, status, error);
   int count = 0;
-  if (vconf_get_int(template_key, &count) != 0 || count == INT32_MAX) count = 0;
-  if (vconf_set_int(template_key, count + 1) != 0)
-    fprintf(stderr, "brisel-hostd: the setting %s cannot be written\n", template_key);
+  if (vconf_get_int(BRISEL_KEY_TEMPLATE_CHANGED, &count) != 0 || count == INT32_MAX) count = 0;
+  if (vconf_set_int(BRISEL_KEY_TEMPLATE_CHANGED, count + 1) != 0)
+    fprintf(stderr, "brisel-hostd: the setting %s cannot be written\n", BRISEL_KEY_TEMPLATE_CHANGED);
   return sd_bus_reply_method_return(m, "");
 }
 

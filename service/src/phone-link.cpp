@@ -3,21 +3,20 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
+#include "brisel-settings.h"
 #include "host.h"
 #include "store-format.h"
 #include "vconf.h"
 
 namespace {
 
-/* What the application and the clock of others read: the link to the phone is up. */
-constexpr char link_key[] = "memory/wms/wmanager_connected";
-
 void set_link(host *h, bool up) {
   /* The store says so first: after a kill in between, the next start knows that the setting may be ours to take back.
    */
   if (up && store_set_state(h->st, "phone_connected", 1) != store_ok)
     fprintf(stderr, "brisel-hostd: %s\n", store_error(h->st).c_str());
-  if (vconf_set_bool(link_key, up) != 0) fprintf(stderr, "brisel-hostd: the setting %s cannot be written\n", link_key);
+  if (vconf_set_bool(BRISEL_KEY_BT_CONNECTED, up) != 0)
+    fprintf(stderr, "brisel-hostd: the setting %s cannot be written\n", BRISEL_KEY_BT_CONNECTED);
   if (!up && store_set_state(h->st, "phone_connected", 0) != store_ok)
     fprintf(stderr, "brisel-hostd: %s\n", store_error(h->st).c_str());
 }

@@ -8,13 +8,8 @@
 #include <cstring>
 #include <string>
 
+#include "brisel-contact.h"
 #include "store-format.h"
-
-/* The same as the application's contact_number: a phone number of a sender. */
-struct stored_contact {
-  int type;
-  char *number;
-};
 
 namespace {
 
@@ -190,7 +185,7 @@ bool records_set_contacts(slab *s, full_noti_data *mail, const unsigned char *te
   if (!g_utf8_validate(line.data(), bytes, nullptr)) return true; /* the service writes no such thing */
   const std::vector<contact_value> contacts = contacts_from_text(line);
   if (contacts.empty()) return true;
-  size_t size = contacts.size() * sizeof(stored_contact);
+  size_t size = contacts.size() * sizeof(contact_number);
   for (const contact_value &contact : contacts) size += contact.number.size() + 1;
   char *place = nullptr;
   if (s) {
@@ -201,8 +196,8 @@ bool records_set_contacts(slab *s, full_noti_data *mail, const unsigned char *te
     place = reinterpret_cast<char *>(own + 1);
   }
   if (!place) return false;
-  stored_contact *stored = reinterpret_cast<stored_contact *>(place);
-  char *number = place + contacts.size() * sizeof(stored_contact);
+  contact_number *stored = reinterpret_cast<contact_number *>(place);
+  char *number = place + contacts.size() * sizeof(contact_number);
   for (const contact_value &contact : contacts) {
     stored->type = contact.type;
     stored->number = number;

@@ -8,27 +8,13 @@
 #include <string_view>
 #include <vector>
 
+#include "brisel-body.h"
+
 /* PRAGMA application_id of a store: tells it from any other database. */
 constexpr int store_application_id = 0x42524953;
 /* PRAGMA user_version that this build reads and writes. */
 constexpr int store_version = 2;
 constexpr char store_file[] = "store.db";
-
-/* The tag at a body's end: more text is to be had, or the body is whole. */
-constexpr std::string_view tag_more = "<tag:thisisover500>";
-constexpr std::string_view tag_complete = "<tag:thisisover-1>";
-constexpr std::string_view tag_start = "<tag:thisisover";
-
-/* Bounds, in bytes, of what anyone may put into the store. */
-constexpr size_t body_max = 4u << 20;
-constexpr size_t text_max = 16u << 10; /* subject, names, addresses, templates */
-constexpr size_t token_max = 4u << 10; /* host_tag, message_uid */
-constexpr size_t number_max = 128;     /* one phone number */
-constexpr size_t contacts_max = 64;    /* numbers of one sender */
-constexpr size_t mails_max = 20000;    /* mails of one call */
-constexpr size_t ids_max = 100000;     /* ids of one call */
-constexpr size_t templates_max = 1000;
-constexpr size_t uid_max = 128;
 
 /* Ids as the changes table keeps them: "3,4,5". */
 std::string ids_to_text(const std::vector<int> &ids);

@@ -710,7 +710,7 @@ store_status store_append_body(store *st, int mail_id, size_t have, const std::s
     const std::string before = body;
     body.resize(body_length(body));
     if (body.size() != have) return fail(st, store_invalid, "the body of mail %d has changed meanwhile", mail_id);
-    const size_t room = body_max - tag_more.size();
+    const size_t room = body_max - sizeof(tag_more);
     body += piece;
     if (body.size() > room) {
       size_t cut = std::max(room, have);
