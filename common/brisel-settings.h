@@ -21,12 +21,4 @@ inline constexpr char BRISEL_KEY_FONT_SIZE[] = "db/setting/accessibility/font_si
 inline constexpr char BRISEL_KEY_THEME[] = "db/setting/theme";                           /* string */
 inline constexpr char BRISEL_KEY_MOTION[] = "db/setting/motion";                         /* bool, 0: still */
 
-/* How new mail is told (int): 0 with sound and vibration, 1 quietly, 2 not at all. For one account, "/" and its id
-   follow; without a value the first one counts. */
-inline constexpr char BRISEL_KEY_NOTIFY[] = "db/private/com.vextora.brisel/notify";
-/* What a notification may show (int): 0 sender, subject and first words, 1 the sender, 2 nothing of the mail. */
-inline constexpr char BRISEL_KEY_NOTIFY_SHOWS[] = "db/private/com.vextora.brisel/notify_shows";
-/* bool, of this session; the application: the mailbox is in view, new mail need not be told. */
-inline constexpr char BRISEL_KEY_LIST_IN_VIEW[] = "memory/private/com.vextora.brisel/list_in_view";
-
 #endif

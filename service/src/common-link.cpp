@@ -268,14 +268,11 @@ void read_changes(void) {
 std::string bus_text(const char *text) {
   if (!text) return {};
   const char *end = nullptr;
-  if (g_utf8_validate(text, -1, &end)) return text;
+  if (g_utf8_validate(text, -1, &end)) return clean_text(text);
   const size_t rest = strlen(end);
   if (rest < 4 && g_utf8_get_char_validated(end, static_cast<gssize>(rest)) == static_cast<gunichar>(-2))
-    return {text, static_cast<size_t>(end - text)};
-  char *valid = g_utf8_make_valid(text, -1);
-  std::string copy = valid;
-  g_free(valid);
-  return copy;
+    return clean_text({text, static_cast<size_t>(end - text)});
+  return clean_text(text);
 }
 
 std::string new_uid(void) {
@@ -329,12 +326,6 @@ Eina_Bool keep_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
-/* Whether the first request has left this process. */
-bool first_is_out(void) {
-  uint64_t unwritten = 0;
-  return host.call_slot && sd_bus_get_n_queued_write(host.bus, &unwritten) >= 0 && unwritten == 0;
-}
-
 /* A request that is done may stay on the disk until all are: its uid makes a second time harmless. */
 void forget_when_done(void) {
   if (!host.queue.empty()) return;
@@ -365,7 +356,7 @@ void retry_now(void) {
 
 /* Whether the service said no, rather than being unreachable: sending the same again would change nothing. */
 bool is_refusal(const char *error) {
-  if (!strcmp(error, host_error_store)) return false;
+  if (!strcmp(error, host_error_store) || !strcmp(error, host_error_full)) return false;
   if (!strncmp(error, host_error_prefix, strlen(host_error_prefix))) return true;
   for (const char *name : {SD_BUS_ERROR_INVALID_ARGS, SD_BUS_ERROR_UNKNOWN_METHOD, SD_BUS_ERROR_UNKNOWN_OBJECT,
                            SD_BUS_ERROR_UNKNOWN_INTERFACE, SD_BUS_ERROR_ACCESS_DENIED, SD_BUS_ERROR_INVALID_SIGNATURE,
@@ -409,6 +400,12 @@ void send_next(void) {
   }
   sd_bus_message *m = nullptr;
   int e = new_message(host.queue.front(), &m);
+  if (e == -EINVAL) {
+    /* No bus will ever take it; those behind it must not wait for that. */
+    const sd_bus_error error = {host_error_invalid, "the bus does not take it", 0};
+    finish_first(&error);
+    return;
+  }
   if (e >= 0) e = sd_bus_call_async(host.bus, &host.call_slot, m, request_cb, nullptr, request_timeout_usec);
   sd_bus_message_unref(m);
   if (e < 0) {
@@ -425,9 +422,11 @@ int enqueue(request r) {
   r.uid = new_uid();
   host.queue.push_back(std::move(r));
   send_next();
-  /* What is on its way to a service that is well is on that one's disk sooner than it would be on ours. The rest must
-     outlive this process from now on, and a power cut if it is not taken over soon: nobody waits for the disk here. */
-  if (host.queue.size() > 1 || !first_is_out()) keep_queue(false);
+  /* In a file before the screen says that it is done: what the bus took over may still wait at a service that stands
+     still, and both may be killed. Through a power cut it lasts from when the service has it, or the timer here has
+     run: nobody waits for the disk. */
+  if (host.queue.empty()) return 0; /* refused already, which was said */
+  keep_queue(false);
   host.keep = ecore_timer_add(keep_after, keep_cb, nullptr);
   return 0;
 }
@@ -583,6 +582,7 @@ int brisel_ipc_client_init(void) {
   for (kept_request &left : kept_load()) {
     request r;
     static_cast<kept_request &>(r) = std::move(left);
+    for (std::string &text : r.texts) text = clean_text(text);
     host.queue.push_back(std::move(r));
   }
   host.kept = !host.queue.empty();

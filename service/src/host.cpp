@@ -15,8 +15,10 @@ void host_announce(host *h) {
 
 int host_fail(const host *h, store_status status, sd_bus_error *error) {
   if (status == store_failed) fprintf(stderr, "brisel-hostd: %s\n", store_error(h->st).c_str());
-  return sd_bus_error_set(error, status == store_invalid ? HOST_ERROR "Invalid" : HOST_ERROR "Store",
-                          store_error(h->st).c_str());
+  const char *name = status == store_invalid ? host_error_invalid
+                     : status == store_full  ? host_error_full
+                                             : host_error_store;
+  return sd_bus_error_set(error, name, store_error(h->st).c_str());
 }
 
 int host_read_ids(sd_bus_message *m, bool zero_allowed, std::vector<int> *ids, sd_bus_error *error) {

@@ -9,8 +9,9 @@
 
 namespace {
 
-/* Bytes of one ListMails answer, well below what a bus carries in one message. */
-constexpr size_t list_bytes = 32u << 20;
+/* Bytes of one ListMails answer as they travel: far below what a bus carries in one message, and what a caller waits
+   for while others do. */
+constexpr size_t list_bytes = 4u << 20;
 
 int invalid(sd_bus_error *error, const char *text) {
   return sd_bus_error_set(error, HOST_ERROR "Invalid", text);
@@ -74,8 +75,9 @@ int list_accounts(sd_bus_message *m, void *data, sd_bus_error *error) {
   for (const account_value_record &account : accounts)
     if (r >= 0)
       r = sd_bus_message_append(answer, "a{sv}", 5, "account_id", "i", account.account_id, "account_value", "i",
-                                account.account_value, "email_address", "s", account.email_address.c_str(),
-                                "display_name", "s", account.display_name.c_str(), "color", "u", account.color);
+                                account.account_value, "email_address", "s", clean_text(account.email_address).c_str(),
+                                "display_name", "s", clean_text(account.display_name).c_str(), "color", "u",
+                                account.color);
   if (r >= 0) r = sd_bus_message_close_container(answer);
   return send_answer(answer, r);
 }
@@ -225,7 +227,8 @@ int delete_mails(sd_bus_message *m, void *data, sd_bus_error *error) {
 }
 
 int append_field(sd_bus_message *answer, const field_rule &rule, const field_value &value) {
-  if (rule.kind == field_kind::text) return sd_bus_message_append(answer, "{sv}", rule.name, "s", value.text.c_str());
+  if (rule.kind == field_kind::text)
+    return sd_bus_message_append(answer, "{sv}", rule.name, "s", clean_text(value.text).c_str());
   if (rule.kind == field_kind::time) return sd_bus_message_append(answer, "{sv}", rule.name, "x", value.number);
   if (rule.kind != field_kind::contacts)
     return sd_bus_message_append(answer, "{sv}", rule.name, "i", static_cast<int32_t>(value.number));
@@ -234,7 +237,7 @@ int append_field(sd_bus_message *answer, const field_rule &rule, const field_val
   if (r >= 0) r = sd_bus_message_open_container(answer, 'v', "a(is)");
   if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "(is)");
   for (const contact_value &contact : contacts_from_text(value.text))
-    if (r >= 0) r = sd_bus_message_append(answer, "(is)", contact.type, contact.number.c_str());
+    if (r >= 0) r = sd_bus_message_append(answer, "(is)", contact.type, clean_text(contact.number).c_str());
   for (int i = 0; i < 3; i++)
     if (r >= 0) r = sd_bus_message_close_container(answer);
   return r;
@@ -294,7 +297,7 @@ int list_templates(sd_bus_message *m, void *data, sd_bus_error *error) {
   int r = sd_bus_message_new_method_return(m, &answer);
   if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "(is)");
   for (const auto &[id, text] : templates)
-    if (r >= 0) r = sd_bus_message_append(answer, "(is)", id, text.c_str());
+    if (r >= 0) r = sd_bus_message_append(answer, "(is)", id, clean_text(text).c_str());
   if (r >= 0) r = sd_bus_message_close_container(answer);
   return send_answer(answer, r);
 }

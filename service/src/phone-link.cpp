@@ -64,7 +64,7 @@ int send_request(host *h, int64_t id, const std::string &json, int64_t have) {
   sd_bus_message *m = nullptr;
   int r = sd_bus_message_new_signal(h->bus, &m, host_path, phone_interface, "Request");
   if (r >= 0) r = sd_bus_message_set_destination(m, h->phone.c_str());
-  if (r >= 0) r = sd_bus_message_append(m, "xs", id, json.c_str());
+  if (r >= 0) r = sd_bus_message_append(m, "xs", id, clean_text(json).c_str());
   if (r >= 0) {
     r = have < 0 ? sd_bus_message_append(m, "a{sv}", 0) : sd_bus_message_append(m, "a{sv}", 1, "have", "x", have);
   }
@@ -102,7 +102,8 @@ void link_send_waiting(host *h) {
     return;
   }
   for (const outbox_entry &entry : waiting)
-    if (send_request(h, entry.id, entry.json, -1) < 0) return; /* in order, or not at all */
+    /* In order, or not at all; but what can never be sent must not hold back what can. */
+    if (const int r = send_request(h, entry.id, entry.json, -1); r < 0 && r != -EINVAL) return;
 }
 
 void link_disconnect(host *h) {

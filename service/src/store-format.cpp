@@ -26,6 +26,42 @@ std::vector<int> ids_from_text(std::string_view text) {
   return ids;
 }
 
+namespace {
+
+/* The bytes of the character at the front, 0 when there is none that a bus takes; *skip is what to pass over then. */
+size_t clean_character(std::string_view text, size_t *skip) {
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  *skip = 1;
+  const unsigned first = byte(0);
+  if (first < 0x80) return first ? 1 : 0;
+  const size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+  if (first < 0xC2 || first > 0xF4 || text.size() < length) return 0;
+  uint32_t code = first & (0x7Fu >> length);
+  for (size_t i = 1; i < length; i++) {
+    if ((byte(i) & 0xC0) != 0x80) return 0;
+    code = code << 6 | (byte(i) & 0x3Fu);
+  }
+  constexpr uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (code < least[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return 0;
+  *skip = length;
+  const bool noncharacter = (code >= 0xFDD0 && code <= 0xFDEF) || (code & 0xFFFE) == 0xFFFE;
+  return noncharacter ? 0 : length;
+}
+
+}  // namespace
+
+std::string clean_text(std::string_view text) {
+  std::string clean;
+  clean.reserve(text.size());
+  while (!text.empty()) {
+    size_t skip = 0;
+    const size_t good = clean_character(text, &skip);
+    good ? clean.append(text.substr(0, good)) : clean.append("\xEF\xBF\xBD");
+    text.remove_prefix(skip);
+  }
+  return clean;
+}
+
 size_t body_length(std::string_view body) {
   for (const std::string_view tag : {tag_more, tag_complete})
     if (body.ends_with(tag)) return body.size() - tag.size();

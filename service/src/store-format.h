@@ -32,6 +32,9 @@ struct contact_value {
 bool contacts_to_text(const std::vector<contact_value> &contacts, std::string *text);
 std::vector<contact_value> contacts_from_text(const std::string &text);
 
+/* Text that every border takes: what is no UTF-8, a zero byte or a code point that a bus refuses becomes U+FFFD. */
+std::string clean_text(std::string_view text);
+
 /* The length of a body without the tag at its end. */
 size_t body_length(std::string_view body);
 

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cstdarg>
@@ -22,6 +23,8 @@
 constexpr int64_t changes_kept = 16384;
 /* Requests are sent again only while the service restarts: a few at a time. */
 constexpr int64_t uids_kept = 4096;
+/* What may wait for a phone: a watch that saw none for weeks stays far below, and a client gone mad fills no disk. */
+constexpr int64_t outbox_bytes_max = 16 << 20, outbox_entries_max = 20000;
 /* How long to wait for a service that is just ending to let go of the store. */
 constexpr int lock_tries = 60;
 constexpr int lock_wait_ms = 50;
@@ -559,6 +562,9 @@ store_status store_list_mails(store *st, int after_id, size_t limit, size_t byte
       if (mail_fields[i].kind == field_kind::text || mail_fields[i].kind == field_kind::contacts) {
         value.text = list.text(static_cast<int>(i));
         used += value.text.size() + 32;
+        /* Each number travels as a structure of its own. */
+        if (mail_fields[i].kind == field_kind::contacts)
+          used += 24 * static_cast<size_t>(std::count(value.text.begin(), value.text.end(), '\n'));
       } else {
         value.number = list.number(static_cast<int>(i));
         used += 32;
@@ -610,6 +616,14 @@ int store_get_state(store *st, const char *key, int fallback) {
 
 namespace {
 
+store_status check_room(store *st, size_t bytes) {
+  statement held(st, "SELECT count(*), ifnull(sum(length(CAST(json AS BLOB))), 0) FROM outbox");
+  if (held.step() != SQLITE_ROW) return fail_sqlite(st);
+  if (held.number(0) < outbox_entries_max && held.number(1) + static_cast<int64_t>(bytes) <= outbox_bytes_max)
+    return store_ok;
+  return fail(st, store_full, "too much waits for the phone already");
+}
+
 template <typename F>
 store_status request(store *st, const std::string &uid, const std::string &json, int64_t *entry, F &&work) {
   if (uid.empty() || uid.size() > uid_max) return fail(st, store_invalid, "a request's uid has 1 to 128 bytes");
@@ -623,6 +637,7 @@ store_status request(store *st, const std::string &uid, const std::string &json,
       statement forget(st, "DELETE FROM done WHERE number <= ?");
       status = forget.bind(number - uids_kept).run();
     }
+    if (!status) status = check_room(st, json.size());
     if (!status) status = work();
     if (status) return status;
     statement put(st, "INSERT INTO outbox (json) VALUES (?)");

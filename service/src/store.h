@@ -21,7 +21,8 @@ enum store_status {
   store_ok = 0,
   store_done = 1,     /* a request of that uid was done before: nothing to do */
   store_invalid = -1, /* an argument breaks a rule, or names no mail or account */
-  store_failed = -2   /* the file could not be read or written */
+  store_failed = -2,  /* the file could not be read or written */
+  store_full = -3     /* what waits for a phone has reached its bound */
 };
 
 /* --- fields of a mail ------------------------------------------------------------------------------------------ */

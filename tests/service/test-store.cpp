@@ -450,6 +450,46 @@ TEST_F(Rules, ARequestIsDoneOnce) {
   EXPECT_EQ(store_invalid, store_request_relay(st, std::string(uid_max + 1, 'u'), "{}", &second));
 }
 
+TEST_F(Rules, WhatWaitsForAPhoneIsBounded) {
+  const int mail = add_mail(st, account, "stays");
+  const std::string json(5u << 20, 'j');
+  int64_t entry = 0;
+  for (const char *uid : {"1", "2", "3"}) EXPECT_EQ(store_ok, store_request_relay(st, uid, json, &entry));
+  EXPECT_EQ(store_full, store_request_delete(st, "4", json, {mail}, &entry));
+  std::string body, uid;
+  EXPECT_EQ(store_ok, store_get_body(st, mail, &body, &uid)) << "refused, yet half of it was done";
+  EXPECT_EQ(store_ok, store_outbox_remove(st, entry));
+  EXPECT_EQ(store_ok, store_request_delete(st, "4", json, {mail}, &entry)) << "the same again, now there is room";
+}
+
+TEST_F(Rules, AListOfManyNumbersComesInParts) {
+  std::string numbers;
+  for (size_t i = 0; i < contacts_max; i++) numbers += "1 5\n";
+  std::vector<mail_values> mails(100, mail_of(account, "m"));
+  for (mail_values &mail : mails)
+    mail.field[static_cast<size_t>(mail_field_index("contacts"))] = {true, false, 0, numbers};
+  std::vector<int> ids;
+  ASSERT_EQ(store_ok, store_add_mails(st, &mails, &ids));
+  mails.clear();
+  EXPECT_EQ(store_ok, store_list_mails(st, 0, 100, 100000, &mails));
+  EXPECT_GT(mails.size(), 10u);
+  EXPECT_LT(mails.size(), 60u) << "a number travels in far more bytes than it is kept in";
+}
+
+TEST(Texts, AreCleanedOfWhatABusRefuses) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"plain, Ж, 語, 🙂", "plain, Ж, 語, 🙂"},
+      {"\xEF\xBF\xBF|\xEF\xB7\x90|\xF0\x9F\xBF\xBE", "\uFFFD|\uFFFD|\uFFFD"}, /* U+FFFF, U+FDD0, U+1FFFE */
+      {"a\xC3", "a\uFFFD"},
+      {"\xED\xA0\x80", "\uFFFD\uFFFD\uFFFD"}, /* half of a surrogate pair, byte by byte */
+      {"\xC0\xAF", "\uFFFD\uFFFD"},
+      {std::string("a\0b", 3),
+       "a\uFFFD"
+       "b"},
+  };
+  for (const auto &[text, clean] : rows) EXPECT_EQ(clean, clean_text(text));
+}
+
 TEST_F(Rules, ABodyGrowsPieceByPieceUpToItsBound) {
   const int mail = add_mail(st, account, "long");
   std::string body, uid;
