@@ -56,7 +56,11 @@ void __brisel_virtualkeypad_size_changed_cb(void *data, Evas_Object *obj, void *
   evas_object_show(btn);
   elm_layout_signal_emit(vd->emoticon_layout, state.signal, "");
   // The line above the text goes before the text does.
-  const bool low = rect->h != 0 && vd->ad->root_h - rect->h < BRISEL_TYPED_HEIGHT * elm_config_scale_get();
+  int top = 0;
+  evas_object_geometry_get(vd->ad->naviframe, nullptr, &top, nullptr, nullptr);
+  // What a round display takes above the views it takes below them as well.
+  const int left = vd->ad->root_h - 2 * top - rect->h;
+  const bool low = rect->h != 0 && left < BRISEL_TYPED_HEIGHT * elm_config_scale_get();
   elm_layout_signal_emit(vd->emoticon_layout, low ? "hide,head" : "show,head", "brisel");
   // At once, or the layout keeps the size of the state that it leaves.
   edje_object_message_signal_process(elm_layout_edje_get(vd->emoticon_layout));
