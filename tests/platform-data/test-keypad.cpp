@@ -143,7 +143,11 @@ TEST_F(Keypad, ComesWithATouchOnAnEntryAndGoesWithItsFocus) {
 
   /* What ends on the entry but was a scroll is no touch. */
   Evas *canvas = evas_object_evas_get(window.win);
-  window.down(160, 60);
+  elm_object_focus_set(entry, EINA_TRUE);
+  window.draw();
+  int x = 0, w = 0;
+  evas_object_geometry_get(entry, &x, &y, &w, &h);
+  window.down(x + w / 2, y + h / 2);
   evas_event_default_flags_set(canvas, EVAS_EVENT_FLAG_ON_HOLD); /* as a scroller holds what it has taken */
   window.up();
   evas_event_default_flags_set(canvas, EVAS_EVENT_FLAG_NONE);
