@@ -15,16 +15,6 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
-struct bus_close {
-  void operator()(sd_bus *bus) const { sd_bus_flush_close_unref(bus); }
-};
-using bus_holder = std::unique_ptr<sd_bus, bus_close>;
-
-struct state_close {
-  void operator()(phone_state *state) const { phone_state_close(state); }
-};
-using state_holder = std::unique_ptr<phone_state, state_close>;
-
 constexpr size_t kBatchMails = 256, kBatchBytes = 8u << 20; /* far below what one bus message may hold */
 
 int complain(const std::string &error) {
@@ -71,7 +61,7 @@ std::string one_line(const std::string &text) {
 }
 
 struct sending {
-  sd_bus *bus;
+  host_bus *bus;
   phone_state *state;
   const send_options *options;
   std::vector<outgoing> batch;
@@ -115,7 +105,7 @@ int command_account_add(const std::string &address, const std::string &name, con
     return complain("'" + color + "' is no colour: eight hexadecimal digits RRGGBBAA");
   if (mime_clean_line(address, SIZE_MAX) != address || address.empty())
     return complain("the address is empty or no plain text");
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   if (!bus) return complain(error);
   int given = host_add_account(bus.get(), id, address, mime_clean_line(name, SIZE_MAX), rgba, &error);
   if (given < 0) return complain(error);
@@ -125,7 +115,7 @@ int command_account_add(const std::string &address, const std::string &name, con
 
 int command_account_remove(int id) {
   std::string error;
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   if (!bus) return complain(error);
   return host_remove_account(bus.get(), id, &error) < 0 ? complain(error) : 0;
 }
@@ -133,7 +123,7 @@ int command_account_remove(int id) {
 int command_account_list(bool as_json) {
   std::string error;
   std::vector<host_record> accounts;
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   if (!bus || host_list_accounts(bus.get(), &accounts, &error) < 0) return complain(error);
   std::vector<std::string> lines;
   for (const host_record &account : accounts) {
@@ -154,16 +144,16 @@ int command_account_list(bool as_json) {
 
 int command_account_count(bool known) {
   std::string error;
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   return !bus || host_set_account_count(bus.get(), known, &error) < 0 ? complain(error) : 0;
 }
 
 int command_mail_send(const std::vector<std::string> &files, const send_options &options) {
   std::string error;
   mime_init();
-  state_holder state(phone_state_open(&error));
+  phone_state_holder state(phone_state_open(&error));
   if (!state) return complain(error);
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   if (!bus) return complain(error);
   sending s = {};
   s.bus = bus.get();
@@ -192,7 +182,7 @@ int command_mail_send(const std::vector<std::string> &files, const send_options 
 
 int command_mail_update(int id, const mail_change &change) {
   std::string error;
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   if (!bus) return complain(error);
   mail_change clean = change;
   clean.subject = mime_clean_line(change.subject, 4096);
@@ -201,9 +191,9 @@ int command_mail_update(int id, const mail_change &change) {
 
 int command_mail_delete(const std::vector<int> &ids) {
   std::string error;
-  state_holder state(phone_state_open(&error));
+  phone_state_holder state(phone_state_open(&error));
   if (!state) return complain(error);
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   if (!bus || host_delete_mails(bus.get(), ids, &error) < 0) return complain("nothing was deleted: " + error);
   if (relay_forget_mails(state.get(), ids) < 0) return complain(phone_state_error(state.get()));
   return 0;
@@ -212,7 +202,7 @@ int command_mail_delete(const std::vector<int> &ids) {
 int command_mail_list(bool as_json) {
   std::string error;
   std::vector<host_record> mails;
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   if (!bus || host_list_mails(bus.get(), &mails, &error) < 0) return complain(error);
   std::vector<std::string> lines;
   for (const host_record &mail : mails) {
@@ -240,7 +230,7 @@ int command_mail_list(bool as_json) {
 
 int command_template_set(const std::vector<std::string> &texts) {
   std::string error;
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   if (!bus) return complain(error);
   std::vector<std::string> clean;
   for (const std::string &text : texts) clean.push_back(mime_to_utf8(text, "utf-8"));
@@ -250,7 +240,7 @@ int command_template_set(const std::vector<std::string> &texts) {
 int command_template_list(bool as_json) {
   std::string error;
   std::vector<std::pair<int, std::string>> templates;
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   if (!bus || host_list_templates(bus.get(), &templates, &error) < 0) return complain(error);
   std::vector<std::string> lines;
   for (const auto &[id, text] : templates) {
@@ -265,13 +255,13 @@ int command_template_list(bool as_json) {
 
 int command_status(const char *kind, int value) {
   std::string error;
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   return !bus || host_set_status(bus.get(), kind, value, &error) < 0 ? complain(error) : 0;
 }
 
 int command_requests(bool as_json) {
   std::string error;
-  state_holder state(phone_state_open(&error));
+  phone_state_holder state(phone_state_open(&error));
   if (!state) return complain(error);
   std::vector<stored_request> requests;
   if (phone_state_list_requests(state.get(), &requests) < 0) return complain(phone_state_error(state.get()));
@@ -314,7 +304,7 @@ bool flag_of(const json &entry, const char *key, bool otherwise) {
 }
 
 /* The account with this address; a new one when there is none yet. */
-int demo_account(sd_bus *bus, const json &entry, std::string *error) {
+int demo_account(host_bus *bus, const json &entry, std::string *error) {
   std::vector<host_record> accounts;
   if (host_list_accounts(bus, &accounts, error) < 0) return -1;
   for (const host_record &account : accounts)
@@ -332,9 +322,9 @@ int command_demo(const std::string &dir) {
   json demo;
   mime_init();
   if (read_demo(dir, &demo, &error) < 0) return complain(error);
-  state_holder state(phone_state_open(&error));
+  phone_state_holder state(phone_state_open(&error));
   if (!state) return complain(error);
-  bus_holder bus(host_open_bus(&error));
+  host_bus_holder bus = host_open_session(&error);
   if (!bus) return complain(error);
   std::map<std::string, int> accounts;
   for (const json &entry : demo["accounts"]) {
@@ -403,16 +393,14 @@ void print_request(phone_link *link, const nlohmann::json &request, const std::s
 int command_serve() {
   std::string error;
   mime_init();
-  state_holder state(phone_state_open(&error));
+  phone_state_holder state(phone_state_open(&error));
   if (!state) return complain(error);
   serving serve;
   serve.state = state.get();
   link_handlers handlers = {};
   handlers.keep = keep_request;
   handlers.kept = print_request;
-  phone_link *link = link_open(state.get(), &handlers, &serve, &error);
-  if (!link) return complain(error);
-  int result = link_run(link, &error);
-  link_close(link);
-  return result < 0 ? complain(error) : 0;
+  phone_link_holder link(link_open(state.get(), &handlers, &serve, &error));
+  if (!link || link_run(link.get(), &error) < 0) return complain(error);
+  return 0;
 }

@@ -1,12 +1,16 @@
 #include "host.h"
 
+#include <glib.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
 namespace {
 
-/* The service may have to be started and to open its store first. */
-constexpr uint64_t kTimeout = 60 * 1000000ull;
+constexpr char error_prefix[] = "com.vextora.brisel.Error.";
 
 class message {
  public:
@@ -37,28 +41,78 @@ std::string explain(const sd_bus_error &error, int result) {
   return std::string("the host service does not answer: ") + strerror(-result);
 }
 
-int begin(sd_bus *bus, message *call, const char *method, std::string *error) {
-  int result = sd_bus_message_new_method_call(bus, &call->m, host_name, host_path, host_phone_interface, method);
-  if (result < 0) *error = std::string("the bus message cannot be made: ") + strerror(-result);
-  return result < 0 ? -1 : 0;
+class creds_holder {
+ public:
+  creds_holder() = default;
+  ~creds_holder() { sd_bus_creds_unref(c); }
+  creds_holder(const creds_holder &) = delete;
+  creds_holder &operator=(const creds_holder &) = delete;
+  sd_bus_creds *c = nullptr;
+};
+
+/* The program that a process runs; empty when that cannot be told. */
+std::string program_of(pid_t pid) {
+  char path[PATH_MAX];
+  ssize_t length = readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), path, sizeof path);
+  if (length <= 0 || length == sizeof path) return "";
+  std::string program(path, static_cast<size_t>(length));
+  /* One that was replaced by a newer version while it ran is still what it was. */
+  constexpr std::string_view gone = " (deleted)";
+  if (program.ends_with(gone)) program.resize(program.size() - gone.size());
+  return program;
+}
+
+/* The installed service, or the one of the build tree that this program is from. */
+bool is_host_program(const std::string &program) {
+  if (program == BRISEL_HOSTD) return true;
+  std::string folder = program_of(getpid());
+  for (int up = 0; up < 3 && folder.size() > 1; up++) {
+    folder.resize(folder.rfind('/'));
+    if (program == folder + "/service/brisel-hostd") return true;
+  }
+  return false;
+}
+
+/* What a bus error says about the call. */
+host_result result_of(const sd_bus_error &why) {
+  std::string_view name = why.name ? why.name : "";
+  if (name == "com.vextora.brisel.Error.Busy") return HOST_BUSY;
+  if (name == "com.vextora.brisel.Error.Store") return HOST_LATER;
+  if (name.starts_with(error_prefix)) return HOST_REFUSED;
+  bool nobody =
+      name.find(".ServiceUnknown") != std::string_view::npos || name.find(".Spawn.") != std::string_view::npos;
+  return nobody ? HOST_NOBODY : HOST_AWAY;
+}
+
+int begin(host_bus *bus, message *call, const char *method, std::string *error) {
+  if (!bus->peer && bus->owner.empty()) {
+    int found = host_find(bus, error);
+    if (found < 0) return found;
+  }
+  int result = sd_bus_message_new_method_call(bus->bus, &call->m, bus->peer ? nullptr : bus->owner.c_str(), host_path,
+                                              host_phone_interface, method);
+  if (result >= 0) return 0;
+  *error = std::string("the bus message cannot be made: ") + strerror(-result);
+  return HOST_NOBODY;
+}
+
+/* What a call that ended in `why` means, for the next one too. */
+int failed(host_bus *bus, const sd_bus_error &why, int result, std::string *error) {
+  *error = explain(why, result);
+  host_result what = result_of(why);
+  if (what == HOST_NOBODY) bus->owner.clear(); /* it left; the next call looks who is there now */
+  return what;
 }
 
 /* `filled` is what filling the call in gave: below 0 means that it could not be made. */
-int finish(sd_bus *bus, const message &call, int filled, message *reply, std::string *error) {
+int finish(host_bus *bus, const message &call, int filled, message *reply, std::string *error) {
   if (filled < 0) {
     *error = std::string("the bus message cannot be made: ") + strerror(-filled);
     return HOST_REFUSED;
   }
   bus_error why;
-  int result = sd_bus_call(bus, call.m, kTimeout, &why.e, &reply->m);
-  if (result >= 0) return HOST_OK;
-  *error = explain(why.e, result);
-  std::string_view name = why.e.name ? why.e.name : "";
-  if (name == "com.vextora.brisel.Error.Busy") return HOST_BUSY;
-  if (name.substr(0, 25) == "com.vextora.brisel.Error.") return HOST_REFUSED;
-  bool nobody =
-      name.find(".ServiceUnknown") != std::string_view::npos || name.find(".Spawn.") != std::string_view::npos;
-  return nobody ? HOST_NOBODY : HOST_AWAY;
+  int result = sd_bus_call(bus->bus, call.m, bus->patience, &why.e, &reply->m);
+  return result >= 0 ? HOST_OK : failed(bus, why.e, result, error);
 }
 
 /* It was done, but what came of it is not known. */
@@ -67,8 +121,28 @@ int unreadable(int result, std::string *error) {
   return HOST_AWAY;
 }
 
+/* Text that a bus takes: no half characters, no zero bytes, none of the numbers that stand for no character. What is
+   replaced keeps its length, so that places in a text stay what they are. */
+std::string bus_text(const std::string &text) {
+  std::string out;
+  const char *at = text.data(), *end = at + text.size();
+  while (at < end) {
+    gunichar c = *at ? g_utf8_get_char_validated(at, end - at) : static_cast<gunichar>(-1);
+    bool valid = c < 0x110000;
+    size_t length = valid ? static_cast<size_t>(g_utf8_next_char(at) - at) : 1;
+    bool character = valid && (c < 0xfdd0 || c > 0xfdef) && (c & 0xfffe) != 0xfffe;
+    if (!character && out.empty()) out.reserve(text.size()), out.assign(text.data(), at);
+    if (!character)
+      out += length == 1 ? "?" : length == 3 ? "\xef\xbf\xbd" : "\xef\xbf\xbd ";
+    else if (!out.empty())
+      out.append(at, length);
+    at += length;
+  }
+  return out.empty() ? text : out;
+}
+
 int append_text(sd_bus_message *m, const char *key, const std::string &value) {
-  return sd_bus_message_append(m, "{sv}", key, "s", value.c_str());
+  return sd_bus_message_append(m, "{sv}", key, "s", bus_text(value).c_str());
 }
 
 int append_number(sd_bus_message *m, const char *key, int value) {
@@ -172,81 +246,180 @@ int read_records(sd_bus_message *m, std::vector<host_record> *records) {
 
 }  // namespace
 
-sd_bus *host_open_bus(std::string *error) {
-  sd_bus *bus = nullptr;
-  int result = sd_bus_open_user(&bus);
-  if (result < 0) *error = std::string("the session bus cannot be reached: ") + strerror(-result);
-  return result < 0 ? nullptr : bus;
+host_bus::~host_bus() {
+  if (!bus) return;
+  sd_bus_detach_event(bus);
+  sd_bus_flush_close_unref(bus);
 }
 
-int host_connect(sd_bus *bus, std::string *owner, std::string *error) {
-  message call, reply;
-  if (begin(bus, &call, "Connect", error) < 0) return -1;
-  int result = finish(bus, call, 0, &reply, error);
-  if (result == 0 && owner) {
-    const char *sender = sd_bus_message_get_sender(reply.m);
-    *owner = sender ? sender : "";
+host_bus_holder host_open_session(std::string *error) {
+  host_bus_holder bus(new host_bus);
+  int result = sd_bus_open_user(&bus->bus);
+  if (result >= 0) return bus;
+  *error = std::string("the session bus cannot be reached: ") + strerror(-result);
+  return nullptr;
+}
+
+int host_find(host_bus *bus, std::string *error) {
+  bus_error why;
+  message reply;
+  int result = sd_bus_call_method(bus->bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                  "StartServiceByName", &why.e, &reply.m, "su", host_name, 0);
+  if (result < 0) {
+    *error = explain(why.e, result);
+    return result_of(why.e) == HOST_AWAY ? HOST_AWAY : HOST_NOBODY;
   }
-  return result;
+  creds_holder creds;
+  const char *name = nullptr;
+  pid_t pid = 0;
+  result = sd_bus_get_name_creds(bus->bus, host_name, SD_BUS_CREDS_UNIQUE_NAME | SD_BUS_CREDS_PID, &creds.c);
+  if (result >= 0) result = sd_bus_creds_get_unique_name(creds.c, &name);
+  if (result >= 0) result = sd_bus_creds_get_pid(creds.c, &pid);
+  if (result < 0) {
+    *error = std::string("who the host service is cannot be told: ") + strerror(-result);
+    return HOST_NOBODY;
+  }
+  std::string program = program_of(pid);
+  if (!is_host_program(program)) {
+    *error = std::string(host_name) + " is taken by " + (program.empty() ? "an unknown program" : program) +
+             ", which is not the host service";
+    return HOST_NOBODY;
+  }
+  bus->owner = name;
+  return 0;
 }
 
-int host_add_account(sd_bus *bus, int id, const std::string &address, const std::string &name, uint32_t rgba,
+int host_connect(host_bus *bus, std::string *error) {
+  message call, reply;
+  int result = begin(bus, &call, "Connect", error);
+  return result < 0 ? result : finish(bus, call, 0, &reply, error);
+}
+
+int host_add_account(host_bus *bus, int id, const std::string &address, const std::string &name, uint32_t rgba,
                      std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "AddAccount", error) < 0) return -1;
-  int filled = sd_bus_message_append(call.m, "issu", id, address.c_str(), name.c_str(), rgba);
-  int result = finish(bus, call, filled, &reply, error);
+  int result = begin(bus, &call, "AddAccount", error);
+  if (result < 0) return result;
+  int filled = sd_bus_message_append(call.m, "issu", id, bus_text(address).c_str(), bus_text(name).c_str(), rgba);
+  result = finish(bus, call, filled, &reply, error);
   if (result != HOST_OK) return result;
   int32_t given = 0;
   result = sd_bus_message_read(reply.m, "i", &given);
   return result < 0 ? unreadable(result, error) : given;
 }
 
-int host_remove_account(sd_bus *bus, int id, std::string *error) {
+int host_remove_account(host_bus *bus, int id, std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "RemoveAccount", error) < 0) return -1;
+  int result = begin(bus, &call, "RemoveAccount", error);
+  if (result < 0) return result;
   return finish(bus, call, sd_bus_message_append(call.m, "i", id), &reply, error);
 }
 
-int host_list_accounts(sd_bus *bus, std::vector<host_record> *accounts, std::string *error) {
+int host_list_accounts(host_bus *bus, std::vector<host_record> *accounts, std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "ListAccounts", error) < 0) return HOST_REFUSED;
-  int result = finish(bus, call, 0, &reply, error);
+  int result = begin(bus, &call, "ListAccounts", error);
+  if (result < 0) return result;
+  result = finish(bus, call, 0, &reply, error);
   if (result != HOST_OK) return result;
   result = read_records(reply.m, accounts);
   return result < 0 ? unreadable(result, error) : 0;
 }
 
-int host_set_account_count(sd_bus *bus, bool known, std::string *error) {
+int host_set_account_count(host_bus *bus, bool known, std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "SetAccountCount", error) < 0) return -1;
+  int result = begin(bus, &call, "SetAccountCount", error);
+  if (result < 0) return result;
   return finish(bus, call, sd_bus_message_append(call.m, "b", static_cast<int>(known)), &reply, error);
 }
 
-int host_add_mails(sd_bus *bus, const std::vector<watch_mail> &mails, std::vector<int> *ids, std::string *error) {
-  message call, reply;
-  if (begin(bus, &call, "AddMails", error) < 0) return -1;
-  int filled = sd_bus_message_open_container(call.m, 'a', "a{sv}");
-  for (const watch_mail &mail : mails)
-    if (filled >= 0) filled = append_mail(call.m, mail);
-  if (filled >= 0) filled = sd_bus_message_close_container(call.m);
-  int result = finish(bus, call, filled, &reply, error);
-  if (result != HOST_OK) return result;
+struct host_call {
+  host_bus *bus = nullptr;
+  sd_bus_slot *slot = nullptr;
+  bool done = false;
+  int result = HOST_AWAY;
+  std::string error;
+  std::vector<int> ids;
+};
+
+namespace {
+
+int read_ids(sd_bus_message *m, std::vector<int> *ids, std::string *error) {
   const void *data = nullptr;
   size_t size = 0;
-  result = sd_bus_message_read_array(reply.m, 'i', &data, &size);
+  int result = sd_bus_message_read_array(m, 'i', &data, &size);
   if (result < 0) return unreadable(result, error);
-  ids->clear();
   if (size > 0) ids->assign(static_cast<const int *>(data), static_cast<const int *>(data) + size / sizeof(int));
-  if (ids->size() == mails.size()) return 0;
-  *error =
-      "the host service gave " + std::to_string(ids->size()) + " ids for " + std::to_string(mails.size()) + " mails";
+  return HOST_OK;
+}
+
+int answered_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
+  auto *call = static_cast<host_call *>(user_data);
+  const sd_bus_error *why = sd_bus_message_get_error(m);
+  call->done = true;
+  call->result =
+      why ? failed(call->bus, *why, -sd_bus_error_get_errno(why), &call->error) : read_ids(m, &call->ids, &call->error);
+  return 0;
+}
+
+void end_call(host_call *call, int result, const std::string &error) {
+  call->done = true;
+  call->result = result;
+  call->error = error;
+}
+
+}  // namespace
+
+void host_call_closer::operator()(host_call *call) const {
+  sd_bus_slot_unref(call->slot);
+  delete call;
+}
+
+host_call_holder host_add_mails_begin(host_bus *bus, const std::vector<const watch_mail *> &mails) {
+  host_call_holder call(new host_call);
+  call->bus = bus;
+  message m;
+  std::string error;
+  int found = begin(bus, &m, "AddMails", &error);
+  if (found < 0) {
+    end_call(call.get(), found, error);
+    return call;
+  }
+  int filled = sd_bus_message_open_container(m.m, 'a', "a{sv}");
+  for (const watch_mail *mail : mails)
+    if (filled >= 0) filled = append_mail(m.m, *mail);
+  if (filled >= 0) filled = sd_bus_message_close_container(m.m);
+  if (filled < 0) {
+    end_call(call.get(), HOST_REFUSED, std::string("the bus message cannot be made: ") + strerror(-filled));
+    return call;
+  }
+  int sent = sd_bus_call_async(bus->bus, &call->slot, m.m, answered_cb, call.get(), bus->patience);
+  if (sent < 0) end_call(call.get(), HOST_AWAY, explain(SD_BUS_ERROR_NULL, sent));
+  return call;
+}
+
+int host_add_mails_end(host_call *call, size_t count, std::vector<int> *ids, std::string *error) {
+  while (!call->done) {
+    int r = sd_bus_process(call->bus->bus, nullptr);
+    if (r == 0) r = sd_bus_wait(call->bus->bus, UINT64_MAX);
+    if (r < 0 && r != -EINTR) end_call(call, HOST_AWAY, explain(SD_BUS_ERROR_NULL, r));
+  }
+  *error = call->error;
+  *ids = std::move(call->ids);
+  if (call->result != HOST_OK || ids->size() == count) return call->result;
+  *error = "the host service gave " + std::to_string(ids->size()) + " ids for " + std::to_string(count) + " mails";
   return HOST_AWAY;
 }
 
-int host_update_mail(sd_bus *bus, int id, const mail_change &change, std::string *error) {
+int host_add_mails(host_bus *bus, const std::vector<const watch_mail *> &mails, std::vector<int> *ids,
+                   std::string *error) {
+  host_call_holder call = host_add_mails_begin(bus, mails);
+  return host_add_mails_end(call.get(), mails.size(), ids, error);
+}
+
+int host_update_mail(host_bus *bus, int id, const mail_change &change, std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "UpdateMail", error) < 0) return -1;
+  int result = begin(bus, &call, "UpdateMail", error);
+  if (result < 0) return result;
   int r = sd_bus_message_append(call.m, "i", id);
   if (r >= 0) r = sd_bus_message_open_container(call.m, 'a', "{sv}");
   if (r >= 0 && change.is_read >= 0) r = append_number(call.m, "is_read", change.is_read);
@@ -256,18 +429,20 @@ int host_update_mail(sd_bus *bus, int id, const mail_change &change, std::string
   return finish(bus, call, r, &reply, error);
 }
 
-int host_delete_mails(sd_bus *bus, const std::vector<int> &ids, std::string *error) {
+int host_delete_mails(host_bus *bus, const std::vector<int> &ids, std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "DeleteMails", error) < 0) return -1;
+  int result = begin(bus, &call, "DeleteMails", error);
+  if (result < 0) return result;
   return finish(bus, call, append_ids(call.m, ids), &reply, error);
 }
 
-int host_list_mails(sd_bus *bus, std::vector<host_record> *mails, std::string *error) {
+int host_list_mails(host_bus *bus, std::vector<host_record> *mails, std::string *error) {
   /* In portions: all mails of a large store would not fit one bus message. */
   for (int after = 0;;) {
     message call, reply;
-    if (begin(bus, &call, "ListMails", error) < 0) return -1;
-    int result = finish(bus, call, sd_bus_message_append(call.m, "ii", after, 500), &reply, error);
+    int result = begin(bus, &call, "ListMails", error);
+    if (result < 0) return result;
+    result = finish(bus, call, sd_bus_message_append(call.m, "ii", after, 500), &reply, error);
     if (result != HOST_OK) return result;
     size_t before = mails->size();
     result = read_records(reply.m, mails);
@@ -279,19 +454,21 @@ int host_list_mails(sd_bus *bus, std::vector<host_record> *mails, std::string *e
   }
 }
 
-int host_set_templates(sd_bus *bus, const std::vector<std::string> &texts, std::string *error) {
+int host_set_templates(host_bus *bus, const std::vector<std::string> &texts, std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "SetTemplates", error) < 0) return -1;
+  int result = begin(bus, &call, "SetTemplates", error);
+  if (result < 0) return result;
   int r = sd_bus_message_open_container(call.m, 'a', "s");
   for (const std::string &text : texts)
-    if (r >= 0) r = sd_bus_message_append(call.m, "s", text.c_str());
+    if (r >= 0) r = sd_bus_message_append(call.m, "s", bus_text(text).c_str());
   if (r >= 0) r = sd_bus_message_close_container(call.m);
   return finish(bus, call, r, &reply, error);
 }
 
-int host_list_templates(sd_bus *bus, std::vector<std::pair<int, std::string>> *templates, std::string *error) {
+int host_list_templates(host_bus *bus, std::vector<std::pair<int, std::string>> *templates, std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "ListTemplates", error) < 0) return HOST_REFUSED;
+  int result = begin(bus, &call, "ListTemplates", error);
+  if (result < 0) return result;
   int r = finish(bus, call, 0, &reply, error);
   if (r != HOST_OK) return r;
   r = sd_bus_message_enter_container(reply.m, 'a', "(is)");
@@ -305,22 +482,26 @@ int host_list_templates(sd_bus *bus, std::vector<std::pair<int, std::string>> *t
   return r < 0 ? unreadable(r, error) : 0;
 }
 
-int host_set_status(sd_bus *bus, const char *kind, int value, std::string *error) {
+int host_set_status(host_bus *bus, const char *kind, int value, std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "SetStatus", error) < 0) return -1;
+  int result = begin(bus, &call, "SetStatus", error);
+  if (result < 0) return result;
   return finish(bus, call, sd_bus_message_append(call.m, "si", kind, value), &reply, error);
 }
 
-int host_acknowledge(sd_bus *bus, int64_t id, std::string *error) {
+int host_acknowledge(host_bus *bus, int64_t id, std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "Ack", error) < 0) return -1;
+  int result = begin(bus, &call, "Ack", error);
+  if (result < 0) return result;
   return finish(bus, call, sd_bus_message_append(call.m, "x", id), &reply, error);
 }
 
-int host_answer_more(sd_bus *bus, int64_t id, int phone_error, const std::string &piece, bool complete,
+int host_answer_more(host_bus *bus, int64_t id, int phone_error, const std::string &piece, bool complete,
                      std::string *error) {
   message call, reply;
-  if (begin(bus, &call, "AnswerMore", error) < 0) return -1;
-  int filled = sd_bus_message_append(call.m, "xisb", id, phone_error, piece.c_str(), static_cast<int>(complete));
+  int result = begin(bus, &call, "AnswerMore", error);
+  if (result < 0) return result;
+  int filled =
+      sd_bus_message_append(call.m, "xisb", id, phone_error, bus_text(piece).c_str(), static_cast<int>(complete));
   return finish(bus, call, filled, &reply, error);
 }

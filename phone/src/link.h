@@ -10,6 +10,7 @@
 
 #include <systemd/sd-event.h>
 
+#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "host.h"
@@ -21,31 +22,45 @@ struct phone_link;
 struct link_handlers {
   /* The service is there and has handed over what waited. */
   void (*connected)(phone_link *link, void *user_data);
-  /* A new request, inside the transaction that keeps it: only the phone's state may be changed here. Returns 0, or -1:
-     then nothing is kept and the service sends it again later. */
+  /* A new request, inside the change that keeps it: only the phone's state may be changed here. Returns 0, or -1: then
+     nothing is kept and the service is asked to send it again later. */
   int (*keep)(phone_link *link, const nlohmann::json &request, void *user_data);
   /* The same request after it is on disk. */
   void (*kept)(phone_link *link, const nlohmann::json &request, const std::string &line, void *user_data);
 };
 
 /* Connects. NULL with a reason when the bus cannot be reached or another phone is there. A service that is not there is
-   waited for. handlers and state outlive the link. */
+   waited for. handlers and state outlive the link. SIGTERM and SIGINT end the process within a second from now on,
+   whatever it waits for: everything that counts is on disk at any time. */
 phone_link *link_open(phone_state *state, const link_handlers *handlers, void *user_data, std::string *error);
-/* Runs until link_stop, SIGINT or SIGTERM. Returns 0, or -1 with a reason (the bus is gone, another phone came). */
+/* Runs until SIGINT or SIGTERM. Returns 0, or -1 with a reason (the bus is gone, another phone came). */
 int link_run(phone_link *link, std::string *error);
-void link_stop(phone_link *link);
 /* Ends with an error. */
 void link_fail(phone_link *link, const std::string &error);
 void link_close(phone_link *link);
+struct phone_link_closer {
+  void operator()(phone_link *link) const { link_close(link); }
+};
+using phone_link_holder = std::unique_ptr<phone_link, phone_link_closer>;
 
 sd_event *link_event(phone_link *link);
-sd_bus *link_bus(phone_link *link);
+host_bus *link_bus(phone_link *link);
 bool link_is_connected(phone_link *link);
+
+/* How much to send before an answer is waited for. */
+struct link_flow_limits {
+  size_t calls; /* that may be under way at once */
+  size_t bytes; /* of one */
+};
+link_flow_limits link_flow(phone_link *link);
 
 /* What more of a mail's body there is for a watch that holds `have` bytes of it. Returns 0, or -1 with a reason (the
    mail is not known or its file is gone). Also for tests. */
 int more_of_mail(phone_state *state, int mail_id, const std::string &message_uid, int64_t have, std::string *piece,
                  bool *complete, std::string *error);
+
+/* A pause that grows from a second to a minute, in microseconds. */
+uint64_t link_longer(uint64_t pause);
 
 /* A line for people on standard error. */
 void link_log(const std::string &text);

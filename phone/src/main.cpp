@@ -1,5 +1,6 @@
 /* brisel-phone: the phone of the watch. The command line; each command is in commands.cpp or relay.cpp. */
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -40,193 +41,212 @@ int output_checked(int code) {
   return code ? code : 1;
 }
 
+/* What the command line says; each option belongs to the commands that name it. */
+struct command_line {
+  int exit_code = 0;
+  bool json = false, read = false, unread = false, fresh = false, not_new = false;
+  std::string address, name, color, which, known, received, demo_dir = BRISEL_DEMO_DIR;
+  std::string config, sendmail;
+  std::vector<std::string> files, texts, maildirs, mboxes, addresses;
+  std::vector<int> ids;
+  int id = 0, status = 0;
+  int64_t first = -1, newest = -1, retry_first = -1, retry_longest = -1, reply = 0;
+  send_options options;
+  mail_change change;
+};
+
+constexpr char as_json[] = "As JSON";
+
+/* The bounds are told when they are broken, not in every line of the help. */
+CLI::Validator id_range() {
+  return CLI::Range(1, INT32_MAX).description("");
+}
+CLI::Validator count_range() {
+  return CLI::Range(int64_t{0}, int64_t{1} << 40).description("");
+}
+
+int fail(const std::string &text) {
+  fprintf(stderr, "brisel-phone: %s\n", text.c_str());
+  return 1;
+}
+
+void add_account_commands(CLI::App *app, command_line *c) {
+  CLI::App *account = app->add_subcommand("account", "Accounts of the watch")->require_subcommand(1);
+  CLI::App *add = account->add_subcommand("add", "Add an account, or change it; prints its id");
+  add->add_option("ADDRESS", c->address, "The e-mail address")->required();
+  add->add_option("--name", c->name, "The display name");
+  add->add_option("--color", c->color, "The colour, RRGGBBAA");
+  add->add_option("--id", c->id, "The id; one that exists is changed")->check(id_range());
+  add->callback([c] { c->exit_code = command_account_add(c->address, c->name, c->color, c->id); });
+  CLI::App *remove = account->add_subcommand("remove", "Remove an account and its mails");
+  remove->add_option("ID", c->which, "The account's id on the watch, or the name of one on a server")->required();
+  remove->callback([c] {
+    bool number = c->which.find_first_not_of("0123456789") == std::string::npos && c->which.size() < 10;
+    c->exit_code =
+        number ? command_account_remove(atoi(c->which.c_str())) : command_account_forget(post_config_file(), c->which);
+  });
+  CLI::App *list = account->add_subcommand("list", "List the accounts: id, address, name, colour");
+  list->add_flag("--json", c->json, as_json);
+  list->callback([c] {
+    c->exit_code = command_account_list(c->json);
+    if (c->exit_code == 0 && !c->json) c->exit_code = command_account_servers(post_config_file());
+  });
+  post_add_commands(app, account, &c->exit_code);
+  CLI::App *count = account->add_subcommand("count", "Say whether the number of accounts is known");
+  count->add_option("STATE", c->known, "known or unknown")->required()->check(CLI::IsMember({"known", "unknown"}));
+  count->callback([c] { c->exit_code = command_account_count(c->known == "known"); });
+}
+
+int run_mail_send(command_line *c) {
+  if (!c->received.empty() && parse_time(c->received, &c->options.received) < 0)
+    return fail("'" + c->received + "' is no time: seconds since the epoch, ISO 8601, as in a mail, or now");
+  c->options.first = c->first;
+  c->options.is_read = c->read ? 1 : -1;
+  c->options.is_new = !c->not_new;
+  return command_mail_send(c->files, c->options);
+}
+
+void add_mail_send(CLI::App *mail, command_line *c) {
+  CLI::App *send = mail->add_subcommand("send", "Relay mails (files, mbox files, Maildirs); prints one id each");
+  send->add_option("FILE", c->files, "Mail file, mbox file or Maildir folder")->required();
+  send->add_option("--account", c->options.account_id, "The account's id")->required()->check(id_range());
+  send->add_flag("--locked", c->options.locked, "The account's policy forbids showing it on the watch");
+  send->add_option("--first", c->first, "Relay only so many bytes of the body at first")->check(count_range());
+  send->add_option("--received", c->received,
+                   "Seconds since the epoch, ISO 8601, as in a mail, or now (default: the mail's date)");
+  send->add_flag("--read", c->read, "It has been read");
+  send->add_flag("--not-new", c->not_new, "It has been seen on the watch");
+  send->callback([c] { c->exit_code = run_mail_send(c); });
+}
+
+void add_mail_commands(CLI::App *app, command_line *c) {
+  CLI::App *mail = app->add_subcommand("mail", "Mails on the watch")->require_subcommand(1);
+  add_mail_send(mail, c);
+  CLI::App *update = mail->add_subcommand("update", "Change a mail on the watch");
+  update->add_option("ID", c->id, "The mail's id")->required()->check(id_range());
+  CLI::Option *read_flag = update->add_flag("--read", c->read, "It has been read");
+  update->add_flag("--unread", c->unread, "It has not been read")->excludes(read_flag);
+  CLI::Option *new_flag = update->add_flag("--new", c->fresh, "It has not been seen on the watch");
+  update->add_flag("--not-new", c->not_new, "It has been seen on the watch")->excludes(new_flag);
+  CLI::Option *subject = update->add_option("--subject", c->change.subject, "The new subject");
+  update->callback([c, subject] {
+    c->change.is_read = c->read ? 1 : c->unread ? 0 : -1;
+    c->change.is_new = c->fresh ? 1 : c->not_new ? 0 : -1;
+    c->change.has_subject = subject->count() > 0;
+    c->exit_code = command_mail_update(c->id, c->change);
+  });
+  CLI::App *remove = mail->add_subcommand("delete", "Delete mails from the watch");
+  remove->add_option("ID", c->ids, "The mails' ids")->required()->check(id_range());
+  remove->callback([c] { c->exit_code = command_mail_delete(c->ids); });
+  CLI::App *list = mail->add_subcommand("list", "List the mails of the watch");
+  list->add_flag("--json", c->json, "Every stored field");
+  list->callback([c] { c->exit_code = command_mail_list(c->json); });
+}
+
+void add_template_and_status_commands(CLI::App *app, command_line *c) {
+  CLI::App *templates = app->add_subcommand("template", "Reply templates of the watch")->require_subcommand(1);
+  CLI::App *set = templates->add_subcommand("set", "Replace all templates");
+  set->add_option("TEXT", c->texts, "The templates in their order; none: no templates");
+  set->callback([c] { c->exit_code = command_template_set(c->texts); });
+  CLI::App *list = templates->add_subcommand("list", "List the templates");
+  list->add_flag("--json", c->json, as_json);
+  list->callback([c] { c->exit_code = command_template_list(c->json); });
+
+  CLI::App *status = app->add_subcommand("status", "What the watch is told of the phone")->require_subcommand(1);
+  for (const char *kind : {"reply", "conn"}) {
+    CLI::App *one = status->add_subcommand(
+        kind, kind[0] == 'r' ? "0: replies work, 1: the phone needs an update, 2 or more: no replies"
+                             : "0: the phone can be reached now");
+    one->add_option("N", c->status, "The status")->required();
+    one->callback([c, kind] { c->exit_code = command_status(kind, c->status); });
+  }
+}
+
+void add_phone_commands(CLI::App *app, command_line *c) {
+  CLI::App *serve = app->add_subcommand("serve", "Stay connected as the phone; prints each request as one JSON line");
+  serve->callback([c] { c->exit_code = command_serve(); });
+  CLI::App *requests = app->add_subcommand("requests", "List the requests received so far");
+  requests->add_flag("--json", c->json, as_json);
+  requests->callback([c] { c->exit_code = command_requests(c->json); });
+  CLI::App *demo = app->add_subcommand("demo", "Put the demo accounts and mails on the watch; prints one id each");
+  demo->add_option("DIR", c->demo_dir, "Folder with demo.json");
+  demo->callback([c] { c->exit_code = command_demo(c->demo_dir); });
+}
+
+outbox_settings outbox_options(const command_line &c, outbox_settings settings) {
+  if (!c.sendmail.empty()) settings.sendmail = c.sendmail;
+  if (c.retry_first >= 0) settings.retry_first = c.retry_first;
+  if (c.retry_longest >= 0) settings.retry_longest = c.retry_longest;
+  return settings;
+}
+
+int run_relay(command_line *c) {
+  relay_settings settings;
+  std::string error;
+  bool good = c->config.empty() || relay_read_config(c->config, &settings, &error) == 0;
+  for (const std::string &text : c->maildirs)
+    good = good && relay_add_account(text, &maildir_kind, &settings, &error) == 0;
+  for (const std::string &text : c->mboxes) good = good && relay_add_account(text, &mbox_kind, &settings, &error) == 0;
+  for (const std::string &text : c->addresses) good = good && relay_set_address(text, &settings, &error) == 0;
+  if (!good) return fail(error);
+  if (c->newest >= 0) settings.newest = c->newest;
+  if (c->first >= 0) settings.first = c->first;
+  settings.outbox = outbox_options(*c, settings.outbox);
+  return relay_run(settings);
+}
+
+void add_relay_commands(CLI::App *app, command_line *c) {
+  CLI::App *relay = app->add_subcommand("relay", "Follow mailboxes: keep the watch's mails equal to their newest ones");
+  relay->require_subcommand(0, 1);
+  relay->add_option("--maildir", c->maildirs, "NAME=DIR: a Maildir; NAME may be the account's address");
+  relay->add_option("--mbox", c->mboxes, "NAME=FILE: an mbox file, which is only read");
+  relay->add_option("--address", c->addresses, "NAME=ADDRESS: the account's address, for replies");
+  relay->add_option("--config", c->config, "A file with the same settings and more (see the manual page)");
+  relay->add_option("--newest", c->newest, "How many mails of each account the watch has (200)")->check(count_range());
+  relay->add_option("--first", c->first, "How many bytes of each body are relayed at first (2048)")
+      ->check(count_range());
+  relay->add_option("--sendmail", c->sendmail, "The command that takes replies (/usr/sbin/sendmail -t -i)");
+  relay->add_option("--retry-first", c->retry_first, "Seconds until a reply is tried again (60), doubled each time")
+      ->check(count_range());
+  relay->add_option("--retry-longest", c->retry_longest, "The longest such time (3600)")->check(count_range());
+  relay->callback([c, relay] {
+    if (relay->get_subcommands().empty()) c->exit_code = run_relay(c);
+  });
+  CLI::App *status = relay->add_subcommand("status", "What the relay does, and the replies");
+  status->add_flag("--json", c->json, as_json);
+  status->callback([c] { c->exit_code = relay_print_status(c->json); });
+  relay->add_subcommand("retry", "Try the waiting replies now")->callback([c] { c->exit_code = relay_retry(); });
+  CLI::App *drop = relay->add_subcommand("drop", "Forget a reply that was not sent");
+  drop->add_option("ID", c->reply, "The reply's id")->required();
+  drop->callback([c] { c->exit_code = relay_drop(c->reply); });
+
+  /* Reads foreign mail for the others; started by them. */
+  app->add_subcommand("read-mail")->group("")->callback([c] { c->exit_code = parser_serve(); });
+
+  /* The relay's own helper, started by it for each reply. */
+  CLI::App *deliver = app->add_subcommand("deliver-reply")->group("");
+  deliver->add_option("ID", c->reply)->required();
+  deliver->add_option("--sendmail", c->sendmail);
+  deliver->add_option("--retry-first", c->retry_first);
+  deliver->add_option("--retry-longest", c->retry_longest);
+  deliver->callback([c] { c->exit_code = outbox_deliver(c->reply, outbox_options(*c, {})); });
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
   setlocale(LC_ALL, "");
   signal(SIGPIPE, SIG_IGN);
-  int exit_code = 0;
-
+  umask(077); /* whatever is written here is mail, or about it */
+  command_line line;
   CLI::App app{"The phone of the watch: relays mail to it and answers what it asks.", "brisel-phone"};
   app.failure_message(failure_line);
   app.require_subcommand(1);
-  /* The bounds are told when they are broken, not in every line of the help. */
-  const CLI::Validator id_range = CLI::Range(1, INT32_MAX).description("");
-  const CLI::Validator count_range = CLI::Range(int64_t{0}, int64_t{1} << 40).description("");
-  const char *as_json = "As JSON";
-
-  CLI::App *account = app.add_subcommand("account", "Accounts of the watch")->require_subcommand(1);
-  std::string address, name, color;
-  int id = 0;
-  CLI::App *account_add = account->add_subcommand("add", "Add an account, or change it; prints its id");
-  account_add->add_option("ADDRESS", address, "The e-mail address")->required();
-  account_add->add_option("--name", name, "The display name");
-  account_add->add_option("--color", color, "The colour, RRGGBBAA");
-  account_add->add_option("--id", id, "The id; one that exists is changed")->check(id_range);
-  account_add->callback([&] { exit_code = command_account_add(address, name, color, id); });
-  CLI::App *account_remove = account->add_subcommand("remove", "Remove an account and its mails");
-  std::string which;
-  account_remove->add_option("ID", which, "The account's id on the watch, or the name of one on a server")->required();
-  account_remove->callback([&] {
-    bool number = which.find_first_not_of("0123456789") == std::string::npos && which.size() < 10;
-    exit_code =
-        number ? command_account_remove(atoi(which.c_str())) : command_account_forget(post_config_file(), which);
-  });
-  bool json = false;
-  CLI::App *account_list = account->add_subcommand("list", "List the accounts: id, address, name, colour");
-  account_list->add_flag("--json", json, as_json);
-  account_list->callback([&] {
-    exit_code = command_account_list(json);
-    if (exit_code == 0 && !json) exit_code = command_account_servers(post_config_file());
-  });
-  post_add_commands(&app, account, &exit_code);
-  std::string known;
-  CLI::App *account_count = account->add_subcommand("count", "Say whether the number of accounts is known");
-  account_count->add_option("STATE", known, "known or unknown")->required()->check(CLI::IsMember({"known", "unknown"}));
-  account_count->callback([&] { exit_code = command_account_count(known == "known"); });
-
-  CLI::App *mail = app.add_subcommand("mail", "Mails on the watch")->require_subcommand(1);
-  std::vector<std::string> files;
-  send_options options;
-  std::string received;
-  bool read = false, unread = false, fresh = false, not_new = false;
-  int64_t first = -1;
-  CLI::App *mail_send = mail->add_subcommand("send", "Relay mails (files, mbox files, Maildirs); prints one id each");
-  mail_send->add_option("FILE", files, "Mail file, mbox file or Maildir folder")->required();
-  mail_send->add_option("--account", options.account_id, "The account's id")->required()->check(id_range);
-  mail_send->add_flag("--locked", options.locked, "The account's policy forbids showing it on the watch");
-  mail_send->add_option("--first", first, "Relay only so many bytes of the body at first")->check(count_range);
-  mail_send->add_option("--received", received,
-                        "Seconds since the epoch, ISO 8601, as in a mail, or now (default: the mail's date)");
-  mail_send->add_flag("--read", read, "It has been read");
-  mail_send->add_flag("--not-new", not_new, "It has been seen on the watch");
-  mail_send->callback([&] {
-    if (!received.empty() && parse_time(received, &options.received) < 0) {
-      fprintf(stderr, "brisel-phone: '%s' is no time: seconds since the epoch, ISO 8601, as in a mail, or now\n",
-              received.c_str());
-      exit_code = 1;
-      return;
-    }
-    options.first = first;
-    options.is_read = read ? 1 : -1;
-    options.is_new = !not_new;
-    exit_code = command_mail_send(files, options);
-  });
-  mail_change change;
-  CLI::App *mail_update = mail->add_subcommand("update", "Change a mail on the watch");
-  mail_update->add_option("ID", id, "The mail's id")->required()->check(id_range);
-  CLI::Option *read_flag = mail_update->add_flag("--read", read, "It has been read");
-  mail_update->add_flag("--unread", unread, "It has not been read")->excludes(read_flag);
-  CLI::Option *new_flag = mail_update->add_flag("--new", fresh, "It has not been seen on the watch");
-  mail_update->add_flag("--not-new", not_new, "It has been seen on the watch")->excludes(new_flag);
-  CLI::Option *subject = mail_update->add_option("--subject", change.subject, "The new subject");
-  mail_update->callback([&] {
-    change.is_read = read ? 1 : unread ? 0 : -1;
-    change.is_new = fresh ? 1 : not_new ? 0 : -1;
-    change.has_subject = subject->count() > 0;
-    exit_code = command_mail_update(id, change);
-  });
-  std::vector<int> ids;
-  CLI::App *mail_delete = mail->add_subcommand("delete", "Delete mails from the watch");
-  mail_delete->add_option("ID", ids, "The mails' ids")->required()->check(id_range);
-  mail_delete->callback([&] { exit_code = command_mail_delete(ids); });
-  CLI::App *mail_list = mail->add_subcommand("list", "List the mails of the watch");
-  mail_list->add_flag("--json", json, "Every stored field");
-  mail_list->callback([&] { exit_code = command_mail_list(json); });
-
-  CLI::App *templates = app.add_subcommand("template", "Reply templates of the watch")->require_subcommand(1);
-  std::vector<std::string> texts;
-  CLI::App *template_set = templates->add_subcommand("set", "Replace all templates");
-  template_set->add_option("TEXT", texts, "The templates in their order; none: no templates");
-  template_set->callback([&] { exit_code = command_template_set(texts); });
-  CLI::App *template_list = templates->add_subcommand("list", "List the templates");
-  template_list->add_flag("--json", json, as_json);
-  template_list->callback([&] { exit_code = command_template_list(json); });
-
-  CLI::App *status = app.add_subcommand("status", "What the watch is told of the phone")->require_subcommand(1);
-  int value = 0;
-  for (const char *kind : {"reply", "conn"}) {
-    CLI::App *one = status->add_subcommand(
-        kind, kind[0] == 'r' ? "0: replies work, 1: the phone needs an update, 2 or more: no replies"
-                             : "0: the phone can be reached now");
-    one->add_option("N", value, "The status")->required();
-    one->callback([&, kind] { exit_code = command_status(kind, value); });
-  }
-
-  CLI::App *serve = app.add_subcommand("serve", "Stay connected as the phone; prints each request as one JSON line");
-  serve->callback([&] { exit_code = command_serve(); });
-  CLI::App *requests = app.add_subcommand("requests", "List the requests received so far");
-  requests->add_flag("--json", json, as_json);
-  requests->callback([&] { exit_code = command_requests(json); });
-
-  std::string demo_dir = BRISEL_DEMO_DIR;
-  CLI::App *demo = app.add_subcommand("demo", "Put the demo accounts and mails on the watch; prints one id each");
-  demo->add_option("DIR", demo_dir, "Folder with demo.json");
-  demo->callback([&] { exit_code = command_demo(demo_dir); });
-
-  CLI::App *relay = app.add_subcommand("relay", "Follow mailboxes: keep the watch's mails equal to their newest ones");
-  relay->require_subcommand(0, 1);
-  std::vector<std::string> maildirs, mboxes, addresses;
-  std::string config, sendmail;
-  int64_t newest = -1, retry_first = -1, retry_longest = -1;
-  relay->add_option("--maildir", maildirs, "NAME=DIR: a Maildir; NAME may be the account's address");
-  relay->add_option("--mbox", mboxes, "NAME=FILE: an mbox file, which is only read");
-  relay->add_option("--address", addresses, "NAME=ADDRESS: the account's address, for replies");
-  relay->add_option("--config", config, "A file with the same settings and more (see the manual page)");
-  relay->add_option("--newest", newest, "How many mails of each account the watch has (200)")->check(count_range);
-  relay->add_option("--first", first, "How many bytes of each body are relayed at first (2048)")->check(count_range);
-  relay->add_option("--sendmail", sendmail, "The command that takes replies (/usr/sbin/sendmail -t -i)");
-  relay->add_option("--retry-first", retry_first, "Seconds until a reply is tried again (60), doubled each time")
-      ->check(count_range);
-  relay->add_option("--retry-longest", retry_longest, "The longest such time (3600)")->check(count_range);
-  CLI::App *relay_status = relay->add_subcommand("status", "What the relay does, and the replies");
-  relay_status->add_flag("--json", json, as_json);
-  relay_status->callback([&] { exit_code = relay_print_status(json); });
-  relay->add_subcommand("retry", "Try the waiting replies now")->callback([&] { exit_code = relay_retry(); });
-  int64_t reply = 0;
-  CLI::App *relay_drop_command = relay->add_subcommand("drop", "Forget a reply that was not sent");
-  relay_drop_command->add_option("ID", reply, "The reply's id")->required();
-  relay_drop_command->callback([&] { exit_code = relay_drop(reply); });
-  auto outbox_options = [&](outbox_settings *settings) {
-    if (!sendmail.empty()) settings->sendmail = sendmail;
-    if (retry_first >= 0) settings->retry_first = retry_first;
-    if (retry_longest >= 0) settings->retry_longest = retry_longest;
-  };
-  relay->callback([&] {
-    if (!relay->get_subcommands().empty()) return;
-    relay_settings settings;
-    std::string error;
-    bool good = config.empty() || relay_read_config(config, &settings, &error) == 0;
-    for (const std::string &text : maildirs)
-      good = good && relay_add_account(text, &maildir_kind, &settings, &error) == 0;
-    for (const std::string &text : mboxes) good = good && relay_add_account(text, &mbox_kind, &settings, &error) == 0;
-    for (const std::string &text : addresses) good = good && relay_set_address(text, &settings, &error) == 0;
-    if (!good) {
-      fprintf(stderr, "brisel-phone: %s\n", error.c_str());
-      exit_code = 1;
-      return;
-    }
-    if (newest >= 0) settings.newest = newest;
-    if (first >= 0) settings.first = first;
-    outbox_options(&settings.outbox);
-    exit_code = relay_run(settings);
-  });
-
-  /* Reads foreign mail for the others; started by them. */
-  app.add_subcommand("read-mail")->group("")->callback([&] { exit_code = parser_serve(); });
-
-  /* The relay's own helper, started by it for each reply. */
-  CLI::App *deliver = app.add_subcommand("deliver-reply")->group("");
-  deliver->add_option("ID", reply)->required();
-  deliver->add_option("--sendmail", sendmail);
-  deliver->add_option("--retry-first", retry_first);
-  deliver->add_option("--retry-longest", retry_longest);
-  deliver->callback([&] {
-    outbox_settings settings;
-    outbox_options(&settings);
-    exit_code = outbox_deliver(reply, settings);
-  });
-
+  add_account_commands(&app, &line);
+  add_mail_commands(&app, &line);
+  add_template_and_status_commands(&app, &line);
+  add_phone_commands(&app, &line);
+  add_relay_commands(&app, &line);
   set_version(&app);
   try {
     app.parse(argc, argv);
@@ -234,5 +254,5 @@ int main(int argc, char **argv) {
     int code = app.exit(error);
     return output_checked(code == 0 ? 0 : 2);
   }
-  return output_checked(exit_code);
+  return output_checked(line.exit_code);
 }

@@ -3,134 +3,127 @@
 #include <fcntl.h>
 #include <glib.h>
 #include <poll.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
-#include <ctime>
 
 #include "../mime.h"
 #include "link.h"
-#include "sql.h"
+#include "state-replies.h"
 
 extern char **environ;
 
 namespace {
 
 constexpr int kSendmailSeconds = 300; /* a mail system that takes longer is stuck */
+constexpr int kLockPollMs = 200;
 constexpr size_t kMaxComplaint = 2000;
-constexpr int64_t kSentKept = 1000; /* sent replies that the status tells of */
+constexpr unsigned kLongestPause = 60; /* seconds between tries to write down what is known */
 
-int64_t now_seconds() {
-  return static_cast<int64_t>(time(nullptr));
+/* A descriptor, closed at the end of its scope. */
+struct fd_holder {
+  int fd = -1;
+  fd_holder() = default;
+  explicit fd_holder(int from) : fd(from) {}
+  ~fd_holder() { reset(); }
+  fd_holder(const fd_holder &) = delete;
+  fd_holder &operator=(const fd_holder &) = delete;
+  void reset() {
+    if (fd >= 0) close(fd);
+    fd = -1;
+  }
+};
+
+std::string lock_path(int64_t id) {
+  return phone_state_path(("outbox/" + std::to_string(id) + ".lock").c_str());
 }
 
 int lock_entry(int64_t id) {
-  std::string folder = phone_state_path("outbox");
-  if (mkdir(folder.c_str(), 0700) < 0 && errno != EEXIST) return -1;
-  int fd = open((folder + "/" + std::to_string(id) + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (mkdir(phone_state_path("outbox").c_str(), 0700) < 0 && errno != EEXIST) return -1;
+  int fd = open(lock_path(id).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return -1;
-  while (flock(fd, LOCK_EX) < 0)
-    if (errno != EINTR) {
+  /* An earlier sendmail may still be at it; a program that it left behind may hold on to the lock for good. */
+  for (int waited = 0; flock(fd, LOCK_EX | LOCK_NB) < 0; waited += kLockPollMs) {
+    if (errno != EINTR && (errno != EWOULDBLOCK || waited > (kSendmailSeconds + 30) * 1000)) {
       close(fd);
       return -1;
     }
-  return fd;
+    poll(nullptr, 0, kLockPollMs);
+  }
+  if (ftruncate(fd, 0) == 0) return fd;
+  close(fd);
+  return -1;
 }
 
-/* Returns 1, 0 when there is no such entry, -1. */
-int read_entry(phone_state *state, int64_t id, outbox_entry *entry, std::string *message) {
-  sql_query query(phone_state_db(state), "SELECT state, attempts, message FROM outbox WHERE id = ?");
-  int result = query.bind(1, id).step();
-  if (result != SQLITE_ROW) return result == SQLITE_DONE ? 0 : -1;
-  entry->state = static_cast<int>(query.integer(0));
-  entry->attempts = static_cast<int>(query.integer(1));
-  *message = query.text(2);
-  return 1;
-}
-
-/* Writes down that it is being handed over. Returns 1 when this is ours to do, 0 when it is done or gone, -1. */
-int mark_sending(phone_state *state, int64_t id, outbox_entry *entry, std::string *message) {
-  int found = read_entry(state, id, entry, message);
-  if (found <= 0) return found;
-  if (entry->state == OUTBOX_SENT || entry->state == OUTBOX_HELD) return 0;
-  sql_query query(phone_state_db(state),
-                  "UPDATE outbox SET state = 1, attempts = attempts + 1, interrupted = interrupted + (state = 1)"
-                  " WHERE id = ? AND state IN (0, 1)");
-  if (query.bind(1, id).step() != SQLITE_DONE) return -1;
-  return sqlite3_changes(phone_state_db(state)) > 0 ? 1 : 0;
-}
-
-int mark_sent(phone_state *state, int64_t id) {
-  sql_query query(phone_state_db(state),
-                  "UPDATE outbox SET state = 2, done_time = ?, error = '', message = x'' WHERE id = ?");
-  if (query.bind(1, now_seconds()).bind(2, id).step() != SQLITE_DONE) return -1;
-  sql_query prune(phone_state_db(state),
-                  "DELETE FROM outbox WHERE state = 2 AND id <= (SELECT max(id) FROM outbox) - ?");
-  return prune.bind(1, kSentKept).step() == SQLITE_DONE ? 0 : -1;
-}
-
-int mark_failed(phone_state *state, int64_t id, int attempts, const outbox_settings &settings,
-                const std::string &error) {
+int64_t pause_after(int attempts, const outbox_settings &settings) {
   int64_t delay = settings.retry_first;
   for (int i = 0; i < attempts && delay < settings.retry_longest; i++) delay *= 2;
-  sql_query query(phone_state_db(state), "UPDATE outbox SET state = 0, next_time = ?, error = ? WHERE id = ?");
   /* At least a second: a program that fails at once must not be run in a circle. */
-  delay = std::max<int64_t>(1, std::min(delay, settings.retry_longest));
-  query.bind(1, now_seconds() + delay).bind(2, error).bind(3, id);
-  return query.step() == SQLITE_DONE ? 0 : -1;
+  return std::max<int64_t>(1, std::min(delay, settings.retry_longest));
 }
 
-/* Feeds the message and collects what the program says, until it ends or the time is over. */
-int talk(pid_t pid, int in, int out, const std::string &message, std::string *said) {
-  size_t written = 0;
-  time_t deadline = time(nullptr) + kSendmailSeconds;
-  fcntl(in, F_SETFL, O_NONBLOCK);
-  while (out >= 0 || in >= 0) {
-    pollfd waits[2] = {{out, POLLIN, 0}, {in, POLLOUT, 0}};
-    auto left = static_cast<int>(deadline - time(nullptr));
-    if (left <= 0 || poll(waits, 2, left * 1000) == 0) {
-      kill(pid, SIGKILL);
-      *said = "it did not end in time";
-      break;
-    }
-    if (in >= 0 && waits[1].revents) {
-      ssize_t n = write(in, message.data() + written, message.size() - written);
-      if (n > 0) written += static_cast<size_t>(n);
-      if ((n < 0 && errno != EAGAIN && errno != EINTR) || written >= message.size()) {
-        close(in);
-        in = -1;
-      }
-    }
-    if (out >= 0 && waits[0].revents) {
-      char buffer[1024];
-      ssize_t n = read(out, buffer, sizeof buffer);
-      if (n > 0 && said->size() < kMaxComplaint) said->append(buffer, static_cast<size_t>(n));
-      if (n == 0 || (n < 0 && errno != EINTR)) {
-        /* It may end without having read all; waiting for its end is what counts. */
-        close(out);
-        out = -1;
-        if (in >= 0) close(in);
-        in = -1;
-      }
-    }
+/* --- sendmail --- */
+
+struct sendmail_run {
+  pid_t pid = -1;
+  fd_holder in, said; /* the message, as far as it was not read yet; what the program says */
+  bool in_is_pipe = false;
+};
+
+int write_all(int fd, const std::string &text) {
+  for (size_t done = 0; done < text.size();) {
+    ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno != EINTR) return -1;
+    if (n > 0) done += static_cast<size_t>(n);
   }
-  if (in >= 0) close(in);
-  if (out >= 0) close(out);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return written < message.size() && status == 0 ? -1 : status;
+  return 0;
 }
 
-/* Runs sendmail. Returns 0 when it took the message, else -1 with a one-line reason. */
-int run_sendmail(const std::string &command, const std::string &message, std::string *error) {
+/* The whole message is where sendmail reads it before it is started: nothing that happens to this process afterwards
+   can cut it short. A pipe where it is large enough, for programs expect one. */
+int fill_input(sendmail_run *run, const std::string &message) {
+  int ends[2];
+  if (message.size() < INT_MAX && pipe2(ends, O_CLOEXEC) == 0) {
+    run->in.fd = ends[0];
+    fd_holder writer(ends[1]);
+    if (fcntl(writer.fd, F_SETPIPE_SZ, static_cast<int>(std::max<size_t>(message.size(), 4096))) >=
+        static_cast<int>(message.size())) {
+      run->in_is_pipe = true;
+      return write_all(writer.fd, message);
+    }
+    run->in.reset();
+  }
+  run->in.fd = memfd_create("reply", MFD_CLOEXEC);
+  if (run->in.fd < 0 || write_all(run->in.fd, message) < 0) return -1;
+  return lseek(run->in.fd, 0, SEEK_SET) < 0 ? -1 : 0;
+}
+
+/* In the child: the lock goes along, with the id of the process that sends in it. */
+[[noreturn]] void become_sendmail(char **arguments, const sendmail_run &run, int lock) {
+  char text[24];
+  int length = snprintf(text, sizeof text, "%d\n", static_cast<int>(getpid()));
+  signal(SIGPIPE, SIG_DFL);
+  fcntl(lock, F_SETFD, 0);
+  if (pwrite(lock, text, static_cast<size_t>(length), 0) == length && ftruncate(lock, length) == 0 &&
+      dup2(run.in.fd, 0) >= 0 && dup2(run.said.fd, 1) >= 0 && dup2(run.said.fd, 2) >= 0)
+    execvp(arguments[0], arguments);
+  dprintf(run.said.fd, "%s", strerror(errno));
+  _exit(127);
+}
+
+int start_sendmail(const std::string &command, const std::string &message, int lock, sendmail_run *run,
+                   std::string *program, std::string *error) {
   gchar **arguments = nullptr;
   GError *why = nullptr;
   if (!g_shell_parse_argv(command.c_str(), nullptr, &arguments, &why)) {
@@ -138,136 +131,103 @@ int run_sendmail(const std::string &command, const std::string &message, std::st
     g_clear_error(&why);
     return -1;
   }
-  int in[2], out[2];
-  if (pipe2(in, O_CLOEXEC) < 0) {
-    *error = strerror(errno);
-    g_strfreev(arguments);
-    return -1;
-  }
-  if (pipe2(out, O_CLOEXEC) < 0) {
-    *error = strerror(errno);
-    close(in[0]);
-    close(in[1]);
-    g_strfreev(arguments);
-    return -1;
-  }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t pipe_signal;
-  sigemptyset(&pipe_signal);
-  sigaddset(&pipe_signal, SIGPIPE);
-  posix_spawnattr_setsigdefault(&attributes, &pipe_signal);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-  pid_t pid = 0;
-  int failed = posix_spawnp(&pid, arguments[0], &actions, &attributes, arguments, environ);
-  posix_spawnattr_destroy(&attributes);
-  std::string program = arguments[0];
-  posix_spawn_file_actions_destroy(&actions);
+  *program = arguments[0];
+  run->said.fd = memfd_create("said", MFD_CLOEXEC);
+  if (run->said.fd >= 0 && fill_input(run, message) == 0) run->pid = fork();
+  if (run->pid == 0) become_sendmail(arguments, *run, lock);
+  if (run->pid < 0) *error = *program + ": " + strerror(errno);
   g_strfreev(arguments);
-  close(in[0]);
-  close(out[1]);
-  if (failed != 0) {
-    close(in[1]);
-    close(out[0]);
-    *error = program + ": " + strerror(failed);
-    return -1;
+  return run->pid < 0 ? -1 : 0;
+}
+
+/* Waits until it ended, and leaves it for whoever asks next: should this process be killed before the result is on
+   disk, the relay can still ask. */
+void await_end(pid_t pid, bool *late) {
+  fd_holder process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+  pollfd wait = {process.fd, POLLIN, 0};
+  int r = 1;
+  while (process.fd >= 0 && (r = poll(&wait, 1, kSendmailSeconds * 1000)) < 0 && errno == EINTR) {
   }
-  std::string said;
-  int status = talk(pid, in[1], out[0], message, &said);
-  if (status == 0) return 0;
-  *error = program;
-  if (status == -1)
-    *error += " did not read the whole message";
-  else if (WIFEXITED(status))
-    *error += " ended with code " + std::to_string(WEXITSTATUS(status));
-  else
-    *error += " was ended by signal " + std::to_string(WTERMSIG(status));
-  std::string line = mime_clean_line(said, 400);
+  *late = r == 0;
+  if (*late) kill(pid, SIGKILL);
+}
+
+std::string ending(const siginfo_t &end) {
+  return end.si_code == CLD_EXITED ? " ended with code " + std::to_string(end.si_status)
+                                   : " was ended by signal " + std::to_string(end.si_status);
+}
+
+/* Returns 0 when sendmail took the message, else -1 with a one-line reason. */
+int judge(const sendmail_run &run, const siginfo_t &end, bool late, const std::string &program, std::string *error) {
+  int unread = 0;
+  bool taken = end.si_code == CLD_EXITED && end.si_status == 0;
+  if (taken && run.in_is_pipe && ioctl(run.in.fd, FIONREAD, &unread) == 0 && unread > 0) taken = false;
+  if (taken) return 0;
+  *error = program + (unread > 0 ? " did not read the whole message" : late ? " did not end in time" : ending(end));
+  char said[kMaxComplaint];
+  ssize_t length = pread(run.said.fd, said, sizeof said, 0);
+  std::string line = length > 0 ? mime_clean_line(std::string_view(said, static_cast<size_t>(length)), 400) : "";
   if (!line.empty()) *error += ": " + line;
   return -1;
 }
 
-}  // namespace
-
-int outbox_add(phone_state *state, int account_id, const std::string &recipient, const std::string &subject,
-               const std::string &message, const std::string &error) {
-  sql_query query(phone_state_db(state),
-                  "INSERT INTO outbox (account_id, created, recipient, subject, message, state, error)"
-                  " VALUES (?, ?, ?, ?, ?, ?, ?)");
-  query.bind(1, account_id).bind(2, now_seconds()).bind(3, recipient).bind(4, subject).bind(5, message);
-  query.bind(6, error.empty() ? OUTBOX_QUEUED : OUTBOX_HELD).bind(7, error);
-  return query.step() == SQLITE_DONE ? 0 : -1;
-}
-
-int outbox_list(phone_state *state, std::vector<outbox_entry> *entries) {
-  sql_query query(phone_state_db(state),
-                  "SELECT id, account_id, created, recipient, subject, state, attempts, interrupted, next_time,"
-                  " done_time, error FROM outbox ORDER BY id");
-  int result;
-  while ((result = query.step()) == SQLITE_ROW) {
-    outbox_entry entry;
-    entry.id = query.integer(0);
-    entry.account_id = static_cast<int>(query.integer(1));
-    entry.created = query.integer(2);
-    entry.recipient = query.text(3);
-    entry.subject = query.text(4);
-    entry.state = static_cast<int>(query.integer(5));
-    entry.attempts = static_cast<int>(query.integer(6));
-    entry.interrupted = static_cast<int>(query.integer(7));
-    entry.next_time = query.integer(8);
-    entry.done_time = query.integer(9);
-    entry.error = query.text(10);
-    entries->push_back(std::move(entry));
+/* What came of it is known here and nowhere else until it is on disk: tried until it is. */
+void note_for_sure(phone_state *state, int64_t id, const std::function<int()> &note) {
+  for (unsigned pause = 1; note() < 0; pause = std::min(pause * 2, kLongestPause)) {
+    if (pause == 1)
+      link_log("reply " + std::to_string(id) +
+               ": what came of it cannot be written down yet: " + phone_state_error(state));
+    sleep(pause);
+    if (access(lock_path(id).c_str(), F_OK) < 0) return; /* the state was taken away as a whole */
   }
-  return result == SQLITE_DONE ? 0 : -1;
 }
 
-int outbox_retry_all(phone_state *state) {
-  sql_query query(phone_state_db(state), "UPDATE outbox SET next_time = 0 WHERE state IN (0, 1)");
-  return query.step() == SQLITE_DONE ? 0 : -1;
+void hand_over(phone_state *state, const reply_entry &entry, const std::string &message, int lock,
+               const outbox_settings &settings) {
+  std::string error, program;
+  sendmail_run run;
+  int taken = start_sendmail(settings.sendmail, message, lock, &run, &program, &error);
+  if (taken == 0) {
+    siginfo_t end = {};
+    bool late = false;
+    await_end(run.pid, &late);
+    while (waitid(P_PID, static_cast<id_t>(run.pid), &end, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+    }
+    taken = judge(run, end, late, program, &error);
+  }
+  if (taken < 0)
+    link_log("reply " + std::to_string(entry.id) + " could not be sent: " + error + "; it will be tried again");
+  note_for_sure(state, entry.id, [&] {
+    return taken == 0 ? reply_set_sent(state, entry.id)
+                      : reply_set_failed(state, entry.id, pause_after(entry.attempts, settings), error);
+  });
+  if (run.pid > 0) waitpid(run.pid, nullptr, 0);
+  if (taken == 0) unlink(lock_path(entry.id).c_str());
 }
 
-int outbox_drop(phone_state *state, int64_t id) {
-  sql_query query(phone_state_db(state), "DELETE FROM outbox WHERE id = ? AND state <> 2");
-  if (query.bind(1, id).step() != SQLITE_DONE) return -1;
-  return sqlite3_changes(phone_state_db(state)) > 0 ? 1 : 0;
-}
+}  // namespace
 
 int outbox_deliver(int64_t id, const outbox_settings &settings) {
   std::string error;
-  int lock = lock_entry(id);
-  if (lock < 0) {
+  fd_holder lock(lock_entry(id));
+  if (lock.fd < 0) {
     link_log("reply " + std::to_string(id) + ": its lock cannot be had: " + strerror(errno));
     return 1;
   }
-  phone_state *state = phone_state_open(&error);
+  phone_state_holder state(phone_state_open(&error));
   if (!state) {
     link_log(error);
     return 1;
   }
-  outbox_entry entry;
+  reply_entry entry;
   std::string message;
-  int ours = mark_sending(state, id, &entry, &message);
-  int code = ours < 0 ? 1 : 0;
-  if (ours == 1) {
-    if (entry.state == OUTBOX_SENDING)
-      link_log("reply " + std::to_string(id) + ": an earlier try was interrupted; sending it again");
-    int taken = run_sendmail(settings.sendmail, message, &error);
-    int noted = taken == 0 ? mark_sent(state, id) : mark_failed(state, id, entry.attempts, settings, error);
-    if (taken < 0)
-      link_log("reply " + std::to_string(id) + " could not be sent: " + error + "; it will be tried again");
-    if (noted < 0) link_log("reply " + std::to_string(id) + ": what came of it cannot be written down");
-    code = taken == 0 && noted == 0 ? 0 : 1;
-    if (taken == 0) unlink(phone_state_path(("outbox/" + std::to_string(id) + ".lock").c_str()).c_str());
-  }
-  phone_state_close(state);
-  close(lock);
-  return code;
+  int ours = reply_begin(state.get(), id, &entry, &message);
+  if (ours < 0) link_log("reply " + std::to_string(id) + ": " + phone_state_error(state.get()));
+  if (ours <= 0) return ours < 0 ? 1 : 0;
+  if (entry.state == reply_state::sending)
+    link_log("reply " + std::to_string(id) + ": an earlier try was interrupted; sending it again");
+  hand_over(state.get(), entry, message, lock.fd, settings);
+  return 0;
 }
 
 int outbox_spawn(int64_t id, const outbox_settings &settings, std::string *error) {
@@ -290,4 +250,45 @@ int outbox_spawn(int64_t id, const outbox_settings &settings, std::string *error
   if (failed == 0) return pid;
   *error = std::string("the process that sends a reply cannot be started: ") + strerror(failed);
   return -1;
+}
+
+void outbox_inherit_orphans() {
+  prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+}
+
+pid_t outbox_orphan(int64_t id) {
+  fd_holder file(open(lock_path(id).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  char text[24] = "";
+  if (file.fd < 0 || pread(file.fd, text, sizeof text - 1, 0) <= 0) return 0;
+  auto pid = static_cast<pid_t>(strtol(text, nullptr, 10));
+  siginfo_t end = {};
+  /* Only a child of this process: the number may be anybody's by now. */
+  if (pid <= 0 || waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOHANG | WNOWAIT) < 0) return 0;
+  return pid;
+}
+
+void outbox_bury_orphans() {
+  char path[64];
+  snprintf(path, sizeof path, "/proc/self/task/%d/children", static_cast<int>(getpid()));
+  fd_holder file(open(path, O_RDONLY | O_CLOEXEC));
+  char text[4096] = "";
+  ssize_t length = file.fd < 0 ? 0 : read(file.fd, text, sizeof text - 1);
+  for (char *at = text, *end = text; length > 0; at = end) {
+    auto pid = static_cast<pid_t>(strtol(at, &end, 10));
+    if (end == at) break;
+    if (getsid(pid) != getsid(0)) waitpid(pid, nullptr, WNOHANG);
+  }
+}
+
+int outbox_settle(phone_state *state, int64_t id, const siginfo_t *end, const outbox_settings &settings) {
+  std::vector<reply_entry> entries;
+  if (reply_list(state, &entries) < 0) return -1;
+  for (const reply_entry &entry : entries) {
+    if (entry.id != id || entry.state != reply_state::sending) continue;
+    if (end->si_code == CLD_EXITED && end->si_status == 0) return reply_set_sent(state, id);
+    std::string error = "sendmail" + ending(*end);
+    link_log("reply " + std::to_string(id) + " could not be sent: " + error + "; it will be tried again");
+    return reply_set_failed(state, id, pause_after(entry.attempts - 1, settings), error);
+  }
+  return 0;
 }

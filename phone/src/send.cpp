@@ -42,41 +42,37 @@ outgoing make_outgoing(const mime_mail &mail, const send_options &options, const
   return out;
 }
 
-int send_batch(sd_bus *bus, phone_state *state, std::vector<outgoing> *batch, std::vector<int> *ids,
+int send_batch(host_bus *bus, phone_state *state, std::vector<outgoing> *batch, std::vector<int> *ids,
                std::string *error) {
   if (batch->empty()) return 0;
   /* Known here before the watch has them: whatever asks for more of one finds it, even if this process ends now. */
-  bool kept = phone_state_begin(state) == 0;
-  for (outgoing &entry : *batch)
-    if (kept) kept = phone_state_add_mail(state, &entry.kept) == 0;
-  if (kept) kept = phone_state_commit(state) == 0;
-  if (!kept) {
+  int kept = phone_state_change(state, [&] {
+    for (outgoing &entry : *batch)
+      if (phone_state_add_mail(state, &entry.kept) < 0) return -1;
+    return 0;
+  });
+  if (kept < 0) {
     *error = phone_state_error(state);
-    phone_state_rollback(state);
     return -1;
   }
-  std::vector<watch_mail> mails;
-  mails.reserve(batch->size());
-  for (outgoing &entry : *batch) mails.push_back(std::move(entry.mail));
+  std::vector<const watch_mail *> mails;
+  for (const outgoing &entry : *batch) mails.push_back(&entry.mail);
   int sent = host_add_mails(bus, mails, ids, error);
   /* No answer: the mails may be there, and what is kept of them finds them by their identity. */
   if (sent == HOST_AWAY) {
     *error += "; whether they arrived is not known";
     return -1;
   }
-  bool noted = phone_state_begin(state) == 0;
-  for (size_t i = 0; i < batch->size() && noted; i++) {
-    if (sent == 0)
-      noted = phone_state_set_mail_id(state, (*batch)[i].kept.row, (*ids)[i]) == 0;
-    else
-      noted = phone_state_drop_row(state, (*batch)[i].kept.row) == 0;
-  }
-  if (noted) noted = phone_state_commit(state) == 0;
-  if (!noted) {
-    /* The watch has the mails: they are found by their identity alone. */
-    fprintf(stderr, "brisel-phone: %s\n", phone_state_error(state));
-    phone_state_rollback(state);
-  }
+  int noted = phone_state_change(state, [&] {
+    for (size_t i = 0; i < batch->size(); i++) {
+      int64_t row = (*batch)[i].kept.row;
+      if ((sent == 0 ? phone_state_set_mail_id(state, row, (*ids)[i]) : phone_state_drop_row(state, row)) < 0)
+        return -1;
+    }
+    return 0;
+  });
+  /* The watch has the mails: they are found by their identity alone. */
+  if (noted < 0) fprintf(stderr, "brisel-phone: %s\n", phone_state_error(state));
   return sent;
 }
 

@@ -31,7 +31,7 @@ outgoing make_outgoing(const mime_mail &mail, const send_options &options, const
 
 /* Hands the mails to the service in one call and keeps what is needed to go on with them. ids: in their order. All or
    none. Returns 0, or -1 with a reason. */
-int send_batch(sd_bus *bus, phone_state *state, std::vector<outgoing> *batch, std::vector<int> *ids,
+int send_batch(host_bus *bus, phone_state *state, std::vector<outgoing> *batch, std::vector<int> *ids,
                std::string *error);
 
 /* Reads TIME of the command line: seconds since the epoch, ISO 8601 with or without zone (local time then), the form

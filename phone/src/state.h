@@ -1,18 +1,20 @@
 /*
  * The phone's own memory: one SQLite file in the phone's state folder, shared by every command, `serve` and `relay`.
  *
- * Every function that changes something returns after it is on disk, or returns -1 with the reason in *error (of the
- * handle: phone_state_error). Several processes work on it side by side. Thread: the one that opened it.
+ * Every function that changes something returns after it is on disk, or, inside phone_state_change, with it; or it
+ * returns -1, and phone_state_error says why. Several processes work on the file side by side. state-relay.h and
+ * state-replies.h are the rest of it. Thread: the one that opened it.
  */
 #ifndef BRISEL_PHONE_STATE_H
 #define BRISEL_PHONE_STATE_H
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 struct phone_state;
-struct sqlite3;
 
 /* What the phone keeps of a mail that it sent: enough to go on with its text and to answer it. */
 struct sent_mail {
@@ -33,30 +35,36 @@ struct stored_request {
   std::string json;
 };
 
-/* The state folder's path, with `name` below it when not empty. Empty when the folder cannot be made. */
+/* The state folder's path, with `name` below it when not empty. Empty when the folder cannot be made, or is not this
+   user's own. */
 std::string phone_state_path(const char *name);
 
-/* Opens (and makes) the state. NULL with a one-line reason. Free with phone_state_close. */
+/* Opens (and makes, and brings up to date) the state. NULL with a one-line reason. */
 phone_state *phone_state_open(std::string *error);
 void phone_state_close(phone_state *state);
+struct phone_state_closer {
+  void operator()(phone_state *state) const { phone_state_close(state); }
+};
+using phone_state_holder = std::unique_ptr<phone_state, phone_state_closer>;
 const char *phone_state_error(phone_state *state);
-/* The database itself, for the tables of the relay. */
-sqlite3 *phone_state_db(phone_state *state);
 
-int phone_state_begin(phone_state *state);
-int phone_state_commit(phone_state *state);
-void phone_state_rollback(phone_state *state);
+/* What `work` changes is kept as a whole when it returns 0, and not at all otherwise. Returns 0, or -1. */
+int phone_state_change(phone_state *state, const std::function<int()> &work);
+
+/* --- mails that were sent --- */
 
 /* Adds a row and sets mail->row. */
 int phone_state_add_mail(phone_state *state, sent_mail *mail);
 /* Says which number the watch gave the row's mail. */
 int phone_state_set_mail_id(phone_state *state, int64_t row, int mail_id);
 int phone_state_drop_row(phone_state *state, int64_t row);
-/* Forgets mails that are gone from the watch. */
-int phone_state_drop_mails(phone_state *state, const std::vector<int> &mail_ids);
+/* Forgets mails that are gone from the watch; *known (may be NULL): how many were known. */
+int phone_state_drop_mails(phone_state *state, const std::vector<int> &mail_ids, int *known = nullptr);
 /* The mail that a request means: both numbers when they agree, else the newest of that message_uid (the watch's
    numbers start again when its store is new). Returns 1 found, 0 not known, -1 error. */
 int phone_state_find_mail(phone_state *state, int mail_id, const std::string &message_uid, sent_mail *mail);
+
+/* --- requests that came --- */
 
 /* Keeps a request that arrived from the service whose bus name is `peer`. Returns 1 when it is new, 0 when it was kept
    before, -1 error. A request that `peer` sent is the same one when number and text are; one that another service

@@ -1,11 +1,12 @@
-"""Writes the numbered schema files as one C++ header: embed.py OUTPUT FILE..."""
+"""Writes the numbered schema files of the store, or of the phone's state, as one C++ header:
+embed.py OUTPUT NAME FILE..."""
 import sys
 
-output, files = sys.argv[1], sorted(sys.argv[2:])
+output, name, files = sys.argv[1], sys.argv[2], sorted(sys.argv[3:])
 with open(output, 'w', encoding='utf-8') as out:
-    out.write('#pragma once\n/* Made from service/schema. Step n takes a store from version n to version n + 1. */\n')
-    out.write('constexpr const char *schema_steps[] = {\n')
-    for name in files:
-        with open(name, encoding='utf-8') as text:
+    out.write('#pragma once\n/* Made from numbered files. Step n takes a file from version n to version n + 1. */\n')
+    out.write('constexpr const char *%s[] = {\n' % name)
+    for file in files:
+        with open(file, encoding='utf-8') as text:
             out.write('R"SCHEMA(%s)SCHEMA",\n' % text.read())
     out.write('};\n')

@@ -1,0 +1,179 @@
+/* What the watch asks: each request is on disk before it is acknowledged, and handed on once. */
+#include <algorithm>
+#include <cstring>
+
+#include "../mime.h"
+#include "link-parts.h"
+#include "mail-files.h"
+#include "parser.h"
+
+namespace {
+
+constexpr int64_t kSmallestPiece = 512;
+constexpr int kUnknownMail = 1; /* what the service is told when there is no more to give */
+
+void answer_more(phone_link *link, int64_t id, const nlohmann::json &request, int64_t have) {
+  std::string piece, error;
+  bool complete = false;
+  int mail_id = request.value("mail_id", 0);
+  std::string uid = request.value("message_uid", std::string());
+  int result = more_of_mail(link->state, mail_id, uid, have, &piece, &complete, &error);
+  if (result < 0) link_log("more of mail " + std::to_string(mail_id) + ": " + error);
+  std::string why;
+  if (host_answer_more(link->bus.get(), id, result < 0 ? kUnknownMail : 0, piece, complete, &why) < 0)
+    link_log("more of mail " + std::to_string(mail_id) + " was not taken: " + why);
+}
+
+/* Only the right types are looked at later: everything else in a request is passed on as it came. */
+bool well_formed(const nlohmann::json &request) {
+  if (!request.is_object() || !request.contains("request") || !request["request"].is_string()) return false;
+  if (request.contains("mail_id") && !request["mail_id"].is_number_integer()) return false;
+  for (const char *key : {"message_uid", "text", "subject", "recipient", "host_tag"})
+    if (request.contains(key) && !request[key].is_string()) return false;
+  if (!request.contains("id_list")) return true;
+  const nlohmann::json &ids = request["id_list"];
+  return ids.is_array() && std::all_of(ids.begin(), ids.end(), [](const auto &id) { return id.is_number_integer(); });
+}
+
+int resend_cb(sd_event_source *source, uint64_t usec, void *user_data) {
+  auto *link = static_cast<phone_link *>(user_data);
+  std::string error;
+  if (link->connected && host_connect(link->bus.get(), &error) < 0) link_log(error);
+  return 0;
+}
+
+/* What could not be kept stays with the service, which sends all that waits when it is asked: after a pause that
+   grows, for a disk that is full now is full in a moment too. */
+void ask_again_later(phone_link *link) {
+  if (link->resend_delay == 0) link_log(phone_state_error(link->state));
+  link->resend_delay = link_longer(link->resend_delay);
+  link_timer(link, &link->resend, link->resend_delay, resend_cb);
+}
+
+void acknowledge(phone_link *link, int64_t id) {
+  std::string error;
+  if (host_acknowledge(link->bus.get(), id, &error) < 0) {
+    if (!link->told) link_log("request " + std::to_string(id) + " could not be acknowledged: " + error);
+    link->told = true;
+    return;
+  }
+  if (phone_state_set_acknowledged(link->state, id) < 0) link_log(phone_state_error(link->state));
+}
+
+void take_request(phone_link *link, const waiting_request &r) {
+  nlohmann::json request = nlohmann::json::parse(r.line, nullptr, false);
+  bool good = well_formed(request);
+  bool more = good && request["request"] == "more_msg";
+  int fresh = 0;
+  int kept = phone_state_change(link->state, [&] {
+    fresh = phone_state_add_request(link->state, r.id, r.peer, r.line);
+    if (fresh < 0) return -1;
+    return fresh == 1 && good && link->handlers->keep ? link->handlers->keep(link, request, link->user_data) : 0;
+  });
+  if (kept == 0 && fresh == 1 && link->handlers->kept)
+    link->handlers->kept(link, good ? request : nlohmann::json(), r.line, link->user_data);
+  if (more) { /* answered also when it could not be written down: it changes nothing here */
+    answer_more(link, r.id, request, r.have);
+    if (kept == 0 && phone_state_set_acknowledged(link->state, r.id) < 0) link_log(phone_state_error(link->state));
+    return;
+  }
+  if (kept < 0) {
+    ask_again_later(link);
+    return;
+  }
+  link->resend_delay = 0;
+  acknowledge(link, r.id);
+}
+
+int take_cb(sd_event_source *source, void *user_data) {
+  auto *link = static_cast<phone_link *>(user_data);
+  if (link->requests.empty()) return 0;
+  waiting_request next = std::move(link->requests.front());
+  link->requests.pop_front();
+  if (!link->requests.empty()) sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
+  take_request(link, next);
+  return 0;
+}
+
+int body_of(const sent_mail &mail, std::string *body, std::string *error) {
+  if (mail.has_body) {
+    *body = mail.body;
+    return 0;
+  }
+  std::string raw;
+  mime_limits limits;
+  mime_mail parsed;
+  if (mail.source.empty()) {
+    *error = "the mail went to the watch as a whole";
+    return -1;
+  }
+  if (mail_source_read(mail.source, limits.message, &raw, error) < 0 ||
+      parser_read(raw, limits, &parsed, error) != PARSER_DONE)
+    return -1;
+  if (parsed.message_uid != mail.message_uid) {
+    *error = "another mail is in its place";
+    return -1;
+  }
+  *body = parsed.body;
+  return 0;
+}
+
+}  // namespace
+
+int requests_start(phone_link *link) {
+  int r = sd_event_add_defer(link->event, &link->take, take_cb, link);
+  return r < 0 ? r : sd_event_source_set_enabled(link->take, SD_EVENT_OFF);
+}
+
+void requests_forget(phone_link *link) {
+  link->requests.clear();
+  if (link->resend) sd_event_source_set_enabled(link->resend, SD_EVENT_OFF);
+}
+
+int request_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
+  auto *link = static_cast<phone_link *>(user_data);
+  const char *sender = sd_bus_message_get_sender(m);
+  /* Anybody on the bus can send such a signal; only the service may. */
+  if (!link->bus->peer && (!sender || link->bus->owner != sender)) return 0;
+  waiting_request request;
+  request.peer = link->bus->owner;
+  const char *line = nullptr;
+  int r = sd_bus_message_read(m, "xs", &request.id, &line);
+  if (r >= 0) request.line = line;
+  if (r >= 0) r = sd_bus_message_enter_container(m, 'a', "{sv}");
+  while (r >= 0 && (r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
+    const char *key = nullptr;
+    r = sd_bus_message_read(m, "s", &key);
+    if (r >= 0 && strcmp(key, "have") == 0)
+      r = sd_bus_message_read(m, "v", "x", &request.have);
+    else if (r >= 0)
+      r = sd_bus_message_skip(m, "v");
+    if (r >= 0) r = sd_bus_message_exit_container(m);
+  }
+  if (r < 0) {
+    link_log(std::string("a request cannot be read: ") + strerror(-r));
+    return 0;
+  }
+  link->requests.push_back(std::move(request));
+  sd_event_source_set_enabled(link->take, SD_EVENT_ONESHOT);
+  return 0;
+}
+
+int more_of_mail(phone_state *state, int mail_id, const std::string &message_uid, int64_t have, std::string *piece,
+                 bool *complete, std::string *error) {
+  sent_mail mail;
+  int found = phone_state_find_mail(state, mail_id, message_uid, &mail);
+  if (found <= 0) {
+    *error = found < 0 ? phone_state_error(state) : "no such mail was sent from here";
+    return -1;
+  }
+  std::string body;
+  if (body_of(mail, &body, error) < 0) return -1;
+  /* From where the watch is, not from where the phone thinks it is: a piece that was lost on the way is sent again. */
+  size_t from = mime_boundary(body, static_cast<size_t>(std::max<int64_t>(have, 0)));
+  size_t size = mail.first > 0 ? static_cast<size_t>(std::max(mail.first, kSmallestPiece)) : body.size();
+  size_t end = mime_cut(body, from, size);
+  *piece = body.substr(from, end - from);
+  *complete = end >= body.size();
+  return 0;
+}

@@ -1,0 +1,157 @@
+/* What is known of each message: its row in memory and on disk, and what the watch's own list says of it. */
+#include "relay-parts.h"
+#include "send.h"
+
+namespace {
+
+using enum relay_mail_state;
+
+int ensure_account(followed *a, const std::vector<host_record> &accounts, std::string *error) {
+  std::string label = a->settings.address.empty() ? a->settings.name : a->settings.address;
+  phone_state *state = a->r->state.get();
+  relay_account_row stored;
+  if (relay_account_find(state, a->settings.name, &stored) < 0) {
+    *error = phone_state_error(state);
+    return -1;
+  }
+  a->account_id = 0;
+  for (const host_record &account : accounts)
+    if (account.text("email_address") == label &&
+        (a->account_id == 0 || account.number("account_id") == stored.account_id))
+      a->account_id = static_cast<int>(account.number("account_id"));
+  if (a->account_id == 0) {
+    uint32_t rgba = 0;
+    if (!a->settings.color.empty()) parse_color(a->settings.color, &rgba);
+    std::string name = a->settings.display_name.empty() ? a->settings.name : a->settings.display_name;
+    a->account_id = host_add_account(link_bus(a->r->link), 0, label, name, rgba, error);
+    if (a->account_id < 0) return -1;
+  }
+  if (relay_account_keep(state, a->settings.name, {a->account_id, a->settings.address, a->settings.display_name}) == 0)
+    return 0;
+  *error = phone_state_error(state);
+  return -1;
+}
+
+/* What other commands removed from the watch meanwhile stays removed. */
+int take_over_deleted(followed *a) {
+  std::vector<std::string> keys;
+  if (relay_rows_deleted(a->r->state.get(), a->settings.name, &keys) < 0) return -1;
+  for (const std::string &key : keys) {
+    auto found = a->rows.find(key);
+    if (found == a->rows.end()) continue;
+    found->second.state = deleted;
+    found->second.mail_id = 0;
+  }
+  return 0;
+}
+
+/* Which of the calls that had no answer were stored, as far as the watch's list tells. A batch is stored as a whole:
+   when part of it is there, it was. When the watch deleted mails that nobody here knows by number, at least the first
+   call was, for they are done in order. */
+std::set<int64_t> arrived_batches(const followed &a, bool unknown_deletions,
+                                  const std::unordered_map<std::string, int> &by_uid) {
+  std::set<int64_t> open, arrived;
+  for (const auto &[key, row] : a.rows) {
+    if (row.state != sending) continue;
+    open.insert(row.batch);
+    if (by_uid.count(row.identity)) arrived.insert(row.batch);
+  }
+  if (unknown_deletions && !open.empty()) arrived.insert(*open.begin());
+  return arrived;
+}
+
+void match_row(followed *a, relay_row *row, const std::set<int64_t> &arrived,
+               std::unordered_map<std::string, int> *by_uid) {
+  auto found = by_uid->find(row->identity);
+  if (found != by_uid->end()) {
+    if (row->state == sending || row->mail_id != found->second) {
+      row->dirty = true;
+      if (phone_state_set_mail_id(a->r->state.get(), row->row, found->second) < 0)
+        link_log(phone_state_error(a->r->state.get()));
+    }
+    row->state = relayed;
+    row->mail_id = found->second;
+    by_uid->erase(found);
+    return;
+  }
+  row->dirty = true;
+  /* What is missing of a batch that was stored was deleted by the user. A mail whose number was known is marked at its
+     deletion: when one is missing all the same, the watch's store is a new one. */
+  row->state = row->state == sending && arrived.count(row->batch) ? deleted : waiting;
+  row->mail_id = 0;
+}
+
+int match_account(followed *a, const std::vector<host_record> &mails) {
+  std::unordered_map<std::string, int> by_uid;
+  a->unclaimed.clear();
+  std::string tag = relay_tag(*a), unknown;
+  for (const host_record &mail : mails)
+    if (mail.number("account_id") == a->account_id && mail.text("host_tag") == tag)
+      by_uid[mail.text("message_uid")] = static_cast<int>(mail.number("mail_id"));
+  phone_state *state = a->r->state.get();
+  if (take_over_deleted(a) < 0 || relay_note_get(state, note_unknown_deletions, &unknown) < 0) {
+    a->error = phone_state_error(state);
+    return -1;
+  }
+  std::set<int64_t> arrived = arrived_batches(*a, !unknown.empty() && unknown != "0", by_uid);
+  for (auto &[key, row] : a->rows)
+    if (row.state == sending || row.state == relayed) match_row(a, &row, arrived, &by_uid);
+  a->unclaimed = std::move(by_uid);
+  a->listed = a->just_listed = true;
+  return 0;
+}
+
+}  // namespace
+
+std::string relay_tag(const followed &a) {
+  return "relay:" + a.settings.name;
+}
+
+int known_load(followed *a) {
+  if (relay_rows_load(a->r->state.get(), a->settings.name, &a->rows) < 0) return -1;
+  a->known_before = !a->rows.empty();
+  return 0;
+}
+
+int known_save(followed *a, const std::vector<std::string> &gone, const std::function<int()> &also) {
+  phone_state *state = a->r->state.get();
+  int result = phone_state_change(state, [&] {
+    if (also && also() < 0) return -1;
+    return relay_rows_write(state, a->settings.name, a->rows, gone);
+  });
+  if (result < 0) {
+    a->error = phone_state_error(state);
+    return -1;
+  }
+  for (auto &[key, row] : a->rows) row.dirty = false;
+  return 0;
+}
+
+void known_reload(followed *a, int mail_id) {
+  for (auto &[key, row] : a->rows)
+    if (row.mail_id == mail_id && relay_row_reload(a->r->state.get(), a->settings.name, key, &row) < 0)
+      link_log(phone_state_error(a->r->state.get()));
+}
+
+int known_match(relay *r) {
+  std::vector<host_record> accounts, mails;
+  std::string error;
+  int result = host_list_accounts(link_bus(r->link), &accounts, &error);
+  for (auto &a : r->accounts)
+    if (result == 0) result = ensure_account(a.get(), accounts, &error);
+  if (result == 0) result = host_list_mails(link_bus(r->link), &mails, &error);
+  if (result < 0) {
+    link_log(error);
+    for (auto &a : r->accounts) a->error = error;
+    return -1;
+  }
+  for (auto &a : r->accounts)
+    if (match_account(a.get(), mails) < 0 || known_save(a.get(), {}) < 0) {
+      a->listed = false;
+      link_log(a->settings.name + ": " + a->error);
+      return -1;
+    }
+  if (relay_note_set(r->state.get(), note_unknown_deletions, "0") == 0) return 0;
+  link_log(phone_state_error(r->state.get()));
+  return -1;
+}

@@ -1,0 +1,61 @@
+/* What a request of the watch changes in the phone's state, whoever receives it: the relay or `serve`. */
+#include "relay.h"
+#include "reply.h"
+#include "state-relay.h"
+#include "state-replies.h"
+
+namespace {
+
+int keep_deleted(phone_state *state, int mail_id) {
+  int marked = relay_mail_set_deleted(state, mail_id), dropped = 0;
+  if (marked < 0 || phone_state_drop_mails(state, {mail_id}, &dropped) < 0) return -1;
+  if (marked > 0 || dropped > 0) return 0;
+  int sending = relay_any_sending(state);
+  return sending > 0 ? relay_note_set(state, note_unknown_deletions, "1") : sending;
+}
+
+int keep_reply(phone_state *state, const nlohmann::json &request) {
+  std::string tag = request.value("host_tag", std::string());
+  if (tag.rfind("relay:", 0) != 0) return 0; /* a mail that was only sent by hand has nobody to answer for it */
+  reply_parts parts;
+  relay_account_row account;
+  if (relay_account_find(state, tag.substr(6), &account) < 0) return -1;
+  parts.from_address = account.address;
+  parts.from_name = account.display_name;
+  parts.recipient = request.value("recipient", std::string());
+  parts.subject = request.value("subject", std::string());
+  parts.text = request.value("text", std::string());
+  sent_mail mail;
+  int found =
+      phone_state_find_mail(state, request.value("mail_id", 0), request.value("message_uid", std::string()), &mail);
+  if (found < 0) return -1;
+  if (found > 0) {
+    parts.reply_to = mail.reply_to;
+    parts.message_id = mail.message_id;
+    parts.references = mail.references;
+  }
+  std::string message, to, error;
+  if (reply_compose(parts, &message, &to, &error) < 0) message = parts.text; /* kept for the user, not sent */
+  return reply_add(state, account.account_id, to, reply_subject(parts.subject), message, error);
+}
+
+}  // namespace
+
+int relay_forget_mails(phone_state *state, const std::vector<int> &mail_ids) {
+  return phone_state_change(state, [&] {
+    for (int id : mail_ids)
+      if (keep_deleted(state, id) < 0) return -1;
+    return 0;
+  });
+}
+
+int relay_keep_request(phone_state *state, const nlohmann::json &request) {
+  std::string kind = request.value("request", std::string());
+  if (kind == "reply") return keep_reply(state, request);
+  if ((kind != "delete_notis" && kind != "update_ind") || !request.contains("id_list")) return 0;
+  for (const auto &id : request["id_list"]) {
+    int mail_id = id.get<int>();
+    if ((kind == "delete_notis" ? keep_deleted(state, mail_id) : relay_mail_want_seen(state, mail_id)) < 0) return -1;
+  }
+  return 0;
+}

@@ -1,0 +1,296 @@
+/* Reading messages and bringing to the watch what it lacks, in calls of which several may be in flight. */
+#include <algorithm>
+#include <deque>
+
+#include "parser.h"
+#include "relay-parts.h"
+#include "send.h"
+
+namespace {
+
+using enum relay_mail_state;
+
+/* One call carries so much at most; the first ones less, so that the newest mails are on the watch first. */
+constexpr size_t kFirstMails = 8, kMostMails = 200, kHead = 16384, kMailOverhead = 1024;
+constexpr int64_t kSoon = 24 * 3600;
+constexpr int64_t kBeingWritten = 5; /* seconds after its last change that a file may not be whole */
+
+struct pending {
+  relay_row *row;
+  outgoing out;
+  std::string key;
+};
+
+struct flight {
+  std::vector<pending> batch;
+  host_call_holder call;
+};
+
+/* One account's way to the watch. */
+struct sender {
+  followed *a;
+  std::deque<flight> flights;
+  std::vector<pending> next; /* newest first */
+  size_t bytes = 0, most = kFirstMails;
+};
+
+/* When a message arrived: as the last mail server on its way wrote, else when it says it was written, else as its file
+   says. A date in the future would stay on top for ever. */
+int64_t arrival_time(std::string_view head, int64_t file_time) {
+  int64_t arrival = parser_arrival(head);
+  if (arrival > 0 && arrival <= relay_now() + kSoon) return arrival;
+  return std::clamp<int64_t>(file_time, 1, INT32_MAX);
+}
+
+outgoing prepare(followed *a, const mailbox_item &item, const relay_row &row, const mime_mail &mail) {
+  send_options options;
+  options.account_id = a->account_id;
+  options.first = a->settings.first >= 0 ? a->settings.first : a->r->settings.first;
+  options.received = row.time;
+  options.is_read = item.seen;
+  options.is_new = row.fresh && !item.seen;
+  outgoing out = make_outgoing(mail, options, a->settings.kind->source(a->settings.path, item), true, item.seen);
+  out.mail.host_tag = relay_tag(*a);
+  return out;
+}
+
+void set_aside(const std::string &what, relay_row *row, const std::string &why) {
+  link_log(what + ": " + why + "; it is left out");
+  row->state = broken;
+  row->trouble = why;
+  row->dirty = true;
+}
+
+void back_to_waiting(std::vector<pending> *batch) {
+  for (pending &p : *batch) {
+    p.row->state = waiting;
+    p.row->batch = 0;
+    p.row->dirty = true;
+  }
+}
+
+/* --- one call --- */
+
+/* Writes down that the mails are on their way, then hands them over. */
+int launch(followed *a, flight *f) {
+  phone_state *state = a->r->state.get();
+  int64_t batch = ++a->last_batch;
+  int kept = known_save(a, {}, [&] {
+    for (pending &p : f->batch) {
+      if (phone_state_add_mail(state, &p.out.kept) < 0) return -1;
+      p.row->row = p.out.kept.row;
+      p.row->state = sending;
+      p.row->batch = batch;
+      p.row->dirty = true;
+    }
+    return 0;
+  });
+  if (kept < 0) {
+    back_to_waiting(&f->batch);
+    return -1;
+  }
+  std::vector<const watch_mail *> mails;
+  for (const pending &p : f->batch) mails.push_back(&p.out.mail);
+  f->call = host_add_mails_begin(link_bus(a->r->link), mails);
+  return 0;
+}
+
+/* Waits for the call's answer and writes down what came of it. Returns a host_result; when the service refused the
+   mails or could not write them, they are back where they were. */
+int land(followed *a, flight *f) {
+  std::vector<int> ids;
+  std::string error;
+  int result = host_add_mails_end(f->call.get(), f->batch.size(), &ids, &error);
+  if (result != HOST_OK) {
+    a->error = error;
+    if (result == HOST_REFUSED || result == HOST_LATER || result == HOST_NOBODY) { /* for certain: nothing was stored */
+      back_to_waiting(&f->batch);
+      phone_state *state = a->r->state.get();
+      known_save(a, {}, [&] {
+        for (const pending &p : f->batch)
+          if (phone_state_drop_row(state, p.out.kept.row) < 0) return -1;
+        return 0;
+      });
+      a->error = error;
+    } else {
+      a->listed = false; /* whether it was is found out from the watch's list */
+    }
+    return result;
+  }
+  phone_state *state = a->r->state.get();
+  for (size_t i = 0; i < f->batch.size(); i++) {
+    relay_row *row = f->batch[i].row;
+    row->mail_id = ids[i];
+    row->state = relayed;
+    row->batch = 0;
+    row->dirty = true;
+  }
+  int noted = known_save(a, {}, [&] {
+    for (size_t i = 0; i < f->batch.size(); i++)
+      if (phone_state_set_mail_id(state, f->batch[i].row->row, ids[i]) < 0) return -1;
+    return 0;
+  });
+  return noted < 0 ? HOST_LATER : HOST_OK;
+}
+
+/* --- what the service refuses --- */
+
+/* Sends the mails in ever smaller parts; those that are refused alone go to *refused. Returns a host_result, OK also
+   when some were refused. */
+int send_parts(followed *a, std::vector<pending> mails, std::vector<std::pair<pending, std::string>> *refused) {
+  flight f;
+  f.batch = std::move(mails);
+  int result = launch(a, &f) < 0 ? static_cast<int>(HOST_LATER) : land(a, &f);
+  if (result != HOST_REFUSED) return result;
+  if (f.batch.size() == 1) {
+    refused->emplace_back(std::move(f.batch[0]), a->error);
+    return HOST_OK;
+  }
+  auto middle = f.batch.begin() + static_cast<std::ptrdiff_t>(f.batch.size() / 2);
+  std::vector<pending> second(std::make_move_iterator(middle), std::make_move_iterator(f.batch.end()));
+  f.batch.erase(middle, f.batch.end());
+  result = send_parts(a, std::move(f.batch), refused);
+  return result == HOST_OK ? send_parts(a, std::move(second), refused) : result;
+}
+
+/* A batch was refused. First the watch's list is looked at, for somebody may have removed the account; when that is in
+   order, the mails that are to blame are found and set aside. Returns 0, or -1. */
+int find_refused(followed *a, flight *f) {
+  if (!a->checked) {
+    a->checked = true;
+    a->listed = false;
+    return -1;
+  }
+  size_t all = f->batch.size();
+  std::vector<std::pair<pending, std::string>> refused;
+  int result = send_parts(a, std::move(f->batch), &refused);
+  if (result != HOST_OK) return -1;
+  if (all > 1 && refused.size() == all) return -1; /* it is not the mails: a->error says what it is */
+  for (auto &[p, why] : refused) set_aside(a->settings.name + ": " + p.key, p.row, "the watch refuses it: " + why);
+  a->error.clear();
+  return known_save(a, {});
+}
+
+/* Lands the oldest call in flight. Returns 0, or -1. */
+int land_first(sender *s) {
+  flight f = std::move(s->flights.front());
+  s->flights.pop_front();
+  int result = land(s->a, &f);
+  return result == HOST_OK ? 0 : result == HOST_REFUSED ? find_refused(s->a, &f) : -1;
+}
+
+/* Lets what is in flight land, so that it is known what became of it. */
+int land_all(sender *s, int result) {
+  while (!s->flights.empty())
+    if (land_first(s) < 0) result = -1;
+  return result;
+}
+
+/* Sends what was collected. Returns 0, or -1. */
+int flush(sender *s) {
+  if (s->next.empty()) return 0;
+  flight f;
+  f.batch = std::move(s->next);
+  /* Within a call the oldest first: of two mails of one second the later one is then on top. */
+  std::reverse(f.batch.begin(), f.batch.end());
+  s->next.clear();
+  s->bytes = 0;
+  s->most = std::min(s->most * 4, kMostMails);
+  if (launch(s->a, &f) < 0) return -1;
+  s->flights.push_back(std::move(f));
+  return s->flights.size() < link_flow(s->a->r->link).calls ? 0 : land_first(s);
+}
+
+/* --- one message --- */
+
+/* The watch has it already: from a run whose memory is lost, or that ended before it could note this. */
+int claim(followed *a, const mailbox_item &item, relay_row *row, const mime_mail &mail, int mail_id) {
+  phone_state *state = a->r->state.get();
+  sent_mail kept = prepare(a, item, *row, mail).kept;
+  row->state = relayed;
+  row->mail_id = mail_id;
+  row->dirty = true;
+  return known_save(a, {}, [&] {
+    if (phone_state_add_mail(state, &kept) < 0) return -1;
+    row->row = kept.row;
+    return phone_state_set_mail_id(state, kept.row, mail_id);
+  });
+}
+
+/* Reads a message of the window and takes it along. Returns 0, or -1. */
+int take(sender *s, const mailbox_item &item, relay_row *row, std::unordered_map<std::string, relay_row *> *holders) {
+  followed *a = s->a;
+  mime_mail mail;
+  std::string error;
+  int64_t size = 0;
+  int result = read_message(a, item, &mail, &size, &error);
+  if (result < 0) set_aside(item.place, row, error);
+  if (result > 0) a->unfinished = true;
+  if (result != 0) return 0;
+  row->identity = mail.message_uid;
+  row->size = size;
+  row->seen = item.seen;
+  row->trouble.clear();
+  row->dirty = true;
+  if (!holders->emplace(row->identity, row).second) {
+    row->state = copy;
+    return 0;
+  }
+  auto there = a->unclaimed.find(row->identity);
+  if (there != a->unclaimed.end()) {
+    int mail_id = there->second;
+    a->unclaimed.erase(there);
+    return claim(a, item, row, mail, mail_id);
+  }
+  s->next.push_back({row, prepare(a, item, *row, mail), item.key});
+  s->bytes += s->next.back().out.mail.body.size() + kMailOverhead;
+  return s->next.size() < s->most && s->bytes < link_flow(a->r->link).bytes ? 0 : flush(s);
+}
+
+}  // namespace
+
+int read_message(followed *a, const mailbox_item &item, mime_mail *mail, int64_t *size, std::string *error) {
+  std::string raw;
+  int64_t arrival = 0;
+  mime_limits limits;
+  if (a->settings.kind->read(a->settings.path, item, limits.message, &raw, &arrival, size, error) < 0) return 1;
+  parser_result result = parser_read(raw, limits, mail, error);
+  if (result == PARSER_DONE) return 0;
+  if (result == PARSER_SET_ASIDE) return -1;
+  if (result == PARSER_LATER) return 1;
+  /* What is just being written is not broken yet; its end is an event of its own. */
+  int64_t age = relay_now() - arrival;
+  return age >= 0 && age < kBeingWritten ? 1 : -1;
+}
+
+int read_arrival(followed *a, const mailbox_item &item, int64_t *time) {
+  std::string head, error;
+  int64_t file_time = 0, size = 0;
+  if (a->settings.kind->read(a->settings.path, item, kHead, &head, &file_time, &size, &error) < 0) return -1;
+  *time = arrival_time(head, file_time);
+  return 0;
+}
+
+int send_window(followed *a, const listing &l) {
+  std::unordered_map<std::string, relay_row *> holders;
+  size_t missing = 0;
+  for (size_t i : l.window) {
+    relay_row &row = a->rows[l.items[i].key];
+    if (!row.identity.empty() && row.state != copy && row.state != waiting) holders.emplace(row.identity, &row);
+    missing += row.state == waiting;
+  }
+  progress p = {a->r, a->settings.name + ": relaying", missing};
+  sender s = {};
+  s.a = a;
+  int result = 0;
+  for (size_t i : l.window) {
+    relay_row *row = &a->rows[l.items[i].key];
+    if (row->state == copy && !holders.count(row->identity)) row->state = waiting;
+    if (row->state != waiting) continue;
+    result = take(&s, l.items[i], row, &holders);
+    if (result < 0) break;
+    progress_advance(&p, 1);
+  }
+  if (result == 0) result = flush(&s);
+  return land_all(&s, result);
+}

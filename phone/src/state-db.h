@@ -1,0 +1,18 @@
+/* The phone's state from inside: only the files state-*.cpp may include it, so that SQL stands nowhere else. */
+#ifndef BRISEL_PHONE_STATE_DB_H
+#define BRISEL_PHONE_STATE_DB_H
+
+#include <string>
+
+#include "platform-sql.h"
+#include "state.h"
+
+struct phone_state {
+  sql_db db;
+  std::string error;
+};
+
+/* Keeps what the database says, behind what could not be done. Returns -1. */
+int state_fail(phone_state *state, const char *what);
+
+#endif

@@ -1,0 +1,86 @@
+/* Opening the phone's state and bringing it up to date. */
+#include "state.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "phone-schema.h"
+#include "platform-paths.h"
+#include "state-db.h"
+
+namespace {
+
+constexpr int kVersion = sizeof phone_schema_steps / sizeof *phone_schema_steps;
+constexpr int kWaitMs = 30000; /* for other commands */
+
+/* Takes a state of any earlier version, or a new file, to this one; all of it or nothing. */
+int migrate(phone_state *state, std::string *error) {
+  int64_t version = 0;
+  if (state->db.number("PRAGMA user_version", &version) < 0) return -1;
+  if (version == kVersion) return 0;
+  return state->db.transaction([&] {
+    /* Another command may have done it meanwhile. */
+    if (state->db.number("PRAGMA user_version", &version) < 0) return -1;
+    if (version < 0 || version > kVersion) {
+      *error = "made by a newer version of this program";
+      return -1;
+    }
+    for (; version < kVersion; version++)
+      if (state->db.run(phone_schema_steps[version]) < 0) return -1;
+    return state->db.run("PRAGMA user_version=" + std::to_string(kVersion));
+  });
+}
+
+/* The folder holds what people wrote: it is this user's, and nobody else looks in or puts something there. */
+bool own_folder(const std::string &path) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) < 0 || !S_ISDIR(info.st_mode) || info.st_uid != geteuid()) return false;
+  return (info.st_mode & 077) == 0 || chmod(path.c_str(), 0700) == 0;
+}
+
+}  // namespace
+
+int state_fail(phone_state *state, const char *what) {
+  state->error = std::string(what) + ": " + state->db.error();
+  return -1;
+}
+
+std::string phone_state_path(const char *name) {
+  const char *folder = platform_state_dir();
+  if (!folder || !own_folder(folder)) return "";
+  return name && *name ? std::string(folder) + "/" + name : folder;
+}
+
+phone_state *phone_state_open(std::string *error) {
+  std::string path = phone_state_path("phone.db");
+  if (path.empty()) {
+    *error = "the phone's state folder cannot be made, or is not this user's own";
+    return nullptr;
+  }
+  phone_state_holder state(new phone_state);
+  std::string why;
+  if (state->db.open(path, sql_access::create, kWaitMs) == 0 &&
+      state->db.run("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL") == 0 && migrate(state.get(), &why) == 0)
+    return state.release();
+  *error = path + ": " + (why.empty() ? state->db.error() : why);
+  return nullptr;
+}
+
+void phone_state_close(phone_state *state) {
+  delete state;
+}
+
+const char *phone_state_error(phone_state *state) {
+  return state->error.c_str();
+}
+
+int phone_state_change(phone_state *state, const std::function<int()> &work) {
+  if (state->db.run("BEGIN IMMEDIATE") < 0) return state_fail(state, "the phone's state cannot be written");
+  int result = work();
+  if (result == 0 && state->db.run("COMMIT") < 0) result = state_fail(state, "the phone's state cannot be written");
+  if (result != 0) state->db.undo();
+  return result == 0 ? 0 : -1;
+}
