@@ -209,6 +209,23 @@ def test_unsendable_replies_wait(s):
     s.wait(lambda: len(mta.sent()) == 2, "the second reply")
 
 
+def test_killed_delivery_sends_once(s):
+    box, mta, relay = follow(s)
+    mta.program.write_text(mta.program.read_text().replace("file=$(mktemp", "sleep 0.3; file=$(mktemp"))
+    box.deliver(message("ask@x"))
+    s.wait(lambda: "ask@x" in uids(s), "the mail")
+    children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children")
+    delivering = lambda: [int(p) for p in children.read_text().split()  # noqa: E731
+                          if b"deliver-reply" in pathlib.Path(f"/proc/{p}/cmdline").read_bytes()]
+    for n in range(4):
+        reply_on_watch(s, by_uid(s)["ask@x"], f"text {n}")
+        s.wait(delivering, "the process that hands it over")
+        os.kill(delivering()[0], 9)
+        s.wait(lambda: sum(r["state"] == "sent" for r in status(s)["replies"]) == n + 1, "the reply")
+    equal(len(mta.sent()), 4, "each once")
+    relay.kill()
+
+
 def test_mbox_and_config_file(s):
     box = s.dir / "mail.mbox"
     letter = lambda n, status="": "From ann Thu Jan  1 00:00:00 2026\n" + message(f"b{n}@x", f"Box {n}",
