@@ -159,6 +159,18 @@ int request_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
   return 0;
 }
 
+int link_take_waiting(phone_link *link) {
+  /* Only what has come already: the answer of the last call came behind it. */
+  while (link->connected && sd_bus_process(link->bus->bus, nullptr) > 0) {
+  }
+  while (link->connected && !link->requests.empty()) {
+    waiting_request next = std::move(link->requests.front());
+    link->requests.pop_front();
+    take_request(link, next);
+  }
+  return link->connected ? 0 : -1;
+}
+
 int more_of_mail(phone_state *state, int mail_id, const std::string &message_uid, int64_t have, std::string *piece,
                  bool *complete, std::string *error) {
   sent_mail mail;

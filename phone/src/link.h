@@ -46,6 +46,9 @@ using phone_link_holder = std::unique_ptr<phone_link, phone_link_closer>;
 sd_event *link_event(phone_link *link);
 host_bus *link_bus(phone_link *link);
 bool link_is_connected(phone_link *link);
+/* Takes every request that the service sent before it answered the last call, now. Returns 0, or -1 when the connection
+   went meanwhile. */
+int link_take_waiting(phone_link *link);
 
 /* How much to send before an answer is waited for. */
 struct link_flow_limits {

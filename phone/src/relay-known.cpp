@@ -86,7 +86,8 @@ int match_account(followed *a, const std::vector<host_record> &mails) {
   a->unclaimed.clear();
   std::string tag = relay_tag(*a), unknown;
   for (const host_record &mail : mails)
-    if (mail.number("account_id") == a->account_id && mail.text("host_tag") == tag)
+    if (mail.number("account_id") == a->account_id && mail.text("host_tag") == tag &&
+        !a->r->just_deleted.count(static_cast<int>(mail.number("mail_id"))))
       by_uid[mail.text("message_uid")] = static_cast<int>(mail.number("mail_id"));
   phone_state *state = a->r->state.get();
   if (take_over_deleted(a) < 0 || relay_note_get(state, note_unknown_deletions, &unknown) < 0) {
@@ -139,7 +140,14 @@ int known_match(relay *r) {
   int result = host_list_accounts(link_bus(r->link), &accounts, &error);
   for (auto &a : r->accounts)
     if (result == 0) result = ensure_account(a.get(), accounts, &error);
+  r->just_deleted.clear();
   if (result == 0) result = host_list_mails(link_bus(r->link), &mails, &error);
+  /* What the user deleted until the list was made must be known before a mail that is missing from it counts as one
+     that never arrived; and what he deleted since is still in the list. */
+  if (result == 0 && link_take_waiting(r->link) < 0) {
+    result = -1;
+    error = "the connection ended";
+  }
   if (result < 0) {
     link_log(error);
     for (auto &a : r->accounts) a->error = error;

@@ -121,6 +121,8 @@ void kept_cb(phone_link *link, const nlohmann::json &request, const std::string 
   std::string kind = request.is_object() ? request.value("request", std::string()) : "";
   if ((kind == "delete_notis" || kind == "update_ind") && request.contains("id_list")) {
     for (const auto &id : request["id_list"])
+      if (kind == "delete_notis") r->just_deleted.insert(id.get<int>());
+    for (const auto &id : request["id_list"])
       for (auto &a : r->accounts) known_reload(a.get(), id.get<int>());
     for (auto &a : r->accounts) a->dirty = true;
     sync_in(r, kSettle);

@@ -63,6 +63,7 @@ struct reply_wait {
 
 struct relay {
   relay_settings settings;
+  std::set<int> just_deleted; /* mails that the user deleted since the watch's list was asked for */
   phone_state_holder state;
   phone_link *link = nullptr;
   std::vector<std::unique_ptr<followed>> accounts;
