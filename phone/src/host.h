@@ -1,5 +1,5 @@
 /*
- * The host service as the phone calls it: over the session bus, or over a stream whose other end is the watch's gate.
+ * The host service as the phone calls it.
  * Functions return 0 (or an id), or a host_result below 0 with a one-line reason for people in *error. All but the
  * ones that begin or follow a call wait for the answer. Thread: the one that opened the connection.
  */

@@ -1,4 +1,5 @@
-/* brisel-phone: the phone of the watch. The command line; each command is in commands.cpp or relay.cpp. */
+/* brisel-phone: the phone of the watch. The command line; each command is in commands.cpp, relay-*.cpp or post-*.cpp.
+ */
 #include <signal.h>
 #include <sys/stat.h>
 

@@ -41,6 +41,16 @@ bool own_folder(const std::string &path) {
   return (info.st_mode & 077) == 0 || chmod(path.c_str(), 0700) == 0;
 }
 
+/* Two commands that make the file at once: the switch of the journal is refused instead of waited for. */
+int use_wal(sql_db *db) {
+  constexpr int tries_most = 200, pause_us = 20000;
+  for (int tries = 0; db->run("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL") < 0; tries++) {
+    if (db->trouble() != sql_trouble::busy || tries == tries_most) return -1;
+    usleep(pause_us);
+  }
+  return 0;
+}
+
 }  // namespace
 
 int state_fail(phone_state *state, const char *what) {
@@ -62,8 +72,8 @@ phone_state *phone_state_open(std::string *error) {
   }
   phone_state_holder state(new phone_state);
   std::string why;
-  if (state->db.open(path, sql_access::create, kWaitMs) == 0 &&
-      state->db.run("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL") == 0 && migrate(state.get(), &why) == 0)
+  if (state->db.open(path, sql_access::create, kWaitMs) == 0 && use_wal(&state->db) == 0 &&
+      migrate(state.get(), &why) == 0)
     return state.release();
   *error = path + ": " + (why.empty() ? state->db.error() : why);
   return nullptr;
