@@ -3,6 +3,7 @@
 #define BRISEL_APP_DETAIL_H
 
 #include "brisel-app-data.h"
+#include "brisel-scoped.h"
 
 /* The slots of the page array. "Before" is toward the head of the mailbox list, "after" toward its tail. */
 enum brisel_detail_page {
@@ -63,6 +64,8 @@ struct brisel_detail_view {
   Ecore_Timer *neighbor_timer;          /* brings them up to date once nothing moves */
 };
 
+/* --- what the tests call too --- */
+
 /* Fills the slot from node (NULL: empties it). The node used, or NULL. */
 GList *__brisel_detail_update_neighbor(GList *node, int index, brisel_detail_view *view_data);
 void __brisel_detail_update_font_size(brisel_detail_view *view_data, int size);
@@ -77,5 +80,62 @@ void __brisel_detail_ipc_more_msg_cb(void *response, int error, void *data);
 /* A subject as the text part may be given it unconverted: what is no plain markup comes out as text. The caller frees
    it with free(). */
 char *__brisel_detail_harmless_markup(const char *text);
+
+/* One finger on the paging scroller, and a page change between its detection and its end: there is one reader. */
+struct detail_touch {
+  unsigned char is_mouse_down;
+  unsigned char is_page_moving;
+};
+extern detail_touch __brisel_detail_touch;
+
+/* --- one page: brisel-app-detail-page.cpp --- */
+
+void __brisel_detail_fill_both_ways(Evas_Object *obj);
+void __brisel_detail_signal(Evas_Object *layout, const char *signal);
+void __brisel_detail_process_signals(Evas_Object *layout);
+brisel_detail_view *__brisel_detail_retrieve_view_data(appdata *ad);
+page_data *__brisel_detail_find_page(const brisel_detail_view *view_data, int mail_id);
+void __brisel_detail_free_page_data(page_data *page);
+void __brisel_detail_update_datetime_string(brisel_detail_view *view_data, time_t time, Evas_Object *layout);
+scoped_text __brisel_detail_shown_subject(const char *subject);
+Evas_Object *__brisel_detail_create_layout(Evas_Object *parent, const char *group);
+Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent);
+page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *view_data, int mail_id);
+GList *__brisel_detail_get_list_by_mail_id(int mail_id, GList *list);
+void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page);
+
+/* --- neighbours and turns: brisel-app-detail-paging.cpp --- */
+
+void __brisel_detail_draw_neighbors_cb(void *data, Evas_Object *obj, void *event_info);
+void __brisel_detail_box_resize_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
+void __brisel_detail_page_scroller_scroll_cb(void *data, Evas_Object *obj, void *event_info);
+void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
+void __brisel_detail_page_scroller_mouse_up_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
+void __brisel_detail_page_layout_resize_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
+void __brisel_detail_create_layout_page_scroller(brisel_detail_view *view_data);
+void __brisel_detail_create_page_scroller(brisel_detail_view *view_data);
+void __brisel_detail_create_box(brisel_detail_view *view_data);
+
+/* --- more of a body: brisel-app-detail-more.cpp --- */
+
+bool __brisel_detail_ends_with_tag(const char *body, int number);
+void __brisel_detail_set_body(page_data *page);
+void __brisel_detail_abandon_more_msg(brisel_detail_view *view_data, bool is_cancelled);
+Eina_Bool __brisel_detail_more_msg_ind(void *data);
+void __brisel_detail_send_update_ind(brisel_detail_view *view_data);
+
+/* --- buttons, read indication, pickover: brisel-app-detail-actions.cpp --- */
+
+full_noti_data *__brisel_detail_current_mail(const brisel_detail_view *view_data);
+void __brisel_detail_option_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
+void __brisel_detail_reply_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
+void __brisel_detail_reply_update_required_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
+void __brisel_detail_show_on_device_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
+void __brisel_detail_unregister_pickover(brisel_detail_view *view_data);
+void __brisel_detail_update_pickover(brisel_detail_view *view_data);
+
+/* --- gestures and sizes: brisel-app-detail-gesture.cpp --- */
+
+void __brisel_detail_gesture_create_gesture_layout(Evas_Object *layout, brisel_detail_view *view_data);
 
 #endif

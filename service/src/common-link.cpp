@@ -23,6 +23,7 @@
 #include "brisel-common.h"
 #include "bus-loop.h"
 #include "common-kept.h"
+#include "common-link-priv.h"
 #include "dlog.h"
 #include "reader.h"
 #include "store-format.h"
@@ -52,11 +53,6 @@ constexpr uint64_t flush_usec = 3u * 1000000u;
 /* Seconds that a request may be in the hands of the bus alone. */
 constexpr double keep_after = 0.2;
 constexpr double retry_first = 0.5, retry_last = 30.0;
-
-struct request : kept_request {
-  brisel_ipc_response_cb callback = nullptr;
-  void *user_data = nullptr;
-};
 
 struct event {
   int type;
@@ -264,8 +260,10 @@ void read_changes(void) {
 
 /* --- requests ----------------------------------------------------------------------------------------------------- */
 
+}  // namespace
+
 /* A copy that may travel: valid UTF-8. Fixed-size buffers cut texts anywhere, also inside a character. */
-std::string bus_text(const char *text) {
+std::string common_bus_text(const char *text) {
   if (!text) return {};
   const char *end = nullptr;
   if (g_utf8_validate(text, -1, &end)) return clean_text(text);
@@ -275,14 +273,10 @@ std::string bus_text(const char *text) {
   return clean_text(text);
 }
 
+namespace {
+
 std::string new_uid(void) {
   return host.uid_base + std::to_string(++host.next_uid);
-}
-
-std::vector<int> ids_of_list(const GSList *list) {
-  std::vector<int> ids;
-  for (; list; list = list->next) ids.push_back(GPOINTER_TO_INT(list->data));
-  return ids;
 }
 
 int new_message(const request &r, sd_bus_message **m) {
@@ -414,7 +408,9 @@ void send_next(void) {
   }
 }
 
-int enqueue(request r) {
+}  // namespace
+
+int common_enqueue(request r) {
   if (!host.open) return BRISEL_COMMON_ERROR_LINK;
   attach();
   /* Without a bus nothing can take it over; what was taken before waits for the bus to come back. */
@@ -430,6 +426,8 @@ int enqueue(request r) {
   host.keep = ecore_timer_add(keep_after, keep_cb, nullptr);
   return 0;
 }
+
+namespace {
 
 /* --- the bus ------------------------------------------------------------------------------------------------------ */
 
@@ -639,61 +637,6 @@ int brisel_ipc_req_cancel(int request_type) {
 
 namespace {
 
-int enqueue_ids(int type, const GSList *ids, brisel_ipc_response_cb callback, void *user_data) {
-  request r;
-  r.type = type;
-  r.ids = ids_of_list(ids);
-  r.callback = callback;
-  r.user_data = user_data;
-  return enqueue(std::move(r));
-}
-
-}  // namespace
-
-int brisel_ipc_req_delete_notis(op_data *data, brisel_ipc_response_cb callback, void *user_data) {
-  if (!data || !data->id_list) return BRISEL_COMMON_ERROR_INVALID;
-  return enqueue_ids(BRISEL_IPC_CLIENT_REQ_TYPE_DELETE_NOTIS, data->id_list, callback, user_data);
-}
-
-int brisel_ipc_req_clear_all_new_flag(op_data *data, brisel_ipc_response_cb callback, void *user_data) {
-  if (!data) return BRISEL_COMMON_ERROR_INVALID;
-  return enqueue_ids(BRISEL_IPC_CLIENT_REQ_TYPE_CLEAR_ALL_NEW_FLAG, data->id_list, callback, user_data);
-}
-
-int brisel_ipc_req_update_ind(update_noti_data *data, brisel_ipc_response_cb callback, void *user_data) {
-  if (!data || !data->id_list) return BRISEL_COMMON_ERROR_INVALID;
-  request r;
-  r.type = BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND;
-  r.ids = ids_of_list(data->id_list);
-  r.host_state = data->host_state;
-  r.callback = callback;
-  r.user_data = user_data;
-  return enqueue(std::move(r));
-}
-
-int brisel_ipc_req_reply(reply_noti_data *data, brisel_ipc_response_cb callback, void *user_data) {
-  if (!data || data->mail_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
-  request r;
-  r.type = BRISEL_IPC_CLIENT_REQ_TYPE_REPLY;
-  for (const char *text : {data->host_tag, data->action, data->message_uid, data->recipient, data->text, data->subject})
-    r.texts.push_back(bus_text(text));
-  r.mail_id = data->mail_id;
-  r.ids = {data->mail_id};
-  r.callback = callback;
-  r.user_data = user_data;
-  return enqueue(std::move(r));
-}
-
-int brisel_ipc_req_no_account(brisel_ipc_response_cb callback, void *user_data) {
-  request r;
-  r.type = -1;
-  r.callback = callback;
-  r.user_data = user_data;
-  return enqueue(std::move(r));
-}
-
-namespace {
-
 int more_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   host.more_slot = sd_bus_slot_unref(host.more_slot);
   const brisel_ipc_response_cb callback = host.more_callback;
@@ -739,7 +682,7 @@ int brisel_ipc_req_more_msg(more_msg_req_data *data, brisel_ipc_response_cb call
   sd_bus_message *m = nullptr;
   int e = sd_bus_message_new_method_call(host.bus, &m, host_name, host_path, watch_interface, "MoreMsg");
   if (e >= 0)
-    e = sd_bus_message_append(m, "ssi", new_uid().c_str(), bus_text(data->message_uid).c_str(), data->mail_id);
+    e = sd_bus_message_append(m, "ssi", new_uid().c_str(), common_bus_text(data->message_uid).c_str(), data->mail_id);
   if (e >= 0) e = sd_bus_call_async(host.bus, &host.more_slot, m, more_cb, nullptr, more_timeout_usec);
   sd_bus_message_unref(m);
   if (e < 0) return BRISEL_COMMON_ERROR_LINK;

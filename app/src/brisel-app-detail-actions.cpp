@@ -1,0 +1,160 @@
+/* What goes out from an opened mail: its buttons, the read indication, pickover. Pages, paging and the main file call
+   it. */
+#include "brisel-app-detail.h"
+
+#include <cstring>
+
+#include "brisel-app-detail-body.h"
+#include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
+#include "pickover.h"
+#include "vconf.h"
+
+constexpr double pickover_period = 59.0;
+constexpr int pickover_valid = 60;
+
+full_noti_data *__brisel_detail_current_mail(const brisel_detail_view *view_data) {
+  return view_data->page_data[BRISEL_DETAIL_CUR_PAGE]->mail_data;
+}
+
+static void __brisel_detail_show_on_device(const brisel_detail_view *view_data) {
+  int mail_ids[] = {__brisel_detail_current_mail(view_data)->mail_id};
+  brisel_util_show_on_device(mail_ids, 1);
+}
+
+void __brisel_detail_option_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  brisel_option_detail_draw_view(view_data->mail_id, view_data->ad);
+}
+
+void __brisel_detail_reply_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  appdata *ad = view_data->ad;
+  if (!brisel_util_bluetooth_connection_popup(ad, brisel_util_bt_connect_error_popup_result_cb, "perform")) return;
+  full_noti_data *mail = __brisel_detail_current_mail(view_data);
+  brisel_view_draw_reply(mail->mail_id, ad, mail);
+}
+
+static void __brisel_detail_popup_response_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  brisel_widget_ref_drop(&((brisel_detail_view *)data)->popup);
+}
+
+void __brisel_detail_reply_update_required_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  if (view_data->popup) {
+    BRISEL_INFO("popup is already existed. remove it.");
+    brisel_widget_ref_drop(&view_data->popup);
+  }
+  brisel_widget_ref_set(&view_data->popup,
+                        brisel_view_update_required_popup(view_data->ad, __brisel_detail_popup_response_cb, view_data));
+}
+
+void __brisel_detail_show_on_device_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  appdata *ad = view_data->ad;
+  if (!brisel_util_bluetooth_connection_popup(ad, brisel_util_bt_connect_error_popup_result_cb, "perform")) return;
+  int status = 0;
+  if (brisel_util_get_conn_status(&status) == 0 && status == 0) {
+    __brisel_detail_show_on_device(view_data);
+    brisel_create_toast_popup(ad, brisel_util_get_text("IDS_PLEXO_POP_CHECK_MOBILE_DEVICE_TO_VIEW_CONTENT"));
+    return;
+  }
+  brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"));
+}
+
+void __brisel_detail_scroller_bottom_hit_cb(void *data, Evas_Object *obj, void *event_info) {
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  if (!view_data || !view_data->ad || view_data->ad->bt_connected != 1) return;
+  page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
+  /* Only the current page's own edge counts, and only when it is the end of the text rather than of a guess. */
+  if (!page || (obj && obj != page->scroller) || !brisel_detail_body_end_is_known(page->detail_layout)) return;
+  /* One pull reaches the edge more than once when the page bounces off it. While the page waits already, that is no
+     wish for another request: it would throw away the answer on its way and use up the visit's share. */
+  if (page->more_msg_idler || page->more_msg_timer) return;
+  if (view_data->more_msg && view_data->more_msg->mail_id == page->mail_data->mail_id) return;
+  if (page->more_msg_count <= 0) return;
+  page->more_msg_count--;
+  page->more_msg_idler = ecore_idler_add(__brisel_detail_more_msg_ind, view_data);
+}
+
+static void __brisel_detail_pickover_cb(keynode_t *node, void *data) {
+  BRISEL_INFO("Enter");
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  if (!node) {
+    BRISEL_ERROR("Invalid parameter: node is NULL!");
+    return;
+  }
+  if (!view_data) {
+    BRISEL_ERROR("Invalid parameter: data is NULL!");
+    return;
+  }
+  const char *name = vconf_keynode_get_name(node);
+  if (!name || strcmp(name, BRISEL_KEY_PICKOVER) != 0 || vconf_keynode_get_type(node) != VCONF_TYPE_STRING) {
+    BRISEL_ERROR("Invalid key name or type!");
+    return;
+  }
+  const char *value = vconf_keynode_get_str(node);
+  if (!value || strcmp(value, BRISEL_PACKAGE) != 0) return;
+  __brisel_detail_show_on_device(view_data);
+  if (!view_data->pickover_timer) return;
+  BRISEL_INFO("TIMER deleted!!");
+  ecore_timer_del(view_data->pickover_timer);
+  view_data->pickover_timer = nullptr;
+}
+
+static void __brisel_detail_register_pickover(brisel_detail_view *view_data) {
+  int result = register_pickover(BRISEL_PACKAGE, pickover_valid);
+  if (result != 0) {
+    BRISEL_WARN("register_pickover() failed! err:[%d]", result);
+    return;
+  }
+  vconf_notify_key_changed(BRISEL_KEY_PICKOVER, __brisel_detail_pickover_cb, view_data);
+  view_data->is_pickover_registered = 1;
+}
+
+void __brisel_detail_unregister_pickover(brisel_detail_view *view_data) {
+  if (!view_data->is_pickover_registered) return;
+  int result = unregister_pickover();
+  if (result != 0) BRISEL_WARN("unregister_pickover() failed! err:[%d]", result);
+  vconf_ignore_key_changed(BRISEL_KEY_PICKOVER, __brisel_detail_pickover_cb);
+  view_data->is_pickover_registered = 0;
+}
+
+static Eina_Bool __brisel_detail_pickover_timer_cb(void *data) {
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  __brisel_detail_unregister_pickover(view_data);
+  __brisel_detail_register_pickover(view_data);
+  return ECORE_CALLBACK_RENEW;
+}
+
+void __brisel_detail_update_pickover(brisel_detail_view *view_data) {
+  BRISEL_INFO("Enter");
+  if (view_data->pickover_timer) ecore_timer_del(view_data->pickover_timer);
+  __brisel_detail_unregister_pickover(view_data);
+  __brisel_detail_register_pickover(view_data);
+  view_data->pickover_timer = ecore_timer_add(pickover_period, __brisel_detail_pickover_timer_cb, view_data);
+}
+
+void brisel_detail_register_pickover(view_data *vd) {
+  if (!vd) {
+    BRISEL_ERROR("Invalid parameter: data is NULL!");
+    return;
+  }
+  __brisel_detail_update_pickover((brisel_detail_view *)vd);
+}
+
+void brisel_detail_unregister_pickover(view_data *vd) {
+  if (!vd) {
+    BRISEL_ERROR("Invalid parameter: data is NULL!");
+    return;
+  }
+  brisel_detail_view *view_data = (brisel_detail_view *)vd;
+  if (view_data->pickover_timer) ecore_timer_del(view_data->pickover_timer);
+  view_data->pickover_timer = nullptr;
+  __brisel_detail_unregister_pickover(view_data);
+}

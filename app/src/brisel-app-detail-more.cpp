@@ -1,0 +1,244 @@
+/* More of a body: asking the phone at the end of a page, the ring while it is awaited, the text put behind what is
+   there. Paging, pages and the main file call it. */
+#include "brisel-app-detail.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "brisel-app-detail-body.h"
+#include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
+
+#define BODY_TAG_START "<tag:thisisover"
+#define BODY_TAG_FORMAT BODY_TAG_START "%d>"
+constexpr int body_tag_complete = -1;
+constexpr int body_tag_more = 500;
+constexpr double body_apply_delay = 0.5;
+static const char part_process[] = "detail.process";
+static const char part_progress_bg[] = "detail.progress_bg";
+
+static Eina_Bool __brisel_detail_add_more_messages_cb(void *data);
+
+bool __brisel_detail_ends_with_tag(const char *body, int number) {
+  char tag[32] = {};
+  snprintf(tag, sizeof(tag), BODY_TAG_FORMAT, number);
+  if (!body) return false;
+  size_t length = strlen(body);
+  return length >= strlen(tag) && !strcmp(body + length - strlen(tag), tag);
+}
+
+/* Only what stands before the last continuation tag is ever shown. */
+static size_t __brisel_detail_shown_body_length(const char *body) {
+  const char *tag = g_strrstr(body, BODY_TAG_START);
+  return tag ? (size_t)(tag - body) : strlen(body);
+}
+
+void __brisel_detail_set_body(page_data *page) {
+  const char *body = page->mail_data->body ? page->mail_data->body : "";
+  brisel_detail_body_set(page->detail_layout, body, __brisel_detail_shown_body_length(body));
+}
+
+/* Cancels the awaited answer. Its context goes with it, or stays for an answer that cannot be stopped. */
+void __brisel_detail_abandon_more_msg(brisel_detail_view *view_data, bool is_cancelled) {
+  more_msg_ctx *context = view_data->more_msg;
+  view_data->more_msg = nullptr;
+  if (!context) return;
+  context->view = nullptr;
+  if (is_cancelled) free(context);
+}
+
+static bool __brisel_detail_may_ask_for_more(const char *body) {
+  return __brisel_detail_ends_with_tag(body, body_tag_more) || !body || !strstr(body, BODY_TAG_START);
+}
+
+/* Events on the veil behind the progress bar stay there while text is on its way. */
+static void __brisel_detail_veil_events(const page_data *page, bool propagate) {
+  Evas_Object *veil = elm_object_part_content_get(page->detail_layout, part_progress_bg);
+  if (!veil)
+    veil = (Evas_Object *)edje_object_part_object_get(elm_layout_edje_get(page->detail_layout), part_progress_bg);
+  if (veil) evas_object_propagate_events_set(veil, propagate);
+}
+
+static void __brisel_detail_show_progress(const brisel_detail_view *view_data, page_data *page) {
+  brisel_widget_ref_drop(&page->progress);
+  Evas_Object *progress = brisel_create_progress_popup(view_data->ad, "process/groupindex");
+  if (!progress) return;
+  brisel_widget_ref_set(&page->progress, progress);
+  elm_object_part_content_set(page->detail_layout, part_process, progress);
+}
+
+static void __brisel_detail_stop_progress(page_data *page) {
+  brisel_widget_ref_drop(&page->progress);
+  elm_layout_signal_emit(page->detail_layout, "stop,progress", "");
+  __brisel_detail_veil_events(page, true);
+}
+
+/* The page waits for nothing any more: its notice is back and the user may ask again. */
+static void __brisel_detail_stop_more_msg(page_data *page) {
+  __brisel_detail_stop_progress(page);
+  __brisel_detail_signal(page->detail_layout, "do-show-device-field");
+  __brisel_detail_process_signals(page->detail_layout);
+}
+
+/* Sends the request for the page. False when nothing was sent; what failed is logged. */
+static bool __brisel_detail_send_more_msg(brisel_detail_view *view_data, const page_data *page) {
+  more_msg_req_data *request = brisel_more_msg_req_data_create();
+  if (!request) {
+    BRISEL_ERROR("brisel_more_msg_req_data_create() failed!");
+    return false;
+  }
+  request->message_uid = g_strdup(page->mail_data->message_uid);
+  request->mail_id = page->mail_data->mail_id;
+  bool sent = false;
+  int result = brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_MORE_MSG);
+  if (result != 0) {
+    BRISEL_ERROR("brisel_ipc_req_cancel() failed! ret:[%d]", result);
+  } else {
+    /* An answer that a page swiped away was waiting for will not come now. */
+    if (view_data->more_msg) {
+      page_data *waiting = __brisel_detail_find_page(view_data, view_data->more_msg->mail_id);
+      if (waiting && waiting != page) __brisel_detail_stop_more_msg(waiting);
+    }
+    __brisel_detail_abandon_more_msg(view_data, true);
+    more_msg_ctx *context = (more_msg_ctx *)calloc(1, sizeof(more_msg_ctx));
+    if (context) {
+      context->view = view_data;
+      context->mail_id = request->mail_id;
+      view_data->more_msg = context;
+      result = brisel_ipc_req_more_msg(request, __brisel_detail_ipc_more_msg_cb, context);
+      sent = result == 0;
+      if (!sent) {
+        BRISEL_ERROR("brisel_ipc_req_more_msg() failed! ret:[%d]", result);
+        __brisel_detail_abandon_more_msg(view_data, true);
+      }
+    }
+  }
+  brisel_more_msg_req_data_free(request);
+  return sent;
+}
+
+Eina_Bool __brisel_detail_more_msg_ind(void *data) {
+  BRISEL_INFO("Enter");
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  /* A swipe may have come between the edge and this idler: it is the page that owns the idler that asked. */
+  page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
+  for (page_data *owner : view_data->page_data)
+    if (owner && owner->more_msg_idler) page = owner;
+  page->more_msg_idler = nullptr;
+  if (!__brisel_detail_may_ask_for_more(page->mail_data->body)) return ECORE_CALLBACK_CANCEL;
+
+  __brisel_detail_signal(page->detail_layout, "do-process-device-field");
+  __brisel_detail_process_signals(page->detail_layout);
+  __brisel_detail_show_progress(view_data, page);
+  elm_layout_signal_emit(page->detail_layout, "start,progress", "");
+  __brisel_detail_veil_events(page, false);
+  /* What could not be sent will never be answered: the page must not go on waiting. */
+  if (!__brisel_detail_send_more_msg(view_data, page)) __brisel_detail_stop_more_msg(page);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+/* Reads the mail again after an answer and prepares its page to show it. When that fails the page goes back to its
+   notice: it must not look as if text were still on its way. */
+static void __brisel_detail_take_more_msg(brisel_detail_view *view_data, page_data *page, int mail_id) {
+  scoped_noti mail(brisel_full_noti_data_create());
+  if (!mail) {
+    BRISEL_ERROR("brisel_db_full_noti_data_create() failed!");
+    __brisel_detail_signal(page->detail_layout, "do-show-device-field");
+    return;
+  }
+  BRISEL_INFO("mail_id : %d", mail_id);
+  int result = brisel_db_get_full_noti_data_by_mail_id(mail_id, mail.get());
+  if (result != 0) {
+    BRISEL_ERROR("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d]", result);
+    __brisel_detail_signal(page->detail_layout, "do-show-device-field");
+    return;
+  }
+  if (mail->body && *mail->body) {
+    g_free(page->mail_data->body);
+    page->mail_data->body = g_strdup(mail->body);
+  }
+  __brisel_detail_show_progress(view_data, page);
+  page->more_msg_timer = ecore_timer_add(body_apply_delay, __brisel_detail_add_more_messages_cb, page);
+}
+
+void __brisel_detail_ipc_more_msg_cb(void *response, int error, void *data) {
+  more_msg_ctx *context = (more_msg_ctx *)data;
+  if (!context) {
+    BRISEL_ERROR("Invalid parameter: data is NULL!");
+    return;
+  }
+  BRISEL_INFO("BRISEL_IPC_CLIENT_REQ_TYPE_MORE_MSG");
+  brisel_detail_view *view_data = context->view;
+  int asked_id = context->mail_id;
+  if (view_data && view_data->more_msg == context) view_data->more_msg = nullptr;
+  free(context);
+  /* The answer is for the page that asked. When the view is closed or the page far away by now, there is nothing to
+     do: the store has the text, and the page is built from it when the user comes back. */
+  page_data *page = view_data ? __brisel_detail_find_page(view_data, asked_id) : nullptr;
+  if (!page || !page->detail_layout) return;
+
+  if (page->more_msg_timer) {
+    ecore_timer_del(page->more_msg_timer);
+    page->more_msg_timer = nullptr;
+  }
+  __brisel_detail_stop_progress(page);
+  if (error) {
+    BRISEL_INFO("__brisel_detail_ipc_more_msg_cb() failed! [%d]", error);
+    __brisel_detail_signal(page->detail_layout, "do-show-device-field");
+    return;
+  }
+  const brisel_ipc_event *event = (const brisel_ipc_event *)response;
+  if (!event || !event->id_list) {
+    __brisel_detail_signal(page->detail_layout, "do-show-device-field");
+    return;
+  }
+  int mail_id = GPOINTER_TO_INT(event->id_list->data);
+  if (mail_id != asked_id) {
+    /* An answer about another mail says nothing about this one. */
+    __brisel_detail_signal(page->detail_layout, "do-show-device-field");
+    return;
+  }
+  __brisel_detail_take_more_msg(view_data, page, mail_id);
+}
+
+static Eina_Bool __brisel_detail_add_more_messages_cb(void *data) {
+  BRISEL_INFO("Enter");
+  page_data *page = (page_data *)data;
+  page->more_msg_timer = nullptr;
+  if (!page->detail_layout) return ECORE_CALLBACK_CANCEL;
+  __brisel_detail_stop_progress(page);
+  if (!page->mail_data) {
+    BRISEL_ERROR("mail_data is NULL!");
+    return ECORE_CALLBACK_CANCEL;
+  }
+  if (page->mail_data->body && *page->mail_data->body) __brisel_detail_set_body(page);
+  if (__brisel_detail_ends_with_tag(page->mail_data->body, body_tag_complete)) {
+    BRISEL_INFO("There is no more mail_body!");
+    __brisel_detail_signal(page->detail_layout, "do-hide-device-field");
+  } else {
+    __brisel_detail_signal(page->detail_layout, "do-show-device-field");
+  }
+  __brisel_detail_process_signals(page->detail_layout);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+void __brisel_detail_send_update_ind(brisel_detail_view *view_data) {
+  BRISEL_INFO("Enter");
+  update_noti_data *update = brisel_update_noti_data_create();
+  if (!update) {
+    BRISEL_ERROR("brisel_update_noti_data_create() failed!");
+    return;
+  }
+  const full_noti_data *mail = __brisel_detail_current_mail(view_data);
+  update->id_list = g_slist_append(update->id_list, GINT_TO_POINTER(mail->mail_id));
+  update->host_state = mail->host_state;
+  int result = brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND);
+  if (result != 0) {
+    BRISEL_ERROR("brisel_ipc_req_cancel() failed! ret:[%d]", result);
+  } else {
+    result = brisel_ipc_req_update_ind(update, nullptr, nullptr);
+    if (result != 0) BRISEL_ERROR("brisel_ipc_req_update_ind() failed! ret:[%d]", result);
+  }
+  brisel_update_noti_data_free(update);
+}

@@ -1,0 +1,405 @@
+/* One page of the reader: its layout, texts, notices and buttons. Owns what a page_data holds. Paging and the main file
+   call it. */
+#include "brisel-app-detail.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "brisel-app-detail-body.h"
+#include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
+
+constexpr int body_tag_complete = -1;
+/* The longest subject shown, in bytes: about eighty lines. The text engine would take seconds for a whole book. */
+constexpr size_t subject_shown_max = 2048;
+static const char part_scroller[] = "scroller";
+static const char part_title[] = "detail.title";
+static const char part_image[] = "detail.image";
+static const char part_device[] = "detail.device";
+static const char part_lbutton[] = "detail.lbutton";
+static const char part_rbutton[] = "detail.rbutton";
+static const char group_detail[] = "brisel/detail";
+#define NOTICE_START "<font_size=24><text_class=nuvra><color=#FF9000FF>"
+#define NOTICE_END "</color></text_class></font_size>"
+constexpr int notice_line_height = 36;
+
+void __brisel_detail_fill_both_ways(Evas_Object *obj) {
+  evas_object_size_hint_weight_set(obj, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
+  evas_object_size_hint_align_set(obj, EVAS_HINT_FILL, EVAS_HINT_FILL);
+  evas_object_show(obj);
+}
+
+void __brisel_detail_signal(Evas_Object *layout, const char *signal) {
+  elm_layout_signal_emit(layout, signal, "brisel");
+}
+
+void __brisel_detail_process_signals(Evas_Object *layout) {
+  edje_object_message_signal_process(elm_layout_edje_get(layout));
+}
+
+brisel_detail_view *__brisel_detail_retrieve_view_data(appdata *ad) {
+  view_data *found = brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, ad);
+  if (!found) BRISEL_WARN("view_data for BRISEL_VIEW_TYPE_DETAIL_VIEW is NULL!");
+  return (brisel_detail_view *)found;
+}
+
+page_data *__brisel_detail_find_page(const brisel_detail_view *view_data, int mail_id) {
+  for (page_data *page : view_data->page_data)
+    if (page && page->mail_data->mail_id == mail_id) return page;
+  return nullptr;
+}
+
+/* A closed page may stay on the screen while the stack moves it away; nothing on it may call back any more. */
+static void __brisel_detail_disarm_page(page_data *page) {
+  if (page->scroller)
+    evas_object_smart_callback_del(page->scroller, "edge,bottom", __brisel_detail_scroller_bottom_hit_cb);
+  if (page->page_layout) {
+    Evas_Object *title = elm_object_part_content_get(page->page_layout, "title");
+    Evas_Object *button = title ? elm_object_part_content_get(title, "elm.swallow.next_btn") : nullptr;
+    if (button) evas_object_smart_callback_del(button, "clicked", __brisel_detail_option_button_clicked_cb);
+  }
+  if (!page->detail_layout) return;
+  for (const char *part : {part_lbutton, part_rbutton})
+    if (Evas_Object *button = elm_object_part_content_get(page->detail_layout, part)) {
+      evas_object_smart_callback_del(button, "clicked", __brisel_detail_reply_button_clicked_cb);
+      evas_object_smart_callback_del(button, "clicked", __brisel_detail_reply_update_required_button_clicked_cb);
+      evas_object_smart_callback_del(button, "clicked", __brisel_detail_show_on_device_button_clicked_cb);
+    }
+}
+
+void __brisel_detail_free_page_data(page_data *page) {
+  if (!page) return;
+  __brisel_detail_disarm_page(page);
+  if (page->detail_layout)
+    if (Evas_Object *label = elm_object_part_content_unset(page->detail_layout, part_device)) evas_object_del(label);
+  if (page->more_msg_idler) ecore_idler_del(page->more_msg_idler);
+  if (page->more_msg_timer) ecore_timer_del(page->more_msg_timer);
+  brisel_widget_ref_drop(&page->progress);
+  brisel_widget_ref_clear(&page->detail_layout);
+  brisel_widget_ref_clear(&page->scroller);
+  brisel_widget_ref_clear(&page->page_layout);
+  brisel_full_noti_data_free(page->mail_data);
+  free(page);
+}
+
+static scoped_text __brisel_detail_image_notice() {
+  return scoped_text(
+      g_strconcat(NOTICE_START, brisel_util_get_text("IDS_EMAIL_BODY_IMAGES_ARE_NOT_SUPPORTED"), NOTICE_END, nullptr));
+}
+
+static scoped_text __brisel_detail_device_notice() {
+  return scoped_text(g_strconcat(NOTICE_START "<valign=middle>",
+                                 brisel_util_get_text("IDS_EMAIL_BODY_MORE_ON_MOBILE_DEVICE_ABB"),
+                                 "</valign>" NOTICE_END, nullptr));
+}
+
+/* Puts a notice into the part, in place of the one that was there. */
+static void __brisel_detail_place_notice(Evas_Object *layout, const char *part, const char *markup) {
+  if (Evas_Object *old = elm_object_part_content_unset(layout, part)) evas_object_del(old);
+  Evas_Object *label = elm_label_add(layout);
+  elm_label_line_wrap_set(label, ELM_WRAP_MIXED);
+  elm_object_text_set(label, markup);
+  evas_object_show(label);
+  elm_object_part_content_set(layout, part, label);
+}
+
+/* The field is as high as one or two lines of the notice need. */
+static void __brisel_detail_fit_image_field(Evas_Object *layout) {
+  __brisel_detail_process_signals(layout);
+  int height = -1;
+  if (!edje_object_part_geometry_get(elm_layout_edje_get(layout), part_image, nullptr, nullptr, nullptr, &height))
+    height = -1;
+  __brisel_detail_signal(layout,
+                         height % notice_line_height > 0 ? "do-show-image-field-2line" : "do-hide-image-field-2line");
+  __brisel_detail_process_signals(layout);
+}
+
+static void __brisel_detail_set_attachment_text(brisel_detail_view *view_data, int count, Evas_Object *layout) {
+  char text[128] = {};
+  if (count == 1) {
+    snprintf(text, sizeof(text), "%s", brisel_util_get_text("IDS_EMAIL_BODY_1_ATTACHMENT"));
+  } else {
+    scoped_text counted(brisel_util_get_count_text("IDS_EMAIL_BODY_PD_ATTACHMENTS", count, view_data->ad));
+    snprintf(text, sizeof(text), "%s", counted ? counted.get() : "");
+  }
+  brisel_util_cut_utf8(text, sizeof(text) - 1);
+  elm_object_part_text_set(layout, "detail.attachment", text);
+}
+
+void __brisel_detail_update_datetime_string(brisel_detail_view *view_data, time_t time, Evas_Object *layout) {
+  static const char *const patterns[] = {"dd/MM/y", "MM/dd/y", "y/MM/dd", "y/dd/MM"};
+  appdata *ad = view_data->ad;
+  if (!ad) {
+    BRISEL_ERROR("view_data->ad is NULL!");
+    return;
+  }
+  const char *skeleton = ad->time_format == 1 ? "hhmm" : "Hm";
+  const char *pattern = patterns[ad->date_format >= 0 && ad->date_format <= 3 ? ad->date_format : 2];
+  scoped_text time_text(brisel_util_get_date_time_str_by_skeleton(skeleton, ad->locale, &time));
+  scoped_text date_text(brisel_util_get_date_time_str_by_pattern(pattern, ad->locale, &time));
+  scoped_text both(g_strdup_printf("%s %s", date_text ? date_text.get() : "", time_text ? time_text.get() : ""));
+  elm_object_part_text_set(layout, "detail.time", both.get());
+}
+
+/* The subject, cut where it would be longer than anybody reads on a watch. */
+scoped_text __brisel_detail_shown_subject(const char *subject) {
+  if (!subject) return scoped_text(strdup(""));
+  size_t length = strlen(subject);
+  scoped_text shown((char *)malloc(length + sizeof("\xE2\x80\xA6")));
+  if (!shown) return shown;
+  memcpy(shown.get(), subject, length + 1);
+  brisel_util_cut_utf8(shown.get(), subject_shown_max);
+  if (length > subject_shown_max) strcat(shown.get(), "\xE2\x80\xA6");
+  return shown;
+}
+
+static Evas_Object *__brisel_detail_create_button(Evas_Object *parent, const char *name, int is_icon) {
+  Evas_Object *button = elm_button_add(parent);
+  if (!button) {
+    BRISEL_ERROR("elm_button_add() failed!");
+    return nullptr;
+  }
+  __brisel_detail_fill_both_ways(button);
+  if (!is_icon) {
+    elm_object_text_set(button, name);
+    return button;
+  }
+  Evas_Object *icon = brisel_util_load_image(button, name);
+  if (!icon) {
+    BRISEL_ERROR("elm_image_add() failed!");
+    evas_object_del(button);
+    return nullptr;
+  }
+  int side = (int)(60 * elm_config_scale_get());
+  evas_object_size_hint_min_set(icon, side, side);
+  evas_object_size_hint_max_set(icon, side, side);
+  evas_object_repeat_events_set(icon, EINA_TRUE);
+  elm_object_content_set(button, icon);
+  return button;
+}
+
+static void __brisel_detail_place_button(Evas_Object *layout, const char *part, const char *name, int is_icon,
+                                         Evas_Smart_Cb clicked_cb, brisel_detail_view *view_data) {
+  Evas_Object *button = __brisel_detail_create_button(layout, name, is_icon);
+  if (!button) return;
+  evas_object_smart_callback_add(button, "clicked", clicked_cb, view_data);
+  elm_object_part_content_set(layout, part, button);
+}
+
+static void __brisel_detail_draw_buttons(brisel_detail_view *view_data, Evas_Object *layout) {
+  int status = 2;
+  if (brisel_util_get_reply_status(&status) == 0 && (status == 0 || status == 1)) {
+    __brisel_detail_signal(layout, "do-dual-button-field");
+    __brisel_detail_place_button(
+        layout, part_lbutton, "b_email_icon_message_send.png", 1,
+        status == 0 ? __brisel_detail_reply_button_clicked_cb : __brisel_detail_reply_update_required_button_clicked_cb,
+        view_data);
+    __brisel_detail_place_button(layout, part_rbutton, "b_email_icon_showonphone.png", 1,
+                                 __brisel_detail_show_on_device_button_clicked_cb, view_data);
+    return;
+  }
+  __brisel_detail_place_button(layout, part_lbutton, brisel_util_get_text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE"), 0,
+                               __brisel_detail_show_on_device_button_clicked_cb, view_data);
+}
+
+static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_data *page) {
+  BRISEL_INFO("Enter");
+  full_noti_data *mail = page->mail_data;
+  Evas_Object *layout = page->detail_layout;
+
+  if (mail->has_image) {
+    __brisel_detail_signal(layout, "do-show-image-field");
+    __brisel_detail_place_notice(layout, part_image, __brisel_detail_image_notice().get());
+    __brisel_detail_fit_image_field(layout);
+  }
+
+  __brisel_detail_update_datetime_string(view_data, mail->received_time, layout);
+  if (!mail->is_new) __brisel_detail_signal(layout, "do-old-time-field");
+
+  if (mail->subject && *mail->subject) {
+    scoped_text shown = __brisel_detail_shown_subject(mail->subject);
+    scoped_text markup(brisel_util_text_to_markup_whole(shown.get()));
+    elm_object_part_text_set(layout, part_title, markup.get());
+  } else {
+    elm_object_domain_translatable_part_text_set(layout, part_title, BRISEL_DOMAIN, "IDS_EMAIL_BODY_HNO_SUBJECT_ABB");
+  }
+
+  if (!__brisel_detail_ends_with_tag(mail->body, body_tag_complete)) {
+    __brisel_detail_signal(layout, "do-show-device-field");
+    __brisel_detail_place_notice(layout, part_device, __brisel_detail_device_notice().get());
+    __brisel_detail_process_signals(layout);
+  }
+
+  brisel_detail_body_set_font_size(layout, view_data->font_size);
+  __brisel_detail_set_body(page);
+  if (view_data->font_size == 0) __brisel_detail_signal(layout, "do-set-fontsize-small");
+  if (view_data->font_size == 2) __brisel_detail_signal(layout, "do-set-fontsize-large");
+
+  if (mail->attachment_count > 0) {
+    __brisel_detail_signal(layout, "do-show-attachment-field");
+    __brisel_detail_set_attachment_text(view_data, mail->attachment_count, layout);
+  }
+
+  __brisel_detail_draw_buttons(view_data, layout);
+  __brisel_detail_process_signals(layout);
+}
+
+Evas_Object *__brisel_detail_create_layout(Evas_Object *parent, const char *group) {
+  if (!parent) {
+    BRISEL_ERROR("Invalid parameter: parent is NULL!");
+    return nullptr;
+  }
+  Evas_Object *layout = brisel_util_load_edj(parent, BRISEL_EDJ, group);
+  if (!layout) {
+    BRISEL_ERROR("elm_layout_add() failed!");
+    return nullptr;
+  }
+  __brisel_detail_fill_both_ways(layout);
+  return layout;
+}
+
+static Evas_Object *__brisel_detail_create_layout_single_scroller(brisel_detail_view *view_data) {
+  return __brisel_detail_create_layout(view_data->box, "brisel/detail/single_scroller");
+}
+
+static Evas_Object *__brisel_detail_create_layout_detail_view(Evas_Object *scroller) {
+  return __brisel_detail_create_layout(scroller, group_detail);
+}
+
+static Evas_Object *__brisel_detail_create_account_color_bar(Evas_Object *title, int account_id) {
+  Evas_Object *bar = brisel_util_create_color_bar(title, account_id);
+  if (!bar) BRISEL_ERROR("evas_object_rectangle_add() failed!");
+  return bar;
+}
+
+/* The title area of a page, or NULL; what it holds goes with it. */
+static Evas_Object *__brisel_detail_create_layout_detail_view_title(brisel_detail_view *view_data,
+                                                                    const page_data *page) {
+  Evas_Object *title = elm_layout_add(page->page_layout);
+  if (!title || !elm_layout_theme_set(title, "naviframe", "item", "basic/default")) {
+    if (title) evas_object_del(title);
+    BRISEL_ERROR("elm_layout_add() failed!");
+    BRISEL_ERROR("__brisel_detail_create_layout_detail_view_title() failed!");
+    return nullptr;
+  }
+  __brisel_detail_fill_both_ways(title);
+
+  const full_noti_data *mail = page->mail_data;
+  const char *failed = nullptr;
+  Evas_Object *button =
+      brisel_view_title_button(title, "b_email_icon_more.png", __brisel_detail_option_button_clicked_cb, view_data);
+  if (!button) failed = "__brisel_detail_create_option_button() failed!";
+  Evas_Object *icon = failed ? nullptr : brisel_view_title_icon(title);
+  if (!failed && !icon) failed = "__brisel_detail_create_title_icon() failed!";
+  Evas_Object *bar = failed ? nullptr : __brisel_detail_create_account_color_bar(title, mail->account_id);
+  if (!failed && !bar) failed = "__brisel_detail_create_account_color_bar() failed!";
+  if (failed) {
+    BRISEL_ERROR("%s", failed);
+    evas_object_del(title);
+    return nullptr;
+  }
+
+  scoped_text markup(brisel_view_sender_title(mail));
+  elm_object_part_text_set(title, "elm.text.title", markup.get());
+
+  elm_object_part_content_set(title, "elm.swallow.next_btn", button);
+  elm_object_part_content_set(title, "elm.swallow.icon", icon);
+  elm_object_part_content_set(title, "title_color_bar", bar);
+  for (const char *signal :
+       {"elm,state,icon,show", "elm,state,title_label,show", "elm,state,next_btn,show", "elm,state,visible"})
+    elm_layout_signal_emit(title, signal, "elm");
+  return title;
+}
+
+/* What the paging scroller and the pages' own have in common. */
+Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent) {
+  Evas_Object *scroller = elm_scroller_add(parent);
+  if (!scroller) {
+    BRISEL_ERROR("elm_scroller_add() failed!");
+    return nullptr;
+  }
+  elm_object_style_set(scroller, "effect");
+  elm_scroller_single_direction_set(scroller, ELM_SCROLLER_SINGLE_DIRECTION_HARD);
+  elm_object_focus_allow_set(scroller, EINA_FALSE);
+  __brisel_detail_fill_both_ways(scroller);
+  return scroller;
+}
+
+/* Logs what failed and drops the half-built page. */
+static page_data *__brisel_detail_give_up_page(page_data *page, const char *what) {
+  if (what) BRISEL_ERROR("%s", what);
+  Evas_Object *layout = page->page_layout;
+  __brisel_detail_free_page_data(page);
+  if (layout) evas_object_del(layout);
+  return nullptr;
+}
+
+page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *view_data, int mail_id) {
+  BRISEL_INFO("Enter");
+  page_data *page = (page_data *)calloc(1, sizeof(page_data));
+  if (!page) {
+    BRISEL_ERROR("Failed to allocate memory for page_data!");
+    return nullptr;
+  }
+  page->mail_data = brisel_full_noti_data_create();
+  if (!page->mail_data) return __brisel_detail_give_up_page(page, "brisel_db_full_noti_data_create() failed!");
+  int result = brisel_db_get_full_noti_data_by_mail_id(mail_id, page->mail_data);
+  if (result != 0) {
+    BRISEL_ERROR("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d]", result);
+    return __brisel_detail_give_up_page(page, nullptr);
+  }
+
+  Evas_Object *root = __brisel_detail_create_layout_single_scroller(view_data);
+  if (!root) return __brisel_detail_give_up_page(page, "__brisel_detail_create_layout_single_scroller() failed!");
+  brisel_widget_ref_set(&page->page_layout, root);
+
+  Evas_Object *title = __brisel_detail_create_layout_detail_view_title(view_data, page);
+  if (!title) return __brisel_detail_give_up_page(page, nullptr);
+
+  Evas_Object *scroller = __brisel_detail_create_scroller(root);
+  if (!scroller) return __brisel_detail_give_up_page(page, "__brisel_detail_create_scroller() failed!");
+  brisel_widget_ref_set(&page->scroller, scroller);
+  elm_scroller_bounce_set(scroller, EINA_FALSE, EINA_TRUE);
+  elm_scroller_policy_set(scroller, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
+  evas_object_smart_callback_add(scroller, "edge,bottom", __brisel_detail_scroller_bottom_hit_cb, view_data);
+
+  Evas_Object *detail = __brisel_detail_create_layout_detail_view(scroller);
+  if (!detail) return __brisel_detail_give_up_page(page, "__brisel_detail_create_detail_view_layout() failed!");
+  brisel_widget_ref_set(&page->detail_layout, detail);
+  brisel_detail_body_attach(detail, scroller);
+  __brisel_detail_draw_view_components(view_data, page);
+
+  elm_object_content_set(scroller, detail);
+  elm_object_part_content_set(root, "title", title);
+  elm_object_part_content_set(root, part_scroller, scroller);
+  page->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
+  return page;
+}
+
+GList *__brisel_detail_get_list_by_mail_id(int mail_id, GList *list) {
+  for (GList *node = list; node; node = node->next) {
+    const item_data *row = (item_data *)node->data;
+    if (row && row->mail_id == mail_id) return node;
+  }
+  return nullptr;
+}
+
+void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page) {
+  Evas_Object *layout = page->detail_layout;
+  if (Evas_Object *label = elm_object_part_content_get(layout, part_device)) {
+    elm_object_text_set(label, __brisel_detail_device_notice().get());
+    elm_object_part_content_set(layout, part_device, label);
+  }
+  if (Evas_Object *label = elm_object_part_content_get(layout, part_image)) {
+    elm_object_text_set(label, __brisel_detail_image_notice().get());
+    __brisel_detail_fit_image_field(layout);
+    elm_object_part_content_set(layout, part_image, label);
+  }
+  if (page->mail_data->attachment_count > 0)
+    __brisel_detail_set_attachment_text(view_data, page->mail_data->attachment_count, layout);
+  int status = 2;
+  Evas_Object *button = elm_object_part_content_get(layout, part_lbutton);
+  if (brisel_util_get_reply_status(&status) == 0 && status == 2 && button)
+    elm_object_text_set(button, brisel_util_get_text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE"));
+}

@@ -1,0 +1,24 @@
+/* What the requests of the common library share with its queue. Only common-link.cpp and common-requests.cpp may
+   include it. Thread: the main loop. */
+#ifndef BRISEL_COMMON_LINK_PRIV_H
+#define BRISEL_COMMON_LINK_PRIV_H
+
+#include <glib.h>
+
+#include <string>
+#include <vector>
+
+#include "brisel-common.h"
+#include "common-kept.h"
+
+struct request : kept_request {
+  brisel_ipc_response_cb callback = nullptr;
+  void *user_data = nullptr;
+};
+
+/* Puts a request into the queue, which is on disk before this returns. 0, or a negative value: it was not taken. */
+int common_enqueue(request r);
+/* A text as the bus takes it; "" for NULL. */
+std::string common_bus_text(const char *text);
+
+#endif
