@@ -64,11 +64,15 @@ struct Pages : testing::Test {
     for (size_t i = 0; i < count; i++) bodies.push_back("Body " + std::to_string(i));
     ids = mailbox_with(&phone, bodies);
   }
-  /* Locks mails in the list that the reader pages along. */
+  /* Locks mails as the phone does, and waits until the list that the reader pages along says so. */
   void lock(const std::vector<bool> &locked) {
-    size_t i = 0;
-    for (GList *cell = test_ad.mail_list; cell; cell = cell->next)
-      ((item_data *)cell->data)->security_locked = locked[i++];
+    for (size_t i = 0; i < locked.size(); i++) phone.set_flag(ids[i], "security_locked", locked[i]);
+    ASSERT_TRUE(run_until([&] {
+      size_t i = 0;
+      for (GList *cell = test_ad.mail_list; cell; cell = cell->next)
+        if ((((item_data *)cell->data)->security_locked != 0) != locked[i++]) return false;
+      return true;
+    }));
   }
   size_t position(int id) { return (size_t)(std::find(ids.begin(), ids.end(), id) - ids.begin()); }
   void TearDown() override { app_stop(); }
