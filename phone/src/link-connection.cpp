@@ -91,6 +91,7 @@ int connect_now(phone_link *link) {
     return 0;
   }
   link->connected = true;
+  link->owner = link->bus->owner;
   link->told = false;
   if (link->retry) sd_event_source_set_enabled(link->retry, SD_EVENT_OFF);
   sd_event_now(link->event, CLOCK_MONOTONIC, &link->connected_at);
@@ -102,7 +103,9 @@ int owner_changed_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
   auto *link = static_cast<phone_link *>(user_data);
   const char *name = nullptr, *before = nullptr, *after = nullptr;
   if (sd_bus_message_read(m, "sss", &name, &before, &after) < 0) return 0;
-  if (link->connected && link->bus->owner == after) return 0;
+  /* News of a process before the one that is connected came late: what this one sent must not be forgotten for it, as
+     it is not sent again. */
+  if (link->connected && (link->owner == after || link->owner != before)) return 0;
   bool had = link->connected;
   link->connected = false;
   link->bus->owner.clear();

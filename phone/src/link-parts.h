@@ -22,6 +22,7 @@ struct phone_link {
   sd_event_source *retry = nullptr, *take = nullptr, *resend = nullptr;
   std::deque<waiting_request> requests;
   bool connected = false;
+  std::string owner; /* the service process that is connected */
   uint64_t connected_at = 0;
   uint64_t delay = 0;        /* before the next try, in microseconds */
   uint64_t resend_delay = 0; /* before requests that could not be kept are asked for again */
