@@ -16,7 +16,9 @@ struct request : kept_request {
   void *user_data = nullptr;
 };
 
-/* Puts a request into the queue, which is on disk before this returns. 0, or a negative value: it was not taken. */
+/* Puts a request into the queue, which is in a file before this returns: a kill loses nothing. A power cut does not
+   either once the service has the request, or a moment later. 0, also when the service refused it at once, which its
+   callback is told; a negative value: it was not taken. */
 int common_enqueue(request r);
 /* A text as the bus takes it; "" for NULL. */
 std::string common_bus_text(const char *text);
