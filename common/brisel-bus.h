@@ -1,4 +1,4 @@
-/* The host service on the bus, for whoever calls it or is called: names, errors and versions. What its methods take is
+/* The host service on the bus, for whoever calls it or is called: names and errors. What its methods take is
    in service/com.vextora.brisel.Host.xml. Needs no library. */
 #ifndef BRISEL_BUS_H
 #define BRISEL_BUS_H
@@ -15,14 +15,8 @@ inline constexpr char host_error_invalid[] = HOST_ERROR "Invalid";  /* an argume
 inline constexpr char host_error_no_phone[] = HOST_ERROR "NoPhone"; /* no phone is connected */
 inline constexpr char host_error_timeout[] = HOST_ERROR "Timeout";  /* the phone did not answer in time */
 inline constexpr char host_error_phone[] = HOST_ERROR "Phone";      /* the phone answered with an error */
-inline constexpr char host_error_busy[] = HOST_ERROR "Busy";        /* another phone is connected; the text names it */
+inline constexpr char host_error_busy[] = HOST_ERROR "Busy";        /* another phone is connected */
 inline constexpr char host_error_store[] = HOST_ERROR "Store";      /* the store failed; nothing was changed */
 inline constexpr char host_error_full[] = HOST_ERROR "Full";        /* too much waits already; nothing was changed */
-inline constexpr char host_error_denied[] = HOST_ERROR "Denied";    /* the caller is not one that may do this */
-inline constexpr char host_error_version[] = HOST_ERROR "Version";  /* one of both sides is too old for the other */
-
-/* What a side speaks of Phone1, and the oldest that it can work with (Introduce tells them to the other). */
-inline constexpr unsigned phone_protocol = 1;
-inline constexpr unsigned phone_protocol_oldest = 1;
 
 #endif

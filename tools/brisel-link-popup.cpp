@@ -4,6 +4,7 @@
  */
 #include <vector>
 
+#include "brisel-settings.h"
 #include "dlog.h"
 #include "standin.h"
 #include "vconf.h"
@@ -11,7 +12,6 @@
 namespace {
 
 constexpr char log_tag[] = "BRISEL_LINK";
-constexpr char link_key[] = "memory/wms/wmanager_connected";
 constexpr char answer_key[] = "__BT_CONNECTION__";
 
 standin_window window;
@@ -19,7 +19,7 @@ std::vector<service_h> waiting;
 
 bool linked(void) {
   int value = 0;
-  return vconf_get_bool(link_key, &value) == 0 && value;
+  return vconf_get_bool(BRISEL_KEY_BT_CONNECTED, &value) == 0 && value;
 }
 
 void answer(service_h request, bool connected) {
@@ -51,12 +51,12 @@ void cancel_cb(void) {
 bool create(void *data) {
   if (!standin_create(&window, "brisel-link-popup", cancel_cb)) return false;
   standin_set(&window, "No phone", "Connect your phone. This closes by itself once the phone is linked.", "Cancel");
-  vconf_notify_key_changed(link_key, link_changed_cb, nullptr);
+  vconf_notify_key_changed(BRISEL_KEY_BT_CONNECTED, link_changed_cb, nullptr);
   return true;
 }
 
 void terminate(void *data) {
-  vconf_ignore_key_changed(link_key, link_changed_cb);
+  vconf_ignore_key_changed(BRISEL_KEY_BT_CONNECTED, link_changed_cb);
   for (service_h request : waiting) {
     answer(request, linked());
     service_destroy(request);

@@ -7,7 +7,9 @@
 #include <glib.h>
 
 #include "brisel-common.h"
+#include "brisel-contact.h"
 #include "brisel-log.h"
+#include "brisel-settings.h"
 
 #define BRISEL_PACKAGE "com.vextora.brisel"
 #define BRISEL_DOMAIN "brisel"
@@ -17,19 +19,10 @@
 #define BRISEL_IMAGES_EDJ "/usr/apps/com.vextora.brisel/res/edje/brisel-images.edj"
 #define BRISEL_EVENT_ID_KEY "brisel_id" /* extra data of a launch request: the mail to open, decimal */
 
-#define BRISEL_KEY_BT_CONNECTED "memory/wms/wmanager_connected"
-#define BRISEL_KEY_DATE_FORMAT "db/setting/date_format"
-#define BRISEL_KEY_TIME_FORMAT "db/menu_widget/regionformat_time1224"
-#define BRISEL_KEY_TIME_CHANGED "memory/system/timechanged"
-#define BRISEL_KEY_LANGUAGE "db/menu_widget/language"
-#define BRISEL_KEY_REGION "db/menu_widget/regionformat"
-#define BRISEL_KEY_REPLY_VALUE "file/private/msg-consumer-server/reply_value"
+/* Settings of the application alone; the others are in brisel-settings.h. */
 #define BRISEL_KEY_TEMPLATE_ORDER "file/private/brisel/template_order" /* 0: the most used first; else the phone's */
-#define BRISEL_KEY_TEMPLATE_CHANGED "memory/private/msg-consumer-server/change_text_template"
-#define BRISEL_KEY_FONT_SIZE "db/setting/accessibility/font_size"
 /* Whether the rows of the mailbox show subjects; unset: they do. */
 #define BRISEL_KEY_LIST_SUBJECT "file/private/brisel/list_subject"
-#define BRISEL_KEY_PICKOVER "file/private/wcontext/service_msg"
 
 enum brisel_view_type {
   BRISEL_VIEW_TYPE_DETAIL_VIEW = 555001000,
@@ -100,12 +93,6 @@ struct item_data {
   char *subject; /* one line of plain text; owned; may be NULL */
 };
 typedef item_data group_item_data;
-
-/* One phone number of a mail's sender, an element of full_noti_data's sender_contact_list. */
-struct contact_number {
-  int type;     /* as the contacts service reports it */
-  char *number; /* owned; may be NULL */
-};
 
 /* --- the view stack --- */
 

@@ -67,19 +67,23 @@ void __brisel_detail_show_on_device_button_clicked_cb(void *data, Evas_Object *o
   brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"));
 }
 
-void __brisel_detail_scroller_bottom_hit_cb(void *data, Evas_Object *obj, void *event_info) {
-  brisel_detail_view *view_data = (brisel_detail_view *)data;
-  if (!view_data || !view_data->ad || view_data->ad->bt_connected != 1) return;
-  page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
-  /* Only the current page's own edge counts, and only when it is the end of the text rather than of a guess. */
-  if (!page || (obj && obj != page->scroller) || !brisel_detail_body_end_is_known(page->detail_layout)) return;
-  /* One pull reaches the edge more than once when the page bounces off it. While the page waits already, that is no
-     wish for another request: it would throw away the answer on its way and use up the visit's share. */
-  if (page->more_msg_idler || page->more_msg_timer) return;
-  if (view_data->more_msg && view_data->more_msg->mail_id == page->mail_data->mail_id) return;
-  if (page->more_msg_count <= 0) return;
-  page->more_msg_count--;
-  page->more_msg_idler = ecore_idler_add(__brisel_detail_more_msg_ind, view_data);
+void __brisel_detail_send_update_ind(brisel_detail_view *view_data) {
+  BRISEL_INFO("Enter");
+  scoped_update update(brisel_update_noti_data_create());
+  if (!update) {
+    BRISEL_ERROR("brisel_update_noti_data_create() failed!");
+    return;
+  }
+  const full_noti_data *mail = __brisel_detail_current_mail(view_data);
+  update->id_list = g_slist_append(update->id_list, GINT_TO_POINTER(mail->mail_id));
+  update->host_state = mail->host_state;
+  int result = brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND);
+  if (result != 0) {
+    BRISEL_ERROR("brisel_ipc_req_cancel() failed! ret:[%d]", result);
+  } else {
+    result = brisel_ipc_req_update_ind(update.get(), nullptr, nullptr);
+    if (result != 0) BRISEL_ERROR("brisel_ipc_req_update_ind() failed! ret:[%d]", result);
+  }
 }
 
 static void __brisel_detail_pickover_cb(keynode_t *node, void *data) {

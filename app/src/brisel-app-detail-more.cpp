@@ -2,35 +2,25 @@
    there. Paging, pages and the main file call it. */
 #include "brisel-app-detail.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "brisel-app-detail-body.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
+#include "brisel-body.h"
 
-#define BODY_TAG_START "<tag:thisisover"
-#define BODY_TAG_FORMAT BODY_TAG_START "%d>"
-constexpr int body_tag_complete = -1;
-constexpr int body_tag_more = 500;
 constexpr double body_apply_delay = 0.5;
 static const char part_process[] = "detail.process";
 static const char part_progress_bg[] = "detail.progress_bg";
 
-static Eina_Bool __brisel_detail_add_more_messages_cb(void *data);
-
-bool __brisel_detail_ends_with_tag(const char *body, int number) {
-  char tag[32] = {};
-  snprintf(tag, sizeof(tag), BODY_TAG_FORMAT, number);
-  if (!body) return false;
-  size_t length = strlen(body);
-  return length >= strlen(tag) && !strcmp(body + length - strlen(tag), tag);
+bool __brisel_detail_ends_with_tag(const char *body, const char *tag) {
+  return body && g_str_has_suffix(body, tag);
 }
 
 /* Only what stands before the last continuation tag is ever shown. */
 static size_t __brisel_detail_shown_body_length(const char *body) {
-  const char *tag = g_strrstr(body, BODY_TAG_START);
+  const char *tag = g_strrstr(body, tag_start);
   return tag ? (size_t)(tag - body) : strlen(body);
 }
 
@@ -49,7 +39,7 @@ void __brisel_detail_abandon_more_msg(brisel_detail_view *view_data, bool is_can
 }
 
 static bool __brisel_detail_may_ask_for_more(const char *body) {
-  return __brisel_detail_ends_with_tag(body, body_tag_more) || !body || !strstr(body, BODY_TAG_START);
+  return __brisel_detail_ends_with_tag(body, tag_more) || !body || !strstr(body, tag_start);
 }
 
 /* Events on the veil behind the progress bar stay there while text is on its way. */
@@ -83,7 +73,7 @@ static void __brisel_detail_stop_more_msg(page_data *page) {
 
 /* Sends the request for the page. False when nothing was sent; what failed is logged. */
 static bool __brisel_detail_send_more_msg(brisel_detail_view *view_data, const page_data *page) {
-  more_msg_req_data *request = brisel_more_msg_req_data_create();
+  scoped_more_msg request(brisel_more_msg_req_data_create());
   if (!request) {
     BRISEL_ERROR("brisel_more_msg_req_data_create() failed!");
     return false;
@@ -106,7 +96,7 @@ static bool __brisel_detail_send_more_msg(brisel_detail_view *view_data, const p
       context->view = view_data;
       context->mail_id = request->mail_id;
       view_data->more_msg = context;
-      result = brisel_ipc_req_more_msg(request, __brisel_detail_ipc_more_msg_cb, context);
+      result = brisel_ipc_req_more_msg(request.get(), __brisel_detail_ipc_more_msg_cb, context);
       sent = result == 0;
       if (!sent) {
         BRISEL_ERROR("brisel_ipc_req_more_msg() failed! ret:[%d]", result);
@@ -114,11 +104,10 @@ static bool __brisel_detail_send_more_msg(brisel_detail_view *view_data, const p
       }
     }
   }
-  brisel_more_msg_req_data_free(request);
   return sent;
 }
 
-Eina_Bool __brisel_detail_more_msg_ind(void *data) {
+static Eina_Bool __brisel_detail_more_msg_ind(void *data) {
   BRISEL_INFO("Enter");
   brisel_detail_view *view_data = (brisel_detail_view *)data;
   /* A swipe may have come between the edge and this idler: it is the page that owns the idler that asked. */
@@ -135,6 +124,42 @@ Eina_Bool __brisel_detail_more_msg_ind(void *data) {
   __brisel_detail_veil_events(page, false);
   /* What could not be sent will never be answered: the page must not go on waiting. */
   if (!__brisel_detail_send_more_msg(view_data, page)) __brisel_detail_stop_more_msg(page);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+void __brisel_detail_scroller_bottom_hit_cb(void *data, Evas_Object *obj, void *event_info) {
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  if (!view_data || !view_data->ad || view_data->ad->bt_connected != 1) return;
+  page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
+  /* Only the current page's own edge counts, and only when it is the end of the text rather than of a guess. */
+  if (!page || (obj && obj != page->scroller) || !brisel_detail_body_end_is_known(page->detail_layout)) return;
+  /* One pull reaches the edge more than once when the page bounces off it. While the page waits already, that is no
+     wish for another request: it would throw away the answer on its way and use up the visit's share. */
+  if (page->more_msg_idler || page->more_msg_timer) return;
+  if (view_data->more_msg && view_data->more_msg->mail_id == page->mail_data->mail_id) return;
+  if (page->more_msg_count <= 0) return;
+  page->more_msg_count--;
+  page->more_msg_idler = ecore_idler_add(__brisel_detail_more_msg_ind, view_data);
+}
+
+static Eina_Bool __brisel_detail_add_more_messages_cb(void *data) {
+  BRISEL_INFO("Enter");
+  page_data *page = (page_data *)data;
+  page->more_msg_timer = nullptr;
+  if (!page->detail_layout) return ECORE_CALLBACK_CANCEL;
+  __brisel_detail_stop_progress(page);
+  if (!page->mail_data) {
+    BRISEL_ERROR("mail_data is NULL!");
+    return ECORE_CALLBACK_CANCEL;
+  }
+  if (page->mail_data->body && *page->mail_data->body) __brisel_detail_set_body(page);
+  if (__brisel_detail_ends_with_tag(page->mail_data->body, tag_complete)) {
+    BRISEL_INFO("There is no more mail_body!");
+    __brisel_detail_signal(page->detail_layout, "do-hide-device-field");
+  } else {
+    __brisel_detail_signal(page->detail_layout, "do-show-device-field");
+  }
+  __brisel_detail_process_signals(page->detail_layout);
   return ECORE_CALLBACK_CANCEL;
 }
 
@@ -200,45 +225,4 @@ void __brisel_detail_ipc_more_msg_cb(void *response, int error, void *data) {
     return;
   }
   __brisel_detail_take_more_msg(view_data, page, mail_id);
-}
-
-static Eina_Bool __brisel_detail_add_more_messages_cb(void *data) {
-  BRISEL_INFO("Enter");
-  page_data *page = (page_data *)data;
-  page->more_msg_timer = nullptr;
-  if (!page->detail_layout) return ECORE_CALLBACK_CANCEL;
-  __brisel_detail_stop_progress(page);
-  if (!page->mail_data) {
-    BRISEL_ERROR("mail_data is NULL!");
-    return ECORE_CALLBACK_CANCEL;
-  }
-  if (page->mail_data->body && *page->mail_data->body) __brisel_detail_set_body(page);
-  if (__brisel_detail_ends_with_tag(page->mail_data->body, body_tag_complete)) {
-    BRISEL_INFO("There is no more mail_body!");
-    __brisel_detail_signal(page->detail_layout, "do-hide-device-field");
-  } else {
-    __brisel_detail_signal(page->detail_layout, "do-show-device-field");
-  }
-  __brisel_detail_process_signals(page->detail_layout);
-  return ECORE_CALLBACK_CANCEL;
-}
-
-void __brisel_detail_send_update_ind(brisel_detail_view *view_data) {
-  BRISEL_INFO("Enter");
-  update_noti_data *update = brisel_update_noti_data_create();
-  if (!update) {
-    BRISEL_ERROR("brisel_update_noti_data_create() failed!");
-    return;
-  }
-  const full_noti_data *mail = __brisel_detail_current_mail(view_data);
-  update->id_list = g_slist_append(update->id_list, GINT_TO_POINTER(mail->mail_id));
-  update->host_state = mail->host_state;
-  int result = brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND);
-  if (result != 0) {
-    BRISEL_ERROR("brisel_ipc_req_cancel() failed! ret:[%d]", result);
-  } else {
-    result = brisel_ipc_req_update_ind(update, nullptr, nullptr);
-    if (result != 0) BRISEL_ERROR("brisel_ipc_req_update_ind() failed! ret:[%d]", result);
-  }
-  brisel_update_noti_data_free(update);
 }

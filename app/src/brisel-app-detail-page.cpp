@@ -9,8 +9,8 @@
 #include "brisel-app-detail-body.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
+#include "brisel-body.h"
 
-constexpr int body_tag_complete = -1;
 /* The longest subject shown, in bytes: about eighty lines. The text engine would take seconds for a whole book. */
 constexpr size_t subject_shown_max = 2048;
 static const char part_scroller[] = "scroller";
@@ -225,7 +225,7 @@ static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, 
     elm_object_domain_translatable_part_text_set(layout, part_title, BRISEL_DOMAIN, "IDS_EMAIL_BODY_HNO_SUBJECT_ABB");
   }
 
-  if (!__brisel_detail_ends_with_tag(mail->body, body_tag_complete)) {
+  if (!__brisel_detail_ends_with_tag(mail->body, tag_complete)) {
     __brisel_detail_signal(layout, "do-show-device-field");
     __brisel_detail_place_notice(layout, part_device, __brisel_detail_device_notice().get());
     __brisel_detail_process_signals(layout);
@@ -375,14 +375,6 @@ page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *vie
   elm_object_part_content_set(root, part_scroller, scroller);
   page->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
   return page;
-}
-
-GList *__brisel_detail_get_list_by_mail_id(int mail_id, GList *list) {
-  for (GList *node = list; node; node = node->next) {
-    const item_data *row = (item_data *)node->data;
-    if (row && row->mail_id == mail_id) return node;
-  }
-  return nullptr;
 }
 
 void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page) {

@@ -25,6 +25,14 @@ static bool __brisel_detail_is_at_end(const page_data *page) {
   return top + view >= content;
 }
 
+static GList *__brisel_detail_get_list_by_mail_id(int mail_id, GList *list) {
+  for (GList *node = list; node; node = node->next) {
+    const item_data *row = (item_data *)node->data;
+    if (row && row->mail_id == mail_id) return node;
+  }
+  return nullptr;
+}
+
 static bool __brisel_detail_is_before(int index) {
   return index < BRISEL_DETAIL_CUR_PAGE;
 }

@@ -101,7 +101,6 @@ scoped_text __brisel_detail_shown_subject(const char *subject);
 Evas_Object *__brisel_detail_create_layout(Evas_Object *parent, const char *group);
 Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent);
 page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *view_data, int mail_id);
-GList *__brisel_detail_get_list_by_mail_id(int mail_id, GList *list);
 void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page);
 
 /* --- neighbours and turns: brisel-app-detail-paging.cpp --- */
@@ -118,14 +117,13 @@ void __brisel_detail_create_box(brisel_detail_view *view_data);
 
 /* --- more of a body: brisel-app-detail-more.cpp --- */
 
-bool __brisel_detail_ends_with_tag(const char *body, int number);
+bool __brisel_detail_ends_with_tag(const char *body, const char *tag);
 void __brisel_detail_set_body(page_data *page);
 void __brisel_detail_abandon_more_msg(brisel_detail_view *view_data, bool is_cancelled);
-Eina_Bool __brisel_detail_more_msg_ind(void *data);
-void __brisel_detail_send_update_ind(brisel_detail_view *view_data);
 
 /* --- buttons, read indication, pickover: brisel-app-detail-actions.cpp --- */
 
+void __brisel_detail_send_update_ind(brisel_detail_view *view_data);
 full_noti_data *__brisel_detail_current_mail(const brisel_detail_view *view_data);
 void __brisel_detail_option_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
 void __brisel_detail_reply_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);

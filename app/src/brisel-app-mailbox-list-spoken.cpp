@@ -1,5 +1,6 @@
 /* What a screen reader says of a row: sender, subject, time, whether it is new, its account. The list's model and rows
-   call it; it reads the store, which only who listens has to wait for. */
+   call it; it reads the account from the store, which only who listens
+   has to wait for. */
 #include <string>
 
 #include "brisel-app-mailbox-list.h"
@@ -16,8 +17,7 @@ void _name_row(const item_data *item) {
   if (!brisel_view_is_spoken() || !item->it) return;
   std::string name;
   _say(&name, item->sender);
-  scoped_noti mail(brisel_full_noti_data_create());
-  if (mail && brisel_db_get_full_noti_data_by_mail_id(item->mail_id, mail.get()) == 0) _say(&name, mail->subject);
+  _say(&name, item->subject);
   scoped_text time(brisel_util_get_mailbox_date_time_str(item->received_time, item->ad));
   _say(&name, time.get());
   if (item->is_new) _say(&name, brisel_util_get_text("IDS_EMAIL_BODY_NEW"));

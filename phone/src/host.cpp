@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr char error_prefix[] = "com.vextora.brisel.Error.";
-
 class message {
  public:
   message() = default;
@@ -76,9 +74,9 @@ bool is_host_program(const std::string &program) {
 /* What a bus error says about the call. */
 host_result result_of(const sd_bus_error &why) {
   std::string_view name = why.name ? why.name : "";
-  if (name == "com.vextora.brisel.Error.Busy") return HOST_BUSY;
-  if (name == "com.vextora.brisel.Error.Store") return HOST_LATER;
-  if (name.starts_with(error_prefix)) return HOST_REFUSED;
+  if (name == host_error_busy) return HOST_BUSY;
+  if (name == host_error_store) return HOST_LATER;
+  if (name.starts_with(host_error_prefix)) return HOST_REFUSED;
   bool nobody =
       name.find(".ServiceUnknown") != std::string_view::npos || name.find(".Spawn.") != std::string_view::npos;
   return nobody ? HOST_NOBODY : HOST_AWAY;
@@ -90,7 +88,7 @@ int begin(host_bus *bus, message *call, const char *method, std::string *error) 
     if (found < 0) return found;
   }
   int result = sd_bus_message_new_method_call(bus->bus, &call->m, bus->peer ? nullptr : bus->owner.c_str(), host_path,
-                                              host_phone_interface, method);
+                                              phone_interface, method);
   if (result >= 0) return 0;
   *error = std::string("the bus message cannot be made: ") + strerror(-result);
   return HOST_NOBODY;

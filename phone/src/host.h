@@ -15,9 +15,7 @@
 #include <utility>
 #include <vector>
 
-constexpr char host_name[] = "com.vextora.brisel.Host";
-constexpr char host_path[] = "/com/vextora/brisel/Host";
-constexpr char host_phone_interface[] = "com.vextora.brisel.Phone1";
+#include "brisel-bus.h"
 
 enum host_result {
   HOST_OK = 0,

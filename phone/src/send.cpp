@@ -1,4 +1,5 @@
 #include "send.h"
+#include "brisel-body.h"
 
 #include <glib.h>
 

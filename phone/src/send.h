@@ -21,10 +21,6 @@ struct outgoing {
   sent_mail kept;
 };
 
-/* What the body given to the watch ends in: more is to be had, or this is all. */
-constexpr char tag_more[] = "<tag:thisisover500>";
-constexpr char tag_complete[] = "<tag:thisisover-1>";
-
 /* Makes a mail ready. `source` is kept in place of the text when keep_source is set: for files that stay. */
 outgoing make_outgoing(const mime_mail &mail, const send_options &options, const std::string &source, bool keep_source,
                        bool seen);

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "app-priv.h"
+#include "brisel-settings.h"
 #include "dlog.h"
 #include "file-watch.h"
 #include "platform-paths.h"
@@ -26,8 +27,6 @@ namespace {
 
 constexpr char locale_folder[] = "/usr/apps/com.vextora.brisel/res/locale";
 constexpr char localtime_link[] = "/opt/etc/localtime";
-constexpr char language_key[] = "db/menu_widget/language";
-constexpr char region_key[] = "db/menu_widget/regionformat";
 constexpr char time_key[] = "memory/system/timechanged";
 /* The text ids are no language, so English closes every list of languages. */
 constexpr char last_language[] = "en";
@@ -88,7 +87,7 @@ void settle_categories(void) {
 
 /* The languages in effect, best first. */
 std::string languages(void) {
-  char *setting = vconf_get_str(language_key);
+  char *setting = vconf_get_str(BRISEL_KEY_LANGUAGE);
   std::string list = language_valid(setting) ? without_codeset(setting) : started_with;
   free(setting);
   return list.empty() ? last_language : list + ":" + last_language;
@@ -240,8 +239,8 @@ void app_locale_start(const app_locale_callbacks *told) {
   callbacks = *told;
   apply_language();
   apply_direction();
-  vconf_notify_key_changed(language_key, language_changed_cb, nullptr);
-  vconf_notify_key_changed(region_key, region_changed_cb, nullptr);
+  vconf_notify_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb, nullptr);
+  vconf_notify_key_changed(BRISEL_KEY_REGION, region_changed_cb, nullptr);
   /* Before any watcher of the application, so that it already finds the new zone. */
   vconf_notify_key_changed(time_key, time_changed_cb, nullptr);
   start_clock();
@@ -249,8 +248,8 @@ void app_locale_start(const app_locale_callbacks *told) {
 
 void app_locale_stop(void) {
   stop_clock();
-  vconf_ignore_key_changed(language_key, language_changed_cb);
-  vconf_ignore_key_changed(region_key, region_changed_cb);
+  vconf_ignore_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb);
+  vconf_ignore_key_changed(BRISEL_KEY_REGION, region_changed_cb);
   vconf_ignore_key_changed(time_key, time_changed_cb);
   callbacks = {};
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "app-priv.h"
+#include "brisel-settings.h"
 #include "dlog.h"
 #include "platform-paths.h"
 #include "vconf.h"
@@ -13,12 +14,10 @@ namespace {
 
 constexpr char theme_file[] = "/usr/apps/com.vextora.brisel/res/edje/platform.edj";
 constexpr char frame_file[] = "/usr/apps/com.vextora.brisel/res/edje/frame.edj";
-constexpr char theme_key[] = "db/setting/theme";
 /* Pixels: how far a resting finger strays, and what it covers at the least. */
 constexpr unsigned int finger_tremble = 8;
 constexpr int finger_size = 24;
 constexpr char style_class[] = "brisel/style";
-constexpr char motion_key[] = "db/setting/motion";
 
 std::vector<std::string> palette_classes;
 bool light;
@@ -46,7 +45,7 @@ void light_palette(void) {
 }
 
 void apply_palette(void) {
-  char *name = vconf_get_str(theme_key);
+  char *name = vconf_get_str(BRISEL_KEY_THEME);
   const bool want_light = name && strcmp(name, "light") == 0;
   free(name);
   if (want_light == light) return;
@@ -65,7 +64,7 @@ void apply_palette(void) {
 
 void apply_motion(void) {
   int on = 1;
-  vconf_get_bool(motion_key, &on);
+  vconf_get_bool(BRISEL_KEY_MOTION, &on);
   /* Not zero: a transition must still end, and tell so. */
   edje_transition_duration_factor_set(on ? 1.0 : 0.001);
   elm_config_scroll_animation_disabled_set(on ? EINA_FALSE : EINA_TRUE);
@@ -98,8 +97,8 @@ void app_look_start(void) {
   light = false;
   apply_palette();
   apply_motion();
-  vconf_notify_key_changed(theme_key, theme_changed_cb, nullptr);
-  vconf_notify_key_changed(motion_key, motion_changed_cb, nullptr);
+  vconf_notify_key_changed(BRISEL_KEY_THEME, theme_changed_cb, nullptr);
+  vconf_notify_key_changed(BRISEL_KEY_MOTION, motion_changed_cb, nullptr);
   /* Touch first: a finger scrolls and taps, nothing hovers, and no keyboard focus is drawn. */
   elm_config_scroll_thumbscroll_enabled_set(EINA_TRUE);
   elm_config_scroll_thumbscroll_threshold_set(finger_tremble);
@@ -114,6 +113,6 @@ void app_look_start(void) {
 }
 
 void app_look_stop(void) {
-  vconf_ignore_key_changed(theme_key, theme_changed_cb);
-  vconf_ignore_key_changed(motion_key, motion_changed_cb);
+  vconf_ignore_key_changed(BRISEL_KEY_THEME, theme_changed_cb);
+  vconf_ignore_key_changed(BRISEL_KEY_MOTION, motion_changed_cb);
 }

@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "brisel-settings.h"
 #include "vconf.h"
 
 /*
@@ -24,7 +25,6 @@ namespace {
 
 constexpr const char *DATA_KEY = "platform/genlist-fx";
 constexpr double DURATION = 0.25;
-constexpr const char *MOTION_KEY = "db/setting/motion";
 
 struct area {
   int x = 0, y = 0, w = 0, h = 0;
@@ -60,7 +60,7 @@ struct effect {
 
 bool motion_wanted() {
   int motion = 1;
-  vconf_get_bool(MOTION_KEY, &motion);
+  vconf_get_bool(BRISEL_KEY_MOTION, &motion);
   return motion != 0;
 }
 

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "brisel-settings.h"
 #include "dlog.h"
 #include "efl_assist.h"
 #include "keypad-compose.h"
@@ -33,7 +34,6 @@ namespace {
 
 constexpr const char *LOG_TAG = "KEYPAD";
 constexpr const char *THEME_FILE = "/usr/apps/com.vextora.brisel/res/edje/platform.edj";
-constexpr const char *LANGUAGE_KEY = "db/menu_widget/language";
 constexpr const char *CONFORMANT_PART = "elm.swallow.virtualkeypad";
 constexpr int COLUMNS = 6;
 constexpr int ROWS = 4;
@@ -472,7 +472,7 @@ void back_cb(void *, Evas_Object *, void *) {
 }
 
 void load_language() {
-  const std::unique_ptr<char, decltype(&free)> language(vconf_get_str(LANGUAGE_KEY), free);
+  const std::unique_ptr<char, decltype(&free)> language(vconf_get_str(BRISEL_KEY_LANGUAGE), free);
   const keypad_layout *own = &keypad_layout_for(language != nullptr ? language.get() : "");
   if (own != pad.own) pad.english = false;
   pad.own = own;
@@ -488,7 +488,7 @@ void language_changed_cb(keynode_t *, void *) {
 void conformant_deleted_cb(void *, Evas *, Evas_Object *, void *) {
   pad.conformant = nullptr;
   pad.displaced = nullptr;
-  vconf_ignore_key_changed(LANGUAGE_KEY, language_changed_cb);
+  vconf_ignore_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb);
   serve(nullptr);
   press(-1);
   evas_object_hide(pad.ground);
@@ -526,7 +526,7 @@ void window_resized_cb(void *, Evas *, Evas_Object *, void *) {
 
 void window_deleted_cb(void *, Evas *, Evas_Object *, void *) {
   serve(nullptr);
-  vconf_ignore_key_changed(LANGUAGE_KEY, language_changed_cb);
+  vconf_ignore_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb);
   if (pad.conformant != nullptr)
     evas_object_event_callback_del_full(pad.conformant, EVAS_CALLBACK_DEL, conformant_deleted_cb, nullptr);
   if (pad.watched != nullptr) {
@@ -577,7 +577,7 @@ void keypad_show(void) {
     pad.conformant = conformant;
     evas_object_event_callback_add(conformant, EVAS_CALLBACK_DEL, conformant_deleted_cb, nullptr);
     ea_object_event_callback_add(pad.ground, EA_CALLBACK_BACK, back_cb, nullptr);
-    vconf_notify_key_changed(LANGUAGE_KEY, language_changed_cb, nullptr);
+    vconf_notify_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb, nullptr);
     serve(entry);
     begin_with_capital();
     tell_size();
@@ -593,7 +593,7 @@ void keypad_hide(void) {
   serve(nullptr);
   press(-1);
   ea_object_event_callback_del(pad.ground, EA_CALLBACK_BACK, back_cb);
-  vconf_ignore_key_changed(LANGUAGE_KEY, language_changed_cb);
+  vconf_ignore_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb);
   evas_object_event_callback_del_full(conformant, EVAS_CALLBACK_DEL, conformant_deleted_cb, nullptr);
   edje_object_part_unswallow(frame, pad.ground);
   evas_object_hide(pad.ground);

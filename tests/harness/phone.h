@@ -10,10 +10,7 @@
 #include <string>
 #include <vector>
 
-inline constexpr char host_name[] = "com.vextora.brisel.Host";
-inline constexpr char host_path[] = "/com/vextora/brisel/Host";
-inline constexpr char phone_interface[] = "com.vextora.brisel.Phone1";
-inline constexpr char watch_interface[] = "com.vextora.brisel.Watch1";
+#include "brisel-bus.h"
 
 struct bus_message {
   sd_bus_message *m = nullptr;
