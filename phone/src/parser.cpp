@@ -147,8 +147,10 @@ exchange_result run_exchange(exchange *e) {
     pollfd wait = {process.socket, static_cast<short>(writing ? POLLIN | POLLOUT : POLLIN), 0};
     int ready = poll(&wait, 1, 1000);
     if (ready < 0 && errno != EINTR) return EXCHANGE_DIED;
+    /* Also while bytes come: one at a time would last for ever. */
+    if (monotonic_seconds() >= e->until) return EXCHANGE_HUNG;
     if (ready <= 0) {
-      if (monotonic_seconds() >= e->until || processor_seconds(process.pid) >= e->processor_until) return EXCHANGE_HUNG;
+      if (processor_seconds(process.pid) >= e->processor_until) return EXCHANGE_HUNG;
       continue;
     }
     if (wait.revents & POLLOUT) {
