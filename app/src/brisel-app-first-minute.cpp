@@ -38,7 +38,7 @@ void _show_first_minute(appdata *ad) {
   }
   elm_object_domain_translatable_part_text_set(layout, "title", BRISEL_DOMAIN, "IDS_EMAIL_HEADER_NO_PHONE_YET");
   elm_object_domain_translatable_part_text_set(layout, "text", BRISEL_DOMAIN,
-                                               "IDS_EMAIL_BODY_HOW_TO_PAIR_A_PHONE_OR_SEE_THE_DEMO");
+                                               "IDS_EMAIL_BODY_HOW_TO_SET_UP_EMAIL_OR_SEE_THE_DEMO");
   evas_object_size_hint_align_set(layout, EVAS_HINT_FILL, EVAS_HINT_FILL);
   evas_object_show(layout);
   brisel_view_expand(scroller);
