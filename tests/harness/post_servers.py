@@ -1,8 +1,10 @@
 """Real servers of mail on loopback for one test: own processes, own folders, own certificates."""
+import contextlib
 import getpass
 import os
 import pathlib
 import pwd
+import random
 import shutil
 import signal
 import socket
@@ -15,9 +17,11 @@ NOBODY = "nobody" if os.getuid() == 0 else getpass.getuser()
 
 
 def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
+    """Below those that the system gives to whoever connects: one of them might be taken before the server is up."""
+    while True:
+        with socket.socket() as s, contextlib.suppress(OSError):
+            s.bind(("127.0.0.1", random.randrange(10000, 32000)))
+            return s.getsockname()[1]
 
 
 def openssl(*args):
@@ -276,7 +280,7 @@ plain:
     def messages(self):
         """Header and text of each, as one string."""
         found = []
-        for body in sorted(self.folder.glob("spool/input/**/*-D")):
-            head = body.with_name(body.name[:-1] + "H").read_text()
-            found.append(head + "\n" + body.read_text().split("\n", 1)[1])
+        for head in sorted(self.folder.glob("spool/input/**/*-H")):  # written last: the message is there as a whole
+            body = head.with_name(head.name[:-1] + "D").read_text()
+            found.append(head.read_text() + "\n" + body.split("\n", 1)[1])
         return found
