@@ -1,12 +1,12 @@
 #include "host.h"
 
 #include <glib.h>
-#include <unistd.h>
 
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+
+#include "platform-peer.h"
 
 namespace {
 
@@ -47,29 +47,6 @@ class creds_holder {
   creds_holder &operator=(const creds_holder &) = delete;
   sd_bus_creds *c = nullptr;
 };
-
-/* The program that a process runs; empty when that cannot be told. */
-std::string program_of(pid_t pid) {
-  char path[PATH_MAX];
-  ssize_t length = readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), path, sizeof path);
-  if (length <= 0 || length == sizeof path) return "";
-  std::string program(path, static_cast<size_t>(length));
-  /* One that was replaced by a newer version while it ran is still what it was. */
-  constexpr std::string_view gone = " (deleted)";
-  if (program.ends_with(gone)) program.resize(program.size() - gone.size());
-  return program;
-}
-
-/* The installed service, or the one of the build tree that this program is from. */
-bool is_host_program(const std::string &program) {
-  if (program == BRISEL_HOSTD) return true;
-  std::string folder = program_of(getpid());
-  for (int up = 0; up < 3 && folder.size() > 1; up++) {
-    folder.resize(folder.rfind('/'));
-    if (program == folder + "/service/brisel-hostd") return true;
-  }
-  return false;
-}
 
 /* What a bus error says about the call. */
 host_result result_of(const sd_bus_error &why) {
@@ -277,8 +254,8 @@ int host_find(host_bus *bus, std::string *error) {
     *error = std::string("who the host service is cannot be told: ") + strerror(-result);
     return HOST_NOBODY;
   }
-  std::string program = program_of(pid);
-  if (!is_host_program(program)) {
+  std::string program = platform_program_of(pid);
+  if (!platform_program_is(program, BRISEL_HOSTD, "service/brisel-hostd")) {
     *error = std::string(host_name) + " is taken by " + (program.empty() ? "an unknown program" : program) +
              ", which is not the host service";
     return HOST_NOBODY;
