@@ -1,5 +1,5 @@
 # Thin commands over meson; each does all of its own set-up.
-#   make build | run [SIZE=WxH] [MAIL=path] | test | bench | check | sanitize | crash [ROUNDS=N] | screens | install | deb
+#   make build | run [SIZE=WxH] [MAIL=path] | post-demo [SIZE=WxH] | test | bench | check | sanitize | crash [ROUNDS=N] | screens | install | deb
 BUILD ?= build
 SIZE ?= 320x320
 MAIL ?=
@@ -9,7 +9,7 @@ DESTDIR ?=
 MESON_FLAGS ?=
 ROUNDS ?= 2000
 
-.PHONY: all build run test bench check sanitize crash screens references install deb packages clean
+.PHONY: all build run post-demo test bench check sanitize crash screens references install deb packages clean
 
 all: build
 
@@ -24,6 +24,10 @@ build: packages $(BUILD)/build.ninja
 
 run: build
 	@tools/run-demo $(BUILD) $(SIZE) $(MAIL)
+
+# An account on a real server, set up as a user would, on the watch.
+post-demo: build
+	@tools/post-demo --build $(BUILD) --size $(SIZE)
 
 test: build
 	@tests/run-tests $(BUILD)

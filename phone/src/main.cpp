@@ -2,6 +2,7 @@
  */
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -184,6 +185,8 @@ outbox_settings outbox_options(const command_line &c, outbox_settings settings) 
 int run_relay(command_line *c) {
   relay_settings settings;
   std::string error;
+  bool named = !c->config.empty() || !c->maildirs.empty() || !c->mboxes.empty();
+  if (!named && access(post_config_file().c_str(), F_OK) == 0) c->config = post_config_file();
   bool good = c->config.empty() || relay_read_config(c->config, &settings, &error) == 0;
   for (const std::string &text : c->maildirs)
     good = good && relay_add_account(text, &maildir_kind, &settings, &error) == 0;

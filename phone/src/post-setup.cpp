@@ -113,6 +113,8 @@ void start_relay(const setup_options &options) {
   };
   if (options.start && options.config == post_config_file() && run(enable) && run(restart))
     printf("The relay runs; its mail is on the watch in a moment.\n");
+  else if (options.config == post_config_file())
+    printf("Start the relay: brisel-phone relay\n");
   else
     printf("Start the relay: brisel-phone relay --config %s\n", options.config.c_str());
 }

@@ -1,12 +1,13 @@
 """Accounts on real servers: set up, followed, answered."""
+import contextlib
 import imaplib
-import os
 import ssl
 import subprocess
 import time
 
 from phone_test import Relay, by_uid, equal, main, message, read_on_watch, reply_on_watch, status
-from post_servers import PASSWORD, USER, Authority, Dovecot, Exim, Hostile, Imap4d
+from brisel_servers import PASSWORD, USER, Authority, Dovecot, Exim
+from post_servers import Hostile, Imap4d
 
 
 def uids(s):
@@ -37,10 +38,12 @@ class Client:
             self.imap.expunge()
 
 
+@contextlib.contextmanager
 def servers(s, **dovecot):
     authority = Authority(s.dir / "ca")
     certificate = authority.issue("server")
-    return authority, Dovecot(s.dir / "dovecot", certificate, **dovecot), Exim(s.dir / "exim", certificate)
+    with Dovecot(s.dir / "dovecot", certificate, **dovecot) as imap, Exim(s.dir / "exim", certificate) as smtp:
+        yield authority, imap, smtp
 
 
 def setup(s, authority, imap, smtp, *args, password=PASSWORD):
@@ -49,8 +52,7 @@ def setup(s, authority, imap, smtp, *args, password=PASSWORD):
 
 
 def test_an_account_from_address_and_password(s):
-    authority, dovecot, exim = servers(s)
-    try:
+    with servers(s) as (authority, dovecot, exim):
         other = Client(dovecot, authority.ca)
         other.add(message("old@x", "Old"), flags="\\Seen")
         other.add(message("work@x", "Work"), "Work")
@@ -91,15 +93,10 @@ def test_an_account_from_address_and_password(s):
         dovecot.start()
         Client(dovecot, authority.ca).add(message("later@x"))
         s.wait(lambda: "later@x" in uids(s), "a mail after the server's restart")
-        relay.kill()
-    finally:
-        dovecot.stop()
-        exim.stop()
 
 
 def test_only_what_a_watch_needs_is_fetched(s):
-    authority, dovecot, exim = servers(s)
-    try:
+    with servers(s) as (authority, dovecot, exim):
         other = Client(dovecot, authority.ca)
         large = "QUJD" * 200000
         other.add("From: a@b.c\nSubject: S\nMessage-ID: <big@x>\nMIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=m\n\n"
@@ -115,17 +112,12 @@ def test_only_what_a_watch_needs_is_fetched(s):
         equal((mail["body"].split("<")[0], mail["attachment_count"], mail["has_image"]), ("Grüße", 2, 1), "facts")
         mirrored = [p.stat().st_size for p in s.dir.rglob("cur/imap-*")]
         assert len(mirrored) == 1 and mirrored[0] < 3000, mirrored
-        relay.kill()
-    finally:
-        dovecot.stop()
-        exim.stop()
 
 
 def test_a_server_of_another_make(s):
     authority = Authority(s.dir / "ca")
     certificate = authority.issue("server")
-    imap4d, exim = Imap4d(s.dir / "imap4d", certificate), Exim(s.dir / "exim", certificate)
-    try:
+    with Imap4d(s.dir / "imap4d", certificate) as imap4d, Exim(s.dir / "exim", certificate) as exim:
         imap4d.add(message("old@x", "Old"), "1.old")
         done = setup(s, authority, f"imaps://localhost:{imap4d.tls}", f"smtps://localhost:{exim.tls}")
         equal(done.returncode, 0, done)
@@ -137,16 +129,10 @@ def test_a_server_of_another_make(s):
         s.wait(lambda: "new@x" in uids(s), "a new mail")
         read_on_watch(s, by_uid(s)["new@x"]["mail_id"])
         s.wait(lambda: by_uid(s)["new@x"]["is_read"] == 1, "its mark")
-        relay.kill()
-    finally:
-        imap4d.stop()
-        exim.stop()
 
 
 def test_hostile_servers(s):
     """Nothing that a server says stops the other account, takes memory without bound, or loses what was there."""
-    authority, dovecot, exim = servers(s)
-
     def polite(command, tag, line):
         return {"CAPABILITY": f"* CAPABILITY IMAP4rev1\r\n{tag} OK done\r\n",
                 "SELECT": f"* 3 EXISTS\r\n* OK [UIDVALIDITY 1] x\r\n{tag} OK done\r\n"}.get(command, f"{tag} OK done\r\n")
@@ -161,7 +147,7 @@ def test_hostile_servers(s):
         nasty("FETCH", lambda tag: b"* 1 FETCH (UID 1 BODY[HEADER] {4000000000}\r\n" + b"y" * (80 << 20)),
         nasty("FETCH", lambda tag: "* 1 FETCH " + "(" * 100000 + "\r\n"),
         nasty("FETCH", lambda tag: None)])
-    try:
+    with servers(s) as (authority, dovecot, exim):
         equal(setup(s, authority, f"imaps://localhost:{dovecot.tls}", f"smtps://localhost:{exim.tls}").returncode, 0, "setup")
         with open(s.dir / "relay.conf", "a") as config:
             config.write(f"\n[account bad@example.org]\nimap=imap://localhost:{hostile.port}\nplain=yes\n"
@@ -172,7 +158,6 @@ def test_hostile_servers(s):
             other.add(message(f"m{n}@x"))
         s.wait(lambda: uids(s) == {"m0@x", "m1@x", "m2@x"}, "the mails of the other account")
         s.wait(lambda: "bad@example.org (INBOX): " in relay.log(), "the refusal in the log")
-        relay.kill()
         for _ in range(5):
             follower = subprocess.Popen(["brisel-phone", "follow-imap", "--config", s.dir / "relay.conf", "--account",
                                          "bad@example.org", "--folder", "INBOX"], env=s.env, stderr=subprocess.PIPE)
@@ -183,10 +168,6 @@ def test_hostile_servers(s):
             follower.kill()
             follower.wait()
         equal(uids(s), {"m0@x", "m1@x", "m2@x"}, "the mails")
-    finally:
-        hostile.stop()
-        dovecot.stop()
-        exim.stop()
 
 
 def test_who_is_not_trusted(s):
@@ -194,26 +175,18 @@ def test_who_is_not_trusted(s):
     cases = [(authority.issue("wrong", host="elsewhere.example"), "another name"),
              (authority.issue("self", signed=False), "trusts"),
              (authority.issue("expired", days=0), "valid")]
-    exim = Exim(s.dir / "exim", authority.issue("server"))
-    try:
+    with Exim(s.dir / "exim", authority.issue("server")) as exim:
         for n, (certificate, said) in enumerate(cases):
-            dovecot = Dovecot(s.dir / f"dovecot{n}", certificate)
-            try:
+            with Dovecot(s.dir / f"dovecot{n}", certificate) as dovecot:
                 for url in (f"imaps://localhost:{dovecot.tls}", f"imap://localhost:{dovecot.starttls}"):
                     done = setup(s, authority, url, f"smtps://localhost:{exim.tls}")
                     assert done.returncode == 1 and said in done.stderr and len(done.stderr.splitlines()) == 1, done
-            finally:
-                dovecot.stop()
         # A server, or somebody between, that does not offer encryption gets no password.
-        dovecot = Dovecot(s.dir / "bare", authority.issue("bare"), more="ssl = no\n")
-        try:
+        with Dovecot(s.dir / "bare", authority.issue("bare"), more="ssl = no\n") as dovecot:
             done = setup(s, authority, f"imap://localhost:{dovecot.starttls}", f"smtps://localhost:{exim.tls}")
             assert done.returncode == 1 and "no encryption" in done.stderr, done
             assert PASSWORD not in (s.dir / "bare" / "dovecot.log").read_text()
-        finally:
-            dovecot.stop()
-        dovecot = Dovecot(s.dir / "good", authority.issue("good"))
-        try:
+        with Dovecot(s.dir / "good", authority.issue("good")) as dovecot:
             good = f"imaps://localhost:{dovecot.tls}"
             for args, password, said in (((good, f"smtps://localhost:{exim.tls}"), "wrong", "does not take this user"),
                                          ((good, f"smtps://localhost:{exim.tls}x"), PASSWORD, "HOST is wanted"),
@@ -222,10 +195,6 @@ def test_who_is_not_trusted(s):
                 done = setup(s, authority, *args, password=password)
                 assert done.returncode == 1 and said in done.stderr and len(done.stderr.splitlines()) == 1, done
             assert not (s.dir / "relay.conf").exists(), "nothing is written before both directions work"
-        finally:
-            dovecot.stop()
-    finally:
-        exim.stop()
 
 
 if __name__ == "__main__":
