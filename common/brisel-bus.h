@@ -18,5 +18,22 @@ inline constexpr char host_error_phone[] = HOST_ERROR "Phone";      /* the phone
 inline constexpr char host_error_busy[] = HOST_ERROR "Busy";        /* another phone is connected */
 inline constexpr char host_error_store[] = HOST_ERROR "Store";      /* the store failed; nothing was changed */
 inline constexpr char host_error_full[] = HOST_ERROR "Full";        /* too much waits already; nothing was changed */
+inline constexpr char host_error_version[] = HOST_ERROR "Version";  /* one of the two sides must be updated first */
+
+/* --- the pair: a phone and a watch that are two machines, joined by the gate --- */
+
+/* What Introduce exchanges. 1 is a side without Introduce; a side refuses what is below its least. */
+inline constexpr unsigned pair_version = 2, pair_version_least = 1;
+/* A capability: AddMails takes "body_zlib" (ay, a zlib stream of the text) in the place of "body". */
+inline constexpr char pair_zlib[] = "zlib";
+/* The program that a phone's stream ends at. */
+inline constexpr char pair_gate[] = "brisel-gate";
+/* The Bluetooth profile that both sides register. */
+inline constexpr char pair_profile[] = "6f0a5b1e-8d3c-4c5e-9b21-3a7d40c2e915";
+
+/* How the two know that the link lives, in seconds. The phone pings after so long without a word and waits so long for
+   the answer, or for that of a call. The gate ends when it heard nothing, or when a request of its was not answered. */
+inline constexpr unsigned pair_ping_after = 30, pair_ping_answer = 15, pair_call_answer = 20;
+inline constexpr unsigned pair_silence = 55, pair_request_answer = 15;
 
 #endif
