@@ -1,5 +1,4 @@
-/* Reading the mails as a list, beside SQLite stepping over the same rows and handing out the same columns. Ends with
-   the ratio of both for each number of mails. */
+/* Reading the mails as a list, beside SQLite stepping over the same rows and handing out the same columns. */
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
@@ -10,6 +9,7 @@
 #include <string>
 
 #include "brisel-common.h"
+#include "figure.h"
 #include "platform-paths.h"
 #include "store.h"
 
@@ -107,14 +107,19 @@ BENCHMARK(read_list)->Arg(1000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(step_rows)->Arg(10000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(read_list)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
-struct ratio_reporter : benchmark::ConsoleReporter {
+/* Takes every repetition's processor time instead of printing it. */
+struct figure_reporter : benchmark::BenchmarkReporter {
+  bool ReportContext(const Context &) override { return true; }
   void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &run : runs)
-      if (run.run_type == Run::RT_Aggregate ? run.aggregate_name == "median" : runs.size() == 1)
-        times[run.run_name.function_name + "/" + run.run_name.args] = run.GetAdjustedCPUTime();
-    ConsoleReporter::ReportRuns(runs);
+    for (const Run &run : runs) {
+      if (run.error_occurred) fprintf(stderr, "bench-store: %s\n", run.error_message.c_str());
+      failed |= run.error_occurred;
+      if (run.run_type == Run::RT_Iteration)
+        times[run.run_name.function_name + "/" + run.run_name.args].push_back(run.GetAdjustedCPUTime());
+    }
   }
-  std::map<std::string, double> times;
+  std::map<std::string, std::vector<double>> times;
+  bool failed = false;
 };
 
 }  // namespace
@@ -124,21 +129,15 @@ int main(int argc, char **argv) {
   if (!mkdtemp(folder)) return 1;
   setenv("XDG_DATA_HOME", folder, 1);
   std::vector<char *> arguments(argv, argv + argc);
-  char repetitions[] = "--benchmark_repetitions=5", aggregates[] = "--benchmark_report_aggregates_only=true";
-  arguments.insert(arguments.begin() + 1, {repetitions, aggregates});
+  char repetitions[] = "--benchmark_repetitions=5";
+  arguments.insert(arguments.begin() + 1, repetitions);
   int count = static_cast<int>(arguments.size());
   benchmark::Initialize(&count, arguments.data());
-  ratio_reporter reporter;
-  const bool ran = benchmark::RunSpecifiedBenchmarks(&reporter) > 0;
-  for (const char *mails : {"100", "1000", "10000"}) {
-    const double bare = reporter.times[std::string("step_rows/") + mails];
-    const double list = reporter.times[std::string("read_list/") + mails];
-    if (bare > 0 && list > 0)
-      printf(
-          "list of %s mails: %.2f of what SQLite needs to step over the rows (medians of processor time: %.0f and %.0f "
-          "us)\n",
-          mails, list / bare, list, bare);
-  }
+  figure_reporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  for (const std::string mails : {"100", "1000", "10000"})
+    figure("list of " + mails + " mails read from the store", "us", reporter.times["read_list/" + mails],
+           reporter.times["step_rows/" + mails], "stepping over the same rows");
   std::filesystem::remove_all(folder);
-  return ran ? 0 : 1;
+  return reporter.failed ? 1 : 0;
 }

@@ -1,0 +1,144 @@
+#!/usr/bin/env python3
+"""Start-up, memory, frames, events and idle wake-ups of the application, beside bare programs of the same toolkit in
+the same run: a stock empty window and a genlist of as many plain rows.   usage: bench-app [RUNS] [SIZE ...]"""
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+BUILD = pathlib.Path(__file__).resolve().parent.parent
+os.environ["BRISEL_BUILD"] = str(BUILD)
+sys.path[:0] = ["@SOURCE@/tools/lib", "@SOURCE@/bench/lib"]
+from brisel_drive import Session, mail  # noqa: E402
+from figures import emit  # noqa: E402
+
+RUNS = int(sys.argv[1]) if len(sys.argv) > 1 else 5
+SIZES = [int(n) for n in sys.argv[2:]] or [100, 1000, 10000, 20000]
+WIDTH, HEIGHT = 360, 480
+T0 = 1767600000
+
+
+def frame_times(ns):
+    """The 99th percentile of a scroll's frames in ms."""
+    ms = sorted(f / 1e6 for f in ns)
+    return ms[min(len(ms) - 1, int(len(ms) * 0.99))]
+
+
+def memory(pid):
+    """Peak resident and proportional size in MiB."""
+    peak = next(int(line.split()[1]) for line in open(f"/proc/{pid}/status") if line.startswith("VmHWM"))
+    pss = next(int(line.split()[1]) for line in open(f"/proc/{pid}/smaps_rollup") if line.startswith("Pss:"))
+    return peak / 1024, pss / 1024
+
+
+def wakeups(pid):
+    return sum(int(line.split()[1]) for task in pathlib.Path(f"/proc/{pid}/task").iterdir()
+               for line in open(task / "status") if line.startswith("voluntary_ctxt_switches"))
+
+
+def bare(session, rows, scroll=False):
+    """One run of a bare program: seconds to its first frame, memory, scroll frames."""
+    start = time.monotonic_ns()
+    process = subprocess.Popen([BUILD / "bench" / "bench-bare", str(rows), str(WIDTH), str(HEIGHT)], env=session.env,
+                               stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    first = json.loads(process.stdout.readline())["first_frame_ns"]
+    result = {"start": (first - start) / 1e6}
+    time.sleep(0.5)
+    result["peak"], result["pss"] = memory(process.pid)
+    if scroll:
+        process.stdin.write("scroll\n")
+        process.stdin.flush()
+        result["frames"] = frame_times(json.loads(process.stdout.readline())["frames_ns"])
+    process.stdin.close()
+    process.wait()
+    return result
+
+
+def application(session):
+    start = time.monotonic_ns()
+    process = subprocess.Popen([BUILD / "app" / "brisel"], env=session.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def ready():
+        done = session.run("brisel-watchctl", "stats", check=False)
+        return done.returncode == 0 and json.loads(done.stdout).get("first_screen_ns")
+
+    time.sleep(1.5)  # asking while it starts would slow it down; the figure is the application's own
+    result = {"start": (session.wait(ready, "the application's first screen", 60) - start) / 1e6}
+    time.sleep(0.5)
+    result["peak"], result["pss"] = memory(process.pid)
+    session.watch("stats", "--reset")
+    for _ in range(6):
+        session.scroll(seconds=0.25)
+    result["frames"] = frame_times(json.loads(session.watch("stats"))["frames_ns"])
+    for _ in range(8):
+        session.scroll(up=False, seconds=0.1)
+    return process, result
+
+
+def fill(session, count):
+    """count mails in a Maildir, sent as the phone sends them."""
+    box = pathlib.Path(tempfile.mkdtemp(prefix="brisel-bench-"))
+    try:
+        for part in ("cur", "new", "tmp"):
+            (box / part).mkdir()
+        for n in range(count):
+            text = mail(f"Subject number {n}", "A line of text.\n" * 20, f"Sender {n % 97} <sender{n % 97}@example.org>", T0 - n * 60)
+            (box / "new" / f"{n}.bench").write_text(text)
+        session.phone("mail", "send", box, "--account", 1, timeout=1800)
+    finally:
+        shutil.rmtree(box)
+
+
+def event_to_row(session, times=7):
+    """Milliseconds from the service's word of a mail to the frame that holds its row."""
+    results = []
+    for n in range(times):
+        session.watch("stats", "--reset")
+        session.send(1, mail("Live", "x", f"Live {n} <live@example.org>", T0 + 1000 + n), args=("--received", str(T0 + 1000 + n)))
+        stats = session.wait(lambda: (lambda s: s if s.get("events_ns") else None)(json.loads(session.watch("stats"))), "the event's frame")
+        results += [e / 1e6 for e in stats["events_ns"]]
+    return results
+
+
+def live(session, process, count):
+    """What the running application does with events, and without any."""
+    emit(f"event to its row, {count} mails", "ms", event_to_row(session))
+    session.watch("stats", "--reset")
+    session.send(1, *[mail(f"Burst {n}", "x", f"Burst {n} <burst@example.org>", T0 + 2000 + n) for n in range(1000)])
+    session.wait(lambda: session.find("Burst 999", part=True), "the burst's last mail", 60)
+    emit(f"longest stall in a burst of 1000, {count} mails", "ms", [json.loads(session.watch("stats"))["longest_iteration_ns"] / 1e6])
+    time.sleep(2)
+    before = wakeups(process.pid)
+    time.sleep(10)
+    emit(f"wake-ups in 10 idle seconds, {count} mails", "", [wakeups(process.pid) - before])
+
+
+for count in SIZES:
+    with Session(size=f"{WIDTH}x{HEIGHT}") as session:
+        session.serve()
+        session.account("bench@example.net")
+        session.phone("account", "count", "known")
+        fill(session, count)
+        empty, rows, app = [], [], []
+        for run in range(RUNS):
+            empty.append(bare(session, 0))
+            rows.append(bare(session, count, scroll=True))
+            process, result = application(session)
+            app.append(result)
+            if run == RUNS - 1:
+                live(session, process, count)
+            session.watch("quit")
+            process.wait(20)
+
+    def of(samples, what):
+        return [one[what] for one in samples]
+
+    emit(f"exec to the list, {count} mails", "ms", of(app, "start"), of(empty, "start"), "an empty window")
+    emit(f"exec to the list, {count} mails, beside rows", "ms", of(app, "start"), of(rows, "start"), "a plain genlist")
+    emit(f"proportional memory, {count} mails", "MiB", of(app, "pss"), of(rows, "pss"), "a plain genlist")
+    emit(f"peak resident memory, {count} mails", "MiB", of(app, "peak"), of(rows, "peak"), "a plain genlist")
+    emit(f"scroll frame, 99th percentile, {count} mails", "ms", of(app, "frames"), of(rows, "frames"), "a plain genlist")

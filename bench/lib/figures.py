@@ -1,0 +1,62 @@
+"""Figures of a benchmark run: how a program hands one out, the table, the file for comparison.
+
+A benchmark program writes, on a line of its own among whatever else it prints, "FIGURE " and a JSON object:
+  name    what was measured, the same text in every run
+  unit    "ms", "MiB", "mails/s", ...
+  ours    samples of the product; one per run
+  bare    samples of the reference, measured in the same run; may be missing where there is none
+  beside  what the reference is
+  better  "less" (the default) or "more"
+"""
+import json
+import statistics
+
+PREFIX = "FIGURE "
+
+
+def emit(name, unit, ours, bare=None, beside="", better="less"):
+    record = {"name": name, "unit": unit, "ours": list(ours), "better": better}
+    if bare:
+        record.update(bare=list(bare), beside=beside)
+    print(PREFIX + json.dumps(record), flush=True)
+
+
+def middle(samples):
+    """The median, and half of what the middle half of the samples spans: the spread."""
+    ordered = sorted(samples)
+    if len(ordered) < 4:
+        return statistics.median(ordered), (ordered[-1] - ordered[0]) / 2
+    low, _, high = statistics.quantiles(ordered, n=4)
+    return statistics.median(ordered), (high - low) / 2
+
+
+def ratio(record):
+    """Ours against the reference with its spread, or None: the machines differ, the ratios hardly do."""
+    if not record.get("bare"):
+        return None
+    (value, spread), (bare, bare_spread) = middle(record["ours"]), middle(record["bare"])
+    if not bare or not value:
+        return None
+    return value / bare, value / bare * ((spread / value) ** 2 + (bare_spread / bare) ** 2) ** 0.5
+
+
+def number(value):
+    return f"{value:.0f}" if abs(value) >= 100 else f"{value:.1f}" if abs(value) >= 10 else f"{value:.2f}"
+
+
+def row(record):
+    value, spread = middle(record["ours"])
+    cells = [record["name"], f"{number(value)} ± {number(spread)} {record['unit']}", "", "", ""]
+    if record.get("bare"):
+        bare, bare_spread = middle(record["bare"])
+        cells[2:4] = [f"{number(bare)} ± {number(bare_spread)}", record["beside"]]
+        against = ratio(record)
+        if against:
+            cells[4] = f"{against[0]:.2f} ± {against[1]:.2f}"
+    return cells
+
+
+def table(rows, titles):
+    rows = [titles, *rows]
+    widths = [max(len(cells[i]) for cells in rows) for i in range(len(titles))]
+    return "\n".join("  ".join(cell.ljust(width) for cell, width in zip(cells, widths)).rstrip() for cells in rows)
