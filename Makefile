@@ -1,5 +1,5 @@
 # Thin commands over meson; each does all of its own set-up.
-#   make build | run [SIZE=WxH] [MAIL=path] | post-demo [SIZE=WxH] | test | bench | check | sanitize | crash [ROUNDS=N] | screens | install | deb
+#   make build | run [SIZE=WxH] [MAIL=path] | post-demo [SIZE=WxH] | test | bench | check | sanitize | crash [ROUNDS=N] | faults | screens | install | deb
 BUILD ?= build
 SIZE ?= 320x320
 MAIL ?=
@@ -9,7 +9,7 @@ DESTDIR ?=
 MESON_FLAGS ?=
 ROUNDS ?= 2000
 
-.PHONY: all build run post-demo test bench check sanitize crash screens references install deb packages clean
+.PHONY: all build run post-demo test bench check sanitize crash faults screens references install deb packages clean
 
 all: build
 
@@ -47,6 +47,13 @@ sanitize: packages
 # The crash test at length: ends the service, the relay and a reader at ROUNDS random points.
 crash: build
 	@BRISEL_CRASH_ROUNDS=$(ROUNDS) meson test -C $(BUILD) --no-rebuild --verbose --timeout-multiplier 20 phone-crash
+
+# Every fault at every step that any file is written in: the stores, contacts, settings and kept requests in process, then
+# the relay and the service as they are. Each test says how many it outlived. FAULT_STRIDE=N tries every Nth of the latter.
+FAULT_STRIDE ?= 1
+faults: build
+	@BRISEL_EVERY_FAULT=1 BRISEL_FAULT_STRIDE=$(FAULT_STRIDE) meson test -C $(BUILD) --no-rebuild --verbose \
+	  --timeout-multiplier 60 faults service-store platform-settings platform-contacts faults-phone
 
 # Every screen and state as a picture, in a language, theme and size.
 screens: build

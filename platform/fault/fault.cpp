@@ -15,6 +15,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include "files-steps.h"
@@ -27,13 +28,42 @@ fault_plan plan;
 int counted;
 bool struck;
 
+/* --- a plan from outside --- */
+
+std::string followed, followed_line, followed_only;
+
+bytes_or_none content(const std::string &path);
+
+/* The line says: kind, step, 1 for from then on, and a part of the paths that count. */
+void look_at_plan(void) {
+  const std::string line = content(followed).value_or("");
+  if (line == followed_line) return;
+  followed_line = line;
+  static constexpr const char *kinds[] = {"none", "full", "io", "power", "kill"};
+  std::istringstream words(line);
+  std::string kind;
+  fault_plan next;
+  words >> kind >> next.step >> next.from_then_on >> followed_only;
+  for (int k = fault_none; k <= fault_kill; k++)
+    if (kind == kinds[k]) next.kind = static_cast<fault_kind>(k);
+  if (!followed_only.empty()) next.only = followed_only.c_str();
+  fault_arm(next);
+}
+
+/* Whoever wrote the plan sees that its step was reached. */
+void tell_struck(void) {
+  if (!followed.empty()) std::ofstream(followed + ".struck", std::ios::app) << getpid() << "\n";
+}
+
 bool is_due(const char *path, bool needs_room) {
+  if (!followed.empty()) look_at_plan();
   if (plan.kind == fault_none || (plan.kind == fault_full && !needs_room)) return false;
   if (plan.only && (!path || !strstr(path, plan.only))) return false;
   counted++;
   const bool goes_on = plan.from_then_on || plan.kind == fault_power;
   if (counted < plan.step || (!goes_on && counted > plan.step)) return false;
   struck = true;
+  tell_struck();
   return true;
 }
 
@@ -103,7 +133,7 @@ int fault_open(sqlite3_vfs *, const char *path, sqlite3_file *file, int flags, i
     return r;
   }
   f->path = path ? strdup(path) : nullptr;
-  if (path) synced.try_emplace(path, content_of(f->real));
+  if (path && plan.kind == fault_power) synced.try_emplace(path, content_of(f->real));
   open_files.insert(f);
   f->base.pMethods = &methods;
   return r;
@@ -143,7 +173,7 @@ int fault_truncate(sqlite3_file *file, sqlite3_int64 size) {
 int fault_sync(sqlite3_file *file, int flags) {
   const int r = sql_step(of(file)->path, false, SQLITE_IOERR_FSYNC);
   /* What is synced is remembered here; the real disk's sync would only take time. */
-  if (r == SQLITE_OK && of(file)->path) synced[of(file)->path] = content_of(real(file));
+  if (r == SQLITE_OK && of(file)->path && plan.kind == fault_power) synced[of(file)->path] = content_of(real(file));
   return r;
 }
 
@@ -246,6 +276,16 @@ void after_file_step(const file_operation *op) {
 
 constexpr file_steps steps = {before_file_step, after_file_step};
 
+/* A program as it is, linked with this layer for a test, follows the plan of whoever started it. */
+const struct follower {
+  follower(void) {
+    const char *path = getenv("BRISEL_FAULT_PLAN");
+    if (!path) return;
+    followed = path;
+    fault_install();
+  }
+} follow_plan;
+
 }  // namespace
 
 void fault_install(void) {
@@ -261,6 +301,7 @@ void fault_arm(const fault_plan &next) {
   if (plan.kind == fault_none) return;
   synced.clear();
   entries.clear();
+  if (plan.kind != fault_power) return;
   for (const fault_file *f : open_files)
     if (f->path) synced[f->path] = content_of(f->real);
 }

@@ -1,6 +1,10 @@
 /* A disk that breaks on demand, below SQLite and below the platform's files: the host's store, the phone's state,
    contacts, settings, kept requests. For tests only; no program links it. Every step that changes the disk counts:
-   create, write, truncate, sync, rename, remove. One process, one thread. */
+   create, write, truncate, sync, rename, remove. One process, one thread.
+
+   A whole program that is linked with it (tests/faults) takes its plan from the file that BRISEL_FAULT_PLAN names, and
+   looks at it before each step: "full 3 1 phone.db" is no room from the third step on in phone.db. That the step was
+   reached stands in the same name with ".struck" behind it. */
 #ifndef BRISEL_PLATFORM_FAULT_H
 #define BRISEL_PLATFORM_FAULT_H
 

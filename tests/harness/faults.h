@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <functional>
 #include <string>
 
@@ -18,6 +19,7 @@ struct fault_change {
   std::function<std::string()> state; /* what a reader finds now */
   std::string before, after;          /* the two states there may be */
   std::function<void()> closed = {};  /* looks at what a fault left, before the change runs again; may be empty */
+  int stride = 1;                     /* tries every so many steps */
 };
 
 /* The old state or the new one, whole; what was acknowledged is the new one, after a power loss too; what failed works
@@ -31,9 +33,10 @@ inline int outlive_every_fault(const fault_change &one) {
               {"failing once", {.kind = fault_io}}, {"failing", {.kind = fault_io, .from_then_on = true}},
               {"power", {.kind = fault_power}},     {"killed", {.kind = fault_kill}}};
   fault_install();
-  int faults = 0;
+  int faults = 0, first = 0;
   for (const auto &row : rows) {
-    for (fault_plan plan = row.plan; plan.step < 1000; plan.step++) {
+    fault_plan plan = row.plan;
+    for (plan.step = 1 + first++ % one.stride; plan.step < 1000; plan.step += one.stride) {
       one.prepare();
       const std::string where = std::string(row.what) + " at step " + std::to_string(plan.step);
       EXPECT_EQ(one.state(), one.before) << "before " << where;
@@ -59,6 +62,8 @@ inline int outlive_every_fault(const fault_change &one) {
       if (testing::Test::HasFailure()) return faults;
     }
   }
+  const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
+  printf("# %s.%s: outlived %d faults\n", test->test_suite_name(), test->name(), faults);
   return faults;
 }
 

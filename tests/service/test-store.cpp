@@ -192,6 +192,7 @@ TEST(Durability, PowerLossAtAnyStepOfTheDisk) {
     if (HasFailure()) return;
   }
   EXPECT_GT(fault, 100); /* the script does reach the disk */
+  printf("# power lost at %d of its steps\n", fault / stride());
 }
 
 TEST(Durability, KillAtAnyStepOfTheDisk) {
@@ -221,6 +222,7 @@ TEST(Durability, KillAtAnyStepOfTheDisk) {
     if (HasFailure()) return;
   }
   EXPECT_GT(fault, 100);
+  printf("# killed at %d of its steps\n", fault / stride());
 }
 
 TEST(Durability, AFailureThatPassesIsReportedAndLeavesNoTrace) {
@@ -244,6 +246,7 @@ TEST(Durability, AFailureThatPassesIsReportedAndLeavesNoTrace) {
     EXPECT_EQ(expected().back(), dump(f.file)) << "fault at " << fault;
     if (HasFailure()) return;
   }
+  printf("# failed at %d of its steps\n", fault / stride());
 }
 
 /* --- files that are there already -----------------------------------------------------------------------------------

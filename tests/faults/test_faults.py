@@ -1,0 +1,167 @@
+"""The phone and the service as they are, on a disk that fails at a chosen step: once, or until there is room again.
+BRISEL_EVERY_FAULT tries every step, BRISEL_FAULT_STRIDE every so many; otherwise a few are tried."""
+import os
+import shutil
+import subprocess
+
+from brisel_test import BUILD
+from phone_test import (Maildir, Relay, Sendmail, by_uid, delete_on_watch, equal, main, message, read_on_watch,
+                        reply_on_watch, status)
+
+FAULTY = BUILD / "tests" / "faults"
+
+
+class Disk:
+    """The plan that the programs of one session follow."""
+
+    def __init__(self, s):
+        self.plan = s.dir / "disk"
+        self.mark = s.dir / "disk.struck"
+        # The phone talks to the installed service, or to the one beside it; its commands work on a disk that works.
+        bin = s.dir / "bin"
+        self.phone, self.service = bin / "relay", bin / "service" / "brisel-hostd"
+        self.service.parent.mkdir(parents=True)
+        (bin / "build.ninja").touch()  # as in the tree where all are built
+        for program, place in ((FAULTY / "faulty-phone", self.phone), (FAULTY / "faulty-hostd", self.service),
+                               (BUILD / "phone" / "brisel-phone", bin / "brisel-phone")):
+            shutil.copy(program, place)
+        s.env["PATH"] = f"{bin}:{s.env['PATH']}"
+        s.env["BRISEL_FAULT_PLAN"] = str(self.plan)
+        self.hostd = subprocess.Popen([self.service], env=s.env, stderr=subprocess.DEVNULL)
+        s.wait(lambda: s.run("brisel-phone", "account", "list", check=False).returncode == 0, "the service")
+
+    def fails(self, kind, step=1, for_good=True, file="phone.db"):
+        self.mark.unlink(missing_ok=True)
+        new = self.plan.with_suffix(".new")
+        new.write_text(f"{kind} {step} {int(for_good)} {file}")
+        os.rename(new, self.plan)
+
+    def works(self):
+        self.plan.unlink(missing_ok=True)
+
+    def struck(self):
+        return len(self.mark.read_text().splitlines()) if self.mark.exists() else 0
+
+    def end(self):
+        self.hostd.kill()
+        self.hostd.wait()
+
+
+def begin(s):
+    disk, box, mta = Disk(s), Maildir(s.dir / "box"), Sendmail(s.dir / "mta")
+    relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--sendmail", mta.command, "--retry-first", "1")
+    relay.args[0] = str(disk.phone)
+    relay.kill()
+    return disk, box, mta, relay
+
+
+def uids(s):
+    return set(by_uid(s))
+
+
+def replies(s):
+    return [r["state"] for r in status(s)["replies"]]
+
+
+def test_no_room_in_the_phones_state(s):
+    disk, box, mta, relay = begin(s)
+    box.deliver(message("first@x"))
+    kept = box.deliver(message("kept@x"), flags="")
+    relay.start()
+    s.wait(lambda: len(uids(s)) == 2, "the mails")
+    # No room while sendmail is at it: what came of it is written down later, and the reply is not sent again.
+    taken = mta.program.read_text()
+    mta.program.write_text(taken + f"echo 'full 1 1 phone.db' > '{disk.plan}'\n")
+    reply_on_watch(s, by_uid(s)["first@x"], "once")
+    s.wait(lambda: "cannot be written down yet" in relay.log(), "the reply's process that waits for room")
+    mta.program.write_text(taken)
+    box.deliver(message("late@x"))
+    read_on_watch(s, by_uid(s)["kept@x"]["mail_id"])
+    reply_on_watch(s, by_uid(s)["kept@x"], "twice")
+    delete_on_watch(s, by_uid(s)["first@x"]["mail_id"])
+    s.wait(lambda: relay.log().count("full") >= 3, "what the relay says of it")
+    equal(len(mta.sent()), 1, "messages handed over while there was no room")
+    equal(replies(s), ["sending"], "its state on disk")
+    disk.works()
+    s.wait(lambda: uids(s) == {"kept@x", "late@x"}, "the mail that came, and the deletion, without another change")
+    s.wait(lambda: "S" in box.flags(kept), "the read mark")
+    s.wait(lambda: replies(s) == ["sent", "sent"], "both replies")
+    equal(len(mta.sent()), 2, "each once")
+    relay.kill()
+    disk.end()
+
+
+def test_no_room_in_the_store(s):
+    disk, box, mta, relay = begin(s)
+    relay.start()
+    s.wait(s.linked, "the link")
+    disk.fails("full", file="store.db")
+    box.deliver(message("late@x"))
+    s.wait(lambda: disk.struck() >= 2, "two tries")
+    equal(uids(s), set(), "a store without room")
+    disk.works()
+    s.wait(lambda: uids(s) == {"late@x"}, "the mail, without another change")
+    relay.kill()
+    disk.end()
+
+
+def life(s, disk, box, mta, relay, round_):
+    """A mail of each fate while the disk fails. Whatever cannot be done at once is done when the disk works."""
+    relay.start()
+    gone, read, ask = (f"{name}{round_}@x" for name in ("gone", "read", "ask"))
+    files = {uid: box.deliver(message(uid), flags="") for uid in (gone, read, ask)}
+
+    def wish(uid, act):
+        """Done on the watch as soon as the mail is there; never, when the disk failed for good before."""
+        s.wait(lambda: uid in uids(s) or disk.struck() > 3 or relay.process.poll() is not None, "the mail, or the fault")
+        if uid in uids(s):
+            act(by_uid(s)[uid])
+            return uid
+        return None
+
+    done = {wish(gone, lambda m: delete_on_watch(s, m["mail_id"])), wish(read, lambda m: read_on_watch(s, m["mail_id"])),
+            wish(ask, lambda m: reply_on_watch(s, m, f"text {round_}"))}
+    settled = lambda: ((gone in uids(s)) != (gone in done) and {read, ask} <= uids(s)  # noqa: E731
+                       and ("S" in box.flags(files[read])) == (read in done)
+                       and ask not in done or f"text {round_}" in sent(mta))
+    s.wait(lambda: settled() or disk.struck() or relay.process.poll() is not None, "the fault, or the end")
+    return files, done, settled
+
+
+def sent(mta):
+    return [raw.split(b"\n\n", 1)[1].decode().strip() for raw in mta.sent()]
+
+
+def test_each_step_of_the_phones_state(s):
+    """What the relay wants to write fails at one step after the other."""
+    every = os.environ.get("BRISEL_EVERY_FAULT")
+    stride = int(os.environ.get("BRISEL_FAULT_STRIDE", "1" if every else "29"))
+    disk, box, mta, relay = begin(s)
+    faults = round_ = 0
+    for row, (kind, for_good) in enumerate((("full", False), ("full", True), ("io", False), ("io", True), ("kill", False))):
+        step = 1 + row * 5 % stride
+        struck = True
+        while struck:
+            round_ += 1
+            disk.fails(kind, step, for_good)
+            files, done, settled = life(s, disk, box, mta, relay, round_)
+            struck = disk.struck() > 0
+            disk.works()
+            if relay.process.poll() is not None:
+                relay.kill()
+                relay.start()
+            s.wait(settled, f"all of round {round_} ({kind} at step {step}{' for good' if for_good else ''}) when the disk "
+                            f"works: {done} {uids(s)}")
+            twice = [text for text in set(sent(mta)) if sent(mta).count(text) > 1]
+            assert not twice or kind == "kill", (kind, step, twice)
+            relay.kill()
+            for name in files.values():
+                box.remove(name)
+            faults += struck
+            step += stride
+    print(f"# the relay: {faults} faults in {round_} rounds", flush=True)
+    disk.end()
+
+
+if __name__ == "__main__":
+    main(globals())
