@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "../mime.h"
+#include "brisel-body.h"
 #include "link-parts.h"
 #include "mail-files.h"
 #include "parser.h"
@@ -10,7 +11,8 @@
 namespace {
 
 constexpr int64_t kSmallestPiece = 512;
-constexpr int kUnknownMail = 1; /* what the service is told when there is no more to give */
+constexpr size_t kSecond = 8, kThird = 64; /* how many first pieces the watch has after asking once, twice */
+constexpr int kUnknownMail = 1;            /* what the service is told when there is no more to give */
 
 void answer_more(phone_link *link, int64_t id, const nlohmann::json &request, int64_t have) {
   std::string piece, error;
@@ -118,6 +120,16 @@ int body_of(const sent_mail &mail, std::string *body, std::string *error) {
   return 0;
 }
 
+/* How much goes with this answer. The reader of one mail is asked for three times at most, so that what the watch has
+   tells which time it is: the pieces grow, and the third is all that is left. What mail is read into is far less than a
+   body may hold. */
+size_t piece_size(const sent_mail &mail, size_t have, size_t all) {
+  const auto first = static_cast<size_t>(std::clamp<int64_t>(mail.first, kSmallestPiece, body_max));
+  for (size_t goal : {first * kSecond, first * kThird})
+    if (mail.first > 0 && have < goal / 2) return goal - have; /* half: a piece ends where a character does */
+  return all;
+}
+
 }  // namespace
 
 int requests_start(phone_link *link) {
@@ -183,8 +195,7 @@ int more_of_mail(phone_state *state, int mail_id, const std::string &message_uid
   if (body_of(mail, &body, error) < 0) return -1;
   /* From where the watch is, not from where the phone thinks it is: a piece that was lost on the way is sent again. */
   size_t from = mime_boundary(body, static_cast<size_t>(std::max<int64_t>(have, 0)));
-  size_t size = mail.first > 0 ? static_cast<size_t>(std::max(mail.first, kSmallestPiece)) : body.size();
-  size_t end = mime_cut(body, from, size);
+  size_t end = mime_cut(body, from, piece_size(mail, from, body.size()));
   *piece = body.substr(from, end - from);
   *complete = end >= body.size();
   return 0;
