@@ -26,6 +26,8 @@ ROOMS = {
                                           re.compile(r"^seccomp\.h$"),
                                           re.compile(r"^(libetpan|curl|gnutls|libsecret)/"),
                                           re.compile(r"^(resolv|termios|sysexits)\.h$")]),
+    "gate": (["gate", "platform/inc"], [AGREED, re.compile(r"^systemd/"), re.compile(r"^seccomp\.h$"),
+                                        re.compile(r"^phone-table\.h$")]),
     "tools": (["tools", "platform/inc", "platform/bus"], [AGREED, EFL, re.compile(r"^gio/"), re.compile(r"^systemd/"), re.compile(r"^(nlohmann|CLI)/")]),
 }
 

@@ -2,6 +2,7 @@
 #include "cage.h"
 
 #include <seccomp.h>
+#include <sys/resource.h>
 
 namespace {
 
@@ -20,5 +21,7 @@ constexpr int kCalls[] = {SCMP_SYS(pread64),  SCMP_SYS(lseek),      SCMP_SYS(sta
 
 int cage_enter() {
   static constexpr cage_rules kRules = {kMemory, kDescriptors, kFolders, kFiles, kCalls, true};
+  static constexpr rlimit kNothing = {0, 0};
+  setrlimit(RLIMIT_FSIZE, &kNothing); /* no file grows, even one that is open */
   return platform_cage_enter(&kRules);
 }

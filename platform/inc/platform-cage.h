@@ -22,7 +22,7 @@ struct cage_rules {
   bool loads;                            /* files may be opened, to read them or to run code from them */
 };
 
-/* Bounds memory and descriptors, forbids files that grow, core files and new rights, then closes what the kernel has to
+/* Bounds memory and descriptors, forbids core files and new rights, then closes what the kernel has to
    offer of the walls. Returns the walls that stand. */
 int platform_cage_enter(const cage_rules *rules);
 

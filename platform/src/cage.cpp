@@ -121,7 +121,6 @@ bool close_calls(const cage_rules *left) {
 
 int platform_cage_enter(const cage_rules *rules) {
   limit(RLIMIT_CORE, 0);
-  limit(RLIMIT_FSIZE, 0);
   limit(RLIMIT_NOFILE, rules->descriptors);
   if (bound_memory) limit(RLIMIT_AS, rules->memory);
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) < 0) return 0;

@@ -1,0 +1,445 @@
+/* brisel-gate over its stream: what a phone may say passes whole, and nothing else passes, grows or disturbs anybody.
+   Runs in a private session (brisel-session). */
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <set>
+
+#include "brisel-body.h"
+#include "brisel-settings.h"
+#include "phone.h"
+#include "vconf.h"
+
+namespace {
+
+constexpr char denied[] = SD_BUS_ERROR_ACCESS_DENIED;
+
+/* Waits until done() holds; false when it does not for very long. */
+bool until(const std::function<bool()> &done) {
+  for (int turn = 0; turn < 6000; turn++) {
+    if (done()) return true;
+    poll(nullptr, 0, 5);
+  }
+  return false;
+}
+
+/* A gate with a stream to it, and its end as a phone's. */
+struct gated {
+  pid_t pid = 0;
+  int fd = -1;
+  int errors = -1; /* what it says to people */
+  sd_bus *bus = nullptr;
+  std::string error; /* of the last call, for people */
+  std::vector<std::string> signals;
+  int64_t request = 0;
+
+  explicit gated(std::vector<const char *> arguments = {}, bool greet = true) {
+    int stream[2], said[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, stream));
+    EXPECT_EQ(0, pipe2(said, O_CLOEXEC));
+    arguments.insert(arguments.begin(), getenv("BRISEL_GATE"));
+    arguments.push_back(nullptr);
+    pid = fork();
+    if (pid == 0) {
+      dup2(stream[1], 0);
+      dup2(stream[1], 1);
+      dup2(said[1], 2);
+      execv(arguments[0], const_cast<char **>(arguments.data()));
+      _exit(127);
+    }
+    close(stream[1]);
+    close(said[1]);
+    fd = stream[0];
+    errors = said[0];
+    if (!greet) return;
+    EXPECT_GE(sd_bus_new(&bus), 0);
+    EXPECT_GE(sd_bus_set_fd(bus, fd, fd), 0);
+    EXPECT_GE(sd_bus_set_anonymous(bus, 1), 0);
+    EXPECT_GE(sd_bus_add_filter(bus, nullptr, signal_cb, this), 0);
+    EXPECT_GE(sd_bus_start(bus), 0);
+    fd = -1;
+  }
+  ~gated() {
+    leave();
+    close(errors);
+    if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+  }
+  gated(const gated &) = delete;
+  gated &operator=(const gated &) = delete;
+
+  static int signal_cb(sd_bus_message *m, void *data, sd_bus_error *) {
+    auto *self = static_cast<gated *>(data);
+    const char *text = "";
+    if (sd_bus_message_is_signal(m, nullptr, nullptr) <= 0) return 0;
+    if (sd_bus_message_has_signature(m, "xsa{sv}")) sd_bus_message_read(m, "xs", &self->request, &text);
+    self->signals.push_back(sd_bus_message_get_member(m) + std::string(" ") + text);
+    return 0;
+  }
+  void leave() {
+    sd_bus_close(bus);
+    bus = sd_bus_unref(bus);
+    if (fd >= 0) close(fd);
+    fd = -1;
+  }
+  template <typename... T>
+  std::string call(const char *to, const char *path, const char *interface, const char *member, const char *types,
+                   T... values) {
+    sd_bus_error why = SD_BUS_ERROR_NULL;
+    bus_message answer;
+    const int r = sd_bus_call_method(bus, to, path, interface, member, &why, &answer.m, types, values...);
+    const std::string name = r >= 0 ? "" : why.name ? why.name : strerror(-r);
+    error = why.message ? why.message : "";
+    sd_bus_error_free(&why);
+    return name;
+  }
+  template <typename... T>
+  std::string phone(const char *member, const char *types, T... values) {
+    return call(nullptr, host_path, phone_interface, member, types, values...);
+  }
+  std::string ping() { return call(nullptr, "/", "org.freedesktop.DBus.Peer", "Ping", ""); }
+  bool hears(size_t count) {
+    return until([&] {
+      while (sd_bus_process(bus, nullptr) > 0) {
+      }
+      return signals.size() >= count;
+    });
+  }
+  bool ended() {
+    return until([&] { return ready_to_collect(); });
+  }
+  bool ready_to_collect() {
+    siginfo_t info = {};
+    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
+  }
+  /* Waits for its end: its exit code, and what it said. */
+  int code(std::string *said = nullptr) {
+    int status = -1;
+    if (!ended()) return -1;
+    waitpid(pid, &status, 0);
+    pid = 0;
+    char text[4096];
+    ssize_t size;
+    while (said && (size = read(errors, text, sizeof text)) > 0) said->append(text, static_cast<size_t>(size));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  void send(const std::string &bytes) const {
+    /* It may hang up in the middle. */
+    for (size_t at = 0; at < bytes.size();) {
+      const ssize_t n = ::send(fd, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
+      if (n <= 0) return;
+      at += static_cast<size_t>(n);
+    }
+  }
+  long kilobytes() const {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);)
+      if (line.starts_with("VmHWM:")) return std::stol(line.substr(6));
+    return -1;
+  }
+};
+
+constexpr char greeting[] = "\0AUTH ANONYMOUS\r\nBEGIN\r\n";
+const std::string hello(greeting, sizeof greeting - 1);
+
+/* The bytes of a message, put together by hand so that they can be wrong. */
+struct wire {
+  std::string bytes;
+  wire &pad(size_t to) {
+    bytes.resize((bytes.size() + to - 1) / to * to, '\0');
+    return *this;
+  }
+  wire &number(uint32_t value) {
+    pad(4).bytes.append(reinterpret_cast<const char *>(&value), 4);
+    return *this;
+  }
+  wire &text(const std::string &value) {
+    number(static_cast<uint32_t>(value.size())).bytes.append(value.c_str(), value.size() + 1);
+    return *this;
+  }
+  wire &types(const std::string &value) {
+    bytes += static_cast<char>(value.size());
+    bytes.append(value.c_str(), value.size() + 1);
+    return *this;
+  }
+};
+
+std::string call_bytes(const char *member, size_t text_size) {
+  wire body, fields, all;
+  if (text_size > 0) {
+    wire pairs; /* begins at a multiple of eight, as it will in the body */
+    pairs.text("account_id").types("i").number(1).pad(8);
+    pairs.text("subject").types("s").text(std::string(text_size, 'x'));
+    body.number(static_cast<uint32_t>(pairs.bytes.size()) + 8).number(static_cast<uint32_t>(pairs.bytes.size())).pad(8);
+    body.bytes += pairs.bytes;
+  }
+  const struct {
+    char code;
+    const char *type, *value;
+  } table[] = {{1, "o", host_path}, {2, "s", phone_interface}, {3, "s", member}, {8, "g", text_size ? "aa{sv}" : ""}};
+  for (const auto &field : table) {
+    fields.pad(8).bytes += field.code;
+    fields.types(field.type);
+    *field.type == 'g' ? fields.types(field.value) : fields.text(field.value);
+  }
+  all.bytes = std::string("l\1\0\1", 4);
+  all.number(static_cast<uint32_t>(body.bytes.size())).number(1).number(static_cast<uint32_t>(fields.bytes.size()));
+  all.bytes += fields.bytes;
+  return all.pad(8).bytes + body.bytes;
+}
+
+/* The names on the session's bus that somebody can be reached by. */
+std::set<std::string> names(test_phone *other) {
+  std::set<std::string> found;
+  char **list = nullptr;
+  EXPECT_GE(sd_bus_list_names(other->bus, &list, nullptr), 0);
+  for (char **name = list; name && *name; name++) {
+    if (**name != ':') found.insert(*name);
+    free(*name);
+  }
+  free(list);
+  return found;
+}
+
+struct Gate : testing::Test {
+  test_phone other; /* somebody else on the session's bus */
+  int account = 0;
+  void SetUp() override { account = other.add_account("me@example.org", "Me"); }
+  void TearDown() override {
+    EXPECT_EQ(1u, other.accounts().size()) << "the service is there, and nothing was added to it";
+    other.clear();
+  }
+};
+
+bool linked(void) {
+  int up = 0;
+  return vconf_get_bool(BRISEL_KEY_BT_CONNECTED, &up) == 0 && up;
+}
+
+TEST_F(Gate, WhatAPhoneMaySayPassesWhole) {
+  gated gate;
+  EXPECT_EQ("", gate.ping());
+  EXPECT_EQ("", gate.phone("AddMails", "aa{sv}", 1, 3, "account_id", "i", account, "subject", "s", "Grüße 🙂",
+                           "body", "s", std::string(body_max - 100, 'b').c_str()));
+  EXPECT_EQ("com.vextora.brisel.Error.Invalid", gate.phone("DeleteMails", "ai", 1, 999));
+  EXPECT_NE(std::string::npos, gate.error.find("999")) << gate.error;
+  EXPECT_EQ("", gate.phone("Connect", ""));
+  EXPECT_TRUE(linked());
+  EXPECT_EQ("", other.call(watch_interface, "Show", nullptr, "ssai", "gate-show", "grüße", 1, 7));
+  ASSERT_TRUE(gate.hears(1));
+  EXPECT_EQ("Request {\"request\":\"show\",\"kind\":\"grüße\",\"id_list\":[7]}", gate.signals[0]);
+  EXPECT_EQ("", gate.phone("Ack", "x", gate.request));
+  gate.leave();
+  EXPECT_EQ(0, gate.code());
+  EXPECT_TRUE(until([] { return !linked(); }));
+}
+
+/* Calls every method that an object of the session's bus has, as they describe themselves, with nothing else right. */
+void call_all(gated *gate, test_phone *other, const char *name, const char *path) {
+  bus_message answer;
+  const char *xml = "";
+  ASSERT_GE(sd_bus_call_method(other->bus, name, path, "org.freedesktop.DBus.Introspectable", "Introspect", nullptr,
+                               &answer.m, ""),
+            0);
+  ASSERT_GE(sd_bus_message_read(answer, "s", &xml), 0);
+  std::string interface;
+  int tried = 0;
+  for (const char *at = xml; (at = strchr(at, '<')); at++) {
+    char found[128];
+    if (sscanf(at, "<interface name=\"%127[^\"]", found) == 1) interface = found;
+    if (sscanf(at, "<method name=\"%127[^\"]", found) != 1) continue;
+    if (interface == phone_interface || !strcmp(found, "Ping")) continue;
+    for (const char *to : {name, static_cast<const char *>(nullptr)})
+      EXPECT_EQ(denied, gate->call(to, path, interface.c_str(), found, "")) << interface << "." << found;
+    tried++;
+  }
+  EXPECT_GT(tried, 5) << xml;
+}
+
+TEST_F(Gate, NothingElseOfTheBusIsReached) {
+  gated gate;
+  ASSERT_EQ("", gate.phone("Connect", ""));
+  const std::set<std::string> before = names(&other);
+  call_all(&gate, &other, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+  call_all(&gate, &other, host_name, host_path);
+  const struct {
+    const char *to, *path, *interface, *member, *error;
+  } table[] = {
+      {"com.vextora.brisel", "/com/vextora/brisel", "org.freedesktop.Application", "Activate", denied},
+      {"com.vextora.call", host_path, phone_interface, "ListAccounts", denied},
+      {":1.0", "/", phone_interface, "ListAccounts", denied},
+      {nullptr, host_path, watch_interface, "NoAccount", denied},
+      {nullptr, host_path, "org.freedesktop.DBus.Properties", "GetAll", denied},
+      {nullptr, host_path, nullptr, "ListAccounts", denied},
+      {nullptr, host_path, phone_interface, "Request", SD_BUS_ERROR_UNKNOWN_METHOD},
+      {nullptr, host_path, phone_interface, "connect", SD_BUS_ERROR_UNKNOWN_METHOD},
+      {nullptr, host_path, phone_interface, "Ack", SD_BUS_ERROR_INVALID_ARGS},
+  };
+  for (const auto &row : table)
+    EXPECT_EQ(row.error, gate.call(row.to, row.path, row.interface, row.member, "")) << row.member;
+  /* Signals and answers that nobody asked for go nowhere; neither does a stranger's signal come in. */
+  EXPECT_GE(sd_bus_emit_signal(gate.bus, host_path, watch_interface, "Changed", "x", int64_t{5}), 0);
+  char **all = nullptr;
+  ASSERT_GE(sd_bus_list_names(other.bus, &all, nullptr), 0);
+  for (char **name = all; *name; name++) {
+    bus_message m;
+    if (**name == ':' && sd_bus_message_new_signal(other.bus, &m.m, host_path, phone_interface, "Request") >= 0) {
+      sd_bus_message_set_destination(m, *name);
+      sd_bus_message_append(m, "xsa{sv}", int64_t{1}, "{\"request\":\"forged\"}", 0);
+      EXPECT_GE(sd_bus_send(other.bus, m, nullptr), 0);
+    }
+    free(*name);
+  }
+  free(all);
+  EXPECT_EQ("", other.call(watch_interface, "Show", nullptr, "ssai", "gate-true", "true", 0));
+  ASSERT_TRUE(gate.hears(1));
+  EXPECT_NE(std::string::npos, gate.signals[0].find("\"true\"")) << gate.signals[0];
+  EXPECT_EQ(before, names(&other));
+  EXPECT_EQ("", gate.phone("Ack", "x", gate.request));
+}
+
+TEST_F(Gate, BytesThatAreNoneOfAPhoneEndTheirOwnGateOnly) {
+  const std::string list = call_bytes("ListAccounts", 0);
+  auto with = [&](size_t at, std::initializer_list<unsigned char> bytes) {
+    std::string changed = list;
+    for (const unsigned char byte : bytes) changed[at++] = static_cast<char>(byte);
+    return hello + changed;
+  };
+  const struct {
+    std::string bytes;
+    const char *said;
+  } table[] = {
+      {"GET / HTTP/1.1\r\n\r\n" + list, ""},
+      {std::string(5000, 'A'), "greeting"},
+      {std::string("\0AUTH NONE\r\nBEGIN\r\n", 19) + list, "greets"},
+      {std::string("\0AUTH EXTERNAL\r\nBEGIN\r\nBEGIN\r\n", 31) + list, ""},
+      {with(0, {'x'}), "no message"},
+      {with(1, {0}), "no message"},
+      {with(1, {9}), "no message"},
+      {with(3, {2}), "no message"},
+      {with(4, {0, 0, 0, 8}), "too large"}, /* 128 MiB of body */
+      {with(4, {255, 255, 255, 255}), "too large"} /* 4 GiB */,
+      {with(12, {255, 255, 255, 127}), "too large"} /* of header fields */,
+  };
+  for (const auto &row : table) {
+    gated gate({}, false);
+    std::string said;
+    gate.send(row.bytes);
+    if (!*row.said) shutdown(gate.fd, SHUT_WR);
+    const int code = gate.code(&said);
+    EXPECT_EQ(*row.said ? 1 : code, code) << said;
+    EXPECT_NE(-1, code) << row.bytes.substr(0, 40);
+    EXPECT_NE(std::string::npos, said.find(row.said)) << row.said << ": " << said;
+  }
+  /* Damage anywhere in a message: an error, or the end of this gate. */
+  const std::string mail = call_bytes("AddMails", 40);
+  std::mt19937 random(11);
+  for (int round = 0; round < 40; round++) {
+    gated gate({}, false);
+    std::string damaged;
+    for (int copy = 0; copy < 20; copy++) {
+      std::string one = mail;
+      one[random() % one.size()] ^= static_cast<char>(1 + random() % 255);
+      if (random() % 4 == 0) one[36 + random() % (one.size() - 36)] = '\0';
+      if (one.find("account_id") == std::string::npos) damaged += one; /* what is whole would be stored */
+    }
+    gate.send(hello + damaged);
+    shutdown(gate.fd, SHUT_WR);
+    EXPECT_NE(-1, gate.code());
+  }
+}
+
+TEST_F(Gate, FloodsStopAtTheGate) {
+  const std::string refused = call_bytes("Nothing", 0), asked = call_bytes("ListAccounts", 0);
+  const std::string large = call_bytes("AddMails", 7u << 20);
+  const std::string *floods[] = {&refused, &asked, &large};
+  for (const std::string *flood : floods) {
+    gated gate({}, false);
+    fcntl(gate.fd, F_SETFL, O_NONBLOCK);
+    size_t sent = 0, at = 0;
+    std::string first = hello + *flood;
+    const std::string *source = &first;
+    /* Nothing is read: what does not fit into the way to it is not taken either. */
+    for (int stalled = 0; stalled < 100 && sent < (64u << 20);) {
+      const ssize_t n = ::send(gate.fd, source->data() + at, source->size() - at, MSG_NOSIGNAL);
+      if (n <= 0) stalled++, poll(nullptr, 0, 10);
+      if (n <= 0) continue;
+      sent += static_cast<size_t>(n);
+      at += static_cast<size_t>(n);
+      if (at == source->size()) source = flood, at = 0;
+    }
+    EXPECT_FALSE(gate.ready_to_collect());
+    EXPECT_LT(gate.kilobytes(), 64 << 10) << sent << " bytes were taken";
+    EXPECT_EQ(1u, other.accounts().size()) << "others are served";
+    kill(gate.pid, SIGTERM);
+    EXPECT_EQ(0, gate.code());
+  }
+}
+
+TEST_F(Gate, EndsInEveryState) {
+  enum state { unread, greeted, connected, blocked, frozen };
+  for (const state in : {unread, greeted, connected, blocked, frozen})
+    for (const int how : {SIGTERM, SIGHUP, SIGINT, 0}) {
+      gated gate({}, in != unread);
+      if (in == unread) gate.send("\0AUTH");
+      if (in >= greeted) EXPECT_EQ("", gate.ping());
+      if (in >= connected) EXPECT_EQ("", gate.phone("Connect", ""));
+      pid_t service = 0;
+      sd_bus_creds *creds = nullptr;
+      if (in == frozen && sd_bus_get_name_creds(other.bus, host_name, SD_BUS_CREDS_PID, &creds) >= 0) {
+        sd_bus_creds_get_pid(creds, &service);
+        sd_bus_creds_unref(creds);
+        kill(service, SIGSTOP);
+      }
+      if (in >= blocked) /* more than is taken at once, and no answer is read */
+        for (int call = 0; call < 100; call++)
+          sd_bus_call_method_async(gate.bus, nullptr, nullptr, host_path, phone_interface, "ListAccounts", nullptr,
+                                   nullptr, "");
+      if (in >= greeted) sd_bus_flush(gate.bus);
+      if (how)
+        kill(gate.pid, how);
+      else
+        gate.leave();
+      EXPECT_NE(-1, gate.code()) << in << " " << how;
+      if (service) kill(service, SIGCONT);
+      EXPECT_TRUE(until([] { return !linked(); }));
+    }
+}
+
+TEST_F(Gate, ASilentPhoneIsLetGo) {
+  const struct {
+    std::vector<const char *> arguments;
+    bool asked, ends;
+  } table[] = {{{"--idle", "0.5"}, false, true},
+               {{"--answer", "0.5"}, false, false},
+               {{"--answer", "0.5"}, true, true},
+               {{"--answer", "0.5", "--no-timers"}, true, false}};
+  for (const auto &row : table) {
+    gated gate(row.arguments);
+    EXPECT_EQ("", gate.phone("Connect", ""));
+    if (row.asked) EXPECT_EQ("", other.call(watch_interface, "NoAccount", nullptr, "s", row.arguments.back()));
+    std::string said;
+    if (row.ends) {
+      EXPECT_EQ(1, gate.code(&said));
+      EXPECT_NE(std::string::npos, said.find("not heard")) << said;
+      EXPECT_TRUE(until([] { return !linked(); }));
+    } else {
+      poll(nullptr, 0, 1000); /* twice the limit that must not count */
+      EXPECT_EQ("", gate.ping());
+    }
+  }
+  gated drain;
+  EXPECT_EQ("", drain.phone("Connect", ""));
+  ASSERT_TRUE(drain.hears(1));
+  EXPECT_EQ("", drain.phone("Ack", "x", drain.request));
+}
+
+}  // namespace
