@@ -280,7 +280,7 @@ TEST_F(mailbox, ALaunchOfAnotherAccountsMailShowsItsListFromTheTop) {
   app_launch(std::to_string(ids[1]).c_str());
   EXPECT_EQ(test_ad.account_id, accounts[1]);
   EXPECT_TRUE(visible("Body"));
-  run_for(0.5);
+  rest();
   key("XF86Back");
   EXPECT_TRUE(visible("b@example.org"));
   int y = -1;
@@ -322,7 +322,7 @@ TEST_F(mailbox, WhatIsOnScreenStaysWhereItIs) {
   ids.insert(ids.begin(), mail(0, 1));
   EXPECT_TRUE(visible("Name")) << "at the top, what comes is shown";
   stroke({160, 300}, {160, 120});
-  run_for(1);
+  rest();
   Elm_Object_Item *first = elm_genlist_at_xy_item_get(test_ad.mailbox_genlist, 160, 140, nullptr);
   const int before = middle_of_item(first).y;
   for (int i = 2; i < 4; i++) ids.insert(ids.begin(), mail(0, i, "Later"));

@@ -53,7 +53,7 @@ TEST_F(screens, TwoQuickBacksLeaveTheViewButNotTheApplication) {
     return count;
   };
   EXPECT_TRUE(run_until([&] { return phone.count("clear_all_new_flag") == 1; })) << "opening a mail has seen all";
-  run_for(0.5); /* the view has slid in */
+  rest();
   key("XF86Back");
   EXPECT_EQ(views(), 1u);
   key("XF86Back");
@@ -70,7 +70,7 @@ TEST_F(screens, TheMoreKeyPressesTheButtonOfTheTopView) {
   const int id = mail();
   app_start();
   brisel_option_detail_draw_view(id, &test_ad);
-  run_for(0.5);
+  rest();
   static int pressed, told;
   pressed = told = 0;
   Elm_Object_Item *mailbox = elm_naviframe_bottom_item_get(test_ad.naviframe);

@@ -1,6 +1,5 @@
 """The open mailbox follows the phone: the six events, in the combined view and with one account shown; the service
 restarted in the middle; the end equals what a fresh start shows."""
-import time
 
 from brisel_test import equal, kill_service, mail, main
 
@@ -170,9 +169,9 @@ def test_neighbours_follow_only_when_next_to_the_opened(s):
     s.launch()
     s.tap("S4")
     s.wait_text("From S4")
-    time.sleep(0.6)
+    s.rest()
     put(s, a, "S8", T0)
-    time.sleep(0.3)
+    s.wait(lambda: s.log().count("EVENT_TYPE_NOTI_ADD") == 1, "the event")
     assert "viewer refresh is needed" not in s.log(), "far away"
     put(s, a, "S9", T0 + 35)
     s.wait(lambda: "viewer refresh is needed" in s.log(), "the refresh")

@@ -151,6 +151,17 @@ std::vector<std::string> visible_texts(void) {
   return texts;
 }
 
+void rest(void) {
+  std::vector<nlohmann::json> before;
+  int looks = 0;
+  run_until([&] {
+    std::vector<nlohmann::json> now = texts_on_screen();
+    looks = now == before ? looks + 1 : 0;
+    before = std::move(now);
+    return looks > 10;
+  });
+}
+
 static bool shown_now(const std::string &text) {
   for (const std::string &shown : visible_texts())
     if (shown == text) return true;

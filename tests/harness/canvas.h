@@ -35,6 +35,8 @@ std::vector<std::string> visible_texts(void);
 /* Waits for the text to come, or to go: popups and rows do both in their own time. */
 bool visible(const std::string &text);
 bool gone(const std::string &text);
+/* Waits until nothing on screen moves any more: a view has slid in, a list has run out. */
+void rest(void);
 /* The centre of the visible text, as a finger aims at it. */
 point text_at(const std::string &text);
 
