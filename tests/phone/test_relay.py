@@ -6,6 +6,7 @@ import pathlib
 import re
 import time
 
+from brisel_test import BUILD
 from phone_test import (Maildir, Relay, Sendmail, body_text, by_uid, delete_on_watch, equal, host_pid, main, message,
                         more_on_watch, read_on_watch, reply_on_watch, status)
 
@@ -218,6 +219,40 @@ def test_killed_delivery_sends_once(s):
         os.kill(delivering()[0], 9)
         s.wait(lambda: sum(r["state"] == "sent" for r in status(s)["replies"]) == n + 1, "the reply")
     equal(len(mta.sent()), 4, "each once")
+    relay.kill()
+
+
+def test_clocks_that_are_set_strand_nothing(s):
+    clock, go = s.dir / "clock", s.dir / "go"
+    set_clock = lambda days: (clock.with_suffix(".new").write_text(str(days * 86400)),  # noqa: E731
+                              os.rename(clock.with_suffix(".new"), clock))
+    s.env |= {"LD_PRELOAD": str(BUILD / "tests" / "phone" / "libset-clock.so"), "SET_CLOCK": str(clock),
+              "ASAN_OPTIONS": "verify_asan_link_order=0"}
+    box, mta, relay = follow(s)
+    box.deliver(message("ask@x"))
+    s.wait(lambda: "ask@x" in uids(s), "the mail")
+    # A year back while a reply waits for its next try: a new process does not wait for that year.
+    mta.refuse.touch()
+    reply_on_watch(s, by_uid(s)["ask@x"], "a year back")
+    s.wait(lambda: status(s)["replies"][0]["attempts"] >= 2, "two tries")
+    relay.kill()
+    set_clock(-365)
+    relay.start()
+    s.wait(lambda: status(s)["replies"][0]["attempts"] >= 3, "a try after that")
+    assert status(s)["replies"][0]["next_try"] < time.time() - 300 * 86400, "the clock of the relay was set"
+    mta.refuse.unlink()
+    s.wait(lambda: len(mta.sent()) == 1, "the reply")
+    # An hour forward while sendmail is at it: it is let finish, and the reply goes once.
+    mta.program.write_text(mta.program.read_text().replace("file=$(", f"touch '{go}.1'; until [ -e '{go}' ]; do sleep 0.1; done; file=$("))
+    reply_on_watch(s, by_uid(s)["ask@x"], "an hour on")
+    s.wait(lambda: pathlib.Path(f"{go}.1").exists(), "sendmail, that takes its time")
+    set_clock(400)
+    box.deliver(message("meanwhile@x"))
+    s.wait(lambda: "meanwhile@x" in uids(s), "a mail while the clock is ahead")
+    go.touch()
+    s.wait(lambda: [r["state"] for r in status(s)["replies"]] == ["sent", "sent"], "both replies")
+    equal([r["attempts"] for r in status(s)["replies"]][1:], [1], "tries of the second")
+    equal(len(mta.sent()), 2, "each once")
     relay.kill()
 
 
