@@ -174,9 +174,8 @@ def test_replies(s):
     # One that has no address to go to is held and told; it does not stop the others.
     reply_on_watch(s, dict(mails["ask@x"], from_address="ann@example.org, victim@example.org", message_uid="?"), "no")
     reply_on_watch(s, mails["list@x"], "after it")
-    s.wait(lambda: len(mta.sent()) == 4, "the reply after it")
-    states = [r["state"] for r in status(s)["replies"]]
-    equal(states, ["sent", "sent", "sent", "held", "sent"], "states")
+    s.wait(lambda: [r["state"] for r in status(s)["replies"]] == ["sent", "sent", "sent", "held", "sent"], "states")
+    equal(len(mta.sent()), 4, "the reply after it")
     assert "no address" in status(s)["replies"][3]["error"]
 
 
