@@ -14,7 +14,7 @@ FAULTY = BUILD / "tests" / "faults"
 class Disk:
     """The plan that the programs of one session follow."""
 
-    def __init__(self, s):
+    def __init__(self, s, service):
         self.plan = s.dir / "disk"
         self.mark = s.dir / "disk.struck"
         # The phone talks to the installed service, or to the one beside it; its commands work on a disk that works.
@@ -22,7 +22,7 @@ class Disk:
         self.phone, self.service = bin / "relay", bin / "service" / "brisel-hostd"
         self.service.parent.mkdir(parents=True)
         (bin / "build.ninja").touch()  # as in the tree where all are built
-        for program, place in ((FAULTY / "faulty-phone", self.phone), (FAULTY / "faulty-hostd", self.service),
+        for program, place in ((FAULTY / "faulty-phone", self.phone), (FAULTY / service, self.service),
                                (BUILD / "phone" / "brisel-phone", bin / "brisel-phone")):
             shutil.copy(program, place)
         s.env["PATH"] = f"{bin}:{s.env['PATH']}"
@@ -47,8 +47,8 @@ class Disk:
         self.hostd.wait()
 
 
-def begin(s):
-    disk, box, mta = Disk(s), Maildir(s.dir / "box"), Sendmail(s.dir / "mta")
+def begin(s, service="faulty-hostd"):
+    disk, box, mta = Disk(s, service), Maildir(s.dir / "box"), Sendmail(s.dir / "mta")
     relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--sendmail", mta.command, "--retry-first", "1")
     relay.args[0] = str(disk.phone)
     relay.kill()
@@ -101,6 +101,24 @@ def test_no_room_in_the_store(s):
     equal(uids(s), set(), "a store without room")
     disk.works()
     s.wait(lambda: uids(s) == {"late@x"}, "the mail, without another change")
+    relay.kill()
+    disk.end()
+
+
+def test_a_refused_mail_is_split_off(s):
+    disk, box, mta, relay = begin(s, "picky-hostd")
+    bad = {n: box.deliver(message(f"m{n}@x", "refuse me" if n in (3, 11, 12) else "good")) for n in range(30)}
+    relay.start()
+    s.wait(lambda: uids(s) == {f"m{n}@x" for n in range(30) if n not in (3, 11, 12)}, "the good ones")
+    aside = lambda: {t["message"] for t in status(s)["accounts"][0]["set_aside"]}  # noqa: E731
+    s.wait(lambda: aside() == {bad[3], bad[11], bad[12]}, "the three that are named")
+    box.deliver(message("after@x"))
+    s.wait(lambda: "after@x" in uids(s), "a mail after them")
+    equal(len(s.mails()), 28, "each once")
+    # When every mail is refused it is perhaps none of them: a single one is, and it stops nothing.
+    box.deliver(message("alone@x", "refuse me"))
+    box.deliver(message("last@x"))
+    s.wait(lambda: "last@x" in uids(s) and len(aside()) == 4, "the last one")
     relay.kill()
     disk.end()
 

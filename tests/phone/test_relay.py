@@ -281,11 +281,16 @@ def test_hostile_mail_stops_nothing(s):
     hostile = sorted((pathlib.Path(__file__).resolve().parent / "hostile").glob("*.eml"))
     for path in hostile:
         box.deliver(path.read_bytes())
+    # Groups in groups, once deep enough to end whoever read them; and characters that no bus takes.
+    box.deliver(message("groups@x", headers="Cc: " + "g:\n " * 40000 + "\n"))
+    box.deliver(message("groups@y", sender="g:" * 40000 + " <ann@example.org>"))
+    box.deliver(message("odd@x", "a\uffffb\ufdd0c", "d\uffff\ufdd0\U0001fffee\n", sender="A\uffff <a\ufdd0@example.org>"))
     box.deliver(message("good@x"))
     relay = Relay(s, "--maildir", f"me@example.org={box.path}")
-    s.wait(lambda: "good@x" in uids(s), "the good mail")
+    s.wait(lambda: {"good@x", "odd@x", "groups@x"} <= uids(s), "the good mails")
+    equal((by_uid(s)["odd@x"]["subject"], body_text(by_uid(s)["odd@x"])), ("abc", "de"), "odd characters")
     s.wait(lambda: relay.log().count("it is left out") == 3, "the three that are no mail")
-    equal(len(s.mails()), len(hostile) - 3 + 1, "every other one is there")
+    equal(len(s.mails()), len(hostile) - 3 + 4, "every other one is there")
     box.deliver(message("after@x"))
     s.wait(lambda: "after@x" in uids(s), "a mail after them")
     # A program that writes into the folder itself: the mail is there when it is whole.
