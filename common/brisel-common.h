@@ -96,6 +96,13 @@ struct reply_noti_data {
   char *subject;
 };
 
+/* A mail's place in a list: what must be known of it before its row is drawn. */
+struct brisel_mail_place {
+  int mail_id;
+  time_t received_time;
+  int security_locked;
+};
+
 /* Handed to event and more-message callbacks; owned by the library for the duration of the callback. */
 struct brisel_ipc_event {
   GSList *id_list; /* of int: mail ids, or account ids for account events; NULL for the count status */
@@ -163,6 +170,11 @@ int brisel_db_get_full_noti_data_by_mail_id(int mail_id, full_noti_data *out);
    places them); free with brisel_full_noti_data_list_free, never record by record. account_id 0: all. */
 int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **list, int *count);
 int brisel_db_get_full_noti_data_count_by_account_id(int account_id, int *count);
+/* For lists, which show no bodies: reading these is most of what reading whole mails costs. *places: of all mails in
+   the order of the list above, from an index alone; g_free. The records of *list have no body; they come in the order
+   of ids, what is gone is left out; free with brisel_full_noti_data_list_free. */
+int brisel_db_get_mail_places_by_account_id(int account_id, brisel_mail_place **places, int *count);
+int brisel_db_get_noti_rows_by_mail_ids(const int *ids, int ids_count, GSList **list, int *count);
 /* *list: template_data in display order; free with brisel_template_data_list_free. */
 int brisel_db_get_all_template_data(GSList **list);
 

@@ -1,10 +1,12 @@
 /* The list's model: the records of rows and header, mail_list, and the refresh that builds them from the store. It owns
-   which records have no row yet. Called by the other files of the mailbox list, and by whoever takes the list down. */
+   which records have been read and have a row, and which are places only. Called by the other files of the mailbox
+   list, and by whoever takes the list down. */
 #include "brisel-app-mailbox-list.h"
 
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "app_efl.h"
 #include "brisel-app-utils.h"
@@ -79,29 +81,26 @@ void _read_item_state(item_data *item, const full_noti_data *mail) {
   item->subject = _line_of(mail->subject);
 }
 
-static item_data *_item_data_from_mail(const full_noti_data *mail, appdata *ad) {
+static item_data *_item_data_of_place(int mail_id, time_t received_time, int locked, appdata *ad) {
   item_data *item = (item_data *)calloc(1, sizeof(item_data));
   if (!item) {
     BRISEL_ERROR("memory allocation failed.");
     return nullptr;
   }
   item->type = ROW_MAIL;
-  item->account_id = mail->account_id;
-  item->mail_id = mail->mail_id;
-  _read_item_state(item, mail);
-  item->received_time = (int)CLAMP(mail->received_time, (time_t)INT_MIN, (time_t)INT_MAX);
-  const char *sender = mail->from_name && *mail->from_name ? mail->from_name : mail->from_address;
-  item->sender = sender ? strdup(sender) : nullptr;
+  item->mail_id = mail_id;
+  item->security_locked = locked;
+  item->received_time = (int)CLAMP(received_time, (time_t)INT_MIN, (time_t)INT_MAX);
   item->ad = ad;
   return item;
 }
 
-static item_data *_make_list_data(GSList *noti_list, appdata *ad) {
-  if (!noti_list || !noti_list->data) {
-    BRISEL_ERROR("noti_list is NULL");
-    return nullptr;
-  }
-  return _item_data_from_mail((full_noti_data *)noti_list->data, ad);
+/* What a row shows besides its place: copied from the mail. */
+static void _make_list_data(item_data *item, const full_noti_data *mail) {
+  item->account_id = mail->account_id;
+  _read_item_state(item, mail);
+  const char *sender = mail->from_name && *mail->from_name ? mail->from_name : mail->from_address;
+  item->sender = sender ? strdup(sender) : nullptr;
 }
 
 item_data *_make_list_data_by_mail_id(int mail_id, appdata *ad) {
@@ -115,7 +114,9 @@ item_data *_make_list_data_by_mail_id(int mail_id, appdata *ad) {
     BRISEL_WARN("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d], mail_id : %d", result, mail_id);
     return nullptr;
   }
-  return _item_data_from_mail(mail.get(), ad);
+  item_data *item = _item_data_of_place(mail_id, mail->received_time, mail->security_locked, ad);
+  if (item) _make_list_data(item, mail.get());
+  return item;
 }
 
 /* Reads the shown account into the header; an account that cannot be read makes the list the combined view. */
@@ -223,9 +224,12 @@ void _add_mail_row(appdata *ad, Elm_Object_Item *group_item, item_data *item, El
   _name_row(item);
 }
 
-/* A refresh makes the whole model at once and the rows of its first screens; the others follow while the loop is idle,
-   so that thousands of rows nobody sees yet do not hold up the first picture. Whatever touches the model first makes
-   the rest. These are the cells of mail_list whose records have no row yet (and are nobody's but the model's). */
+/* A refresh makes all records of the model at once, as places: which mail, when, and whether it is locked, which is all
+   that the reader asks of a mail beside its own. What a row shows is read and the row made for the first screen; the
+   others follow while the loop is idle, so that thousands of rows nobody sees yet do not hold up the first picture.
+   Whatever touches the model first makes the rest. These are the cells of mail_list whose records are places (and
+   nobody's but the model's). */
+constexpr int rows_at_first = 24; /* more than the largest screen holds */
 constexpr int rows_at_once = 128;
 static GList *rowless;
 static Ecore_Idler *row_idler;
@@ -235,15 +239,45 @@ Elm_Object_Item *_group_item(appdata *ad) {
   return first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP ? first : nullptr;
 }
 
+/* A mail that left the store after its place was read has no row; its event is on the way. */
+static void _drop_place(appdata *ad, GList *cell, group_item_data *group) {
+  item_data *item = (item_data *)cell->data;
+  if (cells) g_hash_table_remove(cells, GINT_TO_POINTER(item->mail_id));
+  ad->mail_list = g_list_delete_link(ad->mail_list, cell);
+  _free_list_data(item);
+  if (group) group->count--;
+}
+
+/* The next rows, rows_at_once at most. */
+static void _make_some_rows(appdata *ad, Elm_Object_Item *group_item, int count) {
+  int ids[rows_at_once] = {}, wanted = 0, found = 0;
+  for (GList *cell = rowless; cell && wanted < MIN(count, rows_at_once); cell = cell->next)
+    ids[wanted++] = ((item_data *)cell->data)->mail_id;
+  GSList *list = nullptr;
+  const int result = brisel_db_get_noti_rows_by_mail_ids(ids, wanted, &list, &found);
+  const scoped_noti_list mails(list);
+  if (result != 0) BRISEL_WARN("brisel_db_get_noti_rows_by_mail_ids() failed! err:[%d]", result);
+  GSList *node = list;
+  for (int i = 0; i < wanted; i++) {
+    GList *cell = rowless;
+    rowless = rowless->next;
+    item_data *item = (item_data *)cell->data;
+    if (node && ((full_noti_data *)node->data)->mail_id == item->mail_id) {
+      _make_list_data(item, (full_noti_data *)node->data);
+      _add_mail_row(ad, group_item, item, nullptr);
+      node = node->next;
+    } else {
+      _drop_place(ad, cell, group_item ? (group_item_data *)elm_object_item_data_get(group_item) : nullptr);
+    }
+  }
+  if (found < wanted && group_item) _update_header(group_item);
+}
+
 static void _make_rows(appdata *ad, int count) {
   if (!rowless) return;
   Elm_Object_Item *group_item = _group_item(ad);
   const frozen_events frozen(ad->mailbox_genlist);
-  for (; rowless && count > 0; count--) {
-    item_data *item = (item_data *)rowless->data;
-    rowless = rowless->next;
-    _add_mail_row(ad, group_item, item, nullptr);
-  }
+  for (; rowless && count > 0; count -= rows_at_once) _make_some_rows(ad, group_item, count);
 }
 
 bool _is_last_row(appdata *ad, const Elm_Object_Item *it) {
@@ -254,7 +288,7 @@ static Eina_Bool _row_idler_cb(void *data) {
   _make_rows((appdata *)data, rows_at_once);
   if (rowless) return ECORE_CALLBACK_RENEW;
   row_idler = nullptr;
-  app_efl_memory_trim(); /* the records of the whole mailbox that were read for it */
+  app_efl_memory_trim(); /* what was read for them */
   return ECORE_CALLBACK_CANCEL;
 }
 
@@ -296,14 +330,12 @@ void _refresh_mailbox_list(appdata *ad) {
 
   BRISEL_INFO("ad->account_id : %d", ad->account_id);
   const int read_account = ad->account_id;
-  GSList *list = nullptr;
+  brisel_mail_place *read_places = nullptr;
   int mail_cnt = 0;
-  int result = brisel_db_get_full_noti_data_list_by_account_id(read_account, &list, &mail_cnt);
-  scoped_noti_list noti_list(list);
-  if (result != 0) {
-    BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", result);
-    mail_cnt = 0;
-  }
+  /* The list without what nobody sees yet; a failure is told as that of the list. */
+  int result = brisel_db_get_mail_places_by_account_id(read_account, &read_places, &mail_cnt);
+  const std::unique_ptr<brisel_mail_place, decltype(&g_free)> places(read_places, g_free);
+  if (result != 0) BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", result);
   BRISEL_INFO("mail_cnt = %d", mail_cnt);
 
   Elm_Object_Item *group_item = elm_genlist_first_item_get(gl);
@@ -329,25 +361,20 @@ void _refresh_mailbox_list(appdata *ad) {
 
   if (ad->account_id != read_account) {
     /* The account turned out to be gone and the header is the combined view's: so are the mails under it. */
-    noti_list.reset();
     _refresh_mailbox_list(ad);
     return;
   }
 
   /* The list is built backwards and turned once: appending walks the whole list each time. */
-  GSList *node = noti_list.get();
-  for (int i = 0; i < mail_cnt; i++) {
-    item_data *item = _make_list_data(node, ad);
-    if (node) node = node->next;
-    if (!item) {
+  for (const brisel_mail_place *place = read_places; place < read_places + mail_cnt; place++) {
+    item_data *item = _item_data_of_place(place->mail_id, place->received_time, place->security_locked, ad);
+    if (item)
+      ad->mail_list = g_list_prepend(ad->mail_list, item);
+    else
       BRISEL_INFO("item_data is NULL.");
-      if (!node) break; /* the store promised more mails than it gave */
-      continue;
-    }
-    ad->mail_list = g_list_prepend(ad->mail_list, item);
   }
   rowless = ad->mail_list = g_list_reverse(ad->mail_list);
-  _make_rows(ad, rows_at_once);
+  _make_rows(ad, rows_at_first);
   if (rowless) row_idler = ecore_idler_add(_row_idler_cb, ad);
   _set_delete_btn(ad, mail_cnt > 0);
 }

@@ -73,7 +73,7 @@ void _update_header(Elm_Object_Item *group_item);
 void _set_delete_btn(appdata *ad, bool enabled);
 /* Builds the list anew for ad->account_id. */
 void _refresh_mailbox_list(appdata *ad);
-/* Makes the rows that the last refresh left for idle time: before the model is touched. */
+/* Reads and makes the rows that the last refresh left for idle time: before the model is touched. */
 void _make_all_rows(appdata *ad);
 /* Whether no row follows, now or after the next idle time. */
 bool _is_last_row(appdata *ad, const Elm_Object_Item *it);

@@ -34,8 +34,8 @@ bool read_text(slab *s, sqlite3_stmt *q, int column, char **text) {
   return *text || !stored || bytes == 0;
 }
 
-/* Fills an empty record from the query's row; false when memory is short. */
-bool read_mail(slab *s, sqlite3_stmt *q, full_noti_data *mail) {
+/* Fills an empty record from the query's row, all but the body; false when memory is short. */
+bool read_row(slab *s, sqlite3_stmt *q, full_noti_data *mail) {
   mail->mail_id = sqlite3_column_int(q, col_id);
   mail->host_state = sqlite3_column_int(q, col_host_state);
   mail->received_time = static_cast<time_t>(sqlite3_column_int64(q, col_time));
@@ -49,9 +49,38 @@ bool read_mail(slab *s, sqlite3_stmt *q, full_noti_data *mail) {
   return read_text(s, q, col_tag, &mail->host_tag) && read_text(s, q, col_subject, &mail->subject) &&
          read_text(s, q, col_address, &mail->from_address) && read_text(s, q, col_name, &mail->from_name) &&
          read_text(s, q, col_uid, &mail->message_uid) &&
-         records_set_contacts(s, mail, contacts, sqlite3_column_bytes(q, col_contacts)) &&
-         read_text(s, q, col_body, &mail->body);
+         records_set_contacts(s, mail, contacts, sqlite3_column_bytes(q, col_contacts));
 }
+
+bool read_mail(slab *s, sqlite3_stmt *q, full_noti_data *mail) {
+  return read_row(s, q, mail) && read_text(s, q, col_body, &mail->body);
+}
+
+/* A list of mails while it grows: its cells lie beside its records. */
+struct growing_list {
+  slab *s = slab_new();
+  GSList *first = nullptr, **link = &first;
+  int length = 0;
+
+  full_noti_data *add(void) {
+    slab_mail *entry = s ? slab_add_mail(s) : nullptr;
+    if (!entry) return nullptr;
+    *link = &entry->cell;
+    link = &entry->cell.next;
+    length++;
+    return &entry->mail;
+  }
+  /* Hands it over, or frees it when status is an error. Returns status. */
+  int finish(int status, GSList **list, int *count) {
+    if (status || !first) {
+      first ? brisel_full_noti_data_list_free(first) : slab_free(s);
+      return status;
+    }
+    *list = first;
+    *count = length;
+    return 0;
+  }
+};
 
 bool read_account(sqlite3_stmt *q, account_data *account) {
   account->account_id = sqlite3_column_int(q, 0);
@@ -183,28 +212,72 @@ int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **lis
   int status = reader_start(account_id ? reader_mails_of_account : reader_mails, &q);
   if (!q) return status;
   if (account_id) sqlite3_bind_int(q, 1, account_id);
-  slab *s = slab_new();
-  if (!s) status = BRISEL_COMMON_ERROR_MEMORY;
-  GSList *first = nullptr, **link = &first;
-  int length = 0, r = SQLITE_DONE;
+  growing_list mails;
+  int r = SQLITE_DONE;
   while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
-    slab_mail *entry = slab_add_mail(s);
-    if (entry) {
-      *link = &entry->cell;
-      link = &entry->cell.next;
-      length++;
+    full_noti_data *mail = mails.add();
+    if (!mail || !read_mail(mails.s, q, mail)) status = BRISEL_COMMON_ERROR_MEMORY;
+  }
+  const int done = reader_done(q, status ? SQLITE_DONE : r);
+  return mails.finish(status ? status : done, list, count);
+}
+
+int brisel_db_get_mail_places_by_account_id(int account_id, brisel_mail_place **places, int *count) {
+  if (!places || !count || account_id < 0) return BRISEL_COMMON_ERROR_INVALID;
+  *places = nullptr;
+  *count = 0;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  sqlite3_stmt *q = nullptr;
+  int status = reader_start(account_id ? reader_places_of_account : reader_places, &q);
+  if (!q) return status;
+  if (account_id) sqlite3_bind_int(q, 1, account_id);
+  brisel_mail_place *all = nullptr;
+  int length = 0, room = 0, r = SQLITE_DONE;
+  while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
+    if (length == room) {
+      room = room ? room * 2 : 256;
+      brisel_mail_place *more = g_try_renew(brisel_mail_place, all, room);
+      if (!more) {
+        status = BRISEL_COMMON_ERROR_MEMORY;
+        break;
+      }
+      all = more;
     }
-    if (!entry || !read_mail(s, q, &entry->mail)) status = BRISEL_COMMON_ERROR_MEMORY;
+    all[length++] = {sqlite3_column_int(q, 0), static_cast<time_t>(sqlite3_column_int64(q, 1)),
+                     sqlite3_column_int(q, 2)};
   }
   const int done = reader_done(q, status ? SQLITE_DONE : r);
   if (!status) status = done;
-  if (status || !first) {
-    first ? brisel_full_noti_data_list_free(first) : slab_free(s);
+  if (status) {
+    g_free(all);
     return status;
   }
-  *list = first;
+  *places = all;
   *count = length;
   return 0;
+}
+
+int brisel_db_get_noti_rows_by_mail_ids(const int *ids, int ids_count, GSList **list, int *count) {
+  if (!list || !count || ids_count < 0 || (ids_count && !ids)) return BRISEL_COMMON_ERROR_INVALID;
+  *list = nullptr;
+  *count = 0;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  growing_list mails;
+  int status = mails.s ? 0 : BRISEL_COMMON_ERROR_MEMORY;
+  for (int i = 0; !status && i < ids_count; i++) {
+    sqlite3_stmt *q = nullptr;
+    status = reader_start(reader_row, &q);
+    if (!q) break;
+    sqlite3_bind_int(q, 1, ids[i]);
+    const int r = sqlite3_step(q);
+    if (r == SQLITE_ROW) {
+      full_noti_data *mail = mails.add();
+      if (!mail || !read_row(mails.s, q, mail)) status = BRISEL_COMMON_ERROR_MEMORY;
+    }
+    const int done = reader_done(q, r);
+    if (!status) status = done;
+  }
+  return mails.finish(status, list, count);
 }
 
 int brisel_db_get_full_noti_data_count_by_account_id(int account_id, int *count) {

@@ -16,18 +16,23 @@ constexpr char log_tag[] = "BRISEL_COMMON";
 /* Readers of a WAL store wait for nobody, except while a service that was killed is being cleaned up after. */
 constexpr int busy_ms = 1000;
 
-#define MAIL_COLUMNS                                                                                       \
+#define ROW_COLUMNS                                                                                        \
   "mail_id, host_state, received_time, attachment_count, has_image, is_new, account_id, security_locked, " \
-  "is_read, host_tag, subject, from_address, from_name, message_uid, contacts, body"
+  "is_read, host_tag, subject, from_address, from_name, message_uid, contacts"
+#define MAIL "SELECT " ROW_COLUMNS ", text FROM mail LEFT JOIN body USING (mail_id) "
+#define SCREEN_ORDER "ORDER BY received_time DESC, mail_id"
 
 constexpr const char *texts[reader_query_count] = {
     "SELECT count(*) FROM account",
     "SELECT account_id, account_value, email_address, display_name FROM account ORDER BY account_id",
     "SELECT account_id, account_value, email_address, display_name FROM account WHERE account_id = ?",
     "SELECT color FROM account WHERE account_id = ?",
-    "SELECT " MAIL_COLUMNS " FROM mail WHERE mail_id = ?",
-    "SELECT " MAIL_COLUMNS " FROM mail ORDER BY received_time DESC, mail_id",
-    "SELECT " MAIL_COLUMNS " FROM mail WHERE account_id = ? ORDER BY received_time DESC, mail_id",
+    MAIL "WHERE mail_id = ?",
+    MAIL SCREEN_ORDER,
+    MAIL "WHERE account_id = ? " SCREEN_ORDER,
+    "SELECT " ROW_COLUMNS " FROM mail WHERE mail_id = ?",
+    "SELECT mail_id, received_time, security_locked FROM mail " SCREEN_ORDER,
+    "SELECT mail_id, received_time, security_locked FROM mail WHERE account_id = ? " SCREEN_ORDER,
     "SELECT count(*) FROM mail",
     "SELECT count(*) FROM mail WHERE account_id = ?",
     "SELECT template_id, text FROM template ORDER BY position",

@@ -30,10 +30,10 @@ const std::array<field_rule, 15> mail_fields = {{
 
 namespace {
 
-/* Every column but mail_id, in the order of mail_fields. */
+/* Every column but mail_id, in the order of mail_fields; the body, the last of those, has its own table. */
 constexpr char mail_columns[] =
     "host_state, received_time, attachment_count, has_image, is_new, account_id, security_locked, is_read, host_tag, "
-    "subject, from_address, from_name, message_uid, contacts, body";
+    "subject, from_address, from_name, message_uid, contacts";
 
 /* Colours for accounts whose phone names none: apart from each other on a dark background. */
 constexpr uint32_t account_colors[] = {0x4A9EFFFF, 0xFF8A4AFF, 0x5FD068FF, 0xE46BD8FF, 0xFFD24AFF, 0x4AD9D9FF};
@@ -96,6 +96,21 @@ void bind_value(statement *s, size_t index, const field_value &value) {
   } else {
     s->bind(value.number);
   }
+}
+
+bool has_text(const field_value &value) {
+  return value.set && !value.null && !value.text.empty();
+}
+
+/* sqlite3_changes() then tells whether it is another one. */
+store_status update_body(store *st, int mail_id, const field_value &body) {
+  if (!has_text(body)) return statement(st, "DELETE FROM body WHERE mail_id = ?").bind(mail_id).run();
+  return statement(st,
+                   "INSERT INTO body (mail_id, text) VALUES (?, ?) ON CONFLICT DO UPDATE SET text = excluded.text"
+                   " WHERE text IS NOT excluded.text")
+      .bind(mail_id)
+      .bind(body.text)
+      .run();
 }
 
 void set_number(mail_values *values, size_t index, int64_t number) {
@@ -214,15 +229,23 @@ store_status store_add_mails(store *st, std::vector<mail_values> *mails, std::ve
   ids->clear();
   return transaction(st, [&]() -> store_status {
     const std::string sql =
-        std::string("INSERT INTO mail (") + mail_columns + ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+        std::string("INSERT INTO mail (") + mail_columns + ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
     statement insert(st, sql.c_str());
+    statement insert_body(st, sql_set_body);
+    int known_account = 0; /* mails of an account come together: one look for all of them */
     for (const mail_values &mail : *mails) {
       const int account = static_cast<int>(mail.field[field_account].number);
-      if (!account_exists(st, account)) return fail(st, store_invalid, "no account %d", account);
-      for (size_t i = 0; i < mail_fields.size(); i++) bind_value(&insert, i, mail.field[i]);
-      const store_status status = insert.run();
+      if (account != known_account && !account_exists(st, account))
+        return fail(st, store_invalid, "no account %d", account);
+      known_account = account;
+      for (size_t i = 0; i < field_body; i++) bind_value(&insert, i, mail.field[i]);
+      store_status status = insert.run();
       if (status) return status;
       const int64_t id = sqlite3_last_insert_rowid(st->db);
+      if (has_text(mail.field[field_body])) {
+        status = insert_body.bind(id).bind(mail.field[field_body].text).run();
+        if (status) return status;
+      }
       if (id > INT32_MAX) return fail(st, store_invalid, "there are no mail ids left");
       ids->push_back(static_cast<int>(id));
     }
@@ -240,7 +263,12 @@ store_status store_update_mail(store *st, int mail_id, const mail_values &values
     if (account.set && !account_exists(st, static_cast<int>(account.number)))
       return fail(st, store_invalid, "no account %d", static_cast<int>(account.number));
     bool changed = false;
-    for (size_t i = 0; i < mail_fields.size(); i++) {
+    if (values.field[field_body].set) {
+      const store_status updated = update_body(st, mail_id, values.field[field_body]);
+      if (updated) return updated;
+      changed = sqlite3_changes(st->db) > 0;
+    }
+    for (size_t i = 0; i < field_body; i++) {
       if (!values.field[i].set) continue;
       const std::string name = mail_fields[i].name;
       const std::string sql = "UPDATE mail SET " + name + " = ?1 WHERE mail_id = ?2 AND " + name + " IS NOT ?1";
@@ -265,7 +293,8 @@ store_status store_delete_mails(store *st, const std::vector<int> &ids) {
 
 store_status store_list_mails(store *st, int after_id, size_t limit, size_t bytes, std::vector<mail_values> *mails) {
   const std::string sql =
-      std::string("SELECT ") + mail_columns + ", mail_id FROM mail WHERE mail_id > ? ORDER BY mail_id";
+      std::string("SELECT ") + mail_columns +
+      ", text, mail.mail_id FROM mail LEFT JOIN body USING (mail_id) WHERE mail.mail_id > ? ORDER BY mail.mail_id";
   statement list(st, sql.c_str());
   list.bind(after_id);
   size_t used = 0;

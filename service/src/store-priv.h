@@ -133,7 +133,9 @@ inline store_status run_for_ids(store *st, const char *sql, const std::vector<in
   return store_ok;
 }
 
+/* Its body goes with it. */
 inline constexpr char sql_delete_mail[] = "DELETE FROM mail WHERE mail_id = ?";
+inline constexpr char sql_set_body[] = "INSERT OR REPLACE INTO body (mail_id, text) VALUES (?, ?)";
 
 inline store_status delete_and_tell(store *st, const std::vector<int> &ids, std::vector<int> *gone) {
   const store_status status = run_for_ids(st, sql_delete_mail, ids, gone);

@@ -106,7 +106,7 @@ store_status store_new_request_id(store *st, int64_t *id) {
 }
 
 store_status store_get_body(store *st, int mail_id, std::string *body, std::string *message_uid) {
-  statement get(st, "SELECT body, message_uid FROM mail WHERE mail_id = ?");
+  statement get(st, "SELECT text, message_uid FROM mail LEFT JOIN body USING (mail_id) WHERE mail_id = ?");
   const int r = get.bind(mail_id).step();
   if (r == SQLITE_DONE) return fail(st, store_invalid, "no mail %d", mail_id);
   if (r != SQLITE_ROW) return fail_sqlite(st);
@@ -133,8 +133,7 @@ store_status store_append_body(store *st, int mail_id, size_t have, const std::s
     }
     body += complete ? tag_complete : tag_more;
     if (body == before) return store_ok;
-    statement set(st, "UPDATE mail SET body = ? WHERE mail_id = ?");
-    status = set.bind(body).bind(mail_id).run();
+    status = statement(st, sql_set_body).bind(mail_id).bind(body).run();
     return status ? status : add_change(st, BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE, {mail_id});
   });
 }

@@ -35,7 +35,7 @@ struct field_rule {
   size_t max; /* bytes of a text, numbers of contacts */
 };
 
-/* The columns of a mail besides its id, in the table's order. */
+/* What is kept of a mail besides its id: the columns of its table in their order, and the body behind them. */
 extern const std::array<field_rule, 15> mail_fields;
 constexpr size_t field_account = 5;
 constexpr size_t field_time = 1;

@@ -47,11 +47,22 @@ struct Reader : testing::Test {
     int count = -1, counted = -1;
     EXPECT_EQ(0, brisel_db_get_full_noti_data_list_by_account_id(account, &list, &count));
     EXPECT_EQ(0, brisel_db_get_full_noti_data_count_by_account_id(account, &counted));
-    std::vector<int> ids;
+    std::vector<int> ids, placed;
     for (GSList *cell = list; cell; cell = cell->next)
       ids.push_back(static_cast<full_noti_data *>(cell->data)->mail_id);
     EXPECT_EQ(static_cast<int>(ids.size()), count);
     EXPECT_EQ(count, counted);
+    brisel_mail_place *places = nullptr;
+    EXPECT_EQ(0, brisel_db_get_mail_places_by_account_id(account, &places, &counted));
+    GSList *cell = list;
+    for (int i = 0; i < counted; i++) placed.push_back(places[i].mail_id);
+    for (int i = 0; cell && i < counted; i++, cell = cell->next) {
+      const full_noti_data *mail = static_cast<full_noti_data *>(cell->data);
+      EXPECT_EQ(mail->received_time, places[i].received_time);
+      EXPECT_EQ(mail->security_locked, places[i].security_locked);
+    }
+    EXPECT_EQ(ids, placed);
+    g_free(places);
     brisel_full_noti_data_list_free(list);
     return ids;
   }
@@ -113,7 +124,7 @@ TEST_F(Reader, WhatIsNoReadableStoreIsAnErrorAndStaysAsItIs) {
   make_store();
   run_sql("PRAGMA user_version = 99");
   expect_all(BRISEL_COMMON_ERROR_STORE, BRISEL_COMMON_ERROR_STORE);
-  run_sql("PRAGMA user_version = 2; DROP TABLE mail");
+  run_sql("PRAGMA user_version = 3; DROP TABLE mail");
   int count = 0;
   EXPECT_EQ(BRISEL_COMMON_ERROR_STORE, brisel_db_get_full_noti_data_count_by_account_id(0, &count));
   EXPECT_EQ(0, brisel_db_get_all_account_count(&count));
@@ -123,7 +134,8 @@ TEST_F(Reader, MailsComeNewestFirstAndEqualTimesById) {
   make_store();
   run_sql(
       "INSERT INTO mail (mail_id, account_id, received_time) VALUES (1, 1, 50), (2, 2, 70), (3, 1, 70), (4, 2, 10), "
-      "(5, 1, 2147483647), (6, 2, 70)");
+      "(5, 1, 2147483647), (6, 2, 70);"
+      "UPDATE mail SET security_locked = 1 WHERE mail_id = 3");
   EXPECT_EQ((std::vector<int>{5, 2, 3, 6, 1, 4}), ids_of(0));
   EXPECT_EQ((std::vector<int>{5, 3, 1}), ids_of(1));
   EXPECT_EQ((std::vector<int>{2, 6, 4}), ids_of(2));
@@ -135,12 +147,13 @@ TEST_F(Reader, FieldsComeAsStoredAndWithoutSurprises) {
   run_sql(
       "INSERT INTO mail (mail_id, account_id, received_time) VALUES (1, 1, 5);"
       "INSERT INTO mail VALUES (2, -4, 2000000000, 3, 1, 0, 2, 1, 1, 'tag', 'Тема', 'a@b', 'Name', 'uid', "
-      "'2 +44 1' || char(10) || '0 5' || char(10), 'text');"
+      "'2 +44 1' || char(10) || '0 5' || char(10));"
+      "INSERT INTO body VALUES (2, 'text');"
       /* Nothing that the service writes; someone else did. */
-      "INSERT INTO mail (mail_id, account_id, received_time, subject, from_name, contacts, body) VALUES "
-      "(3, 1, 4, CAST(x'41FF42' AS TEXT), '', 'nonsense' || char(10) || '1', x'C3');"
-      "INSERT INTO mail (mail_id, account_id, received_time, subject, body) VALUES "
-      "(4, 'x', 'y', 12, printf('%.*c', 3000000, 'b'))");
+      "INSERT INTO mail (mail_id, account_id, received_time, subject, from_name, contacts) VALUES "
+      "(3, 1, 4, CAST(x'41FF42' AS TEXT), '', 'nonsense' || char(10) || '1');"
+      "INSERT INTO mail (mail_id, account_id, received_time, subject) VALUES (4, 'x', 'y', 12);"
+      "INSERT INTO body VALUES (3, x'C3'), (4, printf('%.*c', 3000000, 'b'))");
   full_noti_data *one = brisel_full_noti_data_create();
   GSList *list = nullptr;
   int count = 0;
@@ -205,7 +218,9 @@ TEST_F(Reader, FieldsComeAsStoredAndWithoutSurprises) {
 
 TEST_F(Reader, TheApplicationMayReplaceTextsAndContacts) {
   make_store();
-  run_sql("INSERT INTO mail (mail_id, account_id, received_time, body, contacts) VALUES (1, 1, 5, 'old', '1 23')");
+  run_sql(
+      "INSERT INTO mail (mail_id, account_id, received_time, contacts) VALUES (1, 1, 5, '1 23');"
+      "INSERT INTO body VALUES (1, 'old')");
   static int freed;
   freed = 0;
   brisel_full_noti_data_set_contact_free([](gpointer contact) {

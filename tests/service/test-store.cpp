@@ -36,7 +36,7 @@ std::string dump(const std::string &file) {
   sqlite3 *db = nullptr;
   std::string text;
   EXPECT_EQ(SQLITE_OK, sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr));
-  for (const char *table : {"account", "mail", "template", "changes", "state", "outbox", "done"}) {
+  for (const char *table : {"account", "mail", "body", "template", "changes", "state", "outbox", "done"}) {
     text += std::string(table) + ":\n";
     sqlite3_stmt *s = nullptr;
     EXPECT_EQ(SQLITE_OK, sqlite3_prepare_v2(db, (std::string("SELECT * FROM ") + table).c_str(), -1, &s, nullptr))
@@ -73,6 +73,7 @@ mail_values mail_of(int account, const char *subject) {
   mail.field[field_account] = {true, false, account, ""};
   mail.field[field_time] = {true, false, 1000, ""};
   mail.field[static_cast<size_t>(mail_field_index("subject"))] = {true, false, 0, subject};
+  if (*subject == 't') mail.field[field_body] = {true, false, 0, "a body"};
   return mail;
 }
 
@@ -267,7 +268,7 @@ TEST(Opening, RefusesWhatIsNoStoreOfItsOwnAndLeavesItAlone) {
       {"text", "this is a letter, not a database, however long it may be", "", "is not a database"},
       {"a broken header", std::string("SQLite format 3\0", 16) + std::string(2000, '\7'), "", "is not a database"},
       {"another program's", "", "CREATE TABLE song (name TEXT)", "a database of something else"},
-      {"newer", "", own + "CREATE TABLE mail (x); PRAGMA user_version = 3", "written by a newer version"},
+      {"newer", "", own + "CREATE TABLE mail (x); PRAGMA user_version = 99", "written by a newer version"},
       {"negative", "", own + "CREATE TABLE mail (x); PRAGMA user_version = -1", "no valid schema number"},
   };
   for (const auto &row : rows) {
