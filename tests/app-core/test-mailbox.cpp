@@ -215,6 +215,9 @@ TEST_F(mailbox, TheAccountPopupChooses) {
   tap(middle_of(elm_object_item_part_content_get(row, "elm.icon")));
   EXPECT_EQ(test_ad.account_id, accounts[0]) << "the radio is part of its row";
   EXPECT_EQ(test_ad.account_popup, nullptr);
+  press_long(header());
+  key("XF86Back");
+  EXPECT_EQ(test_ad.account_popup, nullptr);
 }
 
 /* --- what the rows look like --- */

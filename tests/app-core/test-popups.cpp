@@ -222,15 +222,3 @@ TEST_F(popups, ToastsGoByThemselvesByTouchAndByBack) {
     EXPECT_TRUE(gone("Done & gone")) << c.way;
   }
 }
-
-TEST_F(popups, NoneIsMadeWithoutWhatItNeeds) {
-  log_mark();
-  EXPECT_EQ(brisel_util_create_basic_2button_popup_with_app_data(&test_ad, nullptr, "IDS_EMAIL_BODY_DELETED", answer_cb,
-                                                                 answer_cb, nullptr, answer_cb, "y"),
-            nullptr);
-  EXPECT_EQ(log_lines(), (std::vector<std::string>{"I/Enter", "I/btn1_response_cb or btn1_text is NULL"}));
-  log_mark();
-  brisel_create_toast_popup(nullptr, "x");
-  EXPECT_EQ(brisel_create_progress_popup(nullptr, "process"), nullptr);
-  EXPECT_EQ(log_lines(), (std::vector<std::string>{"I/Enter", "E/ad is NULL!", "I/Enter", "E/ad is NULL!"}));
-}

@@ -273,13 +273,3 @@ TEST_F(screens, KeysMoveAFocusThatShows) {
   tap({160, 300});
   EXPECT_FALSE(elm_win_focus_highlight_enabled_get(test_ad.win_main)) << "a finger needs none";
 }
-
-TEST_F(screens, PauseAndResumeWithoutAReaderWarn) {
-  app_start();
-  log_mark();
-  EXPECT_EQ(app_pause(&test_ad), 0);
-  EXPECT_EQ(app_resume(&test_ad), 0);
-  int warned = 0;
-  for (const std::string &line : log_lines()) warned += line == "W/view_data for BRISEL_VIEW_TYPE_DETAIL_VIEW is NULL!";
-  EXPECT_EQ(warned, 2);
-}

@@ -2,13 +2,10 @@
 import html
 import re
 
-from brisel_test import equal, mail, main, middle, options
+from brisel_test import equal, mail, main, middle
 
 
-def typed_reply(s, language=None):
-    if language:
-        s.language = language[:2]
-        s.setting("db/menu_widget/language", "string", language)
+def typed_reply(s):
     account = s.account("me@example.net")
     s.phone("account", "count", "known")
     s.serve()
@@ -58,26 +55,6 @@ def test_a_reply_written_by_touch_alone(s):
     s.wait_text("Hi 😀<3ok")
     send(s)
     equal(reply_text(s), "Hi 😀<3ok", "text at the phone")
-
-
-def test_a_reply_in_the_language_of_the_watch(s):
-    typed_reply(s, "ru_RU.UTF-8")
-    keys(s, "Д", "а", "ю")
-    s.wait_text("Даю")
-    send(s)
-    equal(reply_text(s), "Даю", "text at the phone")
-
-
-@options(size="360x480")
-def test_back_closes_the_keypad_first(s):
-    typed_reply(s)
-    keys(s, "Q")
-    s.watch("key", "back")
-    s.wait_gone("123")
-    equal(len(s.dump()["views"]), 3, "views after the first back")
-    s.watch("key", "back")
-    s.wait(lambda: len(s.dump()["views"]) == 2, "the view to close")
-    equal(s.requests("reply"), [], "replies")
 
 
 if __name__ == "__main__":

@@ -138,17 +138,6 @@ def test_count_known_later_builds_the_screen_once(s):
     equal(len(s.dump()["views"]), 1, "views")
 
 
-def test_first_account_replaces_the_set_up_popup(s):
-    s.serve()
-    s.phone("account", "count", "known")
-    s.launch()
-    s.wait_text(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
-    a = s.account("account0@example.net")
-    s.wait_gone(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
-    put(s, a, "S1", T0)
-    s.wait(lambda: senders(s) == ["S1"], "the list")
-
-
 def test_opened_mail_deleted_closes_every_view(s):
     a, _ = arrange(s)
     one, two = put(s, a, "S1", T0), put(s, a, "S2", T0 + 1)

@@ -15,7 +15,6 @@
 
 #include "app_efl.h"
 #include "efl_assist.h"
-#include "genlist-fx.h"
 
 /* What the toolkit itself never frees, also in a program that only opens and closes an empty window: the records of
    smart objects, in a function without a name, and its list of modules. */
@@ -54,108 +53,11 @@ Evas_Object *fill(Evas_Object *obj) {
   return obj;
 }
 
-/* --- a list --- */
-
-char *row_text(void *data, Evas_Object *obj, const char *part) {
-  char text[32];
-  snprintf(text, sizeof(text), "Row %ld", static_cast<long>(reinterpret_cast<intptr_t>(data)));
-  return strdup(text);
-}
-
-void row_event(void *data, Evas_Object *obj, void *event_info) {
-  auto *item = static_cast<Elm_Object_Item *>(event_info);
-  tell("%s %ld", static_cast<const char *>(data),
-       static_cast<long>(reinterpret_cast<intptr_t>(elm_object_item_data_get(item))));
-}
-
-void list_scene(void) {
-  static Elm_Genlist_Item_Class *rows;
-  if (!rows) {
-    rows = elm_genlist_item_class_new();
-    rows->item_style = "default";
-    rows->func.text_get = row_text;
-  }
-  scene = fill(elm_genlist_add(win));
-  for (const char *name : {"selected", "longpressed", "drag,start,left", "drag,start,right", "clicked,double"})
-    evas_object_smart_callback_add(scene, name, row_event, name);
-  for (intptr_t i = 0; i < 60; i++)
-    elm_genlist_item_append(scene, rows, reinterpret_cast<void *>(i), nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
-}
-
-/* --- gestures --- */
-
-Evas_Event_Flags tapped(void *data, void *event_info) {
-  const auto *info = static_cast<Elm_Gesture_Taps_Info *>(event_info);
-  tell("%s at %d,%d", static_cast<const char *>(data), info->x, info->y);
-  return EVAS_EVENT_FLAG_NONE;
-}
-
-Evas_Event_Flags zoomed(void *data, void *event_info) {
-  const auto *info = static_cast<Elm_Gesture_Zoom_Info *>(event_info);
-  tell("%s %.3f at %d,%d", static_cast<const char *>(data), info->zoom, info->x, info->y);
-  return EVAS_EVENT_FLAG_NONE;
-}
-
-void gesture_scene(void) {
-  scene = fill(elm_bg_add(win));
-  Evas_Object *layer = elm_gesture_layer_add(scene);
-  elm_gesture_layer_attach(layer, scene);
-  auto on = [layer](Elm_Gesture_Type type, Elm_Gesture_State state, Elm_Gesture_Event_Cb callback, const char *name) {
-    elm_gesture_layer_cb_set(layer, type, state, callback, const_cast<char *>(name));
-  };
-  on(ELM_GESTURE_N_TAPS, ELM_GESTURE_STATE_END, tapped, "tap");
-  on(ELM_GESTURE_N_DOUBLE_TAPS, ELM_GESTURE_STATE_END, tapped, "double tap");
-  on(ELM_GESTURE_N_LONG_TAPS, ELM_GESTURE_STATE_END, tapped, "long tap");
-  on(ELM_GESTURE_ZOOM, ELM_GESTURE_STATE_START, zoomed, "zoom start");
-  on(ELM_GESTURE_ZOOM, ELM_GESTURE_STATE_END, zoomed, "zoom end");
-}
-
-/* --- pages --- */
-
-void page_changed(void *data, Evas_Object *obj, void *event_info) {
-  int page;
-  elm_scroller_current_page_get(obj, &page, nullptr);
-  tell("page %d", page);
-}
+/* --- what is drawn --- */
 
 void page_scene(void) {
-  scene = fill(elm_scroller_add(win));
-  elm_scroller_policy_set(scene, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_OFF);
-  elm_scroller_page_relative_set(scene, 1.0, 0.0);
-  elm_scroller_page_scroll_limit_set(scene, 1, 0);
-  Evas_Object *box = elm_box_add(scene);
-  elm_box_horizontal_set(box, EINA_TRUE);
-  int w;
-  int h;
-  evas_object_geometry_get(win, nullptr, nullptr, &w, &h);
-  for (int i = 0; i < 3; i++) {
-    Evas_Object *page = evas_object_rectangle_add(evas_object_evas_get(win));
-    evas_object_color_set(page, 40 * i, 80, 120, 255);
-    evas_object_size_hint_min_set(page, w, h);
-    evas_object_show(page);
-    elm_box_pack_end(box, page);
-  }
-  elm_object_content_set(scene, box);
-  evas_object_smart_callback_add(scene, "scroll,page,changed", page_changed, nullptr);
-}
-
-/* --- text --- */
-
-void entry_changed(void *data, Evas_Object *obj, void *event_info) {
-  char *plain = elm_entry_markup_to_utf8(elm_entry_entry_get(obj));
-  tell("entry %s", plain);
-  free(plain);
-}
-
-void entry_focus(void *data, Evas_Object *obj, void *event_info) {
-  tell("entry %s", static_cast<const char *>(data));
-}
-
-void entry_scene(void) {
-  scene = fill(elm_entry_add(win));
-  elm_entry_scrollable_set(scene, EINA_TRUE);
-  evas_object_smart_callback_add(scene, "changed,user", entry_changed, nullptr);
-  evas_object_smart_callback_add(scene, "focused", entry_focus, "focused");
+  scene = fill(evas_object_rectangle_add(evas_object_evas_get(win)));
+  evas_object_color_set(scene, 0, 80, 120, 255);
 }
 
 Evas_Object *put_text(Evas_Object *parent, const char *text, int x, int y) {
@@ -245,10 +147,7 @@ void send(const std::string &id) {
 void show_scene(const std::string &name) {
   if (scene) evas_object_del(scene);
   scene = nullptr;
-  if (name == "list") list_scene();
-  if (name == "gesture") gesture_scene();
   if (name == "page") page_scene();
-  if (name == "entry") entry_scene();
   if (name == "text") text_scene();
   if (name == "key") key_scene();
 }
@@ -271,7 +170,6 @@ void action(const std::string &name) {
   if (name == "hide-key") evas_object_hide(key_objects[1]);
   if (name == "delete-key") evas_object_del(key_objects[1]);
   if (name == "zone") tell("zone %s %ld", getenv("TZ"), -timezone);
-  if (name == "focus") elm_object_focus_set(scene, EINA_TRUE);
   if (name == "exit") app_efl_exit();
 }
 

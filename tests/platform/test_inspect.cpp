@@ -14,89 +14,19 @@ namespace {
 
 const char probe[] = PROBE;
 
-/* A probe that shows one scene; `told` is what it said since. */
+/* A probe that shows one scene. */
 struct scene {
   explicit scene(const std::string &name) : app({probe, "scene=" + name}) {
     app.until("service scene=" + name + " do= x=");
     dump(); /* laid out and drawn */
   }
-  lines told() {
-    must({"launch", "x=end"});
-    return app.until("service scene= do= x=end");
-  }
   child app;
 };
-
-bool has(const lines &told, const std::string &line) {
-  return std::find(told.begin(), told.end(), line) != told.end();
-}
 
 nlohmann::json text(const nlohmann::json &all, const std::string &wanted) {
   for (const auto &one : all["texts"])
     if (one["text"] == wanted) return one;
   return nullptr;
-}
-
-std::string middle(const nlohmann::json &shown, const char *from, const char *size) {
-  return std::to_string(shown[from].get<int>() + shown[size].get<int>() / 2);
-}
-
-TEST(Inspect, MovesAListAsAFingerDoes) {
-  scene s("list");
-  const nlohmann::json row = text(dump(), "Row 2");
-  ASSERT_TRUE(row.is_object());
-  const std::string x = middle(row, "x", "width");
-  const std::string y = middle(row, "y", "height");
-  must({"tap", x, y});
-  EXPECT_EQ(s.told(), lines{"selected 2"});
-  must({"press", x, y, "1.5"});
-  EXPECT_TRUE(has(s.told(), "longpressed 2"));
-  must({"drag", "250", y, "60", y});
-  EXPECT_TRUE(has(s.told(), "drag,start,left 2"));
-  must({"drag", "60", y, "250", y, "0.5"});
-  EXPECT_TRUE(has(s.told(), "drag,start,right 2"));
-  must({"drag", "160", "280", "160", "40", "0.15"});
-  EXPECT_EQ(s.told(), lines{}) << "a scroll selects nothing";
-  EXPECT_TRUE(text(dump(), "Row 0").is_null()) << "flung away";
-}
-
-TEST(Inspect, MakesGesturesThatTheGestureLayerKnows) {
-  scene s("gesture");
-  must({"tap", "100", "120"});
-  s.app.until("tap at 100,120"); /* the layer waits whether a second tap follows */
-  must({"doubletap", "100", "120"});
-  EXPECT_TRUE(has(s.told(), "double tap at 100,120"));
-  must({"press", "100", "120", "1.6"});
-  EXPECT_TRUE(has(s.told(), "long tap at 100,120"));
-  for (const char *factor : {"2", "1.5", "0.5", "1.25", "0.8", "3"}) {
-    must({"pinch", "160", "160", factor});
-    char end[64];
-    snprintf(end, sizeof(end), "zoom end %.3f at 160,160", atof(factor));
-    const lines told = s.told();
-    EXPECT_TRUE(has(told, end)) << factor << ": " << (told.empty() ? "nothing" : told.back());
-  }
-}
-
-TEST(Inspect, TurnsOnePageASwipe) {
-  scene s("page");
-  must({"drag", "280", "160", "40", "160"});
-  EXPECT_EQ(s.told(), lines{"page 1"});
-  must({"drag", "280", "160", "40", "160", "0.1"});
-  EXPECT_EQ(s.told(), lines{"page 2"});
-  must({"drag", "40", "160", "280", "160"});
-  EXPECT_EQ(s.told(), lines{"page 1"});
-}
-
-TEST(Inspect, TypesWhatIsFocused) {
-  scene s("entry");
-  must({"launch", "do=focus"});
-  EXPECT_TRUE(has(s.told(), "entry focused"));
-  const std::string typed = "Grüße <b> & 日本 😀";
-  must({"type", typed});
-  const lines told = s.told();
-  ASSERT_FALSE(told.empty());
-  EXPECT_EQ(told.back(), "entry " + typed);
-  EXPECT_TRUE(text(dump(), typed).is_object());
 }
 
 TEST(Inspect, SeesTheTextsThatAPersonSees) {
