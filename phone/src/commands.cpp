@@ -10,6 +10,7 @@
 #include "mail-files.h"
 #include "parser.h"
 #include "relay.h"
+#include "watch.h"
 
 namespace {
 
@@ -43,16 +44,6 @@ json record_json(const host_record &record, std::initializer_list<const char *> 
     if (!out.contains(name)) out[name] = value;
   for (const auto &[name, value] : record.texts)
     if (!out.contains(name)) out[name] = value;
-  return out;
-}
-
-std::string local_time(int64_t seconds) {
-  GDateTime *date = g_date_time_new_from_unix_local(seconds);
-  if (!date) return std::to_string(seconds);
-  char *text = g_date_time_format(date, "%Y-%m-%d %H:%M");
-  std::string out = text;
-  g_free(text);
-  g_date_time_unref(date);
   return out;
 }
 
@@ -105,7 +96,7 @@ int command_account_add(const std::string &address, const std::string &name, con
     return complain("'" + color + "' is no colour: eight hexadecimal digits RRGGBBAA");
   if (mime_clean_line(address, SIZE_MAX) != address || address.empty())
     return complain("the address is empty or no plain text");
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   if (!bus) return complain(error);
   int given = host_add_account(bus.get(), id, address, mime_clean_line(name, SIZE_MAX), rgba, &error);
   if (given < 0) return complain(error);
@@ -115,7 +106,7 @@ int command_account_add(const std::string &address, const std::string &name, con
 
 int command_account_remove(int id) {
   std::string error;
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   if (!bus) return complain(error);
   return host_remove_account(bus.get(), id, &error) < 0 ? complain(error) : 0;
 }
@@ -123,7 +114,7 @@ int command_account_remove(int id) {
 int command_account_list(bool as_json) {
   std::string error;
   std::vector<host_record> accounts;
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   if (!bus || host_list_accounts(bus.get(), &accounts, &error) < 0) return complain(error);
   std::vector<std::string> lines;
   for (const host_record &account : accounts) {
@@ -144,7 +135,7 @@ int command_account_list(bool as_json) {
 
 int command_account_count(bool known) {
   std::string error;
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   return !bus || host_set_account_count(bus.get(), known, &error) < 0 ? complain(error) : 0;
 }
 
@@ -153,7 +144,7 @@ int command_mail_send(const std::vector<std::string> &files, const send_options 
   mime_init();
   phone_state_holder state(phone_state_open(&error));
   if (!state) return complain(error);
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   if (!bus) return complain(error);
   sending s = {};
   s.bus = bus.get();
@@ -182,7 +173,7 @@ int command_mail_send(const std::vector<std::string> &files, const send_options 
 
 int command_mail_update(int id, const mail_change &change) {
   std::string error;
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   if (!bus) return complain(error);
   mail_change clean = change;
   clean.subject = mime_clean_line(change.subject, 4096);
@@ -193,7 +184,7 @@ int command_mail_delete(const std::vector<int> &ids) {
   std::string error;
   phone_state_holder state(phone_state_open(&error));
   if (!state) return complain(error);
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   if (!bus || host_delete_mails(bus.get(), ids, &error) < 0) return complain("nothing was deleted: " + error);
   if (relay_forget_mails(state.get(), ids) < 0) return complain(phone_state_error(state.get()));
   return 0;
@@ -202,7 +193,7 @@ int command_mail_delete(const std::vector<int> &ids) {
 int command_mail_list(bool as_json) {
   std::string error;
   std::vector<host_record> mails;
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   if (!bus || host_list_mails(bus.get(), &mails, &error) < 0) return complain(error);
   std::vector<std::string> lines;
   for (const host_record &mail : mails) {
@@ -230,7 +221,7 @@ int command_mail_list(bool as_json) {
 
 int command_template_set(const std::vector<std::string> &texts) {
   std::string error;
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   if (!bus) return complain(error);
   std::vector<std::string> clean;
   for (const std::string &text : texts) clean.push_back(mime_to_utf8(text, "utf-8"));
@@ -240,7 +231,7 @@ int command_template_set(const std::vector<std::string> &texts) {
 int command_template_list(bool as_json) {
   std::string error;
   std::vector<std::pair<int, std::string>> templates;
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   if (!bus || host_list_templates(bus.get(), &templates, &error) < 0) return complain(error);
   std::vector<std::string> lines;
   for (const auto &[id, text] : templates) {
@@ -255,7 +246,7 @@ int command_template_list(bool as_json) {
 
 int command_status(const char *kind, int value) {
   std::string error;
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   return !bus || host_set_status(bus.get(), kind, value, &error) < 0 ? complain(error) : 0;
 }
 
@@ -324,7 +315,7 @@ int command_demo(const std::string &dir) {
   if (read_demo(dir, &demo, &error) < 0) return complain(error);
   phone_state_holder state(phone_state_open(&error));
   if (!state) return complain(error);
-  host_bus_holder bus = host_open_session(&error);
+  host_bus_holder bus = watch_open(&error);
   if (!bus) return complain(error);
   std::map<std::string, int> accounts;
   for (const json &entry : demo["accounts"]) {

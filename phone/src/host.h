@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "brisel-bus.h"
+#include "carrier.h"
 
 enum host_result {
   HOST_OK = 0,
@@ -26,12 +27,29 @@ enum host_result {
   HOST_LATER = -4    /* the watch cannot write it down now: nothing was changed */
 };
 
+/* What each side tells the other of itself before anything else. */
+struct phone_identity {
+  std::string id, name;
+};
+struct watch_identity {
+  unsigned version = 1; /* 1: it has no Introduce */
+  std::string id, name;
+  bool zlib = false; /* it takes bodies that were made small */
+};
+
 /* A connection to the service. */
 struct host_bus {
   sd_bus *bus = nullptr;
-  bool peer = false;            /* the other end is the service, and nobody else is on it */
-  std::string owner;            /* on the session bus: the service's own name there, once it was looked at */
-  uint64_t patience = 60000000; /* microseconds that an answer is waited for */
+  bool peer = false;            /* a stream: the other end is the service's gate, and nobody else is on it */
+  std::string owner;            /* the service process: its own name on the session bus, once it was looked at; of a
+                                   stream a name that this end made up */
+  uint64_t patience = 60000000; /* microseconds that an answer, of a stream any sign of life, is waited for */
+  watch_identity watch;         /* once it was introduced */
+  /* A stream's own. */
+  carrier way;
+  uint64_t heard = 0; /* CLOCK_BOOTTIME in microseconds: when something came last */
+  size_t on_way = 0;  /* bytes of calls that are not answered */
+  int nudge_fd = -1;  /* readable when the network changed: then life is doubted sooner. Not its own */
 
   host_bus() = default;
   ~host_bus();
@@ -79,7 +97,25 @@ host_bus_holder host_open_session(std::string *error);
    own program is taken for it: whoever else waits for the name is told nothing. Every call does that when it is due. */
 int host_find(host_bus *bus, std::string *error);
 
+/* Starts a stream to the watch and returns at once: what is called waits until it is there. NULL with a reason. */
+host_bus_holder host_open_stream(const carrier_address &address, const carrier_keys &keys, std::string *error);
+/* Ends a stream: every call fails, and its user is told as of any other end. */
+void host_hang_up(host_bus *bus);
+/* Why a stream ended, or what keeps it from being there, in words for people. */
+std::string host_stream_trouble(const host_bus &bus);
+
+/* Tells who calls, learns who answers (bus->watch), and whether the two can work together. An older service that has no
+   such call is no error. */
+int host_introduce(host_bus *bus, const phone_identity &me, std::string *error);
+/* The same without waiting; the callback hands the answer to host_introduced. Returns 0, or an errno below 0. */
+int host_introduce_begin(host_bus *bus, const phone_identity &me, uint64_t patience, sd_bus_message_handler_t callback,
+                         void *user_data, sd_bus_slot **slot);
+int host_introduced(host_bus *bus, sd_bus_message *answer, std::string *error);
+
 /* Makes this connection the phone. */
+int host_connect_begin(host_bus *bus, uint64_t patience, sd_bus_message_handler_t callback, void *user_data,
+                       sd_bus_slot **slot);
+int host_connected(host_bus *bus, sd_bus_message *answer, std::string *error);
 int host_connect(host_bus *bus, std::string *error);
 int host_add_account(host_bus *bus, int id, const std::string &address, const std::string &name, uint32_t rgba,
                      std::string *error); /* returns the id */

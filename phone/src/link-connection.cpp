@@ -1,4 +1,4 @@
-/* The connection itself: made, lost, made again, and ended. */
+/* What the connections of both kinds share: the loop, its end, and what follows when the watch comes and goes. */
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/time.h>
@@ -8,10 +8,11 @@
 #include <cstring>
 
 #include "link-parts.h"
+#include "state-relay.h"
 
 namespace {
 
-constexpr uint64_t kSecond = 1000000, kShortestDelay = kSecond / 4, kLongestDelay = 60 * kSecond;
+constexpr uint64_t kSecond = 1000000;
 constexpr suseconds_t kGraceMicroseconds = 800000;
 
 /* --- the end --- */
@@ -57,103 +58,29 @@ int catch_signals(phone_link *link) {
   return sd_event_add_io(link->event, nullptr, link->stop_fd, EPOLLIN, stopped_cb, link);
 }
 
-/* --- coming and going --- */
-
-int connect_now(phone_link *link);
-
-int retry_cb(sd_event_source *source, uint64_t usec, void *user_data) {
-  auto *link = static_cast<phone_link *>(user_data);
-  if (!link->connected) connect_now(link);
-  return 0;
-}
-
-/* One try later, not a beat: with the service in place this timer is off. */
-void retry_later(phone_link *link) {
-  link->delay = std::clamp(link->delay * 2, kShortestDelay, kLongestDelay);
-  link_timer(link, &link->retry, link->delay, retry_cb);
-}
-
-/* Returns 0; 1 when another phone is connected. */
-int connect_now(phone_link *link) {
-  std::string error;
-  int result = host_connect(link->bus.get(), &error);
-  if (result == HOST_BUSY) {
-    link_fail(link, error);
-    return 1;
-  }
-  if (result < 0) {
-    if (!sd_bus_is_open(link->bus->bus)) {
-      link_fail(link, "the session bus is gone");
-      return 0;
-    }
-    if (link->delay == 0) link_log(error + "; waiting for it");
-    retry_later(link);
-    return 0;
-  }
-  link->connected = true;
-  link->owner = link->bus->owner;
-  link->told = false;
-  if (link->retry) sd_event_source_set_enabled(link->retry, SD_EVENT_OFF);
-  sd_event_now(link->event, CLOCK_MONOTONIC, &link->connected_at);
-  if (link->handlers->connected) link->handlers->connected(link, link->user_data);
-  return 0;
-}
-
-int owner_changed_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
-  auto *link = static_cast<phone_link *>(user_data);
-  const char *name = nullptr, *before = nullptr, *after = nullptr;
-  if (sd_bus_message_read(m, "sss", &name, &before, &after) < 0) return 0;
-  /* News of a process before the one that is connected came late: what this one sent must not be forgotten for it, as
-     it is not sent again. */
-  if (link->connected && (link->owner == after || link->owner != before)) return 0;
-  bool had = link->connected;
-  link->connected = false;
-  link->bus->owner.clear();
-  requests_forget(link);
-  if (*after) {
-    link->delay = 0;
-    link_timer(link, &link->retry, 0, retry_cb);
-  } else if (had) {
-    /* It is started again at once, unless it keeps falling over. */
-    uint64_t now = 0;
-    sd_event_now(link->event, CLOCK_MONOTONIC, &now);
-    if (now - link->connected_at > 5 * kSecond) link->delay = 0;
-    retry_later(link);
-  }
-  return 0;
-}
-
-int disconnected_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
-  auto *link = static_cast<phone_link *>(user_data);
-  link->connected = false;
-  link_fail(link, "the session bus is gone");
-  return 0;
-}
-
-int follow_bus(phone_link *link) {
-  sd_bus *bus = link->bus->bus;
-  int r = sd_bus_attach_event(bus, link->event, SD_EVENT_PRIORITY_NORMAL);
-  if (r >= 0) r = sd_bus_match_signal(bus, nullptr, nullptr, host_path, phone_interface, "Request", request_cb, link);
-  if (r >= 0)
-    r = sd_bus_add_match(bus, nullptr,
-                         "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
-                         "member='NameOwnerChanged',arg0='com.vextora.brisel.Host'",
-                         owner_changed_cb, link);
-  if (r >= 0)
-    r = sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus.Local", nullptr, "org.freedesktop.DBus.Local",
-                            "Disconnected", disconnected_cb, link);
-  return r;
-}
-
 int set_up(phone_link *link, std::string *error) {
-  link->bus = host_open_session(error);
-  if (!link->bus) return -1;
+  if (phone_identity_load("", &link->me, error) < 0) return -1;
+  link->lock_fd = phone_state_lock("link.lock", error);
+  if (link->lock_fd < 0) {
+    if (error->empty()) *error = "this phone is linked already: another relay or serve runs";
+    return -1;
+  }
   int r = sd_event_new(&link->event);
   if (r >= 0) r = catch_signals(link);
   if (r >= 0) r = requests_start(link);
-  if (r >= 0) r = follow_bus(link);
-  if (r < 0) *error = std::string("the session bus cannot be used: ") + strerror(-r);
+  if (r < 0) *error = std::string("the event loop cannot be set up: ") + strerror(-r);
   return r < 0 ? -1 : 0;
+}
+
+/* What `relay status` and `watches` tell of the link. */
+void note_link(phone_link *link) {
+  std::string name = link->bus ? link->bus->watch.name : "";
+  nlohmann::json note = {{"watch", name},
+                         {"linked_since", link->connected ? link->last_seen : 0},
+                         {"last_seen", link->last_seen},
+                         {"trouble", link->trouble}};
+  std::string text = note.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  if (relay_note_set(link->state, note_of_link, text) < 0) link_log(phone_state_error(link->state));
 }
 
 }  // namespace
@@ -179,16 +106,41 @@ void link_timer(phone_link *link, sd_event_source **source, uint64_t delay, sd_e
 
 phone_link *link_open(phone_state *state, const link_handlers *handlers, void *user_data, std::string *error) {
   phone_link_holder link(new phone_link);
+  link->target = watch_chosen();
   link->state = state;
   link->handlers = handlers;
   link->user_data = user_data;
+  link->last_seen = link_report_read(state).last_seen;
   if (set_up(link.get(), error) < 0) return nullptr;
+  bool session = link->target.address.kind == carrier_kind::session;
   /* The loop has not run yet, but its clock is read. */
-  if (connect_now(link.get()) != 0 || link->failed) {
-    *error = link->failure;
-    return nullptr;
-  }
+  if ((session ? session_start(link.get(), error) : stream_start(link.get(), error)) < 0) return nullptr;
   return link.release();
+}
+
+void link_is_up(phone_link *link) {
+  link->connected = true;
+  link->told = false;
+  link->owner = link->bus->owner;
+  if (!link->trouble.empty())
+    link_log("linked with " + (link->bus->watch.name.empty() ? link->target.name : link->bus->watch.name));
+  link->trouble.clear();
+  link->last_seen = static_cast<int64_t>(time(nullptr));
+  sd_event_now(link->event, CLOCK_MONOTONIC, &link->connected_at);
+  note_link(link);
+  if (link->handlers->connected) link->handlers->connected(link, link->user_data);
+}
+
+void link_is_down(phone_link *link, const std::string &why) {
+  bool had = link->connected, fresh = !why.empty() && why != link->trouble;
+  link->connected = false;
+  requests_forget(link);
+  if (fresh) {
+    link->trouble = why;
+    link_log(why + "; waiting for it");
+  }
+  if (had) link->last_seen = static_cast<int64_t>(time(nullptr));
+  if (had || fresh) note_link(link);
 }
 
 int link_run(phone_link *link, std::string *error) {
@@ -207,12 +159,15 @@ void link_fail(phone_link *link, const std::string &error) {
 void link_close(phone_link *link) {
   if (!link) return;
   for (sd_event_source *source : {link->retry, link->take, link->resend}) sd_event_source_disable_unref(source);
+  if (link->connected) link_is_down(link, "");
+  stream_end(link);
   link->bus.reset();
   if (link->stop_fd >= 0) {
     signal(SIGTERM, SIG_DFL);
     signal(SIGINT, SIG_DFL);
     close(link->stop_fd);
   }
+  if (link->lock_fd >= 0) close(link->lock_fd);
   sd_event_unref(link->event);
   delete link;
 }
@@ -226,6 +181,12 @@ host_bus *link_bus(phone_link *link) {
 bool link_is_connected(phone_link *link) {
   return link->connected;
 }
+void link_stay_alive(phone_link *link) {
+  stream_keep_alive(link);
+}
 link_flow_limits link_flow(phone_link *link) {
-  return {1, 4u << 20};
+  /* Over a stream an answer takes its time, which the next calls need not wait for; and no call is so large that a
+     slow link seems dead. */
+  return link->target.address.kind == carrier_kind::session ? link_flow_limits{1, 4u << 20}
+                                                            : link_flow_limits{4, 16u << 10};
 }

@@ -3,8 +3,10 @@
 #define BRISEL_PHONE_LINK_PARTS_H
 
 #include <deque>
+#include <map>
 
 #include "link.h"
+#include "watch.h"
 
 /* A request as it came, until there is time for it: the bus may bring one while an answer is waited for. */
 struct waiting_request {
@@ -12,7 +14,16 @@ struct waiting_request {
   std::string line, peer;
 };
 
+/* Where a stream is; the session bus is always `open`. */
+enum class link_stage {
+  down,    /* there is none; the timer `retry` makes the next one */
+  opening, /* started, and the first words are on their way */
+  open
+};
+
 struct phone_link {
+  watch_target target;
+  phone_identity me;
   phone_state *state = nullptr;
   const link_handlers *handlers = nullptr;
   void *user_data = nullptr;
@@ -24,8 +35,22 @@ struct phone_link {
   bool connected = false;
   std::string owner; /* the service process that is connected */
   uint64_t connected_at = 0;
-  uint64_t delay = 0;        /* before the next try, in microseconds */
-  uint64_t resend_delay = 0; /* before requests that could not be kept are asked for again */
+  int lock_fd = -1;
+  std::string trouble;   /* why there is no link, as it was told */
+  int64_t last_seen = 0; /* the watch, in seconds since the epoch */
+  /* A stream's own. */
+  link_stage stage = link_stage::down;
+  sd_bus_slot *call = nullptr; /* of the first words, or a ping */
+  sd_event_source *ping = nullptr, *drop = nullptr, *network = nullptr;
+  uint64_t lost_at = 0;    /* since when there was none, of CLOCK_BOOTTIME */
+  uint64_t opened_at = 0;  /* when the last try began */
+  uint64_t asked_at = 0;   /* when life was asked for; 0: nothing is waited for */
+  uint64_t answer_due = 0; /* until when */
+  uint64_t kept_alive_at = 0;
+  int network_fd = -1;
+  std::map<int, unsigned> interfaces; /* of the network: which were up */
+  uint64_t delay = 0;                 /* before the next try, in microseconds */
+  uint64_t resend_delay = 0;          /* before requests that could not be kept are asked for again */
   std::string failure;
   bool failed = false;
   bool told = false; /* that requests cannot be acknowledged; they come again with the next connection */
@@ -39,7 +64,33 @@ int request_cb(sd_bus_message *m, void *user_data, sd_bus_error *error);
 /* The connection is another one: what came over the old one is sent again. */
 void requests_forget(phone_link *link);
 
+/* --- link-session.cpp: the service on the session bus --- */
+
+int session_start(phone_link *link, std::string *error);
+
+/* --- link-stream.cpp: a watch that is another machine --- */
+
+int stream_start(phone_link *link, std::string *error);
+/* The network changed. `gone`: something that was there is not any more. */
+void stream_network_changed(phone_link *link, bool gone);
+/* Says a word when there was none for a while: for work that keeps the loop from it. */
+void stream_keep_alive(phone_link *link);
+/* Frees what a stream holds. */
+void stream_end(phone_link *link);
+
+/* --- link-network.cpp: hears of changes of the network --- */
+
+/* Without it nothing fails: a link is then found again a little later. */
+void network_follow(phone_link *link);
+
 /* --- link-connection.cpp --- */
+
+/* The watch is there: what waited comes now. */
+void link_is_up(phone_link *link);
+/* ... and it is not, or not any more, for this reason; empty: one that is no trouble. It is told once. What came over
+   this connection and was not taken yet comes again with the next one. */
+void link_is_down(phone_link *link, const std::string &why);
+inline constexpr char link_replaced[] = "another machine that says it is this phone took over the link";
 
 /* Sets the timer `source`, which it makes when it is not there yet, to `delay` microseconds from now. */
 void link_timer(phone_link *link, sd_event_source **source, uint64_t delay, sd_event_time_handler_t callback);

@@ -29,11 +29,13 @@ struct link_handlers {
   void (*kept)(phone_link *link, const nlohmann::json &request, const std::string &line, void *user_data);
 };
 
-/* Connects. NULL with a reason when the bus cannot be reached or another phone is there. A service that is not there is
-   waited for. handlers and state outlive the link. SIGTERM and SIGINT end the process within a second from now on,
-   whatever it waits for: everything that counts is on disk at any time. */
+/* Connects to the chosen watch (watch.h). NULL with a reason when the session bus cannot be reached or another process
+   of this phone is linked. A watch that is not there, or busy with another phone, is waited for. handlers and state
+   outlive the link. SIGTERM and SIGINT end the process within a second from now on, whatever it waits for: everything
+   that counts is on disk at any time. */
 phone_link *link_open(phone_state *state, const link_handlers *handlers, void *user_data, std::string *error);
-/* Runs until SIGINT or SIGTERM. Returns 0, or -1 with a reason (the bus is gone, another phone came). */
+/* Runs until SIGINT or SIGTERM. Returns 0, or -1 with a reason (the session bus is gone). A stream that is lost is
+   opened again without end. */
 int link_run(phone_link *link, std::string *error);
 /* Ends with an error. */
 void link_fail(phone_link *link, const std::string &error);
@@ -46,9 +48,22 @@ using phone_link_holder = std::unique_ptr<phone_link, phone_link_closer>;
 sd_event *link_event(phone_link *link);
 host_bus *link_bus(phone_link *link);
 bool link_is_connected(phone_link *link);
+/* Work that takes the loop's thread for long calls this now and then: the watch then knows that the phone lives. */
+void link_stay_alive(phone_link *link);
 /* Takes every request that the service sent before it answered the last call, now. Returns 0, or -1 when the connection
    went meanwhile. */
 int link_take_waiting(phone_link *link);
+
+/* What is known of the link to the watch whose state this is, whoever has it. */
+struct link_report {
+  int64_t linked_since = 0, last_seen = 0; /* seconds since the epoch; 0: it is not, it never was */
+  std::string watch;                       /* what the watch calls itself */
+  std::string trouble;                     /* why there is no link; empty: nobody looks for one */
+};
+link_report link_report_read(phone_state *state);
+std::string link_in_words(const link_report &link);
+/* A time as people here write it. */
+std::string local_time(int64_t seconds);
 
 /* How much to send before an answer is waited for. */
 struct link_flow_limits {

@@ -9,12 +9,14 @@
 #include <clocale>
 #include <cstring>
 
+#include "carrier.h"
 #include "commands.h"
 #include "parser.h"
 #include "post-account.h"
 #include "post-cli.h"
 #include "post-setup.h"
 #include "relay.h"
+#include "watch.h"
 
 namespace {
 
@@ -35,6 +37,14 @@ void set_version(CLI::App *app) {
   for (CLI::App *command : app->get_subcommands({})) set_version(command);
 }
 
+/* Every command that talks to a watch, or shows what is known of one, may be told which. */
+void add_watch_option(CLI::App *command, std::string *watch) {
+  for (CLI::App *one : command->get_subcommands({})) add_watch_option(one, watch);
+  if (command->get_subcommands({}).empty() || command->get_name() == "relay")
+    command->add_option("--watch", *watch,
+                        "The watch: session:, ssh://[USER@]HOST[:PORT], bluetooth:AA:... or exec:COMMAND");
+}
+
 /* What was asked for must have reached its reader: a full disk behind standard output is a failure like any other. */
 int output_checked(int code) {
   if (fflush(stdout) == 0 && !ferror(stdout)) return code;
@@ -48,7 +58,8 @@ struct command_line {
   int exit_code = 0;
   bool json = false, read = false, unread = false, fresh = false, not_new = false;
   std::string address, name, color, which, known, received, demo_dir = BRISEL_DEMO_DIR;
-  std::string config, sendmail;
+  std::string config, sendmail, watch, state, device;
+  int64_t ping_after = -1, patience = -1;
   std::vector<std::string> files, texts, maildirs, mboxes, addresses;
   std::vector<int> ids;
   int id = 0, status = 0;
@@ -164,9 +175,29 @@ void add_template_and_status_commands(CLI::App *app, command_line *c) {
   }
 }
 
+void use_pace(const command_line &c) {
+  link_pace pace;
+  if (c.ping_after >= 0) pace.ping_after = static_cast<unsigned>(c.ping_after);
+  if (c.patience > 0) pace.ping_answer = pace.call_answer = static_cast<unsigned>(c.patience);
+  watch_set_pace(pace);
+}
+
+void add_pace_options(CLI::App *command, command_line *c) {
+  command
+      ->add_option("--ping-after", c->ping_after, "Seconds without a word after which the watch is asked for one (30)")
+      ->check(CLI::Range(0, 3600).description(""));
+  command
+      ->add_option("--patience", c->patience, "Seconds until a watch that does not answer is given up (15; a call 20)")
+      ->check(CLI::Range(1, 3600).description(""));
+}
+
 void add_phone_commands(CLI::App *app, command_line *c) {
   CLI::App *serve = app->add_subcommand("serve", "Stay connected as the phone; prints each request as one JSON line");
-  serve->callback([c] { c->exit_code = command_serve(); });
+  add_pace_options(serve, c);
+  serve->callback([c] {
+    use_pace(*c);
+    c->exit_code = command_serve();
+  });
   CLI::App *requests = app->add_subcommand("requests", "List the requests received so far");
   requests->add_flag("--json", c->json, as_json);
   requests->callback([c] { c->exit_code = command_requests(c->json); });
@@ -193,6 +224,7 @@ int run_relay(command_line *c) {
   for (const std::string &text : c->mboxes) good = good && relay_add_account(text, &mbox_kind, &settings, &error) == 0;
   for (const std::string &text : c->addresses) good = good && relay_set_address(text, &settings, &error) == 0;
   if (!good) return fail(error);
+  use_pace(*c);
   if (c->newest >= 0) settings.newest = c->newest;
   if (c->first >= 0) settings.first = c->first;
   settings.outbox = outbox_options(*c, settings.outbox);
@@ -213,6 +245,7 @@ void add_relay_commands(CLI::App *app, command_line *c) {
   relay->add_option("--retry-first", c->retry_first, "Seconds until a reply is tried again (60), doubled each time")
       ->check(count_range());
   relay->add_option("--retry-longest", c->retry_longest, "The longest such time (3600)")->check(count_range());
+  add_pace_options(relay, c);
   relay->callback([c, relay] {
     if (relay->get_subcommands().empty()) c->exit_code = run_relay(c);
   });
@@ -227,13 +260,22 @@ void add_relay_commands(CLI::App *app, command_line *c) {
   /* Reads foreign mail for the others; started by them. */
   app->add_subcommand("read-mail")->group("")->callback([c] { c->exit_code = parser_serve(); });
 
+  /* The program that carries a Bluetooth link; started with a stream. */
+  CLI::App *carry = app->add_subcommand("carry-bluetooth")->group("");
+  carry->add_option("DEVICE", c->device)->required();
+  carry->callback([c] { c->exit_code = carrier_serve_bluetooth(c->device); });
+
   /* The relay's own helper, started by it for each reply. */
   CLI::App *deliver = app->add_subcommand("deliver-reply")->group("");
   deliver->add_option("ID", c->reply)->required();
   deliver->add_option("--sendmail", c->sendmail);
   deliver->add_option("--retry-first", c->retry_first);
   deliver->add_option("--retry-longest", c->retry_longest);
-  deliver->callback([c] { c->exit_code = outbox_deliver(c->reply, outbox_options(*c, {})); });
+  deliver->add_option("--state", c->state);
+  deliver->callback([c] {
+    phone_state_use(c->state);
+    c->exit_code = outbox_deliver(c->reply, outbox_options(*c, {}));
+  });
 }
 
 }  // namespace
@@ -250,8 +292,15 @@ int main(int argc, char **argv) {
   add_mail_commands(&app, &line);
   add_template_and_status_commands(&app, &line);
   add_phone_commands(&app, &line);
+  for (const char *name : {"account", "mail", "template", "status", "serve", "requests", "demo"})
+    add_watch_option(app.get_subcommand(name), &line.watch);
   add_relay_commands(&app, &line);
+  add_watch_option(app.get_subcommand("relay"), &line.watch);
   set_version(&app);
+  app.parse_complete_callback([&line] {
+    std::string error;
+    if (watch_choose(line.watch, &error) < 0) throw CLI::ValidationError("--watch", error);
+  });
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {

@@ -241,9 +241,10 @@ int outbox_spawn(int64_t id, const outbox_settings &settings, std::string *error
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   std::string number = std::to_string(id), first = std::to_string(settings.retry_first),
               longest = std::to_string(settings.retry_longest);
+  const char *folder = phone_state_used().empty() ? nullptr : "--state"; /* the list ends at the first nullptr */
   const char *arguments[] = {
-      "brisel-phone",  "deliver-reply", number.c_str(),    "--sendmail",    settings.sendmail.c_str(),
-      "--retry-first", first.c_str(),   "--retry-longest", longest.c_str(), nullptr};
+      "brisel-phone", "deliver-reply",   number.c_str(),  "--sendmail", settings.sendmail.c_str(),  "--retry-first",
+      first.c_str(),  "--retry-longest", longest.c_str(), folder,       phone_state_used().c_str(), nullptr};
   pid_t pid = 0;
   int failed = posix_spawn(&pid, "/proc/self/exe", nullptr, &attributes, const_cast<char **>(arguments), environ);
   posix_spawnattr_destroy(&attributes);

@@ -1,7 +1,6 @@
 /* What the relay tells: progress while it works, its status on disk, and the commands that show it. */
 #include <fcntl.h>
 #include <glib.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,16 +28,16 @@ json troubles(const followed &a) {
 }
 
 bool relay_is_running() {
-  int fd = open(phone_state_path("relay.lock").c_str(), O_RDWR | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool running = flock(fd, LOCK_EX | LOCK_NB) < 0;
-  close(fd);
-  return running;
+  std::string error;
+  int fd = phone_state_lock("relay.lock", &error, 0);
+  if (fd >= 0) close(fd);
+  return fd < 0;
 }
 
 struct status_record {
   bool running = false;
   std::string pid;
+  link_report link;
   json accounts = json::array();
   std::vector<reply_entry> replies;
 };
@@ -55,11 +54,16 @@ int read_status(status_record *status, std::string *error) {
   status->accounts = json::parse(accounts, nullptr, false);
   if (!status->accounts.is_array()) status->accounts = json::array();
   status->running = relay_is_running();
+  status->link = link_report_read(state.get());
   return 0;
 }
 
 void print_json(const status_record &status) {
   json out = {{"running", status.running}, {"accounts", status.accounts}, {"replies", json::array()}};
+  out["link"] = {{"watch", status.link.watch},
+                 {"linked_since", status.link.linked_since},
+                 {"last_seen", status.link.last_seen},
+                 {"trouble", status.link.trouble}};
   if (status.running) out["pid"] = g_ascii_strtoll(status.pid.c_str(), nullptr, 10);
   for (const reply_entry &e : status.replies)
     out["replies"].push_back({{"id", e.id},
@@ -83,6 +87,7 @@ std::string line_of(const json &record, const char *key) {
 
 void print_text(const status_record &status) {
   printf("The relay is %s.\n", status.running ? "running" : "not running");
+  printf("The watch %s\n", link_in_words(status.link).c_str());
   for (const json &a : status.accounts) {
     std::string error = line_of(a, "error");
     printf("%s (%s): %lld messages, %lld on the watch%s%s\n", line_of(a, "name").c_str(), line_of(a, "path").c_str(),
@@ -115,6 +120,7 @@ void wake_relay() {
 void progress_advance(progress *p, size_t count) {
   constexpr size_t kWorthTelling = 50, kWidth = 30;
   p->done += count;
+  link_stay_alive(p->r->link);
   if (p->total < kWorthTelling) return;
   size_t percent = p->done * 100 / p->total;
   if (p->r->bar) {
@@ -149,17 +155,9 @@ void status_write(relay *r) {
 }
 
 int status_take_lock(std::string *error) {
-  int fd = open(phone_state_path("relay.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  /* A relay that was killed while it started a process leaves the lock to that process until it runs. */
-  for (int tries = 0; fd >= 0; tries++) {
-    if (flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
-    if (errno != EWOULDBLOCK || tries >= 20) break;
-    usleep(50000);
-  }
-  *error = fd >= 0 && errno == EWOULDBLOCK ? "a relay is running already"
-                                           : std::string("the relay's lock cannot be had: ") + strerror(errno);
-  if (fd >= 0) close(fd);
-  return -1;
+  int fd = phone_state_lock("relay.lock", error);
+  if (fd < 0 && error->empty()) *error = "a relay is running already";
+  return fd;
 }
 
 int relay_print_status(bool as_json) {

@@ -1,9 +1,12 @@
 /* Opening the phone's state and bringing it up to date. */
 #include "state.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -15,6 +18,9 @@ namespace {
 
 constexpr int kVersion = sizeof phone_schema_steps / sizeof *phone_schema_steps;
 constexpr int kWaitMs = 30000; /* for other commands */
+constexpr int kLockPauseUsec = 50000;
+
+std::string used_folder; /* below the state folder */
 
 /* Takes a state of any earlier version, or a new file, to this one; all of it or nothing. */
 int migrate(phone_state *state, std::string *error) {
@@ -58,10 +64,41 @@ int state_fail(phone_state *state, const char *what) {
   return -1;
 }
 
-std::string phone_state_path(const char *name) {
+std::string phone_base_path(const char *name) {
   const char *folder = platform_state_dir();
   if (!folder || !own_folder(folder)) return "";
   return name && *name ? std::string(folder) + "/" + name : folder;
+}
+
+void phone_state_use(const std::string &folder) {
+  used_folder = folder;
+}
+
+const std::string &phone_state_used() {
+  return used_folder;
+}
+
+std::string phone_state_path(const char *name) {
+  std::string folder = phone_base_path("");
+  for (size_t at = 0, end = 0; !folder.empty() && at < used_folder.size(); at = end + 1) {
+    end = std::min(used_folder.find('/', at), used_folder.size());
+    folder += "/" + used_folder.substr(at, end - at);
+    if ((mkdir(folder.c_str(), 0700) < 0 && errno != EEXIST) || !own_folder(folder)) return "";
+  }
+  return folder.empty() || !name || !*name ? folder : folder + "/" + name;
+}
+
+int phone_state_lock(const char *name, std::string *error, int tries) {
+  int fd = open(phone_state_path(name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  /* One that was killed while it started a process leaves the lock to that process until it runs. */
+  for (int tried = 0; fd >= 0; tried++) {
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
+    if (errno != EWOULDBLOCK || tried >= tries) break;
+    usleep(kLockPauseUsec);
+  }
+  if (fd < 0 || errno != EWOULDBLOCK) *error = std::string("the lock ") + name + " cannot be had: " + strerror(errno);
+  if (fd >= 0) close(fd);
+  return -1;
 }
 
 phone_state *phone_state_open(std::string *error) {

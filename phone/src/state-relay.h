@@ -58,7 +58,7 @@ int relay_account_find(phone_state *state, const std::string &name, relay_accoun
 int relay_account_keep(phone_state *state, const std::string &name, const relay_account_row &row);
 
 /* What the relay tells `relay status`, and itself at the next start. */
-constexpr char note_accounts[] = "accounts", note_pid[] = "pid", note_started[] = "started";
+constexpr char note_of_link[] = "link", note_accounts[] = "accounts", note_pid[] = "pid", note_started[] = "started";
 /* "1" while mails were deleted whose numbers never reached the phone. */
 constexpr char note_unknown_deletions[] = "unknown-deletions";
 int relay_note_set(phone_state *state, const char *key, const std::string &value);

@@ -1,5 +1,6 @@
 /*
- * The phone's own memory: one SQLite file in the phone's state folder, shared by every command, `serve` and `relay`.
+ * The phone's own memory: one SQLite file for each watch, shared by every command, `serve` and `relay`. The one of the
+ * watch on the session bus is in the phone's state folder, every other one in a folder of its own below it.
  *
  * Every function that changes something returns after it is on disk, or, inside phone_state_change, with it; or it
  * returns -1, and phone_state_error says why. Several processes work on the file side by side. state-relay.h and
@@ -36,8 +37,16 @@ struct stored_request {
 };
 
 /* The state folder's path, with `name` below it when not empty. Empty when the folder cannot be made, or is not this
-   user's own. */
+   user's own. The first is the phone's, the second that of the watch that phone_state_use named last. */
+std::string phone_base_path(const char *name);
 std::string phone_state_path(const char *name);
+/* `folder`: below the state folder; empty, as at first: the state folder itself. */
+void phone_state_use(const std::string &folder);
+const std::string &phone_state_used();
+constexpr int phone_lock_tries = 20;
+/* Locks the file `name` for this process. Returns the descriptor to close in the end, or -1: when another process has
+   it, without a reason. */
+int phone_state_lock(const char *name, std::string *error, int tries = phone_lock_tries);
 
 /* Opens (and makes, and brings up to date) the state. NULL with a one-line reason. */
 phone_state *phone_state_open(std::string *error);

@@ -118,7 +118,7 @@ def test_serve_answers_and_prints(s):
                    "com.vextora.brisel.Watch1.MoreMsg", "string:m0", "string:long@x", f"int32:{mail_id}", check=False)
     assert "NoPhone" in failed.stderr, failed.stderr
     serve = s.serve()
-    fails(s, "serve", said="another phone is connected")
+    fails(s, "serve", said="linked already")
     for _ in range(2):
         more_on_watch(s, mail)
     equal(body_text(by_uid(s)["long@x"]), text.rstrip(), "the whole text, its file being gone")

@@ -1,4 +1,4 @@
-#include "host.h"
+#include "host-parts.h"
 
 #include <glib.h>
 
@@ -10,29 +10,16 @@
 
 namespace {
 
-class message {
- public:
-  message() = default;
-  ~message() { sd_bus_message_unref(m); }
-  message(const message &) = delete;
-  message &operator=(const message &) = delete;
-  sd_bus_message *m = nullptr;
-};
-
-class bus_error {
- public:
-  bus_error() = default;
-  ~bus_error() { sd_bus_error_free(&e); }
-  bus_error(const bus_error &) = delete;
-  bus_error &operator=(const bus_error &) = delete;
-  sd_bus_error e = SD_BUS_ERROR_NULL;
-};
-
-std::string explain(const sd_bus_error &error, int result) {
+std::string explain(const host_bus &bus, const sd_bus_error &error, int result) {
   if (error.name && strstr(error.name, ".ServiceUnknown"))
     return "the host service is not running and cannot be started";
-  if (error.name && strstr(error.name, ".Disconnected")) return "the session bus is gone";
-  if (result == -ECONNRESET || result == -ENOTCONN) return "the session bus is gone";
+  bool gone = (error.name && strstr(error.name, ".Disconnected")) || result == -ECONNRESET || result == -ENOTCONN ||
+              result == -EPIPE;
+  bool silent = result == -ETIMEDOUT || (error.name && strcmp(error.name, SD_BUS_ERROR_NO_REPLY) == 0);
+  if (bus.peer && silent && error.message && strcmp(error.message, "Connection terminated") == 0) gone = true;
+  if (gone && bus.peer) return host_stream_trouble(bus);
+  if (gone) return "the session bus is gone";
+  if (bus.peer && silent) return "the watch does not answer";
   if (error.name && strstr(error.name, ".Spawn."))
     return std::string("the host service cannot be started: ") + (error.message ? error.message : error.name);
   if (error.message && *error.message) return error.message;
@@ -59,7 +46,9 @@ host_result result_of(const sd_bus_error &why) {
   return nobody ? HOST_NOBODY : HOST_AWAY;
 }
 
-int begin(host_bus *bus, message *call, const char *method, std::string *error) {
+}  // namespace
+
+int host_begin(host_bus *bus, bus_message *call, const char *method, std::string *error) {
   if (!bus->peer && bus->owner.empty()) {
     int found = host_find(bus, error);
     if (found < 0) return found;
@@ -71,34 +60,32 @@ int begin(host_bus *bus, message *call, const char *method, std::string *error) 
   return HOST_NOBODY;
 }
 
-/* What a call that ended in `why` means, for the next one too. */
-int failed(host_bus *bus, const sd_bus_error &why, int result, std::string *error) {
-  *error = explain(why, result);
+int host_failed(host_bus *bus, const sd_bus_error &why, int result, std::string *error) {
+  *error = explain(*bus, why, result);
   host_result what = result_of(why);
-  if (what == HOST_NOBODY) bus->owner.clear(); /* it left; the next call looks who is there now */
+  if (what == HOST_NOBODY && !bus->peer) bus->owner.clear(); /* it left; the next call looks who is there now */
   return what;
 }
 
-/* `filled` is what filling the call in gave: below 0 means that it could not be made. */
-int finish(host_bus *bus, const message &call, int filled, message *reply, std::string *error) {
+int host_finish(host_bus *bus, const bus_message &call, int filled, bus_message *reply, std::string *error) {
   if (filled < 0) {
     *error = std::string("the bus message cannot be made: ") + strerror(-filled);
     return HOST_REFUSED;
   }
   bus_error why;
-  int result = sd_bus_call(bus->bus, call.m, bus->patience, &why.e, &reply->m);
-  return result >= 0 ? HOST_OK : failed(bus, why.e, result, error);
+  int result =
+      bus->peer ? stream_call(bus, call, reply, &why) : sd_bus_call(bus->bus, call.m, bus->patience, &why.e, &reply->m);
+  return result >= 0 ? HOST_OK : host_failed(bus, why.e, result, error);
 }
 
-/* It was done, but what came of it is not known. */
-int unreadable(int result, std::string *error) {
+int host_unreadable(int result, std::string *error) {
   *error = std::string("the host service's answer cannot be read: ") + strerror(-result);
   return HOST_AWAY;
 }
 
 /* Text that a bus takes: no half characters, no zero bytes, none of the numbers that stand for no character. What is
    replaced keeps its length, so that places in a text stay what they are. */
-std::string bus_text(const std::string &text) {
+std::string host_bus_text(const std::string &text) {
   std::string out;
   const char *at = text.data(), *end = at + text.size();
   while (at < end) {
@@ -116,8 +103,10 @@ std::string bus_text(const std::string &text) {
   return out.empty() ? text : out;
 }
 
+namespace {
+
 int append_text(sd_bus_message *m, const char *key, const std::string &value) {
-  return sd_bus_message_append(m, "{sv}", key, "s", bus_text(value).c_str());
+  return sd_bus_message_append(m, "{sv}", key, "s", host_bus_text(value).c_str());
 }
 
 int append_number(sd_bus_message *m, const char *key, int value) {
@@ -224,7 +213,11 @@ int read_records(sd_bus_message *m, std::vector<host_record> *records) {
 host_bus::~host_bus() {
   if (!bus) return;
   sd_bus_detach_event(bus);
-  sd_bus_flush_close_unref(bus);
+  /* What stands in a stream that nobody takes would be waited for. */
+  if (peer)
+    sd_bus_close_unref(bus);
+  else
+    sd_bus_flush_close_unref(bus);
 }
 
 host_bus_holder host_open_session(std::string *error) {
@@ -237,11 +230,11 @@ host_bus_holder host_open_session(std::string *error) {
 
 int host_find(host_bus *bus, std::string *error) {
   bus_error why;
-  message reply;
+  bus_message reply;
   int result = sd_bus_call_method(bus->bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                                   "StartServiceByName", &why.e, &reply.m, "su", host_name, 0);
   if (result < 0) {
-    *error = explain(why.e, result);
+    *error = explain(*bus, why.e, result);
     return result_of(why.e) == HOST_AWAY ? HOST_AWAY : HOST_NOBODY;
   }
   creds_holder creds;
@@ -265,46 +258,47 @@ int host_find(host_bus *bus, std::string *error) {
 }
 
 int host_connect(host_bus *bus, std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "Connect", error);
-  return result < 0 ? result : finish(bus, call, 0, &reply, error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "Connect", error);
+  return result < 0 ? result : host_finish(bus, call, 0, &reply, error);
 }
 
 int host_add_account(host_bus *bus, int id, const std::string &address, const std::string &name, uint32_t rgba,
                      std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "AddAccount", error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "AddAccount", error);
   if (result < 0) return result;
-  int filled = sd_bus_message_append(call.m, "issu", id, bus_text(address).c_str(), bus_text(name).c_str(), rgba);
-  result = finish(bus, call, filled, &reply, error);
+  int filled =
+      sd_bus_message_append(call.m, "issu", id, host_bus_text(address).c_str(), host_bus_text(name).c_str(), rgba);
+  result = host_finish(bus, call, filled, &reply, error);
   if (result != HOST_OK) return result;
   int32_t given = 0;
   result = sd_bus_message_read(reply.m, "i", &given);
-  return result < 0 ? unreadable(result, error) : given;
+  return result < 0 ? host_unreadable(result, error) : given;
 }
 
 int host_remove_account(host_bus *bus, int id, std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "RemoveAccount", error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "RemoveAccount", error);
   if (result < 0) return result;
-  return finish(bus, call, sd_bus_message_append(call.m, "i", id), &reply, error);
+  return host_finish(bus, call, sd_bus_message_append(call.m, "i", id), &reply, error);
 }
 
 int host_list_accounts(host_bus *bus, std::vector<host_record> *accounts, std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "ListAccounts", error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "ListAccounts", error);
   if (result < 0) return result;
-  result = finish(bus, call, 0, &reply, error);
+  result = host_finish(bus, call, 0, &reply, error);
   if (result != HOST_OK) return result;
   result = read_records(reply.m, accounts);
-  return result < 0 ? unreadable(result, error) : 0;
+  return result < 0 ? host_unreadable(result, error) : 0;
 }
 
 int host_set_account_count(host_bus *bus, bool known, std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "SetAccountCount", error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "SetAccountCount", error);
   if (result < 0) return result;
-  return finish(bus, call, sd_bus_message_append(call.m, "b", static_cast<int>(known)), &reply, error);
+  return host_finish(bus, call, sd_bus_message_append(call.m, "b", static_cast<int>(known)), &reply, error);
 }
 
 struct host_call {
@@ -314,6 +308,7 @@ struct host_call {
   int result = HOST_AWAY;
   std::string error;
   std::vector<int> ids;
+  size_t bytes = 0; /* of it that are on their way */
 };
 
 namespace {
@@ -322,7 +317,7 @@ int read_ids(sd_bus_message *m, std::vector<int> *ids, std::string *error) {
   const void *data = nullptr;
   size_t size = 0;
   int result = sd_bus_message_read_array(m, 'i', &data, &size);
-  if (result < 0) return unreadable(result, error);
+  if (result < 0) return host_unreadable(result, error);
   if (size > 0) ids->assign(static_cast<const int *>(data), static_cast<const int *>(data) + size / sizeof(int));
   return HOST_OK;
 }
@@ -331,13 +326,15 @@ int answered_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
   auto *call = static_cast<host_call *>(user_data);
   const sd_bus_error *why = sd_bus_message_get_error(m);
   call->done = true;
-  call->result =
-      why ? failed(call->bus, *why, -sd_bus_error_get_errno(why), &call->error) : read_ids(m, &call->ids, &call->error);
+  stream_answered(call->bus, call->bytes);
+  call->result = why ? host_failed(call->bus, *why, -sd_bus_error_get_errno(why), &call->error)
+                     : read_ids(m, &call->ids, &call->error);
   return 0;
 }
 
 void end_call(host_call *call, int result, const std::string &error) {
   call->done = true;
+  stream_answered(call->bus, call->bytes);
   call->result = result;
   call->error = error;
 }
@@ -352,9 +349,9 @@ void host_call_closer::operator()(host_call *call) const {
 host_call_holder host_add_mails_begin(host_bus *bus, const std::vector<const watch_mail *> &mails) {
   host_call_holder call(new host_call);
   call->bus = bus;
-  message m;
+  bus_message m;
   std::string error;
-  int found = begin(bus, &m, "AddMails", &error);
+  int found = host_begin(bus, &m, "AddMails", &error);
   if (found < 0) {
     end_call(call.get(), found, error);
     return call;
@@ -367,16 +364,21 @@ host_call_holder host_add_mails_begin(host_bus *bus, const std::vector<const wat
     end_call(call.get(), HOST_REFUSED, std::string("the bus message cannot be made: ") + strerror(-filled));
     return call;
   }
-  int sent = sd_bus_call_async(bus->bus, &call->slot, m.m, answered_cb, call.get(), bus->patience);
-  if (sent < 0) end_call(call.get(), HOST_AWAY, explain(SD_BUS_ERROR_NULL, sent));
+  for (const watch_mail *mail : mails) call->bytes += mail->body.size() + mail->subject.size();
+  bus->on_way += call->bytes;
+  /* Whether a stream is still there is another matter than how long a call takes on it. */
+  uint64_t patience = bus->peer ? UINT64_MAX : bus->patience;
+  int sent = sd_bus_call_async(bus->bus, &call->slot, m.m, answered_cb, call.get(), patience);
+  if (sent < 0) end_call(call.get(), HOST_AWAY, explain(*bus, SD_BUS_ERROR_NULL, sent));
   return call;
 }
 
 int host_add_mails_end(host_call *call, size_t count, std::vector<int> *ids, std::string *error) {
   while (!call->done) {
-    int r = sd_bus_process(call->bus->bus, nullptr);
-    if (r == 0) r = sd_bus_wait(call->bus->bus, UINT64_MAX);
-    if (r < 0 && r != -EINTR) end_call(call, HOST_AWAY, explain(SD_BUS_ERROR_NULL, r));
+    host_bus *bus = call->bus;
+    int r = bus->peer ? stream_wait(bus, &call->done) : sd_bus_process(bus->bus, nullptr);
+    if (r == 0 && !bus->peer) r = sd_bus_wait(bus->bus, UINT64_MAX);
+    if (r < 0 && r != -EINTR) end_call(call, HOST_AWAY, explain(*bus, SD_BUS_ERROR_NULL, r));
   }
   *error = call->error;
   *ids = std::move(call->ids);
@@ -392,8 +394,8 @@ int host_add_mails(host_bus *bus, const std::vector<const watch_mail *> &mails, 
 }
 
 int host_update_mail(host_bus *bus, int id, const mail_change &change, std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "UpdateMail", error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "UpdateMail", error);
   if (result < 0) return result;
   int r = sd_bus_message_append(call.m, "i", id);
   if (r >= 0) r = sd_bus_message_open_container(call.m, 'a', "{sv}");
@@ -401,27 +403,27 @@ int host_update_mail(host_bus *bus, int id, const mail_change &change, std::stri
   if (r >= 0 && change.is_new >= 0) r = append_number(call.m, "is_new", change.is_new);
   if (r >= 0 && change.has_subject) r = append_text(call.m, "subject", change.subject);
   if (r >= 0) r = sd_bus_message_close_container(call.m);
-  return finish(bus, call, r, &reply, error);
+  return host_finish(bus, call, r, &reply, error);
 }
 
 int host_delete_mails(host_bus *bus, const std::vector<int> &ids, std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "DeleteMails", error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "DeleteMails", error);
   if (result < 0) return result;
-  return finish(bus, call, append_ids(call.m, ids), &reply, error);
+  return host_finish(bus, call, append_ids(call.m, ids), &reply, error);
 }
 
 int host_list_mails(host_bus *bus, std::vector<host_record> *mails, std::string *error) {
   /* In portions: all mails of a large store would not fit one bus message. */
   for (int after = 0;;) {
-    message call, reply;
-    int result = begin(bus, &call, "ListMails", error);
+    bus_message call, reply;
+    int result = host_begin(bus, &call, "ListMails", error);
     if (result < 0) return result;
-    result = finish(bus, call, sd_bus_message_append(call.m, "ii", after, 500), &reply, error);
+    result = host_finish(bus, call, sd_bus_message_append(call.m, "ii", after, 500), &reply, error);
     if (result != HOST_OK) return result;
     size_t before = mails->size();
     result = read_records(reply.m, mails);
-    if (result < 0) return unreadable(result, error);
+    if (result < 0) return host_unreadable(result, error);
     if (mails->size() == before) return 0;
     int last = static_cast<int>(mails->back().number("mail_id"));
     if (last <= after) return 0;
@@ -430,21 +432,21 @@ int host_list_mails(host_bus *bus, std::vector<host_record> *mails, std::string 
 }
 
 int host_set_templates(host_bus *bus, const std::vector<std::string> &texts, std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "SetTemplates", error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "SetTemplates", error);
   if (result < 0) return result;
   int r = sd_bus_message_open_container(call.m, 'a', "s");
   for (const std::string &text : texts)
-    if (r >= 0) r = sd_bus_message_append(call.m, "s", bus_text(text).c_str());
+    if (r >= 0) r = sd_bus_message_append(call.m, "s", host_bus_text(text).c_str());
   if (r >= 0) r = sd_bus_message_close_container(call.m);
-  return finish(bus, call, r, &reply, error);
+  return host_finish(bus, call, r, &reply, error);
 }
 
 int host_list_templates(host_bus *bus, std::vector<std::pair<int, std::string>> *templates, std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "ListTemplates", error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "ListTemplates", error);
   if (result < 0) return result;
-  int r = finish(bus, call, 0, &reply, error);
+  int r = host_finish(bus, call, 0, &reply, error);
   if (r != HOST_OK) return r;
   r = sd_bus_message_enter_container(reply.m, 'a', "(is)");
   while (r >= 0) {
@@ -454,29 +456,32 @@ int host_list_templates(host_bus *bus, std::vector<std::pair<int, std::string>> 
     if (r <= 0) break;
     templates->emplace_back(id, text);
   }
-  return r < 0 ? unreadable(r, error) : 0;
+  return r < 0 ? host_unreadable(r, error) : 0;
 }
 
 int host_set_status(host_bus *bus, const char *kind, int value, std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "SetStatus", error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "SetStatus", error);
   if (result < 0) return result;
-  return finish(bus, call, sd_bus_message_append(call.m, "si", kind, value), &reply, error);
+  return host_finish(bus, call, sd_bus_message_append(call.m, "si", kind, value), &reply, error);
 }
 
 int host_acknowledge(host_bus *bus, int64_t id, std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "Ack", error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "Ack", error);
   if (result < 0) return result;
-  return finish(bus, call, sd_bus_message_append(call.m, "x", id), &reply, error);
+  return host_finish(bus, call, sd_bus_message_append(call.m, "x", id), &reply, error);
 }
 
 int host_answer_more(host_bus *bus, int64_t id, int phone_error, const std::string &piece, bool complete,
                      std::string *error) {
-  message call, reply;
-  int result = begin(bus, &call, "AnswerMore", error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "AnswerMore", error);
   if (result < 0) return result;
   int filled =
-      sd_bus_message_append(call.m, "xisb", id, phone_error, bus_text(piece).c_str(), static_cast<int>(complete));
-  return finish(bus, call, filled, &reply, error);
+      sd_bus_message_append(call.m, "xisb", id, phone_error, host_bus_text(piece).c_str(), static_cast<int>(complete));
+  bus->on_way += piece.size();
+  result = host_finish(bus, call, filled, &reply, error);
+  stream_answered(bus, piece.size());
+  return result;
 }

@@ -1,0 +1,259 @@
+/*
+ * The link to a watch that is another machine: opened, kept alive, lost, and opened again without end.
+ *
+ * Opening waits for nothing here: the loop goes on while a program looks for the way. Life is known by what comes;
+ * after a while without a word the phone asks for one. Over Bluetooth the controller watches the link, and nobody asks.
+ */
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+
+#include "link-parts.h"
+
+namespace {
+
+constexpr uint64_t kSecond = 1000000, kOpenPatience = 30 * kSecond, kDoubtPatience = 3 * kSecond;
+constexpr uint64_t kShortestDelay = kSecond / 4, kLongestDelay = 30 * kSecond;
+/* A link that was lost a moment ago is looked for often: then it is together again soon after its way is open. */
+constexpr uint64_t kRecent = 60 * kSecond, kLongestRecentDelay = 3 * kSecond / 2;
+constexpr uint64_t kSettle = kSecond / 5; /* changes of the network come in groups */
+
+uint64_t boot_now() {
+  timespec now = {};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * kSecond + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+void open_now(phone_link *link);
+
+int retry_cb(sd_event_source *source, uint64_t usec, void *user_data) {
+  open_now(static_cast<phone_link *>(user_data));
+  return 0;
+}
+
+/* The connection is freed from the loop, not from one of its own callbacks. */
+int drop_cb(sd_event_source *source, void *user_data) {
+  auto *link = static_cast<phone_link *>(user_data);
+  if (link->stage == link_stage::down) link->bus.reset();
+  return 0;
+}
+
+void retry_later(phone_link *link) {
+  uint64_t longest = boot_now() - link->lost_at < kRecent ? kLongestRecentDelay : kLongestDelay;
+  link->delay = std::clamp(link->delay * 2, kShortestDelay, longest);
+  link_timer(link, &link->retry, link->delay, retry_cb);
+}
+
+void end_stream(phone_link *link) {
+  link->stage = link_stage::down;
+  link->asked_at = 0;
+  link->call = sd_bus_slot_unref(link->call);
+  if (link->ping) sd_event_source_set_enabled(link->ping, SD_EVENT_OFF);
+  if (link->bus) host_hang_up(link->bus.get());
+  sd_event_source_set_enabled(link->drop, SD_EVENT_ONESHOT);
+}
+
+void lose(phone_link *link, const std::string &why) {
+  if (link->stage == link_stage::down) return;
+  if (link->stage == link_stage::open) {
+    link->lost_at = boot_now();
+    link->delay = 0;
+  }
+  end_stream(link);
+  link_is_down(link, link->target.name + ": " + why);
+  retry_later(link);
+}
+
+/* --- life --- */
+
+/* Asks for a sign of life, until `patience` is over. */
+int pong_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
+  auto *link = static_cast<phone_link *>(user_data);
+  /* An error is a sign of life too; only what is made up here at the end of a stream is not. */
+  if (link->stage == link_stage::open && sd_bus_is_open(link->bus->bus)) link->bus->heard = boot_now();
+  return 0;
+}
+
+void ask_for_life(phone_link *link, uint64_t patience) {
+  uint64_t now = boot_now();
+  if (link->asked_at == 0) {
+    link->call = sd_bus_slot_unref(link->call);
+    int r = sd_bus_call_method_async(link->bus->bus, &link->call, nullptr, "/", "org.freedesktop.DBus.Peer", "Ping",
+                                     pong_cb, link, "");
+    if (r < 0) return; /* the stream is ending; its end is told of by itself */
+    link->asked_at = now;
+    link->answer_due = now + patience;
+  }
+  link->answer_due = std::min(link->answer_due, now + patience);
+  sd_event_source_set_time(link->ping, link->answer_due);
+  sd_event_source_set_enabled(link->ping, SD_EVENT_ONESHOT);
+}
+
+/* Comes after everything that arrived was looked at. */
+int ping_cb(sd_event_source *source, uint64_t usec, void *user_data) {
+  auto *link = static_cast<phone_link *>(user_data);
+  if (link->stage != link_stage::open) return 0;
+  uint64_t now = boot_now();
+  if (link->asked_at != 0 && link->bus->heard < link->asked_at) {
+    if (now >= link->answer_due) {
+      lose(link, "the watch does not answer");
+      return 0;
+    }
+    sd_event_source_set_time(source, link->answer_due);
+    return sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
+  }
+  link->asked_at = 0;
+  uint64_t due = link->bus->heard + link->target.pace.ping_after * kSecond;
+  if (now >= due) {
+    ask_for_life(link, link->target.pace.ping_answer * kSecond);
+    return 0;
+  }
+  sd_event_source_set_time(source, due);
+  return sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
+}
+
+bool pings(const phone_link &link) {
+  return link.target.address.kind != carrier_kind::bluetooth && link.target.pace.ping_after > 0;
+}
+
+/* --- the first words --- */
+
+void opened(phone_link *link) {
+  link->stage = link_stage::open;
+  link->delay = 0;
+  link->asked_at = 0;
+  if (pings(*link)) {
+    sd_event_source_set_time(link->ping, boot_now() + link->target.pace.ping_after * kSecond);
+    sd_event_source_set_enabled(link->ping, SD_EVENT_ONESHOT);
+  }
+  link_is_up(link);
+}
+
+int connected_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
+  auto *link = static_cast<phone_link *>(user_data);
+  std::string error;
+  int result = host_connected(link->bus.get(), m, &error);
+  link->call = sd_bus_slot_unref(link->call);
+  if (result == HOST_OK)
+    opened(link);
+  else
+    lose(link, result == HOST_BUSY ? "the watch is busy: " + error : error);
+  return 0;
+}
+
+int introduced_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
+  auto *link = static_cast<phone_link *>(user_data);
+  std::string error;
+  int result = host_introduced(link->bus.get(), m, &error);
+  link->call = sd_bus_slot_unref(link->call);
+  if (result == HOST_OK && host_connect_begin(link->bus.get(), kOpenPatience, connected_cb, link, &link->call) < 0) {
+    result = HOST_AWAY;
+    error = host_stream_trouble(*link->bus);
+  }
+  if (result == HOST_OK) return 0;
+  if (result == HOST_REFUSED) link->delay = kLongestDelay; /* it takes people to change that */
+  lose(link, error);
+  return 0;
+}
+
+int gone_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
+  auto *link = static_cast<phone_link *>(user_data);
+  if (link->stage != link_stage::down) lose(link, host_stream_trouble(*link->bus));
+  return 0;
+}
+
+int replaced_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
+  auto *link = static_cast<phone_link *>(user_data);
+  if (link->stage != link_stage::open) return 0;
+  lose(link, link_replaced);
+  link->delay = kLongestDelay; /* or the two would take turns without end */
+  link_timer(link, &link->retry, link->delay, retry_cb);
+  return 0;
+}
+
+int follow(phone_link *link) {
+  sd_bus *bus = link->bus->bus;
+  int r = sd_bus_attach_event(bus, link->event, SD_EVENT_PRIORITY_NORMAL);
+  if (r >= 0) r = sd_bus_match_signal(bus, nullptr, nullptr, host_path, phone_interface, "Request", request_cb, link);
+  if (r >= 0) r = sd_bus_match_signal(bus, nullptr, nullptr, host_path, phone_interface, "Replaced", replaced_cb, link);
+  if (r >= 0)
+    r = sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus.Local", nullptr, "org.freedesktop.DBus.Local",
+                            "Disconnected", gone_cb, link);
+  if (r >= 0) r = host_introduce_begin(link->bus.get(), link->me, kOpenPatience, introduced_cb, link, &link->call);
+  return r;
+}
+
+void open_now(phone_link *link) {
+  if (link->stage != link_stage::down) return;
+  std::string error;
+  link->bus = host_open_stream(link->target.address, link->target.keys, &error);
+  int r = 0;
+  if (link->bus) {
+    link->bus->nudge_fd = link->network_fd;
+    link->bus->patience = link->target.pace.call_answer * kSecond;
+    link->stage = link_stage::opening;
+    link->opened_at = boot_now();
+    r = follow(link);
+    if (r < 0) error = std::string("the link cannot be used: ") + strerror(-r);
+  }
+  if (link->bus && r >= 0) return;
+  end_stream(link);
+  link_is_down(link, link->target.name + ": " + error);
+  retry_later(link);
+}
+
+int add_sources(phone_link *link) {
+  int r = sd_event_add_defer(link->event, &link->drop, drop_cb, link);
+  if (r >= 0) r = sd_event_source_set_enabled(link->drop, SD_EVENT_OFF);
+  if (r >= 0) r = sd_event_add_time(link->event, &link->ping, CLOCK_BOOTTIME, UINT64_MAX, kSecond, ping_cb, link);
+  if (r >= 0) r = sd_event_source_set_priority(link->ping, SD_EVENT_PRIORITY_NORMAL + 10);
+  if (r >= 0) r = sd_event_source_set_enabled(link->ping, SD_EVENT_OFF);
+  return r;
+}
+
+}  // namespace
+
+int stream_start(phone_link *link, std::string *error) {
+  int r = add_sources(link);
+  if (r < 0) {
+    *error = std::string("the event loop cannot be set up: ") + strerror(-r);
+    return -1;
+  }
+  network_follow(link);
+  link->lost_at = boot_now();
+  open_now(link);
+  return 0;
+}
+
+void stream_network_changed(phone_link *link, bool gone) {
+  uint64_t now = boot_now();
+  if (link->stage == link_stage::open) {
+    if (gone) ask_for_life(link, kDoubtPatience);
+    return;
+  }
+  link->lost_at = now; /* there is a reason to look for it often again */
+  link->delay = 0;
+  if (link->stage == link_stage::opening) {
+    if (now - link->opened_at < kSecond) return; /* it knows the new network already, or will fail soon */
+    end_stream(link);
+  }
+  link_timer(link, &link->retry, kSettle, retry_cb);
+}
+
+void stream_keep_alive(phone_link *link) {
+  uint64_t now = boot_now();
+  if (link->stage != link_stage::open || !pings(*link)) return;
+  uint64_t after = std::max(link->bus->heard, link->kept_alive_at) + pair_ping_after / 2 * kSecond;
+  if (now < after) return;
+  link->kept_alive_at = now;
+  sd_bus_call_method_async(link->bus->bus, nullptr, nullptr, "/", "org.freedesktop.DBus.Peer", "Ping", pong_cb, link,
+                           "");
+}
+
+void stream_end(phone_link *link) {
+  link->call = sd_bus_slot_unref(link->call);
+  for (sd_event_source **source : {&link->ping, &link->drop, &link->network})
+    *source = sd_event_source_disable_unref(*source);
+  if (link->network_fd >= 0) close(link->network_fd);
+  link->network_fd = -1;
+}
