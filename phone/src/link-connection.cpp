@@ -93,11 +93,12 @@ uint64_t link_longer(uint64_t pause) {
   return std::clamp(pause * 2, kSecond, 60 * kSecond);
 }
 
-void link_timer(phone_link *link, sd_event_source **source, uint64_t delay, sd_event_time_handler_t callback) {
+void link_timer(phone_link *link, sd_event_source **source, uint64_t delay, sd_event_time_handler_t callback,
+                void *user_data) {
   uint64_t now = 0;
   sd_event_now(link->event, CLOCK_MONOTONIC, &now);
   if (!*source) {
-    sd_event_add_time(link->event, source, CLOCK_MONOTONIC, now + delay, 1, callback, link);
+    sd_event_add_time(link->event, source, CLOCK_MONOTONIC, now + delay, 1, callback, user_data ? user_data : link);
     return;
   }
   sd_event_source_set_time(*source, now + delay);

@@ -3,6 +3,7 @@
 #define BRISEL_PHONE_LINK_PARTS_H
 
 #include <deque>
+#include <list>
 #include <map>
 
 #include "link.h"
@@ -21,6 +22,19 @@ enum class link_stage {
   open
 };
 
+/* A question for more of a mail whose answer has to come from a server first. */
+struct waiting_more {
+  phone_link *link = nullptr;
+  waiting_request request;
+  nlohmann::json json;
+  std::string source;
+  sd_event_source *changed = nullptr, *timeout = nullptr;
+  waiting_more() = default;
+  ~waiting_more();
+  waiting_more(const waiting_more &) = delete;
+  waiting_more &operator=(const waiting_more &) = delete;
+};
+
 struct phone_link {
   watch_target target;
   phone_identity me;
@@ -32,6 +46,7 @@ struct phone_link {
   int stop_fd = -1; /* written to by SIGTERM and SIGINT */
   sd_event_source *retry = nullptr, *take = nullptr, *resend = nullptr;
   std::deque<waiting_request> requests;
+  std::list<waiting_more> more;
   bool connected = false;
   std::string owner; /* the service process that is connected */
   uint64_t connected_at = 0;
@@ -92,7 +107,9 @@ void link_is_up(phone_link *link);
 void link_is_down(phone_link *link, const std::string &why);
 inline constexpr char link_replaced[] = "another machine that says it is this phone took over the link";
 
-/* Sets the timer `source`, which it makes when it is not there yet, to `delay` microseconds from now. */
-void link_timer(phone_link *link, sd_event_source **source, uint64_t delay, sd_event_time_handler_t callback);
+/* Sets the timer `source`, which it makes when it is not there yet, to `delay` microseconds from now. The callback gets
+   `user_data`, or the link. */
+void link_timer(phone_link *link, sd_event_source **source, uint64_t delay, sd_event_time_handler_t callback,
+                void *user_data = nullptr);
 
 #endif

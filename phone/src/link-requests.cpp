@@ -1,4 +1,6 @@
 /* What the watch asks: each request is on disk before it is acknowledged, and handed on once. */
+#include <sys/inotify.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -7,6 +9,7 @@
 #include "link-parts.h"
 #include "mail-files.h"
 #include "parser.h"
+#include "post-rest.h"
 
 namespace {
 
@@ -14,16 +17,60 @@ constexpr int64_t kSmallestPiece = 512;
 constexpr size_t kSecond = 8, kThird = 64; /* how many first pieces the watch has after asking once, twice */
 constexpr int kUnknownMail = 1;            /* what the service is told when there is no more to give */
 
-void answer_more(phone_link *link, int64_t id, const nlohmann::json &request, int64_t have) {
-  std::string piece, error;
+constexpr int kNotNow = 2;
+constexpr uint64_t kServer = 25000000; /* microseconds that a server has to give more of a text */
+
+void await_more(phone_link *link, const waiting_request &r, const nlohmann::json &request, const std::string &source);
+
+void answer_more(phone_link *link, const waiting_request &r, const nlohmann::json &request, bool may_wait) {
+  std::string piece, error, rest;
   bool complete = false;
   int mail_id = request.value("mail_id", 0);
   std::string uid = request.value("message_uid", std::string());
-  int result = more_of_mail(link->state, mail_id, uid, have, &piece, &complete, &error);
-  if (result < 0) link_log("more of mail " + std::to_string(mail_id) + ": " + error);
+  int result = more_of_mail(link->state, mail_id, uid, r.have, &piece, &complete, &rest, &error);
+  if (!rest.empty() && may_wait) {
+    await_more(link, r, request, rest);
+    return;
+  }
+  if (!rest.empty()) error = "the server did not give the rest of the text";
+  if (!error.empty()) link_log("more of mail " + std::to_string(mail_id) + ": " + error);
   std::string why;
-  if (host_answer_more(link->bus.get(), id, result < 0 ? kUnknownMail : 0, piece, complete, &why) < 0)
+  int code = result < 0 ? kUnknownMail : !rest.empty() && piece.empty() ? kNotNow : 0;
+  if (host_answer_more(link->bus.get(), r.id, code, piece, complete, &why) < 0)
     link_log("more of mail " + std::to_string(mail_id) + " was not taken: " + why);
+}
+
+/* The server gave it, or could not, or took too long. */
+void answer_waiting(waiting_more *waiting) {
+  phone_link *link = waiting->link;
+  waiting_request request = waiting->request;
+  nlohmann::json json = waiting->json;
+  link->more.remove_if([waiting](const waiting_more &one) { return &one == waiting; });
+  answer_more(link, request, json, false);
+}
+
+int rest_cb(sd_event_source *source, const inotify_event *event, void *user_data) {
+  auto *waiting = static_cast<waiting_more *>(user_data);
+  if (rest_is_settled(waiting->source)) answer_waiting(waiting);
+  return 0;
+}
+
+int rest_late_cb(sd_event_source *source, uint64_t usec, void *user_data) {
+  answer_waiting(static_cast<waiting_more *>(user_data));
+  return 0;
+}
+
+void await_more(phone_link *link, const waiting_request &r, const nlohmann::json &request, const std::string &source) {
+  waiting_more *waiting = &link->more.emplace_back();
+  waiting->link = link;
+  waiting->request = r;
+  waiting->json = request;
+  waiting->source = source;
+  std::string folder = source.substr(source.find(':', source.find(':') + 1) + 1) + rest_folder;
+  link_timer(link, &waiting->timeout, kServer, rest_late_cb, waiting);
+  if (sd_event_add_inotify(link->event, &waiting->changed, folder.c_str(), IN_DELETE, rest_cb, waiting) < 0 ||
+      rest_want(source) < 0)
+    link_timer(link, &waiting->timeout, 0, rest_late_cb, waiting);
 }
 
 /* Only the right types are looked at later: everything else in a request is passed on as it came. */
@@ -75,7 +122,7 @@ void take_request(phone_link *link, const waiting_request &r) {
   if (kept == 0 && fresh == 1 && link->handlers->kept)
     link->handlers->kept(link, good ? request : nlohmann::json(), r.line, link->user_data);
   if (more) { /* answered also when it could not be written down: it changes nothing here */
-    answer_more(link, r.id, request, r.have);
+    answer_more(link, r, request, true);
     if (kept == 0 && phone_state_set_acknowledged(link->state, r.id) < 0) link_log(phone_state_error(link->state));
     return;
   }
@@ -97,21 +144,10 @@ int take_cb(sd_event_source *source, void *user_data) {
   return 0;
 }
 
-int body_of(const sent_mail &mail, std::string *body, std::string *error) {
-  if (mail.has_body) {
-    *body = mail.body;
-    return 0;
-  }
-  std::string raw;
+int read_body(const sent_mail &mail, const std::string &raw, std::string *body, std::string *error) {
   mime_limits limits;
   mime_mail parsed;
-  if (mail.source.empty()) {
-    *error = "the mail went to the watch as a whole";
-    return -1;
-  }
-  if (mail_source_read(mail.source, limits.message, &raw, error) < 0 ||
-      parser_read(raw, limits, &parsed, error) != PARSER_DONE)
-    return -1;
+  if (parser_read(raw, limits, &parsed, error) != PARSER_DONE) return -1;
   if (parsed.message_uid != mail.message_uid) {
     *error = "another mail is in its place";
     return -1;
@@ -130,6 +166,30 @@ size_t piece_size(const sent_mail &mail, size_t have, size_t all) {
   return all;
 }
 
+/* *cut: the text is only a beginning. */
+int body_of(const sent_mail &mail, std::string *body, bool *cut, std::string *error) {
+  if (mail.has_body) {
+    *body = mail.body;
+    return 0;
+  }
+  std::string raw, whole;
+  mime_limits limits;
+  if (mail.source.empty()) {
+    *error = "the mail went to the watch as a whole";
+    return -1;
+  }
+  if (mail_source_read(mail.source, limits.message, &raw, error) < 0 || read_body(mail, raw, body, error) < 0)
+    return -1;
+  if (!rest_is_cut(mail.source)) return 0;
+  *body = rest_surely(*body);
+  raw = rest_read(mail.source);
+  *cut = raw.empty();
+  if (*cut) return 0;
+  if (read_body(mail, raw, &whole, error) < 0) return -1;
+  *body = rest_joined(*body, whole);
+  return 0;
+}
+
 }  // namespace
 
 int requests_start(phone_link *link) {
@@ -137,7 +197,13 @@ int requests_start(phone_link *link) {
   return r < 0 ? r : sd_event_source_set_enabled(link->take, SD_EVENT_OFF);
 }
 
+waiting_more::~waiting_more() {
+  sd_event_source_disable_unref(changed);
+  sd_event_source_disable_unref(timeout);
+}
+
 void requests_forget(phone_link *link) {
+  link->more.clear();
   link->requests.clear();
   if (link->resend) sd_event_source_set_enabled(link->resend, SD_EVENT_OFF);
 }
@@ -184,7 +250,7 @@ int link_take_waiting(phone_link *link) {
 }
 
 int more_of_mail(phone_state *state, int mail_id, const std::string &message_uid, int64_t have, std::string *piece,
-                 bool *complete, std::string *error) {
+                 bool *complete, std::string *rest, std::string *error) {
   sent_mail mail;
   int found = phone_state_find_mail(state, mail_id, message_uid, &mail);
   if (found <= 0) {
@@ -192,11 +258,14 @@ int more_of_mail(phone_state *state, int mail_id, const std::string &message_uid
     return -1;
   }
   std::string body;
-  if (body_of(mail, &body, error) < 0) return -1;
+  bool cut = false;
+  rest->clear();
+  if (body_of(mail, &body, &cut, error) < 0) return -1;
   /* From where the watch is, not from where the phone thinks it is: a piece that was lost on the way is sent again. */
   size_t from = mime_boundary(body, static_cast<size_t>(std::max<int64_t>(have, 0)));
   size_t end = mime_cut(body, from, piece_size(mail, from, body.size()));
   *piece = body.substr(from, end - from);
-  *complete = end >= body.size();
+  *complete = end >= body.size() && !cut;
+  if (cut && end >= body.size()) *rest = mail.source;
   return 0;
 }

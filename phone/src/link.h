@@ -72,10 +72,10 @@ struct link_flow_limits {
 };
 link_flow_limits link_flow(phone_link *link);
 
-/* What more of a mail's body there is for a watch that holds `have` bytes of it. Returns 0, or -1 with a reason (the
-   mail is not known or its file is gone). Also for tests. */
+/* What more of a mail's body there is for a watch that holds `have` bytes of it; *rest is set when a server has it (see
+   post-rest.h). Returns 0, or -1 with a reason (the mail is not known or its file is gone). Also for tests. */
 int more_of_mail(phone_state *state, int mail_id, const std::string &message_uid, int64_t have, std::string *piece,
-                 bool *complete, std::string *error);
+                 bool *complete, std::string *rest, std::string *error);
 
 /* A pause that grows from a second to a minute, in microseconds. */
 uint64_t link_longer(uint64_t pause);

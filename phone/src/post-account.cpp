@@ -63,6 +63,14 @@ int post_account_set(post_account *account, const std::string &key, const std::s
     account->ca = value;
   } else if (key == "sent") {
     account->sent = value;
+  } else if (key == "trash") {
+    account->trash = value;
+  } else if (key == "delete") {
+    if (value != "server" && value != "watch") {
+      *error = "delete=" + value + ": server or watch is wanted";
+      return -1;
+    }
+    account->delete_on_server = value == "server";
   } else if (key == "plain") {
     account->plain = value == "yes";
   } else if (key == "folders") {
@@ -138,6 +146,8 @@ int post_account_write(const std::string &file, const post_account &account, std
       {"ca", account.ca},
       {"folders", folders},
       {"sent", account.sent},
+      {"trash", account.trash},
+      {"delete", account.delete_on_server ? "server" : ""},
       {"plain", account.plain ? "yes" : ""}};
   for (const auto &[key, value] : settings)
     if (!value.empty()) g_key_file_set_string(keys.get(), group.c_str(), key, value.c_str());

@@ -28,8 +28,10 @@ struct post_account {
   std::string password_command;     /* prints the secret: a password, or a token that is valid now */
   std::string ca;                   /* a file of certificates to trust besides the system's */
   std::vector<std::string> folders; /* empty: INBOX */
-  std::string sent;   /* the folder that gets a copy of what was sent; empty: the server keeps one itself */
-  bool plain = false; /* without TLS, on loopback only */
+  std::string sent;  /* the folder that gets a copy of what was sent; empty: the server keeps one itself */
+  std::string trash; /* the folder for what is deleted; empty: the one that says of itself that it is for that */
+  bool delete_on_server = false; /* what is deleted on the watch; else it stays there */
+  bool plain = false;            /* without TLS, on loopback only */
   const std::string &login() const { return user.empty() ? address : user; }
 };
 

@@ -30,6 +30,8 @@ void add_setup(CLI::App *app, const std::shared_ptr<given> &g, int *exit_code) {
       ->check(CLI::IsMember({"password", "xoauth2", "oauthbearer"}));
   setup->add_option("--folder", account->folders, "A folder to follow (INBOX); may be given several times");
   setup->add_option("--sent", account->sent, "The folder for copies of what is sent (found)");
+  setup->add_flag("--delete-on-server", account->delete_on_server,
+                  "What is deleted on the watch goes to the server's trash too");
   setup->add_option("--ca", account->ca, "A file of certificates to trust besides the system's")
       ->check(CLI::ExistingFile);
   setup->add_flag("--plain", account->plain, "Without encryption, to a server on this machine only");

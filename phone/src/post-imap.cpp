@@ -2,7 +2,10 @@
 #include "post-imap.h"
 
 #include <glib.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cstring>
@@ -122,12 +125,14 @@ int64_t seconds_of(const mailimap_date_time *date) {
   return std::max<int64_t>(0, timegm(&when) - (zone / 100 * 3600 + zone % 100 * 60));
 }
 
-bool has_seen(const mailimap_msg_att_dynamic *flags) {
+void read_flags(const mailimap_msg_att_dynamic *flags, imap_message *message) {
+  message->seen = message->deleted = false;
   for (clistiter *at = flags->att_list ? clist_begin(flags->att_list) : nullptr; at; at = clist_next(at)) {
     auto *flag = static_cast<mailimap_flag_fetch *>(clist_content(at));
-    if (flag->fl_type == MAILIMAP_FLAG_FETCH_OTHER && flag->fl_flag->fl_type == MAILIMAP_FLAG_SEEN) return true;
+    if (flag->fl_type != MAILIMAP_FLAG_FETCH_OTHER) continue;
+    if (flag->fl_flag->fl_type == MAILIMAP_FLAG_SEEN) message->seen = true;
+    if (flag->fl_flag->fl_type == MAILIMAP_FLAG_DELETED) message->deleted = true;
   }
-  return false;
 }
 
 /* Takes one message's answer apart. */
@@ -135,7 +140,7 @@ void read_attributes(const mailimap_msg_att *answer, imap_message *message, cons
                      std::string *section) {
   for (clistiter *at = clist_begin(answer->att_list); at; at = clist_next(at)) {
     auto *item = static_cast<mailimap_msg_att_item *>(clist_content(at));
-    if (item->att_type == MAILIMAP_MSG_ATT_ITEM_DYNAMIC) message->seen = has_seen(item->att_data.att_dyn);
+    if (item->att_type == MAILIMAP_MSG_ATT_ITEM_DYNAMIC) read_flags(item->att_data.att_dyn, message);
     if (item->att_type != MAILIMAP_MSG_ATT_ITEM_STATIC) continue;
     const mailimap_msg_att_static *fact = item->att_data.att_static;
     if (fact->att_type == MAILIMAP_MSG_ATT_UID) message->uid = fact->att_data.att_uid;
@@ -179,6 +184,55 @@ int fetch_section(mailimap *session, uint32_t uid, mailimap_section *section, ui
   return 0;
 }
 
+void read_list(const clist *list, size_t most, std::vector<imap_message> *messages) {
+  for (clistiter *at = list ? clist_begin(list) : nullptr; at && messages->size() < most; at = clist_next(at)) {
+    imap_message message;
+    read_attributes(static_cast<mailimap_msg_att *>(clist_content(at)), &message, nullptr, nullptr);
+    if (message.uid != 0) messages->push_back(message);
+  }
+}
+
+type_holder facts_wanted() {
+  return wanted({mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_flags(), mailimap_fetch_att_new_internaldate()});
+}
+
+/* A connection that is only waited on may be dead for long without anybody noticing: the system looks after it, without
+   this process being woken. */
+void keep_alive(int fd) {
+  int on = 1, idle = 300, pause = 60, count = 4;
+  setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
+  setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &pause, sizeof pause);
+  setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof count);
+}
+
+/* From here on the server tells of messages that went by their uids. */
+void enable_changes(mailimap *session) {
+  clist *names = clist_new();
+  char *name = strdup("QRESYNC");
+  clist_append(names, mailimap_capability_new(MAILIMAP_CAPABILITY_NAME, nullptr, name));
+  mailimap_capability_data *asked = mailimap_capability_data_new(names), *answer = nullptr;
+  if (mailimap_enable(session, asked, &answer) == MAILIMAP_NO_ERROR && answer) mailimap_capability_data_free(answer);
+  mailimap_capability_data_free(asked);
+}
+
+/* Did the last answer tell of a change? */
+bool told_change(mailimap *session) {
+  const mailimap_response_info *info = session->imap_response_info;
+  return info && ((info->rsp_expunged && clist_count(info->rsp_expunged) > 0) ||
+                  (info->rsp_fetch_list && clist_count(info->rsp_fetch_list) > 0) ||
+                  (info->rsp_extension_list && clist_count(info->rsp_extension_list) > 0));
+}
+
+int store_flag(mailimap *session, mailimap_set *set, mailimap_flag *flag, const char *what, std::string *error) {
+  mailimap_flag_list *flags = mailimap_flag_list_new_empty();
+  mailimap_flag_list_add(flags, flag);
+  mailimap_store_att_flags *store = mailimap_store_att_flags_new_add_flags_silent(flags);
+  int code = mailimap_uid_store(session, set, store);
+  mailimap_store_att_flags_free(store);
+  return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, what, error);
+}
+
 mailimap_section_part *part_of(const std::string &number) {
   clist *ids = clist_new();
   gchar **numbers = g_strsplit(number.c_str(), ".", -1);
@@ -208,13 +262,20 @@ int imap_open(const post_account &account, const std::string &secret, imap_sessi
   mailimap_capability_data *offers = nullptr; /* kept by the library, for what mailimap_has_*() answer */
   if (mailimap_capability(session->get(), &offers) == MAILIMAP_NO_ERROR && offers)
     mailimap_capability_data_free(offers);
+  keep_alive(mailstream_low_get_fd(mailstream_get_low((*session)->imap_stream)));
+  if (imap_tells_changes(session->get())) enable_changes(session->get());
   return 0;
 }
 
-int imap_select(mailimap *session, const std::string &folder, uint32_t *validity, std::string *error) {
-  int code = mailimap_select(session, folder.c_str());
-  if (code != MAILIMAP_NO_ERROR) return fail(session, code, ("open the folder " + folder).c_str(), error);
-  *validity = session->imap_selection_info ? session->imap_selection_info->sel_uidvalidity : 0;
+int imap_select(mailimap *session, const std::string &name, imap_folder *folder, std::string *error) {
+  bool counts = mailimap_has_condstore(session) || mailimap_has_qresync(session);
+  *folder = imap_folder();
+  int code = counts ? mailimap_select_condstore(session, name.c_str(), &folder->modseq)
+                    : mailimap_select(session, name.c_str());
+  if (code != MAILIMAP_NO_ERROR) return fail(session, code, ("open the folder " + name).c_str(), error);
+  const mailimap_selection_info *info = session->imap_selection_info;
+  folder->validity = info ? info->sel_uidvalidity : 0;
+  folder->exists = info ? info->sel_exists : 0;
   return 0;
 }
 
@@ -222,23 +283,42 @@ int imap_list_newest(mailimap *session, uint32_t count, std::vector<imap_message
   uint32_t exists = session->imap_selection_info ? session->imap_selection_info->sel_exists : 0;
   if (exists == 0) return 0;
   set_holder set(mailimap_set_new_interval(exists > count ? exists - count + 1 : 1, 0));
-  type_holder type =
-      wanted({mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_flags(), mailimap_fetch_att_new_internaldate()});
+  type_holder type = facts_wanted();
   clist *list = nullptr;
   int code = mailimap_fetch(session, set.get(), type.get(), &list);
   list_holder holder(list);
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, "list a folder", error);
-  for (clistiter *at = list ? clist_begin(list) : nullptr; at; at = clist_next(at)) {
-    imap_message message;
-    read_attributes(static_cast<mailimap_msg_att *>(clist_content(at)), &message, nullptr, nullptr);
-    if (message.uid != 0 && messages->size() < count) messages->push_back(message);
-  }
+  read_list(list, count, messages);
   return 0;
 }
 
-int imap_fetch(mailimap *session, uint32_t uid, std::string *raw, std::string *error) {
+bool imap_tells_changes(mailimap *session) {
+  return mailimap_has_qresync(session) && mailimap_has_enable(session);
+}
+
+int imap_list_changes(mailimap *session, uint32_t from, uint64_t modseq, std::vector<imap_message> *changed,
+                      std::vector<std::pair<uint32_t, uint32_t>> *gone, std::string *error) {
+  set_holder set(mailimap_set_new_interval(from, 0));
+  type_holder type = facts_wanted();
+  clist *list = nullptr;
+  mailimap_qresync_vanished *vanished = nullptr;
+  int code = mailimap_uid_fetch_qresync(session, set.get(), type.get(), modseq, &list, &vanished);
+  list_holder holder(list);
+  const clist *runs = vanished && vanished->qr_known_uids ? vanished->qr_known_uids->set_list : nullptr;
+  for (clistiter *at = runs ? clist_begin(runs) : nullptr; at; at = clist_next(at)) {
+    auto *run = static_cast<mailimap_set_item *>(clist_content(at));
+    gone->emplace_back(run->set_first, run->set_last);
+  }
+  if (vanished) mailimap_qresync_vanished_free(vanished);
+  if (code != MAILIMAP_NO_ERROR) return fail(session, code, "tell what changed", error);
+  read_list(list, SIZE_MAX, changed);
+  return 0;
+}
+
+int imap_fetch(mailimap *session, uint32_t uid, bool whole, std::string *raw, bool *cut, std::string *error) {
   raw->clear();
   error->clear();
+  *cut = false;
   type_holder type = wanted(
       {mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_bodystructure(),
        mailimap_fetch_att_new_body_peek_section_partial(mailimap_section_new_header(), 0, skeleton_header_bytes)});
@@ -251,7 +331,7 @@ int imap_fetch(mailimap *session, uint32_t uid, std::string *raw, std::string *e
   read_attributes(answer, &message, &structure, &header);
   if (header.empty() || !structure) return 0;
   std::vector<skeleton_text> texts;
-  skeleton_choose(structure, &texts);
+  skeleton_choose(structure, header, whole, &texts, cut);
   for (skeleton_text &text : texts) {
     mailimap_section *section =
         text.part.empty() ? mailimap_section_new_text() : mailimap_section_new_part(part_of(text.part));
@@ -263,12 +343,23 @@ int imap_fetch(mailimap *session, uint32_t uid, std::string *raw, std::string *e
 
 int imap_add_flag(mailimap *session, uint32_t uid, bool answered, std::string *error) {
   set_holder set(mailimap_set_new_single(uid));
-  mailimap_flag_list *flags = mailimap_flag_list_new_empty();
-  mailimap_flag_list_add(flags, answered ? mailimap_flag_new_answered() : mailimap_flag_new_seen());
-  mailimap_store_att_flags *store = mailimap_store_att_flags_new_add_flags_silent(flags);
-  int code = mailimap_uid_store(session, set.get(), store);
-  mailimap_store_att_flags_free(store);
-  return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, "set a mark", error);
+  return store_flag(session, set.get(), answered ? mailimap_flag_new_answered() : mailimap_flag_new_seen(),
+                    "set a mark", error);
+}
+
+int imap_remove(mailimap *session, uint32_t uid, const std::string &trash, std::string *error) {
+  set_holder set(mailimap_set_new_single(uid));
+  if (!trash.empty()) {
+    bool moves = mailimap_has_extension(session, const_cast<char *>("MOVE")) != 0;
+    int code = moves ? mailimap_uid_move(session, set.get(), trash.c_str())
+                     : mailimap_uid_copy(session, set.get(), trash.c_str());
+    if (code != MAILIMAP_NO_ERROR) return fail(session, code, ("put a mail into " + trash).c_str(), error);
+    if (moves) return 0;
+  }
+  if (store_flag(session, set.get(), mailimap_flag_new_deleted(), "delete a mail", error) < 0) return -1;
+  if (!mailimap_has_uidplus(session)) return 0; /* a plain EXPUNGE would take what others marked too */
+  int code = mailimap_uid_expunge(session, set.get());
+  return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, "delete a mail", error);
 }
 
 int imap_find(mailimap *session, const std::string &message_id, uint32_t *uid, std::string *error) {
@@ -292,40 +383,50 @@ int imap_append(mailimap *session, const std::string &folder, const std::string 
   return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, ("keep a copy in " + folder).c_str(), error);
 }
 
-int imap_sent_folder(mailimap *session, std::string *folder, std::string *error) {
+int imap_special_folder(mailimap *session, const char *use, std::string *folder, std::string *error) {
+  const std::string flagged = std::string("\\") + use;
   clist *list = nullptr;
   int code = mailimap_list(session, "", "*", &list);
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, "list its folders", error);
   folder->clear();
   for (clistiter *at = list ? clist_begin(list) : nullptr; at; at = clist_next(at)) {
     auto *box = static_cast<mailimap_mailbox_list *>(clist_content(at));
-    bool sent = false;
+    bool meant = false;
     for (clistiter *i = box->mb_flag && box->mb_flag->mbf_oflags ? clist_begin(box->mb_flag->mbf_oflags) : nullptr; i;
          i = clist_next(i)) {
       auto *flag = static_cast<mailimap_mbx_list_oflag *>(clist_content(i));
-      sent = sent || (flag->of_flag_ext && g_ascii_strcasecmp(flag->of_flag_ext, "Sent") == 0) ||
-             (flag->of_flag_ext && g_ascii_strcasecmp(flag->of_flag_ext, "\\Sent") == 0);
+      const char *said = flag->of_flag_ext ? flag->of_flag_ext : "";
+      meant = meant || g_ascii_strcasecmp(said, use) == 0 || g_ascii_strcasecmp(said, flagged.c_str()) == 0;
     }
-    if (sent || (folder->empty() && g_ascii_strcasecmp(box->mb_name, "Sent") == 0)) *folder = box->mb_name;
-    if (sent) break;
+    if (meant || (folder->empty() && g_ascii_strcasecmp(box->mb_name, use) == 0)) *folder = box->mb_name;
+    if (meant) break;
   }
   if (list) mailimap_list_result_free(list);
   return 0;
 }
 
 int imap_wait(mailimap *session, int other, int seconds, std::string *error) {
-  bool idle = mailimap_has_idle(session) != 0;
+  bool idle = mailimap_has_idle(session) != 0, changed = false;
+  const mailimap_selection_info *folder = session->imap_selection_info;
+  uint32_t exists = folder ? folder->sel_exists : 0;
   if (idle) {
     int code = mailimap_idle(session);
     if (code != MAILIMAP_NO_ERROR) return fail(session, code, "wait for mail", error);
+    folder = session->imap_selection_info;
+    changed = told_change(session) || (folder && folder->sel_exists != exists);
   }
   pollfd wait[] = {{other, POLLIN, 0}, {idle ? mailimap_idle_get_fd(session) : -1, POLLIN, 0}};
-  bool there = idle && session->imap_stream->read_buffer_len > 0;
-  if (!there && poll(wait, 2, seconds * 1000) < 0 && errno != EINTR) {
+  bool there = changed || (idle && session->imap_stream->read_buffer_len > 0);
+  int ready = there ? 1 : poll(wait, 2, seconds * 1000);
+  if (ready < 0 && errno != EINTR) {
     *error = std::string("waiting failed: ") + strerror(errno);
     return -1;
   }
-  if (!idle) return 0;
+  if (!idle) return 1;
   int code = mailimap_idle_done(session);
-  return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, "stop waiting", error);
+  if (code != MAILIMAP_NO_ERROR) return fail(session, code, "stop waiting", error);
+  /* Some servers only say now and then that they are there. */
+  folder = session->imap_selection_info;
+  return ready == 0 || changed || (wait[0].revents & POLLIN) || told_change(session) ||
+         (folder && folder->sel_exists != exists);
 }

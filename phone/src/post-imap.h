@@ -22,28 +22,45 @@ struct imap_closer {
 };
 using imap_session = std::unique_ptr<mailimap, imap_closer>;
 
+struct imap_folder {
+  uint32_t validity = 0, exists = 0;
+  uint64_t modseq = 0; /* grows with every change; 0: the server does not count them */
+};
+
 struct imap_message {
   uint32_t uid = 0;
   bool seen = false;
-  int64_t date = 0; /* of its arrival, seconds since the epoch; 0: unknown */
+  bool deleted = false; /* marked so: as good as gone */
+  int64_t date = 0;     /* of its arrival, seconds since the epoch; 0: unknown */
 };
 
 /* Connects, checks, logs in. */
 int imap_open(const post_account &account, const std::string &secret, imap_session *session, std::string *error);
 /* Opens a folder; again, when it is known that it changed. */
-int imap_select(mailimap *session, const std::string &folder, uint32_t *validity, std::string *error);
+int imap_select(mailimap *session, const std::string &name, imap_folder *folder, std::string *error);
 /* The newest `count` messages that the selected folder had when it was opened. */
 int imap_list_newest(mailimap *session, uint32_t count, std::vector<imap_message> *messages, std::string *error);
+/* Whether imap_list_changes() can be asked. */
+bool imap_tells_changes(mailimap *session);
+/* Of the selected folder's messages from uid `from` on: those that came or changed since `modseq`, and the first and
+   last of each run of those that went. */
+int imap_list_changes(mailimap *session, uint32_t from, uint64_t modseq, std::vector<imap_message> *changed,
+                      std::vector<std::pair<uint32_t, uint32_t>> *gone, std::string *error);
 /* The message as far as a watch needs it, as the bytes of a mail: its header, the parts' headers, the text that is
-   read; no attachment. Empty when the server has it no more. */
-int imap_fetch(mailimap *session, uint32_t uid, std::string *raw, std::string *error);
+   read; no attachment. Of long texts the beginning, then *cut is set; all of it when `whole`. Empty when the server has
+   it no more. */
+int imap_fetch(mailimap *session, uint32_t uid, bool whole, std::string *raw, bool *cut, std::string *error);
 int imap_add_flag(mailimap *session, uint32_t uid, bool answered, std::string *error); /* else seen */
+/* Moves it to the folder `trash`; with none, or from there, removes this one for good. A server that can do neither for
+   one message alone keeps it, marked as deleted. */
+int imap_remove(mailimap *session, uint32_t uid, const std::string &trash, std::string *error);
 /* The message with this Message-ID in the selected folder; 0: none. */
 int imap_find(mailimap *session, const std::string &message_id, uint32_t *uid, std::string *error);
 int imap_append(mailimap *session, const std::string &folder, const std::string &message, std::string *error);
-/* The folder that says of itself that it holds what was sent; empty: none does. */
-int imap_sent_folder(mailimap *session, std::string *folder, std::string *error);
-/* Waits until the server tells of a change or `other` (a file descriptor) can be read; at most `seconds`. */
+/* The folder that says of itself that it is for `use` ("Sent", "Trash"), else the one of that name; empty: none is. */
+int imap_special_folder(mailimap *session, const char *use, std::string *folder, std::string *error);
+/* Waits until the server tells of a change or `other` (a file descriptor) can be read; at most `seconds`. Returns 1
+   when there is something to look at, 0, or -1. */
 int imap_wait(mailimap *session, int other, int seconds, std::string *error);
 
 #endif

@@ -4,9 +4,13 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <glib.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <poll.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,17 +24,21 @@
 
 #include "maildir-names.h"
 #include "post-imap.h"
+#include "post-rest.h"
 
 namespace {
 
-constexpr int kRenewal = 20 * 60; /* seconds; servers may end a wait of half an hour */
+constexpr int kRenewal = 29 * 60; /* seconds; servers may end a wait of half an hour */
 constexpr int kPoll = 2 * 60;     /* where the server has no way to tell of new mail */
-constexpr int kFirstPause = 5, kLongestPause = 300;
+constexpr int kFirstPause = 2, kLongestPause = 300;
+constexpr int64_t kLasting = 60; /* a connection that lasted so long was a good one */
 constexpr rlim_t kMemory = 512u << 20;
+constexpr char kVersion[] = "v2";
 
 struct local_file {
   std::string path;
   bool seen = false;
+  bool gone = false; /* the user deleted it, and the account says that the server shall know */
 };
 
 struct mirror {
@@ -42,8 +50,14 @@ struct mirror {
   std::map<uint32_t, local_file> files; /* of the folder's present validity, by uid */
   std::vector<std::string> stale;       /* of an earlier one */
   std::map<uint32_t, bool> agreed;      /* seen, as server and mirror last had it */
-  int changes = -1;                     /* inotify */
-  bool first = true;                    /* nothing was mirrored before: what comes is not new */
+  uint64_t modseq = 0;                  /* the server's count of changes at that time; 0: unknown */
+  uint32_t exists = 0;                  /* ... and of messages */
+  bool asks_changes = true;             /* until a server that offers to tell them fails to */
+  std::string trash;
+  bool trash_known = false;
+  int changes = -1;  /* inotify */
+  int net = -1;      /* netlink: this machine's addresses changed */
+  bool first = true; /* nothing was mirrored before: what comes is not new */
 };
 
 void say(const mirror &m, const std::string &text) {
@@ -67,7 +81,7 @@ int list_files(mirror *m, std::string *error) {
       continue;
     std::string path = m->path + "/" + file.folder + "/" + file.name;
     if (validity == m->validity)
-      m->files[uid] = {path, maildir_has_flag(file.name, 'S')};
+      m->files[uid] = {path, maildir_has_flag(file.name, 'S'), maildir_has_flag(file.name, 'T')};
     else
       m->stale.push_back(path);
   }
@@ -81,15 +95,21 @@ std::string agreed_path(const mirror &m) {
 /* What both sides last had: the only thing that tells which of them changed. Without it the server counts. */
 void load_agreed(mirror *m) {
   m->agreed.clear();
+  m->modseq = 0;
   std::ifstream in(agreed_path(*m));
+  std::string version;
   uint32_t validity = 0, uid = 0;
   int seen = 0;
-  if (!(in >> validity) || validity != m->validity) return;
+  if (!(in >> version >> validity >> m->modseq >> m->exists) || version != kVersion || validity != m->validity) {
+    m->modseq = 0;
+    return;
+  }
   while (in >> uid >> seen) m->agreed[uid] = seen != 0;
 }
 
 int save_agreed(const mirror &m, std::string *error) {
-  std::string text = std::to_string(m.validity) + "\n";
+  std::string text = std::string(kVersion) + " " + std::to_string(m.validity) + " " + std::to_string(m.modseq) + " " +
+                     std::to_string(m.exists) + "\n";
   for (const auto &[uid, seen] : m.agreed) text += std::to_string(uid) + " " + (seen ? "1\n" : "0\n");
   GError *why = nullptr;
   if (g_file_set_contents_full(agreed_path(m).c_str(), text.c_str(), static_cast<gssize>(text.size()),
@@ -100,11 +120,10 @@ int save_agreed(const mirror &m, std::string *error) {
   return -1;
 }
 
-/* Written elsewhere, on disk, then moved in: the relay never sees half a message. */
-int deliver(const mirror &m, const imap_message &message, const std::string &raw, std::string *error) {
-  std::string base = base_of(m, message.uid), from = m.path + "/tmp/" + base;
-  bool fresh = !m.first && !message.seen;
-  std::string to = m.path + (fresh ? "/new/" + base : "/cur/" + base + (message.seen ? ":2,S" : ":2,"));
+/* Written elsewhere, on disk, then moved in: nobody sees half a message. */
+int put_file(const mirror &m, const std::string &base, const std::string &to, int64_t date, const std::string &raw,
+             std::string *error) {
+  std::string from = m.path + "/tmp/" + base;
   int fd = open(from.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   bool good = fd >= 0;
   for (size_t done = 0; good && done < raw.size();) {
@@ -113,8 +132,8 @@ int deliver(const mirror &m, const imap_message &message, const std::string &raw
     good = put > 0;
     if (good) done += static_cast<size_t>(put);
   }
-  if (good && message.date > 0) {
-    timespec times[2] = {{message.date, 0}, {message.date, 0}};
+  if (good && date > 0) {
+    timespec times[2] = {{date, 0}, {date, 0}};
     futimens(fd, times);
   }
   good = good && fsync(fd) == 0;
@@ -124,6 +143,22 @@ int deliver(const mirror &m, const imap_message &message, const std::string &raw
   *error = m.path + ": " + strerror(errno);
   unlink(from.c_str());
   return -1;
+}
+
+int deliver(const mirror &m, const imap_message &message, const std::string &raw, bool cut, std::string *error) {
+  std::string base = base_of(m, message.uid);
+  /* First of all that it is only a beginning: the relay never takes it for the whole. */
+  if (cut && put_file(m, base, m.path + rest_folder + "/" + base, 0, "", error) < 0) return -1;
+  bool fresh = !m.first && !message.seen;
+  std::string to = m.path + (fresh ? "/new/" + base : "/cur/" + base + (message.seen ? ":2,S" : ":2,"));
+  return put_file(m, base, to, message.date, raw, error);
+}
+
+void drop(const mirror &m, const std::string &path) {
+  unlink(path.c_str());
+  std::string rest = m.path + rest_folder + "/" + maildir_base(path.substr(path.rfind('/') + 1));
+  unlink(rest.c_str());
+  unlink((rest + rest_suffix).c_str());
 }
 
 /* Renames a file so that its name says `seen`. */
@@ -154,40 +189,111 @@ int exchange_mark(mirror *m, mailimap *session, const imap_message &message, con
   return 0;
 }
 
-/* Makes mirror and folder equal. */
-int mirror_once(mirror *m, mailimap *session, std::string *error) {
-  std::vector<imap_message> messages;
-  uint32_t validity = 0;
-  if (imap_select(session, m->folder, &validity, error) < 0) return -1;
-  if (validity != m->validity) {
-    m->validity = validity;
-    load_agreed(m);
+/* Fetches the texts that somebody wants to read on in. */
+int fetch_wanted(const mirror &m, mailimap *session, std::string *error) {
+  g_autoptr(GDir) names = g_dir_open((m.path + rest_folder).c_str(), 0, nullptr);
+  for (const char *name = names ? g_dir_read_name(names) : nullptr; name; name = g_dir_read_name(names)) {
+    std::string wanted = name, base = wanted.substr(0, wanted.rfind('.')), raw;
+    unsigned validity = 0, uid = 0;
+    bool cut = false;
+    if (!wanted.ends_with(rest_suffix) || !wanted.starts_with(m.tag + ".")) continue;
+    if (sscanf(wanted.c_str() + m.tag.size(), ".%u.%u.", &validity, &uid) == 2 && validity == m.validity) {
+      if (imap_fetch(session, uid, true, &raw, &cut, error) < 0) return -1;
+      if (!raw.empty() && put_file(m, base, m.path + rest_folder + "/" + base, 0, raw, error) < 0) return -1;
+    }
+    unlink((m.path + rest_folder + "/" + wanted).c_str());
   }
-  if (imap_list_newest(session, m->newest, &messages, error) < 0) return -1;
-  char drained[4096];
-  while (read(m->changes, drained, sizeof drained) > 0) continue; /* what changes from here on is seen next time */
-  if (list_files(m, error) < 0) return -1;
-  m->first = m->first && m->files.empty() && m->stale.empty();
+  return 0;
+}
+
+/* What the user deleted leaves the server. */
+int remove_deleted(mirror *m, mailimap *session, std::string *error) {
+  for (auto file = m->files.begin(); file != m->files.end();) {
+    if (!file->second.gone || !m->account.delete_on_server) {
+      ++file;
+      continue;
+    }
+    if (!m->trash_known && m->trash.empty() && imap_special_folder(session, "Trash", &m->trash, error) < 0) return -1;
+    m->trash_known = true;
+    if (imap_remove(session, file->first, m->trash == m->folder ? "" : m->trash, error) < 0) return -1;
+    drop(*m, file->second.path);
+    m->agreed.erase(file->first);
+    file = m->files.erase(file);
+  }
+  return 0;
+}
+
+/* The folder's newest messages, from what is known and what the server says has changed since. Returns 1; 0 when only a
+   list tells; or -1. */
+int window_from_changes(mirror *m, mailimap *session, const imap_folder &folder, std::vector<imap_message> *messages,
+                        std::string *error) {
+  if (m->modseq == 0 || folder.modseq == 0 || m->agreed.empty() || !m->asks_changes) return 0;
+  std::map<uint32_t, imap_message> window;
+  for (const auto &[uid, seen] : m->agreed) window[uid] = {uid, seen};
+  if (imap_tells_changes(session)) {
+    std::vector<imap_message> changed;
+    std::vector<std::pair<uint32_t, uint32_t>> gone;
+    if (imap_list_changes(session, m->agreed.begin()->first, m->modseq, &changed, &gone, error) < 0) {
+      m->asks_changes = false;
+      return -1;
+    }
+    for (const auto &[first, last] : gone)
+      window.erase(window.lower_bound(first), window.upper_bound(std::max(first, last)));
+    for (const imap_message &message : changed) window[message.uid] = message;
+  } else if (folder.modseq != m->modseq || folder.exists != m->exists) {
+    return 0;
+  }
+  while (window.size() > m->newest) window.erase(window.begin());
+  if (window.size() < std::min(m->newest, folder.exists)) return 0; /* older ones are to follow */
+  for (const auto &[uid, message] : window) messages->push_back(message);
+  return 1;
+}
+
+/* Brings the mirror to what the server has: `messages`, the oldest first. */
+int take_over(mirror *m, mailimap *session, const std::vector<imap_message> &messages, std::string *error) {
   std::set<uint32_t> there;
   /* Newest first: that is what somebody waits for. */
   for (auto at = messages.rbegin(); at != messages.rend(); ++at) {
-    if (!there.insert(at->uid).second) continue;
+    if (at->deleted || !there.insert(at->uid).second) continue;
     auto file = m->files.find(at->uid);
     if (file != m->files.end()) {
       if (exchange_mark(m, session, *at, file->second, error) < 0) return -1;
       continue;
     }
     std::string raw;
-    if (imap_fetch(session, at->uid, &raw, error) < 0) return -1;
+    bool cut = false;
+    if (imap_fetch(session, at->uid, false, &raw, &cut, error) < 0) return -1;
     if (raw.empty()) continue; /* gone meanwhile, or nothing that can be read */
-    if (deliver(*m, *at, raw, error) < 0) return -1;
+    if (deliver(*m, *at, raw, cut, error) < 0) return -1;
     m->agreed[at->uid] = at->seen;
   }
   for (const auto &[uid, file] : m->files)
-    if (!there.count(uid)) unlink(file.path.c_str());
-  for (const std::string &path : m->stale) unlink(path.c_str());
+    if (!there.count(uid)) drop(*m, file.path);
+  for (const std::string &path : m->stale) drop(*m, path);
   std::erase_if(m->agreed, [&there](const auto &mark) { return !there.count(mark.first); });
   m->first = false;
+  return 0;
+}
+
+/* Makes mirror and folder equal. */
+int mirror_once(mirror *m, mailimap *session, std::string *error) {
+  std::vector<imap_message> messages;
+  imap_folder folder;
+  char drained[4096];
+  while (read(m->changes, drained, sizeof drained) > 0) continue; /* what changes from here on is seen next time */
+  if (imap_select(session, m->folder, &folder, error) < 0) return -1;
+  if (folder.validity != m->validity) {
+    m->validity = folder.validity;
+    load_agreed(m);
+  }
+  if (list_files(m, error) < 0 || fetch_wanted(*m, session, error) < 0 || remove_deleted(m, session, error) < 0)
+    return -1;
+  int known = window_from_changes(m, session, folder, &messages, error);
+  if (known < 0 || (known == 0 && imap_list_newest(session, m->newest, &messages, error) < 0)) return -1;
+  m->first = m->first && m->files.empty() && m->stale.empty();
+  if (take_over(m, session, messages, error) < 0) return -1;
+  m->modseq = folder.modseq;
+  m->exists = folder.exists;
   return save_agreed(*m, error);
 }
 
@@ -201,15 +307,43 @@ int follow(mirror *m, bool *worked, std::string *error) {
     if (mirror_once(m, session.get(), error) < 0) return -1;
     if (!*worked) say(*m, "follows " + m->account.imap);
     *worked = true;
-    int longest = mailimap_has_idle(session.get()) ? kRenewal : kPoll;
-    if (imap_wait(session.get(), m->changes, longest, error) < 0) return -1;
+    int longest = mailimap_has_idle(session.get()) ? kRenewal : kPoll, changed = 0;
+    while (changed == 0)
+      if ((changed = imap_wait(session.get(), m->changes, longest, error)) < 0) return -1;
   }
+}
+
+int64_t now() {
+  timespec time;
+  clock_gettime(CLOCK_BOOTTIME, &time);
+  return time.tv_sec;
+}
+
+/* Opens a socket that can be read when this machine got or lost an address. */
+int watch_net() {
+  int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
+  sockaddr_nl groups = {};
+  groups.nl_family = AF_NETLINK;
+  groups.nl_groups = RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&groups), sizeof groups) == 0) return fd;
+  if (fd >= 0) close(fd);
+  return -1;
+}
+
+/* Waits before the next try; a new network ends that soon. Returns whether there is one. */
+bool rest_a_while(const mirror &m, int pause) {
+  char drained[8192];
+  pollfd wait = {m.net, POLLIN, 0};
+  while (recv(m.net, drained, sizeof drained, 0) > 0) continue;
+  bool changed = poll(&wait, 1, pause * 1000) > 0;
+  if (changed) sleep(1); /* until it has its routes and names */
+  return changed;
 }
 
 }  // namespace
 
 int post_mirror_create(const std::string &path, std::string *error) {
-  for (const char *folder : {"", "/tmp", "/new", "/cur"})
+  for (const char *folder : {"", "/tmp", "/new", "/cur", rest_folder})
     if (g_mkdir_with_parents((path + folder).c_str(), 0700) < 0) {
       *error = path + folder + ": " + strerror(errno);
       return -1;
@@ -234,22 +368,23 @@ int post_mirror_run(const std::string &config, const std::string &account, const
   m.tag = "imap-" + std::string(sum).substr(0, 8);
   m.changes = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (post_mirror_create(m.path, &error) < 0 || m.changes < 0 ||
-      inotify_add_watch(m.changes, (m.path + "/cur").c_str(), IN_MOVED_TO) < 0) {
+      inotify_add_watch(m.changes, (m.path + "/cur").c_str(), IN_MOVED_TO) < 0 ||
+      inotify_add_watch(m.changes, (m.path + rest_folder).c_str(), IN_CREATE) < 0) {
     say(m, error.empty() ? strerror(errno) : error);
     return 1;
   }
+  m.trash = m.account.trash;
+  m.net = watch_net();
   std::string told;
   for (int pause = kFirstPause;;) {
     bool worked = false;
+    int64_t begun = now();
     error.clear();
     follow(&m, &worked, &error);
-    if (worked) {
-      pause = kFirstPause;
-      told.clear();
-    }
+    if (worked) told.clear();
+    if (worked && now() - begun > kLasting) pause = kFirstPause;
     if (error != told) say(m, error + "; tried again until it works");
     told = error;
-    sleep(static_cast<unsigned>(pause));
-    pause = std::min(pause * 2, kLongestPause);
+    pause = rest_a_while(m, pause) ? kFirstPause : std::min(pause * 2, kLongestPause);
   }
 }

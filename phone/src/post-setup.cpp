@@ -75,12 +75,12 @@ int complete_servers(post_account *account, std::string *error) {
 /* Both directions, as they will be used. */
 int try_account(post_account *account, const std::string &secret, bool find_sent, std::string *error) {
   imap_session session;
-  uint32_t validity = 0;
+  imap_folder opened;
   if (imap_open(*account, secret, &session, error) < 0) return -1;
   std::vector<std::string> folders = account->folders.empty() ? std::vector<std::string>{"INBOX"} : account->folders;
   for (const std::string &folder : folders)
-    if (imap_select(session.get(), folder, &validity, error) < 0) return -1;
-  if (find_sent && account->sent.empty()) imap_sent_folder(session.get(), &account->sent, error);
+    if (imap_select(session.get(), folder, &opened, error) < 0) return -1;
+  if (find_sent && account->sent.empty()) imap_special_folder(session.get(), "Sent", &account->sent, error);
   if (account->smtp.empty()) return 0;
   return smtp_send(*account, secret, {}, "", nullptr, error);
 }

@@ -135,6 +135,17 @@ const char *encoding_of(const mailimap_body_fields *fields) {
   }
 }
 
+bool has_message_id(const std::string &header) {
+  constexpr char kName[] = "message-id:";
+  for (size_t line = 0; line < header.size();) {
+    size_t end = std::min(header.find('\n', line), header.size());
+    if (g_ascii_strncasecmp(header.c_str() + line, kName, strlen(kName)) == 0)
+      return header.substr(line, end - line).find('@') != std::string::npos;
+    line = end + 1;
+  }
+  return false;
+}
+
 struct builder {
   const std::vector<skeleton_text> *texts;
   std::string out;
@@ -188,18 +199,32 @@ void put_part(builder *b, const mailimap_body *body, const std::string &number, 
 
 }  // namespace
 
-void skeleton_choose(const mailimap_body *structure, std::vector<skeleton_text> *texts) {
+void skeleton_choose(const mailimap_body *structure, const std::string &header, bool whole,
+                     std::vector<skeleton_text> *texts, bool *cut) {
   std::vector<found_text> found;
   find_texts(structure, "", false, 0, &found);
   uint32_t plain = 0;
   for (const found_text &text : found)
     if (is(text.subtype, "plain") && text.alternative) plain = std::max(plain, text.size);
+  /* HTML is many times its words; beside a plain form that can be all of them it is not looked at. */
+  std::erase_if(found, [plain](const found_text &text) {
+    return text.alternative && is(text.subtype, "html") && plain > 0 && plain * 16 >= text.size && plain > 400;
+  });
+  /* The beginning will do where it is the beginning of what is shown: of one kind of text, in a message whose identity
+     is not made of it. */
+  bool one_kind = has_message_id(header);
+  for (const found_text &text : found)
+    one_kind = one_kind && text.subtype == found[0].subtype && (is(text.subtype, "plain") || is(text.subtype, "html"));
+  bool single = structure->bd_type == MAILIMAP_BODY_1PART;
+  *cut = false;
   for (const found_text &text : found) {
-    /* HTML is many times its words; beside a plain form that can be all of them it is not looked at. */
-    bool other = text.alternative && is(text.subtype, "html") && plain > 0 && plain * 16 >= text.size && plain > 400;
-    if (other) continue;
-    bool single = structure->bd_type == MAILIMAP_BODY_1PART;
-    texts->push_back({single ? "" : text.part, skeleton_text_bytes, ""});
+    uint32_t most = whole                      ? skeleton_whole_bytes
+                    : !one_kind                ? skeleton_text_bytes
+                    : is(text.subtype, "html") ? skeleton_html_bytes
+                                               : skeleton_plain_bytes;
+    if (*cut) break; /* a text behind one that is cut would stand where that goes on */
+    texts->push_back({single ? "" : text.part, most, ""});
+    *cut = one_kind && !whole && text.size > most;
   }
 }
 

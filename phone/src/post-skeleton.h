@@ -11,7 +11,11 @@
 #include <string>
 #include <vector>
 
-constexpr uint32_t skeleton_header_bytes = 256u << 10, skeleton_text_bytes = 256u << 10;
+constexpr uint32_t skeleton_header_bytes = 256u << 10;
+/* Of a text at once: far more than the first piece that goes to the watch (HTML is many times its words); where only
+   the whole tells which text is read; and when more was asked for. */
+constexpr uint32_t skeleton_plain_bytes = 8u << 10, skeleton_html_bytes = 64u << 10, skeleton_text_bytes = 256u << 10,
+                   skeleton_whole_bytes = 1u << 20;
 
 /* A part whose content is wanted. */
 struct skeleton_text {
@@ -20,8 +24,10 @@ struct skeleton_text {
   std::string content;
 };
 
-/* Which parts are to be read: the plain text, and HTML only where that may be what is shown. */
-void skeleton_choose(const mailimap_body *structure, std::vector<skeleton_text> *texts);
+/* Which parts are to be read: the plain text, and HTML only where that may be what is shown. *cut: there is more of
+   what will be shown, for when `whole` is asked for. */
+void skeleton_choose(const mailimap_body *structure, const std::string &header, bool whole,
+                     std::vector<skeleton_text> *texts, bool *cut);
 
 /* The message; `header` is as the server gave it. */
 std::string skeleton_build(const mailimap_body *structure, const std::string &header,

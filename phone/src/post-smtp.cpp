@@ -94,8 +94,9 @@ void after_sending(const post_account &account, const std::string &secret, GMime
   if (imap_open(account, secret, &session, &error) == 0) {
     const char *header = g_mime_object_get_header(GMIME_OBJECT(message), "In-Reply-To");
     std::string folder = account.folders.empty() ? "INBOX" : account.folders[0], answered = header ? header : "";
-    uint32_t validity = 0, uid = 0;
-    if (!answered.empty() && imap_select(session.get(), folder, &validity, &error) == 0 &&
+    imap_folder opened;
+    uint32_t uid = 0;
+    if (!answered.empty() && imap_select(session.get(), folder, &opened, &error) == 0 &&
         imap_find(session.get(), answered, &uid, &error) == 0 && uid != 0)
       imap_add_flag(session.get(), uid, true, &error);
     if (!account.sent.empty()) imap_append(session.get(), account.sent, text, &error);

@@ -102,6 +102,7 @@ int add_mirrors(const std::string &file, relay_settings *settings, std::string *
     mailbox->kind = &maildir_kind;
     mailbox->path = post_mirror_path(account.name);
     mailbox->imap_config = file;
+    mailbox->delete_there = account.delete_on_server;
     mailbox->folders = account.folders.empty() ? std::vector<std::string>{"INBOX"} : account.folders;
     if (post_mirror_create(mailbox->path, error) < 0) return -1;
   }

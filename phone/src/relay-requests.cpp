@@ -6,8 +6,8 @@
 
 namespace {
 
-int keep_deleted(phone_state *state, int mail_id) {
-  int marked = relay_mail_set_deleted(state, mail_id), dropped = 0;
+int keep_deleted(phone_state *state, int mail_id, bool on_watch) {
+  int marked = relay_mail_set_deleted(state, mail_id, on_watch), dropped = 0;
   if (marked < 0 || phone_state_drop_mails(state, {mail_id}, &dropped) < 0) return -1;
   if (marked > 0 || dropped > 0) return 0;
   int sending = relay_any_sending(state);
@@ -44,7 +44,7 @@ int keep_reply(phone_state *state, const nlohmann::json &request) {
 int relay_forget_mails(phone_state *state, const std::vector<int> &mail_ids) {
   return phone_state_change(state, [&] {
     for (int id : mail_ids)
-      if (keep_deleted(state, id) < 0) return -1;
+      if (keep_deleted(state, id, false) < 0) return -1;
     return 0;
   });
 }
@@ -55,7 +55,8 @@ int relay_keep_request(phone_state *state, const nlohmann::json &request) {
   if ((kind != "delete_notis" && kind != "update_ind") || !request.contains("id_list")) return 0;
   for (const auto &id : request["id_list"]) {
     int mail_id = id.get<int>();
-    if ((kind == "delete_notis" ? keep_deleted(state, mail_id) : relay_mail_want_seen(state, mail_id)) < 0) return -1;
+    if ((kind == "delete_notis" ? keep_deleted(state, mail_id, true) : relay_mail_want_seen(state, mail_id)) < 0)
+      return -1;
   }
   return 0;
 }

@@ -3,6 +3,7 @@
 #include <deque>
 
 #include "parser.h"
+#include "post-rest.h"
 #include "relay-parts.h"
 #include "send.h"
 
@@ -49,7 +50,9 @@ outgoing prepare(followed *a, const mailbox_item &item, const relay_row &row, co
   options.received = row.time;
   options.is_read = item.seen;
   options.is_new = row.fresh && !item.seen;
-  outgoing out = make_outgoing(mail, options, a->settings.kind->source(a->settings.path, item), true, item.seen);
+  std::string source = a->settings.kind->source(a->settings.path, item);
+  options.cut = rest_is_cut(source);
+  outgoing out = make_outgoing(mail, options, source, true, item.seen);
   out.mail.host_tag = relay_tag(*a);
   return out;
 }
@@ -255,6 +258,8 @@ int read_message(followed *a, const mailbox_item &item, mime_mail *mail, int64_t
   mime_limits limits;
   if (a->settings.kind->read(a->settings.path, item, limits.message, &raw, &arrival, size, error) < 0) return 1;
   parser_result result = parser_read(raw, limits, mail, error);
+  if (result == PARSER_DONE && rest_is_cut(a->settings.kind->source(a->settings.path, item)))
+    mail->body = rest_surely(mail->body);
   if (result == PARSER_DONE) return 0;
   if (result == PARSER_SET_ASIDE) return -1;
   if (result == PARSER_LATER) return 1;

@@ -173,6 +173,19 @@ void mark_in_mailbox(followed *a, const mailbox_item &item, relay_row *row) {
   row->dirty = true;
 }
 
+/* A mail was deleted on the watch: the mailbox is told where that is wanted. */
+void delete_in_mailbox(followed *a, const mailbox_item &item, relay_row *row) {
+  std::string error;
+  const mailbox_kind *kind = a->settings.kind;
+  if (a->settings.delete_there && kind->set_gone && kind->set_gone(a->settings.path, item, &error) < 0) {
+    a->error = error;
+    a->again = true;
+    return;
+  }
+  row->want_gone = false;
+  row->dirty = true;
+}
+
 /* Brings the read marks together: what changed on one side since both agreed goes to the other. Returns 0, or -1 when
    the service is away or cannot write it down. */
 int exchange_seen(followed *a, const listing &l) {
@@ -180,6 +193,7 @@ int exchange_seen(followed *a, const listing &l) {
     auto found = a->rows.find(item.key);
     if (found == a->rows.end()) continue;
     relay_row *row = &found->second;
+    if (row->want_gone) delete_in_mailbox(a, item, row);
     if (row->want_seen) {
       mark_in_mailbox(a, item, row);
       continue;

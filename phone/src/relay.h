@@ -22,6 +22,7 @@ struct relay_account_settings {
   std::string address, display_name, color;
   std::string imap_config;          /* not empty: the path is the mirror of the account of this name in this file */
   std::vector<std::string> folders; /* ... of these folders */
+  bool delete_there = false;        /* what the user deletes on the watch is deleted in the mailbox */
   bool given = false;               /* the path comes from the command line */
   int64_t newest = -1, first = -1;  /* -1: as for all */
 };

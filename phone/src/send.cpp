@@ -12,7 +12,7 @@ outgoing make_outgoing(const mime_mail &mail, const send_options &options, const
   watch_mail &w = out.mail;
   size_t size = mail.body.size();
   size_t cut = options.first < 0 ? size : mime_cut(mail.body, 0, static_cast<size_t>(options.first));
-  bool whole = cut >= size;
+  bool whole = cut >= size && !options.cut;
   w.body = mail.body.substr(0, cut) + (whole ? tag_complete : tag_more);
   w.subject = mail.subject;
   w.from_address = mail.from_address;

@@ -13,6 +13,7 @@ struct send_options {
   int64_t received = -1; /* seconds since the epoch; below 0: the message's own date, else now */
   int is_read = -1;      /* -1: as the folder says */
   bool is_new = true;
+  bool cut = false; /* the text is only a beginning: there is more to ask for */
 };
 
 /* One mail on its way. */

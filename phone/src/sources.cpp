@@ -62,18 +62,26 @@ int read_maildir(const std::string &path, const mailbox_item &item, size_t max, 
   return mail_file_read(file, max, raw, error);
 }
 
-int set_seen_maildir(const std::string &path, const mailbox_item &item, std::string *error) {
+int set_flag(const std::string &path, const mailbox_item &item, char flag, std::string *error) {
   std::string file = maildir_find(path, item.key);
   if (file.empty()) {
     *error = path + ": the mail is gone";
     return -1;
   }
   std::string name = file.substr(file.rfind('/') + 1);
-  if (maildir_has_flag(name, 'S')) return 0;
-  std::string target = path + "/cur/" + maildir_with_flag(name, 'S');
+  if (maildir_has_flag(name, flag)) return 0;
+  std::string target = path + "/cur/" + maildir_with_flag(name, flag);
   if (rename(file.c_str(), target.c_str()) == 0) return 0;
   *error = reason(file);
   return -1;
+}
+
+int set_seen_maildir(const std::string &path, const mailbox_item &item, std::string *error) {
+  return set_flag(path, item, 'S', error);
+}
+
+int set_gone_maildir(const std::string &path, const mailbox_item &item, std::string *error) {
+  return set_flag(path, item, 'T', error);
 }
 
 std::vector<std::string> watched_maildir(const std::string &path) {
@@ -176,6 +184,6 @@ std::string source_mbox(const std::string &path, const mailbox_item &item) {
 
 }  // namespace
 
-const mailbox_kind maildir_kind = {check_maildir,    list_maildir,    read_maildir,
-                                   set_seen_maildir, watched_maildir, source_maildir};
-const mailbox_kind mbox_kind = {check_mbox, list_mbox, read_mbox, nullptr, watched_mbox, source_mbox};
+const mailbox_kind maildir_kind = {check_maildir,    list_maildir,    read_maildir,  set_seen_maildir,
+                                   set_gone_maildir, watched_maildir, source_maildir};
+const mailbox_kind mbox_kind = {check_mbox, list_mbox, read_mbox, nullptr, nullptr, watched_mbox, source_mbox};

@@ -28,6 +28,8 @@ struct mailbox_kind {
               int64_t *size, std::string *error);
   /* Marks it as read for every other program. NULL: this kind is only read. */
   int (*set_seen)(const std::string &path, const mailbox_item &item, std::string *error);
+  /* Marks it as deleted for whoever keeps the mailbox. NULL: this kind cannot. */
+  int (*set_gone)(const std::string &path, const mailbox_item &item, std::string *error);
   /* The folders whose changes are watched. */
   std::vector<std::string> (*watched)(const std::string &path);
   /* The text that names the message for mail_source_read(). */

@@ -18,10 +18,10 @@ relay_mail_state read_state(int number) {
 }  // namespace
 
 int relay_rows_load(phone_state *state, const std::string &account, relay_rows *rows) {
-  sql_statement query(
-      &state->db,
-      "SELECT file, identity, size, time, row, mail_id, state, seen, want_seen, trouble, batch FROM relay_mail"
-      " WHERE account = ?");
+  sql_statement query(&state->db,
+                      "SELECT file, identity, size, time, row, mail_id, state, seen, want_seen, trouble, batch, "
+                      "want_gone FROM relay_mail"
+                      " WHERE account = ?");
   query.bind(account);
   sql_result result;
   while ((result = query.step()) == sql_row) {
@@ -36,6 +36,7 @@ int relay_rows_load(phone_state *state, const std::string &account, relay_rows *
     row.want_seen = query.number(8) != 0;
     row.trouble = query.text(9);
     row.batch = query.number(10);
+    row.want_gone = query.number(11) != 0;
     rows->emplace(query.text(0), std::move(row));
   }
   return result == sql_done ? 0 : state_fail(state, kCannotRead);
@@ -45,15 +46,15 @@ int relay_rows_write(phone_state *state, const std::string &account, const relay
                      const std::vector<std::string> &gone) {
   sql_statement write(&state->db,
                       "INSERT INTO relay_mail (account, file, identity, size, time, row, mail_id, state, seen,"
-                      " want_seen, trouble, batch) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
+                      " want_seen, trouble, batch, want_gone) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
                       " ON CONFLICT (account, file) DO UPDATE SET identity = excluded.identity, size = excluded.size,"
                       " time = excluded.time, row = excluded.row, mail_id = excluded.mail_id, state = excluded.state,"
                       " seen = excluded.seen, want_seen = excluded.want_seen, trouble = excluded.trouble,"
-                      " batch = excluded.batch");
+                      " batch = excluded.batch, want_gone = excluded.want_gone");
   for (const auto &[key, row] : rows) {
     if (!row.dirty) continue;
     write.bind(account, key, row.identity, row.size, row.time, row.row, row.mail_id, row.state, row.seen, row.want_seen,
-               row.trouble, row.batch);
+               row.trouble, row.batch, row.want_gone);
     if (write.run() < 0) return state_fail(state, kCannotWrite);
   }
   sql_statement forget(&state->db, "DELETE FROM relay_mail WHERE account = ? AND file = ?");
@@ -63,13 +64,15 @@ int relay_rows_write(phone_state *state, const std::string &account, const relay
 }
 
 int relay_row_reload(phone_state *state, const std::string &account, const std::string &key, relay_row *row) {
-  sql_statement query(&state->db, "SELECT mail_id, state, want_seen FROM relay_mail WHERE account = ? AND file = ?");
+  sql_statement query(&state->db,
+                      "SELECT mail_id, state, want_seen, want_gone FROM relay_mail WHERE account = ? AND file = ?");
   sql_result result = query.bind(account, key).step();
   if (result == sql_failed) return state_fail(state, kCannotRead);
   if (result == sql_done) return 0;
   row->mail_id = query.integer(0);
   row->state = read_state(query.integer(1));
   row->want_seen = query.number(2) != 0;
+  row->want_gone = query.number(3) != 0;
   return 0;
 }
 
@@ -81,9 +84,9 @@ int relay_rows_deleted(phone_state *state, const std::string &account, std::vect
   return result == sql_done ? 0 : state_fail(state, kCannotRead);
 }
 
-int relay_mail_set_deleted(phone_state *state, int mail_id) {
-  sql_statement mark(&state->db, "UPDATE relay_mail SET state = ?, mail_id = 0 WHERE mail_id = ?");
-  if (mark.bind(deleted, mail_id).run() < 0) return state_fail(state, kCannotWrite);
+int relay_mail_set_deleted(phone_state *state, int mail_id, bool on_watch) {
+  sql_statement mark(&state->db, "UPDATE relay_mail SET state = ?, mail_id = 0, want_gone = ? WHERE mail_id = ?");
+  if (mark.bind(deleted, on_watch, mail_id).run() < 0) return state_fail(state, kCannotWrite);
   return static_cast<int>(state->db.changed());
 }
 

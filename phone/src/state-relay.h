@@ -14,7 +14,7 @@ enum class relay_mail_state : int {
   waiting = 0, /* not on the watch */
   sending = 1, /* handed to the service, whose answer is not on disk */
   relayed = 2,
-  deleted = 3, /* the user removed it from the watch; it stays in the mailbox */
+  deleted = 3, /* the user removed it from the watch; it stays in the mailbox, unless that is wanted otherwise */
   broken = 4,  /* no mail at all, or one that the watch refuses: `trouble` says why */
   copy = 5     /* the same message as another file of this mailbox */
 };
@@ -26,6 +26,7 @@ struct relay_row {
   relay_mail_state state = relay_mail_state::waiting;
   bool seen = false;      /* as mailbox and watch last agreed */
   bool want_seen = false; /* read on the watch, to be marked in the mailbox */
+  bool want_gone = false; /* deleted on the watch, to be deleted in the mailbox where that is wanted */
   std::string trouble;
   int64_t batch = 0;  /* of one that is being sent: which call it went with */
   bool fresh = false; /* arrived while the mailbox was being followed; not on disk */
@@ -39,12 +40,12 @@ int relay_rows_load(phone_state *state, const std::string &account, relay_rows *
    around this is on disk. */
 int relay_rows_write(phone_state *state, const std::string &account, const relay_rows &rows,
                      const std::vector<std::string> &gone);
-/* Takes over what requests and other commands changed on disk of the row: number, state and want_seen. */
+/* Takes over what requests and other commands changed on disk of the row: number, state and what is wanted. */
 int relay_row_reload(phone_state *state, const std::string &account, const std::string &key, relay_row *row);
 /* The keys of the messages that the user deleted. */
 int relay_rows_deleted(phone_state *state, const std::string &account, std::vector<std::string> *keys);
-/* The mail was deleted by the user. Returns how many messages it was, or -1. */
-int relay_mail_set_deleted(phone_state *state, int mail_id);
+/* The mail was deleted by the user; on_watch: there, and not by a command. Returns how many messages it was, or -1. */
+int relay_mail_set_deleted(phone_state *state, int mail_id, bool on_watch);
 int relay_mail_want_seen(phone_state *state, int mail_id);
 /* Returns 1 when a message is being sent, 0, or -1. */
 int relay_any_sending(phone_state *state);

@@ -5,7 +5,8 @@ import ssl
 import subprocess
 import time
 
-from phone_test import Relay, by_uid, equal, main, message, read_on_watch, reply_on_watch, status
+from phone_test import (Relay, body_text, by_uid, delete_on_watch, equal, main, message, more_on_watch, read_on_watch,
+                        reply_on_watch, status)
 from brisel_servers import PASSWORD, USER, Authority, Dovecot, Exim
 from post_servers import Hostile, Imap4d
 
@@ -89,6 +90,11 @@ def test_an_account_from_address_and_password(s):
         assert "\\Answered" in other.flags("new@x"), other.flags("new@x")
         equal(int(other.imap.select("Sent", readonly=True)[1][0]), 1, "a copy")
 
+        other.imap.delete("Work")
+        other.imap.create("Work")
+        other.add(message("anew@x"), "Work")
+        s.wait(lambda: "work@x" not in uids(s) and "anew@x" in uids(s), "a folder made anew")
+
         dovecot.stop()
         dovecot.start()
         Client(dovecot, authority.ca).add(message("later@x"))
@@ -112,6 +118,40 @@ def test_only_what_a_watch_needs_is_fetched(s):
         equal((mail["body"].split("<")[0], mail["attachment_count"], mail["has_image"]), ("Grüße", 2, 1), "facts")
         mirrored = [p.stat().st_size for p in s.dir.rglob("cur/imap-*")]
         assert len(mirrored) == 1 and mirrored[0] < 3000, mirrored
+
+
+def test_read_on_and_deleted_at_servers_of_all_kinds(s):
+    """Three accounts in one relay: what a server offers changes how, not what."""
+    trash = "namespace inbox {\n mailbox Trash {\n auto = create\n special_use = \\Trash\n }\n}\n"
+    kinds = [trash, trash + "imap_capability = IMAP4rev1 IDLE UIDPLUS CONDSTORE\n", "imap_capability = IMAP4rev1 IDLE UIDPLUS\n"]
+    text = "".join(f"{n:05} Grüße aus der Küche\n" for n in range(1800))
+    authority = Authority(s.dir / "ca")
+    certificate = authority.issue("server")
+    with contextlib.ExitStack() as stack:
+        exim = stack.enter_context(Exim(s.dir / "exim", certificate))
+        others = []
+        for n, kind in enumerate(kinds):
+            dovecot = stack.enter_context(Dovecot(s.dir / f"dovecot{n}", certificate, more=kind))
+            others.append(Client(dovecot, authority.ca))
+            others[n].add(message(f"marked{n}@x"), flags="\\Deleted")
+            others[n].add(message(f"go{n}@x"))
+            others[n].add(message(f"long{n}@x", body=text))
+            equal(setup(s, authority, f"imaps://localhost:{dovecot.tls}", f"smtps://localhost:{exim.tls}", "--name", f"a{n}",
+                        "--delete-on-server").returncode, 0, "setup")
+        Relay(s, "--config", s.dir / "relay.conf", "--first", "20000")
+        s.wait(lambda: uids(s) == {f"{name}{n}@x" for name in ("go", "long") for n in range(3)}, "the mails")
+        assert max(p.stat().st_size for p in s.dir.rglob("cur/imap-*")) < 20000, "the beginning was fetched"
+        for n, other in enumerate(others):
+            for _ in range(9):
+                if "thisisover-1" in by_uid(s)[f"long{n}@x"]["body"]:
+                    break
+                more_on_watch(s, by_uid(s)[f"long{n}@x"])
+            assert body_text(by_uid(s)[f"long{n}@x"]).rstrip() == text.rstrip(), "the whole text"
+            delete_on_watch(s, by_uid(s)[f"go{n}@x"]["mail_id"])
+            s.wait(lambda: not other.flags(f"go{n}@x"), "deleted at the server")
+            assert other.flags(f"marked{n}@x"), "what another program marked stays"
+            assert n == 2 or other.flags(f"go{n}@x", "Trash"), "in the trash"
+        s.wait(lambda: uids(s) == {f"long{n}@x" for n in range(3)}, "the others on the watch")
 
 
 def test_a_server_of_another_make(s):
