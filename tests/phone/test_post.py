@@ -198,6 +198,7 @@ def test_hostile_servers(s):
             other.add(message(f"m{n}@x"))
         s.wait(lambda: uids(s) == {"m0@x", "m1@x", "m2@x"}, "the mails of the other account")
         s.wait(lambda: "bad@example.org (INBOX): " in relay.log(), "the refusal in the log")
+        relay.kill()  # it would hold the hostile server's one connection
         for _ in range(5):
             follower = subprocess.Popen(["brisel-phone", "follow-imap", "--config", s.dir / "relay.conf", "--account",
                                          "bad@example.org", "--folder", "INBOX"], env=s.env, stderr=subprocess.PIPE)
