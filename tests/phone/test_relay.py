@@ -1,9 +1,13 @@
 """The relay between real mailboxes and the watch."""
+import contextlib
 import email
 import email.policy
 import os
 import pathlib
 import re
+import shutil
+import sqlite3
+import subprocess
 import time
 
 from brisel_test import BUILD
@@ -340,6 +344,25 @@ def test_a_dying_reader_costs_one_mail(s):
     relay.start()
     box.deliver(message("later@x"))
     s.wait(lambda: uids(s) == {"before@x", "between@x", "after@x", "later@x"}, "and it is not read again")
+    relay.kill()
+
+
+def test_an_impostor_is_told_nothing(s):
+    """Another program has the service's name: the service itself, from a place that is not its own."""
+    impostor = s.dir / "brisel-hostd"
+    shutil.copy(BUILD / "service" / "brisel-hostd", impostor)
+    process = subprocess.Popen([impostor], env=s.env, stderr=subprocess.DEVNULL)
+    s.wait(lambda: host_pid(s) == process.pid, "its name")
+    box, mta, relay = follow(s)
+    box.deliver(message("secret@x"))
+    s.wait(lambda: str(impostor) in relay.log(), "what the relay says of it")
+    fails = s.run("brisel-phone", "mail", "list", check=False)
+    assert fails.returncode == 1 and str(impostor) in fails.stderr, fails
+    with contextlib.closing(sqlite3.connect(f"file:{s.dir}/data/brisel/store.db?mode=ro", uri=True)) as store:
+        equal(store.execute("SELECT count(*) FROM mail").fetchall(), [(0,)], "mails that it was given")
+    process.kill()
+    process.wait()
+    s.wait(lambda: uids(s) == {"secret@x"}, "the mail, when the service itself is there")
     relay.kill()
 
 
