@@ -182,6 +182,21 @@ void note_for_sure(phone_state *state, int64_t id, const std::function<int()> &n
   }
 }
 
+std::vector<pid_t> children() {
+  char path[64];
+  snprintf(path, sizeof path, "/proc/self/task/%d/children", static_cast<int>(getpid()));
+  fd_holder file(open(path, O_RDONLY | O_CLOEXEC));
+  char text[4096] = "";
+  ssize_t length = file.fd < 0 ? 0 : read(file.fd, text, sizeof text - 1);
+  std::vector<pid_t> pids;
+  for (char *at = text, *end = text; length > 0; at = end) {
+    auto pid = static_cast<pid_t>(strtol(at, &end, 10));
+    if (end == at) break;
+    pids.push_back(pid);
+  }
+  return pids;
+}
+
 void hand_over(phone_state *state, const reply_entry &entry, const std::string &message, int lock,
                const outbox_settings &settings) {
   std::string error, program;
@@ -257,28 +272,24 @@ void outbox_inherit_orphans() {
   prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
 }
 
-pid_t outbox_orphan(int64_t id) {
+pid_t outbox_orphan(int64_t id, pid_t killed) {
   fd_holder file(open(lock_path(id).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   char text[24] = "";
-  if (file.fd < 0 || pread(file.fd, text, sizeof text - 1, 0) <= 0) return 0;
-  auto pid = static_cast<pid_t>(strtol(text, nullptr, 10));
-  siginfo_t end = {};
-  /* Only a child of this process: the number may be anybody's by now. */
-  if (pid <= 0 || waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOHANG | WNOWAIT) < 0) return 0;
-  return pid;
+  if (file.fd >= 0 && pread(file.fd, text, sizeof text - 1, 0) > 0) {
+    auto pid = static_cast<pid_t>(strtol(text, nullptr, 10));
+    siginfo_t end = {};
+    /* Only a child of this process: the number may be anybody's by now. */
+    if (pid > 0 && waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOHANG | WNOWAIT) == 0) return pid;
+  }
+  /* It may not have come to write its number there yet: the session is that of the process that started it. */
+  for (pid_t pid : children())
+    if (pid != killed && getsid(pid) == killed) return pid;
+  return 0;
 }
 
 void outbox_bury_orphans() {
-  char path[64];
-  snprintf(path, sizeof path, "/proc/self/task/%d/children", static_cast<int>(getpid()));
-  fd_holder file(open(path, O_RDONLY | O_CLOEXEC));
-  char text[4096] = "";
-  ssize_t length = file.fd < 0 ? 0 : read(file.fd, text, sizeof text - 1);
-  for (char *at = text, *end = text; length > 0; at = end) {
-    auto pid = static_cast<pid_t>(strtol(at, &end, 10));
-    if (end == at) break;
+  for (pid_t pid : children())
     if (getsid(pid) != getsid(0)) waitpid(pid, nullptr, WNOHANG);
-  }
 }
 
 int outbox_settle(phone_state *state, int64_t id, const siginfo_t *end, const outbox_settings &settings) {

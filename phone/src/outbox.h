@@ -29,8 +29,8 @@ int outbox_deliver(int64_t id, const outbox_settings &settings);
 int outbox_spawn(int64_t id, const outbox_settings &settings, std::string *error);
 /* Makes this process the one that inherits a killed one's sendmail. */
 void outbox_inherit_orphans();
-/* The sendmail that a killed process left to this one, ended or not. Returns its id, or 0. */
-pid_t outbox_orphan(int64_t id);
+/* The sendmail that the process `killed` left to this one, ended or not. Returns its id, or 0. */
+pid_t outbox_orphan(int64_t id, pid_t killed);
 /* Lets go of other processes that sendmail left behind and that ended; for when no reply is being handed over. */
 void outbox_bury_orphans();
 /* Writes down how it ended. Returns 0, or -1. */

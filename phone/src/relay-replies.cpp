@@ -47,7 +47,7 @@ int orphan_cb(sd_event_source *source, const siginfo_t *end, void *user_data) {
 int delivered_cb(sd_event_source *source, const siginfo_t *end, void *user_data) {
   auto *r = static_cast<relay *>(user_data);
   r->child.reset();
-  pid_t orphan = outbox_orphan(r->delivering);
+  pid_t orphan = outbox_orphan(r->delivering, end->si_pid);
   sd_event_source *next = nullptr;
   if (orphan > 0 && sd_event_add_child(link_event(r->link), &next, orphan, WEXITED, orphan_cb, r) >= 0) {
     r->child.reset(next);

@@ -70,11 +70,11 @@ def test_no_room_in_the_phones_state(s):
     relay.start()
     s.wait(lambda: len(uids(s)) == 2, "the mails")
     # No room while sendmail is at it: what came of it is written down later, and the reply is not sent again.
-    taken = mta.program.read_text()
-    mta.program.write_text(taken + f"echo 'full 1 1 phone.db' > '{disk.plan}'\n")
+    full = f"echo 'full 1 1 phone.db' > '{disk.plan}' #"
+    mta.change("#!/bin/sh\n", f"#!/bin/sh\n{full}\n")
     reply_on_watch(s, by_uid(s)["first@x"], "once")
     s.wait(lambda: "cannot be written down yet" in relay.log(), "the reply's process that waits for room")
-    mta.program.write_text(taken)
+    mta.change(full, "")
     box.deliver(message("late@x"))
     read_on_watch(s, by_uid(s)["kept@x"]["mail_id"])
     reply_on_watch(s, by_uid(s)["kept@x"], "twice")

@@ -210,7 +210,7 @@ def test_unsendable_replies_wait(s):
 
 def test_killed_delivery_sends_once(s):
     box, mta, relay = follow(s)
-    mta.program.write_text(mta.program.read_text().replace("file=$(mktemp", "sleep 0.3; file=$(mktemp"))
+    mta.change("file=$(mktemp", "sleep 0.3; file=$(mktemp")
     box.deliver(message("ask@x"))
     s.wait(lambda: "ask@x" in uids(s), "the mail")
     children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children")
@@ -246,7 +246,7 @@ def test_clocks_that_are_set_strand_nothing(s):
     mta.refuse.unlink()
     s.wait(lambda: len(mta.sent()) == 1, "the reply")
     # An hour forward while sendmail is at it: it is let finish, and the reply goes once.
-    mta.program.write_text(mta.program.read_text().replace("file=$(", f"touch '{go}.1'; until [ -e '{go}' ]; do sleep 0.1; done; file=$("))
+    mta.change("file=$(", f"touch '{go}.1'; until [ -e '{go}' ]; do sleep 0.1; done; file=$(")
     reply_on_watch(s, by_uid(s)["ask@x"], "an hour on")
     s.wait(lambda: pathlib.Path(f"{go}.1").exists(), "sendmail, that takes its time")
     set_clock(400)
