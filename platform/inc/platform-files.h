@@ -30,6 +30,10 @@ int platform_file_read(int folder_fd, const char *name, size_t most, std::string
 int platform_file_replace(int folder_fd, const char *name, const char *temporary, const void *bytes, size_t size,
                           bool lasting, const char **step);
 
+/* Makes a file that was put there without `lasting`, and its place in the folder, outlive a power cut. Takes as long as
+   the disk does. 0, or -1 with errno. */
+int platform_file_sync(int folder_fd, const char *name);
+
 /* Takes a file away; that there was none is fine. lasting as above. 0, or -1 with errno. */
 int platform_file_remove(int folder_fd, const char *name, bool lasting);
 

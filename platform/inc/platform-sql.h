@@ -55,6 +55,9 @@ struct sql_db {
   void close(void);
   bool is_open(void) const { return handle_ != nullptr; }
 
+  /* The files of the database's name are another's by now: closing will touch none of them. */
+  void leave_files(void);
+
   /* One or more statements that take no values. 0 or -1. */
   int run(const char *sql);
   int run(const std::string &sql) { return run(sql.c_str()); }

@@ -138,6 +138,17 @@ int platform_file_replace(int folder_fd, const char *name, const char *temporary
   return -1;
 }
 
+int platform_file_sync(int folder_fd, const char *name) {
+  const int file = openat(folder_fd, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  if (file < 0) return -1;
+  const int synced =
+      do_step({file_step::sync, folder_fd, name, nullptr, file, nullptr, 0}, [&] { return fsync(file); });
+  const int error = errno;
+  close(file);
+  errno = error;
+  return synced == 0 ? sync_folder(folder_fd) : -1;
+}
+
 int platform_file_remove(int folder_fd, const char *name, bool lasting) {
   const int removed = do_step({file_step::remove, folder_fd, name, nullptr, -1, nullptr, 0},
                               [&] { return unlinkat(folder_fd, name, 0); });

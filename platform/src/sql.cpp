@@ -108,6 +108,11 @@ void sql_db::close(void) {
   delete std::exchange(budget_, nullptr);
 }
 
+void sql_db::leave_files(void) {
+  /* Nothing goes from the log into the file, and the log is not removed by its name. */
+  if (handle_) sqlite3_db_config(handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+}
+
 int sql_db::run(const char *sql) {
   if (!handle_) return sql_failed;
   return note(sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr));

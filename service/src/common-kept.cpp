@@ -1,3 +1,4 @@
+/* The file of requests that wait: its form, and the ways it is written. */
 #include "common-kept.h"
 
 #include <fcntl.h>
@@ -5,8 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include "brisel-common.h"
 #include "dlog.h"
@@ -26,6 +30,14 @@ using variant = std::unique_ptr<GVariant, decltype(&g_variant_unref)>;
 
 /* More than requests can hold by their bounds is none of ours. */
 constexpr size_t file_max = static_cast<size_t>(body_max) << 2;
+
+/* The thread that syncs the file, while there is one. Never freed: it may outlast whoever calls exit(). */
+struct sync_state {
+  std::mutex lock;
+  std::condition_variable ended;
+  bool running = false, wanted = false;
+  int error = 0;
+} &sync_now = *new sync_state;
 
 bool read_request(GVariant *one, kept_request *r) {
   const char *uid = nullptr;
@@ -82,12 +94,59 @@ bool kept_save(const std::vector<const kept_request *> &requests, bool lasting) 
   const variant whole(g_variant_ref_sink(g_variant_builder_end(&all)), g_variant_unref);
   const platform_folder dir(platform_app_state_dir());
   const char *step = "open the folder of";
+  if (g_variant_get_size(whole.get()) > file_max) {
+    __dlog_print(DLOG_ERROR, log_tag, "too many requests wait for the service already");
+    return false;
+  }
   const std::string temporary = std::string(file_name) + "." + std::to_string(getpid());
   if (dir.fd >= 0 && platform_file_replace(dir.fd, file_name, temporary.c_str(), g_variant_get_data(whole.get()),
                                            g_variant_get_size(whole.get()), lasting, &step) == 0)
     return true;
   __dlog_print(DLOG_ERROR, log_tag, "cannot %s the requests that wait: %s", step, strerror(errno));
   return false;
+}
+
+namespace {
+
+void sync_thread(const std::string &path) {
+  std::unique_lock held(sync_now.lock);
+  while (sync_now.wanted) {
+    sync_now.wanted = false;
+    held.unlock();
+    const platform_folder dir(path.c_str());
+    const int error = dir.fd < 0 || platform_file_sync(dir.fd, file_name) != 0 ? errno : 0;
+    held.lock();
+    /* The file may have gone in between: all of it was taken over. */
+    sync_now.error = error == ENOENT ? 0 : error;
+  }
+  sync_now.running = false;
+  sync_now.ended.notify_all();
+}
+
+void tell_sync_error(void) {
+  if (sync_now.error)
+    __dlog_print(DLOG_ERROR, log_tag, "the requests that wait would not have outlived a power cut: %s",
+                 strerror(sync_now.error));
+  sync_now.error = 0;
+}
+
+}  // namespace
+
+void kept_sync(void) {
+  const char *folder = platform_app_state_dir();
+  if (!folder) return;
+  const std::lock_guard held(sync_now.lock);
+  tell_sync_error();
+  sync_now.wanted = true; /* again, when one is under way: it may have opened the file before */
+  if (sync_now.running) return;
+  sync_now.running = true;
+  std::thread(sync_thread, std::string(folder)).detach();
+}
+
+void kept_sync_end(void) {
+  std::unique_lock held(sync_now.lock);
+  sync_now.ended.wait(held, [] { return !sync_now.running; });
+  tell_sync_error();
 }
 
 std::vector<kept_request> kept_load(void) {

@@ -1,4 +1,5 @@
-/* Requests that no service has taken over yet, kept on the disk: whoever handed them over may be killed. */
+/* Requests that no service has taken over yet, kept on the disk: whoever handed them over may be killed.
+   common-link.cpp calls it; nothing else may. Thread: the main loop. */
 #ifndef BRISEL_COMMON_KEPT_H
 #define BRISEL_COMMON_KEPT_H
 
@@ -16,8 +17,13 @@ struct kept_request {
 
 /* The method of the service that takes a request of that type; NULL: there is no such type. */
 const char *kept_member(int type);
-/* All that wait, instead of what was kept before. lasting: through a power cut too. false after a line in the log. */
+/* All that wait, instead of what was kept before. lasting: through a power cut too, which may take long. false after a
+   line in the log: what was kept before is then still there. */
 bool kept_save(const std::vector<const kept_request *> &requests, bool lasting);
+/* Makes what was saved last through a power cut, on a thread: the main loop waits for no disk. */
+void kept_sync(void);
+/* Waits for it. */
+void kept_sync_end(void);
 /* What an earlier life of the application left, oldest first. */
 std::vector<kept_request> kept_load(void);
 void kept_forget(void);

@@ -1,5 +1,5 @@
-/* What the requests of the common library share with its queue. Only common-link.cpp and common-requests.cpp may
-   include it. Thread: the main loop. */
+/* What the link's files share: the queue of requests, and the events. Only common-link.cpp, common-requests.cpp and
+   common-events.cpp may include it. Thread: the main loop. */
 #ifndef BRISEL_COMMON_LINK_PRIV_H
 #define BRISEL_COMMON_LINK_PRIV_H
 
@@ -22,5 +22,12 @@ struct request : kept_request {
 int common_enqueue(request r);
 /* A text as the bus takes it; "" for NULL. */
 std::string common_bus_text(const char *text);
+
+/* From now on events are those that follow; the reader is held by the caller. */
+void events_start(void);
+/* Ends it, with all subscriptions; also from inside a callback of an event. */
+void events_stop(void);
+/* Reads what the store has behind the last change seen, and hands over the first of it. */
+void events_read(void);
 
 #endif

@@ -1,12 +1,8 @@
-/*
- * The host link: requests to the service, events from the store.
- *
- * Requests that expect no answer wait in a queue and go out one at a time, so that their order holds and a service that
- * vanishes leaves at most one in doubt; each has a uid, and the service does a uid once. What the bus could not take
- * over at once, or the service does not answer soon, is kept in a file as well: it outlives this process. Events are
- * rows of the store behind the last one seen: a signal only says that it is worth a look, and the service's coming back
- * does too.
- */
+/* The host link: its connection to the service, and the queue of requests.
+
+   Requests that expect no answer wait in a queue and go out one at a time, so that their order holds and a service that
+   vanishes leaves at most one in doubt; each has a uid, and the service does a uid once. Until then they are in a file
+   as well: they outlive this process. common-requests.cpp and the public functions of the link call it. */
 #include <Ecore.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -15,7 +11,6 @@
 #include <cstring>
 #include <ctime>
 #include <deque>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -38,12 +33,6 @@ constexpr char match_owner[] =
     "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',interface='org.freedesktop.DBus',"
     "member='NameOwnerChanged',arg0='com.vextora.brisel.Host'";
 
-constexpr int event_types = 6;
-/* Ids that one callback gets: more of them wait until the main loop has drawn and taken input. */
-constexpr size_t slice = 16;
-constexpr double slice_pause = 0.001;
-/* Mails that are looked through when changes are missing: far more than a watch holds, few enough for any memory. */
-constexpr int most_made_up = 1000000;
 /* A service that answers nothing for so long is taken for gone. */
 constexpr uint64_t request_timeout_usec = 25u * 1000000u;
 /* The service itself limits how long a phone may take; this is only for a service that hangs. */
@@ -53,17 +42,6 @@ constexpr uint64_t flush_usec = 3u * 1000000u;
 /* Seconds that a request may be in the hands of the bus alone. */
 constexpr double keep_after = 0.2;
 constexpr double retry_first = 0.5, retry_last = 30.0;
-
-struct event {
-  int type;
-  std::vector<int> ids;
-  size_t given = 0;
-};
-
-struct subscription {
-  brisel_ipc_event_cb callback;
-  void *user_data;
-};
 
 struct {
   bool open;
@@ -85,178 +63,11 @@ struct {
   sd_bus_slot *more_slot;
   brisel_ipc_response_cb more_callback;
   void *more_data;
-
-  subscription subscriptions[event_types];
-  int64_t last_change;
-  /* What the application was told of, for the time when changes are missing: mails below the first had gone before it
-     asked, those above the last came later. */
-  int first_mail, last_mail;
-  std::set<int> accounts;
-  int files_replaced;
-  std::deque<event> events;
-  Ecore_Timer *next_slice;
-  bool delivering;
 } host;
 
 void send_next(void);
 void attach(void);
 void start_service(void);
-
-/* --- events ------------------------------------------------------------------------------------------------------- */
-
-bool deliver_slice(void) {
-  if (host.delivering || host.events.empty()) return !host.events.empty();
-  event &head = host.events.front();
-  const int type = head.type;
-  const size_t count = std::min(slice, head.ids.size() - head.given);
-  brisel_ipc_event record = {nullptr};
-  for (size_t i = count; i > 0; i--)
-    record.id_list = g_slist_prepend(record.id_list, GINT_TO_POINTER(head.ids[head.given + i - 1]));
-  head.given += count;
-  if (head.given == head.ids.size()) host.events.pop_front();
-  const subscription to = host.subscriptions[type];
-  if (to.callback) {
-    host.delivering = true;
-    to.callback(&record, nullptr, to.user_data);
-    host.delivering = false;
-  }
-  g_slist_free(record.id_list);
-  return !host.events.empty();
-}
-
-Eina_Bool slice_cb(void *data);
-
-/* A timer rather than an idler: idlers follow each other without a frame being drawn in between. */
-void slice_later(void) {
-  if (!host.next_slice) host.next_slice = ecore_timer_add(slice_pause, slice_cb, nullptr);
-}
-
-Eina_Bool slice_cb(void *data) {
-  host.next_slice = nullptr;
-  if (deliver_slice() && host.open) slice_later();
-  return ECORE_CALLBACK_CANCEL;
-}
-
-void queue_event(int type, const std::vector<int> &ids) {
-  if (!host.subscriptions[type].callback) return;
-  if (ids.empty() && type != BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS) return;
-  /* Small ones of a kind in a row become one, so that a burst costs one redraw. */
-  if (!host.events.empty()) {
-    event &last = host.events.back();
-    if (last.type == type && last.given == 0 && last.ids.size() + ids.size() <= slice) {
-      last.ids.insert(last.ids.end(), ids.begin(), ids.end());
-      return;
-    }
-  }
-  host.events.push_back({type, ids});
-}
-
-std::vector<int> read_ids(reader_query which, int from) {
-  std::vector<int> ids;
-  sqlite3_stmt *q = nullptr;
-  if (reader_start(which, &q) || !q) return ids;
-  if (from > 0) sqlite3_bind_int(q, 1, from);
-  int r;
-  while ((r = sqlite3_step(q)) == SQLITE_ROW) ids.push_back(sqlite3_column_int(q, 0));
-  reader_done(q, r);
-  return ids;
-}
-
-/* What the application can learn from the store by itself at this moment is what it knows. */
-void know_store(void) {
-  host.files_replaced = reader_files_replaced();
-  host.first_mail = 1;
-  host.last_mail = 0;
-  sqlite3_stmt *q = nullptr;
-  if (!reader_start(reader_mail_range, &q) && q) {
-    const int r = sqlite3_step(q);
-    if (r == SQLITE_ROW) {
-      host.first_mail = sqlite3_column_int(q, 0);
-      host.last_mail = sqlite3_column_int(q, 1);
-    }
-    reader_done(q, r);
-  }
-  const std::vector<int> accounts = read_ids(reader_accounts, 0);
-  host.accounts = {accounts.begin(), accounts.end()};
-}
-
-/* Changes are missing: the client was away for longer than they are kept, or the store is another one. What they must
-   have come to is told from what the application knew and what the store holds now. */
-void make_up(bool other_store) {
-  __dlog_print(DLOG_WARN, log_tag, "%s; all of it is told anew",
-               other_store ? "the store is another one" : "the changes since the last look are no longer kept");
-  host.events.clear(); /* they are part of it */
-  std::vector<int> gone, known, fresh, accounts_gone;
-  const std::vector<int> mails = read_ids(reader_mail_ids, 1);
-  auto at = mails.begin();
-  const int first = std::max(host.first_mail, host.last_mail - most_made_up);
-  for (int64_t id = first; id <= host.last_mail; id++) {
-    while (at != mails.end() && *at < id) ++at;
-    (other_store || at == mails.end() || *at != id ? gone : known).push_back(static_cast<int>(id));
-  }
-  for (const int id : mails)
-    if (other_store || id > host.last_mail) fresh.push_back(id);
-  const std::vector<int> accounts = read_ids(reader_accounts, 0);
-  for (const int id : host.accounts)
-    if (std::find(accounts.begin(), accounts.end(), id) == accounts.end()) accounts_gone.push_back(id);
-  int status = 0;
-  const bool counted = reader_get_state("account_count_known", 0, &status) == 1;
-  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, gone);
-  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE, accounts_gone);
-  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD, accounts);
-  if (counted) queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS, {});
-  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE, known);
-  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, fresh);
-  know_store();
-}
-
-/* One row of the table of changes. */
-void take_change(int type, std::vector<int> ids) {
-  if (type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD) {
-    std::erase_if(ids, [](int id) { return id <= host.last_mail; }); /* told already, when others were made up */
-    for (const int id : ids) host.last_mail = std::max(host.last_mail, id);
-  }
-  for (const int id : ids) {
-    if (type == BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD) host.accounts.insert(id);
-    if (type == BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE) host.accounts.erase(id);
-  }
-  queue_event(type, ids);
-}
-
-/* Reads what the store has behind the last change seen. */
-void read_changes(void) {
-  if (!host.open) return;
-  sqlite3_stmt *q = nullptr;
-  if (reader_start(reader_last_change, &q) || !q) return;
-  int r = sqlite3_step(q);
-  const int64_t newest = r == SQLITE_ROW ? sqlite3_column_int64(q, 0) : 0;
-  if (reader_done(q, r)) return;
-  const bool other_store = reader_files_replaced() != host.files_replaced || newest < host.last_change;
-  bool missing = other_store;
-  if (!missing && newest > host.last_change) {
-    if (reader_start(reader_changes, &q) || !q) return;
-    sqlite3_bind_int64(q, 1, host.last_change);
-    while ((r = sqlite3_step(q)) == SQLITE_ROW) {
-      const int64_t seq = sqlite3_column_int64(q, 0);
-      missing = seq != host.last_change + 1;
-      if (missing) break;
-      host.last_change = seq;
-      const int type = sqlite3_column_int(q, 1);
-      if (type < 0 || type >= event_types) continue;
-      const unsigned char *text = sqlite3_column_text(q, 2);
-      take_change(type, ids_from_text(text ? reinterpret_cast<const char *>(text) : ""));
-    }
-    reader_done(q, r);
-  }
-  if (missing) {
-    /* The number was read before what it stands for: what comes in between is told twice rather than not at all. */
-    make_up(other_store);
-    host.last_change = newest;
-  }
-  if (host.events.empty() || host.next_slice) return;
-  /* The first slice at once: a single mail is on screen in this turn of the loop. */
-  if (deliver_slice() && host.open) slice_later();
-}
 
 /* --- requests ----------------------------------------------------------------------------------------------------- */
 
@@ -307,16 +118,18 @@ void stop_keeping(void) {
   host.keep = nullptr;
 }
 
-void keep_queue(bool lasting) {
+bool keep_queue(bool lasting) {
   stop_keeping();
   std::vector<const kept_request *> waiting;
   for (const request &r : host.queue) waiting.push_back(&r);
-  host.kept = kept_save(waiting, lasting) || host.kept;
+  const bool saved = kept_save(waiting, lasting);
+  host.kept = saved || host.kept;
+  return saved;
 }
 
 Eina_Bool keep_cb(void *data) {
   host.keep = nullptr;
-  keep_queue(true);
+  kept_sync();
   return ECORE_CALLBACK_CANCEL;
 }
 
@@ -413,17 +226,26 @@ void send_next(void) {
 int common_enqueue(request r) {
   if (!host.open) return BRISEL_COMMON_ERROR_LINK;
   attach();
-  /* Without a bus nothing can take it over; what was taken before waits for the bus to come back. */
-  if (!host.bus) return BRISEL_COMMON_ERROR_LINK;
   r.uid = new_uid();
   host.queue.push_back(std::move(r));
   send_next();
-  /* In a file before the screen says that it is done: what the bus took over may still wait at a service that stands
-     still, and both may be killed. Through a power cut it lasts from when the service has it, or the timer here has
-     run: nobody waits for the disk. */
+  /* In a file before the screen says that it is done, in every state of the service, and without a bus too: what the
+     bus took over may still wait at a service that stands still, and both may be killed. */
   if (host.queue.empty()) return 0; /* refused already, which was said */
-  keep_queue(false);
-  host.keep = ecore_timer_add(keep_after, keep_cb, nullptr);
+  const bool saved = keep_queue(false);
+  const bool on_its_way = host.bus && !host.service_away && !host.retry;
+  const bool sent = host.call_slot && host.queue.size() == 1;
+  if (!saved && !on_its_way && !sent) {
+    /* Neither the disk nor the bus has it: it is not taken. */
+    host.queue.pop_back();
+    return BRISEL_COMMON_ERROR_LINK;
+  }
+  /* Through a power cut it lasts from when the service has it, which is soon when there is one; else the file is
+     synced, on a thread. */
+  if (on_its_way)
+    host.keep = ecore_timer_add(keep_after, keep_cb, nullptr);
+  else
+    kept_sync();
   return 0;
 }
 
@@ -432,7 +254,7 @@ namespace {
 /* --- the bus ------------------------------------------------------------------------------------------------------ */
 
 int changed_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
-  read_changes();
+  events_read();
   return 0;
 }
 
@@ -446,7 +268,7 @@ int owner_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
     return 0;
   }
   reader_check_file();
-  read_changes();
+  events_read();
   if (host.open) retry_now();
   return 0;
 }
@@ -461,7 +283,7 @@ bool tell_error(sd_bus_message *m, log_priority priority, const char *what) {
 /* The bus passes signals on from now; what changed while it was asked to must be looked for. */
 int matched_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   tell_error(m, DLOG_ERROR, "the service's signals are not to be had");
-  read_changes();
+  events_read();
   return 0;
 }
 
@@ -517,7 +339,7 @@ void bus_watch_cb(bool connected, void *data) {
   if (connected) {
     attach();
     reader_check_file();
-    read_changes();
+    events_read();
     if (host.open) retry_now();
     return;
   }
@@ -549,8 +371,12 @@ void flush_queue(void) {
     host.queue.pop_front();
   }
   /* The next start hands over what is left. */
-  host.queue.empty() ? forget_when_done() : keep_queue(true);
+  if (host.queue.empty())
+    forget_when_done();
+  else
+    keep_queue(true);
   stop_keeping();
+  kept_sync_end();
   host.kept = false;
   host.queue.clear();
 }
@@ -569,14 +395,7 @@ int brisel_ipc_client_init(void) {
   clock_gettime(CLOCK_REALTIME, &now);
   snprintf(host.uid_base, sizeof(host.uid_base), "%lld.%09ld-%ld-%08x-", static_cast<long long>(now.tv_sec),
            now.tv_nsec, static_cast<long>(getpid()), g_random_int());
-  know_store();
-  host.last_change = 0;
-  sqlite3_stmt *q = nullptr;
-  if (!reader_start(reader_last_change, &q) && q) {
-    const int r = sqlite3_step(q);
-    if (r == SQLITE_ROW) host.last_change = sqlite3_column_int64(q, 0);
-    reader_done(q, r);
-  }
+  events_start();
   for (kept_request &left : kept_load()) {
     request r;
     static_cast<kept_request &>(r) = std::move(left);
@@ -593,10 +412,7 @@ int brisel_ipc_client_init(void) {
 int brisel_ipc_client_deinit(void) {
   if (!host.open) return BRISEL_COMMON_ERROR_LINK;
   bus_loop_watch_del(bus_watch_cb, nullptr);
-  for (subscription &s : host.subscriptions) s = {};
-  host.events.clear();
-  if (host.next_slice) ecore_timer_del(host.next_slice);
-  host.next_slice = nullptr;
+  events_stop();
   if (host.retry) ecore_timer_del(host.retry);
   host.retry = nullptr;
   host.more_slot = sd_bus_slot_unref(host.more_slot);
@@ -605,20 +421,6 @@ int brisel_ipc_client_deinit(void) {
   host.open = false;
   detach();
   reader_release();
-  return 0;
-}
-
-int brisel_ipc_client_event_subscribe(int event_type, brisel_ipc_event_cb callback, void *user_data) {
-  if (event_type < 0 || event_type >= event_types || !callback) return BRISEL_COMMON_ERROR_INVALID;
-  if (!host.open) return BRISEL_COMMON_ERROR_LINK;
-  host.subscriptions[event_type] = {callback, user_data};
-  return 0;
-}
-
-int brisel_ipc_client_event_unsubscribe(int event_type) {
-  if (event_type < 0 || event_type >= event_types) return BRISEL_COMMON_ERROR_INVALID;
-  if (!host.open) return BRISEL_COMMON_ERROR_LINK;
-  host.subscriptions[event_type] = {};
   return 0;
 }
 

@@ -6,6 +6,7 @@
 #include <systemd/sd-event.h>
 
 #include <list>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,14 @@ struct more_request {
   sd_event_source *timer;
 };
 
+/* A call that brings more mails than one turn of the loop takes. */
+struct mail_batch {
+  sd_bus_message *m; /* owned */
+  bool checked = false;
+  size_t count = 0;
+  std::vector<int> ids; /* of those that are in the store */
+};
+
 struct host {
   store *st = nullptr;
   sd_bus *bus = nullptr;
@@ -30,7 +39,14 @@ struct host {
   std::string phone;             /* unique name of the connected phone; empty: none */
   sd_bus_track *track = nullptr; /* follows the phone's name */
   std::list<more_request> more;
+  std::map<std::string, std::string> clients; /* the program of each unique name that asked lately */
   uint64_t more_timeout_usec = 15000000;
+  std::list<mail_batch> batches; /* the first one is being taken */
+  sd_event_source *batch_turn = nullptr;
+  std::string folder;                      /* of the store */
+  sd_event_source *folder_watch = nullptr; /* follows what happens in it */
+  sd_event_source *file_retry = nullptr;   /* when the store could not be put back */
+  uint64_t file_retry_usec = 0;
 };
 
 extern const sd_bus_vtable watch_vtable[];
@@ -42,10 +58,26 @@ extern const sd_bus_vtable phone_vtable[];
 void host_announce(host *h);
 /* Sets *error from what the store said. Returns what a method handler must return. */
 int host_fail(const host *h, store_status status, sd_bus_error *error);
+/* Whose program sent the message: its path, or its name on the bus when that cannot be told. */
+std::string host_client_of(host *h, sd_bus_message *m);
 /* Reads an array of ids: at most ids_max, each above 0 unless zero_allowed. */
 int host_read_ids(sd_bus_message *m, bool zero_allowed, std::vector<int> *ids, sd_bus_error *error);
 /* Reads a string of at most max bytes. */
 int host_read_text(sd_bus_message *m, const char *what, size_t max, std::string *text, sd_bus_error *error);
+
+/* --- host-file.cpp ------------------------------------------------------------------------------------------------ */
+
+/* Follows the store's file from now on: notices at once when it is deleted or replaced. 0 or a negative errno. */
+int host_follow_file(host *h, const std::string &folder);
+
+/* --- phone-mails.cpp ------------------------------------------------------------------------------------------- */
+
+/* Handles AddMails: at once, or in slices and answered later. */
+int mails_add(sd_bus_message *m, void *data, sd_bus_error *error);
+/* Reads one a{sv} of a mail's fields; 0 at the array's end. */
+int mails_read_fields(sd_bus_message *m, mail_values *mail, sd_bus_error *error);
+/* At the end of the service: calls that are under way get no answer. */
+void mails_drop(host *h);
 
 /* --- phone-link.cpp: the connected phone -------------------------------------------------------------------------- */
 

@@ -82,6 +82,9 @@ int serve(host *h) {
   if (r >= 0) r = sd_bus_attach_event(h->bus, h->event, SD_EVENT_PRIORITY_NORMAL);
   if (r < 0) return fail("the session bus", r);
 
+  r = host_follow_file(h, platform_data_dir());
+  if (r < 0) return fail("the store's folder", r);
+
   /* The setting about the link is put right before anyone can ask for the service. */
   link_reset(h);
   r = sd_bus_request_name(h->bus, host_name, 0);
@@ -100,6 +103,9 @@ int serve(host *h) {
   const int code = sd_event_loop(h->event);
   /* No service, no link: the phone connects again to the next one. */
   link_disconnect(h);
+  mails_drop(h);
+  sd_event_source_disable_unref(h->folder_watch);
+  sd_event_source_disable_unref(h->file_retry);
   if (code < 0) return fail("the event loop", code);
   return code;
 }

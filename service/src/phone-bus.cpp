@@ -90,130 +90,12 @@ int set_account_count(sd_bus_message *m, void *data, sd_bus_error *error) {
   return finish(h, m, store_set_account_count_known(h->st, known != 0), error);
 }
 
-int read_contacts(sd_bus_message *m, field_value *value, sd_bus_error *error) {
-  std::vector<contact_value> contacts;
-  int r = sd_bus_message_enter_container(m, 'a', "(is)");
-  while (r >= 0) {
-    int type = 0;
-    const char *number = nullptr;
-    r = sd_bus_message_read(m, "(is)", &type, &number);
-    if (r <= 0) break;
-    contacts.push_back({type, number});
-    if (contacts.size() > contacts_max) return invalid(error, "too many contacts");
-  }
-  if (r >= 0) r = sd_bus_message_exit_container(m);
-  if (r < 0) return r;
-  value->null = contacts.empty();
-  if (!contacts_to_text(contacts, &value->text)) return invalid(error, "a contact's number is no number");
-  return 0;
-}
-
-int read_number(sd_bus_message *m, char type, int64_t *number) {
-  union {
-    uint8_t y;
-    int b;
-    int16_t n;
-    uint16_t q;
-    int32_t i;
-    uint32_t u;
-    int64_t x;
-  } value = {};
-  const int r = sd_bus_message_read_basic(m, type, &value);
-  switch (type) {
-    case 'y':
-      *number = value.y;
-      break;
-    case 'b':
-      *number = value.b;
-      break;
-    case 'n':
-      *number = value.n;
-      break;
-    case 'q':
-      *number = value.q;
-      break;
-    case 'i':
-      *number = value.i;
-      break;
-    case 'u':
-      *number = value.u;
-      break;
-    default:
-      *number = value.x;
-      break;
-  }
-  return r;
-}
-
-/* Reads one a{sv} of fields; 0 at the array's end. */
-int read_mail(sd_bus_message *m, mail_values *mail, sd_bus_error *error) {
-  int r = sd_bus_message_enter_container(m, 'a', "{sv}");
-  if (r <= 0) return r;
-  while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
-    const char *key = nullptr, *contents = nullptr;
-    char type = 0;
-    r = sd_bus_message_read_basic(m, 's', &key);
-    if (r >= 0) r = sd_bus_message_peek_type(m, &type, &contents);
-    if (r >= 0) r = sd_bus_message_enter_container(m, 'v', contents);
-    if (r < 0) return r;
-    const int index = mail_field_index(key);
-    if (index < 0) return sd_bus_error_setf(error, HOST_ERROR "Invalid", "a mail has no field %.64s", key);
-    const field_rule &rule = mail_fields[static_cast<size_t>(index)];
-    field_value &value = mail->field[static_cast<size_t>(index)];
-    const bool is_text = rule.kind == field_kind::text, is_contacts = rule.kind == field_kind::contacts;
-    value.set = true;
-    if (is_text && !strcmp(contents, "s")) {
-      const char *text = nullptr;
-      r = sd_bus_message_read_basic(m, 's', &text);
-      if (r >= 0) value.text = text;
-      value.null = value.text.empty(); /* no text and an empty one are the same to the application */
-    } else if (is_contacts && !strcmp(contents, "a(is)")) {
-      r = read_contacts(m, &value, error);
-    } else if (!is_text && !is_contacts && strlen(contents) == 1 && strchr("ybnqiux", *contents)) {
-      r = read_number(m, *contents, &value.number);
-    } else {
-      return sd_bus_error_setf(error, HOST_ERROR "Invalid", "%s has a value of the wrong type", rule.name);
-    }
-    if (r >= 0) r = sd_bus_message_exit_container(m);
-    if (r >= 0) r = sd_bus_message_exit_container(m);
-    if (r < 0) return r;
-  }
-  if (r >= 0) r = sd_bus_message_exit_container(m);
-  return r < 0 ? r : 1;
-}
-
-int append_ids(sd_bus_message *answer, const std::vector<int> &ids) {
-  return sd_bus_message_append_array(answer, 'i', ids.data(), ids.size() * sizeof(int32_t));
-}
-
-int add_mails(sd_bus_message *m, void *data, sd_bus_error *error) {
-  host *h = static_cast<host *>(data);
-  std::vector<mail_values> mails;
-  std::vector<int> ids;
-  int r = sd_bus_message_enter_container(m, 'a', "a{sv}");
-  while (r >= 0) {
-    mail_values mail;
-    r = read_mail(m, &mail, error);
-    if (r <= 0) break;
-    mails.push_back(std::move(mail));
-    if (mails.size() > mails_max) return invalid(error, "too many mails at once");
-  }
-  if (r < 0) return r;
-  const store_status status = store_add_mails(h->st, &mails, &ids);
-  if (status) return host_fail(h, status, error);
-  sd_bus_message *answer = nullptr;
-  r = sd_bus_message_new_method_return(m, &answer);
-  if (r >= 0) r = append_ids(answer, ids);
-  host_announce(h);
-  return send_answer(answer, r);
-}
-
 int update_mail(sd_bus_message *m, void *data, sd_bus_error *error) {
   host *h = static_cast<host *>(data);
   int id = 0;
   mail_values values;
   int r = sd_bus_message_read_basic(m, 'i', &id);
-  if (r >= 0) r = read_mail(m, &values, error);
+  if (r >= 0) r = mails_read_fields(m, &values, error);
   if (r < 0) return r;
   return finish(h, m, store_update_mail(h->st, id, values), error);
 }
@@ -356,7 +238,7 @@ const sd_bus_vtable phone_vtable[] = {
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("SetAccountCount", SD_BUS_ARGS("b", known), SD_BUS_NO_RESULT, set_account_count,
                             SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD_WITH_ARGS("AddMails", SD_BUS_ARGS("aa{sv}", mails), SD_BUS_RESULT("ai", ids), add_mails,
+    SD_BUS_METHOD_WITH_ARGS("AddMails", SD_BUS_ARGS("aa{sv}", mails), SD_BUS_RESULT("ai", ids), mails_add,
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("UpdateMail", SD_BUS_ARGS("i", id, "a{sv}", fields), SD_BUS_NO_RESULT, update_mail,
                             SD_BUS_VTABLE_UNPRIVILEGED),

@@ -39,8 +39,8 @@ constexpr const char *texts[reader_query_count] = {
     "SELECT value FROM state WHERE key = ?",
     "SELECT ifnull(max(seq), 0) FROM changes",
     "SELECT seq, type, ids FROM changes WHERE seq > ? ORDER BY seq",
-    "SELECT ifnull((SELECT min(mail_id) FROM mail), 1),"
-    " ifnull((SELECT seq FROM sqlite_sequence WHERE name = 'mail'), 0)",
+    "SELECT ifnull((SELECT min(mail_id) FROM mail), seq + 1), seq FROM"
+    " (SELECT ifnull((SELECT seq FROM sqlite_sequence WHERE name = 'mail'), 0) AS seq)",
     "SELECT mail_id FROM mail WHERE mail_id >= ? ORDER BY mail_id",
 };
 
@@ -50,6 +50,8 @@ struct {
   sqlite3_stmt *statements[reader_query_count];
   dev_t device;
   ino_t inode; /* 0: none was open yet */
+  ino_t log;   /* of the file beside it that new changes go to */
+  int id;      /* of the store itself, wherever its file goes */
   int replaced;
   int told; /* the last error logged: one line for one trouble, however often it is met */
 } reader;
@@ -57,6 +59,11 @@ struct {
 std::string store_path(void) {
   const char *dir = platform_data_dir();
   return dir ? std::string(dir) + "/" + store_file : std::string();
+}
+
+ino_t log_inode(void) {
+  struct stat info;
+  return stat((store_path() + "-wal").c_str(), &info) == 0 ? info.st_ino : 0;
 }
 
 void close_store(void) {
@@ -114,9 +121,13 @@ int open_store(void) {
     close_store();
     return status;
   }
-  if (reader.inode && (reader.inode != info.st_ino || reader.device != info.st_dev)) reader.replaced++;
+  int id = 0;
+  read_number("SELECT value FROM state WHERE key = 'store_id'", &id);
+  if (reader.inode && reader.id != id) reader.replaced++;
+  reader.id = id;
   reader.device = info.st_dev;
   reader.inode = info.st_ino;
+  reader.log = log_inode();
   reader.told = 0;
   return 0;
 }
@@ -169,7 +180,8 @@ void reader_check_file(void) {
   if (!reader.db) return;
   struct stat info;
   int version = 0;
-  if (stat(store_path().c_str(), &info) != 0 || info.st_dev != reader.device || info.st_ino != reader.inode ||
+  if (stat(store_path().c_str(), &info) != 0) return; /* what is open goes on until there is another one */
+  if (info.st_dev != reader.device || info.st_ino != reader.inode || log_inode() != reader.log ||
       read_number("PRAGMA user_version", &version) != SQLITE_OK || version != store_version)
     close_store();
 }

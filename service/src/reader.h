@@ -37,10 +37,11 @@ int reader_start(reader_query which, sqlite3_stmt **query);
 /* Ends a query. result: what its last step returned. 0, or BRISEL_COMMON_ERROR_STORE when that was an error. */
 int reader_done(sqlite3_stmt *query, int result);
 
-/* Looks whether the file is still the one that is open, and turns to the new one if not. */
+/* Looks whether the file is still the one that is open, and turns to the new one if there is one. */
 void reader_check_file(void);
 
-/* How often the file turned out to be another one than the one open before: grows, never shrinks. */
+/* How often the file turned out to be another store than the one open before: grows, never shrinks. A store that the
+   service has put back is the same one. */
 int reader_files_replaced(void);
 
 /* value when the key was never set, or on any error. *status: as of reader_start. */

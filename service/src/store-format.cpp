@@ -1,6 +1,40 @@
 #include "store-format.h"
 
 #include <charconv>
+#include <cstring>
+
+const std::array<field_rule, mail_field_count> mail_fields = {{
+    {"host_state", field_kind::number, 0},
+    {"received_time", field_kind::time, 0},
+    {"attachment_count", field_kind::number, 0},
+    {"has_image", field_kind::flag, 0},
+    {"is_new", field_kind::flag, 0},
+    {"account_id", field_kind::number, 0},
+    {"security_locked", field_kind::flag, 0},
+    {"is_read", field_kind::flag, 0},
+    {"host_tag", field_kind::text, token_max},
+    {"subject", field_kind::text, text_max},
+    {"from_address", field_kind::text, text_max},
+    {"from_name", field_kind::text, text_max},
+    {"message_uid", field_kind::text, token_max},
+    {"contacts", field_kind::contacts, contacts_max},
+    {"body", field_kind::text, body_max},
+}};
+
+const std::string &mail_columns(void) {
+  static const std::string columns = [] {
+    std::string text;
+    for (size_t i = 0; i < field_body; i++) text += std::string(i ? ", " : "") + mail_fields[i].name;
+    return text;
+  }();
+  return columns;
+}
+
+int mail_field_index(const char *name) {
+  for (size_t i = 0; i < mail_fields.size(); i++)
+    if (!strcmp(mail_fields[i].name, name)) return static_cast<int>(i);
+  return -1;
+}
 
 std::string ids_to_text(const std::vector<int> &ids) {
   std::string text;

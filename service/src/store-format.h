@@ -1,7 +1,9 @@
-/* What the store's writer and its readers agree on besides the tables (service/schema). */
+/* What the store's writer and its readers agree on besides the tables (service/schema): its name and version, the
+   fields of a mail, and the forms of texts. Any file of the service and of the common library may include it. */
 #ifndef BRISEL_STORE_FORMAT_H
 #define BRISEL_STORE_FORMAT_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -13,7 +15,7 @@
 /* PRAGMA application_id of a store: tells it from any other database. */
 constexpr int store_application_id = 0x42524953;
 /* PRAGMA user_version that this build reads and writes. */
-constexpr int store_version = 3;
+constexpr int store_version = 4;
 constexpr char store_file[] = "store.db";
 
 /* Ids as the changes table keeps them: "3,4,5". */
@@ -31,6 +33,41 @@ struct contact_value {
    too many. */
 bool contacts_to_text(const std::vector<contact_value> &contacts, std::string *text);
 std::vector<contact_value> contacts_from_text(const std::string &text);
+
+/* --- fields of a mail --- */
+
+enum class field_kind { text, number, flag, time, contacts };
+
+struct field_rule {
+  const char *name; /* of the column, and of the key on the bus */
+  field_kind kind;
+  size_t max; /* bytes of a text, numbers of contacts */
+};
+
+/* What is kept of a mail besides its id: the columns of its table in their order, and the body behind them. */
+enum mail_field {
+  field_host_state,
+  field_time,
+  field_attachments,
+  field_image,
+  field_new,
+  field_account,
+  field_locked,
+  field_read,
+  field_tag,
+  field_subject,
+  field_address,
+  field_name,
+  field_uid,
+  field_contacts,
+  field_body,
+  mail_field_count
+};
+extern const std::array<field_rule, mail_field_count> mail_fields;
+/* "host_state, ..., contacts": all but the body, which has its own table. */
+const std::string &mail_columns(void);
+/* -1 when there is no such field. */
+int mail_field_index(const char *name);
 
 /* Text that every border takes: what is no UTF-8, a zero byte or a code point that a bus refuses becomes U+FFFD. */
 std::string clean_text(std::string_view text);

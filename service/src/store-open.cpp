@@ -1,7 +1,7 @@
-/* Opening the store: alone, checked, and brought up to date. Nothing else decides whether a file is a store. */
+/* Opening the store: alone, checked, and brought up to date. Nothing else decides whether a file is a store. hostd.cpp
+   calls it. */
 #include <fcntl.h>
 #include <poll.h>
-#include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,30 +19,14 @@ constexpr int busy_ms = 10000;
 
 namespace {
 
-int pragma_number(sqlite3 *db, const char *sql, int64_t *value) {
-  sqlite3_stmt *s = nullptr;
-  int r = sqlite3_prepare_v2(db, sql, -1, &s, nullptr);
-  if (r == SQLITE_OK) {
-    r = sqlite3_step(s);
-    if (r == SQLITE_ROW) {
-      *value = sqlite3_column_int64(s, 0);
-      r = SQLITE_OK;
-    }
-  }
-  sqlite3_finalize(s);
-  return r;
-}
-
-/* Whether what db holds is a store that this build may write, or nothing at all. */
-bool check_database(sqlite3 *db, int r, const std::string &path, std::string *why) {
+/* Whether what was opened is a store that this build may write, or nothing at all. */
+bool check_database(sql_db *db, int opened, const std::string &path, std::string *why) {
   int64_t version = 0, application = 0, tables = 0;
-  if (r == SQLITE_OK) r = pragma_number(db, "PRAGMA user_version", &version);
-  if (r == SQLITE_OK) r = pragma_number(db, "PRAGMA application_id", &application);
-  if (r == SQLITE_OK) r = pragma_number(db, "SELECT count(*) FROM sqlite_master", &tables);
-  if (r == SQLITE_NOTADB) {
-    *why = path + " is not a database; it is left as it is";
-  } else if (r != SQLITE_OK) {
-    *why = path + " cannot be read: " + (db ? sqlite3_errmsg(db) : "no memory");
+  if (opened || db->number("PRAGMA user_version", &version) || db->number("PRAGMA application_id", &application) ||
+      db->number("SELECT count(*) FROM sqlite_master", &tables)) {
+    *why = db->trouble() == sql_trouble::not_a_database
+               ? path + " is not a database, or is damaged; it is left as it is"
+               : path + " cannot be read: " + db->error();
   } else if (tables == 0 && version == 0) {
     return true;
   } else if (application != store_application_id) {
@@ -71,77 +55,89 @@ bool check_file(const std::string &path, std::string *why) {
     return false;
   }
   if (info.st_size == 0) return true;
-  sqlite3 *db = nullptr;
-  const int r = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
-  bool good = check_database(db, r, path, why);
+  sql_db db;
   /* A service that was killed while it made the store left a journal that only a writer may play back. */
-  if (!good && sqlite3_errcode(db) == SQLITE_READONLY) good = true;
-  sqlite3_close(db);
-  return good;
+  return check_database(&db, db.open(path, sql_access::read, busy_ms), path, why) ||
+         db.trouble() == sql_trouble::read_only;
 }
 
 store_status bring_up_to_date(store *st) {
   int64_t version = 0;
-  if (pragma_number(st->db, "PRAGMA user_version", &version) != SQLITE_OK) return fail_sqlite(st);
+  if (st->db.number("PRAGMA user_version", &version)) return fail_sql(st);
   static_assert(std::size(schema_steps) == store_version);
   for (; version < store_version; version++) {
     const store_status status = transaction(st, [&] {
-      store_status step = run_sql(st, schema_steps[version]);
-      const std::string number = "PRAGMA user_version = " + std::to_string(version + 1);
-      if (!step) step = run_sql(st, number.c_str());
-      const std::string id = "PRAGMA application_id = " + std::to_string(store_application_id);
-      if (!step) step = run_sql(st, id.c_str());
-      return step;
+      const bool done = !st->db.run(schema_steps[version]) &&
+                        !st->db.run("PRAGMA user_version = " + std::to_string(version + 1)) &&
+                        !st->db.run("PRAGMA application_id = " + std::to_string(store_application_id));
+      return done ? store_ok : fail_sql(st);
     });
     if (status) return status;
   }
   return store_ok;
 }
 
-bool take_lock(store *st, const std::string &path, std::string *why) {
-  st->lock = open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (st->lock < 0) {
-    *why = path + ".lock: " + strerror(errno);
-    return false;
-  }
-  for (int i = 0; flock(st->lock, LOCK_EX | LOCK_NB) != 0; i++) {
-    if (errno != EWOULDBLOCK || i == lock_tries) {
-      *why = path + " is in use by another brisel-hostd";
-      return false;
-    }
-    poll(nullptr, 0, lock_wait_ms);
-  }
-  return true;
+file_identity identity_of(const std::string &path) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) return {};
+  return {info.st_dev, info.st_ino};
 }
 
 }  // namespace
 
+bool store_check_path(const std::string &path, std::string *why) {
+  return check_file(path, why);
+}
+
+bool store_take_lock(store *st, std::string *why) {
+  const std::string path = st->path + ".lock";
+  if (st->lock >= 0) close(st->lock);
+  st->lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (st->lock < 0) {
+    *why = path + ": " + strerror(errno);
+    return false;
+  }
+  for (int i = 0; flock(st->lock, LOCK_EX | LOCK_NB) != 0; i++) {
+    /* Another one that comes while this one serves does not go so soon. */
+    if (errno != EWOULDBLOCK || !st->opening || i == lock_tries) {
+      *why = st->path + " is in use by another brisel-hostd";
+      return false;
+    }
+    poll(nullptr, 0, lock_wait_ms);
+  }
+  st->lock_file = identity_of(path);
+  return true;
+}
+
+bool store_open_file(store *st, std::string *why) {
+  st->opening = true;
+  st->file = {};
+  if (!check_database(&st->db, st->db.open(st->path, sql_access::create, busy_ms), st->path, why)) return false;
+  /* FULL: in WAL mode only this syncs the log at every commit, which is what an acknowledgement promises. */
+  st->error.clear();
+  if (st->db.run("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON")) fail_sql(st);
+  if (!st->error.empty() || bring_up_to_date(st) != store_ok) {
+    *why = st->path + " cannot be opened: " + st->error;
+    return false;
+  }
+  st->file = identity_of(st->path);
+  st->log = identity_of(st->path + "-wal");
+  st->shared = identity_of(st->path + "-shm");
+  st->opening = false;
+  return true;
+}
+
 store *store_open(const std::string &path, std::string *why) {
   store *st = new store;
-  bool good = take_lock(st, path, why) && check_file(path, why);
-  if (good) {
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
-    const int r = sqlite3_open_v2(path.c_str(), &st->db, flags, nullptr);
-    if (st->db) sqlite3_busy_timeout(st->db, busy_ms);
-    good = check_database(st->db, r, path, why);
-  }
-  if (good) {
-    sqlite3_extended_result_codes(st->db, 1);
-    /* FULL: in WAL mode only this syncs the log at every commit, which is what an acknowledgement promises. */
-    good = run_sql(st,
-                   "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON;"
-                   "PRAGMA trusted_schema = OFF; PRAGMA cell_size_check = ON") == store_ok &&
-           bring_up_to_date(st) == store_ok;
-    if (!good) *why = path + " cannot be opened: " + st->error;
-  }
-  if (good) return st;
+  st->path = path;
+  if (store_take_lock(st, why) && check_file(path, why) && store_open_file(st, why)) return st;
   store_close(st);
   return nullptr;
 }
 
 void store_close(store *st) {
   if (!st) return;
-  sqlite3_close(st->db);
+  st->db.close(); /* before the lock goes */
   if (st->lock >= 0) close(st->lock);
   delete st;
 }
@@ -151,6 +147,6 @@ const std::string &store_error(const store *st) {
 }
 
 int64_t store_last_change(store *st) {
-  statement last(st, "SELECT max(seq) FROM changes");
-  return last.step() == SQLITE_ROW ? last.number(0) : 0;
+  int64_t last = 0;
+  return st->db.number("SELECT max(seq) FROM changes", &last) ? 0 : last;
 }

@@ -1,9 +1,9 @@
-/* The store from inside: its record, one statement, one transaction, one numbered change. Only the files store*.cpp may
-   include it. Thread: the one that opened the store. */
+/* The store from inside: its record, one transaction, one numbered change. Only the files store-*.cpp may include it.
+   Thread: the one that opened the store. */
 #ifndef BRISEL_STORE_PRIV_H
 #define BRISEL_STORE_PRIV_H
 
-#include <sqlite3.h>
+#include <sys/types.h>
 
 #include <cstdarg>
 #include <cstdio>
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "brisel-common.h"
+#include "platform-sql.h"
 #include "store-format.h"
 #include "store.h"
 
@@ -18,11 +19,29 @@
    event, however many mails it names, and takes some tens of bytes. */
 constexpr int64_t changes_kept = 16384;
 
-struct store {
-  sqlite3 *db = nullptr;
-  int lock = -1;
-  std::string error;
+struct file_identity {
+  dev_t device = 0;
+  ino_t inode = 0;
 };
+
+struct store {
+  std::string path;
+  sql_db db;
+  bool opening = true; /* what lies there is not settled yet */
+  int lock = -1;
+  file_identity file, log, shared, lock_file; /* those that are open */
+  std::string error;
+  std::string note; /* what became of the file, until somebody tells it */
+};
+
+/* --- store-open.cpp: for store-file.cpp --- */
+
+/* Whether what lies at a path may be opened as the store; it is not written to. */
+bool store_check_path(const std::string &path, std::string *why);
+/* The lock beside the file, instead of the one held before. */
+bool store_take_lock(store *st, std::string *why);
+/* Opens st->path and brings it up to date. */
+bool store_open_file(store *st, std::string *why);
 
 __attribute__((format(printf, 3, 4))) inline store_status fail(store *st, store_status status, const char *format,
                                                                ...) {
@@ -35,100 +54,69 @@ __attribute__((format(printf, 3, 4))) inline store_status fail(store *st, store_
   return status;
 }
 
-inline store_status fail_sqlite(store *st) {
-  return fail(st, store_failed, "the store failed: %s", sqlite3_errmsg(st->db));
+inline store_status fail_sql(store *st) {
+  return fail(st, store_failed, "the store failed: %s", st->db.error());
 }
 
-/* One statement, from prepare to finalize. A statement that could not be prepared fails at its first step. */
-struct statement {
-  explicit statement(store *owner, const char *text) : st(owner) {
-    prepared = sqlite3_prepare_v2(st->db, text, -1, &s, nullptr) == SQLITE_OK;
-  }
-  ~statement() { sqlite3_finalize(s); }
-  statement(const statement &) = delete;
-  statement &operator=(const statement &) = delete;
-
-  statement &bind(int64_t value) {
-    sqlite3_bind_int64(s, ++bound, value);
-    return *this;
-  }
-  statement &bind(const std::string &text) {
-    sqlite3_bind_text64(s, ++bound, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
-    return *this;
-  }
-  statement &bind_null(void) {
-    sqlite3_bind_null(s, ++bound);
-    return *this;
-  }
-  /* SQLITE_ROW, SQLITE_DONE or an error. */
-  int step(void) { return prepared ? sqlite3_step(s) : SQLITE_ERROR; }
-  /* Runs to the end and makes ready for new values. */
-  store_status run(void) {
-    const int r = step();
-    if (r != SQLITE_DONE && r != SQLITE_ROW) return fail_sqlite(st);
-    sqlite3_reset(s);
-    bound = 0;
-    return store_ok;
-  }
-  int64_t number(int column) { return sqlite3_column_int64(s, column); }
-  std::string text(int column) {
-    const unsigned char *chars = sqlite3_column_text(s, column);
-    if (!chars) return {};
-    return {reinterpret_cast<const char *>(chars), static_cast<size_t>(sqlite3_column_bytes(s, column))};
-  }
-
-  store *st;
-  sqlite3_stmt *s = nullptr;
-  bool prepared = false;
-  int bound = 0;
-};
-
-inline store_status run_sql(store *st, const char *sql) {
-  return sqlite3_exec(st->db, sql, nullptr, nullptr, nullptr) == SQLITE_OK ? store_ok : fail_sqlite(st);
+/* What a call of the connection or of a statement came to, as the store says it. */
+inline store_status checked(store *st, int result) {
+  return result == sql_failed ? fail_sql(st) : store_ok;
 }
 
-/* Runs work inside one transaction: commits when it returns store_ok, takes everything back otherwise. */
+/* Binds all values of a statement and runs it to its end; it is then ready for the next. */
+template <typename... T>
+store_status run(store *st, sql_statement *statement, const T &...values) {
+  return checked(st, statement->bind(values...).run());
+}
+
+template <typename... T>
+store_status run_sql(store *st, const char *sql, const T &...values) {
+  sql_statement once(&st->db, sql);
+  return run(st, &once, values...);
+}
+
+/* Runs work inside one transaction: commits when it returns store_ok, takes everything back otherwise. The connection's
+   own answer does not tell a failure from what work may return, so that only work's own is believed. */
 template <typename F>
 store_status transaction(store *st, F &&work) {
-  store_status status = run_sql(st, "BEGIN IMMEDIATE");
+  /* What is acknowledged can be found under the store's name. */
+  store_status status = st->opening ? store_ok : store_keep_file(st);
   if (status) return status;
-  status = work();
-  if (!status) status = run_sql(st, "COMMIT");
-  if (status && !sqlite3_get_autocommit(st->db)) {
-    const std::string why = st->error;
-    run_sql(st, "ROLLBACK"); /* when even this fails, SQLite takes it back before the next BEGIN */
-    st->error = why;
-  }
-  return status;
+  const int done = st->db.transaction([&] { return status = work(); });
+  return done && !status ? fail_sql(st) : status;
 }
 
 inline store_status add_change(store *st, brisel_ipc_client_event_type type, const std::vector<int> &ids) {
-  statement insert(st, "INSERT INTO changes (type, ids) VALUES (?, ?)");
-  const std::string text = ids_to_text(ids);
-  store_status status = insert.bind(type).bind(text).run();
+  const store_status status = run_sql(st, "INSERT INTO changes (type, ids) VALUES (?, ?)", type, ids_to_text(ids));
   if (status) return status;
-  const int64_t seq = sqlite3_last_insert_rowid(st->db);
+  const int64_t seq = st->db.last_row();
   if (seq % 64) return store_ok; /* prune now and then, not at every change */
-  statement prune(st, "DELETE FROM changes WHERE seq <= ?");
-  return prune.bind(seq - changes_kept).run();
+  return run_sql(st, "DELETE FROM changes WHERE seq <= ?", seq - changes_kept);
 }
 
 inline bool exists(store *st, const char *sql, int id) {
-  statement find(st, sql);
-  return find.bind(id).step() == SQLITE_ROW;
+  sql_statement find(&st->db, sql);
+  return find.bind(id).step() == sql_row;
 }
 
 inline bool account_exists(store *st, int id) {
   return exists(st, "SELECT 1 FROM account WHERE account_id = ?", id);
 }
 
+/* The ids in the first column of what a statement finds. */
+inline store_status read_ids(store *st, sql_statement *find, std::vector<int> *ids) {
+  sql_result r;
+  while ((r = find->step()) == sql_row) ids->push_back(find->integer(0));
+  return checked(st, r);
+}
+
 /* Runs sql for each id; the ids that it changed a row for go to *changed, each once. */
 inline store_status run_for_ids(store *st, const char *sql, const std::vector<int> &ids, std::vector<int> *changed) {
-  statement run(st, sql);
+  sql_statement each(&st->db, sql);
   for (const int id : ids) {
-    const store_status status = run.bind(id).run();
+    const store_status status = run(st, &each, id);
     if (status) return status;
-    if (sqlite3_changes(st->db) > 0) changed->push_back(id);
+    if (st->db.changed() > 0) changed->push_back(id);
   }
   return store_ok;
 }

@@ -27,21 +27,6 @@ enum store_status {
 
 /* --- fields of a mail ------------------------------------------------------------------------------------------ */
 
-enum class field_kind { text, number, flag, time, contacts };
-
-struct field_rule {
-  const char *name; /* of the column, and of the key on the bus */
-  field_kind kind;
-  size_t max; /* bytes of a text, numbers of contacts */
-};
-
-/* What is kept of a mail besides its id: the columns of its table in their order, and the body behind them. */
-extern const std::array<field_rule, 15> mail_fields;
-constexpr size_t field_account = 5;
-constexpr size_t field_time = 1;
-constexpr size_t field_new = 4;
-constexpr size_t field_body = 14;
-
 struct field_value {
   bool set = false;
   bool null = false;
@@ -51,11 +36,9 @@ struct field_value {
 
 struct mail_values {
   int mail_id = 0; /* of a mail that was read */
-  std::array<field_value, 15> field;
+  std::array<field_value, mail_field_count> field;
 };
 
-/* -1 when there is no such field. */
-int mail_field_index(const char *name);
 struct account_value_record {
   int account_id;
   int account_value;
@@ -74,6 +57,14 @@ store *store_open(const std::string &path, std::string *why);
 void store_close(store *st);
 const std::string &store_error(const store *st);
 
+/* Whether the file that is open is still the one of its name. */
+bool store_file_is_there(const store *st);
+/* Puts it back when it was deleted, or turns to the store that has taken its place; every call that writes does so
+   first. store_failed: it cannot be done now, and until it can nothing else is. */
+store_status store_keep_file(store *st);
+/* What became of the file, in one line for whoever looks after the service; empty when nothing has since the last. */
+std::string store_take_note(store *st);
+
 /* The number of the newest change. */
 int64_t store_last_change(store *st);
 
@@ -84,8 +75,12 @@ store_status store_add_account(store *st, int *id, const std::string &address, c
 store_status store_remove_account(store *st, int id);
 store_status store_list_accounts(store *st, std::vector<account_value_record> *accounts);
 store_status store_set_account_count_known(store *st, bool known);
+/* Fills in what was left out, and checks what store_add_mails() would; nothing is added. */
+store_status store_check_mails(store *st, std::vector<mail_values> *mails);
 store_status store_add_mails(store *st, std::vector<mail_values> *mails, std::vector<int> *ids);
 store_status store_update_mail(store *st, int mail_id, const mail_values &values);
+/* As far as they are still there. */
+store_status store_take_back_mails(store *st, const std::vector<int> &ids);
 store_status store_delete_mails(store *st, const std::vector<int> &ids);
 /* Stops before limit mails, or before bytes are exceeded (one mail at least). */
 store_status store_list_mails(store *st, int after_id, size_t limit, size_t bytes, std::vector<mail_values> *mails);
@@ -104,15 +99,19 @@ struct outbox_entry {
   std::string json;
 };
 
-/* Each does its work, puts json into the outbox and remembers uid, all in one transaction; *entry gets the outbox's id.
-   store_done when the uid is known already. */
-store_status store_request_delete(store *st, const std::string &uid, const std::string &json,
-                                  const std::vector<int> &ids, int64_t *entry);
-store_status store_request_read(store *st, const std::string &uid, const std::string &json, const std::vector<int> &ids,
-                                int64_t *entry);
-store_status store_request_clear_new(store *st, const std::string &uid, const std::string &json, int64_t *entry);
+struct store_request {
+  std::string uid;
+  std::string json;
+  std::string client = {}; /* whose program asks */
+};
+
+/* Each does its work, puts the json into the outbox and remembers the uid, all in one transaction; *entry gets the
+   outbox's id. store_done when the uid is known already. */
+store_status store_request_delete(store *st, const store_request &asked, const std::vector<int> &ids, int64_t *entry);
+store_status store_request_read(store *st, const store_request &asked, const std::vector<int> &ids, int64_t *entry);
+store_status store_request_clear_new(store *st, const store_request &asked, int64_t *entry);
 /* No work besides telling the phone. */
-store_status store_request_relay(store *st, const std::string &uid, const std::string &json, int64_t *entry);
+store_status store_request_relay(store *st, const store_request &asked, int64_t *entry);
 
 store_status store_outbox(store *st, std::vector<outbox_entry> *entries);
 /* An id that is not there (any more) is no error. */

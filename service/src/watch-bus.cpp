@@ -1,4 +1,4 @@
-/* com.vextora.brisel.Watch1: what the application asks for. */
+/* com.vextora.brisel.Watch1: what the application asks for. hostd.cpp puts it on the bus; nothing else calls it. */
 #include <nlohmann/json.hpp>
 
 #include "host.h"
@@ -33,7 +33,7 @@ int delete_notis(sd_bus_message *m, void *data, sd_bus_error *error) {
   if (r < 0) return r;
   const json_record json = {{"request", "delete_notis"}, {"id_list", ids}};
   int64_t entry = 0;
-  const store_status status = store_request_delete(h->st, uid, to_text(json), ids, &entry);
+  const store_status status = store_request_delete(h->st, {uid, to_text(json), host_client_of(h, m)}, ids, &entry);
   return finish(h, m, status, entry, json, error);
 }
 
@@ -48,7 +48,7 @@ int update_ind(sd_bus_message *m, void *data, sd_bus_error *error) {
   if (r < 0) return r;
   const json_record json = {{"request", "update_ind"}, {"id_list", ids}, {"host_state", host_state}};
   int64_t entry = 0;
-  const store_status status = store_request_read(h->st, uid, to_text(json), ids, &entry);
+  const store_status status = store_request_read(h->st, {uid, to_text(json), host_client_of(h, m)}, ids, &entry);
   return finish(h, m, status, entry, json, error);
 }
 
@@ -61,7 +61,7 @@ int clear_all_new_flag(sd_bus_message *m, void *data, sd_bus_error *error) {
   if (r < 0) return r;
   const json_record json = {{"request", "clear_all_new_flag"}, {"id_list", ids}};
   int64_t entry = 0;
-  const store_status status = store_request_clear_new(h->st, uid, to_text(json), &entry);
+  const store_status status = store_request_clear_new(h->st, {uid, to_text(json), host_client_of(h, m)}, &entry);
   return finish(h, m, status, entry, json, error);
 }
 
@@ -84,7 +84,7 @@ int reply(sd_bus_message *m, void *data, sd_bus_error *error) {
                             {"message_uid", message_uid}, {"recipient", recipient}, {"text", text},
                             {"mail_id", mail_id},         {"subject", subject}};
   int64_t entry = 0;
-  const store_status status = store_request_relay(h->st, uid, to_text(json), &entry);
+  const store_status status = store_request_relay(h->st, {uid, to_text(json), host_client_of(h, m)}, &entry);
   return finish(h, m, status, entry, json, error);
 }
 
@@ -96,7 +96,7 @@ int no_account(sd_bus_message *m, void *data, sd_bus_error *error) {
   json_record json;
   json["request"] = "no_account";
   int64_t entry = 0;
-  const store_status status = store_request_relay(h->st, uid, to_text(json), &entry);
+  const store_status status = store_request_relay(h->st, {uid, to_text(json), host_client_of(h, m)}, &entry);
   return finish(h, m, status, entry, json, error);
 }
 
@@ -111,7 +111,7 @@ int show(sd_bus_message *m, void *data, sd_bus_error *error) {
   if (kind.empty()) return sd_bus_error_set(error, HOST_ERROR "Invalid", "kind is empty");
   const json_record json = {{"request", "show"}, {"kind", kind}, {"id_list", ids}};
   int64_t entry = 0;
-  const store_status status = store_request_relay(h->st, uid, to_text(json), &entry);
+  const store_status status = store_request_relay(h->st, {uid, to_text(json), host_client_of(h, m)}, &entry);
   return finish(h, m, status, entry, json, error);
 }
 

@@ -689,13 +689,46 @@ TEST_F(Host, WhatTheChangesNoLongerTellIsMadeUp) {
   ASSERT_TRUE(until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, last); }));
 }
 
+/* A call with so many mails; the subject of the last one is given. */
+sd_bus_message *many_mails(sd_bus *bus, int count, int account, const std::string &last) {
+  sd_bus_message *m = nullptr;
+  sd_bus_message_new_method_call(bus, &m, service, path, phone_interface, "AddMails");
+  sd_bus_message_open_container(m, 'a', "a{sv}");
+  for (int i = 1; i <= count; i++)
+    sd_bus_message_append(m, "a{sv}", 2, "account_id", "i", account, "subject", "s", i < count ? "s" : last.c_str());
+  sd_bus_message_close_container(m);
+  return m;
+}
+
+TEST_F(Host, ManyMailsKeepNobodyWaitingAndComeWholeOrNotAtAll) {
+  peer busy;
+  const std::string before = query("SELECT max(seq) FROM changes");
+  sd_bus_message *bad = many_mails(busy.bus, 1000, account, std::string(text_max + 1, 'x'));
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  EXPECT_LT(sd_bus_call(busy.bus, bad, 0, &error, nullptr), 0);
+  EXPECT_STREQ("com.vextora.brisel.Error.Invalid", error.name);
+  sd_bus_error_free(&error);
+  sd_bus_message_unref(bad);
+  EXPECT_EQ(before, query("SELECT max(seq) FROM changes"));
+
+  /* Another one's call is done before all of them are in: at the latest at the tenth try, however the two arrive. */
+  bool in_between = false;
+  for (int turn = 1; turn <= 10 && !in_between; turn++) {
+    sd_bus_message *m = many_mails(busy.bus, 5000, account, "last");
+    ASSERT_GE(sd_bus_send(busy.bus, m, nullptr), 0);
+    sd_bus_flush(busy.bus);
+    sd_bus_message_unref(m);
+    EXPECT_EQ("", other.phone("SetStatus", "si", "reply", 0));
+    const int count = std::stoi(query("SELECT count(*) FROM mail"));
+    in_between = count < 5000 * turn;
+    ASSERT_TRUE(until([&] { return query("SELECT count(*) FROM mail") == std::to_string(5000 * turn) + "\n"; }));
+  }
+  EXPECT_TRUE(in_between);
+}
+
 TEST_F(Host, AFloodComesInSlicesWithTheMainLoopRunningInBetween) {
   ears.events.clear();
-  sd_bus_message *m = nullptr;
-  sd_bus_message_new_method_call(other.bus, &m, service, path, phone_interface, "AddMails");
-  sd_bus_message_open_container(m, 'a', "a{sv}");
-  for (int i = 0; i < 1000; i++) sd_bus_message_append(m, "a{sv}", 1, "account_id", "i", account);
-  sd_bus_message_close_container(m);
+  sd_bus_message *m = many_mails(other.bus, 1000, account, "last");
   sd_bus_message *answer = nullptr;
   ASSERT_GE(sd_bus_call(other.bus, m, 0, nullptr, &answer), 0);
   const void *data = nullptr;
@@ -729,6 +762,38 @@ TEST_F(Host, ACallbackMayEndItAll) {
   const int mail = add_mail("heard again", "");
   ASSERT_TRUE(until([&] { return !ears.events.empty(); }));
   EXPECT_EQ((std::vector<int>{mail}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
+}
+
+/* The file under the running service: nobody kills it, nobody calls it. */
+TEST_F(Host, AStoreThatIsDeletedIsPutBackAndAnotherInItsPlaceIsTakenOver) {
+  const int mail = add_mail("kept", "body");
+  ASSERT_TRUE(until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD).empty(); }));
+  const auto subjects = [] { return query("SELECT subject FROM mail"); };
+  for (const char *end : {"", "-wal", "-shm"}) unlink((store_path() + end).c_str());
+  ASSERT_TRUE(until([&] { return subjects() == "kept\n"; }));
+  EXPECT_EQ("body", body_of(mail));
+  for (const char *end : {"-wal", "-shm"}) unlink((store_path() + end).c_str()); /* what lies beside it holds it, too */
+  EXPECT_EQ("", other.phone("UpdateMail", "ia{sv}", mail, 1, "subject", "s", "kept again"));
+  ASSERT_TRUE(until([&] { return subjects() == "kept again\n"; }));
+  std::ofstream(store_path() + ".new") << "no store";
+  ASSERT_EQ(0, rename((store_path() + ".new").c_str(), store_path().c_str()));
+  ASSERT_TRUE(until([&] { return subjects() == "kept again\n"; }));
+  std::string set_aside;
+  std::getline(std::ifstream(store_path() + ".strange"), set_aside);
+  EXPECT_EQ("no store", set_aside);
+  const int next = add_mail("next", "");
+  ASSERT_TRUE(until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD) == std::vector<int>{mail, next}; }));
+  EXPECT_EQ((std::vector<int>{}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE)) << "it was the same all along";
+
+  std::string why;
+  store *st = store_open(store_path() + ".new", &why);
+  EXPECT_EQ(store_ok, store_add_account(st, &account, "other@example.org", "", 0));
+  store_close(st);
+  ears.events.clear();
+  ASSERT_EQ(0, rename((store_path() + ".new").c_str(), store_path().c_str()));
+  ASSERT_TRUE(until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE).size() == 2; }));
+  EXPECT_EQ("", subjects());
+  ASSERT_TRUE(until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD) == std::vector<int>{account}; }));
 }
 
 /* --- states ---------------------------------------------------------------------------------------------------------

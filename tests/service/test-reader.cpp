@@ -124,7 +124,7 @@ TEST_F(Reader, WhatIsNoReadableStoreIsAnErrorAndStaysAsItIs) {
   make_store();
   run_sql("PRAGMA user_version = 99");
   expect_all(BRISEL_COMMON_ERROR_STORE, BRISEL_COMMON_ERROR_STORE);
-  run_sql("PRAGMA user_version = 3; DROP TABLE mail");
+  run_sql("PRAGMA user_version = 4; DROP TABLE mail");
   int count = 0;
   EXPECT_EQ(BRISEL_COMMON_ERROR_STORE, brisel_db_get_full_noti_data_count_by_account_id(0, &count));
   EXPECT_EQ(0, brisel_db_get_all_account_count(&count));

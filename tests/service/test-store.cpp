@@ -36,11 +36,12 @@ std::string dump(const std::string &file) {
   sqlite3 *db = nullptr;
   std::string text;
   EXPECT_EQ(SQLITE_OK, sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr));
-  for (const char *table : {"account", "mail", "body", "template", "changes", "state", "outbox", "done"}) {
+  for (const char *table :
+       {"account", "mail", "body", "template", "changes", "state WHERE key <> 'store_id'", "outbox", "done"}) {
     text += std::string(table) + ":\n";
     sqlite3_stmt *s = nullptr;
-    EXPECT_EQ(SQLITE_OK, sqlite3_prepare_v2(db, (std::string("SELECT * FROM ") + table).c_str(), -1, &s, nullptr))
-        << sqlite3_errmsg(db);
+    const std::string sql = std::string("SELECT * FROM ") + table;
+    EXPECT_EQ(SQLITE_OK, sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr)) << sqlite3_errmsg(db);
     while (sqlite3_step(s) == SQLITE_ROW) {
       for (int i = 0; i < sqlite3_column_count(s); i++) {
         const unsigned char *value = sqlite3_column_text(s, i);
@@ -84,6 +85,13 @@ int add_mail(store *st, int account, const char *subject) {
   return ids.empty() ? 0 : ids[0];
 }
 
+/* An account, and the first of its mails. */
+void add_first_mail(store *st) {
+  int id = 1;
+  EXPECT_EQ(store_ok, store_add_account(st, &id, "me@example.org", "Me", 0));
+  add_mail(st, id, "first");
+}
+
 /* --- durability ----------------------------------------------------------------------------------------------------
  */
 
@@ -124,18 +132,18 @@ const std::vector<std::function<store_status(life *)>> &script(void) {
       },
       [](life *l) {
         int64_t entry;
-        return store_request_read(l->st, "read-1", "{1}", {1}, &entry);
+        return store_request_read(l->st, {"read-1", "{1}"}, {1}, &entry);
       },
       [](life *l) { return store_append_body(l->st, 1, 0, std::string(20000, 'x'), false); },
       reopen,
       [](life *l) {
         int64_t entry;
-        return store_request_delete(l->st, "delete-1", "{2}", {2, 99}, &entry);
+        return store_request_delete(l->st, {"delete-1", "{2}"}, {2, 99}, &entry);
       },
       [](life *l) { return store_append_body(l->st, 1, 20000, "the end", true); },
       [](life *l) {
         int64_t entry;
-        return store_request_clear_new(l->st, "clear-1", "{3}", &entry);
+        return store_request_clear_new(l->st, {"clear-1", "{3}"}, &entry);
       },
       [](life *l) {
         return store_set_templates(l->st, {"yes", "no"});
@@ -287,7 +295,11 @@ TEST(Opening, RefusesWhatIsNoStoreOfItsOwnAndLeavesItAlone) {
 TEST(Opening, MakesAStoreOfNothingAndKeepsOthersOut) {
   folder f;
   std::ofstream(f.file).flush();
+  fs::permissions(f.file, fs::perms(0644));
   store *st = open_or_fail(f.file);
+  add_first_mail(st);
+  for (const auto &entry : fs::directory_iterator(f.path))
+    EXPECT_EQ(fs::perms(0600), entry.status().permissions()) << entry.path() << " can be read by others";
   std::vector<std::pair<int, std::string>> templates;
   EXPECT_EQ(store_ok, store_list_templates(st, &templates));
   EXPECT_GE(templates.size(), 10u);
@@ -319,7 +331,7 @@ TEST(Opening, BringsAnOlderStoreUpToDate) {
   EXPECT_EQ("kept", body);
   EXPECT_EQ(1, store_last_change(st));
   int64_t entry = 0;
-  EXPECT_EQ(store_ok, store_request_relay(st, "u", "{}", &entry)); /* what the old one had no table for */
+  EXPECT_EQ(store_ok, store_request_relay(st, {"u", "{}"}, &entry)); /* what the old one had no table for */
   store_close(st);
   store_close(open_or_fail(f.file));
 }
@@ -408,19 +420,28 @@ TEST_F(Rules, EachCallRaisesTheEventsOfWhatItChanged) {
       {[&] { return store_update_mail(st, a, unchanged); }, {}},
       {[&] { return store_update_mail(st, a, renamed); }, {"1:" + std::to_string(a)}},
       {[&] {
-         return store_request_read(st, "r1", "{}", {a, a, 777}, &entry);
+         return store_request_read(st, {"r1", "{}"}, {a, a, 777}, &entry);
        },
        {"1:" + std::to_string(a)}},
-      {[&] { return store_request_read(st, "r2", "{}", {a}, &entry); }, {}},
-      {[&] { return store_request_clear_new(st, "c1", "{}", &entry); }, {"1:" + ids}},
-      {[&] { return store_request_clear_new(st, "c2", "{}", &entry); }, {}},
+      {[&] {
+         return store_request_read(st, {"r2", "{}"}, {a}, &entry);
+       },
+       {}},
+      {[&] {
+         return store_request_clear_new(st, {"c1", "{}"}, &entry);
+       },
+       {"1:" + ids}},
+      {[&] {
+         return store_request_clear_new(st, {"c2", "{}"}, &entry);
+       },
+       {}},
       {[&] { return store_set_account_count_known(st, true); }, {}},
       {[&] { return store_set_account_count_known(st, false); }, {}},
       {[&] { return store_set_account_count_known(st, true); }, {"5:"}},
       {[&] { return store_append_body(st, b, 0, "text", false); }, {"1:" + std::to_string(b)}},
       {[&] { return store_append_body(st, b, 4, "", false); }, {}},
       {[&] {
-         return store_request_delete(st, "d1", "{}", {a, 777}, &entry);
+         return store_request_delete(st, {"d1", "{}"}, {a, 777}, &entry);
        },
        {"2:" + std::to_string(a)}},
       {[&] { return store_remove_account(st, account); }, {"2:" + std::to_string(b), "4:" + std::to_string(account)}},
@@ -439,31 +460,49 @@ TEST_F(Rules, EachCallRaisesTheEventsOfWhatItChanged) {
 TEST_F(Rules, ARequestIsDoneOnce) {
   const int mail = add_mail(st, account, "read twice");
   int64_t first = 0, second = 0;
-  EXPECT_EQ(store_ok, store_request_read(st, "same", "{}", {mail}, &first));
-  EXPECT_EQ(store_done, store_request_read(st, "same", "{}", {mail}, &second));
+  EXPECT_EQ(store_ok, store_request_read(st, {"same", "{}"}, {mail}, &first));
+  EXPECT_EQ(store_done, store_request_read(st, {"same", "{}"}, {mail}, &second));
   store_close(st);
   st = open_or_fail(f.file);
-  EXPECT_EQ(store_done, store_request_delete(st, "same", "{}", {mail}, &second));
+  EXPECT_EQ(store_done, store_request_delete(st, {"same", "{}"}, {mail}, &second));
   std::vector<outbox_entry> waiting;
   EXPECT_EQ(store_ok, store_outbox(st, &waiting));
   EXPECT_EQ(1u, waiting.size());
   int64_t id = 0;
   EXPECT_EQ(store_ok, store_new_request_id(st, &id));
   EXPECT_GT(id, first);
-  EXPECT_EQ(store_invalid, store_request_relay(st, "", "{}", &second));
-  EXPECT_EQ(store_invalid, store_request_relay(st, std::string(uid_max + 1, 'u'), "{}", &second));
+  EXPECT_EQ(store_invalid, store_request_relay(st, {"", "{}"}, &second));
+  EXPECT_EQ(store_invalid, store_request_relay(st, {std::string(uid_max + 1, 'u'), "{}"}, &second));
 }
 
 TEST_F(Rules, WhatWaitsForAPhoneIsBounded) {
   const int mail = add_mail(st, account, "stays");
-  const std::string json(5u << 20, 'j');
-  int64_t entry = 0;
-  for (const char *uid : {"1", "2", "3"}) EXPECT_EQ(store_ok, store_request_relay(st, uid, json, &entry));
-  EXPECT_EQ(store_full, store_request_delete(st, "4", json, {mail}, &entry));
+  const std::string json(3u << 20, 'j');
+  const struct {
+    const char *uid, *client;
+    store_status status;
+    const char *why;
+  } rows[] = {
+      {"1", "a", store_ok, ""},
+      {"2", "a", store_ok, ""},
+      {"3", "a", store_full, "of this program"}, /* half of the room is one program's share */
+      {"4", "b", store_ok, ""},
+      {"5", "b", store_ok, ""},
+      {"6", "c", store_ok, ""},
+      {"7", "c", store_full, "too much waits"},
+  };
+  int64_t first = 0, entry = 0;
+  for (const auto &row : rows) {
+    EXPECT_EQ(row.status, store_request_relay(st, {row.uid, json, row.client}, &entry)) << row.uid;
+    EXPECT_NE(std::string::npos, row.status ? store_error(st).find(row.why) : 0) << store_error(st);
+    if (!first) first = entry;
+  }
+  EXPECT_EQ(store_full, store_request_delete(st, {"8", json, "c"}, {mail}, &entry));
   std::string body, uid;
   EXPECT_EQ(store_ok, store_get_body(st, mail, &body, &uid)) << "refused, yet half of it was done";
-  EXPECT_EQ(store_ok, store_outbox_remove(st, entry));
-  EXPECT_EQ(store_ok, store_request_delete(st, "4", json, {mail}, &entry)) << "the same again, now there is room";
+  EXPECT_EQ(store_ok, store_outbox_remove(st, first));
+  EXPECT_EQ(store_ok, store_request_delete(st, {"8", json, "c"}, {mail}, &entry))
+      << "the same again, now there is room";
 }
 
 TEST_F(Rules, AListOfManyNumbersComesInParts) {
