@@ -16,5 +16,7 @@ struct bluez_device {
 
 /* Looks for the device with this address. Returns 0, or -1 with a reason: none was ever seen, or no Bluetooth. */
 int bluez_find(sd_bus *bus, const std::string &address, bluez_device *device, std::string *error);
+/* The first adapter's path. Returns 0, or -1 with a reason. */
+int bluez_adapter(sd_bus *bus, std::string *adapter, std::string *error);
 
 #endif

@@ -11,11 +11,13 @@
 
 #include "carrier.h"
 #include "commands.h"
+#include "pair.h"
 #include "parser.h"
 #include "post-account.h"
 #include "post-cli.h"
 #include "post-setup.h"
 #include "relay.h"
+#include "watch-each.h"
 #include "watch.h"
 
 namespace {
@@ -41,8 +43,7 @@ void set_version(CLI::App *app) {
 void add_watch_option(CLI::App *command, std::string *watch) {
   for (CLI::App *one : command->get_subcommands({})) add_watch_option(one, watch);
   if (command->get_subcommands({}).empty() || command->get_name() == "relay")
-    command->add_option("--watch", *watch,
-                        "The watch: session:, ssh://[USER@]HOST[:PORT], bluetooth:AA:... or exec:COMMAND");
+    command->add_option("--watch", *watch, "The watch: the name of a paired one, or an address");
 }
 
 /* What was asked for must have reached its reader: a full disk behind standard output is a failure like any other. */
@@ -56,9 +57,10 @@ int output_checked(int code) {
 /* What the command line says; each option belongs to the commands that name it. */
 struct command_line {
   int exit_code = 0;
-  bool json = false, read = false, unread = false, fresh = false, not_new = false;
+  bool no_mirrors = false, json = false, read = false, unread = false, fresh = false, not_new = false;
   std::string address, name, color, which, known, received, demo_dir = BRISEL_DEMO_DIR;
-  std::string config, sendmail, watch, state, device;
+  std::string config, sendmail, watch, state, device, purpose, host, type, key;
+  std::vector<std::string> arguments; /* all of them */
   int64_t ping_after = -1, patience = -1;
   std::vector<std::string> files, texts, maildirs, mboxes, addresses;
   std::vector<int> ids;
@@ -196,7 +198,7 @@ void add_phone_commands(CLI::App *app, command_line *c) {
   add_pace_options(serve, c);
   serve->callback([c] {
     use_pace(*c);
-    c->exit_code = command_serve();
+    c->exit_code = watch_all().size() > 1 ? watch_run_each(watch_all(), c->arguments, nullptr) : command_serve();
   });
   CLI::App *requests = app->add_subcommand("requests", "List the requests received so far");
   requests->add_flag("--json", c->json, as_json);
@@ -228,7 +230,43 @@ int run_relay(command_line *c) {
   if (c->newest >= 0) settings.newest = c->newest;
   if (c->first >= 0) settings.first = c->first;
   settings.outbox = outbox_options(*c, settings.outbox);
-  return relay_run(settings);
+  settings.mirrors = !c->no_mirrors;
+  return watch_all().size() > 1 ? relay_run_each(settings, watch_all(), c->arguments) : relay_run(settings);
+}
+
+/* With several watches, of each. */
+int print_relay_status(command_line *c) {
+  if (c->json || watch_all().size() < 2) return relay_print_status(c->json);
+  std::string error;
+  const std::vector<std::string> names = watch_all();
+  for (const std::string &name : names) {
+    printf("%s%s:\n", name == names.front() ? "" : "\n", name.c_str());
+    if (watch_choose(name, &error) < 0) return fail(error);
+    if (int code = relay_print_status(false)) return code;
+  }
+  return 0;
+}
+
+void add_pair_commands(CLI::App *app, command_line *c) {
+  CLI::App *pair = app->add_subcommand("pair", "Make this the phone of a watch on another machine");
+  pair->add_option("ADDRESS", c->address, "ssh://[USER@]HOST[:PORT] or bluetooth:AA:BB:CC:DD:EE:FF")->required();
+  pair->add_option("--name", c->name, "What to call the watch (the host's name)");
+  pair->callback([c] { c->exit_code = command_pair(c->address, c->name); });
+  CLI::App *watches = app->add_subcommand("watches", "List the paired watches: name, address, link, what waits");
+  watches->add_flag("--json", c->json, as_json);
+  watches->callback([c] { c->exit_code = command_watches(c->json); });
+  CLI::App *unpair = app->add_subcommand("unpair", "Take a pairing back, on the watch too");
+  unpair->add_option("NAME", c->name, "The watch's name")->required();
+  unpair->callback([c] { c->exit_code = command_unpair(c->name); });
+
+  /* Started by ssh while it pairs. */
+  CLI::App *note = app->add_subcommand("note-host-key")->group("");
+  note->add_option("FILE", c->config)->required();
+  note->add_option("PURPOSE", c->purpose)->required();
+  note->add_option("HOST", c->host)->required();
+  note->add_option("TYPE", c->type)->required();
+  note->add_option("KEY", c->key)->required();
+  note->callback([c] { c->exit_code = pair_note_host_key(c->config, c->purpose, c->host, c->type, c->key); });
 }
 
 void add_relay_commands(CLI::App *app, command_line *c) {
@@ -246,12 +284,13 @@ void add_relay_commands(CLI::App *app, command_line *c) {
       ->check(count_range());
   relay->add_option("--retry-longest", c->retry_longest, "The longest such time (3600)")->check(count_range());
   add_pace_options(relay, c);
+  relay->add_flag("--no-mirrors", c->no_mirrors)->group(""); /* another process has them */
   relay->callback([c, relay] {
     if (relay->get_subcommands().empty()) c->exit_code = run_relay(c);
   });
   CLI::App *status = relay->add_subcommand("status", "What the relay does, and the replies");
   status->add_flag("--json", c->json, as_json);
-  status->callback([c] { c->exit_code = relay_print_status(c->json); });
+  status->callback([c] { c->exit_code = print_relay_status(c); });
   relay->add_subcommand("retry", "Try the waiting replies now")->callback([c] { c->exit_code = relay_retry(); });
   CLI::App *drop = relay->add_subcommand("drop", "Forget a reply that was not sent");
   drop->add_option("ID", c->reply, "The reply's id")->required();
@@ -273,6 +312,7 @@ void add_relay_commands(CLI::App *app, command_line *c) {
   deliver->add_option("--retry-longest", c->retry_longest);
   deliver->add_option("--state", c->state);
   deliver->callback([c] {
+    phone_state_refuse(""); /* whichever watch it is of, its state was named */
     phone_state_use(c->state);
     c->exit_code = outbox_deliver(c->reply, outbox_options(*c, {}));
   });
@@ -285,6 +325,7 @@ int main(int argc, char **argv) {
   signal(SIGPIPE, SIG_IGN);
   umask(077); /* whatever is written here is mail, or about it */
   command_line line;
+  line.arguments.assign(argv, argv + argc);
   CLI::App app{"The phone of the watch: relays mail to it and answers what it asks.", "brisel-phone"};
   app.failure_message(failure_line);
   app.require_subcommand(1);
@@ -296,6 +337,7 @@ int main(int argc, char **argv) {
     add_watch_option(app.get_subcommand(name), &line.watch);
   add_relay_commands(&app, &line);
   add_watch_option(app.get_subcommand("relay"), &line.watch);
+  add_pair_commands(&app, &line);
   set_version(&app);
   app.parse_complete_callback([&line] {
     std::string error;

@@ -9,6 +9,7 @@
 
 #include "post-mirror.h"
 #include "relay-parts.h"
+#include "watch-each.h"
 
 namespace {
 
@@ -215,6 +216,7 @@ int start(relay *r, const link_handlers *handlers, std::string *error) {
 /* The mirrors of accounts on servers that the relay needs. */
 std::vector<post_mirror_order> mirror_orders(const relay_settings &settings) {
   std::vector<post_mirror_order> orders;
+  if (!settings.mirrors) return orders;
   for (const relay_account_settings &a : settings.accounts)
     for (const std::string &folder : a.folders)
       orders.push_back({a.imap_config, a.name, folder, a.newest >= 0 ? a.newest : settings.newest});
@@ -250,4 +252,15 @@ int relay_run(const relay_settings &settings) {
   if (result == 0) return 0;
   link_log(error);
   return 1;
+}
+
+int relay_run_each(const relay_settings &settings, const std::vector<std::string> &watches,
+                   const std::vector<std::string> &arguments) {
+  post_mirrors *mirrors = nullptr;
+  std::vector<std::string> own = arguments;
+  own.emplace_back("--no-mirrors");
+  int code = watch_run_each(watches, own,
+                            [&](sd_event *event) { mirrors = post_mirrors_start(event, mirror_orders(settings)); });
+  post_mirrors_stop(mirrors);
+  return code;
 }

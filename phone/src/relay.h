@@ -32,6 +32,7 @@ struct relay_settings {
   int64_t newest = 200; /* mails of each account that the watch has */
   int64_t first = 2048; /* bytes of each body that go at once */
   outbox_settings outbox;
+  bool mirrors = true; /* accounts on servers are followed by processes of this one */
 };
 
 /* Adds what a configuration file says. Returns 0, or -1 with a one-line reason. */
@@ -44,6 +45,9 @@ int relay_set_address(const std::string &text, relay_settings *settings, std::st
 
 /* Runs until it is ended. Returns the exit code. */
 int relay_run(const relay_settings &settings);
+/* The same for several watches, each by a process of its own; the mirrors of servers are there once. */
+int relay_run_each(const relay_settings &settings, const std::vector<std::string> &watches,
+                   const std::vector<std::string> &arguments);
 /* Prints what the relay does and what waits. Returns the exit code. */
 int relay_print_status(bool json);
 /* Makes replies that wait due now (0), or forgets one (its number). Returns the exit code. */

@@ -21,6 +21,7 @@ constexpr int kWaitMs = 30000; /* for other commands */
 constexpr int kLockPauseUsec = 50000;
 
 std::string used_folder; /* below the state folder */
+std::string refused;     /* why none is opened */
 
 /* Takes a state of any earlier version, or a new file, to this one; all of it or nothing. */
 int migrate(phone_state *state, std::string *error) {
@@ -74,6 +75,14 @@ void phone_state_use(const std::string &folder) {
   used_folder = folder;
 }
 
+void phone_state_refuse(const std::string &reason) {
+  refused = reason;
+}
+
+const std::string &phone_state_refused() {
+  return refused;
+}
+
 const std::string &phone_state_used() {
   return used_folder;
 }
@@ -102,6 +111,10 @@ int phone_state_lock(const char *name, std::string *error, int tries) {
 }
 
 phone_state *phone_state_open(std::string *error) {
+  if (!refused.empty()) {
+    *error = refused;
+    return nullptr;
+  }
   std::string path = phone_state_path("phone.db");
   if (path.empty()) {
     *error = "the phone's state folder cannot be made, or is not this user's own";

@@ -101,6 +101,14 @@ int relay_any_sending(phone_state *state) {
   return result == sql_failed ? state_fail(state, kCannotRead) : result == sql_row;
 }
 
+int relay_count_waiting(phone_state *state, int64_t *count) {
+  sql_statement query(&state->db, "SELECT count(*) FROM relay_mail WHERE state = ?");
+  sql_result result = query.bind(sending).step();
+  if (result != sql_row) return state_fail(state, kCannotRead);
+  *count = query.number(0);
+  return 0;
+}
+
 int relay_account_find(phone_state *state, const std::string &name, relay_account_row *row) {
   sql_statement query(&state->db, "SELECT account_id, address, display_name FROM relay_account WHERE name = ?");
   sql_result result = query.bind(name).step();

@@ -50,6 +50,9 @@ int relay_mail_want_seen(phone_state *state, int mail_id);
 /* Returns 1 when a message is being sent, 0, or -1. */
 int relay_any_sending(phone_state *state);
 
+/* How many messages have not been taken by the watch as far as is known. Returns 0, or -1. */
+int relay_count_waiting(phone_state *state, int64_t *count);
+
 struct relay_account_row {
   int account_id = 0; /* the watch's */
   std::string address, display_name;

@@ -43,6 +43,9 @@ std::string phone_state_path(const char *name);
 /* `folder`: below the state folder; empty, as at first: the state folder itself. */
 void phone_state_use(const std::string &folder);
 const std::string &phone_state_used();
+/* From now on no state is opened, for this reason; empty: it is again. */
+void phone_state_refuse(const std::string &reason);
+const std::string &phone_state_refused();
 constexpr int phone_lock_tries = 20;
 /* Locks the file `name` for this process. Returns the descriptor to close in the end, or -1: when another process has
    it, without a reason. */

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "pair-list.h"
 #include "state.h"
 
 namespace {
@@ -16,6 +17,7 @@ constexpr char kIdFile[] = "phone-id";
 constexpr size_t kIdBytes = 16;
 
 watch_target chosen;
+std::vector<std::string> everyone;
 
 /* An address that nobody gave a name has a state too: what was sent there is of no use anywhere else. */
 std::string folder_of(const carrier_address &address) {
@@ -61,16 +63,53 @@ int make_id(const std::string &path) {
   return good ? 0 : -1;
 }
 
+void use(const std::string &name, const carrier_address &address, const carrier_keys &keys, const std::string &folder) {
+  chosen.name = name;
+  chosen.address = address;
+  chosen.keys = keys;
+  phone_state_use(folder);
+}
+
+std::string joined(const std::vector<std::string> &names) {
+  std::string text;
+  for (const std::string &name : names) text += (text.empty() ? "" : " or ") + name;
+  return text;
+}
+
 }  // namespace
 
 int watch_choose(const std::string &text, std::string *error) {
-  watch_target target;
-  if (carrier_parse(text.empty() ? "session:" : text, &target.address, error) < 0) return -1;
-  target.name = target.address.text();
-  target.pace = chosen.pace;
-  chosen = target;
-  phone_state_use(folder_of(target.address));
+  std::vector<paired_watch> watches;
+  paired_watch one;
+  everyone.clear();
+  phone_state_refuse("");
+  carrier_address address;
+  bool by_address = carrier_is_address(text);
+  if (by_address && carrier_parse(text, &address, error) < 0) return -1;
+  if (pair_list(&watches, error) < 0) {
+    if (!text.empty()) return -1;
+    phone_state_refuse(*error); /* a command that needs no watch goes on */
+    return 0;
+  }
+  std::erase_if(watches, [&](const paired_watch &watch) {
+    return by_address ? watch.address.text() != address.text() : !text.empty() && watch.name != text;
+  });
+  if (watches.size() == 1 || (by_address && !watches.empty())) {
+    use(watches[0].name, watches[0].address, watches[0].keys, pair_folder(watches[0].name));
+    return 0;
+  }
+  if (!by_address && !text.empty()) {
+    *error = "no watch is called " + text + " (brisel-phone watches)";
+    return -1;
+  }
+  use(address.text(), address, {}, folder_of(address));
+  for (const paired_watch &watch : watches) everyone.push_back(watch.name);
+  if (watches.size() > 1) phone_state_refuse("several watches are paired: say which with --watch " + joined(everyone));
   return 0;
+}
+
+const std::vector<std::string> &watch_all() {
+  return everyone;
 }
 
 const watch_target &watch_chosen() {
@@ -82,6 +121,8 @@ void watch_set_pace(const link_pace &pace) {
 }
 
 host_bus_holder watch_open(std::string *error) {
+  *error = phone_state_refused();
+  if (!error->empty()) return nullptr;
   if (chosen.address.kind == carrier_kind::session) return host_open_session(error);
   phone_identity me;
   if (phone_identity_load("", &me, error) < 0) return nullptr;

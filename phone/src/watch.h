@@ -20,9 +20,13 @@ struct watch_target {
   link_pace pace;
 };
 
-/* Chooses by address; empty: the session bus's. Returns 0, or -1 with a reason. */
+/* Chooses by the name of a paired watch or by address; empty: the paired one, or the session bus's when none is. With
+   several paired ones and no choice whoever needs a watch or its state gets a reason instead. Returns 0, or -1 with a
+   reason. */
 int watch_choose(const std::string &text, std::string *error);
 const watch_target &watch_chosen();
+/* The names of the watches to choose from when there was no choice among several; else none. */
+const std::vector<std::string> &watch_all();
 void watch_set_pace(const link_pace &pace);
 
 /* A connection to the chosen watch's service, introduced, for calls. NULL with a reason. */

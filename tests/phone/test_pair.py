@@ -1,0 +1,195 @@
+"""The phone and the watch as two machines: a real sshd, keys of their own, and links that end in every way."""
+import json
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import subprocess
+
+from brisel_test import BUILD, Session
+from phone_test import (Maildir, Relay, Sendmail, by_uid, delete_on_watch, equal, main, message, more_on_watch,
+                        reply_on_watch, status)
+
+GATE = BUILD / "gate" / "brisel-gate"
+
+
+class Watch:
+    """A machine that lets people in over ssh: the session's bus, and a home folder with somebody else's key in it."""
+
+    def __init__(self, session, folder):
+        self.session, self.home = session, pathlib.Path(folder)
+        (self.home / ".ssh").mkdir(parents=True)
+        self.keys = self.home / ".ssh" / "authorized_keys"
+        for name in ("host", "user"):
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", self.home / name], check=True)
+        self.others = "# mine\n" + (self.home / "user.pub").read_text().rstrip("\n")  # a last line without its end
+        self.keys.write_text(self.others)
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            self.port = free.getsockname()[1]
+        env = {k: v for k, v in session.env.items() if k.startswith(("XDG_", "BRISEL_", "DBUS_"))}
+        env |= {"HOME": str(self.home), "PATH": f"{GATE.parent}:{session.env['PATH']}"}
+        (self.home / "config").write_text(
+            f"Port {self.port}\nListenAddress 127.0.0.1\nHostKey {self.home}/host\nPidFile none\nUsePAM no\n"
+            f"StrictModes no\nPermitRootLogin yes\nAuthorizedKeysFile {self.keys}\nPasswordAuthentication no\nSetEnv "
+            + " ".join(f'"{k}={v}"' for k, v in env.items() if v) + "\n")
+        self.address = f"ssh://127.0.0.1:{self.port}"
+        self.start()
+
+    def start(self):
+        if os.geteuid() == 0:
+            os.makedirs("/run/sshd", exist_ok=True)
+        sshd = shutil.which("sshd", path="/usr/sbin:/usr/local/sbin:" + os.environ["PATH"])
+        self.sshd = subprocess.Popen([sshd, "-D", "-e", "-f", self.home / "config"],
+                                     stderr=open(self.home / "sshd.log", "a"))
+        self.session.wait(self.answers, "sshd")
+
+    def answers(self):
+        with socket.socket() as probe:
+            return probe.connect_ex(("127.0.0.1", self.port)) == 0
+
+    def stop(self):
+        self.sshd.terminate()
+        self.sshd.wait()
+
+
+def users_ssh(s, watch):
+    """What the user's ssh knows by itself: one identity and no host. Only where no key is named, as none of ours is used
+    for pairing, and none of the user's for the link."""
+    own = s.dir / "bin"
+    own.mkdir(exist_ok=True)
+    (own / "ssh").write_text(f"""#!/bin/sh
+case " $* " in *" -i "*) exec /usr/bin/ssh -F /dev/null "$@";; esac
+exec /usr/bin/ssh -F /dev/null -i '{watch.home}/user' -o StrictHostKeyChecking=no -o UserKnownHostsFile='{s.dir}/known' "$@"
+""")
+    (own / "ssh").chmod(0o755)
+    if not s.env["PATH"].startswith(f"{own}:"):
+        s.env["PATH"] = f"{own}:" + s.env["PATH"]
+
+
+def on_watch(s):
+    return set(by_uid(s))
+
+
+def test_pairing_over_ssh(s):
+    watch = Watch(s, s.dir / "watch")
+    users_ssh(s, watch)
+    box = Maildir(s.dir / "box")
+    box.deliver(message("one@x"))
+    for _ in range(2):  # the second time changes nothing
+        assert "is paired" in s.phone("pair", watch.address, "--name", "wrist")
+        lines = watch.keys.read_text().splitlines()
+        equal((lines[:2], len(lines), watch.keys.stat().st_mode & 0o777), (watch.others.splitlines(), 3, 0o600), "keys")
+        assert lines[2].startswith('restrict,command="brisel-gate" ssh-ed25519 '), lines[2]
+    # Nothing but the gate can be had with the key.
+    folder = s.dir / "state" / "brisel-phone" / "watches" / "wrist"
+    equal([(folder / f).stat().st_mode & 0o77 for f in ("", "key", "watch.ini", "known_hosts")], [0] * 4, "modes")
+    told = subprocess.run(["/usr/bin/ssh", "-F", "/dev/null", "-i", folder / "key", "-o", "IdentitiesOnly=yes", "-o",
+                           f"UserKnownHostsFile={folder}/known_hosts", "-p", str(watch.port), "127.0.0.1", "echo", "out"],
+                          stdin=subprocess.DEVNULL, capture_output=True, text=True)
+    assert "out" not in told.stdout, told
+    relay = Relay(s, "--maildir", f"me@example.org={box.path}")
+    s.wait(lambda: on_watch(s) == {"one@x"}, "the first mail, without a word on which watch")
+    listed = json.loads(s.phone("watches", "--json"))
+    equal([(w["name"], w["address"], w["linked_since"] > 0) for w in listed], [("wrist", watch.address, True)], "watches")
+    assert "in use" in s.run("brisel-phone", "unpair", "wrist", check=False).stderr
+    watch.stop()
+    relay.kill(15)
+    equal(relay.process.returncode, 0, "exit code")
+    box.deliver(message("two@x"))
+    relay.start()
+    s.wait(lambda: "refused" in status(s)["link"]["trouble"], "the reason why there is no link")
+    watch.start()
+    s.wait(lambda: on_watch(s) == {"one@x", "two@x"}, "the second mail")
+    relay.kill(15)
+    # A machine with another host key gets nothing.
+    shutil.copy(watch.home / "user", watch.home / "host")
+    watch.stop()
+    watch.start()
+    refused = s.run("brisel-phone", "mail", "list", check=False)
+    assert "host key is another" in refused.stderr and len(refused.stderr.splitlines()) == 1, refused.stderr
+    s.phone("unpair", "wrist")
+    equal((watch.keys.read_text().rstrip("\n"), folder.exists()), (watch.others, False), "everything is as before")
+    s.phone("pair", watch.address, "--name", "wrist")
+    watch.stop()
+    gone = s.run("brisel-phone", "unpair", "wrist", check=False)
+    equal((gone.returncode, folder.exists(), s.phone("watches")), (1, False, ""), "unpaired on this side")
+    assert "could not be told" in gone.stderr, gone.stderr
+
+
+def test_two_watches_get_everything(s):
+    other = Session()
+    try:
+        box = Maildir(s.dir / "box")
+        box.deliver(message("one@x"))
+        for session, name in ((s, "left"), (other, "right")):
+            # By a way of its own; the address is all that counts.
+            command = f"env DBUS_SESSION_BUS_ADDRESS='{session.env['DBUS_SESSION_BUS_ADDRESS']}' {GATE}"
+            s.phone("pair", f"exec:{command}", "--name", name)
+        several = s.run("brisel-phone", "mail", "list", check=False)
+        assert "left or right" in several.stderr, several.stderr
+        relay = Relay(s, "--maildir", f"me@example.org={box.path}")
+        mails = lambda w: {m["message_uid"]: m for m in json.loads(s.phone("mail", "list", "--json", "--watch", w))}  # noqa: E731
+        s.wait(lambda: all(set(mails(w)) == {"one@x"} for w in ("left", "right")), "the mail on both")
+        delete_on_watch(s, mails("left")["one@x"]["mail_id"])
+        box.deliver(message("two@x"))
+        s.wait(lambda: (set(mails("left")), set(mails("right"))) == ({"two@x"}, {"one@x", "two@x"}), "each its own")
+        equal(relay.kill(15), 0, "exit code")
+    finally:
+        other.close()
+
+
+def gate_of(relay, named=b"brisel-gate"):
+    children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children").read_text().split()
+    return [int(p) for p in children if named in pathlib.Path(f"/proc/{p}/cmdline").read_bytes()]
+
+
+def test_links_that_end(s):
+    box, mta = Maildir(s.dir / "box"), Sendmail(s.dir / "mta")
+    relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--sendmail", mta.command, "--retry-first", "1", "--watch",
+                  f"exec:exec {GATE}", "--ping-after", "1", "--patience", "2", "--first", "600")
+    box.deliver(message("long@x", body="a line of text\n" * 200))
+    s.wait(lambda: on_watch(s) == {"long@x"}, "the first mail")
+    mail = by_uid(s)["long@x"]
+    # Killed, and silent from one moment to the next: noticed while nothing happens, and while something does.
+    for round, how in enumerate((signal.SIGKILL, signal.SIGSTOP, signal.SIGSTOP)):
+        gate = s.wait(lambda: gate_of(relay), "a gate")[0]
+        os.kill(gate, how)
+        if round != 1:
+            box.deliver(message(f"during{round}@x"))
+            reply_on_watch(s, mail, f"reply {round}")
+        s.wait(lambda: gate not in gate_of(relay) and gate_of(relay) and s.linked(), "another gate", 40)
+        s.wait(lambda: round == 1 or f"during{round}@x" in on_watch(s), "the mail", 40)
+    before = len(by_uid(s)["long@x"]["body"])
+    more_on_watch(s, mail)
+    assert len(by_uid(s)["long@x"]["body"]) > before, "more of a mail after all that"
+    s.wait(lambda: len(mta.sent()) == 2, "both replies")
+    delete_on_watch(s, mail["mail_id"])
+    box.deliver(message("last@x"))
+    s.wait(lambda: on_watch(s) == {"during0@x", "during2@x", "last@x"}, "what is left")
+    equal((len(s.mails()), len(mta.sent())), (3, 2), "nothing twice")
+    # Another process of this phone is refused, also over another way; another phone waits.
+    equal(s.run("brisel-phone", "serve", "--watch", f"exec:exec {GATE}", check=False).returncode, 1, "a second one")
+    s.env["XDG_STATE_HOME"] = str(s.dir / "another")
+    second = Relay(s, "--maildir", f"me@example.org={box.path}", "--watch", f"exec:exec {GATE} # another")
+    s.wait(lambda: "the watch is busy: " in second.log(), "word that another is linked")
+    equal((second.kill(15), relay.kill(15)), (0, 0), "exit codes")
+
+
+def test_ends_while_it_connects(s):
+    box, told = Maildir(s.dir / "box"), 0
+    for address in ("exec:exec sleep 1000", "exec:exec true", "ssh://192.0.2.1", "bluetooth:00:11:22:33:44:55"):
+        relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--watch", address)
+        s.wait(lambda: gate_of(relay, b"") or relay.log().count("waiting") > told, "a try")
+        told = relay.log().count("waiting")  # all write into one log
+        relay.process.terminate()
+        equal(relay.process.wait(5), 0, address)
+    for address, said in (("ssh://-oProxyCommand=x", "is wanted"), ("ssh://a:x", "no port"), ("bluetooth:1", "hexadecimal"),
+                          ("nowhere", "no watch is called")):
+        failed = s.run("brisel-phone", "mail", "list", "--watch", address, check=False)
+        assert failed.returncode and said in failed.stderr, (address, failed)
+
+
+if __name__ == "__main__":
+    main(globals())
