@@ -57,11 +57,12 @@ struct appdata {
   Ecore_Timer *sweep_timer;
   int account_id; /* the account shown; 0: all accounts, the combined view */
   int account_cnt;
-  int mail_id;      /* the opened mail, or the one waiting behind the security alert; 0 or less: none */
-  int bt_connected; /* 1 while the watch is linked to the phone */
-  int date_format;  /* 0..3 */
-  int time_format;  /* 1: 12-hour */
-  char *locale;     /* ICU locale id; owned */
+  int mail_id;          /* the opened mail, or the one waiting behind the security alert; 0 or less: none */
+  int bt_connected;     /* 1 while the watch is linked to the phone */
+  bool link_popup_came; /* whether the platform's link popup could be started when it was last asked for */
+  int date_format;      /* 0..3 */
+  int time_format;      /* 1: 12-hour */
+  char *locale;         /* ICU locale id; owned */
   unsigned char nocontents_shown;
   GList *mail_list; /* item_data in display order; owns its cells, not the records */
 };

@@ -58,11 +58,8 @@ GSList *brisel_util_get_phone_number_by_person_id(int person_id);    /* contact_
 void brisel_util_contact_number_free(void *contact);                 /* frees one contact_number */
 int brisel_util_launch_voice_call(const char *number);               /* 1 launched, 0 failed */
 int brisel_util_show_on_device(int *mail_ids, int count);            /* 1 */
-/* Asks the platform for its link popup; reply_cb will hear from it with ad. 0, or the framework's error: then nothing
-   came and nobody answers. */
-int brisel_util_start_link_popup(appdata *ad, service_reply_cb reply_cb, const char *msg);
-/* The current link state; when it is 0 the platform's link popup has been launched and reply_cb will hear
-   from it; a toast says so when it could not be. */
+/* The current link state; when it is 0 the platform's link popup has been launched and reply_cb will hear from it with
+   ad, or nothing came, which ad's link_popup_came says. A toast tells of that, except in a launch ("refresh"). */
 int brisel_util_bluetooth_connection_popup(appdata *ad, service_reply_cb reply_cb, const char *msg);
 /* Whether the link popup's reply says that the phone is linked now. */
 int brisel_util_link_is_up_in_reply(service_h reply);

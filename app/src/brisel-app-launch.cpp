@@ -302,11 +302,11 @@ static void _bt_connect_error_popup_result_cb(service_h request, service_h reply
 }
 
 static void _reset(appdata *ad, const char *mail_text) {
-  if (!ad->bt_connected) {
+  if (!brisel_util_bluetooth_connection_popup(ad, _bt_connect_error_popup_result_cb, "refresh")) {
     waits_for_link = !launched;
     if (!launched) _show_first_minute(ad);
     /* Nobody would answer for a popup that has not come. */
-    if (brisel_util_start_link_popup(ad, _bt_connect_error_popup_result_cb, "refresh") != 0) _go_on(ad);
+    if (!ad->link_popup_came) _go_on(ad);
     return;
   }
   int mail_id = _mail_id_of_text(mail_text);

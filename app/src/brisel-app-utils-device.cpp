@@ -148,23 +148,23 @@ int brisel_util_show_on_device(int *mail_ids, int count) {
   return 1;
 }
 
-int brisel_util_start_link_popup(appdata *ad, service_reply_cb reply_cb, const char *msg) {
+int brisel_util_bluetooth_connection_popup(appdata *ad, service_reply_cb reply_cb, const char *msg) {
+  BRISEL_INFO("Enter");
+  if (ad->bt_connected) return ad->bt_connected;
   BRISEL_INFO("Show BT connection popup.");
   service_h handle = nullptr;
   service_create(&handle);
   scoped_service service(handle);
   service_set_app_id(handle, "com.vextora.bt-connection-popup");
   if (msg) service_add_extra_data(handle, "msg", msg);
-  int result = service_send_launch_request(handle, reply_cb, ad);
-  if (result != SERVICE_ERROR_NONE) BRISEL_INFO("service_send_launch_request failed, ret = %d", result);
-  return result;
-}
-
-int brisel_util_bluetooth_connection_popup(appdata *ad, service_reply_cb reply_cb, const char *msg) {
-  BRISEL_INFO("Enter");
-  if (ad->bt_connected) return ad->bt_connected;
-  if (brisel_util_start_link_popup(ad, reply_cb, msg) != SERVICE_ERROR_NONE)
-    brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"));
+  const int result = service_send_launch_request(handle, reply_cb, ad);
+  ad->link_popup_came = result == SERVICE_ERROR_NONE;
+  if (!ad->link_popup_came) {
+    BRISEL_INFO("service_send_launch_request failed, ret = %d", result);
+    /* A touch gets an answer; a launch goes on without one. */
+    if (!msg || strcmp(msg, "refresh") != 0)
+      brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"));
+  }
   return ad->bt_connected;
 }
 
