@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "cases.h"
 #include "contacts.h"
 #include "faults.h"
 #include "loop.h"
@@ -223,68 +224,17 @@ TEST_F(Contacts, AreRemovedByAddressWithAllTheyHave) {
 /* --- vCards --- */
 
 TEST_F(VCard, ReadsWhatPhonesWrite) {
-  const struct {
-    const char *what;
-    std::string text, json; /* the person without its id */
-  } rows[] = {
-      {"3.0 with folds, escapes and groups",
-       card("N:Berg;Anna;;;\r\nFN:Anna \r\n Berg\\, Dr\\; "
-            "x\\\\y\r\nitem1.EMAIL;TYPE=INTERNET,PREF:anna@ex\r\n\tample.org\r\n"
-            "item1.X-ABLabel:work\r\n"),
-       R"({"name":"Anna Berg, Dr; x\\y","emails":["anna@example.org"],"numbers":[]})"},
-      {"2.1 in quoted-printable with a charset and soft breaks",
-       card("N;CHARSET=ISO-8859-1;ENCODING=QUOTED-PRINTABLE:M=FCller;J=F6=\r\nrg;;Dr.\r\nTEL;HOME;VOICE:+49 "
-            "1\r\nTEL;CELL:2\r\n",
-            "2.1"),
-       R"({"name":"Dr. Jörg Müller","emails":[],"numbers":[{"number":"+49 1","type":"home"},{"number":"2","type":"mobile"}]})"},
-      {"2.1 in UTF-8 quoted-printable with lower-case names",
-       "begin:vcard\nversion:2.1\nfn;encoding=quoted-printable;charset=utf-8:=D0=90=D0=BD=D1=8F\ntel;work;cell:1\nend:"
-       "vcard\n",
-       R"({"name":"Аня","emails":[],"numbers":[{"number":"1","type":"mobile"}]})"},
-      {"2.1 in an 8-bit set that it does not name", card("FN:Ren\xE9\r\n", "2.1"),
-       R"({"name":"René","emails":[],"numbers":[]})"},
-      {"2.1 with another's card inside",
-       card("FN:Boss\r\nAGENT:\r\nBEGIN:VCARD\r\nFN:Agent\r\nTEL:9\r\nEND:VCARD\r\nTEL;WORK:1\r\n", "2.1"),
-       R"({"name":"Boss","emails":[],"numbers":[{"number":"1","type":"work"}]})"},
-      {"4.0 with URIs",
-       card("FN:Four\r\nTEL;VALUE=uri;TYPE=\"voice,home\":tel:+1-555-0100;ext=9\r\nEMAIL:mailto:f@x\r\n", "4.0"),
-       R"({"name":"Four","emails":["f@x"],"numbers":[{"number":"+1-555-0100","type":"home"}]})"},
-      {"types of all kinds, and what answers no call",
-       card("FN:T\r\nTEL;TYPE=FAX:1\r\nTEL;TYPE=VOICE,PREF:2\r\nTEL;TYPE=work;TYPE=cell:3\r\nTEL;TYPE=WORK,FAX:4\r\n"
-            "TEL;TYPE=FAX,VOICE,WORK:5\r\nTEL;TYPE=PAGER:6\r\nTEL;TYPE=CAR:7\r\nTEL;VALUE=uri:sip:8@x\r\n"
-            "TEL;VALUE=uri:tel:%2B49%2030\r\n"),
-       R"({"name":"T","emails":[],"numbers":[{"number":"2","type":"none"},{"number":"3","type":"mobile"},)"
-       R"({"number":"5","type":"work"},{"number":"7","type":"other"},{"number":"+49 30","type":"none"}]})"},
-      {"addresses with more than the address",
-       card("FN:A\r\nEMAIL:Anna Berg <a@x>\r\nEMAIL:<b@x>\r\nEMAIL:mailto:c%2Bd@x?subject=Hi\r\n"),
-       R"({"name":"A","emails":["a@x","b@x","c+d@x"],"numbers":[]})"},
-      {"a photo that is not indented and a note broken without a sign",
-       card("FN:P\r\nPHOTO;BASE64:AAAA\r\nBBBBCCCC=\r\n\r\nNOTE:one\r\ntwo\r\nTEL:1\r\n", "2.1"),
-       R"({"name":"P","emails":[],"numbers":[{"number":"1","type":"none"}]})"},
-      {"lines that end with CR alone", "BEGIN:VCARD\rVERSION:3.0\rFN:Old\r Mac\rEND:VCARD\r",
-       R"({"name":"OldMac","emails":[],"numbers":[]})"},
-      {"UTF-16 with a mark", "\xFF\xFE" + utf16(card("FN:Zwölf\r\n")), R"({"name":"Zwölf","emails":[],"numbers":[]})"},
-      {"UTF-16 without one", utf16(card("FN:Zwölf\r\n")), R"({"name":"Zwölf","emails":[],"numbers":[]})"},
-      {"a name that is too long", card("FN:" + std::string(1023, 'n') + "éé\r\n"),
-       R"({"name":")" + std::string(1023, 'n') + R"(","emails":[],"numbers":[]})"},
-      {"a photo, a quoted colon, blank lines and a byte order mark",
-       "\xEF\xBB\xBF" + card("PHOTO;ENCODING=b:AAAA\r\n BBBB\r\n\r\nTEL;X=\"a:b;c\":5\r\nORG:Firm;Unit\r\n"),
-       R"({"name":"Firm","emails":[],"numbers":[{"number":"5","type":"none"}]})"},
-      {"no name at all", card("EMAIL:only@x\r\n"), R"({"name":"only@x","emails":["only@x"],"numbers":[]})"},
-      {"breaks and controls in a name", card("FN:a\\nb\x01\tc  d\r\n"),
-       R"({"name":"a b c d","emails":[],"numbers":[]})"},
-      {"base64 text", card("FN;ENCODING=b:w4RybmU=\r\n"), R"({"name":"Ärne","emails":[],"numbers":[]})"},
-      {"Japanese in its old set", card("FN;CHARSET=SHIFT_JIS:\x93\xFA\x96{\r\n", "2.1"),
-       R"({"name":"日本","emails":[],"numbers":[]})"},
-  };
+  auto rows = cases_of(CASES_DIR "/cards.txt", 3); /* what, the file, the person without its id */
+  for (const char *mark : {"\xFF\xFE", ""})
+    rows.push_back({"UTF-16", mark + utf16(card("FN:Zwölf\r\n")), R"({"name":"Zwölf","emails":[],"numbers":[]})"});
   for (const auto &row : rows) {
     fs::remove(database());
     int count = 0;
-    ASSERT_EQ(import(row.text, &count), "") << row.what;
-    EXPECT_EQ(count, 1) << row.what;
-    nlohmann::json expected = nlohmann::json::parse(row.json);
+    ASSERT_EQ(import(row[1], &count), "") << row[0];
+    EXPECT_EQ(count, 1) << row[0];
+    nlohmann::json expected = nlohmann::json::parse(row[2]);
     expected["person_id"] = 1;
-    EXPECT_EQ(all(), std::vector<nlohmann::json>{expected}) << row.what;
+    EXPECT_EQ(all(), std::vector<nlohmann::json>{expected}) << row[0];
   }
   int count = -1;
   EXPECT_EQ(import(card("NOTE:empty\r\n"), &count), ""); /* nothing to keep, nothing wrong */
