@@ -101,7 +101,9 @@ store_status store_keep_file(store *st) {
     /* Only what lies beside it went: what it held goes into the file, and it is made anew. */
     if (st->db.run("PRAGMA wal_checkpoint(TRUNCATE)")) return fail_sql(st);
     remove_logs(st);
-    return open_anew(st);
+    status = open_anew(st);
+    if (!status) st->note = st->path + ": what lay beside it was deleted under the service; it is made anew";
+    return status;
   }
   remove_logs(st); /* or they would be read as part of whatever lies there */
   if (lstat(st->path.c_str(), &info) != 0) {

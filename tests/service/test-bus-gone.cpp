@@ -15,6 +15,7 @@
 
 #include "brisel-common.h"
 #include "bus-loop.h"
+#include "loop.h"
 #include "platform-paths.h"
 
 namespace {
@@ -34,22 +35,10 @@ void stop(pid_t pid, int signal) {
   EXPECT_EQ(pid, waitpid(pid, &status, 0));
 }
 
-bool until(const std::function<bool()> &done) {
-  bool late = false;
-  Ecore_Timer *limit = ecore_timer_add(
-      20.0, [](void *data) { return *static_cast<bool *>(data) = true, ECORE_CALLBACK_CANCEL; }, &late);
-  Ecore_Timer *tick = ecore_timer_add(
-      0.005, [](void *) -> Eina_Bool { return ECORE_CALLBACK_RENEW; }, nullptr);
-  while (!late && !done()) ecore_main_loop_iterate_may_block(1);
-  ecore_timer_del(tick);
-  if (!late) ecore_timer_del(limit);
-  return !late;
-}
-
 pid_t start_bus(void) {
   std::filesystem::remove(folder + "/bus");
   const pid_t pid = start({"dbus-daemon", "--session", "--nofork", "--nopidfile", "--address", address.c_str()});
-  EXPECT_TRUE(until([] { return std::filesystem::exists(folder + "/bus"); }));
+  EXPECT_TRUE(run_until([] { return std::filesystem::exists(folder + "/bus"); }));
   return pid;
 }
 
@@ -84,11 +73,11 @@ int send_delete(int id) {
 TEST(BusGone, NothingAcceptedIsLostAndNothingWaitsForEver) {
   pid_t bus = start_bus();
   pid_t service = start({"brisel-hostd"});
-  ASSERT_TRUE(until(service_is_there));
+  ASSERT_TRUE(run_until(service_is_there));
   EXPECT_EQ(0, brisel_db_init());
   EXPECT_EQ(0, brisel_ipc_client_init());
   EXPECT_EQ(0, send_delete(1));
-  ASSERT_TRUE(until([] { return waiting() == 1; }));
+  ASSERT_TRUE(run_until([] { return waiting() == 1; }));
 
   /* Accepted while the service stands still, then the bus goes, and with it the service. */
   EXPECT_EQ(0, kill(service, SIGSTOP));
@@ -107,7 +96,7 @@ TEST(BusGone, NothingAcceptedIsLostAndNothingWaitsForEver) {
                    },
                    &more));
   stop(bus, SIGKILL);
-  ASSERT_TRUE(until([&] { return more.count == 1; }));
+  ASSERT_TRUE(run_until([&] { return more.count == 1; }));
   EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, more.error);
   EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, brisel_ipc_req_more_msg(request, nullptr, nullptr));
   /* What is asked while there is no bus waits in the file. */
@@ -122,9 +111,9 @@ TEST(BusGone, NothingAcceptedIsLostAndNothingWaitsForEver) {
 
   bus = start_bus();
   service = start({"brisel-hostd"});
-  ASSERT_TRUE(until([&] { return waiting() == 4; }));
+  ASSERT_TRUE(run_until([&] { return waiting() == 4; }));
   EXPECT_EQ(0, send_delete(5));
-  ASSERT_TRUE(until([&] { return waiting() == 5; }));
+  ASSERT_TRUE(run_until([&] { return waiting() == 5; }));
 
   EXPECT_EQ(0, brisel_ipc_client_deinit());
   EXPECT_EQ(0, brisel_db_deinit());

@@ -20,6 +20,8 @@
 #include <set>
 
 #include "brisel-common.h"
+#include "loop.h"
+#include "phone.h"
 #include "platform-paths.h"
 #include "store.h"
 #include "vconf.h"
@@ -28,97 +30,53 @@ using nlohmann::json;
 
 namespace {
 
-constexpr char service[] = "com.vextora.brisel.Host";
-constexpr char path[] = "/com/vextora/brisel/Host";
-constexpr char phone_interface[] = "com.vextora.brisel.Phone1";
-constexpr char watch_interface[] = "com.vextora.brisel.Watch1";
 constexpr char link_key[] = "memory/wms/wmanager_connected";
 
-/* A connection of its own: a phone, or anyone else on the bus. */
-struct peer {
+/* A phone that answers only when it is told to, or anyone else on the bus. */
+struct peer : test_phone {
   struct seen {
     int64_t id;
     json request;
     int64_t have;
   };
   peer() {
-    EXPECT_GE(sd_bus_open_user(&bus), 0);
     sd_bus_match_signal(
-        bus, nullptr, nullptr, path, phone_interface, "Request",
+        bus, nullptr, nullptr, host_path, phone_interface, "Request",
         [](sd_bus_message *m, void *data, sd_bus_error *) {
           seen s = {0, {}, -1};
-          const char *text = nullptr;
+          const char *text = nullptr, *key = nullptr;
           sd_bus_message_read(m, "xs", &s.id, &text);
           s.request = json::parse(text);
           sd_bus_message_enter_container(m, 'a', "{sv}");
-          const char *key = nullptr;
-          if (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
-            sd_bus_message_read(m, "s", &key);
-            sd_bus_message_read(m, "v", "x", &s.have);
-          }
+          if (sd_bus_message_enter_container(m, 'e', "sv") > 0) sd_bus_message_read(m, "sv", &key, "x", &s.have);
           static_cast<peer *>(data)->requests.push_back(s);
           return 0;
         },
         this);
   }
-  ~peer() { sd_bus_flush_close_unref(bus); }
   void process(void) {
     while (sd_bus_process(bus, nullptr) > 0) {
     }
   }
-  /* The error's name, or nothing. The answer, when wanted, is the caller's. */
-  template <typename... T>
-  std::string call(const char *interface, const char *member, sd_bus_message **answer, const char *types, T... values) {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message *own = nullptr;
-    const int r = sd_bus_call_method(bus, service, path, interface, member, &error, &own, types, values...);
-    std::string name = r < 0 ? (error.name ? error.name : strerror(-r)) : "";
-    if (answer) *answer = own;
-    if (!answer) sd_bus_message_unref(own);
-    sd_bus_error_free(&error);
-    return name;
-  }
-  template <typename... T>
-  std::string phone(const char *member, const char *types, T... values) {
-    return call(phone_interface, member, nullptr, types, values...);
+  bool has(size_t count) {
+    return run_until([&] { return requests.size() >= count; });
   }
   void answer(size_t which, int error, const char *piece, int complete) {
     EXPECT_EQ("", phone("AnswerMore", "xisb", requests[which].id, error, piece, complete));
   }
-  sd_bus *bus = nullptr;
   std::vector<seen> requests;
 };
 
-std::vector<peer *> peers; /* those whose messages until() handles too */
-
 struct phone_peer : peer {
-  phone_peer() {
-    peers.push_back(this);
-    EXPECT_EQ("", phone("Connect", ""));
-  }
-  ~phone_peer() { std::erase(peers, this); }
+  phone_peer() { EXPECT_EQ("", phone("Connect", "")); }
+  ~phone_peer() { loop_no_more(beside); }
+  int beside = loop_also([this] { process(); });
 };
-
-/* Runs the main loop until done, at most some seconds: more than anything here ever takes. */
-bool until(const std::function<bool()> &done) {
-  bool late = false;
-  Ecore_Timer *limit = ecore_timer_add(
-      20.0, [](void *data) { return *static_cast<bool *>(data) = true, ECORE_CALLBACK_CANCEL; }, &late);
-  Ecore_Timer *tick = ecore_timer_add(
-      0.002, [](void *) -> Eina_Bool { return ECORE_CALLBACK_RENEW; }, nullptr);
-  while (!late && !done()) {
-    ecore_main_loop_iterate_may_block(1);
-    for (peer *p : peers) p->process();
-  }
-  ecore_timer_del(tick);
-  if (!late) ecore_timer_del(limit);
-  return !late;
-}
 
 int service_pid(peer *p) {
   sd_bus_creds *creds = nullptr;
   pid_t pid = 0;
-  if (sd_bus_get_name_creds(p->bus, service, SD_BUS_CREDS_PID, &creds) >= 0) sd_bus_creds_get_pid(creds, &pid);
+  if (sd_bus_get_name_creds(p->bus, host_name, SD_BUS_CREDS_PID, &creds) >= 0) sd_bus_creds_get_pid(creds, &pid);
   sd_bus_creds_unref(creds);
   return pid;
 }
@@ -126,7 +84,7 @@ int service_pid(peer *p) {
 /* The service, started when it is away: a client whose services keep falling starts none for a while. */
 int start_service(peer *p) {
   sd_bus_call_method(p->bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                     "StartServiceByName", nullptr, nullptr, "su", service, 0u);
+                     "StartServiceByName", nullptr, nullptr, "su", host_name, 0u);
   return service_pid(p);
 }
 
@@ -135,7 +93,7 @@ void kill_service(peer *p) {
   const int pid = service_pid(p);
   ASSERT_GT(pid, 0);
   ASSERT_EQ(0, kill(pid, SIGKILL));
-  ASSERT_TRUE(until([&] { return service_pid(p) != pid; }));
+  ASSERT_TRUE(run_until([&] { return service_pid(p) != pid; }));
 }
 
 std::string store_path(void) {
@@ -206,23 +164,16 @@ struct Host : testing::Test {
     ASSERT_EQ(0, brisel_db_init());
     ASSERT_EQ(0, brisel_ipc_client_init());
     subscribe_all(&ears);
-    sd_bus_message *answer = nullptr;
-    ASSERT_EQ("", other.call(phone_interface, "AddAccount", &answer, "issu", 0, "me@example.org", "Me", 0u));
-    ASSERT_GE(sd_bus_message_read(answer, "i", &account), 0);
-    sd_bus_message_unref(answer);
-    ASSERT_TRUE(until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD).empty(); }));
+    account = other.add_account("me@example.org", "Me", 0);
+    ASSERT_TRUE(run_until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD).empty(); }));
   }
   void TearDown() override {
     {
-      phone_peer drain; /* leaves no request for the next test */
-      std::set<int64_t> ids;
-      for (drain.process(); sd_bus_flush(drain.bus) >= 0 && !query("SELECT id FROM outbox LIMIT 1").empty();) {
-        until([&] { return !drain.requests.empty(); });
-        for (const peer::seen &s : drain.requests) EXPECT_EQ("", drain.phone("Ack", "x", s.id));
-        drain.requests.clear();
-      }
+      linked_phone drain; /* leaves no request for the next test */
+      drain.connect();
+      EXPECT_TRUE(run_until([] { return query("SELECT id FROM outbox LIMIT 1").empty(); }));
     }
-    EXPECT_EQ("", other.phone("RemoveAccount", "i", account));
+    other.remove_account(account);
     EXPECT_EQ(0, brisel_ipc_client_deinit());
     EXPECT_EQ(0, brisel_db_deinit());
   }
@@ -284,8 +235,40 @@ int send_delete(int id) {
   return r;
 }
 
-/* --- requests ------------------------------------------------------------------------------------------------------
- */
+int send_read(int id, int host_state) {
+  update_noti_data *read = brisel_update_noti_data_create();
+  read->id_list = g_slist_append(nullptr, GINT_TO_POINTER(id));
+  read->host_state = host_state;
+  const int r = brisel_ipc_req_update_ind(read, nullptr, nullptr);
+  brisel_update_noti_data_free(read);
+  return r;
+}
+
+int send_reply(int id, const char *text) {
+  reply_noti_data *reply = brisel_reply_noti_data_create();
+  reply->host_tag = g_strdup("tag");
+  reply->action = g_strdup("intent.action.email.notifications.reply");
+  reply->recipient = g_strdup("you@example.org\2You \xC3"); /* cut inside a character */
+  reply->text = g_strdup(text);
+  reply->subject = g_strdup("about");
+  reply->mail_id = id;
+  const int r = brisel_ipc_req_reply(reply, nullptr, nullptr);
+  brisel_reply_noti_data_free(reply);
+  return r;
+}
+
+json reply_heard(int id, const char *text) {
+  return {{"request", "reply"},
+          {"host_tag", "tag"},
+          {"action", "intent.action.email.notifications.reply"},
+          {"message_uid", ""},
+          {"recipient", "you@example.org\2You "},
+          {"text", text},
+          {"mail_id", id},
+          {"subject", "about"}};
+}
+
+/* --- requests --- */
 
 TEST_F(Host, RequestsReachThePhoneWholeAndInOrder) {
   phone_peer phone;
@@ -293,42 +276,27 @@ TEST_F(Host, RequestsReachThePhoneWholeAndInOrder) {
   op_data *clear = op_of({0});
   EXPECT_EQ(0, brisel_ipc_req_clear_all_new_flag(clear, nullptr, nullptr));
   brisel_op_data_free(clear);
-  update_noti_data *read = brisel_update_noti_data_create();
-  read->id_list = g_slist_append(nullptr, GINT_TO_POINTER(a));
-  read->host_state = -3;
-  EXPECT_EQ(0, brisel_ipc_req_update_ind(read, nullptr, nullptr));
-  brisel_update_noti_data_free(read);
-  reply_noti_data *reply = brisel_reply_noti_data_create();
-  reply->host_tag = g_strdup("tag");
-  reply->action = g_strdup("intent.action.email.notifications.reply");
-  reply->recipient = g_strdup("you@example.org\2You \xC3"); /* cut inside a character */
-  reply->text = g_strdup("line \"one\"\nsmile 🙂 broken \xFF end");
-  reply->mail_id = b;
-  EXPECT_EQ(0, brisel_ipc_req_reply(reply, nullptr, nullptr));
-  brisel_reply_noti_data_free(reply);
+  EXPECT_EQ(0, send_read(a, -3));
+  EXPECT_EQ(0, send_reply(b, "line \"one\"\nsmile 🙂 broken \xFF end"));
   EXPECT_EQ(0, send_delete(b));
   EXPECT_EQ(0, brisel_ipc_req_no_account(nullptr, nullptr));
-  ASSERT_TRUE(until([&] { return phone.requests.size() >= 5; }));
-  EXPECT_EQ("", other.call(watch_interface, "Show", nullptr, "ssai", "show-1", "email", 2, a, b));
-  ASSERT_TRUE(until([&] { return phone.requests.size() >= 6; }));
+  ASSERT_TRUE(phone.has(5));
+  for (const char *uid : {"show-1", "show-1", "show-2"}) /* the first is asked twice, as after a lost answer */
+    EXPECT_EQ("", other.call(watch_interface, "Show", nullptr, "ssai", uid, "email", 2, a, b));
+  ASSERT_TRUE(phone.has(7));
+  EXPECT_NE(phone.requests[5].id, phone.requests[6].id);
+  EXPECT_EQ("7\n", query("SELECT count(*) FROM outbox"));
   const json expected[] = {
       {{"request", "clear_all_new_flag"}, {"id_list", {0}}},
       {{"request", "update_ind"}, {"id_list", {a}}, {"host_state", -3}},
-      {{"request", "reply"},
-       {"host_tag", "tag"},
-       {"action", "intent.action.email.notifications.reply"},
-       {"message_uid", ""},
-       {"recipient", "you@example.org\2You "},
-       {"text", "line \"one\"\nsmile 🙂 broken \uFFFD end"},
-       {"mail_id", b},
-       {"subject", ""}},
+      reply_heard(b, "line \"one\"\nsmile 🙂 broken \uFFFD end"),
       {{"request", "delete_notis"}, {"id_list", {b}}},
       json::object({{"request", "no_account"}}),
       {{"request", "show"}, {"kind", "email"}, {"id_list", {a, b}}},
   };
   for (size_t i = 0; i < 6; i++) EXPECT_EQ(expected[i], phone.requests[i].request);
 
-  ASSERT_TRUE(until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE).empty(); }));
+  ASSERT_TRUE(run_until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE).empty(); }));
   EXPECT_EQ((std::vector<int>{a, b}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
   EXPECT_EQ((std::vector<int>{a, b, a}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE));
   EXPECT_EQ((std::vector<int>{b}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE));
@@ -349,16 +317,22 @@ TEST_F(Host, WhatNoBusTakesHoldsNothingBack) {
   bus_ids listed;
   EXPECT_EQ("", other.call(phone_interface, "ListMails", &listed.answer, "ii", 0, 0));
   EXPECT_EQ((std::vector<int>{bad, good}), listed.read());
-  reply_noti_data *reply = brisel_reply_noti_data_create();
-  reply->text = g_strdup("\xEF\xBF\xBF");
-  reply->mail_id = good;
-  EXPECT_EQ(0, brisel_ipc_req_reply(reply, nullptr, nullptr));
-  brisel_reply_noti_data_free(reply);
+  EXPECT_EQ(0, send_reply(good, "\xEF\xBF\xBF"));
   EXPECT_EQ(0, send_delete(good));
   phone_peer phone;
-  ASSERT_TRUE(until([&] { return phone.requests.size() >= 3; }));
+  ASSERT_TRUE(phone.has(3));
   EXPECT_EQ("\uFFFD", phone.requests[1].request["text"]);
   EXPECT_EQ((json{{"request", "delete_notis"}, {"id_list", {good}}}), phone.requests[2].request);
+}
+
+TEST_F(Host, WhatFindsNoRoomIsAskedAgainUntilThereIsSome) {
+  change_store("INSERT INTO outbox (json, bytes) VALUES ('{}', 20000000)");
+  EXPECT_EQ("com.vextora.brisel.Error.Full", other.call(watch_interface, "NoAccount", nullptr, "s", "full"));
+  EXPECT_EQ(0, send_delete(3000));
+  run_for(0.3); /* it is refused meanwhile, or it is not: it must come in the end */
+  change_store("DELETE FROM outbox");
+  ASSERT_TRUE(run_until([] { return !query("SELECT json FROM outbox").empty(); }));
+  EXPECT_NE("\n", query("SELECT client FROM outbox")) << "nobody's share is counted";
 }
 
 TEST_F(Host, RequestsWaitForAPhoneThroughKillsUntilItHasThem) {
@@ -367,11 +341,11 @@ TEST_F(Host, RequestsWaitForAPhoneThroughKillsUntilItHasThem) {
     EXPECT_EQ(0, send_delete(1000 + i));
     sent.push_back({{"request", "delete_notis"}, {"id_list", {1000 + i}}});
   }
-  ASSERT_TRUE(until([&] { return query("SELECT count(*) FROM outbox") == "3\n"; }));
+  ASSERT_TRUE(run_until([&] { return query("SELECT count(*) FROM outbox") == "3\n"; }));
   kill_service(&other);
   for (int turn = 0; turn < 2; turn++) { /* nothing is acknowledged: the second phone gets them again */
     phone_peer phone;
-    ASSERT_TRUE(until([&] { return phone.requests.size() >= 3; }));
+    ASSERT_TRUE(phone.has(3));
     for (size_t i = 0; i < 3; i++) EXPECT_EQ(sent[i], phone.requests[i].request);
     EXPECT_EQ("com.vextora.brisel.Error.Invalid", other.phone("Ack", "x", phone.requests[0].id));
     for (const peer::seen &s : phone.requests)
@@ -382,7 +356,7 @@ TEST_F(Host, RequestsWaitForAPhoneThroughKillsUntilItHasThem) {
   kill_service(&other);
   phone_peer phone;
   EXPECT_EQ(0, send_delete(2000));
-  ASSERT_TRUE(until([&] { return !phone.requests.empty(); }));
+  ASSERT_TRUE(phone.has(1));
   EXPECT_EQ((json{{"request", "delete_notis"}, {"id_list", {2000}}}), phone.requests[0].request);
 }
 
@@ -394,11 +368,11 @@ TEST_F(Host, EachRequestIsDoneOnceInOrderHoweverOftenTheServiceIsKilled) {
     const int burst = 1 + rand() % 9;
     for (int i = 0; i < burst && sent < count; i++) EXPECT_EQ(0, send_delete(5000 + sent++));
     int pid = 0;
-    ASSERT_TRUE(until([&] { return (pid = start_service(&other)) > 0; }));
+    ASSERT_TRUE(run_until([&] { return (pid = start_service(&other)) > 0; }));
     for (int turns = rand() % 30; turns > 0; turns--) ecore_main_loop_iterate();
     if (kill(pid, SIGKILL) == 0) kills++;
   }
-  ASSERT_TRUE(until([&] {
+  ASSERT_TRUE(run_until([&] {
     start_service(&other);
     return query("SELECT count(*) FROM outbox") == std::to_string(count) + "\n";
   }));
@@ -419,10 +393,10 @@ TEST_F(Host, WhatWasAcceptedIsHandedOverWhenTheApplicationEnds) {
 }
 
 /* Another process, which is killed with what it handed over. */
-void hand_over_and_die(int count) {
+void hand_over_and_die(void) {
   const pid_t pid = fork();
   if (pid == 0) {
-    execl("/proc/self/exe", "test-host", "--hand-over-and-die", std::to_string(count).c_str(), nullptr);
+    execl("/proc/self/exe", "test-host", "--hand-over-and-die", nullptr);
     _exit(1);
   }
   int status = 0;
@@ -435,16 +409,18 @@ TEST_F(Host, WhatWasAcceptedOutlivesTheApplicationThatIsKilled) {
   const int service = service_pid(&other);
   EXPECT_EQ(0, brisel_ipc_client_deinit());
   EXPECT_EQ(0, kill(service, SIGSTOP));
-  hand_over_and_die(3);
+  hand_over_and_die();
   EXPECT_EQ(0, kill(service, SIGKILL)); /* whether it had read the first or not */
-  ASSERT_TRUE(until([&] { return service_pid(&other) != service; }));
+  ASSERT_TRUE(run_until([&] { return service_pid(&other) != service; }));
   EXPECT_EQ(0, brisel_ipc_client_init());
-  ASSERT_TRUE(until([&] { return start_service(&other) > 0 && query("SELECT count(*) FROM outbox") == "3\n"; }));
-  EXPECT_EQ(
-      "{\"request\":\"delete_notis\",\"id_list\":[8000]}\n{\"request\":\"delete_notis\",\"id_list\":[8001]}\n"
-      "{\"request\":\"delete_notis\",\"id_list\":[8002]}\n",
-      query("SELECT json FROM outbox ORDER BY id"));
-  ASSERT_TRUE(until([&] { return access(kept.c_str(), F_OK) != 0; }));
+  ASSERT_TRUE(run_until([&] { return start_service(&other) > 0 && query("SELECT count(*) FROM outbox") == "3\n"; }));
+  const json expected[] = {{{"request", "delete_notis"}, {"id_list", {8000}}},
+                           {{"request", "update_ind"}, {"id_list", {8001}}, {"host_state", 77}},
+                           reply_heard(8002, "a reply")};
+  phone_peer phone;
+  ASSERT_TRUE(phone.has(3));
+  for (size_t i = 0; i < 3; i++) EXPECT_EQ(expected[i], phone.requests[i].request);
+  ASSERT_TRUE(run_until([&] { return access(kept.c_str(), F_OK) != 0; }));
 
   /* One that cannot be read is set aside, and nothing is made of it. */
   EXPECT_EQ(0, brisel_ipc_client_deinit());
@@ -455,7 +431,7 @@ TEST_F(Host, WhatWasAcceptedOutlivesTheApplicationThatIsKilled) {
   EXPECT_EQ(0, access((kept + ".broken").c_str(), F_OK));
   EXPECT_NE(0, access(kept.c_str(), F_OK));
   EXPECT_EQ(0, send_delete(8003));
-  ASSERT_TRUE(until([&] { return query("SELECT count(*) FROM outbox") == "4\n"; }));
+  ASSERT_TRUE(run_until([&] { return query("SELECT count(*) FROM outbox") == "4\n"; }));
 }
 
 TEST_F(Host, BadArgumentsAreRefusedAndChangeNothing) {
@@ -478,8 +454,6 @@ TEST_F(Host, BadArgumentsAreRefusedAndChangeNothing) {
       {"more of no mail", [&] { return other.call(watch_interface, "MoreMsg", nullptr, "ssi", "b6", "uid", 999999); }},
       {"more of another",
        [&] { return other.call(watch_interface, "MoreMsg", nullptr, "ssi", "b7", "not its uid", mail); }},
-      {"unknown account", [&] { return other.phone("AddMails", "aa{sv}", 1, 1, "account_id", "i", 99999); }},
-      {"no account", [&] { return other.phone("AddMails", "aa{sv}", 1, 1, "subject", "s", "x"); }},
       {"unknown field",
        [&] { return other.phone("AddMails", "aa{sv}", 1, 2, "account_id", "i", account, "colour", "s", "x"); }},
       {"wrong type", [&] { return other.phone("UpdateMail", "ia{sv}", mail, 1, "subject", "i", 3); }},
@@ -487,9 +461,7 @@ TEST_F(Host, BadArgumentsAreRefusedAndChangeNothing) {
       {"a contact without number",
        [&] { return other.phone("UpdateMail", "ia{sv}", mail, 1, "contacts", "a(is)", 1, 1, ""); }},
       {"unknown mail", [&] { return other.phone("UpdateMail", "ia{sv}", 99999, 1, "is_read", "b", 1); }},
-      {"unknown mail", [&] { return other.phone("DeleteMails", "ai", 2, mail, 99999); }},
       {"bad limit", [&] { return other.phone("ListMails", "ii", 0, -1); }},
-      {"empty template", [&] { return other.phone("SetTemplates", "as", 2, "good", ""); }},
       {"unknown status", [&] { return other.phone("SetStatus", "si", "mood", 1); }},
       {"answer from a stranger", [&] { return other.phone("AnswerMore", "xisb", int64_t{1}, 0, "", 1); }},
   };
@@ -500,8 +472,7 @@ TEST_F(Host, BadArgumentsAreRefusedAndChangeNothing) {
   EXPECT_EQ("", phone.phone("Connect", ""));
 }
 
-/* --- more of a body ------------------------------------------------------------------------------------------------
- */
+/* --- more of a body --- */
 
 struct more_answer {
   int count = 0, error = 0, first = 0;
@@ -548,12 +519,12 @@ TEST_F(Host, MoreOfABodyIsAppendedAsThePhoneAnswers) {
     more_answer got;
     const size_t before = phone.requests.size();
     ASSERT_EQ(0, ask_more(mail, &got)) << row.what;
-    ASSERT_TRUE(until([&] { return phone.requests.size() > before; })) << row.what;
+    ASSERT_TRUE(phone.has(before + 1)) << row.what;
     EXPECT_EQ((json{{"request", "more_msg"}, {"message_uid", "uid"}, {"mail_id", mail}}),
               phone.requests[before].request);
     EXPECT_EQ(row.have, phone.requests[before].have) << row.what;
     phone.answer(before, row.error, row.piece, row.complete);
-    ASSERT_TRUE(until([&] { return got.count > 0; })) << row.what;
+    ASSERT_TRUE(run_until([&] { return got.count > 0; })) << row.what;
     EXPECT_EQ(row.result, got.error) << row.what;
     EXPECT_EQ(row.result ? 0 : mail, got.first) << row.what;
     EXPECT_EQ(row.after, body_of(mail)) << row.what;
@@ -564,14 +535,14 @@ TEST_F(Host, MoreOfABodyFailsWhenItCannotCome) {
   const int mail = add_mail("m", "one<tag:thisisover500>");
   more_answer no_phone;
   EXPECT_EQ(0, ask_more(mail, &no_phone));
-  ASSERT_TRUE(until([&] { return no_phone.count; }));
+  ASSERT_TRUE(run_until([&] { return no_phone.count; }));
   EXPECT_EQ(BRISEL_COMMON_ERROR_NO_PHONE, no_phone.error);
 
   more_answer late, left, killed, cancelled, next, deleted;
   {
     phone_peer phone;
     EXPECT_EQ(0, ask_more(mail, &late)); /* never answered */
-    ASSERT_TRUE(until([&] { return late.count; }));
+    ASSERT_TRUE(run_until([&] { return late.count; }));
     EXPECT_EQ(BRISEL_COMMON_ERROR_TIMEOUT, late.error);
     EXPECT_EQ("com.vextora.brisel.Error.Invalid",
               phone.phone("AnswerMore", "xisb", phone.requests[0].id, 0, "late", 0));
@@ -579,17 +550,17 @@ TEST_F(Host, MoreOfABodyFailsWhenItCannotCome) {
 
     /* Withdrawn and asked again while the phone still works on it: one piece, one answer. */
     EXPECT_EQ(0, ask_more(mail, &cancelled));
-    ASSERT_TRUE(until([&] { return phone.requests.size() == 2; }));
+    ASSERT_TRUE(phone.has(2));
     EXPECT_EQ(0, brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_MORE_MSG));
     EXPECT_EQ(0, ask_more(mail, &next));
     EXPECT_EQ("", other.phone("SetAccountCount", "b", 1));
-    until([&] { return query("SELECT 1") == "1\n"; });
+    run_until([&] { return query("SELECT 1") == "1\n"; });
     ecore_main_loop_iterate();
     sd_bus_message *names = nullptr; /* a round trip through the bus: the second question is at the service */
-    sd_bus_call_method(other.bus, service, path, "org.freedesktop.DBus.Peer", "Ping", nullptr, &names, "");
+    sd_bus_call_method(other.bus, host_name, host_path, "org.freedesktop.DBus.Peer", "Ping", nullptr, &names, "");
     sd_bus_message_unref(names);
     phone.answer(1, 0, " two", 0);
-    ASSERT_TRUE(until([&] { return next.count; }));
+    ASSERT_TRUE(run_until([&] { return next.count; }));
     EXPECT_EQ(0, next.error);
     EXPECT_EQ(0, cancelled.count);
     EXPECT_EQ("one two<tag:thisisover500>", body_of(mail));
@@ -598,29 +569,28 @@ TEST_F(Host, MoreOfABodyFailsWhenItCannotCome) {
     /* The mail goes while the phone looks for it. */
     const int gone = add_mail("gone", "");
     EXPECT_EQ(0, ask_more(gone, &deleted));
-    ASSERT_TRUE(until([&] { return phone.requests.size() == 3; }));
+    ASSERT_TRUE(phone.has(3));
     EXPECT_EQ("", other.phone("DeleteMails", "ai", 1, gone));
     EXPECT_EQ("com.vextora.brisel.Error.Invalid", phone.phone("AnswerMore", "xisb", phone.requests[2].id, 0, "x", 1));
-    ASSERT_TRUE(until([&] { return deleted.count; }));
+    ASSERT_TRUE(run_until([&] { return deleted.count; }));
     EXPECT_EQ(BRISEL_COMMON_ERROR_NOT_FOUND, deleted.error);
 
     EXPECT_EQ(0, ask_more(mail, &left));
-    ASSERT_TRUE(until([&] { return phone.requests.size() == 4; }));
+    ASSERT_TRUE(phone.has(4));
   }
-  ASSERT_TRUE(until([&] { return left.count; })); /* at once, long before the time is up */
+  ASSERT_TRUE(run_until([&] { return left.count; })); /* at once, long before the time is up */
   EXPECT_EQ(BRISEL_COMMON_ERROR_NO_PHONE, left.error);
 
   phone_peer phone;
   EXPECT_EQ(0, ask_more(mail, &killed));
-  ASSERT_TRUE(until([&] { return phone.requests.size() == 1; }));
+  ASSERT_TRUE(phone.has(1));
   kill_service(&other);
-  ASSERT_TRUE(until([&] { return killed.count; }));
+  ASSERT_TRUE(run_until([&] { return killed.count; }));
   EXPECT_EQ(BRISEL_COMMON_ERROR_LINK, killed.error);
   EXPECT_EQ("one two<tag:thisisover500>", body_of(mail));
 }
 
-/* --- events --------------------------------------------------------------------------------------------------------
- */
+/* --- events --- */
 
 TEST_F(Host, EventsMissedWhileTheServiceWasAwayComeWhenItIsBack) {
   ears.events.clear();
@@ -637,7 +607,7 @@ TEST_F(Host, EventsMissedWhileTheServiceWasAwayComeWhenItIsBack) {
   store_close(st);
   EXPECT_EQ(0, ears.events.size());
   EXPECT_EQ("", other.phone("ListAccounts", "")); /* starts it */
-  ASSERT_TRUE(until([&] { return ears.events.size() == 2; }));
+  ASSERT_TRUE(run_until([&] { return ears.events.size() == 2; }));
   EXPECT_EQ(ids, ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
   EXPECT_EQ((std::vector<int>{ids[0]}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE));
 }
@@ -647,7 +617,7 @@ TEST_F(Host, WhatTheChangesNoLongerTellIsMadeUp) {
   const int kept = add_mail("kept", ""), gone = add_mail("gone", "");
   const int away = account + 1;
   EXPECT_EQ("", other.phone("AddAccount", "issu", away, "away@example.org", "", 0u));
-  ASSERT_TRUE(until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD).size() >= 2; }));
+  ASSERT_TRUE(run_until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD).size() >= 2; }));
   ears.events.clear();
   /* The main loop does not run from here to the last of them. */
   const int fresh = add_mail("fresh", "");
@@ -655,7 +625,7 @@ TEST_F(Host, WhatTheChangesNoLongerTellIsMadeUp) {
   EXPECT_EQ("", other.phone("RemoveAccount", "i", away));
   EXPECT_EQ("", other.phone("UpdateMail", "ia{sv}", kept, 1, "is_read", "b", 1));
   change_store("DELETE FROM changes WHERE seq < (SELECT max(seq) FROM changes)");
-  ASSERT_TRUE(until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD).empty(); }));
+  ASSERT_TRUE(run_until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD).empty(); }));
   EXPECT_EQ((std::vector<int>{fresh}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
   const auto has = [&](int type, int id) {
     const std::vector<int> ids = ears.all(type);
@@ -680,19 +650,19 @@ TEST_F(Host, WhatTheChangesNoLongerTellIsMadeUp) {
     EXPECT_EQ("", other.phone("ListAccounts", "")); /* starts it */
   };
   move_store("", ".away");
-  ASSERT_TRUE(until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE, account); }));
+  ASSERT_TRUE(run_until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE, account); }));
   EXPECT_TRUE(has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, kept));
   move_store(".away", "");
-  ASSERT_TRUE(until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, kept); }));
+  ASSERT_TRUE(run_until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, kept); }));
   EXPECT_TRUE(has(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD, account));
   const int last = add_mail("goes on as ever", "");
-  ASSERT_TRUE(until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, last); }));
+  ASSERT_TRUE(run_until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, last); }));
 }
 
 /* A call with so many mails; the subject of the last one is given. */
 sd_bus_message *many_mails(sd_bus *bus, int count, int account, const std::string &last) {
   sd_bus_message *m = nullptr;
-  sd_bus_message_new_method_call(bus, &m, service, path, phone_interface, "AddMails");
+  sd_bus_message_new_method_call(bus, &m, host_name, host_path, phone_interface, "AddMails");
   sd_bus_message_open_container(m, 'a', "a{sv}");
   for (int i = 1; i <= count; i++)
     sd_bus_message_append(m, "a{sv}", 2, "account_id", "i", account, "subject", "s", i < count ? "s" : last.c_str());
@@ -721,7 +691,7 @@ TEST_F(Host, ManyMailsKeepNobodyWaitingAndComeWholeOrNotAtAll) {
     EXPECT_EQ("", other.phone("SetStatus", "si", "reply", 0));
     const int count = std::stoi(query("SELECT count(*) FROM mail"));
     in_between = count < 5000 * turn;
-    ASSERT_TRUE(until([&] { return query("SELECT count(*) FROM mail") == std::to_string(5000 * turn) + "\n"; }));
+    ASSERT_TRUE(run_until([&] { return query("SELECT count(*) FROM mail") == std::to_string(5000 * turn) + "\n"; }));
   }
   EXPECT_TRUE(in_between);
 }
@@ -742,7 +712,7 @@ TEST_F(Host, AFloodComesInSlicesWithTheMainLoopRunningInBetween) {
   int turns = 0; /* each is a chance to draw */
   Ecore_Idle_Enterer *counter = ecore_idle_enterer_add(
       [](void *t) -> Eina_Bool { return ++*static_cast<int *>(t), ECORE_CALLBACK_RENEW; }, &turns);
-  ASSERT_TRUE(until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE).empty(); }));
+  ASSERT_TRUE(run_until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE).empty(); }));
   ecore_idle_enterer_del(counter);
   EXPECT_EQ(ids, ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
   EXPECT_EQ(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, ears.events.back().first);
@@ -756,34 +726,49 @@ TEST_F(Host, ACallbackMayEndItAll) {
                    BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD,
                    [](brisel_ipc_event *, void *, void *) { EXPECT_EQ(0, brisel_ipc_client_deinit()); }, nullptr));
   add_mail("the last one heard of", "");
-  ASSERT_TRUE(until([&] { return brisel_ipc_req_cancel(0) == BRISEL_COMMON_ERROR_LINK; }));
+  ASSERT_TRUE(run_until([&] { return brisel_ipc_req_cancel(0) == BRISEL_COMMON_ERROR_LINK; }));
   EXPECT_EQ(0, brisel_ipc_client_init());
   subscribe_all(&ears);
   const int mail = add_mail("heard again", "");
-  ASSERT_TRUE(until([&] { return !ears.events.empty(); }));
+  ASSERT_TRUE(run_until([&] { return !ears.events.empty(); }));
   EXPECT_EQ((std::vector<int>{mail}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
 }
 
 /* The file under the running service: nobody kills it, nobody calls it. */
 TEST_F(Host, AStoreThatIsDeletedIsPutBackAndAnotherInItsPlaceIsTakenOver) {
   const int mail = add_mail("kept", "body");
-  ASSERT_TRUE(until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD).empty(); }));
+  ASSERT_TRUE(run_until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD).empty(); }));
   const auto subjects = [] { return query("SELECT subject FROM mail"); };
   for (const char *end : {"", "-wal", "-shm"}) unlink((store_path() + end).c_str());
-  ASSERT_TRUE(until([&] { return subjects() == "kept\n"; }));
+  ASSERT_TRUE(run_until([&] { return subjects() == "kept\n"; }));
   EXPECT_EQ("body", body_of(mail));
   for (const char *end : {"-wal", "-shm"}) unlink((store_path() + end).c_str()); /* what lies beside it holds it, too */
   EXPECT_EQ("", other.phone("UpdateMail", "ia{sv}", mail, 1, "subject", "s", "kept again"));
-  ASSERT_TRUE(until([&] { return subjects() == "kept again\n"; }));
+  ASSERT_TRUE(run_until([&] { return subjects() == "kept again\n"; }));
   std::ofstream(store_path() + ".new") << "no store";
   ASSERT_EQ(0, rename((store_path() + ".new").c_str(), store_path().c_str()));
-  ASSERT_TRUE(until([&] { return subjects() == "kept again\n"; }));
+  ASSERT_TRUE(run_until([&] { return subjects() == "kept again\n"; }));
   std::string set_aside;
   std::getline(std::ifstream(store_path() + ".strange"), set_aside);
   EXPECT_EQ("no store", set_aside);
   const int next = add_mail("next", "");
-  ASSERT_TRUE(until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD) == std::vector<int>{mail, next}; }));
+  ASSERT_TRUE(run_until([&] {
+    return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD) == std::vector<int>{mail, next};
+  }));
   EXPECT_EQ((std::vector<int>{}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE)) << "it was the same all along";
+
+  /* A copy of it from before comes back while no service runs. */
+  change_store(("VACUUM INTO '" + store_path() + ".copy'").c_str());
+  const int late = add_mail("late", "");
+  const auto has = [&](int type, int id) { return std::ranges::count(ears.all(type), id) == 1; };
+  ASSERT_TRUE(run_until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, late); }));
+  const int pid = service_pid(&other);
+  EXPECT_EQ(0, kill(pid, SIGKILL));
+  while (service_pid(&other) == pid) usleep(1000);
+  for (const char *end : {"-wal", "-shm"}) unlink((store_path() + end).c_str());
+  ASSERT_EQ(0, rename((store_path() + ".copy").c_str(), store_path().c_str()));
+  ASSERT_TRUE(run_until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, late); }));
+  ASSERT_TRUE(run_until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, next); }));
 
   std::string why;
   store *st = store_open(store_path() + ".new", &why);
@@ -791,13 +776,13 @@ TEST_F(Host, AStoreThatIsDeletedIsPutBackAndAnotherInItsPlaceIsTakenOver) {
   store_close(st);
   ears.events.clear();
   ASSERT_EQ(0, rename((store_path() + ".new").c_str(), store_path().c_str()));
-  ASSERT_TRUE(until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE).size() == 2; }));
+  ASSERT_TRUE(run_until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE).size() == 2; }));
   EXPECT_EQ("", subjects());
-  ASSERT_TRUE(until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD) == std::vector<int>{account}; }));
+  ASSERT_TRUE(
+      run_until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD) == std::vector<int>{account}; }));
 }
 
-/* --- states ---------------------------------------------------------------------------------------------------------
- */
+/* --- states --- */
 
 TEST_F(Host, TheLinkSettingFollowsThePhoneAndIsPutRightAfterAKill) {
   const auto link = [] {
@@ -815,16 +800,24 @@ TEST_F(Host, TheLinkSettingFollowsThePhoneAndIsPutRightAfterAKill) {
     EXPECT_EQ(1, link());
     EXPECT_EQ(0, conn());
   }
-  ASSERT_TRUE(until([&] { return link() == 0 && conn() == 1; }));
+  ASSERT_TRUE(run_until([&] { return link() == 0 && conn() == 1; }));
   {
     phone_peer phone;
     kill_service(&other);
     /* Nobody calls: the application has the next one started, which takes back what the killed one said. */
-    ASSERT_TRUE(until([&] { return link() == 0 && conn() == 1; }));
+    ASSERT_TRUE(run_until([&] { return link() == 0 && conn() == 1; }));
     EXPECT_EQ("", phone.phone("Connect", ""));
     EXPECT_EQ(1, link());
   }
-  ASSERT_TRUE(until([&] { return link() == 0 && conn() == 1; }));
+  ASSERT_TRUE(run_until([&] { return link() == 0 && conn() == 1; }));
+  {
+    phone_peer phone;
+    const int pid = service_pid(&other);
+    EXPECT_EQ(0, kill(pid, SIGTERM));
+    while (kill(pid, 0) == 0) usleep(1000); /* the main loop stands still: nobody starts another one */
+    EXPECT_EQ(0, link()) << "left set by the service that ended";
+  }
+  EXPECT_EQ("", other.phone("ListAccounts", ""));
   EXPECT_EQ(0, vconf_set_bool(link_key, 1)); /* made by hand: not the service's to take back */
   kill_service(&other);
   EXPECT_EQ("", other.phone("ListAccounts", ""));
@@ -875,44 +868,41 @@ TEST_F(Host, StatusesTemplatesAndCountsReadAsThePhoneSetThem) {
   EXPECT_EQ(0, value);
   ears.events.clear();
   EXPECT_EQ("", other.phone("SetAccountCount", "b", 1));
-  ASSERT_TRUE(until([&] {
+  ASSERT_TRUE(run_until([&] {
     return !ears.events.empty() && ears.events.back().first == BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS;
   }));
   EXPECT_EQ(0, brisel_db_is_valid_target_account_count(&value));
   EXPECT_EQ(1, value);
 }
 
+/* "interface method type direction" of every argument, in the order of each method. */
+std::set<std::string> outline(const std::string &xml) {
+  std::set<std::string> lines;
+  std::string interface, member;
+  int place = 0;
+  const std::regex tag("<(interface|method|signal|arg)\\b([^>]*)>"), attribute("(name|type|direction)=\"([^\"]*)\"");
+  for (std::sregex_iterator i(xml.begin(), xml.end(), tag), end; i != end; ++i) {
+    std::map<std::string, std::string> found;
+    const std::string kind = (*i)[1], rest = (*i)[2];
+    for (std::sregex_iterator a(rest.begin(), rest.end(), attribute); a != end; ++a) found[(*a)[1]] = (*a)[2];
+    if (kind == "interface") interface = found["name"];
+    if (kind == "method" || kind == "signal") member = kind + " " + found["name"], place = 0;
+    const bool out = found["direction"] == "out";
+    if (kind != "interface" && interface.find("vextora") != std::string::npos)
+      lines.insert(
+          interface + " " + member +
+          (kind == "arg" ? std::to_string(place++) + found["name"] + " " + found["type"] + (out ? " out" : "") : ""));
+  }
+  return lines;
+}
+
 TEST_F(Host, TheDescriptionIsWhatTheServiceOffers) {
-  sd_bus_message *answer = nullptr;
-  ASSERT_EQ("", other.call("org.freedesktop.DBus.Introspectable", "Introspect", &answer, ""));
+  bus_message answer;
+  ASSERT_EQ("", other.call("org.freedesktop.DBus.Introspectable", "Introspect", &answer.m, ""));
   const char *live = nullptr;
   sd_bus_message_read(answer, "s", &live);
   std::ifstream in(HOST_XML);
-  const std::string written{std::istreambuf_iterator<char>(in), {}};
-  const auto outline = [](const std::string &xml) {
-    std::string lines, interface;
-    const std::regex tag("<(interface|method|signal|arg)\\b([^>]*)>"), name("name=\"([^\"]*)\""),
-        type("type=\"([^\"]*)\""), out("direction=\"out\"");
-    for (std::sregex_iterator i(xml.begin(), xml.end(), tag), end; i != end; ++i) {
-      const std::string kind = (*i)[1], rest = (*i)[2];
-      std::smatch n, t;
-      std::regex_search(rest, n, name);
-      if (kind == "interface") interface = n[1];
-      if (interface.find("vextora") == std::string::npos) continue;
-      lines += kind + " " + std::string(n[1]);
-      if (std::regex_search(rest, t, type)) lines += " " + std::string(t[1]);
-      if (std::regex_search(rest, out)) lines += " out";
-      lines += "\n";
-    }
-    return lines;
-  };
-  const auto sorted =
-      [](const std::string &lines) { /* the two interfaces may come in any order */
-                                     const size_t cut = lines.find("interface", 1);
-                                     return std::set<std::string>{lines.substr(0, cut), lines.substr(cut)};
-      };
-  EXPECT_EQ(sorted(outline(written)), sorted(outline(live)));
-  sd_bus_message_unref(answer);
+  EXPECT_EQ(outline({std::istreambuf_iterator<char>(in), {}}), outline(live));
 }
 
 }  // namespace
@@ -921,9 +911,11 @@ int main(int argc, char **argv) {
   testing::InitGoogleTest(&argc, argv);
   setenv("ECORE_NO_SYSTEM_MODULES", "1", 1); /* they would talk to the machine's own bus */
   ecore_init();
-  if (argc == 3 && !strcmp(argv[1], "--hand-over-and-die")) {
+  if (argc == 2 && !strcmp(argv[1], "--hand-over-and-die")) {
     brisel_ipc_client_init();
-    for (int i = 0; i < atoi(argv[2]); i++) send_delete(8000 + i);
+    send_delete(8000);
+    send_read(8001, 77);
+    send_reply(8002, "a reply");
     raise(SIGKILL);
   }
   const int result = RUN_ALL_TESTS();
