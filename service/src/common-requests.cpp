@@ -1,4 +1,4 @@
-/* The application's requests, each put into a record for the queue of common-link.cpp. */
+/* The application's requests, each put into a record for the queue of common-link.cpp. The application calls it. */
 #include "brisel-common.h"
 #include "common-link-priv.h"
 

@@ -1,31 +1,17 @@
-/* The store as the application reads it. */
+/* The store as the application reads it: the calls of brisel-common.h that read. The application calls it. */
 #include "brisel-common.h"
 #include "reader.h"
 #include "records.h"
+#include "store-format.h"
 
 namespace {
 
 bool opened;
 
-/* Columns of the mail queries, in their order. */
-enum {
-  col_id,
-  col_host_state,
-  col_time,
-  col_attachments,
-  col_image,
-  col_new,
-  col_account,
-  col_locked,
-  col_read,
-  col_tag,
-  col_subject,
-  col_address,
-  col_name,
-  col_uid,
-  col_contacts,
-  col_body
-};
+/* Where a field stands in a row of the mail queries. */
+constexpr int column(mail_field field) {
+  return 1 + field;
+}
 
 bool read_text(slab *s, sqlite3_stmt *q, int column, char **text) {
   const unsigned char *stored = sqlite3_column_text(q, column);
@@ -36,24 +22,26 @@ bool read_text(slab *s, sqlite3_stmt *q, int column, char **text) {
 
 /* Fills an empty record from the query's row, all but the body; false when memory is short. */
 bool read_row(slab *s, sqlite3_stmt *q, full_noti_data *mail) {
-  mail->mail_id = sqlite3_column_int(q, col_id);
-  mail->host_state = sqlite3_column_int(q, col_host_state);
-  mail->received_time = static_cast<time_t>(sqlite3_column_int64(q, col_time));
-  mail->attachment_count = sqlite3_column_int(q, col_attachments);
-  mail->has_image = sqlite3_column_int(q, col_image);
-  mail->is_new = sqlite3_column_int(q, col_new);
-  mail->account_id = sqlite3_column_int(q, col_account);
-  mail->security_locked = sqlite3_column_int(q, col_locked);
-  mail->is_read = sqlite3_column_int(q, col_read);
-  const unsigned char *contacts = sqlite3_column_text(q, col_contacts);
-  return read_text(s, q, col_tag, &mail->host_tag) && read_text(s, q, col_subject, &mail->subject) &&
-         read_text(s, q, col_address, &mail->from_address) && read_text(s, q, col_name, &mail->from_name) &&
-         read_text(s, q, col_uid, &mail->message_uid) &&
-         records_set_contacts(s, mail, contacts, sqlite3_column_bytes(q, col_contacts));
+  mail->mail_id = sqlite3_column_int(q, 0);
+  mail->host_state = sqlite3_column_int(q, column(field_host_state));
+  mail->received_time = static_cast<time_t>(sqlite3_column_int64(q, column(field_time)));
+  mail->attachment_count = sqlite3_column_int(q, column(field_attachments));
+  mail->has_image = sqlite3_column_int(q, column(field_image));
+  mail->is_new = sqlite3_column_int(q, column(field_new));
+  mail->account_id = sqlite3_column_int(q, column(field_account));
+  mail->security_locked = sqlite3_column_int(q, column(field_locked));
+  mail->is_read = sqlite3_column_int(q, column(field_read));
+  const unsigned char *contacts = sqlite3_column_text(q, column(field_contacts));
+  return read_text(s, q, column(field_tag), &mail->host_tag) &&
+         read_text(s, q, column(field_subject), &mail->subject) &&
+         read_text(s, q, column(field_address), &mail->from_address) &&
+         read_text(s, q, column(field_name), &mail->from_name) &&
+         read_text(s, q, column(field_uid), &mail->message_uid) &&
+         records_set_contacts(s, mail, contacts, sqlite3_column_bytes(q, column(field_contacts)));
 }
 
 bool read_mail(slab *s, sqlite3_stmt *q, full_noti_data *mail) {
-  return read_row(s, q, mail) && read_text(s, q, col_body, &mail->body);
+  return read_row(s, q, mail) && read_text(s, q, column(field_body), &mail->body);
 }
 
 /* A list of mails while it grows: its cells lie beside its records. */

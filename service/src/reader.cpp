@@ -1,9 +1,12 @@
+/* The one read-only connection to the store: opened when somebody reads, followed when the file changes.
+   common-store.cpp and common-events.cpp call it, common-link.cpp tells when to look at the file. */
 #include "reader.h"
 
 #include <sys/stat.h>
 
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "brisel-common.h"
 #include "dlog.h"
@@ -16,10 +19,8 @@ constexpr char log_tag[] = "BRISEL_COMMON";
 /* Readers of a WAL store wait for nobody, except while a service that was killed is being cleaned up after. */
 constexpr int busy_ms = 1000;
 
-#define ROW_COLUMNS                                                                                        \
-  "mail_id, host_state, received_time, attachment_count, has_image, is_new, account_id, security_locked, " \
-  "is_read, host_tag, subject, from_address, from_name, message_uid, contacts"
-#define MAIL "SELECT " ROW_COLUMNS ", text FROM mail LEFT JOIN body USING (mail_id) "
+/* In the texts of the queries: the columns of a mail, its id first; the whole mail with its body behind them. */
+constexpr std::string_view row_mark = "[row]", mail_mark = "[mail]";
 #define SCREEN_ORDER "ORDER BY received_time DESC, mail_id"
 
 constexpr const char *texts[reader_query_count] = {
@@ -27,10 +28,10 @@ constexpr const char *texts[reader_query_count] = {
     "SELECT account_id, account_value, email_address, display_name FROM account ORDER BY account_id",
     "SELECT account_id, account_value, email_address, display_name FROM account WHERE account_id = ?",
     "SELECT color FROM account WHERE account_id = ?",
-    MAIL "WHERE mail_id = ?",
-    MAIL SCREEN_ORDER,
-    MAIL "WHERE account_id = ? " SCREEN_ORDER,
-    "SELECT " ROW_COLUMNS " FROM mail WHERE mail_id = ?",
+    "SELECT [mail] WHERE mail_id = ?",
+    "SELECT [mail] " SCREEN_ORDER,
+    "SELECT [mail] WHERE account_id = ? " SCREEN_ORDER,
+    "SELECT [row] FROM mail WHERE mail_id = ?",
     "SELECT mail_id, received_time, security_locked FROM mail " SCREEN_ORDER,
     "SELECT mail_id, received_time, security_locked FROM mail WHERE account_id = ? " SCREEN_ORDER,
     "SELECT count(*) FROM mail",
@@ -55,6 +56,17 @@ struct {
   int replaced;
   int told; /* the last error logged: one line for one trouble, however often it is met */
 } reader;
+
+std::string text_of(reader_query which) {
+  std::string text = texts[which];
+  const auto put = [&](std::string_view mark, const std::string &columns) {
+    const size_t at = text.find(mark);
+    if (at != std::string::npos) text.replace(at, mark.size(), columns);
+  };
+  put(mail_mark, std::string(row_mark) + ", text FROM mail LEFT JOIN body USING (mail_id)");
+  put(row_mark, "mail_id, " + mail_columns());
+  return text;
+}
 
 std::string store_path(void) {
   const char *dir = platform_data_dir();
@@ -155,7 +167,7 @@ int reader_start(reader_query which, sqlite3_stmt **query) {
   }
   sqlite3_stmt *&s = reader.statements[which];
   if (!s) {
-    const int r = sqlite3_prepare_v3(reader.db, texts[which], -1, SQLITE_PREPARE_PERSISTENT, &s, nullptr);
+    const int r = sqlite3_prepare_v3(reader.db, text_of(which).c_str(), -1, SQLITE_PREPARE_PERSISTENT, &s, nullptr);
     if (r != SQLITE_OK) {
       tell(r, sqlite3_errmsg(reader.db));
       close_store(); /* the next call tries anew */

@@ -1,3 +1,5 @@
+/* The records of the store in memory: lists in a few large blocks, single ones from the heap. common-store.cpp builds
+   them; the application makes and frees them by the calls of brisel-common.h. */
 #include "records.h"
 
 #include <sys/mman.h>

@@ -1,3 +1,5 @@
+/* The fields of a mail, and the forms of ids, numbers and texts: what store-format.h declares. It calls nothing else of
+   the service. */
 #include "store-format.h"
 
 #include <charconv>

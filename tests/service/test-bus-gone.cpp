@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include "bus-loop.h"
 #include "loop.h"
 #include "platform-paths.h"
+#include "rows.h"
 
 namespace {
 
@@ -51,15 +51,8 @@ bool service_is_there(void) {
 }
 
 int waiting(void) {
-  sqlite3 *db = nullptr;
-  int count = -1;
-  sqlite3_open_v2((std::string(platform_data_dir()) + "/store.db").c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
-  sqlite3_exec(
-      db, "SELECT count(*) FROM outbox",
-      [](void *out, int, char **values, char **) { return *static_cast<int *>(out) = atoi(values[0]), 0; }, &count,
-      nullptr);
-  sqlite3_close(db);
-  return count;
+  const std::string count = rows_of(std::string(platform_data_dir()) + "/store.db", "SELECT count(*) FROM outbox");
+  return count.empty() ? -1 : std::stoi(count);
 }
 
 int send_delete(int id) {

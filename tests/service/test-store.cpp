@@ -1,7 +1,6 @@
 /* The store's writer: what it takes, what it refuses, and what is left of it when the disk, the process or the power
    goes at any step. */
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <functional>
 
 #include "fault.h"
+#include "rows.h"
 #include "schema.h"
 #include "store.h"
 
@@ -33,33 +33,11 @@ struct folder {
 
 /* Every row of every table, as text. */
 std::string dump(const std::string &file) {
-  sqlite3 *db = nullptr;
   std::string text;
-  EXPECT_EQ(SQLITE_OK, sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr));
   for (const char *table :
-       {"account", "mail", "body", "template", "changes", "state WHERE key <> 'store_id'", "outbox", "done"}) {
-    text += std::string(table) + ":\n";
-    sqlite3_stmt *s = nullptr;
-    const std::string sql = std::string("SELECT * FROM ") + table;
-    EXPECT_EQ(SQLITE_OK, sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr)) << sqlite3_errmsg(db);
-    while (sqlite3_step(s) == SQLITE_ROW) {
-      for (int i = 0; i < sqlite3_column_count(s); i++) {
-        const unsigned char *value = sqlite3_column_text(s, i);
-        text += value ? reinterpret_cast<const char *>(value) : "NULL";
-        text += i + 1 < sqlite3_column_count(s) ? '|' : '\n';
-      }
-    }
-    sqlite3_finalize(s);
-  }
-  sqlite3_close(db);
+       {"account", "mail", "body", "template", "changes", "state WHERE key <> 'store_id'", "outbox", "done"})
+    text += std::string(table) + ":\n" + rows_of(file, std::string("SELECT * FROM ") + table);
   return text;
-}
-
-void run_sql(const std::string &file, const std::string &sql) {
-  sqlite3 *db = nullptr;
-  sqlite3_open(file.c_str(), &db);
-  EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr)) << sqlite3_errmsg(db);
-  sqlite3_close(db);
 }
 
 store *open_or_fail(const std::string &file) {
@@ -385,17 +363,8 @@ TEST_F(Rules, AMailThatBreaksOneIsRefusedWithAllThatCameWithIt) {
   EXPECT_EQ(before, dump(f.file));
 }
 
-std::vector<std::string> changes_after(const std::string &file, int64_t seq) {
-  std::vector<std::string> rows;
-  sqlite3 *db = nullptr;
-  sqlite3_open(file.c_str(), &db);
-  sqlite3_stmt *s = nullptr;
-  sqlite3_prepare_v2(db, "SELECT type || ':' || ids FROM changes WHERE seq > ? ORDER BY seq", -1, &s, nullptr);
-  sqlite3_bind_int64(s, 1, seq);
-  while (sqlite3_step(s) == SQLITE_ROW) rows.push_back(reinterpret_cast<const char *>(sqlite3_column_text(s, 0)));
-  sqlite3_finalize(s);
-  sqlite3_close(db);
-  return rows;
+std::string changes_after(const std::string &file, int64_t seq) {
+  return rows_of(file, "SELECT type || ':' || ids FROM changes WHERE seq > " + std::to_string(seq) + " ORDER BY seq");
 }
 
 TEST_F(Rules, EachCallRaisesTheEventsOfWhatItChanged) {
@@ -403,21 +372,28 @@ TEST_F(Rules, EachCallRaisesTheEventsOfWhatItChanged) {
   const std::string ids = std::to_string(a) + "," + std::to_string(b);
   int64_t entry = 0;
   int same = account, second = 42;
-  mail_values unchanged, renamed;
+  mail_values unchanged, renamed, written, emptied;
+  written.field[field_body] = {true, false, 0, "body"};
+  emptied.field[field_body] = {true, true, 0, ""};
   const size_t subject = static_cast<size_t>(mail_field_index("subject"));
   unchanged.field[subject] = {true, false, 0, "a"};
+  unchanged.field[field_body] = {true, true, 0, ""};
   renamed.field[subject] = {true, false, 0, "A"};
   using calls = std::function<store_status()>;
-  const std::vector<std::pair<calls, std::vector<std::string>>> rows = {
-      {[&] { return store_add_account(st, &same, "me@example.org", "Me", 0); }, {}}, /* as it is already */
-      {[&] { return store_add_account(st, &same, "me@example.org", "I", 0); }, {"3:" + std::to_string(account)}},
-      {[&] { return store_add_account(st, &second, "b@example.org", "", 1); }, {"3:42"}}, /* the count is known */
-      {[&] { return store_update_mail(st, a, unchanged); }, {}},
-      {[&] { return store_update_mail(st, a, renamed); }, {"1:" + std::to_string(a)}},
+  const std::vector<std::pair<calls, std::string>> rows = {
+      {[&] { return store_add_account(st, &same, "me@example.org", "Me", 0); }, ""}, /* as it is already */
+      {[&] { return store_add_account(st, &same, "me@example.org", "I", 0); }, "3:" + std::to_string(account) + "\n"},
+      {[&] { return store_add_account(st, &second, "b@example.org", "", 1); }, "3:42\n"}, /* the count is known */
+      {[&] { return store_update_mail(st, a, unchanged); }, ""},
+      {[&] { return store_update_mail(st, a, renamed); }, "1:" + std::to_string(a) + "\n"},
+      {[&] { return store_update_mail(st, a, written); }, "1:" + std::to_string(a) + "\n"},
+      {[&] { return store_update_mail(st, a, written); }, ""},
+      {[&] { return store_update_mail(st, a, emptied); }, "1:" + std::to_string(a) + "\n"},
+      {[&] { return store_update_mail(st, a, emptied); }, ""},
       {[&] {
          return store_request_read(st, {"r1", "{}"}, {a, a, 777}, &entry);
        },
-       {"1:" + std::to_string(a)}},
+       "1:" + std::to_string(a) + "\n"},
       {[&] {
          return store_request_read(st, {"r2", "{}"}, {a}, &entry);
        },
@@ -425,23 +401,24 @@ TEST_F(Rules, EachCallRaisesTheEventsOfWhatItChanged) {
       {[&] {
          return store_request_clear_new(st, {"c1", "{}"}, &entry);
        },
-       {"1:" + ids}},
+       "1:" + ids + "\n"},
       {[&] {
          return store_request_clear_new(st, {"c2", "{}"}, &entry);
        },
        {}},
-      {[&] { return store_set_account_count_known(st, true); }, {}},
-      {[&] { return store_set_account_count_known(st, false); }, {}},
-      {[&] { return store_set_account_count_known(st, true); }, {"5:"}},
-      {[&] { return store_append_body(st, b, 0, "text", false); }, {"1:" + std::to_string(b)}},
-      {[&] { return store_append_body(st, b, 4, "", false); }, {}},
+      {[&] { return store_set_account_count_known(st, true); }, ""},
+      {[&] { return store_set_account_count_known(st, false); }, ""},
+      {[&] { return store_set_account_count_known(st, true); }, "5:\n"},
+      {[&] { return store_append_body(st, b, 0, "text", false); }, "1:" + std::to_string(b) + "\n"},
+      {[&] { return store_append_body(st, b, 4, "", false); }, ""},
       {[&] {
          return store_request_delete(st, {"d1", "{}"}, {a, 777}, &entry);
        },
-       {"2:" + std::to_string(a)}},
-      {[&] { return store_remove_account(st, account); }, {"2:" + std::to_string(b), "4:" + std::to_string(account)}},
+       "2:" + std::to_string(a) + "\n"},
+      {[&] { return store_remove_account(st, account); },
+       "2:" + std::to_string(b) + "\n4:" + std::to_string(account) + "\n"},
   };
-  EXPECT_EQ((std::vector<std::string>{"3:1", "5:", "0:1", "0:2"}), changes_after(f.file, 0));
+  EXPECT_EQ("3:1\n5:\n0:1\n0:2\n", changes_after(f.file, 0));
   int number = 0;
   for (const auto &[call, events] : rows) {
     const int64_t before = store_last_change(st);
@@ -548,7 +525,7 @@ TEST_F(Rules, ABodyGrowsPieceByPieceUpToItsBound) {
 TEST_F(Rules, OldChangesGoAndTheLatestStay) {
   run_sql(f.file, "INSERT INTO changes (seq, type, ids) VALUES (100, 0, '1'), (16400, 0, '2'), (20031, 0, '3')");
   add_mail(st, account, "number 20032, which prunes");
-  EXPECT_EQ((std::vector<std::string>{"0:2", "0:3", "0:1"}), changes_after(f.file, 0));
+  EXPECT_EQ("0:2\n0:3\n0:1\n", changes_after(f.file, 0));
 }
 
 }  // namespace
