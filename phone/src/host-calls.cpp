@@ -1,6 +1,7 @@
 #include "host-parts.h"
 
 #include <glib.h>
+#include <zlib.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -113,13 +114,33 @@ int append_number(sd_bus_message *m, const char *key, int value) {
   return sd_bus_message_append(m, "{sv}", key, "i", value);
 }
 
-int append_mail(sd_bus_message *m, const watch_mail &mail) {
+/* The body made small, when the watch takes that, the way does not do it, and it is worth it. */
+int append_body(sd_bus_message *m, const host_bus &bus, const std::string &body) {
+  constexpr size_t worth = 256;
+  if (!bus.peer || !bus.watch.zlib || carrier_compresses(bus.way) || body.size() < worth)
+    return append_text(m, "body", body);
+  std::string text = host_bus_text(body);
+  uLongf size = compressBound(text.size());
+  std::vector<Bytef> small(size);
+  if (compress2(small.data(), &size, reinterpret_cast<const Bytef *>(text.data()), text.size(), Z_BEST_COMPRESSION) !=
+          Z_OK ||
+      size >= text.size())
+    return append_text(m, "body", body);
+  int r = sd_bus_message_open_container(m, 'e', "sv");
+  if (r >= 0) r = sd_bus_message_append(m, "s", "body_zlib");
+  if (r >= 0) r = sd_bus_message_open_container(m, 'v', "ay");
+  if (r >= 0) r = sd_bus_message_append_array(m, 'y', small.data(), size);
+  if (r >= 0) r = sd_bus_message_close_container(m);
+  return r < 0 ? r : sd_bus_message_close_container(m);
+}
+
+int append_mail(sd_bus_message *m, const host_bus &bus, const watch_mail &mail) {
   int r = sd_bus_message_open_container(m, 'a', "{sv}");
   if (r >= 0) r = append_text(m, "host_tag", mail.host_tag);
   if (r >= 0) r = append_number(m, "host_state", mail.host_state);
   if (r >= 0) r = sd_bus_message_append(m, "{sv}", "received_time", "x", mail.received_time);
   if (r >= 0) r = append_text(m, "subject", mail.subject);
-  if (r >= 0) r = append_text(m, "body", mail.body);
+  if (r >= 0) r = append_body(m, bus, mail.body);
   if (r >= 0) r = append_text(m, "from_address", mail.from_address);
   if (r >= 0) r = append_text(m, "from_name", mail.from_name);
   if (r >= 0) r = append_text(m, "message_uid", mail.message_uid);
@@ -358,7 +379,7 @@ host_call_holder host_add_mails_begin(host_bus *bus, const std::vector<const wat
   }
   int filled = sd_bus_message_open_container(m.m, 'a', "a{sv}");
   for (const watch_mail *mail : mails)
-    if (filled >= 0) filled = append_mail(m.m, *mail);
+    if (filled >= 0) filled = append_mail(m.m, *bus, *mail);
   if (filled >= 0) filled = sd_bus_message_close_container(m.m);
   if (filled < 0) {
     end_call(call.get(), HOST_REFUSED, std::string("the bus message cannot be made: ") + strerror(-filled));
@@ -414,12 +435,14 @@ int host_delete_mails(host_bus *bus, const std::vector<int> &ids, std::string *e
 }
 
 int host_list_mails(host_bus *bus, std::vector<host_record> *mails, std::string *error) {
-  /* In portions: all mails of a large store would not fit one bus message. */
+  /* In portions: all mails of a large store would not fit one bus message, and what the watch says besides must not
+     wait long behind one on a slow stream. */
+  const int portion = bus->peer ? 32 : 500;
   for (int after = 0;;) {
     bus_message call, reply;
     int result = host_begin(bus, &call, "ListMails", error);
     if (result < 0) return result;
-    result = host_finish(bus, call, sd_bus_message_append(call.m, "ii", after, 500), &reply, error);
+    result = host_finish(bus, call, sd_bus_message_append(call.m, "ii", after, portion), &reply, error);
     if (result != HOST_OK) return result;
     size_t before = mails->size();
     result = read_records(reply.m, mails);
