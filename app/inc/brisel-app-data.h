@@ -129,7 +129,10 @@ void brisel_update_delete_view(int update_type, GSList *id_list, appdata *ad);
 
 /* Reader: brisel-app-detail. push: 1 with a transition, 0 without. 0; -1: no ad; -3: not built. */
 int brisel_detail_draw_view(int mail_id, int push, appdata *ad);
+/* The list has changed: the open reader's pages follow it, at once or when the finger on them is lifted. Always 0. */
 int brisel_detail_update_neighbors(int mail_id, appdata *ad);
+/* Makes the page that the open reader shows the opened mail (ad->mail_id), also before it has come to rest. */
+void brisel_detail_follow_screen(appdata *ad);
 /* Whether the open reader has a page of that mail, in view or beside it. */
 Eina_Bool brisel_detail_shows_mail(int mail_id, appdata *ad);
 int brisel_detail_update_datetime_format(appdata *ad);

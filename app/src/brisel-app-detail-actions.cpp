@@ -13,27 +13,29 @@
 constexpr double pickover_period = 59.0;
 constexpr int pickover_valid = 60;
 
-full_noti_data *__brisel_detail_current_mail(const brisel_detail_view *view_data) {
-  return view_data->page_data[BRISEL_DETAIL_CUR_PAGE]->mail_data;
+static full_noti_data *__brisel_detail_mail_on_screen(brisel_detail_view *view_data) {
+  return __brisel_detail_page_on_screen(view_data)->mail_data;
 }
 
-static void __brisel_detail_show_on_device(const brisel_detail_view *view_data) {
-  int mail_ids[] = {__brisel_detail_current_mail(view_data)->mail_id};
+static void __brisel_detail_show_on_device(brisel_detail_view *view_data) {
+  int mail_ids[] = {__brisel_detail_mail_on_screen(view_data)->mail_id};
   brisel_util_show_on_device(mail_ids, 1);
 }
 
 void __brisel_detail_option_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   brisel_detail_view *view_data = (brisel_detail_view *)data;
-  brisel_option_detail_draw_view(view_data->mail_id, view_data->ad);
+  if (__brisel_detail_touch.is_multi) return;
+  brisel_option_detail_draw_view(__brisel_detail_mail_on_screen(view_data)->mail_id, view_data->ad);
 }
 
 void __brisel_detail_reply_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   brisel_detail_view *view_data = (brisel_detail_view *)data;
+  if (__brisel_detail_touch.is_multi) return;
   appdata *ad = view_data->ad;
   if (!brisel_util_bluetooth_connection_popup(ad, brisel_util_bt_connect_error_popup_result_cb, "perform")) return;
-  full_noti_data *mail = __brisel_detail_current_mail(view_data);
+  full_noti_data *mail = __brisel_detail_mail_on_screen(view_data);
   brisel_view_draw_reply(mail->mail_id, ad, mail);
 }
 
@@ -45,6 +47,7 @@ static void __brisel_detail_popup_response_cb(void *data, Evas_Object *obj, void
 void __brisel_detail_reply_update_required_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   brisel_detail_view *view_data = (brisel_detail_view *)data;
+  if (__brisel_detail_touch.is_multi) return;
   if (view_data->popup) {
     BRISEL_INFO("popup is already existed. remove it.");
     brisel_widget_ref_drop(&view_data->popup);
@@ -56,6 +59,7 @@ void __brisel_detail_reply_update_required_button_clicked_cb(void *data, Evas_Ob
 void __brisel_detail_show_on_device_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   brisel_detail_view *view_data = (brisel_detail_view *)data;
+  if (__brisel_detail_touch.is_multi) return;
   appdata *ad = view_data->ad;
   if (!brisel_util_bluetooth_connection_popup(ad, brisel_util_bt_connect_error_popup_result_cb, "perform")) return;
   int status = 0;
@@ -74,7 +78,7 @@ void __brisel_detail_send_update_ind(brisel_detail_view *view_data) {
     BRISEL_ERROR("brisel_update_noti_data_create() failed!");
     return;
   }
-  const full_noti_data *mail = __brisel_detail_current_mail(view_data);
+  const full_noti_data *mail = view_data->page_data[BRISEL_DETAIL_CUR_PAGE]->mail_data;
   update->id_list = g_slist_append(update->id_list, GINT_TO_POINTER(mail->mail_id));
   update->host_state = mail->host_state;
   int result = brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND);
@@ -104,11 +108,8 @@ static void __brisel_detail_pickover_cb(keynode_t *node, void *data) {
   }
   const char *value = vconf_keynode_get_str(node);
   if (!value || strcmp(value, BRISEL_PACKAGE) != 0) return;
+  /* The mail stays on the screen, so the registration goes on being renewed. */
   __brisel_detail_show_on_device(view_data);
-  if (!view_data->pickover_timer) return;
-  BRISEL_INFO("TIMER deleted!!");
-  ecore_timer_del(view_data->pickover_timer);
-  view_data->pickover_timer = nullptr;
 }
 
 static void __brisel_detail_register_pickover(brisel_detail_view *view_data) {
@@ -139,7 +140,9 @@ static Eina_Bool __brisel_detail_pickover_timer_cb(void *data) {
 void __brisel_detail_update_pickover(brisel_detail_view *view_data) {
   BRISEL_INFO("Enter");
   if (view_data->pickover_timer) ecore_timer_del(view_data->pickover_timer);
+  view_data->pickover_timer = nullptr;
   __brisel_detail_unregister_pickover(view_data);
+  if (view_data->is_paused) return;
   __brisel_detail_register_pickover(view_data);
   view_data->pickover_timer = ecore_timer_add(pickover_period, __brisel_detail_pickover_timer_cb, view_data);
 }
@@ -149,7 +152,11 @@ void brisel_detail_register_pickover(view_data *vd) {
     BRISEL_ERROR("Invalid parameter: data is NULL!");
     return;
   }
-  __brisel_detail_update_pickover((brisel_detail_view *)vd);
+  brisel_detail_view *view_data = (brisel_detail_view *)vd;
+  view_data->is_paused = 0;
+  __brisel_detail_update_pickover(view_data);
+  /* A page that came to rest out of sight is entered now. */
+  __brisel_detail_settle(view_data);
 }
 
 void brisel_detail_unregister_pickover(view_data *vd) {
@@ -158,6 +165,7 @@ void brisel_detail_unregister_pickover(view_data *vd) {
     return;
   }
   brisel_detail_view *view_data = (brisel_detail_view *)vd;
+  view_data->is_paused = 1;
   if (view_data->pickover_timer) ecore_timer_del(view_data->pickover_timer);
   view_data->pickover_timer = nullptr;
   __brisel_detail_unregister_pickover(view_data);

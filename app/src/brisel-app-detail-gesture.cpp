@@ -81,18 +81,10 @@ static bool __brisel_detail_is_gesture_valid(const brisel_detail_view *view_data
   return !invalid;
 }
 
-static void __brisel_detail_unfreeze(Evas_Object *scroller) {
-  while (scroller && elm_object_scroll_freeze_get(scroller) > 0) elm_object_scroll_freeze_pop(scroller);
-}
-
 static void __brisel_detail_unfreeze_and_settle(brisel_detail_view *view_data) {
-  __brisel_detail_unfreeze(view_data->page_scroller);
-  /* A shift that was due when the fingers came down may have made another page the current one meanwhile. */
-  for (const page_data *page : view_data->page_data)
-    if (page) __brisel_detail_unfreeze(page->scroller);
-  int page = 0;
-  elm_scroller_current_page_get(view_data->page_scroller, &page, nullptr);
-  elm_scroller_page_bring_in(view_data->page_scroller, page, 0);
+  __brisel_detail_unfreeze_all(view_data);
+  /* With a finger down still, its lift does it. */
+  __brisel_detail_settle(view_data);
 }
 
 Evas_Event_Flags __brisel_detail_gesture_zoom_start_cb(void *data, void *event_info) {

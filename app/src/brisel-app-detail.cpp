@@ -12,14 +12,11 @@ static void __brisel_detail_free_view_data(brisel_detail_view *view_data) {
   BRISEL_INFO("Enter");
   brisel_widget_ref_drop(&view_data->popup);
   brisel_widget_ref_drop(&view_data->gesture_layer);
-  if (view_data->page_scroller) {
+  __brisel_detail_leave_touches(view_data);
+  if (view_data->page_timer) ecore_timer_del(view_data->page_timer);
+  if (view_data->page_scroller)
     evas_object_smart_callback_del_full(view_data->page_scroller, "scroll", __brisel_detail_page_scroller_scroll_cb,
                                         view_data);
-    evas_object_event_callback_del_full(view_data->page_scroller, EVAS_CALLBACK_MOUSE_DOWN,
-                                        __brisel_detail_page_scroller_mouse_down_cb, view_data);
-    evas_object_event_callback_del_full(view_data->page_scroller, EVAS_CALLBACK_MOUSE_UP,
-                                        __brisel_detail_page_scroller_mouse_up_cb, view_data);
-  }
   if (view_data->page_scroller_layout)
     evas_object_event_callback_del_full(view_data->page_scroller_layout, EVAS_CALLBACK_RESIZE,
                                         __brisel_detail_page_layout_resize_cb, view_data);
@@ -59,15 +56,11 @@ static Eina_Bool __brisel_detail_view_pop_cb(void *data, Elm_Object_Item *it) {
   if (view_data->ad->naviframe)
     evas_object_smart_callback_del_full(view_data->ad->naviframe, "transition,finished",
                                         __brisel_detail_draw_neighbors_cb, view_data);
-  if (view_data->page_timer) ecore_timer_del(view_data->page_timer);
-  if (view_data->neighbor_timer) ecore_timer_del(view_data->neighbor_timer);
   if (view_data->pickover_timer) ecore_timer_del(view_data->pickover_timer);
   if (view_data->is_pickover_registered) __brisel_detail_unregister_pickover(view_data);
   int result = brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_MORE_MSG);
   if (result != 0) BRISEL_INFO("brisel_ipc_req_cancel() failed! ret:[%d]", result);
   __brisel_detail_abandon_more_msg(view_data, result == 0);
-  __brisel_detail_touch.is_mouse_down = 0;
-  __brisel_detail_touch.is_page_moving = 0;
   __brisel_detail_free_view_data(view_data);
   return EINA_TRUE;
 }
@@ -85,8 +78,8 @@ int brisel_detail_draw_view(int mail_id, int push, appdata *ad) {
   }
   view_data->view_type = BRISEL_VIEW_TYPE_DETAIL_VIEW;
   view_data->ad = ad;
-  __brisel_detail_touch.is_page_moving = 0;
-  view_data->mail_id = mail_id;
+  __brisel_detail_touch = {};
+  view_data->mail_id = view_data->entered_id = view_data->aimed_id = mail_id;
   view_data->font_size = __brisel_detail_read_font_size();
 
   __brisel_detail_create_layout_page_scroller(view_data);

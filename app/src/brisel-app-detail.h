@@ -38,6 +38,18 @@ struct more_msg_ctx {
   int mail_id;              /* the page that asked */
 };
 
+/* The way of the first finger; times in milliseconds. */
+struct detail_stroke {
+  struct point {
+    int x;
+    unsigned time; /* 0: none */
+  };
+  Evas_Coord_Point start, end;
+  unsigned start_time, end_time;
+  point recent[16];           /* the latest is the last */
+  unsigned char began_at_end; /* the page showed its end already when the finger came down */
+};
+
 /* The reader's record on the view stack; at most one exists. Starts like every view's record. */
 struct brisel_detail_view {
   int view_type;
@@ -48,29 +60,32 @@ struct brisel_detail_view {
   Evas_Object *page_scroller_layout;
   Evas_Object *popup;
   Evas_Object *box;
-  Ecore_Timer *page_timer; /* a page shift is due */
+  Ecore_Timer *page_timer; /* looks which page came to rest */
   Ecore_Timer *pickover_timer;
   ::page_data *page_data[BRISEL_DETAIL_PAGE_MAX];
   unsigned char is_pickover_registered;
   int font_size;      /* 0 small, 1 normal, 2 large; as the setting says until the first gesture */
   int cur_page_index; /* of the current page among the packed ones: 0, 1 or 2 */
-  int mail_id;
+  int mail_id;        /* of the current page: the one that all actions are for */
+  int entered_id;     /* the mail that came to rest last and was told as read */
+  int aimed_id;       /* the mail whose page the scroller rests at or moves to */
+  int page_width;     /* pixels; 0 before the view has a size */
+  double seen_at;     /* where the scroller stood when it was last looked at, in pages */
+  unsigned char is_paused;
+  unsigned char is_neighbor_update_due;          /* the list changed while a finger was down */
+  ::page_data *standing[BRISEL_DETAIL_PAGE_MAX]; /* pages to be used again while the slots are filled anew */
+  detail_stroke stroke;
+  Ecore_Job *lift_job;
+  Ecore_Idler *touch_over_idler;
   Evas_Object *gesture_layer;
-  Evas_Coord_Point pressed_at; /* where and when (ms) the finger came down last */
-  unsigned pressed_time;
-  unsigned char pressed_at_end;         /* the page showed its end already when the finger came down */
-  more_msg_ctx *more_msg;               /* the request whose answer is awaited, or NULL */
-  unsigned char is_neighbor_update_due; /* the neighbours changed while a finger or a page was moving */
-  Ecore_Timer *neighbor_timer;          /* brings them up to date once nothing moves */
+  more_msg_ctx *more_msg; /* the request whose answer is awaited, or NULL */
 };
 
 /* --- what the tests call too --- */
 
-/* Fills the slot from node (NULL: empties it). The node used, or NULL. */
+/* Fills the empty slot from node. The node used, or NULL. */
 GList *__brisel_detail_update_neighbor(GList *node, int index, brisel_detail_view *view_data);
 void __brisel_detail_update_font_size(brisel_detail_view *view_data, int size);
-Eina_Bool __brisel_detail_page_to_previous_timer_cb(void *data);
-Eina_Bool __brisel_detail_page_to_next_timer_cb(void *data);
 Evas_Event_Flags __brisel_detail_gesture_zoom_start_cb(void *data, void *event_info);
 Evas_Event_Flags __brisel_detail_gesture_zoom_end_cb(void *data, void *event_info);
 Evas_Event_Flags __brisel_detail_gesture_zoom_abort_cb(void *data, void *event_info);
@@ -81,10 +96,11 @@ void __brisel_detail_ipc_more_msg_cb(void *response, int error, void *data);
    it with free(). */
 char *__brisel_detail_harmless_markup(const char *text);
 
-/* One finger on the paging scroller, and a page change between its detection and its end: there is one reader. */
+/* The fingers on the paging scroller: there is one reader. */
 struct detail_touch {
   unsigned char is_mouse_down;
-  unsigned char is_page_moving;
+  unsigned char is_multi; /* the touch was ever one of two fingers: it turns, asks and taps nothing */
+  int other_fingers;
 };
 extern detail_touch __brisel_detail_touch;
 
@@ -108,12 +124,33 @@ void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data
 void __brisel_detail_draw_neighbors_cb(void *data, Evas_Object *obj, void *event_info);
 void __brisel_detail_box_resize_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
 void __brisel_detail_page_scroller_scroll_cb(void *data, Evas_Object *obj, void *event_info);
-void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
-void __brisel_detail_page_scroller_mouse_up_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
 void __brisel_detail_page_layout_resize_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info);
 void __brisel_detail_create_layout_page_scroller(brisel_detail_view *view_data);
 void __brisel_detail_create_page_scroller(brisel_detail_view *view_data);
 void __brisel_detail_create_box(brisel_detail_view *view_data);
+/* Takes the page that came to rest over: the one place where that is decided. Does nothing while a finger is down or a
+   page moves; it comes back by itself then. */
+void __brisel_detail_settle(brisel_detail_view *view_data);
+void __brisel_detail_settle_soon(brisel_detail_view *view_data);
+/* The page that is acted on: the one on screen, or on its way there with no finger on it. */
+page_data *__brisel_detail_page_on_screen(brisel_detail_view *view_data);
+/* Makes the page that the scroller moves to the current one, at its place on the way. */
+void __brisel_detail_turn_to_aimed(brisel_detail_view *view_data);
+/* Brings in the page at that place in the box. */
+void __brisel_detail_aim_at(brisel_detail_view *view_data, int place);
+/* The page at that place, or NULL. */
+page_data *__brisel_detail_page_at(const brisel_detail_view *view_data, int place);
+/* Where in the box the mail's page is, or -1; where the scroller stands, in pages. */
+int __brisel_detail_place_of_mail(const brisel_detail_view *view_data, int mail_id);
+double __brisel_detail_place_on_screen(const brisel_detail_view *view_data);
+/* Takes over what changed in the list while a finger was down. */
+void __brisel_detail_follow_list(brisel_detail_view *view_data);
+
+/* --- the fingers on the pages: brisel-app-detail-touch.cpp --- */
+
+void __brisel_detail_watch_touches(brisel_detail_view *view_data);
+void __brisel_detail_leave_touches(brisel_detail_view *view_data);
+void __brisel_detail_unfreeze_all(brisel_detail_view *view_data);
 
 /* --- more of a body: brisel-app-detail-more.cpp --- */
 
@@ -124,7 +161,6 @@ void __brisel_detail_abandon_more_msg(brisel_detail_view *view_data, bool is_can
 /* --- buttons, read indication, pickover: brisel-app-detail-actions.cpp --- */
 
 void __brisel_detail_send_update_ind(brisel_detail_view *view_data);
-full_noti_data *__brisel_detail_current_mail(const brisel_detail_view *view_data);
 void __brisel_detail_option_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
 void __brisel_detail_reply_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
 void __brisel_detail_reply_update_required_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);

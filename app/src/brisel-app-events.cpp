@@ -6,7 +6,8 @@
 #include "brisel-app-utils.h"
 #include "brisel-app.h"
 
-/* An added or deleted mail beside the opened one changes the pages that the reader turns to. */
+/* An added or deleted mail changes the pages that the reader turns to, also from further away: it may stand behind
+   locked ones, or be the second. The reader knows what of it still stands. */
 static void _check_prev_next_mail_status_by_mail_id(GSList *ids, appdata *ad) {
   BRISEL_INFO("Enter");
   if (!ids) return;
@@ -21,12 +22,13 @@ static void _check_prev_next_mail_status_by_mail_id(GSList *ids, appdata *ad) {
     /* A deleted mail is beside nothing in the list any more, but its page still is beside the opened one. */
     if (id != prev_mail_id && id != next_mail_id && !brisel_detail_shows_mail(id, ad)) continue;
     BRISEL_INFO("viewer refresh is needed");
-    brisel_detail_update_neighbors(ad->mail_id, ad);
-    return;
+    break;
   }
+  brisel_detail_update_neighbors(ad->mail_id, ad);
 }
 
 static void _update_email_view(int type, GSList *ids, appdata *ad) {
+  brisel_detail_follow_screen(ad);
   if (type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE && ad->naviframe) {
     Eina_List *items = elm_naviframe_items_get(ad->naviframe);
     if (eina_list_count(items) > 1 && g_slist_find(ids, GINT_TO_POINTER(ad->mail_id))) {

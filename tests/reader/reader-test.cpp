@@ -50,15 +50,26 @@ void fling(bool to_next) {
 bool swipe(bool to_next) {
   const int before = reader()->mail_id;
   fling(to_next);
-  const bool turned = run_until([&] { return reader()->mail_id != before && !reader()->page_timer; });
+  rest();
+  return reader()->mail_id != before;
+}
+
+void turn(bool to_next) {
+  elm_scroller_page_show(reader()->page_scroller, reader()->cur_page_index + (to_next ? 1 : -1), 0);
+  /* What moves is looked at twice. */
+  __brisel_detail_settle(reader());
+  __brisel_detail_settle(reader());
+}
+
+void rest(void) {
+  EXPECT_TRUE(run_until([] { return !reader()->page_timer && !reader()->lift_job && !reader()->touch_over_idler; }));
   settle();
-  return turned;
 }
 
 void expect_no_turn(bool to_next) {
   const int before = reader()->mail_id;
   fling(to_next);
-  run_for(0.6); /* the page comes to rest, and a shift would have come, after 0.4 s */
+  rest();
   EXPECT_EQ(reader()->mail_id, before);
 }
 

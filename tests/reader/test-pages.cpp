@@ -103,12 +103,12 @@ TEST_F(Pages, OpeningAndPagingGiveTheSamePagesEverywhere) {
       ASSERT_EQ(brisel_detail_draw_view(ids[open[0]], 0, &test_ad), 0);
       settle();
       for (size_t i = 1; i < open.size(); i++) {
-        __brisel_detail_page_to_next_timer_cb(reader());
+        turn(true);
         ASSERT_EQ(slots(), expected_slots(ids, locked, open[i])) << size << " mails, forward to " << i;
         expect_consistent();
       }
       for (size_t i = open.size() - 1; i-- > 0;) {
-        __brisel_detail_page_to_previous_timer_cb(reader());
+        turn(false);
         ASSERT_EQ(slots(), expected_slots(ids, locked, open[i])) << size << " mails, back to " << i;
       }
       for (const page_data *page : reader()->page_data)
@@ -140,16 +140,21 @@ TEST_F(Pages, SwipesTurnOnePageEach) {
   }
 }
 
-TEST_F(Pages, ASecondSwipeWhileOneIsDueTurnsOnePage) {
-  fill(5);
-  open_reader(ids[0]);
-  fling(true);
-  ASSERT_TRUE(run_until([] { return reader()->page_timer; }));
-  Ecore_Timer *due = reader()->page_timer;
-  evas_object_smart_callback_call(reader()->page_scroller, "scroll", nullptr);
-  EXPECT_EQ(reader()->page_timer, due);
-  ASSERT_TRUE(run_until([] { return !reader()->page_timer; }));
-  EXPECT_EQ(reader()->mail_id, ids[1]);
+TEST_F(Pages, EveryFlickCounts) {
+  fill(8);
+  const struct {
+    const char *flicks; /* n(ext), p(revious), each as soon as the finger is up */
+    size_t to;
+  } table[] = {{"n", 3}, {"nn", 4}, {"nnnnn", 7}, {"np", 2}, {"npn", 3}, {"pp", 0}, {"ppppnn", 2}};
+  for (const auto &row : table) {
+    SCOPED_TRACE(row.flicks);
+    open_reader(ids[2]);
+    for (const char *flick = row.flicks; *flick; flick++) fling(*flick == 'n');
+    rest();
+    EXPECT_EQ(reader()->mail_id, ids[row.to]);
+    expect_consistent();
+    close_reader();
+  }
 }
 
 TEST_F(Pages, AFingerHoldsThePagesStill) {
@@ -194,7 +199,6 @@ TEST_F(Pages, AShiftGoesOnPastMailsThatLeftTheList) {
   brisel_update_mailbox_list(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, g_slist_append(nullptr, GINT_TO_POINTER(ids[2])),
                              &test_ad);
   ASSERT_TRUE(swipe(true));
-  EXPECT_TRUE(logged("E/__brisel_detail_get_list_by_mail_id() failed! for mail_id:[" + std::to_string(ids[2]) + "]"));
   EXPECT_EQ(slots(), (std::vector<int>{0, ids[0], ids[1], ids[3], ids[4]}));
   ASSERT_TRUE(swipe(true)) << "paging stopped";
   EXPECT_EQ(reader()->mail_id, ids[3]);
@@ -246,10 +250,7 @@ TEST_F(Pages, AThousandShiftsLeaveWhatTenLeave) {
   int objects = 0;
   size_t memory = 0;
   for (int shifts = 1; shifts <= 1000; shifts++) {
-    if (shifts / 5 % 2)
-      __brisel_detail_page_to_previous_timer_cb(reader());
-    else
-      __brisel_detail_page_to_next_timer_cb(reader());
+    turn(shifts / 5 % 2 == 0);
     /* The canvas lets go of what was deleted when it draws. */
     ecore_main_loop_iterate();
     elm_win_render(test_ad.win_main);
@@ -307,9 +308,10 @@ TEST_F(Pages, Failures) {
   ((item_data *)test_ad.mail_list->next->data)->mail_id = 99999;
   brisel_detail_update_neighbors(ids[0], &test_ad);
   EXPECT_EQ(slots(), (std::vector<int>{0, 0, ids[0], 0, ids[2]}));
-  ((item_data *)test_ad.mail_list->next->data)->mail_id = real;
-
   /* The current mail is not in the list: what stands stays. */
-  brisel_detail_update_neighbors(99999, &test_ad);
+  ((item_data *)test_ad.mail_list->data)->mail_id = 99998;
+  ((item_data *)test_ad.mail_list->next->data)->mail_id = real;
+  brisel_detail_update_neighbors(ids[0], &test_ad);
   EXPECT_EQ(slots(), (std::vector<int>{0, 0, ids[0], 0, ids[2]}));
+  ((item_data *)test_ad.mail_list->data)->mail_id = ids[0];
 }

@@ -1,0 +1,188 @@
+/* The fingers on the pages: which page a stroke means, and the pull at the end of a text. The main file and paging call
+   it. */
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "brisel-app-detail.h"
+#include "brisel-app-utils.h"
+
+/* Milliseconds. A stroke sideways that ends within flick_time turns the page, however short it was. */
+constexpr unsigned flick_time = 300;
+/* How far back a finger's last movement is looked at, and the share of a finger's width that counts as one. */
+constexpr unsigned last_time = 80;
+constexpr double last_move = 0.2;
+
+static bool __brisel_detail_is_at_end(const page_data *page) {
+  if (!page || !page->scroller) return false;
+  int content = 0, top = 0, view = 0;
+  evas_object_geometry_get(page->detail_layout, nullptr, nullptr, nullptr, &content);
+  elm_scroller_region_get(page->scroller, nullptr, &top, nullptr, &view);
+  return top + view >= content;
+}
+
+/* An edge is told when it is reached: never on a page that fits into the view, and not again on one that stays at its
+   end. Pulling such a page up asks for more text. */
+static void __brisel_detail_pull(brisel_detail_view *view_data) {
+  page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
+  if (view_data->stroke.began_at_end && page && page->scroller)
+    __brisel_detail_scroller_bottom_hit_cb(view_data, page->scroller, nullptr);
+}
+
+/* Which way the finger moved when it left: 1 to the left (the next page comes), -1 to the right, 0: it stood still. */
+static int __brisel_detail_last_direction(const detail_stroke *stroke) {
+  int moved = 0;
+  for (const detail_stroke::point &at : stroke->recent)
+    if (at.time && stroke->end_time - at.time <= last_time) {
+      moved = at.x - stroke->end.x;
+      break;
+    }
+  double least = last_move * elm_config_finger_size_get();
+  return moved >= least ? 1 : moved <= -least ? -1 : 0;
+}
+
+/* The place of the page that a touch leaves for. */
+static int __brisel_detail_target_of(brisel_detail_view *view_data) {
+  const detail_stroke *stroke = &view_data->stroke;
+  int home = __brisel_detail_place_of_mail(view_data, view_data->aimed_id);
+  if (__brisel_detail_touch.is_multi) return home; /* two fingers turn nothing */
+  int left = stroke->start.x - stroke->end.x, up = stroke->start.y - stroke->end.y;
+  int long_enough = 2 * elm_config_finger_size_get(), last = __brisel_detail_last_direction(stroke);
+  bool is_sideways = abs(left) >= long_enough && abs(left) > abs(up);
+  double place = __brisel_detail_place_on_screen(view_data);
+  if (is_sideways && stroke->end_time - stroke->start_time <= flick_time) {
+    int way = left > 0 ? 1 : -1;
+    if (last == -way) return home;
+    /* Flicks follow each other faster than pages come to rest: each goes on from where the last one aims, and the pages
+       beyond are built when they run out. */
+    if (!__brisel_detail_page_at(view_data, home + way)) {
+      __brisel_detail_turn_to_aimed(view_data);
+      home = __brisel_detail_place_of_mail(view_data, view_data->aimed_id);
+    }
+    return __brisel_detail_page_at(view_data, home + way) ? home + way : home;
+  }
+  double to = last > 0 ? std::ceil(place) : last < 0 ? std::floor(place) : std::round(place);
+  return std::clamp((int)to, home - 1, home + 1);
+}
+
+static void __brisel_detail_unfreeze(Evas_Object *scroller) {
+  while (scroller && elm_object_scroll_freeze_get(scroller) > 0) elm_object_scroll_freeze_pop(scroller);
+}
+
+void __brisel_detail_unfreeze_all(brisel_detail_view *view_data) {
+  __brisel_detail_unfreeze(view_data->page_scroller);
+  /* Another page than the one that was frozen may be the current one by now. */
+  for (const page_data *page : view_data->page_data)
+    if (page) __brisel_detail_unfreeze(page->scroller);
+}
+
+/* Taps that a touch of two fingers would have made have come by now. */
+static Eina_Bool __brisel_detail_touch_over_cb(void *data) {
+  ((brisel_detail_view *)data)->touch_over_idler = nullptr;
+  if (!__brisel_detail_touch.is_mouse_down && !__brisel_detail_touch.other_fingers) __brisel_detail_touch.is_multi = 0;
+  return ECORE_CALLBACK_CANCEL;
+}
+
+/* What a touch that is over means. The toolkit has done with it what it does. */
+static void __brisel_detail_lifted(brisel_detail_view *view_data) {
+  const detail_stroke *stroke = &view_data->stroke;
+  __brisel_detail_unfreeze_all(view_data);
+  /* Before a page is aimed at: one whose mail has gone is none. */
+  __brisel_detail_follow_list(view_data);
+  int target = __brisel_detail_target_of(view_data);
+  int up = stroke->start.y - stroke->end.y, left = stroke->start.x - stroke->end.x;
+  if (!__brisel_detail_touch.is_multi && up >= 2 * elm_config_finger_size_get() && up > abs(left))
+    __brisel_detail_pull(view_data);
+  if (target != __brisel_detail_place_on_screen(view_data) || view_data->aimed_id != view_data->mail_id) {
+    __brisel_detail_aim_at(view_data, target);
+    __brisel_detail_settle_soon(view_data);
+  } else {
+    __brisel_detail_settle(view_data);
+  }
+}
+
+static void __brisel_detail_lift_job_cb(void *data) {
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  view_data->lift_job = nullptr;
+  if (__brisel_detail_touch.is_mouse_down || __brisel_detail_touch.other_fingers) return;
+  __brisel_detail_lifted(view_data);
+  if (!view_data->touch_over_idler)
+    view_data->touch_over_idler = ecore_idler_add(__brisel_detail_touch_over_cb, view_data);
+}
+
+static void __brisel_detail_lift_soon(brisel_detail_view *view_data) {
+  if (!view_data->lift_job) view_data->lift_job = ecore_job_add(__brisel_detail_lift_job_cb, view_data);
+}
+
+static void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  const Evas_Event_Mouse_Down *event = (const Evas_Event_Mouse_Down *)event_info;
+  if (view_data->lift_job && !__brisel_detail_touch.other_fingers) {
+    /* The touch before it ended in the same turn of the loop: it counts, and what it set in motion is held at once. */
+    ecore_job_del(view_data->lift_job);
+    view_data->lift_job = nullptr;
+    __brisel_detail_lifted(view_data);
+    int x = 0;
+    elm_scroller_region_get(view_data->page_scroller, &x, nullptr, nullptr, nullptr);
+    elm_scroller_region_show(view_data->page_scroller, x, 0, view_data->page_width, 1);
+  }
+  __brisel_detail_touch.is_mouse_down = 1;
+  __brisel_detail_touch.is_multi = __brisel_detail_touch.other_fingers > 0;
+  detail_stroke *stroke = &view_data->stroke;
+  *stroke = {};
+  stroke->start = stroke->end = event->canvas;
+  stroke->start_time = stroke->end_time = event->timestamp;
+  stroke->began_at_end = __brisel_detail_is_at_end(view_data->page_data[BRISEL_DETAIL_CUR_PAGE]);
+}
+
+static void __brisel_detail_page_scroller_mouse_move_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
+  const Evas_Event_Mouse_Move *event = (const Evas_Event_Mouse_Move *)event_info;
+  if (!__brisel_detail_touch.is_mouse_down) return;
+  detail_stroke *stroke = &((brisel_detail_view *)data)->stroke;
+  std::move(std::begin(stroke->recent) + 1, std::end(stroke->recent), std::begin(stroke->recent));
+  *std::prev(std::end(stroke->recent)) = {event->cur.canvas.x, event->timestamp};
+}
+
+static void __brisel_detail_page_scroller_mouse_up_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  const Evas_Event_Mouse_Up *event = (const Evas_Event_Mouse_Up *)event_info;
+  __brisel_detail_touch.is_mouse_down = 0;
+  view_data->stroke.end = event->canvas;
+  view_data->stroke.end_time = event->timestamp;
+  __brisel_detail_lift_soon(view_data);
+}
+
+static void __brisel_detail_page_scroller_multi_down_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
+  __brisel_detail_touch.is_multi = 1;
+  __brisel_detail_touch.other_fingers++;
+}
+
+static void __brisel_detail_page_scroller_multi_up_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
+  if (__brisel_detail_touch.other_fingers > 0) __brisel_detail_touch.other_fingers--;
+  __brisel_detail_lift_soon((brisel_detail_view *)data);
+}
+
+static const struct {
+  Evas_Callback_Type type;
+  Evas_Object_Event_Cb callback;
+} touch_events[] = {
+    {EVAS_CALLBACK_MOUSE_DOWN, __brisel_detail_page_scroller_mouse_down_cb},
+    {EVAS_CALLBACK_MOUSE_MOVE, __brisel_detail_page_scroller_mouse_move_cb},
+    {EVAS_CALLBACK_MOUSE_UP, __brisel_detail_page_scroller_mouse_up_cb},
+    {EVAS_CALLBACK_MULTI_DOWN, __brisel_detail_page_scroller_multi_down_cb},
+    {EVAS_CALLBACK_MULTI_UP, __brisel_detail_page_scroller_multi_up_cb},
+};
+
+void __brisel_detail_watch_touches(brisel_detail_view *view_data) {
+  for (const auto &event : touch_events)
+    evas_object_event_callback_add(view_data->page_scroller, event.type, event.callback, view_data);
+}
+
+void __brisel_detail_leave_touches(brisel_detail_view *view_data) {
+  if (view_data->lift_job) ecore_job_del(view_data->lift_job);
+  if (view_data->touch_over_idler) ecore_idler_del(view_data->touch_over_idler);
+  __brisel_detail_touch = {};
+  if (!view_data->page_scroller) return;
+  for (const auto &event : touch_events)
+    evas_object_event_callback_del_full(view_data->page_scroller, event.type, event.callback, view_data);
+}
