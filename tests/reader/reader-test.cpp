@@ -54,7 +54,7 @@ bool swipe(bool to_next) {
   return reader()->mail_id != before;
 }
 
-void turn(bool to_next) {
+void show_page(bool to_next) {
   elm_scroller_page_show(reader()->page_scroller, reader()->cur_page_index + (to_next ? 1 : -1), 0);
   /* What moves is looked at twice. */
   __brisel_detail_settle(reader());

@@ -20,7 +20,7 @@ void fling(bool to_next);
 /* A fling, and then until the shift it starts is done. False when nothing shifts. */
 bool swipe(bool to_next);
 /* The same without a finger: the page beside comes on screen, and comes to rest there. */
-void turn(bool to_next);
+void show_page(bool to_next);
 /* Until nothing of a touch is under way any more: fingers, pages, and what follows from them. */
 void rest(void);
 /* A fling where there is no page to turn to. */

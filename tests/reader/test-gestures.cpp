@@ -108,7 +108,7 @@ TEST_F(Gestures, AFreezeEndsEvenWhenThePageChangesUnderIt) {
   open();
   Elm_Gesture_Zoom_Info info = {};
   __brisel_detail_gesture_zoom_start_cb(reader(), &info);
-  turn(true);
+  show_page(true);
   __brisel_detail_gesture_zoom_abort_cb(reader(), &info);
   expect_size(1, "default");
 }

@@ -103,12 +103,12 @@ TEST_F(Pages, OpeningAndPagingGiveTheSamePagesEverywhere) {
       ASSERT_EQ(brisel_detail_draw_view(ids[open[0]], 0, &test_ad), 0);
       settle();
       for (size_t i = 1; i < open.size(); i++) {
-        turn(true);
+        show_page(true);
         ASSERT_EQ(slots(), expected_slots(ids, locked, open[i])) << size << " mails, forward to " << i;
         expect_consistent();
       }
       for (size_t i = open.size() - 1; i-- > 0;) {
-        turn(false);
+        show_page(false);
         ASSERT_EQ(slots(), expected_slots(ids, locked, open[i])) << size << " mails, back to " << i;
       }
       for (const page_data *page : reader()->page_data)
@@ -218,7 +218,7 @@ TEST_F(Pages, OpeningWithoutATransitionBuildsNeighboursOnce) {
   ASSERT_EQ(brisel_detail_draw_view(ids[2], 0, &test_ad), 0);
   EXPECT_EQ(slots(), expected_slots(ids, std::vector<bool>(5), 2));
   page_data *next = reader()->page_data[BRISEL_DETAIL_NEXT_PAGE];
-  run_for(0.5); /* the pages must not turn by themselves while they get their places */
+  rest(); /* the pages must not turn by themselves while they get their places */
   EXPECT_EQ(reader()->mail_id, ids[2]);
   expect_consistent();
   evas_object_smart_callback_call(test_ad.naviframe, "transition,finished", nullptr);
@@ -237,25 +237,25 @@ TEST_F(Pages, ClosingLeavesNothingBehind) {
     ASSERT_TRUE(run_until([] { return reader()->page_timer; }));
     close_reader();
   }
-  run_for(0.3); /* a shift that was left behind would come now */
+  settle();
   elm_win_render(test_ad.win_main);
   EXPECT_EQ(count_objects(), before);
 }
 
-TEST_F(Pages, AThousandShiftsLeaveWhatTenLeave) {
+TEST_F(Pages, HundredsOfShiftsLeaveWhatTenLeave) {
   fill(20);
   /* Read mails send nothing that could still be on its way when the memory is counted. */
   for (int id : ids) phone.set_flag(id, "is_read", 1);
   ASSERT_EQ(brisel_detail_draw_view(ids[5], 0, &test_ad), 0);
   int objects = 0;
   size_t memory = 0;
-  for (int shifts = 1; shifts <= 1000; shifts++) {
-    turn(shifts / 5 % 2 == 0);
+  for (int shifts = 1; shifts <= 200; shifts++) {
+    show_page(shifts / 5 % 2 == 0);
     /* The canvas lets go of what was deleted when it draws. */
     ecore_main_loop_iterate();
     elm_win_render(test_ad.win_main);
-    if (shifts != 10 && shifts != 1000) continue;
-    run_for(0.5);
+    if (shifts != 10 && shifts != 200) continue;
+    settle();
     /* What was freed waits in the toolkit's queue for an idle moment, which this loop never has. */
     eina_freeq_clear(eina_freeq_main_get());
     if (shifts == 10) {
