@@ -135,6 +135,10 @@ int brisel_detail_update_neighbors(int mail_id, appdata *ad);
 void brisel_detail_follow_screen(appdata *ad);
 /* Whether the open reader has a page of that mail, in view or beside it. */
 Eina_Bool brisel_detail_shows_mail(int mail_id, appdata *ad);
+/* The built pages of these mails (ids as of an event) show what the store says of them now. */
+void brisel_detail_update_mails(GSList *ids, appdata *ad);
+/* After a change of ad->bt_connected. */
+void brisel_detail_update_link(appdata *ad);
 int brisel_detail_update_datetime_format(appdata *ad);
 int brisel_detail_update_string(appdata *ad);
 void brisel_detail_register_pickover(view_data *vd);

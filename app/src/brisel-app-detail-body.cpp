@@ -117,12 +117,10 @@ static size_t _block_end(const std::string &text, size_t start) {
 
 /* Which way the paragraph that is open at the end of [start, end) runs: its first strong character says. */
 static direction _open_direction(const std::string &text, const text_block &block, size_t end) {
-  size_t paragraph = text.rfind('\n', end - 1);
-  direction known = direction::none;
-  if (paragraph == std::string::npos || paragraph < block.start) {
-    paragraph = block.start;
-    known = block.along;
-  }
+  /* No further back than the block: a paragraph may go on for megabytes, and its earlier blocks know how it runs. */
+  size_t paragraph = end;
+  while (paragraph > block.start && text[paragraph - 1] != '\n') paragraph--;
+  direction known = paragraph == block.start ? block.along : direction::none;
   const char *last = text.c_str() + end;
   for (const char *s = text.c_str() + paragraph; known == direction::none && s < last; s = g_utf8_next_char(s)) {
     UCharDirection along = u_charDirection((UChar32)g_utf8_get_char(s));

@@ -1,52 +1,9 @@
 /* The gestures on a page and the sizes of its text. The main file calls it. */
 #include "brisel-app-detail.h"
 
-#include <cstring>
-
 #include "brisel-app-detail-body.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
-
-static const char part_title[] = "detail.title";
-
-/* Tags that only emphasise. All others could load fonts, objects or filters, or make a text of any size. */
-static bool __brisel_detail_is_harmless_tag(const char *name, size_t length) {
-  static const char *const harmless[] = {"b", "i", "em", "br", "br/", "tab", "tab/", "ps", "ps/"};
-  if (length && *name == '/') {
-    name++;
-    length--;
-  }
-  for (const char *tag : harmless)
-    if (strlen(tag) == length && !strncmp(tag, name, length)) return true;
-  return false;
-}
-
-char *__brisel_detail_harmless_markup(const char *text) {
-  GString *markup = g_string_new(nullptr);
-  while (*text) {
-    size_t plain = strcspn(text, "<");
-    g_string_append_len(markup, text, (gssize)plain);
-    text += plain;
-    if (!*text) break;
-    size_t inside = strcspn(text + 1, "<>");
-    if (text[1 + inside] == '>' && __brisel_detail_is_harmless_tag(text + 1, inside)) {
-      g_string_append_len(markup, text, (gssize)inside + 2);
-      text += inside + 2;
-    } else {
-      g_string_append(markup, "&lt;");
-      text++;
-    }
-  }
-  return g_string_free(markup, FALSE);
-}
-
-static void __brisel_detail_set_unconverted_subject(page_data *page) {
-  scoped_text shown = __brisel_detail_shown_subject(page->mail_data->subject);
-  scoped_text markup(__brisel_detail_harmless_markup(shown ? shown.get() : ""));
-  elm_object_part_text_set(page->detail_layout, part_title, markup.get());
-  /* The line for a missing subject, which the toolkit translates, gives way to a text but not to an empty one. */
-  if (markup && !*markup) edje_object_part_text_set(elm_layout_edje_get(page->detail_layout), part_title, "");
-}
 
 void __brisel_detail_update_font_size(brisel_detail_view *view_data, int size) {
   static const char *const signals[] = {"do-set-fontsize-small", "do-set-fontsize-normal", "do-set-fontsize-large"};
@@ -64,7 +21,7 @@ void __brisel_detail_update_font_size(brisel_detail_view *view_data, int size) {
     } else {
       BRISEL_ERROR("Invalid font-size: [%d]", size);
     }
-    __brisel_detail_set_unconverted_subject(page);
+    __brisel_detail_set_subject(page);
     __brisel_detail_set_body(page);
   }
 }

@@ -58,6 +58,19 @@ static void __brisel_detail_show_progress(const brisel_detail_view *view_data, p
   elm_object_part_content_set(page->detail_layout, part_process, progress);
 }
 
+bool __brisel_detail_is_waiting(const brisel_detail_view *view_data, const page_data *page) {
+  return page->more_msg_idler || page->more_msg_timer ||
+         (view_data->more_msg && view_data->more_msg->mail_id == page->mail_data->mail_id);
+}
+
+void __brisel_detail_show_waiting(const brisel_detail_view *view_data, page_data *page) {
+  __brisel_detail_signal(page->detail_layout, "do-process-device-field");
+  __brisel_detail_process_signals(page->detail_layout);
+  __brisel_detail_show_progress(view_data, page);
+  elm_layout_signal_emit(page->detail_layout, "start,progress", "");
+  __brisel_detail_veil_events(page, false);
+}
+
 static void __brisel_detail_stop_progress(page_data *page) {
   brisel_widget_ref_drop(&page->progress);
   elm_layout_signal_emit(page->detail_layout, "stop,progress", "");
@@ -117,11 +130,7 @@ static Eina_Bool __brisel_detail_more_msg_ind(void *data) {
   page->more_msg_idler = nullptr;
   if (!__brisel_detail_may_ask_for_more(page->mail_data->body)) return ECORE_CALLBACK_CANCEL;
 
-  __brisel_detail_signal(page->detail_layout, "do-process-device-field");
-  __brisel_detail_process_signals(page->detail_layout);
-  __brisel_detail_show_progress(view_data, page);
-  elm_layout_signal_emit(page->detail_layout, "start,progress", "");
-  __brisel_detail_veil_events(page, false);
+  __brisel_detail_show_waiting(view_data, page);
   /* What could not be sent will never be answered: the page must not go on waiting. */
   if (!__brisel_detail_send_more_msg(view_data, page)) __brisel_detail_stop_more_msg(page);
   return ECORE_CALLBACK_CANCEL;
@@ -129,14 +138,18 @@ static Eina_Bool __brisel_detail_more_msg_ind(void *data) {
 
 void __brisel_detail_scroller_bottom_hit_cb(void *data, Evas_Object *obj, void *event_info) {
   brisel_detail_view *view_data = (brisel_detail_view *)data;
-  if (!view_data || !view_data->ad || view_data->ad->bt_connected != 1) return;
+  if (!view_data || !view_data->ad || __brisel_detail_touch.is_multi) return;
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
   /* Only the current page's own edge counts, and only when it is the end of the text rather than of a guess. */
   if (!page || (obj && obj != page->scroller) || !brisel_detail_body_end_is_known(page->detail_layout)) return;
   /* One pull reaches the edge more than once when the page bounces off it. While the page waits already, that is no
      wish for another request: it would throw away the answer on its way and use up the visit's share. */
-  if (page->more_msg_idler || page->more_msg_timer) return;
-  if (view_data->more_msg && view_data->more_msg->mail_id == page->mail_data->mail_id) return;
+  if (__brisel_detail_is_waiting(view_data, page)) return;
+  if (view_data->ad->bt_connected != 1) {
+    page->is_refused = 1;
+    __brisel_detail_set_device_notice(view_data, page);
+    return;
+  }
   if (page->more_msg_count <= 0) return;
   page->more_msg_count--;
   page->more_msg_idler = ecore_idler_add(__brisel_detail_more_msg_ind, view_data);

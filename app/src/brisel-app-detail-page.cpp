@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "brisel-app-detail-body.h"
 #include "brisel-app-utils.h"
@@ -88,10 +89,11 @@ static scoped_text __brisel_detail_image_notice() {
       g_strconcat(NOTICE_START, brisel_util_get_text("IDS_EMAIL_BODY_IMAGES_ARE_NOT_SUPPORTED"), NOTICE_END, nullptr));
 }
 
-static scoped_text __brisel_detail_device_notice() {
-  return scoped_text(g_strconcat(NOTICE_START "<valign=middle>",
-                                 brisel_util_get_text("IDS_EMAIL_BODY_MORE_ON_MOBILE_DEVICE_ABB"),
-                                 "</valign>" NOTICE_END, nullptr));
+static scoped_text __brisel_detail_device_notice(const page_data *page) {
+  const char *text =
+      page->is_refused ? "IDS_EMAIL_BODY_MORE_WHEN_CONNECTED" : "IDS_EMAIL_BODY_MORE_ON_MOBILE_DEVICE_ABB";
+  return scoped_text(
+      g_strconcat(NOTICE_START "<valign=middle>", brisel_util_get_text(text), "</valign>" NOTICE_END, nullptr));
 }
 
 /* Puts a notice into the part, in place of the one that was there. */
@@ -115,7 +117,17 @@ static void __brisel_detail_fit_image_field(Evas_Object *layout) {
   __brisel_detail_process_signals(layout);
 }
 
-static void __brisel_detail_set_attachment_text(brisel_detail_view *view_data, int count, Evas_Object *layout) {
+void __brisel_detail_set_device_notice(const brisel_detail_view *view_data, page_data *page) {
+  if (view_data->ad->bt_connected == 1) page->is_refused = 0;
+  Evas_Object *label = elm_object_part_content_get(page->detail_layout, part_device);
+  if (!label) return;
+  elm_object_text_set(label, __brisel_detail_device_notice(page).get());
+  elm_object_part_content_set(page->detail_layout, part_device, label);
+}
+
+void __brisel_detail_set_attachment_text(brisel_detail_view *view_data, const page_data *page) {
+  int count = page->mail_data->attachment_count;
+  if (count <= 0) return;
   char text[128] = {};
   if (count == 1) {
     snprintf(text, sizeof(text), "%s", brisel_util_get_text("IDS_EMAIL_BODY_1_ATTACHMENT"));
@@ -124,7 +136,8 @@ static void __brisel_detail_set_attachment_text(brisel_detail_view *view_data, i
     snprintf(text, sizeof(text), "%s", counted ? counted.get() : "");
   }
   brisel_util_cut_utf8(text, sizeof(text) - 1);
-  elm_object_part_text_set(layout, "detail.attachment", text);
+  __brisel_detail_signal(page->detail_layout, "do-show-attachment-field");
+  elm_object_part_text_set(page->detail_layout, "detail.attachment", text);
 }
 
 void __brisel_detail_update_datetime_string(brisel_detail_view *view_data, time_t time, Evas_Object *layout) {
@@ -143,7 +156,7 @@ void __brisel_detail_update_datetime_string(brisel_detail_view *view_data, time_
 }
 
 /* The subject, cut where it would be longer than anybody reads on a watch. */
-scoped_text __brisel_detail_shown_subject(const char *subject) {
+static scoped_text __brisel_detail_shown_subject(const char *subject) {
   if (!subject) return scoped_text(strdup(""));
   size_t length = strlen(subject);
   scoped_text shown((char *)malloc(length + sizeof("\xE2\x80\xA6")));
@@ -152,6 +165,18 @@ scoped_text __brisel_detail_shown_subject(const char *subject) {
   brisel_util_cut_utf8(shown.get(), subject_shown_max);
   if (length > subject_shown_max) strcat(shown.get(), "\xE2\x80\xA6");
   return shown;
+}
+
+void __brisel_detail_set_subject(page_data *page) {
+  const char *subject = page->mail_data->subject;
+  if (!subject || !*subject) {
+    elm_object_domain_translatable_part_text_set(page->detail_layout, part_title, BRISEL_DOMAIN,
+                                                 "IDS_EMAIL_BODY_HNO_SUBJECT_ABB");
+    return;
+  }
+  scoped_text shown = __brisel_detail_shown_subject(subject);
+  scoped_text markup(brisel_util_text_to_markup_whole(shown.get()));
+  elm_object_part_text_set(page->detail_layout, part_title, markup.get());
 }
 
 static Evas_Object *__brisel_detail_create_button(Evas_Object *parent, const char *name, int is_icon) {
@@ -187,10 +212,18 @@ static void __brisel_detail_place_button(Evas_Object *layout, const char *part, 
   elm_object_part_content_set(layout, part, button);
 }
 
-static void __brisel_detail_draw_buttons(brisel_detail_view *view_data, Evas_Object *layout) {
+static int __brisel_detail_reply_status() {
   int status = 2;
-  if (brisel_util_get_reply_status(&status) == 0 && (status == 0 || status == 1)) {
-    __brisel_detail_signal(layout, "do-dual-button-field");
+  return brisel_util_get_reply_status(&status) == 0 && (status == 0 || status == 1) ? status : 2;
+}
+
+static void __brisel_detail_draw_buttons(brisel_detail_view *view_data, page_data *page) {
+  Evas_Object *layout = page->detail_layout;
+  int status = page->reply_status = __brisel_detail_reply_status();
+  for (const char *part : {part_lbutton, part_rbutton})
+    if (Evas_Object *old = elm_object_part_content_unset(layout, part)) evas_object_del(old);
+  __brisel_detail_signal(layout, status == 2 ? "do-single-button-field" : "do-dual-button-field");
+  if (status != 2) {
     __brisel_detail_place_button(
         layout, part_lbutton, "b_email_icon_message_send.png", 1,
         status == 0 ? __brisel_detail_reply_button_clicked_cb : __brisel_detail_reply_update_required_button_clicked_cb,
@@ -217,17 +250,11 @@ static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, 
   __brisel_detail_update_datetime_string(view_data, mail->received_time, layout);
   if (!mail->is_new) __brisel_detail_signal(layout, "do-old-time-field");
 
-  if (mail->subject && *mail->subject) {
-    scoped_text shown = __brisel_detail_shown_subject(mail->subject);
-    scoped_text markup(brisel_util_text_to_markup_whole(shown.get()));
-    elm_object_part_text_set(layout, part_title, markup.get());
-  } else {
-    elm_object_domain_translatable_part_text_set(layout, part_title, BRISEL_DOMAIN, "IDS_EMAIL_BODY_HNO_SUBJECT_ABB");
-  }
+  __brisel_detail_set_subject(page);
 
   if (!__brisel_detail_ends_with_tag(mail->body, tag_complete)) {
     __brisel_detail_signal(layout, "do-show-device-field");
-    __brisel_detail_place_notice(layout, part_device, __brisel_detail_device_notice().get());
+    __brisel_detail_place_notice(layout, part_device, __brisel_detail_device_notice(page).get());
     __brisel_detail_process_signals(layout);
   }
 
@@ -236,13 +263,11 @@ static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, 
   if (view_data->font_size == 0) __brisel_detail_signal(layout, "do-set-fontsize-small");
   if (view_data->font_size == 2) __brisel_detail_signal(layout, "do-set-fontsize-large");
 
-  if (mail->attachment_count > 0) {
-    __brisel_detail_signal(layout, "do-show-attachment-field");
-    __brisel_detail_set_attachment_text(view_data, mail->attachment_count, layout);
-  }
-
-  __brisel_detail_draw_buttons(view_data, layout);
+  __brisel_detail_set_attachment_text(view_data, page);
+  __brisel_detail_draw_buttons(view_data, page);
   __brisel_detail_process_signals(layout);
+  /* Its text is on the way still, asked for before the page was built. */
+  if (__brisel_detail_is_waiting(view_data, page)) __brisel_detail_show_waiting(view_data, page);
 }
 
 Evas_Object *__brisel_detail_create_layout(Evas_Object *parent, const char *group) {
@@ -379,19 +404,43 @@ page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *vie
 
 void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page) {
   Evas_Object *layout = page->detail_layout;
-  if (Evas_Object *label = elm_object_part_content_get(layout, part_device)) {
-    elm_object_text_set(label, __brisel_detail_device_notice().get());
-    elm_object_part_content_set(layout, part_device, label);
-  }
+  __brisel_detail_set_device_notice(view_data, page);
   if (Evas_Object *label = elm_object_part_content_get(layout, part_image)) {
     elm_object_text_set(label, __brisel_detail_image_notice().get());
     __brisel_detail_fit_image_field(layout);
     elm_object_part_content_set(layout, part_image, label);
   }
-  if (page->mail_data->attachment_count > 0)
-    __brisel_detail_set_attachment_text(view_data, page->mail_data->attachment_count, layout);
-  int status = 2;
+  __brisel_detail_set_attachment_text(view_data, page);
   Evas_Object *button = elm_object_part_content_get(layout, part_lbutton);
-  if (brisel_util_get_reply_status(&status) == 0 && status == 2 && button)
+  if (__brisel_detail_reply_status() != page->reply_status)
+    __brisel_detail_draw_buttons(view_data, page);
+  else if (page->reply_status == 2 && button)
     elm_object_text_set(button, brisel_util_get_text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE"));
+}
+
+void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) {
+  full_noti_data *old = page->mail_data;
+  scoped_noti mail(brisel_full_noti_data_create());
+  if (!mail || brisel_db_get_full_noti_data_by_mail_id(old->mail_id, mail.get()) != 0) return;
+  /* A visit that found the mail unread stays one, and its time keeps its colour. */
+  mail->is_read = old->is_read;
+  mail->is_new = old->is_new;
+  /* Text that was asked for is shown in its own time. */
+  bool has_text = !__brisel_detail_is_waiting(view_data, page) && g_strcmp0(mail->body, old->body) != 0;
+  bool has_subject = g_strcmp0(mail->subject, old->subject) != 0;
+  if (!has_text) std::swap(mail->body, old->body);
+  page->mail_data = mail.release();
+  brisel_full_noti_data_free(old);
+  if (has_subject) __brisel_detail_set_subject(page);
+  scoped_text sender(brisel_view_sender_title(page->mail_data));
+  if (Evas_Object *title = elm_object_part_content_get(page->page_layout, "title"))
+    elm_object_part_text_set(title, "elm.text.title", sender.get());
+  __brisel_detail_update_datetime_string(view_data, page->mail_data->received_time, page->detail_layout);
+  __brisel_detail_set_attachment_text(view_data, page);
+  if (has_text) {
+    __brisel_detail_set_body(page);
+    bool is_whole = __brisel_detail_ends_with_tag(page->mail_data->body, tag_complete);
+    __brisel_detail_signal(page->detail_layout, is_whole ? "do-hide-device-field" : "do-show-device-field");
+  }
+  __brisel_detail_process_signals(page->detail_layout);
 }

@@ -122,13 +122,38 @@ int brisel_detail_draw_view(int mail_id, int push, appdata *ad) {
   return 0;
 }
 
+void brisel_detail_update_link(appdata *ad) {
+  brisel_detail_view *view_data =
+      (brisel_detail_view *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, ad);
+  if (!view_data) return;
+  for (page_data *page : view_data->page_data) {
+    if (!page || !page->detail_layout) continue;
+    /* What the lost link took away may be asked for again. */
+    if (ad->bt_connected == 1) page->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
+    __brisel_detail_set_device_notice(view_data, page);
+  }
+}
+
+void brisel_detail_update_mails(GSList *ids, appdata *ad) {
+  brisel_detail_view *view_data =
+      (brisel_detail_view *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, ad);
+  if (!view_data) return;
+  for (page_data *page : view_data->page_data)
+    if (page && page->detail_layout && g_slist_find(ids, GINT_TO_POINTER(page->mail_data->mail_id)))
+      __brisel_detail_renew_page(view_data, page);
+  /* A neighbour may have been locked, or a locked mail opened. */
+  brisel_detail_update_neighbors(ad->mail_id, ad);
+}
+
 int brisel_detail_update_datetime_format(appdata *ad) {
   BRISEL_INFO("Enter");
   brisel_detail_view *view_data = __brisel_detail_retrieve_view_data(ad);
   if (!view_data) return 0;
-  for (const page_data *page : view_data->page_data)
-    if (page && page->detail_layout)
-      __brisel_detail_update_datetime_string(view_data, page->mail_data->received_time, page->detail_layout);
+  for (const page_data *page : view_data->page_data) {
+    if (!page || !page->detail_layout) continue;
+    __brisel_detail_update_datetime_string(view_data, page->mail_data->received_time, page->detail_layout);
+    __brisel_detail_set_attachment_text(view_data, page); /* its digits are the region's */
+  }
   return 0;
 }
 

@@ -25,6 +25,8 @@ struct page_data {
   Evas_Object *detail_layout; /* "brisel/detail", the scroller's content */
   Evas_Object *progress;      /* shown while more of the body is fetched, or NULL */
   int more_msg_count;         /* requests the page may still make on this visit */
+  int reply_status;           /* of the phone, as the buttons were made for it */
+  unsigned char is_refused;   /* more was wanted while no phone was there: the notice says so */
   Ecore_Idler *more_msg_idler;
   Ecore_Timer *more_msg_timer; /* applies a received body */
   full_noti_data *mail_data;   /* owned */
@@ -92,9 +94,6 @@ Evas_Event_Flags __brisel_detail_gesture_zoom_abort_cb(void *data, void *event_i
 Evas_Event_Flags __brisel_detail_gesture_double_tab_end_cb(void *data, void *event_info);
 void __brisel_detail_scroller_bottom_hit_cb(void *data, Evas_Object *obj, void *event_info);
 void __brisel_detail_ipc_more_msg_cb(void *response, int error, void *data);
-/* A subject as the text part may be given it unconverted: what is no plain markup comes out as text. The caller frees
-   it with free(). */
-char *__brisel_detail_harmless_markup(const char *text);
 
 /* The fingers on the paging scroller: there is one reader. */
 struct detail_touch {
@@ -113,11 +112,16 @@ brisel_detail_view *__brisel_detail_retrieve_view_data(appdata *ad);
 page_data *__brisel_detail_find_page(const brisel_detail_view *view_data, int mail_id);
 void __brisel_detail_free_page_data(page_data *page);
 void __brisel_detail_update_datetime_string(brisel_detail_view *view_data, time_t time, Evas_Object *layout);
-scoped_text __brisel_detail_shown_subject(const char *subject);
+void __brisel_detail_set_subject(page_data *page);
 Evas_Object *__brisel_detail_create_layout(Evas_Object *parent, const char *group);
 Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent);
 page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *view_data, int mail_id);
 void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page);
+void __brisel_detail_set_attachment_text(brisel_detail_view *view_data, const page_data *page);
+/* The notice below a body that goes on, as it is true now. */
+void __brisel_detail_set_device_notice(const brisel_detail_view *view_data, page_data *page);
+/* Reads the page's mail again and shows what changed of it. */
+void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page);
 
 /* --- neighbours and turns: brisel-app-detail-paging.cpp --- */
 
@@ -157,6 +161,10 @@ void __brisel_detail_unfreeze_all(brisel_detail_view *view_data);
 bool __brisel_detail_ends_with_tag(const char *body, const char *tag);
 void __brisel_detail_set_body(page_data *page);
 void __brisel_detail_abandon_more_msg(brisel_detail_view *view_data, bool is_cancelled);
+/* Whether more of the page's text is on its way. */
+bool __brisel_detail_is_waiting(const brisel_detail_view *view_data, const page_data *page);
+/* The page says that it waits. */
+void __brisel_detail_show_waiting(const brisel_detail_view *view_data, page_data *page);
 
 /* --- buttons, read indication, pickover: brisel-app-detail-actions.cpp --- */
 

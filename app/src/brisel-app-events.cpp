@@ -38,6 +38,7 @@ static void _update_email_view(int type, GSList *ids, appdata *ad) {
     eina_list_free(items);
   }
   brisel_update_mailbox_list(type, ids, ad);
+  if (type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE) brisel_detail_update_mails(ids, ad);
   if (ad->mail_id > 0 &&
       (type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD || type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE))
     _check_prev_next_mail_status_by_mail_id(ids, ad);

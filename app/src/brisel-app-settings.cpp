@@ -72,6 +72,7 @@ static void _brisel_bt_connected_state_changed_cb(keynode_t *node, void *user_da
   if (connected == ad->bt_connected) return;
   ad->bt_connected = connected;
   brisel_view_show_link(connected);
+  brisel_detail_update_link(ad);
   if (connected) _link_is_up(ad);
   if (ad->no_account_popup) elm_object_disabled_set(ad->no_account_ok_btn, connected ? EINA_FALSE : EINA_TRUE);
 }

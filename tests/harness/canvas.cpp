@@ -121,6 +121,15 @@ void pinch_at(point middle, double factor, double reach) {
   run_for(0.1);
 }
 
+void second_finger(point at, bool down) {
+  if (down)
+    evas_event_feed_multi_down(canvas(), 1, at.x, at.y, 1, 1, 1, 1, 0, at.x, at.y, EVAS_BUTTON_NONE, event_time(10),
+                               nullptr);
+  else
+    evas_event_feed_multi_up(canvas(), 1, at.x, at.y, 1, 1, 1, 1, 0, at.x, at.y, EVAS_BUTTON_NONE, event_time(10),
+                             nullptr);
+}
+
 void double_tap_at(point at) {
   for (int taps = 0; taps < 2; taps++) {
     finger_down(at, 0);

@@ -28,6 +28,8 @@ void stroke(point from, point to);
 /* Two fingers that move apart (factor above 1) or together around a point, `reach` pixels from it at first. */
 void pinch_at(point middle, double factor, double reach);
 void double_tap_at(point at);
+/* A second finger comes down or goes up. */
+void second_finger(point at, bool down);
 void key(const char *name);
 
 /* Visible plain texts of the window, as the inspection tells them; one that something lies over is not among them. */

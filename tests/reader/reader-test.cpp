@@ -50,8 +50,19 @@ void fling(bool to_next) {
 bool swipe(bool to_next) {
   const int before = reader()->mail_id;
   fling(to_next);
-  rest();
+  rest_reader();
   return reader()->mail_id != before;
+}
+
+page_data *on_screen(void) {
+  int width = 0, x = 0;
+  evas_object_geometry_get(reader()->page_scroller_layout, nullptr, nullptr, &width, nullptr);
+  for (page_data *page : reader()->page_data) {
+    if (!page) continue;
+    evas_object_geometry_get(page->page_layout, &x, nullptr, nullptr, nullptr);
+    if (abs(x) <= width / 2) return page;
+  }
+  return nullptr;
 }
 
 void show_page(bool to_next) {
@@ -61,7 +72,7 @@ void show_page(bool to_next) {
   __brisel_detail_settle(reader());
 }
 
-void rest(void) {
+void rest_reader(void) {
   EXPECT_TRUE(run_until([] { return !reader()->page_timer && !reader()->lift_job && !reader()->touch_over_idler; }));
   settle();
 }
@@ -69,7 +80,7 @@ void rest(void) {
 void expect_no_turn(bool to_next) {
   const int before = reader()->mail_id;
   fling(to_next);
-  rest();
+  rest_reader();
   EXPECT_EQ(reader()->mail_id, before);
 }
 

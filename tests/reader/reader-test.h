@@ -19,10 +19,12 @@ std::vector<int> slots(void);
 void fling(bool to_next);
 /* A fling, and then until the shift it starts is done. False when nothing shifts. */
 bool swipe(bool to_next);
+/* The page that shows most of itself, going by where it is drawn. */
+page_data *on_screen(void);
 /* The same without a finger: the page beside comes on screen, and comes to rest there. */
 void show_page(bool to_next);
 /* Until nothing of a touch is under way any more: fingers, pages, and what follows from them. */
-void rest(void);
+void rest_reader(void);
 /* A fling where there is no page to turn to. */
 void expect_no_turn(bool to_next);
 /* The plain text of a part of a mail's layout. */

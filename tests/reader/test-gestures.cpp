@@ -113,21 +113,44 @@ TEST_F(Gestures, AFreezeEndsEvenWhenThePageChangesUnderIt) {
   expect_size(1, "default");
 }
 
-TEST_F(Gestures, LaterPagesAndTheSubjectAsStored) {
+TEST_F(Gestures, SizesReachLaterPagesAndLeaveSubjectsAsTheyAre) {
   open();
   phone.set_text(ids[3], "subject", "");
-  phone.set_text(ids[2], "subject", "a &amp; b");
+  phone.set_text(ids[2], "subject", "<b>a</b> &amp; b");
   close_reader();
   open_reader(ids[0]);
-  __brisel_detail_update_font_size(reader(), 2);
-  EXPECT_EQ(part_text(reader()->page_data[BRISEL_DETAIL_NEXT_NEXT_PAGE], "detail.title"), "a & b")
-      << "set as it is stored";
+  for (int size : {2, 0}) {
+    __brisel_detail_update_font_size(reader(), size);
+    EXPECT_EQ(part_text(reader()->page_data[BRISEL_DETAIL_NEXT_NEXT_PAGE], "detail.title"), "<b>a</b> &amp; b");
+  }
   ASSERT_TRUE(swipe(true));
   const page_data *later = reader()->page_data[BRISEL_DETAIL_NEXT_NEXT_PAGE];
-  EXPECT_EQ(part_state(later, "detail.body"), "large");
-  EXPECT_NE(part_text(later, "detail.title"), "") << "a page without a subject says so";
-  __brisel_detail_update_font_size(reader(), 0);
-  EXPECT_EQ(part_text(later, "detail.title"), "");
+  EXPECT_EQ(part_state(later, "detail.body"), "small");
+  __brisel_detail_update_font_size(reader(), 1);
+  EXPECT_EQ(part_text(later, "detail.title"), brisel_util_get_text("IDS_EMAIL_BODY_HNO_SUBJECT_ABB"));
+}
+
+/* Two fingers: neither a turn nor a question, wherever they left the page. */
+TEST_F(Gestures, TwoFingersTurnAndAskNothing) {
+  open();
+  const point middle = middle_of(reader()->page_scroller_layout);
+  const point edge = {20, middle.y};
+  for (const bool sideways : {true, false}) {
+    const point from = sideways ? point{middle.x * 2 - 20, middle.y} : point{middle.x, middle.y * 2 - 40};
+    touch(from);
+    second_finger(edge, true);
+    for (int step = 1; step <= 8; step++) {
+      move_finger(sideways ? point{from.x - step * 30, from.y} : point{from.x, from.y - step * 25});
+      settle();
+    }
+    second_finger(edge, false);
+    lift();
+    rest_reader();
+    EXPECT_EQ(reader()->mail_id, ids[1]);
+    EXPECT_EQ(on_screen(), current_page());
+    EXPECT_FALSE(current_page()->progress || current_page()->more_msg_idler);
+  }
+  EXPECT_TRUE(swipe(true));
 }
 
 TEST_F(Gestures, InvalidCallsAreIgnored) {

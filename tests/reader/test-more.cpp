@@ -117,11 +117,32 @@ TEST_F(MoreMsg, WithoutALinkNothingIsAskedAndNothingUsedUp) {
   open({"short" + more_tag});
   vconf_set_bool(BRISEL_KEY_BT_CONNECTED, 0);
   ASSERT_TRUE(run_until([] { return test_ad.bt_connected == 0; }));
+  const auto notice = [] {
+    return std::string(
+        elm_object_text_get(elm_object_part_content_get(current_page()->detail_layout, "detail.device")));
+  };
+  const char *refused = brisel_util_get_text("IDS_EMAIL_BODY_MORE_WHEN_CONNECTED");
+  current_page()->more_msg_count = 0;
+  EXPECT_EQ(notice().find(refused), std::string::npos);
   pull_up();
-  pull_up();
-  EXPECT_EQ(current_page()->more_msg_count, BRISEL_DETAIL_MORE_MSG_MAX);
+  ASSERT_TRUE(run_until([&] { return notice().find(refused) != std::string::npos; })) << "the page says nothing";
   EXPECT_EQ(phone.count("more_msg"), 0);
   vconf_set_bool(BRISEL_KEY_BT_CONNECTED, 1);
+  ASSERT_TRUE(run_until([&] { return notice().find(refused) == std::string::npos; }));
+  EXPECT_EQ(current_page()->more_msg_count, BRISEL_DETAIL_MORE_MSG_MAX) << "the link's return starts a visit anew";
+}
+
+TEST_F(MoreMsg, APageBuiltWhileItsTextIsOnTheWaySaysSo) {
+  open({"first" + more_tag, "b", "c", "d"});
+  __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
+  const int64_t request = phone.more_request();
+  for (int turns = 0; turns < 3; turns++) show_page(true);
+  for (int turns = 0; turns < 3; turns++) show_page(false);
+  EXPECT_NE(current_page()->progress, nullptr);
+  EXPECT_EQ(part_state(current_page(), "detail.process"), "shown");
+  phone.answer_more(request, 0, " more", true);
+  ASSERT_TRUE(body_becomes(current_page(), "first more"));
+  expect_rest(current_page(), false);
 }
 
 TEST_F(MoreMsg, AShortPageCanAskToo) {

@@ -207,6 +207,26 @@ TEST_F(Page, DatesFollowTheSettings) {
   EXPECT_NE(part_text(reader()->page_data[BRISEL_DETAIL_NEXT_PAGE], "detail.time"), "");
 }
 
+TEST_F(Page, PagesFollowTheMail) {
+  fill({"a", "b"});
+  open_reader(ids[0]);
+  phone.set_text(ids[1], "subject", "Another");
+  phone.set_text(ids[1], "from_name", "Someone else");
+  phone.set_flag(ids[1], "attachment_count", 3);
+  page_data *next = reader()->page_data[BRISEL_DETAIL_NEXT_PAGE];
+  ASSERT_TRUE(run_until([&] { return part_text(next, "detail.attachment") != ""; }));
+  EXPECT_EQ(part_text(next, "detail.title"), "Another");
+  EXPECT_EQ(part_state(next, "detail.attachment"), "shown");
+  ASSERT_TRUE(swipe(true));
+  EXPECT_EQ(current_page(), next);
+  EXPECT_EQ(title(), "Someone else");
+  /* The reply button changes its function with the phone's word, at the latest with the language. */
+  set_status("reply", 2);
+  vconf_set_str(BRISEL_KEY_LANGUAGE, "de_DE.UTF-8");
+  ASSERT_TRUE(run_until([&] { return part_state(next, "detail.rbutton") == "default"; }));
+  EXPECT_EQ(content("detail.rbutton"), nullptr);
+}
+
 TEST_F(Page, TextsFollowTheLanguage) {
   fill({"a"});
   phone.set_flag(ids[0], "has_image", 1);

@@ -150,7 +150,7 @@ TEST_F(Pages, EveryFlickCounts) {
     SCOPED_TRACE(row.flicks);
     open_reader(ids[2]);
     for (const char *flick = row.flicks; *flick; flick++) fling(*flick == 'n');
-    rest();
+    rest_reader();
     EXPECT_EQ(reader()->mail_id, ids[row.to]);
     expect_consistent();
     close_reader();
@@ -173,7 +173,7 @@ TEST_F(Pages, AFingerHoldsThePagesStill) {
 TEST_F(Pages, TheReaderFollowsTheList) {
   fill(5);
   open_reader(ids[1]);
-  /* A mail that comes in beside the opened one. */
+  /* Mails that come in beside the opened one, and two places away. */
   test_mail mail;
   mail.account = ((item_data *)test_ad.mail_list->data)->account_id;
   mail.received = 1767600000 - 90;
@@ -181,6 +181,15 @@ TEST_F(Pages, TheReaderFollowsTheList) {
   const int added = phone.add_mail(mail);
   ASSERT_TRUE(run_until([&] { return slots()[BRISEL_DETAIL_NEXT_PAGE] == added; }));
   EXPECT_EQ(slots(), (std::vector<int>{0, ids[0], ids[1], added, ids[2]}));
+  const page_data *stood = reader()->page_data[BRISEL_DETAIL_PREV_PAGE];
+  mail.received = 1767600000 + 60;
+  const int far = phone.add_mail(mail);
+  ASSERT_TRUE(run_until([&] { return slots()[BRISEL_DETAIL_PREV_PREV_PAGE] == far; }));
+  EXPECT_EQ(reader()->page_data[BRISEL_DETAIL_PREV_PAGE], stood) << "what stands is not built again";
+  phone.set_flag(ids[0], "security_locked", 1);
+  ASSERT_TRUE(run_until([&] { return slots()[BRISEL_DETAIL_PREV_PAGE] == far; })) << "a locked mail has no page";
+  phone.set_flag(ids[0], "security_locked", 0);
+  phone.delete_mails({far});
   /* Neighbours that the phone deletes. */
   phone.delete_mails({added});
   ASSERT_TRUE(run_until([&] { return slots()[BRISEL_DETAIL_NEXT_PAGE] == ids[2]; }))
@@ -190,6 +199,107 @@ TEST_F(Pages, TheReaderFollowsTheList) {
   expect_consistent();
   ASSERT_TRUE(swipe(true));
   EXPECT_EQ(reader()->mail_id, ids[2]);
+}
+
+/* What is on screen is what is acted on, whatever happens while a finger or a page is under way. */
+TEST_F(Pages, WhatIsShownIsWhatIsActedOn) {
+  fill(6);
+  const auto held_half_way = [&] {
+    const point at = middle_of(reader()->page_scroller_layout);
+    touch({at.x * 2 - 10, at.y});
+    for (int step = 1; step <= 10; step++) {
+      move_finger({at.x * 2 - 10 - step * at.x / 7, at.y});
+      settle();
+    }
+    return point{at.x * 2 - 10 - 10 * at.x / 7, at.y};
+  };
+  const auto is_true = [&](int mail_id) {
+    rest_reader();
+    EXPECT_EQ(on_screen(), current_page());
+    EXPECT_EQ(reader()->mail_id, mail_id);
+    EXPECT_EQ(test_ad.mail_id, mail_id);
+    EXPECT_EQ(__brisel_detail_page_on_screen(reader()), current_page());
+    expect_consistent();
+    EXPECT_EQ(phone.request("update_ind").at("id_list"), nlohmann::json({mail_id}));
+  };
+  /* Dragged over the middle: the page that comes to rest, once it does. */
+  open_reader(ids[1]);
+  phone.request("update_ind");
+  phone.requests.clear();
+  point at = held_half_way();
+  EXPECT_EQ(reader()->mail_id, ids[1]) << "a finger holds it still";
+  for (int waits = 0; waits < 30; waits++) settle();
+  release(at);
+  is_true(ids[2]);
+  /* Over the middle and flicked back: home, and nothing is told. */
+  at = held_half_way();
+  for (int step = 1; step <= 4; step++) move_finger({at.x + step * 20, at.y});
+  phone.requests.clear();
+  lift();
+  rest_reader();
+  EXPECT_EQ(reader()->mail_id, ids[2]);
+  EXPECT_EQ(on_screen(), current_page());
+  settle();
+  EXPECT_EQ(phone.count("update_ind"), 0);
+  /* The page dragged to goes: what is still there is left for. */
+  at = held_half_way();
+  phone.delete_mails({ids[3]});
+  ASSERT_TRUE(run_until([&] { return reader()->is_neighbor_update_due; }));
+  release(at);
+  rest_reader();
+  EXPECT_NE(reader()->mail_id, ids[3]);
+  EXPECT_EQ(on_screen(), current_page());
+  expect_consistent();
+  /* An action before the page came to rest is for the page that comes. */
+  const int before = reader()->mail_id;
+  fling(true);
+  settle();
+  EXPECT_NE(__brisel_detail_page_on_screen(reader())->mail_data->mail_id, before);
+  EXPECT_NE(test_ad.mail_id, before);
+  rest_reader();
+  EXPECT_EQ(on_screen(), current_page());
+}
+
+/* A neighbour that cannot be built leaves a hole that is turned across. */
+TEST_F(Pages, AHoleBesideTheOpenedMail) {
+  fill(5);
+  item_data *row = (item_data *)g_list_nth_data(test_ad.mail_list, 1);
+  row->mail_id = 99999;
+  open_reader(ids[2]);
+  ASSERT_EQ(slots(), (std::vector<int>{ids[0], 0, ids[2], ids[3], ids[4]}));
+  EXPECT_EQ(on_screen(), current_page());
+  row->mail_id = ids[1];
+  ASSERT_TRUE(swipe(false));
+  EXPECT_EQ(reader()->mail_id, ids[0]);
+  expect_consistent();
+}
+
+TEST_F(Pages, APageInTheBackgroundIsNotEntered) {
+  fill(3);
+  open_reader(ids[0]);
+  phone.request("update_ind");
+  phone.requests.clear();
+  fling(true);
+  app_pause(&test_ad);
+  rest_reader();
+  EXPECT_EQ(reader()->mail_id, ids[1]);
+  EXPECT_FALSE(reader()->is_pickover_registered);
+  EXPECT_EQ(phone.count("update_ind"), 0);
+  app_resume(&test_ad);
+  EXPECT_TRUE(reader()->is_pickover_registered);
+  EXPECT_EQ(phone.request("update_ind").at("id_list"), nlohmann::json({ids[1]}));
+}
+
+TEST_F(Pages, PagesFollowTheWindowsWidth) {
+  fill(5);
+  open_reader(ids[2]);
+  for (const int width : {240, 400, 320}) {
+    evas_object_resize(test_ad.win_main, width, 320);
+    ASSERT_TRUE(run_until([&] { return reader()->page_width == width; }));
+    rest_reader();
+    expect_consistent();
+    EXPECT_EQ(reader()->mail_id, ids[2]);
+  }
 }
 
 TEST_F(Pages, AShiftGoesOnPastMailsThatLeftTheList) {
@@ -218,7 +328,7 @@ TEST_F(Pages, OpeningWithoutATransitionBuildsNeighboursOnce) {
   ASSERT_EQ(brisel_detail_draw_view(ids[2], 0, &test_ad), 0);
   EXPECT_EQ(slots(), expected_slots(ids, std::vector<bool>(5), 2));
   page_data *next = reader()->page_data[BRISEL_DETAIL_NEXT_PAGE];
-  rest(); /* the pages must not turn by themselves while they get their places */
+  rest_reader(); /* the pages must not turn by themselves while they get their places */
   EXPECT_EQ(reader()->mail_id, ids[2]);
   expect_consistent();
   evas_object_smart_callback_call(test_ad.naviframe, "transition,finished", nullptr);

@@ -81,29 +81,6 @@ TEST_F(Texts, InvalidUtf8InARecordDoesNotBreakAPage) {
   elm_win_render(test_ad.win_main);
 }
 
-TEST_F(Texts, SubjectsAsStoredKeepOnlyPlainMarkup) {
-  struct {
-    const char *stored, *given;
-  } const table[] = {
-      {"plain", "plain"},
-      {"a & b &lt;", "a & b &lt;"},
-      {"<b>bold</b><br/>next", "<b>bold</b><br/>next"},
-      {"<font=/tmp/x.ttf>", "&lt;font=/tmp/x.ttf>"},
-      {"<item size=99999x99999 href=x/>", "&lt;item size=99999x99999 href=x/>"},
-      {"<gfx_filter=blur>", "&lt;gfx_filter=blur>"},
-      {"<b font_size=4000>", "&lt;b font_size=4000>"},
-      {"<b", "&lt;b"},
-      {"<<b>>", "&lt;<b>>"},
-      {"<>", "&lt;>"},
-      {"", ""},
-  };
-  for (const auto &row : table) {
-    char *given = __brisel_detail_harmless_markup(row.stored);
-    EXPECT_STREQ(given, row.given);
-    free(given);
-  }
-}
-
 TEST_F(Texts, ASubjectOfAnyLengthIsShownUpToABound) {
   const std::vector<int> ids = mailbox_with(&phone, {"body"});
   open_reader(ids[0]);
