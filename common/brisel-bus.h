@@ -24,6 +24,8 @@ inline constexpr char host_error_version[] = HOST_ERROR "Version";  /* one of th
 
 /* What Introduce exchanges. 1 is a side without Introduce; a side refuses what is below its least. */
 inline constexpr unsigned pair_version = 2, pair_version_least = 1;
+/* How long an id is, in hexadecimal digits, and a name at most, in bytes. */
+inline constexpr unsigned pair_id_size = 32, pair_name_max = 64;
 /* A capability: AddMails takes "body_zlib" (ay, a zlib stream of the text) in the place of "body". */
 inline constexpr char pair_zlib[] = "zlib";
 /* The program that a phone's stream ends at. */

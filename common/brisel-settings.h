@@ -20,5 +20,6 @@ inline constexpr char BRISEL_KEY_REGION[] = "db/menu_widget/regionformat";      
 inline constexpr char BRISEL_KEY_FONT_SIZE[] = "db/setting/accessibility/font_size";     /* int */
 inline constexpr char BRISEL_KEY_THEME[] = "db/setting/theme";                           /* string */
 inline constexpr char BRISEL_KEY_MOTION[] = "db/setting/motion";                         /* bool, 0: still */
+inline constexpr char BRISEL_KEY_DEVICE_NAME[] = "db/setting/device_name";               /* string, for phones */
 
 #endif

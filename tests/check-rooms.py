@@ -19,7 +19,7 @@ ROOMS = {
     "common": (["common"], [re.compile(r"^glib")]),
     "platform": (["platform"], [AGREED, EFL, re.compile(r"^unicode/"), re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|systemd/)"),
                                 re.compile(r"^nlohmann/"), re.compile(r"^(seccomp\.h|linux/landlock\.h)$")]),
-    "service": (["service", "common", "platform"], [EFL, re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|systemd/)"),
+    "service": (["service", "common", "platform"], [EFL, re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|zlib\.h|systemd/)"),
                                                     re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^schema\.h$")]),
     "phone": (["phone", "platform/inc"], [AGREED, re.compile(r"^(gmime|glib|gio)"), re.compile(r"^systemd/"),
                                           re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^phone-schema\.h$"),

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "brisel-bus.h"
 #include "gate.h"
 
 namespace {
@@ -27,8 +28,6 @@ constexpr char usage[] =
     "\n"
     "BRISEL_GATE_IDLE, BRISEL_GATE_ANSWER: the same as the options.\n";
 
-constexpr double idle_default = 55, answer_default = 15; /* seconds */
-
 /* Microseconds; false when the text is no number of seconds. */
 bool read_seconds(const char *name, const char *text, uint64_t *usec) {
   char *end = nullptr;
@@ -43,8 +42,8 @@ bool read_seconds(const char *name, const char *text, uint64_t *usec) {
 
 bool read_environment(gate *g) {
   const char *idle = getenv("BRISEL_GATE_IDLE"), *answer = getenv("BRISEL_GATE_ANSWER");
-  g->idle_limit = static_cast<uint64_t>(idle_default * 1e6);
-  g->answer_limit = static_cast<uint64_t>(answer_default * 1e6);
+  g->idle_limit = uint64_t{pair_silence} * 1000000;
+  g->answer_limit = uint64_t{pair_request_answer} * 1000000;
   return (!idle || read_seconds("BRISEL_GATE_IDLE", idle, &g->idle_limit)) &&
          (!answer || read_seconds("BRISEL_GATE_ANSWER", answer, &g->answer_limit));
 }

@@ -29,14 +29,25 @@ struct mail_batch {
   bool checked = false;
   size_t count = 0;
   std::vector<int> ids; /* of those that are in the store */
+  size_t unpacked = 0;  /* bytes that packed bodies came to */
+};
+
+/* A connection that said who it is. */
+struct phone_identity {
+  std::string connection; /* its unique name on the bus */
+  std::string id;         /* empty: it did not say */
+  std::string name;       /* for people */
 };
 
 struct host {
   store *st = nullptr;
   sd_bus *bus = nullptr;
   sd_event *event = nullptr;
-  int64_t announced = 0;         /* the newest change told to clients */
-  std::string phone;             /* unique name of the connected phone; empty: none */
+  int64_t announced = 0; /* the newest change told to clients */
+  std::string phone;     /* unique name of the connected phone; empty: none */
+  std::string phone_id, phone_name;
+  std::vector<phone_identity> introduced;
+  std::string watch_id;
   sd_bus_track *track = nullptr; /* follows the phone's name */
   std::list<more_request> more;
   std::map<std::string, std::string> clients; /* the program of each unique name that asked lately */
@@ -74,16 +85,31 @@ int host_follow_file(host *h, const std::string &folder);
 
 /* Handles AddMails: at once, or in slices and answered later. */
 int mails_add(sd_bus_message *m, void *data, sd_bus_error *error);
-/* Reads one a{sv} of a mail's fields; 0 at the array's end. */
-int mails_read_fields(sd_bus_message *m, mail_values *mail, sd_bus_error *error);
+/* Reads one a{sv} of a mail's fields; 0 at the array's end. unpacked: bytes that the call's packed bodies have come to;
+   NULL where a body cannot be packed. */
+int mails_read_fields(sd_bus_message *m, mail_values *mail, size_t *unpacked, sd_bus_error *error);
 /* At the end of the service: calls that are under way get no answer. */
 void mails_drop(host *h);
+
+/* --- pair.cpp: who is who --- */
+
+/* Reads this watch's id, or makes one. Below 0 an errno. */
+int pair_start(host *h);
+/* The method Introduce. */
+int pair_introduce(sd_bus_message *m, void *data, sd_bus_error *error);
+/* Who a connection said it is. */
+phone_identity pair_identity(const host *h, const char *connection);
+/* Refuses a caller whose program may not be the phone. */
+int pair_check_program(sd_bus_message *m, sd_bus_error *error);
+/* Unpacks a zlib stream to a text of at most `most` bytes. false when it is anything else. */
+bool pair_unpack(const void *packed, size_t size, size_t most, std::string *text);
 
 /* --- phone-link.cpp: the connected phone -------------------------------------------------------------------------- */
 
 /* At start: takes back what a service that was killed left saying about its phone. */
 void link_reset(host *h);
-/* Makes sender the phone. The caller has answered it before, so that the waiting requests follow the answer. */
+/* Makes sender the phone, also in the place of an earlier connection of the same one. The caller has answered it
+ * before, so that the waiting requests follow the answer. */
 int link_connect(host *h, const char *sender, sd_bus_error *error);
 void link_send_waiting(host *h);
 /* The phone left, or the service ends. */

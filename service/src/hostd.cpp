@@ -129,6 +129,11 @@ int main(int argc, char **argv) {
     fprintf(stderr, "brisel-hostd: %s\n", why.c_str());
     return EXIT_FAILURE;
   }
+  if (const int r = pair_start(&h); r < 0) {
+    fprintf(stderr, "brisel-hostd: the watch's own id cannot be kept: %s\n", strerror(-r));
+    store_close(h.st);
+    return EXIT_FAILURE;
+  }
   code = serve(&h);
   /* The store first: whoever gets the name next must find it free. */
   store_close(h.st);

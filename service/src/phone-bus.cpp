@@ -9,9 +9,8 @@
 
 namespace {
 
-/* Bytes of one ListMails answer as they travel: far below what a bus carries in one message, and what a caller waits
-   for while others do. */
-constexpr size_t list_bytes = 4u << 20;
+/* Bytes of one ListMails answer as they travel: a few seconds of a slow link, so that it is known to live meanwhile. */
+constexpr size_t list_bytes = 64u << 10;
 
 int invalid(sd_bus_error *error, const char *text) {
   return sd_bus_error_set(error, HOST_ERROR "Invalid", text);
@@ -26,7 +25,8 @@ int finish(host *h, sd_bus_message *m, store_status status, sd_bus_error *error)
 
 int connect_phone(sd_bus_message *m, void *data, sd_bus_error *error) {
   host *h = static_cast<host *>(data);
-  int r = link_connect(h, sd_bus_message_get_sender(m), error);
+  int r = pair_check_program(m, error);
+  if (r >= 0) r = link_connect(h, sd_bus_message_get_sender(m), error);
   if (r < 0) return r;
   r = sd_bus_reply_method_return(m, "");
   if (r >= 0) link_send_waiting(h);
@@ -95,7 +95,7 @@ int update_mail(sd_bus_message *m, void *data, sd_bus_error *error) {
   int id = 0;
   mail_values values;
   int r = sd_bus_message_read_basic(m, 'i', &id);
-  if (r >= 0) r = mails_read_fields(m, &values, error);
+  if (r >= 0) r = mails_read_fields(m, &values, nullptr, error);
   if (r < 0) return r;
   return finish(h, m, store_update_mail(h->st, id, values), error);
 }
@@ -229,6 +229,9 @@ int answer_more(sd_bus_message *m, void *data, sd_bus_error *error) {
 /* Keep com.vextora.brisel.Host.xml the same. */
 const sd_bus_vtable phone_vtable[] = {
     SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD_WITH_ARGS("Introduce", SD_BUS_ARGS("u", version, "s", phone_id, "s", phone_name, "as", capabilities),
+                            SD_BUS_RESULT("u", version, "s", watch_id, "s", watch_name, "as", capabilities),
+                            pair_introduce, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Connect", SD_BUS_NO_ARGS, SD_BUS_NO_RESULT, connect_phone, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("AddAccount", SD_BUS_ARGS("i", id, "s", address, "s", name, "u", rgba),
                             SD_BUS_RESULT("i", id), add_account, SD_BUS_VTABLE_UNPRIVILEGED),
@@ -256,5 +259,6 @@ const sd_bus_vtable phone_vtable[] = {
     SD_BUS_METHOD_WITH_ARGS("AnswerMore", SD_BUS_ARGS("x", id, "i", error, "s", piece, "b", complete), SD_BUS_NO_RESULT,
                             answer_more, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_SIGNAL_WITH_ARGS("Request", SD_BUS_ARGS("x", id, "s", json, "a{sv}", extra), 0),
+    SD_BUS_SIGNAL("Replaced", "", 0),
     SD_BUS_VTABLE_END,
 };

@@ -74,6 +74,18 @@ int send_request(host *h, int64_t id, const std::string &json, int64_t have) {
   return r;
 }
 
+/* The connection before is told, and what it was asked and did not answer has failed. The link stays up. */
+void replace_phone(host *h) {
+  sd_bus_message *m = nullptr;
+  int r = sd_bus_message_new_signal(h->bus, &m, host_path, phone_interface, "Replaced");
+  if (r >= 0) r = sd_bus_message_set_destination(m, h->phone.c_str());
+  if (r >= 0) r = sd_bus_send(h->bus, m, nullptr);
+  sd_bus_message_unref(m);
+  if (r < 0) fprintf(stderr, "brisel-hostd: an earlier connection could not be told: %s\n", strerror(-r));
+  h->track = sd_bus_track_unref(h->track);
+  while (!h->more.empty()) finish_more(h, h->more.begin(), HOST_ERROR "NoPhone", "the phone has left");
+}
+
 }  // namespace
 
 void link_reset(host *h) {
@@ -83,15 +95,24 @@ void link_reset(host *h) {
 
 int link_connect(host *h, const char *sender, sd_bus_error *error) {
   if (h->phone == sender) return 0;
-  if (!h->phone.empty()) return sd_bus_error_set(error, HOST_ERROR "Busy", "another phone is connected");
-  int r = sd_bus_track_new(h->bus, &h->track, track_cb, h);
-  if (r >= 0) r = sd_bus_track_add_name(h->track, sender);
+  const phone_identity who = pair_identity(h, sender);
+  const bool again = !who.id.empty() && who.id == h->phone_id;
+  if (!h->phone.empty() && !again)
+    return sd_bus_error_setf(error, HOST_ERROR "Busy", "%s is linked", h->phone_name.c_str());
+  sd_bus_track *track = nullptr;
+  int r = sd_bus_track_new(h->bus, &track, track_cb, h);
+  if (r >= 0) r = sd_bus_track_add_name(track, sender);
   if (r < 0) {
-    h->track = sd_bus_track_unref(h->track);
+    sd_bus_track_unref(track);
     return r;
   }
+  const bool was_up = !h->phone.empty();
+  if (was_up) replace_phone(h);
+  h->track = track;
   h->phone = sender;
-  set_link(h, true);
+  h->phone_id = who.id;
+  h->phone_name = who.name;
+  if (!was_up) set_link(h, true);
   return 0;
 }
 
@@ -109,6 +130,7 @@ void link_send_waiting(host *h) {
 void link_disconnect(host *h) {
   if (h->phone.empty()) return;
   h->phone.clear();
+  h->phone_id.clear();
   h->track = sd_bus_track_unref(h->track);
   while (!h->more.empty()) finish_more(h, h->more.begin(), HOST_ERROR "NoPhone", "the phone has left");
   set_link(h, false);

@@ -1,5 +1,6 @@
 /* Mails as the phone adds them: read from the bus field by field, and taken into the store in slices, so that nobody
    waits for all of them. phone-bus.cpp puts mails_add() on the bus and reads the fields of a changed mail with it. */
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -9,6 +10,8 @@
 /* Mails of one turn of the loop, and of one transaction: some hundredths of a second. */
 constexpr size_t slice_mails = 250;
 constexpr size_t slice_bytes = 2u << 20;
+/* Text that the packed bodies of one call come to at most. */
+constexpr size_t unpacked_max = 64u << 20;
 /* Calls that may be under way at once; each holds its message. */
 constexpr size_t batches_max = 8;
 
@@ -72,9 +75,24 @@ int read_number(sd_bus_message *m, char type, int64_t *number) {
   return r;
 }
 
+/* Reads the body as a zlib stream. unpacked: bytes that the call's bodies have come to. */
+int read_packed_body(sd_bus_message *m, field_value *value, size_t *unpacked, sd_bus_error *error) {
+  const void *packed = nullptr;
+  size_t size = 0;
+  const int r = sd_bus_message_read_array(m, 'y', &packed, &size);
+  if (r < 0) return r;
+  if (value->set) return sd_bus_error_set(error, host_error_invalid, "a mail has two bodies");
+  value->set = true;
+  if (!pair_unpack(packed, size, std::min(body_max, unpacked_max - *unpacked), &value->text))
+    return sd_bus_error_set(error, host_error_invalid, "body_zlib is no zlib stream of a text, or too much");
+  *unpacked += value->text.size();
+  value->null = value->text.empty();
+  return r;
+}
+
 }  // namespace
 
-int mails_read_fields(sd_bus_message *m, mail_values *mail, sd_bus_error *error) {
+int mails_read_fields(sd_bus_message *m, mail_values *mail, size_t *unpacked, sd_bus_error *error) {
   int r = sd_bus_message_enter_container(m, 'a', "{sv}");
   if (r <= 0) return r;
   while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
@@ -84,11 +102,20 @@ int mails_read_fields(sd_bus_message *m, mail_values *mail, sd_bus_error *error)
     if (r >= 0) r = sd_bus_message_peek_type(m, &type, &contents);
     if (r >= 0) r = sd_bus_message_enter_container(m, 'v', contents);
     if (r < 0) return r;
+    if (unpacked && !strcmp(key, "body_zlib") && !strcmp(contents, "ay")) {
+      r = read_packed_body(m, &mail->field[field_body], unpacked, error);
+      if (r >= 0) r = sd_bus_message_exit_container(m);
+      if (r >= 0) r = sd_bus_message_exit_container(m);
+      if (r < 0) return r;
+      continue;
+    }
     const int index = mail_field_index(key);
     if (index < 0) return sd_bus_error_setf(error, HOST_ERROR "Invalid", "a mail has no field %.64s", key);
     const field_rule &rule = mail_fields[static_cast<size_t>(index)];
     field_value &value = mail->field[static_cast<size_t>(index)];
     const bool is_text = rule.kind == field_kind::text, is_contacts = rule.kind == field_kind::contacts;
+    if (value.set && index == static_cast<int>(field_body))
+      return sd_bus_error_set(error, host_error_invalid, "a mail has two bodies");
     value.set = true;
     if (is_text && !strcmp(contents, "s")) {
       const char *text = nullptr;
@@ -115,12 +142,12 @@ int mails_read_fields(sd_bus_message *m, mail_values *mail, sd_bus_error *error)
 namespace {
 
 /* Reads the next mails of an array that was entered; *ended when none follow. */
-int read_slice(sd_bus_message *m, std::vector<mail_values> *mails, bool *ended, sd_bus_error *error) {
+int read_slice(sd_bus_message *m, std::vector<mail_values> *mails, size_t *unpacked, bool *ended, sd_bus_error *error) {
   size_t bytes = 0;
   *ended = false;
   while (mails->size() < slice_mails && bytes < slice_bytes) {
     mail_values mail;
-    const int r = mails_read_fields(m, &mail, error);
+    const int r = mails_read_fields(m, &mail, unpacked, error);
     if (r < 0) return r;
     *ended = r == 0;
     if (*ended) break;
@@ -147,6 +174,7 @@ int check_slice(host *h, mail_batch *batch, std::vector<mail_values> *mails, boo
   if (status) return host_fail(h, status, error);
   if (!ended) return 0;
   batch->checked = true;
+  batch->unpacked = 0;
   const int r = sd_bus_message_rewind(batch->m, 1);
   return r < 0 ? r : sd_bus_message_enter_container(batch->m, 'a', "a{sv}");
 }
@@ -175,7 +203,7 @@ int batch_cb(sd_event_source *source, void *data) {
   sd_bus_error error = SD_BUS_ERROR_NULL;
   std::vector<mail_values> mails;
   bool ended = false;
-  int r = read_slice(batch->m, &mails, &ended, &error);
+  int r = read_slice(batch->m, &mails, &batch->unpacked, &ended, &error);
   const bool adding = batch->checked;
   if (r >= 0) r = adding ? add_slice(h, batch, &mails, &error) : check_slice(h, batch, &mails, ended, &error);
   if (r >= 0 && !(adding && ended)) return go_on(h);
@@ -201,9 +229,10 @@ int go_on(host *h) {
 int mails_add(sd_bus_message *m, void *data, sd_bus_error *error) {
   host *h = static_cast<host *>(data);
   std::vector<mail_values> mails;
+  size_t unpacked = 0;
   bool ended = false;
   int r = sd_bus_message_enter_container(m, 'a', "a{sv}");
-  if (r >= 0 && h->batches.empty()) r = read_slice(m, &mails, &ended, error);
+  if (r >= 0 && h->batches.empty()) r = read_slice(m, &mails, &unpacked, &ended, error);
   if (r < 0) return r;
   if (ended) {
     std::vector<int> ids;

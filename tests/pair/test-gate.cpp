@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cstring>
 #include <fstream>
@@ -16,7 +17,9 @@
 
 #include "brisel-body.h"
 #include "brisel-settings.h"
+#include "driver.h"
 #include "phone.h"
+#include "platform-paths.h"
 #include "vconf.h"
 
 namespace {
@@ -355,6 +358,144 @@ TEST_F(Gate, BytesThatAreNoneOfAPhoneEndTheirOwnGateOnly) {
     shutdown(gate.fd, SHUT_WR);
     EXPECT_NE(-1, gate.code());
   }
+}
+
+constexpr char ann[] = "0123456789abcdef0123456789abcdef", ben[] = "fedcba9876543210fedcba9876543210";
+
+TEST_F(Gate, TheSamePhoneTakesItsPlaceBackAndAnotherIsToldWhoHasIt) {
+  gated first, another, again;
+  const struct {
+    uint32_t version;
+    const char *id, *error;
+  } table[] = {{0, ann, host_error_version}, {2, "short", host_error_invalid}, {3, ben, ""}, {2, ben, ""}};
+  for (const auto &row : table)
+    EXPECT_EQ(row.error, another.phone("Introduce", "ussas", row.version, row.id, "Ben's", 0)) << another.error;
+  EXPECT_EQ("", first.phone("Introduce", "ussas", 2, ann, "\nAnn's phone", 2, "zlib", "whatever comes"));
+  EXPECT_EQ("", first.phone("Connect", ""));
+  EXPECT_EQ(host_error_busy, another.phone("Connect", ""));
+  EXPECT_EQ("Ann's phone is linked", another.error);
+
+  const int mail = other.add_mail({.account = account, .body = "one<tag:thisisover500>"});
+  std::string failed;
+  sd_bus_call_method_async(
+      other.bus, nullptr, host_name, host_path, watch_interface, "MoreMsg",
+      [](sd_bus_message *m, void *data, sd_bus_error *) {
+        *static_cast<std::string *>(data) =
+            sd_bus_message_is_method_error(m, nullptr) ? sd_bus_message_get_error(m)->name : "-";
+        return 0;
+      },
+      &failed, "ssi", "more", "uid-0", mail);
+  ASSERT_GE(sd_bus_flush(other.bus), 0);
+  ASSERT_TRUE(first.hears(1));
+  EXPECT_EQ("", again.phone("Introduce", "ussas", 2, ann, "Ann's phone", 0));
+  EXPECT_EQ("", again.phone("Connect", ""));
+  ASSERT_TRUE(first.hears(2));
+  EXPECT_EQ("Replaced ", first.signals[1]);
+  EXPECT_EQ(0, first.code());
+  EXPECT_TRUE(until([&] { return sd_bus_process(other.bus, nullptr) >= 0 && !failed.empty(); }));
+  EXPECT_EQ(host_error_no_phone, failed);
+  EXPECT_TRUE(linked());
+  EXPECT_EQ("", other.call(watch_interface, "NoAccount", nullptr, "s", "to-the-new-one"));
+  ASSERT_TRUE(again.hears(1));
+  EXPECT_EQ("", again.phone("Ack", "x", again.request));
+  again.leave();
+  EXPECT_TRUE(until([&] { return another.phone("Connect", "").empty(); }));
+}
+
+/* One mail with its body as a zlib stream, as it is or cut short. */
+std::string add_packed(gated *gate, int account, const std::string &body, size_t cut, bool twice) {
+  std::string packed(compressBound(body.size()), '\0');
+  uLongf size = packed.size();
+  compress2(reinterpret_cast<Bytef *>(packed.data()), &size, reinterpret_cast<const Bytef *>(body.data()), body.size(),
+            9);
+  bus_message m, answer;
+  sd_bus_error why = SD_BUS_ERROR_NULL;
+  sd_bus_message_new_method_call(gate->bus, &m.m, nullptr, host_path, phone_interface, "AddMails");
+  sd_bus_message_open_container(m, 'a', "a{sv}");
+  sd_bus_message_open_container(m, 'a', "{sv}");
+  sd_bus_message_append(m, "{sv}", "account_id", "i", account);
+  if (twice) sd_bus_message_append(m, "{sv}", "body", "s", "one too many");
+  sd_bus_message_open_container(m, 'e', "sv");
+  sd_bus_message_append(m, "s", "body_zlib");
+  sd_bus_message_open_container(m, 'v', "ay");
+  sd_bus_message_append_array(m, 'y', packed.data(), size - cut);
+  for (int level = 0; level < 4; level++) sd_bus_message_close_container(m);
+  const int r = sd_bus_call(gate->bus, m, 0, &why, &answer.m);
+  const std::string name = r >= 0 ? "" : why.name ? why.name : strerror(-r);
+  sd_bus_error_free(&why);
+  return name;
+}
+
+TEST_F(Gate, BodiesComePackedAndBounded) {
+  gated gate;
+  const struct {
+    std::string body;
+    size_t cut;
+    bool twice;
+    const char *error;
+  } table[] = {
+      {"Grüße", 0, false, ""},
+      {"", 0, false, ""},
+      {std::string(body_max, 'x'), 0, false, ""},
+      {std::string(body_max + 1, 'x'), 0, false, host_error_invalid},
+      {std::string(200u << 20, 'x'), 0, false, host_error_invalid}, /* 200 KiB of them on the way */
+      {"cut", 1, false, host_error_invalid},
+      {"cut", 8, false, host_error_invalid},
+      {"half a \xC3", 0, false, host_error_invalid},
+      {std::string("a\0b", 3), 0, false, host_error_invalid},
+      {"two", 0, true, host_error_invalid},
+  };
+  for (const auto &row : table)
+    EXPECT_EQ(row.error, add_packed(&gate, account, row.body, row.cut, row.twice)) << row.body.substr(0, 20);
+  bus_message answer;
+  ASSERT_EQ("", other.call(phone_interface, "ListMails", &answer.m, "ii", 0, 1));
+  std::string body;
+  sd_bus_message_enter_container(answer, 'a', "a{sv}");
+  sd_bus_message_enter_container(answer, 'a', "{sv}");
+  while (sd_bus_message_enter_container(answer, 'e', "sv") > 0) {
+    const char *key = "", *text = "";
+    sd_bus_message_read(answer, "s", &key);
+    if (strcmp(key, "body") != 0 || sd_bus_message_read(answer, "v", "s", &text) < 0) sd_bus_message_skip(answer, "v");
+    body += text;
+    sd_bus_message_exit_container(answer);
+  }
+  EXPECT_EQ("Grüße", body);
+}
+
+/* Programs that are neither side's. */
+TEST_F(Gate, ImpostorsAreTakenForNeitherSide) {
+  const std::vector<std::string> connect = {"dbus-send",     "--session",
+                                            "--print-reply", std::string("--dest=") + host_name,
+                                            host_path,       std::string(phone_interface) + ".Connect"};
+  const ran stranger = run(connect);
+  EXPECT_NE(0, stranger.code);
+  EXPECT_NE(std::string::npos, stranger.err.find("dbus-send is no program")) << stranger.err;
+  EXPECT_FALSE(linked());
+  std::ofstream(std::string(platform_config_dir()) + "/phone-programs") << "/usr/bin/dbus-send\n";
+  EXPECT_EQ(0, run(connect).code) << "named by the user";
+  unlink((std::string(platform_config_dir()) + "/phone-programs").c_str());
+
+  /* One that waits in line for the service's name gets it when the service dies. */
+  test_phone impostor;
+  ASSERT_GE(sd_bus_request_name(impostor.bus, host_name, SD_BUS_NAME_QUEUE), 0);
+  gated before;
+  EXPECT_EQ("", before.phone("Connect", ""));
+  sd_bus_creds *creds = nullptr;
+  pid_t service = 0;
+  ASSERT_GE(sd_bus_get_name_creds(other.bus, host_name, SD_BUS_CREDS_PID, &creds), 0);
+  sd_bus_creds_get_pid(creds, &service);
+  sd_bus_creds_unref(creds);
+  ASSERT_NE(getpid(), service);
+  kill(service, SIGKILL);
+  std::string said;
+  EXPECT_EQ(1, before.code(&said)) << "the service it knew has ended";
+  gated after({}, false);
+  EXPECT_EQ(1, after.code(&said));
+  EXPECT_NE(std::string::npos, said.find("taken by")) << said;
+  const ran phone = run({"brisel-phone", "account", "list"});
+  EXPECT_NE(0, phone.code);
+  EXPECT_NE(std::string::npos, phone.err.find("taken by")) << phone.err;
+  ASSERT_GE(sd_bus_release_name(impostor.bus, host_name), 0);
 }
 
 TEST_F(Gate, FloodsStopAtTheGate) {
