@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "bluetooth.h"
 #include "brisel-bus.h"
 #include "gate.h"
 
@@ -22,6 +23,7 @@ constexpr char usage[] =
     "\n"
     "      --idle SECONDS    how long nothing may be heard of the phone (default 55)\n"
     "      --answer SECONDS  how long the phone may be silent after a request (default 15)\n"
+    "      --bluetooth       offer the profile to bonded phones, and join each that comes\n"
     "      --no-timers       the carrier itself tells when the phone is gone\n"
     "  -h, --help            show this help and exit\n"
     "  -V, --version         show the version and exit\n"
@@ -49,11 +51,14 @@ bool read_environment(gate *g) {
 }
 
 /* 0 to go on; otherwise *code is the exit code. */
-int read_arguments(int argc, char **argv, gate *g, int *code) {
-  static const option options[] = {
-      {"idle", required_argument, nullptr, 'i'}, {"answer", required_argument, nullptr, 'a'},
-      {"no-timers", no_argument, nullptr, 'n'},  {"help", no_argument, nullptr, 'h'},
-      {"version", no_argument, nullptr, 'V'},    {nullptr, 0, nullptr, 0}};
+int read_arguments(int argc, char **argv, gate *g, bool *bluetooth, int *code) {
+  static const option options[] = {{"idle", required_argument, nullptr, 'i'},
+                                   {"answer", required_argument, nullptr, 'a'},
+                                   {"bluetooth", no_argument, nullptr, 'b'},
+                                   {"no-timers", no_argument, nullptr, 'n'},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {"version", no_argument, nullptr, 'V'},
+                                   {nullptr, 0, nullptr, 0}};
   *code = 2;
   for (int c; (c = getopt_long(argc, argv, "hV", options, nullptr)) != -1;) switch (c) {
       case 'i':
@@ -61,6 +66,9 @@ int read_arguments(int argc, char **argv, gate *g, int *code) {
         break;
       case 'a':
         if (!read_seconds("--answer", optarg, &g->answer_limit)) return 1;
+        break;
+      case 'b':
+        *bluetooth = true;
         break;
       case 'n':
         g->idle_limit = g->answer_limit = 0;
@@ -95,7 +103,12 @@ int main(int argc, char **argv) {
   static gate g;
   int code = EXIT_SUCCESS;
   if (!read_environment(&g)) return 2;
-  if (read_arguments(argc, argv, &g, &code)) return code;
+  bool bluetooth = false;
+  if (read_arguments(argc, argv, &g, &bluetooth, &code)) return code;
+  if (bluetooth) {
+    find_session();
+    return bluetooth_run();
+  }
   if (isatty(STDIN_FILENO)) {
     fprintf(stderr, "brisel-gate: there is a terminal where a paired phone should be; see brisel-gate(1)\n");
     return 2;

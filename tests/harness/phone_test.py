@@ -142,5 +142,5 @@ def host_pid(session):
     return int(done.stdout.split()[-1]) if done.returncode == 0 else 0
 
 
-def status(session):
-    return json.loads(session.phone("relay", "status", "--json"))
+def status(session, *watch):
+    return json.loads(session.phone("relay", "status", "--json", *watch))

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <random>
 #include <set>
 
@@ -35,6 +36,87 @@ bool until(const std::function<bool()> &done) {
   return false;
 }
 
+/* BlueZ as far as a program without a radio can stand for it, on the session's bus in the place of the system's: takes
+   the profile, knows who is paired, and hands connections over. */
+struct bluez {
+  sd_bus *bus = nullptr;
+  pid_t gate = 0;
+  std::string profile, uuid, owner;
+  bool authentication = false;
+
+  static int paired_cb(sd_bus *, const char *path, const char *, const char *, sd_bus_message *reply, void *,
+                       sd_bus_error *) {
+    return sd_bus_message_append(reply, "b", !strstr(path, "stranger"));
+  }
+  static int register_cb(sd_bus_message *m, void *data, sd_bus_error *) {
+    auto *self = static_cast<bluez *>(data);
+    const char *path = "", *uuid = "", *key = "";
+    sd_bus_message_read(m, "os", &path, &uuid);
+    sd_bus_message_enter_container(m, 'a', "{sv}");
+    while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
+      int value = 0;
+      sd_bus_message_read(m, "s", &key);
+      if (!strcmp(key, "RequireAuthentication"))
+        self->authentication = sd_bus_message_read(m, "v", "b", &value) >= 0 && value;
+      else
+        sd_bus_message_skip(m, "v");
+      sd_bus_message_exit_container(m);
+    }
+    self->profile = path, self->uuid = uuid, self->owner = sd_bus_message_get_sender(m);
+    return sd_bus_reply_method_return(m, "");
+  }
+  bluez() {
+    static const sd_bus_vtable manager[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD("RegisterProfile", "osa{sv}", "", register_cb, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
+    static const sd_bus_vtable device[] = {SD_BUS_VTABLE_START(0), SD_BUS_PROPERTY("Paired", "b", paired_cb, 0, 0),
+                                           SD_BUS_VTABLE_END};
+    EXPECT_GE(sd_bus_open_user(&bus), 0);
+    EXPECT_GE(sd_bus_add_object_vtable(bus, nullptr, "/org/bluez", "org.bluez.ProfileManager1", manager, this), 0);
+    for (const char *path : {"/org/bluez/hci0/dev_friend", "/org/bluez/hci0/dev_stranger"})
+      EXPECT_GE(sd_bus_add_object_vtable(bus, nullptr, path, "org.bluez.Device1", device, this), 0);
+    gate = fork();
+    if (gate == 0) {
+      setenv("DBUS_SYSTEM_BUS_ADDRESS", getenv("DBUS_SESSION_BUS_ADDRESS"), 1);
+      execl(getenv("BRISEL_GATE"), "brisel-gate", "--bluetooth", nullptr);
+      _exit(127);
+    }
+    poll(nullptr, 0, 50); /* mostly it is there first, and has to wait for BlueZ */
+    EXPECT_GE(sd_bus_request_name(bus, "org.bluez", 0), 0);
+    EXPECT_TRUE(process([this] { return !profile.empty(); }));
+  }
+  ~bluez() {
+    kill(gate, SIGTERM);
+    EXPECT_EQ(gate, waitpid(gate, nullptr, 0));
+    sd_bus_flush_close_unref(bus);
+  }
+  bool process(const std::function<bool()> &done) {
+    return until([&] {
+      while (sd_bus_process(bus, nullptr) > 0) {
+      }
+      return done();
+    });
+  }
+  /* A phone comes: this end of its stream; `error` tells how the gate took it. */
+  int connect(const char *device, std::string *error) {
+    int stream[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, stream));
+    std::string answer = "none";
+    sd_bus_call_method_async(
+        bus, nullptr, owner.c_str(), profile.c_str(), "org.bluez.Profile1", "NewConnection",
+        [](sd_bus_message *m, void *data, sd_bus_error *) {
+          const sd_bus_error *why = sd_bus_message_get_error(m);
+          *static_cast<std::string *>(data) = why ? why->name : "";
+          return 0;
+        },
+        &answer, "oha{sv}", device, stream[1], 0);
+    EXPECT_TRUE(process([&] { return answer != "none"; }));
+    close(stream[1]);
+    *error = answer;
+    return stream[0];
+  }
+};
+
 /* A gate with a stream to it, and its end as a phone's. */
 struct gated {
   pid_t pid = 0;
@@ -44,7 +126,10 @@ struct gated {
   std::string error; /* of the last call, for people */
   std::vector<std::string> signals;
   int64_t request = 0;
+  std::vector<int64_t> requests;
 
+  /* A gate that runs already, by this end of its stream. */
+  explicit gated(int stream) : fd(stream) { greet_it(); }
   explicit gated(std::vector<const char *> arguments = {}, bool greet = true) {
     int stream[2], said[2];
     EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, stream));
@@ -63,7 +148,9 @@ struct gated {
     close(said[1]);
     fd = stream[0];
     errors = said[0];
-    if (!greet) return;
+    if (greet) greet_it();
+  }
+  void greet_it() {
     EXPECT_GE(sd_bus_new(&bus), 0);
     EXPECT_GE(sd_bus_set_fd(bus, fd, fd), 0);
     EXPECT_GE(sd_bus_set_anonymous(bus, 1), 0);
@@ -73,7 +160,7 @@ struct gated {
   }
   ~gated() {
     leave();
-    close(errors);
+    if (errors >= 0) close(errors);
     if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
   }
   gated(const gated &) = delete;
@@ -83,7 +170,10 @@ struct gated {
     auto *self = static_cast<gated *>(data);
     const char *text = "";
     if (sd_bus_message_is_signal(m, nullptr, nullptr) <= 0) return 0;
-    if (sd_bus_message_has_signature(m, "xsa{sv}")) sd_bus_message_read(m, "xs", &self->request, &text);
+    if (sd_bus_message_has_signature(m, "xsa{sv}")) {
+      sd_bus_message_read(m, "xs", &self->request, &text);
+      self->requests.push_back(self->request);
+    }
     self->signals.push_back(sd_bus_message_get_member(m) + std::string(" ") + text);
     return 0;
   }
@@ -222,13 +312,37 @@ struct Gate : testing::Test {
   }
 };
 
+/* A text that no request had before. */
+const char *unique(void) {
+  static std::string text;
+  static int count = 0;
+  text = "gate-" + std::to_string(count++);
+  return text.c_str();
+}
+
 bool linked(void) {
   int up = 0;
   return vconf_get_bool(BRISEL_KEY_BT_CONNECTED, &up) == 0 && up;
 }
 
-TEST_F(Gate, WhatAPhoneMaySayPassesWhole) {
-  gated gate;
+/* The same over every way to the gate. */
+struct Way : Gate, testing::WithParamInterface<bool> {
+  std::unique_ptr<bluez> radio;
+  std::unique_ptr<gated> come() {
+    if (!GetParam()) return std::make_unique<gated>();
+    if (!radio) radio = std::make_unique<bluez>();
+    std::string error;
+    auto one = std::make_unique<gated>(radio->connect("/org/bluez/hci0/dev_friend", &error));
+    EXPECT_EQ("", error);
+    return one;
+  }
+};
+INSTANTIATE_TEST_SUITE_P(, Way, testing::Values(false, true),
+                         [](const auto &info) { return info.param ? "Bluetooth" : "Stream"; });
+
+TEST_P(Way, WhatAPhoneMaySayPassesWhole) {
+  const std::unique_ptr<gated> way = come();
+  gated &gate = *way;
   EXPECT_EQ("", gate.ping());
   EXPECT_EQ("", gate.phone("AddMails", "aa{sv}", 1, 3, "account_id", "i", account, "subject", "s", "Grüße 🙂",
                            "body", "s", std::string(body_max - 100, 'b').c_str()));
@@ -236,13 +350,39 @@ TEST_F(Gate, WhatAPhoneMaySayPassesWhole) {
   EXPECT_NE(std::string::npos, gate.error.find("999")) << gate.error;
   EXPECT_EQ("", gate.phone("Connect", ""));
   EXPECT_TRUE(linked());
-  EXPECT_EQ("", other.call(watch_interface, "Show", nullptr, "ssai", "gate-show", "grüße", 1, 7));
+  EXPECT_EQ("", other.call(watch_interface, "Show", nullptr, "ssai", unique(), "grüße", 1, 7));
   ASSERT_TRUE(gate.hears(1));
   EXPECT_EQ("Request {\"request\":\"show\",\"kind\":\"grüße\",\"id_list\":[7]}", gate.signals[0]);
   EXPECT_EQ("", gate.phone("Ack", "x", gate.request));
   gate.leave();
-  EXPECT_EQ(0, gate.code());
+  if (gate.pid) EXPECT_EQ(0, gate.code());
   EXPECT_TRUE(until([] { return !linked(); }));
+}
+
+TEST_F(Gate, OverBluetoothOnlyPairedPhonesComeAsOftenAsTheyLike) {
+  bluez radio;
+  EXPECT_EQ(pair_profile, radio.uuid);
+  EXPECT_TRUE(radio.authentication);
+  std::string error;
+  close(radio.connect("/org/bluez/hci0/dev_stranger", &error));
+  EXPECT_EQ("org.bluez.Error.Rejected", error);
+  for (int turn = 0; turn < 8; turn++) { /* more often than there are places at once */
+    int stream = -1;
+    EXPECT_TRUE(until([&] {
+      if (stream >= 0) close(stream);
+      stream = radio.connect("/org/bluez/hci0/dev_friend", &error);
+      return error.empty();
+    }));
+    gated gate(stream);
+    EXPECT_EQ("", gate.phone("ListAccounts", ""));
+  }
+  /* Nobody else hands a stream over. */
+  int stream[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, stream));
+  EXPECT_EQ(-EACCES, sd_bus_call_method(other.bus, radio.owner.c_str(), radio.profile.c_str(), "org.bluez.Profile1",
+                                        "NewConnection", nullptr, nullptr, "oha{sv}", "/org/bluez/hci0/dev_friend",
+                                        stream[1], 0));
+  for (const int end : stream) close(end);
 }
 
 /* Calls every method that an object of the session's bus has, as they describe themselves, with nothing else right. */
@@ -267,8 +407,9 @@ void call_all(gated *gate, test_phone *other, const char *name, const char *path
   EXPECT_GT(tried, 5) << xml;
 }
 
-TEST_F(Gate, NothingElseOfTheBusIsReached) {
-  gated gate;
+TEST_P(Way, NothingElseOfTheBusIsReached) {
+  const std::unique_ptr<gated> way = come();
+  gated &gate = *way;
   ASSERT_EQ("", gate.phone("Connect", ""));
   const std::set<std::string> before = names(&other);
   call_all(&gate, &other, "org.freedesktop.DBus", "/org/freedesktop/DBus");
@@ -302,7 +443,7 @@ TEST_F(Gate, NothingElseOfTheBusIsReached) {
     free(*name);
   }
   free(all);
-  EXPECT_EQ("", other.call(watch_interface, "Show", nullptr, "ssai", "gate-true", "true", 0));
+  EXPECT_EQ("", other.call(watch_interface, "Show", nullptr, "ssai", unique(), "true", 0));
   ASSERT_TRUE(gate.hears(1));
   EXPECT_NE(std::string::npos, gate.signals[0].find("\"true\"")) << gate.signals[0];
   EXPECT_EQ(before, names(&other));
@@ -579,8 +720,8 @@ TEST_F(Gate, ASilentPhoneIsLetGo) {
   }
   gated drain;
   EXPECT_EQ("", drain.phone("Connect", ""));
-  ASSERT_TRUE(drain.hears(1));
-  EXPECT_EQ("", drain.phone("Ack", "x", drain.request));
+  ASSERT_TRUE(drain.hears(2));
+  for (const int64_t id : drain.requests) EXPECT_EQ("", drain.phone("Ack", "x", id));
 }
 
 }  // namespace

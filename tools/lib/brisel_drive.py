@@ -27,8 +27,9 @@ class ToolError(Exception):
 class Session:
     """A private session. Use as a context manager; everything it started ends with it."""
 
-    def __init__(self, size="320x320", window=False, env=None, keep=None):
-        command = [str(BUILD / "brisel-session"), "--size", size]
+    def __init__(self, size="320x320", window=False, env=None, keep=None, prefix=()):
+        self.prefix = prefix  # what commands begin with, where they run elsewhere
+        command = [*prefix, str(BUILD / "brisel-session"), "--size", size]
         if window:
             command.append("--window")
         if keep:
@@ -70,7 +71,7 @@ class Session:
     # --- tools -------------------------------------------------------------------------------------------------
 
     def run(self, *command, check=True, timeout=60, input=None):
-        done = subprocess.run([str(c) for c in command], env=self.env, capture_output=True, text=True, timeout=timeout,
+        done = subprocess.run([*self.prefix, *map(str, command)], env=self.env, capture_output=True, text=True, timeout=timeout,
                               input=input)
         if check and done.returncode:
             raise ToolError(command, done.returncode, done.stdout, done.stderr)
