@@ -85,10 +85,14 @@ class Machines:
         """A key for the host, one for the phone; the phone's can do nothing but reach the gate."""
         ssh = self.dir / "phone" / ".ssh"
         ssh.mkdir(mode=0o700)
-        for path in (self.dir / "host-key", ssh / "watch-key"):
+        self.echo_key = ssh / "echo-key"  # of somebody who may do anything, to compare with
+        for path in (self.dir / "host-key", ssh / "watch-key", self.echo_key):
             sh("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", path)
         key = (ssh / "watch-key.pub").read_text()
-        (self.dir / "authorized_keys").write_text(f'restrict,command="{BUILD}/gate/brisel-gate" {key}')
+        echo = self.echo_key.with_suffix(".pub").read_text()
+        (self.dir / "authorized_keys").write_text(
+            f'restrict,command="{BUILD}/gate/brisel-gate" {key}'
+            f'restrict,command="eval ${{SSH_ORIGINAL_COMMAND:-cat}}" {echo}')
         if self.split:
             sh(*self.on("watch", user=False), "ln", "-s", self.watch.dir / "run", f"/run/user/{USERS['watch']}")
 
