@@ -81,6 +81,9 @@ def torture(s, rounds, seed, hurt, heal=lambda: None, options=(), watch=()):
         assert relay.process.poll() is None, "the relay ended by itself: " + relay.log()[-1000:]
         hurt(world, n)
     heal()
+    # However few the rounds were, there is something to compare.
+    s.wait(lambda: all(f"\ndone {what} " in "\n" + world.log.read_text() for what in ("reply", "delete")),
+           "a reply and a deletion", patience=120)
     world.reader.kill()
     world.reader.wait()
     print(f"# {len(world.log.read_text().splitlines())} lines of requests", flush=True)
