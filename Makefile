@@ -1,5 +1,5 @@
 # Thin commands over meson; each does all of its own set-up.
-#   make build | run [SIZE=WxH] [MAIL=path] | post-demo [SIZE=WxH] | test | bench | check | sanitize | crash [ROUNDS=N] | faults | screens | install | deb
+#   make build | run [SIZE=WxH] [MAIL=path] | pair-demo | post-demo [SIZE=WxH] | test | bench | check | sanitize | crash [ROUNDS=N] | faults | screens | install | deb
 BUILD ?= build
 SIZE ?= 320x320
 MAIL ?=
@@ -9,7 +9,7 @@ DESTDIR ?=
 MESON_FLAGS ?=
 ROUNDS ?= 2000
 
-.PHONY: all build run post-demo test bench check sanitize crash faults screens references install deb packages clean
+.PHONY: all build run pair-demo post-demo test bench check sanitize crash faults screens references install deb packages clean
 
 all: build
 
@@ -28,6 +28,10 @@ run: build
 # An account on a real server, set up as a user would, on the watch.
 post-demo: build
 	@tools/post-demo --build $(BUILD) --size $(SIZE)
+
+# A phone and a watch on two machines, and what happens when the way between them fails.
+pair-demo: build
+	@tools/pair-demo $(BUILD)
 
 test: build
 	@tests/run-tests $(BUILD)
