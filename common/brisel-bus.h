@@ -8,6 +8,12 @@ inline constexpr char host_path[] = "/com/vextora/brisel/Host";
 inline constexpr char watch_interface[] = "com.vextora.brisel.Watch1";
 inline constexpr char phone_interface[] = "com.vextora.brisel.Phone1";
 
+/* The application on the bus, and the extra data of a launch request that opens a mail: its id, decimal. */
+inline constexpr char application_name[] = "com.vextora.brisel";
+inline constexpr char application_path[] = "/com/vextora/brisel";
+inline constexpr char application_interface[] = "com.vextora.Application1";
+inline constexpr char BRISEL_EVENT_ID_KEY[] = "brisel_id";
+
 /* For literals and comparisons of beginnings: every error of the service is this and one of the names below. */
 #define HOST_ERROR "com.vextora.brisel.Error."
 inline constexpr char host_error_prefix[] = HOST_ERROR;

@@ -11,6 +11,15 @@ inline constexpr char BRISEL_KEY_REPLY_VALUE[] = "file/private/msg-consumer-serv
 /* string; the id of the application that a picked-over item is for. */
 inline constexpr char BRISEL_KEY_PICKOVER[] = "file/private/wcontext/service_msg";
 
+/* int; 0: the most used templates first; else in the phone's order. */
+inline constexpr char BRISEL_KEY_TEMPLATE_ORDER[] = "file/private/brisel/template_order";
+
+/* How new mail is told, of all accounts; for one account the key followed by "/" and the account's id, which then
+   counts. string; "on" (the default), "quiet": without sound and vibration, "off". */
+inline constexpr char BRISEL_KEY_NOTIFY[] = "file/private/brisel/notify";
+/* string; what a notification shows: "all" (the default), "sender", "nothing". */
+inline constexpr char BRISEL_KEY_NOTIFY_SHOWS[] = "file/private/brisel/notify_shows";
+
 /* The device's own. */
 inline constexpr char BRISEL_KEY_DATE_FORMAT[] = "db/setting/date_format";               /* int, 0 to 3 */
 inline constexpr char BRISEL_KEY_TIME_FORMAT[] = "db/menu_widget/regionformat_time1224"; /* int, 1: 12 hours */

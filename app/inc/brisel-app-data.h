@@ -6,6 +6,7 @@
 #include <Elementary.h>
 #include <glib.h>
 
+#include "brisel-bus.h"
 #include "brisel-common.h"
 #include "brisel-contact.h"
 #include "brisel-log.h"
@@ -17,10 +18,8 @@
 #define BRISEL_LOCALE_DIR "/usr/apps/com.vextora.brisel/res/locale"
 #define BRISEL_EDJ "/usr/apps/com.vextora.brisel/res/edje/brisel.edj"
 #define BRISEL_IMAGES_EDJ "/usr/apps/com.vextora.brisel/res/edje/brisel-images.edj"
-#define BRISEL_EVENT_ID_KEY "brisel_id" /* extra data of a launch request: the mail to open, decimal */
 
 /* Settings of the application alone; the others are in brisel-settings.h. */
-#define BRISEL_KEY_TEMPLATE_ORDER "file/private/brisel/template_order" /* 0: the most used first; else the phone's */
 /* Whether the rows of the mailbox show subjects; unset: they do. */
 #define BRISEL_KEY_LIST_SUBJECT "file/private/brisel/list_subject"
 
@@ -64,7 +63,8 @@ struct appdata {
   int time_format;      /* 1: 12-hour */
   char *locale;         /* ICU locale id; owned */
   unsigned char nocontents_shown;
-  GList *mail_list; /* item_data in display order; owns its cells, not the records */
+  unsigned char paused; /* the window is out of sight */
+  GList *mail_list;     /* item_data in display order; owns its cells, not the records */
 };
 
 /* The common head of every pushed view's record; each view's own record starts with these four fields. */
@@ -99,6 +99,9 @@ typedef item_data group_item_data;
 
 /* The record of the uppermost view of that type, or NULL; stays the view's own. Cast it to the view's record. */
 view_data *brisel_util_retrieve_view_data(int view_type, appdata *ad);
+/* Tells the service which mails are in view in the list, so that it tells nobody of them: whenever the top view, the
+   account or the window's being in sight has changed. */
+void brisel_tell_list_in_view(appdata *ad);
 /* Pops the top view, at the latest when its sliding in has ended. */
 void brisel_util_pop_view(Evas_Object *naviframe);
 

@@ -59,6 +59,7 @@ static void _window_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *even
   brisel_util_drop_popup(&ad->mailbox_genlist);
   ad->win_main = ad->conform = ad->layout_main = ad->naviframe = nullptr;
   ad->evas = nullptr;
+  brisel_tell_list_in_view(ad);
 }
 
 static bool _socket_is_there(const std::string &path) {
@@ -195,14 +196,19 @@ static void _with_detail_view(appdata *ad, void (*fn)(view_data *)) {
 
 int app_pause(void *user_data) {
   BRISEL_INFO("Enter");
-  brisel_delete_sweep_item((appdata *)user_data);
-  _with_detail_view((appdata *)user_data, brisel_detail_unregister_pickover);
+  appdata *ad = (appdata *)user_data;
+  ad->paused = 1;
+  brisel_tell_list_in_view(ad);
+  brisel_delete_sweep_item(ad);
+  _with_detail_view(ad, brisel_detail_unregister_pickover);
   return 0;
 }
 
 int app_resume(void *user_data) {
   BRISEL_INFO("Enter");
   appdata *ad = (appdata *)user_data;
+  ad->paused = 0;
+  brisel_tell_list_in_view(ad);
   brisel_check_mail_on_db(ad);
   elm_win_activate(ad->win_main);
   _with_detail_view(ad, brisel_detail_register_pickover);

@@ -327,6 +327,7 @@ void _refresh_mailbox_list(appdata *ad) {
   ad->blocked_item = nullptr;
   _clear_arrivals(ad);
   brisel_free_mail_list(ad);
+  brisel_tell_list_in_view(ad);
 
   BRISEL_INFO("ad->account_id : %d", ad->account_id);
   const int read_account = ad->account_id;

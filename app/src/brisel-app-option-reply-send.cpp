@@ -1,10 +1,10 @@
 /* Owns what a reply takes from its mail, and hands replies over. The reply views alone call it. */
 #include "brisel-app-option-reply.h"
 #include "brisel-app-utils.h"
+#include "brisel-reply.h"
 #include "brisel-scoped.h"
 
 static constexpr size_t BRISEL_REPLY_FIELD_MAX = 1023; /* bytes of a request's recipient and subject */
-static constexpr char BRISEL_REPLY_NAME_SEPARATOR = 0x02;
 
 static std::string __brisel_option_reply_string(const char *text) {
   return text ? text : "";
@@ -36,21 +36,12 @@ static char *__brisel_option_reply_bounded(const std::string &text) {
 
 static char *__brisel_option_reply_recipient(const brisel_reply_mail &mail) {
   return __brisel_option_reply_bounded(mail.name.empty() ? mail.address
-                                                         : mail.address + BRISEL_REPLY_NAME_SEPARATOR + mail.name);
+                                                         : mail.address + reply_name_separator + mail.name);
 }
 
 char *brisel_reply_to_markup(const brisel_reply_mail &mail) {
   const scoped_text who(brisel_util_text_to_markup((mail.name.empty() ? mail.address : mail.name).c_str()));
   return brisel_replace_str(brisel_util_get_text("IDS_EMAIL_BODY_TO_PS"), "%s", who ? who.get() : "");
-}
-
-/* A mail without an address that somebody could be reached at has nobody to reply to: the phone would refuse it. An
-   address of digits alone is the number of who sent a text message. */
-static bool __brisel_option_reply_has_recipient(const std::string &address) {
-  if (address.find_first_of(" \t\r\n") != std::string::npos) return false;
-  const size_t at = address.rfind('@');
-  if (at == std::string::npos) return !address.empty() && address.find_first_not_of("0123456789") == std::string::npos;
-  return at > 0 && at + 1 < address.size();
 }
 
 static int __brisel_option_reply_request(const brisel_reply_mail &mail, const char *text) {
@@ -60,7 +51,7 @@ static int __brisel_option_reply_request(const brisel_reply_mail &mail, const ch
     return BRISEL_COMMON_ERROR_MEMORY;
   }
   reply->host_tag = g_strdup(mail.host_tag.c_str());
-  reply->action = g_strdup("intent.action.email.notifications.reply");
+  reply->action = g_strdup(reply_action);
   reply->message_uid = g_strdup(mail.message_uid.c_str());
   reply->recipient = __brisel_option_reply_recipient(mail);
   reply->text = g_strdup(text ? text : "");
@@ -81,7 +72,7 @@ bool __brisel_option_reply_send_reply_message(option_reply_view_data *vd, const 
   BRISEL_INFO("Enter");
   if (vd->sent) return false;
   const char *problem = nullptr;
-  if (!__brisel_option_reply_has_recipient(vd->mail.address))
+  if (!reply_has_recipient(vd->mail.address))
     problem = "IDS_EMAIL_POP_THIS_EMAIL_HAS_NO_ADDRESS_TO_REPLY_TO";
   else if (__brisel_option_reply_request(vd->mail, text) != 0)
     problem = "IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT";

@@ -69,6 +69,7 @@ static Elm_Object_Item *_link(appdata *ad, Elm_Object_Item *item, Evas_Object *l
   head->navi_item = item;
   head->pop_cb = pop_cb;
   brisel_touch_guard(layout);
+  brisel_tell_list_in_view(ad);
   return item;
 }
 

@@ -3,6 +3,7 @@
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
 #include "efl_assist.h"
+#include "plexo.h"
 
 /* The stack takes no pop while its top view is still sliding in, and says nothing: such a pop waits for the view to
    stand. A view that has gone otherwise by then is not on top any more. */
@@ -100,12 +101,19 @@ static void _naviframe_more_cb(void *data, Evas_Object *obj, void *event_info) {
     elm_object_item_signal_emit(top, "elm,action,more_event", "");
 }
 
+void brisel_tell_list_in_view(appdata *ad) {
+  const bool in_view = ad->naviframe && !ad->paused &&
+                       elm_naviframe_top_item_get(ad->naviframe) == elm_naviframe_bottom_item_get(ad->naviframe);
+  plexo_list_in_view(in_view ? ad->account_id : -1);
+}
+
 void _update_window_title(appdata *ad) {
   Elm_Object_Item *top = ad->naviframe ? elm_naviframe_top_item_get(ad->naviframe) : nullptr;
   const char *markup = top ? elm_object_item_text_get(top) : nullptr;
   scoped_text title(markup && *markup ? elm_entry_markup_to_utf8(markup) : nullptr);
   elm_win_title_set(ad->win_main,
                     title ? title.get() : brisel_util_get_text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3"));
+  brisel_tell_list_in_view(ad);
 }
 
 void _register_naviframe_callbacks(appdata *ad) {

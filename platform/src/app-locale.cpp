@@ -1,102 +1,31 @@
 #define EFL_BETA_API_SUPPORT /* for the class of objects that have members */
 #include <Eo.h>
 #include <dlfcn.h>
-#include <libintl.h>
 #include <sys/timerfd.h>
 #include <unicode/uloc.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <clocale>
 #include <cstdlib>
 #include <ctime>
-#include <sstream>
 
 #include "app-priv.h"
 #include "brisel-settings.h"
 #include "dlog.h"
 #include "file-watch.h"
+#include "platform-language.h"
 #include "platform-paths.h"
 #include "platform-zone.h"
 #include "vconf.h"
 
-/* gettext's own counter: raising it makes it look its catalogues up again (its manual says so). */
-extern "C" int _nl_msg_cat_cntr;
-
 namespace {
 
-constexpr char locale_folder[] = "/usr/apps/com.vextora.brisel/res/locale";
 constexpr char localtime_link[] = "/opt/etc/localtime";
 constexpr char time_key[] = "memory/system/timechanged";
-/* The text ids are no language, so English closes every list of languages. */
-constexpr char last_language[] = "en";
 /* Always there with this C library, and translated, which "C" never is. */
 constexpr char neutral_locale[] = "C.UTF-8";
 
 app_locale_callbacks callbacks;
-std::string started_with; /* the languages of the environment, for when the setting is taken away */
-
-bool neutral(const char *name) {
-  return !name || !*name || strcmp(name, "C") == 0 || strcmp(name, "POSIX") == 0;
-}
-
-/* gettext ends its search at the language "C", whatever follows it in the list: "C.UTF-8" must not bring it in. */
-bool names_language(const char *name) {
-  return !neutral(name) && strncmp(name, "C.", 2) != 0;
-}
-
-bool language_valid(const char *name) {
-  if (!names_language(name) || strlen(name) > 64) return false;
-  for (const char *p = name; *p; p++)
-    if (!isalnum(static_cast<unsigned char>(*p)) && !strchr("_-@.", *p)) return false;
-  return true;
-}
-
-/* "de_DE.UTF-8@euro" as the catalogues know it: "de_DE@euro". */
-std::string without_codeset(const char *name) {
-  std::string out = name;
-  const size_t dot = out.find('.');
-  if (dot != std::string::npos) {
-    const size_t at = out.find('@', dot);
-    out.erase(dot, at == std::string::npos ? at : at - dot);
-  }
-  return out;
-}
-
-std::string environment_languages(void) {
-  const char *list = getenv("LANGUAGE");
-  std::istringstream names(list ? list : "");
-  std::string named;
-  for (std::string name; std::getline(names, name, ':');)
-    if (names_language(name.c_str())) named += (named.empty() ? "" : ":") + name;
-  if (!named.empty()) return named;
-  for (const char *name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-    const char *value = getenv(name);
-    if (value && *value) return language_valid(value) ? without_codeset(value) : "";
-  }
-  return "";
-}
-
-/* Messages need a locale that is not "C"; numbers in our files and on the wire need one that is. */
-void settle_categories(void) {
-  if (neutral(setlocale(LC_MESSAGES, nullptr))) setlocale(LC_MESSAGES, neutral_locale);
-  if (neutral(setlocale(LC_CTYPE, nullptr))) setlocale(LC_CTYPE, neutral_locale);
-  setlocale(LC_NUMERIC, "C");
-  _nl_msg_cat_cntr++;
-}
-
-/* The languages in effect, best first. */
-std::string languages(void) {
-  char *setting = vconf_get_str(BRISEL_KEY_LANGUAGE);
-  std::string list = language_valid(setting) ? without_codeset(setting) : started_with;
-  free(setting);
-  return list.empty() ? last_language : list + ":" + last_language;
-}
-
-void apply_language(void) {
-  setenv("LANGUAGE", languages().c_str(), 1);
-  settle_categories();
-}
 
 /* The toolkit's genlist drops its rows when the direction changes and lays them out again only once its size does. */
 void lay_out_lists(Evas_Object *object) {
@@ -116,7 +45,7 @@ void lay_out_lists(Evas_Object *object) {
 }
 
 void apply_direction(void) {
-  const std::string list = languages();
+  const std::string list = platform_languages();
   const Eina_Bool mirrored = uloc_isRightToLeft(list.substr(0, list.find(':')).c_str()) ? EINA_TRUE : EINA_FALSE;
   if (elm_config_mirrored_get() == mirrored) return;
   elm_config_mirrored_set(mirrored);
@@ -197,7 +126,7 @@ void stop_clock(void) {
 /* --- settings --- */
 
 void language_changed_cb(keynode_t *node, void *data) {
-  apply_language();
+  platform_language_apply();
   apply_direction();
   if (callbacks.language_changed) callbacks.language_changed();
 }
@@ -219,25 +148,19 @@ extern "C" void elm_language_set(const char *lang) {
   using function = void (*)(const char *);
   static const auto real = reinterpret_cast<function>(dlsym(RTLD_NEXT, "elm_language_set"));
   /* It translates while it sets the locale, so the categories are right before and after. */
-  settle_categories();
-  if (real) real(neutral(lang) ? neutral_locale : lang);
-  settle_categories();
+  platform_language_settle();
+  if (real) real(platform_language_is_neutral(lang) ? neutral_locale : lang);
+  platform_language_settle();
 }
 
 void app_locale_init(void) {
-  setlocale(LC_ALL, "");
-  started_with = environment_languages();
-  apply_language();
-  for (const char *domain : {"brisel", "message"}) {
-    bindtextdomain(domain, platform_path(locale_folder));
-    bind_textdomain_codeset(domain, "UTF-8");
-  }
+  platform_language_start();
   apply_time_zone();
 }
 
 void app_locale_start(const app_locale_callbacks *told) {
   callbacks = *told;
-  apply_language();
+  platform_language_apply();
   apply_direction();
   vconf_notify_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb, nullptr);
   vconf_notify_key_changed(BRISEL_KEY_REGION, region_changed_cb, nullptr);

@@ -16,6 +16,7 @@ void host_announce(host *h) {
   if (!note.empty()) fprintf(stderr, "brisel-hostd: %s\n", note.c_str());
   if (seq == h->announced && note.empty()) return;
   h->announced = seq;
+  if (h->store_changed) h->store_changed(h);
   const int r = sd_bus_emit_signal(h->bus, host_path, watch_interface, "Changed", "x", seq);
   if (r < 0) fprintf(stderr, "brisel-hostd: a change could not be announced: %s\n", strerror(-r));
 }

@@ -39,6 +39,8 @@ struct phone_identity {
   std::string name;       /* for people */
 };
 
+struct notifier;
+
 struct host {
   store *st = nullptr;
   sd_bus *bus = nullptr;
@@ -58,6 +60,8 @@ struct host {
   sd_event_source *folder_watch = nullptr; /* follows what happens in it */
   sd_event_source *file_retry = nullptr;   /* when the store could not be put back */
   uint64_t file_retry_usec = 0;
+  notifier *notify = nullptr;               /* notify.h */
+  void (*store_changed)(host *h) = nullptr; /* hears of every change that clients are told of */
 };
 
 extern const sd_bus_vtable watch_vtable[];
@@ -103,6 +107,21 @@ phone_identity pair_identity(const host *h, const char *connection);
 int pair_check_program(sd_bus_message *m, sd_bus_error *error);
 /* Unpacks a zlib stream to a text of at most `most` bytes. false when it is anything else. */
 bool pair_unpack(const void *packed, size_t size, size_t most, std::string *text);
+
+/* --- watch-bus.cpp: the application's requests, whoever makes them ------------------------------------------------ */
+
+struct host_reply_request {
+  std::string host_tag, action, message_uid, recipient, text, subject;
+  int mail_id = 0;
+};
+
+/* Each does what the method of Watch1 does; client: whose program asks; 0, or a negative errno with *error set. */
+int host_delete(host *h, const std::string &uid, const std::string &client, const std::vector<int> &ids,
+                sd_bus_error *error);
+int host_mark_read(host *h, const std::string &uid, const std::string &client, const std::vector<int> &ids,
+                   int host_state, sd_bus_error *error);
+int host_reply(host *h, const std::string &uid, const std::string &client, const host_reply_request &reply,
+               sd_bus_error *error);
 
 /* --- phone-link.cpp: the connected phone -------------------------------------------------------------------------- */
 

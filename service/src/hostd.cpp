@@ -9,6 +9,8 @@
 #include <cstring>
 
 #include "host.h"
+#include "notify.h"
+#include "platform-language.h"
 #include "platform-paths.h"
 #include "store-format.h"
 
@@ -99,6 +101,7 @@ int serve(host *h) {
         r);
   /* Clients that were there before learn what an earlier service could not tell them any more. */
   host_announce(h);
+  notify_start(h);
 
   const int code = sd_event_loop(h->event);
   /* No service, no link: the phone connects again to the next one. */
@@ -106,6 +109,7 @@ int serve(host *h) {
   mails_drop(h);
   sd_event_source_disable_unref(h->folder_watch);
   sd_event_source_disable_unref(h->file_retry);
+  notify_stop(h);
   if (code < 0) return fail("the event loop", code);
   return code;
 }
@@ -115,6 +119,7 @@ int serve(host *h) {
 int main(int argc, char **argv) {
   int code = EXIT_SUCCESS;
   if (read_arguments(argc, argv, &code)) return code;
+  platform_language_start();
   umask(077); /* mails are for their owner only */
   host h;
   if (!read_timeout(&h)) return 2;

@@ -122,6 +122,8 @@ store_status store_add_account(store *st, int *id, const std::string &address, c
     const int64_t new_id = st->db.last_row();
     if (new_id > INT32_MAX) return fail(st, store_invalid, "there are no account ids left");
     *id = static_cast<int>(new_id);
+    added = run_sql(st, "INSERT INTO account_sync (account_id, added, last) VALUES (?1, ?2, ?2)", *id, time(nullptr));
+    if (added) return added;
     if (!rgba) {
       const size_t pick = static_cast<size_t>(*id - 1) % std::size(account_colors);
       added = run_sql(st, "UPDATE account SET color = ? WHERE account_id = ?", account_colors[pick], *id);

@@ -2,6 +2,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host.h"
+#include "notify.h"
 #include "store-format.h"
 
 namespace {
@@ -12,16 +13,24 @@ std::string to_text(const json_record &json) {
   return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-/* After the store took the request: clients hear of the change, the phone of the request, the caller that it is done.
- */
-int finish(host *h, sd_bus_message *m, store_status status, int64_t entry, const json_record &json,
-           sd_bus_error *error) {
+/* After the store took the request: clients hear of the change, the phone of the request. */
+int taken(host *h, store_status status, int64_t entry, const json_record &json, sd_bus_error *error) {
   if (status < 0) return host_fail(h, status, error);
   if (status == store_ok) {
     host_announce(h);
     link_send(h, entry, to_text(json));
   }
-  return sd_bus_reply_method_return(m, "");
+  return 0;
+}
+
+/* The caller hears that it is done, or why not. */
+int answer(sd_bus_message *m, int r) {
+  return r < 0 ? r : sd_bus_reply_method_return(m, "");
+}
+
+int finish(host *h, sd_bus_message *m, store_status status, int64_t entry, const json_record &json,
+           sd_bus_error *error) {
+  return answer(m, taken(h, status, entry, json, error));
 }
 
 int delete_notis(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -31,10 +40,7 @@ int delete_notis(sd_bus_message *m, void *data, sd_bus_error *error) {
   int r = host_read_text(m, "uid", uid_max, &uid, error);
   if (r >= 0) r = host_read_ids(m, false, &ids, error);
   if (r < 0) return r;
-  const json_record json = {{"request", "delete_notis"}, {"id_list", ids}};
-  int64_t entry = 0;
-  const store_status status = store_request_delete(h->st, {uid, to_text(json), host_client_of(h, m)}, ids, &entry);
-  return finish(h, m, status, entry, json, error);
+  return answer(m, host_delete(h, uid, host_client_of(h, m), ids, error));
 }
 
 int update_ind(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -46,10 +52,7 @@ int update_ind(sd_bus_message *m, void *data, sd_bus_error *error) {
   if (r >= 0) r = host_read_ids(m, false, &ids, error);
   if (r >= 0) r = sd_bus_message_read_basic(m, 'i', &host_state);
   if (r < 0) return r;
-  const json_record json = {{"request", "update_ind"}, {"id_list", ids}, {"host_state", host_state}};
-  int64_t entry = 0;
-  const store_status status = store_request_read(h->st, {uid, to_text(json), host_client_of(h, m)}, ids, &entry);
-  return finish(h, m, status, entry, json, error);
+  return answer(m, host_mark_read(h, uid, host_client_of(h, m), ids, host_state, error));
 }
 
 int clear_all_new_flag(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -67,25 +70,20 @@ int clear_all_new_flag(sd_bus_message *m, void *data, sd_bus_error *error) {
 
 int reply(sd_bus_message *m, void *data, sd_bus_error *error) {
   host *h = static_cast<host *>(data);
-  std::string uid, host_tag, action, message_uid, recipient, text, subject;
-  int mail_id = 0;
+  std::string uid;
+  host_reply_request reply;
   int r = host_read_text(m, "uid", uid_max, &uid, error);
-  if (r >= 0) r = host_read_text(m, "host_tag", token_max, &host_tag, error);
-  if (r >= 0) r = host_read_text(m, "action", token_max, &action, error);
-  if (r >= 0) r = host_read_text(m, "message_uid", token_max, &message_uid, error);
-  if (r >= 0) r = host_read_text(m, "recipient", text_max, &recipient, error);
-  if (r >= 0) r = host_read_text(m, "text", body_max, &text, error);
-  if (r >= 0) r = sd_bus_message_read_basic(m, 'i', &mail_id);
-  if (r >= 0) r = host_read_text(m, "subject", text_max, &subject, error);
+  if (r >= 0) r = host_read_text(m, "host_tag", token_max, &reply.host_tag, error);
+  if (r >= 0) r = host_read_text(m, "action", token_max, &reply.action, error);
+  if (r >= 0) r = host_read_text(m, "message_uid", token_max, &reply.message_uid, error);
+  if (r >= 0) r = host_read_text(m, "recipient", text_max, &reply.recipient, error);
+  if (r >= 0) r = host_read_text(m, "text", body_max, &reply.text, error);
+  if (r >= 0) r = sd_bus_message_read_basic(m, 'i', &reply.mail_id);
+  if (r >= 0) r = host_read_text(m, "subject", text_max, &reply.subject, error);
   if (r < 0) return r;
   /* The mail may have been deleted while the reply was written: the reply is the user's and is sent all the same. */
-  if (mail_id <= 0) return sd_bus_error_setf(error, HOST_ERROR "Invalid", "%d is no mail id", mail_id);
-  const json_record json = {{"request", "reply"},         {"host_tag", host_tag},   {"action", action},
-                            {"message_uid", message_uid}, {"recipient", recipient}, {"text", text},
-                            {"mail_id", mail_id},         {"subject", subject}};
-  int64_t entry = 0;
-  const store_status status = store_request_relay(h->st, {uid, to_text(json), host_client_of(h, m)}, &entry);
-  return finish(h, m, status, entry, json, error);
+  if (reply.mail_id <= 0) return sd_bus_error_setf(error, HOST_ERROR "Invalid", "%d is no mail id", reply.mail_id);
+  return answer(m, host_reply(h, uid, host_client_of(h, m), reply, error));
 }
 
 int no_account(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -125,7 +123,41 @@ int more_msg(sd_bus_message *m, void *data, sd_bus_error *error) {
   return link_ask_more(static_cast<host *>(data), m, mail_id, message_uid, error);
 }
 
+int list_in_view(sd_bus_message *m, void *data, sd_bus_error *error) {
+  int account_id = 0;
+  int r = sd_bus_message_read_basic(m, 'i', &account_id);
+  if (r >= 0) r = notify_list_in_view(static_cast<host *>(data), sd_bus_message_get_sender(m), account_id);
+  return answer(m, r);
+}
+
 }  // namespace
+
+int host_delete(host *h, const std::string &uid, const std::string &client, const std::vector<int> &ids,
+                sd_bus_error *error) {
+  const json_record json = {{"request", "delete_notis"}, {"id_list", ids}};
+  int64_t entry = 0;
+  const store_status status = store_request_delete(h->st, {uid, to_text(json), client}, ids, &entry);
+  return taken(h, status, entry, json, error);
+}
+
+int host_mark_read(host *h, const std::string &uid, const std::string &client, const std::vector<int> &ids,
+                   int host_state, sd_bus_error *error) {
+  const json_record json = {{"request", "update_ind"}, {"id_list", ids}, {"host_state", host_state}};
+  int64_t entry = 0;
+  const store_status status = store_request_read(h->st, {uid, to_text(json), client}, ids, &entry);
+  return taken(h, status, entry, json, error);
+}
+
+int host_reply(host *h, const std::string &uid, const std::string &client, const host_reply_request &reply,
+               sd_bus_error *error) {
+  const json_record json = {{"request", "reply"},           {"host_tag", reply.host_tag},
+                            {"action", reply.action},       {"message_uid", reply.message_uid},
+                            {"recipient", reply.recipient}, {"text", reply.text},
+                            {"mail_id", reply.mail_id},     {"subject", reply.subject}};
+  int64_t entry = 0;
+  const store_status status = store_request_relay(h->st, {uid, to_text(json), client}, &entry);
+  return taken(h, status, entry, json, error);
+}
 
 /* Keep com.vextora.brisel.Host.xml the same. */
 const sd_bus_vtable watch_vtable[] = {
@@ -146,6 +178,8 @@ const sd_bus_vtable watch_vtable[] = {
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("MoreMsg", SD_BUS_ARGS("s", uid, "s", message_uid, "i", mail_id), SD_BUS_RESULT("ai", ids),
                             more_msg, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("ListInView", SD_BUS_ARGS("i", account_id), SD_BUS_NO_RESULT, list_in_view,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_SIGNAL_WITH_ARGS("Changed", SD_BUS_ARGS("x", seq), 0),
     SD_BUS_VTABLE_END,
 };

@@ -1,0 +1,99 @@
+/* What is told of new mail, on the disk: a service that was killed tells nothing twice. */
+#include "store-notify.h"
+
+#include "store-priv.h"
+
+namespace {
+
+/* What was received before its account came to the watch belongs to the account's first sync, while that lasts: until
+   nothing of it has come for so many seconds. */
+constexpr int64_t first_sync_pause = 10;
+
+int64_t looked_at(store *st) {
+  return store_get_state(st, "notified_mail", 0);
+}
+
+}  // namespace
+
+store_status store_notify_arrivals(store *st, int64_t now, std::vector<arrival> *arrivals) {
+  sql_statement find(
+      &st->db,
+      "SELECT mail_id, m.account_id, is_new <> 0 AND is_read = 0 AND NOT"
+      " (ifnull(received_time < added, 0) AND ?2 BETWEEN last AND last + ?3)"
+      " FROM mail m LEFT JOIN account_sync s ON s.account_id = m.account_id WHERE mail_id > ?1 ORDER BY 1");
+  find.bind(looked_at(st), now, first_sync_pause);
+  sql_result r;
+  while ((r = find.step()) == sql_row) arrivals->push_back({find.integer(0), find.integer(1), find.number(2) != 0});
+  return checked(st, r);
+}
+
+store_status store_notify_take(store *st, int64_t now, const std::vector<arrival> &arrivals,
+                               const std::vector<int> &to_tell) {
+  if (arrivals.empty()) return store_ok;
+  return transaction(st, [&]() -> store_status {
+    store_status status =
+        run_sql(st,
+                "UPDATE account_sync SET last = ?1 WHERE ?1 BETWEEN last AND last + ?2 AND EXISTS (SELECT 1 FROM mail m"
+                " WHERE m.mail_id > ?3 AND m.account_id = account_sync.account_id AND received_time < added)",
+                now, first_sync_pause, looked_at(st));
+    if (!status) status = store_set_state(st, "notified_mail", arrivals.back().mail_id);
+    std::vector<int> added;
+    if (!status) status = run_for_ids(st, "INSERT OR IGNORE INTO notification (mail_id) VALUES (?)", to_tell, &added);
+    if (status || to_tell.empty()) return status;
+    return run_sql(st,
+                   "DELETE FROM notification WHERE number = 0 AND step = 0 AND mail_id NOT IN"
+                   " (SELECT mail_id FROM notification ORDER BY mail_id DESC LIMIT ?)",
+                   notices_max);
+  });
+}
+
+store_status store_notify_list(store *st, std::vector<notice> *notices) {
+  sql_statement list(&st->db,
+                     "SELECT n.mail_id, ifnull(account_id, 0), step, number, counted, n.locked, server,"
+                     " m.mail_id IS NULL OR is_read <> 0, ifnull(security_locked, 0)"
+                     " FROM notification n LEFT JOIN mail m ON m.mail_id = n.mail_id ORDER BY 1");
+  sql_result r;
+  while ((r = list.step()) == sql_row)
+    notices->push_back({list.integer(0), list.integer(1), static_cast<notice_step>(list.number(2)),
+                        static_cast<uint32_t>(list.number(3)), list.number(4) != 0, list.number(5) != 0, list.text(6),
+                        list.number(7) != 0, list.number(8) != 0});
+  return checked(st, r);
+}
+
+store_status store_notify_put(store *st, const std::vector<notice> &notices) {
+  if (notices.empty()) return store_ok;
+  return transaction(st, [&]() -> store_status {
+    sql_statement set(
+        &st->db, "UPDATE notification SET step = ?, number = ?, counted = ?, locked = ?, server = ? WHERE mail_id = ?");
+    store_status status = store_ok;
+    for (size_t i = 0; !status && i < notices.size(); i++) {
+      const notice &one = notices[i];
+      status = run(st, &set, one.step, one.number, one.counted, one.told_locked, one.server, one.mail_id);
+    }
+    return status;
+  });
+}
+
+store_status store_notify_drop(store *st, const std::vector<int> &ids) {
+  if (ids.empty()) return store_ok;
+  return transaction(st, [&] {
+    std::vector<int> gone;
+    return run_for_ids(st, "DELETE FROM notification WHERE mail_id = ?", ids, &gone);
+  });
+}
+
+store_status store_notify_mail(store *st, int mail_id, noticed_mail *mail) {
+  sql_statement get(&st->db,
+                    "SELECT account_id, host_state, security_locked, subject, from_address, from_name, host_tag,"
+                    " message_uid FROM mail WHERE mail_id = ?");
+  const sql_result r = get.bind(mail_id).step();
+  if (r == sql_done) return fail(st, store_invalid, "no mail %d", mail_id);
+  if (r != sql_row) return fail_sql(st);
+  mail->account_id = get.integer(0);
+  mail->host_state = get.integer(1);
+  mail->locked = get.number(2) != 0;
+  int column = 3;
+  for (std::string *text : {&mail->subject, &mail->from_address, &mail->from_name, &mail->host_tag, &mail->message_uid})
+    *text = get.text(column++);
+  return store_ok;
+}
