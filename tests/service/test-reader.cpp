@@ -10,6 +10,7 @@
 #include "brisel-common.h"
 #include "platform-paths.h"
 #include "rows.h"
+#include "store-format.h"
 #include "store.h"
 
 namespace fs = std::filesystem;
@@ -117,7 +118,7 @@ TEST_F(Reader, WhatIsNoReadableStoreIsAnErrorAndStaysAsItIs) {
   make_store();
   run_sql(store_path(), "PRAGMA user_version = 99");
   expect_all(BRISEL_COMMON_ERROR_STORE, BRISEL_COMMON_ERROR_STORE);
-  run_sql(store_path(), "PRAGMA user_version = 4; DROP TABLE mail");
+  run_sql(store_path(), "PRAGMA user_version = " + std::to_string(store_version) + "; DROP TABLE mail");
   int count = 0;
   EXPECT_EQ(BRISEL_COMMON_ERROR_STORE, brisel_db_get_full_noti_data_count_by_account_id(0, &count));
   EXPECT_EQ(0, brisel_db_get_all_account_count(&count));
