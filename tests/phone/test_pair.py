@@ -8,7 +8,7 @@ import socket
 import subprocess
 
 from brisel_test import BUILD, Session
-from phone_test import (Maildir, Relay, Sendmail, by_uid, delete_on_watch, equal, main, message, more_on_watch,
+from phone_test import (Maildir, Relay, Sendmail, body_text, by_uid, delete_on_watch, equal, main, message, more_on_watch,
                         reply_on_watch, status)
 
 GATE = BUILD / "gate" / "brisel-gate"
@@ -175,6 +175,40 @@ def test_links_that_end(s):
     second = Relay(s, "--maildir", f"me@example.org={box.path}", "--watch", f"exec:exec {GATE} # another")
     s.wait(lambda: "the watch is busy: " in second.log(), "word that another is linked")
     equal((second.kill(15), relay.kill(15)), (0, 0), "exit codes")
+
+
+def test_pairing_over_bluetooth(s):
+    """Over a stand-in for BlueZ, on the session's bus in the place of the system's."""
+    address = "bluetooth:00:11:22:33:44:55"
+    s.env["DBUS_SYSTEM_BUS_ADDRESS"] = s.env["DBUS_SESSION_BUS_ADDRESS"]
+    none = s.run("brisel-phone", "pair", address, check=False)
+    assert "Bluetooth is not there" in none.stderr, none
+    radio = subprocess.Popen([BUILD / "tests" / "phone" / "radio", GATE], env=s.env)
+    try:
+        s.wait(lambda: "not paired with" in s.run("brisel-phone", "mail", "list", "--watch", address, check=False).stderr,
+               "only bonded devices")
+        no = s.run("brisel-phone", "pair", address, input="n\n", check=False)
+        assert no.returncode == 1 and "123456" in no.stderr and "codes differ" in no.stderr, no
+        equal(s.phone("watches"), "", "nothing is left of it")
+        yes = s.run("brisel-phone", "pair", address, "--name", "wrist", input="y\n")
+        assert "wrist is paired" in yes.stdout, yes
+        box = Maildir(s.dir / "box")
+        box.deliver(message("one@x", body="a long text\n" * 400))
+        relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--first", "100000")
+        s.wait(lambda: "one@x" in on_watch(s), "the mail")
+        equal(len(body_text(by_uid(s)["one@x"])), 400 * 12 - 1, "all of its text")
+        for _ in range(2):  # the device goes out of reach, and comes back
+            carrier = s.wait(lambda: gate_of(relay, b"carry-bluetooth"), "the link")[0]
+            os.kill(carrier, signal.SIGKILL)
+            s.wait(lambda: carrier not in gate_of(relay, b"carry-bluetooth") and s.linked(), "the link again")
+        box.deliver(message("two@x"))
+        s.wait(lambda: "two@x" in on_watch(s), "the second mail")
+        equal(relay.kill(15), 0, "exit code")
+        s.phone("unpair", "wrist")
+        assert "not paired with" in s.run("brisel-phone", "mail", "list", "--watch", address, check=False).stderr
+    finally:
+        radio.kill()
+        radio.wait()
 
 
 def test_ends_while_it_connects(s):

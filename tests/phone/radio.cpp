@@ -1,0 +1,125 @@
+/* BlueZ as far as a program without a radio can stand for it, seen from the phone: one device, which it bonds with
+   after the agent's yes, and whose profile is a gate behind a pair of sockets.  usage: radio GATE */
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+namespace {
+
+constexpr char kAddress[] = "00:11:22:33:44:55", kAdapter[] = "/org/bluez/hci0",
+               kDevice[] = "/org/bluez/hci0/dev_watch";
+
+struct radio {
+  int trusted = 0; /* the first: where the property is */
+  sd_bus *bus = nullptr;
+  const char *gate = nullptr;
+  int paired = 0;
+  std::string agent, phone, profile;
+  sd_bus_message *pairing = nullptr;
+};
+
+/* A plain handler: the library's own object manager would tell of nothing but what it holds itself. */
+int objects_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  auto *r = static_cast<radio *>(data);
+  if (!sd_bus_message_is_method_call(m, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects")) return 0;
+  return sd_bus_reply_method_return(m, "a{oa{sa{sv}}}", 2, kAdapter, 1, "org.bluez.Adapter1", 1, "Address", "s",
+                                    "FF:FF:FF:FF:FF:FF", kDevice, 1, "org.bluez.Device1", 4, "Address", "s", kAddress,
+                                    "Alias", "s", "Watch", "Adapter", "o", kAdapter, "Paired", "b", r->paired);
+}
+
+int agent_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  auto *r = static_cast<radio *>(data);
+  const char *path = nullptr, *capability = nullptr;
+  if (int e = sd_bus_message_read(m, "os", &path, &capability); e < 0) return e;
+  r->agent = path;
+  return sd_bus_reply_method_return(m, "");
+}
+
+int profile_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  auto *r = static_cast<radio *>(data);
+  const char *path = nullptr, *uuid = nullptr;
+  if (int e = sd_bus_message_read(m, "os", &path, &uuid); e < 0) return e;
+  r->phone = sd_bus_message_get_sender(m);
+  r->profile = path;
+  return sd_bus_reply_method_return(m, "");
+}
+
+int answered_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  auto *r = static_cast<radio *>(data);
+  r->paired = !sd_bus_message_is_method_error(m, nullptr);
+  const sd_bus_error no = {"org.bluez.Error.AuthenticationRejected", "the codes differ", 0};
+  int e = r->paired ? sd_bus_reply_method_return(r->pairing, "") : sd_bus_reply_method_error(r->pairing, &no);
+  r->pairing = sd_bus_message_unref(r->pairing);
+  return e;
+}
+
+int pair_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  auto *r = static_cast<radio *>(data);
+  r->pairing = sd_bus_message_ref(m);
+  int e = sd_bus_call_method_async(r->bus, nullptr, sd_bus_message_get_sender(m), r->agent.c_str(), "org.bluez.Agent1",
+                                   "RequestConfirmation", answered_cb, r, "ou", kDevice, 123456u);
+  return e < 0 ? e : 1;
+}
+
+int connect_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  auto *r = static_cast<radio *>(data);
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) < 0) return -1;
+  if (fork() == 0) {
+    dup2(ends[1], 0);
+    dup2(ends[1], 1);
+    execl(r->gate, "brisel-gate", nullptr);
+    _exit(127);
+  }
+  close(ends[1]);
+  int e = sd_bus_call_method_async(r->bus, nullptr, r->phone.c_str(), r->profile.c_str(), "org.bluez.Profile1",
+                                   "NewConnection", nullptr, nullptr, "oha{sv}", kDevice, ends[0], 0);
+  close(ends[0]);
+  return e < 0 ? e : sd_bus_reply_method_return(m, "");
+}
+
+int remove_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  static_cast<radio *>(data)->paired = 0;
+  return sd_bus_reply_method_return(m, "");
+}
+
+const sd_bus_vtable agents[] = {SD_BUS_VTABLE_START(0),
+                                SD_BUS_METHOD("RegisterAgent", "os", "", agent_cb, SD_BUS_VTABLE_UNPRIVILEGED),
+                                SD_BUS_VTABLE_END},
+                    profiles[] = {SD_BUS_VTABLE_START(0),
+                                  SD_BUS_METHOD("RegisterProfile", "osa{sv}", "", profile_cb,
+                                                SD_BUS_VTABLE_UNPRIVILEGED),
+                                  SD_BUS_VTABLE_END},
+                    adapter[] = {SD_BUS_VTABLE_START(0),
+                                 SD_BUS_METHOD("RemoveDevice", "o", "", remove_cb, SD_BUS_VTABLE_UNPRIVILEGED),
+                                 SD_BUS_VTABLE_END},
+                    device[] = {SD_BUS_VTABLE_START(0),
+                                SD_BUS_METHOD("Pair", "", "", pair_cb, SD_BUS_VTABLE_UNPRIVILEGED),
+                                SD_BUS_METHOD("ConnectProfile", "s", "", connect_cb, SD_BUS_VTABLE_UNPRIVILEGED),
+                                SD_BUS_WRITABLE_PROPERTY("Trusted", "b", nullptr, nullptr, 0, 0), SD_BUS_VTABLE_END};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  radio r;
+  r.gate = argv[1];
+  int e = sd_bus_open_system(&r.bus);
+  if (e >= 0) e = sd_bus_add_object(r.bus, nullptr, "/", objects_cb, &r);
+  if (e >= 0) e = sd_bus_add_object_vtable(r.bus, nullptr, "/org/bluez", "org.bluez.AgentManager1", agents, &r);
+  if (e >= 0) e = sd_bus_add_object_vtable(r.bus, nullptr, "/org/bluez", "org.bluez.ProfileManager1", profiles, &r);
+  if (e >= 0) e = sd_bus_add_object_vtable(r.bus, nullptr, kAdapter, "org.bluez.Adapter1", adapter, &r);
+  if (e >= 0) e = sd_bus_add_object_vtable(r.bus, nullptr, kDevice, "org.bluez.Device1", device, &r);
+  if (e >= 0) e = sd_bus_request_name(r.bus, "org.bluez", 0);
+  while (e >= 0) {
+    e = sd_bus_process(r.bus, nullptr);
+    if (e == 0) e = sd_bus_wait(r.bus, UINT64_MAX);
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+  }
+  return 1;
+}
