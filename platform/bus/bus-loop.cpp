@@ -16,8 +16,10 @@
 namespace {
 
 constexpr char log_tag[] = "BRISEL_BUS";
-/* As many messages as one turn of the loop handles, so that a flood cannot starve drawing and input. */
+/* What one turn of the loop handles, so that a flood cannot starve drawing and input: so many messages, and no further
+   one when these have taken half of a frame. */
 constexpr int messages_per_turn = 64;
+constexpr uint64_t turn_usec = 8000;
 
 struct watch {
   bus_loop_watch_cb callback;
@@ -127,7 +129,8 @@ void dispatch(void) {
   /* A message handler that runs a nested main loop must not handle the next message before it is done. */
   if (dispatching) return;
   dispatching = true;
-  for (int i = 0; bus && i < messages_per_turn; i++) {
+  const uint64_t end = now_usec() + turn_usec;
+  for (int i = 0; bus && i < messages_per_turn && (i == 0 || now_usec() < end); i++) {
     const int r = sd_bus_process(bus, nullptr);
     if (r == 0) break;
     if (r < 0) {

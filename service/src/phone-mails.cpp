@@ -218,10 +218,11 @@ int batch_cb(sd_event_source *source, void *data) {
   return h->batches.empty() ? 0 : go_on(h);
 }
 
-/* After whatever else waits has had its turn. */
+/* After whatever else waits has had its turn: of sources with one priority, one that is always ready comes first. */
 int go_on(host *h) {
-  return h->batch_turn ? sd_event_source_set_enabled(h->batch_turn, SD_EVENT_ONESHOT)
-                       : sd_event_add_defer(h->event, &h->batch_turn, batch_cb, h);
+  if (h->batch_turn) return sd_event_source_set_enabled(h->batch_turn, SD_EVENT_ONESHOT);
+  const int r = sd_event_add_defer(h->event, &h->batch_turn, batch_cb, h);
+  return r < 0 ? r : sd_event_source_set_priority(h->batch_turn, SD_EVENT_PRIORITY_NORMAL + 1);
 }
 
 }  // namespace

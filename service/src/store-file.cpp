@@ -56,6 +56,28 @@ store_status open_anew(store *st) {
   return fail(st, store_failed, "%s", why.c_str());
 }
 
+/* What lies beside the file went: what the connection still has of it goes into the file, and it is made anew.
+   Connections of one process share what they know of a file: the old one must be closed before the new one opens. */
+store_status make_logs_anew(store *st) {
+  if (st->db.run("PRAGMA wal_checkpoint(TRUNCATE)")) return fail_sql(st);
+  remove_logs(st);
+  const file_identity file = st->file;
+  std::string why;
+  st->db.leave_files();
+  st->db.close();
+  const bool opened = store_open_file(st, &why);
+  st->opening = false;
+  if (opened) return store_ok;
+  st->file = file; /* it is the same one: whoever writes next tries again */
+  return fail(st, store_failed, "%s", why.c_str());
+}
+
+/* With what lies beside it. */
+bool set_aside(store *st) {
+  for (const char *end : {"-wal", "-shm"}) rename((st->path + end).c_str(), (st->path + ".strange" + end).c_str());
+  return rename(st->path.c_str(), (st->path + ".strange").c_str()) == 0;
+}
+
 store_status put_back(store *st) {
   const std::string copy = st->path + ".back";
   for (const char *end : {"", "-journal"}) unlink((copy + end).c_str());
@@ -98,10 +120,7 @@ store_status store_keep_file(store *st) {
     return fail(st, store_failed, "%s", why.c_str());
   if (is_at(st->path, st->file)) {
     if (store_file_is_there(st)) return store_ok;
-    /* Only what lies beside it went: what it held goes into the file, and it is made anew. */
-    if (st->db.run("PRAGMA wal_checkpoint(TRUNCATE)")) return fail_sql(st);
-    remove_logs(st);
-    status = open_anew(st);
+    status = make_logs_anew(st);
     if (!status) st->note = st->path + ": what lay beside it was deleted under the service; it is made anew";
     return status;
   }
@@ -109,13 +128,11 @@ store_status store_keep_file(store *st) {
   if (lstat(st->path.c_str(), &info) != 0) {
     if (errno != ENOENT) return fail_file(st, "it cannot be looked for");
     status = put_back(st);
-  } else if (store_check_path(st->path, &why) && info.st_size > 0) {
+  } else if (info.st_size > 0 && store_check_path(st->path, &why) && take_over(st) == store_ok) {
     found = "another store has taken its place, and is the one from now on";
-    status = take_over(st);
   } else {
     found = "something else had taken its place; that is set aside, and the store put back";
-    if (rename(st->path.c_str(), (st->path + ".strange").c_str()) != 0)
-      return fail_file(st, "what is there cannot be set aside");
+    if (!set_aside(st)) return fail_file(st, "what is there cannot be set aside");
     status = put_back(st);
   }
   if (!status) st->note = st->path + ": " + found;
