@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "link-parts.h"
+#include "network.h"
 
 namespace {
 
@@ -67,12 +68,8 @@ int changed_cb(sd_event_source *source, int fd, uint32_t revents, void *user_dat
 }  // namespace
 
 void network_follow(phone_link *link) {
-  int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
-  sockaddr_nl address = {};
-  address.nl_family = AF_NETLINK;
-  address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
-  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-      sd_event_add_io(link->event, &link->network, fd, EPOLLIN, changed_cb, link) >= 0) {
+  int fd = network_open(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE);
+  if (fd >= 0 && sd_event_add_io(link->event, &link->network, fd, EPOLLIN, changed_cb, link) >= 0) {
     link->network_fd = fd;
     return;
   }

@@ -60,6 +60,30 @@ std::string base64(const std::string &text) {
   return out.get();
 }
 
+/* A driver of the library's streams (plain or TLS) with our own reading. */
+struct failing_driver {
+  mailstream_low_driver driver; /* the first: the library hands its address to read_cb */
+  mailstream_low_driver *before;
+};
+
+ssize_t read_cb(mailstream_low *stream, void *buffer, size_t size) {
+  ssize_t got = reinterpret_cast<failing_driver *>(stream->driver)->before->mailstream_read(stream, buffer, size);
+  return got == 0 ? -1 : got;
+}
+
+/* Makes the end of the connection an error of every read: the library waits for the rest of a text for ever. */
+void fail_at_end(mailimap *session) {
+  static failing_driver drivers[2];
+  mailstream_low *low = mailstream_get_low(session->imap_stream);
+  for (failing_driver &one : drivers) {
+    if (one.before && one.before != low->driver) continue;
+    one = {*low->driver, low->driver};
+    one.driver.mailstream_read = read_cb;
+    low->driver = &one.driver;
+    return;
+  }
+}
+
 int connect_server(mailimap *session, const post_server &server, const std::string &ca, std::string *error) {
   auto *name = const_cast<char *>(server.host.c_str());
   int code = server.security == post_security::tls
@@ -83,14 +107,27 @@ int connect_server(mailimap *session, const post_server &server, const std::stri
       return -1;
     }
   }
-  if (server.security == post_security::none) return 0;
-  return tls_check(session->imap_stream, server.host, ca, error);
+  if (server.security != post_security::none && tls_check(session->imap_stream, server.host, ca, error) < 0) return -1;
+  fail_at_end(session);
+  return 0;
+}
+
+/* What the server was heard to offer; NULL: nothing yet. The library keeps it. */
+mailimap_capability_data *offers(mailimap *session) {
+  return session->imap_connection_info ? session->imap_connection_info->imap_capability : nullptr;
+}
+
+void forget_offers(mailimap *session) {
+  if (!offers(session)) return;
+  mailimap_capability_data_free(offers(session));
+  session->imap_connection_info->imap_capability = nullptr;
 }
 
 int log_in(mailimap *session, const post_account &account, const post_server &server, const std::string &secret,
            std::string *error) {
   int code;
   const std::string &user = account.login();
+  forget_offers(session);
   if (account.auth == post_auth::xoauth2) {
     code = mailimap_oauth2_authenticate(session, user.c_str(), secret.c_str());
   } else if (account.auth == post_auth::oauthbearer) {
@@ -259,10 +296,13 @@ int imap_open(const post_account &account, const std::string &secret, imap_sessi
   if (connect_server(session->get(), server, account.ca, error) < 0 ||
       log_in(session->get(), account, server, secret, error) < 0)
     return -1;
-  mailimap_capability_data *offers = nullptr; /* kept by the library, for what mailimap_has_*() answer */
-  if (mailimap_capability(session->get(), &offers) == MAILIMAP_NO_ERROR && offers)
-    mailimap_capability_data_free(offers);
   keep_alive(mailstream_low_get_fd(mailstream_get_low((*session)->imap_stream)));
+  /* What was offered before the login may be less. Most say it with their answer to that; only others are asked, for of
+     an answer that names nothing the library dies. */
+  if (!offers(session->get())) {
+    mailimap_capability_data *again = nullptr;
+    if (mailimap_capability(session->get(), &again) == MAILIMAP_NO_ERROR && again) mailimap_capability_data_free(again);
+  }
   if (imap_tells_changes(session->get())) enable_changes(session->get());
   return 0;
 }

@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <glib.h>
-#include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
 #include <sys/inotify.h>
@@ -23,6 +22,7 @@
 #include <set>
 
 #include "maildir-names.h"
+#include "network.h"
 #include "post-imap.h"
 #include "post-rest.h"
 
@@ -319,17 +319,6 @@ int64_t now() {
   return time.tv_sec;
 }
 
-/* Opens a socket that can be read when this machine got or lost an address. */
-int watch_net() {
-  int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
-  sockaddr_nl groups = {};
-  groups.nl_family = AF_NETLINK;
-  groups.nl_groups = RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
-  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&groups), sizeof groups) == 0) return fd;
-  if (fd >= 0) close(fd);
-  return -1;
-}
-
 /* Waits before the next try; a new network ends that soon. Returns whether there is one. */
 bool rest_a_while(const mirror &m, int pause) {
   char drained[8192];
@@ -374,7 +363,7 @@ int post_mirror_run(const std::string &config, const std::string &account, const
     return 1;
   }
   m.trash = m.account.trash;
-  m.net = watch_net();
+  m.net = network_open(RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR);
   std::string told;
   for (int pause = kFirstPause;;) {
     bool worked = false;

@@ -186,6 +186,7 @@ def test_hostile_servers(s):
         nasty("FETCH", lambda tag: f"* 1 FETCH (UID 0 FLAGS ())\r\n* 2 FETCH (UID 7 FLAGS ())\r\n* 2 FETCH (UID 7 FLAGS ())\r\n{tag} OK x\r\n"),
         nasty("FETCH", lambda tag: b"* 1 FETCH (UID 1 BODY[HEADER] {4000000000}\r\n" + b"y" * (80 << 20)),
         nasty("FETCH", lambda tag: "* 1 FETCH " + "(" * 100000 + "\r\n"),
+        nasty("FETCH", lambda tag: b"* 1 FETCH (UID 1 FLAGS () BODY[HEADER] {500}\r\nhalf"),
         nasty("FETCH", lambda tag: None)])
     with servers(s) as (authority, dovecot, exim):
         equal(setup(s, authority, f"imaps://localhost:{dovecot.tls}", f"smtps://localhost:{exim.tls}").returncode, 0, "setup")
@@ -199,7 +200,7 @@ def test_hostile_servers(s):
         s.wait(lambda: uids(s) == {"m0@x", "m1@x", "m2@x"}, "the mails of the other account")
         s.wait(lambda: "bad@example.org (INBOX): " in relay.log(), "the refusal in the log")
         relay.kill()  # it would hold the hostile server's one connection
-        for _ in range(5):
+        for _ in range(6):
             follower = subprocess.Popen(["brisel-phone", "follow-imap", "--config", s.dir / "relay.conf", "--account",
                                          "bad@example.org", "--folder", "INBOX"], env=s.env, stderr=subprocess.PIPE)
             line = follower.stderr.readline().decode()
