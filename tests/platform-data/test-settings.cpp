@@ -202,13 +202,13 @@ TEST(Private, FoldersThatOthersMayChangeAreNotUsed) {
               {"anybody's base", 0777, 0700, 0, 0, false},
               {"a group's base", 0775, 0700, 0, 1, false},
               {"another's folder", 0755, 0700, 1, 0, false}};
-  if (geteuid() != 0) GTEST_SKIP() << "only root can give folders away";
   for (const auto &row : rows) {
+    if (geteuid() != 0 && (row.owner != 0 || row.group != 0)) continue; /* only root can give folders away */
     const fs::path base = root / row.what, own = base / "brisel";
     fs::create_directories(row.own ? own : base);
     chmod(base.c_str(), row.base);
     if (row.own) chmod(own.c_str(), row.own);
-    ASSERT_EQ(chown(base.c_str(), 0, row.group), 0);
+    if (row.group != 0) ASSERT_EQ(chown(base.c_str(), 0, row.group), 0);
     if (row.owner != 0) ASSERT_EQ(chown(own.c_str(), row.owner, 0), 0);
     EXPECT_TRUE(in_child([&] {
       setenv("XDG_DATA_HOME", base.c_str(), 1);
