@@ -95,12 +95,21 @@ static item_data *_item_data_of_place(int mail_id, time_t received_time, int loc
   return item;
 }
 
-/* What a row shows besides its place: copied from the mail. */
-static void _make_list_data(item_data *item, const full_noti_data *mail) {
+static void _fill_list_data(item_data *item, const full_noti_data *mail) {
   item->account_id = mail->account_id;
   _read_item_state(item, mail);
   const char *sender = mail->from_name && *mail->from_name ? mail->from_name : mail->from_address;
   item->sender = sender ? strdup(sender) : nullptr;
+}
+
+/* What a row shows besides its place, out of the store's record of its mail. NULL when there is none. */
+static item_data *_make_list_data(GSList *noti_list, item_data *place) {
+  if (!noti_list || !noti_list->data) {
+    BRISEL_ERROR("noti_list is NULL");
+    return nullptr;
+  }
+  _fill_list_data(place, (full_noti_data *)noti_list->data);
+  return place;
 }
 
 item_data *_make_list_data_by_mail_id(int mail_id, appdata *ad) {
@@ -115,7 +124,7 @@ item_data *_make_list_data_by_mail_id(int mail_id, appdata *ad) {
     return nullptr;
   }
   item_data *item = _item_data_of_place(mail_id, mail->received_time, mail->security_locked, ad);
-  if (item) _make_list_data(item, mail.get());
+  if (item) _fill_list_data(item, mail.get());
   return item;
 }
 
@@ -262,11 +271,12 @@ static void _make_some_rows(appdata *ad, Elm_Object_Item *group_item, int count)
     GList *cell = rowless;
     rowless = rowless->next;
     item_data *item = (item_data *)cell->data;
-    if (node && ((full_noti_data *)node->data)->mail_id == item->mail_id) {
-      _make_list_data(item, (full_noti_data *)node->data);
+    const bool found_it = node && ((full_noti_data *)node->data)->mail_id == item->mail_id;
+    if (_make_list_data(found_it ? node : nullptr, item)) {
       _add_mail_row(ad, group_item, item, nullptr);
       node = node->next;
     } else {
+      BRISEL_INFO("item_data is NULL.");
       _drop_place(ad, cell, group_item ? (group_item_data *)elm_object_item_data_get(group_item) : nullptr);
     }
   }

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <string>
 
 namespace {
@@ -19,7 +20,8 @@ struct radio {
   sd_bus *bus = nullptr;
   const char *gate = nullptr;
   int paired = 0;
-  std::string agent, phone, profile;
+  std::string agent;
+  std::map<std::string, std::string> profiles; /* of each program that connects, by its name on the bus */
   sd_bus_message *pairing = nullptr;
 };
 
@@ -44,8 +46,7 @@ int profile_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   auto *r = static_cast<radio *>(data);
   const char *path = nullptr, *uuid = nullptr;
   if (int e = sd_bus_message_read(m, "os", &path, &uuid); e < 0) return e;
-  r->phone = sd_bus_message_get_sender(m);
-  r->profile = path;
+  r->profiles[sd_bus_message_get_sender(m)] = path;
   return sd_bus_reply_method_return(m, "");
 }
 
@@ -77,7 +78,8 @@ int connect_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
     _exit(127);
   }
   close(ends[1]);
-  int e = sd_bus_call_method_async(r->bus, nullptr, r->phone.c_str(), r->profile.c_str(), "org.bluez.Profile1",
+  const char *phone = sd_bus_message_get_sender(m);
+  int e = sd_bus_call_method_async(r->bus, nullptr, phone, r->profiles[phone].c_str(), "org.bluez.Profile1",
                                    "NewConnection", nullptr, nullptr, "oha{sv}", kDevice, ends[0], 0);
   close(ends[0]);
   return e < 0 ? e : sd_bus_reply_method_return(m, "");

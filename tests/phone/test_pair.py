@@ -141,8 +141,13 @@ def test_two_watches_get_everything(s):
 
 
 def gate_of(relay, named=b"brisel-gate"):
+    def is_named(pid):
+        try:
+            return named in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes()
+        except FileNotFoundError:
+            return False  # it ended meanwhile
     children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children").read_text().split()
-    return [int(p) for p in children if named in pathlib.Path(f"/proc/{p}/cmdline").read_bytes()]
+    return [int(p) for p in children if is_named(p)]
 
 
 def test_links_that_end(s):
