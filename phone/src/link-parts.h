@@ -9,6 +9,10 @@
 #include "link.h"
 #include "watch.h"
 
+/* Microseconds. How long a link that is down waits before it is tried again, growing from the one to the other. */
+inline constexpr uint64_t kUsecPerSecond = 1000000;
+inline constexpr uint64_t kShortestDelay = kUsecPerSecond / 4, kLongestDelay = 30 * kUsecPerSecond;
+
 /* A request as it came, until there is time for it: the bus may bring one while an answer is waited for. */
 struct waiting_request {
   int64_t id = 0, have = 0;

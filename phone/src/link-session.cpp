@@ -7,8 +7,6 @@
 
 namespace {
 
-constexpr uint64_t kSecond = 1000000, kShortestDelay = kSecond / 4, kLongestDelay = 30 * kSecond;
-
 void connect_now(phone_link *link);
 
 int retry_cb(sd_event_source *source, uint64_t usec, void *user_data) {
@@ -68,7 +66,7 @@ int owner_changed_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
     /* It is started again at once, unless it keeps falling over. */
     uint64_t now = 0;
     sd_event_now(link->event, CLOCK_MONOTONIC, &now);
-    if (now - link->connected_at > 5 * kSecond) link->delay = 0;
+    if (now - link->connected_at > 5 * kUsecPerSecond) link->delay = 0;
     retry_later(link);
   }
   return 0;

@@ -12,8 +12,7 @@
 
 namespace {
 
-constexpr uint64_t kSecond = 1000000, kOpenPatience = 30 * kSecond, kDoubtPatience = 3 * kSecond;
-constexpr uint64_t kShortestDelay = kSecond / 4, kLongestDelay = 30 * kSecond;
+constexpr uint64_t kSecond = kUsecPerSecond, kOpenPatience = 30 * kSecond, kDoubtPatience = 3 * kSecond;
 /* A link that was lost a moment ago is looked for often: then it is together again soon after its way is open. */
 constexpr uint64_t kRecent = 60 * kSecond, kLongestRecentDelay = 3 * kSecond / 2;
 constexpr uint64_t kSettle = kSecond / 5; /* changes of the network come in groups */
