@@ -1,13 +1,13 @@
 """Phone and watch at the two ends of a network that fails: nothing lost, nothing twice, both sides know, and both are
 together again.   BRISEL_CUT_ROUNDS (cuts, default 15) and BRISEL_CUT_SEED choose how much and which."""
 import os
-import pathlib
 import signal
 import subprocess
 import sys
 import time
 
 from brisel_test import BUILD
+import cut_proxy
 from cut_proxy import MODES, Cut
 from phone_test import Maildir, Relay, Sendmail, call_watch, delete_on_watch, equal, main, message
 from torture import torture
@@ -22,8 +22,7 @@ def network(s):
     """A way from a phone to the session's watch, and the options that name it."""
     net = Cut([str(BUILD / "gate" / "brisel-gate")],
               env={**s.env, "BRISEL_GATE_IDLE": "4", "BRISEL_GATE_ANSWER": "2"})
-    here = pathlib.Path(__file__).resolve().parent
-    return net, ("--watch", f"exec:{sys.executable} {here}/cut_proxy.py {net.port}")
+    return net, ("--watch", f"exec:{sys.executable} {cut_proxy.__file__} {net.port}")
 
 
 def linked(s):

@@ -8,6 +8,7 @@ import socket
 import subprocess
 
 from brisel_test import BUILD, Session
+from brisel_machines import free_port, start_sshd
 from phone_test import (Maildir, Relay, Sendmail, body_text, by_uid, delete_on_watch, equal, main, message, more_on_watch,
                         reply_on_watch, status)
 
@@ -21,28 +22,18 @@ class Watch:
         self.session, self.home = session, pathlib.Path(folder)
         (self.home / ".ssh").mkdir(parents=True)
         self.keys = self.home / ".ssh" / "authorized_keys"
-        for name in ("host", "user"):
+        for name in ("host-key", "user"):
             subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", self.home / name], check=True)
         self.others = "# mine\n" + (self.home / "user.pub").read_text().rstrip("\n")  # a last line without its end
         self.keys.write_text(self.others)
-        with socket.socket() as free:
-            free.bind(("127.0.0.1", 0))
-            self.port = free.getsockname()[1]
-        env = {k: v for k, v in session.env.items() if k.startswith(("XDG_", "BRISEL_", "DBUS_"))}
-        env |= {"HOME": str(self.home), "PATH": f"{GATE.parent}:{session.env['PATH']}"}
-        (self.home / "config").write_text(
-            f"Port {self.port}\nListenAddress 127.0.0.1\nHostKey {self.home}/host\nPidFile none\nUsePAM no\n"
-            f"StrictModes no\nPermitRootLogin yes\nAuthorizedKeysFile {self.keys}\nPasswordAuthentication no\nSetEnv "
-            + " ".join(f'"{k}={v}"' for k, v in env.items() if v) + "\n")
+        self.port = free_port()
+        self.env = {k: v for k, v in session.env.items() if k.startswith(("XDG_", "BRISEL_", "DBUS_"))}
+        self.env |= {"HOME": str(self.home), "PATH": f"{GATE.parent}:{session.env['PATH']}"}
         self.address = f"ssh://127.0.0.1:{self.port}"
         self.start()
 
     def start(self):
-        if os.geteuid() == 0:
-            os.makedirs("/run/sshd", exist_ok=True)
-        sshd = shutil.which("sshd", path="/usr/sbin:/usr/local/sbin:" + os.environ["PATH"])
-        self.sshd = subprocess.Popen([sshd, "-D", "-e", "-f", self.home / "config"],
-                                     stderr=open(self.home / "sshd.log", "a"))
+        self.sshd = start_sshd(self.home, "127.0.0.1", self.port, self.keys, self.env)
         self.session.wait(self.answers, "sshd")
 
     def answers(self):
@@ -104,7 +95,7 @@ def test_pairing_over_ssh(s):
     s.wait(lambda: on_watch(s) == {"one@x", "two@x"}, "the second mail")
     relay.kill(15)
     # A machine with another host key gets nothing.
-    shutil.copy(watch.home / "user", watch.home / "host")
+    shutil.copy(watch.home / "user", watch.home / "host-key")
     watch.stop()
     watch.start()
     refused = s.run("brisel-phone", "mail", "list", check=False)

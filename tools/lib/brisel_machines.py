@@ -6,13 +6,10 @@ import pathlib
 import shutil
 import socket
 import subprocess
-import sys
 import tempfile
 
-from brisel_drive import BUILD, TOP, Session
-
-sys.path.insert(0, str(TOP / "tests" / "pair"))
-from cut_proxy import Cut  # noqa: E402
+from brisel_drive import BUILD, Session
+from cut_proxy import Cut
 
 USERS = {"watch": 4201, "phone": 4202}
 ADDRESSES = {"watch": "10.98.76.1", "phone": "10.98.76.2"}
@@ -26,6 +23,18 @@ def sh(*command):
 def free_port():
     with socket.create_server(("127.0.0.1", 0)) as s:
         return s.getsockname()[1]
+
+
+def start_sshd(folder, address, port, authorized_keys, env, prefix=()):
+    """A server of its own in that folder, where its host key is; who logs in gets env. Quiet until it is asked."""
+    folder = pathlib.Path(folder)
+    (folder / "sshd_config").write_text(
+        f"Port {port}\nListenAddress {address}\nHostKey {folder}/host-key\nPidFile none\nUsePAM no\nStrictModes no\n"
+        f"PermitRootLogin yes\nPasswordAuthentication no\nAuthorizedKeysFile {authorized_keys}\n" +
+        ("SetEnv " + " ".join(f'"{k}={v}"' for k, v in env.items() if v) + "\n" if env else ""))
+    if os.getuid() == 0 and not prefix:
+        pathlib.Path("/run/sshd").mkdir(exist_ok=True)
+    return subprocess.Popen([*prefix, SSHD, "-D", "-f", str(folder / "sshd_config"), "-E", str(folder / "sshd.log")])
 
 
 def can_split():
@@ -100,14 +109,7 @@ class Machines:
         port, address = (22, ADDRESSES["watch"]) if self.split else (free_port(), "127.0.0.1")
         env = {**self.gate_env, **({} if self.split else
                                    {"DBUS_SESSION_BUS_ADDRESS": self.watch.env["DBUS_SESSION_BUS_ADDRESS"]})}
-        (self.dir / "sshd_config").write_text(
-            f"Port {port}\nListenAddress {address}\nHostKey {self.dir}/host-key\nPidFile none\nUsePAM no\n"
-            f"StrictModes no\nPasswordAuthentication no\nAuthorizedKeysFile {self.dir}/authorized_keys\n" +
-            ("SetEnv " + " ".join(f"{k}={v}" for k, v in env.items()) + "\n" if env else ""))
-        if not self.split:
-            pathlib.Path("/run/sshd").mkdir(exist_ok=True) if os.getuid() == 0 else None
-        self.sshd = subprocess.Popen([*self.on("watch", user=False), SSHD, "-D", "-f", str(self.dir / "sshd_config"), "-E",
-                                      str(self.dir / "sshd.log")])
+        self.sshd = start_sshd(self.dir, address, port, self.dir / "authorized_keys", env, self.on("watch", user=False))
         if not self.split:
             self.net = Cut((address, port), delay=delay, rate=rate)
             port = self.net.port
