@@ -3,13 +3,18 @@
 #include <Elementary.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
+#include "cases.h"
 #include "loop.h"
 
 namespace {
+
+const std::string CASES = CASES_DIR "/theme.txt";
 
 std::string file(const std::string &name) {
   return std::string(getenv("BRISEL_RES_DIR")) + "/edje/" + name + ".edj";
@@ -54,59 +59,15 @@ Evas_Object *picture(Evas_Object *parent, int height) {
 
 /* --- names --- */
 
-struct group_parts {
-  const char *file, *group;
-  std::vector<const char *> parts;
-};
-
 TEST_F(Theme, HasEveryGroupWithItsParts) {
-  const std::vector<group_parts> table = {
-      {"brisel", "brisel/popup/progress.1text", {"swallow.progress", "text"}},
-      {"brisel", "brisel/delete_view", {"genlist", "btn1", "btn2"}},
-      {"brisel", "brisel/detail/page_scroller", {"scroller"}},
-      {"brisel", "brisel/detail/single_scroller", {"title", "scroller"}},
-      {"brisel",
-       "brisel/detail",
-       {"detail.title", "detail.time", "detail.body", "detail.body_rest", "detail.attachment", "detail.image",
-        "detail.device", "detail.lbutton", "detail.rbutton", "detail.process", "detail.progress_bg"}},
-      {"brisel", "brisel/detail/body_block", {"detail.body"}},
-      {"brisel", "brisel/list_icon_rect", {"swallow.icon"}},
-      {"brisel", "brisel/emoticon_view", {"swallow.entry", "swallow.send_btn"}},
-      {"platform", "elm/layout/application/default", {"elm.swallow.bg", "elm.swallow.content"}},
-      {"platform", "elm/layout/application/noindicator", {"elm.swallow.bg", "elm.swallow.content"}},
-      {"platform", "elm/layout/nocontents/full", {"elm.text"}},
-      {"platform", "elm/layout/nocontents/text", {"elm.text"}},
-      {"platform",
-       "elm/naviframe/item/basic/default",
-       {"elm.swallow.content", "elm.text.title", "elm.swallow.icon", "elm.swallow.prev_btn", "elm.swallow.next_btn",
-        "title_color_bar"}},
-      {"platform", "elm/conformant/base/default", {"elm.swallow.content", "elm.swallow.virtualkeypad"}},
-      {"platform", "elm/popup/base/default", {"elm.text.title", "elm.swallow.content", "elm.swallow.action_area"}},
-      {"platform", "elm/popup/base/toast", {"elm.swallow.content"}},
-      {"platform", "elm/popup/content/popup/default", {"elm.swallow.content"}},
-      {"platform", "elm/popup/content/popup/toast", {"elm.swallow.content"}},
-      {"platform", "elm/popup/buttons1/popup/default", {"elm.swallow.content.button1"}},
-      {"platform", "elm/popup/buttons2/popup/default", {"elm.swallow.content.button1", "elm.swallow.content.button2"}},
-      {"platform", "elm/notify/center/popup/default", {"elm.swallow.content"}},
-      {"platform", "elm/notify/bottom/popup/toast", {"elm.swallow.content"}},
-      {"platform", "elm/notify/block_events/popup/default", {}},
-      {"platform", "elm/notify/block_events/popup/toast", {}},
-      {"platform", "elm/label/base/popup/toast", {"elm.text"}},
-  };
-  for (const group_parts &one : table) {
+  for (const case_row &one : table_of(CASES, "groups", 3)) {
     Evas_Object *edje = edje_object_add(evas_object_evas_get(win));
-    ASSERT_TRUE(edje_object_file_set(edje, file(one.file).c_str(), one.group)) << one.group;
-    for (const char *part : one.parts) EXPECT_TRUE(edje_object_part_exists(edje, part)) << one.group << " " << part;
+    ASSERT_TRUE(edje_object_file_set(edje, file(one[0]).c_str(), one.text(1))) << one[1];
+    for (const std::string &part : one.words(2)) EXPECT_TRUE(edje_object_part_exists(edje, part.c_str())) << part;
     evas_object_del(edje);
   }
-  for (const char *name :
-       {"b_email_history_delete_normal.png", "b_email_icon_email.png", "b_listnoti_popupbg.png",
-        "b_email_swipe-delete.png", "b_email_ic_menu_selectall_normal.png", "b_email_icon_message_send.png",
-        "b_email_icon_message_send_2.png", "b_email_icon_message_s_send.png", "b_email_icon_showonphone.png",
-        "b_email_setting.png", "b_email_icon_more.png"}) {
-    Evas_Object *image = elm_image_add(win);
-    EXPECT_TRUE(elm_image_file_set(image, file("brisel-images").c_str(), name)) << name;
-  }
+  for (const case_row &one : table_of(CASES, "pictures", 1))
+    EXPECT_TRUE(elm_image_file_set(elm_image_add(win), file("brisel-images").c_str(), one.text(0))) << one[0];
 }
 
 /* Where a widget's look really comes from. */
@@ -117,32 +78,20 @@ std::string look_of(Evas_Object *edje) {
 }
 
 TEST_F(Theme, DressesEveryWidgetStyle) {
-  struct widget_style {
-    Evas_Object *(*add)(Evas_Object *);
-    const char *style, *group;
-  };
-  const widget_style table[] = {
-      {elm_button_add, "default", "elm/button/base/default"},
-      {elm_button_add, "popup", "elm/button/base/popup"},
-      {elm_button_add, "naviframe/title_icon", "elm/button/base/naviframe/title_icon"},
-      {elm_button_add, "list_divider_btn", "elm/button/base/list_divider_btn"},
-      {elm_check_add, "default", "elm/check/base/default"},
-      {elm_radio_add, "default", "elm/radio/base/default"},
-      {elm_label_add, "default", "elm/label/base/default"},
-      {elm_label_add, "popup/default", "elm/label/base/popup/default"},
-      {elm_progressbar_add, "process", "elm/progressbar/horizontal/process"},
-      {elm_progressbar_add, "process/groupindex", "elm/progressbar/horizontal/process/groupindex"},
-      {elm_scroller_add, "default", "elm/scroller/base/default"},
-      {elm_scroller_add, "effect", "elm/scroller/base/effect"},
-      {elm_genlist_add, "default", "elm/genlist/base/default"},
-      {elm_genlist_add, "popup", "elm/genlist/base/popup"},
-      {elm_bg_add, "default", "elm/bg/base/default"},
-      {elm_conformant_add, "default", "elm/conformant/base/default"},
-  };
-  for (const widget_style &one : table) {
-    Evas_Object *widget = one.add(win);
-    EXPECT_TRUE(elm_object_style_set(widget, one.style)) << one.group;
-    EXPECT_EQ(look_of(elm_layout_edje_get(widget)), one.group);
+  const std::map<std::string, Evas_Object *(*)(Evas_Object *)> add = {
+      {"elm/button/base", elm_button_add},
+      {"elm/check/base", elm_check_add},
+      {"elm/radio/base", elm_radio_add},
+      {"elm/label/base", elm_label_add},
+      {"elm/progressbar/horizontal", elm_progressbar_add},
+      {"elm/scroller/base", elm_scroller_add},
+      {"elm/genlist/base", elm_genlist_add},
+      {"elm/bg/base", elm_bg_add},
+      {"elm/conformant/base", elm_conformant_add}};
+  for (const case_row &one : table_of(CASES, "widget styles", 2)) {
+    Evas_Object *widget = add.at(one[0])(win);
+    EXPECT_TRUE(elm_object_style_set(widget, one.text(1))) << one[0] << " " << one[1];
+    EXPECT_EQ(look_of(elm_layout_edje_get(widget)), one[0] + "/" + one[1]);
   }
 }
 
@@ -157,127 +106,76 @@ Evas_Object *row_content(void *, Evas_Object *obj, const char *part) {
   return rect;
 }
 
-struct list {
-  Evas_Object *genlist;
-  Elm_Genlist_Item_Class *itc;
-};
-list make_list(Evas_Object *win, const char *style, int rows, const char *list_style = "default") {
-  list made = {elm_genlist_add(win), elm_genlist_item_class_new()};
-  elm_object_style_set(made.genlist, list_style);
-  elm_genlist_mode_set(made.genlist, ELM_LIST_COMPRESS);
-  elm_genlist_homogeneous_set(made.genlist, EINA_TRUE);
-  evas_object_resize(made.genlist, 320, 320);
-  evas_object_show(made.genlist);
-  made.itc->item_style = style;
-  made.itc->func.text_get = row_text;
-  made.itc->func.content_get = row_content;
-  for (int i = 0; i < rows; i++)
-    elm_genlist_item_append(made.genlist, made.itc, nullptr, nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
-  frames();
-  return made;
-}
-Eina_Rectangle place(Evas_Object *obj) {
-  Eina_Rectangle r;
-  evas_object_geometry_get(obj, &r.x, &r.y, &r.w, &r.h);
-  return r;
-}
-
 TEST_F(Theme, ShowsEveryPartOfEveryRow) {
-  struct row_style {
-    const char *style, *list_style;
-    std::vector<const char *> texts, contents;
-    int height;
-  };
-  const std::vector<row_style> table = {
-      {"email/group", "default", {"elm.text.1", "elm.text.2"}, {}, 48},
-      {"email/sweep",
-       "default",
-       {"elm.text.1", "elm.text.2", "elm.text.noti", "elm.text.sweep"},
-       {"elm.icon", "elm.icon.sweep", "elm.swallow.colorbar"},
-       72},
-      {"1text", "default", {"elm.text"}, {}, 72},
-      {"2text", "default", {"elm.text.1", "elm.text.2"}, {}, 72},
-      {"2text.1", "default", {"elm.text.1", "elm.text.2"}, {}, 72},
-      {"2text.1icon", "default", {"elm.text.1", "elm.text.2"}, {"elm.icon"}, 72},
-      {"2text.1icon.1", "default", {"elm.text.1", "elm.text.2"}, {"elm.icon", "elm.swallow.colorbar"}, 72},
-      {"2text.1icon.1", "popup", {"elm.text.1", "elm.text.2"}, {"elm.icon", "elm.swallow.colorbar"}, 72},
-      {"1text.1icon.1", "default", {"elm.text"}, {"elm.icon"}, 72},
-      {"1text.1icon.1", "popup", {"elm.text"}, {"elm.icon"}, 72},
-      {"2text.1icon.divider", "default", {"elm.text.1", "elm.text.2"}, {"elm.icon"}, 72},
-  };
-  for (const row_style &one : table) {
-    list made = make_list(win, one.style, 1, one.list_style);
-    Elm_Object_Item *it = elm_genlist_first_item_get(made.genlist);
-    for (const char *part : one.texts)
-      EXPECT_STREQ(elm_object_item_part_text_get(it, part), part) << one.style << " in " << one.list_style;
-    for (const char *part : one.contents)
-      EXPECT_NE(elm_object_item_part_content_get(it, part), nullptr) << one.style << " " << part;
-    Evas_Object *track = elm_object_item_track(it);
-    EXPECT_GE(place(track).h, one.height) << one.style;
+  for (const case_row &one : table_of(CASES, "rows: style, that of the list, texts, contents, least height", 5)) {
+    SCOPED_TRACE(one[0] + " in " + one[1]);
+    Evas_Object *list = elm_genlist_add(win);
+    Elm_Genlist_Item_Class *kind = elm_genlist_item_class_new();
+    elm_object_style_set(list, one.text(1));
+    evas_object_resize(list, 320, 320);
+    evas_object_show(list);
+    kind->item_style = one.text(0);
+    kind->func.text_get = row_text;
+    kind->func.content_get = row_content;
+    Elm_Object_Item *it =
+        elm_genlist_item_append(list, kind, nullptr, nullptr, ELM_GENLIST_ITEM_NONE, nullptr, nullptr);
+    frames();
+    for (const std::string &part : one.words(2))
+      EXPECT_STREQ(elm_object_item_part_text_get(it, part.c_str()), part.c_str());
+    for (const std::string &part : one.words(3))
+      EXPECT_NE(elm_object_item_part_content_get(it, part.c_str()), nullptr) << part;
+    int height = 0;
+    evas_object_geometry_get(elm_object_item_track(it), nullptr, nullptr, nullptr, &height);
+    EXPECT_GE(height, one.number(4));
     elm_object_item_untrack(it);
-    elm_genlist_item_class_free(made.itc);
-    evas_object_del(made.genlist);
+    elm_genlist_item_class_free(kind);
+    evas_object_del(list);
   }
 }
 
 /* The genlist gives a deleted row's view to another row: one that showed a short text must show a long one whole. */
 TEST_F(Theme, ShowsALongTextWhereAShortOneWas) {
-  struct text_part {
-    const char *group, *part;
-  };
-  const text_part table[] = {
-      {"elm/genlist/item/email/sweep/default", "elm.text.1"},
-      {"elm/genlist/item/email/sweep/default", "elm.text.2"},
-      {"elm/genlist/item/email/group/default", "elm.text.1"},
-      {"elm/genlist/item/email/group/default", "elm.text.2"},
-      {"elm/genlist/item/2text/default", "elm.text.1"},
-      {"elm/genlist/item/2text/default", "elm.text.2"},
-      {"elm/genlist/item/2text.1icon.1/default", "elm.text.1"},
-      {"elm/genlist/item/2text.1icon.1/default", "elm.text.2"},
-      {"elm/genlist/item/2text.1icon.1/popup", "elm.text.2"},
-      {"elm/naviframe/item/basic/default", "elm.text.title"},
-  };
-  const auto width = [&](const text_part &one, const std::vector<const char *> &texts) {
+  const auto width = [&](const case_row &one, const std::vector<const char *> &texts) {
     Evas_Object *edje = edje_object_add(evas_object_evas_get(win));
-    EXPECT_TRUE(edje_object_file_set(edje, file("platform").c_str(), one.group));
+    EXPECT_TRUE(edje_object_file_set(edje, file("platform").c_str(), one.text(0)));
     evas_object_resize(edje, 320, 80);
     evas_object_show(edje);
     int w = 0;
     for (const char *text : texts) {
-      edje_object_part_text_set(edje, one.part, text);
+      edje_object_part_text_set(edje, one.text(1), text);
       frames(2);
-      edje_object_part_geometry_get(edje, one.part, nullptr, nullptr, &w, nullptr);
+      edje_object_part_geometry_get(edje, one.text(1), nullptr, nullptr, &w, nullptr);
     }
     evas_object_del(edje);
     return w;
   };
-  for (const text_part &one : table) {
-    const int fresh = width(one, {"06/01/2014 07:00"});
-    EXPECT_GT(fresh, 100) << one.group << " " << one.part;
-    EXPECT_EQ(width(one, {"1", "06/01/2014 07:00"}), fresh) << one.group << " " << one.part;
-    EXPECT_EQ(width(one, {"A text that is far too long for a single line of this display", "06/01/2014 07:00"}), fresh)
-        << one.group << " " << one.part;
+  const char *date = "06/01/2014 07:00", *longest = "A text that is far too long for a single line of this display";
+  for (const case_row &one : table_of(CASES, "long after short", 2)) {
+    SCOPED_TRACE(one[0] + " " + one[1]);
+    const int fresh = width(one, {date});
+    EXPECT_GT(fresh, 100);
+    EXPECT_EQ(width(one, {"1", date}), fresh);
+    EXPECT_EQ(width(one, {longest, date}), fresh);
   }
 }
 
 /* --- sizes --- */
 
 TEST_F(Theme, HasTargetsAFingerHits) {
-  Evas_Object *(*const kinds[])(Evas_Object *) = {elm_button_add, elm_check_add, elm_radio_add};
-  for (double scale : {0.8, 1.0, 1.5}) {
-    for (auto add : kinds) {
-      for (const char *style : {"default", "popup", "naviframe/title_icon", "list_divider_btn"}) {
-        Evas_Object *widget = add(win);
-        if (strcmp(style, "default") != 0 && add != elm_button_add) continue;
-        elm_object_style_set(widget, style);
-        elm_object_scale_set(widget, scale);
-        int w = 0, h = 0;
-        edje_object_size_min_calc(elm_layout_edje_get(widget), &w, &h);
-        EXPECT_GE(w, (int)(48 * scale)) << style << " at " << scale;
-        EXPECT_GE(h, (int)(48 * scale)) << style << " at " << scale;
-      }
+  for (double scale : {0.8, 1.0, 1.5})
+    for (const case_row &one : table_of(CASES, "widget styles", 2)) {
+      const auto add = one[0] == "elm/button/base"  ? elm_button_add
+                       : one[0] == "elm/check/base" ? elm_check_add
+                       : one[0] == "elm/radio/base" ? elm_radio_add
+                                                    : nullptr;
+      if (!add) continue;
+      Evas_Object *widget = add(win);
+      elm_object_style_set(widget, one.text(1));
+      elm_object_scale_set(widget, scale);
+      int w = 0, h = 0;
+      edje_object_size_min_calc(elm_layout_edje_get(widget), &w, &h);
+      EXPECT_GE(std::min(w, h), static_cast<int>(48 * scale)) << one[0] << " " << one[1] << " at " << scale;
     }
-  }
 }
 
 /* --- the reader --- */
