@@ -9,12 +9,17 @@
 
 #include "app-test.h"
 #include "brisel-scoped.h"
+#include "cases.h"
 #include "contacts.h"
 #include "vconf.h"
 
 static std::string taken(char *text) {
   scoped_text held(text);
   return text ? text : "(null)";
+}
+
+static std::vector<case_row> cases(const char *name, size_t fields) {
+  return table_of(CASES_DIR "/utils.txt", name, fields);
 }
 
 /* 2013-03-14 22:42:07 UTC */
@@ -46,35 +51,15 @@ struct formats : testing::Test {
 
 TEST_F(formats, OldMailsShowDateAndTime) {
   zone("Etc/UTC");
-  const struct {
-    const char *region;
-    int date_format, time_format;
-    const char *expected;
-  } cases[] = {
-      {"en_GB.UTF-8", 0, 0, "14/03/2013 22:42"},
-      {"en_GB.UTF-8", 1, 0, "03/14/2013 22:42"},
-      {"en_GB.UTF-8", 2, 2, "2013/03/14 22:42"},
-      {"en_GB.UTF-8", 3, 0, "2013/14/03 22:42"},
-      {"en_GB", 9, 0, "2013/03/14 22:42"},
-      {"ko_KR.UTF-8", 2, 0, "2013/03/14 22:42"},
-      {"ko_KR.UTF-8", 2, 1, "2013/03/14 오후 10:42"},
-      {"ar_EG.UTF-8", 0, 0, "١٤/٠٣/٢٠١٣ ٢٢:٤٢"},
-      {"ar_EG.UTF-8", 0, 1, "١٤/٠٣/٢٠١٣ ١٠:٤٢ م"},
-      {"fi_FI.UTF-8", 0, 0, "14/03/2013 22.42"},
-      {nullptr, 1, 0, "03/14/2013 22:42"},
-      {"sr_RS.UTF-8@latin", 0, 0, "14/03/2013 22:42"},
-      {"fa_IR", 2, 0, "۱۳۹۱/۱۲/۲۴ ۲۲:۴۲"},
-      {"ta_IN", 0, 1, "14/03/2013 10:42 பி.ப"},
-      {"dz_BT", 0, 1, "༡༤/༠༣/༢༠༡༣ ༡༠:༤༢ ཕྱི་ཆ་"},
-  };
-  for (const auto &c : cases) {
-    region(c.region);
-    ad.date_format = c.date_format;
-    ad.time_format = c.time_format;
+  for (const case_row &c :
+       cases("old mails: region, date format, time format, what is shown of 2013-03-14 22:42:07 UTC", 4)) {
+    region(c.text(0));
+    ad.date_format = c.number(1);
+    ad.time_format = c.number(2);
     std::string shown = taken(brisel_util_get_mailbox_date_time_str(old_mail, &ad));
     for (size_t nbsp; (nbsp = shown.find("\u202F")) != std::string::npos;) shown.replace(nbsp, 3, " ");
     for (size_t nbsp; (nbsp = shown.find("\u00A0")) != std::string::npos;) shown.replace(nbsp, 2, " ");
-    EXPECT_EQ(shown, c.expected) << (c.region ? c.region : "(unset)") << c.date_format << c.time_format;
+    EXPECT_EQ(shown, c[3]) << c[0];
   }
 }
 
@@ -117,26 +102,10 @@ TEST_F(formats, NearerMailsShowLess) {
 }
 
 TEST_F(formats, RegionMakesTheLocaleAndTheDigits) {
-  const struct {
-    const char *region;
-    std::string locale;
-    const char *number;
-  } cases[] = {
-      {"ko_KR.UTF-8", "ko_KR", "-1,234,567"},
-      {"ar_EG.UTF-8", "ar_EG", "\u061C-١٬٢٣٤٬٥٦٧"},
-      {"de_DE", "de_DE", "-1.234.567"},
-      {nullptr, "en_US", "-1,234,567"},
-      {"a234567890123456789012345678901234567890.UTF-8", "en_US", "-1,234,567"},
-      {"a2345678901234", "en_US", "-1,234,567"},
-      {"en_US@x=y;;;=", "en_US", "-1,234,567"},
-      {"sr_RS@latin", "sr_Latn_RS", "-1.234.567"},
-      {"de_DE.UTF-8@euro", "de_DE", "-1.234.567"},
-      {"ca_ES@valencia", "ca_ES_VALENCIA", "-1.234.567"},
-  };
-  for (const auto &c : cases) {
-    region(c.region);
-    EXPECT_EQ(ad.locale, c.locale);
-    EXPECT_EQ(taken(brisel_util_get_localized_number_str(-1234567, &ad)), c.number) << c.locale;
+  for (const case_row &c : cases("regions: the locale of each, and -1234567 in it", 3)) {
+    region(c.text(0));
+    EXPECT_EQ(ad.locale, c[1]);
+    EXPECT_EQ(taken(brisel_util_get_localized_number_str(-1234567, &ad)), c[2]) << c[1];
   }
   log_mark();
   vconf_set_int(BRISEL_KEY_REGION, 7);
@@ -146,14 +115,10 @@ TEST_F(formats, RegionMakesTheLocaleAndTheDigits) {
 
 TEST_F(formats, TheZoneLinkRulesTextsAndDays) {
   region("en_GB.UTF-8");
-  const struct {
-    const char *id, *expected;
-  } cases[] = {
-      {"Asia/Seoul", "15/03/2013 07:42"}, {"America/New_York", "14/03/2013 18:42"}, {"Etc/UTC", "14/03/2013 22:42"}};
-  for (const auto &c : cases) {
-    zone(c.id);
-    EXPECT_EQ(taken(brisel_get_timezone_str()), c.id);
-    EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(old_mail, &ad)), c.expected);
+  for (const case_row &c : cases("zones", 2)) {
+    zone(c[0]);
+    EXPECT_EQ(taken(brisel_get_timezone_str()), c[0]);
+    EXPECT_EQ(taken(brisel_util_get_mailbox_date_time_str(old_mail, &ad)), c[1]);
   }
   /* Other trees of the same zones, a copy, and a file that is none of the database: what the C library makes of it. */
   zone("posix/Asia/Seoul");
@@ -209,53 +174,30 @@ TEST_F(formats, ThisYearIsTheCalendarsOwn) {
 
 /* Where no setting speaks, the locale does: the region's, else the environment's. */
 TEST_F(formats, UnsetSettingsFollowTheLocale) {
-  const struct {
-    const char *region, *lc_time;
-    int order, twelve;
-  } cases[] = {{"en_US", nullptr, 1, 1},       {"de_DE", "en_US.UTF-8", 0, 0}, {nullptr, "en_US.UTF-8", 1, 1},
-               {nullptr, "ko_KR.UTF-8", 2, 1}, {nullptr, "sv_SE.UTF-8", 2, 0}, {nullptr, "C.UTF-8", 0, 0}};
-  for (const auto &c : cases) {
-    c.lc_time ? setenv("LC_ALL", c.lc_time, 1) : unsetenv("LC_ALL");
-    region(c.region);
+  for (const case_row &c : cases("unset settings: region, LC_ALL, order of the date, twelve hours", 4)) {
+    c.text(1) ? setenv("LC_ALL", c.text(1), 1) : unsetenv("LC_ALL");
+    region(c.text(0));
     const bool has = brisel_util_has_locale();
-    EXPECT_EQ(has ? brisel_util_locale_date_order(ad.locale) : 0, c.order) << ad.locale;
-    EXPECT_EQ(has && brisel_util_locale_has_12_hours(ad.locale), c.twelve) << ad.locale;
+    EXPECT_EQ(has ? brisel_util_locale_date_order(ad.locale) : 0, c.number(2)) << ad.locale;
+    EXPECT_EQ(has && brisel_util_locale_has_12_hours(ad.locale), c.number(3)) << ad.locale;
   }
   unsetenv("LC_ALL");
 }
 
 TEST(texts, MarkupShowsTheTextItself) {
-  const struct {
-    std::string text, row, whole;
-  } cases[] = {
-      {"", "", ""},
-      {"Plain", "Plain", "Plain"},
-      {"<b>&amp;\"", "&lt;b&gt;&amp;amp;\"", "&lt;b&gt;&amp;amp;\""},
-      {"a\r\nb\tc\u2028d", "a b c d", "a<br/>b<tab/>c<br/>d"},
-      {"\xC3\x28\xFF", "\uFFFD(\uFFFD", "\uFFFD(\uFFFD"},
-      {"\xE0\x80\xAF \xED\xA0\x80 \xF5", "\uFFFD\uFFFD\uFFFD \uFFFD\uFFFD\uFFFD \uFFFD",
-       "\uFFFD\uFFFD\uFFFD \uFFFD\uFFFD\uFFFD \uFFFD"},
-      {"\x01\x7F\uFFFC", "\uFFFD\uFFFD\uFFFD", "\uFFFD\uFFFD\uFFFD"},
-      {"עברית 😀 한", "עברית 😀 한", "עברית 😀 한"},
-  };
-  for (const auto &c : cases) {
-    EXPECT_EQ(taken(brisel_util_text_to_markup(c.text.c_str())), c.row);
-    EXPECT_EQ(taken(brisel_util_text_to_markup_whole(c.text.c_str())), c.whole);
+  for (const case_row &c : cases("markup: of a row, of a whole text", 3)) {
+    EXPECT_EQ(taken(brisel_util_text_to_markup(c.text(0))), c[1]);
+    EXPECT_EQ(taken(brisel_util_text_to_markup_whole(c.text(0))), c[2]);
   }
   EXPECT_EQ(brisel_util_text_to_markup(nullptr), nullptr);
 }
 
 TEST(texts, MarkupIsCutBetweenCharactersAndEntities) {
-  const struct {
-    std::string head, unit;
-    size_t expected;
-  } cases[] = {{"", "a", 1024},    {"", "é", 1024}, {"a", "é", 1023},   {"ab", "한", 1022},
-               {"abc", "😀", 1023}, {"", "<", 1024}, {"abc", "<", 1023}, {"", "&", 1020}};
-  for (const auto &c : cases) {
-    std::string text = c.head;
-    while (text.size() < 3000) text += c.unit;
+  for (const case_row &c : cases("cut markup: a beginning, what follows it for ever, the size that is left", 3)) {
+    std::string text = c[0];
+    while (text.size() < 3000) text += c[1];
     const std::string markup = taken(brisel_util_text_to_markup(text.c_str()));
-    EXPECT_EQ(markup.size(), c.expected) << c.unit;
+    EXPECT_EQ(static_cast<int>(markup.size()), c.number(2)) << c[1];
     EXPECT_TRUE(eina_unicode_utf8_get_len(markup.c_str()) > 0);
     EXPECT_GT(taken(brisel_util_text_to_markup_whole(text.c_str())).size(), 2999u);
     std::vector<char> cut(text.begin(), text.end());
@@ -265,24 +207,15 @@ TEST(texts, MarkupIsCutBetweenCharactersAndEntities) {
     EXPECT_EQ(kept, text.substr(0, kept.size()));
     EXPECT_LE(kept.size(), 1023u);
     EXPECT_GT(kept.size(), 1019u);
-    EXPECT_EQ((kept.size() - c.head.size()) % c.unit.size(), 0u) << "half a character";
+    EXPECT_EQ((kept.size() - c[0].size()) % c[1].size(), 0u) << "half a character";
   }
 }
 
 TEST(texts, ReplaceTakesTheFirstMatch) {
+  for (const case_row &c : cases("replaced", 4))
+    EXPECT_EQ(taken(brisel_replace_str(c.text(0), c.text(1), c.text(2))), c[3]);
   const std::string longer(5000, 'x');
-  const struct {
-    std::string src, find, replace, expected;
-  } cases[] = {
-      {"%d of %d", "%d", "%s", "%s of %d"},
-      {"a%d", "%d", "", "a"},
-      {"none", "%d", "7", "none"},
-      {"", "%d", "7", ""},
-      {longer + "%d", "%d", "7", longer + "7"},
-      {"a", "", "7", "a"},
-  };
-  for (const auto &c : cases)
-    EXPECT_EQ(taken(brisel_replace_str(c.src.c_str(), c.find.c_str(), c.replace.c_str())), c.expected);
+  EXPECT_EQ(taken(brisel_replace_str((longer + "%d").c_str(), "%d", "7")), longer + "7");
 }
 
 TEST(reply_method, IsKeptAsTheHostCodesIt) {
