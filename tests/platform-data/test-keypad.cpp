@@ -3,12 +3,15 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "cases.h"
 #include "efl_assist.h"
 #include "keypad-compose.h"
 #include "keypad-internal.h"
@@ -18,7 +21,18 @@
 
 namespace {
 
+const std::string CASES = CASES_DIR "/keypad.txt";
 constexpr const char *LANGUAGE = "db/menu_widget/language";
+
+std::vector<Evas_Object *> keys_of(const test_window &window) {
+  std::vector<Evas_Object *> found;
+  window.each([&](Evas_Object *obj) {
+    const char *group = nullptr;
+    if (strcmp(evas_object_type_get(obj), "edje") == 0) edje_object_file_get(obj, nullptr, &group);
+    if (group != nullptr && strcmp(group, "platform/keypad/key") == 0) found.push_back(obj);
+  });
+  return found;
+}
 
 struct Keypad : testing::Test {
   test_window window;
@@ -56,18 +70,8 @@ struct Keypad : testing::Test {
   }
   void TearDown() override { vconf_unset(LANGUAGE); }
 
-  std::vector<Evas_Object *> keys() const {
-    std::vector<Evas_Object *> found;
-    window.each([&](Evas_Object *obj) {
-      const char *group = nullptr;
-      if (strcmp(evas_object_type_get(obj), "edje") == 0) edje_object_file_get(obj, nullptr, &group);
-      if (group != nullptr && strcmp(group, "platform/keypad/key") == 0) found.push_back(obj);
-    });
-    return found;
-  }
-
   Evas_Object *key_named(const std::string &label) const {
-    for (Evas_Object *key : keys()) {
+    for (Evas_Object *key : keys_of(window)) {
       const char *text = edje_object_part_text_get(key, "text");
       if (text != nullptr && label == text) return key;
     }
@@ -218,16 +222,7 @@ TEST_F(Keypad, FingersSlideSwipeAndHold) {
   window.tap(entry);
   shift();
   shift();
-  const auto at = [&](const char *label) {
-    struct {
-      int x, y;
-    } middle{};
-    int w = 0, h = 0;
-    evas_object_geometry_get(key_named(label), &middle.x, &middle.y, &w, &h);
-    middle.x += w / 2;
-    middle.y += h / 2;
-    return middle;
-  };
+  const auto at = [&](const char *label) { return middle_of(key_named(label)); };
   /* Down on one key, up on its neighbour: the neighbour. */
   const auto q = at("q"), a = at("a"), t = at("t");
   window.down(q.x, q.y);
@@ -255,7 +250,7 @@ TEST_F(Keypad, FingersSlideSwipeAndHold) {
   /* Backspace held down goes on, and stops with the finger. */
   type({"q", "w", "e", "r", "t"});
   int x, y, w, h;
-  evas_object_geometry_get(keys()[0], &x, &y, &w, &h);
+  evas_object_geometry_get(keys_of(window)[0], &x, &y, &w, &h);
   window.down(293, sizes.back().y + h / 2);
   EXPECT_TRUE(run_until([&] { return text().empty(); }));
   window.up();
@@ -287,28 +282,13 @@ TEST_F(Keypad, SurvivesTheEndOfWhatItServes) {
 }
 
 TEST_F(Keypad, WritesTheLanguageOfTheSettings) {
-  const struct {
-    const char *language;
-    Labels labels;
-    const char *text;
-  } rows[] = {
-      {"ru_RU.UTF-8", {"П", "р", "и", "в", "е", "т"}, "Привет"},
-      {"el_GR", {"Γ", "ε", "ι", "ά"}, "Γειά"},
-      {"ar_EG", {"ش", "ك", "ر", "ا"}, "شكرا"},
-      {"he_IL", {"ת", "ו", "ד", "ה"}, "תודה"},
-      {"hi_IN", {"न", "म", "स", "्", "त", "े"}, "नमस्ते"},
-      {"ko_KR", {"ㅎ", "ㅏ", "ㄴ", "ㄱ", "ㅡ", "ㄹ", "ㅇ", "ㅏ", "ㄴ", "ㄴ", "ㅕ", "ㅇ"}, "한글안녕"},
-      {"ja_JP", {"は", "小゛", "か", "小゛", "つ", "小゛", "て"}, "ばがって"},
-      {"de_DE", {"G", "r", "ü", "ß", "e"}, "Grüße"},
-      {"xx_XX", {"O", "k"}, "Ok"},
-  };
-  for (const auto &row : rows) {
-    vconf_set_str(LANGUAGE, row.language);
+  for (const case_row &row : table_of(CASES, "words: language, keys, what they write", 3)) {
+    vconf_set_str(LANGUAGE, row.text(0));
     elm_entry_entry_set(entry, "");
     window.tap(entry);
     ASSERT_TRUE(keypad_shown());
-    type(row.labels);
-    EXPECT_EQ(plain(), row.text) << row.language;
+    type(row.words(1));
+    EXPECT_EQ(plain(), row[2]) << row[0];
     keypad_hide();
     window.draw();
   }
@@ -351,57 +331,34 @@ TEST(KeypadSize, EveryKeyIsAsLargeAsAThumbWants) {
     window.draw();
     window.tap(entry);
     ASSERT_TRUE(keypad_shown());
-    int count = 0;
-    window.each([&](Evas_Object *obj) {
-      const char *group = nullptr;
-      if (strcmp(evas_object_type_get(obj), "edje") == 0) edje_object_file_get(obj, nullptr, &group);
-      if (group == nullptr || strcmp(group, "platform/keypad/key") != 0) return;
+    const std::vector<Evas_Object *> keys = keys_of(window);
+    EXPECT_EQ(keys.size(), 23u);
+    for (Evas_Object *key : keys) {
       int key_w, key_h;
-      evas_object_geometry_get(obj, nullptr, nullptr, &key_w, &key_h);
-      EXPECT_GE(key_w, 48);
-      EXPECT_GE(key_h, 48);
-      count++;
-    });
-    EXPECT_EQ(count, 23);
+      evas_object_geometry_get(key, nullptr, nullptr, &key_w, &key_h);
+      EXPECT_GE(std::min(key_w, key_h), 48);
+    }
     keypad_hide();
   }
 }
 
 /* Nobody misses a letter of the own language. */
 TEST(KeypadLayouts, HoldTheWholeAlphabet) {
-  const struct {
-    const char *language, *letters;
-  } rows[] = {
-      {"en", "abcdefghijklmnopqrstuvwxyz"},
-      {"de", "abcdefghijklmnopqrstuvwxyzäöüß"},
-      {"es", "abcdefghijklmnopqrstuvwxyzáéíóúñü¿¡"},
-      {"fr", "abcdefghijklmnopqrstuvwxyzàâçéèêëîïôùûœ'"},
-      {"it", "abcdefghijklmnopqrstuvwxyzàèéìòù'"},
-      {"pl", "abcdefghijklmnopqrstuvwxyząćęłńóśźż"},
-      {"pt", "abcdefghijklmnopqrstuvwxyzáâãàçéêíóôõú"},
-      {"tr", "abcdefghijklmnopqrstuvwxyzçğıöşü"},
-      {"ru", "абвгдеёжзийклмнопрстуфхцчшщъыьэюя"},
-      {"el", "αβγδεζηθικλμνξοπρσςτυφχψωάέήίόύώϊϋΐ"},
-      {"ar", "ابتثجحخدذرزسشصضطظعغفقكلمنهويءآأؤإئةى"},
-      {"he", "אבגדהוזחטיכלמנסעפצקרשתךםןףץ"},
-      {"ko", "ㄱㄴㄷㄹㅁㅂㅅㅇㅈㅊㅋㅌㅍㅎㄲㄸㅃㅆㅉㅏㅑㅓㅕㅗㅛㅜㅠㅡㅣㅐㅒㅔㅖ"},
-      {"ja", "あいうえおかきくけこさしすせそたちつてとなにぬねのはひふへほまみむめもやゆよらりるれろわをんー、。"},
-  };
-  for (const auto &row : rows) {
-    const keypad_layout &layout = keypad_layout_for(row.language);
-    ASSERT_STREQ(layout.language, row.language);
+  for (const case_row &row : table_of(CASES, "alphabets", 2)) {
+    const keypad_layout &layout = keypad_layout_for(row[0]);
+    ASSERT_EQ(layout.language, row[0]);
     std::set<std::string> keys;
     size_t count = 0;
     for (size_t page = 0; page < layout.pages.size(); page++) {
       const Labels on_page = keypad_page_keys(layout, page);
-      EXPECT_LE(on_page.size(), static_cast<size_t>(KEYPAD_PAGE_KEYS)) << row.language;
+      EXPECT_LE(on_page.size(), static_cast<size_t>(KEYPAD_PAGE_KEYS)) << row[0];
       keys.insert(on_page.begin(), on_page.end());
       count += on_page.size();
     }
-    EXPECT_EQ(keys.size(), count) << row.language << " has a key twice";
-    for (const char *at = row.letters; *at != '\0'; at = g_utf8_next_char(at)) {
+    EXPECT_EQ(keys.size(), count) << row[0] << " has a key twice";
+    for (const char *at = row.text(1); *at != '\0'; at = g_utf8_next_char(at)) {
       const std::string letter(at, static_cast<size_t>(g_utf8_next_char(at) - at));
-      EXPECT_TRUE(keys.contains(letter)) << row.language << " has no " << letter;
+      EXPECT_TRUE(keys.contains(letter)) << row[0] << " has no " << letter;
     }
   }
   for (const keypad_layout *layout : {&keypad_layout_symbols(), &keypad_layout_emoticons()}) {
@@ -414,44 +371,23 @@ TEST(KeypadLayouts, HoldTheWholeAlphabet) {
   }
 }
 
-/* Letters join as on any keyboard of the language; "<" is backspace. */
+/* Letters join as on any keyboard of the language. */
 TEST(KeypadCompose, JoinsAndTakesApart) {
-  const struct {
-    keypad_compose compose;
-    const char *keys, *text;
-  } rows[] = {
-      {KEYPAD_COMPOSE_HANGUL, "ㅇㅏㄴㄴㅕㅇ", "안녕"},
-      {KEYPAD_COMPOSE_HANGUL, "ㄱㅏㅁㅅㅏ", "감사"},
-      {KEYPAD_COMPOSE_HANGUL, "ㄷㅏㄹㄱ", "닭"},
-      {KEYPAD_COMPOSE_HANGUL, "ㄷㅏㄹㄱㅣ", "달기"},
-      {KEYPAD_COMPOSE_HANGUL, "ㅇㅣㅆㅇㅓ", "있어"},
-      {KEYPAD_COMPOSE_HANGUL, "ㅇㅗㅏㅇㅜㅓㄴ", "와원"},
-      {KEYPAD_COMPOSE_HANGUL, "ㅃㅏㅃㅏ", "빠빠"},
-      {KEYPAD_COMPOSE_HANGUL, "ㅋㅋㅋㅠㅠ", "ㅋㅋ큐ㅠ"},
-      {KEYPAD_COMPOSE_HANGUL, "ㅏㄱ", "ㅏㄱ"},
-      {KEYPAD_COMPOSE_HANGUL, "ㄱㅏ!ㄴ", "가!ㄴ"},
-      {KEYPAD_COMPOSE_HANGUL, "ㄷㅏㄹㄱ<", "달"},
-      {KEYPAD_COMPOSE_HANGUL, "ㄷㅏㄹㄱ<<<", "ㄷ"},
-      {KEYPAD_COMPOSE_HANGUL, "ㅇㅗㅏ<ㅣ", "외"},
-      {KEYPAD_COMPOSE_HANGUL, "ㄱㅏㄴㅏ<<<", ""},
-      {KEYPAD_COMPOSE_KANA, "か゛く゛は゛゛", "がぐぱ"},
-      {KEYPAD_COMPOSE_KANA, "し゛や゛", "じゃ"},
-      {KEYPAD_COMPOSE_KANA, "つ゛゛", "づ"},
-      {KEYPAD_COMPOSE_KANA, "゛ん゛か<゛", "ん"},
-      {KEYPAD_COMPOSE_NONE, "ab<c", "ac"},
-  };
-  for (const auto &row : rows) {
+  const std::map<std::string, keypad_compose> ways = {
+      {"hangul", KEYPAD_COMPOSE_HANGUL}, {"kana", KEYPAD_COMPOSE_KANA}, {"none", KEYPAD_COMPOSE_NONE}};
+  for (const case_row &row : table_of(CASES, "composing: how, keys (\"<\" is backspace), what they write", 3)) {
+    const keypad_compose way = ways.at(row[0]);
     std::string text, pending;
-    for (const char *at = row.keys; *at != '\0'; at = g_utf8_next_char(at)) {
+    for (const char *at = row.text(1); *at != '\0'; at = g_utf8_next_char(at)) {
       std::string key(at, static_cast<size_t>(g_utf8_next_char(at) - at));
       if (key == "゛") key = "小゛";
       const keypad_edit edit =
-          key == "<" ? keypad_compose_backspace(row.compose, &pending) : keypad_compose_key(row.compose, key, &pending);
+          key == "<" ? keypad_compose_backspace(way, &pending) : keypad_compose_key(way, key, &pending);
       for (int i = 0; i < edit.take_back && !text.empty(); i++)
         text.erase(static_cast<size_t>(g_utf8_prev_char(text.data() + text.size()) - text.data()));
       text += edit.insert;
     }
-    EXPECT_EQ(text, row.text) << row.keys;
+    EXPECT_EQ(text, row[2]) << row[1];
   }
 }
 
