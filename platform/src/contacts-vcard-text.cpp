@@ -195,5 +195,6 @@ bool vcard_file_text(std::string_view bytes, std::string *text) {
   } else if (!convert(bytes, charset, text)) {
     return false;
   }
-  return text->find('\0') == std::string::npos;
+  std::replace(text->begin(), text->end(), '\0', ' '); /* one damaged card costs no other */
+  return true;
 }

@@ -33,7 +33,8 @@ std::vector<std::string> vcard_unescape(std::string_view text, bool old, char se
 std::string vcard_clean(std::string_view text);
 /* "%41" becomes "A"; what is no escape stays. */
 std::string vcard_percent_decoded(std::string_view text);
-/* A whole file as UTF-8 when a mark at its start or its zero bytes tell UTF-16. False: neither that nor text. */
+/* A whole file as UTF-8 when a mark at its start or its zero bytes tell UTF-16; other zero bytes become blanks. False:
+   UTF-16 that is none. */
 bool vcard_file_text(std::string_view bytes, std::string *text);
 
 #endif

@@ -191,7 +191,8 @@ const char *take_property(const vcard_property &prop, card *to) {
 
 /* --- cards --- */
 
-void finish_card(card *from, std::vector<vcard_person> *persons) {
+/* False: nothing in it to keep. */
+bool finish_card(card *from, std::vector<vcard_person> *persons) {
   vcard_person &person = from->person;
   person.name = !from->formatted_name.empty()    ? from->formatted_name
                 : !from->structured_name.empty() ? from->structured_name
@@ -199,7 +200,9 @@ void finish_card(card *from, std::vector<vcard_person> *persons) {
                 : !person.emails.empty()         ? person.emails[0]
                 : !person.numbers.empty()        ? person.numbers[0].number
                                                  : "";
-  if (!person.name.empty()) persons->push_back(std::move(person)); /* else nothing in it to keep */
+  if (person.name.empty()) return false;
+  persons->push_back(std::move(person));
+  return true;
 }
 
 /* The reader stands behind a "BEGIN:VCARD", and afterwards behind the card's end. A card without one is named; true: it
@@ -226,8 +229,8 @@ bool read_card(reader *in, std::vector<vcard_person> *persons) {
     } else if (vcard_same_word(bare, "END:VCARD") && nesting-- == 0) {
       if (too_deep) {
         note(in, begin, "the card holds cards too deep inside each other; it is left out");
-      } else {
-        finish_card(&to, persons);
+      } else if (!finish_card(&to, persons)) {
+        note(in, begin, "the card that begins here has no name, address or number; it is left out");
       }
       return false;
     }
