@@ -27,7 +27,7 @@ ROOMS = {
                                           re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^phone-schema\.h$"),
                                           re.compile(r"^seccomp\.h$"),
                                           re.compile(r"^(libetpan|curl|gnutls|libsecret)/"),
-                                          re.compile(r"^(resolv|termios|sysexits|net/if|linux/(rt)?netlink|zlib)\.h$")]),
+                                          re.compile(r"^(resolv|netdb|termios|sysexits|net/if|linux/(rt)?netlink|zlib)\.h$")]),
     "gate": (["gate", "platform/inc"], [AGREED, re.compile(r"^systemd/"), re.compile(r"^seccomp\.h$"),
                                         re.compile(r"^phone-table\.h$")]),
     "tools": (["tools", "platform/inc", "platform/bus"], [AGREED, EFL, re.compile(r"^gio/"), re.compile(r"^systemd/"), re.compile(r"^(nlohmann|CLI)/")]),

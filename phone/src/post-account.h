@@ -11,6 +11,9 @@
 #include <string>
 #include <vector>
 
+/* The user and secret are not taken by the server; anything else that fails is -1. */
+constexpr int post_refused = -2;
+
 enum class post_security { tls, starttls, none };
 enum class post_auth { password, xoauth2, oauthbearer };
 

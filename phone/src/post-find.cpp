@@ -4,6 +4,7 @@
 #include <arpa/nameser.h>
 #include <curl/curl.h>
 #include <glib.h>
+#include <netdb.h>
 #include <resolv.h>
 
 #include <cstring>
@@ -12,7 +13,7 @@
 namespace {
 
 constexpr size_t kMaxFile = 256u << 10;
-constexpr long kSeconds = 10;
+constexpr long kSeconds = 10, kConnectSeconds = 4;
 
 struct curl_closer {
   void operator()(CURL *curl) const { curl_easy_cleanup(curl); }
@@ -25,30 +26,37 @@ size_t collect_cb(char *data, size_t size, size_t count, void *user_data) {
   return size * count;
 }
 
-bool get(const std::string &url, std::string *text) {
+std::unique_ptr<CURL, curl_closer> prepared(const post_account &account) {
   std::unique_ptr<CURL, curl_closer> curl(curl_easy_init());
+  curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl.get(), CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+  curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, kSeconds);
+  if (!account.ca.empty()) curl_easy_setopt(curl.get(), CURLOPT_CAINFO, account.ca.c_str());
+  return curl;
+}
+
+bool get(const post_account &account, const std::string &url, std::string *text) {
+  std::unique_ptr<CURL, curl_closer> curl = prepared(account);
   curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "https");
   curl_easy_setopt(curl.get(), CURLOPT_REDIR_PROTOCOLS_STR, "https");
   curl_easy_setopt(curl.get(), CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(curl.get(), CURLOPT_MAXREDIRS, 3L);
   curl_easy_setopt(curl.get(), CURLOPT_FAILONERROR, 1L);
-  curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, kSeconds);
   curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, collect_cb);
   curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, text);
   return curl_easy_perform(curl.get()) == CURLE_OK;
 }
 
 struct found_server {
-  std::string host, port, security, kind;
+  std::string host, port, security, kind, user;
 };
 
 /* What a configuration file says, while it is read. */
 struct file_state {
   found_server now;
   std::string element;
-  std::string *imap, *smtp;
+  post_found *found;
 };
 
 void open_cb(GMarkupParseContext *, const char *name, const char **names, const char **values, gpointer user_data,
@@ -68,6 +76,11 @@ void text_cb(GMarkupParseContext *, const char *text, gsize size, gpointer user_
   if (state->element == "hostname") state->now.host = value;
   if (state->element == "port") state->now.port = value;
   if (state->element == "socketType") state->now.security = value;
+  if (state->element == "username") state->now.user = value;
+}
+
+size_t nowhere_cb(char *data, size_t size, size_t count, void *user_data) {
+  return size * count;
 }
 
 bool is_host(const std::string &name) {
@@ -83,7 +96,8 @@ void close_cb(GMarkupParseContext *, const char *name, gpointer user_data, GErro
   std::string closed = name;
   state->element.clear();
   if (closed != "incomingServer" && closed != "outgoingServer") return;
-  std::string *to = state->now.kind == "imap" ? state->imap : state->now.kind == "smtp" ? state->smtp : nullptr;
+  post_found *found = state->found;
+  std::string *to = state->now.kind == "imap" ? &found->imap : state->now.kind == "smtp" ? &found->smtp : nullptr;
   if (!to || !to->empty() || !is_host(state->now.host) ||
       (state->now.security != "SSL" && state->now.security != "STARTTLS"))
     return;
@@ -92,16 +106,26 @@ void close_cb(GMarkupParseContext *, const char *name, gpointer user_data, GErro
     if (g_ascii_isdigit(c)) port += c;
   *to = state->now.kind + (state->now.security == "SSL" ? "s://" : "://") + state->now.host +
         (port.empty() ? "" : ":" + port);
+  if (to == &found->imap) found->user = state->now.user;
 }
 
-void read_file(const std::string &text, std::string *imap, std::string *smtp) {
+void read_file(const std::string &text, const std::string &address, post_found *found) {
   file_state state;
-  state.imap = imap;
-  state.smtp = smtp;
+  state.found = found;
   const GMarkupParser parser = {open_cb, close_cb, text_cb, nullptr, nullptr};
   GMarkupParseContext *context = g_markup_parse_context_new(&parser, G_MARKUP_TREAT_CDATA_AS_TEXT, &state, nullptr);
   g_markup_parse_context_parse(context, text.data(), static_cast<gssize>(text.size()), nullptr);
   g_markup_parse_context_free(context);
+  size_t at = address.rfind('@');
+  const std::pair<const char *, std::string> blanks[] = {{"%EMAILADDRESS%", address},
+                                                         {"%EMAILLOCALPART%", address.substr(0, at)},
+                                                         {"%EMAILDOMAIN%", address.substr(at + 1)}};
+  for (const auto &[blank, value] : blanks) {
+    size_t where = found->user.find(blank);
+    if (where != std::string::npos) found->user.replace(where, strlen(blank), value);
+  }
+  /* With another blank in it the user's name is not known. */
+  if (found->user.find('%') != std::string::npos || found->user == address) found->user.clear();
 }
 
 /* The first server of a SRV record; "." says that the service is not offered. */
@@ -126,33 +150,89 @@ bool find_record(const std::string &service, const std::string &domain, std::str
   return best < 65536;
 }
 
-bool can_connect(const std::string &host, const char *port) {
-  std::unique_ptr<CURL, curl_closer> curl(curl_easy_init());
-  std::string url = "https://" + host + ":" + port + "/";
-  curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl.get(), CURLOPT_CONNECT_ONLY, 1L); /* with the certificate checked */
-  curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, kSeconds);
+/* Does a server answer there that this machine trusts? */
+bool answers(const post_account &account, const std::string &url) {
+  std::unique_ptr<CURL, curl_closer> curl = prepared(account);
+  curl_easy_setopt(curl.get(), CURLOPT_URL, (url + "/").c_str());
+  curl_easy_setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "imap,imaps,smtp,smtps");
+  curl_easy_setopt(curl.get(), CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));
+  curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, "NOOP");
+  curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, nowhere_cb);
   return curl_easy_perform(curl.get()) == CURLE_OK;
+}
+
+/* The first of these hosts that answers, with TLS from the first byte or after STARTTLS; empty: none. */
+std::string first_of(const post_account &account, const std::string &scheme, const std::vector<std::string> &hosts) {
+  for (const std::string &host : hosts)
+    for (const char *tls : {"s://", "://"}) {
+      /* For sending, a port is to be named: without one the library takes that of servers among themselves. */
+      std::string url = scheme + tls + host, port = scheme == "smtp" && !strcmp(tls, "://") ? ":587" : "";
+      if (answers(account, url + port)) return url;
+    }
+  return "";
+}
+
+/* Whether the name service knows the domain at all. */
+int check_domain(const std::string &domain, std::string *error) {
+  unsigned char answer[4096];
+  if (res_query(domain.c_str(), ns_c_in, ns_t_soa, answer, sizeof answer) >= 0 || h_errno == NO_DATA) return 0;
+  if (h_errno == HOST_NOT_FOUND)
+    *error = "there is no domain " + domain + "; check the address, or give the servers with --imap and --smtp";
+  else
+    *error = "the name service does not answer; is this machine on the net?";
+  return -1;
+}
+
+/* The servers of two records, the first with TLS from the first byte. */
+void find_records(const std::string &scheme, const char *tls, const char *starttls, const std::string &domain,
+                  std::string *url, std::string *doubtful) {
+  std::string host;
+  if (find_record(tls, domain, &host))
+    *url = scheme + "s://" + host;
+  else if (find_record(starttls, domain, &host))
+    *url = scheme + "://" + host;
+  else
+    return;
+  std::string name = host.substr(0, host.find(':')), end = "." + domain;
+  if (name != domain && !name.ends_with(end)) *doubtful = name;
 }
 
 }  // namespace
 
-void post_find_servers(const std::string &address, std::string *imap, std::string *smtp) {
-  std::string domain = address.substr(std::min(address.size(), address.rfind('@') + 1)), text, found;
-  if (!is_host(domain)) return;
+int post_find_servers(const post_account &account, post_found *found, std::string *error) {
+  const std::string &address = account.address;
+  std::string domain = address.substr(std::min(address.size(), address.rfind('@') + 1)), text;
+  if (!is_host(domain)) {
+    *error = "'" + domain + "' is no name of a domain; check the address";
+    return -1;
+  }
+  res_init();
+  _res.retrans = 3; /* seconds; an address of this machine that answers nothing is waited for long enough */
+  _res.retry = 2;
+  if (check_domain(domain, error) < 0) return -1;
+  bool imap = account.imap.empty(), smtp = account.smtp.empty();
   std::unique_ptr<char, decltype(&g_free)> escaped(g_uri_escape_string(address.c_str(), nullptr, FALSE), g_free);
   for (const std::string &url : {"https://autoconfig." + domain + "/mail/config-v1.1.xml?emailaddress=" + escaped.get(),
                                  "https://" + domain + "/.well-known/autoconfig/mail/config-v1.1.xml"}) {
     text.clear();
-    if ((imap->empty() || smtp->empty()) && get(url, &text)) read_file(text, imap, smtp);
+    if (((imap && found->imap.empty()) || (smtp && found->smtp.empty())) && get(account, url, &text))
+      read_file(text, address, found);
   }
-  if (imap->empty() && find_record("_imaps._tcp", domain, &found)) *imap = "imaps://" + found;
-  if (imap->empty() && find_record("_imap._tcp", domain, &found)) *imap = "imap://" + found;
-  if (smtp->empty() && find_record("_submissions._tcp", domain, &found)) *smtp = "smtps://" + found;
-  if (smtp->empty() && find_record("_submission._tcp", domain, &found)) *smtp = "smtp://" + found;
-  for (const char *name : {"imap.", "mail."})
-    if (imap->empty() && can_connect(name + domain, "993")) *imap = "imaps://" + (name + domain);
-  for (const char *name : {"smtp.", "mail."})
-    if (smtp->empty() && can_connect(name + domain, "465")) *smtp = "smtps://" + (name + domain);
+  if (imap && found->imap.empty())
+    find_records("imap", "_imaps._tcp", "_imap._tcp", domain, &found->imap, &found->doubtful);
+  if (smtp && found->smtp.empty())
+    find_records("smtp", "_submissions._tcp", "_submission._tcp", domain, &found->smtp, &found->doubtful);
+  if (imap && found->imap.empty()) found->imap = first_of(account, "imap", {"imap." + domain, "mail." + domain});
+  if (smtp && found->smtp.empty()) found->smtp = first_of(account, "smtp", {"smtp." + domain, "mail." + domain});
+  return 0;
+}
+
+std::string post_find_typed(const post_account &account, const std::string &scheme, const std::string &typed) {
+  if (typed.empty() || typed.find("://") != std::string::npos) return typed;
+  if (typed.find(':') == std::string::npos) {
+    std::string url = first_of(account, scheme, {typed});
+    return url.empty() ? scheme + "s://" + typed : url;
+  }
+  bool starttls = typed.ends_with(":143") || typed.ends_with(":587") || typed.ends_with(":25");
+  return scheme + (starttls ? "://" : "s://") + typed;
 }

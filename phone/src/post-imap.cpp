@@ -127,6 +127,13 @@ int log_in(mailimap *session, const post_account &account, const post_server &se
            std::string *error) {
   int code;
   const std::string &user = account.login();
+  bool password = account.auth == post_auth::password;
+  bool no_passwords = password && mailimap_has_extension(session, const_cast<char *>("LOGINDISABLED")) != 0 &&
+                      (mailimap_has_xoauth2(session) || mailimap_has_authentication(session, "OAUTHBEARER"));
+  if (no_passwords) {
+    *error = server.host + " takes tokens, no passwords; use --auth xoauth2 with --password-command";
+    return -1;
+  }
   forget_offers(session);
   if (account.auth == post_auth::xoauth2) {
     code = mailimap_oauth2_authenticate(session, user.c_str(), secret.c_str());
@@ -139,9 +146,9 @@ int log_in(mailimap *session, const post_account &account, const post_server &se
   }
   if (code == MAILIMAP_NO_ERROR) return 0;
   if (code == MAILIMAP_ERROR_STREAM) return fail(session, code, "log in", error);
-  *error = server.host + " does not take this user and " +
-           (account.auth == post_auth::password ? "password" : "token") + ": " + said(session);
-  return -1;
+  *error = server.host + " does not take the user " + user + " with this " + (password ? "password" : "token") + ": " +
+           said(session);
+  return post_refused;
 }
 
 type_holder wanted(std::initializer_list<mailimap_fetch_att *> attributes) {
@@ -293,9 +300,9 @@ int imap_open(const post_account &account, const std::string &secret, imap_sessi
   if (post_server_read(account, account.imap, &server, error) < 0) return -1;
   session->reset(mailimap_new(0, nullptr));
   mailimap_set_timeout(session->get(), imap_timeout_s);
-  if (connect_server(session->get(), server, account.ca, error) < 0 ||
-      log_in(session->get(), account, server, secret, error) < 0)
-    return -1;
+  if (connect_server(session->get(), server, account.ca, error) < 0) return -1;
+  int code = log_in(session->get(), account, server, secret, error);
+  if (code < 0) return code;
   keep_alive(mailstream_low_get_fd(mailstream_get_low((*session)->imap_stream)));
   /* What was offered before the login may be less. Most say it with their answer to that; only others are asked, for of
      an answer that names nothing the library dies. */

@@ -34,7 +34,7 @@ struct imap_message {
   int64_t date = 0;     /* of its arrival, seconds since the epoch; 0: unknown */
 };
 
-/* Connects, checks, logs in. */
+/* Connects, checks, logs in. Returns 0, -1 or post_refused. */
 int imap_open(const post_account &account, const std::string &secret, imap_session *session, std::string *error);
 /* Opens a folder; again, when it is known that it changed. */
 int imap_select(mailimap *session, const std::string &name, imap_folder *folder, std::string *error);

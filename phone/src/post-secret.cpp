@@ -91,7 +91,8 @@ int post_secret_store(const post_account &account, const std::string &secret, st
     unlink(secret_file(account).c_str());
     return 0;
   }
-  *error = why ? why->message : "refused";
+  bool none = g_error_matches(why, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) || (why && why->domain == G_IO_ERROR);
+  *error = none ? "there is no Secret Service here" : why ? why->message : "its question was refused";
   g_clear_error(&why);
   return -1;
 }

@@ -5,6 +5,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -34,12 +35,22 @@ std::string ask(const std::string &question) {
   return first == std::string::npos ? "" : line.substr(first, last - first + 1);
 }
 
+termios before_hiding;
+
+/* An interrupted question leaves the terminal as it was. */
+void show_again_cb(int number) {
+  tcsetattr(STDIN_FILENO, TCSANOW, &before_hiding);
+  signal(number, SIG_DFL);
+  raise(number);
+}
+
 /* As ask(), unseen. Without a terminal: the first line of standard input. */
 std::string ask_secret(const std::string &question) {
-  termios before;
-  bool hidden = can_ask() && tcgetattr(STDIN_FILENO, &before) == 0;
+  constexpr int kEnds[] = {SIGINT, SIGTERM, SIGHUP};
+  bool hidden = can_ask() && tcgetattr(STDIN_FILENO, &before_hiding) == 0;
   if (hidden) {
-    termios silent = before;
+    for (int number : kEnds) signal(number, show_again_cb);
+    termios silent = before_hiding;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
     fprintf(stderr, "%s ", question.c_str());
@@ -47,36 +58,65 @@ std::string ask_secret(const std::string &question) {
   std::string line;
   std::getline(std::cin, line);
   if (hidden) {
-    tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_hiding);
+    for (int number : kEnds) signal(number, SIG_DFL);
     fputc('\n', stderr);
   }
   if (line.ends_with('\r')) line.pop_back();
   return line;
 }
 
+bool ask_yes(const std::string &question) {
+  std::string answer = ask(question + " [y/N]");
+  return answer.starts_with('y') || answer.starts_with('Y');
+}
+
 /* The servers that were not given: found, else asked for. */
 int complete_servers(post_account *account, std::string *error) {
-  if (account->imap.empty() || account->smtp.empty()) {
-    std::string imap, smtp;
-    if (account->imap.empty()) fprintf(stderr, "Looking for the servers of %s...\n", account->address.c_str());
-    post_find_servers(account->address, &imap, &smtp);
-    if (account->imap.empty()) account->imap = imap;
-    if (account->smtp.empty()) account->smtp = smtp;
+  post_found found;
+  bool looked = account->imap.empty();
+  bool told = !looked && !account->smtp.empty();
+  if (!told) {
+    if (looked) fprintf(stderr, "Looking for the servers of %s...\n", account->address.c_str());
+    /* Who gave the one that is needed does without the other where nothing can be looked for. */
+    if (post_find_servers(*account, &found, error) < 0 && looked && !can_ask()) return -1;
+    if (looked && !error->empty()) fprintf(stderr, "%s\n", error->c_str());
+    error->clear();
   }
+  if (!found.doubtful.empty() && !can_ask()) {
+    *error = "the name service says that " + found.doubtful + " has the mail of " + account->address +
+             "; if that is right, say so with --imap " + (looked ? found.imap : account->imap) + " --smtp " +
+             (account->smtp.empty() ? found.smtp : account->smtp);
+    return -1;
+  }
+  if (!found.doubtful.empty() &&
+      !ask_yes("The name service says that " + found.doubtful + " has this mail. Is that your provider?"))
+    found = post_found();
+  if (looked) account->imap = found.imap;
+  if (account->smtp.empty()) account->smtp = found.smtp;
+  if (account->user.empty()) account->user = found.user;
   if (account->imap.empty() && can_ask())
-    account->imap = "imaps://" + ask("Server for incoming mail (imap.example.org):");
+    account->imap = post_find_typed(*account, "imap", ask("Server for incoming mail (such as imap.example.org):"));
   if (account->smtp.empty() && can_ask())
-    account->smtp = "smtps://" + ask("Server for outgoing mail (smtp.example.org):");
-  if (!account->imap.empty()) return 0;
+    account->smtp =
+        post_find_typed(*account, "smtp", ask("Server for outgoing mail (such as smtp.example.org; empty: none):"));
+  if (!account->imap.empty()) {
+    /* Before the password is asked for: who will get it. */
+    if (!told)
+      fprintf(stderr, "Incoming mail from %s, outgoing mail by %s\n", account->imap.c_str(),
+              account->smtp.empty() ? "this machine's sendmail" : account->smtp.c_str());
+    return 0;
+  }
   *error = "no server was found for " + account->address + "; give it with --imap imaps://HOST and --smtp smtps://HOST";
   return -1;
 }
 
-/* Both directions, as they will be used. */
+/* Both directions, as they will be used. Returns 0, -1 or post_refused. */
 int try_account(post_account *account, const std::string &secret, bool find_sent, std::string *error) {
   imap_session session;
   imap_folder opened;
-  if (imap_open(*account, secret, &session, error) < 0) return -1;
+  int opening = imap_open(*account, secret, &session, error);
+  if (opening < 0) return opening;
   std::vector<std::string> folders = account->folders.empty() ? std::vector<std::string>{"INBOX"} : account->folders;
   for (const std::string &folder : folders)
     if (imap_select(session.get(), folder, &opened, error) < 0) return -1;
@@ -92,11 +132,10 @@ int keep_secret(const setup_options &options, const std::string &secret, std::st
   if (!options.secret_file && post_secret_store(options.account, secret, &why) == 0) return 0;
   bool file = options.secret_file;
   if (!file && can_ask())
-    file = ask("There is no safe place for secrets here (" + why +
-               "). Keep the password in a file that only you can read? [y/N]") == "y";
+    file = ask_yes("The password cannot go to a keyring: " + why + ". Keep it in a file that only you can read?");
   if (file) return post_secret_store_file(options.account, secret, error);
-  *error = "there is no Secret Service for the password (" + why +
-           "); use --password-command, or --secret-file to keep it in a file that only you can read";
+  *error = "the password cannot go to a keyring: " + why +
+           "; use --password-command, or --secret-file to keep it in a file that only you can read";
   return -1;
 }
 
@@ -121,29 +160,43 @@ void start_relay(const setup_options &options) {
 
 }  // namespace
 
+/* Asks for the secret and tries it; a wrong one is asked for again, by a terminal. */
+int try_secret(post_account *account, std::string *secret, std::string *error) {
+  constexpr int kTries = 3;
+  for (int n = 1;; n++) {
+    error->clear();
+    if (!account->password_command.empty()) {
+      if (post_secret_read(*account, secret, error) < 0) return -1;
+    } else {
+      *secret = ask_secret(account->auth == post_auth::password ? "Password:" : "Token:");
+    }
+    if (secret->empty()) {
+      *error = "a password is wanted, on the terminal, on standard input or by --password-command";
+      return -1;
+    }
+    int tried = try_account(account, *secret, true, error);
+    if (tried == post_refused && account->user.empty()) *error += "; if it calls you by another name, add --user NAME";
+    if (tried != post_refused || n == kTries || !can_ask() || !account->password_command.empty()) return tried;
+    complain(*error);
+  }
+}
+
 int command_setup(setup_options options) {
   post_account &account = options.account;
   std::string error, secret;
   if (account.address.empty() && can_ask()) account.address = ask("E-mail address:");
-  if (account.address.find('@') == std::string::npos)
+  size_t at = account.address.rfind('@');
+  if (at == std::string::npos || at == 0 || at + 1 == account.address.size())
     return complain("an e-mail address is wanted: brisel-phone setup me@example.org");
   if (account.name.empty()) account.name = account.address;
   if (account.name.find_first_of("[]\n\r") != std::string::npos)
     return complain("'" + account.name + "': not as an account's name");
   if (complete_servers(&account, &error) < 0) return complain(error);
-  if (!account.password_command.empty()) {
-    if (post_secret_read(account, &secret, &error) < 0) return complain(error);
-  } else {
-    secret = ask_secret(account.auth == post_auth::password ? "Password:" : "Token:");
-    if (secret.empty())
-      return complain("a password is wanted, on the terminal, on standard input or by --password-command");
-  }
-  if (try_account(&account, secret, true, &error) < 0) return complain(error);
-  if (keep_secret(options, secret, &error) < 0 || post_mirror_create(post_mirror_path(account.name), &error) < 0 ||
+  if (try_secret(&account, &secret, &error) < 0 || keep_secret(options, secret, &error) < 0 ||
+      post_mirror_create(post_mirror_path(account.name), &error) < 0 ||
       post_account_write(options.config, account, &error) < 0)
     return complain(error);
-  printf("%s: incoming %s, outgoing %s%s%s\n", account.name.c_str(), account.imap.c_str(),
-         account.smtp.empty() ? "none" : account.smtp.c_str(), account.sent.empty() ? "" : ", copies in ",
+  printf("%s is set up%s%s\n", account.name.c_str(), account.sent.empty() ? "" : "; copies of what is sent go to ",
          account.sent.c_str());
   start_relay(options);
   return 0;

@@ -59,9 +59,9 @@ int tls_check(mailstream *stream, const std::string &host, const std::string &ca
   int added = gnutls_x509_trust_list_add_system_trust(trusted, 0, 0);
   if (!ca.empty())
     added = gnutls_x509_trust_list_add_trust_file(trusted, ca.c_str(), nullptr, GNUTLS_X509_FMT_PEM, 0, 0);
-  std::vector<unsigned char> name(host.begin(), host.end());
+  std::string name = host; /* the library takes it to its NUL, whatever the size says */
   gnutls_typed_vdata_st meant[] = {
-      {GNUTLS_DT_DNS_HOSTNAME, name.data(), static_cast<unsigned>(name.size())},
+      {GNUTLS_DT_DNS_HOSTNAME, reinterpret_cast<unsigned char *>(name.data()), 0},
       {GNUTLS_DT_KEY_PURPOSE_OID, reinterpret_cast<unsigned char *>(const_cast<char *>(GNUTLS_KP_TLS_WWW_SERVER)), 0}};
   unsigned status = GNUTLS_CERT_INVALID;
   int checked = gnutls_x509_trust_list_verify_crt2(trusted, chain.certificates.data(),

@@ -230,7 +230,7 @@ def test_who_is_not_trusted(s):
             assert PASSWORD not in (s.dir / "bare" / "dovecot.log").read_text()
         with Dovecot(s.dir / "good", authority.issue("good")) as dovecot:
             good = f"imaps://localhost:{dovecot.tls}"
-            for args, password, said in (((good, f"smtps://localhost:{exim.tls}"), "wrong", "does not take this user"),
+            for args, password, said in (((good, f"smtps://localhost:{exim.tls}"), "wrong", "does not take the user"),
                                          ((good, f"smtps://localhost:{exim.tls}x"), PASSWORD, "HOST is wanted"),
                                          ((good, "smtps://localhost:1"), PASSWORD, "cannot be reached"),
                                          (("imaps://localhost:1", "smtps://localhost:1"), PASSWORD, "cannot be reached")):

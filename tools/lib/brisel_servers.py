@@ -37,9 +37,11 @@ class Authority:
         openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", 30, "-subj", "/CN=Authority of one session",
                 "-keyout", self.folder / "ca.key", "-out", self.ca)
 
-    def issue(self, name, host="localhost", days=30, signed=True):
+    def issue(self, name, host="localhost", days=30, signed=True, more=()):
+        """more: further names."""
         key, cert, request = (self.folder / f"{name}.{kind}" for kind in ("key", "pem", "csr"))
-        openssl("req", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={host}", "-addext", f"subjectAltName=DNS:{host}",
+        names = ",".join(f"DNS:{n}" for n in (host, *more))
+        openssl("req", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={host}", "-addext", f"subjectAltName={names}",
                 "-keyout", key, "-out", request)
         issuer = ["-CA", self.ca, "-CAkey", self.folder / "ca.key", "-CAcreateserial"] if signed else ["-signkey", key]
         openssl("x509", "-req", "-in", request, *issuer, "-days", days, "-copy_extensions", "copy", "-out", cert)
@@ -89,10 +91,10 @@ class Server:
 
 
 class Dovecot(Server):
-    def __init__(self, folder, certificate, more=""):
+    def __init__(self, folder, certificate, more="", ports=None):
         self.folder = pathlib.Path(folder)
         self.folder.mkdir(parents=True)
-        self.ports = self.starttls, self.tls = free_port(), free_port()
+        self.ports = self.starttls, self.tls = ports or (free_port(), free_port())
         if "ssl = no" in more:
             self.ports = (self.starttls,)
         self.home = self.folder / "home"
@@ -154,12 +156,19 @@ namespace inbox {{
 
 
 class Exim(Server):
-    """Takes messages from who logs in and keeps them in its queue."""
+    """Takes messages from who logs in, with the password or that token, and keeps them in its queue."""
 
-    def __init__(self, folder, certificate):
+    def __init__(self, folder, certificate, ports=None, token=None):
         self.folder = pathlib.Path(folder)
         self.folder.mkdir(parents=True)
-        self.ports = self.starttls, self.tls = free_port(), free_port()
+        self.ports = self.starttls, self.tls = ports or (free_port(), free_port())
+        tokens = "".join(f"""
+{name}:
+  driver = plaintext
+  public_name = {name.upper()}
+  server_prompts = :
+  server_condition = ${{if match{{$auth1}}{{Bearer {token}\\x01}}}}
+""" for name in ("xoauth2", "oauthbearer") if token)
         owner = pwd.getpwnam(NOBODY)
         key = self.folder / "server.key"
         shutil.copy(certificate[1], key)
@@ -195,7 +204,7 @@ plain:
   server_prompts = :
   server_condition = ${{if eq{{$auth3}}{{{PASSWORD}}}}}
   server_set_id = $auth2
-""")
+{tokens}""")
         shutil.chown(key, owner.pw_uid, owner.pw_gid)
         key.chmod(0o600)
         hand_over(self.folder, owner)
