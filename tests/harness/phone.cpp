@@ -60,6 +60,12 @@ std::vector<int> test_phone::accounts(void) {
   return answer.m ? ints_of(answer, "account_id") : std::vector<int>();
 }
 
+std::vector<int> test_phone::mails(void) {
+  bus_message answer;
+  EXPECT_EQ("", call(phone_interface, "ListMails", &answer.m, "ii", 0, 0));
+  return answer.m ? ints_of(answer, "mail_id") : std::vector<int>();
+}
+
 void test_phone::set_account_count(bool known) {
   EXPECT_EQ("", phone("SetAccountCount", "b", (int)known));
 }
@@ -121,11 +127,15 @@ void test_phone::clear(void) {
 
 static int request_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   linked_phone *phone = (linked_phone *)data;
-  int64_t id = 0;
-  const char *json = nullptr;
-  if (sd_bus_message_read(m, "xs", &id, &json) >= 0) phone->requests.push_back({id, nlohmann::json::parse(json)});
-  sd_bus_call_method_async(phone->bus, nullptr, host_name, host_path, phone_interface, "Ack", nullptr, nullptr, "x",
-                           id);
+  int64_t id = 0, have = -1;
+  const char *json = "null", *key = nullptr;
+  sd_bus_message_read(m, "xs", &id, &json);
+  sd_bus_message_enter_container(m, 'a', "{sv}");
+  if (sd_bus_message_enter_container(m, 'e', "sv") > 0) sd_bus_message_read(m, "sv", &key, "x", &have);
+  phone->requests.push_back({id, nlohmann::json::parse(json), have});
+  if (phone->acknowledges)
+    sd_bus_call_method_async(phone->bus, nullptr, host_name, host_path, phone_interface, "Ack", nullptr, nullptr, "x",
+                             id);
   return 0;
 }
 

@@ -58,6 +58,7 @@ struct test_phone {
   int add_account(const std::string &address, const std::string &name, unsigned rgba = 0x3366CCFF, int id = 0);
   void remove_account(int id);
   std::vector<int> accounts(void);
+  std::vector<int> mails(void);
   void set_account_count(bool known);
   std::vector<int> add_mails(const std::vector<test_mail> &mails);
   int add_mail(const test_mail &mail) { return add_mails({mail}).at(0); }
@@ -75,7 +76,9 @@ struct linked_phone : test_phone {
   struct request_heard {
     int64_t id;
     nlohmann::json json;
+    int64_t have = -1; /* bytes of the body that the watch has, of a more-message request */
   };
+  bool acknowledges = true;
   std::vector<request_heard> requests;
   int beside = 0;
 

@@ -22,48 +22,21 @@ using nlohmann::json;
 
 inline constexpr char link_key[] = "memory/wms/wmanager_connected";
 
-/* A phone that answers only when it is told to, or anyone else on the bus. */
-struct peer : test_phone {
-  struct seen {
-    int64_t id;
-    json request;
-    int64_t have;
-  };
-  peer() {
-    sd_bus_match_signal(
-        bus, nullptr, nullptr, host_path, phone_interface, "Request",
-        [](sd_bus_message *m, void *data, sd_bus_error *) {
-          seen s = {0, {}, -1};
-          const char *text = nullptr, *key = nullptr;
-          sd_bus_message_read(m, "xs", &s.id, &text);
-          s.request = json::parse(text);
-          sd_bus_message_enter_container(m, 'a', "{sv}");
-          if (sd_bus_message_enter_container(m, 'e', "sv") > 0) sd_bus_message_read(m, "sv", &key, "x", &s.have);
-          static_cast<peer *>(data)->requests.push_back(s);
-          return 0;
-        },
-        this);
-  }
-  void process(void) {
-    while (sd_bus_process(bus, nullptr) > 0) {
-    }
+/* A phone that answers only when it is told to. */
+struct phone_peer : linked_phone {
+  phone_peer() {
+    acknowledges = false;
+    connect();
   }
   bool has(size_t count) {
     return run_until([&] { return requests.size() >= count; });
   }
-  void answer(size_t which, int error, const char *piece, int complete) {
-    EXPECT_EQ("", phone("AnswerMore", "xisb", requests[which].id, error, piece, complete));
+  void answer(size_t which, int error, const char *piece, bool complete) {
+    answer_more(requests[which].id, error, piece, complete);
   }
-  std::vector<seen> requests;
 };
 
-struct phone_peer : peer {
-  phone_peer() { EXPECT_EQ("", phone("Connect", "")); }
-  ~phone_peer() { loop_no_more(beside); }
-  int beside = loop_also([this] { process(); });
-};
-
-inline int service_pid(peer *p) {
+inline int service_pid(test_phone *p) {
   sd_bus_creds *creds = nullptr;
   pid_t pid = 0;
   if (sd_bus_get_name_creds(p->bus, host_name, SD_BUS_CREDS_PID, &creds) >= 0) sd_bus_creds_get_pid(creds, &pid);
@@ -72,14 +45,14 @@ inline int service_pid(peer *p) {
 }
 
 /* The service, started when it is away: a client whose services keep falling starts none for a while. */
-inline int start_service(peer *p) {
+inline int start_service(test_phone *p) {
   sd_bus_call_method(p->bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                      "StartServiceByName", nullptr, nullptr, "su", host_name, 0u);
   return service_pid(p);
 }
 
 /* Kills the running service; the bus starts the next one when someone calls. */
-inline void kill_service(peer *p) {
+inline void kill_service(test_phone *p) {
   const int pid = service_pid(p);
   ASSERT_GT(pid, 0);
   ASSERT_EQ(0, kill(pid, SIGKILL));
@@ -150,14 +123,7 @@ struct Host : testing::Test {
     EXPECT_EQ(0, brisel_db_deinit());
   }
   int add_mail(const char *subject, const char *body) {
-    sd_bus_message *answer = nullptr;
-    EXPECT_EQ(
-        "", other.call(phone_interface, "AddMails", &answer, "aa{sv}", 1, 5, "account_id", "i", account, "subject", "s",
-                       subject, "body", "s", body, "message_uid", "s", "uid", "received_time", "x", int64_t{1000}));
-    int id = 0;
-    sd_bus_message_read(answer, "ai", 1, &id);
-    sd_bus_message_unref(answer);
-    return id;
+    return other.add_mail({.account = account, .received = 1000, .subject = subject, .body = body});
   }
   std::string body_of(int mail) {
     full_noti_data *data = brisel_full_noti_data_create();
@@ -167,31 +133,8 @@ struct Host : testing::Test {
     return body;
   }
   heard ears;
-  peer other;
+  test_phone other;
   int account = 0;
-};
-
-/* The ids of a ListMails answer. */
-struct bus_ids {
-  ~bus_ids() { sd_bus_message_unref(answer); }
-  std::vector<int> read(void) const {
-    std::vector<int> ids;
-    sd_bus_message_enter_container(answer, 'a', "a{sv}");
-    while (sd_bus_message_enter_container(answer, 'a', "{sv}") > 0) {
-      const char *key = nullptr;
-      int id = 0;
-      sd_bus_message_enter_container(answer, 'e', "sv"); /* the id comes first */
-      sd_bus_message_read(answer, "s", &key);
-      sd_bus_message_read(answer, "v", "i", &id);
-      ids.push_back(id);
-      sd_bus_message_exit_container(answer);
-      while (sd_bus_message_skip(answer, "{sv}") > 0) {
-      }
-      sd_bus_message_exit_container(answer);
-    }
-    return ids;
-  }
-  sd_bus_message *answer = nullptr;
 };
 
 inline op_data *op_of(std::initializer_list<int> ids) {

@@ -12,11 +12,8 @@
 #include <filesystem>
 #include <functional>
 
-#include "brisel-common.h"
 #include "bus-loop.h"
-#include "loop.h"
-#include "platform-paths.h"
-#include "rows.h"
+#include "host-test.h"
 
 namespace {
 
@@ -51,16 +48,8 @@ bool service_is_there(void) {
 }
 
 int waiting(void) {
-  const std::string count = rows_of(std::string(platform_data_dir()) + "/store.db", "SELECT count(*) FROM outbox");
+  const std::string count = query("SELECT count(*) FROM outbox");
   return count.empty() ? -1 : std::stoi(count);
-}
-
-int send_delete(int id) {
-  op_data *op = brisel_op_data_create();
-  op->id_list = g_slist_append(nullptr, GINT_TO_POINTER(id));
-  const int r = brisel_ipc_req_delete_notis(op, nullptr, nullptr);
-  brisel_op_data_free(op);
-  return r;
 }
 
 TEST(BusGone, NothingAcceptedIsLostAndNothingWaitsForEver) {

@@ -29,7 +29,7 @@ TEST_F(Host, EventsMissedWhileTheServiceWasAwayComeWhenItIsBack) {
   EXPECT_EQ(store_ok, store_delete_mails(st, {ids[0]}));
   store_close(st);
   EXPECT_EQ(0, ears.events.size());
-  EXPECT_EQ("", other.phone("ListAccounts", "")); /* starts it */
+  other.accounts(); /* starts it */
   ASSERT_TRUE(run_until([&] { return ears.events.size() == 2; }));
   EXPECT_EQ(ids, ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
   EXPECT_EQ((std::vector<int>{ids[0]}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE));
@@ -39,14 +39,14 @@ TEST_F(Host, EventsMissedWhileTheServiceWasAwayComeWhenItIsBack) {
 TEST_F(Host, WhatTheChangesNoLongerTellIsMadeUp) {
   const int kept = add_mail("kept", ""), gone = add_mail("gone", "");
   const int away = account + 1;
-  EXPECT_EQ("", other.phone("AddAccount", "issu", away, "away@example.org", "", 0u));
+  other.add_account("away@example.org", "", 0, away);
   ASSERT_TRUE(run_until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD).size() >= 2; }));
   ears.events.clear();
   /* The main loop does not run from here to the last of them. */
   const int fresh = add_mail("fresh", "");
-  EXPECT_EQ("", other.phone("DeleteMails", "ai", 1, gone));
-  EXPECT_EQ("", other.phone("RemoveAccount", "i", away));
-  EXPECT_EQ("", other.phone("UpdateMail", "ia{sv}", kept, 1, "is_read", "b", 1));
+  other.delete_mails({gone});
+  other.remove_account(away);
+  other.set_flag(kept, "is_read", 1);
   change_store("DELETE FROM changes WHERE seq < (SELECT max(seq) FROM changes)");
   ASSERT_TRUE(run_until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD).empty(); }));
   EXPECT_EQ((std::vector<int>{fresh}), ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD));
@@ -70,7 +70,7 @@ TEST_F(Host, WhatTheChangesNoLongerTellIsMadeUp) {
         unlink((store_path() + to + end).c_str());
     close(lock);
     ears.events.clear();
-    EXPECT_EQ("", other.phone("ListAccounts", "")); /* starts it */
+    other.accounts(); /* starts it */
   };
   move_store("", ".away");
   ASSERT_TRUE(run_until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE, account); }));
@@ -94,7 +94,7 @@ sd_bus_message *many_mails(sd_bus *bus, int count, int account, const std::strin
 }
 
 TEST_F(Host, ManyMailsKeepNobodyWaitingAndComeWholeOrNotAtAll) {
-  peer busy;
+  test_phone busy;
   const std::string before = query("SELECT max(seq) FROM changes");
   sd_bus_message *bad = many_mails(busy.bus, 1000, account, std::string(text_max + 1, 'x'));
   sd_bus_error error = SD_BUS_ERROR_NULL;
@@ -113,7 +113,7 @@ TEST_F(Host, ManyMailsKeepNobodyWaitingAndComeWholeOrNotAtAll) {
     sd_bus_flush(busy.bus);
     sd_bus_message_unref(m);
     ASSERT_TRUE(run_until([&] { return count() > 5000 * (turn - 1); }));
-    EXPECT_EQ("", other.phone("SetStatus", "si", "reply", 0));
+    other.set_status("reply", 0);
     in_between = count() < 5000 * turn;
     ASSERT_TRUE(run_until([&] { return count() == 5000 * turn; }));
   }
@@ -131,7 +131,7 @@ TEST_F(Host, AFloodComesInSlicesWithTheMainLoopRunningInBetween) {
   const std::vector<int> ids(static_cast<const int *>(data), static_cast<const int *>(data) + bytes / 4);
   sd_bus_message_unref(m);
   sd_bus_message_unref(answer);
-  EXPECT_EQ("", other.phone("DeleteMails", "ai", 1, ids[0]));
+  other.delete_mails({ids[0]});
 
   int turns = 0; /* each is a chance to draw */
   Ecore_Idle_Enterer *counter = ecore_idle_enterer_add(
@@ -167,7 +167,7 @@ TEST_F(Host, AStoreThatIsDeletedIsPutBackAndAnotherInItsPlaceIsTakenOver) {
   ASSERT_TRUE(run_until([&] { return subjects() == "kept\n"; }));
   EXPECT_EQ("body", body_of(mail));
   for (const char *end : {"-wal", "-shm"}) unlink((store_path() + end).c_str()); /* what lies beside it holds it, too */
-  EXPECT_EQ("", other.phone("UpdateMail", "ia{sv}", mail, 1, "subject", "s", "kept again"));
+  other.set_text(mail, "subject", "kept again");
   ASSERT_TRUE(run_until([&] { return subjects() == "kept again\n"; }));
   ASSERT_TRUE(run_until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE).empty(); }));
   std::ofstream(store_path() + ".new") << "no store";
@@ -242,10 +242,10 @@ TEST_F(Host, TheLinkSettingFollowsThePhoneAndIsPutRightAfterAKill) {
     while (kill(pid, 0) == 0) usleep(1000); /* the main loop stands still: nobody starts another one */
     EXPECT_EQ(0, link()) << "left set by the service that ended";
   }
-  EXPECT_EQ("", other.phone("ListAccounts", ""));
+  other.accounts();
   EXPECT_EQ(0, vconf_set_bool(link_key, 1)); /* made by hand: not the service's to take back */
   kill_service(&other);
-  EXPECT_EQ("", other.phone("ListAccounts", ""));
+  other.accounts();
   EXPECT_EQ(1, link());
   EXPECT_EQ(0, vconf_set_bool(link_key, 0));
 }
@@ -254,15 +254,15 @@ TEST_F(Host, StatusesTemplatesAndCountsReadAsThePhoneSetThem) {
   int value = -1;
   EXPECT_EQ(0, brisel_util_get_reply_status(&value));
   EXPECT_EQ(0, value);
-  EXPECT_EQ("", other.phone("SetStatus", "si", "reply", 2));
+  other.set_status("reply", 2);
   EXPECT_EQ(0, brisel_util_get_reply_status(&value));
   EXPECT_EQ(2, value);
-  EXPECT_EQ("", other.phone("SetStatus", "si", "reply", 0));
+  other.set_status("reply", 0);
 
   int before = 0, after = 0;
   const char key[] = "memory/private/msg-consumer-server/change_text_template";
   vconf_get_int(key, &before);
-  EXPECT_EQ("", other.phone("SetTemplates", "as", 2, "first", "второй"));
+  other.set_templates({"first", "второй"});
   EXPECT_EQ(0, vconf_get_int(key, &after));
   EXPECT_NE(before, after);
   GSList *list = nullptr;
@@ -271,14 +271,14 @@ TEST_F(Host, StatusesTemplatesAndCountsReadAsThePhoneSetThem) {
   EXPECT_STREQ("второй", static_cast<template_data *>(g_slist_nth_data(list, 1))->text);
   EXPECT_EQ(2, static_cast<template_data *>(g_slist_nth_data(list, 1))->template_id);
   brisel_template_data_list_free(list);
-  EXPECT_EQ("", other.phone("SetTemplates", "as", 0));
+  other.set_templates({});
   EXPECT_EQ(0, brisel_db_get_all_template_data(&list));
   EXPECT_EQ(nullptr, list);
 
   unsigned int rgba = 0;
   EXPECT_EQ(0, brisel_util_get_account_color(account, &rgba));
   EXPECT_NE(0u, rgba);
-  EXPECT_EQ("", other.phone("AddAccount", "issu", account, "new@example.org", "", 0x10203040u));
+  other.add_account("new@example.org", "", 0x10203040, account);
   EXPECT_EQ(0, brisel_util_get_account_color(account, &rgba));
   EXPECT_EQ(0x10203040u, rgba);
   account_data *data = brisel_account_data_create();
@@ -288,11 +288,11 @@ TEST_F(Host, StatusesTemplatesAndCountsReadAsThePhoneSetThem) {
   EXPECT_EQ(BRISEL_COMMON_ERROR_NOT_FOUND, brisel_db_get_account_data_by_account_id(99999, data));
   brisel_account_data_free(data);
 
-  EXPECT_EQ("", other.phone("SetAccountCount", "b", 0));
+  other.set_account_count(0);
   EXPECT_EQ(0, brisel_db_is_valid_target_account_count(&value));
   EXPECT_EQ(0, value);
   ears.events.clear();
-  EXPECT_EQ("", other.phone("SetAccountCount", "b", 1));
+  other.set_account_count(1);
   ASSERT_TRUE(run_until([&] {
     return !ears.events.empty() && ears.events.back().first == BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS;
   }));
