@@ -1,4 +1,6 @@
 /* Selecting mails and deleting them at once; and how the views end. */
+#include <functional>
+
 #include "actions-test.h"
 #include "brisel-app-delete-view.h"
 
@@ -148,60 +150,62 @@ TEST_F(deleting, TheCountSpeaksEveryLanguage) {
   vconf_unset(BRISEL_KEY_REGION);
 }
 
-TEST_F(deleting, AnUnreadableStoreGivesAnEmptyList) {
-  open(1);
-  back();
-  views_become(1);
-  brisel_db_deinit();
-  log_mark();
-  ASSERT_EQ(brisel_crete_delete_view(&test_ad), 0);
-  views_become(2);
-  EXPECT_TRUE(logged("I/mail_cnt = 0, view_data->total_mail_cnt : 0"));
-  EXPECT_FALSE(delete_enabled());
-  select_all();
-  EXPECT_TRUE(delete_enabled());
-  press("btn2");
-  EXPECT_FALSE(view()->popup);
-  EXPECT_TRUE(logged("I/selected_cnt : 0!!"));
-  brisel_db_init();
-}
-
-/* Every view with its popup open, in a language that changed meanwhile, ended by somebody else: by a launch that
-   returns to the mailbox, by the phone, by the end of the application. What is freed twice or never is the sanitizers'
-   to tell.
- */
+/* Every view and popup, in a language that changed meanwhile, ended by somebody else: by a launch that returns to the
+   mailbox, by the phone, by the end of the application or of its window alone. What is freed twice or never is the
+   sanitizers' to tell. */
 TEST_F(deleting, EveryViewEndsOnceHoweverItIsLeft) {
-  enum opened { delete_question, reply_method, call, template_question, typed };
-  enum class end { by_launch, by_deletion, by_exit };
+  enum opened { delete_question, reply_method, call, template_question, typed, on_mailbox };
+  enum class end { by_launch, by_deletion, by_window, by_exit };
+  int id = 0, locked = 0;
+  const std::function<void()> on_the_mailbox[] = {
+      [] {},
+      [&] { app_launch(std::to_string(locked).c_str()); },
+      [] { brisel_create_account_selection_popup(&test_ad); },
+      [] { brisel_crete_delete_view(&test_ad); },
+      [] { brisel_create_toast_popup(&test_ad, "x"); },
+  };
   const struct {
     end how;
-    std::vector<opened> views;
+    std::vector<int> views;
   } table[] = {
       {end::by_launch, {call, template_question, typed}},
       {end::by_deletion, {reply_method, template_question}},
-      {end::by_exit, {delete_question, reply_method, call, template_question, typed}},
+      {end::by_window, {typed, on_mailbox, on_mailbox + 1, on_mailbox + 2, on_mailbox + 3, on_mailbox + 4}},
+      {end::by_exit,
+       {delete_question, reply_method, call, template_question, typed, on_mailbox + 1, on_mailbox + 2, on_mailbox + 3,
+        on_mailbox + 4}},
   };
   contact("ann@example.org", {":+1", ":+2"});
   for (const auto &one : table)
-    for (opened view : one.views) {
+    for (const int view : one.views) {
       SCOPED_TRACE("end " + std::to_string((int)one.how) + ", view " + std::to_string(view));
-      const int id = start_one({.from_name = "Ann", .from_address = "ann@example.org"});
-      ASSERT_EQ(brisel_detail_draw_view(id, 0, &test_ad), 0);
-      ASSERT_EQ(brisel_option_detail_draw_view(id, &test_ad), 0);
-      views_become(3);
-      brisel_util_set_reply_method(view == typed);
-      if (view == reply_method)
-        tap(middle_of(elm_object_item_part_content_get(row(1), "elm.icon")));
-      else
-        tap_row(view == delete_question ? 3 : view == call ? 0 : 1);
-      views_become(view <= reply_method ? 3 : 4);
-      if (view == template_question) tap_row(0);
-      language("de_DE.UTF-8");
+      const std::vector<int> mails =
+          start({{.from_name = "Ann", .from_address = "ann@example.org"}, {.from_name = "Bob", .locked = 1}});
+      id = mails[0], locked = mails[1];
+      if (view >= on_mailbox) {
+        on_the_mailbox[view - on_mailbox]();
+        settle();
+      } else {
+        ASSERT_EQ(brisel_detail_draw_view(id, 0, &test_ad), 0);
+        ASSERT_EQ(brisel_option_detail_draw_view(id, &test_ad), 0);
+        views_become(3);
+        brisel_util_set_reply_method(view == typed);
+        if (view == reply_method)
+          tap(middle_of(elm_object_item_part_content_get(row(1), "elm.icon")));
+        else
+          tap_row(view == delete_question ? 3 : view == call ? 0 : 1);
+        views_become(view <= reply_method ? 3 : 4);
+        if (view == template_question) tap_row(0);
+        language("de_DE.UTF-8");
+      }
       if (one.how == end::by_launch) app_launch();
       if (one.how == end::by_deletion) phone.delete_mails({id});
-      if (one.how != end::by_exit) views_become(1);
+      if (one.how == end::by_window) evas_object_del(test_ad.win_main);
+      if (one.how <= end::by_deletion) views_become(1);
       app_stop();
+      EXPECT_EQ(test_ad.mail_list, nullptr);
       if (one.how != end::by_deletion) phone.delete_mails({id});
+      phone.delete_mails({locked});
       vconf_unset(BRISEL_KEY_LANGUAGE);
       settle();
     }

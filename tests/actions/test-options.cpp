@@ -205,20 +205,3 @@ TEST_F(options, ARowWhoseNumberIsGoneCallsNobody) {
   EXPECT_FALSE(logged("E/service_send_launch_request() failed!"));
   brisel_full_noti_data_free(mail);
 }
-
-TEST_F(options, RefusedArgumentsAndMails) {
-  start_one({.from_name = "Ann"});
-  EXPECT_EQ(brisel_option_detail_draw_view(1, nullptr), -1);
-  EXPECT_EQ(brisel_option_reply_templetes_draw_view(1, nullptr, nullptr), -1);
-  EXPECT_EQ(brisel_option_reply_emoticons_draw_view(1, nullptr, nullptr), -1);
-  EXPECT_EQ(brisel_option_call_draw_view(1, nullptr, nullptr), -2);
-  EXPECT_EQ(brisel_crete_delete_view(nullptr), -1);
-  log_mark();
-  const int unknown = BRISEL_COMMON_ERROR_NOT_FOUND;
-  EXPECT_EQ(brisel_option_detail_draw_view(4711, &test_ad), unknown);
-  EXPECT_EQ(brisel_option_reply_templetes_draw_view(4711, &test_ad, nullptr), unknown);
-  EXPECT_EQ(brisel_option_reply_emoticons_draw_view(4711, &test_ad, nullptr), unknown);
-  EXPECT_EQ(brisel_option_call_draw_view(4711, &test_ad, nullptr), unknown);
-  EXPECT_TRUE(logged("E/brisel_db_get_full_noti_data_by_mail_id() failed! err:[-2]"));
-  EXPECT_EQ(views(), 1);
-}

@@ -52,15 +52,6 @@ TEST(failures, AStoreThatIsNoDatabaseIsToldAndSurvived) {
   app_stop();
 }
 
-TEST(failures, AMissingStoreReadsAsEmpty) {
-  std::filesystem::remove(data_file("store.db"));
-  app_start();
-  EXPECT_NE(test_ad.connecting_popup, nullptr) << "nothing is known yet";
-  EXPECT_EQ(test_ad.account_cnt, 0);
-  EXPECT_FALSE(logged_like("E/brisel_db_init() failed!"));
-  app_stop();
-}
-
 TEST(failures, ContactsThatAreNoDatabaseFindNobody) {
   std::ofstream(data_file("contacts.db"), std::ios::trunc) << std::string(8192, 'x');
   app_start();
@@ -69,39 +60,4 @@ TEST(failures, ContactsThatAreNoDatabaseFindNobody) {
   EXPECT_EQ(brisel_util_get_phone_number_by_person_id(1), nullptr);
   app_stop();
   std::filesystem::remove(data_file("contacts.db"));
-}
-
-TEST(failures, UnreadableSettingsKeepTheirDefaults) {
-  vconf_set_str(BRISEL_KEY_DATE_FORMAT, "1");
-  vconf_set_str(BRISEL_KEY_TIME_FORMAT, "1");
-  vconf_set_int(BRISEL_KEY_BT_CONNECTED, 1);
-  vconf_set_bool(BRISEL_KEY_LANGUAGE, 1);
-  test_ad = {};
-  log_mark();
-  ASSERT_TRUE(app_create(&test_ad));
-  EXPECT_EQ(test_ad.bt_connected, 0);
-  EXPECT_EQ(test_ad.date_format, 0);
-  EXPECT_EQ(test_ad.time_format, 0);
-  EXPECT_TRUE(logged("W/vconf_get_bool returns: -1"));
-  EXPECT_TRUE(logged("W/vconf_get_int returns: -1"));
-  EXPECT_EQ(app_lang_changed(&test_ad), 0);
-  app_stop();
-  for (const char *key : {BRISEL_KEY_DATE_FORMAT, BRISEL_KEY_TIME_FORMAT, BRISEL_KEY_BT_CONNECTED, BRISEL_KEY_LANGUAGE})
-    vconf_unset(key);
-}
-
-TEST(failures, MissingArgumentsAreRefused) {
-  EXPECT_EQ(init_brisel(nullptr, 0), -1);
-  appdata empty = {};
-  EXPECT_EQ(init_brisel(&empty, 0), -1) << "no window";
-  log_mark();
-  EXPECT_EQ(brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, nullptr), nullptr);
-  EXPECT_TRUE(logged("E/Invalid parameter: data is NULL!"));
-  EXPECT_EQ(brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, &empty), nullptr);
-  EXPECT_TRUE(logged("E/elm_naviframe_items_get() failed!"));
-  EXPECT_EQ(brisel_open_icu_pattern_generator(nullptr), -1);
-  EXPECT_EQ(brisel_create_security_alert_popup(nullptr), nullptr);
-  EXPECT_TRUE(logged("E/ad is NULL!"));
-  EXPECT_EQ(brisel_util_load_edj(nullptr, BRISEL_EDJ, "x"), nullptr);
-  EXPECT_TRUE(logged("E/Invalid parameter: parent[NULL]"));
 }

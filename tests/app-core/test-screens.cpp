@@ -197,44 +197,6 @@ TEST_F(screens, TheSetUpPopupsButtonFollowsTheLink) {
   EXPECT_TRUE(run_until([] { return !test_ad.no_account_popup; }));
 }
 
-TEST_F(screens, EndsFreeWhatIsOpen) {
-  const int plain = mail(), locked = mail(1);
-  const struct {
-    const char *what;
-    std::function<void()> open;
-  } cases[] = {
-      {"nothing", [] {}},
-      {"reader and options",
-       [&] {
-         brisel_detail_draw_view(plain, 0, &test_ad);
-         brisel_option_detail_draw_view(plain, &test_ad);
-       }},
-      {"security popup", [&] { app_launch(std::to_string(locked).c_str()); }},
-      {"account popup", [] { brisel_create_account_selection_popup(&test_ad); }},
-      {"delete view", [] { brisel_crete_delete_view(&test_ad); }},
-      {"toast", [] { brisel_create_toast_popup(&test_ad, "x"); }},
-      {"template reply", [&] { brisel_option_reply_templetes_draw_view(plain, &test_ad, nullptr); }},
-      {"typed reply", [&] { brisel_option_reply_emoticons_draw_view(plain, &test_ad, nullptr); }},
-  };
-  for (bool window_first : {false, true})
-    for (const auto &c : cases) {
-      SCOPED_TRACE(c.what);
-      app_start();
-      c.open();
-      settle();
-      if (window_first) {
-        evas_object_del(test_ad.win_main);
-        settle();
-        EXPECT_EQ(test_ad.naviframe, nullptr);
-      }
-      app_terminate(&test_ad);
-      EXPECT_EQ(test_ad.mail_list, nullptr);
-      EXPECT_EQ(test_ad.locale, nullptr);
-      EXPECT_EQ(test_ad.itc_mail, nullptr);
-      app_stop();
-    }
-}
-
 TEST_F(screens, AMouseAndTheWindowsTitle) {
   const int id = mail();
   app_start();
