@@ -26,6 +26,14 @@ inline constexpr char host_error_store[] = HOST_ERROR "Store";      /* the store
 inline constexpr char host_error_full[] = HOST_ERROR "Full";        /* too much waits already; nothing was changed */
 inline constexpr char host_error_version[] = HOST_ERROR "Version";  /* one of the two sides must be updated first */
 
+/* --- what came of a request, as the phone tells it (Outcome) --- */
+
+inline constexpr char outcome_sent[] = "sent";
+inline constexpr char outcome_waits[] = "waits"; /* at the phone, which tries again by itself */
+inline constexpr char outcome_refused[] = "refused";
+/* The reason of a refusal that the watch says in the user's language: the mail names nobody who could be answered. */
+inline constexpr char outcome_no_address[] = "no-address";
+
 /* --- the pair: a phone and a watch that are two machines, joined by the gate --- */
 
 /* What Introduce exchanges. 1 is a side without Introduce; a side refuses what is below its least. */

@@ -103,6 +103,33 @@ struct brisel_mail_place {
   int security_locked;
 };
 
+/* The numbers are on disk. */
+enum brisel_request_kind {
+  BRISEL_REQUEST_KIND_REPLY = 1,
+  BRISEL_REQUEST_KIND_DELETE = 2,
+  BRISEL_REQUEST_KIND_READ = 3
+};
+enum brisel_request_state {
+  BRISEL_REQUEST_STATE_WAITS = 0,       /* for the phone */
+  BRISEL_REQUEST_STATE_HANDED_OVER = 1, /* the end of a deletion or mark; a reply is with the phone, perhaps for a
+                                           reason that the phone told */
+  BRISEL_REQUEST_STATE_SENT = 2,
+  BRISEL_REQUEST_STATE_REFUSED = 3 /* a reply that is not sent as it is */
+};
+
+/* A reply, deletion or mark of this watch, and what became of it. */
+struct brisel_request_data {
+  int request_id; /* positive; another one once the request is repeated */
+  int kind, state;
+  int mail_id;          /* of several mails the first; it may be gone */
+  int mail_count;       /* how many the request is about */
+  int can_change;       /* non-zero: it can be repeated, changed or dropped */
+  char *person;         /* whom a reply goes to, or who sent the (first) mail; NULL or empty: not known */
+  char *subject, *text; /* text: of a reply, as it was handed over */
+  char *reason;         /* one line of the phone, or outcome_no_address of brisel-bus.h; NULL or empty: none */
+  time_t created, changed;
+};
+
 /* Handed to event and more-message callbacks; owned by the library for the duration of the callback. */
 struct brisel_ipc_event {
   GSList *id_list; /* of int: mail ids, or account ids for account events; NULL for the count status */
@@ -114,7 +141,8 @@ enum brisel_ipc_client_event_type {
   BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE = 2,
   BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD = 3,
   BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE = 4,
-  BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS = 5
+  BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS = 5,
+  BRISEL_IPC_CLIENT_EVENT_TYPE_REQUEST = 6 /* something became of requests: their ids; 0: of any */
 };
 
 enum brisel_ipc_client_req_type {
@@ -122,7 +150,9 @@ enum brisel_ipc_client_req_type {
   BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND = 1,
   BRISEL_IPC_CLIENT_REQ_TYPE_REPLY = 2,
   BRISEL_IPC_CLIENT_REQ_TYPE_CLEAR_ALL_NEW_FLAG = 4,
-  BRISEL_IPC_CLIENT_REQ_TYPE_MORE_MSG = 5
+  BRISEL_IPC_CLIENT_REQ_TYPE_MORE_MSG = 5,
+  BRISEL_IPC_CLIENT_REQ_TYPE_DROP_REQUEST = 6,
+  BRISEL_IPC_CLIENT_REQ_TYPE_REPEAT_REQUEST = 7
 };
 
 /* event: valid during the callback only; reserved: always NULL; user_data: as subscribed. */
@@ -141,6 +171,7 @@ account_data *brisel_account_data_create(void);
 void brisel_account_data_free(account_data *data);
 void brisel_account_data_list_free(GSList *list);
 void brisel_template_data_list_free(GSList *list);
+void brisel_request_data_list_free(GSList *list);
 op_data *brisel_op_data_create(void);
 void brisel_op_data_free(op_data *data);
 more_msg_req_data *brisel_more_msg_req_data_create(void);
@@ -177,6 +208,9 @@ int brisel_db_get_mail_places_by_account_id(int account_id, brisel_mail_place **
 int brisel_db_get_noti_rows_by_mail_ids(const int *ids, int ids_count, GSList **list, int *count);
 /* *list: template_data in display order; free with brisel_template_data_list_free. */
 int brisel_db_get_all_template_data(GSList **list);
+/* *list: brisel_request_data; first what waits or was refused, oldest first, then the rest, newest change first. What
+   ended is kept for a day. Free with brisel_request_data_list_free. */
+int brisel_db_get_all_request_data(GSList **list);
 
 /* --- host link -------------------------------------------------------------------------------------------- */
 
@@ -201,6 +235,10 @@ int brisel_ipc_req_update_ind(update_noti_data *data, brisel_ipc_response_cb cal
 int brisel_ipc_req_more_msg(more_msg_req_data *data, brisel_ipc_response_cb callback, void *user_data);
 int brisel_ipc_req_reply(reply_noti_data *data, brisel_ipc_response_cb callback, void *user_data);
 int brisel_ipc_req_no_account(brisel_ipc_response_cb callback, void *user_data);
+/* A reply that the phone refused, or that no phone was ever offered: sent again, with another text when text is not
+   NULL, or dropped for good. callback's error is BRISEL_COMMON_ERROR_REMOTE when the phone may have it by now. */
+int brisel_ipc_req_repeat_request(int request_id, const char *text, brisel_ipc_response_cb callback, void *user_data);
+int brisel_ipc_req_drop_request(int request_id, brisel_ipc_response_cb callback, void *user_data);
 
 /* --- utilities --------------------------------------------------------------------------------------------- */
 

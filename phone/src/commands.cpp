@@ -364,8 +364,8 @@ struct serving {
   bool output_gone = false;
 };
 
-int keep_request(phone_link *link, const nlohmann::json &request, void *user_data) {
-  return relay_keep_request(static_cast<serving *>(user_data)->state, request);
+int keep_request(phone_link *link, const nlohmann::json &request, const std::string &uid, void *user_data) {
+  return relay_keep_request(static_cast<serving *>(user_data)->state, request, uid);
 }
 
 void print_request(phone_link *link, const nlohmann::json &request, const std::string &line, void *user_data) {

@@ -496,6 +496,15 @@ int host_acknowledge(host_bus *bus, int64_t id, std::string *error) {
   return host_finish(bus, call, sd_bus_message_append(call.m, "x", id), &reply, error);
 }
 
+int host_outcome(host_bus *bus, const std::string &uid, const char *state, const std::string &reason,
+                 std::string *error) {
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "Outcome", error);
+  if (result < 0) return result;
+  int filled = sd_bus_message_append(call.m, "sss", host_bus_text(uid).c_str(), state, host_bus_text(reason).c_str());
+  return host_finish(bus, call, filled, &reply, error);
+}
+
 int host_answer_more(host_bus *bus, int64_t id, int phone_error, const std::string &piece, bool complete,
                      std::string *error) {
   bus_message call, reply;

@@ -141,6 +141,9 @@ int host_set_templates(host_bus *bus, const std::vector<std::string> &texts, std
 int host_list_templates(host_bus *bus, std::vector<std::pair<int, std::string>> *templates, std::string *error);
 int host_set_status(host_bus *bus, const char *kind, int value, std::string *error);
 int host_acknowledge(host_bus *bus, int64_t id, std::string *error);
+/* What came of the request of that uid: outcome_sent, outcome_waits or outcome_refused, and why. */
+int host_outcome(host_bus *bus, const std::string &uid, const char *state, const std::string &reason,
+                 std::string *error);
 int host_answer_more(host_bus *bus, int64_t id, int phone_error, const std::string &piece, bool complete,
                      std::string *error);
 

@@ -17,6 +17,7 @@ inline constexpr uint64_t kShortestDelay = kUsecPerSecond / 4, kLongestDelay = 3
 struct waiting_request {
   int64_t id = 0, have = 0;
   std::string line, peer;
+  std::string uid; /* by which the watch knows the request when it is told what came of it; empty: it asks not */
 };
 
 /* Where a stream is; the session bus is always `open`. */

@@ -117,7 +117,7 @@ void take_request(phone_link *link, const waiting_request &r) {
   int kept = phone_state_change(link->state, [&] {
     fresh = phone_state_add_request(link->state, r.id, r.peer, r.line);
     if (fresh < 0) return -1;
-    return fresh == 1 && good && link->handlers->keep ? link->handlers->keep(link, request, link->user_data) : 0;
+    return fresh == 1 && good && link->handlers->keep ? link->handlers->keep(link, request, r.uid, link->user_data) : 0;
   });
   if (kept == 0 && fresh == 1 && link->handlers->kept)
     link->handlers->kept(link, good ? request : nlohmann::json(), r.line, link->user_data);
@@ -222,8 +222,11 @@ int request_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
   while (r >= 0 && (r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
     const char *key = nullptr;
     r = sd_bus_message_read(m, "s", &key);
+    const char *uid = nullptr;
     if (r >= 0 && strcmp(key, "have") == 0)
       r = sd_bus_message_read(m, "v", "x", &request.have);
+    else if (r >= 0 && strcmp(key, "uid") == 0 && (r = sd_bus_message_read(m, "v", "s", &uid)) >= 0)
+      request.uid = uid;
     else if (r >= 0)
       r = sd_bus_message_skip(m, "v");
     if (r >= 0) r = sd_bus_message_exit_container(m);

@@ -23,8 +23,9 @@ struct link_handlers {
   /* The service is there and has handed over what waited. */
   void (*connected)(phone_link *link, void *user_data);
   /* A new request, inside the change that keeps it: only the phone's state may be changed here. Returns 0, or -1: then
-     nothing is kept and the service is asked to send it again later. */
-  int (*keep)(phone_link *link, const nlohmann::json &request, void *user_data);
+     nothing is kept and the service is asked to send it again later.
+     uid: by which the service is told what came of the request; empty: it does not ask. */
+  int (*keep)(phone_link *link, const nlohmann::json &request, const std::string &uid, void *user_data);
   /* The same request after it is on disk. */
   void (*kept)(phone_link *link, const nlohmann::json &request, const std::string &line, void *user_data);
 };

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <sysexits.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -157,7 +158,14 @@ std::string ending(const siginfo_t &end) {
                                    : " was ended by signal " + std::to_string(end.si_status);
 }
 
-/* Returns 0 when sendmail took the message, else -1 with a one-line reason. */
+/* Whether the mail system will never take this message. EX_UNAVAILABLE is not among these: mail systems say it for
+   troubles of their own. */
+bool is_refusal(const siginfo_t &end) {
+  return end.si_code == CLD_EXITED && (end.si_status == EX_DATAERR || end.si_status == EX_NOUSER ||
+                                       end.si_status == EX_NOHOST || end.si_status == EX_NOPERM);
+}
+
+/* Returns 0 when sendmail took the message; 1 when it never will, -1 when it may later, with a one-line reason. */
 int judge(const sendmail_run &run, const siginfo_t &end, bool late, const std::string &program, std::string *error) {
   int unread = 0;
   bool taken = end.si_code == CLD_EXITED && end.si_status == 0;
@@ -167,8 +175,8 @@ int judge(const sendmail_run &run, const siginfo_t &end, bool late, const std::s
   char said[kMaxComplaint];
   ssize_t length = pread(run.said.fd, said, sizeof said, 0);
   std::string line = length > 0 ? mime_clean_line(std::string_view(said, static_cast<size_t>(length)), 400) : "";
-  if (!line.empty()) *error += ": " + line;
-  return -1;
+  if (!line.empty()) *error = is_refusal(end) ? line : *error + ": " + line;
+  return is_refusal(end) ? 1 : -1;
 }
 
 /* What came of it is known here and nowhere else until it is on disk: tried until it is. */
@@ -213,8 +221,9 @@ void hand_over(phone_state *state, const reply_entry &entry, const std::string &
   if (taken < 0)
     link_log("reply " + std::to_string(entry.id) + " could not be sent: " + error + "; it will be tried again");
   note_for_sure(state, entry.id, [&] {
-    return taken == 0 ? reply_set_sent(state, entry.id)
-                      : reply_set_failed(state, entry.id, pause_after(entry.attempts, settings), error);
+    return taken == 0  ? reply_set_sent(state, entry.id)
+           : taken > 0 ? reply_set_held(state, entry.id, error)
+                       : reply_set_failed(state, entry.id, pause_after(entry.attempts, settings), error);
   });
   if (run.pid > 0) waitpid(run.pid, nullptr, 0);
   if (taken == 0) unlink(lock_path(entry.id).c_str());
@@ -299,6 +308,7 @@ int outbox_settle(phone_state *state, int64_t id, const siginfo_t *end, const ou
     if (entry.id != id || entry.state != reply_state::sending) continue;
     if (end->si_code == CLD_EXITED && end->si_status == 0) return reply_set_sent(state, id);
     std::string error = "sendmail" + ending(*end);
+    if (is_refusal(*end)) return reply_set_held(state, id, error);
     link_log("reply " + std::to_string(id) + " could not be sent: " + error + "; it will be tried again");
     return reply_set_failed(state, id, pause_after(entry.attempts - 1, settings), error);
   }

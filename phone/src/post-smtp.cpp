@@ -214,7 +214,7 @@ int smtp_submit(const std::string &config) {
   if (post_secret_read(account, &secret, &error) < 0 ||
       smtp_send(account, secret, recipients, text, &for_good, &error) < 0) {
     fprintf(stderr, "%s\n", error.c_str());
-    return for_good ? EX_UNAVAILABLE : EX_TEMPFAIL;
+    return for_good ? EX_NOPERM : EX_TEMPFAIL;
   }
   after_sending(account, secret, message.get(), text);
   return 0;

@@ -111,10 +111,11 @@ void connected_cb(phone_link *link, void *user_data) {
   r->sync_pause = 0;
   /* After the requests that waited: they come first in the loop. */
   if (r->sync_defer) sd_event_source_set_enabled(r->sync_defer.get(), SD_EVENT_ONESHOT);
+  replies_connected(r);
 }
 
-int keep_cb(phone_link *link, const nlohmann::json &request, void *user_data) {
-  return relay_keep_request(static_cast<relay *>(user_data)->state.get(), request);
+int keep_cb(phone_link *link, const nlohmann::json &request, const std::string &uid, void *user_data) {
+  return relay_keep_request(static_cast<relay *>(user_data)->state.get(), request, uid);
 }
 
 void kept_cb(phone_link *link, const nlohmann::json &request, const std::string &line, void *user_data) {

@@ -72,6 +72,7 @@ struct relay {
   int64_t delivering = 0;  /* the reply that the child hands over */
   std::map<int64_t, reply_wait> waits;
   std::set<int64_t> told; /* replies whose trouble was reported */
+  reply_wait telling;     /* when the watch can be told again what came of replies */
   bool bar = false;       /* standard error is a terminal */
   std::string last_status;
 
@@ -123,6 +124,8 @@ int send_window(followed *a, const listing &l);
 
 /* Starts what is due, one at a time, and sleeps until the next is. */
 void replies_next(relay *r);
+/* The watch is there: it hears what came of replies meanwhile. */
+void replies_connected(relay *r);
 /* Before the event loop runs. */
 int replies_start(relay *r);
 /* The file whose writing makes a running relay look at its replies again. */

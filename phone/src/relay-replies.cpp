@@ -99,6 +99,56 @@ bool start_delivery(relay *r, const reply_entry &entry) {
   return false;
 }
 
+/* --- what the watch is told --- */
+
+struct reply_outcome {
+  const char *state = nullptr; /* NULL: nothing yet */
+  std::string reason;
+};
+
+reply_outcome outcome_of(const reply_entry &entry) {
+  switch (entry.state) {
+    case reply_state::sent:
+      return {outcome_sent, ""};
+    case reply_state::held:
+      return {outcome_refused, entry.recipient.empty() ? outcome_no_address : entry.error};
+    case reply_state::dropped:
+      return {outcome_refused, "it was dropped on the phone"};
+    default:
+      return entry.error.empty() ? reply_outcome() : reply_outcome{outcome_waits, entry.error};
+  }
+}
+
+/* Returns 0 when the watch has it on its disk, and that is on ours. */
+int tell_outcome(relay *r, const reply_entry &entry, const reply_outcome &outcome, const std::string &told) {
+  std::string error;
+  int result = host_outcome(link_bus(r->link), entry.uid, outcome.state, outcome.reason, &error);
+  if (result == HOST_OK || result == HOST_REFUSED) { /* what it refuses once it refuses always */
+    if (result == HOST_REFUSED)
+      link_log("reply " + std::to_string(entry.id) + ": the watch was told in vain: " + error);
+    if (reply_set_told(r->state.get(), entry.id, told) == 0) return 0;
+    error = phone_state_error(r->state.get());
+  }
+  if (r->telling.pause == 0) link_log("reply " + std::to_string(entry.id) + ": the watch is told later: " + error);
+  return -1;
+}
+
+/* Tells what it does not know yet. Returns when to try again what could not be told. */
+uint64_t tell_outcomes(relay *r, const std::vector<reply_entry> &entries, uint64_t now) {
+  if (!link_is_connected(r->link)) return UINT64_MAX; /* the next connection tells */
+  if (r->telling.due > now) return r->telling.due;
+  for (const reply_entry &entry : entries) {
+    reply_outcome outcome = outcome_of(entry);
+    if (!outcome.state || entry.uid.empty()) continue;
+    std::string told = outcome.reason.empty() ? outcome.state : outcome.state + (" " + outcome.reason);
+    if (told == entry.told || tell_outcome(r, entry, outcome, told) == 0) continue;
+    r->telling.pause = link_longer(r->telling.pause);
+    return r->telling.due = now + r->telling.pause;
+  }
+  r->telling = {};
+  return UINT64_MAX;
+}
+
 void tell_held(relay *r, const reply_entry &entry) {
   if (!r->told.insert(entry.id).second) return;
   std::string number = std::to_string(entry.id);
@@ -109,7 +159,6 @@ void tell_held(relay *r, const reply_entry &entry) {
 }  // namespace
 
 void replies_next(relay *r) {
-  if (r->child) return;
   std::vector<reply_entry> entries;
   uint64_t now = boot_now(r), next = UINT64_MAX;
   if (reply_list(r->state.get(), &entries) < 0) {
@@ -117,10 +166,12 @@ void replies_next(relay *r) {
     pause_reply(r, 0); /* 0 is no reply's number: the list itself */
     next = r->waits[0].due;
   }
+  next = std::min(next, tell_outcomes(r, entries, now));
+  if (r->child) return; /* its end brings here again */
   std::map<int64_t, reply_wait> waits;
   for (const reply_entry &entry : entries) {
     if (entry.state == reply_state::held) tell_held(r, entry);
-    if (entry.state == reply_state::held || entry.state == reply_state::sent) continue;
+    if (entry.state != reply_state::queued && entry.state != reply_state::sending) continue;
     uint64_t due = due_time(r, entry, now);
     if (due <= now && start_delivery(r, entry)) return;
     next = std::min(next, r->waits[entry.id].due);
@@ -129,6 +180,13 @@ void replies_next(relay *r) {
   if (!entries.empty()) r->waits = std::move(waits); /* what was sent or dropped is forgotten */
   sd_event_source_set_time(r->reply_timer.get(), next);
   sd_event_source_set_enabled(r->reply_timer.get(), next == UINT64_MAX ? SD_EVENT_OFF : SD_EVENT_ONESHOT);
+}
+
+void replies_connected(relay *r) {
+  r->telling = {};
+  if (!r->reply_timer) return; /* the start looks by itself */
+  sd_event_source_set_time(r->reply_timer.get(), 0);
+  sd_event_source_set_enabled(r->reply_timer.get(), SD_EVENT_ONESHOT);
 }
 
 int replies_start(relay *r) {

@@ -14,7 +14,7 @@ int keep_deleted(phone_state *state, int mail_id, bool on_watch) {
   return sending > 0 ? relay_note_set(state, note_unknown_deletions, "1") : sending;
 }
 
-int keep_reply(phone_state *state, const nlohmann::json &request) {
+int keep_reply(phone_state *state, const nlohmann::json &request, const std::string &uid) {
   std::string tag = request.value("host_tag", std::string());
   if (tag.rfind("relay:", 0) != 0) return 0; /* a mail that was only sent by hand has nobody to answer for it */
   reply_parts parts;
@@ -36,7 +36,7 @@ int keep_reply(phone_state *state, const nlohmann::json &request) {
   }
   std::string message, to, error;
   if (reply_compose(parts, &message, &to, &error) < 0) message = parts.text; /* kept for the user, not sent */
-  return reply_add(state, account.account_id, to, reply_subject(parts.subject), message, error);
+  return reply_add(state, account.account_id, {uid, to, reply_subject(parts.subject), message, error});
 }
 
 }  // namespace
@@ -49,9 +49,9 @@ int relay_forget_mails(phone_state *state, const std::vector<int> &mail_ids) {
   });
 }
 
-int relay_keep_request(phone_state *state, const nlohmann::json &request) {
+int relay_keep_request(phone_state *state, const nlohmann::json &request, const std::string &uid) {
   std::string kind = request.value("request", std::string());
-  if (kind == "reply") return keep_reply(state, request);
+  if (kind == "reply") return keep_reply(state, request, uid);
   if ((kind != "delete_notis" && kind != "update_ind") || !request.contains("id_list")) return 0;
   for (const auto &id : request["id_list"]) {
     int mail_id = id.get<int>();

@@ -102,6 +102,7 @@ void print_text(const status_record &status) {
       sent++;
       continue;
     }
+    if (e.state == reply_state::dropped) continue;
     printf("reply %lld to %s (%s): %s, %d tries%s%s\n", static_cast<long long>(e.id),
            mime_clean_line(e.recipient, 200).c_str(), mime_clean_line(e.subject, 200).c_str(),
            reply_state_name(e.state), e.attempts, e.error.empty() ? "" : ": ", e.error.c_str());
@@ -190,7 +191,10 @@ int relay_drop(int64_t id) {
   std::string error;
   phone_state_holder state(phone_state_open(&error));
   int result = state ? reply_drop(state.get(), id) : -1;
-  if (result > 0) return 0;
+  if (result > 0) {
+    wake_relay(); /* the watch is told */
+    return 0;
+  }
   if (state) error = result < 0 ? phone_state_error(state.get()) : "no such reply waits";
   link_log(error);
   return 1;

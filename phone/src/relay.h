@@ -55,8 +55,8 @@ int relay_retry();
 int relay_drop(int64_t id);
 
 /* What every phone does with a request about mail that a relay brought, so that none is lost while only `serve` runs.
-   Inside the transaction that keeps the request. Returns 0, or -1. */
-int relay_keep_request(phone_state *state, const nlohmann::json &request);
+   Inside the transaction that keeps the request. uid: see link.h. Returns 0, or -1. */
+int relay_keep_request(phone_state *state, const nlohmann::json &request, const std::string &uid);
 /* The mails are gone from the watch by the phone's own hand: they stay in their mailboxes and off the watch. */
 int relay_forget_mails(phone_state *state, const std::vector<int> &mail_ids);
 

@@ -60,7 +60,8 @@ int reply_compose(const reply_parts &parts, std::string *message_text, std::stri
   *to = parts.reply_to.empty() ? sender : mime_clean_line(parts.reply_to, 400);
   if (*to != sender) name.clear();
   if (!plain_address(*to)) {
-    *error = "'" + *to + "' is no address that mail can be sent to";
+    *error = to->empty() ? "the mail names nobody who could be answered"
+                         : "'" + *to + "' is no address that mail can be sent to";
     return -1;
   }
   std::string from = mime_clean_line(parts.from_address, 400);

@@ -19,36 +19,40 @@ int64_t now_seconds() {
 
 /* A number that no version wrote is a damaged file: what it was is not known, and nothing is sent by guess. */
 reply_state read_state(int number) {
-  return number < static_cast<int>(queued) || number > static_cast<int>(held) ? held : static_cast<reply_state>(number);
+  return number < static_cast<int>(queued) || number > static_cast<int>(dropped) ? held
+                                                                                 : static_cast<reply_state>(number);
 }
 
 }  // namespace
 
 const char *reply_state_name(reply_state state) {
-  static const char *const names[] = {"queued", "sending", "sent", "held"};
+  static const char *const names[] = {"queued", "sending", "sent", "held", "dropped"};
   return names[static_cast<int>(state)];
 }
 
-int reply_add(phone_state *state, int account_id, const std::string &recipient, const std::string &subject,
-              const std::string &message, const std::string &error) {
-  sql_statement waiting(&state->db, "SELECT count(*), total(length(message)) FROM outbox WHERE state <> ?");
-  if (waiting.bind(sent).step() != sql_row) return state_fail(state, kCannotRead);
+int reply_add(phone_state *state, int account_id, const new_reply &reply) {
+  /* What the watch was told is refused waits there. */
+  sql_statement waiting(&state->db,
+                        "SELECT count(*), total(length(message)) FROM outbox WHERE state <> ? AND"
+                        " NOT (state = ? AND told <> '')");
+  if (waiting.bind(sent, held).step() != sql_row) return state_fail(state, kCannotRead);
   if (waiting.number(0) >= kMostWaiting ||
-      waiting.number(1) + static_cast<int64_t>(message.size()) > kMostWaitingBytes) {
+      waiting.number(1) + static_cast<int64_t>(reply.message.size()) > kMostWaitingBytes) {
     state->error = "too many replies wait to be sent; the next ones stay on the watch until there is room";
     return -1;
   }
   sql_statement query(&state->db,
-                      "INSERT INTO outbox (account_id, created, recipient, subject, message, state, error)"
-                      " VALUES (?, ?, ?, ?, ?, ?, ?)");
-  query.bind(account_id, now_seconds(), recipient, subject, sql_blob{message}, error.empty() ? queued : held, error);
+                      "INSERT INTO outbox (account_id, created, recipient, subject, message, state, error, uid)"
+                      " VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+  query.bind(account_id, now_seconds(), reply.recipient, reply.subject, sql_blob{reply.message},
+             reply.error.empty() ? queued : held, reply.error, reply.uid);
   return query.run() == 0 ? 0 : state_fail(state, kCannotWrite);
 }
 
 int reply_list(phone_state *state, std::vector<reply_entry> *entries) {
   sql_statement query(&state->db,
                       "SELECT id, account_id, created, recipient, subject, state, attempts, interrupted, next_time,"
-                      " done_time, error, pause FROM outbox ORDER BY id");
+                      " done_time, error, pause, uid, told FROM outbox ORDER BY id");
   sql_result result;
   while ((result = query.step()) == sql_row) {
     reply_entry entry;
@@ -64,6 +68,8 @@ int reply_list(phone_state *state, std::vector<reply_entry> *entries) {
     entry.done_time = query.number(9);
     entry.error = query.text(10);
     entry.pause = query.number(11);
+    entry.uid = query.text(12);
+    entry.told = query.text(13);
     entries->push_back(std::move(entry));
   }
   return result == sql_done ? 0 : state_fail(state, kCannotRead);
@@ -79,7 +85,7 @@ int reply_begin(phone_state *state, int64_t id, reply_entry *entry, std::string 
   entry->attempts = read.integer(1);
   *message = read.text(2);
   read.finish();
-  if (entry->state == sent || entry->state == held) return 0;
+  if (entry->state != queued && entry->state != sending) return 0;
   sql_statement mark(&state->db,
                      "UPDATE outbox SET state = ?1, attempts = attempts + 1, interrupted = interrupted + (state = ?1)"
                      " WHERE id = ?2 AND state IN (?1, ?3)");
@@ -90,13 +96,31 @@ int reply_begin(phone_state *state, int64_t id, reply_entry *entry, std::string 
 int reply_set_sent(phone_state *state, int64_t id) {
   sql_statement query(&state->db, "UPDATE outbox SET state = ?, done_time = ?, error = '', message = x'' WHERE id = ?");
   if (query.bind(sent, now_seconds(), id).run() < 0) return state_fail(state, kCannotWrite);
-  sql_statement prune(&state->db, "DELETE FROM outbox WHERE state = ? AND id <= (SELECT max(id) FROM outbox) - ?");
-  return prune.bind(sent, kSentKept).run() == 0 ? 0 : state_fail(state, kCannotWrite);
+  sql_statement prune(&state->db,
+                      "DELETE FROM outbox WHERE (state = ? OR (state = ? AND told <> '')) AND"
+                      " id <= (SELECT max(id) FROM outbox) - ?");
+  return prune.bind(sent, held, kSentKept).run() == 0 ? 0 : state_fail(state, kCannotWrite);
 }
 
 int reply_set_failed(phone_state *state, int64_t id, int64_t pause, const std::string &error) {
-  sql_statement query(&state->db, "UPDATE outbox SET state = ?, next_time = ?, pause = ?, error = ? WHERE id = ?");
-  return query.bind(queued, now_seconds() + pause, pause, error, id).run() == 0 ? 0 : state_fail(state, kCannotWrite);
+  sql_statement query(&state->db,
+                      "UPDATE outbox SET state = ?, next_time = ?, pause = ?, error = ?"
+                      " WHERE id = ? AND state = ?");
+  return query.bind(queued, now_seconds() + pause, pause, error, id, sending).run() == 0
+             ? 0
+             : state_fail(state, kCannotWrite);
+}
+
+int reply_set_held(phone_state *state, int64_t id, const std::string &error) {
+  sql_statement query(&state->db, "UPDATE outbox SET state = ?, error = ? WHERE id = ? AND state = ?");
+  return query.bind(held, error, id, sending).run() == 0 ? 0 : state_fail(state, kCannotWrite);
+}
+
+int reply_set_told(phone_state *state, int64_t id, const std::string &told) {
+  sql_statement forget(&state->db, "DELETE FROM outbox WHERE id = ? AND state = ?");
+  if (forget.bind(id, dropped).run() < 0) return state_fail(state, kCannotWrite);
+  sql_statement query(&state->db, "UPDATE outbox SET told = ? WHERE id = ?");
+  return query.bind(told, id).run() == 0 ? 0 : state_fail(state, kCannotWrite);
 }
 
 int reply_retry_all(phone_state *state) {
@@ -105,7 +129,13 @@ int reply_retry_all(phone_state *state) {
 }
 
 int reply_drop(phone_state *state, int64_t id) {
-  sql_statement query(&state->db, "DELETE FROM outbox WHERE id = ? AND state <> ?");
-  if (query.bind(id, sent).run() < 0) return state_fail(state, kCannotWrite);
+  /* The watch is told, unless it does not ask or knows that it was refused. */
+  sql_statement keep(&state->db,
+                     "UPDATE outbox SET state = ?1, message = x'' WHERE id = ?2 AND state IN (?3, ?4, ?5) AND uid <> ''"
+                     " AND NOT (state = ?5 AND told <> '')");
+  if (keep.bind(dropped, id, queued, sending, held).run() < 0) return state_fail(state, kCannotWrite);
+  if (state->db.changed() > 0) return 1;
+  sql_statement query(&state->db, "DELETE FROM outbox WHERE id = ? AND state NOT IN (?, ?)");
+  if (query.bind(id, sent, dropped).run() < 0) return state_fail(state, kCannotWrite);
   return state->db.changed() > 0 ? 1 : 0;
 }

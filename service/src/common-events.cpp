@@ -17,7 +17,7 @@
 namespace {
 
 constexpr char log_tag[] = "BRISEL_COMMON";
-constexpr int event_types = 6;
+constexpr int event_types = 7;
 /* Ids that one callback gets: more of them wait until the main loop has drawn and taken input. */
 constexpr size_t slice = 16;
 constexpr double slice_pause = 0.001;
@@ -151,6 +151,7 @@ void make_up(bool other_store) {
   if (counted) queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_COUNT_STATUS, {});
   queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE, known);
   queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, fresh);
+  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_REQUEST, {0});
   know_store();
 }
 

@@ -58,7 +58,8 @@ bool read_request(GVariant *one, kept_request *r) {
     r->texts.emplace_back(text);
   }
   return kept_member(r->type) && !r->uid.empty() && r->uid.size() <= uid_max && r->ids.size() <= ids_max &&
-         (r->type != BRISEL_IPC_CLIENT_REQ_TYPE_REPLY || r->texts.size() == reply_texts);
+         (r->type != BRISEL_IPC_CLIENT_REQ_TYPE_REPLY || r->texts.size() == reply_texts) &&
+         (r->type < BRISEL_IPC_CLIENT_REQ_TYPE_DROP_REQUEST || r->ids.size() == 1);
 }
 
 }  // namespace
@@ -75,6 +76,10 @@ const char *kept_member(int type) {
       return "Reply";
     case BRISEL_IPC_CLIENT_REQ_TYPE_CLEAR_ALL_NEW_FLAG:
       return "ClearAllNewFlag";
+    case BRISEL_IPC_CLIENT_REQ_TYPE_DROP_REQUEST:
+      return "DropRequest";
+    case BRISEL_IPC_CLIENT_REQ_TYPE_REPEAT_REQUEST:
+      return "RepeatRequest";
     default:
       return nullptr;
   }

@@ -96,6 +96,11 @@ int new_message(const request &r, sd_bus_message **m) {
   if (r.type == BRISEL_IPC_CLIENT_REQ_TYPE_REPLY) {
     for (size_t i = 0; e >= 0 && i < 5; i++) e = sd_bus_message_append_basic(*m, 's', r.texts[i].c_str());
     if (e >= 0) e = sd_bus_message_append(*m, "is", r.mail_id, r.texts[5].c_str());
+  } else if (r.type == BRISEL_IPC_CLIENT_REQ_TYPE_DROP_REQUEST) {
+    if (e >= 0) e = sd_bus_message_append(*m, "x", static_cast<int64_t>(r.ids[0]));
+  } else if (r.type == BRISEL_IPC_CLIENT_REQ_TYPE_REPEAT_REQUEST) {
+    const char *text = r.texts.empty() ? "" : r.texts[0].c_str();
+    if (e >= 0) e = sd_bus_message_append(*m, "xbs", static_cast<int64_t>(r.ids[0]), !r.texts.empty(), text);
   } else if (r.type >= 0) {
     if (e >= 0) e = sd_bus_message_append_array(*m, 'i', r.ids.data(), r.ids.size() * sizeof(int32_t));
     if (e >= 0 && r.type == BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND)

@@ -133,8 +133,8 @@ int link_connect(host *h, const char *sender, sd_bus_error *error);
 void link_send_waiting(host *h);
 /* The phone left, or the service ends. */
 void link_disconnect(host *h);
-/* Sends a request to the phone, if there is one. */
-void link_send(host *h, int64_t id, const std::string &json);
+/* Sends a request to the phone, if there is one. uid: of a reply; else empty. */
+void link_send(host *h, int64_t id, const std::string &json, const std::string &uid);
 /* Handles MoreMsg; answers m later. */
 int link_ask_more(host *h, sd_bus_message *m, int mail_id, const std::string &message_uid, sd_bus_error *error);
 int link_answer_more(host *h, int64_t id, int phone_error, const std::string &piece, bool complete,

@@ -210,6 +210,27 @@ int ack(sd_bus_message *m, void *data, sd_bus_error *error) {
   return finish(h, m, store_outbox_remove(h->st, id), error);
 }
 
+/* What came of a request that was acknowledged, as often as the phone likes. */
+int outcome(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  const char *state = nullptr;
+  std::string uid, reason;
+  int r = host_read_text(m, "uid", uid_max, &uid, error);
+  if (r >= 0) r = sd_bus_message_read_basic(m, 's', &state);
+  if (r >= 0) r = host_read_text(m, "reason", token_max, &reason, error);
+  if (r < 0) return r;
+  if (!is_phone(h, m)) return invalid(error, "only the connected phone tells what came of requests");
+  static const std::pair<const char *, reply_outcome> states[] = {{outcome_sent, reply_outcome::sent},
+                                                                  {outcome_waits, reply_outcome::waits},
+                                                                  {outcome_refused, reply_outcome::refused}};
+  for (const auto &[name, known] : states) {
+    if (strcmp(state, name) != 0) continue;
+    refused_reply refused;
+    return finish(h, m, store_set_outcome(h->st, uid, known, reason, &refused), error);
+  }
+  return invalid(error, "state is neither \"sent\", \"waits\" nor \"refused\"");
+}
+
 int answer_more(sd_bus_message *m, void *data, sd_bus_error *error) {
   host *h = static_cast<host *>(data);
   int64_t id = 0;
@@ -256,6 +277,8 @@ const sd_bus_vtable phone_vtable[] = {
     SD_BUS_METHOD_WITH_ARGS("SetStatus", SD_BUS_ARGS("s", kind, "i", value), SD_BUS_NO_RESULT, set_status,
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Ack", SD_BUS_ARGS("x", id), SD_BUS_NO_RESULT, ack, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("Outcome", SD_BUS_ARGS("s", uid, "s", state, "s", reason), SD_BUS_NO_RESULT, outcome,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("AnswerMore", SD_BUS_ARGS("x", id, "i", error, "s", piece, "b", complete), SD_BUS_NO_RESULT,
                             answer_more, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_SIGNAL_WITH_ARGS("Request", SD_BUS_ARGS("x", id, "s", json, "a{sv}", extra), 0),

@@ -60,14 +60,16 @@ int track_cb(sd_bus_track *track, void *data) {
   return 0;
 }
 
-int send_request(host *h, int64_t id, const std::string &json, int64_t have) {
+/* uid: by which the phone tells what came of it; have: bytes of a body, or -1. */
+int send_request(host *h, int64_t id, const std::string &json, const std::string &uid, int64_t have) {
   sd_bus_message *m = nullptr;
   int r = sd_bus_message_new_signal(h->bus, &m, host_path, phone_interface, "Request");
   if (r >= 0) r = sd_bus_message_set_destination(m, h->phone.c_str());
   if (r >= 0) r = sd_bus_message_append(m, "xs", id, clean_text(json).c_str());
-  if (r >= 0) {
-    r = have < 0 ? sd_bus_message_append(m, "a{sv}", 0) : sd_bus_message_append(m, "a{sv}", 1, "have", "x", have);
-  }
+  if (r >= 0) r = sd_bus_message_open_container(m, 'a', "{sv}");
+  if (r >= 0 && have >= 0) r = sd_bus_message_append(m, "{sv}", "have", "x", have);
+  if (r >= 0 && !uid.empty()) r = sd_bus_message_append(m, "{sv}", "uid", "s", clean_text(uid).c_str());
+  if (r >= 0) r = sd_bus_message_close_container(m);
   if (r >= 0) r = sd_bus_send(h->bus, m, nullptr);
   sd_bus_message_unref(m);
   if (r < 0) fprintf(stderr, "brisel-hostd: request %" PRId64 " could not be sent: %s\n", id, strerror(-r));
@@ -107,6 +109,12 @@ int link_connect(host *h, const char *sender, sd_bus_error *error) {
     return r;
   }
   const bool was_up = !h->phone.empty();
+  /* On disk before the first request goes out: what a phone may have is not taken back. */
+  if (store_phone_came(h->st) != store_ok) {
+    if (!was_up) store_phone_left(h->st);
+    sd_bus_track_unref(track);
+    return host_fail(h, store_failed, error);
+  }
   if (was_up) replace_phone(h);
   h->track = track;
   h->phone = sender;
@@ -124,20 +132,21 @@ void link_send_waiting(host *h) {
   }
   for (const outbox_entry &entry : waiting)
     /* In order, or not at all; but what can never be sent must not hold back what can. */
-    if (const int r = send_request(h, entry.id, entry.json, -1); r < 0 && r != -EINVAL) return;
+    if (const int r = send_request(h, entry.id, entry.json, entry.uid, -1); r < 0 && r != -EINVAL) return;
 }
 
 void link_disconnect(host *h) {
   if (h->phone.empty()) return;
   h->phone.clear();
   h->phone_id.clear();
+  store_phone_left(h->st);
   h->track = sd_bus_track_unref(h->track);
   while (!h->more.empty()) finish_more(h, h->more.begin(), HOST_ERROR "NoPhone", "the phone has left");
   set_link(h, false);
 }
 
-void link_send(host *h, int64_t id, const std::string &json) {
-  if (!h->phone.empty()) send_request(h, id, json, -1);
+void link_send(host *h, int64_t id, const std::string &json, const std::string &uid) {
+  if (!h->phone.empty()) send_request(h, id, json, uid, -1);
 }
 
 int link_ask_more(host *h, sd_bus_message *m, int mail_id, const std::string &message_uid, sd_bus_error *error) {
@@ -168,7 +177,7 @@ int link_ask_more(host *h, sd_bus_message *m, int mail_id, const std::string &me
   nlohmann::ordered_json json = {{"request", "more_msg"}, {"message_uid", message_uid}, {"mail_id", mail_id}};
   const std::string text = json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
   r = sd_event_add_time(h->event, &request.timer, CLOCK_MONOTONIC, now + h->more_timeout_usec, 0, more_timeout_cb, h);
-  if (r >= 0) r = send_request(h, request.id, text, static_cast<int64_t>(request.have));
+  if (r >= 0) r = send_request(h, request.id, text, "", static_cast<int64_t>(request.have));
   if (r < 0) {
     sd_event_source_disable_unref(request.timer);
     return r;

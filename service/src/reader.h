@@ -24,6 +24,7 @@ enum reader_query {
   reader_changes,
   reader_mail_range,
   reader_mail_ids,
+  reader_requests,
   reader_query_count
 };
 

@@ -116,7 +116,7 @@ bool store_open_file(store *st, std::string *why) {
   /* FULL: in WAL mode only this syncs the log at every commit, which is what an acknowledgement promises. */
   st->error.clear();
   if (st->db.run("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON")) fail_sql(st);
-  if (!st->error.empty() || bring_up_to_date(st) != store_ok) {
+  if (!st->error.empty() || bring_up_to_date(st) != store_ok || journal_prune(st) != store_ok) {
     *why = st->path + " cannot be opened: " + st->error;
     return false;
   }

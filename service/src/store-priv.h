@@ -30,6 +30,7 @@ struct store {
   bool opening = true; /* what lies there is not settled yet */
   int lock = -1;
   file_identity file, log, shared, lock_file; /* those that are open */
+  bool phone_there = false;                   /* what is asked now goes to it at once */
   std::string error;
   std::string note; /* what became of the file, until somebody tells it */
 };
@@ -93,6 +94,55 @@ inline store_status add_change(store *st, brisel_ipc_client_event_type type, con
   if (seq % 64) return store_ok; /* prune now and then, not at every change */
   return run_sql(st, "DELETE FROM changes WHERE seq <= ?", seq - changes_kept);
 }
+
+/* --- requests and their journal (store-requests.cpp, store-journal.cpp) --- */
+
+/* What the journal says of a request, for people. */
+struct journal_words {
+  int kind = 0; /* a brisel_request_kind; 0: no row */
+  int mail_id = 0, mails = 1;
+  std::string person, subject, text;
+};
+
+/* Each inside a transaction. words: of a request whose outbox entry is id. */
+store_status journal_add(store *st, const store_request &asked, int64_t id, const journal_words &words);
+/* The words of a request about the mails, before they are gone. */
+store_status journal_of_mails(store *st, int kind, const std::vector<int> &ids, journal_words *words);
+store_status journal_prune(store *st);
+store_status check_room(store *st, const store_request &asked);
+
+/* One transaction: remembers uid and does work, unless uid was done before (store_done). */
+template <typename F>
+store_status store_do_once(store *st, const std::string &uid, F &&work) {
+  /* Requests are sent again only while the service restarts: a few at a time. */
+  constexpr int64_t uids_kept = 4096;
+  if (uid.empty() || uid.size() > uid_max) return fail(st, store_invalid, "a request's uid has 1 to 128 bytes");
+  return transaction(st, [&]() -> store_status {
+    store_status status = run_sql(st, "INSERT OR IGNORE INTO done (uid) VALUES (?)", uid);
+    if (status) return status;
+    if (st->db.changed() == 0) return store_done;
+    const int64_t number = st->db.last_row();
+    if (number % 64 == 0) status = run_sql(st, "DELETE FROM done WHERE number <= ?", number - uids_kept);
+    return status ? status : work();
+  });
+}
+
+/* The same for what waits for a phone: the json goes into the outbox, *words, which work fills, into the journal. */
+template <typename F>
+store_status store_do_request(store *st, const store_request &asked, int64_t *entry, const journal_words *words,
+                              F &&work) {
+  return store_do_once(st, asked.uid, [&]() -> store_status {
+    store_status status = check_room(st, asked);
+    if (!status) status = work();
+    if (status) return status;
+    status = run_sql(st, "INSERT INTO outbox (json, client, bytes) VALUES (?, ?, ?)", asked.json, asked.client,
+                     asked.json.size());
+    *entry = st->db.last_row();
+    return status ? status : journal_add(st, asked, *entry, *words);
+  });
+}
+
+/* --- by id --- */
 
 inline bool exists(store *st, const char *sql, int id) {
   sql_statement find(&st->db, sql);

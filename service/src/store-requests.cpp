@@ -4,13 +4,9 @@
 
 #include "store-priv.h"
 
-/* Requests are sent again only while the service restarts: a few at a time. */
-constexpr int64_t uids_kept = 4096;
 /* What may wait for a phone: a watch that saw none for weeks stays far below, and a client gone mad fills no disk. No
    program takes more than half of it, so that another's requests still find room. */
 constexpr int64_t outbox_bytes_max = 16 << 20, outbox_entries_max = 20000;
-
-namespace {
 
 store_status check_room(store *st, const store_request &asked) {
   sql_statement held(&st->db,
@@ -26,47 +22,34 @@ store_status check_room(store *st, const store_request &asked) {
   return store_ok;
 }
 
-template <typename F>
-store_status request(store *st, const store_request &asked, int64_t *entry, F &&work) {
-  if (asked.uid.empty() || asked.uid.size() > uid_max)
-    return fail(st, store_invalid, "a request's uid has 1 to 128 bytes");
-  return transaction(st, [&]() -> store_status {
-    store_status status = run_sql(st, "INSERT OR IGNORE INTO done (uid) VALUES (?)", asked.uid);
-    if (status) return status;
-    if (st->db.changed() == 0) return store_done;
-    const int64_t number = st->db.last_row();
-    if (number % 64 == 0) status = run_sql(st, "DELETE FROM done WHERE number <= ?", number - uids_kept);
-    if (!status) status = check_room(st, asked);
-    if (!status) status = work();
-    if (status) return status;
-    status = run_sql(st, "INSERT INTO outbox (json, client, bytes) VALUES (?, ?, ?)", asked.json, asked.client,
-                     asked.json.size());
-    *entry = st->db.last_row();
+store_status store_request_delete(store *st, const store_request &asked, const std::vector<int> &ids, int64_t *entry) {
+  journal_words words;
+  return store_do_request(st, asked, entry, &words, [&]() -> store_status {
+    store_status status = journal_of_mails(st, BRISEL_REQUEST_KIND_DELETE, ids, &words);
+    std::vector<int> gone;
+    if (!status) status = delete_and_tell(st, ids, &gone);
+    words.mails = static_cast<int>(gone.size());
     return status;
   });
 }
 
-}  // namespace
-
-store_status store_request_delete(store *st, const store_request &asked, const std::vector<int> &ids, int64_t *entry) {
-  return request(st, asked, entry, [&] {
-    std::vector<int> gone;
-    return delete_and_tell(st, ids, &gone);
-  });
-}
-
 store_status store_request_read(store *st, const store_request &asked, const std::vector<int> &ids, int64_t *entry) {
-  return request(st, asked, entry, [&]() -> store_status {
+  journal_words words;
+  return store_do_request(st, asked, entry, &words, [&]() -> store_status {
     std::vector<int> changed;
-    const store_status status =
+    store_status status =
         run_for_ids(st, "UPDATE mail SET is_read = 1 WHERE mail_id = ? AND is_read = 0", ids, &changed);
     if (status || changed.empty()) return status;
+    status = journal_of_mails(st, BRISEL_REQUEST_KIND_READ, changed, &words);
+    words.mails = static_cast<int>(changed.size());
+    if (status) return status;
     return add_change(st, BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE, changed);
   });
 }
 
 store_status store_request_clear_new(store *st, const store_request &asked, int64_t *entry) {
-  return request(st, asked, entry, [&]() -> store_status {
+  const journal_words no_row;
+  return store_do_request(st, asked, entry, &no_row, [&]() -> store_status {
     std::vector<int> changed;
     sql_statement find(&st->db, "SELECT mail_id FROM mail WHERE is_new <> 0 ORDER BY mail_id");
     store_status status = read_ids(st, &find, &changed);
@@ -77,18 +60,24 @@ store_status store_request_clear_new(store *st, const store_request &asked, int6
 }
 
 store_status store_request_relay(store *st, const store_request &asked, int64_t *entry) {
-  return request(st, asked, entry, [] { return store_ok; });
+  const journal_words no_row;
+  return store_do_request(st, asked, entry, &no_row, [] { return store_ok; });
+}
+
+store_status store_request_reply(store *st, const store_request &asked, const reply_words &reply, int64_t *entry) {
+  journal_words words = {BRISEL_REQUEST_KIND_REPLY, reply.mail_id, 1, reply.recipient, reply.subject, reply.text};
+  /* The address, and behind the byte 2 a name. */
+  if (const size_t name = words.person.find('\x02'); name != std::string::npos) words.person.erase(0, name + 1);
+  return store_do_request(st, asked, entry, &words, [] { return store_ok; });
 }
 
 store_status store_outbox(store *st, std::vector<outbox_entry> *entries) {
-  sql_statement list(&st->db, "SELECT id, json FROM outbox ORDER BY id");
+  sql_statement list(&st->db,
+                     "SELECT outbox.id, outbox.json, journal.uid FROM outbox"
+                     " LEFT JOIN journal ON journal.id = outbox.id AND journal.kind = 1 ORDER BY outbox.id");
   sql_result r;
-  while ((r = list.step()) == sql_row) entries->push_back({list.number(0), list.text(1)});
+  while ((r = list.step()) == sql_row) entries->push_back({list.number(0), list.text(1), list.text(2)});
   return checked(st, r);
-}
-
-store_status store_outbox_remove(store *st, int64_t id) {
-  return run_sql(st, "DELETE FROM outbox WHERE id = ?", id);
 }
 
 store_status store_new_request_id(store *st, int64_t *id) {
@@ -96,7 +85,7 @@ store_status store_new_request_id(store *st, int64_t *id) {
     store_status status = run_sql(st, "INSERT INTO outbox (json) VALUES ('')");
     if (status) return status;
     *id = st->db.last_row();
-    return store_outbox_remove(st, *id);
+    return run_sql(st, "DELETE FROM outbox WHERE id = ?", *id);
   });
 }
 

@@ -97,6 +97,7 @@ int store_get_state(store *st, const char *key, int fallback);
 struct outbox_entry {
   int64_t id;
   std::string json;
+  std::string uid; /* of a reply, by which the phone tells what came of it; else empty */
 };
 
 struct store_request {
@@ -113,11 +114,40 @@ store_status store_request_clear_new(store *st, const store_request &asked, int6
 /* No work besides telling the phone. */
 store_status store_request_relay(store *st, const store_request &asked, int64_t *entry);
 
+struct reply_words {
+  int mail_id = 0;
+  std::string recipient, subject, text; /* recipient: address, byte 0x02, name; or the address alone */
+};
+store_status store_request_reply(store *st, const store_request &asked, const reply_words &reply, int64_t *entry);
+
 store_status store_outbox(store *st, std::vector<outbox_entry> *entries);
-/* An id that is not there (any more) is no error. */
+/* The phone has it. An id that is not there (any more) is no error. */
 store_status store_outbox_remove(store *st, int64_t id);
 /* An id for a request that does not wait; unlike any other, for ever. */
 store_status store_new_request_id(store *st, int64_t *id);
+
+/* --- what became of requests: store-journal.cpp --------------------------------------------------------------------- */
+
+/* Whether a phone is connected: from then on it may have what waits, which is neither dropped nor sent anew. */
+store_status store_phone_came(store *st);
+void store_phone_left(store *st);
+/* The request of a reply that was refused or never offered to a phone; store_invalid for any other. */
+store_status store_reply_json(store *st, int64_t id, std::string *json);
+/* Sends such a reply as a new request, json with text, or drops it for good. */
+store_status store_request_repeat(store *st, const store_request &asked, int64_t id, const std::string &text,
+                                  int64_t *entry);
+/* Whether a request of that uid is among the latest that were done. */
+bool store_was_done(store *st, const std::string &uid);
+store_status store_request_drop(store *st, const std::string &uid, int64_t id);
+struct refused_reply {
+  int id = 0; /* 0: nothing that was not known before */
+  std::string person, subject, reason;
+};
+enum class reply_outcome { waits = 1, sent = 2, refused = 3 }; /* as brisel_request_state */
+/* What the phone says came of the reply of that uid, and why. Again, or for one that is forgotten here: no error.
+ *refused: filled when the user is to be told. */
+store_status store_set_outcome(store *st, const std::string &uid, reply_outcome outcome, const std::string &reason,
+                               refused_reply *refused);
 
 /* The body and the message uid of a mail. */
 store_status store_get_body(store *st, int mail_id, std::string *body, std::string *message_uid);

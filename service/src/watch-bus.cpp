@@ -1,4 +1,5 @@
 /* com.vextora.brisel.Watch1: what the application asks for. hostd.cpp puts it on the bus; nothing else calls it. */
+#include <cinttypes>
 #include <nlohmann/json.hpp>
 
 #include "host.h"
@@ -14,11 +15,12 @@ std::string to_text(const json_record &json) {
 }
 
 /* After the store took the request: clients hear of the change, the phone of the request. */
-int taken(host *h, store_status status, int64_t entry, const json_record &json, sd_bus_error *error) {
+int taken(host *h, store_status status, int64_t entry, const json_record &json, sd_bus_error *error,
+          const std::string &uid = {}) {
   if (status < 0) return host_fail(h, status, error);
   if (status == store_ok) {
     host_announce(h);
-    link_send(h, entry, to_text(json));
+    link_send(h, entry, to_text(json), uid);
   }
   return 0;
 }
@@ -84,6 +86,41 @@ int reply(sd_bus_message *m, void *data, sd_bus_error *error) {
   /* The mail may have been deleted while the reply was written: the reply is the user's and is sent all the same. */
   if (reply.mail_id <= 0) return sd_bus_error_setf(error, HOST_ERROR "Invalid", "%d is no mail id", reply.mail_id);
   return answer(m, host_reply(h, uid, host_client_of(h, m), reply, error));
+}
+
+/* A reply once more, as a new request: what a phone refused it knows by the old number. */
+int repeat_request(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::string uid, text, old;
+  int64_t id = 0, entry = 0;
+  int changed = 0;
+  int r = host_read_text(m, "uid", uid_max, &uid, error);
+  if (r >= 0) r = sd_bus_message_read(m, "xb", &id, &changed);
+  if (r >= 0) r = host_read_text(m, "text", body_max, &text, error);
+  if (r < 0) return r;
+  if (store_was_done(h->st, uid)) return answer(m, 0);
+  store_status status = store_reply_json(h->st, id, &old);
+  if (status) return host_fail(h, status, error);
+  json_record json = json_record::parse(old, nullptr, false);
+  if (!json.is_object() || !json.contains("text") || !json["text"].is_string())
+    return sd_bus_error_setf(error, HOST_ERROR "Store", "reply %" PRId64 " is damaged", id);
+  if (changed) json["text"] = text;
+  text = json["text"].get<std::string>();
+  status = store_request_repeat(h->st, {uid, to_text(json), host_client_of(h, m)}, id, text, &entry);
+  return answer(m, taken(h, status, entry, json, error, uid));
+}
+
+int drop_request(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  std::string uid;
+  int64_t id = 0;
+  int r = host_read_text(m, "uid", uid_max, &uid, error);
+  if (r >= 0) r = sd_bus_message_read_basic(m, 'x', &id);
+  if (r < 0) return r;
+  const store_status status = store_request_drop(h->st, uid, id);
+  if (status < 0) return host_fail(h, status, error);
+  host_announce(h);
+  return answer(m, 0);
 }
 
 int no_account(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -155,8 +192,9 @@ int host_reply(host *h, const std::string &uid, const std::string &client, const
                             {"recipient", reply.recipient}, {"text", reply.text},
                             {"mail_id", reply.mail_id},     {"subject", reply.subject}};
   int64_t entry = 0;
-  const store_status status = store_request_relay(h->st, {uid, to_text(json), client}, &entry);
-  return taken(h, status, entry, json, error);
+  const reply_words words = {reply.mail_id, reply.recipient, reply.subject, reply.text};
+  const store_status status = store_request_reply(h->st, {uid, to_text(json), client}, words, &entry);
+  return taken(h, status, entry, json, error, uid);
 }
 
 /* Keep com.vextora.brisel.Host.xml the same. */
@@ -172,6 +210,10 @@ const sd_bus_vtable watch_vtable[] = {
                             SD_BUS_ARGS("s", uid, "s", host_tag, "s", action, "s", message_uid, "s", recipient, "s",
                                         text, "i", mail_id, "s", subject),
                             SD_BUS_NO_RESULT, reply, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("RepeatRequest", SD_BUS_ARGS("s", uid, "x", id, "b", changed, "s", text), SD_BUS_NO_RESULT,
+                            repeat_request, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("DropRequest", SD_BUS_ARGS("s", uid, "x", id), SD_BUS_NO_RESULT, drop_request,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("NoAccount", SD_BUS_ARGS("s", uid), SD_BUS_NO_RESULT, no_account,
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Show", SD_BUS_ARGS("s", uid, "s", kind, "ai", ids), SD_BUS_NO_RESULT, show,

@@ -70,7 +70,7 @@ int save(phone_state *state, relay_mail_state mail_state, int mail_id) {
 int take(phone_state *state, int id, const nlohmann::json &request) {
   return phone_state_change(state, [&] {
     const int fresh = phone_state_add_request(state, id, ":1.7", request.dump());
-    return fresh == 1 ? relay_keep_request(state, request) : std::min(fresh, 0);
+    return fresh == 1 ? relay_keep_request(state, request, "uid") : std::min(fresh, 0);
   });
 }
 
@@ -93,7 +93,7 @@ int account(phone_state *state) {
 }
 
 int reply(phone_state *state) {
-  return reply_add(state, 1, "ann@example.org", "Re: it", std::string(5000, 't'), "");
+  return reply_add(state, 1, {"uid", "ann@example.org", "Re: it", std::string(5000, 't'), ""});
 }
 
 int begun(phone_state *state) {

@@ -1,8 +1,10 @@
 """What the phone's end-to-end tests share: mailboxes, a mail system that writes files, and the running relay."""
+import contextlib
 import json
 import os
 import pathlib
 import re
+import sqlite3
 import subprocess
 import time
 
@@ -59,7 +61,7 @@ class Sendmail:
         self.refuse = self.folder.parent / (self.folder.name + "-refuse")
         self.program.write_text(f"""#!/bin/sh
 [ "$1 $2" = "-t -i" ] || exit 64
-if [ -e '{self.refuse}' ]; then cat > /dev/null; echo 'no route to anywhere' >&2; exit 75; fi
+if [ -e '{self.refuse}' ]; then cat > /dev/null; echo 'no route to anywhere' >&2; exit $(cat '{self.refuse}'); fi
 file=$(mktemp '{self.folder}/.XXXXXXXX') && cat > "$file" && mv "$file" '{self.folder}/'$(basename "$file" | tr -d .).eml
 """)
         self.program.chmod(0o755)
@@ -130,6 +132,13 @@ def reply_on_watch(session, mail, text, uid=None):
     call_watch(session, "Reply", "string:" + mail["host_tag"], "string:intent.action.email.notifications.reply",
                "string:" + mail["message_uid"], "string:" + recipient, "string:" + text, f"int32:{mail['mail_id']}",
                "string:" + mail["subject"], uid=uid)
+
+
+def journal(session):
+    """What the watch says of its replies, deletions and marks, oldest first: their state, why, and the text."""
+    path = pathlib.Path(session.env["XDG_DATA_HOME"]) / "brisel" / "store.db"
+    with contextlib.closing(sqlite3.connect(path, timeout=30)) as store:
+        return store.execute("SELECT state, reason, text FROM journal ORDER BY id").fetchall()
 
 
 def body_text(mail):

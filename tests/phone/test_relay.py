@@ -11,8 +11,10 @@ import subprocess
 import time
 
 from brisel_test import BUILD
-from phone_test import (Maildir, Relay, Sendmail, body_text, by_uid, delete_on_watch, equal, host_pid, main, message,
-                        more_on_watch, read_on_watch, reply_on_watch, status)
+from phone_test import (Maildir, Relay, Sendmail, body_text, by_uid, call_watch, delete_on_watch, equal, host_pid,
+                        journal, main, message, more_on_watch, read_on_watch, reply_on_watch, status)
+
+HANDED_OVER, SENT, REFUSED = 1, 2, 3
 
 
 def follow(s, *args, name="Me <me@example.org>"):
@@ -187,17 +189,19 @@ def test_unsendable_replies_wait(s):
     box, mta, relay = follow(s)
     box.deliver(message("ask@x"))
     s.wait(lambda: "ask@x" in uids(s), "the mail")
-    mta.refuse.touch()
+    mta.refuse.write_text("75")
     reply_on_watch(s, by_uid(s)["ask@x"], "wait for it")
     s.wait(lambda: [r["state"] for r in status(s)["replies"] if r["attempts"] >= 2] == ["queued"], "two tries")
     reply = status(s)["replies"][0]
     assert "no route to anywhere" in reply["error"] and "75" in reply["error"], reply
     assert "could not be sent" in relay.log()
+    s.wait(lambda: journal(s) == [(HANDED_OVER, reply["error"], "wait for it")], "why it waits, on the watch")
     relay.kill()
     mta.refuse.unlink()
     relay.start()
     s.wait(lambda: len(mta.sent()) == 1, "the reply at last")
     s.wait(lambda: status(s)["replies"][0]["state"] == "sent", "its state")
+    s.wait(lambda: journal(s)[0][:2] == (SENT, ""), "its state on the watch")
     # A reply that came while only `serve` ran is sent when the relay is back.
     relay.kill()
     serve = s.serve()
@@ -206,6 +210,50 @@ def test_unsendable_replies_wait(s):
     s.stop_serve(serve)
     relay.start()
     s.wait(lambda: len(mta.sent()) == 2, "the second reply")
+
+
+def test_the_watch_hears_what_came_of_each_reply(s):
+    box, mta, relay = follow(s)
+    box.deliver(message("ask@x"))
+    s.wait(lambda: "ask@x" in uids(s), "the mail")
+    mail = by_uid(s)["ask@x"]
+    mta.refuse.write_text("67")
+    reply_on_watch(s, mail, "to nobody")
+    reply_on_watch(s, dict(mail, from_address="", message_uid="?"), "no address")
+    s.wait(lambda: [r[:2] for r in journal(s)] == [(REFUSED, "no route to anywhere"), (REFUSED, "no-address")],
+           "both refused")
+    equal(len(status(s)["replies"]), 2, "each was tried once")
+
+    # The user changes one and sends it again, and drops the other.
+    mta.refuse.unlink()
+    call_watch(s, "RepeatRequest", "int64:1", "boolean:true", "string:to Ann")
+    call_watch(s, "DropRequest", "int64:2")
+    s.wait(lambda: journal(s) == [(SENT, "", "to Ann")], "sent at last")
+    assert b"to Ann" in mta.sent()[0], mta.sent()
+
+    # The watch's side is away while a reply is sent, and the relay is killed before it could tell.
+    (gate := mta.refuse.with_suffix(".gate")).touch()
+    mta.program.write_text(mta.program.read_text() + f"while [ -e '{gate}' ]; do sleep 0.05; done\n")
+    reply_on_watch(s, mail, "meanwhile")
+    s.wait(lambda: len(mta.sent()) == 2, "the mail system has it")
+    equal(journal(s)[-1], (HANDED_OVER, "", "meanwhile"), "not known to be sent yet")
+    host = host_pid(s)
+    os.kill(host, 19)
+    gate.unlink()
+    s.wait(lambda: status(s)["replies"][-1]["state"] == "sent", "sent, on the phone")
+    relay.kill()
+    os.kill(host, 9)
+    relay.start()
+    s.wait(lambda: journal(s)[-1] == (SENT, "", "meanwhile"), "told by the next relay to the next service")
+    equal(len(mta.sent()), 2, "each once")
+
+    # One that the user drops on the phone is refused on the watch.
+    mta.refuse.write_text("75")
+    reply_on_watch(s, mail, "dropped")
+    s.wait(lambda: journal(s)[-1][1], "why it waits")
+    s.phone("relay", "drop", str(status(s)["replies"][-1]["id"]))
+    s.wait(lambda: journal(s)[-1][0] == REFUSED, "dropped on the phone")
+    equal([r["state"] for r in status(s)["replies"]].count("dropped"), 0, "forgotten on the phone")
 
 
 def test_killed_delivery_sends_once(s):
@@ -235,7 +283,7 @@ def test_clocks_that_are_set_strand_nothing(s):
     box.deliver(message("ask@x"))
     s.wait(lambda: "ask@x" in uids(s), "the mail")
     # A year back while a reply waits for its next try: a new process does not wait for that year.
-    mta.refuse.touch()
+    mta.refuse.write_text("75")
     reply_on_watch(s, by_uid(s)["ask@x"], "a year back")
     s.wait(lambda: [r for r in status(s)["replies"] if r["attempts"] >= 2], "two tries")
     relay.kill()

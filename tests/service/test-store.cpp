@@ -37,6 +37,9 @@ std::string dump(const std::string &file) {
   for (const char *table :
        {"account", "mail", "body", "template", "changes", "state WHERE key <> 'store_id'", "outbox", "done"})
     text += std::string(table) + ":\n" + rows_of(file, std::string("SELECT * FROM ") + table);
+  text += "journal:\n" + rows_of(file,
+                                 "SELECT id, uid, kind, state, offered, mail_id, mails, person, subject, text, reason,"
+                                 " json FROM journal");
   return text;
 }
 
@@ -127,6 +130,21 @@ const std::vector<std::function<store_status(life *)>> &script(void) {
       },
       [](life *l) { return store_set_state(l->st, "phone_connected", 1); },
       [](life *l) { return store_outbox_remove(l->st, 1); },
+      [](life *l) {
+        int64_t entry;
+        const std::string recipient = std::string("ann@example.org\x02") + "Ann";
+        return store_request_reply(l->st, {"reply-1", "{4}"}, {1, recipient, "Hi", "yes"}, &entry);
+      },
+      [](life *l) { return store_phone_came(l->st); },
+      [](life *l) {
+        refused_reply refused;
+        return store_set_outcome(l->st, "reply-1", reply_outcome::refused, "no such user", &refused);
+      },
+      [](life *l) {
+        int64_t entry;
+        return store_request_repeat(l->st, {"repeat-1", "{5}"}, store_was_done(l->st, "repeat-1") ? 0 : 4, "no",
+                                    &entry);
+      },
       [](life *l) { return store_remove_account(l->st, 7); },
       reopen,
   };
@@ -393,7 +411,7 @@ TEST_F(Rules, EachCallRaisesTheEventsOfWhatItChanged) {
       {[&] {
          return store_request_read(st, {"r1", "{}"}, {a, a, 777}, &entry);
        },
-       "1:" + std::to_string(a) + "\n"},
+       "1:" + std::to_string(a) + "\n6:1\n"},
       {[&] {
          return store_request_read(st, {"r2", "{}"}, {a}, &entry);
        },
@@ -414,7 +432,13 @@ TEST_F(Rules, EachCallRaisesTheEventsOfWhatItChanged) {
       {[&] {
          return store_request_delete(st, {"d1", "{}"}, {a, 777}, &entry);
        },
-       "2:" + std::to_string(a) + "\n"},
+       "2:" + std::to_string(a) + "\n6:5\n"},
+      {[&] { return store_outbox_remove(st, 1); }, "6:1\n"},
+      {[&] { return store_outbox_remove(st, 1); }, ""},
+      {[&] {
+         return store_request_relay(st, {"s1", "{}"}, &entry);
+       },
+       ""},
       {[&] { return store_remove_account(st, account); },
        "2:" + std::to_string(b) + "\n4:" + std::to_string(account) + "\n"},
   };
@@ -475,6 +499,68 @@ TEST_F(Rules, WhatWaitsForAPhoneIsBounded) {
   EXPECT_EQ(store_ok, store_outbox_remove(st, first));
   EXPECT_EQ(store_ok, store_request_delete(st, {"8", json, "c"}, {mail}, &entry))
       << "the same again, now there is room";
+}
+
+/* Every row of the journal: id, state, text, reason. */
+std::string journal(const std::string &file) {
+  const std::string all = dump(file);
+  return all.substr(all.find("journal:\n") + 9);
+}
+
+TEST_F(Rules, AReplyIsTakenBackOnlyWhileNoPhoneMayHaveIt) {
+  const auto reply = [&](const char *uid) {
+    int64_t entry = 0;
+    EXPECT_EQ(store_ok, store_request_reply(st, {uid, "{}"}, {1, "ann@example.org", "Hi", uid}, &entry));
+    return entry;
+  };
+  const auto outcome = [&](const char *uid, reply_outcome what, const char *why) {
+    refused_reply refused;
+    EXPECT_EQ(store_ok, store_set_outcome(st, uid, what, why, &refused));
+    return refused.id;
+  };
+  const int64_t early = reply("early"), gone = reply("gone");
+  int64_t again = 0;
+  std::vector<outbox_entry> waiting;
+  EXPECT_EQ(store_ok, store_request_drop(st, "d1", gone));
+  EXPECT_EQ(store_done, store_request_drop(st, "d1", gone));
+  EXPECT_EQ(store_invalid, store_request_drop(st, "d2", gone));
+  EXPECT_EQ(store_ok, store_request_repeat(st, {"early-2", "{2}"}, early, "changed", &again));
+  EXPECT_GT(again, gone) << "the phone would take it for the one it knows";
+  EXPECT_EQ(store_ok, store_phone_came(st));
+  EXPECT_EQ(store_invalid, store_request_drop(st, "d3", again)) << "it goes out now";
+  const int64_t late = reply("late");
+  EXPECT_EQ(store_invalid, store_request_repeat(st, {"late-2", "{}"}, late, "", &again)) << "it went out at once";
+  EXPECT_EQ(store_ok, store_outbox(st, &waiting));
+  ASSERT_EQ(2u, waiting.size());
+  EXPECT_EQ("early-2", waiting[0].uid);
+
+  EXPECT_EQ(0, outcome("late", reply_outcome::waits, "no route"));
+  EXPECT_EQ(store_invalid, store_request_drop(st, "d4", late));
+  EXPECT_EQ(static_cast<int>(late), outcome("late", reply_outcome::refused, "no such user"));
+  EXPECT_EQ(0, outcome("late", reply_outcome::refused, "no such user")) << "told again";
+  EXPECT_EQ(store_ok, store_request_repeat(st, {"late-3", "{3}"}, late, "late", &again));
+  EXPECT_EQ(0, outcome("late", reply_outcome::sent, "")) << "what was repeated is forgotten";
+  EXPECT_EQ(0, outcome("late-3", reply_outcome::sent, ""));
+  EXPECT_EQ(0, outcome("late-3", reply_outcome::refused, "too late"));
+  EXPECT_EQ("3|early-2|1|0|1|1|1|ann@example.org|Hi|changed||{2}\n5|late-3|1|2|1|1|1|ann@example.org|Hi|late||\n",
+            journal(f.file));
+  run_sql(f.file, "UPDATE journal SET changed = changed - 90000");
+  store_close(st);
+  st = open_or_fail(f.file);
+  EXPECT_EQ("3|early-2|1|0|1|1|1|ann@example.org|Hi|changed||{2}\n", journal(f.file)) << "a day after its end";
+}
+
+TEST_F(Rules, RepliesOfAnOlderStoreKeepWaiting) {
+  store_close(st);
+  run_sql(f.file,
+          "DROP TABLE journal; PRAGMA user_version = 5; INSERT INTO outbox (id, json) VALUES (7,"
+          " json_object('request', 'reply', 'recipient', 'a@b' || char(2) || 'Ann', 'text', 'yes',"
+          " 'mail_id', 3, 'subject', 'Hi')), (8, 'no json'), (9, '{\"request\":\"show\"}')");
+  st = open_or_fail(f.file);
+  EXPECT_EQ(
+      "7||1|0|1|3|1|Ann|Hi|yes||{\"request\":\"reply\",\"recipient\":\"a@b\\u0002Ann\",\"text\":\"yes\","
+      "\"mail_id\":3,\"subject\":\"Hi\"}\n",
+      journal(f.file));
 }
 
 TEST_F(Rules, AListOfManyNumbersComesInParts) {
