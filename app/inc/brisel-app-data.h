@@ -53,6 +53,7 @@ struct appdata {
   Elm_Object_Item *blocked_item; /* the row whose next selection is ignored once */
   Elm_Genlist_Item_Class *itc_group;
   Elm_Genlist_Item_Class *itc_mail;
+  Elm_Genlist_Item_Class *itc_mail_below; /* of rows whose subject stands below the time */
   Ecore_Timer *sweep_timer;
   int account_id; /* the account shown; 0: all accounts, the combined view */
   int account_cnt;
@@ -113,6 +114,9 @@ void brisel_tell_store_unreadable(appdata *ad);
 /* Mailbox list: brisel-app-mailbox-list. */
 Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad);
 void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad);
+/* Each row has the height that its time and subject need: when the window's width, the time's form or the day is
+ * another. */
+void brisel_fit_mailbox_rows(appdata *ad);
 /* An account that is there was told of anew: its address and colour show at once. */
 void brisel_update_mailbox_accounts(appdata *ad);
 void brisel_check_mail_on_db(appdata *ad);

@@ -295,6 +295,13 @@ static Evas_Object *_create_text_btn(Evas_Object *layout, const char *part, cons
   return btn;
 }
 
+static void _delete_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  const delete_view_data *vd = (delete_view_data *)data;
+  const Evas_Event_Key_Down *event = (Evas_Event_Key_Down *)event_info;
+  if (strcmp(event->key, "Delete") != 0 && strcmp(event->key, "KP_Delete") != 0) return;
+  if (vd->delete_btn && !elm_object_disabled_get(vd->delete_btn)) _delete_btn_clicked_cb(data, obj, nullptr);
+}
+
 /* --- the view --- */
 
 static void _mailbox_delete_list_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -312,6 +319,7 @@ static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
   elm_object_part_content_set(vd->layout, "genlist", gl);
   evas_object_smart_callback_add(gl, "language,changed", _mailbox_delete_list_language_changed_cb, nullptr);
   evas_object_smart_callback_add(gl, "realized", _gl_delete_view_realized_cb, nullptr);
+  evas_object_event_callback_add(gl, EVAS_CALLBACK_KEY_DOWN, _delete_key_cb, vd);
   elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
   elm_genlist_homogeneous_set(gl, EINA_TRUE);
   evas_object_size_hint_align_set(gl, EVAS_HINT_FILL, EVAS_HINT_FILL);

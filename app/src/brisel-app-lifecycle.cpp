@@ -32,6 +32,7 @@ static void _window_resize_cb(void *data, Evas *e, Evas_Object *obj, void *event
   appdata *ad = (appdata *)data;
   evas_object_geometry_get(obj, nullptr, nullptr, &ad->root_w, &ad->root_h);
   BRISEL_INFO("ad->root_w : %d ad->root_h : %d", ad->root_w, ad->root_h);
+  brisel_fit_mailbox_rows(ad);
 }
 
 /* While their parents stand: from a popup that goes with them the toolkit moves the focus on to what has gone. */
@@ -148,6 +149,7 @@ static void _clear_genlist_item_class(Elm_Genlist_Item_Class **itc) {
 static void _clear_all_genlist_item_class(appdata *ad) {
   _clear_genlist_item_class(&ad->itc_group);
   _clear_genlist_item_class(&ad->itc_mail);
+  _clear_genlist_item_class(&ad->itc_mail_below);
 }
 
 void app_terminate(void *user_data) {

@@ -224,12 +224,12 @@ void _set_row_callbacks(Evas_Smart_Cb mail_selected, Evas_Smart_Cb group_selecte
 
 void _add_mail_row(appdata *ad, Elm_Object_Item *group_item, item_data *item, Elm_Object_Item *next) {
   Evas_Object *gl = ad->mailbox_genlist;
+  Elm_Genlist_Item_Class *itc = _class_of_row(ad, item);
   if (next)
-    item->it = elm_genlist_item_insert_before(gl, ad->itc_mail, item, group_item, next, ELM_GENLIST_ITEM_NONE,
-                                              mail_selected_cb, item);
-  else
     item->it =
-        elm_genlist_item_append(gl, ad->itc_mail, item, group_item, ELM_GENLIST_ITEM_NONE, mail_selected_cb, item);
+        elm_genlist_item_insert_before(gl, itc, item, group_item, next, ELM_GENLIST_ITEM_NONE, mail_selected_cb, item);
+  else
+    item->it = elm_genlist_item_append(gl, itc, item, group_item, ELM_GENLIST_ITEM_NONE, mail_selected_cb, item);
   _name_row(item);
 }
 

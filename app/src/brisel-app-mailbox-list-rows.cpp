@@ -4,7 +4,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
+#include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 #include "brisel-scoped.h"
@@ -57,20 +59,64 @@ static char *_gl_group_text_get(void *data, Evas_Object *obj, const char *part) 
 
 static bool subjects_shown = true;
 
-static void _subjects_setting_cb(keynode_t *node, void *data) {
+/* --- the subject's place --- */
+
+/* All at scale 1: what is beside the two texts, a letter of the time, and the least that a subject is of use with. */
+constexpr int texts_beside = 42, least_subject = 90;
+constexpr double time_letter = 10.3;
+
+/* About as many letters as the time has: its true text costs as much as drawing the row. */
+static int _time_letters(time_t received, const appdata *ad) {
+  struct tm now = {}, then = {};
+  const time_t now_time = time(nullptr);
+  localtime_r(&now_time, &now);
+  localtime_r(&received, &then);
+  const int clock = ad->time_format == 1 ? 8 : 5;
+  if (now.tm_year != then.tm_year) return clock + 11;
+  return now.tm_yday == then.tm_yday ? clock : clock + 6;
+}
+
+/* Beside the time while there is room for a few words; below it otherwise, for the date comes first and whole. */
+static bool _subject_is_below(const appdata *ad, const item_data *item) {
+  if (!item->subject || !subjects_shown || ad->root_w < 1) return false;
+  const bool is_round = brisel_stage_get(ad->win_main) != ad->win_main;
+  const double width = ad->root_w * (is_round ? 0.75 : 1.0) / elm_config_scale_get();
+  return width - texts_beside - time_letter * _time_letters(item->received_time, ad) < least_subject;
+}
+
+Elm_Genlist_Item_Class *_class_of_row(const appdata *ad, const item_data *item) {
+  return _subject_is_below(ad, item) ? ad->itc_mail_below : ad->itc_mail;
+}
+
+void brisel_fit_mailbox_rows(appdata *ad) {
+  if (!ad->mailbox_genlist) return;
+  for (GList *cell = ad->mail_list; cell; cell = cell->next) {
+    item_data *item = (item_data *)cell->data;
+    Elm_Genlist_Item_Class *itc = item->it ? _class_of_row(ad, item) : nullptr;
+    if (itc && elm_genlist_item_item_class_get(item->it) != itc) elm_genlist_item_item_class_update(item->it, itc);
+  }
+}
+
+static void _read_subjects_setting() {
   int shown = 1;
   subjects_shown = vconf_get_bool(BRISEL_KEY_LIST_SUBJECT, &shown) < 0 || shown;
-  if (data) elm_genlist_realized_items_update((Evas_Object *)data);
+}
+
+static void _subjects_setting_cb(keynode_t *node, void *data) {
+  appdata *ad = (appdata *)data;
+  _read_subjects_setting();
+  brisel_fit_mailbox_rows(ad);
+  elm_genlist_realized_items_update(ad->mailbox_genlist);
 }
 
 static void _list_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   vconf_ignore_key_changed(BRISEL_KEY_LIST_SUBJECT, _subjects_setting_cb);
 }
 
-void _follow_row_settings(Evas_Object *gl) {
-  _subjects_setting_cb(nullptr, nullptr);
-  vconf_notify_key_changed(BRISEL_KEY_LIST_SUBJECT, _subjects_setting_cb, gl);
-  evas_object_event_callback_add(gl, EVAS_CALLBACK_DEL, _list_deleted_cb, nullptr);
+void _follow_row_settings(appdata *ad) {
+  _read_subjects_setting();
+  vconf_notify_key_changed(BRISEL_KEY_LIST_SUBJECT, _subjects_setting_cb, ad);
+  evas_object_event_callback_add(ad->mailbox_genlist, EVAS_CALLBACK_DEL, _list_deleted_cb, nullptr);
 }
 
 /* Plain text: its part takes no markup. */
@@ -159,8 +205,8 @@ Elm_Genlist_Item_Class *_new_group_class(Elm_Genlist_Item_Del_Cb del) {
   return brisel_view_new_row_class("email/group", _gl_group_text_get, nullptr, del);
 }
 
-Elm_Genlist_Item_Class *_new_mail_class(Elm_Genlist_Item_Del_Cb del) {
-  Elm_Genlist_Item_Class *row_class = brisel_view_new_row_class("email/sweep", _gl_text_get, _gl_icon_get, del);
+Elm_Genlist_Item_Class *_new_mail_class(const char *style, Elm_Genlist_Item_Del_Cb del) {
+  Elm_Genlist_Item_Class *row_class = brisel_view_new_row_class(style, _gl_text_get, _gl_icon_get, del);
   if (row_class) row_class->func.reusable_content_get = _gl_icon_reuse;
   return row_class;
 }

@@ -127,7 +127,8 @@ constexpr int row_height = 78;     /* of the theme, at scale 1 */
 Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad) {
   BRISEL_INFO("Enter");
   ad->itc_group = _new_group_class(_gl_group_del);
-  ad->itc_mail = _new_mail_class(_gl_del);
+  ad->itc_mail = _new_mail_class("email/sweep", _gl_del);
+  ad->itc_mail_below = _new_mail_class("email/sweep.below", _gl_del);
   _set_row_callbacks(_gl_mail_sel, _gl_group_sel);
 
   Evas_Object *gl = elm_genlist_add(ad->naviframe);
@@ -146,7 +147,8 @@ Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad)
   evas_object_event_callback_add(gl, EVAS_CALLBACK_MOUSE_DOWN, _mailbox_list_mouse_down_cb, ad);
 
   elm_config_longpress_timeout_set(long_press);
-  _follow_row_settings(gl);
+  _follow_row_settings(ad);
+  _follow_keys(ad);
   _add_chip(ad);
   elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
   elm_scroller_step_size_set(gl, 0, _scaled(row_height)); /* a wheel's or a crown's notch: a row */

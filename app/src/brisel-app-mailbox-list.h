@@ -109,16 +109,23 @@ void _restore_swept_look(appdata *ad, Elm_Object_Item *it, bool shown);
 
 /* The classes of the header and of the rows, allocated; NULL: no memory. */
 Elm_Genlist_Item_Class *_new_group_class(Elm_Genlist_Item_Del_Cb del);
-Elm_Genlist_Item_Class *_new_mail_class(Elm_Genlist_Item_Del_Cb del);
+Elm_Genlist_Item_Class *_new_mail_class(const char *style, Elm_Genlist_Item_Del_Cb del);
+/* The one of the two classes of rows that the record needs. */
+Elm_Genlist_Item_Class *_class_of_row(const appdata *ad, const item_data *item);
 /* Genlist callbacks; data: the appdata. */
 void _row_realized_cb(void *data, Evas_Object *obj, void *event_info);
 void _row_unrealized_cb(void *data, Evas_Object *obj, void *event_info);
 void _mailbox_list_language_changed_cb(void *data, Evas_Object *obj, void *event_info);
 /* Follows the setting that hides the subjects, as long as the list lives. */
-void _follow_row_settings(Evas_Object *gl);
+void _follow_row_settings(appdata *ad);
 int _scaled(int pixels);
 /* Sets the object's least size, in pixels at scale 1, both ways; returns the object. */
 Evas_Object *_sized(Evas_Object *object, int pixels);
+
+/* --- keys --- */
+
+/* On the new list. */
+void _follow_keys(appdata *ad);
 
 /* --- the account shown --- */
 

@@ -29,6 +29,10 @@ Evas_Object *brisel_stage_get(Evas_Object *window) {
   return stage ? (Evas_Object *)stage : window;
 }
 
+const char *brisel_stage_item_style() {
+  return _is_round() ? "round" : nullptr;
+}
+
 void brisel_stage_put(Evas_Object *window, Evas_Object *object) {
   Evas_Object *stage = brisel_stage_get(window);
   if (stage == window) {

@@ -13,4 +13,7 @@ Evas_Object *brisel_stage_get(Evas_Object *window);
 /* Lets the object fill the stage. */
 void brisel_stage_put(Evas_Object *window, Evas_Object *object);
 
+/* The style of the view stack's items: titles are centred on a round display. NULL: the usual one. */
+const char *brisel_stage_item_style();
+
 #endif

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 #include "efl_assist.h"
@@ -75,15 +76,17 @@ static Elm_Object_Item *_link(appdata *ad, Elm_Object_Item *item, Evas_Object *l
 
 Elm_Object_Item *brisel_view_push(appdata *ad, Evas_Object *layout, const char *title, Evas_Object *next_btn,
                                   Elm_Naviframe_Item_Pop_Cb pop_cb, brisel_view_head *head) {
-  return _link(ad, elm_naviframe_item_push(ad->naviframe, title, nullptr, next_btn, layout, nullptr), layout, pop_cb,
-               head);
+  return _link(ad, elm_naviframe_item_push(ad->naviframe, title, nullptr, next_btn, layout, brisel_stage_item_style()),
+               layout, pop_cb, head);
 }
 
 Elm_Object_Item *brisel_view_push_at_once(appdata *ad, Evas_Object *layout, Elm_Naviframe_Item_Pop_Cb pop_cb,
                                           brisel_view_head *head) {
   Elm_Object_Item *top = elm_naviframe_top_item_get(ad->naviframe);
-  return _link(ad, elm_naviframe_item_insert_after(ad->naviframe, top, nullptr, nullptr, nullptr, layout, nullptr),
-               layout, pop_cb, head);
+  return _link(
+      ad,
+      elm_naviframe_item_insert_after(ad->naviframe, top, nullptr, nullptr, nullptr, layout, brisel_stage_item_style()),
+      layout, pop_cb, head);
 }
 
 bool brisel_view_on_top(const brisel_view_head *head) {

@@ -70,10 +70,27 @@ def problems(dump, own, scale):
     return found
 
 
-def check_files(files, language, scale):
+def outside_circle(dump):
+    """Of a round display: what would stand where there is none. A label's layout is what is pressed with it."""
+    radius = dump["window"]["width"] / 2
+    found = []
+    for text in (t for t in dump["texts"] if not t["covered"]):
+        for what, rect in ((name(text), text), (f"what holds {name(text)}", text["layout"])):
+            if text["scrolls"] and rect is not text:
+                continue  # goes on below the edge
+            a = edges(rect)
+            if any((x - radius) ** 2 + (y - radius) ** 2 > (radius + 1) ** 2 for x in (a[0], a[2]) for y in (a[1], a[3])):
+                found.append(f"{what} stands outside the circle at {a}")
+    return found
+
+
+def check_files(files, language, scale, is_round=False):
     """{file's stem: problems}, of those that have some."""
     own = labels(language)
-    found = {pathlib.Path(f).stem: problems(json.loads(pathlib.Path(f).read_text()), own, scale) for f in files}
+    found = {}
+    for f in files:
+        dump = json.loads(pathlib.Path(f).read_text())
+        found[pathlib.Path(f).stem] = problems(dump, own, scale) + (outside_circle(dump) if is_round else [])
     return {stem: lines for stem, lines in found.items() if lines}
 
 

@@ -25,6 +25,8 @@ WALKS = {
     "arabic": (dict(size="360x480", language="ar", theme="light", scale="0.8", motion="off", skip=SHOWN),
                ["03", "06", "12", "14", "27", "28", "30", "32", "36", "42", "44"]),
     "longest": (dict(size="320x320", language="fr", theme="light", scale="1.5", motion="on", skip=SHOWN), ["02", "03", "14", "27", "30"]),
+    "round": (dict(size="360x360", language="de", theme="dark", scale="1.0", motion="off", shape="round", skip=SHOWN),
+              ["03", "10", "14", "30", "42"]),
 }
 
 
@@ -43,7 +45,7 @@ def results(name, out):
     done, pictures = walk(name, out)
     yield f"{name}: every screen is reached", done.stderr.strip() if done.returncode else ""
     values = WALKS[name][0]
-    unreadable = check_files(sorted(pathlib.Path(out).glob("*.json")), values["language"], float(values["scale"]))
+    unreadable = check_files(sorted(pathlib.Path(out).glob("*.json")), values["language"], float(values["scale"]), "shape" in values)
     yield f"{name}: every text can be read", "\n".join(f"{s}: {line}" for s, lines in unreadable.items() for line in lines)
     folder = HERE / "reference" / name
     for picture in sorted(pictures | {p.name for p in folder.glob("*.png")}):

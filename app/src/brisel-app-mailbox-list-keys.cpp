@@ -1,0 +1,33 @@
+/* The list by keyboard alone, beside what the toolkit does (arrows, Page, Home, End, Return): Delete draws the focused
+   row aside as a finger would, Delete again or on another row deletes it, Return brings it back. */
+#include <cstring>
+
+#include "brisel-app-mailbox-list.h"
+
+static void _delete_row(appdata *ad, Elm_Object_Item *it) {
+  const bool is_swept = it == ad->sweep_item;
+  /* With a row drawn aside the drag deletes that one and does no more. */
+  if (ad->sweep_item) _drag_left(ad, ad->mailbox_genlist, it);
+  if (!is_swept) _drag_left(ad, ad->mailbox_genlist, it);
+}
+
+static void _key_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  appdata *ad = (appdata *)data;
+  Evas_Event_Key_Down *event = (Evas_Event_Key_Down *)event_info;
+  Elm_Object_Item *it = elm_object_focused_item_get(obj);
+  if (!it || (event->event_flags & EVAS_EVENT_FLAG_ON_HOLD)) return;
+  const bool deletes = !strcmp(event->key, "Delete") || !strcmp(event->key, "KP_Delete");
+  const bool brings_back = it == ad->sweep_item && (!strcmp(event->key, "Return") || !strcmp(event->key, "KP_Enter"));
+  if (!deletes && !brings_back) return;
+  event->event_flags = (Evas_Event_Flags)(event->event_flags | EVAS_EVENT_FLAG_ON_HOLD);
+  if (deletes)
+    _delete_row(ad, it);
+  else
+    _revert_btn_select_cb(elm_object_item_data_get(it), obj, nullptr);
+}
+
+void _follow_keys(appdata *ad) {
+  /* Before the toolkit, which opens a row with Return. */
+  evas_object_event_callback_priority_add(ad->mailbox_genlist, EVAS_CALLBACK_KEY_DOWN, EVAS_CALLBACK_PRIORITY_BEFORE,
+                                          _key_down_cb, ad);
+}
