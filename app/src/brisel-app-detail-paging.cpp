@@ -189,6 +189,7 @@ static void __brisel_detail_arrange(brisel_detail_view *view_data, page_data *cu
   view_data->ad->mail_id = mail_id;
   view_data->cur_page_index = __brisel_detail_place_of_slot(view_data, BRISEL_DETAIL_CUR_PAGE);
   view_data->is_neighbor_update_due = 0;
+  view_data->has_neighbors = 1;
   __brisel_detail_lay_box_out(view_data);
   int last = __brisel_detail_place_of_slot(view_data, BRISEL_DETAIL_PAGE_MAX) - 1;
   double place = std::clamp(view_data->cur_page_index + off, 0.0, (double)last);
@@ -203,7 +204,7 @@ void __brisel_detail_turn_to_aimed(brisel_detail_view *view_data) {
 }
 
 void __brisel_detail_follow_list(brisel_detail_view *view_data) {
-  if (view_data->is_neighbor_update_due)
+  if (view_data->is_neighbor_update_due || !view_data->has_neighbors)
     __brisel_detail_arrange(view_data, view_data->page_data[BRISEL_DETAIL_CUR_PAGE]);
 }
 
@@ -268,6 +269,7 @@ void __brisel_detail_draw_neighbors_cb(void *data, Evas_Object *obj, void *event
   brisel_detail_view *view_data = (brisel_detail_view *)data;
   evas_object_smart_callback_del_full(view_data->ad->naviframe, "transition,finished",
                                       __brisel_detail_draw_neighbors_cb, view_data);
+  if (view_data->has_neighbors) return; /* a touch was quicker */
   __brisel_detail_arrange(view_data, view_data->page_data[BRISEL_DETAIL_CUR_PAGE]);
   __brisel_detail_show_current_page(view_data);
 }

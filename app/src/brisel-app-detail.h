@@ -74,6 +74,7 @@ struct brisel_detail_view {
   int page_width;     /* pixels; 0 before the view has a size */
   double seen_at;     /* where the scroller stood when it was last looked at, in pages */
   unsigned char is_paused;
+  unsigned char has_neighbors;                   /* they are built once the view has come in */
   unsigned char is_neighbor_update_due;          /* the list changed while a finger was down */
   ::page_data *standing[BRISEL_DETAIL_PAGE_MAX]; /* pages to be used again while the slots are filled anew */
   detail_stroke stroke;
@@ -154,6 +155,8 @@ void __brisel_detail_follow_list(brisel_detail_view *view_data);
 
 void __brisel_detail_watch_touches(brisel_detail_view *view_data);
 void __brisel_detail_leave_touches(brisel_detail_view *view_data);
+/* To the page beside the one that is aimed at; false when there is none. */
+bool __brisel_detail_turn_by(brisel_detail_view *view_data, int way);
 void __brisel_detail_unfreeze_all(brisel_detail_view *view_data);
 
 /* --- more of a body: brisel-app-detail-more.cpp --- */

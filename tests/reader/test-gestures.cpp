@@ -153,6 +153,31 @@ TEST_F(Gestures, TwoFingersTurnAndAskNothing) {
   EXPECT_TRUE(swipe(true));
 }
 
+TEST_F(Gestures, AKeyboardTurnsAndReadsOn) {
+  std::string body;
+  for (int line = 0; line < 200; line++) body += "line " + std::to_string(line) + "\n";
+  ids = mailbox_with(&phone, {"Body 0", body, "Body 2"});
+  open_reader(ids[1]);
+  struct {
+    const char *name;
+    int moves; /* the text: 1 on, -1 back */
+    size_t to;
+  } const table[] = {{"space", 1, 1}, {"Next", 1, 1}, {"Down", 1, 1}, {"Up", -1, 1},   {"Prior", -1, 1},
+                     {"Home", -1, 1}, {"Left", 0, 0}, {"Left", 0, 0}, {"Right", 0, 1}, {"Right", 0, 2}};
+  for (const auto &row : table) {
+    SCOPED_TRACE(row.name);
+    const int before = scrolled();
+    key(row.name);
+    if (row.moves) EXPECT_TRUE(run_until([&] { return (scrolled() - before) * row.moves > 0; }));
+    rest_reader();
+    EXPECT_EQ(reader()->mail_id, ids[row.to]);
+  }
+  brisel_option_detail_draw_view(reader()->mail_id, &test_ad);
+  key("Left");
+  rest_reader();
+  EXPECT_EQ(reader()->mail_id, ids[2]) << "another view lies over it";
+}
+
 TEST_F(Gestures, InvalidCallsAreIgnored) {
   open();
   Elm_Gesture_Zoom_Info zoom = {};
