@@ -121,10 +121,12 @@ bool nocontents_on_screen(void) {
 }
 
 point middle_of_item(Elm_Object_Item *item) {
-  Evas_Object *view = elm_object_item_track(item);
-  point at = view ? middle_of(view) : point{-1, -1};
-  elm_object_item_untrack(item);
-  EXPECT_GE(at.x, 0) << "the row is out of sight";
+  point at = {-1, -1};
+  EXPECT_TRUE(run_until([&] {
+    if (Evas_Object *view = elm_object_item_track(item)) at = middle_of(view);
+    elm_object_item_untrack(item);
+    return at.x >= 0;
+  })) << "the row is out of sight";
   return at;
 }
 
