@@ -121,6 +121,14 @@ void test_phone::delete_mails(const std::vector<int> &ids) {
   ::call(this, request, nullptr);
 }
 
+pid_t test_phone::service(void) {
+  sd_bus_creds *creds = nullptr;
+  pid_t pid = 0;
+  if (sd_bus_get_name_creds(bus, host_name, SD_BUS_CREDS_PID, &creds) >= 0) sd_bus_creds_get_pid(creds, &pid);
+  sd_bus_creds_unref(creds);
+  return pid;
+}
+
 void test_phone::clear(void) {
   for (int id : accounts()) remove_account(id);
 }

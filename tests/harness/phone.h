@@ -67,6 +67,8 @@ struct test_phone {
   void set_status(const char *kind, int value);
   void set_templates(const std::vector<std::string> &texts);
   void delete_mails(const std::vector<int> &ids);
+  /* The process of the service; 0 while none runs. */
+  pid_t service(void);
   /* Takes every mail and account away. */
   void clear(void);
 };

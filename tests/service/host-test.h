@@ -36,27 +36,19 @@ struct phone_peer : linked_phone {
   }
 };
 
-inline int service_pid(test_phone *p) {
-  sd_bus_creds *creds = nullptr;
-  pid_t pid = 0;
-  if (sd_bus_get_name_creds(p->bus, host_name, SD_BUS_CREDS_PID, &creds) >= 0) sd_bus_creds_get_pid(creds, &pid);
-  sd_bus_creds_unref(creds);
-  return pid;
-}
-
 /* The service, started when it is away: a client whose services keep falling starts none for a while. */
 inline int start_service(test_phone *p) {
   sd_bus_call_method(p->bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                      "StartServiceByName", nullptr, nullptr, "su", host_name, 0u);
-  return service_pid(p);
+  return p->service();
 }
 
 /* Kills the running service; the bus starts the next one when someone calls. */
 inline void kill_service(test_phone *p) {
-  const int pid = service_pid(p);
+  const int pid = p->service();
   ASSERT_GT(pid, 0);
   ASSERT_EQ(0, kill(pid, SIGKILL));
-  ASSERT_TRUE(run_until([&] { return service_pid(p) != pid; }));
+  ASSERT_TRUE(run_until([&] { return p->service() != pid; }));
 }
 
 inline std::string store_path(void) {

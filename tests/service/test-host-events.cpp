@@ -187,9 +187,9 @@ TEST_F(Host, AStoreThatIsDeletedIsPutBackAndAnotherInItsPlaceIsTakenOver) {
   const int late = add_mail("late", "");
   const auto has = [&](int type, int id) { return std::ranges::count(ears.all(type), id) == 1; };
   ASSERT_TRUE(run_until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, late); }));
-  const int pid = service_pid(&other);
+  const int pid = other.service();
   EXPECT_EQ(0, kill(pid, SIGKILL));
-  while (service_pid(&other) == pid) usleep(1000);
+  while (other.service() == pid) usleep(1000);
   for (const char *end : {"-wal", "-shm"}) unlink((store_path() + end).c_str());
   ASSERT_EQ(0, rename((store_path() + ".copy").c_str(), store_path().c_str()));
   ASSERT_TRUE(run_until([&] { return has(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE, late); }));
@@ -237,7 +237,7 @@ TEST_F(Host, TheLinkSettingFollowsThePhoneAndIsPutRightAfterAKill) {
   ASSERT_TRUE(run_until([&] { return link() == 0 && conn() == 1; }));
   {
     phone_peer phone;
-    const int pid = service_pid(&other);
+    const int pid = other.service();
     EXPECT_EQ(0, kill(pid, SIGTERM));
     while (kill(pid, 0) == 0) usleep(1000); /* the main loop stands still: nobody starts another one */
     EXPECT_EQ(0, link()) << "left set by the service that ended";

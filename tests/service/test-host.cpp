@@ -145,12 +145,12 @@ void hand_over_and_die(void) {
 
 TEST_F(Host, WhatWasAcceptedOutlivesTheApplicationThatIsKilled) {
   const std::string kept = std::string(platform_app_state_dir()) + "/requests";
-  const int service = service_pid(&other);
+  const int service = other.service();
   EXPECT_EQ(0, brisel_ipc_client_deinit());
   EXPECT_EQ(0, kill(service, SIGSTOP));
   hand_over_and_die();
   EXPECT_EQ(0, kill(service, SIGKILL)); /* whether it had read the first or not */
-  ASSERT_TRUE(run_until([&] { return service_pid(&other) != service; }));
+  ASSERT_TRUE(run_until([&] { return other.service() != service; }));
   EXPECT_EQ(0, brisel_ipc_client_init());
   ASSERT_TRUE(run_until([&] { return start_service(&other) > 0 && query("SELECT count(*) FROM outbox") == "3\n"; }));
   const json expected[] = {{{"request", "delete_notis"}, {"id_list", {8000}}},
