@@ -123,27 +123,54 @@ void forget_offers(mailimap *session) {
   session->imap_connection_info->imap_capability = nullptr;
 }
 
+/* Logs in by a mechanism of one message, which the library does not know. To a
+   server that asks on, which is how it tells why it refuses, `refused` is said. */
+int authenticate(mailimap *session, const char *mechanism, const std::string &first, const char *refused) {
+  auto say = [session](const std::string &text) {
+    mailstream_write(session->imap_stream, text.data(), text.size());
+    return mailstream_flush(session->imap_stream) == 0;
+  };
+  if (mailimap_send_current_tag(session) != MAILIMAP_NO_ERROR ||
+      !say(std::string("AUTHENTICATE ") + mechanism + " " + base64(first) + "\r\n"))
+    return MAILIMAP_ERROR_STREAM;
+  const char *line = mailimap_read_line(session);
+  if (line && *line == '+') line = say(std::string(refused) + "\r\n") ? mailimap_read_line(session) : nullptr;
+  if (!line) return MAILIMAP_ERROR_STREAM;
+  mailimap_response *answer = nullptr;
+  int code = mailimap_parse_response(session, &answer);
+  if (code != MAILIMAP_NO_ERROR) return code;
+  const mailimap_response_done *done = answer->rsp_resp_done;
+  bool good = done->rsp_type == MAILIMAP_RESP_DONE_TYPE_TAGGED &&
+              done->rsp_data.rsp_tagged->rsp_cond_state->rsp_type == MAILIMAP_RESP_COND_STATE_OK;
+  mailimap_response_free(answer);
+  if (good) session->imap_state = MAILIMAP_STATE_AUTHENTICATED;
+  return good ? MAILIMAP_NO_ERROR : MAILIMAP_ERROR_LOGIN;
+}
+
 int log_in(mailimap *session, const post_account &account, const post_server &server, const std::string &secret,
            std::string *error) {
   int code;
   const std::string &user = account.login();
   bool password = account.auth == post_auth::password;
-  bool no_passwords = password && mailimap_has_extension(session, const_cast<char *>("LOGINDISABLED")) != 0 &&
-                      (mailimap_has_xoauth2(session) || mailimap_has_authentication(session, "OAUTHBEARER"));
-  if (no_passwords) {
+  bool disabled = mailimap_has_extension(session, const_cast<char *>("LOGINDISABLED")) != 0;
+  bool tokens = mailimap_has_xoauth2(session) || mailimap_has_authentication(session, "OAUTHBEARER");
+  if (password && disabled && tokens && !mailimap_has_authentication(session, "PLAIN")) {
     *error = server.host + " takes tokens, no passwords; use --auth xoauth2 with --password-command";
     return -1;
   }
+  bool plain = password && disabled;
   forget_offers(session);
-  if (account.auth == post_auth::xoauth2) {
-    code = mailimap_oauth2_authenticate(session, user.c_str(), secret.c_str());
-  } else if (account.auth == post_auth::oauthbearer) {
-    std::string token = "n,a=" + user + ",\1host=" + server.host + "\1port=" + std::to_string(server.port) +
-                        "\1auth=Bearer " + secret + "\1\1";
-    code = mailimap_custom_command(session, ("AUTHENTICATE OAUTHBEARER " + base64(token)).c_str());
-  } else {
+  if (account.auth == post_auth::xoauth2)
+    code = authenticate(session, "XOAUTH2", "user=" + user + "\1auth=Bearer " + secret + "\1\1", "");
+  else if (account.auth == post_auth::oauthbearer)
+    code = authenticate(session, "OAUTHBEARER",
+                        "n,a=" + user + ",\1host=" + server.host + "\1port=" + std::to_string(server.port) +
+                            "\1auth=Bearer " + secret + "\1\1",
+                        "AQ==");
+  else if (plain)
+    code = authenticate(session, "PLAIN", std::string(1, '\0') + user + std::string(1, '\0') + secret, "*");
+  else
     code = mailimap_login(session, user.c_str(), secret.c_str());
-  }
   if (code == MAILIMAP_NO_ERROR) return 0;
   if (code == MAILIMAP_ERROR_STREAM) return fail(session, code, "log in", error);
   *error = server.host + " does not take the user " + user + " with this " + (password ? "password" : "token") + ": " +

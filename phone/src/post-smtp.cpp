@@ -39,11 +39,23 @@ size_t read_cb(char *to, size_t size, size_t count, void *user_data) {
   return part;
 }
 
+/* Keeps the last line that the server said, fit to be shown. */
+size_t line_cb(char *data, size_t size, size_t count, void *user_data) {
+  constexpr size_t kLongest = 200;
+  auto *line = static_cast<std::string *>(user_data);
+  line->clear();
+  for (size_t i = 0; i < size * count && line->size() < kLongest; i++)
+    *line += data[i] < 0x20 || data[i] > 0x7e ? ' ' : data[i];
+  while (line->ends_with(' ')) line->pop_back();
+  return size * count;
+}
+
 size_t nowhere_cb(char *data, size_t size, size_t count, void *user_data) {
   return size * count;
 }
 
-std::string sentence(CURLcode code, long answer, const char *detail, const post_server &server) {
+std::string sentence(CURLcode code, const post_account &account, const char *detail, const std::string &said,
+                     const post_server &server) {
   const std::string &host = server.host;
   switch (code) {
     case CURLE_COULDNT_RESOLVE_HOST:
@@ -55,11 +67,12 @@ std::string sentence(CURLcode code, long answer, const char *detail, const post_
     case CURLE_SSL_CACERT_BADFILE:
       return host + ": its certificate is not to be trusted (" + detail + ")";
     case CURLE_LOGIN_DENIED:
-      return host + " does not take this user and password for sending";
+      return host + " does not take the user " + account.login() + " with this " +
+             (account.auth == post_auth::password ? "password" : "token") + " for sending: " + said;
     case CURLE_OPERATION_TIMEDOUT:
       return host + " does not answer in time";
     default:
-      return host + " did not take it: " + (answer >= 400 ? std::to_string(answer) + ", " : "") + detail;
+      return host + " did not take it: " + (said.starts_with('4') || said.starts_with('5') ? said : detail);
   }
 }
 
@@ -171,13 +184,16 @@ int smtp_send(const post_account &account, const std::string &secret, const std:
   } else {
     curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "NOOP");
   }
+  std::string said;
+  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, line_cb);
+  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &said);
   CURLcode code = curl_easy_perform(curl);
   if (code == CURLE_OK) return 0;
   long answer = 0;
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer);
   if (for_good) *for_good = code != CURLE_LOGIN_DENIED && answer >= 500 && answer < 600;
-  *error = sentence(code, answer, *detail ? detail : curl_easy_strerror(code), server);
-  return -1;
+  *error = sentence(code, account, *detail ? detail : curl_easy_strerror(code), said, server);
+  return code == CURLE_LOGIN_DENIED ? post_refused : -1;
 }
 
 int smtp_submit(const std::string &config) {

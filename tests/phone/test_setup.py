@@ -49,7 +49,7 @@ class Web(http.server.BaseHTTPRequestHandler):
     def do_GET(self):
         host, text = self.headers["Host"], ""
         if self.path.startswith("/token/"):
-            text = '{"email": "me@named.example"}' if self.path.endswith(TOKEN) else ""
+            text = '{"email": "me@named.example"}' if self.path.endswith((TOKEN, "reading")) else ""
         elif host == "autoconfig.file.example" and self.path.startswith("/mail/config-v1.1.xml?emailaddress=me%40"):
             text = FILE
         elif host == "well.example" and self.path == "/.well-known/autoconfig/mail/config-v1.1.xml":
@@ -143,6 +143,49 @@ def test_servers_are_found(s):
         assert PASSWORD not in screen, screen
         config = (s.dir / "relay.conf").read_text()
         assert all(w in config for w in wanted) and ("user=" in config) == (address == "me@file.example"), config
+
+
+GIVEN = ("--imap", "imaps://imap.named.example", "--smtp", "smtps://smtp.named.example")
+
+
+def setup(s, address, *args, password=PASSWORD, prefix=(), env=None):
+    """Without a terminal."""
+    done = subprocess.run([*prefix, "brisel-phone", "setup", address, "--ca", NET / "ca" / "ca.pem", "--no-start", "--config",
+                           s.dir / "relay.conf", *args], env={**s.env, **(env or {})}, input=password + "\n", text=True,
+                          capture_output=True, timeout=60)
+    return done.stdout + done.stderr, done.returncode
+
+
+def test_tokens(s):
+    refused = "does not take the user me@named.example with this token"
+    for auth in ("xoauth2", "oauthbearer"):
+        for token, code, said in (("expired", 1, "imap.named.example " + refused), ("reading", 1, "smtp.named.example " + refused),
+                                  ("", 1, "the password command printed nothing"), (TOKEN, 0, "is set up")):
+            out, got = setup(s, "me@named.example", *GIVEN, "--auth", auth, "--password-command", f"echo {token}")
+            print(f"# {out!r}", flush=True)
+            assert (got, said in out, len(out.splitlines())) == (code, True, 2 - code), out
+        assert "both directions work" in s.phone("account", "test", "--config", s.dir / "relay.conf")
+
+
+def test_each_error_is_one_sentence(s):
+    """(what setup says, its arguments, what it runs in)."""
+    elsewhere = ("unshare", "-m", "sh", "-c", f'mount --bind {NET}/nowhere.conf /etc/resolv.conf && exec "$@"', "sh")
+    (NET / "nowhere.conf").write_text("nameserver 127.0.0.9\n")
+    rows = (("there is no domain nowhere.example", ("me@nowhere.example",), ()),
+            ("is no name of a domain", ("me@ex ample",), ()),
+            ("an e-mail address is wanted", ("me@",), ()),
+            ("the name service does not answer", ("me@named.example",), elsewhere),
+            ("the name service does not answer", ("me@named.example",), ("unshare", "-n")),
+            ("cannot be reached; check", ("me@named.example", *GIVEN), elsewhere),
+            ("cannot be reached; check", ("me@named.example", *GIVEN), ("unshare", "-n")),
+            ("no server was found for me@bare.example; give it", ("me@bare.example",), ()),
+            ("says that mx.host.example has the mail", ("me@away.example",), ()),
+            ("the password command failed: ", ("me@named.example", *GIVEN, "--password-command", "exit 3"), ()),
+            ("there is no Secret Service here; use", ("me@named.example", *GIVEN), ()))
+    for said, args, prefix in rows:
+        out, code = setup(s, *args, prefix=prefix)
+        print(f"# {out!r}", flush=True)
+        assert code == 1 and said in out.splitlines()[-1] and len(out.splitlines()) <= 3, out
 
 
 if __name__ == "__main__":

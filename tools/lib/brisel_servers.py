@@ -108,6 +108,7 @@ log_path = {self.folder}/dovecot.log
 protocols = imap
 listen = 127.0.0.1
 first_valid_uid = 1
+auth_failure_delay = 0
 ssl = yes
 ssl_cert = <{certificate[0]}
 ssl_key = <{certificate[1]}
@@ -124,6 +125,9 @@ service imap-login {{
 }}
 service anvil {{
   chroot =
+  unix_listener anvil-auth-penalty {{
+    mode = 0
+  }}
 }}
 service stats {{
   chroot =
