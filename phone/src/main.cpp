@@ -59,7 +59,7 @@ struct command_line {
   int exit_code = 0;
   bool no_mirrors = false, json = false, read = false, unread = false, fresh = false, not_new = false;
   std::string address, name, color, which, known, received, demo_dir = BRISEL_DEMO_DIR;
-  std::string config, sendmail, watch, state, device, purpose, host, type, key;
+  std::string accounts_file = post_config_file(), config, sendmail, watch, state, device, purpose, host, type, key;
   std::vector<std::string> arguments; /* all of them */
   int64_t ping_after = -1, patience = -1;
   std::vector<std::string> files, texts, maildirs, mboxes, addresses;
@@ -70,7 +70,7 @@ struct command_line {
   mail_change change;
 };
 
-constexpr char as_json[] = "As JSON";
+constexpr char as_json[] = "As JSON", accounts_file[] = "The relay's configuration file";
 
 /* The bounds are told when they are broken, not in every line of the help. */
 CLI::Validator id_range() {
@@ -95,16 +95,19 @@ void add_account_commands(CLI::App *app, command_line *c) {
   add->callback([c] { c->exit_code = command_account_add(c->address, c->name, c->color, c->id); });
   CLI::App *remove = account->add_subcommand("remove", "Remove an account and its mails");
   remove->add_option("ID", c->which, "The account's id on the watch, or the name of one on a server")->required();
+  remove->add_option("--config", c->accounts_file, accounts_file);
   remove->callback([c] {
     bool number = c->which.find_first_not_of("0123456789") == std::string::npos && c->which.size() < 10;
     c->exit_code =
-        number ? command_account_remove(atoi(c->which.c_str())) : command_account_forget(post_config_file(), c->which);
+        number ? command_account_remove(atoi(c->which.c_str())) : command_account_forget(c->accounts_file, c->which);
   });
   CLI::App *list = account->add_subcommand("list", "List the accounts: id, address, name, colour");
   list->add_flag("--json", c->json, as_json);
+  list->add_option("--config", c->accounts_file, accounts_file);
   list->callback([c] {
     c->exit_code = command_account_list(c->json);
-    if (c->exit_code == 0 && !c->json) c->exit_code = command_account_servers(post_config_file());
+    int servers = c->json ? 0 : command_account_servers(c->accounts_file); /* also when there is no watch to ask */
+    if (c->exit_code == 0) c->exit_code = servers;
   });
   post_add_commands(app, account, &c->exit_code);
   CLI::App *count = account->add_subcommand("count", "Say whether the number of accounts is known");

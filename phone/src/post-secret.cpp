@@ -80,7 +80,18 @@ int post_secret_read(const post_account &account, std::string *secret, std::stri
     secret_password_free(found);
     return 0;
   }
-  return from_file(secret_file(account), secret, error);
+  if (from_file(secret_file(account), secret, error) == 0) return 0;
+  /* A locked keyring does not say what it has. */
+  SecretService *service = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, nullptr);
+  SecretCollection *keyring = nullptr;
+  if (service)
+    keyring =
+        secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, nullptr);
+  if (keyring && secret_collection_get_locked(keyring))
+    *error = "the keyring that may have its password is locked; unlock it, or log in to the desktop";
+  g_clear_object(&keyring);
+  g_clear_object(&service);
+  return -1;
 }
 
 int post_secret_store(const post_account &account, const std::string &secret, std::string *error) {
@@ -92,7 +103,11 @@ int post_secret_store(const post_account &account, const std::string &secret, st
     return 0;
   }
   bool none = g_error_matches(why, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) || (why && why->domain == G_IO_ERROR);
-  *error = none ? "there is no Secret Service here" : why ? why->message : "its question was refused";
+  bool locked = g_error_matches(why, SECRET_ERROR, SECRET_ERROR_IS_LOCKED);
+  *error = none     ? "there is no Secret Service here"
+           : locked ? "it is locked"
+           : why    ? why->message
+                    : "its question was refused";
   g_clear_error(&why);
   return -1;
 }

@@ -8,12 +8,15 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 
+#include "host.h"
 #include "post-find.h"
 #include "post-imap.h"
 #include "post-mirror.h"
 #include "post-smtp.h"
+#include "watch.h"
 
 namespace {
 
@@ -139,18 +142,30 @@ int keep_secret(const setup_options &options, const std::string &secret, std::st
   return -1;
 }
 
+bool run_quietly(const char **arguments) {
+  int status = 0;
+  return g_spawn_sync(nullptr, const_cast<char **>(arguments), nullptr,
+                      static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_STDERR_TO_DEV_NULL), nullptr, nullptr,
+                      nullptr, nullptr, &status, nullptr) &&
+         status == 0;
+}
+
+/* Returns 0, or -1 with why its mail stays there. */
+int remove_from_watch(const std::string &address, std::string *why) {
+  std::vector<host_record> accounts;
+  host_bus_holder bus = watch_open(why);
+  if (!bus || host_list_accounts(bus.get(), &accounts, why) < 0) return -1;
+  for (const host_record &one : accounts)
+    if (one.text("email_address") == address)
+      return host_remove_account(bus.get(), static_cast<int>(one.number("account_id")), why);
+  return 0;
+}
+
 /* The unit of the relay, where systemd runs the session; else it is said how to start it. */
 void start_relay(const setup_options &options) {
   const char *restart[] = {"systemctl", "--user", "restart", "brisel-relay.service", nullptr};
   const char *enable[] = {"systemctl", "--user", "enable", "brisel-relay.service", nullptr};
-  auto run = [](const char **arguments) {
-    int status = 0;
-    return g_spawn_sync(nullptr, const_cast<char **>(arguments), nullptr,
-                        static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_STDERR_TO_DEV_NULL), nullptr, nullptr,
-                        nullptr, nullptr, &status, nullptr) &&
-           status == 0;
-  };
-  if (options.start && options.config == post_config_file() && run(enable) && run(restart))
+  if (options.start && options.config == post_config_file() && run_quietly(enable) && run_quietly(restart))
     printf("The relay runs; its mail is on the watch in a moment.\n");
   else if (options.config == post_config_file())
     printf("Start the relay: brisel-phone relay\n");
@@ -175,7 +190,10 @@ int try_secret(post_account *account, std::string *secret, std::string *error) {
       return -1;
     }
     int tried = try_account(account, *secret, true, error);
-    if (tried == post_refused && account->user.empty()) *error += "; if it calls you by another name, add --user NAME";
+    if (tried == post_refused)
+      *error += account->auth != post_auth::password ? "; is the token valid now?"
+                : account->user.empty()              ? "; if it calls you by another name, add --user NAME"
+                                                     : "";
     if (tried != post_refused || n == kTries || !can_ask() || !account->password_command.empty()) return tried;
     complain(*error);
   }
@@ -224,12 +242,20 @@ int command_account_test(const std::string &config, const std::string &name) {
 
 int command_account_forget(const std::string &config, const std::string &name) {
   post_account account;
-  std::string error;
+  std::string error, why;
   if (post_account_find(config, name, &account, &error) < 0 || post_account_erase(config, account.name, &error) < 0)
     return complain(error);
   post_secret_forget(account);
-  printf("%s is forgotten; its mail stays on the server, and on the watch until the account is removed there\n",
-         account.name.c_str());
+  const char *restart[] = {"systemctl", "--user", "try-restart", "brisel-relay.service", nullptr};
+  if (config == post_config_file()) run_quietly(restart); /* it would bring the account back */
+  std::error_code ignored;
+  std::filesystem::remove_all(post_mirror_path(account.name), ignored);
+  if (remove_from_watch(account.address, &why) == 0) {
+    printf("%s is forgotten here and on the watch; its mail stays on the server\n", account.name.c_str());
+    return 0;
+  }
+  printf("%s is forgotten here; its mail stays on the server, and on the watch (%s)\n", account.name.c_str(),
+         why.c_str());
   return 0;
 }
 

@@ -162,7 +162,6 @@ def test_tokens(s):
         for token, code, said in (("expired", 1, "imap.named.example " + refused), ("reading", 1, "smtp.named.example " + refused),
                                   ("", 1, "the password command printed nothing"), (TOKEN, 0, "is set up")):
             out, got = setup(s, "me@named.example", *GIVEN, "--auth", auth, "--password-command", f"echo {token}")
-            print(f"# {out!r}", flush=True)
             assert (got, said in out, len(out.splitlines())) == (code, True, 2 - code), out
         assert "both directions work" in s.phone("account", "test", "--config", s.dir / "relay.conf")
 
@@ -184,8 +183,36 @@ def test_each_error_is_one_sentence(s):
             ("there is no Secret Service here; use", ("me@named.example", *GIVEN), ()))
     for said, args, prefix in rows:
         out, code = setup(s, *args, prefix=prefix)
-        print(f"# {out!r}", flush=True)
         assert code == 1 and said in out.splitlines()[-1] and len(out.splitlines()) <= 3, out
+
+
+
+def test_a_password_in_the_keyring(s):
+    account = lambda *args: s.run("brisel-phone", "account", *args, "--config", s.dir / "relay.conf", check=False).stdout  # noqa: E731
+
+    @contextlib.contextmanager
+    def keyring(*args):
+        daemon = subprocess.Popen(["gnome-keyring-daemon", "--foreground", "--components=secrets", *args], env=s.env,
+                                  stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        daemon.stdin.write(b"of the user")
+        daemon.stdin.close()
+        s.wait(lambda: "secrets" in s.run("dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
+                                          "org.freedesktop.DBus.ListNames").stdout, "the keyring")
+        yield
+        daemon.terminate()
+        daemon.wait()
+
+    with keyring("--unlock"):
+        screen, code = dialogue(s, "me@named.example", answers=[("Password:", "mistyped"), ("Password:", PASSWORD)])
+        equal(code, 0, screen)
+        assert not any(PASSWORD in p.read_text(errors="ignore") for p in s.dir.rglob("*") if p.is_file()), "a file has it"
+        equal(account("test"), "me@named.example: both directions work\n")
+    with keyring():
+        assert "the keyring that may have its password is locked" in account("test"), account("test")
+    with keyring("--unlock"):
+        assert "imaps://imap.named.example" in account("list")
+        assert "forgotten here and on the watch" in account("remove", "me@named.example")
+        equal((account("list"), list(s.dir.rglob("post/*"))), ("", []), "what is left")
 
 
 if __name__ == "__main__":
