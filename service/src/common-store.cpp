@@ -15,9 +15,11 @@ constexpr int column(mail_field field) {
 
 bool read_text(slab *s, sqlite3_stmt *q, int column, char **text) {
   const unsigned char *stored = sqlite3_column_text(q, column);
+  *text = nullptr;
+  if (!stored) return true;
   const int bytes = sqlite3_column_bytes(q, column);
   *text = records_text(s, stored, bytes);
-  return *text || !stored || bytes == 0;
+  return *text || bytes == 0;
 }
 
 /* Fills an empty record from the query's row, all but the body; false when memory is short. */
@@ -37,7 +39,7 @@ bool read_row(slab *s, sqlite3_stmt *q, full_noti_data *mail) {
          read_text(s, q, column(field_address), &mail->from_address) &&
          read_text(s, q, column(field_name), &mail->from_name) &&
          read_text(s, q, column(field_uid), &mail->message_uid) &&
-         records_set_contacts(s, mail, contacts, sqlite3_column_bytes(q, column(field_contacts)));
+         (!contacts || records_set_contacts(s, mail, contacts, sqlite3_column_bytes(q, column(field_contacts))));
 }
 
 bool read_mail(slab *s, sqlite3_stmt *q, full_noti_data *mail) {
@@ -69,6 +71,17 @@ struct growing_list {
     return 0;
   }
 };
+
+/* A record for every row that the query gives; the query is done then. */
+int read_into(growing_list *mails, sqlite3_stmt *q, bool (*read)(slab *, sqlite3_stmt *, full_noti_data *)) {
+  int status = 0, r = SQLITE_DONE;
+  while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
+    full_noti_data *mail = mails->add();
+    if (!mail || !read(mails->s, q, mail)) status = BRISEL_COMMON_ERROR_MEMORY;
+  }
+  const int done = reader_done(q, status ? SQLITE_DONE : r);
+  return status ? status : done;
+}
 
 bool read_account(sqlite3_stmt *q, account_data *account) {
   account->account_id = sqlite3_column_int(q, 0);
@@ -197,17 +210,11 @@ int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **lis
   *count = 0;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
   sqlite3_stmt *q = nullptr;
-  int status = reader_start(account_id ? reader_mails_of_account : reader_mails, &q);
+  const int status = reader_start(account_id ? reader_mails_of_account : reader_mails, &q);
   if (!q) return status;
   if (account_id) sqlite3_bind_int(q, 1, account_id);
   growing_list mails;
-  int r = SQLITE_DONE;
-  while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
-    full_noti_data *mail = mails.add();
-    if (!mail || !read_mail(mails.s, q, mail)) status = BRISEL_COMMON_ERROR_MEMORY;
-  }
-  const int done = reader_done(q, status ? SQLITE_DONE : r);
-  return mails.finish(status ? status : done, list, count);
+  return mails.finish(read_into(&mails, q, read_mail), list, count);
 }
 
 int brisel_db_get_mail_places_by_account_id(int account_id, brisel_mail_place **places, int *count) {
@@ -252,18 +259,14 @@ int brisel_db_get_noti_rows_by_mail_ids(const int *ids, int ids_count, GSList **
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
   growing_list mails;
   int status = mails.s ? 0 : BRISEL_COMMON_ERROR_MEMORY;
-  for (int i = 0; !status && i < ids_count; i++) {
+  for (int i = 0; !status && i < ids_count;) {
+    const bool many = ids_count - i >= reader_many;
     sqlite3_stmt *q = nullptr;
-    status = reader_start(reader_row, &q);
+    status = reader_start(many ? reader_many_rows : reader_few_rows, &q);
     if (!q) break;
-    sqlite3_bind_int(q, 1, ids[i]);
-    const int r = sqlite3_step(q);
-    if (r == SQLITE_ROW) {
-      full_noti_data *mail = mails.add();
-      if (!mail || !read_row(mails.s, q, mail)) status = BRISEL_COMMON_ERROR_MEMORY;
-    }
-    const int done = reader_done(q, r);
-    if (!status) status = done;
+    for (int k = 1; k <= (many ? reader_many : reader_few); k++, i++)
+      i < ids_count ? sqlite3_bind_int(q, k, ids[i]) : sqlite3_bind_null(q, k);
+    status = read_into(&mails, q, read_row);
   }
   return mails.finish(status, list, count);
 }

@@ -13,7 +13,8 @@ enum reader_query {
   reader_mail,
   reader_mails,
   reader_mails_of_account,
-  reader_row,
+  reader_few_rows,
+  reader_many_rows,
   reader_places,
   reader_places_of_account,
   reader_mail_count,
@@ -27,6 +28,10 @@ enum reader_query {
   reader_requests,
   reader_query_count
 };
+
+/* Mails whose rows one run of reader_few_rows and reader_many_rows gives: its values are their ids, NULL where fewer
+   are wanted. The rows of each run cost a fixed part; to ready the query for many costs as much as a hundred rows. */
+inline constexpr int reader_few = 16, reader_many = 64;
 
 /* One user more or less of the connection; it closes with the last. */
 void reader_hold(void);

@@ -137,6 +137,25 @@ TEST_F(Reader, MailsComeNewestFirstAndEqualTimesById) {
   EXPECT_EQ((std::vector<int>{}), ids_of(3));
 }
 
+TEST_F(Reader, RowsComeInTheOrderAskedForWithoutThoseThatAreGone) {
+  make_store();
+  run_sql(store_path(),
+          "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
+          "INSERT INTO mail (mail_id, account_id, received_time) SELECT i, 1, 0 FROM n; DELETE FROM mail WHERE mail_id "
+          "= 70");
+  std::vector<int> ids, wanted, rows;
+  for (int i = 0; i < 197; i++) ids.push_back(1 + i * 7 % 200);
+  for (const int id : ids)
+    if (id != 70) wanted.push_back(id);
+  GSList *list = nullptr;
+  int count = 0;
+  EXPECT_EQ(0, brisel_db_get_noti_rows_by_mail_ids(ids.data(), 197, &list, &count));
+  for (GSList *cell = list; cell; cell = cell->next) rows.push_back(static_cast<full_noti_data *>(cell->data)->mail_id);
+  EXPECT_EQ(wanted, rows);
+  EXPECT_EQ(static_cast<int>(wanted.size()), count);
+  brisel_full_noti_data_list_free(list);
+}
+
 TEST_F(Reader, FieldsComeAsStoredAndWithoutSurprises) {
   make_store();
   run_sql(store_path(),
