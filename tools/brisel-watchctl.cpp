@@ -20,7 +20,7 @@ struct arguments {
   bool as_json = false, reset = false;
   std::vector<std::string> pairs;
   std::string key, type, value, text;
-  int x = 0, y = 0, x2 = 0, y2 = 0;
+  int x = 0, y = 0, x2 = 0, y2 = 0, button = 0, notches = 0;
   double number = 0.0;
   double drag_seconds = 0.3, pinch_seconds = 0.4;
 };
@@ -131,6 +131,20 @@ void add_finger_commands(CLI::App *app, arguments *a) {
   cmd->callback([a] { a->code = call(inspect_interface, "Type", answer_seconds + 60.0, "s", a->text.c_str()); });
 }
 
+void add_desk_commands(CLI::App *app, arguments *a) {
+  auto *cmd = app->add_subcommand("keyboard", "press keys of a keyboard, one after the other")->group(inspection);
+  cmd->add_option("KEY", a->pairs, "their names, like Tab, Down, Prior, Return, Delete, Escape, Menu")->required();
+  cmd->callback([a] {
+    for (const std::string &key : a->pairs)
+      if (a->code == 0) a->code = call(inspect_interface, "Keyboard", answer_seconds, "s", key.c_str());
+  });
+  cmd = add_touch(app, a, "mouse", "use a mouse at a point");
+  cmd->add_option("--button", a->button, "press this one: 3 is the right one, 8 the one to go back");
+  cmd->add_option("--wheel", a->notches, "turn the wheel by notches, down if positive");
+  cmd->callback(
+      [a] { a->code = call(inspect_interface, "Mouse", answer_seconds, "iiii", a->x, a->y, a->button, a->notches); });
+}
+
 void add_eye_commands(CLI::App *app, arguments *a) {
   auto *cmd = app->add_subcommand("screenshot", "write what is on screen to a PNG file")->group(inspection);
   cmd->add_option("FILE", a->text)->required();
@@ -166,6 +180,7 @@ int main(int argc, char **argv) {
   arguments given;
   add_watch_commands(&app, &given);
   add_finger_commands(&app, &given);
+  add_desk_commands(&app, &given);
   add_eye_commands(&app, &given);
   try {
     app.parse(argc, argv);

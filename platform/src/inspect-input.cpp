@@ -104,6 +104,17 @@ std::vector<inspect_step> inspect_type(const char *text) {
   return steps;
 }
 
+std::vector<inspect_step> inspect_key(const char *name) {
+  return {{key_seconds, INSPECT_KEY, 0, 0, name}};
+}
+
+std::vector<inspect_step> inspect_mouse(int x, int y, int button, int notches) {
+  std::vector<inspect_step> steps{at(0.0, INSPECT_MOVE, x, y)};
+  if (button > 0) steps.push_back(at(0.0, INSPECT_BUTTON, button, 0));
+  for (int i = 0; i < std::abs(notches); i++) steps.push_back(at(frame, INSPECT_WHEEL, notches > 0 ? 1 : -1, 0));
+  return steps;
+}
+
 void inspect_feed(Evas *evas, const inspect_step &step, double time) {
   const auto now = static_cast<unsigned int>(time * 1000.0);
   const int x = step.x;
@@ -127,6 +138,17 @@ void inspect_feed(Evas *evas, const inspect_step &step, double time) {
       break;
     case INSPECT_UP2:
       evas_event_feed_multi_up(evas, second_finger, x, y, 1, 1, 1, 1, 0, x, y, EVAS_BUTTON_NONE, now, nullptr);
+      break;
+    case INSPECT_KEY:
+      evas_event_feed_key_down(evas, step.text.c_str(), step.text.c_str(), nullptr, nullptr, now, nullptr);
+      evas_event_feed_key_up(evas, step.text.c_str(), step.text.c_str(), nullptr, nullptr, now, nullptr);
+      break;
+    case INSPECT_BUTTON:
+      evas_event_feed_mouse_down(evas, x, EVAS_BUTTON_NONE, now, nullptr);
+      evas_event_feed_mouse_up(evas, x, EVAS_BUTTON_NONE, now, nullptr);
+      break;
+    case INSPECT_WHEEL:
+      evas_event_feed_mouse_wheel(evas, 0, x, now, nullptr);
       break;
     case INSPECT_TEXT: {
       const std::string key = key_name(step.text);

@@ -14,7 +14,10 @@ enum inspect_event {
   INSPECT_MOVE2, /* a second finger, the same */
   INSPECT_DOWN2,
   INSPECT_UP2,
-  INSPECT_TEXT /* one character, or a key's name */
+  INSPECT_TEXT,   /* one character */
+  INSPECT_KEY,    /* a keyboard's key, by its name */
+  INSPECT_BUTTON, /* a mouse's button is pressed and let go: x is its number */
+  INSPECT_WHEEL   /* a mouse's wheel turns by x notches, down if positive */
 };
 
 /* One input event, fed `after` seconds after the one before. */
@@ -33,6 +36,9 @@ std::vector<inspect_step> inspect_drag(int x1, int y1, int x2, int y2, double se
 /* reach: how far from the point a finger may get; seconds: how long they move. */
 std::vector<inspect_step> inspect_pinch(int x, int y, double factor, int reach, double seconds);
 std::vector<inspect_step> inspect_type(const char *text);
+std::vector<inspect_step> inspect_key(const char *name);
+/* A mouse at a point: one of its buttons (0: none), then its wheel. */
+std::vector<inspect_step> inspect_mouse(int x, int y, int button, int notches);
 /* time: when the step was due, in the main loop's seconds. Events carry it, so that a busy machine, which feeds some
    late, does not change how fast the finger was. */
 void inspect_feed(Evas *evas, const inspect_step &step, double time);

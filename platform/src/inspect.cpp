@@ -222,6 +222,22 @@ int type_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   return enqueue_call(m, inspect_type(text));
 }
 
+int keyboard_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  const char *name;
+  const int r = sd_bus_message_read(m, "s", &name);
+  if (r < 0) return r;
+  if (!*name || strlen(name) > 32) return refuse(error, "That is no key's name");
+  return enqueue_call(m, inspect_key(name));
+}
+
+int mouse_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  int x, y, button, notches;
+  const int r = sd_bus_message_read(m, "iiii", &x, &y, &button, &notches);
+  if (r < 0) return r;
+  if (button < 0 || button > 32 || std::abs(notches) > 1000) return refuse(error, "No mouse can do that");
+  return inside(x, y) ? enqueue_call(m, inspect_mouse(x, y, button, notches)) : refuse(error, outside_text);
+}
+
 int screenshot_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   const char *file;
   const int r = sd_bus_message_read(m, "s", &file);
@@ -255,6 +271,8 @@ const sd_bus_vtable inspect_table[] = {SD_BUS_VTABLE_START(0),
                                        SD_BUS_METHOD("Drag", "iiiid", "", drag_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Pinch", "iidd", "", pinch_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Type", "s", "", type_cb, SD_BUS_VTABLE_UNPRIVILEGED),
+                                       SD_BUS_METHOD("Keyboard", "s", "", keyboard_cb, SD_BUS_VTABLE_UNPRIVILEGED),
+                                       SD_BUS_METHOD("Mouse", "iiii", "", mouse_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Screenshot", "s", "", screenshot_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Dump", "", "s", dump_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                        SD_BUS_METHOD("Stats", "b", "s", stats_cb, SD_BUS_VTABLE_UNPRIVILEGED),
