@@ -6,6 +6,7 @@
 #include "post-mirror.h"
 #include "post-setup.h"
 #include "post-smtp.h"
+#include "post-stream.h"
 
 namespace {
 
@@ -13,6 +14,7 @@ struct given {
   setup_options setup;
   post_mirror_order mirror;
   std::string config = post_config_file(), name, auth;
+  unsigned patience = stream_step_s;
   bool no_start = false;
 };
 
@@ -68,7 +70,9 @@ void post_add_commands(CLI::App *app, CLI::App *account, int *exit_code) {
   follow->add_option("--account", g->mirror.account)->required();
   follow->add_option("--folder", g->mirror.folder)->required();
   follow->add_option("--newest", g->mirror.newest);
+  follow->add_option("--patience", g->patience);
   follow->callback([g, exit_code] {
+    stream_bound(g->patience);
     *exit_code = post_mirror_run(g->mirror.config, g->mirror.account, g->mirror.folder,
                                  static_cast<uint32_t>(std::clamp<int64_t>(g->mirror.newest, 1, 100000)));
   });

@@ -6,17 +6,19 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <ctime>
 
 #include "post-skeleton.h"
+#include "post-stream.h"
 #include "post-tls.h"
 
 namespace {
 
-constexpr size_t kLongestReason = 200;
+constexpr size_t kLongestReason = 200, kBuffer = 8192;
 
 struct set_free {
   void operator()(mailimap_set *set) const { mailimap_set_free(set); }
@@ -42,74 +44,18 @@ std::string said(mailimap *session) {
 
 int fail(mailimap *session, int code, const char *what, std::string *error) {
   if (code == MAILIMAP_ERROR_STREAM)
-    *error = "the connection ended while it was to " + std::string(what);
-  else if (code == MAILIMAP_ERROR_PARSE)
+    *error = std::string(stream_end()) + " while it was to " + what;
+  else if (code == MAILIMAP_ERROR_PARSE || said(session).empty())
     *error = "the server's answer makes no sense (it was to " + std::string(what) + ")";
   else
     *error = "the server refused to " + std::string(what) + ": " + said(session);
   return -1;
 }
 
-void name_server_cb(mailstream_ssl_context *context, void *data) {
-  mailstream_ssl_set_server_name(context, static_cast<char *>(data));
-}
-
 std::string base64(const std::string &text) {
   std::unique_ptr<char, decltype(&g_free)> out(
       g_base64_encode(reinterpret_cast<const guchar *>(text.data()), text.size()), g_free);
   return out.get();
-}
-
-/* A driver of the library's streams (plain or TLS) with our own reading. */
-struct failing_driver {
-  mailstream_low_driver driver; /* the first: the library hands its address to read_cb */
-  mailstream_low_driver *before;
-};
-
-ssize_t read_cb(mailstream_low *stream, void *buffer, size_t size) {
-  ssize_t got = reinterpret_cast<failing_driver *>(stream->driver)->before->mailstream_read(stream, buffer, size);
-  return got == 0 ? -1 : got;
-}
-
-/* Makes the end of the connection an error of every read: the library waits for the rest of a text for ever. */
-void fail_at_end(mailimap *session) {
-  static failing_driver drivers[2];
-  mailstream_low *low = mailstream_get_low(session->imap_stream);
-  for (failing_driver &one : drivers) {
-    if (one.before && one.before != low->driver) continue;
-    one = {*low->driver, low->driver};
-    one.driver.mailstream_read = read_cb;
-    low->driver = &one.driver;
-    return;
-  }
-}
-
-int connect_server(mailimap *session, const post_server &server, const std::string &ca, std::string *error) {
-  auto *name = const_cast<char *>(server.host.c_str());
-  int code = server.security == post_security::tls
-                 ? mailimap_ssl_connect_with_callback(session, name, server.port, name_server_cb, name)
-                 : mailimap_socket_connect(session, name, server.port);
-  if (code == MAILIMAP_ERROR_CONNECTION_REFUSED || code == MAILIMAP_ERROR_STREAM) {
-    *error =
-        server.host + ":" + std::to_string(server.port) + " cannot be reached; check the name, the port and the net";
-    return -1;
-  }
-  if (code == MAILIMAP_ERROR_SSL) {
-    *error = server.host + ": no safe connection could be made (TLS)";
-    return -1;
-  }
-  if (code != MAILIMAP_NO_ERROR_AUTHENTICATED && code != MAILIMAP_NO_ERROR_NON_AUTHENTICATED)
-    return fail(session, code, "begin", error);
-  if (server.security == post_security::starttls) {
-    /* The offer is not waited for: a server, or somebody between, that does not take it gets no password. */
-    if (mailimap_socket_starttls_with_callback(session, name_server_cb, name) != MAILIMAP_NO_ERROR) {
-      *error = server.host + " offers no encryption (STARTTLS); use imaps://, or another network";
-      return -1;
-    }
-  }
-  if (server.security != post_security::none && tls_check(session->imap_stream, server.host, ca, error) < 0) return -1;
-  fail_at_end(session);
-  return 0;
 }
 
 /* What the server was heard to offer; NULL: nothing yet. The library keeps it. */
@@ -121,6 +67,49 @@ void forget_offers(mailimap *session) {
   if (!offers(session)) return;
   mailimap_capability_data_free(offers(session));
   session->imap_connection_info->imap_capability = nullptr;
+}
+
+int fd_of(mailimap *session) {
+  return mailstream_low_get_fd(mailstream_get_low(session->imap_stream));
+}
+
+/* The certificate is looked at before the first word is said or heard. */
+int connect_server(mailimap *session, const post_server &server, const std::string &ca, std::string *error) {
+  int fd = stream_connect(server, error);
+  if (fd < 0) return -1;
+  stream_step step(fd);
+  bool tls = server.security == post_security::tls, starttls = server.security == post_security::starttls;
+  mailstream_low *low = tls ? stream_encrypt(fd, server.host) : mailstream_low_socket_open(fd);
+  if (!low) {
+    close(fd);
+    *error = server.host + ":" + std::to_string(server.port) +
+             ": no safe connection could be made; if the server begins without encryption, give it as imap://";
+    return -1;
+  }
+  mailstream_low_set_timeout(low, imap_timeout_s);
+  stream_guard(low);
+  mailstream *stream = mailstream_new(low, kBuffer);
+  if (tls && tls_check(stream, server.host, ca, error) < 0) {
+    mailstream_close(stream);
+    return -1;
+  }
+  int code = mailimap_connect(session, stream);
+  if (code != MAILIMAP_NO_ERROR_AUTHENTICATED && code != MAILIMAP_NO_ERROR_NON_AUTHENTICATED)
+    return fail(session, code, "begin", error);
+  if (!starttls) return 0;
+  /* The offer is not waited for: a server, or somebody between, that does not take it gets no password. What was said
+     before the encryption and not read yet would count as said within it. */
+  if (mailimap_starttls(session) != MAILIMAP_NO_ERROR || stream->read_buffer_len > 0 ||
+      !(low = stream_encrypt(fd, server.host))) {
+    *error = server.host + " offers no encryption (STARTTLS); use imaps://, or another network";
+    return -1;
+  }
+  mailstream_low_free(mailstream_get_low(stream));
+  mailstream_set_low(stream, low);
+  mailstream_low_set_timeout(low, imap_timeout_s);
+  stream_guard(low);
+  forget_offers(session);
+  return tls_check(stream, server.host, ca, error);
 }
 
 /* Logs in by a mechanism of one message, which the library does not know. To a
@@ -319,7 +308,9 @@ mailimap_section_part *part_of(const std::string &number) {
 }  // namespace
 
 void imap_closer::operator()(mailimap *session) const {
-  mailimap_free(session); /* closes the connection without a word: the server knows what that means */
+  /* Without a word, the server knows what that means: the library would say one, and wait for what is said to it. */
+  if (session->imap_stream) shutdown(fd_of(session), SHUT_RDWR);
+  mailimap_free(session);
 }
 
 int imap_open(const post_account &account, const std::string &secret, imap_session *session, std::string *error) {
@@ -328,9 +319,10 @@ int imap_open(const post_account &account, const std::string &secret, imap_sessi
   session->reset(mailimap_new(0, nullptr));
   mailimap_set_timeout(session->get(), imap_timeout_s);
   if (connect_server(session->get(), server, account.ca, error) < 0) return -1;
+  stream_step step(fd_of(session->get()));
   int code = log_in(session->get(), account, server, secret, error);
   if (code < 0) return code;
-  keep_alive(mailstream_low_get_fd(mailstream_get_low((*session)->imap_stream)));
+  keep_alive(fd_of(session->get()));
   /* What was offered before the login may be less. Most say it with their answer to that; only others are asked, for of
      an answer that names nothing the library dies. */
   if (!offers(session->get())) {
@@ -342,6 +334,7 @@ int imap_open(const post_account &account, const std::string &secret, imap_sessi
 }
 
 int imap_select(mailimap *session, const std::string &name, imap_folder *folder, std::string *error) {
+  stream_step step(fd_of(session));
   bool counts = mailimap_has_condstore(session) || mailimap_has_qresync(session);
   *folder = imap_folder();
   int code = counts ? mailimap_select_condstore(session, name.c_str(), &folder->modseq)
@@ -354,6 +347,7 @@ int imap_select(mailimap *session, const std::string &name, imap_folder *folder,
 }
 
 int imap_list_newest(mailimap *session, uint32_t count, std::vector<imap_message> *messages, std::string *error) {
+  stream_step step(fd_of(session));
   uint32_t exists = session->imap_selection_info ? session->imap_selection_info->sel_exists : 0;
   if (exists == 0) return 0;
   set_holder set(mailimap_set_new_interval(exists > count ? exists - count + 1 : 1, 0));
@@ -372,6 +366,7 @@ bool imap_tells_changes(mailimap *session) {
 
 int imap_list_changes(mailimap *session, uint32_t from, uint64_t modseq, std::vector<imap_message> *changed,
                       std::vector<std::pair<uint32_t, uint32_t>> *gone, std::string *error) {
+  stream_step step(fd_of(session));
   set_holder set(mailimap_set_new_interval(from, 0));
   type_holder type = facts_wanted();
   clist *list = nullptr;
@@ -390,6 +385,7 @@ int imap_list_changes(mailimap *session, uint32_t from, uint64_t modseq, std::ve
 }
 
 int imap_fetch(mailimap *session, uint32_t uid, bool whole, std::string *raw, bool *cut, std::string *error) {
+  stream_step step(fd_of(session));
   raw->clear();
   error->clear();
   *cut = false;
@@ -416,12 +412,14 @@ int imap_fetch(mailimap *session, uint32_t uid, bool whole, std::string *raw, bo
 }
 
 int imap_add_flag(mailimap *session, uint32_t uid, bool answered, std::string *error) {
+  stream_step step(fd_of(session));
   set_holder set(mailimap_set_new_single(uid));
   return store_flag(session, set.get(), answered ? mailimap_flag_new_answered() : mailimap_flag_new_seen(),
                     "set a mark", error);
 }
 
 int imap_remove(mailimap *session, uint32_t uid, const std::string &trash, std::string *error) {
+  stream_step step(fd_of(session));
   set_holder set(mailimap_set_new_single(uid));
   if (!trash.empty()) {
     bool moves = mailimap_has_extension(session, const_cast<char *>("MOVE")) != 0;
@@ -437,6 +435,7 @@ int imap_remove(mailimap *session, uint32_t uid, const std::string &trash, std::
 }
 
 int imap_find(mailimap *session, const std::string &message_id, uint32_t *uid, std::string *error) {
+  stream_step step(fd_of(session));
   mailimap_search_key *key = mailimap_search_key_new_header(strdup("Message-ID"), strdup(message_id.c_str()));
   clist *found = nullptr;
   int code = mailimap_uid_search(session, nullptr, key, &found);
@@ -450,6 +449,7 @@ int imap_find(mailimap *session, const std::string &message_id, uint32_t *uid, s
 }
 
 int imap_append(mailimap *session, const std::string &folder, const std::string &message, std::string *error) {
+  stream_step step(fd_of(session));
   mailimap_flag_list *flags = mailimap_flag_list_new_empty();
   mailimap_flag_list_add(flags, mailimap_flag_new_seen());
   int code = mailimap_append(session, folder.c_str(), flags, nullptr, message.data(), message.size());
@@ -458,6 +458,7 @@ int imap_append(mailimap *session, const std::string &folder, const std::string 
 }
 
 int imap_special_folder(mailimap *session, const char *use, std::string *folder, std::string *error) {
+  stream_step step(fd_of(session));
   const std::string flagged = std::string("\\") + use;
   clist *list = nullptr;
   int code = mailimap_list(session, "", "*", &list);
@@ -484,6 +485,7 @@ int imap_wait(mailimap *session, int other, int seconds, std::string *error) {
   const mailimap_selection_info *folder = session->imap_selection_info;
   uint32_t exists = folder ? folder->sel_exists : 0;
   if (idle) {
+    stream_step step(fd_of(session));
     int code = mailimap_idle(session);
     if (code != MAILIMAP_NO_ERROR) return fail(session, code, "wait for mail", error);
     folder = session->imap_selection_info;
@@ -497,6 +499,7 @@ int imap_wait(mailimap *session, int other, int seconds, std::string *error) {
     return -1;
   }
   if (!idle) return 1;
+  stream_step step(fd_of(session));
   int code = mailimap_idle_done(session);
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, "stop waiting", error);
   /* Some servers only say now and then that they are there. */

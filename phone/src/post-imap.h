@@ -1,7 +1,7 @@
 /*
  * One connection to an IMAP server, by libetpan: a thin wrapper that checks whom it talks to before it says anything,
- * and turns what the library answers into records. Calls wait for the server, at most imap_timeout_s; who calls is a
- * process of its own that may wait.
+ * and turns what the library answers into records. Calls wait for the server, at most imap_timeout_s for each byte and
+ * stream_step_s in all; who calls is a process of its own that may wait.
  *
  * Results: 0, or -1 with a reason of one line. After -1 the connection is no good any more.
  */

@@ -8,6 +8,7 @@ import signal
 import socket
 import subprocess
 import threading
+import time
 
 from brisel_test import main  # noqa: F401  (puts the tools' folder on the path)
 from brisel_servers import NOBODY, PASSWORD, USER, Server, free_port, hand_over
@@ -58,7 +59,10 @@ server 127.0.0.1:{self.tls} {{ tls-mode connection; }};
 
 class Hostile:
     """What a server may do to who trusts it: each connection plays the next of the given answers, a function of
-    command, tag and line. After bytes, or None, it hangs up."""
+    command, tag and line. After bytes, or None, it hangs up; a text that is called SLOW comes a byte at a time,
+    without end."""
+
+    SLOW = "* 1 FETCH (UID 1 BODY[HEADER] {9000000}\r\n"
 
     def __init__(self, answers):
         self.answers, self.played = list(answers), 0
@@ -74,21 +78,22 @@ class Hostile:
                 return
             script = self.answers[min(self.played, len(self.answers) - 1)]
             self.played += 1
-            with connection, connection.makefile("rwb") as stream:
-                try:
-                    stream.write(b"* OK ready\r\n")
+            with contextlib.suppress(OSError), connection, connection.makefile("rwb") as stream:
+                stream.write(b"* OK ready\r\n")
+                stream.flush()
+                while line := stream.readline():
+                    tag, command = line.split()[:2]
+                    out = script(command.upper().decode(), tag.decode(), line.decode(errors="replace"))
+                    if out is None:
+                        break
+                    stream.write(out if isinstance(out, bytes) else out.encode())
                     stream.flush()
-                    while line := stream.readline():
-                        tag, command = line.split()[:2]
-                        out = script(command.upper().decode(), tag.decode(), line.decode(errors="replace"))
-                        if out is None:
-                            break
-                        stream.write(out if isinstance(out, bytes) else out.encode())
+                    while out is self.SLOW:
+                        time.sleep(0.1)
+                        stream.write(b"x")
                         stream.flush()
-                        if isinstance(out, bytes):
-                            break
-                except OSError:
-                    pass
+                    if isinstance(out, bytes):
+                        break
 
     def stop(self):
         self.listener.close()

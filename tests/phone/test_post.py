@@ -187,6 +187,7 @@ def test_hostile_servers(s):
         nasty("FETCH", lambda tag: b"* 1 FETCH (UID 1 BODY[HEADER] {4000000000}\r\n" + b"y" * (80 << 20)),
         nasty("FETCH", lambda tag: "* 1 FETCH " + "(" * 100000 + "\r\n"),
         nasty("FETCH", lambda tag: b"* 1 FETCH (UID 1 FLAGS () BODY[HEADER] {500}\r\nhalf"),
+        nasty("FETCH", lambda tag: Hostile.SLOW),
         nasty("FETCH", lambda tag: None)])
     with servers(s) as (authority, dovecot, exim):
         equal(setup(s, authority, f"imaps://localhost:{dovecot.tls}", f"smtps://localhost:{exim.tls}").returncode, 0, "setup")
@@ -200,9 +201,9 @@ def test_hostile_servers(s):
         s.wait(lambda: uids(s) == {"m0@x", "m1@x", "m2@x"}, "the mails of the other account")
         s.wait(lambda: "bad@example.org (INBOX): " in relay.log(), "the refusal in the log")
         relay.kill()  # it would hold the hostile server's one connection
-        for _ in range(6):
+        for _ in range(7):
             follower = subprocess.Popen(["brisel-phone", "follow-imap", "--config", s.dir / "relay.conf", "--account",
-                                         "bad@example.org", "--folder", "INBOX"], env=s.env, stderr=subprocess.PIPE)
+                                         "bad@example.org", "--folder", "INBOX", "--patience", "2"], env=s.env, stderr=subprocess.PIPE)
             line = follower.stderr.readline().decode()
             assert "bad@example.org (INBOX): " in line and len(line) < 400, line
             with open(f"/proc/{follower.pid}/status") as lines:
