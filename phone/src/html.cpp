@@ -100,6 +100,11 @@ void put_char(writer *w, uint32_t c) {
   text_append_char(&w->out, c == 0xa0 ? ' ' : c);
 }
 
+/* A sign that is neither blank nor the start of anything: behind one that has been put it only follows. */
+bool is_letter(unsigned char c) {
+  return c > ' ' && c < 0x7f && c != '&';
+}
+
 void put_text(writer *w, std::string_view text) {
   for (size_t i = 0; i < text.size() && !w->full();) {
     if (text[i] == '&') {
@@ -112,7 +117,13 @@ void put_text(writer *w, std::string_view text) {
       }
     }
     auto byte = static_cast<unsigned char>(text[i]);
-    if (byte < 0x80) {
+    if (is_letter(byte)) {
+      put_char(w, byte);
+      size_t first = i + 1, room = w->full() ? 0 : w->max - w->out.size();
+      size_t most = first + std::min(text.size() - first, room);
+      for (i = first; i < most && is_letter(static_cast<unsigned char>(text[i])); i++) continue;
+      w->out.append(text, first, i - first);
+    } else if (byte < 0x80) {
       put_char(w, byte);
       i++;
     } else {

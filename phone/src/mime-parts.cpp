@@ -123,14 +123,23 @@ bool mentions_html(std::string_view text) {
   return false;
 }
 
+bool is_between_words(char c) {
+  return c == ' ' || c == '\n' || c == '\t';
+}
+
 /* How many bytes of a text are words, and how many are addresses of the web. */
 void count_words(std::string_view text, size_t *words, size_t *addresses) {
   *words = *addresses = 0;
   for (size_t at = 0; at < text.size();) {
-    size_t end = std::min(text.find_first_of(" \n\t", at), text.size());
+    size_t end = at;
+    bool says = false, may_be_address = false;
+    for (; end < text.size() && !is_between_words(text[end]); end++) {
+      says = says || g_ascii_isalnum(text[end]) || (text[end] & 0x80);
+      may_be_address = may_be_address || text[end] == ':' || text[end] == '.';
+    }
     std::string_view word = text.substr(at, end - at);
-    bool is_address = word.find("://") != std::string_view::npos || word.find("www.") != std::string_view::npos;
-    bool says = std::any_of(word.begin(), word.end(), [](char c) { return g_ascii_isalnum(c) || (c & 0x80); });
+    bool is_address =
+        may_be_address && (word.find("://") != std::string_view::npos || word.find("www.") != std::string_view::npos);
     *(is_address ? addresses : words) += says ? word.size() : 0;
     at = end + 1;
   }

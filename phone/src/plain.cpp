@@ -139,6 +139,21 @@ size_t rule_end(std::string_view text, size_t at) {
   return at;
 }
 
+bool is_ordinary(char c) {
+  return (c & 0x80) == 0 && c != ' ' && c != '\n' && c != '\t';
+}
+
+/* The sign at `at` and what only follows it, a mail being made of little else: more of one byte, single blanks between
+   them. Returns where it ends. */
+size_t append_ordinary(std::string_view text, size_t at, std::string *out) {
+  size_t end = at + 1;
+  while (end < text.size() &&
+         (is_ordinary(text[end]) || (text[end] == ' ' && end + 1 < text.size() && is_ordinary(text[end + 1]))))
+    end++;
+  out->append(text, at, end - at);
+  return end;
+}
+
 }  // namespace
 
 std::string plain_tidy(std::string_view text) {
@@ -166,7 +181,7 @@ std::string plain_tidy(std::string_view text) {
         out += kRule;
         at = rule;
       } else {
-        out += text[at++];
+        at = append_ordinary(text, at, &out);
       }
     }
   }

@@ -10,12 +10,21 @@ bool is_noncharacter(uint32_t c) {
   return (c >= 0xfdd0 && c <= 0xfdef) || (c & 0xfffe) == 0xfffe;
 }
 
+/* A byte of valid UTF-8 that stays as it is, whatever stands around it. */
+bool is_plain(unsigned char c) {
+  return c == '\n' || c == '\t' || (c >= 0x20 && c < 0x7f) || (c >= 0x80 && c != 0xc2 && c < 0xef);
+}
+
 }  // namespace
 
 void text_append_char(std::string *out, uint32_t character) {
   if (character == 0 || character > 0x10ffff || (character >= 0xd800 && character <= 0xdfff) ||
       is_noncharacter(character))
     character = 0xfffd;
+  if (character < 0x80) {
+    *out += static_cast<char>(character);
+    return;
+  }
   char buffer[6];
   out->append(buffer, static_cast<size_t>(g_unichar_to_utf8(character, buffer)));
 }
@@ -25,11 +34,14 @@ std::string text_clean(std::string_view text) {
   out.reserve(text.size());
   if (text.starts_with("\xef\xbb\xbf")) text.remove_prefix(3); /* a file's mark, not text */
   for (size_t i = 0; i < text.size(); i++) {
+    size_t plain = i;
+    while (plain < text.size() && is_plain(static_cast<unsigned char>(text[plain]))) plain++;
+    out.append(text, i, plain - i);
+    i = plain;
+    if (i == text.size()) break;
     auto c = static_cast<unsigned char>(text[i]);
     if (c == '\r') {
       if (i + 1 >= text.size() || text[i + 1] != '\n') out += '\n';
-    } else if (c == '\n' || c == '\t' || (c >= 0x20 && c < 0x7f) || (c >= 0x80 && c != 0xc2 && c < 0xef)) {
-      out += static_cast<char>(c);
     } else if (c >= 0xef) { /* the longer forms, of which some are no characters */
       size_t size = c >= 0xf0 ? 4 : 3;
       if (!is_noncharacter(g_utf8_get_char(text.data() + i))) out.append(text, i, size);
