@@ -90,6 +90,10 @@ std::string host_bus_text(const std::string &text) {
   std::string out;
   const char *at = text.data(), *end = at + text.size();
   while (at < end) {
+    const char *plain = at;
+    while (at < end && *at && !(*at & 0x80)) at++;
+    if (!out.empty()) out.append(plain, at);
+    if (at == end) break;
     gunichar c = *at ? g_utf8_get_char_validated(at, end - at) : static_cast<gunichar>(-1);
     bool valid = c < 0x110000;
     size_t length = valid ? static_cast<size_t>(g_utf8_next_char(at) - at) : 1;

@@ -8,6 +8,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -136,13 +137,30 @@ enum exchange_result { EXCHANGE_DONE, EXCHANGE_DIED, EXCHANGE_HUNG };
 struct exchange {
   std::string_view head, body; /* still to be written */
   char *in = nullptr;          /* where the next bytes go */
-  size_t left = 0;             /* of them */
+  size_t least = 0, room = 0;  /* how many must come, and how many may */
+  size_t got = 0;
   int64_t until = 0, processor_until = 0;
 };
 
-/* Writes what is to be written, and reads until `left` bytes came. */
+/* Writes both parts at once, as far as the socket takes them. */
+bool write_some(exchange *e) {
+  iovec parts[] = {{const_cast<char *>(e->head.data()), e->head.size()},
+                   {const_cast<char *>(e->body.data()), e->body.size()}};
+  msghdr message = {};
+  message.msg_iov = parts;
+  message.msg_iovlen = std::size(parts);
+  ssize_t done = sendmsg(process.socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+  if (done < 0) return errno == EAGAIN || errno == EINTR;
+  size_t of_head = std::min(static_cast<size_t>(done), e->head.size());
+  e->head.remove_prefix(of_head);
+  e->body.remove_prefix(static_cast<size_t>(done) - of_head);
+  return true;
+}
+
+/* Writes what is to be written, and reads until enough bytes came. */
 exchange_result run_exchange(exchange *e) {
-  while (e->left > 0) {
+  if (!(e->head.empty() && e->body.empty()) && !write_some(e)) return EXCHANGE_DIED;
+  while (e->got < e->least) {
     bool writing = !e->head.empty() || !e->body.empty();
     pollfd wait = {process.socket, static_cast<short>(writing ? POLLIN | POLLOUT : POLLIN), 0};
     int ready = poll(&wait, 1, 1000);
@@ -153,19 +171,11 @@ exchange_result run_exchange(exchange *e) {
       if (processor_seconds(process.pid) >= e->processor_until) return EXCHANGE_HUNG;
       continue;
     }
-    if (wait.revents & POLLOUT) {
-      std::string_view *out = e->head.empty() ? &e->body : &e->head;
-      ssize_t done = send(process.socket, out->data(), out->size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-      if (done < 0 && errno != EAGAIN && errno != EINTR) return EXCHANGE_DIED;
-      if (done > 0) out->remove_prefix(static_cast<size_t>(done));
-    }
+    if ((wait.revents & POLLOUT) && !write_some(e)) return EXCHANGE_DIED;
     if (wait.revents & (POLLIN | POLLHUP | POLLERR)) {
-      ssize_t got = recv(process.socket, e->in, e->left, MSG_DONTWAIT);
+      ssize_t got = recv(process.socket, e->in + e->got, e->room - e->got, MSG_DONTWAIT);
       if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) return EXCHANGE_DIED;
-      if (got > 0) {
-        e->in += got;
-        e->left -= static_cast<size_t>(got);
-      }
+      if (got > 0) e->got += static_cast<size_t>(got);
     }
   }
   return EXCHANGE_DONE;
@@ -186,21 +196,28 @@ exchange_result ask(request_kind kind, std::string_view raw, const mime_limits &
   exchange e;
   e.head = std::string_view(reinterpret_cast<const char *>(&head), sizeof head);
   e.body = raw;
-  e.in = reinterpret_cast<char *>(answer);
-  e.left = sizeof *answer;
+  char first[sizeof *answer + (16u << 10)]; /* most answers come as a whole */
+  e.in = first;
+  e.least = sizeof *answer;
+  e.room = sizeof first;
   e.until = monotonic_seconds() + kWaitingTime;
   e.processor_until = processor_seconds(process.pid) + kProcessorTime;
   exchange_result result = run_exchange(&e);
   if (result != EXCHANGE_DONE) return result;
+  memcpy(answer, first, sizeof *answer);
   size_t all = 0;
   for (uint64_t size : answer->sizes) {
     if (size > limits.text + kMaxHeaders) return EXCHANGE_DIED;
     all += size;
   }
-  std::string text(all, '\0');
-  e.in = text.data();
-  e.left = all;
-  result = run_exchange(&e);
+  size_t came = e.got - sizeof *answer;
+  if (came > all) return EXCHANGE_DIED;
+  std::string text(first + sizeof *answer, came);
+  text.resize(all);
+  e.in = text.data() + came;
+  e.got = 0;
+  e.least = e.room = all - came;
+  if (e.least > 0) result = run_exchange(&e);
   for (size_t i = 0, at = 0; i < kTexts && result == EXCHANGE_DONE; at += answer->sizes[i], i++)
     (*texts)[i] = text.substr(at, answer->sizes[i]);
   return result;
@@ -246,14 +263,32 @@ parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limi
 
 /* --- the process that reads --- */
 
+/* What came of the socket and was not asked for yet. */
+char ahead[32u << 10];
+size_t ahead_at, ahead_end;
+
 bool read_all(void *to, size_t size) {
   auto *at = static_cast<char *>(to);
   while (size > 0) {
-    ssize_t got = read(0, at, size);
+    if (ahead_at < ahead_end) {
+      size_t some = std::min(size, ahead_end - ahead_at);
+      memcpy(at, ahead + ahead_at, some);
+      ahead_at += some;
+      at += some;
+      size -= some;
+      continue;
+    }
+    bool much = size >= sizeof ahead;
+    ssize_t got = much ? read(0, at, size) : read(0, ahead, sizeof ahead);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) return false;
-    at += got;
-    size -= static_cast<size_t>(got);
+    if (much) {
+      at += got;
+      size -= static_cast<size_t>(got);
+    } else {
+      ahead_at = 0;
+      ahead_end = static_cast<size_t>(got);
+    }
   }
   return true;
 }

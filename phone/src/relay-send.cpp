@@ -38,7 +38,9 @@ struct sender {
 /* When a message arrived: as the last mail server on its way wrote, else when it says it was written, else as its file
    says. A date in the future would stay on top for ever. */
 int64_t arrival_time(std::string_view head, int64_t file_time) {
-  int64_t arrival = parser_arrival(head);
+  /* Nothing behind the headers says it. */
+  size_t end = std::min(head.find("\n\n"), head.find("\n\r"));
+  int64_t arrival = parser_arrival(end == std::string_view::npos ? head : head.substr(0, end + 2));
   if (arrival > 0 && arrival <= relay_now() + kSoon) return arrival;
   return std::clamp<int64_t>(file_time, 1, INT32_MAX);
 }
@@ -64,6 +66,24 @@ void set_aside(const std::string &what, relay_row *row, const std::string &why) 
   row->dirty = true;
 }
 
+/* Writes down the mails of a call alone, and what work() does with each: what else changed waits for known_save(), or a
+   mailbox of many would be looked through for every call. */
+template <typename F>
+int save_batch(followed *a, std::vector<pending> *batch, F &&work) {
+  phone_state *state = a->r->state.get();
+  int result = phone_state_change(state, [&] {
+    for (pending &p : *batch)
+      if (work(&p) < 0 || relay_row_write(state, a->settings.name, p.key, *p.row) < 0) return -1;
+    return 0;
+  });
+  if (result < 0) {
+    a->error = phone_state_error(state);
+    return -1;
+  }
+  for (pending &p : *batch) p.row->dirty = false;
+  return 0;
+}
+
 void back_to_waiting(std::vector<pending> *batch) {
   for (pending &p : *batch) {
     p.row->state = waiting;
@@ -78,14 +98,12 @@ void back_to_waiting(std::vector<pending> *batch) {
 int launch(followed *a, flight *f) {
   phone_state *state = a->r->state.get();
   int64_t batch = ++a->last_batch;
-  int kept = known_save(a, {}, [&] {
-    for (pending &p : f->batch) {
-      if (phone_state_add_mail(state, &p.out.kept) < 0) return -1;
-      p.row->row = p.out.kept.row;
-      p.row->state = sending;
-      p.row->batch = batch;
-      p.row->dirty = true;
-    }
+  int kept = save_batch(a, &f->batch, [&](pending *p) {
+    if (phone_state_add_mail(state, &p->out.kept) < 0) return -1;
+    p->row->row = p->out.kept.row;
+    p->row->state = sending;
+    p->row->batch = batch;
+    p->row->dirty = true;
     return 0;
   });
   if (kept < 0) {
@@ -109,11 +127,7 @@ int land(followed *a, flight *f) {
     if (result == HOST_REFUSED || result == HOST_LATER || result == HOST_NOBODY) { /* for certain: nothing was stored */
       back_to_waiting(&f->batch);
       phone_state *state = a->r->state.get();
-      known_save(a, {}, [&] {
-        for (const pending &p : f->batch)
-          if (phone_state_drop_row(state, p.out.kept.row) < 0) return -1;
-        return 0;
-      });
+      save_batch(a, &f->batch, [&](pending *p) { return phone_state_drop_row(state, p->out.kept.row); });
       a->error = error;
     } else {
       a->listed = false; /* whether it was is found out from the watch's list */
@@ -128,11 +142,8 @@ int land(followed *a, flight *f) {
     row->batch = 0;
     row->dirty = true;
   }
-  int noted = known_save(a, {}, [&] {
-    for (size_t i = 0; i < f->batch.size(); i++)
-      if (phone_state_set_mail_id(state, f->batch[i].row->row, ids[i]) < 0) return -1;
-    return 0;
-  });
+  int noted = save_batch(a, &f->batch,
+                         [&](pending *p) { return phone_state_set_mail_id(state, p->row->row, p->row->mail_id); });
   return noted < 0 ? HOST_LATER : HOST_OK;
 }
 
@@ -209,14 +220,15 @@ int flush(sender *s) {
 /* The watch has it already: from a run whose memory is lost, or that ended before it could note this. */
 int claim(followed *a, const mailbox_item &item, relay_row *row, const mime_mail &mail, int mail_id) {
   phone_state *state = a->r->state.get();
-  sent_mail kept = prepare(a, item, *row, mail).kept;
+  std::vector<pending> one;
+  one.push_back({row, prepare(a, item, *row, mail), item.key});
   row->state = relayed;
   row->mail_id = mail_id;
   row->dirty = true;
-  return known_save(a, {}, [&] {
-    if (phone_state_add_mail(state, &kept) < 0) return -1;
-    row->row = kept.row;
-    return phone_state_set_mail_id(state, kept.row, mail_id);
+  return save_batch(a, &one, [&](pending *p) {
+    if (phone_state_add_mail(state, &p->out.kept) < 0) return -1;
+    row->row = p->out.kept.row;
+    return phone_state_set_mail_id(state, row->row, mail_id);
   });
 }
 

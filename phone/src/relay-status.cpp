@@ -149,7 +149,7 @@ void status_write(relay *r) {
                         {"error", a->error}});
   std::string text = accounts.dump(-1, ' ', false, json::error_handler_t::replace);
   if (text == r->last_status) return;
-  if (relay_note_set(r->state.get(), note_accounts, text) == 0)
+  if (relay_note_tell(r->state.get(), note_accounts, text) == 0)
     r->last_status = text;
   else
     link_log(phone_state_error(r->state.get()));

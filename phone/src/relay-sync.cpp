@@ -230,13 +230,15 @@ int sync_steps(followed *a) {
   a->files = static_cast<int64_t>(l.items.size());
   std::vector<int> to_delete;
   std::vector<std::string> gone;
+  const bool rewritten = !a->rewritten.empty();
   add_new_rows(a, l);
   forget_rewritten(a, l, &to_delete);
   choose_window(a, &l);
   read_names(a, l);
   collect_leaving(a, l, &to_delete, &gone);
   int result = delete_from_watch(a, to_delete);
-  if (result == 0) {
+  /* What only came can wait for what becomes of it; but that a mailbox was known before must be known at any time. */
+  if (result == 0 && (!a->known_before || rewritten || !to_delete.empty() || !gone.empty())) {
     phone_state *state = a->r->state.get();
     result = known_save(a, gone, [&] { return phone_state_drop_mails(state, to_delete); });
   }

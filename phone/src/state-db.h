@@ -10,7 +10,15 @@
 struct phone_state {
   sql_db db;
   std::string error;
+  /* Kept ready: they run for every mail that is relayed. */
+  sql_statement add_mail, clear_mail_id, set_mail_id, write_row;
 };
+
+/* The statement that is kept, ready for values. */
+inline sql_statement *state_kept(phone_state *state, sql_statement *kept, const char *sql) {
+  if (!kept->is_prepared()) kept->prepare(&state->db, sql);
+  return kept;
+}
 
 /* Keeps what the database says, behind what could not be done. Returns -1. */
 int state_fail(phone_state *state, const char *what);

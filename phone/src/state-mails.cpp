@@ -11,25 +11,27 @@ constexpr int kRequestsKept = 10000;
 }  // namespace
 
 int phone_state_add_mail(phone_state *state, sent_mail *mail) {
-  sql_statement query(&state->db,
-                      "INSERT INTO mail (account_id, message_uid, first, body, source, message_id, refs, reply_to)"
-                      " VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
-  query.bind(mail->account_id, mail->message_uid, mail->first);
+  sql_statement *query =
+      state_kept(state, &state->add_mail,
+                 "INSERT INTO mail (account_id, message_uid, first, body, source, message_id, refs, reply_to)"
+                 " VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+  query->bind(mail->account_id, mail->message_uid, mail->first);
   if (mail->has_body)
-    query.add(mail->body);
+    query->add(mail->body);
   else
-    query.add(nullptr);
-  query.add(mail->source).add(mail->message_id).add(mail->references).add(mail->reply_to);
-  if (query.run() < 0) return state_fail(state, "the mail could not be kept");
+    query->add(nullptr);
+  query->add(mail->source).add(mail->message_id).add(mail->references).add(mail->reply_to);
+  if (query->run() < 0) return state_fail(state, "the mail could not be kept");
   mail->row = state->db.last_row();
   return 0;
 }
 
 int phone_state_set_mail_id(phone_state *state, int64_t row, int mail_id) {
   /* A number that another mail had belongs to a store that is gone. */
-  sql_statement clear(&state->db, "UPDATE mail SET mail_id = NULL WHERE mail_id = ? AND row <> ?");
-  sql_statement query(&state->db, "UPDATE mail SET mail_id = ? WHERE row = ?");
-  if (clear.bind(mail_id, row).run() < 0 || query.bind(mail_id, row).run() < 0)
+  sql_statement *clear =
+      state_kept(state, &state->clear_mail_id, "UPDATE mail SET mail_id = NULL WHERE mail_id = ? AND row <> ?");
+  sql_statement *set = state_kept(state, &state->set_mail_id, "UPDATE mail SET mail_id = ? WHERE row = ?");
+  if (clear->bind(mail_id, row).run() < 0 || set->bind(mail_id, row).run() < 0)
     return state_fail(state, "the mail could not be kept");
   return 0;
 }

@@ -42,21 +42,24 @@ int relay_rows_load(phone_state *state, const std::string &account, relay_rows *
   return result == sql_done ? 0 : state_fail(state, kCannotRead);
 }
 
+int relay_row_write(phone_state *state, const std::string &account, const std::string &key, const relay_row &row) {
+  sql_statement *write =
+      state_kept(state, &state->write_row,
+                 "INSERT INTO relay_mail (account, file, identity, size, time, row, mail_id, state, seen,"
+                 " want_seen, trouble, batch, want_gone) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
+                 " ON CONFLICT (account, file) DO UPDATE SET identity = excluded.identity, size = excluded.size,"
+                 " time = excluded.time, row = excluded.row, mail_id = excluded.mail_id, state = excluded.state,"
+                 " seen = excluded.seen, want_seen = excluded.want_seen, trouble = excluded.trouble,"
+                 " batch = excluded.batch, want_gone = excluded.want_gone");
+  write->bind(account, key, row.identity, row.size, row.time, row.row, row.mail_id, row.state, row.seen, row.want_seen,
+              row.trouble, row.batch, row.want_gone);
+  return write->run() < 0 ? state_fail(state, kCannotWrite) : 0;
+}
+
 int relay_rows_write(phone_state *state, const std::string &account, const relay_rows &rows,
                      const std::vector<std::string> &gone) {
-  sql_statement write(&state->db,
-                      "INSERT INTO relay_mail (account, file, identity, size, time, row, mail_id, state, seen,"
-                      " want_seen, trouble, batch, want_gone) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
-                      " ON CONFLICT (account, file) DO UPDATE SET identity = excluded.identity, size = excluded.size,"
-                      " time = excluded.time, row = excluded.row, mail_id = excluded.mail_id, state = excluded.state,"
-                      " seen = excluded.seen, want_seen = excluded.want_seen, trouble = excluded.trouble,"
-                      " batch = excluded.batch, want_gone = excluded.want_gone");
-  for (const auto &[key, row] : rows) {
-    if (!row.dirty) continue;
-    write.bind(account, key, row.identity, row.size, row.time, row.row, row.mail_id, row.state, row.seen, row.want_seen,
-               row.trouble, row.batch, row.want_gone);
-    if (write.run() < 0) return state_fail(state, kCannotWrite);
-  }
+  for (const auto &[key, row] : rows)
+    if (row.dirty && relay_row_write(state, account, key, row) < 0) return -1;
   sql_statement forget(&state->db, "DELETE FROM relay_mail WHERE account = ? AND file = ?");
   for (const std::string &key : gone)
     if (forget.bind(account, key).run() < 0) return state_fail(state, kCannotWrite);
@@ -130,6 +133,12 @@ int relay_account_keep(phone_state *state, const std::string &name, const relay_
 int relay_note_set(phone_state *state, const char *key, const std::string &value) {
   sql_statement query(&state->db, "INSERT OR REPLACE INTO relay_status (key, value) VALUES (?, ?)");
   return query.bind(key, value).run() == 0 ? 0 : state_fail(state, kCannotWrite);
+}
+
+int relay_note_tell(phone_state *state, const char *key, const std::string &value) {
+  if (state->db.run("PRAGMA synchronous=NORMAL") < 0) return state_fail(state, kCannotWrite);
+  int result = relay_note_set(state, key, value);
+  return state->db.run("PRAGMA synchronous=FULL") < 0 ? state_fail(state, kCannotWrite) : result;
 }
 
 int relay_note_get(phone_state *state, const char *key, std::string *value) {

@@ -36,6 +36,7 @@ struct relay_row {
 using relay_rows = std::unordered_map<std::string, relay_row>; /* by the message's key in its mailbox */
 
 int relay_rows_load(phone_state *state, const std::string &account, relay_rows *rows);
+int relay_row_write(phone_state *state, const std::string &account, const std::string &key, const relay_row &row);
 /* Writes the dirty rows and forgets those of the keys in `gone`. The rows stay dirty: they are clean when the change
    around this is on disk. */
 int relay_rows_write(phone_state *state, const std::string &account, const relay_rows &rows,
@@ -66,6 +67,8 @@ constexpr char note_of_link[] = "link", note_accounts[] = "accounts", note_pid[]
 /* "1" while mails were deleted whose numbers never reached the phone. */
 constexpr char note_unknown_deletions[] = "unknown-deletions";
 int relay_note_set(phone_state *state, const char *key, const std::string &value);
+/* The same for what is only shown: on disk with whatever is written next. */
+int relay_note_tell(phone_state *state, const char *key, const std::string &value);
 /* Returns 1 found, 0 (then *value is empty), or -1. */
 int relay_note_get(phone_state *state, const char *key, std::string *value);
 
