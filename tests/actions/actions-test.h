@@ -3,6 +3,7 @@
 #define BRISEL_ACTIONS_TEST_H
 
 #include "app-test.h"
+#include "cases.h"
 #include "contacts.h"
 #include "vconf.h"
 
@@ -25,6 +26,10 @@ struct acting : testing::Test {
   /* Nothing of that kind was asked for: a request sent later arrives alone. */
   void expect_no_request(const char *kind);
 };
+
+inline std::vector<case_row> cases(const char *name, size_t fields) {
+  return table_of(CASES_DIR "/actions.txt", name, fields);
+}
 
 /* The view stack. */
 int views(void);

@@ -123,26 +123,15 @@ TEST_F(deleting, TheMailReadBeforeIsNotOpen) {
 
 TEST_F(deleting, TheCountSpeaksEveryLanguage) {
   open(5);
-  const struct {
-    const char *locale;
-    std::vector<std::string> two_and_five;
-  } table[] = {
-      {"de_DE.UTF-8", {"2 E-Mails werden nur von der Uhr gelöscht.", "5 E-Mails werden nur von der Uhr gelöscht."}},
-      {"pl_PL.UTF-8",
-       {"2 e-maile zostaną usunięte tylko z zegarka.", "5 e-maili zostanie usuniętych tylko z zegarka."}},
-      {"ru_RU.UTF-8", {"2 письма будут удалены только с часов.", "5 писем будет удалено только с часов."}},
-      {"ja_JP.UTF-8", {"2件のメールをウォッチからのみ削除します。", "5件のメールをウォッチからのみ削除します。"}},
-      {"ar_EG.UTF-8", {"ستُحذف رسالتان (٢) من الساعة فقط.", "ستُحذف ٥ رسائل من الساعة فقط."}},
-  };
   for (int selected : {2, 5}) {
     for (int i = selected == 2 ? 0 : 2; i < selected; i++) tap_row(i, list());
     press("btn2");
-    for (const auto &one : table) {
-      SCOPED_TRACE(one.locale);
-      vconf_set_str(BRISEL_KEY_REGION, one.locale);
-      EXPECT_TRUE(run_until([&] { return std::string(test_ad.locale) == std::string(one.locale).substr(0, 5); }));
-      language(one.locale);
-      EXPECT_TRUE(visible(one.two_and_five[selected == 5]));
+    for (const case_row &one : cases("counts: locale, two mails, five mails", 3)) {
+      SCOPED_TRACE(one[0]);
+      vconf_set_str(BRISEL_KEY_REGION, one.text(0));
+      EXPECT_TRUE(run_until([&] { return test_ad.locale == one[0].substr(0, 5); }));
+      language(one.text(0));
+      EXPECT_TRUE(visible(one[selected == 5 ? 2 : 1]));
     }
     back();
     settle();

@@ -61,32 +61,16 @@ struct options : acting {
 };
 
 TEST_F(options, AddressesOfDigitsAreNumbers) {
-  const std::string long_digits(300, '7');
-  const struct {
-    std::string address, number;
-    const char *log;
-  } table[] = {
-      {"1234567@example.org", "1234567", "I/It is a phone number!"},
-      {"12345678", "12345678", nullptr},
-      {"123456@example.org", "", "I/It is a phone number!"},
-      {"123456", "", nullptr},
-      {"+1234567@example.org", "", "I/It is not a phone number!"},
-      {"a1234567@example.org", "", "I/It is not a phone number!"},
-      {"1234567.8@example.org", "", "I/It is not a phone number!"},
-      {"", "", nullptr},
-      {long_digits, std::string(255, '7'), nullptr},
-      {long_digits + "@example.org", std::string(255, '7'), "I/It is a phone number!"},
-  };
   const std::vector<int> ids = start({{.from_name = "Somebody", .from_address = "x@example.org"}});
-  for (const auto &one : table) {
-    SCOPED_TRACE(one.address.substr(0, 40));
-    phone.set_text(ids[0], "from_address", one.address);
+  for (const case_row &one : cases("addresses of digits: address, number, what the log says of it", 3)) {
+    SCOPED_TRACE(one[0].substr(0, 40));
+    phone.set_text(ids[0], "from_address", one[0]);
     log_mark();
     open(ids[0]);
-    EXPECT_EQ(rows().size(), one.number.empty() ? 3u : 4u);
-    if (!one.number.empty()) EXPECT_EQ(rows().at(0), call + "|" + one.number);
+    EXPECT_EQ(rows().size(), one[1].empty() ? 3u : 4u);
+    if (!one[1].empty()) EXPECT_EQ(rows().at(0), call + "|" + one[1]);
     for (const char *line : {"I/It is a phone number!", "I/It is not a phone number!"})
-      EXPECT_EQ(logged(line), one.log && !strcmp(one.log, line)) << line;
+      EXPECT_EQ(logged(line), one[2] == line) << line;
     back();
     views_become(1);
   }

@@ -229,45 +229,18 @@ TEST_F(replies, TheTypedViewFollowsTheKeypadAndSendsOnce) {
 }
 
 TEST_F(replies, TheLimitRefusesWholeCharacters) {
-  const std::string family = "👨‍👩‍👧", flag = "🇳🇱";
-  const auto x = [](size_t count) { return std::string(count, 'x'); };
-  std::vector<std::string> accents = {"a"};
-  std::string accents_kept = "a";
-  for (int i = 0; i < 40; i++) accents.push_back("\u0301");
-  for (int i = 0; i < 34; i++) accents_kept += "\u0301";
-  const struct {
-    const char *what;
-    std::vector<std::string> keys;
-    std::string kept;
-    bool full;
-  } table[] = {
-      {"fits", {x(35)}, x(35), false},
-      {"one key too many", {x(35), "y"}, x(35), true},
-      {"a key of several characters", {x(33), ":-)"}, x(33), true},
-      {"pasted too long", {x(25), "0123456789ABC"}, x(25) + "0123456789", true},
-      {"emoji of several code points fits", {x(30), family}, x(30) + family, false},
-      {"emoji in parts", {x(33), "👨", "\u200d", "👩"}, x(33), true},
-      {"half a flag", {x(34), "🇳", "🇱"}, x(34), true},
-      {"flag at the end of what was pasted", {x(29), "abcdefg" + flag}, x(29) + "abcdef", true},
-      {"accent after its letter", {x(34), "e", "\u0301"}, x(34) + "e", true},
-      {"accent with its letter", {x(34), "e\u0301"}, x(34), true},
-      {"accent that fits", {x(33), "e", "\u0301"}, x(33) + "e\u0301", false},
-      {"vowel sign after its consonant", {x(33), "न", "म", "\u0947"}, x(33) + "नम", true},
-      {"a letter with accents without end", accents, accents_kept, true},
-      {"markup counts as what it shows", {x(33), "<&"}, x(33) + "<&", false},
-  };
   open_typed(start_one({.from_name = "Ann"}));
-  for (const auto &one : table) {
-    SCOPED_TRACE(one.what);
+  for (const case_row &one : cases("typed: what, the keys, what stays, whether the limit was reached", 4)) {
+    SCOPED_TRACE(one[0]);
     elm_entry_entry_set(entry, "");
     tap(middle_of(entry));
     EXPECT_TRUE(run_until([] { return keypad_shown(); }));
-    for (const std::string &key_text : one.keys) type(key_text);
-    EXPECT_EQ(typed(), one.kept);
-    EXPECT_EQ(shown("elm.text.left"), std::to_string(35 - g_utf8_strlen(one.kept.c_str(), -1)));
+    for (const std::string &key_text : one.words(1)) type(key_text);
+    EXPECT_EQ(typed(), one[2]);
+    EXPECT_EQ(shown("elm.text.left"), std::to_string(35 - g_utf8_strlen(one.text(2), -1)));
     // Only what was refused closes the keypad, and the toast comes when it has gone, once.
-    EXPECT_EQ(!keypad_shown(), one.full);
-    if (one.full) {
+    EXPECT_EQ(!keypad_shown(), one.number(3) == 1);
+    if (one.number(3)) {
       EXPECT_TRUE(visible(limit_toast));
       // What the keyboard brings next goes nowhere: not to the button, which would send.
       key("space");
