@@ -7,6 +7,7 @@
 #include <cstring>
 #include <set>
 
+#include "cases.h"
 #include "driver.h"
 
 using lines = std::vector<std::string>;
@@ -14,8 +15,14 @@ using lines = std::vector<std::string>;
 namespace {
 
 const char probe[] = PROBE;
+const std::string CASES = CASES_DIR "/platform.txt";
 constexpr char link_popup[] = "com.vextora.bt-connection-popup";
 constexpr char link_key[] = "memory/wms/wmanager_connected";
+
+ran ask_bus(const std::string &method, const std::string &name) {
+  return run({"gdbus", "call", "--session", "--dest", "org.freedesktop.DBus", "--object-path", "/", "--method",
+              "org.freedesktop.DBus." + method, name});
+}
 
 /* A started probe: its first two lines are read. */
 struct Framework : testing::Test {
@@ -39,28 +46,8 @@ struct Framework : testing::Test {
 };
 
 TEST_F(Framework, PausesAndResumesOncePerChange) {
-  const struct {
-    const char *action;
-    lines told;
-  } table[] = {
-      {"lower", {"pause"}},
-      {"lower", {}},
-      {"activate", {"resume"}},
-      {"activate", {}},
-      {"hide", {"pause"}},
-      {"lower", {}},
-      {"show", {"resume"}},
-      {"iconify", {"pause"}},
-      {"hide", {}},
-      {"show", {}},
-      {"restore", {"resume"}},
-      {"lower-twice", {"pause"}},
-      {"activate", {"resume"}},
-      {"lower-activate", {}},
-      {"iconify", {"pause"}},
-      {"activate", {"resume"}},
-  };
-  for (const auto &row : table) EXPECT_EQ(act(row.action), row.told) << row.action;
+  for (const case_row &row : table_of(CASES, "sight: what the application does with its window, what it is told", 2))
+    EXPECT_EQ(act(row[0]), row.words(1)) << row[0];
 }
 
 TEST_F(Framework, FollowsTheWatchInAndOut) {
@@ -130,10 +117,7 @@ TEST_F(Framework, HandsASecondStartToTheFirst) {
 TEST(FrameworkStart, KeepsALaunchUntilItIsCreated) {
   child app({probe, "--service"}, {{"PROBE_CREATE_DELAY", "700"}});
   /* Its name is there long before its window. */
-  while (run({"gdbus", "call", "--session", "--dest", "org.freedesktop.DBus", "--object-path", "/", "--method",
-              "org.freedesktop.DBus.GetNameOwner", "com.vextora.probe"})
-             .code != 0)
-    usleep(10000);
+  while (ask_bus("GetNameOwner", "com.vextora.probe").code != 0) usleep(10000);
   must({"launch", "x=early"});
   EXPECT_EQ(app.line(), "create 320x320 No emails");
   EXPECT_EQ(app.line(), "service scene= do= x=early") << "and no launch of its own before";
@@ -196,8 +180,7 @@ TEST_F(Framework, HearsWhatBecameOfItsLaunches) {
   must({"launch", std::string("send=") + link_popup});
   app.until("sent 0");
   popup({"dump"});
-  const ran owner = run({"gdbus", "call", "--session", "--dest", "org.freedesktop.DBus", "--object-path", "/",
-                         "--method", "org.freedesktop.DBus.GetConnectionUnixProcessID", link_popup});
+  const ran owner = ask_bus("GetConnectionUnixProcessID", link_popup);
   const int pid = atoi(owner.out.c_str() + owner.out.find(' ') + 1);
   ASSERT_GT(pid, 1) << owner.out;
   kill(pid, SIGKILL);

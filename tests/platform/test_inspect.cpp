@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "cases.h"
 #include "driver.h"
 
 using lines = std::vector<std::string>;
@@ -13,6 +14,7 @@ using lines = std::vector<std::string>;
 namespace {
 
 const char probe[] = PROBE;
+const std::string CASES = CASES_DIR "/platform.txt";
 
 /* A probe that shows one scene. */
 struct scene {
@@ -35,27 +37,14 @@ TEST(Inspect, SeesTheTextsThatAPersonSees) {
   EXPECT_EQ(all["window"]["width"], 320);
   for (const char *unseen : {"hidden", "clear", "outside", "clipped away"})
     EXPECT_TRUE(text(all, unseen).is_null()) << unseen;
-  const struct {
-    const char *text;
-    int x;
-    int y;
-    double size;
-    const char *color;
-    bool covered;
-  } table[] = {
-      {"plain", 10, 10, 20, "#FF0000FF", false},
-      {"half clipped and tinted", 10, 100, 20, "#FF000080", false},
-      {"under", 10, 160, 20, "#FF0000FF", true},
-      {"a <b> & é\nsecond", 10, 200, 30, "#00FF0080", false},
-  };
-  for (const auto &row : table) {
-    const nlohmann::json shown = text(all, row.text);
-    ASSERT_TRUE(shown.is_object()) << row.text << " in " << all.dump();
-    EXPECT_EQ(shown["x"], row.x) << row.text;
-    EXPECT_EQ(shown["y"], row.y) << row.text;
-    EXPECT_EQ(shown["font_size"], row.size) << row.text;
-    EXPECT_EQ(shown["color"], row.color) << row.text;
-    EXPECT_EQ(shown["covered"], row.covered) << row.text;
+  for (const case_row &row : table_of(CASES, "texts in sight: text, x, y, size, colour, covered", 6)) {
+    const nlohmann::json shown = text(all, row[0]);
+    ASSERT_TRUE(shown.is_object()) << row[0] << " in " << all.dump();
+    EXPECT_EQ(shown["x"], row.number(1)) << row[0];
+    EXPECT_EQ(shown["y"], row.number(2)) << row[0];
+    EXPECT_EQ(shown["font_size"], row.number(3)) << row[0];
+    EXPECT_EQ(shown["color"], row[4]) << row[0];
+    EXPECT_EQ(shown["covered"], row[5] == "1") << row[0];
   }
   EXPECT_EQ(text(all, "half clipped and tinted")["width"], 40) << "only what the clipper leaves";
 }
@@ -96,47 +85,22 @@ TEST(Inspect, IsRefusedUnlessAllowed) {
 }
 
 TEST(Watchctl, SaysInOneLineWhatIsWrong) {
-  const struct {
-    lines words;
-    const char *said;
-  } table[] = {
-      {{"tap", "1", "1"}, "com.vextora.probe is not running"},
-      {{"key", "left"}, "left not in"},
-      {{"setting", "get", "no/such"}, "no readable setting no/such"},
-      {{"setting", "set", "a/b", "int", "12x"}, "not an int: 12x"},
-      {{"setting", "set", "a/b", "bool", "yes"}, "a bool is true or false: yes"},
-      {{"setting", "set", "../a", "int", "1"}, "cannot be written"},
-      {{"contact", "remove", "nobody@nowhere.example"}, "nobody has the address"},
-      {{"contact", "import", "/nonexistent.vcf"}, "/nonexistent.vcf"},
-      {{"launch", "novalue"}, "not KEY=VALUE: novalue"},
-      {{"pinch", "1", "1", "0"}, "not in range"},
-      {{"pickover"}, "nothing on screen"},
-      {{"timezone", "Mars/Olympus"}, "no such time zone"},
-      {{"quit"}, "com.vextora.probe is not running"},
-      {{"dance"}, "brisel-watchctl: "},
-  };
-  for (const auto &row : table) {
-    const ran result = watch(row.words);
-    EXPECT_NE(result.code, 0) << row.words[0];
-    EXPECT_EQ(result.out, "") << row.words[0];
-    EXPECT_NE(result.err.find(row.said), std::string::npos) << result.err;
+  for (const case_row &row : table_of(CASES, "refusals: the command, what it says", 2)) {
+    const ran result = watch(row.words(0));
+    EXPECT_NE(result.code, 0) << row[0];
+    EXPECT_EQ(result.out, "") << row[0];
+    EXPECT_NE(result.err.find(row[1]), std::string::npos) << result.err;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
   }
 }
 
 TEST(Watchctl, KeepsSettingsOfEveryType) {
-  const struct {
-    const char *type;
-    const char *value;
-    const char *printed;
-  } table[] = {{"bool", "true", "true"}, {"bool", "0", "false"},           {"int", "-7", "-7"},
-               {"string", "", ""},       {"string", "-x ü\ny", "-x ü\ny"}, {"int", "2147483647", "2147483647"}};
-  for (const auto &row : table) {
-    must({"setting", "set", "test/value", row.type, "--", row.value});
-    EXPECT_EQ(watch({"setting", "get", "test/value"}).out, std::string(row.printed) + "\n");
+  for (const case_row &row : table_of(CASES, "settings: type, value, as printed", 3)) {
+    must({"setting", "set", "test/value", row[0], "--", row[1]});
+    EXPECT_EQ(watch({"setting", "get", "test/value"}).out, row[2] + "\n");
     const nlohmann::json all = nlohmann::json::parse(watch({"setting", "list", "--json"}).out, nullptr, false);
     EXPECT_TRUE(std::any_of(all.begin(), all.end(), [&row](const nlohmann::json &one) {
-      return one["key"] == "test/value" && one["type"] == row.type;
+      return one["key"] == "test/value" && one["type"] == row[0];
     }));
   }
   must({"setting", "unset", "test/value"});
