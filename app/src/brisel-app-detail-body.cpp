@@ -3,6 +3,7 @@
 
 #include <Elementary.h>
 #include <unicode/uchar.h>
+#include <unicode/uscript.h>
 
 #include <algorithm>
 #include <climits>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "brisel-app-detail-fold.h"
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
 #include "platform-paths.h"
@@ -45,6 +47,7 @@ struct detail_body {
   Evas_Object *scroller;
   Evas_Object *rest; /* the smart object in the part "detail.body_rest", NULL without such a part */
   std::string text;
+  std::vector<text_mark> marks;
   std::vector<text_block> blocks;
   int font_size;
   int width;                            /* the width that heights were measured with */
@@ -52,33 +55,16 @@ struct detail_body {
   double measured_bytes, measured_high; /* what the estimate is made of */
   bool is_resized;                      /* the part or the view has a new size */
   bool first_settled;                   /* the first block has given its unfinished line away */
+  size_t top;                           /* offset of the text at the top of the screen; npos: what is above it */
   size_t anchor;                        /* offset of the text to keep at the top of the screen; npos: none */
   int anchor_passes;                    /* how often it is still aimed at: what it comes to rest on gets measured */
 };
 
 static constexpr size_t no_anchor = std::string::npos;
+/* What is aimed at may move while the blocks above it are laid out for the first time. */
+constexpr int anchor_passes_max = 6;
 
 /* --- the text and where it is cut ------------------------------------------------------------------------------ */
-
-/* Valid UTF-8 with '\n' as its only line break, so that one character of the text is one of the layout. */
-static std::string _plain_text(const char *text, size_t length) {
-  char *valid = g_utf8_make_valid(text, (gssize)length);
-  std::string plain;
-  plain.reserve(strlen(valid));
-  for (const char *s = valid; *s;) {
-    if (*s == '\r') {
-      if (s[1] != '\n') plain += '\n';
-      s++;
-    } else if (!strncmp(s, "\xE2\x80\xA8", 3) || !strncmp(s, "\xE2\x80\xA9", 3)) {
-      plain += '\n';
-      s += 3;
-    } else {
-      plain += *s++;
-    }
-  }
-  g_free(valid);
-  return plain;
-}
 
 static bool _joins_the_one_before(gunichar c) {
   return c == 0x200D || (c >= 0xFE00 && c <= 0xFE0F) || (c >= 0x1F3FB && c <= 0x1F3FF) || g_unichar_ismark(c);
@@ -149,18 +135,65 @@ static void _cut_rest(detail_body *body) {
   }
 }
 
+/* East Asian fonts have tall ornaments: the text engine gives the first line of a text the room of the highest letter
+   of its font, and the last the room of the lowest, which together are another line's height. A line of one pixel above
+   and one below take that room from the lines that are read. */
+static const char first_line[] = "<font_size=1><br/></font_size>", last_line[] = "<font_size=1><br/> </font_size>";
+
+static bool _is_east_asian(const char *text, size_t length) {
+  for (const char *s = text, *end = text + length; s < end; s = g_utf8_next_char(s)) {
+    UErrorCode status = U_ZERO_ERROR;
+    gunichar c = g_utf8_get_char(s);
+    if (c < 0x1100) continue;
+    UScriptCode script = uscript_getScript((UChar32)c, &status);
+    if (script == USCRIPT_HAN || script == USCRIPT_HIRAGANA || script == USCRIPT_KATAKANA || script == USCRIPT_HANGUL ||
+        script == USCRIPT_BOPOMOFO || (c >= 0x3000 && c < 0x3040) || (c >= 0xFF00 && c < 0xFFE7))
+      return true;
+  }
+  return false;
+}
+
+char *brisel_detail_tight_markup(const char *text, const char *markup) {
+  return _is_east_asian(text, strlen(text)) ? g_strconcat(first_line, markup, last_line, nullptr) : g_strdup(markup);
+}
+
+/* The end of what a block shows: the line break between two blocks is the step from one to the other. */
+static size_t _shown_end(const detail_body *body, size_t index) {
+  size_t end = _end_of(body, index);
+  return index + 1 < body->blocks.size() && body->text[end - 1] == '\n' ? end - 1 : end;
+}
+
+/* How many characters a block's layout has before the text. */
+static int _characters_before(const detail_body *body, size_t index) {
+  const text_block &block = body->blocks[index];
+  int marks = _starts_inside_paragraph(body, index) && block.along != direction::none ? 1 : 0;
+  return marks + (_is_east_asian(body->text.c_str() + block.start, _shown_end(body, index) - block.start) ? 1 : 0);
+}
+
 static scoped_text _markup_of_block(const detail_body *body, size_t index) {
   const text_block &block = body->blocks[index];
-  std::string shown;
+  std::string markup;
+  auto append = [&markup](const std::string &text) {
+    scoped_text part(brisel_util_text_to_markup_whole(text.c_str()));
+    markup += part ? part.get() : "";
+  };
   if (_starts_inside_paragraph(body, index)) {
-    if (block.along == direction::left_to_right) shown = "\xE2\x80\x8E";
-    if (block.along == direction::right_to_left) shown = "\xE2\x80\x8F";
+    if (block.along == direction::left_to_right) append("\xE2\x80\x8E");
+    if (block.along == direction::right_to_left) append("\xE2\x80\x8F");
   }
-  size_t end = _end_of(body, index);
-  /* The line break between two blocks is the step from one to the other. */
-  if (index + 1 < body->blocks.size() && body->text[end - 1] == '\n') end--;
-  shown.append(body->text, block.start, end - block.start);
-  return scoped_text(brisel_util_text_to_markup_whole(shown.c_str()));
+  size_t at = block.start, end = _shown_end(body, index);
+  for (const text_mark &mark : body->marks) {
+    size_t from = std::max(at, mark.start), to = std::min(end, mark.start + mark.length);
+    if (from >= to) continue;
+    append(body->text.substr(at, from - at));
+    markup += "<fold>";
+    append(body->text.substr(from, to - from));
+    markup += "</fold>";
+    at = to;
+  }
+  append(body->text.substr(at, end - at));
+  if (_is_east_asian(body->text.c_str() + block.start, end - block.start)) markup = first_line + markup + last_line;
+  return scoped_text(strdup(markup.c_str()));
 }
 
 /* --- laying blocks out ------------------------------------------------------------------------------------------ */
@@ -187,14 +220,15 @@ static size_t _unfinished_line(const detail_body *body, size_t index, const Evas
   Evas_Object *text = (Evas_Object *)edje_object_part_object_get(edje, body_part);
   Evas_Textblock_Cursor *cursor = text ? evas_object_textblock_cursor_new(text) : nullptr;
   if (!cursor) return std::string::npos;
-  evas_textblock_cursor_paragraph_last(cursor);
-  evas_textblock_cursor_line_char_first(cursor);
-  int characters = evas_textblock_cursor_pos_get(cursor);
-  evas_textblock_cursor_free(cursor);
   const text_block &block = body->blocks[index];
-  if (_starts_inside_paragraph(body, index) && block.along != direction::none) characters--;
-  if (characters <= 0) return std::string::npos;
   const char *base = body->text.c_str();
+  int before = _characters_before(body, index);
+  long last = before + g_utf8_strlen(base + block.start, (gssize)(_shown_end(body, index) - block.start)) - 1;
+  evas_textblock_cursor_pos_set(cursor, (int)last);
+  evas_textblock_cursor_line_char_first(cursor);
+  int characters = evas_textblock_cursor_pos_get(cursor) - before;
+  evas_textblock_cursor_free(cursor);
+  if (characters <= 0) return std::string::npos;
   size_t start = (size_t)(g_utf8_offset_to_pointer(base + block.start, characters) - base);
   return start < next.start ? start : std::string::npos;
 }
@@ -275,24 +309,52 @@ static void _measure_anew(detail_body *body) {
   _show_first_block(body);
 }
 
-static size_t _anchor_of(detail_body *body) {
-  int y = 0, top = 0;
-  evas_object_geometry_get(body->rest, nullptr, &y, nullptr, nullptr);
-  evas_object_geometry_get(body->scroller, nullptr, &top, nullptr, nullptr);
-  for (size_t i = 1; i < body->blocks.size(); i++) {
-    int height = _height_of(body, i);
-    if (y <= top && top < y + height) {
-      double part = (double)(top - y) / height;
-      return body->blocks[i].start + (size_t)(part * (double)(_end_of(body, i) - body->blocks[i].start));
-    }
-    y += height;
+/* --- places on the screen --- */
+
+/* The laid-out text of a block and where it stands on the canvas, or NULL. */
+static Evas_Object *_text_of_block(const detail_body *body, size_t index, int *y, int *height) {
+  const Evas_Object *edje = index ? body->blocks[index].shown : elm_layout_edje_get(body->layout);
+  Evas_Object *text = edje ? (Evas_Object *)edje_object_part_object_get(edje, body_part) : nullptr;
+  if (text) evas_object_geometry_get(text, nullptr, y, nullptr, height);
+  return text;
+}
+
+/* Where in the body's text the line begins that is at that height of the canvas, or npos. */
+static size_t _line_at(const detail_body *body, int y) {
+  for (size_t i = 0; i < body->blocks.size(); i++) {
+    int top = 0, height = 0;
+    Evas_Object *text = _text_of_block(body, i, &top, &height);
+    if (!text || y < top || y >= top + height) continue;
+    Evas_Textblock_Cursor *cursor = evas_object_textblock_cursor_new(text);
+    evas_textblock_cursor_line_coord_set(cursor, y - top);
+    evas_textblock_cursor_line_char_first(cursor);
+    int characters = std::max(0, evas_textblock_cursor_pos_get(cursor) - _characters_before(body, i));
+    evas_textblock_cursor_free(cursor);
+    const char *start = body->text.c_str() + body->blocks[i].start;
+    long all = g_utf8_strlen(start, (gssize)(_shown_end(body, i) - body->blocks[i].start));
+    return (size_t)(g_utf8_offset_to_pointer(start, std::min((long)characters, all)) - body->text.c_str());
   }
   return no_anchor;
 }
 
-static void _set_anchor(detail_body *body) {
-  body->anchor = _anchor_of(body);
-  body->anchor_passes = 3;
+/* How far below a block's upper edge the line of that byte is. A block that is not laid out tells by its share. */
+static int _line_top(const detail_body *body, size_t index, size_t at) {
+  const text_block &block = body->blocks[index];
+  int y = 0, height = 0, line = 0;
+  Evas_Object *text = _text_of_block(body, index, &y, &height);
+  if (!text) return (int)(block.height * (double)(at - block.start) / (double)(_end_of(body, index) - block.start));
+  Evas_Textblock_Cursor *cursor = evas_object_textblock_cursor_new(text);
+  long characters = g_utf8_strlen(body->text.c_str() + block.start, (gssize)(at - block.start));
+  evas_textblock_cursor_pos_set(cursor, (int)characters + _characters_before(body, index));
+  evas_textblock_cursor_line_geometry_get(cursor, nullptr, &line, nullptr, nullptr);
+  evas_textblock_cursor_free(cursor);
+  return line;
+}
+
+static void _set_anchor(detail_body *body, size_t at) {
+  body->anchor = at;
+  body->anchor_passes = at == no_anchor ? 0 : anchor_passes_max;
+  if (body->rest && at != no_anchor) evas_object_smart_changed(body->rest);
 }
 
 static void _scroll_by(detail_body *body, int distance) {
@@ -326,11 +388,11 @@ static void _follow_view_width(detail_body *body) {
 static void _arrange(detail_body *body) {
   int x = 0, y = 0, w = 0, screen_h = 0, top = 0, view_h = 0;
   evas_object_geometry_get(body->rest, &x, &y, &w, nullptr);
-  if (w <= 0 || body->blocks.size() < 2) return;
+  if (w <= 0) return;
   if (w != body->width) {
-    if (body->width && body->anchor == no_anchor) _set_anchor(body);
+    if (body->width && body->anchor == no_anchor) _set_anchor(body, body->top);
     body->width = w;
-    _measure_anew(body);
+    if (body->blocks.size() > 1) _measure_anew(body);
   }
   _settle_first_block(body);
   evas_output_size_get(evas_object_evas_get(body->rest), nullptr, &screen_h);
@@ -340,6 +402,10 @@ static void _arrange(detail_body *body) {
   int moved = 0; /* how far what is on the screen was pushed by blocks above it */
   int to_anchor = INT_MIN;
   bool may_prepare = true;
+  if (body->anchor < _end_of(body, 0)) {
+    int first_y = 0;
+    if (_text_of_block(body, 0, &first_y, nullptr)) to_anchor = first_y + _line_top(body, 0, body->anchor) - top;
+  }
   for (size_t i = 1; i < body->blocks.size(); i++) {
     text_block &block = body->blocks[i];
     int height = _height_of(body, i);
@@ -361,18 +427,19 @@ static void _arrange(detail_body *body) {
       evas_object_move(block.shown, x, y);
       evas_object_resize(block.shown, w, height);
     }
-    if (body->anchor != no_anchor && block.start <= body->anchor && body->anchor < _end_of(body, i)) {
-      double part = (double)(body->anchor - block.start) / (double)(_end_of(body, i) - block.start);
-      to_anchor = y + (int)(part * height) - top;
-    }
+    if (body->anchor != no_anchor && block.start <= body->anchor && body->anchor < _end_of(body, i))
+      to_anchor = y + _line_top(body, i, body->anchor) - top;
     y += height;
   }
   _update_least_size(body);
   /* What is above the screen turned out higher or lower than guessed: what is on it stays where it is. */
   if (to_anchor != INT_MIN) moved = to_anchor;
-  if (body->anchor != no_anchor && --body->anchor_passes == 0) body->anchor = no_anchor;
+  if (body->anchor != no_anchor && --body->anchor_passes <= 0) body->anchor = no_anchor;
   if (moved) _scroll_by(body, moved);
-  if (body->anchor != no_anchor) evas_object_smart_changed(body->rest);
+  if (body->anchor != no_anchor)
+    evas_object_smart_changed(body->rest);
+  else
+    body->top = _line_at(body, top);
 }
 
 /* --- the object in the part "detail.body_rest" -------------------------------------------------------------------- */
@@ -447,7 +514,7 @@ void brisel_detail_body_attach(Evas_Object *layout, Evas_Object *scroller) {
   body->layout = layout;
   body->scroller = scroller;
   body->font_size = 1;
-  body->anchor = no_anchor;
+  body->anchor = body->top = no_anchor;
   body->blocks.push_back({});
   evas_object_data_set(layout, body_key, body);
   evas_object_event_callback_add(layout, EVAS_CALLBACK_DEL, _layout_deleted_cb, body);
@@ -460,10 +527,11 @@ void brisel_detail_body_attach(Evas_Object *layout, Evas_Object *scroller) {
   elm_object_part_content_set(layout, rest_part, body->rest);
 }
 
-void brisel_detail_body_set(Evas_Object *layout, const char *text, size_t length) {
+void brisel_detail_body_set(Evas_Object *layout, const char *text, size_t length, const std::vector<text_mark> &marks) {
   detail_body *body = _body_of(layout);
   if (!body) return;
-  std::string plain = _plain_text(text, length);
+  std::string plain = brisel_detail_plain_text(text, length);
+  body->marks = marks;
   bool fresh = body->text.empty();
   if (!fresh && plain == body->text) return;
   size_t same = 0, most = std::min(plain.size(), body->text.size());
@@ -493,11 +561,28 @@ void brisel_detail_body_set_font_size(Evas_Object *layout, int size) {
   detail_body *body = _body_of(layout);
   if (!body || body->font_size == size) return;
   body->font_size = size;
-  if (!body->rest || body->blocks.size() < 2) return;
-  if (body->width) _set_anchor(body);
+  if (!body->rest) return;
+  if (body->width) _set_anchor(body, body->top);
+  if (body->blocks.size() < 2) return;
   _measure_anew(body);
   _update_least_size(body);
   evas_object_smart_changed(body->rest);
+}
+
+size_t brisel_detail_body_top(Evas_Object *layout) {
+  const detail_body *body = _body_of(layout);
+  if (!body) return no_anchor;
+  return body->anchor != no_anchor ? body->anchor : body->top;
+}
+
+void brisel_detail_body_go_to(Evas_Object *layout, size_t at) {
+  detail_body *body = _body_of(layout);
+  if (body && at < body->text.size()) _set_anchor(body, at);
+}
+
+size_t brisel_detail_body_line_at(Evas_Object *layout, int y) {
+  const detail_body *body = _body_of(layout);
+  return body ? _line_at(body, y) : no_anchor;
 }
 
 Eina_Bool brisel_detail_body_end_is_known(Evas_Object *layout) {

@@ -18,17 +18,6 @@ bool __brisel_detail_ends_with_tag(const char *body, const char *tag) {
   return body && g_str_has_suffix(body, tag);
 }
 
-/* Only what stands before the last continuation tag is ever shown. */
-static size_t __brisel_detail_shown_body_length(const char *body) {
-  const char *tag = g_strrstr(body, tag_start);
-  return tag ? (size_t)(tag - body) : strlen(body);
-}
-
-void __brisel_detail_set_body(page_data *page) {
-  const char *body = page->mail_data->body ? page->mail_data->body : "";
-  brisel_detail_body_set(page->detail_layout, body, __brisel_detail_shown_body_length(body));
-}
-
 /* Cancels the awaited answer. Its context goes with it, or stays for an answer that cannot be stopped. */
 void __brisel_detail_abandon_more_msg(brisel_detail_view *view_data, bool is_cancelled) {
   more_msg_ctx *context = view_data->more_msg;
@@ -165,7 +154,7 @@ static Eina_Bool __brisel_detail_add_more_messages_cb(void *data) {
     BRISEL_ERROR("mail_data is NULL!");
     return ECORE_CALLBACK_CANCEL;
   }
-  if (page->mail_data->body && *page->mail_data->body) __brisel_detail_set_body(page);
+  if (page->mail_data->body && *page->mail_data->body) __brisel_detail_set_body(page, page->ad);
   if (__brisel_detail_ends_with_tag(page->mail_data->body, tag_complete)) {
     BRISEL_INFO("There is no more mail_body!");
     __brisel_detail_signal(page->detail_layout, "do-hide-device-field");

@@ -12,10 +12,7 @@
 #include "brisel-app-view-common.h"
 #include "brisel-body.h"
 
-/* The longest subject shown, in bytes: about eighty lines. The text engine would take seconds for a whole book. */
-constexpr size_t subject_shown_max = 2048;
 static const char part_scroller[] = "scroller";
-static const char part_title[] = "detail.title";
 static const char part_image[] = "detail.image";
 static const char part_device[] = "detail.device";
 static const char part_lbutton[] = "detail.lbutton";
@@ -72,6 +69,8 @@ static void __brisel_detail_disarm_page(page_data *page) {
 void __brisel_detail_free_page_data(page_data *page) {
   if (!page) return;
   __brisel_detail_disarm_page(page);
+  __brisel_detail_keep_place(page);
+  __brisel_detail_free_text(page);
   if (page->detail_layout)
     if (Evas_Object *label = elm_object_part_content_unset(page->detail_layout, part_device)) evas_object_del(label);
   if (page->more_msg_idler) ecore_idler_del(page->more_msg_idler);
@@ -155,30 +154,6 @@ void __brisel_detail_update_datetime_string(brisel_detail_view *view_data, time_
   elm_object_part_text_set(layout, "detail.time", both.get());
 }
 
-/* The subject, cut where it would be longer than anybody reads on a watch. */
-static scoped_text __brisel_detail_shown_subject(const char *subject) {
-  if (!subject) return scoped_text(strdup(""));
-  size_t length = strlen(subject);
-  scoped_text shown((char *)malloc(length + sizeof("\xE2\x80\xA6")));
-  if (!shown) return shown;
-  memcpy(shown.get(), subject, length + 1);
-  brisel_util_cut_utf8(shown.get(), subject_shown_max);
-  if (length > subject_shown_max) strcat(shown.get(), "\xE2\x80\xA6");
-  return shown;
-}
-
-void __brisel_detail_set_subject(page_data *page) {
-  const char *subject = page->mail_data->subject;
-  if (!subject || !*subject) {
-    elm_object_domain_translatable_part_text_set(page->detail_layout, part_title, BRISEL_DOMAIN,
-                                                 "IDS_EMAIL_BODY_HNO_SUBJECT_ABB");
-    return;
-  }
-  scoped_text shown = __brisel_detail_shown_subject(subject);
-  scoped_text markup(brisel_util_text_to_markup_whole(shown.get()));
-  elm_object_part_text_set(page->detail_layout, part_title, markup.get());
-}
-
 static Evas_Object *__brisel_detail_create_button(Evas_Object *parent, const char *name, int is_icon) {
   Evas_Object *button = elm_button_add(parent);
   if (!button) {
@@ -250,6 +225,11 @@ static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, 
   __brisel_detail_update_datetime_string(view_data, mail->received_time, layout);
   if (!mail->is_new) __brisel_detail_signal(layout, "do-old-time-field");
 
+  if (view_data->font_size == 0) __brisel_detail_signal(layout, "do-set-fontsize-small");
+  if (view_data->font_size == 2) __brisel_detail_signal(layout, "do-set-fontsize-large");
+  __brisel_detail_process_signals(layout);
+  page->width = view_data->page_width;
+  if (page->width <= 0) evas_object_geometry_get(view_data->ad->naviframe, nullptr, nullptr, &page->width, nullptr);
   __brisel_detail_set_subject(page);
 
   if (!__brisel_detail_ends_with_tag(mail->body, tag_complete)) {
@@ -259,9 +239,8 @@ static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, 
   }
 
   brisel_detail_body_set_font_size(layout, view_data->font_size);
-  __brisel_detail_set_body(page);
-  if (view_data->font_size == 0) __brisel_detail_signal(layout, "do-set-fontsize-small");
-  if (view_data->font_size == 2) __brisel_detail_signal(layout, "do-set-fontsize-large");
+  __brisel_detail_set_body(page, view_data->ad);
+  __brisel_detail_go_to_place(page);
 
   __brisel_detail_set_attachment_text(view_data, page);
   __brisel_detail_draw_buttons(view_data, page);
@@ -367,6 +346,7 @@ page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *vie
     BRISEL_ERROR("Failed to allocate memory for page_data!");
     return nullptr;
   }
+  page->ad = view_data->ad;
   page->mail_data = brisel_full_noti_data_create();
   if (!page->mail_data) return __brisel_detail_give_up_page(page, "brisel_db_full_noti_data_create() failed!");
   int result = brisel_db_get_full_noti_data_by_mail_id(mail_id, page->mail_data);
@@ -411,6 +391,7 @@ void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data
     elm_object_part_content_set(layout, part_image, label);
   }
   __brisel_detail_set_attachment_text(view_data, page);
+  __brisel_detail_set_body(page, view_data->ad);
   Evas_Object *button = elm_object_part_content_get(layout, part_lbutton);
   if (__brisel_detail_reply_status() != page->reply_status)
     __brisel_detail_draw_buttons(view_data, page);
@@ -432,13 +413,11 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) 
   page->mail_data = mail.release();
   brisel_full_noti_data_free(old);
   if (has_subject) __brisel_detail_set_subject(page);
-  scoped_text sender(brisel_view_sender_title(page->mail_data));
-  if (Evas_Object *title = elm_object_part_content_get(page->page_layout, "title"))
-    elm_object_part_text_set(title, "elm.text.title", sender.get());
+  __brisel_detail_set_sender(page);
   __brisel_detail_update_datetime_string(view_data, page->mail_data->received_time, page->detail_layout);
   __brisel_detail_set_attachment_text(view_data, page);
   if (has_text) {
-    __brisel_detail_set_body(page);
+    __brisel_detail_set_body(page, view_data->ad);
     bool is_whole = __brisel_detail_ends_with_tag(page->mail_data->body, tag_complete);
     __brisel_detail_signal(page->detail_layout, is_whole ? "do-hide-device-field" : "do-show-device-field");
   }

@@ -230,6 +230,7 @@ static void __brisel_detail_enter_page(brisel_detail_view *view_data) {
   page->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
   if (!page->mail_data->is_read) __brisel_detail_send_update_ind(view_data);
   __brisel_detail_update_pickover(view_data);
+  __brisel_detail_tell_place(view_data);
 }
 
 void __brisel_detail_settle(brisel_detail_view *view_data) {
@@ -318,6 +319,11 @@ void __brisel_detail_page_layout_resize_cb(void *data, Evas *evas, Evas_Object *
   view_data->page_width = width;
   elm_scroller_page_size_set(view_data->page_scroller, width, height);
   if (width == old_width || !view_data->page_data[BRISEL_DETAIL_CUR_PAGE]) return;
+  for (page_data *page : view_data->page_data) {
+    if (!page || !page->detail_layout || page->width == width) continue;
+    page->width = width;
+    __brisel_detail_set_subject(page);
+  }
   /* Pages that were packed for another width, or before there was one. */
   elm_box_recalculate(view_data->box);
   elm_scroller_page_show(view_data->page_scroller, view_data->cur_page_index, 0);

@@ -9,7 +9,7 @@
 #include "brisel-app-utils.h"
 
 /* Milliseconds. A stroke sideways that ends within flick_time turns the page, however short it was. */
-constexpr unsigned flick_time = 300;
+constexpr unsigned flick_time = 300, tap_time = 500;
 /* How far back a finger's last movement is looked at, and the share of a finger's width that counts as one. */
 constexpr unsigned last_time = 80;
 constexpr double last_move = 0.2;
@@ -89,6 +89,14 @@ static Eina_Bool __brisel_detail_touch_over_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
+/* One finger that stayed where it came down, on a page that stood still. */
+static bool __brisel_detail_is_tap(const brisel_detail_view *view_data) {
+  const detail_stroke *stroke = &view_data->stroke;
+  int reach = elm_config_finger_size_get() / 2;
+  return !__brisel_detail_touch.is_multi && !stroke->began_in_motion && abs(stroke->start.x - stroke->end.x) < reach &&
+         abs(stroke->start.y - stroke->end.y) < reach && stroke->end_time - stroke->start_time < tap_time;
+}
+
 /* What a touch that is over means. The toolkit has done with it what it does. */
 static void __brisel_detail_lifted(brisel_detail_view *view_data) {
   const detail_stroke *stroke = &view_data->stroke;
@@ -99,6 +107,7 @@ static void __brisel_detail_lifted(brisel_detail_view *view_data) {
   int up = stroke->start.y - stroke->end.y, left = stroke->start.x - stroke->end.x;
   if (!__brisel_detail_touch.is_multi && up >= 2 * elm_config_finger_size_get() && up > abs(left))
     __brisel_detail_pull(view_data);
+  if (__brisel_detail_is_tap(view_data)) __brisel_detail_tapped(view_data, stroke->end.x, stroke->end.y);
   if (target != __brisel_detail_place_on_screen(view_data) || view_data->aimed_id != view_data->mail_id) {
     __brisel_detail_aim_at(view_data, target);
     __brisel_detail_settle_soon(view_data);
@@ -138,6 +147,7 @@ static void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, 
   *stroke = {};
   stroke->start = stroke->end = event->canvas;
   stroke->start_time = stroke->end_time = event->timestamp;
+  stroke->began_in_motion = view_data->page_timer != nullptr;
   stroke->began_at_end = __brisel_detail_is_at_end(view_data->page_data[BRISEL_DETAIL_CUR_PAGE]);
 }
 

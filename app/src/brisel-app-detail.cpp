@@ -13,6 +13,7 @@ static void __brisel_detail_free_view_data(brisel_detail_view *view_data) {
   brisel_widget_ref_drop(&view_data->popup);
   brisel_widget_ref_drop(&view_data->gesture_layer);
   __brisel_detail_leave_touches(view_data);
+  __brisel_detail_end_place(view_data);
   if (view_data->page_timer) ecore_timer_del(view_data->page_timer);
   if (view_data->page_scroller)
     evas_object_smart_callback_del_full(view_data->page_scroller, "scroll", __brisel_detail_page_scroller_scroll_cb,
@@ -149,10 +150,11 @@ int brisel_detail_update_datetime_format(appdata *ad) {
   BRISEL_INFO("Enter");
   brisel_detail_view *view_data = __brisel_detail_retrieve_view_data(ad);
   if (!view_data) return 0;
-  for (const page_data *page : view_data->page_data) {
+  for (page_data *page : view_data->page_data) {
     if (!page || !page->detail_layout) continue;
     __brisel_detail_update_datetime_string(view_data, page->mail_data->received_time, page->detail_layout);
     __brisel_detail_set_attachment_text(view_data, page); /* its digits are the region's */
+    __brisel_detail_set_body(page, ad);
   }
   return 0;
 }

@@ -18,6 +18,8 @@ enum brisel_detail_page {
 /* How many requests for more text one visit to a page may make. */
 #define BRISEL_DETAIL_MORE_MSG_MAX 3
 
+struct detail_text;
+
 /* One built page. Its widgets are children of page_layout; the fields of deleted widgets are NULL. */
 struct page_data {
   Evas_Object *page_layout;   /* "brisel/detail/single_scroller", packed in the view's box */
@@ -30,6 +32,10 @@ struct page_data {
   Ecore_Idler *more_msg_idler;
   Ecore_Timer *more_msg_timer; /* applies a received body */
   full_noti_data *mail_data;   /* owned */
+  detail_text *text;           /* what is shown of the body; owned */
+  appdata *ad;
+  int width;                      /* of the view, as the subject was fitted to it */
+  unsigned char is_subject_whole; /* it was touched: shown in all its lines */
 };
 
 struct brisel_detail_view;
@@ -48,8 +54,9 @@ struct detail_stroke {
   };
   Evas_Coord_Point start, end;
   unsigned start_time, end_time;
-  point recent[16];           /* the latest is the last */
-  unsigned char began_at_end; /* the page showed its end already when the finger came down */
+  point recent[16];              /* the latest is the last */
+  unsigned char began_at_end;    /* the page showed its end already when the finger came down */
+  unsigned char began_in_motion; /* the pages moved */
 };
 
 /* The reader's record on the view stack; at most one exists. Starts like every view's record. */
@@ -64,6 +71,7 @@ struct brisel_detail_view {
   Evas_Object *box;
   Ecore_Timer *page_timer; /* looks which page came to rest */
   Ecore_Timer *pickover_timer;
+  Ecore_Timer *place_timer; /* while the title says which mail of how many it is */
   ::page_data *page_data[BRISEL_DETAIL_PAGE_MAX];
   unsigned char is_pickover_registered;
   int font_size;      /* 0 small, 1 normal, 2 large; as the setting says until the first gesture */
@@ -71,6 +79,7 @@ struct brisel_detail_view {
   int mail_id;        /* of the current page: the one that all actions are for */
   int entered_id;     /* the mail that came to rest last and was told as read */
   int aimed_id;       /* the mail whose page the scroller rests at or moves to */
+  int placed_id;      /* the mail whose title says so */
   int page_width;     /* pixels; 0 before the view has a size */
   double seen_at;     /* where the scroller stood when it was last looked at, in pages */
   unsigned char is_paused;
@@ -113,7 +122,6 @@ brisel_detail_view *__brisel_detail_retrieve_view_data(appdata *ad);
 page_data *__brisel_detail_find_page(const brisel_detail_view *view_data, int mail_id);
 void __brisel_detail_free_page_data(page_data *page);
 void __brisel_detail_update_datetime_string(brisel_detail_view *view_data, time_t time, Evas_Object *layout);
-void __brisel_detail_set_subject(page_data *page);
 Evas_Object *__brisel_detail_create_layout(Evas_Object *parent, const char *group);
 Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent);
 page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *view_data, int mail_id);
@@ -123,6 +131,22 @@ void __brisel_detail_set_attachment_text(brisel_detail_view *view_data, const pa
 void __brisel_detail_set_device_notice(const brisel_detail_view *view_data, page_data *page);
 /* Reads the page's mail again and shows what changed of it. */
 void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page);
+
+/* --- the mail's own texts on it: brisel-app-detail-text.cpp --- */
+
+void __brisel_detail_set_subject(page_data *page);
+void __brisel_detail_set_body(page_data *page, appdata *ad);
+void __brisel_detail_free_text(page_data *page);
+/* A finger tapped at that place of the canvas: a long subject opens and closes, a folded line opens. */
+void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y);
+/* Remembers where the page stands, for when its mail is opened again; and goes there. */
+void __brisel_detail_keep_place(const page_data *page);
+void __brisel_detail_go_to_place(const page_data *page);
+/* The page's title is its sender. */
+void __brisel_detail_set_sender(const page_data *page);
+/* The current page's title says for a moment which mail of how many it is; ends at once. */
+void __brisel_detail_tell_place(brisel_detail_view *view_data);
+void __brisel_detail_end_place(brisel_detail_view *view_data);
 
 /* --- neighbours and turns: brisel-app-detail-paging.cpp --- */
 
@@ -162,7 +186,6 @@ void __brisel_detail_unfreeze_all(brisel_detail_view *view_data);
 /* --- more of a body: brisel-app-detail-more.cpp --- */
 
 bool __brisel_detail_ends_with_tag(const char *body, const char *tag);
-void __brisel_detail_set_body(page_data *page);
 void __brisel_detail_abandon_more_msg(brisel_detail_view *view_data, bool is_cancelled);
 /* Whether more of the page's text is on its way. */
 bool __brisel_detail_is_waiting(const brisel_detail_view *view_data, const page_data *page);

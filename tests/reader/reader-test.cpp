@@ -98,6 +98,15 @@ std::string part_state(const page_data *page, const char *part) {
   return state ? state : "";
 }
 
+void tap_in_reader(const char *part) {
+  evas_smart_objects_calculate(test_ad.evas);
+  Evas_Object *edje = elm_layout_edje_get(current_page()->detail_layout);
+  int x = 0, y = 0;
+  evas_object_geometry_get((Evas_Object *)edje_object_part_object_get(edje, part), &x, &y, nullptr, nullptr);
+  tap({x + 20, y + 15});
+  rest_reader();
+}
+
 int scrolled(void) {
   int y = 0;
   elm_scroller_region_get(current_page()->scroller, nullptr, &y, nullptr, nullptr);

@@ -29,6 +29,8 @@ void rest_reader(void);
 void expect_no_turn(bool to_next);
 /* The plain text of a part of a mail's layout. */
 std::string part_text(const page_data *page, const char *part);
+/* A tap on the first line of a part of the current page's mail layout. */
+void tap_in_reader(const char *part);
 /* The state that the theme is in for a part of the page's mail layout, as its signals left it. */
 std::string part_state(const page_data *page, const char *part);
 /* Pulls the current page up with a finger, once; false when it was at its end before. */

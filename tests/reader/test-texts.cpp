@@ -1,4 +1,5 @@
 /* What mails say is shown and never interpreted, whatever it is and however long. */
+#include "../../app/src/brisel-app-detail-fold.h"
 #include "reader-test.h"
 
 static std::string repeat(const std::string &text, int times) {
@@ -7,9 +8,15 @@ static std::string repeat(const std::string &text, int times) {
   return all;
 }
 
+/* Without the thin lines above and below East Asian text. */
+static std::string trimmed(const std::string &text) {
+  const bool is_tight = text.starts_with('\n') && text.ends_with("\n ");
+  return is_tight ? text.substr(1, text.size() - 3) : text;
+}
+
 /* The text of every laid-out block of the current page's body, the first one included, in order. */
 static std::string laid_out_text(void) {
-  std::string text = part_text(current_page(), "detail.body");
+  std::string text = trimmed(part_text(current_page(), "detail.body"));
   Evas_Object *rest = elm_object_part_content_get(current_page()->detail_layout, "detail.body_rest");
   std::vector<std::pair<int, std::string>> blocks;
   Eina_List *members = evas_object_smart_members_get(rest);
@@ -20,7 +27,7 @@ static std::string laid_out_text(void) {
     char *plain = elm_entry_markup_to_utf8(markup);
     int y = 0;
     evas_object_geometry_get((Evas_Object *)member, nullptr, &y, nullptr, nullptr);
-    blocks.push_back({y, plain});
+    blocks.push_back({y, trimmed(plain)});
     free(plain);
   }
   std::sort(blocks.begin(), blocks.end());
@@ -61,8 +68,10 @@ TEST_F(Texts, BodiesAndSubjectsComeOutAsText) {
     SCOPED_TRACE(texts[i]);
     ASSERT_EQ(brisel_detail_draw_view(ids[i], 0, &test_ad), 0);
     const std::string shown = table[i].shown ? table[i].shown : table[i].text;
-    EXPECT_EQ(part_text(current_page(), "detail.body"), shown);
-    EXPECT_EQ(part_text(current_page(), "detail.title"), shown);
+    EXPECT_EQ(trimmed(part_text(current_page(), "detail.body")), shown);
+    rest_reader();
+    tap_in_reader("detail.title"); /* all its lines */
+    EXPECT_EQ(trimmed(part_text(current_page(), "detail.title")), shown);
     /* The subject that a new text size sets as it is stored must do no harm and stay in bounds. */
     __brisel_detail_update_font_size(reader(), 2);
     elm_win_render(test_ad.win_main);
@@ -87,6 +96,7 @@ TEST_F(Texts, ASubjectOfAnyLengthIsShownUpToABound) {
   const std::string longest = repeat("\xE2\x82\xAC", 100000 / 3);
   g_free(current_page()->mail_data->subject);
   current_page()->mail_data->subject = g_strdup(longest.c_str());
+  current_page()->is_subject_whole = 1;
   __brisel_detail_update_font_size(reader(), 1);
   const std::string shown = part_text(current_page(), "detail.title");
   EXPECT_LT(shown.size(), 4096u);
@@ -101,7 +111,7 @@ static void expect_whole(const std::string &body) {
   size_t found = 0;
   int most = 0, h = 0;
   evas_object_geometry_get(current_page()->scroller, nullptr, nullptr, nullptr, &h);
-  const std::string first = part_text(current_page(), "detail.body");
+  const std::string first = trimmed(part_text(current_page(), "detail.body"));
   ASSERT_EQ(body.compare(0, first.size(), first), 0) << "the first block is not the body's start";
   found = first.size();
   for (int y = 0;; y += h / 2) {
@@ -185,36 +195,119 @@ TEST_F(Texts, AMegabyteIsAllThere) {
   EXPECT_LE(blocks, 12);
 }
 
-TEST_F(Texts, APlaceInALongBodyStaysWhenTheTextSizeChanges) {
-  std::string body;
-  for (int i = 0; i < 2000; i++) body += "line " + std::to_string(i) + "\n";
-  const std::vector<int> ids = mailbox_with(&phone, {body});
-  open_reader(ids[0]);
-  for (int y = 0; y < 12000; y += 200) {
+/* The text at the top of the view stays there. */
+TEST_F(Texts, APlaceStaysWhateverBecomesOfTheSize) {
+  std::string lines, words;
+  for (int i = 0; i < 2000; i++) lines += "line " + std::to_string(i) + "\n";
+  for (int i = 0; i < 100; i++) words += "word" + std::to_string(i) + " ";
+  const std::vector<int> ids = mailbox_with(&phone, {lines, words, "Short"});
+  const auto top = [] { return (double)brisel_detail_body_top(current_page()->detail_layout); };
+  const auto show = [](int y) {
     elm_scroller_region_show(current_page()->scroller, 0, y, 1, 300);
-    evas_smart_objects_calculate(test_ad.evas);
-  }
-  /* The number of the line at the top of the view, by the block that it is in. */
-  auto top_line = [] {
-    int top = 0;
-    evas_object_geometry_get(current_page()->scroller, nullptr, &top, nullptr, nullptr);
-    Evas_Object *rest = elm_object_part_content_get(current_page()->detail_layout, "detail.body_rest");
-    Eina_List *members = evas_object_smart_members_get(rest);
-    void *member = nullptr;
-    int line = -1;
-    EINA_LIST_FREE(members, member) {
-      int y = 0, h = 0;
-      const char *markup = edje_object_part_text_get((Evas_Object *)member, "detail.body");
-      evas_object_geometry_get((Evas_Object *)member, nullptr, &y, nullptr, &h);
-      if (markup && y <= top && top < y + h) line = atoi(markup + strlen("line ")) + (top - y) * 25 / h;
-    }
-    return line;
+    settle();
   };
-  const int before = top_line();
-  ASSERT_GT(before, 0);
-  for (int size : {2, 0, 1}) {
-    __brisel_detail_update_font_size(reader(), size);
-    for (int turns = 0; turns < 3; turns++) evas_smart_objects_calculate(test_ad.evas);
-    EXPECT_NEAR(top_line(), before, 40) << "size " << size;
+  for (const auto &[mail, depth, line] : {std::tuple{0, 12000, 8}, {0, 300, 8}, {1, 400, 30}}) {
+    SCOPED_TRACE(testing::Message() << "mail " << mail << " at " << depth);
+    open_reader(ids[mail]);
+    for (int y = 0; y <= depth; y += 200) show(std::min(y, depth));
+    const double before = top();
+    ASSERT_LT(before, lines.size());
+    ASSERT_GT(before, 10);
+    for (const int size : {2, 0, 1}) {
+      __brisel_detail_update_font_size(reader(), size);
+      rest();
+      EXPECT_NEAR(top(), before, line * 2) << "size " << size;
+    }
+    for (const int width : {240, 320}) {
+      evas_object_resize(test_ad.win_main, width, 320);
+      ASSERT_TRUE(run_until([&] { return reader()->page_width == width; }));
+      rest();
+      EXPECT_NEAR(top(), before, line * 2) << "width " << width;
+    }
+    const double left = top();
+    close_reader();
+    open_reader(ids[2]);
+    close_reader();
+    open_reader(ids[mail]);
+    rest();
+    EXPECT_NEAR(top(), left, line) << "opened again";
+    elm_scroller_region_show(current_page()->scroller, 0, 0, 1, 1);
+    settle();
+    close_reader();
+    open_reader(ids[mail]);
+    rest();
+    EXPECT_EQ(scrolled(), 0) << "left at its beginning";
+    close_reader();
   }
+}
+
+TEST_F(Texts, ALongSubjectIsCutUntilItIsTouched) {
+  const std::vector<int> ids = mailbox_with(&phone, {"body"});
+  const std::string whole = repeat("A subject that goes on. ", 9);
+  phone.set_text(ids[0], "subject", whole);
+  open_reader(ids[0]);
+  const auto shown = [] { return part_text(current_page(), "detail.title"); };
+  EXPECT_LT(shown().size(), 70u);
+  EXPECT_TRUE(shown().ends_with("\xE2\x80\xA6"));
+  EXPECT_EQ(whole.compare(0, 20, shown(), 0, 20), 0);
+  const std::string narrow = shown();
+  tap_in_reader("detail.title");
+  EXPECT_EQ(shown(), whole);
+  tap_in_reader("detail.title");
+  evas_object_resize(test_ad.win_main, 480, 320);
+  EXPECT_TRUE(run_until([&] { return shown().size() > narrow.size(); })) << "as much as the width lets";
+}
+
+TEST_F(Texts, EastAsianLinesAreAsHighAsTheyAre) {
+  const std::vector<int> ids = mailbox_with(&phone, {"\xE4\xBD\xA0\xE5\xA5\xBD", "ab"});
+  int height[2] = {};
+  for (int mail : {0, 1}) {
+    open_reader(ids[mail]);
+    edje_object_part_geometry_get(elm_layout_edje_get(current_page()->detail_layout), "detail.body", nullptr, nullptr,
+                                  nullptr, &height[mail]);
+    close_reader();
+  }
+  EXPECT_LT(height[0], height[1] * 3 / 2);
+}
+
+/* What folds, and what the fold looks like. */
+TEST_F(Texts, QuotesSignaturesAndAddressesAreShort) {
+  const std::string fold = "\xE2\x80\xA6 ", link = "https://a.example.org/" + repeat("x", 40);
+  const struct {
+    std::string text, shown;
+  } table[] = {
+      {"Hi\n> a\n> b\n> c\nBye", "Hi\n" + fold + "3 quoted lines\nBye"},
+      {"> a\n\n>b\n> c\n\n> d", fold + "4 quoted lines"},
+      {"> a\n> b\nshort", "> a\n> b\nshort"},
+      {"Hi\n-- \nEve\nExample Inc.\n", "Hi\n" + fold + "Signature\n"},
+      {"Hi\n-- \nEve\nInc.\n> a\n> b\n> c", "Hi\n" + fold + "Signature\n" + fold + "3 quoted lines"},
+      {"Hi\n--\n" + repeat("line\n", 20), "Hi\n--\n" + repeat("line\n", 20)},
+      {"see " + link + " now", "see a.example.org/\xE2\x80\xA6 now"},
+      {"<https://me@b.example.org:8080/" + repeat("y", 40) + ">", "<b.example.org:8080/\xE2\x80\xA6>"},
+      {"see http://a.example.org/short", "see http://a.example.org/short"},
+      {"https://" + repeat("z", 80), "https://" + repeat("z", 80)},
+  };
+  for (const auto &row : table) {
+    const detail_shown shown = brisel_detail_fold(row.text, {}, &test_ad);
+    EXPECT_EQ(shown.text, row.shown);
+    for (const detail_piece &piece : shown.pieces) {
+      EXPECT_EQ(brisel_detail_source_of(shown, piece.shown + 1), piece.source);
+      EXPECT_EQ(brisel_detail_place_of(shown, piece.source + 1), piece.shown);
+      EXPECT_EQ(brisel_detail_place_of(shown, brisel_detail_source_of(shown, piece.shown + piece.shown_length)),
+                piece.shown + piece.shown_length);
+    }
+  }
+}
+
+TEST_F(Texts, AFoldOpensAtATap) {
+  const std::string quote = "> one\n> two\n> three";
+  const std::vector<int> ids = mailbox_with(&phone, {quote + "\nand\n" + quote});
+  open_reader(ids[0]);
+  const std::string fold = "\xE2\x80\xA6 3 quoted lines";
+  const auto shown = [] { return std::string(brisel_detail_body_get(current_page()->detail_layout, nullptr)); };
+  EXPECT_EQ(shown(), fold + "\nand\n" + fold);
+  tap_in_reader("detail.body"); /* its first line */
+  EXPECT_EQ(shown(), quote + "\nand\n" + fold);
+  tap_in_reader("detail.body");
+  EXPECT_EQ(shown(), quote + "\nand\n" + fold) << "what is open stays open";
 }

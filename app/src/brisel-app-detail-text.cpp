@@ -1,0 +1,208 @@
+/* The mail's own texts on a page: the subject in two lines, the body with its quotes folded, taps on both, and the
+   place that was read. Owns a page's detail_text. Pages, paging, touches and gestures call it. */
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "brisel-app-detail-body.h"
+#include "brisel-app-detail-fold.h"
+#include "brisel-app-detail.h"
+#include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
+#include "brisel-body.h"
+
+/* The longest subject shown, in bytes: about eighty lines. The text engine would take seconds for a whole book. */
+constexpr size_t subject_shown_max = 2048;
+constexpr int subject_lines = 2;
+static const char part_title[] = "detail.title";
+static const char ellipsis[] = "\xE2\x80\xA6";
+
+/* What a page shows of its body, and what of that is open. */
+struct detail_text {
+  std::string source;         /* the body as plain text, without its continuation tag */
+  std::vector<size_t> opened; /* the folds that were opened, by their place in source */
+  detail_shown shown;
+};
+
+void __brisel_detail_free_text(page_data *page) {
+  delete page->text;
+  page->text = nullptr;
+}
+
+/* --- the subject --- */
+
+/* Up to the bound: longer than anybody reads on a watch. */
+static std::string __brisel_detail_bounded_subject(const char *subject) {
+  std::string shown = subject;
+  if (shown.size() <= subject_shown_max) return shown;
+  brisel_util_cut_utf8(shown.data(), subject_shown_max);
+  shown.resize(strlen(shown.c_str()));
+  return shown + ellipsis;
+}
+
+/* Where the line after the last one that fits begins, in characters; -1: all fit. */
+static int __brisel_detail_line_too_many(Evas_Object *probe, const std::string &text) {
+  scoped_text markup(brisel_util_text_to_markup_whole(text.c_str()));
+  evas_object_textblock_text_markup_set(probe, markup ? markup.get() : "");
+  Evas_Textblock_Cursor *cursor = evas_object_textblock_cursor_new(probe);
+  int at = evas_textblock_cursor_line_set(cursor, subject_lines) ? evas_textblock_cursor_pos_get(cursor) : -1;
+  evas_textblock_cursor_free(cursor);
+  return at;
+}
+
+/* The subject in as many lines as leave the mail's text room on the first screen; the theme tells what of the view's
+   width is not the text's. */
+static std::string __brisel_detail_fit_subject(const page_data *page, const std::string &whole) {
+  Evas_Object *edje = elm_layout_edje_get(page->detail_layout);
+  edje_object_calc_force(edje); /* the part takes its style now */
+  Evas_Object *part = (Evas_Object *)edje_object_part_object_get(edje, part_title);
+  const char *margins = edje_object_data_get(edje, "detail.title.margins");
+  int width = page->width - (int)(atoi(margins ? margins : "0") * elm_config_scale_get());
+  if (!part || width <= 0) return whole;
+  Evas_Object *probe = evas_object_textblock_add(evas_object_evas_get(part));
+  evas_object_textblock_style_set(probe, evas_object_textblock_style_get(part));
+  evas_object_scale_set(probe, evas_object_scale_get(part));
+  evas_object_resize(probe, width, width);
+  std::string shown = whole;
+  for (int at = __brisel_detail_line_too_many(probe, shown); at > 0;
+       at = __brisel_detail_line_too_many(probe, shown + ellipsis)) {
+    long length = g_utf8_strlen(shown.c_str(), -1);
+    shown.resize((size_t)(g_utf8_offset_to_pointer(shown.c_str(), std::min((long)at, length - 1)) - shown.c_str()));
+    while (!shown.empty() && strchr(" \n\t", shown.back())) shown.pop_back();
+  }
+  evas_object_del(probe);
+  return shown == whole ? whole : shown + ellipsis;
+}
+
+void __brisel_detail_set_subject(page_data *page) {
+  const char *subject = page->mail_data->subject;
+  if (!subject || !*subject) {
+    elm_object_domain_translatable_part_text_set(page->detail_layout, part_title, BRISEL_DOMAIN,
+                                                 "IDS_EMAIL_BODY_HNO_SUBJECT_ABB");
+    return;
+  }
+  std::string shown = __brisel_detail_bounded_subject(subject);
+  if (!page->is_subject_whole) shown = __brisel_detail_fit_subject(page, shown);
+  scoped_text markup(brisel_util_text_to_markup_whole(shown.c_str()));
+  scoped_text tight(brisel_detail_tight_markup(shown.c_str(), markup ? markup.get() : ""));
+  elm_object_part_text_set(page->detail_layout, part_title, tight.get());
+}
+
+/* --- the body --- */
+
+/* Only what stands before the last continuation tag is ever shown. */
+static size_t __brisel_detail_shown_body_length(const char *body) {
+  const char *tag = g_strrstr(body, tag_start);
+  return tag ? (size_t)(tag - body) : strlen(body);
+}
+
+static void __brisel_detail_show_body(const page_data *page, appdata *ad) {
+  detail_text *text = page->text;
+  text->shown = brisel_detail_fold(text->source, text->opened, ad);
+  std::vector<text_mark> marks;
+  for (const detail_piece &piece : text->shown.pieces)
+    if (piece.is_fold) marks.push_back({piece.shown, piece.shown_length});
+  brisel_detail_body_set(page->detail_layout, text->shown.text.data(), text->shown.text.size(), marks);
+}
+
+void __brisel_detail_set_body(page_data *page, appdata *ad) {
+  const char *body = page->mail_data->body ? page->mail_data->body : "";
+  if (!page->text) page->text = new detail_text();
+  page->text->source = brisel_detail_plain_text(body, __brisel_detail_shown_body_length(body));
+  __brisel_detail_show_body(page, ad);
+}
+
+/* --- taps --- */
+
+static bool __brisel_detail_is_inside(Evas_Object *object, int x, int y) {
+  int left = 0, top = 0, width = 0, height = 0;
+  if (object) evas_object_geometry_get(object, &left, &top, &width, &height);
+  return x >= left && x < left + width && y >= top && y < top + height;
+}
+
+void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y) {
+  page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
+  if (!page->text || !page->detail_layout || !__brisel_detail_is_inside(page->scroller, x, y)) return;
+  Evas_Object *edje = elm_layout_edje_get(page->detail_layout);
+  if (__brisel_detail_is_inside((Evas_Object *)edje_object_part_object_get(edje, part_title), x, y)) {
+    page->is_subject_whole = !page->is_subject_whole;
+    __brisel_detail_set_subject(page);
+    return;
+  }
+  size_t at = brisel_detail_body_line_at(page->detail_layout, y);
+  const detail_piece *piece = brisel_detail_piece_at(page->text->shown, at);
+  if (!piece || !piece->is_fold) return;
+  page->text->opened.push_back(piece->source);
+  __brisel_detail_show_body(page, view_data->ad);
+}
+
+/* --- the place that was read --- */
+
+/* By mail, the latest at the end. A place is worth keeping while the mail is still in mind: no longer than the
+   application runs, and for no more mails than anybody goes back to. */
+constexpr size_t places_max = 64;
+static std::vector<std::pair<int, size_t>> places;
+
+void __brisel_detail_keep_place(const page_data *page) {
+  if (!page->detail_layout || !page->scroller || !page->text) return;
+  int mail_id = page->mail_data->mail_id;
+  std::erase_if(places, [mail_id](const auto &place) { return place.first == mail_id; });
+  size_t top = brisel_detail_body_top(page->detail_layout);
+  if (top > page->text->shown.text.size()) return;
+  if (places.size() == places_max) places.erase(places.begin());
+  places.push_back({mail_id, brisel_detail_source_of(page->text->shown, top)});
+}
+
+void __brisel_detail_go_to_place(const page_data *page) {
+  for (const auto &[mail_id, source] : places)
+    if (mail_id == page->mail_data->mail_id)
+      brisel_detail_body_go_to(page->detail_layout, brisel_detail_place_of(page->text->shown, source));
+}
+
+/* --- the place among the mails --- */
+
+/* Seconds. */
+constexpr double place_told_time = 1.0;
+
+static void __brisel_detail_set_title(const page_data *page, const char *markup) {
+  Evas_Object *title = page->page_layout ? elm_object_part_content_get(page->page_layout, "title") : nullptr;
+  if (title) elm_object_part_text_set(title, "elm.text.title", markup);
+}
+
+void __brisel_detail_set_sender(const page_data *page) {
+  scoped_text sender(brisel_view_sender_title(page->mail_data));
+  __brisel_detail_set_title(page, sender.get());
+}
+
+void __brisel_detail_end_place(brisel_detail_view *view_data) {
+  if (!view_data->place_timer) return;
+  ecore_timer_del(view_data->place_timer);
+  view_data->place_timer = nullptr;
+  if (const page_data *page = __brisel_detail_find_page(view_data, view_data->placed_id))
+    __brisel_detail_set_sender(page);
+}
+
+static Eina_Bool __brisel_detail_place_timer_cb(void *data) {
+  __brisel_detail_end_place((brisel_detail_view *)data);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+void __brisel_detail_tell_place(brisel_detail_view *view_data) {
+  __brisel_detail_end_place(view_data);
+  appdata *ad = view_data->ad;
+  int at = 0, count = 0;
+  for (const GList *node = ad->mail_list; node; node = node->next) {
+    count++;
+    if (((const item_data *)node->data)->mail_id == view_data->mail_id) at = count;
+  }
+  if (!at) return;
+  scoped_text number(brisel_util_get_localized_number_str(at, ad));
+  scoped_text all(brisel_util_get_localized_number_str(count, ad));
+  scoped_text half(brisel_replace_str(brisel_util_get_text("IDS_EMAIL_BODY_PS_OF_PS"), "%1$s", number.get()));
+  scoped_text text(half ? brisel_replace_str(half.get(), "%2$s", all.get()) : nullptr);
+  if (!text) return;
+  __brisel_detail_set_title(view_data->page_data[BRISEL_DETAIL_CUR_PAGE], text.get());
+  view_data->placed_id = view_data->mail_id;
+  view_data->place_timer = ecore_timer_add(place_told_time, __brisel_detail_place_timer_cb, view_data);
+}
