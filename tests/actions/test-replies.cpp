@@ -97,6 +97,8 @@ TEST_F(replies, ATemplateIsShownAskedForAndSentOnce) {
   nlohmann::json reply = request("reply");
   EXPECT_EQ(reply.at("text"), "Fish &amp; &lt;b&gt;chips&lt;/b&gt;");
   EXPECT_EQ(reply.at("subject"), "");
+  EXPECT_EQ(reply.at("action"), "intent.action.email.notifications.reply");
+  EXPECT_EQ(reply.at("mail_id"), ids[0]);
   EXPECT_EQ(reply.at("message_uid"), "uid-0");
   phone.requests.clear();
   views_become(1);
@@ -104,8 +106,7 @@ TEST_F(replies, ATemplateIsShownAskedForAndSentOnce) {
 
   // Without a name there is no separator; long fields end between characters.
   std::string long_subject, long_name;
-  for (int i = 0; i < 400; i++) long_subject += "€";
-  for (int i = 0; i < 300; i++) long_name += "😀";
+  while (long_subject.size() < 1200) long_subject += "€", long_name += "😀";
   phone.set_text(ids[1], "subject", long_subject);
   for (const std::string &name : {std::string(), long_name}) {
     phone.requests.clear();

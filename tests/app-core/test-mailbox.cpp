@@ -312,8 +312,10 @@ TEST_F(mailbox, ARowSaysWhatAMailIsAbout) {
     return !strcmp(edje_object_part_state_get(drawing(item_of_mail(ids[0])), "elm.text.1", &value), "default");
   };
   EXPECT_TRUE(bold());
+  EXPECT_TRUE(delete_button_enabled()) << "a single mail can be deleted";
   phone.set_flag(ids[0], "is_read", 1);
   EXPECT_TRUE(run_until([&] { return !bold(); }));
+  EXPECT_TRUE(delete_button_enabled());
   phone.set_text(ids[0], "subject", "R&D\nbudget");
   EXPECT_TRUE(visible("R&D budget"));
   vconf_set_bool(BRISEL_KEY_LIST_SUBJECT, 0);

@@ -1,5 +1,4 @@
 """Everything a finger can do with a mail, up to the JSON line that reaches the phone."""
-import html
 import itertools
 
 from brisel_test import equal, kill_service, mail, main, middle
@@ -148,64 +147,6 @@ def test_a_slow_scroll_is_no_long_press(s):
     for _ in range(2):
         s.watch("drag", 160, 256, 160, 192, 1.2)
         assert len(s.dump()["views"]) == 1, s.texts()
-
-
-def test_template_reply_reaches_the_phone(s):
-    _, _, ids = arrange(s, mails=1, address='"Ann <Ex> & Co" <ann@example.org>')
-    s.phone("template", "set", "Fine & <b>dandy</b>", "Second text")
-    s.launch()
-    s.press("Ann <Ex> & Co")
-    s.tap(s.text("IDS_EMAIL_SK_REPLY"))
-    s.tap("Fine & <b>dandy</b>")
-    s.wait_text(s.text("IDS_COM_SK_SEND"))
-    s.phone("status", "conn", "1")
-    s.tap(s.text("IDS_COM_SK_SEND"))
-    s.wait_text(s.text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"))
-    equal(s.requests("reply"), [], "requests while the phone does not answer")
-    s.wait_gone(s.text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"))
-    s.phone("status", "conn", "0")
-    s.tap(s.text("IDS_COM_SK_SEND"))
-    request = s.wait(lambda: s.requests("reply"), "the reply at the phone")[0]
-    equal(request["action"], "intent.action.email.notifications.reply", "action")
-    equal(request["mail_id"], ids[0], "mail")
-    equal(request["subject"], "Subject 1", "subject")
-    equal(request["recipient"], "ann@example.org\x02Ann <Ex> & Co", "recipient")
-    equal(html.unescape(request["text"]), "Fine & <b>dandy</b>", "text")
-    s.wait(lambda: len(s.dump()["views"]) == 2, "the reply view to close")
-
-
-def typed_reply(s):
-    s.setting("file/private/msg-consumer-server/reply_value", "int", 3)
-    s.launch()
-    s.press("S1")
-    s.tap(s.text("IDS_EMAIL_SK_REPLY"))
-    s.wait(lambda: len(s.dump()["views"]) == 3, "the reply view")
-    width, height = s.size()
-    s.watch("tap", width // 3, height // 6)
-
-
-def send_typed(s):
-    """The send button, at the end of the entry's line."""
-    s.watch("keypad", "hide")
-    width, height = s.size()
-    for x, y in ((width // 2, height - 40), (width - 45, height - 40), (width - 45, height // 2)):
-        s.watch("tap", x, y)
-        if len(s.dump()["views"]) < 3:
-            return
-    raise AssertionError("the send button was not found")
-
-
-def test_typed_reply_and_its_limit(s):
-    arrange(s, mails=1)
-    typed_reply(s)
-    s.watch("type", "Grüße 😀 " + "x" * 60)
-    s.wait_text(s.text("IDS_COM_POP_MAXIMUM_NUMBER_OF_CHARACTERS_REACHED"))
-    s.wait_gone(s.text("IDS_COM_POP_MAXIMUM_NUMBER_OF_CHARACTERS_REACHED"))
-    send_typed(s)
-    request = s.wait(lambda: s.requests("reply"), "the reply")[0]
-    text = html.unescape(request["text"])  # sent in its markup form
-    equal(len(text), 35, "characters")
-    assert text.startswith("Grüße 😀 xxx"), text
 
 
 def test_update_required_and_show_on_device(s):
