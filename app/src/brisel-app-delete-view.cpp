@@ -105,6 +105,7 @@ static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part)
   Evas_Object *check = elm_check_add(obj);
   brisel_widget_ref_set(&row->check, check);
   elm_check_state_pointer_set(check, &row->check_state);
+  elm_object_focus_allow_set(check, EINA_FALSE); /* keys tick the row */
   evas_object_smart_callback_add(check, "changed", _check_changed_cb, row);
   evas_object_size_hint_align_set(check, EVAS_HINT_FILL, EVAS_HINT_FILL);
   evas_object_size_hint_weight_set(check, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
@@ -320,6 +321,7 @@ static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
   evas_object_smart_callback_add(gl, "language,changed", _mailbox_delete_list_language_changed_cb, nullptr);
   evas_object_smart_callback_add(gl, "realized", _gl_delete_view_realized_cb, nullptr);
   evas_object_event_callback_add(gl, EVAS_CALLBACK_KEY_DOWN, _delete_key_cb, vd);
+  brisel_view_list_keys(gl);
   elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
   elm_genlist_homogeneous_set(gl, EINA_TRUE);
   evas_object_size_hint_align_set(gl, EVAS_HINT_FILL, EVAS_HINT_FILL);

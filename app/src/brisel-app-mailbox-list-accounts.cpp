@@ -111,6 +111,7 @@ static Evas_Object *_gl_popup_content_get(void *data, Evas_Object *obj, const ch
   Evas_Object *radio_main = (Evas_Object *)evas_object_data_get(obj, "radio_main");
   if (!strcmp(part, "elm.icon")) {
     Evas_Object *radio = elm_radio_add(obj);
+    elm_object_focus_allow_set(radio, EINA_FALSE); /* keys choose the row */
     elm_radio_state_value_set(radio, row->index);
     elm_radio_group_add(radio, radio_main);
     if (row->ad && row->account_id == row->ad->account_id) elm_radio_value_set(radio_main, row->index);
@@ -217,6 +218,7 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   elm_genlist_homogeneous_set(gl, EINA_TRUE);
   elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
   elm_genlist_mode_set(gl, ELM_LIST_COMPRESS);
+  brisel_view_list_keys(gl);
   evas_object_smart_callback_add(gl, "language,changed", _mailbox_list_language_changed_cb, nullptr);
 
   Evas_Object *radio_main = elm_radio_add(gl);

@@ -1,8 +1,9 @@
-/* The list by keyboard alone, beside what the toolkit does (arrows, Page, Home, End, Return): Delete draws the focused
-   row aside as a finger would, Delete again or on another row deletes it, Return brings it back. */
+/* The mailbox's own keys: Delete draws the focused row aside as a finger would, Delete again or on another row deletes
+   it, Return brings it back. */
 #include <cstring>
 
 #include "brisel-app-mailbox-list.h"
+#include "brisel-app-view-common.h"
 
 static void _delete_row(appdata *ad, Elm_Object_Item *it) {
   const bool is_swept = it == ad->sweep_item;
@@ -27,6 +28,7 @@ static void _key_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info
 }
 
 void _follow_keys(appdata *ad) {
+  brisel_view_list_keys(ad->mailbox_genlist);
   /* Before the toolkit, which opens a row with Return. */
   evas_object_event_callback_priority_add(ad->mailbox_genlist, EVAS_CALLBACK_KEY_DOWN, EVAS_CALLBACK_PRIORITY_BEFORE,
                                           _key_down_cb, ad);

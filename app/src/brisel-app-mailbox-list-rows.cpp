@@ -154,6 +154,7 @@ static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part)
   if (!strcmp(part, "elm.icon.sweep")) {
     Evas_Object *undo = elm_button_add(obj);
     elm_object_style_set(undo, "list_divider_btn");
+    elm_object_focus_allow_set(undo, EINA_FALSE);
     evas_object_propagate_events_set(undo, EINA_FALSE);
     evas_object_smart_callback_add(undo, "clicked", _revert_btn_select_cb, item);
     evas_object_size_hint_min_set(undo, 1, 1);

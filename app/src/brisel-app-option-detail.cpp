@@ -121,6 +121,7 @@ static Evas_Object *__brisel_option_detail_gl_content_get_reply_setting(void *da
   option_detail_view_data *vd = (option_detail_view_data *)evas_object_data_get(obj, "ViewData");
   if (!vd || !vd->radio_group) return nullptr;
   Evas_Object *radio = elm_radio_add(obj);
+  elm_object_focus_allow_set(radio, EINA_FALSE); /* keys choose the row */
   elm_radio_state_value_set(radio, (int)(intptr_t)data);
   elm_radio_group_add(radio, vd->radio_group);
   // A tap on the mark itself has to mean the row, or it would move the mark and keep the method.
@@ -187,6 +188,7 @@ static Evas_Object *__brisel_option_detail_gl_content_get_reply(void *data, Evas
   if (!layout) return nullptr;
   Evas_Object *btn = elm_button_add(layout);
   elm_object_style_set(btn, "list_divider_btn");
+  brisel_view_row_button(obj, layout, btn);
   evas_object_size_hint_weight_set(btn, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   evas_object_size_hint_align_set(btn, EVAS_HINT_FILL, EVAS_HINT_FILL);
   evas_object_smart_callback_add(btn, "clicked", __brisel_option_detail_reply_setting_icon_clicked_cb, data);

@@ -90,6 +90,10 @@ void brisel_view_hide_last_bottomline(Evas_Object *list, Elm_Object_Item *item);
 /* A list that is compressed, scrolls vertically only and asks its getters again after a language change. Not shown.
    realized_cb (may be NULL): "realized". NULL on failure, which is logged. */
 Evas_Object *brisel_view_new_list(Evas_Object *parent, Evas_Smart_Cb realized_cb);
+/* Lets a keyboard go through the rows of the genlist, and with Right to a row's button. */
+void brisel_view_list_keys(Evas_Object *list);
+/* The button within the content of a row's "elm.icon" takes the focus from Right alone, and gives it back. */
+void brisel_view_row_button(Evas_Object *list, Evas_Object *icon, Evas_Object *button);
 
 /* --- who wrote a mail --- */
 

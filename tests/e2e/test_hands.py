@@ -1,0 +1,64 @@
+"""Every hand: the keyboard alone, and a mouse."""
+from brisel_test import equal, mail, main, middle
+
+
+def mailbox(s, count):
+    account = s.account("me@example.net")
+    s.phone("account", "count", "known")
+    s.serve()
+    ids = s.send(account, *[mail(f"Subject {i}", "Text.", f"Sender {i} <s{i}@example.org>", 1388833503 - 60 * i) for i in range(count)])
+    s.launch()
+    s.wait_text("Sender 0")
+    return ids
+
+
+def keys(s, *names):
+    s.watch("keyboard", *names)
+    s.rest()
+
+
+def asked(s, kind, count=1):
+    return s.wait(lambda: len(s.requests(kind)) == count and s.requests(kind), f"{count} x {kind}")[-1]
+
+
+def test_the_keyboard_alone_does_everything(s):
+    ids = mailbox(s, 12)
+    keys(s, "Down", "Home", *["Down"] * 9)
+    assert s.shows("Sender 8"), s.texts()
+    keys(s, "Delete")
+    keys(s, "Return")
+    keys(s, "Delete", "Delete")
+    equal(asked(s, "delete_notis")["id_list"], [ids[8]], "deleted from the list, the second time")
+    keys(s, "Home", "Up", "Return")
+    equal(s.titles()[-1], s.text("IDS_EMAIL_BODY_DELETE"), "the bin by key")
+    keys(s, "Down", "Home", "Return", "Next", "Return", "Delete")
+    keys(s, "Right", "Return")
+    s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+    equal(len(asked(s, "delete_notis", 2)["id_list"]), 2, "two ticked and deleted")
+    keys(s, "Down", "Home", "Down", "Return")
+    s.wait_text("Text.")
+    keys(s, "Menu")
+    keys(s, "Down", "Right", "Left", "Return")
+    s.wait_text(s.text("IDS_MSG_TEMPLATE_1", "message"))
+    keys(s, "Down", "Return")
+    s.wait_text(s.text("IDS_COM_SK_SEND"))
+    keys(s, "Right", "Return")
+    equal(asked(s, "reply")["text"], s.text("IDS_MSG_TEMPLATE_1", "message"), "the reply")
+    for _ in range(2):
+        keys(s, "Escape")
+    s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+
+
+def test_a_mouse_presses_long_goes_back_and_turns_its_wheel(s):
+    mailbox(s, 12)
+    s.watch("mouse", *middle(s.wait_text("Sender 1")), "--button", 3)
+    s.wait_text(s.text("IDS_EMAIL_SK_REPLY"))
+    s.watch("mouse", 160, 160, "--button", 8)
+    s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+    before = middle(s.wait_text("Sender 1"))[1]
+    s.watch("mouse", 160, 160, "--wheel", 1)
+    equal(before - middle(s.wait_text("Sender 1"))[1], 78, "a notch is a row")
+
+
+if __name__ == "__main__":
+    main(globals())
