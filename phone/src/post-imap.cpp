@@ -319,17 +319,21 @@ int imap_open(const post_account &account, const std::string &secret, imap_sessi
   session->reset(mailimap_new(0, nullptr));
   mailimap_set_timeout(session->get(), imap_timeout_s);
   if (connect_server(session->get(), server, account.ca, error) < 0) return -1;
-  stream_step step(fd_of(session->get()));
-  int code = log_in(session->get(), account, server, secret, error);
-  if (code < 0) return code;
+  int code = imap_begin(session->get(), account, server, secret, error);
   keep_alive(fd_of(session->get()));
-  /* What was offered before the login may be less. Most say it with their answer to that; only others are asked, for of
-     an answer that names nothing the library dies. */
-  if (!offers(session->get())) {
-    mailimap_capability_data *again = nullptr;
-    if (mailimap_capability(session->get(), &again) == MAILIMAP_NO_ERROR && again) mailimap_capability_data_free(again);
-  }
-  if (imap_tells_changes(session->get())) enable_changes(session->get());
+  return code;
+}
+
+int imap_begin(mailimap *session, const post_account &account, const post_server &server, const std::string &secret,
+               std::string *error) {
+  stream_step step(fd_of(session));
+  int code = log_in(session, account, server, secret, error);
+  if (code < 0) return code;
+  /* What was offered before the login may be less. Most say it with their answer to that; others are asked, not by
+     mailimap_capability(), which dies of an answer that names nothing. */
+  if (!offers(session) && mailimap_custom_command(session, "CAPABILITY") == MAILIMAP_ERROR_STREAM)
+    return fail(session, MAILIMAP_ERROR_STREAM, "say what it offers", error);
+  if (imap_tells_changes(session)) enable_changes(session);
   return 0;
 }
 

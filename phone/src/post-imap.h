@@ -36,6 +36,9 @@ struct imap_message {
 
 /* Connects, checks, logs in. Returns 0, -1 or post_refused. */
 int imap_open(const post_account &account, const std::string &secret, imap_session *session, std::string *error);
+/* The second half of that, on a connection that is checked. */
+int imap_begin(mailimap *session, const post_account &account, const post_server &server, const std::string &secret,
+               std::string *error);
 /* Opens a folder; again, when it is known that it changed. */
 int imap_select(mailimap *session, const std::string &name, imap_folder *folder, std::string *error);
 /* The newest `count` messages that the selected folder had when it was opened. */

@@ -59,6 +59,7 @@ stream_step::stream_step(int fd) {
   step_fd = fd;
   step_late = 0;
   step_left = stream_step_bytes;
+  if (step_seconds == 0) return;
   struct sigaction action = {};
   action.sa_handler = too_late_cb;
   sigaction(SIGALRM, &action, nullptr);
@@ -66,7 +67,7 @@ stream_step::stream_step(int fd) {
 }
 
 stream_step::~stream_step() {
-  alarm(0);
+  if (step_seconds > 0) alarm(0);
 }
 
 void stream_bound(unsigned seconds) {

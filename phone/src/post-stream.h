@@ -19,7 +19,7 @@ struct stream_step {
   explicit stream_step(int fd);
   ~stream_step();
 };
-/* Another bound for a step, before the first one. */
+/* Another bound for a step, before the first one; 0: SIGALRM is for somebody else. */
 void stream_bound(unsigned seconds);
 /* Why the stream gave nothing more, as the beginning of a sentence. */
 const char *stream_end();

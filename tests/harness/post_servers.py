@@ -2,7 +2,6 @@
 import contextlib
 import os
 import pathlib
-import pwd
 import shutil
 import signal
 import socket
@@ -11,7 +10,7 @@ import threading
 import time
 
 from brisel_test import main  # noqa: F401  (puts the tools' folder on the path)
-from brisel_servers import NOBODY, PASSWORD, USER, Server, free_port, hand_over
+from brisel_servers import NOBODY, PASSWORD, USER, Server, free_port, hand_over, owner_of_mail
 
 
 class Imap4d(Server):
@@ -23,7 +22,7 @@ class Imap4d(Server):
         home.mkdir(parents=True)
         passwords.mkdir()
         self.ports = (self.tls,) = (free_port(),)
-        owner = pwd.getpwnam(NOBODY)
+        owner = owner_of_mail()
         crypted = subprocess.run(["openssl", "passwd", "-5", PASSWORD], check=True, capture_output=True, text=True).stdout.strip()
         name, domain = USER.split("@")
         (passwords / domain).write_text(f"{name}:{crypted}:{owner.pw_uid}:{owner.pw_gid}:x:{home}:/bin/sh\n")

@@ -48,6 +48,10 @@ class Authority:
         return cert, key
 
 
+def owner_of_mail():
+    return pwd.getpwnam(NOBODY)
+
+
 def hand_over(folder, owner):
     """The servers leave root's rights behind; the session's folder lets them through."""
     shutil.chown(folder, owner.pw_uid, owner.pw_gid)
@@ -99,7 +103,7 @@ class Dovecot(Server):
             self.ports = (self.starttls,)
         self.home = self.folder / "home"
         self.home.mkdir()
-        owner = pwd.getpwnam(NOBODY)
+        owner = owner_of_mail()
         internal = "" if os.getuid() == 0 else f"default_internal_user = {NOBODY}\ndefault_login_user = {NOBODY}\n"
         (self.folder / "dovecot.conf").write_text(f"""
 base_dir = {self.folder}/run
@@ -173,7 +177,7 @@ class Exim(Server):
   server_prompts = :
   server_condition = ${{if match{{$auth1}}{{Bearer {token}\\x01}}}}
 """ for name in ("xoauth2", "oauthbearer") if token)
-        owner = pwd.getpwnam(NOBODY)
+        owner = owner_of_mail()
         key = self.folder / "server.key"
         shutil.copy(certificate[1], key)
         (self.folder / "exim.conf").write_text(f"""
