@@ -28,7 +28,8 @@ enum brisel_view_type {
   BRISEL_VIEW_TYPE_OPTION_DETAIL_VIEW = 555002000,
   BRISEL_VIEW_TYPE_OPTION_REPLY_VIEW = 555003000,
   BRISEL_VIEW_TYPE_OPTION_CALL_VIEW = 555004000,
-  BRISEL_VIEW_TYPE_DELETE_VIEW = 555005000
+  BRISEL_VIEW_TYPE_DELETE_VIEW = 555005000,
+  BRISEL_VIEW_TYPE_JOURNAL_VIEW = 555006000
 };
 
 /* The application-wide state. Owned by main, zero-filled before the main loop starts, passed as user data nearly

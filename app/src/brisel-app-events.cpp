@@ -1,7 +1,8 @@
-/* Host events: each of the six is applied to the mailbox, the open reader, the account popup and the launch flows. */
+/* Host events: each is applied to the mailbox, the open reader, the account popup and the launch flows. */
 #include <iterator>
 
 #include "brisel-app-core.h"
+#include "brisel-app-journal.h"
 #include "brisel-app-reply-drafts.h"
 #include "brisel-app-utils.h"
 #include "brisel-app.h"
@@ -144,10 +145,16 @@ static void _brisel_ipc_account_count_status_callback(brisel_ipc_event *event, v
   if (!launched) _launch(ad, 0);
 }
 
+static void _brisel_ipc_request_callback(brisel_ipc_event *event, void *reserved, void *user_data) {
+  BRISEL_INFO("Enter");
+  if (event) brisel_journal_update(event->id_list, (appdata *)user_data);
+}
+
 static const brisel_ipc_event_cb event_callbacks[] = {
     _brisel_ipc_noti_add_callback,       _brisel_ipc_noti_update_callback,
     _brisel_ipc_noti_delete_callback,    _brisel_ipc_noti_account_add_callback,
     _brisel_ipc_account_delete_callback, _brisel_ipc_account_count_status_callback,
+    _brisel_ipc_request_callback,
 };
 
 void _brisel_ipc_subscribe(appdata *ad) {

@@ -86,7 +86,8 @@ static void __brisel_emoticon_detail_maxlength_reached_cb(void *data, Evas_Objec
 static void __brisel_optioin_send_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   option_reply_view_data *vd = (option_reply_view_data *)data;
-  if (!brisel_view_phone_ready(vd->ad)) return;
+  // What waits for the phone anyway may go on waiting.
+  if (!vd->request_id && !brisel_view_phone_ready(vd->ad)) return;
   if (!__brisel_option_reply_send_reply_message(vd, elm_entry_entry_get(vd->content_obj))) return;
   vd->text.clear();
   brisel_util_pop_view(vd->ad->naviframe);
@@ -146,7 +147,7 @@ static void __brisel_option_reply_keep_cb(void *data) {
   vd->keep_job = nullptr;
   // Not from inside an insertion, whose place in the text would be lost.
   if (vd->content_obj) __brisel_option_reply_direction_cb(nullptr, vd->content_obj, nullptr);
-  if (vd->sent) return;
+  if (vd->sent || vd->request_id) return;
   brisel_reply_draft_save(vd->mail, vd->text, false);
 }
 
@@ -178,7 +179,9 @@ void __brisel_option_reply_stands_cb(void *data, Evas_Object *obj, void *event_i
 
 /* --- the view --- */
 
-static Evas_Object *__brisel_option_reply_create_entry(Evas_Object *parent, option_reply_view_data *vd) {
+/* text: markup; NULL: the mail's draft. */
+static Evas_Object *__brisel_option_reply_create_entry(Evas_Object *parent, option_reply_view_data *vd,
+                                                       const char *text) {
   Evas_Object *entry = elm_entry_add(parent);
   elm_entry_editable_set(entry, EINA_TRUE);
   elm_entry_single_line_set(entry, EINA_FALSE);
@@ -188,7 +191,14 @@ static Evas_Object *__brisel_option_reply_create_entry(Evas_Object *parent, opti
   elm_entry_selection_handler_disabled_set(entry, EINA_TRUE);  // the toolkit's only cursor handlers
   evas_object_smart_callback_add(entry, "selection,start", __brisel_option_reply_entry_selection_start_cb, nullptr);
   evas_object_smart_callback_add(entry, "selection,cleared", __brisel_option_reply_entry_selection_cleared_cb, nullptr);
-  __brisel_option_reply_take_up_draft(vd, entry);
+  if (text) {
+    elm_entry_entry_set(entry, text);
+    elm_entry_cursor_end_set(entry);
+    const scoped_text plain(elm_entry_markup_to_utf8(text));
+    vd->text = plain ? plain.get() : "";
+  } else {
+    __brisel_option_reply_take_up_draft(vd, entry);
+  }
   __brisel_option_reply_direction_cb(nullptr, entry, nullptr);
   evas_object_smart_callback_add(entry, "language,changed", __brisel_option_reply_direction_cb, nullptr);
   brisel_reply_limit_entry(vd, entry);
@@ -217,12 +227,9 @@ static Evas_Object *__brisel_option_reply_create_send_button(Evas_Object *parent
   return btn;
 }
 
-int brisel_option_reply_emoticons_draw_view(int mail_id, appdata *ad, full_noti_data *noti_data) {
-  BRISEL_INFO("Enter");
-  option_reply_view_data *vd = nullptr;
-  int ret = brisel_reply_begin(mail_id, ad, noti_data, &vd);
-  if (ret != 0) return ret;
-
+/* Builds the view of a record that brisel_reply_begin made. Its result. */
+static int __brisel_option_reply_draw_typed(option_reply_view_data *vd, const char *text) {
+  appdata *ad = vd->ad;
   Evas_Object *emoticon_layout = brisel_util_load_edj(vd->layout, BRISEL_EDJ, "brisel/emoticon_view");
   if (!emoticon_layout) {
     BRISEL_ERROR("__brisel_option_reply_create_layout() failed!");
@@ -231,7 +238,7 @@ int brisel_option_reply_emoticons_draw_view(int mail_id, appdata *ad, full_noti_
   brisel_widget_ref_set(&vd->emoticon_layout, emoticon_layout);
   evas_object_size_hint_align_set(emoticon_layout, EVAS_HINT_FILL, EVAS_HINT_FILL);
 
-  Evas_Object *entry = __brisel_option_reply_create_entry(emoticon_layout, vd);
+  Evas_Object *entry = __brisel_option_reply_create_entry(emoticon_layout, vd, text);
   brisel_widget_ref_set(&vd->content_obj, entry);
   Evas_Object *btn = __brisel_option_reply_create_send_button(emoticon_layout);
   if (!btn) return brisel_reply_give_up(vd, -3);
@@ -252,4 +259,25 @@ int brisel_option_reply_emoticons_draw_view(int mail_id, appdata *ad, full_noti_
   evas_object_smart_callback_add(ad->naviframe, "transition,finished", __brisel_option_reply_stands_cb, vd);
   BRISEL_INFO("Leave");
   return 0;
+}
+
+int brisel_option_reply_emoticons_draw_view(int mail_id, appdata *ad, full_noti_data *noti_data) {
+  BRISEL_INFO("Enter");
+  option_reply_view_data *vd = nullptr;
+  const int ret = brisel_reply_begin(mail_id, ad, noti_data, &vd);
+  return ret != 0 ? ret : __brisel_option_reply_draw_typed(vd, nullptr);
+}
+
+int brisel_option_reply_change_draw_view(const brisel_request_data *request, appdata *ad) {
+  BRISEL_INFO("Enter");
+  // The mail may be gone: all that the view shows of it is to whom the reply goes.
+  const scoped_noti mail(brisel_full_noti_data_create());
+  if (!mail) return -3;
+  mail->from_name = g_strdup(request->person);
+  mail->subject = g_strdup(request->subject);
+  option_reply_view_data *vd = nullptr;
+  const int ret = brisel_reply_begin(request->mail_id, ad, mail.get(), &vd);
+  if (ret != 0) return ret;
+  vd->request_id = request->request_id;
+  return __brisel_option_reply_draw_typed(vd, request->text ? request->text : "");
 }

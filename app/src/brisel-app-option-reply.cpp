@@ -36,7 +36,7 @@ Eina_Bool __brisel_option_reply_view_pop_cb(void *data, Elm_Object_Item *item) {
   option_reply_view_data *vd = (option_reply_view_data *)data;
   if (vd) {
     // Through a power cut too: it is written for the last time.
-    if (vd->typed) brisel_reply_draft_save(vd->mail, vd->text, true);
+    if (vd->typed && !vd->request_id) brisel_reply_draft_save(vd->mail, vd->text, true);
     brisel_widget_ref_drop(&vd->popup);
     brisel_widget_ref_drop(&vd->content_obj);
     brisel_widget_ref_drop(&vd->nocontent_layout);

@@ -1,5 +1,6 @@
 /* What the files of the reply views share: the record of both views, the copy of the mail that is answered, the limit
-   of a typed reply. Only brisel-app-option-reply*.cpp use it. Thread: the EFL main loop. */
+   of a typed reply. Only brisel-app-option-reply*.cpp use it, and the
+   journal, which has a reply changed. Thread: the EFL main loop. */
 #ifndef BRISEL_APP_OPTION_REPLY_H
 #define BRISEL_APP_OPTION_REPLY_H
 
@@ -31,6 +32,7 @@ struct option_reply_view_data {
   Evas_Object *content_obj = nullptr;      /* templates: the list; typed reply: the entry */
   Evas_Object *popup = nullptr;            /* templates: the question before sending */
   brisel_reply_mail mail;
+  int request_id = 0; /* not 0: the text of a reply on its way is changed, and no draft is kept */
   bool sent = false;  /* nothing more goes out while the view leaves */
   bool typed = false; /* the typed view, wholly built */
   std::string text;   /* typed reply: what stands in the entry, kept as the mail's draft; "" once it is sent */
@@ -60,6 +62,12 @@ char *brisel_reply_to_markup(const brisel_reply_mail &mail);
 /* Sends text (markup) as the reply to the view's mail. false: it is not kept anywhere, and the user was told why by a
    toast; the view stays, so that it can be tried again. */
 bool __brisel_option_reply_send_reply_message(option_reply_view_data *vd, const char *text);
+
+/* --- a reply on its way: brisel-app-option-reply-typed.cpp --- */
+
+/* The typed view on a reply that can be changed, with its text; Send sends it in place of what was handed over. The
+   request is not kept. Results as of brisel_option_reply_emoticons_draw_view. */
+int brisel_option_reply_change_draw_view(const brisel_request_data *request, appdata *ad);
 
 /* --- which templates are used: brisel-app-option-reply-usage.cpp --- */
 

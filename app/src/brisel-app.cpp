@@ -2,6 +2,7 @@
 #include "brisel-app.h"
 
 #include "brisel-app-core.h"
+#include "brisel-app-journal.h"
 #include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
@@ -25,6 +26,18 @@ static void _delete_view_cb(void *data, Evas_Object *obj, void *event_info) {
   appdata *ad = (appdata *)data;
   brisel_delete_sweep_item(ad);
   brisel_crete_delete_view(ad);
+}
+
+static void _journal_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  appdata *ad = (appdata *)data;
+  brisel_delete_sweep_item(ad);
+  brisel_journal_draw_view(ad);
+}
+
+/* Without a more key: the mailbox's title, whose envelope says whether the phone is linked. */
+static void _title_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  if (event_info == elm_naviframe_bottom_item_get(obj)) _journal_cb(data, obj, event_info);
 }
 
 static int _create_conform(appdata *ad) {
@@ -96,6 +109,8 @@ static void _create_view_layout(appdata *ad) {
   if (Evas_Object *icon = brisel_view_title_icon(ad->naviframe))
     elm_object_item_part_content_set(item, "elm.swallow.icon", icon);
   elm_naviframe_item_pop_cb_set(item, _pop_cb, ad);
+  brisel_view_more_button(item, _journal_cb, ad);
+  evas_object_smart_callback_add(ad->naviframe, "title,clicked", _title_clicked_cb, ad);
   _update_window_title(ad);
 }
 

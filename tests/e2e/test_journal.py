@@ -1,0 +1,107 @@
+"""What waits and what was sent, on the screen: refused by a real mail system, changed, dropped, live."""
+from brisel_test import equal, kill_service, main
+from phone_test import Maildir, Relay, Sendmail, by_uid, delete_on_watch, journal, message, reply_on_watch
+from test_notify import Desk
+
+SENT, REFUSED = 2, 3
+
+
+def arrange(s):
+    box, mta = Maildir(s.dir / "box"), Sendmail(s.dir / "mta")
+    box.deliver(message("ask@x", "Lunch", sender="Ann <ann@example.org>"))
+    box.deliver(message("gone@x", "Old news", sender="Bob <bob@example.org>"))
+    relay = Relay(s, "--maildir", f"Me <me@example.org>={box.path}", "--sendmail", mta.command, "--retry-first", "1")
+    s.wait(lambda: len(by_uid(s)) == 2, "the mails")
+    return mta, relay, by_uid(s)["ask@x"], by_uid(s)["gone@x"]["mail_id"]
+
+
+def open_screen(s):
+    s.watch("key", "more")
+    s.wait(lambda: s.titles()[-1] == s.text("IDS_EMAIL_HEADER_WAITING_AND_SENT"), "the screen")
+
+
+def shows_state(s, id):
+    return s.wait_text(s.text(id))
+
+
+def test_a_refused_reply_is_told_changed_and_sent(s):
+    mta, relay, mail, gone = arrange(s)
+    s.launch()
+    s.wait_text("Lunch")
+    mta.refuse.write_text("67")
+    reply_on_watch(s, mail, "Soon")
+    s.wait_text(s.text("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED"))
+    s.wait_gone(s.text("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED"))
+    open_screen(s)
+    shows_state(s, "IDS_EMAIL_BODY_REFUSED")
+    s.rest()
+    s.tap("Ann", part=True)
+    s.wait_text("no route to anywhere")
+    s.wait_text("Soon")
+    s.tap(s.text("IDS_EMAIL_SK_CHANGE"))
+    s.wait(lambda: len(s.dump()["views"]) == 3, "the typed view")
+    s.wait_text("Soon")
+    equal(journal(s)[-1], (REFUSED, "no route to anywhere", "Soon"), "nothing is lost while it is changed")
+    s.rest()
+    s.watch("type", "er")
+    s.wait_text("Sooner")
+    mta.refuse.unlink()
+    s.watch("keypad", "hide")
+    width, height = s.size()
+    s.watch("tap", width // 2, height - 40)  # the send button
+    shows_state(s, "IDS_EMAIL_BODY_SENT")
+    equal(journal(s), [(SENT, "", "Sooner")], "changed and sent")
+
+    # Live: what the phone is not there for waits, and is dropped.
+    relay.kill()
+    s.wait(lambda: not s.linked(), "the link to go")
+    reply_on_watch(s, mail, "Later")
+    shows_state(s, "IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE")
+    s.rest()
+    s.tap(s.text("IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE"))
+    s.wait_text("Later")
+    s.rest()
+    s.tap(s.text("IDS_EMAIL_SK_DROP"))
+    delete_on_watch(s, gone)
+    s.wait_text("Bob")
+    equal([r[2] for r in journal(s)], ["Sooner", ""], "the reply dropped, the deletion kept")
+    relay.start()
+    shows_state(s, "IDS_EMAIL_BODY_WITH_THE_PHONE")
+    equal(len(mta.sent()), 1, "nothing of what was dropped went out")
+
+
+def test_a_refused_reply_is_told_on_the_desktop(s):
+    desk = Desk(s)
+    try:
+        mta, relay, mail, gone = arrange(s)
+        mta.refuse.write_text("67")
+        reply_on_watch(s, mail, "Yes & no")
+        refused = (s.text("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED"),
+                   s.text("IDS_EMAIL_BODY_TO_PS").replace("%s", "Ann") + "\nno route to anywhere")
+        s.wait(lambda: desk.told()[-1:] == [refused], "the refusal")
+        equal(desk.hints()["category"], "email.bounced", "what it is")
+        mta.refuse.write_text("68")
+        desk.press(s.text("IDS_EMAIL_SK_SEND_AGAIN"))
+        s.wait(lambda: len(desk.told()) == 2 and desk.shown() == 1, "the second refusal alone")
+        equal(journal(s), [(REFUSED, "no route to anywhere", "Yes & no")], "one reply, tried twice")
+        kill_service(s)
+        s.wait(s.linked, "the next service, at work")
+        s.launch()
+        s.wait_text("Lunch")
+        open_screen(s)
+        s.rest()
+        s.tap(s.text("IDS_EMAIL_BODY_REFUSED"), part=True)
+        s.rest()
+        s.tap(s.text("IDS_EMAIL_SK_DROP"))
+        desk.wait_shown(0)  # the next service knows the number of the one before
+        s.watch("key", "back")
+        reply_on_watch(s, mail, "Once more")
+        desk.wait_shown(1)
+        desk.press(s.text("IDS_EMAIL_SK_OPEN"))
+        s.wait(lambda: s.titles()[-1:] == [s.text("IDS_EMAIL_HEADER_WAITING_AND_SENT")], "the screen")
+    finally:
+        desk.close()
+
+
+if __name__ == "__main__":
+    main(globals())
