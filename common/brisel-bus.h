@@ -13,6 +13,7 @@ inline constexpr char application_name[] = "com.vextora.brisel";
 inline constexpr char application_path[] = "/com/vextora/brisel";
 inline constexpr char application_interface[] = "com.vextora.Application1";
 inline constexpr char BRISEL_EVENT_ID_KEY[] = "brisel_id";
+inline constexpr char BRISEL_EVENT_ID_JOURNAL[] = "journal"; /* in the place of an id: what waits and was sent */
 
 /* For literals and comparisons of beginnings: every error of the service is this and one of the names below. */
 #define HOST_ERROR "com.vextora.brisel.Error."

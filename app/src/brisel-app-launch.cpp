@@ -3,8 +3,10 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 
 #include "brisel-app-core.h"
+#include "brisel-app-journal.h"
 #include "brisel-app-lifecycle.h"
 #include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
@@ -329,6 +331,7 @@ static void _reset(appdata *ad, const char *mail_text) {
   } else {
     _launch(ad, mail_id);
   }
+  if (launched && mail_text && !strcmp(mail_text, BRISEL_EVENT_ID_JOURNAL)) brisel_journal_draw_view(ad);
   elm_win_activate(ad->win_main);
 }
 

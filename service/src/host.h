@@ -122,6 +122,9 @@ int host_mark_read(host *h, const std::string &uid, const std::string &client, c
                    int host_state, sd_bus_error *error);
 int host_reply(host *h, const std::string &uid, const std::string &client, const host_reply_request &reply,
                sd_bus_error *error);
+/* text: instead of what was written; NULL: the same again. */
+int host_repeat(host *h, const std::string &uid, const std::string &client, int64_t id, const std::string *text,
+                sd_bus_error *error);
 
 /* --- phone-link.cpp: the connected phone -------------------------------------------------------------------------- */
 

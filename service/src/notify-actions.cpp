@@ -55,12 +55,12 @@ int launched_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   return 0;
 }
 
-/* mail_id 0: the list. */
+/* mail_id 0: the list; below 0: what waits and was sent. */
 int open_application(notifier *n, int mail_id) {
   sd_bus_message *m = nullptr;
   int r = sd_bus_message_new_method_call(n->h->bus, &m, application_name, application_path, application_interface,
                                          "Launch");
-  const std::string id = std::to_string(mail_id);
+  const std::string id = mail_id < 0 ? BRISEL_EVENT_ID_JOURNAL : std::to_string(mail_id);
   if (r >= 0)
     r = mail_id ? sd_bus_message_append(m, "a{ss}", 1, BRISEL_EVENT_ID_KEY, id.c_str())
                 : sd_bus_message_append(m, "a{ss}", 0);
@@ -131,6 +131,8 @@ void notify_do(notifier *n, const std::string &key, const std::vector<int> &ids)
     r = mark_read(n, ids, &error);
   else if (key == notify_key_delete)
     r = host_delete(n->h, new_uid(), own_client, ids, &error);
+  else if (key == notify_key_again && ids.size() == 1 && ids.front() < 0)
+    r = host_repeat(n->h, new_uid(), own_client, -ids.front(), nullptr, &error);
   else if (key.starts_with(notify_key_reply) && ids.size() == 1)
     r = reply(n, ids.front(), key.substr(strlen(notify_key_reply)), &error);
   if (r < 0)

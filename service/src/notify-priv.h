@@ -40,8 +40,16 @@ struct notify_button {
   std::string key, label;
 };
 
+/* What a notification is about, as the names of categories, sounds and feedback put it. */
+struct notify_event {
+  const char *category, *name;
+};
+inline constexpr notify_event notify_new_mail = {"email.arrived", "message-new-email"},
+                              notify_refused = {"email.bounced", "dialog-warning"};
+
 /* What a server is given. */
 struct notify_message {
+  const notify_event *event = &notify_new_mail;
   std::string summary, body; /* plain text */
   std::vector<notify_button> buttons;
 };
@@ -69,26 +77,27 @@ int notify_server_ask(notifier *n, bool may_start);
 /* replaces: the number of one to put this in the place of, or 0. notify_answered() follows. */
 int notify_server_tell(notifier *n, const notify_message &message, uint32_t replaces, bool is_quiet, bool has_sound);
 void notify_server_close(notifier *n, uint32_t number);
-void notify_feedback(notifier *n);
+void notify_feedback(notifier *n, const notify_event *event);
 
 /* --- notify-text.cpp: what is said -------------------------------------------------------------------------------- */
 
 void notify_language(void);
 notify_way notify_way_of(int account_id);
 notify_message notify_text_single(notifier *n, int mail_id, const noticed_mail &mail);
+notify_message notify_text_refused(const refused_reply &reply);
 /* mails: the newest ones of them, newest first. */
 notify_message notify_text_counted(size_t count, const std::vector<noticed_mail> &mails);
 
 /* --- notify-actions.cpp: what a button does ----------------------------------------------------------------------- */
 
 inline constexpr char notify_key_open[] = "default", notify_key_read[] = "mark-read", notify_key_delete[] = "delete",
-                      notify_key_reply[] = "reply:"; /* the text to send follows */
+                      notify_key_again[] = "send-again", notify_key_reply[] = "reply:"; /* the text to send follows */
 
 /* The texts that may be sent from a notification, as they are sent: at most two, the most used ones. */
 std::vector<std::string> notify_replies(notifier *n);
 /* Whether a reply to the mail has somebody to go to, and the phone sends replies. */
 bool notify_can_reply(notifier *n, const noticed_mail &mail);
-/* ids: newest first. */
+/* ids: newest first; one below zero is a refused reply's. */
 void notify_do(notifier *n, const std::string &key, const std::vector<int> &ids);
 
 #endif

@@ -17,7 +17,6 @@ constexpr char match_server[] =
     "interface='org.freedesktop.Notifications'";
 
 constexpr char application_id[] = "com.vextora.brisel";
-constexpr char event_name[] = "message-new-email"; /* of the sound and of the feedback themes */
 
 /* A server that answers nothing for so long is taken for absent. */
 constexpr uint64_t answer_usec = 20000000;
@@ -124,12 +123,12 @@ std::string as_markup(const std::string &text) {
   return out;
 }
 
-int append_hints(sd_bus_message *m, bool is_quiet, bool has_sound) {
+int append_hints(sd_bus_message *m, const notify_event *event, bool is_quiet, bool has_sound) {
   int r = sd_bus_message_open_container(m, 'a', "{sv}");
-  if (r >= 0) r = sd_bus_message_append(m, "{sv}", "category", "s", "email.arrived");
+  if (r >= 0) r = sd_bus_message_append(m, "{sv}", "category", "s", event->category);
   if (r >= 0) r = sd_bus_message_append(m, "{sv}", "desktop-entry", "s", application_id);
   if (r >= 0) r = sd_bus_message_append(m, "{sv}", "urgency", "y", is_quiet ? urgency_low : urgency_normal);
-  if (r >= 0 && !is_quiet) r = sd_bus_message_append(m, "{sv}", "sound-name", "s", event_name);
+  if (r >= 0 && !is_quiet) r = sd_bus_message_append(m, "{sv}", "sound-name", "s", event->name);
   if (r >= 0 && !has_sound) r = sd_bus_message_append(m, "{sv}", "suppress-sound", "b", 1);
   return r < 0 ? r : sd_bus_message_close_container(m);
 }
@@ -179,7 +178,7 @@ int notify_server_tell(notifier *n, const notify_message &message, uint32_t repl
     for (const notify_button &button : message.buttons)
       if (r >= 0) r = sd_bus_message_append(m, "ss", clean_text(button.key).c_str(), clean_text(button.label).c_str());
   if (r >= 0) r = sd_bus_message_close_container(m);
-  if (r >= 0) r = append_hints(m, is_quiet, has_sound);
+  if (r >= 0) r = append_hints(m, message.event, is_quiet, has_sound);
   if (r >= 0) r = sd_bus_message_append(m, "i", server_decides);
   if (r >= 0) r = sd_bus_call_async(n->h->bus, &n->call_slot, m, told_cb, n, answer_usec);
   sd_bus_message_unref(m);
@@ -195,12 +194,12 @@ void notify_server_close(notifier *n, uint32_t number) {
   if (r < 0) fprintf(stderr, "brisel-hostd: a notification could not be withdrawn: %s\n", strerror(-r));
 }
 
-void notify_feedback(notifier *n) {
+void notify_feedback(notifier *n, const notify_event *event) {
   sd_bus_message *m = nullptr;
   int r = sd_bus_message_new_method_call(n->h->bus, &m, "org.sigxcpu.Feedback", "/org/sigxcpu/Feedback",
                                          "org.sigxcpu.Feedback", "TriggerFeedback");
-  if (r >= 0) r = sd_bus_message_append(m, "ssa{sv}i", application_id, event_name, 0, server_decides);
+  if (r >= 0) r = sd_bus_message_append(m, "ssa{sv}i", application_id, event->name, 0, server_decides);
   if (r >= 0) r = send_without_answer(n, m);
   sd_bus_message_unref(m);
-  if (r < 0) fprintf(stderr, "brisel-hostd: no feedback of new mail: %s\n", strerror(-r));
+  if (r < 0) fprintf(stderr, "brisel-hostd: no feedback: %s\n", strerror(-r));
 }

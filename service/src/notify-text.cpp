@@ -124,6 +124,25 @@ notify_message notify_text_single(notifier *n, int mail_id, const noticed_mail &
   return message;
 }
 
+notify_message notify_text_refused(const refused_reply &reply) {
+  notify_message message;
+  message.event = &notify_refused;
+  message.summary = text_of("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED");
+  message.buttons = {{notify_key_open, text_of("IDS_EMAIL_SK_OPEN")}};
+  if (reply.reason != outcome_no_address)
+    message.buttons.push_back({notify_key_again, text_of("IDS_EMAIL_SK_SEND_AGAIN")});
+  if (reply.locked || extent_of(reply.account_id) == notify_extent::nothing) return message;
+  if (const std::string who = one_line(reply.person, sender_bytes); !who.empty()) {
+    message.body = text_of("IDS_EMAIL_BODY_TO_PS");
+    if (const size_t at = message.body.find("%s"); at != std::string::npos) message.body.replace(at, 2, who);
+  }
+  const std::string why = reply.reason == outcome_no_address
+                              ? text_of("IDS_EMAIL_POP_THIS_EMAIL_HAS_NO_ADDRESS_TO_REPLY_TO")
+                              : one_line(reply.reason, words_bytes);
+  if (!why.empty()) message.body += (message.body.empty() ? "" : "\n") + why;
+  return message;
+}
+
 notify_message notify_text_counted(size_t count, const std::vector<noticed_mail> &mails) {
   notify_message message;
   message.summary =

@@ -1,5 +1,5 @@
-/* What is told of new mail and when, and what is taken back. Every look starts from the store: what it says waits is
-   told, what it says is over is withdrawn. */
+/* What is told of new mail and refused replies, when, and what is taken back. Every look starts from the store: what it
+   says waits is told, what it says is over is withdrawn. */
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -44,6 +44,10 @@ bool take_in(notifier *n) {
   return good(n, store_notify_take(n->h->st, now, arrivals, to_tell));
 }
 
+bool is_of_mail(const notice &one) {
+  return one.mail_id > 0;
+}
+
 bool is_on_its_way(const notifier *n, const notice &one) {
   return std::find(n->flight.begin(), n->flight.end(), one.mail_id) != n->flight.end();
 }
@@ -81,8 +85,10 @@ bool is_over(const notifier *n, const notice &one, size_t singles) {
   const bool lost = one.number && one.server != n->server;
   /* A service that was killed could not know whether it was shown: it is not told again. */
   const bool unknown = one.step == notice_step::handed_over && !is_on_its_way(n, one);
+  if (one.is_over || lost || unknown) return true;
+  if (!is_of_mail(one)) return false; /* nothing else may hide what went wrong */
   const bool one_too_many = !one.counted && one.step == notice_step::stands && singles >= notices_single_max;
-  return one.is_over || lost || unknown || one_too_many || is_in_view(n, one.account_id);
+  return one_too_many || is_in_view(n, one.account_id);
 }
 
 /* Takes back what is over, in view, or of another server. */
@@ -93,7 +99,7 @@ bool withdraw(notifier *n, std::vector<notice> *notices) {
   for (size_t i = notices->size(); i-- > 0;) {
     const notice one = (*notices)[i];
     const bool over = is_over(n, one, singles);
-    singles += !one.counted;
+    singles += !one.counted && is_of_mail(one);
     if (!over) continue;
     if (one.counted && one.number)
       counted_gone.push_back(one);
@@ -120,7 +126,9 @@ bool hide_locked(notifier *n, std::vector<notice> *notices) {
 }
 
 bool count_many(notifier *n, std::vector<notice> *notices) {
-  const auto waits = [](const notice &one) { return one.step == notice_step::waits && !one.counted && !one.number; };
+  const auto waits = [](const notice &one) {
+    return is_of_mail(one) && one.step == notice_step::waits && !one.counted && !one.number;
+  };
   if (static_cast<size_t>(std::count_if(notices->begin(), notices->end(), waits)) <= singles_at_once) return true;
   return change(n, notices, waits, [](notice *one) { one->counted = true; });
 }
@@ -150,12 +158,18 @@ void tell(notifier *n, std::vector<notice> those, const notify_message &message,
   }
   if (!has_sound) return;
   n->silent_until = now + silence_usec;
-  notify_feedback(n);
+  notify_feedback(n, message.event);
 }
 
 bool tell_single(notifier *n, const std::vector<notice> &notices) {
   for (const notice &one : notices) {
     if (one.counted || one.step != notice_step::waits) continue;
+    if (!is_of_mail(one)) {
+      refused_reply reply;
+      if (good(n, store_notify_refusal(n->h->st, -one.mail_id, &reply)))
+        tell(n, {one}, notify_text_refused(reply), false);
+      return true;
+    }
     noticed_mail mail;
     if (!good(n, store_notify_mail(n->h->st, one.mail_id, &mail))) return true;
     tell(n, {one}, notify_text_single(n, one.mail_id, mail), notify_way_of(mail.account_id) != notify_way::on);
@@ -275,6 +289,12 @@ void notify_pressed(notifier *n, uint32_t number, const std::string &key) {
   notify_server_close(n, number);
   good(n, store_notify_drop(n->h->st, ids));
   notify_do(n, key, ids);
+}
+
+void notify_reply_refused(host *h) {
+  if (!h->notify) return;
+  h->notify->server_is_missing = false; /* there may be one by now that can be started */
+  notify_look_soon(h->notify);
 }
 
 int notify_list_in_view(host *h, const char *sender, int account_id) {

@@ -1,6 +1,6 @@
-/* New mail is told: through the session's notification server, and by touch through its feedback service. What it tells
-   and when: docs/host-service.md. Nothing here waits for anybody: every call to another program is answered later, or
-   never. Thread: the service's event loop. */
+/* New mail and refused replies are told: through the session's notification server, and by touch through its feedback
+   service. What it tells and when: docs/host-service.md. Nothing here waits for anybody: every call to another program
+   is answered later, or never. Thread: the service's event loop. */
 #ifndef BRISEL_NOTIFY_H
 #define BRISEL_NOTIFY_H
 
@@ -16,5 +16,7 @@ void notify_stop(host *h);
 /* sender, a name on the bus, shows the list of that account's mails; 0: of all; below 0: no list. Forgotten when the
    sender leaves the bus. */
 int notify_list_in_view(host *h, const char *sender, int account_id);
+/* The store has a refusal that is to be told. */
+void notify_reply_refused(host *h);
 
 #endif

@@ -4,6 +4,7 @@
 
 #include "brisel-settings.h"
 #include "host.h"
+#include "notify.h"
 #include "store-format.h"
 #include "vconf.h"
 
@@ -225,8 +226,10 @@ int outcome(sd_bus_message *m, void *data, sd_bus_error *error) {
                                                                   {outcome_refused, reply_outcome::refused}};
   for (const auto &[name, known] : states) {
     if (strcmp(state, name) != 0) continue;
-    refused_reply refused;
-    return finish(h, m, store_set_outcome(h->st, uid, known, reason, &refused), error);
+    bool refused = false;
+    const store_status status = store_set_outcome(h->st, uid, known, reason, &refused);
+    if (!status && refused) notify_reply_refused(h);
+    return finish(h, m, status, error);
   }
   return invalid(error, "state is neither \"sent\", \"waits\" nor \"refused\"");
 }

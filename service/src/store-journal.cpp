@@ -2,6 +2,7 @@
    asked besides (what is sent again or dropped) is here too, as it works on those rows. */
 #include <ctime>
 
+#include "store-notify.h"
 #include "store-priv.h"
 
 namespace {
@@ -135,23 +136,23 @@ store_status store_request_drop(store *st, const std::string &uid, int64_t id) {
 }
 
 store_status store_set_outcome(store *st, const std::string &uid, reply_outcome outcome, const std::string &reason,
-                               refused_reply *refused) {
+                               bool *refused) {
   static_assert(static_cast<int>(reply_outcome::waits) == BRISEL_REQUEST_STATE_HANDED_OVER &&
                 static_cast<int>(reply_outcome::sent) == BRISEL_REQUEST_STATE_SENT &&
                 static_cast<int>(reply_outcome::refused) == BRISEL_REQUEST_STATE_REFUSED);
   const int state = static_cast<int>(outcome);
   if (uid.empty() || uid.size() > uid_max) return fail(st, store_invalid, "a request's uid has 1 to 128 bytes");
-  *refused = {};
+  *refused = false;
   return transaction(st, [&]() -> store_status {
     /* What was sent stays sent. The rows of other kinds end when the phone has them. */
     sql_statement find(&st->db,
-                       "SELECT id, person, subject FROM journal WHERE uid = ?1 AND kind = 1 AND state <> 2 AND"
+                       "SELECT id, state FROM journal WHERE uid = ?1 AND kind = 1 AND state <> 2 AND"
                        " (state <> ?2 OR reason <> ?3)");
     const sql_result r = find.bind(uid, state, reason).step();
     if (r == sql_done) return store_ok; /* told before, or forgotten here */
     if (r != sql_row) return fail_sql(st);
     const int64_t id = find.number(0);
-    if (outcome == reply_outcome::refused) *refused = {static_cast<int>(id), find.text(1), find.text(2), reason};
+    *refused = outcome == reply_outcome::refused && find.number(1) != state;
     find.finish();
     store_status status = run_sql(st, "DELETE FROM outbox WHERE id = ?", id); /* so the phone has it */
     if (status) return status;
@@ -159,6 +160,7 @@ store_status store_set_outcome(store *st, const std::string &uid, reply_outcome 
                      "UPDATE journal SET state = ?1, reason = ?2, changed = ?3,"
                      " json = CASE ?1 WHEN 2 THEN '' ELSE json END WHERE id = ?4",
                      state, reason, now_seconds(), id);
+    if (!status && *refused) status = store_notify_refused(st, id);
     return status ? status : tell(st, id);
   });
 }

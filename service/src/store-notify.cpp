@@ -41,7 +41,7 @@ store_status store_notify_take(store *st, int64_t now, const std::vector<arrival
     if (!status) status = run_for_ids(st, "INSERT OR IGNORE INTO notification (mail_id) VALUES (?)", to_tell, &added);
     if (status || to_tell.empty()) return status;
     return run_sql(st,
-                   "DELETE FROM notification WHERE number = 0 AND step = 0 AND mail_id NOT IN"
+                   "DELETE FROM notification WHERE mail_id > 0 AND number = 0 AND step = 0 AND mail_id NOT IN"
                    " (SELECT mail_id FROM notification ORDER BY mail_id DESC LIMIT ?)",
                    notices_max);
   });
@@ -50,8 +50,11 @@ store_status store_notify_take(store *st, int64_t now, const std::vector<arrival
 store_status store_notify_list(store *st, std::vector<notice> *notices) {
   sql_statement list(&st->db,
                      "SELECT n.mail_id, ifnull(account_id, 0), step, number, counted, n.locked, server,"
-                     " m.mail_id IS NULL OR is_read <> 0, ifnull(security_locked, 0)"
-                     " FROM notification n LEFT JOIN mail m ON m.mail_id = n.mail_id ORDER BY 1");
+                     " CASE WHEN n.mail_id < 0 THEN j.id IS NULL ELSE m.mail_id IS NULL OR is_read <> 0 END,"
+                     " ifnull(security_locked, 0)"
+                     " FROM notification n LEFT JOIN mail m ON m.mail_id = n.mail_id"
+                     " LEFT JOIN journal j ON j.id = -n.mail_id AND j.state = ? ORDER BY 1");
+  list.bind(BRISEL_REQUEST_STATE_REFUSED);
   sql_result r;
   while ((r = list.step()) == sql_row)
     notices->push_back({list.integer(0), list.integer(1), static_cast<notice_step>(list.number(2)),
@@ -95,5 +98,20 @@ store_status store_notify_mail(store *st, int mail_id, noticed_mail *mail) {
   int column = 3;
   for (std::string *text : {&mail->subject, &mail->from_address, &mail->from_name, &mail->host_tag, &mail->message_uid})
     *text = get.text(column++);
+  return store_ok;
+}
+
+store_status store_notify_refused(store *st, int64_t request_id) {
+  return run_sql(st, "INSERT OR IGNORE INTO notification (mail_id) VALUES (?)", -request_id);
+}
+
+store_status store_notify_refusal(store *st, int request_id, refused_reply *reply) {
+  sql_statement get(&st->db,
+                    "SELECT ifnull(account_id, 0), ifnull(security_locked, 0), person, reason FROM journal j"
+                    " LEFT JOIN mail m ON m.mail_id = j.mail_id WHERE id = ? AND state = ?");
+  const sql_result r = get.bind(request_id, BRISEL_REQUEST_STATE_REFUSED).step();
+  if (r == sql_done) return fail(st, store_invalid, "no refused reply %d", request_id);
+  if (r != sql_row) return fail_sql(st);
+  *reply = {get.integer(0), get.number(1) != 0, get.text(2), get.text(3)};
   return store_ok;
 }

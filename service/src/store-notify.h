@@ -17,6 +17,7 @@ struct arrival {
 
 enum class notice_step { waits, handed_over, stands };
 
+/* A notice of a reply that was refused has the request's id, below zero, in the place of a mail's. */
 struct notice {
   int mail_id;
   int account_id;
@@ -25,8 +26,16 @@ struct notice {
   bool counted;
   bool told_locked;
   std::string server;
-  bool is_over; /* the mail is gone or read; that all are seen is said of mails that nobody saw */
+  bool is_over; /* the mail is gone or read (that all are seen is said of mails that nobody saw); a reply that was
+                   refused was sent again or dropped */
   bool locked;  /* the mail is locked now */
+};
+
+/* What one says of a refused reply. The account and the lock are the answered mail's, 0 once that is gone. */
+struct refused_reply {
+  int account_id = 0;
+  bool locked = false;
+  std::string person, reason; /* reason: as the phone says it */
 };
 
 /* What a notification says of a mail, and what its buttons need. */
@@ -48,5 +57,9 @@ store_status store_notify_put(store *st, const std::vector<notice> &notices);
 store_status store_notify_drop(store *st, const std::vector<int> &ids);
 /* store_invalid when there is no such mail. */
 store_status store_notify_mail(store *st, int mail_id, noticed_mail *mail);
+/* A reply that has just been refused is to be told. Inside a transaction. */
+store_status store_notify_refused(store *st, int64_t request_id);
+/* store_invalid when there is none of that id that was refused. */
+store_status store_notify_refusal(store *st, int request_id, refused_reply *reply);
 
 #endif

@@ -139,15 +139,11 @@ store_status store_request_repeat(store *st, const store_request &asked, int64_t
 /* Whether a request of that uid is among the latest that were done. */
 bool store_was_done(store *st, const std::string &uid);
 store_status store_request_drop(store *st, const std::string &uid, int64_t id);
-struct refused_reply {
-  int id = 0; /* 0: nothing that was not known before */
-  std::string person, subject, reason;
-};
 enum class reply_outcome { waits = 1, sent = 2, refused = 3 }; /* as brisel_request_state */
 /* What the phone says came of the reply of that uid, and why. Again, or for one that is forgotten here: no error.
- *refused: filled when the user is to be told. */
+   A refusal that was not known before is to be told from then on (store-notify.h): *refused. */
 store_status store_set_outcome(store *st, const std::string &uid, reply_outcome outcome, const std::string &reason,
-                               refused_reply *refused);
+                               bool *refused);
 
 /* The body and the message uid of a mail. */
 store_status store_get_body(store *st, int mail_id, std::string *body, std::string *message_uid);

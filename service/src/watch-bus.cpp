@@ -88,26 +88,16 @@ int reply(sd_bus_message *m, void *data, sd_bus_error *error) {
   return answer(m, host_reply(h, uid, host_client_of(h, m), reply, error));
 }
 
-/* A reply once more, as a new request: what a phone refused it knows by the old number. */
 int repeat_request(sd_bus_message *m, void *data, sd_bus_error *error) {
   host *h = static_cast<host *>(data);
-  std::string uid, text, old;
-  int64_t id = 0, entry = 0;
+  std::string uid, text;
+  int64_t id = 0;
   int changed = 0;
   int r = host_read_text(m, "uid", uid_max, &uid, error);
   if (r >= 0) r = sd_bus_message_read(m, "xb", &id, &changed);
   if (r >= 0) r = host_read_text(m, "text", body_max, &text, error);
   if (r < 0) return r;
-  if (store_was_done(h->st, uid)) return answer(m, 0);
-  store_status status = store_reply_json(h->st, id, &old);
-  if (status) return host_fail(h, status, error);
-  json_record json = json_record::parse(old, nullptr, false);
-  if (!json.is_object() || !json.contains("text") || !json["text"].is_string())
-    return sd_bus_error_setf(error, HOST_ERROR "Store", "reply %" PRId64 " is damaged", id);
-  if (changed) json["text"] = text;
-  text = json["text"].get<std::string>();
-  status = store_request_repeat(h->st, {uid, to_text(json), host_client_of(h, m)}, id, text, &entry);
-  return answer(m, taken(h, status, entry, json, error, uid));
+  return answer(m, host_repeat(h, uid, host_client_of(h, m), id, changed ? &text : nullptr, error));
 }
 
 int drop_request(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -194,6 +184,22 @@ int host_reply(host *h, const std::string &uid, const std::string &client, const
   int64_t entry = 0;
   const reply_words words = {reply.mail_id, reply.recipient, reply.subject, reply.text};
   const store_status status = store_request_reply(h->st, {uid, to_text(json), client}, words, &entry);
+  return taken(h, status, entry, json, error, uid);
+}
+
+/* As a new request: what a phone refused it knows by the old number. */
+int host_repeat(host *h, const std::string &uid, const std::string &client, int64_t id, const std::string *text,
+                sd_bus_error *error) {
+  std::string old;
+  if (store_was_done(h->st, uid)) return 0;
+  store_status status = store_reply_json(h->st, id, &old);
+  if (status) return host_fail(h, status, error);
+  json_record json = json_record::parse(old, nullptr, false);
+  if (!json.is_object() || !json.contains("text") || !json["text"].is_string())
+    return sd_bus_error_setf(error, HOST_ERROR "Store", "reply %" PRId64 " is damaged", id);
+  if (text) json["text"] = *text;
+  int64_t entry = 0;
+  status = store_request_repeat(h->st, {uid, to_text(json), client}, id, json["text"].get<std::string>(), &entry);
   return taken(h, status, entry, json, error, uid);
 }
 

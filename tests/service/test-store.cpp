@@ -111,7 +111,7 @@ store_status step(life *l, size_t number) {
   int64_t entry = 0;
   std::vector<int> ids;
   std::vector<mail_values> mails = {mail_of(7, "one"), mail_of(7, "two"), mail_of(7, "three")};
-  refused_reply refused;
+  bool refused;
   switch (number) {
     case 1:
       return store_add_account(l->st, &id, "work@example.org", "Work", 0x11223344);
@@ -480,9 +480,9 @@ TEST_F(Rules, AReplyIsTakenBackOnlyWhileNoPhoneMayHaveIt) {
     return entry;
   };
   const auto outcome = [&](const char *uid, reply_outcome what, const char *why) {
-    refused_reply refused;
+    bool refused;
     EXPECT_EQ(store_ok, store_set_outcome(st, uid, what, why, &refused));
-    return refused.id;
+    return refused;
   };
   const int64_t early = reply("early"), gone = reply("gone");
   int64_t again = 0;
@@ -500,14 +500,14 @@ TEST_F(Rules, AReplyIsTakenBackOnlyWhileNoPhoneMayHaveIt) {
   ASSERT_EQ(2u, waiting.size());
   EXPECT_EQ("early-2", waiting[0].uid);
 
-  EXPECT_EQ(0, outcome("late", reply_outcome::waits, "no route"));
+  EXPECT_FALSE(outcome("late", reply_outcome::waits, "no route"));
   EXPECT_EQ(store_invalid, store_request_drop(st, "d4", late));
-  EXPECT_EQ(static_cast<int>(late), outcome("late", reply_outcome::refused, "no such user"));
-  EXPECT_EQ(0, outcome("late", reply_outcome::refused, "no such user")) << "told again";
+  EXPECT_TRUE(outcome("late", reply_outcome::refused, "no such user"));
+  EXPECT_FALSE(outcome("late", reply_outcome::refused, "no such user")) << "told again";
   EXPECT_EQ(store_ok, store_request_repeat(st, {"late-3", "{3}"}, late, "late", &again));
-  EXPECT_EQ(0, outcome("late", reply_outcome::sent, "")) << "what was repeated is forgotten";
-  EXPECT_EQ(0, outcome("late-3", reply_outcome::sent, ""));
-  EXPECT_EQ(0, outcome("late-3", reply_outcome::refused, "too late"));
+  EXPECT_FALSE(outcome("late", reply_outcome::sent, "")) << "what was repeated is forgotten";
+  EXPECT_FALSE(outcome("late-3", reply_outcome::sent, ""));
+  EXPECT_FALSE(outcome("late-3", reply_outcome::refused, "too late"));
   EXPECT_EQ("3|early-2|1|0|1|1|1|ann@example.org|Hi|changed||{2}\n5|late-3|1|2|1|1|1|ann@example.org|Hi|late||\n",
             journal(f.file));
   run_sql(f.file, "UPDATE journal SET changed = changed - 90000");
