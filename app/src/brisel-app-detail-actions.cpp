@@ -3,6 +3,7 @@
 #include "brisel-app-detail.h"
 
 #include <cstring>
+#include <vector>
 
 #include "brisel-app-detail-body.h"
 #include "brisel-app-utils.h"
@@ -71,23 +72,53 @@ void __brisel_detail_show_on_device_button_clicked_cb(void *data, Evas_Object *o
   brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"));
 }
 
-void __brisel_detail_send_update_ind(brisel_detail_view *view_data) {
-  BRISEL_INFO("Enter");
+struct brisel_detail_mark {
+  int mail_id, host_state;
+};
+/* Marks that could not be kept and are on offer again, all in one popup. */
+static std::vector<brisel_detail_mark> __brisel_detail_unkept;
+
+static int __brisel_detail_request_mark(const brisel_detail_mark &mark) {
   scoped_update update(brisel_update_noti_data_create());
   if (!update) {
     BRISEL_ERROR("brisel_update_noti_data_create() failed!");
-    return;
+    return BRISEL_COMMON_ERROR_MEMORY;
   }
-  const full_noti_data *mail = view_data->page_data[BRISEL_DETAIL_CUR_PAGE]->mail_data;
-  update->id_list = g_slist_append(update->id_list, GINT_TO_POINTER(mail->mail_id));
-  update->host_state = mail->host_state;
+  update->id_list = g_slist_append(update->id_list, GINT_TO_POINTER(mark.mail_id));
+  update->host_state = mark.host_state;
   int result = brisel_ipc_req_cancel(BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND);
   if (result != 0) {
     BRISEL_ERROR("brisel_ipc_req_cancel() failed! ret:[%d]", result);
-  } else {
-    result = brisel_ipc_req_update_ind(update.get(), nullptr, nullptr);
-    if (result != 0) BRISEL_ERROR("brisel_ipc_req_update_ind() failed! ret:[%d]", result);
+    return result;
   }
+  result = brisel_ipc_req_update_ind(update.get(), nullptr, nullptr);
+  if (result != 0) BRISEL_ERROR("brisel_ipc_req_update_ind() failed! ret:[%d]", result);
+  return result;
+}
+
+static int __brisel_detail_mark_again(void *data) {
+  while (!__brisel_detail_unkept.empty()) {
+    const int result = __brisel_detail_request_mark(__brisel_detail_unkept.front());
+    if (result != 0) return result;
+    __brisel_detail_unkept.erase(__brisel_detail_unkept.begin());
+  }
+  return 0;
+}
+
+static void __brisel_detail_forget_marks(void *data) {
+  __brisel_detail_unkept.clear();
+}
+
+void __brisel_detail_send_update_ind(brisel_detail_view *view_data) {
+  BRISEL_INFO("Enter");
+  const full_noti_data *mail = view_data->page_data[BRISEL_DETAIL_CUR_PAGE]->mail_data;
+  const brisel_detail_mark mark = {mail->mail_id, mail->host_state};
+  if (__brisel_detail_request_mark(mark) == 0) return;
+  // The offer that stands gives way to the new one, and forgets what it was for.
+  std::vector<brisel_detail_mark> unkept = __brisel_detail_unkept;
+  unkept.push_back(mark);
+  brisel_view_offer_again(view_data->ad, __brisel_detail_mark_again, __brisel_detail_forget_marks, nullptr);
+  __brisel_detail_unkept = unkept;
 }
 
 static void __brisel_detail_pickover_cb(keynode_t *node, void *data) {
