@@ -41,16 +41,27 @@ inline constexpr char outcome_no_address[] = "no-address";
 inline constexpr unsigned pair_version = 2, pair_version_least = 1;
 /* How long an id is, in hexadecimal digits, and a name at most, in bytes. */
 inline constexpr unsigned pair_id_size = 32, pair_name_max = 64;
-/* A capability: AddMails takes "body_zlib" (ay, a zlib stream of the text) in the place of "body". */
-inline constexpr char pair_zlib[] = "zlib";
+/* Capabilities of the service: AddMails takes "body_zlib" (ay, a zlib stream of the text) in the place of "body";
+   there is ListMailIds. */
+inline constexpr char pair_zlib[] = "zlib", pair_mail_ids[] = "mail_ids";
 /* The program that a phone's stream ends at. */
 inline constexpr char pair_gate[] = "brisel-gate";
 /* The Bluetooth profile that both sides register. */
 inline constexpr char pair_profile[] = "6f0a5b1e-8d3c-4c5e-9b21-3a7d40c2e915";
 
 /* How the two know that the link lives, in seconds. The phone pings after so long without a word and waits so long for
-   the answer, or for that of a call. The gate ends when it heard nothing, or when a request of its was not answered. */
-inline constexpr unsigned pair_ping_after = 30, pair_ping_answer = 15, pair_call_answer = 20;
+   the answer, or for that of a call. The gate ends when it heard nothing, when a request of its was not answered, or
+   when the rest of a message does not come. */
+inline constexpr unsigned pair_ping_after = 30, pair_ping_answer = 15, pair_call_answer = 15;
 inline constexpr unsigned pair_silence = 55, pair_request_answer = 15;
+/* What is promised with these: after so many seconds both know of a silent cut, while something is under way and
+   otherwise. The margin is for what has to end and to be told then. */
+inline constexpr unsigned pair_known_busy = 20, pair_known_idle = 60, pair_margin = 4;
+static_assert(pair_call_answer + pair_margin <= pair_known_busy &&
+              pair_request_answer + pair_margin <= pair_known_busy &&
+              pair_ping_after + pair_ping_answer + pair_margin <= pair_silence &&
+              pair_silence + pair_margin <= pair_known_idle);
+/* How often work that takes long says a word: a request that comes meanwhile finds it alive. */
+inline constexpr unsigned pair_word_every = pair_request_answer / 3;
 
 #endif

@@ -80,6 +80,11 @@ uint64_t deadline(const gate *g) {
     const uint64_t answer_by = g->asked + g->answer_limit + travels;
     by = by ? std::min(by, answer_by) : answer_by;
   }
+  /* Whoever has begun a message sends the rest of it. */
+  if (stream_breaks_off(s) && g->answer_limit) {
+    const uint64_t rest_by = s->heard + g->answer_limit + travels;
+    by = by ? std::min(by, rest_by) : rest_by;
+  }
   return by;
 }
 

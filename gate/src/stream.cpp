@@ -166,6 +166,10 @@ int stream_go(stream *s) {
   return filled > 0 || count > 0;
 }
 
+bool stream_breaks_off(const stream *s) {
+  return s->at == stream_at::message && s->coming.start == s->coming.end;
+}
+
 bool stream_sent_all(const stream *s) {
   return s->going.start == s->going.end;
 }

@@ -20,6 +20,7 @@
 namespace {
 
 constexpr uint64_t kConnectUsec = 30000000;
+constexpr int kProfileTries = 10, kProfilePauseMs = 300;
 constexpr char kProfilePath[] = "/com/vextora/brisel/phone";
 
 struct joining {
@@ -65,10 +66,18 @@ int connected_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
   return 0;
 }
 
+/* BlueZ takes a profile from one program only. A command has it for a moment, which is waited for. */
 int register_profile(sd_bus *bus, sd_bus_error *why) {
-  return sd_bus_call_method(bus, bluez_name, "/org/bluez", "org.bluez.ProfileManager1", "RegisterProfile", why, nullptr,
-                            "osa{sv}", kProfilePath, pair_profile, 3, "Name", "s", "Brisel", "Role", "s", "client",
-                            "RequireAuthentication", "b", 1);
+  int r = -1;
+  for (int tries = 0; r < 0 && tries < kProfileTries; tries++) {
+    if (tries > 0) poll(nullptr, 0, kProfilePauseMs);
+    sd_bus_error_free(why);
+    r = sd_bus_call_method(bus, bluez_name, "/org/bluez", "org.bluez.ProfileManager1", "RegisterProfile", why, nullptr,
+                           "osa{sv}", kProfilePath, pair_profile, 3, "Name", "s", "Brisel", "Role", "s", "client",
+                           "RequireAuthentication", "b", 1);
+    if (!sd_bus_error_has_names(why, "org.bluez.Error.NotPermitted", "org.bluez.Error.AlreadyExists")) return r;
+  }
+  return r;
 }
 
 /* Waits for the connection. Returns 0, or -1 with j->failed set. */

@@ -324,10 +324,10 @@ int command_demo(const std::string &dir) {
     accounts[text_of(entry, "folder")] = id;
   }
   if (host_set_account_count(bus.get(), true, &error) < 0) return complain(error);
-  std::vector<host_record> present;
-  if (host_list_mails(bus.get(), &present, &error) < 0) return complain(error);
+  std::vector<watch_mail_id> present;
+  if (host_list_mail_ids(bus.get(), &present, &error) < 0) return complain(error);
   std::map<std::string, bool> there;
-  for (const host_record &mail : present) there[mail.text("message_uid")] = true;
+  for (const watch_mail_id &mail : present) there[mail.message_uid] = true;
 
   int64_t now = static_cast<int64_t>(time(nullptr));
   std::vector<outgoing> batch;

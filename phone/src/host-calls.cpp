@@ -1,6 +1,7 @@
 #include "host-parts.h"
 
 #include <glib.h>
+#include <poll.h>
 #include <zlib.h>
 
 #include <cstdlib>
@@ -10,6 +11,8 @@
 #include "platform-peer.h"
 
 namespace {
+
+constexpr int kLooks = 5, kLookPauseMs = 50;
 
 std::string explain(const host_bus &bus, const sd_bus_error &error, int result) {
   if (error.name && strstr(error.name, ".ServiceUnknown"))
@@ -253,7 +256,10 @@ host_bus_holder host_open_session(std::string *error) {
   return nullptr;
 }
 
-int host_find(host_bus *bus, std::string *error) {
+namespace {
+
+/* Who has the service's name, and the program it runs. Returns 0, or a host_result with a reason. */
+int name_holder(host_bus *bus, std::string *holder, std::string *program, std::string *error) {
   bus_error why;
   bus_message reply;
   int result = sd_bus_call_method(bus->bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
@@ -272,13 +278,26 @@ int host_find(host_bus *bus, std::string *error) {
     *error = std::string("who the host service is cannot be told: ") + strerror(-result);
     return HOST_NOBODY;
   }
-  std::string program = platform_program_of(pid);
+  *program = platform_program_of(pid);
+  *holder = name;
+  return 0;
+}
+
+}  // namespace
+
+int host_find(host_bus *bus, std::string *error) {
+  std::string holder, program;
+  /* One that has just ended runs nothing any more and has the name for a moment still. */
+  for (int look = 0; look < kLooks && program.empty(); look++) {
+    if (look > 0) poll(nullptr, 0, kLookPauseMs);
+    if (int result = name_holder(bus, &holder, &program, error); result < 0) return result;
+  }
   if (!platform_program_is(program, BRISEL_HOSTD, "service/brisel-hostd")) {
     *error = std::string(host_name) + " is taken by " + (program.empty() ? "an unknown program" : program) +
              ", which is not the host service";
     return HOST_NOBODY;
   }
-  bus->owner = name;
+  bus->owner = holder;
   return 0;
 }
 
@@ -438,24 +457,59 @@ int host_delete_mails(host_bus *bus, const std::vector<int> &ids, std::string *e
   return host_finish(bus, call, append_ids(call.m, ids), &reply, error);
 }
 
-int host_list_mails(host_bus *bus, std::vector<host_record> *mails, std::string *error) {
-  /* In portions: all mails of a large store would not fit one bus message, and what the watch says besides must not
-     wait long behind one on a slow stream. */
-  const int portion = bus->peer ? 32 : 500;
+namespace {
+
+/* Calls `method` for one portion after the other, until there is no more: all mails of a large store would not fit one
+   bus message, and what the watch says besides must not wait long behind one on a slow stream. take() reads a portion
+   and gives the last mail's id, 0 when there was none, or an errno below 0. */
+template <typename Take>
+int list_in_portions(host_bus *bus, const char *method, int portion, std::string *error, Take take) {
   for (int after = 0;;) {
     bus_message call, reply;
-    int result = host_begin(bus, &call, "ListMails", error);
+    int result = host_begin(bus, &call, method, error);
     if (result < 0) return result;
     result = host_finish(bus, call, sd_bus_message_append(call.m, "ii", after, portion), &reply, error);
     if (result != HOST_OK) return result;
-    size_t before = mails->size();
-    result = read_records(reply.m, mails);
-    if (result < 0) return host_unreadable(result, error);
-    if (mails->size() == before) return 0;
-    int last = static_cast<int>(mails->back().number("mail_id"));
+    int last = take(reply.m);
+    if (last < 0) return host_unreadable(last, error);
     if (last <= after) return 0;
     after = last;
   }
+}
+
+int read_mail_ids(sd_bus_message *m, std::vector<watch_mail_id> *mails) {
+  int last = 0, r = sd_bus_message_enter_container(m, 'a', "(iiss)");
+  while (r >= 0) {
+    int mail_id = 0, account_id = 0;
+    const char *tag = nullptr, *uid = nullptr;
+    r = sd_bus_message_read(m, "(iiss)", &mail_id, &account_id, &tag, &uid);
+    if (r <= 0) break;
+    mails->push_back({mail_id, account_id, tag, uid});
+    last = mail_id;
+  }
+  return r < 0 ? r : last;
+}
+
+}  // namespace
+
+int host_list_mails(host_bus *bus, std::vector<host_record> *mails, std::string *error) {
+  return list_in_portions(bus, "ListMails", bus->peer ? 32 : 500, error, [mails](sd_bus_message *m) {
+    size_t before = mails->size();
+    int r = read_records(m, mails);
+    return r < 0 ? r : mails->size() == before ? 0 : static_cast<int>(mails->back().number("mail_id"));
+  });
+}
+
+int host_list_mail_ids(host_bus *bus, std::vector<watch_mail_id> *mails, std::string *error) {
+  if (bus->watch.mail_ids)
+    return list_in_portions(bus, "ListMailIds", bus->peer ? 200 : 1000, error,
+                            [mails](sd_bus_message *m) { return read_mail_ids(m, mails); });
+  std::vector<host_record> all;
+  int result = host_list_mails(bus, &all, error);
+  for (const host_record &mail : all)
+    mails->push_back({static_cast<int>(mail.number("mail_id")), static_cast<int>(mail.number("account_id")),
+                      mail.text("host_tag"), mail.text("message_uid")});
+  return result;
 }
 
 int host_set_templates(host_bus *bus, const std::vector<std::string> &texts, std::string *error) {

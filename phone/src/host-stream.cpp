@@ -73,7 +73,10 @@ int read_introduction(sd_bus_message *m, watch_identity *watch) {
   watch->name = name;
   r = sd_bus_message_enter_container(m, 'a', "s");
   while (r >= 0 && (r = sd_bus_message_read(m, "s", &capability)) > 0)
-    if (strcmp(capability, pair_zlib) == 0) watch->zlib = true;
+    if (strcmp(capability, pair_zlib) == 0)
+      watch->zlib = true;
+    else if (strcmp(capability, pair_mail_ids) == 0)
+      watch->mail_ids = true;
   return r;
 }
 
@@ -95,21 +98,33 @@ int compatible(const watch_identity &watch, std::string *error) {
   return HOST_REFUSED;
 }
 
-}  // namespace
-
-host_bus_holder host_open_stream(const carrier_address &address, const carrier_keys &keys, std::string *error) {
+host_bus_holder stream_over(carrier way, std::string *error) {
   static std::atomic<unsigned> count = 0;
   host_bus_holder bus(new host_bus);
   bus->peer = true;
   bus->patience = pair_call_answer * kSecond;
   /* Requests are known again by who sent them: each stream is another sender. */
   bus->owner = "stream:" + std::to_string(getpid()) + "." + std::to_string(boot_now()) + "." + std::to_string(count++);
-  if (carrier_open(address, keys, &bus->way, error) < 0) return nullptr;
+  bus->way = std::move(way);
   bus->heard = boot_now();
   int r = new_stream(bus.get());
   if (r >= 0) return bus;
   *error = std::string("the link cannot be opened: ") + strerror(-r);
   return nullptr;
+}
+
+}  // namespace
+
+host_bus_holder host_open_stream(const carrier_address &address, const carrier_keys &keys, std::string *error) {
+  carrier way;
+  return carrier_open(address, keys, &way, error) < 0 ? nullptr : stream_over(std::move(way), error);
+}
+
+host_bus_holder host_open_fd(int fd, carrier_kind kind, std::string *error) {
+  carrier way;
+  way.fd = fd;
+  way.kind = kind;
+  return stream_over(std::move(way), error);
 }
 
 void host_hang_up(host_bus *bus) {

@@ -34,7 +34,8 @@ struct phone_identity {
 struct watch_identity {
   unsigned version = 1; /* 1: it has no Introduce */
   std::string id, name;
-  bool zlib = false; /* it takes bodies that were made small */
+  bool zlib = false;     /* it takes bodies that were made small */
+  bool mail_ids = false; /* it lists its mails without their texts */
 };
 
 /* A connection to the service. */
@@ -99,6 +100,8 @@ int host_find(host_bus *bus, std::string *error);
 
 /* Starts a stream to the watch and returns at once: what is called waits until it is there. NULL with a reason. */
 host_bus_holder host_open_stream(const carrier_address &address, const carrier_keys &keys, std::string *error);
+/* The same over a stream that is there already, and is the connection's from now on. */
+host_bus_holder host_open_fd(int fd, carrier_kind kind, std::string *error);
 /* Ends a stream: every call fails, and its user is told as of any other end. */
 void host_hang_up(host_bus *bus);
 /* Why a stream ended, or what keeps it from being there, in words for people. */
@@ -137,6 +140,12 @@ int host_add_mails_end(host_call *call, size_t count, std::vector<int> *ids, std
 int host_update_mail(host_bus *bus, int id, const mail_change &change, std::string *error);
 int host_delete_mails(host_bus *bus, const std::vector<int> &ids, std::string *error);
 int host_list_mails(host_bus *bus, std::vector<host_record> *mails, std::string *error);
+/* What the watch's mails are known by. An older service tells more than that, which is left out here. */
+struct watch_mail_id {
+  int mail_id = 0, account_id = 0;
+  std::string host_tag, message_uid;
+};
+int host_list_mail_ids(host_bus *bus, std::vector<watch_mail_id> *mails, std::string *error);
 int host_set_templates(host_bus *bus, const std::vector<std::string> &texts, std::string *error);
 int host_list_templates(host_bus *bus, std::vector<std::pair<int, std::string>> *templates, std::string *error);
 int host_set_status(host_bus *bus, const char *kind, int value, std::string *error);

@@ -59,7 +59,7 @@ int catch_signals(phone_link *link) {
 }
 
 int set_up(phone_link *link, std::string *error) {
-  if (phone_identity_load("", &link->me, error) < 0) return -1;
+  if (phone_identity_load(&link->me, error) < 0) return -1;
   link->lock_fd = phone_state_lock("link.lock", error);
   if (link->lock_fd < 0) {
     if (error->empty()) *error = "this phone is linked already: another relay or serve runs";
@@ -129,6 +129,7 @@ void link_is_up(phone_link *link) {
   link->last_seen = static_cast<int64_t>(time(nullptr));
   sd_event_now(link->event, CLOCK_MONOTONIC, &link->connected_at);
   note_link(link);
+  share_linked(link);
   if (link->handlers->connected) link->handlers->connected(link, link->user_data);
 }
 
@@ -161,6 +162,7 @@ void link_close(phone_link *link) {
   if (!link) return;
   for (sd_event_source *source : {link->retry, link->take, link->resend}) sd_event_source_disable_unref(source);
   if (link->connected) link_is_down(link, "");
+  share_end(link);
   stream_end(link);
   link->bus.reset();
   if (link->stop_fd >= 0) {
@@ -184,6 +186,8 @@ bool link_is_connected(phone_link *link) {
 }
 void link_stay_alive(phone_link *link) {
   stream_keep_alive(link);
+  requests_take_urgent(link);
+  share_serve(link);
 }
 link_flow_limits link_flow(phone_link *link) {
   /* Over a stream an answer takes its time, which the next calls need not wait for; and no call is so large that a

@@ -17,7 +17,8 @@ inline constexpr uint64_t kShortestDelay = kUsecPerSecond / 4, kLongestDelay = 3
 struct waiting_request {
   int64_t id = 0, have = 0;
   std::string line, peer;
-  std::string uid; /* by which the watch knows the request when it is told what came of it; empty: it asks not */
+  std::string uid;     /* by which the watch knows the request when it is told what came of it; empty: it asks not */
+  bool urgent = false; /* somebody looks at the watch and waits */
 };
 
 /* Where a stream is; the session bus is always `open`. */
@@ -38,6 +39,18 @@ struct waiting_more {
   ~waiting_more();
   waiting_more(const waiting_more &) = delete;
   waiting_more &operator=(const waiting_more &) = delete;
+};
+
+/* Another command of this phone that uses the link. */
+struct borrower {
+  phone_link *link = nullptr;
+  sd_bus *bus = nullptr;
+  bool left = false;
+  std::vector<sd_bus_message *> waiting; /* calls that came while there was no link */
+  borrower() = default;
+  ~borrower();
+  borrower(const borrower &) = delete;
+  borrower &operator=(const borrower &) = delete;
 };
 
 struct phone_link {
@@ -68,6 +81,9 @@ struct phone_link {
   uint64_t answer_due = 0; /* until when */
   uint64_t kept_alive_at = 0;
   int network_fd = -1;
+  std::list<borrower> borrowers;
+  sd_event_source *share = nullptr, *share_drop = nullptr;
+  int share_fd = -1;
   std::map<int, unsigned> interfaces; /* of the network: which were up */
   uint64_t delay = 0;                 /* before the next try, in microseconds */
   uint64_t resend_delay = 0;          /* before requests that could not be kept are asked for again */
@@ -81,6 +97,8 @@ struct phone_link {
 /* Makes the sources that requests need. Returns 0, or an errno below 0. */
 int requests_start(phone_link *link);
 int request_cb(sd_bus_message *m, void *user_data, sd_bus_error *error);
+/* Answers what has come and is urgent; everything else keeps its turn. */
+void requests_take_urgent(phone_link *link);
 /* The connection is another one: what came over the old one is sent again. */
 void requests_forget(phone_link *link);
 
@@ -97,6 +115,16 @@ void stream_network_changed(phone_link *link, bool gone);
 void stream_keep_alive(phone_link *link);
 /* Frees what a stream holds. */
 void stream_end(phone_link *link);
+
+/* --- link-share.cpp: lends the link to other commands of this phone --- */
+
+/* Where the way to the watch is there only once. Without it nothing else fails. */
+void share_start(phone_link *link);
+/* The link is there: calls that waited for it go on. */
+void share_linked(phone_link *link);
+/* Serves who has come, for work that keeps the loop from it. */
+void share_serve(phone_link *link);
+void share_end(phone_link *link);
 
 /* --- link-network.cpp: hears of changes of the network --- */
 

@@ -99,6 +99,10 @@ void ask_again_later(phone_link *link) {
   link_timer(link, &link->resend, link->resend_delay, resend_cb);
 }
 
+bool asks_for_more(const nlohmann::json &request) {
+  return well_formed(request) && request["request"] == "more_msg";
+}
+
 void acknowledge(phone_link *link, int64_t id) {
   std::string error;
   if (host_acknowledge(link->bus.get(), id, &error) < 0) {
@@ -112,7 +116,7 @@ void acknowledge(phone_link *link, int64_t id) {
 void take_request(phone_link *link, const waiting_request &r) {
   nlohmann::json request = nlohmann::json::parse(r.line, nullptr, false);
   bool good = well_formed(request);
-  bool more = good && request["request"] == "more_msg";
+  bool more = asks_for_more(request);
   int fresh = 0;
   int kept = phone_state_change(link->state, [&] {
     fresh = phone_state_add_request(link->state, r.id, r.peer, r.line);
@@ -190,6 +194,12 @@ int body_of(const sent_mail &mail, std::string *body, bool *cut, std::string *er
   return 0;
 }
 
+/* Only what has come already: the answer of the last call came behind it. */
+void hear_what_came(phone_link *link) {
+  while (link->connected && sd_bus_process(link->bus->bus, nullptr) > 0) {
+  }
+}
+
 }  // namespace
 
 int requests_start(phone_link *link) {
@@ -235,15 +245,26 @@ int request_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
     link_log(std::string("a request cannot be read: ") + strerror(-r));
     return 0;
   }
+  request.urgent = asks_for_more(nlohmann::json::parse(request.line, nullptr, false));
   link->requests.push_back(std::move(request));
   sd_event_source_set_enabled(link->take, SD_EVENT_ONESHOT);
   return 0;
 }
 
-int link_take_waiting(phone_link *link) {
-  /* Only what has come already: the answer of the last call came behind it. */
-  while (link->connected && sd_bus_process(link->bus->bus, nullptr) > 0) {
+void requests_take_urgent(phone_link *link) {
+  hear_what_came(link);
+  auto urgent = [](const waiting_request &r) { return r.urgent; };
+  for (;;) {
+    auto next = std::find_if(link->requests.begin(), link->requests.end(), urgent);
+    if (!link->connected || next == link->requests.end()) return;
+    waiting_request request = std::move(*next);
+    link->requests.erase(next);
+    take_request(link, request);
   }
+}
+
+int link_take_waiting(phone_link *link) {
+  hear_what_came(link);
   while (link->connected && !link->requests.empty()) {
     waiting_request next = std::move(link->requests.front());
     link->requests.pop_front();

@@ -37,9 +37,11 @@ int drop_cb(sd_event_source *source, void *user_data) {
   return 0;
 }
 
-void retry_later(phone_link *link) {
-  uint64_t longest = boot_now() - link->lost_at < kRecent ? kLongestRecentDelay : kLongestDelay;
-  link->delay = std::clamp(link->delay * 2, kShortestDelay, longest);
+/* slowly: nothing but time, people or another network will change it. */
+void retry_later(phone_link *link, bool slowly) {
+  uint64_t longest = link->target.pace.again_after * kSecond;
+  if (!slowly && boot_now() - link->lost_at < kRecent) longest = std::min(longest, kLongestRecentDelay);
+  link->delay = slowly ? longest : std::clamp(link->delay * 2, kShortestDelay, longest);
   link_timer(link, &link->retry, link->delay, retry_cb);
 }
 
@@ -52,7 +54,7 @@ void end_stream(phone_link *link) {
   sd_event_source_set_enabled(link->drop, SD_EVENT_ONESHOT);
 }
 
-void lose(phone_link *link, const std::string &why) {
+void lose(phone_link *link, const std::string &why, bool slowly = false) {
   if (link->stage == link_stage::down) return;
   if (link->stage == link_stage::open) {
     link->lost_at = boot_now();
@@ -60,7 +62,7 @@ void lose(phone_link *link, const std::string &why) {
   }
   end_stream(link);
   link_is_down(link, link->target.name + ": " + why);
-  retry_later(link);
+  retry_later(link, slowly);
 }
 
 /* --- life --- */
@@ -150,8 +152,7 @@ int introduced_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
     error = host_stream_trouble(*link->bus);
   }
   if (result == HOST_OK) return 0;
-  if (result == HOST_REFUSED) link->delay = kLongestDelay; /* it takes people to change that */
-  lose(link, error);
+  lose(link, error, result == HOST_REFUSED);
   return 0;
 }
 
@@ -164,9 +165,7 @@ int gone_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
 int replaced_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
   auto *link = static_cast<phone_link *>(user_data);
   if (link->stage != link_stage::open) return 0;
-  lose(link, link_replaced);
-  link->delay = kLongestDelay; /* or the two would take turns without end */
-  link_timer(link, &link->retry, link->delay, retry_cb);
+  lose(link, link_replaced, true); /* or the two would take turns without end */
   return 0;
 }
 
@@ -198,7 +197,7 @@ void open_now(phone_link *link) {
   if (link->bus && r >= 0) return;
   end_stream(link);
   link_is_down(link, link->target.name + ": " + error);
-  retry_later(link);
+  retry_later(link, false);
 }
 
 int add_sources(phone_link *link) {
@@ -219,6 +218,7 @@ int stream_start(phone_link *link, std::string *error) {
     return -1;
   }
   network_follow(link);
+  share_start(link);
   link->lost_at = boot_now();
   open_now(link);
   return 0;
@@ -242,7 +242,7 @@ void stream_network_changed(phone_link *link, bool gone) {
 void stream_keep_alive(phone_link *link) {
   uint64_t now = boot_now();
   if (link->stage != link_stage::open || !pings(*link)) return;
-  uint64_t after = std::max(link->bus->heard, link->kept_alive_at) + pair_ping_after / 2 * kSecond;
+  uint64_t after = std::max(link->bus->heard, link->kept_alive_at) + pair_word_every * kSecond;
   if (now < after) return;
   link->kept_alive_at = now;
   sd_bus_call_method_async(link->bus->bus, nullptr, nullptr, "/", "org.freedesktop.DBus.Peer", "Ping", pong_cb, link,

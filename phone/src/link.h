@@ -49,11 +49,16 @@ using phone_link_holder = std::unique_ptr<phone_link, phone_link_closer>;
 sd_event *link_event(phone_link *link);
 host_bus *link_bus(phone_link *link);
 bool link_is_connected(phone_link *link);
-/* Work that takes the loop's thread for long calls this now and then: the watch then knows that the phone lives. */
+/* Work that takes the loop's thread for long calls this now and then: the watch then knows that the phone lives, and
+   who waits there for more of a text gets it. Not inside a change of the state. */
 void link_stay_alive(phone_link *link);
 /* Takes every request that the service sent before it answered the last call, now. Returns 0, or -1 when the connection
    went meanwhile. */
 int link_take_waiting(phone_link *link);
+
+/* For other commands: a stream that goes through who has the link to the watch whose state this is; -1 when nobody
+   lends one. What is called there gets to the watch as over a stream of one's own. The caller closes it. */
+int link_borrow();
 
 /* What is known of the link to the watch whose state this is, whoever has it. */
 struct link_report {

@@ -59,9 +59,10 @@ struct command_line {
   int exit_code = 0;
   bool no_mirrors = false, json = false, read = false, unread = false, fresh = false, not_new = false;
   std::string address, name, color, which, known, received, demo_dir = BRISEL_DEMO_DIR;
-  std::string accounts_file = post_config_file(), config, sendmail, watch, state, device, purpose, host, type, key;
+  std::string accounts_file = post_config_file(), config, sendmail, phone_name, watch, state, device, purpose, host,
+              type, key;
   std::vector<std::string> arguments; /* all of them */
-  int64_t ping_after = -1, patience = -1;
+  int64_t ping_after = -1, patience = -1, again_after = -1;
   std::vector<std::string> files, texts, maildirs, mboxes, addresses;
   std::vector<int> ids;
   int id = 0, status = 0;
@@ -180,28 +181,35 @@ void add_template_and_status_commands(CLI::App *app, command_line *c) {
   }
 }
 
-void use_pace(const command_line &c) {
+/* How the link is kept, and who is linked. */
+int use_pace(const command_line &c, const std::string &configured_name) {
   link_pace pace;
   if (c.ping_after >= 0) pace.ping_after = static_cast<unsigned>(c.ping_after);
   if (c.patience > 0) pace.ping_answer = pace.call_answer = static_cast<unsigned>(c.patience);
+  if (c.again_after > 0) pace.again_after = static_cast<unsigned>(c.again_after);
   watch_set_pace(pace);
+  std::string error;
+  return watch_set_phone_name(c.phone_name.empty() ? configured_name : c.phone_name, &error) < 0 ? fail(error) : 0;
 }
 
 void add_pace_options(CLI::App *command, command_line *c) {
   command
       ->add_option("--ping-after", c->ping_after, "Seconds without a word after which the watch is asked for one (30)")
       ->check(CLI::Range(0, 3600).description(""));
-  command
-      ->add_option("--patience", c->patience, "Seconds until a watch that does not answer is given up (15; a call 20)")
+  command->add_option("--patience", c->patience, "Seconds until a watch that does not answer is given up (15)")
       ->check(CLI::Range(1, 3600).description(""));
+  command->add_option("--again-after", c->again_after, "Seconds between two tries to reach it, at most (30)")
+      ->check(CLI::Range(1, 3600).description(""));
+  command->add_option("--phone-name", c->phone_name, "What this phone is called on the watch (the machine's name)");
 }
 
 void add_phone_commands(CLI::App *app, command_line *c) {
   CLI::App *serve = app->add_subcommand("serve", "Stay connected as the phone; prints each request as one JSON line");
   add_pace_options(serve, c);
   serve->callback([c] {
-    use_pace(*c);
-    c->exit_code = watch_all().size() > 1 ? watch_run_each(watch_all(), c->arguments, nullptr) : command_serve();
+    c->exit_code = use_pace(*c, "");
+    if (c->exit_code == 0)
+      c->exit_code = watch_all().size() > 1 ? watch_run_each(watch_all(), c->arguments, nullptr) : command_serve();
   });
   CLI::App *requests = app->add_subcommand("requests", "List the requests received so far");
   requests->add_flag("--json", c->json, as_json);
@@ -229,7 +237,7 @@ int run_relay(command_line *c) {
   for (const std::string &text : c->mboxes) good = good && relay_add_account(text, &mbox_kind, &settings, &error) == 0;
   for (const std::string &text : c->addresses) good = good && relay_set_address(text, &settings, &error) == 0;
   if (!good) return fail(error);
-  use_pace(*c);
+  if (int code = use_pace(*c, settings.phone_name)) return code;
   if (c->newest >= 0) settings.newest = c->newest;
   if (c->first >= 0) settings.first = c->first;
   settings.outbox = outbox_options(*c, settings.outbox);

@@ -58,8 +58,8 @@ struct unfinished {
 /* Goes the whole way once, with nothing but what was made for this watch. */
 int check_way(const paired_watch &watch, watch_identity *who, std::string *error) {
   phone_identity me;
-  if (phone_identity_load("", &me, error) < 0) return -1;
-  host_bus_holder bus = host_open_stream(watch.address, watch.keys, error);
+  if (phone_identity_load(&me, error) < 0) return -1;
+  host_bus_holder bus = watch_stream(watch.address, watch.keys, error);
   if (!bus || host_introduce(bus.get(), me, error) != HOST_OK) return -1;
   *who = bus->watch;
   return 0;

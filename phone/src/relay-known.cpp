@@ -81,14 +81,13 @@ void match_row(followed *a, relay_row *row, const std::set<int64_t> &arrived,
   row->mail_id = 0;
 }
 
-int match_account(followed *a, const std::vector<host_record> &mails) {
+int match_account(followed *a, const std::vector<watch_mail_id> &mails) {
   std::unordered_map<std::string, int> by_uid;
   a->unclaimed.clear();
   std::string tag = relay_tag(*a), unknown;
-  for (const host_record &mail : mails)
-    if (mail.number("account_id") == a->account_id && mail.text("host_tag") == tag &&
-        !a->r->just_deleted.count(static_cast<int>(mail.number("mail_id"))))
-      by_uid[mail.text("message_uid")] = static_cast<int>(mail.number("mail_id"));
+  for (const watch_mail_id &mail : mails)
+    if (mail.account_id == a->account_id && mail.host_tag == tag && !a->r->just_deleted.count(mail.mail_id))
+      by_uid[mail.message_uid] = mail.mail_id;
   phone_state *state = a->r->state.get();
   if (take_over_deleted(a) < 0 || relay_note_get(state, note_unknown_deletions, &unknown) < 0) {
     a->error = phone_state_error(state);
@@ -135,13 +134,14 @@ void known_reload(followed *a, int mail_id) {
 }
 
 int known_match(relay *r) {
-  std::vector<host_record> accounts, mails;
+  std::vector<host_record> accounts;
+  std::vector<watch_mail_id> mails;
   std::string error;
   int result = host_list_accounts(link_bus(r->link), &accounts, &error);
   for (auto &a : r->accounts)
     if (result == 0) result = ensure_account(a.get(), accounts, &error);
   r->just_deleted.clear();
-  if (result == 0) result = host_list_mails(link_bus(r->link), &mails, &error);
+  if (result == 0) result = host_list_mail_ids(link_bus(r->link), &mails, &error);
   /* What the user deleted until the list was made must be known before a mail that is missing from it counts as one
      that never arrived; and what he deleted since is still in the list. */
   if (result == 0 && link_take_waiting(r->link) < 0) {

@@ -32,7 +32,8 @@ struct relay_settings {
   int64_t newest = 200; /* mails of each account that the watch has */
   int64_t first = 2048; /* bytes of each body that go at once */
   outbox_settings outbox;
-  bool mirrors = true; /* accounts on servers are followed by processes of this one */
+  std::string phone_name; /* empty: the machine's */
+  bool mirrors = true;    /* accounts on servers are followed by processes of this one */
 };
 
 /* Adds what a configuration file says. Returns 0, or -1 with a one-line reason. */

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "link.h"
 #include "pair-list.h"
 #include "state.h"
 
@@ -120,23 +121,41 @@ void watch_set_pace(const link_pace &pace) {
   chosen.pace = pace;
 }
 
+int watch_set_phone_name(const std::string &name, std::string *error) {
+  if (name.size() > pair_name_max || !g_utf8_validate(name.data(), static_cast<gssize>(name.size()), nullptr)) {
+    *error = "the phone's name is a text of at most " + std::to_string(pair_name_max) + " bytes";
+    return -1;
+  }
+  chosen.phone_name = name;
+  return 0;
+}
+
+host_bus_holder watch_stream(const carrier_address &address, const carrier_keys &keys, std::string *error) {
+  int lent = address.kind == carrier_kind::bluetooth ? link_borrow() : -1;
+  return lent >= 0 ? host_open_fd(lent, address.kind, error) : host_open_stream(address, keys, error);
+}
+
 host_bus_holder watch_open(std::string *error) {
   *error = phone_state_refused();
   if (!error->empty()) return nullptr;
   if (chosen.address.kind == carrier_kind::session) return host_open_session(error);
   phone_identity me;
-  if (phone_identity_load("", &me, error) < 0) return nullptr;
-  host_bus_holder bus = host_open_stream(chosen.address, chosen.keys, error);
-  if (!bus || host_introduce(bus.get(), me, error) == HOST_OK) return bus;
+  if (phone_identity_load(&me, error) < 0) return nullptr;
+  /* Once more: who has the only way may have come a moment after it was looked for. */
+  for (int look = 0; look < 2; look++) {
+    host_bus_holder bus = watch_stream(chosen.address, chosen.keys, error);
+    if (bus && host_introduce(bus.get(), me, error) == HOST_OK) return bus;
+    if (chosen.address.kind != carrier_kind::bluetooth) break;
+  }
   *error = chosen.name + ": " + *error;
   return nullptr;
 }
 
-int phone_identity_load(const std::string &name, phone_identity *me, std::string *error) {
+int phone_identity_load(phone_identity *me, std::string *error) {
   std::string path = phone_base_path(kIdFile);
   me->id = path.empty() ? "" : read_id(path);
   if (me->id.empty() && !path.empty() && make_id(path) == 0) me->id = read_id(path);
-  me->name = name.empty() ? g_get_host_name() : name;
+  me->name = chosen.phone_name.empty() ? g_get_host_name() : chosen.phone_name;
   if (!me->id.empty()) return 0;
   *error = path.empty() ? "the phone's state folder cannot be made, or is not this user's own"
                         : path + ": cannot be written: " + strerror(errno);

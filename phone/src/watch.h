@@ -11,6 +11,7 @@
 struct link_pace {
   unsigned ping_after = pair_ping_after; /* without a word; 0: never */
   unsigned ping_answer = pair_ping_answer, call_answer = pair_call_answer;
+  unsigned again_after = 30; /* between two tries to reach it, at most */
 };
 
 struct watch_target {
@@ -18,6 +19,7 @@ struct watch_target {
   carrier_address address;
   carrier_keys keys;
   link_pace pace;
+  std::string phone_name; /* what this phone is called there */
 };
 
 /* Chooses by the name of a paired watch or by address; empty: the paired one, or the session bus's when none is. With
@@ -28,12 +30,15 @@ const watch_target &watch_chosen();
 /* The names of the watches to choose from when there was no choice among several; else none. */
 const std::vector<std::string> &watch_all();
 void watch_set_pace(const link_pace &pace);
+/* Empty: the machine's name. Returns 0, or -1 with a reason. */
+int watch_set_phone_name(const std::string &name, std::string *error);
 
+/* A stream to a watch whose state is in use, through whoever of this phone lends one, else one of its own. */
+host_bus_holder watch_stream(const carrier_address &address, const carrier_keys &keys, std::string *error);
 /* A connection to the chosen watch's service, introduced, for calls. NULL with a reason. */
 host_bus_holder watch_open(std::string *error);
 
-/* Who this phone is: a number made once for it, and the machine's name or `name` when it is not empty. Returns 0, or -1
-   with a reason. */
-int phone_identity_load(const std::string &name, phone_identity *me, std::string *error);
+/* Who this phone is: a number made once for it, and its name. Returns 0, or -1 with a reason. */
+int phone_identity_load(phone_identity *me, std::string *error);
 
 #endif

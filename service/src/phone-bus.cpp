@@ -150,6 +150,27 @@ int list_mails(sd_bus_message *m, void *data, sd_bus_error *error) {
   return send_answer(answer, r);
 }
 
+int list_mail_ids(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  int after_id = 0, limit = 0;
+  int r = sd_bus_message_read(m, "ii", &after_id, &limit);
+  if (r < 0) return r;
+  if (after_id < 0 || limit < 0) return invalid(error, "after_id and limit are not below 0");
+  std::vector<mail_name> mails;
+  const store_status status =
+      store_list_mail_ids(h->st, after_id, limit ? static_cast<size_t>(limit) : SIZE_MAX, list_bytes, &mails);
+  if (status) return host_fail(h, status, error);
+  sd_bus_message *answer = nullptr;
+  r = sd_bus_message_new_method_return(m, &answer);
+  if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "(iiss)");
+  for (const mail_name &mail : mails)
+    if (r >= 0)
+      r = sd_bus_message_append(answer, "(iiss)", mail.mail_id, mail.account_id, clean_text(mail.host_tag).c_str(),
+                                clean_text(mail.message_uid).c_str());
+  if (r >= 0) r = sd_bus_message_close_container(answer);
+  return send_answer(answer, r);
+}
+
 int set_templates(sd_bus_message *m, void *data, sd_bus_error *error) {
   host *h = static_cast<host *>(data);
   std::vector<std::string> texts;
@@ -273,6 +294,8 @@ const sd_bus_vtable phone_vtable[] = {
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("ListMails", SD_BUS_ARGS("i", after_id, "i", limit), SD_BUS_RESULT("aa{sv}", mails),
                             list_mails, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("ListMailIds", SD_BUS_ARGS("i", after_id, "i", limit), SD_BUS_RESULT("a(iiss)", mails),
+                            list_mail_ids, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("SetTemplates", SD_BUS_ARGS("as", texts), SD_BUS_NO_RESULT, set_templates,
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("ListTemplates", SD_BUS_NO_ARGS, SD_BUS_RESULT("a(is)", templates), list_templates,

@@ -292,6 +292,21 @@ store_status store_list_mails(store *st, int after_id, size_t limit, size_t byte
   return checked(st, r);
 }
 
+store_status store_list_mail_ids(store *st, int after_id, size_t limit, size_t bytes, std::vector<mail_name> *mails) {
+  sql_statement list(&st->db,
+                     "SELECT mail_id, account_id, host_tag, message_uid FROM mail WHERE mail_id > ? ORDER BY mail_id");
+  list.bind(after_id);
+  size_t used = 0;
+  sql_result r = sql_done;
+  while (mails->size() < limit && (r = list.step()) == sql_row) {
+    mail_name mail = {list.integer(0), list.integer(1), list.text(2), list.text(3)};
+    used += mail.host_tag.size() + mail.message_uid.size() + 32;
+    if (used > bytes && !mails->empty()) return store_ok;
+    mails->push_back(std::move(mail));
+  }
+  return checked(st, r);
+}
+
 store_status store_set_templates(store *st, const std::vector<std::string> &texts) {
   if (texts.size() > templates_max) return fail(st, store_invalid, "more than %zu templates", templates_max);
   for (const std::string &text : texts) {

@@ -84,6 +84,12 @@ store_status store_take_back_mails(store *st, const std::vector<int> &ids);
 store_status store_delete_mails(store *st, const std::vector<int> &ids);
 /* Stops before limit mails, or before bytes are exceeded (one mail at least). */
 store_status store_list_mails(store *st, int after_id, size_t limit, size_t bytes, std::vector<mail_values> *mails);
+/* The same of nothing but how a mail is known to the phone. */
+struct mail_name {
+  int mail_id = 0, account_id = 0;
+  std::string host_tag, message_uid;
+};
+store_status store_list_mail_ids(store *st, int after_id, size_t limit, size_t bytes, std::vector<mail_name> *mails);
 store_status store_set_templates(store *st, const std::vector<std::string> &texts);
 store_status store_list_templates(store *st, std::vector<std::pair<int, std::string>> *templates);
 /* key: "reply_status", "conn_status" or "phone_connected". */

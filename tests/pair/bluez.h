@@ -14,6 +14,8 @@
 #include <functional>
 #include <string>
 
+#include "bluez-profile.h"
+
 /* Waits until done() holds; false when it does not for very long. */
 inline bool until(const std::function<bool()> &done) {
   for (int turn = 0; turn < 6000; turn++) {
@@ -28,38 +30,18 @@ inline bool until(const std::function<bool()> &done) {
 struct bluez {
   sd_bus *bus = nullptr;
   pid_t gate = 0;
-  std::string profile, uuid, owner;
-  bool authentication = false;
+  bluez_profile profile;
 
   static int paired_cb(sd_bus *, const char *path, const char *, const char *, sd_bus_message *reply, void *,
                        sd_bus_error *) {
     return sd_bus_message_append(reply, "b", !strstr(path, "stranger"));
   }
-  static int register_cb(sd_bus_message *m, void *data, sd_bus_error *) {
-    auto *self = static_cast<bluez *>(data);
-    const char *path = "", *uuid = "", *key = "";
-    sd_bus_message_read(m, "os", &path, &uuid);
-    sd_bus_message_enter_container(m, 'a', "{sv}");
-    while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
-      int value = 0;
-      sd_bus_message_read(m, "s", &key);
-      if (!strcmp(key, "RequireAuthentication"))
-        self->authentication = sd_bus_message_read(m, "v", "b", &value) >= 0 && value;
-      else
-        sd_bus_message_skip(m, "v");
-      sd_bus_message_exit_container(m);
-    }
-    self->profile = path, self->uuid = uuid, self->owner = sd_bus_message_get_sender(m);
-    return sd_bus_reply_method_return(m, "");
-  }
   bluez() {
-    static const sd_bus_vtable manager[] = {
-        SD_BUS_VTABLE_START(0),
-        SD_BUS_METHOD("RegisterProfile", "osa{sv}", "", register_cb, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
     static const sd_bus_vtable device[] = {SD_BUS_VTABLE_START(0), SD_BUS_PROPERTY("Paired", "b", paired_cb, 0, 0),
                                            SD_BUS_VTABLE_END};
     EXPECT_GE(sd_bus_open_user(&bus), 0);
-    EXPECT_GE(sd_bus_add_object_vtable(bus, nullptr, "/org/bluez", "org.bluez.ProfileManager1", manager, this), 0);
+    EXPECT_GE(
+        sd_bus_add_object_vtable(bus, nullptr, "/org/bluez", "org.bluez.ProfileManager1", bluez_profiles, &profile), 0);
     for (const char *path : {"/org/bluez/hci0/dev_friend", "/org/bluez/hci0/dev_stranger"})
       EXPECT_GE(sd_bus_add_object_vtable(bus, nullptr, path, "org.bluez.Device1", device, this), 0);
     gate = fork();
@@ -70,7 +52,7 @@ struct bluez {
     }
     poll(nullptr, 0, 50); /* mostly it is there first, and has to wait for BlueZ */
     EXPECT_GE(sd_bus_request_name(bus, "org.bluez", 0), 0);
-    EXPECT_TRUE(process([this] { return !profile.empty(); }));
+    EXPECT_TRUE(process([this] { return !profile.path.empty(); }));
   }
   ~bluez() {
     kill(gate, SIGTERM);
@@ -90,7 +72,7 @@ struct bluez {
     EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, stream));
     std::string answer = "none";
     sd_bus_call_method_async(
-        bus, nullptr, owner.c_str(), profile.c_str(), "org.bluez.Profile1", "NewConnection",
+        bus, nullptr, profile.owner.c_str(), profile.path.c_str(), "org.bluez.Profile1", "NewConnection",
         [](sd_bus_message *m, void *data, sd_bus_error *) {
           const sd_bus_error *why = sd_bus_message_get_error(m);
           *static_cast<std::string *>(data) = why ? why->name : "";

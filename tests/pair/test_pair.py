@@ -1,15 +1,19 @@
 """Phone and watch at the two ends of a network that fails: nothing lost, nothing twice, both sides know, and both are
 together again.   BRISEL_CUT_ROUNDS (cuts, default 15) and BRISEL_CUT_SEED choose how much and which."""
 import os
+import pathlib
+import random
+import shutil
 import signal
 import subprocess
 import sys
 import time
 
-from brisel_test import BUILD
+from brisel_test import BUILD, kill_service
 import cut_proxy
 from cut_proxy import MODES, Cut
-from phone_test import Maildir, Relay, Sendmail, call_watch, delete_on_watch, equal, main, message
+from phone_test import (Maildir, Relay, Sendmail, by_uid, call_watch, delete_on_watch, equal, main, message,
+                        more_on_watch)
 from torture import torture
 
 ROUNDS = int(os.environ.get("BRISEL_CUT_ROUNDS", "15"))
@@ -52,7 +56,8 @@ def test_both_sides_know_and_come_together_again(s):
     box, mta = Maildir(s.dir / "box"), Sendmail(s.dir / "mta")
     box.deliver(message("one@x", "One"))
     s.setting("db/setting/device_name", "string", "Wrist")
-    relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--sendmail", mta.command, *PACE, *watch)
+    relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--sendmail", mta.command, "--phone-name", "Ann's", *PACE,
+                  *watch)
     mail = s.wait(s.mails, "the first mail")[0]
     s.wait(lambda: linked(s), "the link")
     for mode in ("stall", "half", "ghost", "reset"):
@@ -79,7 +84,7 @@ def test_both_sides_know_and_come_together_again(s):
     other = {**s.env, "XDG_STATE_HOME": str(s.dir / "other")}
     with open(s.dir / "other.log", "w") as log:
         second = subprocess.Popen(["brisel-phone", "serve", *PACE, *watch], env=other, stderr=log, stdout=log)
-    s.wait(lambda: "is linked" in (s.dir / "other.log").read_text(), "the other phone to hear who is linked")
+    s.wait(lambda: "Ann's is linked" in (s.dir / "other.log").read_text(), "the other phone to hear who is linked")
     second.send_signal(signal.SIGTERM)
     second.wait()
     net.set("stall")
@@ -105,6 +110,81 @@ def test_deleted_while_away(s):
     equal(len(s.mails()), 3, "what was deleted stays deleted")
     relay.kill()
     net.close()
+
+
+def test_more_while_the_first_sync_is_under_way(s):
+    net = Cut([str(BUILD / "gate" / "brisel-gate")], env=s.env, rate=20000)
+    box, texts = Maildir(s.dir / "box"), random.Random(1)
+    for n in range(120):
+        box.deliver(message(f"{n}@x", body="".join(texts.choices("abcdefghijklmnopqrstuvwxyz ", k=1500)), date=1790000000 + n))
+    relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--first", "600", "--watch",
+                  f"exec:{sys.executable} {cut_proxy.__file__} {net.port}")
+    mail = s.wait(s.mails, "the first mails")[0]
+    more_on_watch(s, mail)
+    mails = by_uid(s)
+    assert len(mails[mail["message_uid"]]["body"]) > 1500 and len(mails) < 120, len(mails)
+    s.wait(lambda: len(s.mails()) == 120, "all the others")
+    before = net.bytes[1]
+    kill_service(s)  # the list is compared again
+    box.deliver(message("last@x"))
+    s.wait(lambda: len(s.mails()) == 121, "the link again")
+    assert net.bytes[1] - before < 20000, f"{net.bytes[1] - before} bytes for 121 names"
+    relay.kill()
+    net.close()
+
+
+def test_sides_of_another_age(s):
+    box = Maildir(s.dir / "box")
+    box.deliver(message("one@x", body="a long text\n" * 200))
+    log = s.dir / "calls"
+    for age, said, calls in (("first", "", {"ListMails", "with body"}), ("newest", "", {"ListMails", "with body_zlib"}),
+                             ("least", "update brisel on the watch", set()), ("refuses", "update it on the phone", set())):
+        log.write_text("")
+        s.env["XDG_STATE_HOME"] = str(s.dir / age)
+        relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--first", "100000", "--watch",
+                      f"exec:exec {BUILD}/tests/pair/other-watch {age} {log}")
+        s.wait(lambda: calls and calls < set(log.read_text().splitlines()) or said and said in relay.log(), f"the {age} watch")
+        equal(relay.kill(15), 0, "exit code")
+        assert calls or "Connect" not in log.read_text(), log.read_text()
+
+
+def test_the_network_tells(s):
+    """No other reason to look at the link, or for it, comes while the test lasts: a change of the network has to."""
+    if os.getuid():
+        return print("# only root can change a network")
+    box = Maildir(s.dir / "box")
+    gate = ("--watch", f"exec:exec {BUILD}/gate/brisel-gate", *"--ping-after 3600 --patience 3600 --again-after 3600".split())
+    relay = Relay.__new__(Relay)
+    relay.session, relay.args = s, ["unshare", "-n", "brisel-phone", "relay", "--maildir", f"me@example.org={box.path}", *gate]
+    relay.start()
+    box.deliver(message("one@x"))
+    s.wait(lambda: s.mails() and linked(s), "the link")
+
+    def loopback(state):
+        subprocess.run(["nsenter", "-t", str(relay.process.pid), "-n", "ip", "link", "set", "lo", state], check=True)
+
+    loopback("up")
+    # The same phone from elsewhere: this one does not try again by itself.
+    state = s.dir / "elsewhere" / "brisel-phone"
+    state.mkdir(parents=True, mode=0o700)
+    shutil.copy(s.dir / "state" / "brisel-phone" / "phone-id", state)
+    with open(s.dir / "elsewhere.log", "w") as log:
+        other = subprocess.Popen(["brisel-phone", "serve", *gate], env={**s.env, "XDG_STATE_HOME": str(state.parent)},
+                                 stderr=log, stdout=log)
+    s.wait(lambda: "took over the link" in relay.log(), "the other one to take over")
+    loopback("down")
+    s.wait(lambda: "took over the link" in (s.dir / "elsewhere.log").read_text(), "the first one to come again")
+    other.terminate()
+    other.wait()
+    # What cannot be heard is not noticed either, but for the network.
+    children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children")
+    gates = children.read_text().split()
+    for pid in gates:
+        os.kill(int(pid), signal.SIGSTOP)
+    loopback("up")
+    loopback("down")
+    s.wait(lambda: "does not answer" in relay.log(), "the phone to know")
+    equal(relay.kill(15), 0, "exit code")
 
 
 if __name__ == "__main__":

@@ -7,8 +7,9 @@
 
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <string>
+
+#include "bluez-profile.h"
 
 namespace {
 
@@ -21,7 +22,7 @@ struct radio {
   const char *gate = nullptr;
   int paired = 0;
   std::string agent;
-  std::map<std::string, std::string> profiles; /* of each program that connects, by its name on the bus */
+  bluez_profile profile;
   sd_bus_message *pairing = nullptr;
 };
 
@@ -39,14 +40,6 @@ int agent_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   const char *path = nullptr, *capability = nullptr;
   if (int e = sd_bus_message_read(m, "os", &path, &capability); e < 0) return e;
   r->agent = path;
-  return sd_bus_reply_method_return(m, "");
-}
-
-int profile_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  auto *r = static_cast<radio *>(data);
-  const char *path = nullptr, *uuid = nullptr;
-  if (int e = sd_bus_message_read(m, "os", &path, &uuid); e < 0) return e;
-  r->profiles[sd_bus_message_get_sender(m)] = path;
   return sd_bus_reply_method_return(m, "");
 }
 
@@ -78,9 +71,9 @@ int connect_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
     _exit(127);
   }
   close(ends[1]);
-  const char *phone = sd_bus_message_get_sender(m);
-  int e = sd_bus_call_method_async(r->bus, nullptr, phone, r->profiles[phone].c_str(), "org.bluez.Profile1",
-                                   "NewConnection", nullptr, nullptr, "oha{sv}", kDevice, ends[0], 0);
+  int e =
+      sd_bus_call_method_async(r->bus, nullptr, r->profile.owner.c_str(), r->profile.path.c_str(), "org.bluez.Profile1",
+                               "NewConnection", nullptr, nullptr, "oha{sv}", kDevice, ends[0], 0);
   close(ends[0]);
   return e < 0 ? e : sd_bus_reply_method_return(m, "");
 }
@@ -93,10 +86,6 @@ int remove_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
 const sd_bus_vtable agents[] = {SD_BUS_VTABLE_START(0),
                                 SD_BUS_METHOD("RegisterAgent", "os", "", agent_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                 SD_BUS_VTABLE_END},
-                    profiles[] = {SD_BUS_VTABLE_START(0),
-                                  SD_BUS_METHOD("RegisterProfile", "osa{sv}", "", profile_cb,
-                                                SD_BUS_VTABLE_UNPRIVILEGED),
-                                  SD_BUS_VTABLE_END},
                     adapter[] = {SD_BUS_VTABLE_START(0),
                                  SD_BUS_METHOD("RemoveDevice", "o", "", remove_cb, SD_BUS_VTABLE_UNPRIVILEGED),
                                  SD_BUS_VTABLE_END},
@@ -113,7 +102,8 @@ int main(int argc, char **argv) {
   int e = sd_bus_open_system(&r.bus);
   if (e >= 0) e = sd_bus_add_object(r.bus, nullptr, "/", objects_cb, &r);
   if (e >= 0) e = sd_bus_add_object_vtable(r.bus, nullptr, "/org/bluez", "org.bluez.AgentManager1", agents, &r);
-  if (e >= 0) e = sd_bus_add_object_vtable(r.bus, nullptr, "/org/bluez", "org.bluez.ProfileManager1", profiles, &r);
+  if (e >= 0)
+    e = sd_bus_add_object_vtable(r.bus, nullptr, "/org/bluez", "org.bluez.ProfileManager1", bluez_profiles, &r.profile);
   if (e >= 0) e = sd_bus_add_object_vtable(r.bus, nullptr, kAdapter, "org.bluez.Adapter1", adapter, &r);
   if (e >= 0) e = sd_bus_add_object_vtable(r.bus, nullptr, kDevice, "org.bluez.Device1", device, &r);
   if (e >= 0) e = sd_bus_request_name(r.bus, "org.bluez", 0);

@@ -196,6 +196,13 @@ def test_pairing_over_bluetooth(s):
         relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--first", "100000")
         s.wait(lambda: "one@x" in on_watch(s), "the mail")
         equal(len(body_text(by_uid(s)["one@x"])), 400 * 12 - 1, "all of its text")
+        # BlueZ takes a profile once: commands go through who has it.
+        listed = json.loads(s.phone("mail", "list", "--json"))
+        equal([m["message_uid"] for m in listed], ["one@x"], "by way of the relay")
+        s.phone("mail", "update", str(listed[0]["mail_id"]), "--subject", "By the relay")
+        equal(by_uid(s)["one@x"]["subject"], "By the relay", "the watch took it")
+        assert json.loads(s.phone("watches", "--json"))[0]["linked_since"] > 0
+        assert "in use" in s.run("brisel-phone", "unpair", "wrist", check=False).stderr
         for _ in range(2):  # the device goes out of reach, and comes back
             carrier = s.wait(lambda: gate_of(relay, b"carry-bluetooth"), "the link")[0]
             os.kill(carrier, signal.SIGKILL)

@@ -202,6 +202,7 @@ TEST_F(Host, BadArgumentsAreRefusedAndChangeNothing) {
        [&] { return other.phone("UpdateMail", "ia{sv}", mail, 1, "contacts", "a(is)", 1, 1, ""); }},
       {"unknown mail", [&] { return other.phone("UpdateMail", "ia{sv}", 99999, 1, "is_read", "b", 1); }},
       {"bad limit", [&] { return other.phone("ListMails", "ii", 0, -1); }},
+      {"bad limit", [&] { return other.phone("ListMailIds", "ii", -1, 0); }},
       {"unknown status", [&] { return other.phone("SetStatus", "si", "mood", 1); }},
       {"answer from a stranger", [&] { return other.phone("AnswerMore", "xisb", int64_t{1}, 0, "", 1); }},
   };

@@ -1,0 +1,69 @@
+/* A watch with software of another age at the end of a stream, as far as a phone sees of it.
+   usage: other-watch AGE LOG; each call is written into the log.
+   AGE: first (nothing but what the first version had), least (its version is below what a phone works with), refuses
+   (the phone's is), newest (says more than a phone knows) */
+#include <systemd/sd-bus.h>
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+struct other_watch {
+  std::string age;
+  FILE *log;
+  int mails = 0;
+};
+
+int introduce(const other_watch &w, sd_bus_message *m) {
+  const sd_bus_error unknown = {SD_BUS_ERROR_UNKNOWN_METHOD, "there is no such method", 0},
+                     version = {"com.vextora.brisel.Error.Version", "update it on the phone", 0};
+  if (w.age == "first") return sd_bus_reply_method_error(m, &unknown);
+  if (w.age == "refuses") return sd_bus_reply_method_error(m, &version);
+  return sd_bus_reply_method_return(m, "ussas", w.age == "newest" ? 9u : 0u, "0123456789abcdef0123456789abcdef",
+                                    "Other", 2, "zlib", "thoughts");
+}
+
+int call_cb(sd_bus_message *m, void *data, sd_bus_error *) {
+  auto *w = static_cast<other_watch *>(data);
+  const char *member = sd_bus_message_get_member(m);
+  if (!member || sd_bus_message_is_method_call(m, nullptr, nullptr) <= 0) return 0;
+  const std::string method = member;
+  fprintf(w->log, "%s\n", member);
+  if (method == "Introduce") return introduce(*w, m);
+  if (method == "AddAccount") return sd_bus_reply_method_return(m, "i", 1);
+  if (method.starts_with("List")) return sd_bus_reply_method_return(m, "aa{sv}", 0);
+  if (method != "AddMails") return sd_bus_reply_method_return(m, "");
+  sd_bus_message_enter_container(m, 'a', "a{sv}");
+  sd_bus_message_enter_container(m, 'a', "{sv}");
+  while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
+    const char *key = "";
+    sd_bus_message_read(m, "s", &key);
+    fprintf(w->log, "with %s\n", key);
+    sd_bus_message_skip(m, "v");
+    sd_bus_message_exit_container(m);
+  }
+  return sd_bus_reply_method_return(m, "ai", 1, ++w->mails);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  if (argc != 3) return 2;
+  other_watch w = {argv[1], fopen(argv[2], "a")};
+  sd_bus *bus = nullptr;
+  sd_id128_t id;
+  sd_id128_randomize(&id);
+  int r = w.log ? sd_bus_new(&bus) : -1;
+  if (r >= 0) setvbuf(w.log, nullptr, _IOLBF, 0);
+  if (r >= 0) r = sd_bus_set_fd(bus, 0, 1);
+  if (r >= 0) r = sd_bus_set_server(bus, 1, id);
+  if (r >= 0) r = sd_bus_set_anonymous(bus, 1);
+  if (r >= 0) r = sd_bus_add_filter(bus, nullptr, call_cb, &w);
+  if (r >= 0) r = sd_bus_start(bus);
+  while (r >= 0) {
+    r = sd_bus_process(bus, nullptr);
+    if (r == 0) r = sd_bus_wait(bus, UINT64_MAX);
+  }
+  return 1;
+}
