@@ -79,6 +79,7 @@ Evas_Event_Flags __brisel_detail_gesture_double_tab_end_cb(void *data, void *eve
   BRISEL_INFO("Enter");
   brisel_detail_view *view_data = (brisel_detail_view *)data;
   if (!__brisel_detail_is_gesture_valid(view_data, event_info)) return EVAS_EVENT_FLAG_NONE;
+  if (__brisel_detail_touch.is_multi) return EVAS_EVENT_FLAG_NONE; /* two fingers tap nothing */
   int size = view_data->font_size;
   BRISEL_INFO("tapinfo->n : %d, view_data->font_size : %d", (int)((const Elm_Gesture_Taps_Info *)event_info)->n, size);
   __brisel_detail_update_font_size(view_data, size == 0 || size == 1 ? size + 1 : 0);

@@ -413,7 +413,7 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) 
   page->mail_data = mail.release();
   brisel_full_noti_data_free(old);
   if (has_subject) __brisel_detail_set_subject(page);
-  __brisel_detail_set_sender(page);
+  __brisel_detail_set_sender(view_data, page);
   __brisel_detail_update_datetime_string(view_data, page->mail_data->received_time, page->detail_layout);
   __brisel_detail_set_attachment_text(view_data, page);
   if (has_text) {

@@ -170,7 +170,9 @@ static void __brisel_detail_set_title(const page_data *page, const char *markup)
   if (title) elm_object_part_text_set(title, "elm.text.title", markup);
 }
 
-void __brisel_detail_set_sender(const page_data *page) {
+void __brisel_detail_set_sender(const brisel_detail_view *view_data, const page_data *page) {
+  /* Its turn comes when the time of the place is over. */
+  if (view_data->place_timer && view_data->placed_id == page->mail_data->mail_id) return;
   scoped_text sender(brisel_view_sender_title(page->mail_data));
   __brisel_detail_set_title(page, sender.get());
 }
@@ -180,7 +182,7 @@ void __brisel_detail_end_place(brisel_detail_view *view_data) {
   ecore_timer_del(view_data->place_timer);
   view_data->place_timer = nullptr;
   if (const page_data *page = __brisel_detail_find_page(view_data, view_data->placed_id))
-    __brisel_detail_set_sender(page);
+    __brisel_detail_set_sender(view_data, page);
 }
 
 static Eina_Bool __brisel_detail_place_timer_cb(void *data) {

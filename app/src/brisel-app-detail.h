@@ -143,7 +143,7 @@ void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y);
 void __brisel_detail_keep_place(const page_data *page);
 void __brisel_detail_go_to_place(const page_data *page);
 /* The page's title is its sender. */
-void __brisel_detail_set_sender(const page_data *page);
+void __brisel_detail_set_sender(const brisel_detail_view *view_data, const page_data *page);
 /* The current page's title says for a moment which mail of how many it is; ends at once. */
 void __brisel_detail_tell_place(brisel_detail_view *view_data);
 void __brisel_detail_end_place(brisel_detail_view *view_data);

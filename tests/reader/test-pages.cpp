@@ -79,9 +79,9 @@ struct Pages : testing::Test {
 };
 
 TEST_F(Pages, OpeningAndPagingGiveTheSamePagesEverywhere) {
-  for (size_t size : {1u, 2u, 3u, 5u, 50u}) {
+  for (size_t size : {1u, 2u, 12u}) {
     fill(size);
-    for (int pattern = size > 5 ? 1 : 0; pattern < (size > 5 ? 2 : 3); pattern++) {
+    for (int pattern = 0; pattern < 3; pattern++) {
       std::vector<bool> locked(size);
       /* None; every third; a run of three and both ends. */
       for (size_t i = 0; i < size; i++)
@@ -90,9 +90,7 @@ TEST_F(Pages, OpeningAndPagingGiveTheSamePagesEverywhere) {
       std::vector<size_t> open;
       for (size_t i = 0; i < size; i++)
         if (!locked[i]) open.push_back(i);
-      /* Of the many, only some are opened; all are paged to. */
-      for (size_t i = 0; i<open.size(); i += size> 5 ? 8 : 1) {
-        const size_t at = open[i];
+      for (const size_t at : open) {
         SCOPED_TRACE(testing::Message() << size << " mails, pattern " << pattern << ", at " << at);
         ASSERT_EQ(brisel_detail_draw_view(ids[at], 0, &test_ad), 0);
         ASSERT_EQ(slots(), expected_slots(ids, locked, at));
@@ -194,7 +192,13 @@ TEST_F(Pages, TheReaderFollowsTheList) {
   phone.delete_mails({added});
   ASSERT_TRUE(run_until([&] { return slots()[BRISEL_DETAIL_NEXT_PAGE] == ids[2]; }))
       << "a deleted mail is still a page";
+  /* One comes beside the opened mail while its neighbour is gone already and the word of it still on the way. */
+  mail.received = 1767600000 - 30;
+  const int late = phone.add_mail(mail);
   phone.delete_mails({ids[0]});
+  ASSERT_TRUE(run_until([&] { return slots() == std::vector<int>({0, late, ids[1], ids[2], ids[3]}); }));
+  expect_consistent();
+  phone.delete_mails({late});
   ASSERT_TRUE(run_until([&] { return slots()[BRISEL_DETAIL_PREV_PAGE] == 0; }));
   expect_consistent();
   ASSERT_TRUE(swipe(true));
