@@ -84,15 +84,16 @@ void __brisel_detail_free_page_data(page_data *page) {
 }
 
 static scoped_text __brisel_detail_image_notice() {
-  return scoped_text(
-      g_strconcat(NOTICE_START, brisel_util_get_text("IDS_EMAIL_BODY_IMAGES_ARE_NOT_SUPPORTED"), NOTICE_END, nullptr));
+  const char *text = brisel_util_get_text("IDS_EMAIL_BODY_IMAGES_ARE_NOT_SUPPORTED");
+  scoped_text markup(g_strconcat(NOTICE_START, text, NOTICE_END, nullptr));
+  return scoped_text(brisel_detail_tight_markup(text, markup.get()));
 }
 
 static scoped_text __brisel_detail_device_notice(const page_data *page) {
-  const char *text =
-      page->is_refused ? "IDS_EMAIL_BODY_MORE_WHEN_CONNECTED" : "IDS_EMAIL_BODY_MORE_ON_MOBILE_DEVICE_ABB";
-  return scoped_text(
-      g_strconcat(NOTICE_START "<valign=middle>", brisel_util_get_text(text), "</valign>" NOTICE_END, nullptr));
+  const char *text = brisel_util_get_text(page->is_refused ? "IDS_EMAIL_BODY_MORE_WHEN_CONNECTED"
+                                                           : "IDS_EMAIL_BODY_MORE_ON_MOBILE_DEVICE_ABB");
+  scoped_text markup(g_strconcat(NOTICE_START "<valign=middle>", text, "</valign>" NOTICE_END, nullptr));
+  return scoped_text(brisel_detail_tight_markup(text, markup.get()));
 }
 
 /* Puts a notice into the part, in place of the one that was there. */
@@ -228,8 +229,9 @@ static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, 
   if (view_data->font_size == 0) __brisel_detail_signal(layout, "do-set-fontsize-small");
   if (view_data->font_size == 2) __brisel_detail_signal(layout, "do-set-fontsize-large");
   __brisel_detail_process_signals(layout);
-  page->width = view_data->page_width;
-  if (page->width <= 0) evas_object_geometry_get(view_data->ad->naviframe, nullptr, nullptr, &page->width, nullptr);
+  /* The first page is built before its view has a size. */
+  evas_object_geometry_get(view_data->page_width > 0 ? view_data->page_scroller_layout : view_data->ad->naviframe,
+                           nullptr, nullptr, &page->width, &page->height);
   __brisel_detail_set_subject(page);
 
   if (!__brisel_detail_ends_with_tag(mail->body, tag_complete)) {

@@ -318,12 +318,13 @@ void __brisel_detail_page_layout_resize_cb(void *data, Evas *evas, Evas_Object *
   evas_object_geometry_get(obj, nullptr, nullptr, &width, &height);
   view_data->page_width = width;
   elm_scroller_page_size_set(view_data->page_scroller, width, height);
-  if (width == old_width || !view_data->page_data[BRISEL_DETAIL_CUR_PAGE]) return;
   for (page_data *page : view_data->page_data) {
-    if (!page || !page->detail_layout || page->width == width) continue;
+    if (!page || !page->detail_layout || (page->width == width && page->height == height)) continue;
     page->width = width;
+    page->height = height;
     __brisel_detail_set_subject(page);
   }
+  if (width == old_width || !view_data->page_data[BRISEL_DETAIL_CUR_PAGE]) return;
   /* Pages that were packed for another width, or before there was one. */
   elm_box_recalculate(view_data->box);
   elm_scroller_page_show(view_data->page_scroller, view_data->cur_page_index, 0);

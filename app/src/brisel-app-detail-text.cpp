@@ -14,7 +14,7 @@
 
 /* The longest subject shown, in bytes: about eighty lines. The text engine would take seconds for a whole book. */
 constexpr size_t subject_shown_max = 2048;
-constexpr int subject_lines = 2;
+constexpr int subject_lines_max = 2;
 static const char part_title[] = "detail.title";
 static const char ellipsis[] = "\xE2\x80\xA6";
 
@@ -42,31 +42,47 @@ static std::string __brisel_detail_bounded_subject(const char *subject) {
 }
 
 /* Where the line after the last one that fits begins, in characters; -1: all fit. */
-static int __brisel_detail_line_too_many(Evas_Object *probe, const std::string &text) {
+static int __brisel_detail_line_too_many(Evas_Object *probe, const std::string &text, int lines) {
   scoped_text markup(brisel_util_text_to_markup_whole(text.c_str()));
   evas_object_textblock_text_markup_set(probe, markup ? markup.get() : "");
   Evas_Textblock_Cursor *cursor = evas_object_textblock_cursor_new(probe);
-  int at = evas_textblock_cursor_line_set(cursor, subject_lines) ? evas_textblock_cursor_pos_get(cursor) : -1;
+  int at = evas_textblock_cursor_line_set(cursor, lines) ? evas_textblock_cursor_pos_get(cursor) : -1;
   evas_textblock_cursor_free(cursor);
   return at;
 }
 
-/* The subject in as many lines as leave the mail's text room on the first screen; the theme tells what of the view's
-   width is not the text's. */
+/* What the theme says of a length that it has, in pixels of this scale. */
+static int __brisel_detail_theme_length(const Evas_Object *edje, const char *name) {
+  const char *length = edje_object_data_get(edje, name);
+  return (int)(atoi(length ? length : "0") * elm_config_scale_get());
+}
+
+/* How many lines leave the mail's text one on the first screen. */
+static int __brisel_detail_subject_lines(const page_data *page, const Evas_Object *edje, Evas_Object *probe) {
+  int line = 0;
+  evas_object_textblock_text_markup_set(probe, "X");
+  evas_object_textblock_size_formatted_get(probe, nullptr, &line);
+  int room = page->height - line - __brisel_detail_theme_length(edje, "detail.fields.height");
+  if (page->mail_data->has_image) room -= __brisel_detail_theme_length(edje, "detail.image.height");
+  return std::clamp(room / std::max(line, 1), 1, subject_lines_max);
+}
+
+/* The subject in as many lines as leave the mail's text room on the first screen; the theme tells what of the view is
+   not the subject's. */
 static std::string __brisel_detail_fit_subject(const page_data *page, const std::string &whole) {
   Evas_Object *edje = elm_layout_edje_get(page->detail_layout);
   edje_object_calc_force(edje); /* the part takes its style now */
   Evas_Object *part = (Evas_Object *)edje_object_part_object_get(edje, part_title);
-  const char *margins = edje_object_data_get(edje, "detail.title.margins");
-  int width = page->width - (int)(atoi(margins ? margins : "0") * elm_config_scale_get());
+  int width = page->width - __brisel_detail_theme_length(edje, "detail.title.margins");
   if (!part || width <= 0) return whole;
   Evas_Object *probe = evas_object_textblock_add(evas_object_evas_get(part));
   evas_object_textblock_style_set(probe, evas_object_textblock_style_get(part));
   evas_object_scale_set(probe, evas_object_scale_get(part));
   evas_object_resize(probe, width, width);
+  int lines = __brisel_detail_subject_lines(page, edje, probe);
   std::string shown = whole;
-  for (int at = __brisel_detail_line_too_many(probe, shown); at > 0;
-       at = __brisel_detail_line_too_many(probe, shown + ellipsis)) {
+  for (int at = __brisel_detail_line_too_many(probe, shown, lines); at > 0;
+       at = __brisel_detail_line_too_many(probe, shown + ellipsis, lines)) {
     long length = g_utf8_strlen(shown.c_str(), -1);
     shown.resize((size_t)(g_utf8_offset_to_pointer(shown.c_str(), std::min((long)at, length - 1)) - shown.c_str()));
     while (!shown.empty() && strchr(" \n\t", shown.back())) shown.pop_back();

@@ -34,7 +34,7 @@ struct page_data {
   full_noti_data *mail_data;   /* owned */
   detail_text *text;           /* what is shown of the body; owned */
   appdata *ad;
-  int width;                      /* of the view, as the subject was fitted to it */
+  int width, height;              /* of the view, as the subject was fitted to it */
   unsigned char is_subject_whole; /* it was touched: shown in all its lines */
 };
 
