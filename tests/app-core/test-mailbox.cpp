@@ -102,6 +102,15 @@ TEST_F(mailbox, AnAccountWithoutARecordBecomesTheCombinedView) {
   EXPECT_EQ(header_title(), brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"));
 }
 
+TEST_F(mailbox, TwoAccountsThatComeBackAtOnceAreCombined) {
+  fill(1, 1);
+  phone.remove_account(accounts[0]);
+  EXPECT_TRUE(run_until([] { return test_ad.no_account_popup != nullptr; }));
+  add_accounts(2);
+  const std::string combined = brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB");
+  EXPECT_TRUE(run_until([&] { return header_title() == combined; })) << header_title();
+}
+
 TEST_F(mailbox, FreezesPairUpWhenSweepsFollowEachOther) {
   fill(1, 4);
   for (int i = 0; i < 3; i++) {
