@@ -164,11 +164,12 @@ TEST_F(popups, LongTextsScrollAndTimeRunsOut) {
   Evas_Object *label = elm_object_content_get(scroller);
   const int y = text_at("OK").y;
   int shown = 0, whole = 0, window = 0;
-  elm_scroller_region_get(scroller, nullptr, nullptr, nullptr, &shown);
-  evas_object_geometry_get(label, nullptr, nullptr, nullptr, &whole);
   evas_object_geometry_get(test_ad.win_main, nullptr, nullptr, nullptr, &window);
-  EXPECT_GT(whole, shown) << "the text is longer than what is shown of it";
-  EXPECT_GT(shown, 0);
+  EXPECT_TRUE(run_until([&] {
+    elm_scroller_region_get(scroller, nullptr, nullptr, nullptr, &shown);
+    evas_object_geometry_get(label, nullptr, nullptr, nullptr, &whole);
+    return whole > shown && shown > 0;
+  })) << "the text is longer than what is shown of it";
   EXPECT_LT(y, window) << "the button stays on screen";
   Eina_Bool sideways = EINA_TRUE;
   elm_scroller_bounce_get(scroller, &sideways, nullptr);
