@@ -223,6 +223,12 @@ int brisel_ipc_client_deinit(void);
    which nothing happened. */
 int brisel_ipc_client_event_subscribe(int event_type, brisel_ipc_event_cb callback, void *user_data);
 int brisel_ipc_client_event_unsubscribe(int event_type);
+/* Called when the store cannot take a request now, for its disk is full or failing; once for each. The request stays
+   kept and goes out again by itself; it goes out at once, and may be told again, after brisel_ipc_client_try_again.
+   callback NULL: nobody is told. request_type: a brisel_ipc_client_req_type. */
+typedef void (*brisel_ipc_trouble_cb)(int request_type, void *user_data);
+void brisel_ipc_client_set_trouble_cb(brisel_ipc_trouble_cb callback, void *user_data);
+void brisel_ipc_client_try_again(void);
 /* Withdraws a request of this type whose answer is still awaited: its callback never runs. What was handed over
    and expects no answer (a delete, a reply) is never withdrawn: it would be lost. 0: a new request may be sent. */
 int brisel_ipc_req_cancel(int request_type);

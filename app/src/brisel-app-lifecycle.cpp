@@ -14,6 +14,7 @@
 #include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 #include "brisel-scoped.h"
 #include "contacts.h"
 #include "platform-paths.h"
@@ -94,6 +95,19 @@ static Evas_Object *_brisel_create_win(appdata *ad) {
   return win;
 }
 
+static int _try_again_cb(void *data) {
+  brisel_ipc_client_try_again();
+  return 0; /* it is said again when it does not go through */
+}
+
+/* Whatever the user has asked for is kept, but has come no further than that. The new flags are nobody's wish. */
+static void _trouble_cb(int request_type, void *user_data) {
+  appdata *ad = (appdata *)user_data;
+  BRISEL_WARN("the store cannot take a request of type %d now", request_type);
+  if (request_type == BRISEL_IPC_CLIENT_REQ_TYPE_CLEAR_ALL_NEW_FLAG || !ad->win_main) return;
+  brisel_view_offer_again(ad, _try_again_cb, nullptr, nullptr);
+}
+
 bool app_create(void *user_data) {
   BRISEL_INFO("Enter");
   appdata *ad = (appdata *)user_data;
@@ -123,6 +137,7 @@ bool app_create(void *user_data) {
   if (result != 0) BRISEL_ERROR("brisel_ipc_client_init() failed! err:[%d]", result);
   _brisel_ipc_subscribe(ad);
   brisel_util_set_offer_place(ad);
+  brisel_ipc_client_set_trouble_cb(_trouble_cb, ad);
   brisel_util_init_timezone();
   brisel_open_icu_pattern_generator(ad);
   _brisel_init_vconf_values(ad);
@@ -159,6 +174,7 @@ void app_terminate(void *user_data) {
   if (!services_open) return;
   services_open = false;
   brisel_util_set_offer_place(nullptr);
+  brisel_ipc_client_set_trouble_cb(nullptr, nullptr);
   _forget_launches();
   /* The screen said "Deleted": leaving means it. */
   brisel_delete_sweep_item(ad);

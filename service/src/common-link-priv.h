@@ -14,6 +14,7 @@
 struct request : kept_request {
   brisel_ipc_response_cb callback = nullptr;
   void *user_data = nullptr;
+  bool trouble_told = false;
 };
 
 /* Puts a request into the queue, which is in a file before this returns: a kill loses nothing. A power cut does not

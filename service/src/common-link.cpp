@@ -59,6 +59,8 @@ struct {
   double retry_delay;
   bool kept; /* the queue, or what was there of it, is on the disk too */
   Ecore_Timer *keep;
+  brisel_ipc_trouble_cb trouble_callback;
+  void *trouble_data;
 
   sd_bus_slot *more_slot;
   brisel_ipc_response_cb more_callback;
@@ -190,6 +192,13 @@ void finish_first(const sd_bus_error *refused) {
   answer(done.callback, done.user_data, done.ids, refused ? BRISEL_COMMON_ERROR_REMOTE : 0);
 }
 
+void tell_trouble(void) {
+  request &stuck = host.queue.front();
+  if (stuck.trouble_told || !host.trouble_callback) return;
+  stuck.trouble_told = true;
+  host.trouble_callback(stuck.type, host.trouble_data);
+}
+
 int request_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   host.call_slot = sd_bus_slot_unref(host.call_slot);
   const sd_bus_error *error = sd_bus_message_get_error(m);
@@ -198,6 +207,7 @@ int request_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
     __dlog_print(DLOG_WARN, log_tag, "%s goes out again: %s", kept_member(host.queue.front().type),
                  error->message ? error->message : error->name);
     retry_later();
+    if (!strcmp(error->name, host_error_store) || !strcmp(error->name, host_error_full)) tell_trouble();
   } else {
     finish_first(error);
   }
@@ -427,6 +437,17 @@ int brisel_ipc_client_deinit(void) {
   detach();
   reader_release();
   return 0;
+}
+
+void brisel_ipc_client_set_trouble_cb(brisel_ipc_trouble_cb callback, void *user_data) {
+  host.trouble_callback = callback;
+  host.trouble_data = user_data;
+}
+
+void brisel_ipc_client_try_again(void) {
+  for (request &r : host.queue) r.trouble_told = false;
+  host.retry_delay = retry_first;
+  if (host.retry) retry_now();
 }
 
 int brisel_ipc_req_cancel(int request_type) {

@@ -1,5 +1,8 @@
 """What waits and what was sent, on the screen: refused by a real mail system, changed, dropped, live."""
-from brisel_test import equal, kill_service, main
+import pathlib
+import sqlite3
+
+from brisel_test import equal, kill_service, mail, main
 from phone_test import Maildir, Relay, Sendmail, by_uid, delete_on_watch, journal, message, reply_on_watch
 from test_notify import Desk
 
@@ -25,11 +28,11 @@ def shows_state(s, id):
 
 
 def test_a_refused_reply_is_told_changed_and_sent(s):
-    mta, relay, mail, gone = arrange(s)
+    mta, relay, letter, gone = arrange(s)
     s.launch()
     s.wait_text("Lunch")
     mta.refuse.write_text("67")
-    reply_on_watch(s, mail, "Soon")
+    reply_on_watch(s, letter, "Soon")
     s.wait_text(s.text("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED"))
     s.wait_gone(s.text("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED"))
     open_screen(s)
@@ -55,7 +58,7 @@ def test_a_refused_reply_is_told_changed_and_sent(s):
     # Live: what the phone is not there for waits, and is dropped.
     relay.kill()
     s.wait(lambda: not s.linked(), "the link to go")
-    reply_on_watch(s, mail, "Later")
+    reply_on_watch(s, letter, "Later")
     shows_state(s, "IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE")
     s.rest()
     s.tap(s.text("IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE"))
@@ -73,9 +76,9 @@ def test_a_refused_reply_is_told_changed_and_sent(s):
 def test_a_refused_reply_is_told_on_the_desktop(s):
     desk = Desk(s)
     try:
-        mta, relay, mail, gone = arrange(s)
+        mta, relay, letter, gone = arrange(s)
         mta.refuse.write_text("67")
-        reply_on_watch(s, mail, "Yes & no")
+        reply_on_watch(s, letter, "Yes & no")
         refused = (s.text("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED"),
                    s.text("IDS_EMAIL_BODY_TO_PS").replace("%s", "Ann") + "\nno route to anywhere")
         s.wait(lambda: desk.told()[-1:] == [refused], "the refusal")
@@ -95,12 +98,32 @@ def test_a_refused_reply_is_told_on_the_desktop(s):
         s.tap(s.text("IDS_EMAIL_SK_DROP"))
         desk.wait_shown(0)  # the next service knows the number of the one before
         s.watch("key", "back")
-        reply_on_watch(s, mail, "Once more")
+        reply_on_watch(s, letter, "Once more")
         desk.wait_shown(1)
         desk.press(s.text("IDS_EMAIL_SK_OPEN"))
         s.wait(lambda: s.titles()[-1:] == [s.text("IDS_EMAIL_HEADER_WAITING_AND_SENT")], "the screen")
     finally:
         desk.close()
+
+
+def test_what_the_store_cannot_take_is_said_and_offered_again(s):
+    s.serve()
+    account = s.account("a@example.org")
+    s.send(account, mail("Unread", "Text.", "Ann <ann@example.org>"))
+    s.launch()
+    s.wait_text("Unread")
+    store = sqlite3.connect(pathlib.Path(s.env["XDG_DATA_HOME"]) / "brisel" / "store.db", timeout=30, isolation_level=None)
+    store.executescript("INSERT INTO outbox (json) VALUES ('{}'); CREATE UNIQUE INDEX one_row ON outbox (id * 0)")
+    s.tap("Ann")
+    for attempt in range(2):
+        s.wait_text(s.text("IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT"))
+        s.rest()
+        if attempt:
+            store.execute("DROP INDEX one_row")
+        s.tap(s.text("IDS_EMAIL_SK_TRY_AGAIN"))
+    s.wait(lambda: s.mails()[0]["is_read"], "the mark")
+    s.wait_gone(s.text("IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT"))
+    equal(len(s.requests("update_ind")), 1, "once")
 
 
 if __name__ == "__main__":
