@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr size_t kMaxMessage = 64u << 20;
+constexpr size_t kMaxMessage = 64u << 20, kFirstLine = 4096;
 
 std::string reason(const std::string &path) {
   return path + ": " + strerror(errno);
@@ -32,18 +32,21 @@ struct line_reader {
   std::vector<char> buffer = std::vector<char>(1u << 18);
   size_t start = 0, end = 0;
   int64_t offset = 0; /* of the line that comes next */
+  char end_of_line = '\n';
   ~line_reader() {
     if (file) fclose(file);
   }
 };
 
-/* One line with its end, or a part of one that is longer than the buffer. Empty: the end. */
+/* One line with its end, which is given as a newline, or a part of one that is longer than the buffer. Empty: the end.
+ */
 std::string_view next_line(line_reader *reader) {
   for (;;) {
-    const char *from = reader->buffer.data() + reader->start;
+    char *from = reader->buffer.data() + reader->start;
     size_t have = reader->end - reader->start;
-    const void *newline = have > 0 ? memchr(from, '\n', have) : nullptr;
-    size_t length = newline ? static_cast<size_t>(static_cast<const char *>(newline) - from) + 1 : 0;
+    void *newline = have > 0 ? memchr(from, reader->end_of_line, have) : nullptr;
+    size_t length = newline ? static_cast<size_t>(static_cast<char *>(newline) - from) + 1 : 0;
+    if (newline) *static_cast<char *>(newline) = '\n';
     if (!newline && have < reader->buffer.size()) {
       memmove(reader->buffer.data(), from, have);
       reader->start = 0;
@@ -61,6 +64,11 @@ std::string_view next_line(line_reader *reader) {
 
 int open_reader(line_reader *reader, const std::string &path, int64_t offset, std::string *error) {
   reader->file = fopen(path.c_str(), "rbe");
+  /* Old programs ended lines with a return alone. */
+  std::string_view first(reader->buffer.data(),
+                         reader->file ? fread(reader->buffer.data(), 1, kFirstLine, reader->file) : 0);
+  if (first.find('\n') == std::string_view::npos && first.find('\r') != std::string_view::npos)
+    reader->end_of_line = '\r';
   if (reader->file && fseeko(reader->file, static_cast<off_t>(offset), SEEK_SET) == 0) {
     reader->offset = offset;
     return 0;

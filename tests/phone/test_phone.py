@@ -94,7 +94,7 @@ def test_broken_files_and_many_mails(s):
     for n in range(300):
         box.deliver(message(f"d{n}@x"), flags="S" if n % 2 else "")
     mbox = s.dir / "mail.mbox"
-    mbox.write_text("".join("From x\n" + message(f"m{n}@x") + "\n" for n in range(3)))
+    mbox.write_text("".join("From x\n" + message(f"m{n}@x") + "\n" for n in range(3)), newline="\r")  # as old programs wrote
     ids = s.phone("mail", "send", box.path, mbox, "--account", account).split()
     equal(len(ids), 303, "ids")
     equal(len(set(ids)), 303, "different ids")
