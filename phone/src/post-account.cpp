@@ -52,6 +52,10 @@ bool is_loopback(const std::string &host) {
 
 }  // namespace
 
+std::vector<std::string> post_folders(const post_account &account) {
+  return account.folders.empty() ? std::vector<std::string>{"INBOX"} : account.folders;
+}
+
 int post_account_set(post_account *account, const std::string &key, const std::string &value, std::string *error) {
   if (key == "imap" || key == "smtp") {
     (key == "imap" ? account->imap : account->smtp) = value;

@@ -38,6 +38,9 @@ struct post_account {
   const std::string &login() const { return user.empty() ? address : user; }
 };
 
+/* Those that are followed. */
+std::vector<std::string> post_folders(const post_account &account);
+
 /* Takes one setting of an account's group. Returns 1 taken, 0 no setting of this kind, -1 with a reason. */
 int post_account_set(post_account *account, const std::string &key, const std::string &value, std::string *error);
 

@@ -92,7 +92,8 @@ std::string agreed_path(const mirror &m) {
   return m.path + "/agreed." + m.tag;
 }
 
-/* What both sides last had: the only thing that tells which of them changed. Without it the server counts. */
+/* What both sides last had: the only thing that tells which of them changed. Where it is not known (this process may
+   have been ended before it wrote it down) a message is read when one side says so. */
 void load_agreed(mirror *m) {
   m->agreed.clear();
   m->modseq = 0;
@@ -177,7 +178,7 @@ void mark_file(const local_file &file, bool seen) {
 int exchange_mark(mirror *m, mailimap *session, const imap_message &message, const local_file &file,
                   std::string *error) {
   auto known = m->agreed.find(message.uid);
-  bool agreed = known == m->agreed.end() ? file.seen : known->second;
+  bool agreed = known != m->agreed.end() && known->second;
   bool seen = message.seen;
   if (file.seen && !seen && !agreed) {
     if (imap_add_flag(session, message.uid, false, error) < 0) return -1;
@@ -313,6 +314,17 @@ int follow(mirror *m, bool *worked, std::string *error) {
   }
 }
 
+/* What a process that was ended in the middle of writing left. */
+void clear_leftovers(const mirror &m) {
+  const std::pair<std::string, std::string> begun[] = {{m.path + "/tmp", m.tag + "."},
+                                                       {m.path, "agreed." + m.tag + "."}};
+  for (const auto &[folder, start] : begun) {
+    g_autoptr(GDir) names = g_dir_open(folder.c_str(), 0, nullptr);
+    for (const char *name = names ? g_dir_read_name(names) : nullptr; name; name = g_dir_read_name(names))
+      if (g_str_has_prefix(name, start.c_str())) unlink((folder + "/" + name).c_str());
+  }
+}
+
 int64_t now() {
   timespec time;
   clock_gettime(CLOCK_BOOTTIME, &time);
@@ -362,6 +374,7 @@ int post_mirror_run(const std::string &config, const std::string &account, const
     say(m, error.empty() ? strerror(errno) : error);
     return 1;
   }
+  clear_leftovers(m);
   m.trash = m.account.trash;
   m.net = network_open(RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR);
   std::string told;

@@ -120,8 +120,7 @@ int try_account(post_account *account, const std::string &secret, bool find_sent
   imap_folder opened;
   int opening = imap_open(*account, secret, &session, error);
   if (opening < 0) return opening;
-  std::vector<std::string> folders = account->folders.empty() ? std::vector<std::string>{"INBOX"} : account->folders;
-  for (const std::string &folder : folders)
+  for (const std::string &folder : post_folders(*account))
     if (imap_select(session.get(), folder, &opened, error) < 0) return -1;
   if (find_sent && account->sent.empty()) imap_special_folder(session.get(), "Sent", &account->sent, error);
   if (account->smtp.empty()) return 0;

@@ -106,12 +106,13 @@ void after_sending(const post_account &account, const std::string &secret, GMime
   imap_session session;
   if (imap_open(account, secret, &session, &error) == 0) {
     const char *header = g_mime_object_get_header(GMIME_OBJECT(message), "In-Reply-To");
-    std::string folder = account.folders.empty() ? "INBOX" : account.folders[0], answered = header ? header : "";
     imap_folder opened;
     uint32_t uid = 0;
-    if (!answered.empty() && imap_select(session.get(), folder, &opened, &error) == 0 &&
-        imap_find(session.get(), answered, &uid, &error) == 0 && uid != 0)
-      imap_add_flag(session.get(), uid, true, &error);
+    for (const std::string &folder : post_folders(account)) {
+      if (!header || uid != 0 || imap_select(session.get(), folder, &opened, &error) < 0) continue;
+      if (imap_find(session.get(), header, &uid, &error) == 0 && uid != 0)
+        imap_add_flag(session.get(), uid, true, &error);
+    }
     if (!account.sent.empty()) imap_append(session.get(), account.sent, text, &error);
   }
   if (!error.empty()) fprintf(stderr, "brisel-phone: sent; but %s\n", error.c_str());

@@ -107,7 +107,7 @@ int add_mirrors(const std::string &file, relay_settings *settings, std::string *
     mailbox->path = post_mirror_path(account.name);
     mailbox->imap_config = file;
     mailbox->delete_there = account.delete_on_server;
-    mailbox->folders = account.folders.empty() ? std::vector<std::string>{"INBOX"} : account.folders;
+    mailbox->folders = post_folders(account);
     if (post_mirror_create(mailbox->path, error) < 0) return -1;
   }
   /* Replies go the same way, unless another one is named. */

@@ -81,13 +81,13 @@ def test_an_account_from_address_and_password(s):
         other.store("old@x", "+FLAGS", "\\Deleted", expunge=True)
         s.wait(lambda: "old@x" not in uids(s), "deleted elsewhere")
 
-        reply_on_watch(s, by_uid(s)["new@x"], "Danke &amp; bis bald")
+        reply_on_watch(s, by_uid(s)["work@x"], "Danke &amp; bis bald")
         s.wait(lambda: exim.messages(), "the reply at the server")
         sent = exim.messages()
         equal(len(sent), 1, "once")
-        assert "In-Reply-To: <new@x>" in sent[0] and "Danke & bis bald" in sent[0], sent[0]
+        assert "In-Reply-To: <work@x>" in sent[0] and "Danke & bis bald" in sent[0], sent[0]
         s.wait(lambda: [r["state"] for r in status(s)["replies"]] == ["sent"], "its state")
-        assert "\\Answered" in other.flags("new@x"), other.flags("new@x")
+        assert "\\Answered" in other.flags("work@x", "Work"), "the mark in another folder than the first"
         equal(int(other.imap.select("Sent", readonly=True)[1][0]), 1, "a copy")
 
         other.imap.delete("Work")
