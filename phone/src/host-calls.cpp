@@ -502,7 +502,7 @@ int host_list_mails(host_bus *bus, std::vector<host_record> *mails, std::string 
 
 int host_list_mail_ids(host_bus *bus, std::vector<watch_mail_id> *mails, std::string *error) {
   if (bus->watch.mail_ids)
-    return list_in_portions(bus, "ListMailIds", bus->peer ? 200 : 1000, error,
+    return list_in_portions(bus, "ListMailIds", bus->peer ? 100 : 1000, error,
                             [mails](sd_bus_message *m) { return read_mail_ids(m, mails); });
   std::vector<host_record> all;
   int result = host_list_mails(bus, &all, error);
