@@ -253,7 +253,7 @@ static void _show_requests(journal_view_data *vd) {
     return; /* what is shown stays */
   }
   static constexpr Elm_Genlist_Item_Class row_class =
-      brisel_view_row_class("2text.1icon", _gl_text_get, _gl_content_get);
+      brisel_view_row_class("2text.1icon.1", _gl_text_get, _gl_content_get);
   /* The row at the top stays there, whatever comes or goes above it. */
   Elm_Object_Item *top = elm_genlist_at_xy_item_get(vd->genlist, 1, 1, nullptr);
   const brisel_request_data *first = top ? (brisel_request_data *)elm_object_item_data_get(top) : nullptr;
