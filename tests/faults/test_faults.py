@@ -99,8 +99,10 @@ def test_no_room_in_the_store(s):
     box.deliver(message("late@x"))
     s.wait(lambda: disk.struck() >= 2, "two tries")
     equal(uids(s), set(), "a store without room")
+    trouble = lambda: status(s)["accounts"][0]["error"]  # noqa: E731
+    s.wait(trouble, "the status to say so")
     disk.works()
-    s.wait(lambda: uids(s) == {"late@x"}, "the mail, without another change")
+    s.wait(lambda: uids(s) == {"late@x"} and not trouble(), "the mail, without another change, and no word of it any more")
     relay.kill()
     disk.end()
 
