@@ -93,7 +93,7 @@ int call_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
   }
   if (sd_bus_message_is_method_call(m, phone_interface, nullptr) <= 0) return 0;
   const char *member = sd_bus_message_get_member(m);
-  for (const char *own : {"Connect", "Ack", "AnswerMore"})
+  for (const char *own : {"Connect", "Ack", "AnswerMore", "Outcome"})
     if (strcmp(member, own) == 0)
       return refuse(m, SD_BUS_ERROR_ACCESS_DENIED, "another process of this phone is linked");
   if (one->link->connected) return pass_on(one->link, m);

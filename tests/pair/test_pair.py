@@ -12,8 +12,8 @@ import time
 from brisel_test import BUILD, kill_service
 import cut_proxy
 from cut_proxy import MODES, Cut
-from phone_test import (Maildir, Relay, Sendmail, by_uid, call_watch, delete_on_watch, equal, main, message,
-                        more_on_watch)
+from phone_test import (Maildir, Relay, Sendmail, by_uid, call_watch, delete_on_watch, equal, journal, main, message,
+                        more_on_watch, reply_on_watch)
 from torture import torture
 
 ROUNDS = int(os.environ.get("BRISEL_CUT_ROUNDS", "15"))
@@ -93,7 +93,7 @@ def test_both_sides_know_and_come_together_again(s):
     net.close()
 
 
-def test_deleted_while_away(s):
+def test_deleted_and_sent_while_away(s):
     net, watch = network(s)
     box, mta = Maildir(s.dir / "box"), Sendmail(s.dir / "mta")
     for n in range(3):
@@ -108,6 +108,17 @@ def test_deleted_while_away(s):
     net.set("pass")
     s.wait(lambda: "New" in {m["subject"] for m in s.mails()}, "the new mail")
     equal(len(s.mails()), 3, "what was deleted stays deleted")
+    # A reply is sent while the watch is away, which hears of it afterwards.
+    begun, go = s.dir / "begun", s.dir / "go"
+    mta.change("file=$(mktemp", f"touch '{begun}'; until [ -e '{go}' ]; do sleep 0.1; done; file=$(mktemp")
+    reply_on_watch(s, s.mails()[0], "Yes")
+    s.wait(begun.exists, "the mail system at work")
+    net.set("stall")
+    go.touch()
+    s.wait(lambda: mta.sent() and not linked(s), "the reply, without a watch")
+    equal(journal(s)[-1], (1, "", "Yes"), "handed over, as far as the watch knows")
+    net.set("pass")
+    s.wait(lambda: journal(s)[-1][0] == 2, "sent, on the watch")
     relay.kill()
     net.close()
 
