@@ -9,6 +9,16 @@ namespace {
    nothing of it has come for so many seconds. */
 constexpr int64_t first_sync_pause = 10;
 
+/* A transaction that is on the disk with the next one that waits for it. A service that is killed finds it; a machine
+   that loses its power loses what stood on its screen as well, and is told anew. */
+template <typename F>
+store_status unhurried(store *st, F &&work) {
+  store_status status = checked(st, st->db.run("PRAGMA synchronous = NORMAL"));
+  if (!status) status = transaction(st, work);
+  const bool restored = !st->db.run("PRAGMA synchronous = FULL");
+  return restored || status ? status : fail_sql(st);
+}
+
 int64_t looked_at(store *st) {
   return store_get_state(st, "notified_mail", 0);
 }
@@ -30,7 +40,7 @@ store_status store_notify_arrivals(store *st, int64_t now, std::vector<arrival> 
 store_status store_notify_take(store *st, int64_t now, const std::vector<arrival> &arrivals,
                                const std::vector<int> &to_tell) {
   if (arrivals.empty()) return store_ok;
-  return transaction(st, [&]() -> store_status {
+  return unhurried(st, [&]() -> store_status {
     store_status status =
         run_sql(st,
                 "UPDATE account_sync SET last = ?1 WHERE ?1 BETWEEN last AND last + ?2 AND EXISTS (SELECT 1 FROM mail m"
@@ -65,7 +75,7 @@ store_status store_notify_list(store *st, std::vector<notice> *notices) {
 
 store_status store_notify_put(store *st, const std::vector<notice> &notices) {
   if (notices.empty()) return store_ok;
-  return transaction(st, [&]() -> store_status {
+  return unhurried(st, [&]() -> store_status {
     sql_statement set(
         &st->db, "UPDATE notification SET step = ?, number = ?, counted = ?, locked = ?, server = ? WHERE mail_id = ?");
     store_status status = store_ok;
@@ -79,7 +89,7 @@ store_status store_notify_put(store *st, const std::vector<notice> &notices) {
 
 store_status store_notify_drop(store *st, const std::vector<int> &ids) {
   if (ids.empty()) return store_ok;
-  return transaction(st, [&] {
+  return unhurried(st, [&] {
     std::vector<int> gone;
     return run_for_ids(st, "DELETE FROM notification WHERE mail_id = ?", ids, &gone);
   });
