@@ -208,6 +208,11 @@ int command_setup(setup_options options) {
   if (account.name.empty()) account.name = account.address;
   if (account.name.find_first_of("[]\n\r") != std::string::npos)
     return complain("'" + account.name + "': not as an account's name");
+  /* Again for an account that there is, for a new password perhaps: its settings stay. */
+  post_account known;
+  if (post_account_find(options.config, account.name, &known, &error) == 0 && known.name == account.name)
+    post_account_keep(&account, known);
+  error.clear();
   if (complete_servers(&account, &error) < 0) return complain(error);
   if (try_secret(&account, &secret, &error) < 0 || keep_secret(options, secret, &error) < 0 ||
       post_mirror_create(post_mirror_path(account.name), &error) < 0 ||

@@ -164,6 +164,8 @@ def test_tokens(s):
             out, got = setup(s, "me@named.example", *GIVEN, "--auth", auth, "--password-command", f"echo {token}")
             assert (got, said in out, len(out.splitlines())) == (code, True, 2 - code), out
         assert "both directions work" in s.phone("account", "test", "--config", s.dir / "relay.conf")
+        before = (s.dir / "relay.conf").read_text()
+        equal((setup(s, "me@named.example")[1], (s.dir / "relay.conf").read_text()), (0, before), "set up again")
 
 
 def test_each_error_is_one_sentence(s):
