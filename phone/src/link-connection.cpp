@@ -1,4 +1,5 @@
-/* What the connections of both kinds share: the loop, its end, and what follows when the watch comes and goes. */
+/* What the connections of both kinds share: the loop, its end, and what follows when the watch comes and goes. Whoever
+   holds the link calls link.h; the other files of the link call what link-parts.h names. */
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/time.h>

@@ -1,4 +1,5 @@
-/* Hears from the kernel that the network changed: an interface, an address or a route came or went. */
+/* Hears from the kernel that the network changed: an interface, an address or a route came or went.
+   link-stream.cpp starts it; nothing else calls it. */
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>

@@ -1,4 +1,5 @@
-/* What is told of the link to a watch, from the state that whoever holds the link writes. */
+/* What is told of the link to a watch, from the state that whoever holds the link writes.
+   The commands that print it call it, and link-connection.cpp, which goes on from it. */
 #include <glib.h>
 #include <unistd.h>
 

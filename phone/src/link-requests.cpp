@@ -1,4 +1,5 @@
-/* What the watch asks: each request is on disk before it is acknowledged, and handed on once. */
+/* What the watch asks: each request is on disk before it is acknowledged, and handed on once. The
+   other files of the link call it. */
 #include <sys/inotify.h>
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 /* The link to the service on this machine's session bus: it may start, stop and restart; a bus that is gone is the end
-   of the login, and of this process with it. */
+   of the login, and of this process with it. link-connection.cpp starts it; nothing else calls it. */
 #include <algorithm>
 #include <cstring>
 

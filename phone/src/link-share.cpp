@@ -3,7 +3,7 @@
  *
  * Over Bluetooth there is one connection to a device, and BlueZ takes a profile from one program only: while the relay
  * or `serve` has both, a command's calls go through it. Only calls that any program may make are passed on; what makes
- * one the phone stays with who has the link.
+ * one the phone stays with who has the link. The files of the link alone call it.
  */
 #include <fcntl.h>
 #include <sys/socket.h>

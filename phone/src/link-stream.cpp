@@ -3,6 +3,7 @@
  *
  * Opening waits for nothing here: the loop goes on while a program looks for the way. Life is known by what comes;
  * after a while without a word the phone asks for one. Over Bluetooth the controller watches the link, and nobody asks.
+ * link-connection.cpp starts it, and it is told of the network; nothing else calls it.
  */
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,4 @@
-/* com.vextora.brisel.Phone1: what the phone's side may do. */
+/* com.vextora.brisel.Phone1: what the phone's side may do. hostd.cpp puts it on the bus; nothing else calls it. */
 #include <cstdio>
 #include <cstring>
 
