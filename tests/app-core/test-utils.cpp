@@ -69,13 +69,8 @@ TEST_F(formats, NearerMailsShowLess) {
   const time_t now = time(nullptr);
   struct tm today = {};
   localtime_r(&now, &today);
-  struct tm last_of_year = {};
-  last_of_year.tm_year = today.tm_year - 1;
-  last_of_year.tm_mon = 11;
-  last_of_year.tm_mday = 31;
-  last_of_year.tm_hour = 23;
-  last_of_year.tm_min = 59;
-  last_of_year.tm_isdst = -1;
+  struct tm last_of_year = {
+      .tm_min = 59, .tm_hour = 23, .tm_mday = 31, .tm_mon = 11, .tm_year = today.tm_year - 1, .tm_isdst = -1};
   struct tm late = today;
   late.tm_hour = 23;
   late.tm_min = 58;

@@ -1,14 +1,12 @@
 #include "driver.h"
 
-#include <fcntl.h>
+#include <glib.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
 
 namespace {
 
@@ -19,49 +17,30 @@ int exit_code(int status) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-pid_t start(const std::vector<std::string> &words, const std::map<std::string, std::string> &environment, int out,
-            int err) {
-  const pid_t pid = fork();
-  if (pid != 0) return pid;
-  if (out >= 0) dup2(out, 1);
-  if (err >= 0) dup2(err, 2);
-  for (const auto &[name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
+/* Words and environment as the C library wants them. */
+struct command {
   std::vector<char *> argv;
-  for (const std::string &word : words) argv.push_back(const_cast<char *>(word.c_str()));
-  argv.push_back(nullptr);
-  execvp(argv[0], argv.data());
-  _exit(127);
-}
+  char **envp = g_get_environ();
+  command(const std::vector<std::string> &words, const std::map<std::string, std::string> &environment) {
+    for (const std::string &word : words) argv.push_back(const_cast<char *>(word.c_str()));
+    argv.push_back(nullptr);
+    for (const auto &[name, value] : environment) envp = g_environ_setenv(envp, name.c_str(), value.c_str(), TRUE);
+  }
+  ~command() { g_strfreev(envp); }
+};
 
 }  // namespace
 
 ran run(const std::vector<std::string> &words, const std::map<std::string, std::string> &environment) {
-  int out[2];
-  int err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return {-1, "", ""};
-  const pid_t pid = start(words, environment, out[1], err[1]);
-  close(out[1]);
-  close(err[1]);
-  ran result{-1, "", ""};
-  pollfd ends[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  std::string *texts[2] = {&result.out, &result.err};
-  while (ends[0].fd >= 0 || ends[1].fd >= 0) {
-    if (poll(ends, 2, -1) < 0) continue;
-    for (int i = 0; i < 2; i++) {
-      if (ends[i].fd < 0 || ends[i].revents == 0) continue;
-      char buffer[4096];
-      const ssize_t got = read(ends[i].fd, buffer, sizeof(buffer));
-      if (got > 0)
-        texts[i]->append(buffer, static_cast<size_t>(got));
-      else
-        ends[i].fd = -1;
-    }
-  }
-  close(out[0]);
-  close(err[0]);
+  const command one(words, environment);
+  char *out = nullptr, *err = nullptr;
   int status = 0;
-  waitpid(pid, &status, 0);
-  result.code = exit_code(status);
+  if (!g_spawn_sync(nullptr, const_cast<char **>(one.argv.data()), one.envp, G_SPAWN_SEARCH_PATH, nullptr, nullptr,
+                    &out, &err, &status, nullptr))
+    return {127, "", words[0] + " cannot be started"};
+  const ran result = {exit_code(status), out, err};
+  g_free(out);
+  g_free(err);
   return result;
 }
 
@@ -83,11 +62,12 @@ nlohmann::json dump(void) {
 }
 
 child::child(const std::vector<std::string> &words, const std::map<std::string, std::string> &environment) {
-  int out[2];
-  if (pipe2(out, O_CLOEXEC) != 0) return;
-  pid_ = start(words, environment, out[1], -1);
-  close(out[1]);
-  fd_ = out[0];
+  const command one(words, environment);
+  const int flags = G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_CHILD_INHERITS_STDIN;
+  EXPECT_TRUE(g_spawn_async_with_pipes(nullptr, const_cast<char **>(one.argv.data()), one.envp,
+                                       static_cast<GSpawnFlags>(flags), nullptr, nullptr, &pid_, nullptr, &fd_, nullptr,
+                                       nullptr))
+      << words[0];
 }
 
 child::~child() {
