@@ -162,30 +162,3 @@ TEST_F(options, NumbersAreCalledAndTheirViewClosesItself) {
   views_become(2);
   EXPECT_TRUE(logged("I/Call numbers are empty!"));
 }
-
-TEST_F(options, ARowWhoseNumberIsGoneCallsNobody) {
-  start_one({.from_name = "Ann"});
-  full_noti_data *mail = brisel_full_noti_data_create();
-  for (const char *number : {"+1", "+2"}) {
-    contact_number *contact = (contact_number *)calloc(1, sizeof(contact_number));
-    contact->number = strdup(number);
-    mail->sender_contact_list = g_slist_append(mail->sender_contact_list, contact);
-  }
-  ASSERT_EQ(brisel_option_call_draw_view(0, &test_ad, mail), 0);
-  ASSERT_TRUE(views_become(2));
-  const auto drop_last = [&] {
-    GSList *last = g_slist_last(mail->sender_contact_list);
-    brisel_util_contact_number_free(last->data);
-    mail->sender_contact_list = g_slist_delete_link(mail->sender_contact_list, last);
-  };
-  log_mark();
-  drop_last();
-  tap_row(1);
-  EXPECT_TRUE(logged("E/Failed to get phone number from sender_contact_list!"));
-  rows_become({"+1|" + text("IDS_EMAIL_BODY_OTHERS")});
-  drop_last();
-  tap_row(0);
-  views_become(1);
-  EXPECT_FALSE(logged("E/service_send_launch_request() failed!"));
-  brisel_full_noti_data_free(mail);
-}

@@ -20,8 +20,8 @@ struct replies : acting {
     std::filesystem::remove_all(draft_path().parent_path());
     std::filesystem::remove(std::filesystem::path(platform_app_state_dir()) / "template-uses");
   }
-  void open_templates(int mail_id, full_noti_data *mail = nullptr) {
-    ASSERT_EQ(brisel_option_reply_templetes_draw_view(mail_id, &test_ad, mail), 0);
+  void open_templates(int mail_id) {
+    ASSERT_EQ(brisel_option_reply_templetes_draw_view(mail_id, &test_ad, nullptr), 0);
     ASSERT_TRUE(views_become(2));
   }
   /* The keypad comes by itself. */
@@ -167,27 +167,6 @@ TEST_F(replies, TheMostUsedTemplatesComeFirstUnlessThePhonesOrderIsWanted) {
   open_templates(id);
   rows_become({"Delta", "Beta", "Gamma"});
   vconf_unset(BRISEL_KEY_TEMPLATE_ORDER);
-}
-
-TEST_F(replies, AFailedFirstReadIsMadeUpForByTheNextChangeAndTheMailIsACopy) {
-  const int id = start_one({.from_name = "Ann", .from_address = "ann@example.org"});
-  full_noti_data *mail = brisel_full_noti_data_create();
-  ASSERT_EQ(brisel_db_get_full_noti_data_by_mail_id(id, mail), 0);
-  brisel_db_deinit();
-  log_mark();
-  open_templates(id, mail);
-  brisel_full_noti_data_free(mail);
-  EXPECT_TRUE(logged("E/__brisel_option_reply_create_genlist() failed!"));
-  EXPECT_TRUE(visible(text("IDS_MSG_BODY_NO_TEXT_TEMPLATES")));
-  ASSERT_EQ(brisel_db_init(), 0);
-  phone.set_templates({"Alpha", "Beta"});
-  rows_become({"Alpha", "Beta"});
-  tap_row(1);
-  tap(text_at(text("IDS_COM_SK_SEND")));
-  EXPECT_EQ(request("reply").at("recipient"),
-            "ann@example.org\x02"
-            "Ann");
-  views_become(1);
 }
 
 TEST_F(replies, TheTypedViewFollowsTheKeypadAndSendsOnce) {

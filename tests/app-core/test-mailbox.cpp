@@ -1,6 +1,7 @@
 /* The mailbox list from inside: its model under the rows, its sweep, the account shown, and what becomes of them when
    the phone, a launch or the user goes on. */
 #include "app-test.h"
+#include "cases.h"
 #include "vconf.h"
 
 static const long base_time = 1700000000;
@@ -56,34 +57,29 @@ struct mailbox : testing::Test {
 
 /* How the shown account follows accounts that come and go. */
 TEST_F(mailbox, AccountsComeAndGo) {
-  const struct {
-    const char *what;
-    int accounts, shown /* index, -1 combined */, removed, expected /* index, -1 combined */;
-  } cases[] = {
-      {"the shown one of three", 3, 0, 0, -1}, {"another of three", 3, 0, 1, 0},
-      {"the shown one of two", 2, 1, 1, 0},    {"another of two", 2, 1, 0, 1},
-      {"one of two, combined", 2, -1, 0, 1},   {"one of three, combined", 3, -1, 0, -1},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.what);
+  for (const case_row &c : table_of(CASES_DIR "/mailbox.txt",
+                                    "accounts that go: what, how many there are, which is shown (-1: all together), "
+                                    "which goes, which is shown then",
+                                    5)) {
+    SCOPED_TRACE(c[0]);
+    const int count = c.number(1), shown = c.number(2), removed = c.number(3), then = c.number(4);
     phone.clear();
     accounts.clear();
-    add_accounts(c.accounts);
+    add_accounts(count);
     std::vector<int> mails;
-    for (int i = 0; i < c.accounts; i++) mails.push_back(mail(i, i));
+    for (int i = 0; i < count; i++) mails.push_back(mail(i, i));
     app_start();
-    for (int taps = 0; taps <= c.shown; taps++) tap(header());
-    EXPECT_EQ(test_ad.account_id, c.shown < 0 ? 0 : accounts[c.shown]);
+    for (int taps = 0; taps <= shown; taps++) tap(header());
+    EXPECT_EQ(test_ad.account_id, shown < 0 ? 0 : accounts[shown]);
     log_mark();
-    phone.remove_account(accounts[c.removed]);
+    phone.remove_account(accounts[removed]);
     wait_for("I/BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE");
-    EXPECT_TRUE(run_until([&] { return test_ad.account_id == (c.expected < 0 ? 0 : accounts[c.expected]); }))
-        << test_ad.account_id;
+    EXPECT_TRUE(run_until([&] { return test_ad.account_id == (then < 0 ? 0 : accounts[then]); })) << test_ad.account_id;
     std::vector<int> expected;
-    for (int i = c.accounts - 1; i >= 0; i--)
-      if (i != c.removed && (c.expected < 0 || i == c.expected)) expected.push_back(mails[i]);
+    for (int i = count - 1; i >= 0; i--)
+      if (i != removed && (then < 0 || i == then)) expected.push_back(mails[i]);
     wait_for_rows(expected);
-    EXPECT_EQ(test_ad.account_cnt, c.accounts - 1);
+    EXPECT_EQ(test_ad.account_cnt, count - 1);
     app_stop();
   }
 }

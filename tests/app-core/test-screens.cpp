@@ -25,22 +25,6 @@ struct screens : testing::Test {
   }
 };
 
-TEST_F(screens, TheUpperOfTwoViewsIsFoundAndGoesFirst) {
-  const int id = mail();
-  app_start();
-  EXPECT_EQ(brisel_option_reply_templetes_draw_view(id, &test_ad, nullptr), 0);
-  view_data *lower = brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_OPTION_REPLY_VIEW, &test_ad);
-  EXPECT_EQ(brisel_option_reply_templetes_draw_view(id, &test_ad, nullptr), 0);
-  view_data *upper = brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_OPTION_REPLY_VIEW, &test_ad);
-  ASSERT_NE(upper, nullptr);
-  EXPECT_NE(upper, lower);
-  /* It is still sliding in: the back key waits for that. */
-  key("XF86Back");
-  EXPECT_TRUE(
-      run_until([&] { return brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_OPTION_REPLY_VIEW, &test_ad) == lower; }));
-  EXPECT_EQ(brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_OPTION_CALL_VIEW, &test_ad), nullptr);
-}
-
 TEST_F(screens, TwoQuickBacksLeaveTheViewButNotTheApplication) {
   const int id = mail();
   phone.connect();

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "cases.h"
 #include "dlog.h"
 #include "efl_assist.h"
 #include "faults.h"
@@ -26,6 +27,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
+const std::string CASES = CASES_DIR "/settings.txt";
 constexpr const char *KEY = "db/test/value";
 
 std::string text_of(const char *key) {
@@ -81,12 +83,12 @@ TEST(Settings, KeepsTypesApart) {
 }
 
 TEST(Settings, TakesOnlyKeysThatAreKeys) {
-  for (const std::string &key : {std::string(), std::string("/a"), std::string("a/"), std::string("a//b"),
-                                 std::string("."), std::string("a/../b"), std::string(".."), std::string("a+b"),
-                                 std::string("a b"), std::string("é"), std::string("~1.0"), std::string(256, 'k')}) {
-    EXPECT_EQ(vconf_set_int(key.c_str(), 1), -1) << key;
-    EXPECT_EQ(vconf_get_type(key.c_str()), VCONF_TYPE_NONE) << key;
-    EXPECT_EQ(vconf_unset(key.c_str()), -1) << key;
+  std::vector<case_row> bad = table_of(CASES, "no keys", 1);
+  bad.push_back({{std::string(256, 'k')}});
+  for (const case_row &key : bad) {
+    EXPECT_EQ(vconf_set_int(key.text(0), 1), -1) << key[0];
+    EXPECT_EQ(vconf_get_type(key.text(0)), VCONF_TYPE_NONE) << key[0];
+    EXPECT_EQ(vconf_unset(key.text(0)), -1) << key[0];
   }
   EXPECT_EQ(vconf_set_int(nullptr, 1), -1);
   const std::string longest = "memory/" + std::string(248, 'k');
@@ -189,33 +191,26 @@ TEST(Sweep, WriteOnce) {
 /* Each folder is looked at once in a process, so each row has one of its own. */
 TEST(Private, FoldersThatOthersMayChangeAreNotUsed) {
   const fs::path root = fs::path(getenv("BRISEL_SESSION_DIR")) / "folders";
-  const struct {
-    const char *what;
-    mode_t base, own; /* own 0: not there yet */
-    uid_t owner;      /* of its own folder */
-    gid_t group;      /* of the base */
-    bool used;
-  } rows[] = {{"made", 0755, 0, 0, 0, true},
-              {"too wide", 0755, 0775, 0, 0, true},
-              {"a shared place", 01777, 0, 0, 0, true},
-              {"a private group", 0775, 0, 0, 0, true},
-              {"anybody's base", 0777, 0700, 0, 0, false},
-              {"a group's base", 0775, 0700, 0, 1, false},
-              {"another's folder", 0755, 0700, 1, 0, false}};
-  for (const auto &row : rows) {
-    if (geteuid() != 0 && (row.owner != 0 || row.group != 0)) continue; /* only root can give folders away */
-    const fs::path base = root / row.what, own = base / "brisel";
-    fs::create_directories(row.own ? own : base);
-    chmod(base.c_str(), row.base);
-    if (row.own) chmod(own.c_str(), row.own);
-    if (row.group != 0) ASSERT_EQ(chown(base.c_str(), 0, row.group), 0);
-    if (row.owner != 0) ASSERT_EQ(chown(own.c_str(), row.owner, 0), 0);
+  for (const case_row &row : table_of(CASES,
+                                      "folders: what, mode of the base, of its own folder (0: not there yet), its "
+                                      "owner, the base's group, whether it is used",
+                                      6)) {
+    const auto mode = [&](size_t i) { return static_cast<mode_t>(std::stoul(row[i], nullptr, 8)); };
+    const auto owner = static_cast<uid_t>(row.number(3)), group = static_cast<gid_t>(row.number(4));
+    const bool used = row.number(5);
+    if (geteuid() != 0 && (owner != 0 || group != 0)) continue; /* only root can give folders away */
+    const fs::path base = root / row[0], own = base / "brisel";
+    fs::create_directories(mode(2) ? own : base);
+    chmod(base.c_str(), mode(1));
+    if (mode(2)) chmod(own.c_str(), mode(2));
+    if (group != 0) ASSERT_EQ(chown(base.c_str(), 0, group), 0);
+    if (owner != 0) ASSERT_EQ(chown(own.c_str(), owner, 0), 0);
     EXPECT_TRUE(in_child([&] {
       setenv("XDG_DATA_HOME", base.c_str(), 1);
       struct stat info {};
-      return (platform_data_dir() != nullptr) == row.used &&
-             (!row.used || (stat(own.c_str(), &info) == 0 && (info.st_mode & 0777) == 0700));
-    })) << row.what;
+      return (platform_data_dir() != nullptr) == used &&
+             (!used || (stat(own.c_str(), &info) == 0 && (info.st_mode & 0777) == 0700));
+    })) << row[0];
   }
   fs::create_directories(root / ".config/brisel");
   const std::string file = root / ".config/brisel/inspect";

@@ -1,4 +1,5 @@
 /* Requests of the application as the phone gets them, and when either side goes away. */
+#include "cases.h"
 #include "host-test.h"
 
 #include <fcntl.h>
@@ -237,38 +238,24 @@ int ask_more(int mail, more_answer *to) {
 }
 
 TEST_F(Host, MoreOfABodyIsAppendedAsThePhoneAnswers) {
-  const struct {
-    const char *what;
-    const char *body;
-    int64_t have;
-    int error;
-    const char *piece;
-    int complete;
-    int result;
-    const char *after;
-  } rows[] = {
-      {"more to come", "one <tag:thisisover500>", 4, 0, "two ", 0, 0, "one two <tag:thisisover500>"},
-      {"the last", "one <tag:thisisover500>", 4, 0, "two", 1, 0, "one two<tag:thisisover-1>"},
-      {"nothing left", "all<tag:thisisover500>", 3, 0, "", 1, 0, "all<tag:thisisover-1>"},
-      {"without a tag", "héllo", 6, 0, "!", 1, 0, "héllo!<tag:thisisover-1>"},
-      {"no body yet", "", 0, 0, "all", 1, 0, "all<tag:thisisover-1>"},
-      {"an error", "one<tag:thisisover500>", 3, 5, "x", 1, BRISEL_COMMON_ERROR_REMOTE, "one<tag:thisisover500>"},
-  };
   phone_peer phone;
-  for (const auto &row : rows) {
-    const int mail = add_mail(row.what, row.body);
+  for (const case_row &row :
+       table_of(CASES_DIR "/service.txt",
+                "more of a body: what, body, bytes that are there, error, piece, complete, result, body after it", 8)) {
+    SCOPED_TRACE(row[0]);
+    const int mail = add_mail(row.text(0), row.text(1)), result = row[6] == "remote" ? BRISEL_COMMON_ERROR_REMOTE : 0;
     more_answer got;
     const size_t before = phone.requests.size();
-    ASSERT_EQ(0, ask_more(mail, &got)) << row.what;
-    ASSERT_TRUE(phone.has(before + 1)) << row.what;
+    ASSERT_EQ(0, ask_more(mail, &got));
+    ASSERT_TRUE(phone.has(before + 1));
     EXPECT_EQ((json{{"request", "more_msg"}, {"message_uid", "uid-0"}, {"mail_id", mail}}),
               phone.requests[before].json);
-    EXPECT_EQ(row.have, phone.requests[before].have) << row.what;
-    phone.answer(before, row.error, row.piece, row.complete);
-    ASSERT_TRUE(run_until([&] { return got.count > 0; })) << row.what;
-    EXPECT_EQ(row.result, got.error) << row.what;
-    EXPECT_EQ(row.result ? 0 : mail, got.first) << row.what;
-    EXPECT_EQ(row.after, body_of(mail)) << row.what;
+    EXPECT_EQ(row.number(2), phone.requests[before].have);
+    phone.answer(before, row.number(3), row.text(4), row.number(5));
+    ASSERT_TRUE(run_until([&] { return got.count > 0; }));
+    EXPECT_EQ(result, got.error);
+    EXPECT_EQ(result ? 0 : mail, got.first);
+    EXPECT_EQ(row[7], body_of(mail));
   }
 }
 

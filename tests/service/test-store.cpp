@@ -11,6 +11,7 @@
 #include <fstream>
 #include <utility>
 
+#include "cases.h"
 #include "fault.h"
 #include "rows.h"
 #include "schema.h"
@@ -19,6 +20,8 @@
 namespace fs = std::filesystem;
 
 namespace {
+
+const std::string CASES = CASES_DIR "/service.txt";
 
 struct folder {
   folder() {
@@ -223,28 +226,23 @@ std::string bytes_of(const std::string &file) {
 }
 
 TEST(Opening, RefusesWhatIsNoStoreOfItsOwnAndLeavesItAlone) {
-  const std::string own = "PRAGMA application_id = 1112688979;";
-  const struct {
-    const char *what;
-    std::string text, sql;
-    const char *message;
-  } rows[] = {
-      {"text", "this is a letter, not a database, however long it may be", "", "is not a database"},
-      {"a broken header", std::string("SQLite format 3\0", 16) + std::string(2000, '\7'), "", "is not a database"},
-      {"another program's", "", "CREATE TABLE song (name TEXT)", "a database of something else"},
-      {"newer", "", own + "CREATE TABLE mail (x); PRAGMA user_version = 99", "written by a newer version"},
-      {"negative", "", own + "CREATE TABLE mail (x); PRAGMA user_version = -1", "no valid schema number"},
-  };
-  for (const auto &row : rows) {
+  std::vector<case_row> rows =
+      table_of(CASES, "no store: what, the bytes of the file or \"sql: STATEMENTS\", what is said", 3);
+  rows.push_back(
+      {{"a broken header", std::string("SQLite format 3\0", 16) + std::string(2000, '\7'), "is not a database"}});
+  for (const case_row &row : rows) {
+    SCOPED_TRACE(row[0]);
     folder f;
-    if (row.sql.empty()) std::ofstream(f.file, std::ios::binary) << row.text;
-    if (!row.sql.empty()) run_sql(f.file, row.sql);
+    if (row[1].starts_with("sql: "))
+      run_sql(f.file, row[1].substr(5));
+    else
+      std::ofstream(f.file, std::ios::binary) << row[1];
     const std::string before = bytes_of(f.file);
     std::string why;
-    EXPECT_EQ(nullptr, store_open(f.file, &why)) << row.what;
-    EXPECT_NE(std::string::npos, why.find(row.message)) << row.what << ": " << why;
-    EXPECT_EQ(std::string::npos, why.find('\n')) << row.what;
-    EXPECT_EQ(before, bytes_of(f.file)) << row.what;
+    EXPECT_EQ(nullptr, store_open(f.file, &why));
+    EXPECT_NE(std::string::npos, why.find(row[2])) << why;
+    EXPECT_EQ(std::string::npos, why.find('\n'));
+    EXPECT_EQ(before, bytes_of(f.file));
   }
 }
 
@@ -440,23 +438,15 @@ TEST_F(Rules, ARequestIsDoneOnce) {
 TEST_F(Rules, WhatWaitsForAPhoneIsBounded) {
   const int mail = add_mail(st, account, "stays");
   const std::string json(3u << 20, 'j');
-  const struct {
-    const char *uid, *client;
-    store_status status;
-    const char *why;
-  } rows[] = {
-      {"1", "a", store_ok, ""},
-      {"2", "a", store_ok, ""},
-      {"3", "a", store_full, "of this program"}, /* half of the room is one program's share */
-      {"4", "b", store_ok, ""},
-      {"5", "b", store_ok, ""},
-      {"6", "c", store_ok, ""},
-      {"7", "c", store_full, "too much waits"},
-  };
   int64_t first = 0, entry = 0;
-  for (const auto &row : rows) {
-    EXPECT_EQ(row.status, store_request_relay(st, {row.uid, json, row.client}, &entry)) << row.uid;
-    EXPECT_NE(std::string::npos, row.status ? store_error(st).find(row.why) : 0) << store_error(st);
+  int uid_number = 0;
+  for (const case_row &row : table_of(CASES,
+                                      "waiting: requests of 3 MiB each of a program, and what is said to each (half of "
+                                      "the room is one program's share)",
+                                      2)) {
+    const store_status expected = row[1].empty() ? store_ok : store_full;
+    EXPECT_EQ(expected, store_request_relay(st, {std::to_string(++uid_number), json, row[0]}, &entry)) << uid_number;
+    if (expected == store_full) EXPECT_NE(std::string::npos, store_error(st).find(row[1])) << store_error(st);
     if (!first) first = entry;
   }
   EXPECT_EQ(store_full, store_request_delete(st, {"8", json, "c"}, {mail}, &entry));
@@ -543,17 +533,12 @@ TEST_F(Rules, AListOfManyNumbersComesInParts) {
 }
 
 TEST(Texts, AreCleanedOfWhatABusRefuses) {
-  const std::pair<std::string, std::string> rows[] = {
-      {"plain, Ж, 語, 🙂", "plain, Ж, 語, 🙂"},
-      {"\xEF\xBF\xBF|\xEF\xB7\x90|\xF0\x9F\xBF\xBE", "\uFFFD|\uFFFD|\uFFFD"}, /* U+FFFF, U+FDD0, U+1FFFE */
-      {"a\xC3", "a\uFFFD"},
-      {"\xED\xA0\x80", "\uFFFD\uFFFD\uFFFD"}, /* half of a surrogate pair, byte by byte */
-      {"\xC0\xAF", "\uFFFD\uFFFD"},
-      {std::string("a\0b", 3),
-       "a\uFFFD"
-       "b"},
-  };
-  for (const auto &[text, clean] : rows) EXPECT_EQ(clean, clean_text(text));
+  for (const case_row &row : table_of(CASES, "cleaned texts: what came, what is kept", 2))
+    EXPECT_EQ(row[1], clean_text(row[0]));
+  EXPECT_EQ(
+      "a\uFFFD"
+      "b",
+      clean_text(std::string("a\0b", 3)));
 }
 
 TEST_F(Rules, ABodyGrowsPieceByPieceUpToItsBound) {
