@@ -1,4 +1,7 @@
 /* The popup kit: popups, toasts and the progress bar. Every screen makes its popups here. */
+#include <iterator>
+#include <string_view>
+
 #include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
@@ -37,13 +40,43 @@ static Evas_Object *_popup_scroller_add(Evas_Object *popup) {
   return scroller;
 }
 
+/* What a popup asks stands at the end of its text: smaller letters before it has to be scrolled to. Below the least of
+   them it scrolls. */
+static constexpr const char *label_styles[] = {"popup/default", "popup/smaller", "popup/small", "popup/smallest"};
+
+static void _set_label_style(Evas_Object *label, const char *style) {
+  elm_object_style_set(label, style);
+  /* The label measures its lines anew only when told to wrap anew. */
+  elm_label_line_wrap_set(label, ELM_WRAP_NONE);
+  elm_label_line_wrap_set(label, ELM_WRAP_MIXED);
+}
+
+static void _fit_label_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  int needed = 0, room = 0;
+  evas_object_geometry_get(obj, nullptr, nullptr, nullptr, &needed);
+  elm_scroller_region_get((Evas_Object *)data, nullptr, nullptr, nullptr, &room);
+  if (room <= 1 || needed <= room) return;
+  const std::string_view style = elm_object_style_get(obj);
+  for (size_t i = 0; i + 1 < std::size(label_styles); i++) {
+    if (style != label_styles[i]) continue;
+    _set_label_style(obj, label_styles[i + 1]);
+    return;
+  }
+}
+
+static void _refit_label_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  if (Evas_Object *label = elm_object_content_get(obj)) _set_label_style(label, label_styles[0]);
+}
+
 static Evas_Object *_popup_label_add(Evas_Object *scroller) {
   Evas_Object *label = elm_label_add(scroller);
-  elm_object_style_set(label, "popup/default");
+  elm_object_style_set(label, label_styles[0]);
   elm_label_line_wrap_set(label, ELM_WRAP_MIXED);
   evas_object_size_hint_weight_set(label, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   evas_object_size_hint_align_set(label, EVAS_HINT_FILL, EVAS_HINT_FILL);
   elm_object_content_set(scroller, label);
+  evas_object_event_callback_add(label, EVAS_CALLBACK_RESIZE, _fit_label_cb, scroller);
+  evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _refit_label_cb, nullptr);
   evas_object_show(label);
   return label;
 }
