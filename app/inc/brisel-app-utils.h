@@ -49,6 +49,8 @@ bool brisel_util_has_locale(void);
 char *brisel_util_get_date_time_str_by_skeleton(const char *skeleton, const char *locale, time_t *t);
 char *brisel_util_get_date_time_str_by_pattern(const char *pattern, const char *locale, time_t *t);
 char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad);
+/* The date and then the time, in the reading order of the locale. */
+char *brisel_util_join_date_time(const char *date, const char *time, const char *locale);
 char *brisel_util_get_localized_number_str(int number, appdata *ad);
 
 /* --- contacts, the phone, settings --- */

@@ -151,7 +151,7 @@ void __brisel_detail_update_datetime_string(brisel_detail_view *view_data, time_
   const char *pattern = patterns[ad->date_format >= 0 && ad->date_format <= 3 ? ad->date_format : 2];
   scoped_text time_text(brisel_util_get_date_time_str_by_skeleton(skeleton, ad->locale, &time));
   scoped_text date_text(brisel_util_get_date_time_str_by_pattern(pattern, ad->locale, &time));
-  scoped_text both(g_strdup_printf("%s %s", date_text ? date_text.get() : "", time_text ? time_text.get() : ""));
+  scoped_text both(brisel_util_join_date_time(date_text.get(), time_text.get(), ad->locale));
   elm_object_part_text_set(layout, "detail.time", both.get());
 }
 

@@ -150,3 +150,9 @@ void brisel_touch_guard(Evas_Object *opened) {
   evas_object_event_callback_add(shield, EVAS_CALLBACK_DEL, _shield_gone_cb, nullptr);
   if (!is_down) _time_shield();
 }
+
+bool brisel_touch_was_low() {
+  int height = 0;
+  if (window) evas_object_geometry_get(window, nullptr, nullptr, nullptr, &height);
+  return touched_at.y > height / 2;
+}

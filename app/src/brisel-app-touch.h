@@ -12,5 +12,7 @@ void brisel_touch_watch(Evas_Object *window);
 /* When a touch has opened something: while that lives, a touch that begins within 0.3 s and a finger's width of the one
    that opened it goes nowhere; every other one is at once for what it meets. */
 void brisel_touch_guard(Evas_Object *opened);
+/* Whether the last touch was in the lower half of the window. */
+bool brisel_touch_was_low();
 
 #endif

@@ -193,7 +193,8 @@ void brisel_create_toast_popup(appdata *ad, const char *text) {
   }
   Evas_Object *popup = brisel_util_popup_add(_popup_parent(ad));
   elm_object_style_set(popup, "toast");
-  elm_popup_orient_set(popup, ELM_POPUP_ORIENT_BOTTOM);
+  /* Away from the finger, and so from the button that it is about. */
+  elm_popup_orient_set(popup, brisel_touch_was_low() ? ELM_POPUP_ORIENT_TOP : ELM_POPUP_ORIENT_BOTTOM);
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, __toast_back_cb, nullptr);
   elm_object_part_text_set(popup, "elm.text", text);
   evas_object_smart_callback_add(popup, "block,clicked", __block_clicked_cb, nullptr);

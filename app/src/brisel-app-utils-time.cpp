@@ -343,6 +343,14 @@ bool brisel_util_has_locale(void) {
   return region || _environment_locale();
 }
 
+char *brisel_util_join_date_time(const char *date, const char *time, const char *locale) {
+  /* From right to left the date comes first, too: digits alone would make a line from left to right. */
+  const char *mark = locale && uloc_isRightToLeft(locale) ? "\u200F" : "";
+  char text[2 * text_bytes];
+  snprintf(text, sizeof(text), "%s%s %s", mark, date ? date : "", time ? time : "");
+  return strdup(text);
+}
+
 char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad) {
   if (!ad) {
     BRISEL_ERROR("Invalid parameter: data is NULL!");
@@ -362,9 +370,7 @@ char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad) {
   unsigned order = (unsigned)ad->date_format < std::size(same_year) ? (unsigned)ad->date_format : 2;
   const char *pattern = _is_same_year(now_time, t, ad->locale) ? same_year[order] : other_year[order];
   scoped_text date_text(brisel_util_get_date_time_str_by_pattern(pattern, ad->locale, &t));
-  char text[2 * text_bytes];
-  snprintf(text, sizeof(text), "%s %s", date_text.get(), time_text.get());
-  return strdup(text);
+  return brisel_util_join_date_time(date_text.get(), time_text.get(), ad->locale);
 }
 
 char *brisel_util_get_localized_number_str(int number, appdata *ad) {

@@ -154,7 +154,7 @@ TEST_F(popups, ADeletionThatWasNotKeptIsOfferedAgain) {
 
 TEST_F(popups, LongTextsScrollAndTimeRunsOut) {
   std::string text;
-  for (int i = 0; i < 60; i++) text += "word ";
+  for (int i = 0; i < 300; i++) text += "word ";
   Evas_Object *popup = brisel_util_scroll_popup_create(nullptr, test_ad.win_main, nullptr, text.c_str(), nullptr, 1.0,
                                                        answer_cb, "OK", nullptr);
   settle();
