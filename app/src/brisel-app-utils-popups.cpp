@@ -64,10 +64,6 @@ static void _fit_label_cb(void *data, Evas *e, Evas_Object *obj, void *event_inf
   }
 }
 
-static void _refit_label_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
-  if (Evas_Object *label = elm_object_content_get(obj)) _set_label_style(label, label_styles[0]);
-}
-
 static Evas_Object *_popup_label_add(Evas_Object *scroller) {
   Evas_Object *label = elm_label_add(scroller);
   elm_object_style_set(label, label_styles[0]);
@@ -76,7 +72,6 @@ static Evas_Object *_popup_label_add(Evas_Object *scroller) {
   evas_object_size_hint_align_set(label, EVAS_HINT_FILL, EVAS_HINT_FILL);
   elm_object_content_set(scroller, label);
   evas_object_event_callback_add(label, EVAS_CALLBACK_RESIZE, _fit_label_cb, scroller);
-  evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _refit_label_cb, nullptr);
   evas_object_show(label);
   return label;
 }
