@@ -130,7 +130,8 @@ static void __brisel_option_reply_direction_cb(void *data, Evas_Object *obj, voi
 }
 
 static void __brisel_option_reply_show_left(option_reply_view_data *vd) {
-  const int left = BRISEL_TYPED_REPLY_MAX - (int)g_utf8_strlen(vd->text.c_str(), -1);
+  // A template that is changed may be longer.
+  const int left = MAX(BRISEL_TYPED_REPLY_MAX - (int)g_utf8_strlen(vd->text.c_str(), -1), 0);
   const scoped_text number(left <= BRISEL_TYPED_REPLY_TOLD ? brisel_util_get_localized_number_str(left, vd->ad)
                                                            : nullptr);
   elm_object_part_text_set(vd->emoticon_layout, "elm.text.left", number ? number.get() : "");
