@@ -1,5 +1,7 @@
 """The open mailbox follows the phone: the six events, in the combined view and with one account shown; the service
 restarted in the middle; the end equals what a fresh start shows."""
+import pathlib
+import xml.etree.ElementTree as tree
 
 from brisel_test import equal, kill_service, mail, main
 
@@ -199,6 +201,21 @@ def test_a_burst_equals_a_fresh_start(s):
     s.launch()
     s.wait(lambda: header_count(s) == "(301)", "301 mails after a fresh start")
     equal(senders(s), live, "order")
+
+
+def outline(xml):
+    """What the service's own interfaces offer: members, and their arguments in order."""
+    return {(face.get("name"), member.tag, member.get("name"),
+             tuple((arg.get("name"), arg.get("type"), arg.get("direction") == "out") for arg in member.iter("arg")))
+            for face in tree.fromstring(xml).iter("interface") if "vextora" in face.get("name")
+            for member in face if member.tag in ("method", "signal")}
+
+
+def test_the_description_is_what_the_service_offers(s):
+    live = s.run("gdbus", "introspect", "--xml", "--session", "--dest", "com.vextora.brisel.Host", "--object-path",
+                 "/com/vextora/brisel/Host").stdout
+    described = pathlib.Path(__file__).parents[2] / "service" / "com.vextora.brisel.Host.xml"
+    equal(outline(live), outline(described.read_text()), "the interfaces")
 
 
 if __name__ == "__main__":

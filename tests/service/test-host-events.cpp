@@ -7,9 +7,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <map>
-#include <regex>
-#include <set>
 
 namespace {
 
@@ -298,36 +295,6 @@ TEST_F(Host, StatusesTemplatesAndCountsReadAsThePhoneSetThem) {
   }));
   EXPECT_EQ(0, brisel_db_is_valid_target_account_count(&value));
   EXPECT_EQ(1, value);
-}
-
-/* "interface method type direction" of every argument, in the order of each method. */
-std::set<std::string> outline(const std::string &xml) {
-  std::set<std::string> lines;
-  std::string interface, member;
-  int place = 0;
-  const std::regex tag("<(interface|method|signal|arg)\\b([^>]*)>"), attribute("(name|type|direction)=\"([^\"]*)\"");
-  for (std::sregex_iterator i(xml.begin(), xml.end(), tag), end; i != end; ++i) {
-    std::map<std::string, std::string> found;
-    const std::string kind = (*i)[1], rest = (*i)[2];
-    for (std::sregex_iterator a(rest.begin(), rest.end(), attribute); a != end; ++a) found[(*a)[1]] = (*a)[2];
-    if (kind == "interface") interface = found["name"];
-    if (kind == "method" || kind == "signal") member = kind + " " + found["name"], place = 0;
-    const bool out = found["direction"] == "out";
-    if (kind != "interface" && interface.find("vextora") != std::string::npos)
-      lines.insert(
-          interface + " " + member +
-          (kind == "arg" ? std::to_string(place++) + found["name"] + " " + found["type"] + (out ? " out" : "") : ""));
-  }
-  return lines;
-}
-
-TEST_F(Host, TheDescriptionIsWhatTheServiceOffers) {
-  bus_message answer;
-  ASSERT_EQ("", other.call("org.freedesktop.DBus.Introspectable", "Introspect", &answer.m, ""));
-  const char *live = nullptr;
-  sd_bus_message_read(answer, "s", &live);
-  std::ifstream in(HOST_XML);
-  EXPECT_EQ(outline({std::istreambuf_iterator<char>(in), {}}), outline(live));
 }
 
 }  // namespace

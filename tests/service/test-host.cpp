@@ -100,29 +100,6 @@ TEST_F(Host, RequestsWaitForAPhoneThroughKillsUntilItHasThem) {
   EXPECT_EQ((json{{"request", "delete_notis"}, {"id_list", {2000}}}), phone.requests[0].json);
 }
 
-TEST_F(Host, EachRequestIsDoneOnceInOrderHoweverOftenTheServiceIsKilled) {
-  constexpr int count = 60;
-  srand(7);
-  int sent = 0, kills = 0;
-  while (sent < count) {
-    const int burst = 1 + rand() % 9;
-    for (int i = 0; i < burst && sent < count; i++) EXPECT_EQ(0, send_delete(5000 + sent++));
-    int pid = 0;
-    ASSERT_TRUE(run_until([&] { return (pid = start_service(&other)) > 0; }));
-    for (int turns = rand() % 30; turns > 0; turns--) ecore_main_loop_iterate();
-    if (kill(pid, SIGKILL) == 0) kills++;
-  }
-  ASSERT_TRUE(run_until([&] {
-    start_service(&other);
-    return query("SELECT count(*) FROM outbox") == std::to_string(count) + "\n";
-  }));
-  EXPECT_GT(kills, 5);
-  std::string expected;
-  for (int i = 0; i < count; i++)
-    expected += "{\"request\":\"delete_notis\",\"id_list\":[" + std::to_string(5000 + i) + "]}\n";
-  EXPECT_EQ(expected, query("SELECT json FROM outbox ORDER BY id"));
-}
-
 TEST_F(Host, WhatWasAcceptedIsHandedOverWhenTheApplicationEnds) {
   for (int i = 0; i < 5; i++) EXPECT_EQ(0, send_delete(7000 + i)); /* no turn of the main loop in between */
   EXPECT_EQ(0, brisel_ipc_client_deinit());
