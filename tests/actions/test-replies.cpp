@@ -239,21 +239,6 @@ TEST_F(replies, TheLimitRefusesWholeCharacters) {
   views_become(1);
 }
 
-TEST_F(replies, BackClearsASelectionFirst) {
-  open_typed(start_one({.from_name = "Ann"}));
-  elm_entry_entry_set(entry, "some text");
-  elm_entry_select_allow_set(entry, EINA_TRUE);
-  hide_keypad();
-  elm_entry_select_all(entry);
-  settle();
-  ASSERT_NE(elm_entry_selection_get(entry), nullptr);
-  back();
-  EXPECT_EQ(elm_entry_selection_get(entry), nullptr);
-  EXPECT_EQ(views(), 2);
-  back();
-  views_become(1);
-}
-
 TEST_F(replies, DraftsStayUntilTheyAreSentOrTheirMailIsGone) {
   const std::vector<int> ids = start({{.from_name = "Ann"}, {.from_name = "Bob"}});
   open_typed(ids[0]);

@@ -235,14 +235,6 @@ TEST(reply_method, IsKeptAsTheHostCodesIt) {
 struct contacts : testing::Test {
   void SetUp() override { ASSERT_EQ(contacts_connect2(), 0); }
   void TearDown() override { contacts_disconnect2(); }
-  void import(const std::string &cards) {
-    const std::string path = std::string(getenv("BRISEL_SESSION_DIR")) + "/cards.vcf";
-    std::ofstream(path) << cards;
-    int count = 0;
-    char *error = nullptr;
-    ASSERT_EQ(contacts_import_vcard_file(path.c_str(), &count, &error), 0) << error;
-    free(error);
-  }
   static std::vector<std::string> numbers(int person) {
     std::vector<std::string> found;
     GSList *list = brisel_util_get_phone_number_by_person_id(person);
@@ -256,7 +248,7 @@ struct contacts : testing::Test {
 };
 
 TEST_F(contacts, FindTheSenderAndItsNumbers) {
-  import(
+  import_cards(
       "BEGIN:VCARD\nVERSION:3.0\nFN:Ada\nEMAIL:ada@example.org\nTEL;TYPE=HOME:+1 555 0100\nTEL;TYPE=CELL:+1 555 0101\n"
       "TEL:+1 555 0102\nEND:VCARD\n"
       "BEGIN:VCARD\nVERSION:3.0\nFN:Bob\nEMAIL:shared@example.org\nEMAIL:both@example.org\n"

@@ -1,6 +1,9 @@
 #include "app-test.h"
 
+#include <cstdlib>
 #include <fstream>
+
+#include "contacts.h"
 
 appdata test_ad;
 
@@ -62,6 +65,15 @@ void app_stop(void) {
   settle();
   test_ad = {};
   launched = 0;
+}
+
+void import_cards(const std::string &cards) {
+  const std::string path = std::string(getenv("BRISEL_SESSION_DIR")) + "/cards.vcf";
+  std::ofstream(path) << cards;
+  int count = 0;
+  char *error = nullptr;
+  EXPECT_EQ(contacts_import_vcard_file(path.c_str(), &count, &error), CONTACTS_ERROR_NONE) << (error ? error : "");
+  free(error);
 }
 
 std::vector<int> listed_mails(void) {

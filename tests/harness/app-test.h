@@ -32,6 +32,9 @@ void app_start(const char *mail_id = nullptr);
 void app_launch(const char *mail_id = nullptr);
 void app_stop(void);
 
+/* Reads contacts from the text of a vCard file. */
+void import_cards(const std::string &cards);
+
 /* What is on screen. */
 /* The model's rows, checked to be the genlist's items in the same order. */
 std::vector<int> listed_mails(void);

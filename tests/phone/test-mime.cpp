@@ -220,31 +220,15 @@ TEST(Hostile, GoesThrough) {
     corpus.emplace_back(entry.path().filename(), text.str());
   }
   ASSERT_GE(corpus.size(), 20u);
-  auto repeat = [](const std::string &unit, size_t bytes) {
-    std::string out;
-    while (out.size() < bytes) out += unit;
-    return out;
-  };
-  std::string nested, deep;
-  for (int i = 0; i < 3000; i++) {
-    nested += "Content-Type: multipart/mixed; boundary=b" + std::to_string(i) + "\n\n--b" + std::to_string(i) + "\n";
-    deep += "Content-Type: message/rfc822\n\n";
+  for (const case_row &c : table("large: what, its beginning, what is repeated, up to how many bytes, its end", 5)) {
+    std::string raw = c[1];
+    for (const size_t bytes = raw.size() + std::stoul(c[3]); raw.size() < bytes;) raw += c[2];
+    corpus.emplace_back(c[0], raw + c[4]);
   }
+  std::string nested;
+  for (int i = 0; i < 3000; i++)
+    nested += "Content-Type: multipart/mixed; boundary=b" + std::to_string(i) + "\n\n--b" + std::to_string(i) + "\n";
   corpus.emplace_back("deep multiparts", "From: a@b.c\n" + nested + "\nend");
-  corpus.emplace_back("deep messages", "From: a@b.c\n" + deep + "Subject: x\n\nend");
-  corpus.emplace_back("many parts",
-                      with_body("Content-Type: multipart/mixed; boundary=b", repeat("--b\n\nx\n", 32 << 20)));
-  corpus.emplace_back("many headers", repeat("X-A: b\n", 4 << 20) + "From: a@b.c\n\nx");
-  corpus.emplace_back("long header", "From: a@b.c\nSubject: " + repeat("=?utf-8?B?", 4 << 20) + "\n\nx");
-  corpus.emplace_back("long address list", "From: " + repeat("\"a\" <b@c>, (", 4 << 20) + "\n\nx");
-  corpus.emplace_back("groups in groups", "From: " + repeat("g:\n ", 160000) + "\n\nx");
-  corpus.emplace_back("groups in a forwarded mail",
-                      with_body("Content-Type: message/rfc822", "Resent-cc : " + repeat("g:", 160000)));
-  corpus.emplace_back("comments in comments", "To: " + repeat("(", 160000) + "\n\nx");
-  corpus.emplace_back("long references", "From: a@b.c\nReferences: " + repeat("<a@b> ", 4 << 20) + "\n\nx");
-  corpus.emplace_back("long type", "From: a@b.c\nContent-Type: text/plain" + repeat("; a*0=b", 4 << 20) + "\n\nx");
-  corpus.emplace_back("long folds", "From: a@b.c\nSubject: a" + repeat("\n ", 4 << 20) + "\n\nx");
-  corpus.emplace_back("one line", "From: a@b.c\n\n" + std::string(16 << 20, 'x'));
   corpus.emplace_back("nothing but NUL", std::string(1 << 20, '\0'));
   for (const auto &[name, raw] : corpus) {
     mime_mail mail;
