@@ -30,7 +30,7 @@ enum reader_query {
 };
 
 /* Mails whose rows one run of reader_few_rows and reader_many_rows gives: its values are their ids, NULL where fewer
-   are wanted. The rows of each run cost a fixed part; to ready the query for many costs as much as a hundred rows. */
+   are wanted. The rows of each run cost a fixed part; to ready the query for many costs as much as two hundred rows. */
 inline constexpr int reader_few = 16, reader_many = 64;
 
 /* One user more or less of the connection; it closes with the last. */
