@@ -266,6 +266,9 @@ static void _show_block(detail_body *body, size_t index) {
   bool known = block.measured;
   _measure(body, block);
   if (known) return;
+  /* Its lines are those of the width that it is shown with. */
+  evas_object_resize(block.shown, body->width, block.height);
+  edje_object_calc_force(block.shown);
   size_t line = _unfinished_line(body, index, block.shown);
   if (line != std::string::npos) {
     body->blocks[index + 1].start = line;

@@ -264,6 +264,28 @@ TEST_F(Pages, WhatIsShownIsWhatIsActedOn) {
   EXPECT_EQ(on_screen(), current_page());
 }
 
+/* A finger moves the pages or the text, whichever it began with. */
+TEST_F(Pages, AFingerMovesOneWay) {
+  std::string body;
+  for (int line = 0; line < 60; line++) body += "line\n";
+  ids = mailbox_with(&phone, {"a", body, "c"});
+  open_reader(ids[1]);
+  const point from = {160, 220};
+  for (const bool sideways : {true, false}) {
+    touch(from);
+    for (int step = 1; step <= 8; step++) {
+      move_finger(sideways ? point{from.x - step * 14, from.y - step * 6}
+                           : point{from.x - step * 6, from.y - step * 14});
+      settle();
+    }
+    EXPECT_EQ(scrolled() == 0, sideways);
+    EXPECT_EQ(__brisel_detail_place_on_screen(reader()) == 1, !sideways);
+    for (int step = 7; step >= 0; step--) move_finger({from.x - step, from.y});
+    lift();
+    rest_reader();
+  }
+}
+
 /* A neighbour that cannot be built leaves a hole that is turned across. */
 TEST_F(Pages, AHoleBesideTheOpenedMail) {
   fill(5);

@@ -25,8 +25,10 @@ static std::string laid_out_text(void) {
     const char *markup = edje_object_part_text_get((Evas_Object *)member, "detail.body");
     if (!markup) continue; /* the object's clipper */
     char *plain = elm_entry_markup_to_utf8(markup);
-    int y = 0;
-    evas_object_geometry_get((Evas_Object *)member, nullptr, &y, nullptr, nullptr);
+    int y = 0, w = 0, h = 0, needed = 0;
+    evas_object_geometry_get((Evas_Object *)member, nullptr, &y, &w, &h);
+    edje_object_size_min_restricted_calc((Evas_Object *)member, nullptr, &needed, w, 0);
+    EXPECT_EQ(h, needed) << "a seam below the block";
     blocks.push_back({y, trimmed(plain)});
     free(plain);
   }
