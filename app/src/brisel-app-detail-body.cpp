@@ -138,7 +138,7 @@ static void _cut_rest(detail_body *body) {
 /* East Asian fonts have tall ornaments: the text engine gives the first line of a text the room of the highest letter
    of its font, and the last the room of the lowest, which together are another line's height. A line of one pixel above
    and one below take that room from the lines that are read. */
-static const char first_line[] = "<font_size=1><br/></font_size>", last_line[] = "<font_size=1><br/> </font_size>";
+static const char first_line[] = "<thin><br/></thin>", last_line[] = "<thin><br/> </thin>";
 
 static bool _is_east_asian(const char *text, size_t length) {
   for (const char *s = text, *end = text + length; s < end; s = g_utf8_next_char(s)) {
