@@ -236,6 +236,7 @@ text_style style_at_start(Evas_Object *block) {
   read_format(tags["DEFAULT"], &style);
   /* The markup opened before the first character. */
   const char *markup = evas_object_textblock_text_markup_get(block);
+  std::vector<text_style> outer;
   for (const char *p = markup; p && *p == '<';) {
     const char *end = strchr(p, '>');
     if (!end) break;
@@ -244,7 +245,14 @@ text_style style_at_start(Evas_Object *block) {
       p = end + 1;
       continue;
     }
-    if (tag[0] == '/') break;
+    if (tag[0] == '/') {
+      if (outer.empty()) break;
+      style = outer.back();
+      outer.pop_back();
+      p = end + 1;
+      continue;
+    }
+    outer.push_back(style);
     const auto found = tags.find(tag);
     if (found != tags.end())
       read_format(found->second, &style);
