@@ -164,37 +164,30 @@ TEST(Faults, ThePhonesState) {
        "ann@example.org queued no route; "},
   };
   int faults = 0;
+  const std::string database = folder / "brisel-phone" / "phone.db";
   for (const auto &row : rows) {
     SCOPED_TRACE(row.what);
-    faults += outlive_every_fault({.prepare =
-                                       [&] {
-                                         fs::remove_all(folder / "brisel-phone");
-                                         phone_state_holder state = open_state();
-                                         for (const work &one : row.before) EXPECT_EQ(one(state.get()), 0);
-                                       },
-                                   .change =
-                                       [&] {
-                                         phone_state_holder state = open_state();
-                                         return state && row.change(state.get()) == 0;
-                                       },
-                                   .state = known,
-                                   .before = row.was,
-                                   .after = row.is,
-                                   .stride = stride()});
+    const auto prepare = [&] {
+      fs::remove_all(folder / "brisel-phone");
+      phone_state_holder state = open_state();
+      for (const work &one : row.before) EXPECT_EQ(one(state.get()), 0);
+    };
+    const auto change = [&] {
+      phone_state_holder state = open_state();
+      return state && row.change(state.get()) == 0;
+    };
+    faults += outlive_every_fault({prepare, change, known, row.was, row.is, {}, stride()});
     if (HasFailure()) return;
   }
-  faults += outlive_every_fault({.prepare =
-                                     [] {
-                                       fs::remove_all(folder / "brisel-phone");
-                                       fs::create_directory(folder / "brisel-phone");
-                                       put_version_one();
-                                     },
-                                 .change = [] { return open_state() != nullptr; },
-                                 .state = [] { return fs::exists(folder / "brisel-phone" / "phone.db") ? "" : "gone"; },
-                                 .before = "",
-                                 .after = "",
-                                 .closed = [] { EXPECT_EQ(known(), "ann queued; "); },
-                                 .stride = stride()});
+  const auto prepare = [] {
+    fs::remove_all(folder / "brisel-phone");
+    fs::create_directory(folder / "brisel-phone");
+    put_version_one();
+  };
+  const auto change = [] { return open_state() != nullptr; };
+  const auto there = [&] { return fs::exists(database) ? "" : "gone"; };
+  const auto closed = [] { EXPECT_EQ(known(), "ann queued; "); };
+  faults += outlive_every_fault({prepare, change, there, "", "", closed, stride()});
   EXPECT_GT(faults, 100);
 }
 
@@ -209,15 +202,12 @@ TEST(Faults, RequestsThatWaitForAService) {
     for (const kept_request &one : kept_load()) text += one.uid + " " + std::to_string(one.texts[4].size());
     return text;
   };
-  const int faults = outlive_every_fault({.prepare =
-                                              [&] {
-                                                kept_forget();
-                                                keep("first", 10);
-                                              },
-                                          .change = [&] { return keep("second", 100000); },
-                                          .state = waiting,
-                                          .before = "first 10",
-                                          .after = "second 100000"});
+  const auto prepare = [&] {
+    kept_forget();
+    keep("first", 10);
+  };
+  const auto change = [&] { return keep("second", 100000); };
+  const int faults = outlive_every_fault({prepare, change, waiting, "first 10", "second 100000"});
   EXPECT_GT(faults, 20);
 }
 

@@ -113,11 +113,6 @@ std::string header_title(void) {
   return ((group_item_data *)elm_object_item_data_get(header_item()))->title;
 }
 
-std::string header_count(void) {
-  settle();
-  return drawn_text(header_item(), "elm.text.2");
-}
-
 bool delete_button_enabled(void) {
   return !elm_object_disabled_get(test_ad.delete_btn);
 }

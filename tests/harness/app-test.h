@@ -39,7 +39,6 @@ void import_cards(const std::string &cards);
 /* The model's rows, checked to be the genlist's items in the same order. */
 std::vector<int> listed_mails(void);
 std::string header_title(void);
-std::string header_count(void);
 /* The text of a part of a genlist item as it is drawn; "" when the item is out of sight. */
 std::string drawn_text(Elm_Object_Item *item, const char *part);
 Elm_Object_Item *item_of_mail(int mail_id);
