@@ -201,7 +201,7 @@ def test_pairing_over_bluetooth(s):
         equal([m["message_uid"] for m in listed], ["one@x"], "by way of the relay")
         s.phone("mail", "update", str(listed[0]["mail_id"]), "--subject", "By the relay")
         equal(by_uid(s)["one@x"]["subject"], "By the relay", "the watch took it")
-        assert json.loads(s.phone("watches", "--json"))[0]["linked_since"] > 0
+        assert "wrist\t" in s.phone("watches") and "is linked since" in s.phone("watches"), s.phone("watches")
         assert "in use" in s.run("brisel-phone", "unpair", "wrist", check=False).stderr
         for _ in range(2):  # the device goes out of reach, and comes back
             carrier = s.wait(lambda: gate_of(relay, b"carry-bluetooth"), "the link")[0]
