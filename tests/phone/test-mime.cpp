@@ -93,6 +93,9 @@ TEST(Headers, IdentifyAMail) {
       "Reply-To: Desk <desk@b.c>\n\nx");
   EXPECT_EQ(mail.message_uid, "id@x");
   EXPECT_EQ(mail.references, "<o@x> <p@x>");
+  std::string many = "From: a@b.c\nReferences:";
+  for (int n = 0; n < 30; n++) many += " <" + std::to_string(n) + "@x>";
+  EXPECT_TRUE(read(many + "\n\nx").references.ends_with(" <29@x>")) << "the last ones count";
   EXPECT_EQ(mail.reply_to, "desk@b.c");
   /* Without a usable id the mail itself is the identity: the same for the same mail, another for another. */
   std::string first = read("From: a@b.c\nSubject: s\n\nx").message_uid;
