@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 #include "efl_assist.h"
@@ -65,6 +66,10 @@ void _gl_group_sel(void *data, Evas_Object *obj, void *event_info) {
   if (ad->account_cnt < 2) {
     BRISEL_INFO("one account is registered only. Ignore the account toggle action");
     _create_one_account_toast_popup(ad);
+    return;
+  }
+  if (brisel_touch_was_long()) {
+    brisel_create_account_selection_popup(ad);
     return;
   }
   scoped_account_list accounts = _read_accounts();

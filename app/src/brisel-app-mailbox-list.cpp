@@ -4,6 +4,7 @@
 #include "brisel-app-mailbox-list.h"
 
 #include "app_efl.h"
+#include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 
 /* --- a locked mail --- */
@@ -79,6 +80,10 @@ static void _gl_mail_sel(void *data, Evas_Object *obj, void *event_info) {
     return;
   }
   if (_is_blocked_once(ad, it)) return;
+  if (brisel_touch_was_long()) {
+    brisel_option_detail_draw_view(item->mail_id, ad);
+    return;
+  }
   if (item->security_locked) {
     ad->mail_id = item->mail_id;
     brisel_create_security_alert_popup(ad);

@@ -17,6 +17,8 @@ static Evas_Object *guarded; /* what that touch has opened */
 static Ecore_Timer *shield_timer;
 static Evas_Coord_Point touched_at;
 static double lifted_time; /* of the main loop; 0: no touch yet */
+static unsigned down_at;   /* ms, of the touch's own clock */
+static unsigned lasted;    /* ms, the touch that was lifted last */
 static bool is_down;
 static bool shield_is_touched;
 
@@ -90,13 +92,16 @@ static void _pane_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_inf
   if (_is_back_button(event)) return;
   is_down = true;
   touched_at = event->canvas;
+  down_at = event->timestamp;
   elm_win_focus_highlight_enabled_set(window, EINA_FALSE);
 }
 
 static void _pane_up_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
-  if (((Evas_Event_Mouse_Up *)event_info)->button == mouse_back) return;
+  const Evas_Event_Mouse_Up *event = (Evas_Event_Mouse_Up *)event_info;
+  if (event->button == mouse_back) return;
   is_down = false;
-  touched_at = ((Evas_Event_Mouse_Up *)event_info)->canvas;
+  touched_at = event->canvas;
+  lasted = event->timestamp - down_at;
   lifted_time = ecore_loop_time_get();
   /* A long press opens while the finger is still down: its time begins now. */
   if (shield) _time_shield();
@@ -149,6 +154,10 @@ void brisel_touch_guard(Evas_Object *opened) {
   evas_object_event_callback_add(shield, EVAS_CALLBACK_MOUSE_UP, _shield_up_cb, nullptr);
   evas_object_event_callback_add(shield, EVAS_CALLBACK_DEL, _shield_gone_cb, nullptr);
   if (!is_down) _time_shield();
+}
+
+bool brisel_touch_was_long() {
+  return lifted_time == ecore_loop_time_get() && lasted >= elm_config_longpress_timeout_get() * 1000.0;
 }
 
 bool brisel_touch_was_low() {

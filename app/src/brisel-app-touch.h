@@ -12,6 +12,9 @@ void brisel_touch_watch(Evas_Object *window);
 /* When a touch has opened something: while that lives, a touch that begins within 0.3 s and a finger's width of the one
    that opened it goes nowhere; every other one is at once for what it meets. */
 void brisel_touch_guard(Evas_Object *opened);
+/* Whether the touch whose end is being handled was a long press by its own clock. The toolkit counts from when it came
+   round to the touch, and takes a long press for a tap when it was busy. */
+bool brisel_touch_was_long();
 /* Whether the last touch was in the lower half of the window. */
 bool brisel_touch_was_low();
 

@@ -55,8 +55,8 @@ void touch(point at) {
   finger_down(at, 10);
 }
 
-void lift(void) {
-  finger_up(50);
+void lift(unsigned ms) {
+  finger_up(ms);
 }
 
 void release(point at) {

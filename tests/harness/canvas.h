@@ -19,7 +19,7 @@ point middle_of(Evas_Object *object);
 void touch(point at);
 void move_finger(point at);
 void release(point at);
-void lift(void); /* where the finger is */
+void lift(unsigned ms = 50); /* where the finger is */
 void tap(point at);
 void press_long(point at);
 void drag(point from, point to);
