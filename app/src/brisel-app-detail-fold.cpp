@@ -105,10 +105,16 @@ static std::string_view _host(std::string_view address) {
 
 static void _append_line(detail_shown *shown, std::string_view text, size_t start, size_t end) {
   size_t done = start;
-  for (size_t at = text.find("http", start); at < end; at = text.find("http", at + 1)) {
+  /* A search that went on behind the line, or read an address again from its inside, would keep the screen still for a
+     long mail. */
+  const std::string_view line = text.substr(0, end);
+  for (size_t at = line.find("http", start); at < end; at = line.find("http", at + 1)) {
     size_t length = _address_length(text, at, end);
     std::string_view host = length > longest_address ? _host(text.substr(at, length)) : "";
-    if (host.empty() || host.size() >= longest_address) continue;
+    if (host.empty() || host.size() >= longest_address) {
+      if (length) at += length - 1;
+      continue;
+    }
     shown->text.append(text, done, at - done);
     std::string shortened = std::string(host) + "/\xE2\x80\xA6";
     shown->pieces.push_back({shown->text.size(), shortened.size(), at, length, false});
