@@ -345,6 +345,7 @@ static void _offer_again_cb(void *data, Evas_Object *obj, void *event_info) {
 
 void brisel_view_offer_again(appdata *ad, int (*again)(void *data), void (*drop)(void *data), void *data) {
   BRISEL_INFO("Enter");
+  if (!drop && offer.popup && offer.drop) return; /* what is kept anyway takes no place from what would be lost */
   _end_offer();
   Evas_Object *popup = brisel_util_create_basic_2button_popup_with_app_data(
       ad, nullptr, "IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT", _offer_cancel_cb, _offer_cancel_cb,

@@ -127,8 +127,8 @@ Evas_Object *brisel_view_update_required_popup(appdata *ad, Evas_Smart_Cb respon
 
 /* For what the user has confirmed (a deletion, a reply, a mark) and the store could not take: says so and offers it
    again. again is called with data when the user takes the offer and answers 0 when it went through now, else it is
-   offered again. drop (may be NULL) frees data when the offer ends either way. A newer failure takes the place of the
-   offer that stands, whose drop runs. */
+   offered again. drop frees data when the offer ends either way; NULL: what failed is kept anyway, and is not offered
+   over an offer that has a drop. Else a newer failure takes the place of the offer that stands, whose drop runs. */
 void brisel_view_offer_again(appdata *ad, int (*again)(void *data), void (*drop)(void *data), void *data);
 
 #endif

@@ -131,6 +131,9 @@ TEST_F(popups, WhatCouldNotBeKeptIsOfferedUntilItIs) {
   offer();
   offer();
   EXPECT_EQ(dropped, 2) << "the newer one takes the place";
+  brisel_view_offer_again(
+      &test_ad, [](void *data) { return 0; }, nullptr, nullptr);
+  EXPECT_EQ(dropped, 2) << "what is kept anyway takes no place";
   settle();
   key("XF86Back");
   EXPECT_EQ(dropped, 3);
