@@ -62,8 +62,8 @@ store_status store_notify_list(store *st, std::vector<notice> *notices) {
                      "SELECT n.mail_id, ifnull(account_id, 0), step, number, counted, n.locked, server,"
                      " CASE WHEN n.mail_id < 0 THEN j.id IS NULL ELSE m.mail_id IS NULL OR is_read <> 0 END,"
                      " ifnull(security_locked, 0)"
-                     " FROM notification n LEFT JOIN mail m ON m.mail_id = n.mail_id"
-                     " LEFT JOIN journal j ON j.id = -n.mail_id AND j.state = ? ORDER BY 1");
+                     " FROM notification n LEFT JOIN journal j ON j.id = -n.mail_id AND j.state = ?"
+                     " LEFT JOIN mail m ON m.mail_id = ifnull(j.mail_id, n.mail_id) ORDER BY 1");
   list.bind(BRISEL_REQUEST_STATE_REFUSED);
   sql_result r;
   while ((r = list.step()) == sql_row)

@@ -4,7 +4,7 @@ import sqlite3
 
 from brisel_test import equal, kill_service, mail, main
 from phone_test import Maildir, Relay, Sendmail, by_uid, delete_on_watch, journal, message, reply_on_watch
-from test_notify import Desk
+from test_notify import HOST, Desk
 
 SENT, REFUSED = 2, 3
 
@@ -87,6 +87,9 @@ def test_a_refused_reply_is_told_on_the_desktop(s):
         desk.press(s.text("IDS_EMAIL_SK_SEND_AGAIN"))
         s.wait(lambda: len(desk.told()) == 2 and desk.shown() == 1, "the second refusal alone")
         equal(journal(s), [(REFUSED, "no route to anywhere", "Yes & no")], "one reply, tried twice")
+        s.run("gdbus", "call", "--session", "--dest", HOST, "--object-path", "/com/vextora/brisel/Host", "--method",
+              "com.vextora.brisel.Phone1.UpdateMail", str(letter["mail_id"]), "{'security_locked': <1>}")
+        s.wait(lambda: desk.told()[-1] == (refused[0], ""), "what is locked now out of sight")
         kill_service(s)
         s.wait(s.linked, "the next service, at work")
         s.launch()
