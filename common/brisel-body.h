@@ -13,7 +13,7 @@ inline constexpr char tag_start[] = "<tag:thisisover";
 
 /* Bounds, in bytes. */
 inline constexpr std::size_t body_max = 4u << 20;
-inline constexpr std::size_t text_max = 16u << 10; /* subject, names, addresses, templates */
+inline constexpr std::size_t text_max = 16u << 10; /* subject, names, addresses, templates, replies */
 inline constexpr std::size_t token_max = 4u << 10; /* host_tag, message_uid */
 inline constexpr std::size_t number_max = 128;     /* one phone number */
 inline constexpr std::size_t contacts_max = 64;    /* numbers of one sender */

@@ -79,7 +79,7 @@ int reply(sd_bus_message *m, void *data, sd_bus_error *error) {
   if (r >= 0) r = host_read_text(m, "action", token_max, &reply.action, error);
   if (r >= 0) r = host_read_text(m, "message_uid", token_max, &reply.message_uid, error);
   if (r >= 0) r = host_read_text(m, "recipient", text_max, &reply.recipient, error);
-  if (r >= 0) r = host_read_text(m, "text", body_max, &reply.text, error);
+  if (r >= 0) r = host_read_text(m, "text", text_max, &reply.text, error);
   if (r >= 0) r = sd_bus_message_read_basic(m, 'i', &reply.mail_id);
   if (r >= 0) r = host_read_text(m, "subject", text_max, &reply.subject, error);
   if (r < 0) return r;
@@ -95,7 +95,7 @@ int repeat_request(sd_bus_message *m, void *data, sd_bus_error *error) {
   int changed = 0;
   int r = host_read_text(m, "uid", uid_max, &uid, error);
   if (r >= 0) r = sd_bus_message_read(m, "xb", &id, &changed);
-  if (r >= 0) r = host_read_text(m, "text", body_max, &text, error);
+  if (r >= 0) r = host_read_text(m, "text", text_max, &text, error);
   if (r < 0) return r;
   return answer(m, host_repeat(h, uid, host_client_of(h, m), id, changed ? &text : nullptr, error));
 }
@@ -196,7 +196,7 @@ int host_repeat(host *h, const std::string &uid, const std::string &client, int6
   if (status) return host_fail(h, status, error);
   json_record json = json_record::parse(old, nullptr, false);
   if (!json.is_object() || !json.contains("text") || !json["text"].is_string())
-    return sd_bus_error_setf(error, HOST_ERROR "Store", "reply %" PRId64 " is damaged", id);
+    return sd_bus_error_setf(error, HOST_ERROR "Invalid", "reply %" PRId64 " is damaged", id);
   if (text) json["text"] = *text;
   int64_t entry = 0;
   status = store_request_repeat(h->st, {uid, to_text(json), client}, id, json["text"].get<std::string>(), &entry);

@@ -154,6 +154,8 @@ TEST_F(Host, WhatWasAcceptedOutlivesTheApplicationThatIsKilled) {
 TEST_F(Host, BadArgumentsAreRefusedAndChangeNothing) {
   const int mail = add_mail("here", "");
   const std::string long_uid(200, 'u'), long_text(300000, 'x');
+  change_store(
+      "INSERT INTO journal (id, uid, kind, state, mail_id, json, created, changed) VALUES (77, '', 1, 3, 1, '', 0, 0)");
   const std::string before = query("SELECT * FROM mail; SELECT * FROM outbox; SELECT max(seq) FROM changes");
   const std::pair<const char *, std::function<std::string()>> rows[] = {
       {"empty uid", [&] { return other.call(watch_interface, "NoAccount", nullptr, "s", ""); }},
@@ -167,6 +169,13 @@ TEST_F(Host, BadArgumentsAreRefusedAndChangeNothing) {
        }},
       {"reply to no mail",
        [&] { return other.call(watch_interface, "Reply", nullptr, "ssssssis", "b4", "", "", "", "", "", 0, ""); }},
+      {"a reply's long text",
+       [&] {
+         return other.call(watch_interface, "Reply", nullptr, "ssssssis", "b8", "", "", "", "", long_text.c_str(), 1,
+                           "");
+       }},
+      {"a damaged reply",
+       [&] { return other.call(watch_interface, "RepeatRequest", nullptr, "sxbs", "b9", 77LL, 0, ""); }},
       {"no kind", [&] { return other.call(watch_interface, "Show", nullptr, "ssai", "b5", "", 1, mail); }},
       {"more of no mail",
        [&] { return other.call(watch_interface, "MoreMsg", nullptr, "ssi", "b6", "uid-0", 999999); }},
