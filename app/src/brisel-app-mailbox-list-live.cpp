@@ -117,7 +117,11 @@ static void _update_mail_by_mail_id(int mail_id, appdata *ad) {
   }
   if (brisel_db_get_full_noti_data_by_mail_id(mail_id, mail.get()) != 0) return;
   _read_item_state(item, mail.get());
-  elm_genlist_item_update(item->it);
+  Elm_Genlist_Item_Class *itc = _class_of_row(ad, item); /* a subject may have come or gone */
+  if (elm_genlist_item_item_class_get(item->it) != itc)
+    elm_genlist_item_item_class_update(item->it, itc);
+  else
+    elm_genlist_item_update(item->it);
 }
 
 /* --- around the rows --- */
