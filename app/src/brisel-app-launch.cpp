@@ -19,6 +19,8 @@ static bool store_is_unreadable;
 static Evas_Object *store_popup;
 /* A launch waits for the phone's link, with no main screen yet. */
 static bool waits_for_link;
+/* The last launch asked for what waits and was sent, which has not been opened yet. */
+static bool journal_is_asked;
 
 static void _go_on(appdata *ad);
 
@@ -262,6 +264,12 @@ static void _show_mail_of_launch(appdata *ad, int mail_id) {
 
 /* --- launch requests --- */
 
+static void _open_asked_journal(appdata *ad) {
+  if (!launched || !journal_is_asked) return;
+  journal_is_asked = false;
+  brisel_journal_draw_view(ad);
+}
+
 void _launch(appdata *ad, int mail_id) {
   waits_for_link = false;
   init_brisel(ad, mail_id);
@@ -270,6 +278,7 @@ void _launch(appdata *ad, int mail_id) {
   /* An account may come before the count is known: the popup stays above the new screen, and so does its back key. */
   if (ad->connecting_popup)
     ea_object_event_callback_add(ad->connecting_popup, EA_CALLBACK_BACK, _connecting_popup_back_cb, ad);
+  _open_asked_journal(ad);
 }
 
 /* What follows once the link has been asked for, whatever came of it. */
@@ -287,6 +296,7 @@ static void _go_on(appdata *ad) {
   } else {
     _launch(ad, 0);
   }
+  _open_asked_journal(ad);
   elm_win_activate(ad->win_main);
 }
 
@@ -304,6 +314,7 @@ static void _bt_connect_error_popup_result_cb(service_h request, service_h reply
 }
 
 static void _reset(appdata *ad, const char *mail_text) {
+  journal_is_asked = mail_text && !strcmp(mail_text, BRISEL_EVENT_ID_JOURNAL);
   if (!brisel_util_bluetooth_connection_popup(ad, _bt_connect_error_popup_result_cb, "refresh")) {
     waits_for_link = !launched;
     if (!launched) _show_first_minute(ad);
@@ -331,7 +342,7 @@ static void _reset(appdata *ad, const char *mail_text) {
   } else {
     _launch(ad, mail_id);
   }
-  if (launched && mail_text && !strcmp(mail_text, BRISEL_EVENT_ID_JOURNAL)) brisel_journal_draw_view(ad);
+  _open_asked_journal(ad);
   elm_win_activate(ad->win_main);
 }
 

@@ -4,6 +4,7 @@ import sqlite3
 
 from brisel_test import equal, kill_service, mail, main
 from phone_test import Maildir, Relay, Sendmail, by_uid, delete_on_watch, journal, message, reply_on_watch
+from test_launch import link_popup_up
 from test_notify import HOST, Desk
 
 SENT, REFUSED = 2, 3
@@ -103,7 +104,11 @@ def test_a_refused_reply_is_told_on_the_desktop(s):
         s.watch("key", "back")
         reply_on_watch(s, letter, "Once more")
         desk.wait_shown(1)
+        relay.kill()
+        s.wait(lambda: not s.linked(), "the link to go")
         desk.press(s.text("IDS_EMAIL_SK_OPEN"))
+        s.wait(lambda: link_popup_up(s), "the link popup")
+        s.watch("--app", "com.vextora.bt-connection-popup", "key", "back")
         s.wait(lambda: s.titles()[-1:] == [s.text("IDS_EMAIL_HEADER_WAITING_AND_SENT")], "the screen")
     finally:
         desk.close()
