@@ -74,7 +74,8 @@ static void _button_unfocused_cb(void *data, Evas_Object *obj, void *event_info)
 
 static void _button_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   Evas_Event_Key_Down *event = (Evas_Event_Key_Down *)event_info;
-  if (strcmp(event->key, "Left") != 0 && _move_of(event->key) == MOVE_NONE) return;
+  const char *back = elm_object_mirrored_get((Evas_Object *)data) ? "Right" : "Left";
+  if (strcmp(event->key, back) != 0 && _move_of(event->key) == MOVE_NONE) return;
   event->event_flags = (Evas_Event_Flags)(event->event_flags | EVAS_EVENT_FLAG_ON_HOLD);
   Evas_Object *list = (Evas_Object *)data;
   Elm_Object_Item *row = elm_object_focused_item_get(list);
@@ -132,7 +133,8 @@ static void _key_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info
     _show_row(target, move);
   } else if (move == MOVE_UP || move == MOVE_DOWN) {
     _leave_list(obj, move);
-  } else if (!row || strcmp(event->key, "Right") != 0 || !_focus_button_of(row)) {
+  } else if (!row || strcmp(event->key, elm_object_mirrored_get(obj) ? "Left" : "Right") != 0 ||
+             !_focus_button_of(row)) {
     return;
   }
   event->event_flags = (Evas_Event_Flags)(event->event_flags | EVAS_EVENT_FLAG_ON_HOLD);
