@@ -114,23 +114,55 @@ static Evas_Object *_gl_content_get(void *data, Evas_Object *obj, const char *pa
 
 /* --- what is asked --- */
 
-static void _answered_cb(void *response, int error, void *user_data) {
-  if (error)
-    brisel_create_toast_popup((appdata *)user_data, brisel_util_get_text("IDS_EMAIL_TPOP_THE_PHONE_HAS_IT_ALREADY"));
-}
-
-static void _tell_result(appdata *ad, int ret) {
-  if (ret == 0) return;
-  BRISEL_WARN("the request was not taken: %d", ret);
-  brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT"));
-}
-
-static const brisel_request_data *_find(const journal_view_data *vd, int request_id) {
-  for (GSList *cell = vd->requests; cell; cell = cell->next) {
+static const brisel_request_data *_find_in(GSList *requests, int request_id) {
+  for (GSList *cell = requests; cell; cell = cell->next) {
     const brisel_request_data *request = (brisel_request_data *)cell->data;
     if (request->request_id == request_id) return request;
   }
   return nullptr;
+}
+
+static const brisel_request_data *_find(const journal_view_data *vd, int request_id) {
+  return _find_in(vd->requests, request_id);
+}
+
+/* Whom the answers are told: they know only the number of their request. */
+static appdata *asker;
+
+/* A reply that is still there and cannot be changed any more went out. What was not done of another has other reasons:
+   it was dropped or sent again meanwhile, is damaged, or the service is too old to be asked. */
+static void _answered_cb(void *response, int error, void *user_data) {
+  if (!error) return;
+  GSList *list = nullptr;
+  if (brisel_db_get_all_request_data(&list) != 0) list = nullptr;
+  const scoped_request_list requests(list);
+  const brisel_request_data *request = _find_in(list, GPOINTER_TO_INT(user_data));
+  const bool went_out = request && !request->can_change;
+  brisel_create_toast_popup(asker,
+                            brisel_util_get_text(went_out ? "IDS_EMAIL_TPOP_THE_PHONE_HAS_IT_ALREADY"
+                                                          : "IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT"));
+}
+
+static int _asked(int ret, appdata *ad) {
+  if (ret == 0) return 0;
+  BRISEL_WARN("the request was not taken: %d", ret);
+  brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT"));
+  return ret;
+}
+
+int brisel_journal_send_again(int request_id, const char *text, appdata *ad) {
+  asker = ad;
+  return _asked(brisel_ipc_req_repeat_request(request_id, text, _answered_cb, GINT_TO_POINTER(request_id)), ad);
+}
+
+static void _drop(int request_id, appdata *ad) {
+  asker = ad;
+  _asked(brisel_ipc_req_drop_request(request_id, _answered_cb, GINT_TO_POINTER(request_id)), ad);
+}
+
+/* Without an address no other text and no other try helps. */
+static bool _can_send_again(const brisel_request_data *request) {
+  return request->can_change && (!request->reason || strcmp(request->reason, outcome_no_address) != 0);
 }
 
 static void _popup_response_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -143,8 +175,8 @@ static void _popup_response_cb(void *data, Evas_Object *obj, void *event_info) {
   const bool can_change = request && request->can_change;
   brisel_widget_ref_drop(&vd->popup);
   if (!can_change) return;
-  if (again) _tell_result(vd->ad, brisel_ipc_req_repeat_request(id, nullptr, _answered_cb, vd->ad));
-  if (drop) _tell_result(vd->ad, brisel_ipc_req_drop_request(id, _answered_cb, vd->ad));
+  if (again) brisel_journal_send_again(id, nullptr, vd->ad);
+  if (drop) _drop(id, vd->ad);
 }
 
 static void _popup_change_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -202,7 +234,7 @@ static void _fill_popup(Evas_Object *popup, const brisel_request_data *request, 
   elm_box_padding_set(box, 0, brisel_view_scaled(8));
   brisel_view_expand(box);
   _add_label(box, _popup_text(request, vd->ad));
-  if (request->can_change) _add_change_button(box, vd);
+  if (_can_send_again(request)) _add_change_button(box, vd);
   elm_object_content_set(scroller, box);
   elm_object_content_set(popup, scroller);
   evas_object_show(box);
@@ -216,16 +248,16 @@ static void _gl_sel_cb(void *data, Evas_Object *obj, void *event_info) {
   const brisel_request_data *request = (brisel_request_data *)elm_object_item_data_get((Elm_Object_Item *)event_info);
   if (!request || !brisel_view_on_top((const brisel_view_head *)vd)) return;
   brisel_widget_ref_drop(&vd->popup);
-  const bool can_change = request->can_change;
+  const bool can_change = request->can_change, can_send = _can_send_again(request);
   Evas_Object *popup = brisel_util_popup_create_with_empty_contents(
       vd, vd->ad->naviframe, nullptr, nullptr, _popup_response_cb, 0.0, nullptr,
       brisel_util_get_text(can_change ? "IDS_EMAIL_SK_DROP" : "IDS_COM_SK_OK"),
-      can_change ? brisel_util_get_text("IDS_EMAIL_SK_SEND_AGAIN") : nullptr);
+      can_send ? brisel_util_get_text("IDS_EMAIL_SK_SEND_AGAIN") : nullptr);
   if (!popup) return;
   brisel_widget_ref_set(&vd->popup, popup);
   vd->popup_id = request->request_id;
   brisel_view_popup_translate(popup, "button1", can_change ? "IDS_EMAIL_SK_DROP" : "IDS_COM_SK_OK");
-  if (can_change) brisel_view_popup_translate(popup, "button2", "IDS_EMAIL_SK_SEND_AGAIN");
+  if (can_send) brisel_view_popup_translate(popup, "button2", "IDS_EMAIL_SK_SEND_AGAIN");
   elm_object_part_text_set(popup, "title,text", _who(request, vd->ad).c_str());
   _fill_popup(popup, request, vd);
 }
@@ -255,7 +287,9 @@ static void _show_requests(journal_view_data *vd) {
   static constexpr Elm_Genlist_Item_Class row_class =
       brisel_view_row_class("2text.1icon.1", _gl_text_get, _gl_content_get);
   /* The row at the top stays there, whatever comes or goes above it. */
-  Elm_Object_Item *top = elm_genlist_at_xy_item_get(vd->genlist, 1, 1, nullptr);
+  int x = 0, y = 0, width = 0;
+  evas_object_geometry_get(vd->genlist, &x, &y, &width, nullptr);
+  Elm_Object_Item *top = elm_genlist_at_xy_item_get(vd->genlist, x + width / 2, y + 1, nullptr);
   const brisel_request_data *first = top ? (brisel_request_data *)elm_object_item_data_get(top) : nullptr;
   const int first_id = first && top != elm_genlist_first_item_get(vd->genlist) ? first->request_id : 0;
   elm_genlist_clear(vd->genlist);

@@ -1,4 +1,5 @@
 /* Owns what a reply takes from its mail, and hands replies over. The reply views alone call it. */
+#include "brisel-app-journal.h"
 #include "brisel-app-option-reply.h"
 #include "brisel-app-utils.h"
 #include "brisel-reply.h"
@@ -68,21 +69,12 @@ static int __brisel_option_reply_request(const brisel_reply_mail &mail, const ch
   return ret;
 }
 
-/* It was handed over while its text was changed: what was first written is what goes out. */
-static void __brisel_option_reply_changed_answer_cb(void *response, int error, void *user_data) {
-  if (error)
-    brisel_create_toast_popup((appdata *)user_data, brisel_util_get_text("IDS_EMAIL_TPOP_THE_PHONE_HAS_IT_ALREADY"));
-}
-
 bool __brisel_option_reply_send_reply_message(option_reply_view_data *vd, const char *text) {
   BRISEL_INFO("Enter");
   if (vd->sent) return false;
+  if (vd->request_id) return vd->sent = brisel_journal_send_again(vd->request_id, text ? text : "", vd->ad) == 0;
   const char *problem = nullptr;
-  if (vd->request_id) {
-    if (brisel_ipc_req_repeat_request(vd->request_id, text ? text : "", __brisel_option_reply_changed_answer_cb,
-                                      vd->ad) != 0)
-      problem = "IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT";
-  } else if (!reply_has_recipient(vd->mail.address))
+  if (!reply_has_recipient(vd->mail.address))
     problem = "IDS_EMAIL_POP_THIS_EMAIL_HAS_NO_ADDRESS_TO_REPLY_TO";
   else if (__brisel_option_reply_request(vd->mail, text) != 0)
     problem = "IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT";
