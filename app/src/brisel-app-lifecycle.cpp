@@ -10,6 +10,7 @@
 #include <string>
 
 #include "brisel-app-core.h"
+#include "brisel-app-journal.h"
 #include "brisel-app-reply-drafts.h"
 #include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
@@ -227,6 +228,9 @@ int app_resume(void *user_data) {
   appdata *ad = (appdata *)user_data;
   ad->paused = 0;
   brisel_tell_list_in_view(ad);
+  /* It may be another day. */
+  brisel_fit_mailbox_rows(ad);
+  if (ad->mailbox_genlist) elm_genlist_realized_items_update(ad->mailbox_genlist);
   brisel_check_mail_on_db(ad);
   elm_win_activate(ad->win_main);
   _with_detail_view(ad, brisel_detail_register_pickover);
@@ -239,6 +243,7 @@ int app_lang_changed(void *user_data) {
   scoped_text language(vconf_get_str(BRISEL_KEY_LANGUAGE));
   if (!language) return 0;
   elm_language_set(language.get());
+  brisel_journal_update(nullptr, ad);
   _update_window_title(ad);
   brisel_detail_update_string(ad);
   return 0;

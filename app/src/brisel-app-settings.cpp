@@ -1,6 +1,7 @@
 /* The settings that the application follows: the phone's link, the order of dates, the clock, the system's time. */
 #include "brisel-app-core.h"
 #include "brisel-app-delete-view.h"
+#include "brisel-app-journal.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 #include "vconf.h"
@@ -55,6 +56,7 @@ void _brisel_update_time_format_and_views(appdata *ad) {
       elm_genlist_realized_items_update(delete_view->genlist);
     }
     brisel_detail_update_datetime_format(ad);
+    brisel_journal_update(nullptr, ad);
   }
   BRISEL_INFO("Leave");
 }
