@@ -153,7 +153,8 @@ void brisel_detail_register_pickover(view_data *vd);
 void brisel_detail_unregister_pickover(view_data *vd);
 
 /* Options, replies, call: 0; -1 (-2 for call): no ad; -3: memory or a widget; else the store's error.
-   noti_data NULL: the view reads and owns the mail; else it borrows the caller's, which must outlive the view. */
+   noti_data NULL: the view reads the mail itself. The reply views copy what they need of the caller's; the call view
+   borrows it, and it must outlive that view. */
 int brisel_option_detail_draw_view(int mail_id, appdata *ad);
 int brisel_option_reply_templetes_draw_view(int mail_id, appdata *ad, full_noti_data *noti_data);
 int brisel_option_reply_emoticons_draw_view(int mail_id, appdata *ad, full_noti_data *noti_data);
