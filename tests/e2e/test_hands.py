@@ -47,6 +47,14 @@ def test_the_keyboard_alone_does_everything(s):
     for _ in range(2):
         keys(s, "Escape")
     s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+    s.language = "ar"  # where a row's button stands at its left end
+    s.setting("db/menu_widget/language", "string", "ar_EG.UTF-8")
+    s.wait_text(s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3"))
+    keys(s, "Down", "Home", "Down", "Return")
+    s.wait_text("Text.")
+    keys(s, "Menu")
+    keys(s, "Down", "Left", "Right", "Return")
+    s.wait_text(s.text("IDS_MSG_TEMPLATE_1", "message"))
 
 
 def test_a_mouse_presses_long_goes_back_and_turns_its_wheel(s):
