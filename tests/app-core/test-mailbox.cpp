@@ -332,8 +332,10 @@ TEST_F(mailbox, ARowSaysWhatAMailIsAbout) {
   phone.set_flag(ids[0], "is_read", 1);
   EXPECT_TRUE(run_until([&] { return !bold(); }));
   EXPECT_TRUE(delete_button_enabled());
+  test_ad.time_format = 1; /* too long for a subject beside it */
   phone.set_text(ids[0], "subject", "R&D\nbudget");
   EXPECT_TRUE(visible("R&D budget"));
+  EXPECT_EQ(elm_genlist_item_item_class_get(item_of_mail(ids[0])), test_ad.itc_mail_below);
   vconf_set_bool(BRISEL_KEY_LIST_SUBJECT, 0);
   EXPECT_TRUE(gone("R&D budget"));
   vconf_unset(BRISEL_KEY_LIST_SUBJECT);
