@@ -158,11 +158,11 @@ std::string ending(const siginfo_t &end) {
                                    : " was ended by signal " + std::to_string(end.si_status);
 }
 
-/* Whether the mail system will never take this message. EX_UNAVAILABLE is not among these: mail systems say it for
-   troubles of their own. */
+/* Whether the mail system will never take this message. EX_UNAVAILABLE, EX_NOHOST and EX_NOPERM are not among these:
+   mail systems say them for troubles of their own, such as no network or a refused login. */
 bool is_refusal(const siginfo_t &end) {
-  return end.si_code == CLD_EXITED && (end.si_status == EX_DATAERR || end.si_status == EX_NOUSER ||
-                                       end.si_status == EX_NOHOST || end.si_status == EX_NOPERM);
+  return end.si_code == CLD_EXITED &&
+         (end.si_status == EX_DATAERR || end.si_status == EX_NOUSER || end.si_status == submit_refused);
 }
 
 /* Returns 0 when sendmail took the message; 1 when it never will, -1 when it may later, with a one-line reason. */
@@ -305,8 +305,10 @@ int outbox_settle(phone_state *state, int64_t id, const siginfo_t *end, const ou
   std::vector<reply_entry> entries;
   if (reply_list(state, &entries) < 0) return -1;
   for (const reply_entry &entry : entries) {
-    if (entry.id != id || entry.state != reply_state::sending) continue;
+    bool dropped = entry.state == reply_state::dropped; /* too late, perhaps */
+    if (entry.id != id || (entry.state != reply_state::sending && !dropped)) continue;
     if (end->si_code == CLD_EXITED && end->si_status == 0) return reply_set_sent(state, id);
+    if (dropped) return 0;
     std::string error = "sendmail" + ending(*end);
     if (is_refusal(*end)) return reply_set_held(state, id, error);
     link_log("reply " + std::to_string(id) + " could not be sent: " + error + "; it will be tried again");

@@ -18,6 +18,10 @@
 
 #include "state.h"
 
+/* What `brisel-phone submit` ends with for a message that the account's server will never take; no mail system uses it.
+ */
+constexpr int submit_refused = 99;
+
 struct outbox_settings {
   std::string sendmail = "/usr/sbin/sendmail -t -i";
   int64_t retry_first = 60, retry_longest = 3600; /* seconds */

@@ -194,7 +194,8 @@ void find_records(const std::string &scheme, const char *tls, const char *startt
   else
     return;
   std::string name = host.substr(0, host.find(':')), end = "." + domain;
-  if (name != domain && !name.ends_with(end)) *doubtful = name;
+  if (name != domain && !name.ends_with(end) && *doubtful != name)
+    *doubtful += (doubtful->empty() ? "" : " and ") + name;
 }
 
 }  // namespace

@@ -8,7 +8,7 @@ struct post_found {
   std::string imap, smtp; /* as in post-account.h; empty: nothing was found */
   std::string user;       /* what the domain says the servers call the user; empty: nothing is said */
   /* Of a server only the name service told, which anybody between may have done, and it is outside the domain: to be
-     confirmed before a password goes there. */
+     confirmed before a password goes there. Two such servers: "A and B". */
   std::string doubtful;
 };
 

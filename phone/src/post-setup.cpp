@@ -87,13 +87,13 @@ int complete_servers(post_account *account, std::string *error) {
     error->clear();
   }
   if (!found.doubtful.empty() && !can_ask()) {
-    *error = "the name service says that " + found.doubtful + " has the mail of " + account->address +
+    *error = "the name service says that the mail of " + account->address + " is with " + found.doubtful +
              "; if that is right, say so with --imap " + (looked ? found.imap : account->imap) + " --smtp " +
              (account->smtp.empty() ? found.smtp : account->smtp);
     return -1;
   }
   if (!found.doubtful.empty() &&
-      !ask_yes("The name service says that " + found.doubtful + " has this mail. Is that your provider?"))
+      !ask_yes("The name service says that this mail is with " + found.doubtful + ". Is that your provider?"))
     found = post_found();
   if (looked) account->imap = found.imap;
   if (account->smtp.empty()) account->smtp = found.smtp;

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "gmime-holders.h"
+#include "outbox.h"
 #include "post-imap.h"
 
 namespace {
@@ -192,7 +193,10 @@ int smtp_send(const post_account &account, const std::string &secret, const std:
   if (code == CURLE_OK) return 0;
   long answer = 0;
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer);
-  if (for_good) *for_good = code != CURLE_LOGIN_DENIED && answer >= 500 && answer < 600;
+  /* Only what the server says of the sender, a recipient or the text: a greeting, STARTTLS or a login (53x) that is
+     refused may be the network's doing. */
+  bool about_it = code == CURLE_SEND_ERROR || (code == CURLE_WEIRD_SERVER_REPLY && input.at > 0);
+  if (for_good) *for_good = about_it && answer >= 500 && answer < 600 && answer / 10 != 53;
   *error = sentence(code, account, *detail ? detail : curl_easy_strerror(code), said, server);
   return code == CURLE_LOGIN_DENIED ? post_refused : -1;
 }
@@ -201,7 +205,7 @@ int smtp_submit(const std::string &config) {
   std::string text, error, secret;
   if (read_input(&text) < 0) {
     fprintf(stderr, "the message cannot be read\n");
-    return EX_DATAERR;
+    return EX_IOERR;
   }
   g_mime_init();
   object_holder<GMimeStream> stream(g_mime_stream_mem_new_with_buffer(text.data(), text.size()));
@@ -231,7 +235,7 @@ int smtp_submit(const std::string &config) {
   if (post_secret_read(account, &secret, &error) < 0 ||
       smtp_send(account, secret, recipients, text, &for_good, &error) < 0) {
     fprintf(stderr, "%s\n", error.c_str());
-    return for_good ? EX_NOPERM : EX_TEMPFAIL;
+    return for_good ? submit_refused : EX_TEMPFAIL;
   }
   after_sending(account, secret, message.get(), text);
   return 0;

@@ -138,6 +138,7 @@ uint64_t tell_outcomes(relay *r, const std::vector<reply_entry> &entries, uint64
   if (!link_is_connected(r->link)) return UINT64_MAX; /* the next connection tells */
   if (r->telling.due > now) return r->telling.due;
   for (const reply_entry &entry : entries) {
+    if (r->child && entry.id == r->delivering) continue; /* dropped perhaps, yet sent: its end brings here again */
     reply_outcome outcome = outcome_of(entry);
     if (!outcome.state || entry.uid.empty()) continue;
     std::string told = outcome.reason.empty() ? outcome.state : outcome.state + (" " + outcome.reason);

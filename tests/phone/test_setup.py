@@ -37,10 +37,12 @@ FILE = """<?xml version="1.0"?><clientConfig version="1.1"><emailProvider id="x"
 </emailProvider></clientConfig>"""
 HOSTS = ("autoconfig.file.example", "file.example", "well.example", "srv.example", "mx.srv.example", "starttls.example",
          "mx.starttls.example", "away.example", "mx.host.example", "named.example", "imap.named.example",
-         "smtp.named.example", "mailed.example", "mail.mailed.example", "bare.example")
+         "smtp.named.example", "mailed.example", "mail.mailed.example", "bare.example", "split.example",
+         "evil.example")
 RECORDS = ("_imaps._tcp.srv.example,mx.srv.example,993", "_submissions._tcp.srv.example,mx.srv.example,465",
            "_imap._tcp.starttls.example,mx.starttls.example,143", "_submission._tcp.starttls.example,mx.starttls.example,587",
-           "_imaps._tcp.away.example,mx.host.example,993", "_submissions._tcp.away.example,mx.host.example,465")
+           "_imaps._tcp.away.example,mx.host.example,993", "_submissions._tcp.away.example,mx.host.example,465",
+           "_imaps._tcp.split.example,evil.example,993", "_submissions._tcp.split.example,mx.host.example,465")
 
 
 class Web(http.server.BaseHTTPRequestHandler):
@@ -180,7 +182,8 @@ def test_each_error_is_one_sentence(s):
             ("cannot be reached: its name cannot", ("me@named.example", *GIVEN), elsewhere),
             ("cannot be reached: its name cannot", ("me@named.example", *GIVEN), ("unshare", "-n")),
             ("no server was found for me@bare.example; give it", ("me@bare.example",), ()),
-            ("says that mx.host.example has the mail", ("me@away.example",), ()),
+            ("is with mx.host.example;", ("me@away.example",), ()),
+            ("is with evil.example and mx.host.example;", ("me@split.example",), ()),
             ("the password command failed: ", ("me@named.example", *GIVEN, "--password-command", "exit 3"), ()),
             ("there is no Secret Service here; use", ("me@named.example", *GIVEN), ()))
     for said, args, prefix in rows:
