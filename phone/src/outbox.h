@@ -18,8 +18,7 @@
 
 #include "state.h"
 
-/* What `brisel-phone submit` ends with for a message that the account's server will never take; no mail system uses it.
- */
+/* `brisel-phone submit` ends so for what the account's server will never take; no mail system uses this code. */
 constexpr int submit_refused = 99;
 
 struct outbox_settings {

@@ -131,13 +131,14 @@ int post_account_find(const std::string &file, const std::string &name, post_acc
   return -1;
 }
 
-void post_account_keep(post_account *account, const post_account &known) {
-  for (std::string post_account::*text :
-       {&post_account::user, &post_account::imap, &post_account::smtp, &post_account::password_command,
-        &post_account::ca, &post_account::sent, &post_account::trash})
+void post_account_keep(post_account *account, const post_account &known, bool auth_given, bool secret_file) {
+  if (account->password_command.empty() && !auth_given && !secret_file)
+    account->password_command = known.password_command;
+  for (std::string post_account::*text : {&post_account::user, &post_account::imap, &post_account::smtp,
+                                          &post_account::ca, &post_account::sent, &post_account::trash})
     if ((account->*text).empty()) account->*text = known.*text;
   if (account->folders.empty()) account->folders = known.folders;
-  if (account->auth == post_auth::password) account->auth = known.auth;
+  if (!auth_given) account->auth = known.auth;
   account->delete_on_server = account->delete_on_server || known.delete_on_server;
   account->plain = account->plain || known.plain;
 }

@@ -47,8 +47,8 @@ int post_account_set(post_account *account, const std::string &key, const std::s
 /* All accounts of a configuration file that have servers. */
 int post_accounts_read(const std::string &file, std::vector<post_account> *accounts, std::string *error);
 int post_account_find(const std::string &file, const std::string &name, post_account *account, std::string *error);
-/* What was not given is as it was in `known`. */
-void post_account_keep(post_account *account, const post_account &known);
+/* What was not given is as it was in `known`; its password command, unless another kind of secret was asked for. */
+void post_account_keep(post_account *account, const post_account &known, bool auth_given, bool secret_file);
 /* Adds or replaces the account's group; everything else in the file stays. The file is new, with its folder, and only
    the user's. */
 int post_account_write(const std::string &file, const post_account &account, std::string *error);

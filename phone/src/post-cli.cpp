@@ -43,6 +43,7 @@ void add_setup(CLI::App *app, const std::shared_ptr<given> &g, int *exit_code) {
   setup->callback([g, exit_code] {
     std::string ignored;
     if (!g->auth.empty()) post_account_set(&g->setup.account, "auth", g->auth, &ignored);
+    g->setup.auth_given = !g->auth.empty();
     g->setup.config = g->config;
     g->setup.start = !g->no_start;
     *exit_code = command_setup(g->setup);

@@ -206,12 +206,12 @@ int command_setup(setup_options options) {
   if (at == std::string::npos || at == 0 || at + 1 == account.address.size())
     return complain("an e-mail address is wanted: brisel-phone setup me@example.org");
   if (account.name.empty()) account.name = account.address;
-  if (account.name.find_first_of("[]\n\r") != std::string::npos)
+  if (account.name.find_first_of("[]\n\r") != std::string::npos || account.name == "." || account.name == "..")
     return complain("'" + account.name + "': not as an account's name");
   /* Again for an account that there is, for a new password perhaps: its settings stay. */
   post_account known;
   if (post_account_find(options.config, account.name, &known, &error) == 0 && known.name == account.name)
-    post_account_keep(&account, known);
+    post_account_keep(&account, known, options.auth_given, options.secret_file);
   error.clear();
   if (complete_servers(&account, &error) < 0) return complain(error);
   if (try_secret(&account, &secret, &error) < 0 || keep_secret(options, secret, &error) < 0 ||
@@ -251,9 +251,12 @@ int command_account_forget(const std::string &config, const std::string &name) {
     return complain(error);
   post_secret_forget(account);
   const char *restart[] = {"systemctl", "--user", "try-restart", "brisel-relay.service", nullptr};
-  if (config == post_config_file()) run_quietly(restart); /* it would bring the account back */
-  std::error_code ignored;
-  std::filesystem::remove_all(post_mirror_path(account.name), ignored);
+  const char *runs[] = {"systemctl", "--user", "is-active", "--quiet", "brisel-relay.service", nullptr};
+  bool restarted = config == post_config_file() && run_quietly(restart) && run_quietly(runs);
+  if (!restarted) complain("a relay that runs must be restarted, or it brings the account back");
+  std::error_code failed; /* a name that setup does not take may stand in the file all the same */
+  if (account.name != "." && account.name != "..") std::filesystem::remove_all(post_mirror_path(account.name), failed);
+  if (failed) complain(post_mirror_path(account.name) + ": " + failed.message());
   if (remove_from_watch(account.address, &why) == 0) {
     printf("%s is forgotten here and on the watch; its mail stays on the server\n", account.name.c_str());
     return 0;

@@ -7,7 +7,7 @@
 struct setup_options {
   post_account account; /* what was given; the rest is found or asked */
   std::string config;   /* the relay's configuration file */
-  bool secret_file = false;
+  bool auth_given = false, secret_file = false;
   bool start = true; /* the relay's unit, where there is one */
 };
 

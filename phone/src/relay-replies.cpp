@@ -126,7 +126,7 @@ int tell_outcome(relay *r, const reply_entry &entry, const reply_outcome &outcom
   if (result == HOST_OK || result == HOST_REFUSED) { /* what it refuses once it refuses always */
     if (result == HOST_REFUSED)
       link_log("reply " + std::to_string(entry.id) + ": the watch was told in vain: " + error);
-    if (reply_set_told(r->state.get(), entry.id, told) == 0) return 0;
+    if (reply_set_told(r->state.get(), entry.id, told, entry.state == reply_state::dropped) == 0) return 0;
     error = phone_state_error(r->state.get());
   }
   if (r->telling.pause == 0) link_log("reply " + std::to_string(entry.id) + ": the watch is told later: " + error);

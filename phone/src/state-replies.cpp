@@ -116,9 +116,9 @@ int reply_set_held(phone_state *state, int64_t id, const std::string &error) {
   return query.bind(held, error, id, sending).run() == 0 ? 0 : state_fail(state, kCannotWrite);
 }
 
-int reply_set_told(phone_state *state, int64_t id, const std::string &told) {
+int reply_set_told(phone_state *state, int64_t id, const std::string &told, bool ends) {
   sql_statement forget(&state->db, "DELETE FROM outbox WHERE id = ? AND state = ?");
-  if (forget.bind(id, dropped).run() < 0) return state_fail(state, kCannotWrite);
+  if (ends) return forget.bind(id, dropped).run() == 0 ? 0 : state_fail(state, kCannotWrite);
   sql_statement query(&state->db, "UPDATE outbox SET told = ? WHERE id = ?");
   return query.bind(told, id).run() == 0 ? 0 : state_fail(state, kCannotWrite);
 }

@@ -45,8 +45,9 @@ int reply_set_sent(phone_state *state, int64_t id);
 int reply_set_failed(phone_state *state, int64_t id, int64_t pause, const std::string &error);
 /* Not tried again. */
 int reply_set_held(phone_state *state, int64_t id, const std::string &error);
-/* What the watch has on its disk of what came of it; the end of one that was dropped. */
-int reply_set_told(phone_state *state, int64_t id, const std::string &told);
+/* What the watch has on its disk of what came of it. `ends`: it was told that this one was dropped, which is forgotten
+   with that. */
+int reply_set_told(phone_state *state, int64_t id, const std::string &told, bool ends);
 /* Makes every waiting entry due now; held ones stay held. */
 int reply_retry_all(phone_state *state);
 /* Forgets an unsent entry. Returns 1 done, 0 there is none, -1. */

@@ -241,7 +241,8 @@ int outcome(sd_bus_message *m, void *data, sd_bus_error *error) {
   if (r >= 0) r = sd_bus_message_read_basic(m, 's', &state);
   if (r >= 0) r = host_read_text(m, "reason", token_max, &reason, error);
   if (r < 0) return r;
-  if (!is_phone(h, m)) return invalid(error, "only the connected phone tells what came of requests");
+  if (!is_phone(h, m))
+    return sd_bus_error_set(error, host_error_busy, "only the connected phone tells what came of requests");
   static const std::pair<const char *, reply_outcome> states[] = {{outcome_sent, reply_outcome::sent},
                                                                   {outcome_waits, reply_outcome::waits},
                                                                   {outcome_refused, reply_outcome::refused}};
