@@ -47,14 +47,16 @@ int orphan_cb(sd_event_source *source, const siginfo_t *end, void *user_data) {
 int delivered_cb(sd_event_source *source, const siginfo_t *end, void *user_data) {
   auto *r = static_cast<relay *>(user_data);
   r->child.reset();
-  pid_t orphan = outbox_orphan(r->delivering, end->si_pid);
+  /* When what came of it is on disk, what is left behind is no sendmail that has the message yet. */
+  bool noted = end->si_code == CLD_EXITED && end->si_status == 0;
+  pid_t orphan = noted ? 0 : outbox_orphan(r->delivering, end->si_pid);
   sd_event_source *next = nullptr;
   if (orphan > 0 && sd_event_add_child(link_event(r->link), &next, orphan, WEXITED, orphan_cb, r) >= 0) {
     r->child.reset(next);
     return 0;
   }
   outbox_bury_orphans();
-  if (end->si_code != CLD_EXITED || end->si_status != 0) pause_reply(r, r->delivering);
+  if (!noted) pause_reply(r, r->delivering);
   replies_next(r);
   return 0;
 }

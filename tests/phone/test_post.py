@@ -87,8 +87,8 @@ def test_an_account_from_address_and_password(s):
         equal(len(sent), 1, "once")
         assert "In-Reply-To: <work@x>" in sent[0] and "Danke & bis bald" in sent[0], sent[0]
         s.wait(lambda: [r["state"] for r in status(s)["replies"]] == ["sent"], "its state")
-        assert "\\Answered" in other.flags("work@x", "Work"), "the mark in another folder than the first"
-        equal(int(other.imap.select("Sent", readonly=True)[1][0]), 1, "a copy")
+        s.wait(lambda: "\\Answered" in other.flags("work@x", "Work"), "the mark in another folder than the first")
+        s.wait(lambda: int(other.imap.select("Sent", readonly=True)[1][0]) == 1, "a copy")
 
         other.imap.delete("Work")
         other.imap.create("Work")
