@@ -132,6 +132,15 @@ def test_what_the_store_cannot_take_is_said_and_offered_again(s):
     s.wait(lambda: s.mails()[0]["is_read"], "the mark")
     s.wait_gone(s.text("IDS_EMAIL_POP_THIS_COULD_NOT_BE_SAVED_ON_THE_ZOLT"))
     equal(len(s.requests("update_ind")), 1, "once")
+    s.watch("key", "back")
+    store.execute("INSERT INTO journal (id, uid, kind, state, mail_id, person, reason, created, changed)"
+                  " VALUES (99, '', 1, 3, 1, 'Nobody', 'no-address', unixepoch(), unixepoch())")
+    s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+    open_screen(s)
+    s.rest()
+    s.tap("Nobody", part=True)
+    s.wait_text(s.text("IDS_EMAIL_SK_DROP"))
+    assert not any(s.shows(s.text(f"IDS_EMAIL_SK_{way}")) for way in ("SEND_AGAIN", "CHANGE")), "what cannot help"
 
 
 if __name__ == "__main__":
