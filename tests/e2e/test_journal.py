@@ -84,7 +84,7 @@ def test_a_refused_reply_is_told_on_the_desktop(s):
                    s.text("IDS_EMAIL_BODY_TO_PS").replace("%s", "Ann") + "\nno route to anywhere")
         s.wait(lambda: desk.told()[-1:] == [refused], "the refusal")
         equal(desk.hints()["category"], "email.bounced", "what it is")
-        mta.refuse.write_text("68")
+        mta.refuse.write_text("65")
         desk.press(s.text("IDS_EMAIL_SK_SEND_AGAIN"))
         s.wait(lambda: len(desk.told()) == 2 and desk.shown() == 1, "the second refusal alone")
         equal(journal(s), [(REFUSED, "no route to anywhere", "Yes & no")], "one reply, tried twice")
