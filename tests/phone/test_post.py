@@ -1,6 +1,7 @@
 """Accounts on real servers: set up, followed, answered."""
 import contextlib
 import imaplib
+import socket
 import ssl
 import subprocess
 import time
@@ -238,6 +239,30 @@ def test_who_is_not_trusted(s):
                 done = setup(s, authority, *args, password=password)
                 assert done.returncode == 1 and said in done.stderr and len(done.stderr.splitlines()) == 1, done
             assert not (s.dir / "relay.conf").exists(), "nothing is written before both directions work"
+
+
+def test_only_what_a_server_says_of_the_message_is_for_good(s):
+    """(what it says no to, its answer, how the submission ends). The mailbox, at the same port, never answers."""
+    rows = (("", "554 no", 75), ("MAIL", "530 log in", 75), ("RCPT", "450 later", 75), ("MAIL", "550 no", 99),
+            ("RCPT", "550 no", 99), (".", "554 spam", 99), ("none", "", 0))
+    with socket.create_server(("localhost", 0)) as server:
+        at = f"://localhost:{server.getsockname()[1]}"
+        (s.dir / "relay.conf").write_text(f"[account {USER}]\nplain=yes\npassword-command=echo secret\nimap=imap{at}\nsmtp=smtp{at}\n")
+        for refused, answer, code in rows:
+            submit = subprocess.Popen(["brisel-phone", "submit", "--config", s.dir / "relay.conf"], env=s.env, stdin=subprocess.PIPE)
+            submit.stdin.write(f"From: {USER}\nTo: ann@example.org\n\nHello\n".encode())
+            submit.stdin.close()
+            with server.accept()[0] as connection, connection.makefile("rw", newline="\r\n") as lines:
+                word, text = "", False
+                while True:
+                    if not text or word == ".":
+                        text = word == "DATA"
+                        lines.write((answer if word == refused else "354 go on" if text else "220 hello" if not word else "250 yes") + "\r\n")
+                        lines.flush()
+                    if not (line := lines.readline()):
+                        break
+                    word = (line.split() or "-")[0]
+            equal(submit.wait(), code, (refused, answer))
 
 
 if __name__ == "__main__":
