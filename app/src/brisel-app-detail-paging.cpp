@@ -90,17 +90,17 @@ void __brisel_detail_aim_at(brisel_detail_view *view_data, int place) {
 
 /* Lays the box out: every page as wide as the view and as high, whatever its content asks for, and the box exactly as
    wide as its pages, so that the scroller finds them at whole pages. A box's own layout would let wide content push
-   the pages out of step. */
+   the pages out of step. The width is the box's own record: the box slides out when the view has ended. */
 static void __brisel_detail_box_layout_cb(Evas_Object *box, Evas_Object_Box_Data *priv, void *data) {
-  const brisel_detail_view *view_data = (brisel_detail_view *)data;
+  const int width = *(const int *)data;
   int x = 0, y = 0, height = 0, count = 0;
   evas_object_geometry_get(box, &x, &y, nullptr, &height);
   for (Eina_List *cell = priv->children; cell; cell = cell->next, count++) {
     Evas_Object *page = ((Evas_Object_Box_Option *)eina_list_data_get(cell))->obj;
-    evas_object_move(page, x + count * view_data->page_width, y);
-    evas_object_resize(page, view_data->page_width, height);
+    evas_object_move(page, x + count * width, y);
+    evas_object_resize(page, width, height);
   }
-  evas_object_size_hint_min_set(box, count * view_data->page_width, 0);
+  evas_object_size_hint_min_set(box, count * width, 0);
 }
 
 static void __brisel_detail_drop_page(brisel_detail_view *view_data, page_data *page) {
@@ -317,6 +317,7 @@ void __brisel_detail_page_layout_resize_cb(void *data, Evas *evas, Evas_Object *
   int width = 0, height = 0, old_width = view_data->page_width;
   evas_object_geometry_get(obj, nullptr, nullptr, &width, &height);
   view_data->page_width = width;
+  if (view_data->box) *view_data->box_page_width = width;
   elm_scroller_page_size_set(view_data->page_scroller, width, height);
   for (page_data *page : view_data->page_data) {
     if (!page || !page->detail_layout || (page->width == width && page->height == height)) continue;
@@ -367,9 +368,17 @@ void __brisel_detail_create_box(brisel_detail_view *view_data) {
     BRISEL_ERROR("elm_box_add() failed!");
     return;
   }
+  int *width = (int *)calloc(1, sizeof(int));
+  if (!width) {
+    BRISEL_ERROR("Failed to allocate memory for the box's width!");
+    evas_object_del(box);
+    return;
+  }
+  *width = view_data->page_width;
+  view_data->box_page_width = width;
   brisel_widget_ref_set(&view_data->box, box);
   elm_box_horizontal_set(box, EINA_TRUE);
-  elm_box_layout_set(box, __brisel_detail_box_layout_cb, view_data, nullptr);
+  elm_box_layout_set(box, __brisel_detail_box_layout_cb, width, free);
   __brisel_detail_fill_both_ways(box);
   evas_object_event_callback_add(box, EVAS_CALLBACK_RESIZE, __brisel_detail_box_resize_cb, view_data);
   elm_object_content_set(view_data->page_scroller, box);

@@ -74,14 +74,15 @@ struct brisel_detail_view {
   Ecore_Timer *place_timer; /* while the title says which mail of how many it is */
   ::page_data *page_data[BRISEL_DETAIL_PAGE_MAX];
   unsigned char is_pickover_registered;
-  int font_size;      /* 0 small, 1 normal, 2 large; as the setting says until the first gesture */
-  int cur_page_index; /* of the current page among the packed ones: 0, 1 or 2 */
-  int mail_id;        /* of the current page: the one that all actions are for */
-  int entered_id;     /* the mail that came to rest last and was told as read */
-  int aimed_id;       /* the mail whose page the scroller rests at or moves to */
-  int placed_id;      /* the mail whose title says so */
-  int page_width;     /* pixels; 0 before the view has a size */
-  double seen_at;     /* where the scroller stood when it was last looked at, in pages */
+  int font_size;       /* 0 small, 1 normal, 2 large; as the setting says until the first gesture */
+  int cur_page_index;  /* of the current page among the packed ones: 0, 1 or 2 */
+  int mail_id;         /* of the current page: the one that all actions are for */
+  int entered_id;      /* the mail that came to rest last and was told as read */
+  int aimed_id;        /* the mail whose page the scroller rests at or moves to */
+  int placed_id;       /* the mail whose title says so */
+  int page_width;      /* pixels; 0 before the view has a size */
+  int *box_page_width; /* the same for the box's layout, which owns it and may outlive the view */
+  double seen_at;      /* where the scroller stood when it was last looked at, in pages */
   unsigned char is_paused;
   unsigned char has_neighbors;                   /* they are built once the view has come in */
   unsigned char is_neighbor_update_due;          /* the list changed while a finger was down */

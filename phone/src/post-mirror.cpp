@@ -356,8 +356,10 @@ int post_mirror_run(const std::string &config, const std::string &account, const
   mirror m;
   std::string error;
   signal(SIGPIPE, SIG_IGN);
+#if !defined(__SANITIZE_ADDRESS__) /* which reserves far more than it uses */
   rlimit memory = {kMemory, kMemory};
   setrlimit(RLIMIT_AS, &memory); /* whatever a server sends */
+#endif
   m.folder = folder;
   m.newest = newest;
   if (post_account_find(config, account, &m.account, &error) < 0) {

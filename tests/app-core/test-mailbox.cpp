@@ -125,6 +125,7 @@ TEST_F(mailbox, FreezesPairUpWhenSweepsFollowEachOther) {
 TEST_F(mailbox, LeavingCommitsTheSweep) {
   phone.connect();
   fill(1, 3);
+  app_stop();
   const struct {
     const char *what;
     std::function<void()> leave;

@@ -59,7 +59,7 @@ void app_start(const char *mail_id) {
 }
 
 void app_stop(void) {
-  if (test_ad.win_main || test_ad.locale) app_terminate(&test_ad);
+  app_terminate(&test_ad); /* of one whose window has gone, too */
   if (test_ad.win_main) evas_object_del(test_ad.win_main);
   canvas_use(nullptr);
   settle();
