@@ -59,7 +59,7 @@ int answered_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
   sd_bus_message *answer = nullptr;
   int r = sd_bus_message_new_method_return(passed->call, &answer);
   if (r >= 0) r = sd_bus_message_copy(answer, m, 1);
-  if (r >= 0) r = sd_bus_send(nullptr, answer, nullptr); /* who has left meanwhile misses nothing */
+  if (r >= 0) sd_bus_send(nullptr, answer, nullptr); /* who has left meanwhile misses nothing */
   sd_bus_message_unref(answer);
   return 0;
 }
