@@ -16,7 +16,7 @@ namespace {
 constexpr size_t kMost = 96u << 10;
 
 void steps(mailimap *session, post_auth auth) {
-  std::string error, raw, folder;
+  std::string error, folder;
   imap_folder opened;
   std::vector<imap_message> messages, changed;
   std::vector<std::pair<uint32_t, uint32_t>> gone;
@@ -31,8 +31,10 @@ void steps(mailimap *session, post_auth auth) {
   if (messages.size() > 200) abort();
   if (imap_list_changes(session, 1, 1, &changed, &gone, &error) < 0) return;
   for (bool whole : {false, true}) {
-    bool cut = false;
-    if (imap_fetch(session, messages.empty() ? 1 : messages[0].uid, whole, &raw, &cut, &error) < 0) return;
+    std::vector<imap_mail> mails;
+    for (const imap_message &message : messages) mails.push_back({message.uid});
+    mails.push_back({1});
+    if (imap_fetch(session, whole, &mails, &error) < 0) return;
   }
   uint32_t uid = 0;
   if (imap_find(session, "<a@b>", &uid, &error) < 0) return;

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <map>
 
 #include "post-skeleton.h"
 #include "post-stream.h"
@@ -211,36 +212,101 @@ void read_attributes(const mailimap_msg_att *answer, imap_message *message, cons
   }
 }
 
-/* The answer for one message; NULL with a reason, or without one when the server has it no more. */
-list_holder fetch_one(mailimap *session, uint32_t uid, mailimap_fetch_type *type, const mailimap_msg_att **answer,
-                      std::string *error) {
-  set_holder set(mailimap_set_new_single(uid));
-  clist *list = nullptr;
-  int code = mailimap_uid_fetch(session, set.get(), type, &list);
-  list_holder holder(list);
-  *answer = nullptr;
-  if (code != MAILIMAP_NO_ERROR) {
-    fail(session, code, "give a message", error);
-    return nullptr;
+mailimap_section_part *part_of(const std::string &number) {
+  clist *ids = clist_new();
+  gchar **numbers = g_strsplit(number.c_str(), ".", -1);
+  for (gchar **one = numbers; *one; one++) {
+    auto *id = static_cast<uint32_t *>(malloc(sizeof(uint32_t)));
+    *id = static_cast<uint32_t>(g_ascii_strtoull(*one, nullptr, 10));
+    clist_append(ids, id);
   }
-  for (clistiter *at = list ? clist_begin(list) : nullptr; at; at = clist_next(at)) {
-    auto *one = static_cast<mailimap_msg_att *>(clist_content(at));
-    imap_message message;
-    read_attributes(one, &message, nullptr, nullptr);
-    if (message.uid == uid) *answer = one; /* answers about other messages may stand between */
-  }
-  return holder;
+  g_strfreev(numbers);
+  return mailimap_section_part_new(ids);
 }
 
-int fetch_section(mailimap *session, uint32_t uid, mailimap_section *section, uint32_t most, std::string *out,
-                  std::string *error) {
-  type_holder type =
-      wanted({mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_body_peek_section_partial(section, 0, most)});
-  const mailimap_msg_att *answer = nullptr;
-  list_holder list = fetch_one(session, uid, type.get(), &answer, error);
-  if (!list && !error->empty()) return -1;
-  imap_message message;
-  if (answer) read_attributes(answer, &message, nullptr, out);
+/* The headers that are read here: the others are most of a header's bytes. */
+mailimap_section *headers_wanted() {
+  clist *names = clist_new();
+  for (const char *name :
+       {"From", "Sender", "Reply-To", "To", "Cc", "Date", "Subject", "Message-ID", "In-Reply-To", "References",
+        "Status", "MIME-Version", "Content-Type", "Content-Transfer-Encoding", "Content-Disposition", "Content-ID"})
+    clist_append(names, strdup(name));
+  return mailimap_section_new_header_fields(mailimap_header_list_new(names));
+}
+
+/* When it arrived, as the header that tells so: of those on its way none was fetched. */
+std::string arrival_line(int64_t date) {
+  constexpr const char *kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                     "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  tm when = {};
+  gmtime_r(&date, &when);
+  char line[64];
+  snprintf(line, sizeof line, "Received: ; %d %s %d %02d:%02d:%02d +0000\r\n", when.tm_mday, kMonths[when.tm_mon % 12],
+           when.tm_year + 1900, when.tm_hour, when.tm_min, when.tm_sec);
+  return date > 0 ? line : "";
+}
+
+/* A message on its way here. */
+struct coming {
+  imap_mail *mail;
+  const mailimap_body *structure = nullptr; /* of the first answer */
+  std::string header;
+  std::vector<skeleton_text> texts;
+};
+using coming_mails = std::map<uint32_t, coming>;
+
+/* The answers about these messages; NULL with a reason. */
+list_holder fetch_all(mailimap *session, const std::vector<uint32_t> &uids, mailimap_fetch_type *type, int *code,
+                      std::string *error) {
+  stream_step step(fd_of(session));
+  set_holder set(mailimap_set_new_empty());
+  for (uint32_t uid : uids) mailimap_set_add_single(set.get(), uid);
+  clist *list = nullptr;
+  *code = mailimap_uid_fetch(session, set.get(), type, &list);
+  list_holder holder(list);
+  if (*code == MAILIMAP_NO_ERROR) return holder;
+  fail(session, *code, "give a message", error);
+  return nullptr;
+}
+
+/* Reads the answers; those about other messages may stand between. */
+template <typename taker>
+void for_each_answer(const clist *list, coming_mails *mails, taker take) {
+  for (clistiter *at = list ? clist_begin(list) : nullptr; at; at = clist_next(at)) {
+    imap_message message;
+    const mailimap_body *structure = nullptr;
+    std::string section;
+    read_attributes(static_cast<mailimap_msg_att *>(clist_content(at)), &message, &structure, &section);
+    auto mail = mails->find(message.uid);
+    if (mail != mails->end()) take(&mail->second, message, structure, std::move(section));
+  }
+}
+
+/* The texts, those of one place in several messages at once. */
+int fetch_texts(mailimap *session, coming_mails *mails, int *code, std::string *error) {
+  std::map<std::pair<std::string, uint32_t>, std::vector<uint32_t>> places;
+  for (auto &[uid, mail] : *mails)
+    for (const skeleton_text &text : mail.texts) places[{text.part, text.bytes}].push_back(uid);
+  for (auto &[place, uids] : places) {
+    const auto &[part, bytes] = place;
+    const size_t at_once = std::max<size_t>(1, skeleton_whole_bytes / bytes);
+    for (size_t from = 0; from < uids.size(); from += at_once) {
+      auto begin = uids.begin() + static_cast<ptrdiff_t>(from);
+      mailimap_section *section = part.empty() ? mailimap_section_new_text() : mailimap_section_new_part(part_of(part));
+      type_holder type =
+          wanted({mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_body_peek_section_partial(section, 0, bytes)});
+      list_holder list =
+          fetch_all(session, {begin, begin + static_cast<ptrdiff_t>(std::min(at_once, uids.size() - from))}, type.get(),
+                    code, error);
+      if (*code != MAILIMAP_NO_ERROR) return -1;
+      for_each_answer(list.get(), mails,
+                      [&place = place](coming *mail, const auto &, const auto *, std::string content) {
+                        for (skeleton_text &text : mail->texts)
+                          if (text.part == place.first && text.bytes == place.second && !content.empty())
+                            text.content = content;
+                      });
+    }
+  }
   return 0;
 }
 
@@ -291,18 +357,6 @@ int store_flag(mailimap *session, mailimap_set *set, mailimap_flag *flag, const 
   int code = mailimap_uid_store(session, set, store);
   mailimap_store_att_flags_free(store);
   return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, what, error);
-}
-
-mailimap_section_part *part_of(const std::string &number) {
-  clist *ids = clist_new();
-  gchar **numbers = g_strsplit(number.c_str(), ".", -1);
-  for (gchar **one = numbers; *one; one++) {
-    auto *id = static_cast<uint32_t *>(malloc(sizeof(uint32_t)));
-    *id = static_cast<uint32_t>(g_ascii_strtoull(*one, nullptr, 10));
-    clist_append(ids, id);
-  }
-  g_strfreev(numbers);
-  return mailimap_section_part_new(ids);
 }
 
 }  // namespace
@@ -388,30 +442,31 @@ int imap_list_changes(mailimap *session, uint32_t from, uint64_t modseq, std::ve
   return 0;
 }
 
-int imap_fetch(mailimap *session, uint32_t uid, bool whole, std::string *raw, bool *cut, std::string *error) {
-  stream_step step(fd_of(session));
-  raw->clear();
-  error->clear();
-  *cut = false;
-  type_holder type = wanted(
-      {mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_bodystructure(),
-       mailimap_fetch_att_new_body_peek_section_partial(mailimap_section_new_header(), 0, skeleton_header_bytes)});
-  const mailimap_msg_att *answer = nullptr;
-  list_holder list = fetch_one(session, uid, type.get(), &answer, error);
-  if (!answer) return error->empty() ? 0 : -1;
-  imap_message message;
-  const mailimap_body *structure = nullptr;
-  std::string header;
-  read_attributes(answer, &message, &structure, &header);
-  if (header.empty() || !structure) return 0;
-  std::vector<skeleton_text> texts;
-  skeleton_choose(structure, header, whole, &texts, cut);
-  for (skeleton_text &text : texts) {
-    mailimap_section *section =
-        text.part.empty() ? mailimap_section_new_text() : mailimap_section_new_part(part_of(text.part));
-    if (fetch_section(session, uid, section, text.bytes, &text.content, error) < 0) return -1;
+int imap_fetch(mailimap *session, bool whole, std::vector<imap_mail> *mails, std::string *error) {
+  coming_mails coming_now;
+  std::vector<uint32_t> uids;
+  for (imap_mail &mail : *mails) {
+    coming_now[mail.uid].mail = &mail;
+    uids.push_back(mail.uid);
   }
-  *raw = skeleton_build(structure, header, texts);
+  type_holder type = wanted(
+      {mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_internaldate(), mailimap_fetch_att_new_bodystructure(),
+       mailimap_fetch_att_new_body_peek_section_partial(headers_wanted(), 0, skeleton_header_bytes)});
+  int code = 0;
+  list_holder list = fetch_all(session, uids, type.get(), &code, error);
+  for_each_answer(
+      list.get(), &coming_now,
+      [whole](coming *mail, const imap_message &message, const mailimap_body *structure, std::string header) {
+        if (!structure) return;
+        mail->structure = structure;
+        mail->header = arrival_line(message.date) + header;
+        mail->texts.clear();
+        skeleton_choose(structure, header, whole, &mail->texts, &mail->mail->cut);
+      });
+  if (code != MAILIMAP_NO_ERROR || fetch_texts(session, &coming_now, &code, error) < 0)
+    return code == MAILIMAP_ERROR_STREAM ? -1 : imap_unreadable;
+  for (auto &[uid, mail] : coming_now)
+    if (mail.structure) mail.mail->raw = skeleton_build(mail.structure, mail.header, mail.texts);
   return 0;
 }
 

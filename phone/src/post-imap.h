@@ -34,6 +34,15 @@ struct imap_message {
   int64_t date = 0;     /* of its arrival, seconds since the epoch; 0: unknown */
 };
 
+constexpr int imap_unreadable = -3;
+
+struct imap_mail {
+  uint32_t uid = 0;
+  std::string raw = {}; /* the bytes of a mail: its header, the parts' headers, the text that is read; no attachment.
+                           Empty: the server has it no more */
+  bool cut = false;     /* only the beginning of the text */
+};
+
 /* Connects, checks, logs in. Returns 0, -1 or post_refused. */
 int imap_open(const post_account &account, const std::string &secret, imap_session *session, std::string *error);
 /* The second half of that, on a connection that is checked. */
@@ -49,10 +58,9 @@ bool imap_tells_changes(mailimap *session);
    last of each run of those that went. */
 int imap_list_changes(mailimap *session, uint32_t from, uint64_t modseq, std::vector<imap_message> *changed,
                       std::vector<std::pair<uint32_t, uint32_t>> *gone, std::string *error);
-/* The message as far as a watch needs it, as the bytes of a mail: its header, the parts' headers, the text that is
-   read; no attachment. Of long texts the beginning, then *cut is set; all of it when `whole`. Empty when the server has
-   it no more. */
-int imap_fetch(mailimap *session, uint32_t uid, bool whole, std::string *raw, bool *cut, std::string *error);
+/* Messages as far as a watch needs them, with few questions for all of them. Of long texts the beginning; all of it
+   when `whole`. Returns 0, -1, or imap_unreadable: the server answers, but not with these messages. */
+int imap_fetch(mailimap *session, bool whole, std::vector<imap_mail> *mails, std::string *error);
 int imap_add_flag(mailimap *session, uint32_t uid, bool answered, std::string *error); /* else seen */
 /* Moves it to the folder `trash`; with none, or from there, removes this one for good. A server that can do neither for
    one message alone keeps it, marked as deleted. */

@@ -33,6 +33,7 @@ constexpr int kPoll = 2 * 60;     /* where the server has no way to tell of new 
 constexpr int kFirstPause = 2, kLongestPause = 300;
 constexpr int64_t kLasting = 60; /* a connection that lasted so long was a good one */
 constexpr rlim_t kMemory = 512u << 20;
+constexpr size_t kAtOnce = 16;
 constexpr char kVersion[] = "v2";
 
 struct local_file {
@@ -53,6 +54,8 @@ struct mirror {
   uint64_t modseq = 0;                  /* the server's count of changes at that time; 0: unknown */
   uint32_t exists = 0;                  /* ... and of messages */
   bool asks_changes = true;             /* until a server that offers to tell them fails to */
+  size_t at_once = kAtOnce;             /* messages asked for at once */
+  std::set<uint32_t> unreadable;        /* that the server has and cannot give */
   std::string trash;
   bool trash_known = false;
   int changes = -1;  /* inotify */
@@ -194,12 +197,15 @@ int exchange_mark(mirror *m, mailimap *session, const imap_message &message, con
 int fetch_wanted(const mirror &m, mailimap *session, std::string *error) {
   g_autoptr(GDir) names = g_dir_open((m.path + rest_folder).c_str(), 0, nullptr);
   for (const char *name = names ? g_dir_read_name(names) : nullptr; name; name = g_dir_read_name(names)) {
-    std::string wanted = name, base = wanted.substr(0, wanted.rfind('.')), raw;
+    std::string wanted = name, base = wanted.substr(0, wanted.rfind('.'));
     unsigned validity = 0, uid = 0;
-    bool cut = false;
     if (!wanted.ends_with(rest_suffix) || !wanted.starts_with(m.tag + ".")) continue;
     if (sscanf(wanted.c_str() + m.tag.size(), ".%u.%u.", &validity, &uid) == 2 && validity == m.validity) {
-      if (imap_fetch(session, uid, true, &raw, &cut, error) < 0) return -1;
+      std::vector<imap_mail> mails = {{uid}};
+      int code = imap_fetch(session, true, &mails, error);
+      if (code == imap_unreadable) unlink((m.path + rest_folder + "/" + wanted).c_str()); /* asked once, not for ever */
+      if (code < 0) return -1;
+      const std::string &raw = mails[0].raw;
       if (!raw.empty() && put_file(m, base, m.path + rest_folder + "/" + base, 0, raw, error) < 0) return -1;
     }
     unlink((m.path + rest_folder + "/" + wanted).c_str());
@@ -250,24 +256,44 @@ int window_from_changes(mirror *m, mailimap *session, const imap_folder &folder,
   return 1;
 }
 
+/* Fetches messages that are not here yet, the first first: that is what somebody waits for. What a server cannot give
+   is found out by asking for each alone, and left out, or nothing behind it would ever come. */
+int fetch_new(mirror *m, mailimap *session, const std::vector<imap_message> &messages, std::string *error) {
+  for (size_t from = 0; from < messages.size();) {
+    std::vector<imap_mail> mails;
+    size_t count = std::min(m->at_once, messages.size() - from);
+    for (size_t n = from; n < from + count; n++)
+      if (!m->unreadable.count(messages[n].uid)) mails.push_back({messages[n].uid});
+    int code = mails.empty() ? 0 : imap_fetch(session, false, &mails, error);
+    if (code == imap_unreadable && count == 1) m->unreadable.insert(messages[from].uid);
+    if (code == imap_unreadable && count == 1) *error = "message " + std::to_string(messages[from].uid) + ": " + *error;
+    if (code == imap_unreadable) m->at_once = 1;
+    if (code < 0) return -1;
+    for (size_t n = from; n < from + count; n++)
+      for (const imap_mail &mail : mails) {
+        if (mail.uid != messages[n].uid || mail.raw.empty()) continue; /* gone meanwhile, or nothing to be read */
+        if (deliver(*m, messages[n], mail.raw, mail.cut, error) < 0) return -1;
+        m->agreed[mail.uid] = messages[n].seen;
+      }
+    from += count;
+  }
+  m->at_once = kAtOnce;
+  return 0;
+}
+
 /* Brings the mirror to what the server has: `messages`, the oldest first. */
 int take_over(mirror *m, mailimap *session, const std::vector<imap_message> &messages, std::string *error) {
   std::set<uint32_t> there;
-  /* Newest first: that is what somebody waits for. */
+  std::vector<imap_message> fresh;
   for (auto at = messages.rbegin(); at != messages.rend(); ++at) {
     if (at->deleted || !there.insert(at->uid).second) continue;
     auto file = m->files.find(at->uid);
-    if (file != m->files.end()) {
-      if (exchange_mark(m, session, *at, file->second, error) < 0) return -1;
-      continue;
-    }
-    std::string raw;
-    bool cut = false;
-    if (imap_fetch(session, at->uid, false, &raw, &cut, error) < 0) return -1;
-    if (raw.empty()) continue; /* gone meanwhile, or nothing that can be read */
-    if (deliver(*m, *at, raw, cut, error) < 0) return -1;
-    m->agreed[at->uid] = at->seen;
+    if (file == m->files.end())
+      fresh.push_back(*at);
+    else if (exchange_mark(m, session, *at, file->second, error) < 0)
+      return -1;
   }
+  if (fetch_new(m, session, fresh, error) < 0) return -1;
   for (const auto &[uid, file] : m->files)
     if (!there.count(uid)) drop(*m, file.path);
   for (const std::string &path : m->stale) drop(*m, path);
