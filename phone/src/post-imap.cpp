@@ -64,6 +64,15 @@ mailimap_capability_data *offers(mailimap *session) {
   return session->imap_connection_info ? session->imap_connection_info->imap_capability : nullptr;
 }
 
+/* The library's own question dies of a server that was heard to offer nothing. */
+bool has(mailimap *session, const char *name) {
+  return offers(session) && offers(session)->cap_list && mailimap_has_extension(session, name) != 0;
+}
+
+bool has_login(mailimap *session, const char *mechanism) {
+  return offers(session) && offers(session)->cap_list && mailimap_has_authentication(session, mechanism) != 0;
+}
+
 void forget_offers(mailimap *session) {
   if (!offers(session)) return;
   mailimap_capability_data_free(offers(session));
@@ -142,9 +151,9 @@ int log_in(mailimap *session, const post_account &account, const post_server &se
   int code;
   const std::string &user = account.login();
   bool password = account.auth == post_auth::password;
-  bool disabled = mailimap_has_extension(session, const_cast<char *>("LOGINDISABLED")) != 0;
-  bool tokens = mailimap_has_xoauth2(session) || mailimap_has_authentication(session, "OAUTHBEARER");
-  if (password && disabled && tokens && !mailimap_has_authentication(session, "PLAIN")) {
+  bool disabled = has(session, "LOGINDISABLED");
+  bool tokens = has_login(session, "XOAUTH2") || has_login(session, "OAUTHBEARER");
+  if (password && disabled && tokens && !has_login(session, "PLAIN")) {
     *error = server.host + " takes tokens, no passwords; use --auth xoauth2 with --password-command";
     return -1;
   }
@@ -176,6 +185,7 @@ type_holder wanted(std::initializer_list<mailimap_fetch_att *> attributes) {
 
 int64_t seconds_of(const mailimap_date_time *date) {
   tm when = {};
+  if (date->dt_year < 1970 || date->dt_year > 9999 || date->dt_zone < -2400 || date->dt_zone > 2400) return 0;
   when.tm_year = date->dt_year - 1900;
   when.tm_mon = date->dt_month - 1;
   when.tm_mday = date->dt_day;
@@ -393,7 +403,7 @@ int imap_begin(mailimap *session, const post_account &account, const post_server
 
 int imap_select(mailimap *session, const std::string &name, imap_folder *folder, std::string *error) {
   stream_step step(fd_of(session));
-  bool counts = mailimap_has_condstore(session) || mailimap_has_qresync(session);
+  bool counts = has(session, "CONDSTORE") || has(session, "QRESYNC");
   *folder = imap_folder();
   int code = counts ? mailimap_select_condstore(session, name.c_str(), &folder->modseq)
                     : mailimap_select(session, name.c_str());
@@ -419,7 +429,7 @@ int imap_list_newest(mailimap *session, uint32_t count, std::vector<imap_message
 }
 
 bool imap_tells_changes(mailimap *session) {
-  return mailimap_has_qresync(session) && mailimap_has_enable(session);
+  return has(session, "QRESYNC") && has(session, "ENABLE");
 }
 
 int imap_list_changes(mailimap *session, uint32_t from, uint64_t modseq, std::vector<imap_message> *changed,
@@ -481,14 +491,14 @@ int imap_remove(mailimap *session, uint32_t uid, const std::string &trash, std::
   stream_step step(fd_of(session));
   set_holder set(mailimap_set_new_single(uid));
   if (!trash.empty()) {
-    bool moves = mailimap_has_extension(session, const_cast<char *>("MOVE")) != 0;
+    bool moves = has(session, "MOVE");
     int code = moves ? mailimap_uid_move(session, set.get(), trash.c_str())
                      : mailimap_uid_copy(session, set.get(), trash.c_str());
     if (code != MAILIMAP_NO_ERROR) return fail(session, code, ("put a mail into " + trash).c_str(), error);
     if (moves) return 0;
   }
   if (store_flag(session, set.get(), mailimap_flag_new_deleted(), "delete a mail", error) < 0) return -1;
-  if (!mailimap_has_uidplus(session)) return 0; /* a plain EXPUNGE would take what others marked too */
+  if (!has(session, "UIDPLUS")) return 0; /* a plain EXPUNGE would take what others marked too */
   int code = mailimap_uid_expunge(session, set.get());
   return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, "delete a mail", error);
 }
@@ -539,8 +549,12 @@ int imap_special_folder(mailimap *session, const char *use, std::string *folder,
   return 0;
 }
 
+bool imap_can_idle(mailimap *session) {
+  return has(session, "IDLE");
+}
+
 int imap_wait(mailimap *session, int other, int seconds, std::string *error) {
-  bool idle = mailimap_has_idle(session) != 0, changed = false;
+  bool idle = imap_can_idle(session), changed = false;
   const mailimap_selection_info *folder = session->imap_selection_info;
   uint32_t exists = folder ? folder->sel_exists : 0;
   if (idle) {

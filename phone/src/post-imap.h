@@ -70,6 +70,8 @@ int imap_find(mailimap *session, const std::string &message_id, uint32_t *uid, s
 int imap_append(mailimap *session, const std::string &folder, const std::string &message, std::string *error);
 /* The folder that says of itself that it is for `use` ("Sent", "Trash"), else the one of that name; empty: none is. */
 int imap_special_folder(mailimap *session, const char *use, std::string *folder, std::string *error);
+/* Whether the server tells of changes while it is waited for. */
+bool imap_can_idle(mailimap *session);
 /* Waits until the server tells of a change or `other` (a file descriptor) can be read; at most `seconds`. Returns 1
    when there is something to look at, 0, or -1. */
 int imap_wait(mailimap *session, int other, int seconds, std::string *error);

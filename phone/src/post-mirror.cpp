@@ -334,7 +334,7 @@ int follow(mirror *m, bool *worked, std::string *error) {
     if (mirror_once(m, session.get(), error) < 0) return -1;
     if (!*worked) say(*m, "follows " + m->account.imap);
     *worked = true;
-    int longest = mailimap_has_idle(session.get()) ? kRenewal : kPoll, changed = 0;
+    int longest = imap_can_idle(session.get()) ? kRenewal : kPoll, changed = 0;
     while (changed == 0)
       if ((changed = imap_wait(session.get(), m->changes, longest, error)) < 0) return -1;
   }
