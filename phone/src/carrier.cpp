@@ -1,5 +1,6 @@
 #include "carrier.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <glib.h>
 #include <poll.h>
@@ -13,7 +14,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <set>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -184,15 +187,63 @@ bool said_anywhere(int said, const char *what) {
   return pread(said, text, kSaidBytes, 0) > 0 && strstr(text, what);
 }
 
+/* What the watch's side says when it is reached and wants nothing of it, and what that means. */
+struct said_no {
+  const char *words, *meaning; /* NULL: as it stands */
+};
+constexpr said_no kNo[] = {
+    {"REMOTE HOST IDENTIFICATION HAS CHANGED",
+     "the machine that answers is not the one that was paired: its host key is another"},
+    {"Host key verification failed", "the watch's host key is not known here (ssh to it once, or pair it)"},
+    {"host key is known", "the watch's host key is not known here (ssh to it once, or pair it)"},
+    {"Permission denied", "the watch does not accept this phone's key"},
+    {"command not found", "there is no brisel-gate on the watch"},
+    {"not found\n", "there is no brisel-gate on the watch"},
+    {"brisel-gate: ", nullptr},
+};
+
+const said_no *find_no(int said) {
+  for (const said_no &one : kNo)
+    if (said_anywhere(said, one.words)) return &one;
+  return nullptr;
+}
+
 std::string ssh_reason(int said) {
-  if (said_anywhere(said, "REMOTE HOST IDENTIFICATION HAS CHANGED"))
-    return "the machine that answers is not the one that was paired: its host key is another";
-  if (said_anywhere(said, "Host key verification failed") || said_anywhere(said, "host key is known"))
-    return "the watch's host key is not known here (ssh to it once, or pair it)";
-  if (said_anywhere(said, "Permission denied")) return "the watch does not accept this phone's key";
-  if (said_anywhere(said, "command not found") || said_anywhere(said, "not found\n"))
-    return "there is no brisel-gate on the watch";
-  return last_line(said);
+  const said_no *no = find_no(said);
+  return no && no->meaning ? no->meaning : last_line(said);
+}
+
+/* --- what can be seen of a program from outside --- */
+
+/* The sockets that it has open, by their number. */
+std::set<unsigned long> sockets_of(pid_t pid) {
+  std::set<unsigned long> out;
+  const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
+  DIR *all = opendir(folder.c_str());
+  while (const dirent *one = all ? readdir(all) : nullptr) {
+    char target[64] = "";
+    unsigned long number = 0;
+    if (readlinkat(dirfd(all), one->d_name, target, sizeof target - 1) > 0 &&
+        sscanf(target, "socket:[%lu]", &number) == 1)
+      out.insert(number);
+  }
+  if (all) closedir(all);
+  return out;
+}
+
+bool any_is_connecting(const std::set<unsigned long> &sockets, const std::string &table) {
+  constexpr unsigned connecting = 2;
+  bool found = false;
+  char line[512];
+  FILE *f = fopen(table.c_str(), "re");
+  while (f && !found && fgets(line, sizeof line, f)) {
+    unsigned state = 0;
+    unsigned long number = 0;
+    found = sscanf(line, " %*u: %*s %*s %x %*s %*s %*s %*s %*s %lu", &state, &number) == 2 && state == connecting &&
+            sockets.contains(number);
+  }
+  if (f) fclose(f);
+  return found;
 }
 
 }  // namespace
@@ -274,6 +325,17 @@ std::string carrier_reason(const carrier &way) {
   if (way.said < 0) return "";
   if (way.pid > 0) ended(way.pid, kEndMs);
   return way.kind == carrier_kind::ssh ? ssh_reason(way.said) : last_line(way.said);
+}
+
+bool carrier_knocks(const carrier &way) {
+  if (way.kind != carrier_kind::ssh || way.pid <= 0) return false;
+  const std::set<unsigned long> sockets = sockets_of(way.pid);
+  const std::string folder = "/proc/" + std::to_string(way.pid) + "/net/";
+  return any_is_connecting(sockets, folder + "tcp") || any_is_connecting(sockets, folder + "tcp6");
+}
+
+bool carrier_was_answered(const carrier &way) {
+  return way.said >= 0 && find_no(way.said);
 }
 
 bool carrier_compresses(const carrier &way) {

@@ -136,6 +136,10 @@ std::string host_stream_trouble(const host_bus &bus) {
   return reason.empty() ? "the link to the watch is lost" : reason;
 }
 
+bool host_stream_was_answered(const host_bus &bus) {
+  return carrier_was_answered(bus.way);
+}
+
 void stream_answered(host_bus *bus, size_t bytes) {
   bus->heard = boot_now();
   bus->on_way -= std::min(bus->on_way, bytes);

@@ -106,6 +106,8 @@ host_bus_holder host_open_fd(int fd, carrier_kind kind, std::string *error);
 void host_hang_up(host_bus *bus);
 /* Why a stream ended, or what keeps it from being there, in words for people. */
 std::string host_stream_trouble(const host_bus &bus);
+/* Whether a stream that ended had reached the watch, which did not want it, or could not. */
+bool host_stream_was_answered(const host_bus &bus);
 
 /* Tells who calls, learns who answers (bus->watch), and whether the two can work together. An older service that has no
    such call is no error. */

@@ -5,6 +5,7 @@
 #include <deque>
 #include <list>
 #include <map>
+#include <set>
 
 #include "link.h"
 #include "watch.h"
@@ -77,6 +78,8 @@ struct phone_link {
   sd_event_source *ping = nullptr, *drop = nullptr, *network = nullptr;
   uint64_t lost_at = 0;    /* since when there was none, of CLOCK_BOOTTIME */
   uint64_t opened_at = 0;  /* when the last try began */
+  uint64_t took = 0;       /* what opening it took last */
+  unsigned unanswered = 0; /* tries since then that were given up */
   uint64_t asked_at = 0;   /* when life was asked for; 0: nothing is waited for */
   uint64_t answer_due = 0; /* until when */
   uint64_t kept_alive_at = 0;
@@ -85,6 +88,7 @@ struct phone_link {
   sd_event_source *share = nullptr, *share_drop = nullptr;
   int share_fd = -1;
   std::map<int, unsigned> interfaces; /* of the network: which were up */
+  std::set<std::string> silent;       /* addresses of neighbours that do not answer */
   uint64_t delay = 0;                 /* before the next try, in microseconds */
   uint64_t resend_delay = 0;          /* before requests that could not be kept are asked for again */
   std::string failure;
@@ -111,6 +115,8 @@ int session_start(phone_link *link, std::string *error);
 int stream_start(phone_link *link, std::string *error);
 /* The network changed. `gone`: something that was there is not any more. */
 void stream_network_changed(phone_link *link, bool gone);
+/* A machine of the same network that did not answer does. It may be the watch. */
+void stream_neighbour_came(phone_link *link);
 /* Says a word when there was none for a while: for work that keeps the loop from it. */
 void stream_keep_alive(phone_link *link);
 /* Frees what a stream holds. */
@@ -130,6 +136,9 @@ void share_end(phone_link *link);
 
 /* Without it nothing fails: a link is then found again a little later. */
 void network_follow(phone_link *link);
+/* Whether a machine of the same network that comes back is told of too: only while the watch is looked for, as the
+   kernel says much of neighbours. */
+void network_watch_neighbours(phone_link *link, bool on);
 
 /* --- link-connection.cpp --- */
 

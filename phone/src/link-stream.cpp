@@ -6,6 +6,7 @@
  * link-connection.cpp starts it, and it is told of the network; nothing else calls it.
  */
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <ctime>
 
@@ -14,8 +15,15 @@
 namespace {
 
 constexpr uint64_t kSecond = kUsecPerSecond, kOpenPatience = 30 * kSecond, kDoubtPatience = 3 * kSecond;
-/* A link that was lost a moment ago is looked for often: then it is together again soon after its way is open. */
-constexpr uint64_t kRecent = 60 * kSecond, kLongestRecentDelay = 3 * kSecond / 2;
+/* A way that was there not long ago is looked for once a second: then it is found soon after it is open. */
+constexpr uint64_t kRecentSeconds = 600, kRecent = kRecentSeconds * kSecond, kLongestRecentDelay = kSecond,
+                   kShortestPause = kSecond / 10;
+/* A try that nobody answers is given up: the kernel repeats what it sent first ever more seldom, and a new try sends at
+   once. So is one that reached somebody and came no further, but the tries of these numbers get all the time there is,
+   for a network that became slow. */
+constexpr uint64_t kKnockPatience = 5 * kSecond / 4, kTryPatience = 21 * kSecond / 4;
+constexpr unsigned kPatientTry = 4; /* and 8, 16, 32, ... */
+constexpr char kSilence[] = "the watch does not answer";
 constexpr uint64_t kSettle = kSecond / 5; /* changes of the network come in groups */
 
 uint64_t boot_now() {
@@ -38,12 +46,28 @@ int drop_cb(sd_event_source *source, void *user_data) {
   return 0;
 }
 
-/* slowly: nothing but time, people or another network will change it. */
-void retry_later(phone_link *link, bool slowly) {
-  uint64_t longest = link->target.pace.again_after * kSecond;
-  if (!slowly && boot_now() - link->lost_at < kRecent) longest = std::min(longest, kLongestRecentDelay);
-  link->delay = slowly ? longest : std::clamp(link->delay * 2, kShortestDelay, longest);
-  link_timer(link, &link->retry, link->delay, retry_cb);
+/* What the next try waits for. */
+enum class hope {
+  way,     /* that there is one again */
+  changes, /* on the watch, which was reached: each try wakes it up */
+  none     /* nothing but time, people or another network will help */
+};
+
+/* From the beginning of one try to that of the next: one that took long is followed at once. */
+void retry_later(phone_link *link, hope what) {
+  uint64_t longest = link->target.pace.again_after * kSecond, now = boot_now(), since = now - link->opened_at;
+  if (what == hope::way && now - link->lost_at < kRecent) longest = std::min(longest, kLongestRecentDelay);
+  link->delay = what == hope::none ? longest : std::clamp(link->delay * 2, std::min(kShortestDelay, longest), longest);
+  if (what != hope::way) since = 0;
+  uint64_t left = link->delay > since ? link->delay - since : 0;
+  link_timer(link, &link->retry, std::max(left, kShortestPause), retry_cb);
+}
+
+/* How late an alarm may be: there is time when life is asked for, and none in a try. */
+void set_alarm(phone_link *link, uint64_t at, uint64_t late) {
+  sd_event_source_set_time_accuracy(link->ping, late);
+  sd_event_source_set_time(link->ping, at);
+  sd_event_source_set_enabled(link->ping, SD_EVENT_ONESHOT);
 }
 
 void end_stream(phone_link *link) {
@@ -55,15 +79,17 @@ void end_stream(phone_link *link) {
   sd_event_source_set_enabled(link->drop, SD_EVENT_ONESHOT);
 }
 
-void lose(phone_link *link, const std::string &why, bool slowly = false) {
+void lose(phone_link *link, const std::string &why, hope what) {
   if (link->stage == link_stage::down) return;
   if (link->stage == link_stage::open) {
     link->lost_at = boot_now();
     link->delay = 0;
+    link->unanswered = 0;
+    network_watch_neighbours(link, true);
   }
   end_stream(link);
-  link_is_down(link, link->target.name + ": " + why);
-  retry_later(link, slowly);
+  link_is_down(link, why.empty() ? why : link->target.name + ": " + why);
+  retry_later(link, what);
 }
 
 /* --- life --- */
@@ -91,14 +117,30 @@ void ask_for_life(phone_link *link, uint64_t patience) {
   sd_event_source_set_enabled(link->ping, SD_EVENT_ONESHOT);
 }
 
+/* A try has taken long. */
+void doubt_try(phone_link *link) {
+  uint64_t until = link->opened_at + kTryPatience + 2 * link->took;
+  bool knocks = carrier_knocks(link->bus->way), tried = boot_now() >= until;
+  if (!knocks && !tried) {
+    set_alarm(link, until, 1);
+    return;
+  }
+  if (!knocks && ++link->unanswered >= kPatientTry && std::has_single_bit(link->unanswered)) return;
+  lose(link, link->trouble.empty() ? kSilence : "", hope::way); /* silence tells nothing new */
+}
+
 /* Comes after everything that arrived was looked at. */
 int ping_cb(sd_event_source *source, uint64_t usec, void *user_data) {
   auto *link = static_cast<phone_link *>(user_data);
+  if (link->stage == link_stage::opening) {
+    doubt_try(link);
+    return 0;
+  }
   if (link->stage != link_stage::open) return 0;
   uint64_t now = boot_now();
   if (link->asked_at != 0 && link->bus->heard < link->asked_at) {
     if (now >= link->answer_due) {
-      lose(link, "the watch does not answer");
+      lose(link, kSilence, hope::way);
       return 0;
     }
     sd_event_source_set_time(source, link->answer_due);
@@ -120,14 +162,21 @@ bool pings(const phone_link &link) {
 
 /* --- the first words --- */
 
+hope hope_after_end(const phone_link &link) {
+  return host_stream_was_answered(*link.bus) ? hope::changes : hope::way;
+}
+
 void opened(phone_link *link) {
   link->stage = link_stage::open;
   link->delay = 0;
   link->asked_at = 0;
-  if (pings(*link)) {
-    sd_event_source_set_time(link->ping, boot_now() + link->target.pace.ping_after * kSecond);
-    sd_event_source_set_enabled(link->ping, SD_EVENT_ONESHOT);
-  }
+  link->unanswered = 0;
+  link->took = boot_now() - link->opened_at;
+  if (pings(*link))
+    set_alarm(link, boot_now() + link->target.pace.ping_after * kSecond, kSecond);
+  else
+    sd_event_source_set_enabled(link->ping, SD_EVENT_OFF);
+  network_watch_neighbours(link, false);
   link_is_up(link);
 }
 
@@ -139,7 +188,8 @@ int connected_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
   if (result == HOST_OK)
     opened(link);
   else
-    lose(link, result == HOST_BUSY ? "the watch is busy: " + error : error);
+    lose(link, result == HOST_BUSY ? "the watch is busy: " + error : error,
+         result == HOST_AWAY ? hope_after_end(*link) : hope::changes);
   return 0;
 }
 
@@ -153,20 +203,20 @@ int introduced_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
     error = host_stream_trouble(*link->bus);
   }
   if (result == HOST_OK) return 0;
-  lose(link, error, result == HOST_REFUSED);
+  lose(link, error, result == HOST_REFUSED ? hope::none : hope_after_end(*link));
   return 0;
 }
 
 int gone_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
   auto *link = static_cast<phone_link *>(user_data);
-  if (link->stage != link_stage::down) lose(link, host_stream_trouble(*link->bus));
+  if (link->stage != link_stage::down) lose(link, host_stream_trouble(*link->bus), hope_after_end(*link));
   return 0;
 }
 
 int replaced_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
   auto *link = static_cast<phone_link *>(user_data);
   if (link->stage != link_stage::open) return 0;
-  lose(link, link_replaced, true); /* or the two would take turns without end */
+  lose(link, link_replaced, hope::none); /* or the two would take turns without end */
   return 0;
 }
 
@@ -182,23 +232,39 @@ int follow(phone_link *link) {
   return r;
 }
 
+/* How long the kernel repeats what opens a connection once a second. */
+uint64_t knocks_evenly() {
+  unsigned seconds = 0;
+  FILE *f = fopen("/proc/sys/net/ipv4/tcp_syn_linear_timeouts", "re");
+  if (f && fscanf(f, "%u", &seconds) != 1) seconds = 0;
+  if (f) fclose(f);
+  return std::clamp(seconds, 1u, 8u) * kSecond;
+}
+
+/* Over Bluetooth the controller keeps calling the device until it answers: a new try would do no better. */
+void give_up_in_time(phone_link *link) {
+  if (link->target.address.kind != carrier_kind::bluetooth)
+    set_alarm(link, link->opened_at + knocks_evenly() + kKnockPatience, 1);
+}
+
 void open_now(phone_link *link) {
   if (link->stage != link_stage::down) return;
   std::string error;
+  link->opened_at = boot_now();
   link->bus = host_open_stream(link->target.address, link->target.keys, &error);
   int r = 0;
   if (link->bus) {
     link->bus->nudge_fd = link->network_fd;
     link->bus->patience = link->target.pace.call_answer * kSecond;
     link->stage = link_stage::opening;
-    link->opened_at = boot_now();
+    give_up_in_time(link);
     r = follow(link);
     if (r < 0) error = std::string("the link cannot be used: ") + strerror(-r);
   }
   if (link->bus && r >= 0) return;
   end_stream(link);
   link_is_down(link, link->target.name + ": " + error);
-  retry_later(link, false);
+  retry_later(link, hope::changes);
 }
 
 int add_sources(phone_link *link) {
@@ -219,6 +285,7 @@ int stream_start(phone_link *link, std::string *error) {
     return -1;
   }
   network_follow(link);
+  network_watch_neighbours(link, true);
   share_start(link);
   link->lost_at = boot_now();
   open_now(link);
@@ -233,11 +300,17 @@ void stream_network_changed(phone_link *link, bool gone) {
   }
   link->lost_at = now; /* there is a reason to look for it often again */
   link->delay = 0;
+  link->unanswered = 0;
   if (link->stage == link_stage::opening) {
     if (now - link->opened_at < kSecond) return; /* it knows the new network already, or will fail soon */
     end_stream(link);
   }
   link_timer(link, &link->retry, kSettle, retry_cb);
+}
+
+void stream_neighbour_came(phone_link *link) {
+  if (link->stage == link_stage::down && boot_now() - link->opened_at > kSecond)
+    link_timer(link, &link->retry, kSettle, retry_cb);
 }
 
 void stream_keep_alive(phone_link *link) {

@@ -218,11 +218,11 @@ def test_pairing_over_bluetooth(s):
 
 
 def test_ends_while_it_connects(s):
-    box, told = Maildir(s.dir / "box"), 0
+    box = Maildir(s.dir / "box")
     for address in ("exec:exec sleep 1000", "exec:exec true", "ssh://192.0.2.1", "bluetooth:00:11:22:33:44:55"):
+        (s.dir / "relay.log").write_text("")  # or a late word of the one before were taken for this one's
         relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--watch", address)
-        s.wait(lambda: gate_of(relay, b"") or relay.log().count("waiting") > told, "a try")
-        told = relay.log().count("waiting")  # all write into one log
+        s.wait(lambda: gate_of(relay, b"") or "waiting" in relay.log(), "a try")
         relay.process.terminate()
         equal(relay.process.wait(5), 0, address)
     for address, said in (("ssh://-oProxyCommand=x", "is wanted"), ("ssh://a:x", "no port"), ("bluetooth:1", "hexadecimal"),
