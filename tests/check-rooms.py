@@ -16,19 +16,19 @@ AGREED = re.compile(r"^brisel-(body|bus|contact|reply|settings)\.h$")
 # What else a room may include by name, as patterns; its own and allowed folders' headers are found on disk.
 ROOMS = {
     "app": (["app", "common", "platform/inc"], [EFL, re.compile(r"^unicode/"), re.compile(r"^glib")]),
-    "common": (["common"], [re.compile(r"^glib")]),
+    "common": (["common"], [re.compile(r"^glib"), re.compile(r"^systemd/sd-bus\.h$")]),
     "platform": (["platform"], [AGREED, EFL, re.compile(r"^unicode/"), re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|systemd/)"),
                                 re.compile(r"^nlohmann/"), re.compile(r"^(seccomp\.h|linux/landlock\.h)$")]),
     "service": (["service", "common", "platform"], [EFL, re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|zlib\.h|systemd/)"),
                                                     re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^schema\.h$")]),
     # Told apart from the service around it: the store through its functions, the bus, texts.
     "service/src/notify": (["service/src", "common", "platform/inc"], [re.compile(r"^systemd/sd-(bus|id128)\.h$")]),
-    "phone": (["phone", "platform/inc"], [AGREED, re.compile(r"^(gmime|glib|gio)"), re.compile(r"^systemd/"),
+    "phone": (["phone", "platform/inc"], [AGREED, re.compile(r"^brisel-bluez\.h$"), re.compile(r"^(gmime|glib|gio)"), re.compile(r"^systemd/"),
                                           re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^phone-schema\.h$"),
                                           re.compile(r"^seccomp\.h$"),
                                           re.compile(r"^(libetpan|curl|gnutls|libsecret)/"),
                                           re.compile(r"^(resolv|netdb|termios|sysexits|net/if|linux/(rt)?netlink|zlib)\.h$")]),
-    "gate": (["gate", "platform/inc"], [AGREED, re.compile(r"^systemd/"), re.compile(r"^seccomp\.h$"),
+    "gate": (["gate", "platform/inc"], [AGREED, re.compile(r"^brisel-bluez\.h$"), re.compile(r"^systemd/"), re.compile(r"^seccomp\.h$"),
                                         re.compile(r"^phone-table\.h$")]),
     "tools": (["tools", "platform/inc", "platform/bus"], [AGREED, EFL, re.compile(r"^gio/"), re.compile(r"^systemd/"), re.compile(r"^(nlohmann|CLI)/")]),
 }

@@ -15,13 +15,13 @@
 #include <cstring>
 #include <string>
 
-#include "brisel-bus.h"
+#include "brisel-bluez.h"
 
 extern char **environ;
 
 namespace {
 
-constexpr char bluez[] = "org.bluez", profile_path[] = "/com/vextora/brisel/profile";
+constexpr char profile_path[] = "/com/vextora/brisel/profile";
 constexpr unsigned phones_max = 4;
 
 /* A phone whose gate runs, or whose bond is being looked at. */
@@ -78,7 +78,7 @@ int start_gate(phone *p) {
 }
 
 void reject(phone *p, const char *why) {
-  const sd_bus_error error = {"org.bluez.Error.Rejected", why, 0};
+  const sd_bus_error error = {bluez_rejected, why, 0};
   fprintf(stderr, "brisel-gate: %s is refused: %s\n", p->device.c_str(), why);
   sd_bus_reply_method_error(p->call, &error);
   free_place(p);
@@ -109,12 +109,13 @@ int new_connection(sd_bus_message *m, void *data, sd_bus_error *error) {
   phone *free_one = nullptr;
   for (phone &one : all->phones)
     if (one.device.empty()) free_one = &one;
-  if (!free_one) return sd_bus_error_set(error, "org.bluez.Error.Rejected", "too many phones at once");
+  if (!free_one) return sd_bus_error_set(error, bluez_rejected, "too many phones at once");
   free_one->device = device;
   free_one->fd = fcntl(fd, F_DUPFD_CLOEXEC, 3);
   free_one->call = sd_bus_message_ref(m);
-  if (free_one->fd < 0 || sd_bus_call_method_async(all->bus, nullptr, bluez, device, "org.freedesktop.DBus.Properties",
-                                                   "Get", bond_cb, free_one, "ss", "org.bluez.Device1", "Paired") < 0)
+  if (free_one->fd < 0 ||
+      sd_bus_call_method_async(all->bus, nullptr, bluez_name, device, "org.freedesktop.DBus.Properties", "Get", bond_cb,
+                               free_one, "ss", "org.bluez.Device1", "Paired") < 0)
     reject(free_one, "its bond cannot be looked at");
   return 1;
 }
@@ -132,27 +133,6 @@ int release(sd_bus_message *m, void *data, sd_bus_error *error) {
   return sd_bus_reply_method_return(m, "");
 }
 
-const sd_bus_vtable profile[] = {
-    SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD("Release", "", "", release, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("NewConnection", "oha{sv}", "", new_connection, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("RequestDisconnection", "o", "", request_disconnection, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_VTABLE_END,
-};
-
-/* Only BlueZ speaks to the profile: its name belongs to root alone on the system's bus. */
-int from_bluez_only_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  uint8_t type = 0;
-  sd_bus_message_get_type(m, &type);
-  if (type != SD_BUS_MESSAGE_METHOD_CALL || !sd_bus_message_is_method_call(m, "org.bluez.Profile1", nullptr)) return 0;
-  sd_bus_creds *creds = nullptr;
-  const char *owner = nullptr, *sender = sd_bus_message_get_sender(m);
-  const int r = sd_bus_get_name_creds(sd_bus_message_get_bus(m), bluez, SD_BUS_CREDS_UNIQUE_NAME, &creds);
-  const bool good = r >= 0 && sd_bus_creds_get_unique_name(creds, &owner) >= 0 && sender && !strcmp(owner, sender);
-  sd_bus_creds_unref(creds);
-  return good ? 0 : sd_bus_error_set(error, SD_BUS_ERROR_ACCESS_DENIED, "this is for BlueZ alone");
-}
-
 int registered_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   const sd_bus_error *why = sd_bus_message_get_error(m);
   if (why && why->name && !strstr(why->name, "ServiceUnknown") && !strstr(why->name, "NameHasNoOwner"))
@@ -162,18 +142,7 @@ int registered_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
 
 /* Without BlueZ there, nothing happens until it comes. */
 int register_profile(server *all) {
-  sd_bus_message *m = nullptr;
-  int r =
-      sd_bus_message_new_method_call(all->bus, &m, bluez, "/org/bluez", "org.bluez.ProfileManager1", "RegisterProfile");
-  if (r >= 0) r = sd_bus_message_set_auto_start(m, 0);
-  /* Channel 0: any that is free; its record tells phones which. Authorization is asked of the user's agent, but for
-     phones that the user trusts. */
-  if (r >= 0)
-    r = sd_bus_message_append(m, "osa{sv}", profile_path, pair_profile, 5, "Name", "s", "Brisel", "Role", "s", "server",
-                              "Channel", "q", 0, "RequireAuthentication", "b", 1, "RequireAuthorization", "b", 1);
-  if (r >= 0) r = sd_bus_call_async(all->bus, nullptr, m, registered_cb, all, 0);
-  sd_bus_message_unref(m);
-  return r;
+  return bluez_register_profile(all->bus, profile_path, true, registered_cb, all);
 }
 
 int bluez_came_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -193,13 +162,9 @@ int set_up(server *all) {
     if (r >= 0) r = sd_event_add_signal(all->event, nullptr, number, nullptr, nullptr);
   if (r >= 0) r = sd_bus_open_system(&all->bus);
   if (r >= 0) r = sd_bus_set_exit_on_disconnect(all->bus, 1);
-  if (r >= 0) r = sd_bus_add_filter(all->bus, nullptr, from_bluez_only_cb, all);
-  if (r >= 0) r = sd_bus_add_object_vtable(all->bus, nullptr, profile_path, "org.bluez.Profile1", profile, all);
   if (r >= 0)
-    r = sd_bus_add_match_async(all->bus, nullptr,
-                               "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
-                               "member='NameOwnerChanged',arg0='org.bluez'",
-                               bluez_came_cb, nullptr, all);
+    r = bluez_serve_profile(all->bus, profile_path, bluez_profile<new_connection, request_disconnection, release>,
+                            bluez_came_cb, all);
   if (r >= 0) r = register_profile(all);
   if (r >= 0) r = sd_bus_attach_event(all->bus, all->event, SD_EVENT_PRIORITY_NORMAL);
   return r;

@@ -6,7 +6,7 @@
 
 #include <string>
 
-inline constexpr char bluez_name[] = "org.bluez";
+#include "brisel-bluez.h"
 
 struct bluez_device {
   std::string path, adapter; /* object paths */

@@ -1,33 +1,23 @@
 /*
  * Lends the link to this phone's other commands, over a socket beside the watch's state.
  *
- * Over Bluetooth there is one connection to a device, and BlueZ takes a profile from one program only: while the relay
- * or `serve` has both, a command's calls go through it. Only calls that any program may make are passed on; what makes
- * one the phone stays with who has the link. The files of the link alone call it.
+ * Over Bluetooth there is one connection to a device: while the relay or `serve` has it, a command's calls go through
+ * it. Only calls that any program may make are passed on; what makes one the phone stays with who has the link. The
+ * files of the link alone call it.
  */
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "link-parts.h"
+#include "local-socket.h"
 
 namespace {
 
 constexpr size_t kBorrowersMax = 8, kCallsMax = 8;
 constexpr char kSocket[] = "link.socket";
-
-/* The address by way of the folder's descriptor: a path may be longer than an address. Closed by the caller. */
-int folder_address(sockaddr_un *address) {
-  int folder = open(phone_state_path("").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-  *address = {};
-  address->sun_family = AF_UNIX;
-  snprintf(address->sun_path, sizeof address->sun_path, "/proc/self/fd/%d/%s", folder, kSocket);
-  return folder;
-}
 
 /* --- one call --- */
 
@@ -144,17 +134,9 @@ int came_cb(sd_event_source *source, int fd, uint32_t revents, void *user_data) 
 
 /* Whoever holds the link's lock is alone here: what an earlier process left is in nobody's use. */
 int listen_for_them(phone_link *link) {
-  sockaddr_un address;
-  int folder = folder_address(&address);
-  if (folder < 0) return -errno;
-  unlinkat(folder, kSocket, 0);
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  int r = fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0 || listen(fd, 8) < 0
-              ? -errno
-              : 0;
-  close(folder);
-  link->share_fd = fd;
-  if (r >= 0) r = sd_event_add_io(link->event, &link->share, fd, EPOLLIN, came_cb, link);
+  link->share_fd = local_listen(phone_state_path(""), kSocket, SOCK_STREAM);
+  if (link->share_fd < 0) return link->share_fd;
+  int r = sd_event_add_io(link->event, &link->share, link->share_fd, EPOLLIN, came_cb, link);
   if (r >= 0) r = sd_event_add_defer(link->event, &link->share_drop, drop_cb, link);
   return r < 0 ? r : sd_event_source_set_enabled(link->share_drop, SD_EVENT_OFF);
 }
@@ -198,12 +180,5 @@ void share_end(phone_link *link) {
 }
 
 int link_borrow() {
-  sockaddr_un address;
-  int folder = folder_address(&address);
-  if (folder < 0) return -1;
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  bool there = fd >= 0 && connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-  close(folder);
-  if (fd >= 0 && !there) close(fd);
-  return there ? fd : -1;
+  return local_connect(phone_state_path(""), kSocket, SOCK_STREAM);
 }
