@@ -136,9 +136,9 @@ int relay_note_set(phone_state *state, const char *key, const std::string &value
 }
 
 int relay_note_tell(phone_state *state, const char *key, const std::string &value) {
-  if (state->db.run("PRAGMA synchronous=NORMAL") < 0) return state_fail(state, kCannotWrite);
-  int result = relay_note_set(state, key, value);
-  return state->db.run("PRAGMA synchronous=FULL") < 0 ? state_fail(state, kCannotWrite) : result;
+  int result = 0;
+  const int done = state->db.unhurried([&] { return result = relay_note_set(state, key, value); });
+  return done < 0 && result == 0 ? state_fail(state, kCannotWrite) : result;
 }
 
 int relay_note_get(phone_state *state, const char *key, std::string *value) {

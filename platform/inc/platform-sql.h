@@ -73,6 +73,14 @@ struct sql_db {
     if (status) undo();
     return status;
   }
+  /* What work() commits is on the disk with the next commit that waits for it: a process that is killed finds it, a
+     machine that loses its power may not. Returns what work() returned, or -1. */
+  template <typename F>
+  int unhurried(F &&work) {
+    if (run("PRAGMA synchronous = NORMAL")) return sql_failed;
+    const int status = work();
+    return run("PRAGMA synchronous = FULL") ? sql_failed : status;
+  }
   /* Takes back the transaction that is open; nothing when none is. error() and trouble() keep what they said. */
   void undo(void);
 

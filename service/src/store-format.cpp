@@ -5,6 +5,8 @@
 #include <charconv>
 #include <cstring>
 
+#include "brisel-common.h"
+
 const std::array<field_rule, mail_field_count> mail_fields = {{
     {"host_state", field_kind::number, 0},
     {"received_time", field_kind::time, 0},
@@ -22,6 +24,23 @@ const std::array<field_rule, mail_field_count> mail_fields = {{
     {"contacts", field_kind::contacts, contacts_max},
     {"body", field_kind::text, body_max},
 }};
+
+std::string journal_sql(std::string_view sql) {
+  static constexpr struct {
+    std::string_view mark;
+    int64_t number;
+  } words[] = {
+      {"[waits]", BRISEL_REQUEST_STATE_WAITS}, {"[handed over]", BRISEL_REQUEST_STATE_HANDED_OVER},
+      {"[sent]", BRISEL_REQUEST_STATE_SENT},   {"[refused]", BRISEL_REQUEST_STATE_REFUSED},
+      {"[reply]", BRISEL_REQUEST_KIND_REPLY},  {"[kept]", journal_ended_kept},
+  };
+  std::string text(sql);
+  for (const auto &word : words) {
+    const std::string number = std::to_string(word.number);
+    for (size_t at; (at = text.find(word.mark)) != std::string::npos;) text.replace(at, word.mark.size(), number);
+  }
+  return text;
+}
 
 const std::string &mail_columns(void) {
   static const std::string columns = [] {

@@ -69,6 +69,14 @@ const std::string &mail_columns(void);
 /* -1 when there is no such field. */
 int mail_field_index(const char *name);
 
+/* --- the journal --- */
+
+/* Seconds that a row which ended is still shown. */
+constexpr int64_t journal_ended_kept = 24 * 3600;
+/* SQL with the numbers that these marks stand for: [waits], [handed over], [sent], [refused] (brisel_request_state),
+   [reply] (brisel_request_kind) and [kept] (journal_ended_kept). */
+std::string journal_sql(std::string_view sql);
+
 /* Text that every border takes: what is no UTF-8, a zero byte or a code point that a bus refuses becomes U+FFFD. */
 std::string clean_text(std::string_view text);
 

@@ -7,8 +7,8 @@
 
 namespace {
 
-/* Seconds that a row is kept behind its last change: of what ended, and of a reply that may still end. */
-constexpr int64_t ended_kept = 24 * 3600, open_kept = 30 * ended_kept;
+/* Seconds that a reply which may still end is kept behind its last change. */
+constexpr int64_t open_kept = 30 * journal_ended_kept;
 /* Rows that wait for no phone. */
 constexpr int64_t rows_kept = 200;
 
@@ -42,14 +42,15 @@ store_status forget(store *st, int64_t id) {
 }  // namespace
 
 store_status journal_prune(store *st) {
-  const store_status status = run_sql(st,
-                                      "DELETE FROM journal WHERE state <> 0 AND"
-                                      " changed < ?1 - CASE WHEN kind <> 1 OR state = 2 THEN ?2 ELSE ?3 END",
-                                      now_seconds(), ended_kept, open_kept);
+  const store_status status =
+      run_sql(st,
+              journal_sql("DELETE FROM journal WHERE state <> [waits] AND changed < ?1 - "
+                          "CASE WHEN kind <> [reply] OR state = [sent] THEN [kept] ELSE ?2 END"),
+              now_seconds(), open_kept);
   if (status) return status;
   return run_sql(st,
-                 "DELETE FROM journal WHERE id IN (SELECT id FROM journal WHERE state <> 0"
-                 " ORDER BY kind <> 1 OR state = 2, changed DESC, id DESC LIMIT -1 OFFSET ?)",
+                 journal_sql("DELETE FROM journal WHERE id IN (SELECT id FROM journal WHERE state <> [waits]"
+                             " ORDER BY kind <> [reply] OR state = [sent], changed DESC, id DESC LIMIT -1 OFFSET ?)"),
                  rows_kept);
 }
 
@@ -85,14 +86,18 @@ store_status store_outbox_remove(store *st, int64_t id) {
   return transaction(st, [&]() -> store_status {
     store_status status = run_sql(st, "DELETE FROM outbox WHERE id = ?", id);
     if (!status)
-      status = run_sql(st, "UPDATE journal SET state = 1, changed = ? WHERE id = ? AND state = 0", now_seconds(), id);
+      status = run_sql(
+          st, journal_sql("UPDATE journal SET state = [handed over], changed = ? WHERE id = ? AND state = [waits]"),
+          now_seconds(), id);
     return status || st->db.changed() == 0 ? status : tell(st, id);
   });
 }
 
 store_status store_phone_came(store *st) {
   st->phone_there = true;
-  return transaction(st, [&] { return run_sql(st, "UPDATE journal SET offered = 1 WHERE state = 0 AND offered = 0"); });
+  return transaction(st, [&] {
+    return run_sql(st, journal_sql("UPDATE journal SET offered = 1 WHERE state = [waits] AND offered = 0"));
+  });
 }
 
 void store_phone_left(store *st) {
@@ -145,9 +150,8 @@ store_status store_set_outcome(store *st, const std::string &uid, reply_outcome 
   *refused = false;
   return transaction(st, [&]() -> store_status {
     /* What was sent stays sent. The rows of other kinds end when the phone has them. */
-    sql_statement find(&st->db,
-                       "SELECT id, state FROM journal WHERE uid = ?1 AND kind = 1 AND state <> 2 AND"
-                       " (state <> ?2 OR reason <> ?3)");
+    sql_statement find(&st->db, journal_sql("SELECT id, state FROM journal WHERE uid = ?1 AND kind = [reply] AND"
+                                            " state <> [sent] AND (state <> ?2 OR reason <> ?3)"));
     const sql_result r = find.bind(uid, state, reason).step();
     if (r == sql_done) return store_ok; /* told before, or forgotten here */
     if (r != sql_row) return fail_sql(st);
@@ -157,8 +161,8 @@ store_status store_set_outcome(store *st, const std::string &uid, reply_outcome 
     store_status status = run_sql(st, "DELETE FROM outbox WHERE id = ?", id); /* so the phone has it */
     if (status) return status;
     status = run_sql(st,
-                     "UPDATE journal SET state = ?1, reason = ?2, changed = ?3,"
-                     " json = CASE ?1 WHEN 2 THEN '' ELSE json END WHERE id = ?4",
+                     journal_sql("UPDATE journal SET state = ?1, reason = ?2, changed = ?3,"
+                                 " json = CASE ?1 WHEN [sent] THEN '' ELSE json END WHERE id = ?4"),
                      state, reason, now_seconds(), id);
     if (!status && *refused) status = store_notify_refused(st, id);
     return status ? status : tell(st, id);

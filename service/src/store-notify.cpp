@@ -9,14 +9,13 @@ namespace {
    nothing of it has come for so many seconds. */
 constexpr int64_t first_sync_pause = 10;
 
-/* A transaction that is on the disk with the next one that waits for it. A service that is killed finds it; a machine
-   that loses its power loses what stood on its screen as well, and is told anew. */
+/* A transaction that waits for no disk: a machine that loses its power loses what stood on its screen as well, and is
+   told anew. */
 template <typename F>
 store_status unhurried(store *st, F &&work) {
-  store_status status = checked(st, st->db.run("PRAGMA synchronous = NORMAL"));
-  if (!status) status = transaction(st, work);
-  const bool restored = !st->db.run("PRAGMA synchronous = FULL");
-  return restored || status ? status : fail_sql(st);
+  store_status status = store_ok;
+  const int done = st->db.unhurried([&] { return (status = transaction(st, work)) ? sql_failed : sql_done; });
+  return done && !status ? fail_sql(st) : status;
 }
 
 int64_t looked_at(store *st) {

@@ -71,7 +71,7 @@ store_status run(store *st, sql_statement *statement, const T &...values) {
 }
 
 template <typename... T>
-store_status run_sql(store *st, const char *sql, const T &...values) {
+store_status run_sql(store *st, const std::string &sql, const T &...values) {
   sql_statement once(&st->db, sql);
   return run(st, &once, values...);
 }

@@ -72,9 +72,8 @@ store_status store_request_reply(store *st, const store_request &asked, const re
 }
 
 store_status store_outbox(store *st, std::vector<outbox_entry> *entries) {
-  sql_statement list(&st->db,
-                     "SELECT outbox.id, outbox.json, journal.uid FROM outbox"
-                     " LEFT JOIN journal ON journal.id = outbox.id AND journal.kind = 1 ORDER BY outbox.id");
+  sql_statement list(&st->db, journal_sql("SELECT outbox.id, outbox.json, journal.uid FROM outbox LEFT JOIN journal"
+                                          " ON journal.id = outbox.id AND journal.kind = [reply] ORDER BY outbox.id"));
   sql_result r;
   while ((r = list.step()) == sql_row) entries->push_back({list.number(0), list.text(1), list.text(2)});
   return checked(st, r);

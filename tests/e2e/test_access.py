@@ -14,7 +14,7 @@ class Reader:
     def __init__(self, s):
         self.s = s
         self.running = [subprocess.Popen([LAUNCHER, "--launch-immediately", "--a11y=1", "--screen-reader=1"], env=s.env,
-                                         stderr=subprocess.DEVNULL)]
+                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)]
         self.bus = s.wait(self.address, "the accessibility bus")
         self.running.append(subprocess.Popen([REGISTRY], env={**s.env, "DBUS_SESSION_BUS_ADDRESS": self.bus},
                                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))

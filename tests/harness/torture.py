@@ -73,7 +73,15 @@ class World:
 def torture(s, rounds, seed, hurt, heal=lambda: None, options=(), watch=()):
     """hurt(world, n) does the n-th harm. options: more of the relay's. watch: which watch it is, as options."""
     world = World(s, seed, (*options, *watch))
-    relay, mailbox, mta = world.relay, world.mailbox, world.mta
+    try:
+        torment(world, rounds, hurt, heal, watch)
+    finally:  # the reader outlives no failure: whoever waits for our output would wait for its end
+        world.reader.kill()
+        world.reader.wait()
+
+
+def torment(world, rounds, hurt, heal, watch):
+    s, relay, mailbox, mta = world.s, world.relay, world.mailbox, world.mta
     for n in range(1, rounds + 1):
         for _ in range(world.rng.randrange(3)):
             mailbox.change()
