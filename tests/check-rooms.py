@@ -19,7 +19,7 @@ ROOMS = {
     "common": (["common"], [re.compile(r"^glib"), re.compile(r"^systemd/sd-bus\.h$")]),
     "platform": (["platform"], [AGREED, EFL, re.compile(r"^unicode/"), re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|systemd/)"),
                                 re.compile(r"^nlohmann/"), re.compile(r"^(seccomp\.h|linux/landlock\.h)$")]),
-    "service": (["service", "common", "platform"], [EFL, re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|zlib\.h|systemd/)"),
+    "service": (["service", "common", "platform"], [EFL, re.compile(r"^glib"), re.compile(r"^(zlib\.h|systemd/)"),
                                                     re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^schema\.h$")]),
     # Told apart from the service around it: the store through its functions, the bus, texts.
     "service/src/notify": (["service/src", "common", "platform/inc"], [re.compile(r"^systemd/sd-(bus|id128)\.h$")]),

@@ -37,6 +37,10 @@ enum class sql_access {
   create /* write, and made when missing */
 };
 
+/* Before the process uses SQLite for the first time, and without effect later: it then does not count how much memory
+   it uses, for which it would take a lock for every piece. */
+void sql_count_no_memory(void);
+
 /* One connection. Closed at the end of its scope; what was not committed is then undone. */
 struct sql_db {
   sql_db() = default;
@@ -115,8 +119,8 @@ struct sql_blob {
    step() or run(). Values are copied. */
 struct sql_statement {
   sql_statement() = default;
-  sql_statement(sql_db *db, const char *sql) { prepare(db, sql); }
-  sql_statement(sql_db *db, const std::string &sql) { prepare(db, sql.c_str()); }
+  sql_statement(sql_db *db, const char *sql) { prepare(db, sql, false); }
+  sql_statement(sql_db *db, const std::string &sql) { prepare(db, sql.c_str(), false); }
   ~sql_statement() { finish(); }
   sql_statement(sql_statement &&other) noexcept { *this = static_cast<sql_statement &&>(other); }
   sql_statement &operator=(sql_statement &&other) noexcept;
@@ -124,7 +128,7 @@ struct sql_statement {
   sql_statement &operator=(const sql_statement &) = delete;
 
   /* For statements that are kept; the db must stay where it is. 0 or -1. */
-  int prepare(sql_db *db, const char *sql);
+  int prepare(sql_db *db, const char *sql, bool kept = true);
   bool is_prepared(void) const { return statement_ != nullptr; }
   void finish(void);
   /* Back to the start, without values. */

@@ -59,6 +59,10 @@ void make_private(const std::string &path, bool create) {
 
 }  // namespace
 
+void sql_count_no_memory(void) {
+  sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+}
+
 /* --- connection --- */
 
 sql_db &sql_db::operator=(sql_db &&other) noexcept {
@@ -73,8 +77,9 @@ sql_db &sql_db::operator=(sql_db &&other) noexcept {
 
 int sql_db::note(int result) {
   code_ = result;
-  if (trouble_of(result) != sql_trouble::none) error_ = handle_ ? sqlite3_errmsg(handle_) : sqlite3_errstr(result);
-  return trouble_of(result) == sql_trouble::none ? 0 : sql_failed;
+  if (trouble_of(result) == sql_trouble::none) return 0;
+  error_ = handle_ ? sqlite3_errmsg(handle_) : sqlite3_errstr(result);
+  return sql_failed;
 }
 
 int sql_db::open(const std::string &path, sql_access access, int wait_ms) {
@@ -174,7 +179,7 @@ void sql_statement::note(int result) {
   if (db_->note(result)) broken_ = true;
 }
 
-int sql_statement::prepare(sql_db *db, const char *sql) {
+int sql_statement::prepare(sql_db *db, const char *sql, bool kept) {
   finish();
   db_ = db;
   broken_ = false;
@@ -182,7 +187,7 @@ int sql_statement::prepare(sql_db *db, const char *sql) {
     broken_ = true;
     return sql_failed;
   }
-  note(sqlite3_prepare_v3(db->handle_, sql, -1, 0, &statement_, nullptr));
+  note(sqlite3_prepare_v3(db->handle_, sql, -1, kept ? SQLITE_PREPARE_PERSISTENT : 0, &statement_, nullptr));
   return broken_ ? sql_failed : 0;
 }
 
@@ -200,11 +205,13 @@ void sql_statement::reset(void) {
 }
 
 void sql_statement::bind_null(int index) {
-  if (statement_) note(sqlite3_bind_null(statement_, index));
+  const int result = statement_ ? sqlite3_bind_null(statement_, index) : SQLITE_OK;
+  if (result != SQLITE_OK) note(result);
 }
 
 void sql_statement::bind_number(int index, int64_t value) {
-  if (statement_) note(sqlite3_bind_int64(statement_, index, value));
+  const int result = statement_ ? sqlite3_bind_int64(statement_, index, value) : SQLITE_OK;
+  if (result != SQLITE_OK) note(result);
 }
 
 void sql_statement::bind_bytes(int index, std::string_view value, bool blob) {
@@ -217,8 +224,8 @@ void sql_statement::bind_bytes(int index, std::string_view value, bool blob) {
 sql_result sql_statement::step(void) {
   if (!statement_ || broken_) return sql_failed;
   const int result = sqlite3_step(statement_);
-  if (db_->note(result)) return sql_failed;
-  return result == SQLITE_ROW ? sql_row : sql_done;
+  if (result == SQLITE_ROW) return sql_row;
+  return db_->note(result) ? sql_failed : sql_done;
 }
 
 int sql_statement::run(void) {
@@ -238,8 +245,7 @@ bool sql_statement::is_null(int column) const {
 
 std::string_view sql_statement::view(int column) const {
   if (!statement_) return "";
-  const bool blob = sqlite3_column_type(statement_, column) == SQLITE_BLOB;
-  const void *bytes = blob ? sqlite3_column_blob(statement_, column) : sqlite3_column_text(statement_, column);
+  const unsigned char *bytes = sqlite3_column_text(statement_, column); /* of a blob its bytes as they are */
   if (!bytes) return "";
-  return {static_cast<const char *>(bytes), static_cast<size_t>(sqlite3_column_bytes(statement_, column))};
+  return {reinterpret_cast<const char *>(bytes), static_cast<size_t>(sqlite3_column_bytes(statement_, column))};
 }

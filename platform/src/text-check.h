@@ -3,6 +3,8 @@
 #define BRISEL_PLATFORM_TEXT_CHECK_H
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
 
 /* The byte length (1 to 4) of the well-formed character at the start of text, or 0: no overlong forms, no surrogates,
@@ -29,11 +31,22 @@ inline size_t text_utf8_length(std::string_view text) {
   return 0;
 }
 
+/* Whole bodies go through it: ASCII goes by eight, and the letters of most other scripts by their two bytes. */
 inline bool text_utf8_valid(std::string_view text) {
-  while (!text.empty()) {
-    const size_t length = text_utf8_length(text);
+  const auto *bytes = reinterpret_cast<const unsigned char *>(text.data());
+  const size_t size = text.size();
+  for (size_t i = 0; i < size;) {
+    uint64_t word;
+    for (; i + sizeof word <= size; i += sizeof word) {
+      memcpy(&word, bytes + i, sizeof word);
+      if (word & 0x8080808080808080u) break;
+    }
+    while (i < size && bytes[i] < 0x80) i++;
+    while (i + 1 < size && bytes[i] >= 0xC2 && bytes[i] <= 0xDF && (bytes[i + 1] & 0xC0) == 0x80) i += 2;
+    if (i == size || bytes[i] < 0x80) continue;
+    const size_t length = text_utf8_length(text.substr(i));
     if (length == 0) return false;
-    text.remove_prefix(length);
+    i += length;
   }
   return true;
 }

@@ -97,11 +97,11 @@ void queue_event(int type, const std::vector<int> &ids) {
 
 std::vector<int> read_ids(reader_query which, int from) {
   std::vector<int> ids;
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   if (reader_start(which, &q) || !q) return ids;
-  if (from > 0) sqlite3_bind_int(q, 1, from);
-  int r;
-  while ((r = sqlite3_step(q)) == SQLITE_ROW) ids.push_back(sqlite3_column_int(q, 0));
+  if (from > 0) q->bind(from);
+  sql_result r;
+  while ((r = q->step()) == sql_row) ids.push_back(q->integer(0));
   reader_done(q, r);
   return ids;
 }
@@ -111,12 +111,12 @@ void know_store(void) {
   feed.files_replaced = reader_files_replaced();
   feed.first_mail = 1;
   feed.last_mail = 0;
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   if (!reader_start(reader_mail_range, &q) && q) {
-    const int r = sqlite3_step(q);
-    if (r == SQLITE_ROW) {
-      feed.first_mail = sqlite3_column_int(q, 0);
-      feed.last_mail = sqlite3_column_int(q, 1);
+    const sql_result r = q->step();
+    if (r == sql_row) {
+      feed.first_mail = q->integer(0);
+      feed.last_mail = q->integer(1);
     }
     reader_done(q, r);
   }
@@ -173,25 +173,24 @@ void take_change(int type, std::vector<int> ids) {
 void events_read(void) {
   if (!feed.open) return;
   reader_check_file();
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   if (reader_start(reader_last_change, &q) || !q) return;
-  int r = sqlite3_step(q);
-  const int64_t newest = r == SQLITE_ROW ? sqlite3_column_int64(q, 0) : 0;
+  sql_result r = q->step();
+  const int64_t newest = r == sql_row ? q->number(0) : 0;
   if (reader_done(q, r)) return;
   const bool other_store = reader_files_replaced() != feed.files_replaced || newest < feed.last_change;
   bool missing = other_store;
   if (!missing && newest > feed.last_change) {
     if (reader_start(reader_changes, &q) || !q) return;
-    sqlite3_bind_int64(q, 1, feed.last_change);
-    while ((r = sqlite3_step(q)) == SQLITE_ROW) {
-      const int64_t seq = sqlite3_column_int64(q, 0);
+    q->bind(feed.last_change);
+    while ((r = q->step()) == sql_row) {
+      const int64_t seq = q->number(0);
       missing = seq != feed.last_change + 1;
       if (missing) break;
       feed.last_change = seq;
-      const int type = sqlite3_column_int(q, 1);
+      const int type = q->integer(1);
       if (type < 0 || type >= event_types) continue;
-      const unsigned char *text = sqlite3_column_text(q, 2);
-      take_change(type, ids_from_text(text ? reinterpret_cast<const char *>(text) : ""));
+      take_change(type, ids_from_text(q->view(2)));
     }
     reader_done(q, r);
   }
@@ -209,10 +208,10 @@ void events_start(void) {
   feed.open = true;
   know_store();
   feed.last_change = 0;
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   if (reader_start(reader_last_change, &q) || !q) return;
-  const int r = sqlite3_step(q);
-  if (r == SQLITE_ROW) feed.last_change = sqlite3_column_int64(q, 0);
+  const sql_result r = q->step();
+  if (r == sql_row) feed.last_change = q->number(0);
   reader_done(q, r);
 }
 

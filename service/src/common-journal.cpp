@@ -15,18 +15,17 @@ void free_request(gpointer data) {
 }
 
 /* false when memory is short. */
-bool read_request(sqlite3_stmt *q, brisel_request_data *entry) {
+bool read_request(sql_statement *q, brisel_request_data *entry) {
   int column = 0;
   for (int *number :
        {&entry->request_id, &entry->kind, &entry->state, &entry->mail_id, &entry->mail_count, &entry->can_change})
-    *number = sqlite3_column_int(q, column++);
-  entry->created = static_cast<time_t>(sqlite3_column_int64(q, column++));
-  entry->changed = static_cast<time_t>(sqlite3_column_int64(q, column++));
+    *number = q->integer(column++);
+  entry->created = static_cast<time_t>(q->number(column++));
+  entry->changed = static_cast<time_t>(q->number(column++));
   for (char **text : {&entry->person, &entry->subject, &entry->text, &entry->reason}) {
-    const unsigned char *stored = sqlite3_column_text(q, column);
-    const int bytes = sqlite3_column_bytes(q, column++);
-    *text = records_text(nullptr, stored, bytes);
-    if (!*text && stored && bytes > 0) return false;
+    const std::string_view stored = q->view(column++);
+    *text = records_text(nullptr, stored);
+    if (!*text && !stored.empty()) return false;
   }
   return true;
 }
@@ -51,17 +50,17 @@ void brisel_request_data_list_free(GSList *list) {
 int brisel_db_get_all_request_data(GSList **list) {
   if (!list) return BRISEL_COMMON_ERROR_INVALID;
   *list = nullptr;
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   int status = reader_start(reader_requests, &q);
   if (!q) return status;
   GSList *requests = nullptr;
-  int r = SQLITE_DONE;
-  while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
+  sql_result r = sql_done;
+  while (!status && (r = q->step()) == sql_row) {
     brisel_request_data *entry = g_try_new0(brisel_request_data, 1);
     if (entry) requests = g_slist_prepend(requests, entry);
     if (!entry || !read_request(q, entry)) status = BRISEL_COMMON_ERROR_MEMORY;
   }
-  const int done = reader_done(q, status ? SQLITE_DONE : r);
+  const int done = reader_done(q, status ? sql_done : r);
   if (!status) status = done;
   if (status) {
     brisel_request_data_list_free(requests);

@@ -13,36 +13,32 @@ constexpr int column(mail_field field) {
   return 1 + field;
 }
 
-bool read_text(slab *s, sqlite3_stmt *q, int column, char **text) {
-  const unsigned char *stored = sqlite3_column_text(q, column);
-  *text = nullptr;
-  if (!stored) return true;
-  const int bytes = sqlite3_column_bytes(q, column);
-  *text = records_text(s, stored, bytes);
-  return *text || bytes == 0;
+bool read_text(slab *s, sql_statement *q, int column, char **text) {
+  const std::string_view stored = q->view(column);
+  *text = records_text(s, stored);
+  return *text || stored.empty();
 }
 
 /* Fills an empty record from the query's row, all but the body; false when memory is short. */
-bool read_row(slab *s, sqlite3_stmt *q, full_noti_data *mail) {
-  mail->mail_id = sqlite3_column_int(q, 0);
-  mail->host_state = sqlite3_column_int(q, column(field_host_state));
-  mail->received_time = static_cast<time_t>(sqlite3_column_int64(q, column(field_time)));
-  mail->attachment_count = sqlite3_column_int(q, column(field_attachments));
-  mail->has_image = sqlite3_column_int(q, column(field_image));
-  mail->is_new = sqlite3_column_int(q, column(field_new));
-  mail->account_id = sqlite3_column_int(q, column(field_account));
-  mail->security_locked = sqlite3_column_int(q, column(field_locked));
-  mail->is_read = sqlite3_column_int(q, column(field_read));
-  const unsigned char *contacts = sqlite3_column_text(q, column(field_contacts));
+bool read_row(slab *s, sql_statement *q, full_noti_data *mail) {
+  mail->mail_id = q->integer(0);
+  mail->host_state = q->integer(column(field_host_state));
+  mail->received_time = static_cast<time_t>(q->number(column(field_time)));
+  mail->attachment_count = q->integer(column(field_attachments));
+  mail->has_image = q->integer(column(field_image));
+  mail->is_new = q->integer(column(field_new));
+  mail->account_id = q->integer(column(field_account));
+  mail->security_locked = q->integer(column(field_locked));
+  mail->is_read = q->integer(column(field_read));
   return read_text(s, q, column(field_tag), &mail->host_tag) &&
          read_text(s, q, column(field_subject), &mail->subject) &&
          read_text(s, q, column(field_address), &mail->from_address) &&
          read_text(s, q, column(field_name), &mail->from_name) &&
          read_text(s, q, column(field_uid), &mail->message_uid) &&
-         (!contacts || records_set_contacts(s, mail, contacts, sqlite3_column_bytes(q, column(field_contacts))));
+         records_set_contacts(s, mail, q->view(column(field_contacts)));
 }
 
-bool read_mail(slab *s, sqlite3_stmt *q, full_noti_data *mail) {
+bool read_mail(slab *s, sql_statement *q, full_noti_data *mail) {
   return read_row(s, q, mail) && read_text(s, q, column(field_body), &mail->body);
 }
 
@@ -73,33 +69,34 @@ struct growing_list {
 };
 
 /* A record for every row that the query gives; the query is done then. */
-int read_into(growing_list *mails, sqlite3_stmt *q, bool (*read)(slab *, sqlite3_stmt *, full_noti_data *)) {
-  int status = 0, r = SQLITE_DONE;
-  while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
+int read_into(growing_list *mails, sql_statement *q, bool (*read)(slab *, sql_statement *, full_noti_data *)) {
+  int status = 0;
+  sql_result r = sql_done;
+  while (!status && (r = q->step()) == sql_row) {
     full_noti_data *mail = mails->add();
     if (!mail || !read(mails->s, q, mail)) status = BRISEL_COMMON_ERROR_MEMORY;
   }
-  const int done = reader_done(q, status ? SQLITE_DONE : r);
+  const int done = reader_done(q, status ? sql_done : r);
   return status ? status : done;
 }
 
-bool read_account(sqlite3_stmt *q, account_data *account) {
-  account->account_id = sqlite3_column_int(q, 0);
-  account->account_value = sqlite3_column_int(q, 1);
+bool read_account(sql_statement *q, account_data *account) {
+  account->account_id = q->integer(0);
+  account->account_value = q->integer(1);
   return read_text(nullptr, q, 2, &account->email_address) && read_text(nullptr, q, 3, &account->display_name);
 }
 
 /* The single number that a query gives for id (not bound when negative). */
 int read_number(reader_query which, int id, int *number) {
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   const int status = reader_start(which, &q);
   if (!q) return status;
-  if (id >= 0) sqlite3_bind_int(q, 1, id);
-  const int r = sqlite3_step(q);
-  const int value = r == SQLITE_ROW ? sqlite3_column_int(q, 0) : 0;
+  if (id >= 0) q->bind(id);
+  const sql_result r = q->step();
+  const int value = r == sql_row ? q->integer(0) : 0;
   const int done = reader_done(q, r);
   if (done) return done;
-  if (r != SQLITE_ROW) return BRISEL_COMMON_ERROR_NOT_FOUND;
+  if (r != sql_row) return BRISEL_COMMON_ERROR_NOT_FOUND;
   *number = value;
   return 0;
 }
@@ -110,9 +107,9 @@ int brisel_db_init(void) {
   if (!opened) reader_hold();
   opened = true;
   /* A store that is there must be readable; one that is not there yet is made by the service. */
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   const int status = reader_start(reader_account_count, &q);
-  return q ? reader_done(q, SQLITE_DONE) : status;
+  return q ? reader_done(q, sql_done) : status;
 }
 
 int brisel_db_deinit(void) {
@@ -146,17 +143,17 @@ int brisel_db_get_all_account_data(GSList **list) {
   if (!list) return BRISEL_COMMON_ERROR_INVALID;
   *list = nullptr;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   int status = reader_start(reader_accounts, &q);
   if (!q) return status;
   GSList *accounts = nullptr;
-  int r;
-  while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
+  sql_result r = sql_done;
+  while (!status && (r = q->step()) == sql_row) {
     account_data *account = brisel_account_data_create();
     if (account) accounts = g_slist_prepend(accounts, account);
     if (!account || !read_account(q, account)) status = BRISEL_COMMON_ERROR_MEMORY;
   }
-  const int done = reader_done(q, status ? SQLITE_DONE : r);
+  const int done = reader_done(q, status ? sql_done : r);
   if (!status) status = done;
   if (status) {
     brisel_account_data_list_free(accounts);
@@ -169,38 +166,36 @@ int brisel_db_get_all_account_data(GSList **list) {
 int brisel_db_get_account_data_by_account_id(int account_id, account_data *out) {
   if (!out || account_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   const int status = reader_start(reader_account, &q);
   if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
-  sqlite3_bind_int(q, 1, account_id);
-  const int r = sqlite3_step(q);
+  const sql_result r = q->bind(account_id).step();
   bool whole = true;
-  if (r == SQLITE_ROW) {
+  if (r == sql_row) {
     records_clear_account(out);
     whole = read_account(q, out);
   }
   const int done = reader_done(q, r);
   if (done) return done;
-  if (r != SQLITE_ROW) return BRISEL_COMMON_ERROR_NOT_FOUND;
+  if (r != sql_row) return BRISEL_COMMON_ERROR_NOT_FOUND;
   return whole ? 0 : BRISEL_COMMON_ERROR_MEMORY;
 }
 
 int brisel_db_get_full_noti_data_by_mail_id(int mail_id, full_noti_data *out) {
   if (!out || mail_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   const int status = reader_start(reader_mail, &q);
   if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
-  sqlite3_bind_int(q, 1, mail_id);
-  const int r = sqlite3_step(q);
+  const sql_result r = q->bind(mail_id).step();
   bool whole = true;
-  if (r == SQLITE_ROW) {
+  if (r == sql_row) {
     records_clear_mail(out);
     whole = read_mail(nullptr, q, out);
   }
   const int done = reader_done(q, r);
   if (done) return done;
-  if (r != SQLITE_ROW) return BRISEL_COMMON_ERROR_NOT_FOUND;
+  if (r != sql_row) return BRISEL_COMMON_ERROR_NOT_FOUND;
   return whole ? 0 : BRISEL_COMMON_ERROR_MEMORY;
 }
 
@@ -209,10 +204,10 @@ int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **lis
   *list = nullptr;
   *count = 0;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   const int status = reader_start(account_id ? reader_mails_of_account : reader_mails, &q);
   if (!q) return status;
-  if (account_id) sqlite3_bind_int(q, 1, account_id);
+  if (account_id) q->bind(account_id);
   growing_list mails;
   return mails.finish(read_into(&mails, q, read_mail), list, count);
 }
@@ -222,13 +217,14 @@ int brisel_db_get_mail_places_by_account_id(int account_id, brisel_mail_place **
   *places = nullptr;
   *count = 0;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   int status = reader_start(account_id ? reader_places_of_account : reader_places, &q);
   if (!q) return status;
-  if (account_id) sqlite3_bind_int(q, 1, account_id);
+  if (account_id) q->bind(account_id);
   brisel_mail_place *all = nullptr;
-  int length = 0, room = 0, r = SQLITE_DONE;
-  while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
+  int length = 0, room = 0;
+  sql_result r = sql_done;
+  while (!status && (r = q->step()) == sql_row) {
     if (length == room) {
       room = room ? room * 2 : 256;
       brisel_mail_place *more = g_try_renew(brisel_mail_place, all, room);
@@ -238,10 +234,9 @@ int brisel_db_get_mail_places_by_account_id(int account_id, brisel_mail_place **
       }
       all = more;
     }
-    all[length++] = {sqlite3_column_int(q, 0), static_cast<time_t>(sqlite3_column_int64(q, 1)),
-                     sqlite3_column_int(q, 2)};
+    all[length++] = {q->integer(0), static_cast<time_t>(q->number(1)), q->integer(2)};
   }
-  const int done = reader_done(q, status ? SQLITE_DONE : r);
+  const int done = reader_done(q, status ? sql_done : r);
   if (!status) status = done;
   if (status) {
     g_free(all);
@@ -261,11 +256,10 @@ int brisel_db_get_noti_rows_by_mail_ids(const int *ids, int ids_count, GSList **
   int status = mails.s ? 0 : BRISEL_COMMON_ERROR_MEMORY;
   for (int i = 0; !status && i < ids_count;) {
     const bool many = ids_count - i >= reader_many;
-    sqlite3_stmt *q = nullptr;
+    sql_statement *q = nullptr;
     status = reader_start(many ? reader_many_rows : reader_few_rows, &q);
     if (!q) break;
-    for (int k = 1; k <= (many ? reader_many : reader_few); k++, i++)
-      i < ids_count ? sqlite3_bind_int(q, k, ids[i]) : sqlite3_bind_null(q, k);
+    for (int k = 1; k <= (many ? reader_many : reader_few); k++, i++) i < ids_count ? q->add(ids[i]) : q->add(nullptr);
     status = read_into(&mails, q, read_row);
   }
   return mails.finish(status, list, count);
@@ -283,20 +277,20 @@ int brisel_db_get_all_template_data(GSList **list) {
   if (!list) return BRISEL_COMMON_ERROR_INVALID;
   *list = nullptr;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   int status = reader_start(reader_templates, &q);
   if (!q) return status;
   GSList *templates = nullptr;
-  int r = SQLITE_DONE;
-  while (!status && (r = sqlite3_step(q)) == SQLITE_ROW) {
+  sql_result r = sql_done;
+  while (!status && (r = q->step()) == sql_row) {
     template_data *entry = g_try_new0(template_data, 1);
     if (entry) {
       templates = g_slist_prepend(templates, entry);
-      entry->template_id = sqlite3_column_int(q, 0);
+      entry->template_id = q->integer(0);
     }
     if (!entry || !read_text(nullptr, q, 1, &entry->text)) status = BRISEL_COMMON_ERROR_MEMORY;
   }
-  const int done = reader_done(q, status ? SQLITE_DONE : r);
+  const int done = reader_done(q, status ? sql_done : r);
   if (!status) status = done;
   if (status) {
     brisel_template_data_list_free(templates);
@@ -309,15 +303,14 @@ int brisel_db_get_all_template_data(GSList **list) {
 int brisel_util_get_account_color(int account_id, unsigned int *rgba) {
   if (!rgba || account_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
-  sqlite3_stmt *q = nullptr;
+  sql_statement *q = nullptr;
   const int status = reader_start(reader_account_color, &q);
   if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
-  sqlite3_bind_int(q, 1, account_id);
-  const int r = sqlite3_step(q);
-  const unsigned int color = r == SQLITE_ROW ? static_cast<unsigned int>(sqlite3_column_int64(q, 0)) : 0;
+  const sql_result r = q->bind(account_id).step();
+  const unsigned int color = r == sql_row ? static_cast<unsigned int>(q->number(0)) : 0;
   const int done = reader_done(q, r);
   if (done) return done;
-  if (r != SQLITE_ROW) return BRISEL_COMMON_ERROR_NOT_FOUND;
+  if (r != sql_row) return BRISEL_COMMON_ERROR_NOT_FOUND;
   *rgba = color;
   return 0;
 }

@@ -54,12 +54,12 @@ constexpr const char *texts[reader_query_count] = {
 
 struct {
   int users;
-  sqlite3 *db;
-  sqlite3_stmt *statements[reader_query_count];
+  sql_db db;
+  sql_statement statements[reader_query_count];
   dev_t device;
   ino_t inode; /* 0: none was open yet */
   ino_t log;   /* of the file beside it that new changes go to */
-  int id;      /* of the store itself, wherever its file goes */
+  int64_t id;  /* of the store itself, wherever its file goes */
   int replaced;
   int told; /* the last error logged: one line for one trouble, however often it is met */
 } reader;
@@ -89,12 +89,8 @@ ino_t log_inode(void) {
 }
 
 void close_store(void) {
-  for (sqlite3_stmt *&s : reader.statements) {
-    sqlite3_finalize(s);
-    s = nullptr;
-  }
-  sqlite3_close(reader.db);
-  reader.db = nullptr;
+  for (sql_statement &s : reader.statements) s.finish();
+  reader.db.close();
 }
 
 int tell(int code, const char *what) {
@@ -103,35 +99,24 @@ int tell(int code, const char *what) {
   return BRISEL_COMMON_ERROR_STORE;
 }
 
-int read_number(const char *sql, int *value) {
-  sqlite3_stmt *s = nullptr;
-  int r = sqlite3_prepare_v2(reader.db, sql, -1, &s, nullptr);
-  if (r == SQLITE_OK) r = sqlite3_step(s);
-  if (r == SQLITE_ROW) *value = sqlite3_column_int(s, 0);
-  sqlite3_finalize(s);
-  return r == SQLITE_ROW ? SQLITE_OK : r;
+int tell_trouble(void) {
+  return tell(static_cast<int>(reader.db.trouble()), reader.db.error());
 }
 
-/* 0 with reader.db NULL: there is no store yet. */
+/* 0 with reader.db closed: there is no store yet. */
 int open_store(void) {
   const std::string path = store_path();
   struct stat info;
   if (path.empty()) return tell(-1, "there is no data folder");
   if (stat(path.c_str(), &info) != 0 && errno == ENOENT) return 0;
-  /* One thread only: no locks inside SQLite. */
-  const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX;
-  int r = sqlite3_open_v2(path.c_str(), &reader.db, flags, nullptr);
-  int version = 0, application = 0;
-  if (r == SQLITE_OK) {
-    sqlite3_busy_timeout(reader.db, busy_ms);
-    r = read_number("PRAGMA user_version", &version);
-  }
-  if (r == SQLITE_OK) r = read_number("PRAGMA application_id", &application);
-  /* KiB. Every read here goes over its rows once: a larger cache would only be held. */
-  if (r == SQLITE_OK) r = sqlite3_exec(reader.db, "PRAGMA cache_size = -256", nullptr, nullptr, nullptr);
+  sql_db &db = reader.db;
+  int64_t version = 0, application = 0;
   int status = 0;
-  if (r != SQLITE_OK) {
-    status = tell(r, reader.db ? sqlite3_errmsg(reader.db) : "no memory");
+  if (db.open(path, sql_access::read, busy_ms) || db.number("PRAGMA user_version", &version) ||
+      db.number("PRAGMA application_id", &application) ||
+      /* KiB. Every read here goes over its rows once: a larger cache would only be held. */
+      db.run("PRAGMA cache_size = -256")) {
+    status = tell_trouble();
   } else if (version == 0 && application == 0) {
     close_store(); /* the service is just making it */
     return 0;
@@ -143,8 +128,8 @@ int open_store(void) {
     close_store();
     return status;
   }
-  int id = 0;
-  read_number("SELECT value FROM state WHERE key = 'store_id'", &id);
+  int64_t id = 0;
+  db.number("SELECT value FROM state WHERE key = 'store_id'", &id);
   if (reader.inode && reader.id != id) reader.replaced++;
   reader.id = id;
   reader.device = info.st_dev;
@@ -157,8 +142,7 @@ int open_store(void) {
 }  // namespace
 
 void reader_hold(void) {
-  /* Nobody asks how much memory SQLite uses, and to count it takes a lock for every piece. Refused once SQLite runs. */
-  if (!reader.users) sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+  if (!reader.users) sql_count_no_memory();
   reader.users++;
 }
 
@@ -170,43 +154,40 @@ void reader_release(void) {
   }
 }
 
-int reader_start(reader_query which, sqlite3_stmt **query) {
+int reader_start(reader_query which, sql_statement **query) {
   *query = nullptr;
   if (!reader.users) return BRISEL_COMMON_ERROR_STORE;
-  if (!reader.db) {
+  if (!reader.db.is_open()) {
     const int status = open_store();
-    if (status || !reader.db) return status;
+    if (status || !reader.db.is_open()) return status;
   }
-  sqlite3_stmt *&s = reader.statements[which];
-  if (!s) {
-    const int r = sqlite3_prepare_v3(reader.db, text_of(which).c_str(), -1, SQLITE_PREPARE_PERSISTENT, &s, nullptr);
-    if (r != SQLITE_OK) {
-      tell(r, sqlite3_errmsg(reader.db));
-      close_store(); /* the next call tries anew */
-      return BRISEL_COMMON_ERROR_STORE;
-    }
+  sql_statement &s = reader.statements[which];
+  if (!s.is_prepared() && s.prepare(&reader.db, text_of(which).c_str())) {
+    tell_trouble();
+    close_store(); /* the next call tries anew */
+    return BRISEL_COMMON_ERROR_STORE;
   }
-  *query = s;
+  *query = &s;
   return 0;
 }
 
-int reader_done(sqlite3_stmt *query, int result) {
-  if (result == SQLITE_DONE || result == SQLITE_ROW) {
-    sqlite3_reset(query);
+int reader_done(sql_statement *query, sql_result result) {
+  if (result != sql_failed) {
+    query->reset();
     return 0;
   }
-  tell(result, sqlite3_errmsg(reader.db));
+  tell_trouble();
   close_store();
   return BRISEL_COMMON_ERROR_STORE;
 }
 
 void reader_check_file(void) {
-  if (!reader.db) return;
+  if (!reader.db.is_open()) return;
   struct stat info;
-  int version = 0;
+  int64_t version = 0;
   if (stat(store_path().c_str(), &info) != 0) return; /* what is open goes on until there is another one */
   if (info.st_dev != reader.device || info.st_ino != reader.inode || log_inode() != reader.log ||
-      read_number("PRAGMA user_version", &version) != SQLITE_OK || version != store_version)
+      reader.db.number("PRAGMA user_version", &version) || version != store_version)
     close_store();
 }
 
@@ -215,12 +196,11 @@ int reader_files_replaced(void) {
 }
 
 int reader_get_state(const char *key, int fallback, int *status) {
-  sqlite3_stmt *query = nullptr;
+  sql_statement *query = nullptr;
   *status = reader_start(reader_state, &query);
   if (!query) return fallback;
-  sqlite3_bind_text(query, 1, key, -1, SQLITE_STATIC);
-  const int r = sqlite3_step(query);
-  const int value = r == SQLITE_ROW ? sqlite3_column_int(query, 0) : fallback;
+  const sql_result r = query->bind(key).step();
+  const int value = r == sql_row ? query->integer(0) : fallback;
   *status = reader_done(query, r);
   return *status ? fallback : value;
 }

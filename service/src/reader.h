@@ -3,7 +3,7 @@
 #ifndef BRISEL_READER_H
 #define BRISEL_READER_H
 
-#include <sqlite3.h>
+#include "platform-sql.h"
 
 enum reader_query {
   reader_account_count,
@@ -39,9 +39,9 @@ void reader_release(void);
 
 /* Readies a query for its values. 0 with *query set, to be given back with reader_done(); 0 with *query NULL when there
    is no store yet, which reads as empty; else a BRISEL_COMMON_ERROR_*. */
-int reader_start(reader_query which, sqlite3_stmt **query);
+int reader_start(reader_query which, sql_statement **query);
 /* Ends a query. result: what its last step returned. 0, or BRISEL_COMMON_ERROR_STORE when that was an error. */
-int reader_done(sqlite3_stmt *query, int result);
+int reader_done(sql_statement *query, sql_result result);
 
 /* Looks whether the file is still the one that is open, and turns to the new one if there is one. */
 void reader_check_file(void);

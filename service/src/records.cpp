@@ -12,6 +12,7 @@
 
 #include "brisel-contact.h"
 #include "store-format.h"
+#include "text-check.h"
 
 namespace {
 
@@ -39,19 +40,6 @@ block *block_new(size_t bytes) {
   }
   if (place) *static_cast<block *>(place) = {nullptr, sizeof(block), bytes};
   return static_cast<block *>(place);
-}
-
-/* Whether every byte is ASCII: most texts are, and this is many times faster than a full check. */
-bool is_ascii(const char *text, size_t bytes) {
-  size_t i = 0;
-  for (; i + sizeof(uint64_t) <= bytes; i += sizeof(uint64_t)) {
-    uint64_t word;
-    memcpy(&word, text + i, sizeof(word));
-    if (word & 0x8080808080808080u) return false;
-  }
-  for (; i < bytes; i++)
-    if (text[i] & 0x80) return false;
-  return true;
 }
 
 }  // namespace
@@ -162,13 +150,13 @@ void free_contacts(full_noti_data *mail) {
 
 }  // namespace
 
-char *records_text(slab *s, const unsigned char *text, int bytes) {
-  if (!text || bytes <= 0) return nullptr;
-  const char *chars = reinterpret_cast<const char *>(text);
-  size_t size = static_cast<size_t>(bytes);
+char *records_text(slab *s, std::string_view text) {
+  if (text.empty()) return nullptr;
+  const char *chars = text.data();
+  size_t size = text.size();
   char *valid = nullptr;
-  if (!is_ascii(chars, size) && !g_utf8_validate(chars, bytes, nullptr)) {
-    valid = g_utf8_make_valid(chars, bytes);
+  if (!text_utf8_valid(text)) {
+    valid = g_utf8_make_valid(chars, static_cast<gssize>(size));
     chars = valid;
     size = strlen(valid);
   }
@@ -181,10 +169,10 @@ char *records_text(slab *s, const unsigned char *text, int bytes) {
   return copy;
 }
 
-bool records_set_contacts(slab *s, full_noti_data *mail, const unsigned char *text, int bytes) {
-  if (!text || bytes <= 0) return true;
-  const std::string line(reinterpret_cast<const char *>(text), static_cast<size_t>(bytes));
-  if (!g_utf8_validate(line.data(), bytes, nullptr)) return true; /* the service writes no such thing */
+bool records_set_contacts(slab *s, full_noti_data *mail, std::string_view text) {
+  if (text.empty()) return true;
+  const std::string line(text);
+  if (!text_utf8_valid(line)) return true; /* the service writes no such thing */
   const std::vector<contact_value> contacts = contacts_from_text(line);
   if (contacts.empty()) return true;
   size_t size = contacts.size() * sizeof(contact_number);

@@ -3,6 +3,7 @@
 #define BRISEL_RECORDS_H
 
 #include <cstddef>
+#include <string_view>
 
 #include "brisel-common.h"
 
@@ -21,10 +22,10 @@ slab_mail *slab_add_mail(slab *s);
 
 /* Copies a text of the store, made valid where it is not; NULL for an empty one. From s, or from the heap when s is
  * NULL. */
-char *records_text(slab *s, const unsigned char *text, int bytes);
+char *records_text(slab *s, std::string_view text);
 
 /* Sets sender_contact_list from the contacts column. The numbers lie in s, or in a block of the record's own. */
-bool records_set_contacts(slab *s, full_noti_data *mail, const unsigned char *text, int bytes);
+bool records_set_contacts(slab *s, full_noti_data *mail, std::string_view text);
 /* Frees what a record holds and empties it. */
 void records_clear_mail(full_noti_data *mail);
 void records_clear_account(account_data *account);
