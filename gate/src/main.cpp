@@ -1,6 +1,8 @@
 /* brisel-gate: joins a paired phone's stream to the host service. */
+#include <fcntl.h>
 #include <getopt.h>
 #include <malloc.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include "bluetooth.h"
 #include "brisel-bus.h"
 #include "gate.h"
+#include "platform-paths.h"
 
 namespace {
 
@@ -90,6 +93,23 @@ int read_arguments(int argc, char **argv, gate *g, bool *bluetooth, int *code) {
   return 1;
 }
 
+/* Each gate holds a few mebibytes, and an ssh key opens as many connections as it likes: so many have a place at once,
+   held by a lock that ends with the process. */
+constexpr unsigned places_max = 16;
+
+bool take_place(void) {
+  const char *folder = platform_runtime_dir();
+  if (!folder) return true; /* then there is no session to reach either */
+  for (unsigned place = 0; place < places_max; place++) {
+    const std::string path = std::string(folder) + "/gate." + std::to_string(place);
+    const int lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) == 0) return true;
+    if (lock >= 0) close(lock);
+  }
+  fprintf(stderr, "brisel-gate: too many phones are connected already\n");
+  return false;
+}
+
 /* A login that came over the network may not say where the user's session is. */
 void find_session(void) {
   if (getenv("DBUS_SESSION_BUS_ADDRESS") || getenv("XDG_RUNTIME_DIR")) return;
@@ -115,6 +135,7 @@ int main(int argc, char **argv) {
     return 2;
   }
   find_session();
+  if (!take_place()) return 1;
   /* Large messages give their memory back when they are gone. */
   mallopt(M_MMAP_THRESHOLD, 128 << 10);
   code = gate_run(&g, STDIN_FILENO, STDOUT_FILENO);

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <list>
 #include <memory>
 #include <random>
 #include <set>
@@ -535,6 +536,22 @@ TEST_F(Gate, FloodsStopAtTheGate) {
     kill(gate.pid, SIGTERM);
     EXPECT_EQ(0, gate.code());
   }
+}
+
+TEST_F(Gate, OnlySoManyComeAtOnce) {
+  std::list<gated> all;
+  std::string said;
+  while (said.empty() && all.size() < 20) {
+    gated *one = &all.emplace_back(std::vector<const char *>(), false);
+    one->send(hello + call_bytes("ListAccounts", 0));
+    pollfd either[] = {{one->fd, POLLIN, 0}, {one->errors, POLLIN, 0}};
+    EXPECT_GT(poll(either, 2, -1), 0);
+    if (either[1].revents) EXPECT_EQ(1, one->code(&said));
+  }
+  EXPECT_EQ(17u, all.size()) << said;
+  EXPECT_NE(std::string::npos, said.find("too many")) << said;
+  all.pop_front();
+  EXPECT_EQ("", gated().ping()) << "there is a place again";
 }
 
 TEST_F(Gate, EndsInEveryState) {
