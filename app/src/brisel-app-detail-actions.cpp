@@ -72,6 +72,26 @@ void __brisel_detail_show_on_device_button_clicked_cb(void *data, Evas_Object *o
   brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_BODY_NO_RESPONSE_TRY_LATER"));
 }
 
+static void __brisel_detail_delete_ok_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  brisel_widget_ref_drop(&view_data->popup);
+  int mail_id = __brisel_detail_mail_on_screen(view_data)->mail_id;
+  /* The reader stays: the event of the deletion closes it. */
+  brisel_util_request_delete(&mail_id, 1);
+}
+
+void __brisel_detail_ask_to_delete(brisel_detail_view *view_data) {
+  BRISEL_INFO("Enter");
+  brisel_widget_ref_drop(&view_data->popup);
+  Evas_Object *popup = brisel_view_delete_popup(view_data->ad->naviframe, __brisel_detail_popup_response_cb,
+                                                __brisel_detail_delete_ok_cb, view_data);
+  if (!popup) return;
+  brisel_view_popup_translate(popup, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
+  brisel_widget_ref_set(&view_data->popup, popup);
+  evas_object_show(popup);
+}
+
 struct brisel_detail_mark {
   int mail_id, host_state;
 };

@@ -181,9 +181,10 @@ static Evas_Object *__brisel_detail_create_button(Evas_Object *parent, const cha
 }
 
 static void __brisel_detail_place_button(Evas_Object *layout, const char *part, const char *name, int is_icon,
-                                         Evas_Smart_Cb clicked_cb, brisel_detail_view *view_data) {
+                                         const char *id, Evas_Smart_Cb clicked_cb, brisel_detail_view *view_data) {
   Evas_Object *button = __brisel_detail_create_button(layout, name, is_icon);
   if (!button) return;
+  brisel_view_set_spoken_name(button, brisel_util_get_text(id));
   evas_object_smart_callback_add(button, "clicked", clicked_cb, view_data);
   elm_object_part_content_set(layout, part, button);
 }
@@ -201,15 +202,17 @@ static void __brisel_detail_draw_buttons(brisel_detail_view *view_data, page_dat
   __brisel_detail_signal(layout, status == 2 ? "do-single-button-field" : "do-dual-button-field");
   if (status != 2) {
     __brisel_detail_place_button(
-        layout, part_lbutton, "b_email_icon_message_send.png", 1,
+        layout, part_lbutton, "b_email_icon_message_send.png", 1, "IDS_EMAIL_SK_REPLY",
         status == 0 ? __brisel_detail_reply_button_clicked_cb : __brisel_detail_reply_update_required_button_clicked_cb,
         view_data);
     __brisel_detail_place_button(layout, part_rbutton, "b_email_icon_showonphone.png", 1,
-                                 __brisel_detail_show_on_device_button_clicked_cb, view_data);
+                                 "IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE", __brisel_detail_show_on_device_button_clicked_cb,
+                                 view_data);
     return;
   }
   __brisel_detail_place_button(layout, part_lbutton, brisel_util_get_text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE"), 0,
-                               __brisel_detail_show_on_device_button_clicked_cb, view_data);
+                               "IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE", __brisel_detail_show_on_device_button_clicked_cb,
+                               view_data);
 }
 
 static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_data *page) {

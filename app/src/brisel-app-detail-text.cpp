@@ -153,6 +153,29 @@ void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y) {
   __brisel_detail_show_body(page, view_data->ad);
 }
 
+std::vector<Eina_Rectangle> __brisel_detail_tap_places(const page_data *page) {
+  std::vector<Eina_Rectangle> places;
+  if (!page->text || !page->detail_layout || !page->scroller) return places;
+  Eina_Rectangle view = {}, subject = {};
+  evas_object_geometry_get(page->scroller, &view.x, &view.y, &view.w, &view.h);
+  Evas_Object *edje = elm_layout_edje_get(page->detail_layout);
+  if (Evas_Object *part = (Evas_Object *)edje_object_part_object_get(edje, part_title))
+    evas_object_geometry_get(part, &subject.x, &subject.y, &subject.w, &subject.h);
+  const char *title = elm_object_part_text_get(page->detail_layout, part_title);
+  const bool opens = page->is_subject_whole || (title && strstr(title, ellipsis));
+  if (opens && eina_rectangle_intersection(&subject, &view)) places.push_back(subject);
+  const detail_piece *last = nullptr;
+  for (int y = view.y; y < view.y + view.h; y++) {
+    const detail_piece *piece =
+        brisel_detail_piece_at(page->text->shown, brisel_detail_body_line_at(page->detail_layout, y));
+    if (piece && !piece->is_fold) piece = nullptr;
+    if (piece && piece == last) places.back().h++;
+    if (piece && piece != last) places.push_back({view.x, y, view.w, 1});
+    last = piece;
+  }
+  return places;
+}
+
 /* --- the place that was read --- */
 
 /* By mail, the latest at the end. A place is worth keeping while the mail is still in mind: no longer than the

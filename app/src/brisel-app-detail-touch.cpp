@@ -1,5 +1,5 @@
-/* The fingers and keys on the pages: which page a stroke means, the pull at the end of a text, reading on with a
-   keyboard. The main file and paging call it. */
+/* The fingers on the pages: which page a stroke means, the pull at the end of a text. The main file and paging call it.
+ */
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -44,7 +44,7 @@ static int __brisel_detail_last_direction(const detail_stroke *stroke) {
 
 /* Turns follow each other faster than pages come to rest: each goes on from where the last one aims, and the pages
    beyond are built when they run out. Without a page on that side, the place aimed at. */
-static int __brisel_detail_place_beside(brisel_detail_view *view_data, int way) {
+int __brisel_detail_place_beside(brisel_detail_view *view_data, int way) {
   int place = __brisel_detail_place_of_mail(view_data, view_data->aimed_id);
   if (!__brisel_detail_page_at(view_data, place + way)) {
     __brisel_detail_turn_to_aimed(view_data);
@@ -132,6 +132,7 @@ static void __brisel_detail_lift_soon(brisel_detail_view *view_data) {
 static void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
   brisel_detail_view *view_data = (brisel_detail_view *)data;
   const Evas_Event_Mouse_Down *event = (const Evas_Event_Mouse_Down *)event_info;
+  __brisel_detail_drop_ring(view_data);
   if (view_data->lift_job && !__brisel_detail_touch.other_fingers) {
     /* The touch before it ended in the same turn of the loop: it counts, and what it set in motion is held at once. */
     ecore_job_del(view_data->lift_job);
@@ -178,67 +179,6 @@ static void __brisel_detail_page_scroller_multi_up_cb(void *data, Evas *evas, Ev
   __brisel_detail_lift_soon((brisel_detail_view *)data);
 }
 
-/* --- the keyboard --- */
-
-/* A grabbed key is heard whatever lies over the reader: it is for the reader only when nothing does. */
-static bool __brisel_detail_is_on_top(const brisel_detail_view *view_data) {
-  if (elm_naviframe_top_item_get(view_data->ad->naviframe) != view_data->navi_item) return false;
-  int x = 0, y = 0, w = 0, h = 0;
-  evas_object_geometry_get(view_data->page_scroller_layout, &x, &y, &w, &h);
-  /* The objects that a touch in the middle would reach. */
-  Eina_List *reached =
-      evas_tree_objects_at_xy_get(evas_object_evas_get(view_data->page_scroller_layout), nullptr, x + w / 2, y + h / 2);
-  bool is_reached = false;
-  for (Eina_List *cell = reached; cell && !is_reached; cell = cell->next)
-    for (Evas_Object *at = (Evas_Object *)cell->data; at && !is_reached; at = evas_object_smart_parent_get(at))
-      is_reached = at == view_data->page_scroller_layout;
-  eina_list_free(reached);
-  return is_reached;
-}
-
-bool __brisel_detail_turn_by(brisel_detail_view *view_data, int way) {
-  __brisel_detail_follow_list(view_data);
-  int place = __brisel_detail_place_beside(view_data, way);
-  bool turns = place != __brisel_detail_place_of_mail(view_data, view_data->aimed_id);
-  __brisel_detail_aim_at(view_data, place);
-  __brisel_detail_settle_soon(view_data);
-  return turns;
-}
-
-/* Space reads on: a screen further, and at the end what an edge means, more of the text. */
-static void __brisel_detail_scroll_by(brisel_detail_view *view_data, page_data *page, double screens) {
-  int x = 0, y = 0, w = 0, h = 0, content = 0;
-  elm_scroller_region_get(page->scroller, &x, &y, &w, &h);
-  evas_object_geometry_get(page->detail_layout, nullptr, nullptr, nullptr, &content);
-  if (screens > 0 && y + h >= content) __brisel_detail_scroller_bottom_hit_cb(view_data, page->scroller, nullptr);
-  int to = (int)std::clamp(y + screens * h, 0.0, std::max(0.0, (double)content - h));
-  elm_scroller_region_bring_in(page->scroller, x, to, w, h);
-}
-
-/* How far each key scrolls, in screens. */
-constexpr double to_the_end = 1e6, a_screen = 0.85, a_few_lines = 0.2;
-static const struct {
-  const char *name;
-  int turn;
-  double screens;
-} reader_keys[] = {
-    {"Left", -1, 0},         {"Right", 1, 0},         {"space", 0, a_screen},
-    {"Next", 0, a_screen},   {"Prior", 0, -a_screen}, {"Down", 0, a_few_lines},
-    {"Up", 0, -a_few_lines}, {"End", 0, to_the_end},  {"Home", 0, -to_the_end},
-};
-
-static void __brisel_detail_key_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
-  brisel_detail_view *view_data = (brisel_detail_view *)data;
-  const Evas_Event_Key_Down *event = (const Evas_Event_Key_Down *)event_info;
-  if (__brisel_detail_touch.is_mouse_down || !__brisel_detail_is_on_top(view_data)) return;
-  for (const auto &key : reader_keys) {
-    if (strcmp(key.name, event->key) != 0) continue;
-    /* Right is the next page in every language, as a stroke is. */
-    if (key.turn) __brisel_detail_turn_by(view_data, key.turn);
-    if (key.screens) __brisel_detail_scroll_by(view_data, __brisel_detail_page_on_screen(view_data), key.screens);
-  }
-}
-
 static const struct {
   Evas_Callback_Type type;
   Evas_Object_Event_Cb callback;
@@ -253,23 +193,14 @@ static const struct {
 void __brisel_detail_watch_touches(brisel_detail_view *view_data) {
   for (const auto &event : touch_events)
     evas_object_event_callback_add(view_data->page_scroller, event.type, event.callback, view_data);
-  /* Nothing in the reader has the focus, so keys are heard without it. */
-  evas_object_event_callback_add(view_data->page_scroller_layout, EVAS_CALLBACK_KEY_DOWN, __brisel_detail_key_cb,
-                                 view_data);
-  for (const auto &key : reader_keys)
-    if (!evas_object_key_grab(view_data->page_scroller_layout, key.name, 0, 0, EINA_FALSE))
-      BRISEL_WARN("the key %s cannot be heard", key.name);
+  __brisel_detail_watch_keys(view_data);
 }
 
 void __brisel_detail_leave_touches(brisel_detail_view *view_data) {
   if (view_data->lift_job) ecore_job_del(view_data->lift_job);
   if (view_data->touch_over_idler) ecore_idler_del(view_data->touch_over_idler);
   __brisel_detail_touch = {};
-  if (view_data->page_scroller_layout) {
-    evas_object_event_callback_del_full(view_data->page_scroller_layout, EVAS_CALLBACK_KEY_DOWN, __brisel_detail_key_cb,
-                                        view_data);
-    for (const auto &key : reader_keys) evas_object_key_ungrab(view_data->page_scroller_layout, key.name, 0, 0);
-  }
+  __brisel_detail_leave_keys(view_data);
   if (!view_data->page_scroller) return;
   for (const auto &event : touch_events)
     evas_object_event_callback_del_full(view_data->page_scroller, event.type, event.callback, view_data);

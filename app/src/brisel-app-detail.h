@@ -2,6 +2,8 @@
 #ifndef BRISEL_APP_DETAIL_H
 #define BRISEL_APP_DETAIL_H
 
+#include <vector>
+
 #include "brisel-app-data.h"
 #include "brisel-scoped.h"
 
@@ -88,6 +90,10 @@ struct brisel_detail_view {
   unsigned char is_neighbor_update_due;          /* the list changed while a finger was down */
   ::page_data *standing[BRISEL_DETAIL_PAGE_MAX]; /* pages to be used again while the slots are filled anew */
   detail_stroke stroke;
+  Evas_Object *ring;         /* around what Tab has come to, or NULL */
+  Evas_Object *ringed;       /* the button in it; NULL: a place on the mail's texts */
+  Eina_Rectangle ring_place; /* that place, of the canvas */
+  int ring_at;               /* which of the page's */
   Ecore_Job *lift_job;
   Ecore_Idler *touch_over_idler;
   Evas_Object *gesture_layer;
@@ -140,6 +146,8 @@ void __brisel_detail_set_body(page_data *page, appdata *ad);
 void __brisel_detail_free_text(page_data *page);
 /* A finger tapped at that place of the canvas: a long subject opens and closes, a folded line opens. */
 void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y);
+/* What is on screen of where a tap means something, of the canvas, from the top. */
+std::vector<Eina_Rectangle> __brisel_detail_tap_places(const page_data *page);
 /* Remembers where the page stands, for when its mail is opened again; and goes there. */
 void __brisel_detail_keep_place(const page_data *page);
 void __brisel_detail_go_to_place(const page_data *page);
@@ -180,9 +188,17 @@ void __brisel_detail_follow_list(brisel_detail_view *view_data);
 
 void __brisel_detail_watch_touches(brisel_detail_view *view_data);
 void __brisel_detail_leave_touches(brisel_detail_view *view_data);
+/* The place of the page beside the one that is aimed at; that one's own when there is none. */
+int __brisel_detail_place_beside(brisel_detail_view *view_data, int way);
+void __brisel_detail_unfreeze_all(brisel_detail_view *view_data);
+
+/* --- the keyboard: brisel-app-detail-keys.cpp --- */
+
+void __brisel_detail_watch_keys(brisel_detail_view *view_data);
+void __brisel_detail_leave_keys(brisel_detail_view *view_data);
 /* To the page beside the one that is aimed at; false when there is none. */
 bool __brisel_detail_turn_by(brisel_detail_view *view_data, int way);
-void __brisel_detail_unfreeze_all(brisel_detail_view *view_data);
+void __brisel_detail_drop_ring(brisel_detail_view *view_data);
 
 /* --- more of a body: brisel-app-detail-more.cpp --- */
 
@@ -200,6 +216,8 @@ void __brisel_detail_option_button_clicked_cb(void *data, Evas_Object *obj, void
 void __brisel_detail_reply_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
 void __brisel_detail_reply_update_required_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
 void __brisel_detail_show_on_device_button_clicked_cb(void *data, Evas_Object *obj, void *event_info);
+/* A keyboard's way to delete: the question, and on OK the mail on screen is asked to go. */
+void __brisel_detail_ask_to_delete(brisel_detail_view *view_data);
 void __brisel_detail_unregister_pickover(brisel_detail_view *view_data);
 void __brisel_detail_update_pickover(brisel_detail_view *view_data);
 

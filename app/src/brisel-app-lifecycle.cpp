@@ -96,6 +96,12 @@ static Evas_Object *_brisel_create_win(appdata *ad) {
   return win;
 }
 
+/* The toolkit gives the focus of a new window to nothing that keys reach. */
+static void _place_focus_cb(void *data) {
+  const appdata *ad = (appdata *)data;
+  if (ad->naviframe) brisel_view_focus_list(ad->naviframe);
+}
+
 static int _try_again_cb(void *data) {
   brisel_ipc_client_try_again();
   return 0; /* it is said again when it does not go through */
@@ -117,7 +123,7 @@ bool app_create(void *user_data) {
   evas_object_event_callback_add(ad->win_main, EVAS_CALLBACK_RESIZE, _window_resize_cb, ad);
   evas_object_event_callback_add(ad->win_main, EVAS_CALLBACK_DEL, _window_deleted_cb, ad);
   ad->evas = evas_object_evas_get(ad->win_main);
-  brisel_touch_watch(ad->win_main);
+  brisel_touch_watch(ad->win_main, _place_focus_cb, ad);
   app_efl_window_attach(ad->win_main);
   brisel_stage_make(ad->win_main);
   evas_object_show(ad->win_main);

@@ -4,7 +4,11 @@
 #include <cstring>
 #include <string_view>
 
+#include "brisel-app-touch.h"
 #include "brisel-app-view-common.h"
+
+/* Every list that follows keys. */
+static Eina_List *lists;
 
 enum list_move { MOVE_NONE, MOVE_UP, MOVE_DOWN, MOVE_PAGE_UP, MOVE_PAGE_DOWN, MOVE_FIRST, MOVE_LAST };
 
@@ -31,14 +35,18 @@ static int _rows_of_page(Evas_Object *list, Elm_Object_Item *row) {
   return row_height > 0 ? std::max(list_height / row_height - 1, 1) : 1;
 }
 
-/* Where the keys begin: at the top, or on a row in sight. */
+/* Where the keys begin: at the top, past the header, or on a row in sight. */
 static Elm_Object_Item *_first_in_sight(Evas_Object *list) {
   int x = 0, y = 0, width = 0, height = 0, scrolled = 0;
   evas_object_geometry_get(list, &x, &y, &width, &height);
   elm_scroller_region_get(list, nullptr, &scrolled, nullptr, nullptr);
   Elm_Object_Item *middle =
       scrolled > 0 ? elm_genlist_at_xy_item_get(list, x + width / 2, y + height / 2, nullptr) : nullptr;
-  return middle ? middle : elm_genlist_first_item_get(list);
+  if (middle) return middle;
+  Elm_Object_Item *first = elm_genlist_first_item_get(list);
+  Elm_Object_Item *second =
+      first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP ? elm_genlist_item_next_get(first) : nullptr;
+  return second ? second : first;
 }
 
 /* The row that the key leads to; NULL: out of the list. */
@@ -127,11 +135,15 @@ static void _key_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info
   if (event->event_flags & EVAS_EVENT_FLAG_ON_HOLD) return;
   Elm_Object_Item *row = elm_object_focused_item_get(obj);
   const list_move move = _move_of(event->key);
-  Elm_Object_Item *target = move == MOVE_NONE ? nullptr : _target_of(obj, row, move);
+  /* A step that only shows where the focus is, is none. */
+  const bool is_step = move == MOVE_UP || move == MOVE_DOWN;
+  Elm_Object_Item *target = row && is_step && brisel_touch_key_reveals(event->timestamp) ? row
+                            : move == MOVE_NONE                                          ? nullptr
+                                                                                         : _target_of(obj, row, move);
   if (target) {
     elm_object_item_focus_set(target, EINA_TRUE);
     _show_row(target, move);
-  } else if (move == MOVE_UP || move == MOVE_DOWN) {
+  } else if (is_step) {
     _leave_list(obj, move);
   } else if (!row || strcmp(event->key, elm_object_mirrored_get(obj) ? "Left" : "Right") != 0 ||
              !_focus_button_of(row)) {
@@ -140,7 +152,50 @@ static void _key_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info
   event->event_flags = (Evas_Event_Flags)(event->event_flags | EVAS_EVENT_FLAG_ON_HOLD);
 }
 
+/* --- where the focus begins --- */
+
+/* Never the list itself: a ring around it would say nothing. */
+static void _focus_in_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  if (elm_object_focused_item_get(obj)) return;
+  if (Elm_Object_Item *row = _first_in_sight(obj)) elm_object_item_focus_set(row, EINA_TRUE);
+}
+
+static void _list_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  lists = eina_list_remove(lists, obj);
+}
+
+static bool _is_within(Evas_Object *object, const Evas_Object *holder) {
+  while (object && object != holder) object = elm_object_parent_widget_get(object);
+  return object != nullptr;
+}
+
+static void _focus_row(Evas_Object *list) {
+  elm_object_focus_set(list, EINA_TRUE);
+  _focus_in_cb(nullptr, nullptr, list, nullptr);
+}
+
+/* Popups have the focus for themselves. */
+static bool _has_popup(Evas_Object *naviframe) {
+  Evas_Object *focused = elm_object_focused_object_get(naviframe);
+  for (; focused; focused = elm_object_parent_widget_get(focused))
+    if (!strcmp(elm_object_widget_type_get(focused), "Elm_Popup")) return true;
+  return false;
+}
+
+void brisel_view_focus_list(Evas_Object *naviframe) {
+  Elm_Object_Item *top = elm_naviframe_top_item_get(naviframe);
+  const Evas_Object *content = top ? elm_object_item_part_content_get(top, nullptr) : nullptr;
+  if (_has_popup(naviframe)) return;
+  Eina_List *cell;
+  void *list;
+  EINA_LIST_FOREACH(lists, cell, list)
+  if (content && _is_within((Evas_Object *)list, content)) _focus_row((Evas_Object *)list);
+}
+
 void brisel_view_list_keys(Evas_Object *list) {
+  lists = eina_list_append(lists, list);
+  evas_object_event_callback_add(list, EVAS_CALLBACK_DEL, _list_gone_cb, nullptr);
+  evas_object_event_callback_add(list, EVAS_CALLBACK_FOCUS_IN, _focus_in_cb, nullptr);
   evas_object_event_callback_priority_add(list, EVAS_CALLBACK_KEY_DOWN, EVAS_CALLBACK_PRIORITY_BEFORE, _key_down_cb,
                                           nullptr);
 }

@@ -5,7 +5,22 @@
 #include "brisel-app-mailbox-list.h"
 #include "brisel-app-view-common.h"
 
-static void _delete_row(appdata *ad, Elm_Object_Item *it) {
+static bool _is_mail(Elm_Object_Item *it) {
+  return it && !(elm_genlist_item_type_get(it) & ELM_GENLIST_ITEM_GROUP);
+}
+
+void _delete_row(Elm_Object_Item *it) {
+  Evas_Object *gl = elm_object_item_widget_get(it);
+  const bool has_focus = elm_object_focus_get(gl) && elm_object_focused_item_get(gl) == it;
+  Elm_Object_Item *next = elm_genlist_item_next_get(it);
+  if (!_is_mail(next)) next = elm_genlist_item_prev_get(it);
+  elm_object_item_del(it);
+  if (!has_focus || !_is_mail(next)) return;
+  elm_object_item_focus_set(next, EINA_TRUE);
+  elm_genlist_item_show(next, ELM_GENLIST_ITEM_SCROLLTO_IN);
+}
+
+static void _delete_focused(appdata *ad, Elm_Object_Item *it) {
   const bool is_swept = it == ad->sweep_item;
   /* With a row drawn aside the drag deletes that one and does no more. */
   if (ad->sweep_item) _drag_left(ad, ad->mailbox_genlist, it);
@@ -22,7 +37,7 @@ static void _key_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info
   if (!deletes && !brings_back) return;
   event->event_flags = (Evas_Event_Flags)(event->event_flags | EVAS_EVENT_FLAG_ON_HOLD);
   if (deletes)
-    _delete_row(ad, it);
+    _delete_focused(ad, it);
   else
     _revert_btn_select_cb(elm_object_item_data_get(it), obj, nullptr);
 }

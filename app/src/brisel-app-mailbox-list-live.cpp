@@ -94,7 +94,7 @@ static void _remove_mail_by_mail_id(int mail_id, appdata *ad) {
       return;
     }
     _remove_from_model(ad, item);
-    elm_object_item_del(item->it);
+    _delete_row(item->it);
   }
 }
 

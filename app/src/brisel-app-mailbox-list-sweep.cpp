@@ -57,7 +57,7 @@ static void _delete_mail_by_sweep(appdata *ad, bool with_effect) {
   if (!item->it) return;
   if (with_effect) elm_genlist_fx_mode_set(ad->mailbox_genlist, EINA_TRUE);
   _remove_from_model(ad, item);
-  elm_object_item_del(item->it);
+  _delete_row(item->it);
   BRISEL_INFO("sweep item is removed");
   ad->sweep_item = nullptr;
   brisel_view_hide_last_bottomline(ad->mailbox_genlist, elm_genlist_last_item_get(ad->mailbox_genlist));

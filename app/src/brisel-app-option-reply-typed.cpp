@@ -1,5 +1,7 @@
 /* Owns the typed reply: the entry, its send button, how they follow the keypad, and what is said above them. What the
    entry takes is limited in brisel-app-option-reply-limit.cpp; what it holds is kept in -draft.cpp. */
+#include <string_view>
+
 #include "brisel-app-option-reply.h"
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
@@ -209,6 +211,31 @@ static Evas_Object *__brisel_option_reply_create_entry(Evas_Object *parent, opti
   return entry;
 }
 
+/* --- by keyboard --- */
+
+static void __brisel_option_reply_unfocused_cb(void *data, Evas_Object *obj, void *event_info) {
+  elm_object_focus_allow_set(obj, EINA_FALSE);
+}
+
+/* Tab goes from the text to the button and back: a reply needs no tabs, and Return is a line's end in it. */
+static void __brisel_option_reply_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  const option_reply_view_data *vd = (const option_reply_view_data *)data;
+  Evas_Object *btn = elm_object_part_content_get(obj, "swallow.send_btn");
+  const std::string_view key = ((const Evas_Event_Key_Down *)event_info)->key;
+  if (!btn || !key.ends_with("Tab") || !brisel_view_on_top((const brisel_view_head *)vd)) return;
+  const bool is_typing = elm_object_focus_get(vd->content_obj);
+  if (is_typing) elm_object_focus_allow_set(btn, EINA_TRUE);
+  elm_object_focus_set(is_typing ? btn : vd->content_obj, EINA_TRUE);
+}
+
+static void __brisel_option_reply_follow_keys(option_reply_view_data *vd, Evas_Object *btn) {
+  evas_object_smart_callback_add(btn, "unfocused", __brisel_option_reply_unfocused_cb, nullptr);
+  evas_object_event_callback_add(vd->emoticon_layout, EVAS_CALLBACK_KEY_DOWN, __brisel_option_reply_key_cb, vd);
+  for (const char *key : {"Tab", "ISO_Left_Tab"})
+    if (!evas_object_key_grab(vd->emoticon_layout, key, 0, 0, EINA_TRUE))
+      BRISEL_WARN("the key %s cannot be heard", key);
+}
+
 static Evas_Object *__brisel_option_reply_create_send_button(Evas_Object *parent) {
   Evas_Object *btn = elm_button_add(parent);
   if (!btn) {
@@ -223,7 +250,9 @@ static Evas_Object *__brisel_option_reply_create_send_button(Evas_Object *parent
     return nullptr;
   }
   // Or the limit, which takes the focus from the entry, would hand it to the button, and the next blank would send.
+  // Tab alone brings it there.
   elm_object_focus_allow_set(btn, EINA_FALSE);
+  brisel_view_set_spoken_name(btn, brisel_util_get_text("IDS_COM_SK_SEND"));
   evas_object_show(btn);
   return btn;
 }
@@ -251,6 +280,7 @@ static int __brisel_option_reply_draw_typed(option_reply_view_data *vd, const ch
   evas_object_smart_callback_add(emoticon_layout, "language,changed", __brisel_option_reply_show_to_cb, vd);
   __brisel_option_reply_show_left(vd);
   evas_object_smart_callback_add(btn, "clicked", __brisel_optioin_send_button_clicked_cb, vd);
+  __brisel_option_reply_follow_keys(vd, btn);
 
   Elm_Object_Item *item =
       brisel_view_push(ad, vd->layout, nullptr, nullptr, __brisel_option_reply_view_pop_cb, (brisel_view_head *)vd);

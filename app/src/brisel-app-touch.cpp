@@ -11,6 +11,8 @@
 constexpr double guard_time = 0.3;
 
 static Evas_Object *window;
+static void (*place_focus)(void *data);
+static void *place_data;
 static Evas_Object *pane;    /* lies over everything, sees every touch and lets it through */
 static Evas_Object *shield;  /* lies over the place that a touch has opened something at, and lets nothing through */
 static Evas_Object *guarded; /* what that touch has opened */
@@ -21,6 +23,7 @@ static unsigned down_at;   /* ms, of the touch's own clock */
 static unsigned lasted;    /* ms, the touch that was lifted last */
 static bool is_down;
 static bool shield_is_touched;
+static unsigned revealed_at; /* ms, of the key that has made the focus visible; 0: none has */
 
 static void _guarded_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info);
 
@@ -94,6 +97,7 @@ static void _pane_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_inf
   touched_at = event->canvas;
   down_at = event->timestamp;
   elm_win_focus_highlight_enabled_set(window, EINA_FALSE);
+  revealed_at = 0;
 }
 
 static void _pane_up_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
@@ -123,12 +127,21 @@ static Evas_Object *_add_invisible(Evas *canvas) {
 
 /* Whoever moves the focus with keys sees where it is. */
 static void _pane_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  if (elm_win_focus_highlight_enabled_get(window)) return;
+  revealed_at = ((Evas_Event_Key_Down *)event_info)->timestamp;
+  if (place_focus) place_focus(place_data);
   elm_win_focus_highlight_enabled_set(window, EINA_TRUE);
 }
 
-void brisel_touch_watch(Evas_Object *win) {
+bool brisel_touch_key_reveals(unsigned timestamp) {
+  return revealed_at != 0 && revealed_at == timestamp;
+}
+
+void brisel_touch_watch(Evas_Object *win, void (*place)(void *data), void *data) {
   if (pane) evas_object_del(pane);
   window = win;
+  place_focus = place;
+  place_data = data;
   pane = _add_invisible(evas_object_evas_get(win));
   for (const char *key : {"Tab", "ISO_Left_Tab", "Up", "Down", "Left", "Right", "Prior", "Next", "Home", "End"})
     if (!evas_object_key_grab(pane, key, 0, 0, EINA_FALSE)) BRISEL_WARN("the key %s cannot be heard", key);

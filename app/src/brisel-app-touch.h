@@ -7,8 +7,9 @@
 #include <Evas.h>
 
 /* Once a window, when it is made: from now on its touches are known, a mouse's back button is the back key, and the
-   focus shows while keys move it and no finger does. Ends with the window. */
-void brisel_touch_watch(Evas_Object *window);
+   focus shows while keys move it and no finger does. place is called with data before a key makes the focus visible, to
+   see to it that something has it. Ends with the window. */
+void brisel_touch_watch(Evas_Object *window, void (*place)(void *data) = nullptr, void *data = nullptr);
 /* When a touch has opened something: while that lives, a touch that begins within 0.3 s and a finger's width of the one
    that opened it goes nowhere; every other one is at once for what it meets. */
 void brisel_touch_guard(Evas_Object *opened);
@@ -17,5 +18,7 @@ void brisel_touch_guard(Evas_Object *opened);
 bool brisel_touch_was_long();
 /* Whether the last touch was in the lower half of the window. */
 bool brisel_touch_was_low();
+/* Whether the key of that time has made the focus visible: it shows where the focus is, and moves it no further. */
+bool brisel_touch_key_reveals(unsigned timestamp);
 
 #endif

@@ -188,6 +188,9 @@ void brisel_create_toast_popup(appdata *ad, const char *text) {
   }
   Evas_Object *popup = brisel_util_popup_add(_popup_parent(ad));
   elm_object_style_set(popup, "toast");
+  /* It goes by itself: keys stay with what they were at. */
+  elm_object_focus_allow_set(popup, EINA_FALSE);
+  elm_object_tree_focus_allow_set(popup, EINA_FALSE);
   /* Away from the finger, and so from the button that it is about. */
   elm_popup_orient_set(popup, brisel_touch_was_low() ? ELM_POPUP_ORIENT_TOP : ELM_POPUP_ORIENT_BOTTOM);
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, __toast_back_cb, nullptr);

@@ -92,6 +92,8 @@ void brisel_view_hide_last_bottomline(Evas_Object *list, Elm_Object_Item *item);
 Evas_Object *brisel_view_new_list(Evas_Object *parent, Evas_Smart_Cb realized_cb);
 /* Lets a keyboard go through the rows of the genlist, and with Right to a row's button. */
 void brisel_view_list_keys(Evas_Object *list);
+/* Gives the focus to the list of the view on top, if it has one: to the row that had it, else to the first in sight. */
+void brisel_view_focus_list(Evas_Object *naviframe);
 /* The button within the content of a row's "elm.icon" takes the focus from Right alone, and gives it back. */
 void brisel_view_row_button(Evas_Object *list, Evas_Object *icon, Evas_Object *button);
 

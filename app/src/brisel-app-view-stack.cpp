@@ -1,6 +1,7 @@
 /* The view stack: finding a view's record, leaving views one by one or all at once, and the keys that work on it. */
 #include "brisel-app-core.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 #include "brisel-scoped.h"
 #include "efl_assist.h"
 #include "plexo.h"
@@ -56,6 +57,7 @@ void _brisel_naviframe_pop_to_mailbox(appdata *ad) {
     }
     ad->mail_id = 0;
     _update_window_title(ad);
+    brisel_view_focus_list(ad->naviframe);
   }
   eina_list_free(items);
 }
@@ -82,6 +84,7 @@ static void _transition_finished_cb(void *data, Evas_Object *obj, void *event_in
   is_popping = false;
   _update_window_title((appdata *)data);
   if (waiting && elm_naviframe_top_item_get(obj) == waiting) brisel_util_pop_view(obj);
+  brisel_view_focus_list(obj);
   /* What pages and their texts took goes back to the system, not only to the next page. */
   if (elm_naviframe_top_item_get(obj) == elm_naviframe_bottom_item_get(obj)) app_efl_memory_trim();
 }

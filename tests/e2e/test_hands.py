@@ -23,38 +23,52 @@ def asked(s, kind, count=1):
 
 def test_the_keyboard_alone_does_everything(s):
     ids = mailbox(s, 12)
-    keys(s, "Down", "Home", *["Down"] * 9)
+    keys(s, "Down", "Delete")
+    s.wait_text(s.text("IDS_EMAIL_BODY_DELETED"))
+    keys(s, "Return", "Home", *["Down"] * 9)
     assert s.shows("Sender 8"), s.texts()
-    keys(s, "Delete")
-    keys(s, "Return")
     keys(s, "Delete", "Delete")
     equal(asked(s, "delete_notis")["id_list"], [ids[8]], "deleted from the list, the second time")
+    keys(s, "Return")
+    s.wait_text("Subject 9")  # the ring went on to the neighbour
+    keys(s, "Delete")
+    keys(s, "Right", "Return")
+    s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+    equal(asked(s, "delete_notis", 2)["id_list"], [ids[9]], "deleted from the reader")
     keys(s, "Home", "Up", "Return")
     equal(s.titles()[-1], s.text("IDS_EMAIL_BODY_DELETE"), "the bin by key")
-    keys(s, "Down", "Home", "Return", "Next", "Return", "Delete")
+    keys(s, "Return", "Next", "Return", "Delete")
     keys(s, "Right", "Return")
     s.wait(lambda: len(s.titles()) == 1, "the mailbox")
-    equal(len(asked(s, "delete_notis", 2)["id_list"]), 2, "two ticked and deleted")
-    keys(s, "Down", "Home", "Down", "Return")
-    s.wait_text("Text.")
-    keys(s, "Menu")
-    keys(s, "Down", "Right", "Left", "Return")
-    s.wait_text(s.text("IDS_MSG_TEMPLATE_1", "message"))
-    keys(s, "Down", "Return")
-    s.wait_text(s.text("IDS_COM_SK_SEND"))
-    keys(s, "Right", "Return")
-    equal(asked(s, "reply")["text"], s.text("IDS_MSG_TEMPLATE_1", "message"), "the reply")
-    for _ in range(2):
+    equal(len(asked(s, "delete_notis", 3)["id_list"]), 2, "two ticked and deleted")
+    for text, rest in (("IDS_MSG_TEMPLATE_1", ["Return", "Right", "Return"]), ("", [])):
+        keys(s, "Home", "Down", "Return")
+        s.wait_text("Text.")
+        keys(s, "Tab", "Return")  # the reader's own button
+        if text:
+            s.wait_text(s.text(text, "message"))
+            keys(s, *rest)
+            equal(asked(s, "reply")["text"], s.text(text, "message"), "the reply")
+            keys(s, "Menu")
+            keys(s, "Right", "Return")
+            keys(s, "Down", "Down", "Return")  # typed replies from now on
+        else:
+            s.wait_text("Q")
+            s.watch("type", "Yes")
+            keys(s, "Tab", "Return")
+            equal(asked(s, "reply", 2)["text"], "Yes", "the typed reply")
+        s.wait(lambda: len(s.titles()) < 4, "the reply view to go")
         keys(s, "Escape")
-    s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+        keys(s, "Escape")
+        s.wait(lambda: len(s.titles()) == 1, "the mailbox")
     s.language = "ar"  # where a row's button stands at its left end
     s.setting("db/menu_widget/language", "string", "ar_EG.UTF-8")
     s.wait_text(s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3"))
-    keys(s, "Down", "Home", "Down", "Return")
+    keys(s, "Home", "Down", "Return")
     s.wait_text("Text.")
     keys(s, "Menu")
-    keys(s, "Down", "Left", "Right", "Return")
-    s.wait_text(s.text("IDS_MSG_TEMPLATE_1", "message"))
+    keys(s, "Left", "Return")
+    s.wait_text(s.text("IDS_EMAIL_MBODY_EMOTICONS_ABB"))
 
 
 def test_a_mouse_presses_long_goes_back_and_turns_its_wheel(s):
