@@ -146,6 +146,15 @@ void link_is_down(phone_link *link, const std::string &why) {
   if (had || fresh) note_link(link);
 }
 
+int link_follow(phone_link *link, sd_bus_message_handler_t replaced_cb, sd_bus_message_handler_t ended_cb) {
+  constexpr char local[] = "org.freedesktop.DBus.Local";
+  sd_bus *bus = link->bus->bus;
+  int r = sd_bus_attach_event(bus, link->event, SD_EVENT_PRIORITY_NORMAL);
+  if (r >= 0) r = sd_bus_match_signal(bus, nullptr, nullptr, host_path, phone_interface, "Request", request_cb, link);
+  if (r >= 0) r = sd_bus_match_signal(bus, nullptr, nullptr, host_path, phone_interface, "Replaced", replaced_cb, link);
+  return r < 0 ? r : sd_bus_match_signal(bus, nullptr, local, nullptr, local, "Disconnected", ended_cb, link);
+}
+
 int link_run(phone_link *link, std::string *error) {
   int r = sd_event_loop(link->event);
   if (link->failed) *error = link->failure;

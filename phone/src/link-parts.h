@@ -147,6 +147,9 @@ void link_is_up(phone_link *link);
 /* ... and it is not, or not any more, for this reason; empty: one that is no trouble. It is told once. What came over
    this connection and was not taken yet comes again with the next one. */
 void link_is_down(phone_link *link, const std::string &why);
+/* Hears the service over the link's connection, in its loop: requests, and the two ends of a link. Returns 0, or an
+   errno below 0. */
+int link_follow(phone_link *link, sd_bus_message_handler_t replaced_cb, sd_bus_message_handler_t ended_cb);
 inline constexpr char link_replaced[] = "another machine that says it is this phone took over the link";
 
 /* Sets the timer `source`, which it makes when it is not there yet, to `delay` microseconds from now. The callback gets

@@ -80,19 +80,12 @@ int disconnected_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
 }
 
 int follow_bus(phone_link *link) {
-  sd_bus *bus = link->bus->bus;
-  int r = sd_bus_attach_event(bus, link->event, SD_EVENT_PRIORITY_NORMAL);
-  if (r >= 0) r = sd_bus_match_signal(bus, nullptr, nullptr, host_path, phone_interface, "Request", request_cb, link);
-  if (r >= 0) r = sd_bus_match_signal(bus, nullptr, nullptr, host_path, phone_interface, "Replaced", replaced_cb, link);
-  if (r >= 0)
-    r = sd_bus_add_match(bus, nullptr,
-                         "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
-                         "member='NameOwnerChanged',arg0='com.vextora.brisel.Host'",
-                         owner_changed_cb, link);
-  if (r >= 0)
-    r = sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus.Local", nullptr, "org.freedesktop.DBus.Local",
-                            "Disconnected", disconnected_cb, link);
-  return r;
+  int r = link_follow(link, replaced_cb, disconnected_cb);
+  if (r < 0) return r;
+  return sd_bus_add_match(link->bus->bus, nullptr,
+                          "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+                          "member='NameOwnerChanged',arg0='com.vextora.brisel.Host'",
+                          owner_changed_cb, link);
 }
 
 }  // namespace

@@ -221,13 +221,7 @@ int replaced_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
 }
 
 int follow(phone_link *link) {
-  sd_bus *bus = link->bus->bus;
-  int r = sd_bus_attach_event(bus, link->event, SD_EVENT_PRIORITY_NORMAL);
-  if (r >= 0) r = sd_bus_match_signal(bus, nullptr, nullptr, host_path, phone_interface, "Request", request_cb, link);
-  if (r >= 0) r = sd_bus_match_signal(bus, nullptr, nullptr, host_path, phone_interface, "Replaced", replaced_cb, link);
-  if (r >= 0)
-    r = sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus.Local", nullptr, "org.freedesktop.DBus.Local",
-                            "Disconnected", gone_cb, link);
+  int r = link_follow(link, replaced_cb, gone_cb);
   if (r >= 0) r = host_introduce_begin(link->bus.get(), link->me, kOpenPatience, introduced_cb, link, &link->call);
   return r;
 }
