@@ -62,6 +62,7 @@ int new_stream(host_bus *bus) {
     return r;
   }
   r = sd_bus_set_anonymous(bus->bus, 1);
+  if (r >= 0) r = sd_bus_set_close_on_exit(bus->bus, 0); /* it would wait for whoever does not take what is said */
   return r < 0 ? r : sd_bus_start(bus->bus);
 }
 

@@ -1,57 +1,28 @@
 /* What the connections of both kinds share: the loop, its end, and what follows when the watch comes and goes. Whoever
    holds the link calls link.h; the other files of the link call what link-parts.h names. */
 #include <signal.h>
-#include <sys/eventfd.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 
 #include "link-parts.h"
+#include "platform-stop.h"
 #include "state-relay.h"
 
 namespace {
 
 constexpr uint64_t kSecond = 1000000;
-constexpr suseconds_t kGraceMicroseconds = 800000;
 
 /* --- the end --- */
-
-int stop_fd = -1;
-pid_t stop_pid = 0;
-
-/* The loop ends by itself when it gets to it; when it waits for something else, the alarm ends the process. */
-void stop_cb(int number) {
-  if (getpid() != stop_pid) _exit(128 + number); /* a child that has not become another program yet */
-  int before = errno;
-  const uint64_t one = 1;
-  const itimerval grace = {{0, 0}, {0, kGraceMicroseconds}};
-  if (write(stop_fd, &one, sizeof one) < 0) _exit(0);
-  setitimer(ITIMER_REAL, &grace, nullptr);
-  errno = before;
-}
-
-void alarm_cb(int number) {
-  _exit(0);
-}
 
 int stopped_cb(sd_event_source *source, int fd, uint32_t revents, void *user_data) {
   return sd_event_exit(static_cast<phone_link *>(user_data)->event, 0);
 }
 
 int catch_signals(phone_link *link) {
-  link->stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  link->stop_fd = platform_stop_open();
   if (link->stop_fd < 0) return -errno;
-  stop_fd = link->stop_fd;
-  stop_pid = getpid();
-  struct sigaction action = {};
-  action.sa_flags = SA_RESTART;
-  action.sa_handler = alarm_cb;
-  sigaction(SIGALRM, &action, nullptr);
-  action.sa_handler = stop_cb;
-  sigaction(SIGTERM, &action, nullptr);
-  sigaction(SIGINT, &action, nullptr);
   sigset_t child;
   sigemptyset(&child);
   sigaddset(&child, SIGCHLD);
@@ -175,11 +146,7 @@ void link_close(phone_link *link) {
   share_end(link);
   stream_end(link);
   link->bus.reset();
-  if (link->stop_fd >= 0) {
-    signal(SIGTERM, SIG_DFL);
-    signal(SIGINT, SIG_DFL);
-    close(link->stop_fd);
-  }
+  if (link->stop_fd >= 0) platform_stop_close();
   if (link->lock_fd >= 0) close(link->lock_fd);
   sd_event_unref(link->event);
   delete link;

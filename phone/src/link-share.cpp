@@ -114,6 +114,7 @@ void take_borrower(phone_link *link, int fd) {
   if (r < 0 || sd_bus_set_fd(one->bus, fd, fd) < 0) close(fd);
   if (r >= 0) r = sd_bus_set_server(one->bus, 1, id);
   if (r >= 0) r = sd_bus_set_anonymous(one->bus, 1);
+  if (r >= 0) r = sd_bus_set_close_on_exit(one->bus, 0);
   if (r >= 0) r = sd_bus_add_filter(one->bus, nullptr, call_cb, one);
   if (r >= 0) r = sd_bus_start(one->bus);
   if (r >= 0) r = sd_bus_attach_event(one->bus, link->event, SD_EVENT_PRIORITY_NORMAL);

@@ -1,9 +1,9 @@
 /* brisel-hostd: keeps the watch's mails, and stands between the application and the phone. */
 #include <getopt.h>
+#include <sys/epoll.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +12,7 @@
 #include "notify.h"
 #include "platform-language.h"
 #include "platform-paths.h"
+#include "platform-stop.h"
 #include "store-format.h"
 
 namespace {
@@ -65,16 +66,16 @@ bool read_timeout(host *h) {
   return true;
 }
 
+int stopped_cb(sd_event_source *source, int fd, uint32_t revents, void *data) {
+  return sd_event_exit(static_cast<host *>(data)->event, 0);
+}
+
 int serve(host *h) {
   int r = sd_event_default(&h->event);
   if (r < 0) return fail("no event loop", r);
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
-  for (const int number : {SIGTERM, SIGINT})
-    if ((r = sd_event_add_signal(h->event, nullptr, number, nullptr, nullptr)) < 0) return fail("signals", r);
+  const int stop = platform_stop_open();
+  r = stop < 0 ? -errno : sd_event_add_io(h->event, nullptr, stop, EPOLLIN, stopped_cb, h);
+  if (r < 0) return fail("signals", r);
 
   r = sd_bus_open_user(&h->bus);
   if (r < 0) return fail("no session bus", r);

@@ -15,11 +15,12 @@ def equal(actual, expected, what=""):
     assert actual == expected, f"{what}: got {actual!r}, expected {expected!r}"
 
 
-def kill_service(s):
-    """The next one who asks the service for something starts it again."""
+def kill_service(s, how=signal.SIGKILL):
+    """The next one who asks the service for something starts it again. Returns which process it was."""
     out = s.run("dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
                 "org.freedesktop.DBus.GetConnectionUnixProcessID", "string:com.vextora.brisel.Host").stdout
-    os.kill(int(out.split()[-1]), signal.SIGKILL)
+    os.kill(int(out.split()[-1]), how)
+    return int(out.split()[-1])
 
 
 def outcome(test):

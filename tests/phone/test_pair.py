@@ -6,9 +6,10 @@ import pathlib
 import shutil
 import signal
 import socket
+import sqlite3
 import subprocess
 
-from brisel_test import BUILD, Session
+from brisel_test import BUILD, Session, kill_service
 from brisel_machines import free_port, start_sshd
 from phone_test import (Maildir, Relay, Sendmail, body_text, by_uid, delete_on_watch, equal, main, message, more_on_watch,
                         reply_on_watch, status)
@@ -241,6 +242,18 @@ def test_ends_while_it_connects(s):
         s.wait(lambda: gate_of(relay, b"") or "waiting" in relay.log(), "a try")
         relay.process.terminate()
         equal(relay.process.wait(5), 0, address)
+    # So does the service, while somebody else holds its store.
+    s.phone("account", "list")
+    with contextlib.closing(sqlite3.connect(f"{s.env['XDG_DATA_HOME']}/brisel/store.db", isolation_level=None)) as store:
+        store.execute("BEGIN IMMEDIATE")
+        waiting = subprocess.Popen(["brisel-phone", "account", "add", "me@example.org"], env=s.env, stderr=subprocess.DEVNULL)
+        service = pathlib.Path(f"/proc/{kill_service(s, 0)}")
+        naps = lambda: int((service / "status").read_text().split("voluntary_ctxt_switches:")[1].split()[0])  # noqa: E731
+        before = naps()
+        s.wait(lambda: naps() > before + 10, "the service to wait for its store")
+        os.kill(int(service.name), signal.SIGTERM)
+        s.wait(lambda: not service.exists(), "its end", 5)
+    waiting.wait()
     for address, said in (("ssh://-oProxyCommand=x", "is wanted"), ("ssh://a:x", "no port"), ("bluetooth:1", "hexadecimal"),
                           ("nowhere", "no watch is called")):
         failed = s.run("brisel-phone", "mail", "list", "--watch", address, check=False)
