@@ -42,7 +42,10 @@ static Evas_Object *_popup_scroller_add(Evas_Object *popup) {
 
 /* What a popup asks stands at the end of its text: smaller letters before it has to be scrolled to. Below the least of
    them it scrolls. */
-static constexpr const char *label_styles[] = {"popup/default", "popup/smaller", "popup/small", "popup/smallest"};
+static constexpr const char *label_styles[] = {"popup/default", "popup/smaller", "popup/small", "popup/tiny",
+                                               "popup/smallest"};
+/* Before this one the title gives room, too. */
+constexpr size_t with_small_title = 2;
 
 static void _set_label_style(Evas_Object *label, const char *style) {
   elm_object_style_set(label, style);
@@ -51,17 +54,41 @@ static void _set_label_style(Evas_Object *label, const char *style) {
   elm_label_line_wrap_set(label, ELM_WRAP_MIXED);
 }
 
-static void _fit_label_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+/* Whether the title of the label's popup gives room now; only once. */
+static bool _shrink_title(Evas_Object *label) {
+  static const char done[] = "brisel/small_title";
+  if (evas_object_data_get(label, done)) return false;
+  evas_object_data_set(label, done, label);
+  for (Evas_Object *at = label; at; at = elm_object_parent_widget_get(at)) {
+    if (std::string_view(elm_object_widget_type_get(at)) != "Elm_Popup") continue;
+    elm_layout_signal_emit(at, "elm,state,title,small", "elm");
+    const char *title = elm_object_part_text_get(at, "title,text");
+    return title && *title;
+  }
+  return false;
+}
+
+static void _fit_label(Evas_Object *label, Evas_Object *scroller) {
   int needed = 0, room = 0;
-  evas_object_geometry_get(obj, nullptr, nullptr, nullptr, &needed);
-  elm_scroller_region_get((Evas_Object *)data, nullptr, nullptr, nullptr, &room);
+  evas_object_geometry_get(label, nullptr, nullptr, nullptr, &needed);
+  elm_scroller_region_get(scroller, nullptr, nullptr, nullptr, &room);
   if (room <= 1 || needed <= room) return;
-  const std::string_view style = elm_object_style_get(obj);
+  const std::string_view style = elm_object_style_get(label);
   for (size_t i = 0; i + 1 < std::size(label_styles); i++) {
     if (style != label_styles[i]) continue;
-    _set_label_style(obj, label_styles[i + 1]);
+    /* With the room that the title leaves it may fit: the scroller's new size tells. */
+    if (i + 1 == with_small_title && _shrink_title(label)) return;
+    _set_label_style(label, label_styles[i + 1]);
     return;
   }
+}
+
+static void _label_resized_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  _fit_label(obj, (Evas_Object *)data);
+}
+
+static void _room_changed_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  if (Evas_Object *label = elm_object_content_get(obj)) _fit_label(label, obj);
 }
 
 static Evas_Object *_popup_label_add(Evas_Object *scroller) {
@@ -71,7 +98,8 @@ static Evas_Object *_popup_label_add(Evas_Object *scroller) {
   evas_object_size_hint_weight_set(label, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   evas_object_size_hint_align_set(label, EVAS_HINT_FILL, EVAS_HINT_FILL);
   elm_object_content_set(scroller, label);
-  evas_object_event_callback_add(label, EVAS_CALLBACK_RESIZE, _fit_label_cb, scroller);
+  evas_object_event_callback_add(label, EVAS_CALLBACK_RESIZE, _label_resized_cb, scroller);
+  evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _room_changed_cb, nullptr);
   evas_object_show(label);
   return label;
 }
