@@ -119,7 +119,7 @@ enum brisel_request_state {
 
 /* A reply, deletion or mark of this watch, and what became of it. */
 struct brisel_request_data {
-  int request_id; /* positive; another one once the request is repeated */
+  int request_id; /* below zero while no service has it; another one once the request is repeated */
   int kind, state;
   int mail_id;          /* of several mails the first; it may be gone */
   int mail_count;       /* how many the request is about */
@@ -208,8 +208,8 @@ int brisel_db_get_mail_places_by_account_id(int account_id, brisel_mail_place **
 int brisel_db_get_noti_rows_by_mail_ids(const int *ids, int ids_count, GSList **list, int *count);
 /* *list: template_data in display order; free with brisel_template_data_list_free. */
 int brisel_db_get_all_template_data(GSList **list);
-/* *list: brisel_request_data; first what waits or was refused, oldest first, then the rest, newest change first. What
-   ended is kept for a day. Free with brisel_request_data_list_free. */
+/* *list: brisel_request_data; first what waits (here, too, where no service has it yet) or was refused, oldest first,
+   then the rest, newest change first. What ended is kept for a day. Free with brisel_request_data_list_free. */
 int brisel_db_get_all_request_data(GSList **list);
 
 /* --- host link -------------------------------------------------------------------------------------------- */
@@ -242,7 +242,8 @@ int brisel_ipc_req_more_msg(more_msg_req_data *data, brisel_ipc_response_cb call
 int brisel_ipc_req_reply(reply_noti_data *data, brisel_ipc_response_cb callback, void *user_data);
 int brisel_ipc_req_no_account(brisel_ipc_response_cb callback, void *user_data);
 /* A reply that the phone refused, or that no phone was ever offered: sent again, with another text when text is not
-   NULL, or dropped for good. callback's error is BRISEL_COMMON_ERROR_REMOTE when the phone may have it by now. */
+   NULL, or dropped for good. callback's error is BRISEL_COMMON_ERROR_REMOTE when the phone may have it by now; it is
+   not called for one that no service has, about which the result says all. */
 int brisel_ipc_req_repeat_request(int request_id, const char *text, brisel_ipc_response_cb callback, void *user_data);
 int brisel_ipc_req_drop_request(int request_id, brisel_ipc_response_cb callback, void *user_data);
 

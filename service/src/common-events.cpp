@@ -170,6 +170,12 @@ void take_change(int type, std::vector<int> ids) {
 
 }  // namespace
 
+void events_tell_requests(void) {
+  if (!feed.open) return;
+  queue_event(BRISEL_IPC_CLIENT_EVENT_TYPE_REQUEST, {0});
+  if (!feed.events.empty()) slice_later();
+}
+
 void events_read(void) {
   if (!feed.open) return;
   reader_check_file();

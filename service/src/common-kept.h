@@ -10,10 +10,15 @@ struct kept_request {
   int type; /* a brisel_ipc_client_req_type, or -1: no account */
   std::string uid;
   std::vector<int> ids;
-  int host_state = 0;
+  int host_state = 0;             /* of a reply: whether a service may have it, see below */
   std::vector<std::string> texts; /* of a reply: six, in the order of its record, the subject last */
   int mail_id = 0;
 };
+
+/* A reply's host_state: no service can have it yet, so that it may be changed or dropped here. */
+inline constexpr int kept_with_nobody = 1;
+/* Where these stand among a reply's texts. */
+inline constexpr size_t kept_reply_recipient = 3, kept_reply_text = 4, kept_reply_subject = 5;
 
 /* The method of the service that takes a request of that type; NULL: there is no such type. */
 const char *kept_member(int type);

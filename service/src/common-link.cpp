@@ -12,6 +12,7 @@
 #include <ctime>
 #include <deque>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "brisel-bus.h"
@@ -51,6 +52,7 @@ struct {
   sd_bus_slot *start_slot;
   bool service_away;
   uint64_t next_uid;
+  int next_number;
   char uid_base[64];
 
   std::deque<request> queue; /* the first one is on its way when call_slot is set */
@@ -189,7 +191,21 @@ void finish_first(const sd_bus_error *refused) {
                  refused->message ? refused->message : "");
   forget_when_done();
   send_next();
+  if (done.is_told) events_tell_requests();
   answer(done.callback, done.user_data, done.ids, refused ? BRISEL_COMMON_ERROR_REMOTE : 0);
+}
+
+/* Its user looks at "waiting and sent": what stays here stands there. */
+void tell_waiting(request *r) {
+  if (r->is_told) return;
+  r->is_told = true;
+  events_tell_requests();
+}
+
+/* Whether the bus says that there was nobody to take it. */
+bool means_nobody(const char *error) {
+  return !strcmp(error, SD_BUS_ERROR_SERVICE_UNKNOWN) || !strcmp(error, SD_BUS_ERROR_NAME_HAS_NO_OWNER) ||
+         !strncmp(error, "org.freedesktop.DBus.Error.Spawn.", 33);
 }
 
 void tell_trouble(void) {
@@ -206,6 +222,10 @@ int request_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
     /* The service may have done it without being able to say so: the same uid again does no harm. */
     __dlog_print(DLOG_WARN, log_tag, "%s goes out again: %s", kept_member(host.queue.front().type),
                  error->message ? error->message : error->name);
+    request &first = host.queue.front();
+    if (first.type == BRISEL_IPC_CLIENT_REQ_TYPE_REPLY && means_nobody(error->name))
+      first.host_state = kept_with_nobody;
+    tell_waiting(&first);
     retry_later();
     if (!strcmp(error->name, host_error_store) || !strcmp(error->name, host_error_full)) tell_trouble();
   } else {
@@ -220,8 +240,14 @@ void send_next(void) {
     retry_later();
     return;
   }
+  request &first = host.queue.front();
+  if (common_is_here_only(&first)) {
+    /* In the file too before anybody can have it. */
+    first.host_state = 0;
+    if (host.kept) keep_queue(false);
+  }
   sd_bus_message *m = nullptr;
-  int e = new_message(host.queue.front(), &m);
+  int e = new_message(first, &m);
   if (e == -EINVAL) {
     /* No bus will ever take it; those behind it must not wait for that. */
     const sd_bus_error error = {host_error_invalid, "the bus does not take it", 0};
@@ -231,25 +257,78 @@ void send_next(void) {
   if (e >= 0) e = sd_bus_call_async(host.bus, &host.call_slot, m, request_cb, nullptr, request_timeout_usec);
   sd_bus_message_unref(m);
   if (e < 0) {
-    __dlog_print(DLOG_WARN, log_tag, "%s cannot be sent now: %s", kept_member(host.queue.front().type), strerror(-e));
+    __dlog_print(DLOG_WARN, log_tag, "%s cannot be sent now: %s", kept_member(first.type), strerror(-e));
+    tell_waiting(&first);
     retry_later();
   }
 }
 
+request *find_waiting(int number) {
+  for (request &r : host.queue)
+    if (r.number == number && common_is_here_only(&r)) return &r;
+  return nullptr;
+}
+
 }  // namespace
+
+std::vector<const request *> common_waiting(void) {
+  std::vector<const request *> waiting;
+  for (const request &r : host.queue) waiting.push_back(&r);
+  return waiting;
+}
+
+bool common_is_here_only(const request *r) {
+  return r->type == BRISEL_IPC_CLIENT_REQ_TYPE_REPLY && r->host_state == kept_with_nobody;
+}
+
+int common_change_waiting(int number, const char *text) {
+  request *r = find_waiting(number);
+  if (!r) return BRISEL_COMMON_ERROR_NOT_FOUND;
+  if (text) {
+    std::string before = std::exchange(r->texts[kept_reply_text], common_bus_text(text));
+    if (!keep_queue(false)) {
+      r->texts[kept_reply_text] = std::move(before);
+      return BRISEL_COMMON_ERROR_LINK;
+    }
+    kept_sync();
+  }
+  events_tell_requests();
+  brisel_ipc_client_try_again();
+  return 0;
+}
+
+int common_drop_waiting(int number) {
+  const request *r = find_waiting(number);
+  if (!r) return BRISEL_COMMON_ERROR_NOT_FOUND;
+  const auto at = std::find_if(host.queue.begin(), host.queue.end(), [r](const request &one) { return &one == r; });
+  const auto place = at - host.queue.begin();
+  request dropped = std::move(*at);
+  host.queue.erase(at);
+  if (!host.queue.empty() && !keep_queue(false)) {
+    host.queue.insert(host.queue.begin() + place, std::move(dropped));
+    return BRISEL_COMMON_ERROR_LINK;
+  }
+  forget_when_done();
+  if (!host.queue.empty()) kept_sync();
+  events_tell_requests();
+  return 0;
+}
 
 int common_enqueue(request r) {
   if (!host.open) return BRISEL_COMMON_ERROR_LINK;
   attach();
   r.uid = new_uid();
+  r.number = ++host.next_number;
   host.queue.push_back(std::move(r));
   send_next();
   /* In a file before the screen says that it is done, in every state of the service, and without a bus too: what the
      bus took over may still wait at a service that stands still, and both may be killed. */
   if (host.queue.empty()) return 0; /* refused already, which was said */
-  const bool saved = keep_queue(false);
   const bool on_its_way = host.bus && !host.service_away && !host.retry;
   const bool sent = host.call_slot && host.queue.size() == 1;
+  request &last = host.queue.back();
+  if (!sent && last.type == BRISEL_IPC_CLIENT_REQ_TYPE_REPLY) last.host_state = kept_with_nobody;
+  const bool saved = keep_queue(false);
   if (!saved && !on_its_way && !sent) {
     /* Neither the disk nor the bus has it: it is not taken. */
     host.queue.pop_back();
@@ -257,6 +336,7 @@ int common_enqueue(request r) {
   }
   /* Through a power cut it lasts from when the service has it, which is soon when there is one; else the file is
      synced, on a thread. */
+  if (!on_its_way) tell_waiting(&last);
   if (on_its_way)
     host.keep = ecore_timer_add(keep_after, keep_cb, nullptr);
   else
@@ -363,11 +443,22 @@ void bus_watch_cb(bool connected, void *data) {
   fail_more(BRISEL_COMMON_ERROR_LINK);
 }
 
+/* Replies that no service can have, as from now on one may: in the file first. */
+void expect_offers(void) {
+  bool changed = false;
+  for (request &r : host.queue) {
+    changed |= common_is_here_only(&r);
+    if (r.type == BRISEL_IPC_CLIENT_REQ_TYPE_REPLY) r.host_state = 0;
+  }
+  if (changed && host.kept) keep_queue(false);
+}
+
 /* Before the application ends: hands over what is still here. The uid makes a second time harmless. */
 void flush_queue(void) {
   host.call_slot = sd_bus_slot_unref(host.call_slot);
   timespec start;
   clock_gettime(CLOCK_MONOTONIC, &start);
+  expect_offers();
   while (!host.queue.empty()) {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -414,6 +505,7 @@ int brisel_ipc_client_init(void) {
   for (kept_request &left : kept_load()) {
     request r;
     static_cast<kept_request &>(r) = std::move(left);
+    r.number = ++host.next_number;
     for (std::string &text : r.texts) text = clean_text(text);
     host.queue.push_back(std::move(r));
   }

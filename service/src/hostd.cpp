@@ -36,7 +36,10 @@ int fail(const char *what, int r) {
 /* 0 to go on; otherwise *code is the exit code. */
 int read_arguments(int argc, char **argv, int *code) {
   static const option options[] = {
-      {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'V'}, {nullptr, 0, nullptr, 0}};
+      {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, 'V'},
+      {"await-end", no_argument, nullptr, 'a'}, /* for the service alone, see notify-keeper.cpp */
+      {nullptr, 0, nullptr, 0}};
   const int c = getopt_long(argc, argv, "hV", options, nullptr);
   *code = EXIT_SUCCESS;
   if (c == 'h') {
@@ -45,6 +48,10 @@ int read_arguments(int argc, char **argv, int *code) {
   }
   if (c == 'V') {
     puts("brisel-hostd " BRISEL_VERSION);
+    return 1;
+  }
+  if (c == 'a') {
+    *code = notify_keeper_run();
     return 1;
   }
   if (c == -1 && optind == argc) return 0;

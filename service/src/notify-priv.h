@@ -21,6 +21,7 @@ struct notifier {
   host *h = nullptr;
   sd_event_source *timer = nullptr; /* a change waits to be looked at */
   sd_bus_slot *owner_slot = nullptr, *signal_slot = nullptr, *call_slot = nullptr;
+  bool took_over = false;         /* what an earlier service told has been told anew by this one */
   bool server_is_missing = false; /* none there, or it does not answer; until one appears or mail comes */
   std::string server;             /* the one whose abilities are known, as notice::server names it; empty: none */
   std::string server_name;        /* its name on the bus */
@@ -30,6 +31,7 @@ struct notifier {
   uint64_t silent_until = 0; /* monotonic: mails that come together make one sound */
   sd_bus_track *viewer = nullptr;
   int viewed_account = -1;
+  int keeper = -1; /* the pipe to the process that outlives this one; below zero: there is none */
 };
 
 /* How the mails of an account are told of. */
@@ -60,9 +62,9 @@ struct notify_message {
 void notify_look_soon(notifier *n);
 /* What became of the notification on its way; number: the server's, when it stands. */
 void notify_answered(notifier *n, notify_outcome outcome, uint32_t number);
-/* The server says that it is gone, for whatever reason. */
-void notify_closed(notifier *n, uint32_t number);
-void notify_pressed(notifier *n, uint32_t number, const std::string &key);
+/* The server, as notice::server names it, says that it is gone, for whatever reason. */
+void notify_closed(notifier *n, const std::string &server, uint32_t number);
+void notify_pressed(notifier *n, const std::string &server, uint32_t number, const std::string &key);
 /* What is known of the server has come. */
 void notify_go_on(notifier *n);
 
@@ -78,6 +80,10 @@ int notify_server_ask(notifier *n, bool may_start);
 int notify_server_tell(notifier *n, const notify_message &message, uint32_t replaces, bool is_quiet, bool has_sound);
 void notify_server_close(notifier *n, uint32_t number);
 void notify_feedback(notifier *n, const notify_event *event);
+
+/* --- notify-keeper.cpp: who starts the next service --------------------------------------------------------------- */
+
+void notify_keeper_want(notifier *n, bool wanted);
 
 /* --- notify-text.cpp: what is said -------------------------------------------------------------------------------- */
 

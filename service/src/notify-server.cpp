@@ -100,11 +100,13 @@ int signal_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   notifier *n = static_cast<notifier *>(data);
   const char *sender = sd_bus_message_get_sender(m), *key = nullptr;
   uint32_t number = 0;
-  if (!sender || n->server_name != sender) return 0;
+  if (!sender) return 0;
+  /* Also before its abilities are known: it may still show what an earlier service gave it. */
+  const std::string server = server_id(n, sender);
   if (sd_bus_message_is_signal(m, nullptr, "NotificationClosed")) {
-    if (sd_bus_message_read(m, "u", &number) >= 0) notify_closed(n, number);
+    if (sd_bus_message_read(m, "u", &number) >= 0) notify_closed(n, server, number);
   } else if (sd_bus_message_is_signal(m, nullptr, "ActionInvoked")) {
-    if (sd_bus_message_read(m, "us", &number, &key) >= 0) notify_pressed(n, number, key);
+    if (sd_bus_message_read(m, "us", &number, &key) >= 0) notify_pressed(n, server, number, key);
   }
   return 0;
 }

@@ -118,6 +118,15 @@ bool withdraw(notifier *n, std::vector<notice> *notices) {
       n, notices, [](const notice &one) { return one.counted && one.step == notice_step::stands; }, wait_again);
 }
 
+/* Servers say what is pressed to whoever told it alone, and an earlier service hears nothing any more: this one tells
+   it anew in its place. */
+bool take_over(notifier *n, std::vector<notice> *notices) {
+  if (n->took_over || n->server.empty()) return true;
+  n->took_over = true;
+  return change(
+      n, notices, [](const notice &one) { return one.step == notice_step::stands; }, wait_again);
+}
+
 /* What was locked after it had been told is told anew, without what must not be seen any more. */
 bool hide_locked(notifier *n, std::vector<notice> *notices) {
   return change(
@@ -202,8 +211,9 @@ void look(notifier *n) {
   if (!take_in(n)) return;
   std::vector<notice> notices;
   if (!good(n, store_notify_list(n->h->st, &notices))) return;
-  if (!withdraw(n, &notices) || !hide_locked(n, &notices)) return;
+  if (!withdraw(n, &notices) || !take_over(n, &notices) || !hide_locked(n, &notices)) return;
   notify_server_listen(n, !notices.empty());
+  notify_keeper_want(n, std::any_of(notices.begin(), notices.end(), [](const notice &one) { return one.number != 0; }));
   if (notices.empty() || n->call_slot || n->server_is_missing) return;
   const bool waits =
       std::any_of(notices.begin(), notices.end(), [](const notice &one) { return one.step == notice_step::waits; });
@@ -235,11 +245,11 @@ void store_changed_cb(host *h) {
   notify_look_soon(h->notify);
 }
 
-std::vector<notice> standing(notifier *n, uint32_t number) {
+std::vector<notice> standing(notifier *n, const std::string &server, uint32_t number) {
   std::vector<notice> all, those;
   if (!number || !good(n, store_notify_list(n->h->st, &all))) return those;
   for (const notice &one : all)
-    if (one.number == number && one.server == n->server) those.push_back(one);
+    if (one.number == number && one.server == server) those.push_back(one);
   return those;
 }
 
@@ -276,15 +286,15 @@ void notify_go_on(notifier *n) {
   look(n);
 }
 
-void notify_closed(notifier *n, uint32_t number) {
+void notify_closed(notifier *n, const std::string &server, uint32_t number) {
   std::vector<int> ids;
-  for (const notice &one : standing(n, number)) ids.push_back(one.mail_id);
+  for (const notice &one : standing(n, server, number)) ids.push_back(one.mail_id);
   good(n, store_notify_drop(n->h->st, ids));
 }
 
-void notify_pressed(notifier *n, uint32_t number, const std::string &key) {
+void notify_pressed(notifier *n, const std::string &server, uint32_t number, const std::string &key) {
   std::vector<int> ids;
-  for (const notice &one : standing(n, number)) ids.insert(ids.begin(), one.mail_id);
+  for (const notice &one : standing(n, server, number)) ids.insert(ids.begin(), one.mail_id);
   if (ids.empty()) return;
   notify_server_close(n, number);
   good(n, store_notify_drop(n->h->st, ids));
@@ -321,8 +331,8 @@ void notify_start(host *h) {
   h->store_changed = store_changed_cb;
   if (const int r = notify_server_watch(n); r < 0)
     fprintf(stderr, "brisel-hostd: notification servers cannot be followed: %s\n", strerror(-r));
-  /* What an earlier service left: to be told, or over meanwhile. */
-  notify_look_soon(n);
+  /* What an earlier service left: to be told, over meanwhile, or about to be pressed. */
+  look(n);
 }
 
 void notify_stop(host *h) {
@@ -333,5 +343,6 @@ void notify_stop(host *h) {
   sd_event_source_disable_unref(n->timer);
   for (sd_bus_slot *slot : {n->owner_slot, n->signal_slot, n->call_slot}) sd_bus_slot_unref(slot);
   sd_bus_track_unref(n->viewer);
+  notify_keeper_want(n, false);
   delete n;
 }

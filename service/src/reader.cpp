@@ -46,7 +46,7 @@ constexpr const char *texts[reader_query_count] = {
     "SELECT mail_id FROM mail WHERE mail_id >= ? ORDER BY mail_id",
     /* What ended a day ago is left out also while the service has no reason to forget it. */
     "SELECT id, kind, state, mail_id, mails, kind = 1 AND (state = 3 OR (state = 0 AND offered = 0)), created,"
-    " changed, person, subject, text, reason FROM journal"
+    " changed, person, subject, text, reason, uid FROM journal"
     " WHERE NOT ((state = 2 OR (kind <> 1 AND state <> 0)) AND changed < CAST(strftime('%s', 'now') AS INTEGER) - "
     "86400)"
     " ORDER BY state IN (0, 3) DESC, CASE WHEN state IN (0, 3) THEN id ELSE 0 END, changed DESC, id DESC",

@@ -1,9 +1,11 @@
 """What waits and what was sent, on the screen: refused by a real mail system, changed, dropped, live."""
+import os
 import pathlib
+import signal
 import sqlite3
 
-from brisel_test import equal, kill_service, mail, main
-from phone_test import Maildir, Relay, Sendmail, by_uid, delete_on_watch, journal, message, reply_on_watch
+from brisel_test import equal, kill_service, mail, main, middle
+from phone_test import Maildir, Relay, Sendmail, by_uid, delete_on_watch, host_pid, journal, message, reply_on_watch
 from test_launch import link_popup_up
 from test_notify import HOST, Desk
 
@@ -141,6 +143,35 @@ def test_what_the_store_cannot_take_is_said_and_offered_again(s):
     s.tap("Nobody", part=True)
     s.wait_text(s.text("IDS_EMAIL_SK_DROP"))
     assert not any(s.shows(s.text(f"IDS_EMAIL_SK_{way}")) for way in ("SEND_AGAIN", "CHANGE")), "what cannot help"
+
+
+def test_what_a_service_that_hangs_does_not_take_is_listed_and_dropped(s):
+    s.serve()
+    s.send(s.account("a@example.org"), mail("Lunch", "Text.", "Ann <ann@example.org>"))
+    s.launch()
+    s.wait_text("Lunch")
+    host = host_pid(s)
+    os.kill(host, signal.SIGSTOP)
+    s.tap("Ann")  # the mark is on its way, the reply behind it is not
+    s.wait_text("Text.")
+    s.watch("key", "back")
+    s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+    s.press("Ann")
+    for text in (s.text("IDS_EMAIL_SK_REPLY"), s.text("IDS_MSG_TEMPLATE_1", "message"), s.text("IDS_COM_SK_SEND")):
+        s.tap(text)
+    s.wait(lambda: len(s.titles()) == 2, "the actions again")
+    s.watch("key", "back")
+    s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+    open_screen(s)
+    waiting = lambda: [t for t in s.seen() if t["text"] == s.text("IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE")]  # noqa: E731
+    s.wait(lambda: len(waiting()) == 2, "both")
+    s.rest()
+    s.watch("tap", *middle(max(waiting(), key=lambda t: t["y"])))
+    s.tap(s.text("IDS_EMAIL_SK_DROP"))
+    s.wait(lambda: len(waiting()) == 1, "the mark alone")
+    os.kill(host, signal.SIGCONT)
+    shows_state(s, "IDS_EMAIL_BODY_WITH_THE_PHONE")
+    equal(s.requests("reply"), [], "what was dropped")
 
 
 if __name__ == "__main__":

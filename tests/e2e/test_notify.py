@@ -91,7 +91,7 @@ class Desk:
 
 def arrange(s, **kw):
     desk = Desk(s, **kw)
-    s.serve()
+    desk.phone = s.serve()
     s.phone("account", "count", "known")
     return desk, s.account("first@example.net")
 
@@ -237,8 +237,9 @@ def test_killed_services_and_servers_tell_nothing_twice(s, desk, account):
     desk.wait_told(("Ann", "One\nx"))
     kill_service(s)
     s.send(account, mail("Two", "x", BEN))
-    desk.wait_told(("Ann", "One\nx"), ("Ben", "Two\nx"))
-    s.phone("mail", "delete", first)  # the new service knows the old one's number
+    desk.wait_told(("Ann", "One\nx"), ("Ann", "One\nx"), ("Ben", "Two\nx"))
+    desk.wait_shown(2)  # the new service told the first in its place, so that it hears of it
+    s.phone("mail", "delete", first)
     desk.wait_shown(1)
     desk.server.kill()
     desk.server.wait()
@@ -247,11 +248,18 @@ def test_killed_services_and_servers_tell_nothing_twice(s, desk, account):
     s.wait(lambda: desk.told()[-1] == ("Ann", "Three\nx") and desk.shown() == 1, "the new server gets what waited alone")
     desk.server.send_signal(signal.SIGSTOP)
     stuck = s.send(account, mail("Four", "x", BEN), mail("Five", "x", BEN))
-    s.wait(lambda: len(desk.told()) == 4, "the call to a server that hangs")
+    s.wait(lambda: len(desk.told()) == 5, "the call to a server that hangs")
     s.phone("mail", "delete", *stuck)  # the service still answers
     equal(len(s.mails()), 2, "the mails that are left")
     desk.server.send_signal(signal.SIGCONT)
     desk.wait_shown(1)
+    told = len(desk.told())
+    desk.phone.kill()
+    kill_service(s)  # nobody asks for the next one but what the first left behind
+    s.wait(lambda: len(desk.told()) > told, "the next service")
+    desk.press(s.text("IDS_EMAIL_SK_MARK_AS_READ"))
+    desk.wait_shown(0)
+    equal(sum(m["is_read"] for m in s.mails()), 1, "what was pressed")
 
 
 @with_desk
