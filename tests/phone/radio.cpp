@@ -20,7 +20,6 @@ constexpr char kAdapter[] = "/org/bluez/hci0";
 
 struct radio;
 struct one_device {
-  int trusted = 0; /* the first: where the property is */
   int paired = 0;
   radio *all = nullptr;
   const char *session = nullptr;
@@ -37,10 +36,7 @@ struct radio {
   sd_bus_message *pairing_call = nullptr;
 };
 
-/* A plain handler: the library's own object manager would tell of nothing but what it holds itself. */
-int objects_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  auto *r = static_cast<radio *>(data);
-  if (!sd_bus_message_is_method_call(m, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects")) return 0;
+int tell_objects(radio *r, sd_bus_message *m) {
   sd_bus_message *all = nullptr;
   sd_bus_message_new_method_return(m, &all);
   sd_bus_message_open_container(all, 'a', "{oa{sa{sv}}}");
@@ -54,10 +50,9 @@ int objects_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   return e < 0 ? e : 1;
 }
 
-int agent_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  auto *r = static_cast<radio *>(data);
-  const char *path = nullptr, *capability = nullptr;
-  if (int e = sd_bus_message_read(m, "os", &path, &capability); e < 0) return e;
+int take_agent(radio *r, sd_bus_message *m) {
+  const char *path = nullptr;
+  if (int e = sd_bus_message_read(m, "o", &path); e < 0) return e;
   r->agent = path;
   return sd_bus_reply_method_return(m, "");
 }
@@ -72,8 +67,7 @@ int answered_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   return e;
 }
 
-int pair_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  auto *d = static_cast<one_device *>(data);
+int pair_device(one_device *d, sd_bus_message *m) {
   radio *r = d->all;
   r->pairing = d;
   r->pairing_call = sd_bus_message_ref(m);
@@ -82,8 +76,7 @@ int pair_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   return e < 0 ? e : 1;
 }
 
-int connect_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  auto *d = static_cast<one_device *>(data);
+int connect_device(one_device *d, sd_bus_message *m) {
   radio *r = d->all;
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) < 0) return -1;
@@ -102,24 +95,30 @@ int connect_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   return e < 0 ? e : sd_bus_reply_method_return(m, "");
 }
 
-int remove_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+int remove_device(radio *r, sd_bus_message *m) {
   const char *path = nullptr;
   if (int e = sd_bus_message_read(m, "o", &path); e < 0) return e;
-  for (one_device &d : static_cast<radio *>(data)->devices)
+  for (one_device &d : r->devices)
     if (d.path == path) d.paired = 0;
   return sd_bus_reply_method_return(m, "");
 }
 
-const sd_bus_vtable agents[] = {SD_BUS_VTABLE_START(0),
-                                SD_BUS_METHOD("RegisterAgent", "os", "", agent_cb, SD_BUS_VTABLE_UNPRIVILEGED),
-                                SD_BUS_VTABLE_END},
-                    adapter[] = {SD_BUS_VTABLE_START(0),
-                                 SD_BUS_METHOD("RemoveDevice", "o", "", remove_cb, SD_BUS_VTABLE_UNPRIVILEGED),
-                                 SD_BUS_VTABLE_END},
-                    device[] = {SD_BUS_VTABLE_START(0),
-                                SD_BUS_METHOD("Pair", "", "", pair_cb, SD_BUS_VTABLE_UNPRIVILEGED),
-                                SD_BUS_METHOD("ConnectProfile", "s", "", connect_cb, SD_BUS_VTABLE_UNPRIVILEGED),
-                                SD_BUS_WRITABLE_PROPERTY("Trusted", "b", nullptr, nullptr, 0, 0), SD_BUS_VTABLE_END};
+/* A plain handler: the library's own object manager would tell of nothing but what it holds itself. */
+int call_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  auto *r = static_cast<radio *>(data);
+  const char *member = sd_bus_message_get_member(m), *path = sd_bus_message_get_path(m);
+  if (sd_bus_message_is_method_call(m, nullptr, nullptr) <= 0) return 0;
+  const std::string called = member;
+  if (called == "GetManagedObjects") return tell_objects(r, m);
+  if (called == "RegisterAgent") return take_agent(r, m);
+  if (called == "RegisterProfile") return bluez_register_cb(m, &r->profile, error);
+  if (called == "RemoveDevice") return remove_device(r, m);
+  if (called == "Set") return sd_bus_reply_method_return(m, "");
+  for (one_device &d : r->devices)
+    if (d.path == path)
+      return called == "Pair" ? pair_device(&d, m) : called == "ConnectProfile" ? connect_device(&d, m) : 0;
+  return 0;
+}
 
 }  // namespace
 
@@ -127,16 +126,10 @@ int main(int argc, char **argv) {
   radio r;
   r.gate = argv[1];
   int e = sd_bus_open_system(&r.bus);
-  if (e >= 0) e = sd_bus_add_object(r.bus, nullptr, "/", objects_cb, &r);
-  if (e >= 0) e = sd_bus_add_object_vtable(r.bus, nullptr, "/org/bluez", "org.bluez.AgentManager1", agents, &r);
-  if (e >= 0)
-    e = sd_bus_add_object_vtable(r.bus, nullptr, "/org/bluez", "org.bluez.ProfileManager1", bluez_profiles, &r.profile);
-  if (e >= 0) e = sd_bus_add_object_vtable(r.bus, nullptr, kAdapter, "org.bluez.Adapter1", adapter, &r);
-  for (int n = 2; e >= 0 && n < argc; n++) {
+  if (e >= 0) e = sd_bus_add_filter(r.bus, nullptr, call_cb, &r);
+  for (int n = 2; n < argc; n++) {
     const std::string number = "0" + std::to_string(n - 2);
-    r.devices.push_back({0, 0, &r, argv[n], kAdapter + ("/dev_" + number), "00:11:22:33:44:" + number});
-    e = sd_bus_add_object_vtable(r.bus, nullptr, r.devices.back().path.c_str(), "org.bluez.Device1", device,
-                                 &r.devices.back());
+    r.devices.push_back({0, &r, argv[n], kAdapter + ("/dev_" + number), "00:11:22:33:44:" + number});
   }
   if (e >= 0) e = sd_bus_request_name(r.bus, "org.bluez", 0);
   while (e >= 0) {
