@@ -70,6 +70,15 @@ void set_alarm(phone_link *link, uint64_t at, uint64_t late) {
   sd_event_source_set_enabled(link->ping, SD_EVENT_ONESHOT);
 }
 
+/* However many changes follow the first one. */
+void retry_soon(phone_link *link) {
+  uint64_t now = 0, due = 0;
+  sd_event_now(link->event, CLOCK_MONOTONIC, &now);
+  bool waits = link->retry && sd_event_source_get_enabled(link->retry, nullptr) > 0 &&
+               sd_event_source_get_time(link->retry, &due) >= 0;
+  if (!waits || due > now + kSettle) link_timer(link, &link->retry, kSettle, retry_cb);
+}
+
 void end_stream(phone_link *link) {
   link->stage = link_stage::down;
   link->asked_at = 0;
@@ -299,12 +308,11 @@ void stream_network_changed(phone_link *link, bool gone) {
     if (now - link->opened_at < kSecond) return; /* it knows the new network already, or will fail soon */
     end_stream(link);
   }
-  link_timer(link, &link->retry, kSettle, retry_cb);
+  retry_soon(link);
 }
 
 void stream_neighbour_came(phone_link *link) {
-  if (link->stage == link_stage::down && boot_now() - link->opened_at > kSecond)
-    link_timer(link, &link->retry, kSettle, retry_cb);
+  if (link->stage == link_stage::down && boot_now() - link->opened_at > kSecond) retry_soon(link);
 }
 
 void stream_keep_alive(phone_link *link) {
