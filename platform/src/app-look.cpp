@@ -92,13 +92,13 @@ static void add_overlay(const char *installed) {
 /* --- the stock theme --- */
 
 /* The toolkit reads the whole directory of its stock theme when it starts, for one number in it: a seventh of a cold
-   start, and a megabyte that stays. The platform's theme has every style that is used here, so where no window draws a
-   frame of the toolkit's own, the small file takes its place. */
+   start, and a megabyte that stays. The platform's theme has every style that is used here, and its window frame
+   draws nothing: the small file takes its place. */
 extern "C" Eina_File *eina_file_open(const char *path, Eina_Bool shared) {
   using opener = Eina_File *(*)(const char *, Eina_Bool);
   static const opener real = reinterpret_cast<opener>(dlsym(RTLD_NEXT, "eina_file_open"));
   if (!real) return nullptr;
-  if (path && eina_str_has_suffix(path, stock_theme) && !getenv("WAYLAND_DISPLAY")) {
+  if (path && eina_str_has_suffix(path, stock_theme)) {
     Eina_File *frame = real(platform_path(frame_file), EINA_FALSE);
     if (frame) return frame;
   }
@@ -109,8 +109,7 @@ void app_look_start(void) {
   /* Emptying the caches by the clock would wake an idle watch every minute; they are bounded anyway. Setting this
      empties them once, so it comes before anything is read that will be needed. */
   elm_config_cache_flush_enabled_set(EINA_FALSE);
-  /* Only there do windows draw their own frames. */
-  if (!getenv("WAYLAND_DISPLAY")) add_overlay(frame_file);
+  add_overlay(frame_file);
   add_overlay(theme_file);
   light = false;
   apply_palette();
