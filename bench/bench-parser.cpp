@@ -67,7 +67,7 @@ template <typename F>
 void pass(const std::vector<std::string> &mails, cost *c, F read) {
   const auto start = std::chrono::steady_clock::now();
   const double used = processor_now(RUSAGE_SELF) + processor_now(RUSAGE_CHILDREN);
-  for (const std::string &raw : mails) read(raw);
+  for (size_t i = 0; i < mails.size(); i++) read(mails[i], i + 1 < mails.size() ? mails[i + 1] : mails[i]);
   const std::chrono::duration<double, std::micro> took = std::chrono::steady_clock::now() - start;
   parser_close();
   const auto count = static_cast<double>(mails.size());
@@ -87,14 +87,23 @@ int main(int argc, char **argv) {
   const mime_limits limits;
   mime_mail mail;
   std::string error;
-  size_t here = 0, there = 0;
-  cost child, alone;
+  size_t here = 0, there = 0, handed = 0;
+  cost child, ahead, alone;
   for (int round = 0; round < kRounds; round++) {
-    pass(mails, &alone, [&](const std::string &raw) { here += mime_parse(raw, limits, &mail, &error) == 0; });
-    pass(mails, &child,
-         [&](const std::string &raw) { there += parser_read(raw, limits, &mail, &error) == PARSER_DONE; });
+    pass(mails, &alone,
+         [&](const std::string &raw, const std::string &) { here += mime_parse(raw, limits, &mail, &error) == 0; });
+    pass(mails, &child, [&](const std::string &raw, const std::string &) {
+      there += parser_read(raw, limits, &mail, &error) == PARSER_DONE;
+    });
+    pass(mails, &ahead, [&](const std::string &raw, const std::string &next) {
+      if (&raw == &mails.front()) parser_ahead(raw, limits);
+      if (&next != &raw) parser_ahead(next, limits);
+      handed += parser_read(raw, limits, &mail, &error) == PARSER_DONE;
+    });
   }
   figure("a message read in a process of its own", "us", child.wall, alone.wall, "read in the same process");
   figure("the same, processor", "us", child.processor, alone.processor, "read in the same process");
-  return here > 0 && here == there ? 0 : 1;
+  figure("a message read there, handed over ahead", "us", ahead.wall, alone.wall, "read in the same process");
+  figure("the same, processor, handed over ahead", "us", ahead.processor, alone.processor, "read in the same process");
+  return here > 0 && here == there && here == handed ? 0 : 1;
 }

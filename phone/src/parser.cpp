@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <deque>
 
 #include "cage.h"
 
@@ -58,10 +59,30 @@ std::array<std::string *, kTexts> texts_of(mime_mail *mail, std::string *error) 
 
 /* --- the program that asks --- */
 
+/* A question, and how much of it the socket took. */
+struct question {
+  request_head head;
+  std::string_view raw;
+  size_t written = 0;
+  bool is_whole() const { return written == sizeof head + raw.size(); }
+};
+
+question question_of(request_kind kind, std::string_view raw, const mime_limits &limits) {
+  question q = {}; /* also what lies between the fields */
+  q.head.kind = kind;
+  q.head.size = raw.size();
+  q.head.limits = limits;
+  q.raw = raw;
+  return q;
+}
+
+constexpr size_t kMostAhead = 2;
+
 struct parser_process {
   pid_t pid = -1;
   int socket = -1;
   bool told = false; /* that the cage has a hole */
+  std::deque<question> ahead;
 };
 
 parser_process process;
@@ -129,39 +150,39 @@ int end_process() {
   while (waitpid(process.pid, &status, 0) < 0 && errno == EINTR) continue;
   process.pid = -1;
   process.socket = -1;
+  process.ahead.clear();
   return status;
 }
 
 enum exchange_result { EXCHANGE_DONE, EXCHANGE_DIED, EXCHANGE_HUNG };
 
 struct exchange {
-  std::string_view head, body; /* still to be written */
-  char *in = nullptr;          /* where the next bytes go */
-  size_t least = 0, room = 0;  /* how many must come, and how many may */
+  question *q = nullptr;
+  char *in = nullptr;         /* where the next bytes go */
+  size_t least = 0, room = 0; /* how many must come, and how many may */
   size_t got = 0;
   int64_t until = 0, processor_until = 0;
 };
 
 /* Writes both parts at once, as far as the socket takes them. */
-bool write_some(exchange *e) {
-  iovec parts[] = {{const_cast<char *>(e->head.data()), e->head.size()},
-                   {const_cast<char *>(e->body.data()), e->body.size()}};
+bool write_some(question *q) {
+  const size_t of_head = std::min(q->written, sizeof q->head), of_raw = q->written - of_head;
+  iovec parts[] = {{reinterpret_cast<char *>(&q->head) + of_head, sizeof q->head - of_head},
+                   {const_cast<char *>(q->raw.data()) + of_raw, q->raw.size() - of_raw}};
   msghdr message = {};
   message.msg_iov = parts;
   message.msg_iovlen = std::size(parts);
   ssize_t done = sendmsg(process.socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
   if (done < 0) return errno == EAGAIN || errno == EINTR;
-  size_t of_head = std::min(static_cast<size_t>(done), e->head.size());
-  e->head.remove_prefix(of_head);
-  e->body.remove_prefix(static_cast<size_t>(done) - of_head);
+  q->written += static_cast<size_t>(done);
   return true;
 }
 
 /* Writes what is to be written, and reads until enough bytes came. */
 exchange_result run_exchange(exchange *e) {
-  if (!(e->head.empty() && e->body.empty()) && !write_some(e)) return EXCHANGE_DIED;
+  if (!e->q->is_whole() && !write_some(e->q)) return EXCHANGE_DIED;
   while (e->got < e->least) {
-    bool writing = !e->head.empty() || !e->body.empty();
+    bool writing = !e->q->is_whole();
     pollfd wait = {process.socket, static_cast<short>(writing ? POLLIN | POLLOUT : POLLIN), 0};
     int ready = poll(&wait, 1, 1000);
     if (ready < 0 && errno != EINTR) return EXCHANGE_DIED;
@@ -171,7 +192,7 @@ exchange_result run_exchange(exchange *e) {
       if (processor_seconds(process.pid) >= e->processor_until) return EXCHANGE_HUNG;
       continue;
     }
-    if ((wait.revents & POLLOUT) && !write_some(e)) return EXCHANGE_DIED;
+    if ((wait.revents & POLLOUT) && !write_some(e->q)) return EXCHANGE_DIED;
     if (wait.revents & (POLLIN | POLLHUP | POLLERR)) {
       ssize_t got = recv(process.socket, e->in + e->got, e->room - e->got, MSG_DONTWAIT);
       if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) return EXCHANGE_DIED;
@@ -189,17 +210,13 @@ bool is_clean(const std::string &text) {
 /* One question and its answer. `answer` is filled in when it is done. */
 exchange_result ask(request_kind kind, std::string_view raw, const mime_limits &limits, answer_head *answer,
                     std::array<std::string, kTexts> *texts) {
-  request_head head = {};
-  head.kind = kind;
-  head.size = raw.size();
-  head.limits = limits;
+  question own = question_of(kind, raw, limits);
   exchange e;
-  e.head = std::string_view(reinterpret_cast<const char *>(&head), sizeof head);
-  e.body = raw;
+  e.q = process.ahead.empty() ? &own : &process.ahead.front();
   char first[sizeof *answer + (16u << 10)]; /* most answers come as a whole */
   e.in = first;
   e.least = sizeof *answer;
-  e.room = sizeof first;
+  e.room = process.ahead.size() > 1 ? e.least : sizeof first; /* the next answer may be there already */
   e.until = monotonic_seconds() + kWaitingTime;
   e.processor_until = processor_seconds(process.pid) + kProcessorTime;
   exchange_result result = run_exchange(&e);
@@ -220,6 +237,7 @@ exchange_result ask(request_kind kind, std::string_view raw, const mime_limits &
   if (e.least > 0) result = run_exchange(&e);
   for (size_t i = 0, at = 0; i < kTexts && result == EXCHANGE_DONE; at += answer->sizes[i], i++)
     (*texts)[i] = text.substr(at, answer->sizes[i]);
+  if (result == EXCHANGE_DONE && !process.ahead.empty()) process.ahead.pop_front();
   return result;
 }
 
@@ -238,6 +256,8 @@ std::string reason_of_death(int status) {
 
 parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limits &limits, answer_head *answer,
                         std::array<std::string, kTexts> *texts, std::string *error) {
+  /* Out of turn: what was handed over is asked for anew when its turn comes. */
+  if (!process.ahead.empty() && (kind != REQUEST_MAIL || process.ahead.front().raw.data() != raw.data())) end_process();
   /* A process can be killed for reasons that are not the mail's. One that dies of it twice does so again. */
   for (int attempt = 0; attempt < 2; attempt++) {
     if (start_process(error) < 0) return PARSER_LATER;
@@ -326,6 +346,18 @@ parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_
   if (answer.result == 0 && !mail->message_uid.empty()) return PARSER_DONE;
   *error = mime_clean_line(*error, 200);
   return PARSER_NO_MAIL;
+}
+
+void parser_ahead(std::string_view raw, const mime_limits &limits) {
+  std::deque<question> &ahead = process.ahead;
+  std::string error;
+  if (ahead.size() == kMostAhead || (!ahead.empty() && !ahead.back().is_whole()) || start_process(&error) < 0) return;
+  ahead.push_back(question_of(REQUEST_MAIL, raw.substr(0, limits.message), limits));
+  write_some(&ahead.back()); /* one that died is found when its answer is asked for */
+}
+
+void parser_forget() {
+  if (!process.ahead.empty()) end_process();
 }
 
 int64_t parser_arrival(std::string_view head) {

@@ -22,6 +22,14 @@ enum parser_result {
 /* As mime_parse(). *error is set to one line unless it is done. Takes at most parser_longest_s() seconds of waiting. */
 parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_mail *mail, std::string *error);
 
+/* Hands over a message that parser_read() will be called for later, with the very same bytes at the same place: the
+   process reads it while the caller does other work. At most two are on their way, in the order in which they will be
+   read; without effect where that cannot be, or where the process cannot be started. */
+void parser_ahead(std::string_view raw, const mime_limits &limits);
+
+/* What was handed over will not be read. Before its bytes go away. */
+void parser_forget();
+
 /* As mime_arrival(); 0 also when the process died of it. */
 int64_t parser_arrival(std::string_view head);
 

@@ -27,6 +27,14 @@ struct flight {
   host_call_holder call;
 };
 
+/* A message as its mailbox gave it. */
+struct fetched {
+  const mailbox_item *item = nullptr;
+  std::string raw, error;
+  int64_t arrival = 0, size = 0;
+  bool is_read = false;
+};
+
 /* One account's way to the watch. */
 struct sender {
   followed *a;
@@ -232,18 +240,44 @@ int claim(followed *a, const mailbox_item &item, relay_row *row, const mime_mail
   });
 }
 
+void fetch(followed *a, const mailbox_item &item, fetched *f) {
+  const size_t most = mime_limits().message;
+  f->item = &item;
+  f->is_read = a->settings.kind->read(a->settings.path, item, most, &f->raw, &f->arrival, &f->size, &f->error) == 0;
+}
+
+std::unique_ptr<fetched> fetch_ahead(followed *a, const mailbox_item &item) {
+  auto f = std::make_unique<fetched>();
+  fetch(a, item, f.get());
+  if (f->is_read) parser_ahead(f->raw, mime_limits());
+  return f;
+}
+
+/* As read_message(). */
+int read_fetched(followed *a, fetched *f, mime_mail *mail) {
+  if (!f->is_read) return 1;
+  parser_result result = parser_read(f->raw, mime_limits(), mail, &f->error);
+  if (result == PARSER_DONE && rest_is_cut(a->settings.kind->source(a->settings.path, *f->item)))
+    mail->body = rest_surely(mail->body);
+  if (result == PARSER_DONE) return 0;
+  if (result == PARSER_SET_ASIDE) return -1;
+  if (result == PARSER_LATER) return 1;
+  /* What is just being written is not broken yet; its end is an event of its own. */
+  int64_t age = relay_now() - f->arrival;
+  return age >= 0 && age < kBeingWritten ? 1 : -1;
+}
+
 /* Reads a message of the window and takes it along. Returns 0, or -1. */
-int take(sender *s, const mailbox_item &item, relay_row *row, std::unordered_map<std::string, relay_row *> *holders) {
+int take(sender *s, fetched *f, relay_row *row, std::unordered_map<std::string, relay_row *> *holders) {
   followed *a = s->a;
+  const mailbox_item &item = *f->item;
   mime_mail mail;
-  std::string error;
-  int64_t size = 0;
-  int result = read_message(a, item, &mail, &size, &error);
-  if (result < 0) set_aside(item.place, row, error);
+  int result = read_fetched(a, f, &mail);
+  if (result < 0) set_aside(item.place, row, f->error);
   if (result > 0) a->unfinished = true;
   if (result != 0) return 0;
   row->identity = mail.message_uid;
-  row->size = size;
+  row->size = f->size;
   row->seen = item.seen;
   row->trouble.clear();
   row->dirty = true;
@@ -265,19 +299,12 @@ int take(sender *s, const mailbox_item &item, relay_row *row, std::unordered_map
 }  // namespace
 
 int read_message(followed *a, const mailbox_item &item, mime_mail *mail, int64_t *size, std::string *error) {
-  std::string raw;
-  int64_t arrival = 0;
-  mime_limits limits;
-  if (a->settings.kind->read(a->settings.path, item, limits.message, &raw, &arrival, size, error) < 0) return 1;
-  parser_result result = parser_read(raw, limits, mail, error);
-  if (result == PARSER_DONE && rest_is_cut(a->settings.kind->source(a->settings.path, item)))
-    mail->body = rest_surely(mail->body);
-  if (result == PARSER_DONE) return 0;
-  if (result == PARSER_SET_ASIDE) return -1;
-  if (result == PARSER_LATER) return 1;
-  /* What is just being written is not broken yet; its end is an event of its own. */
-  int64_t age = relay_now() - arrival;
-  return age >= 0 && age < kBeingWritten ? 1 : -1;
+  fetched f;
+  fetch(a, item, &f);
+  int result = read_fetched(a, &f, mail);
+  *size = f.size;
+  *error = f.error;
+  return result;
 }
 
 int read_arrival(followed *a, const mailbox_item &item, int64_t *time) {
@@ -300,14 +327,26 @@ int send_window(followed *a, const listing &l) {
   sender s = {};
   s.a = a;
   int result = 0;
-  for (size_t i : l.window) {
-    relay_row *row = &a->rows[l.items[i].key];
-    if (row->state == copy && !holders.count(row->identity)) row->state = waiting;
-    if (row->state != waiting) continue;
-    result = take(&s, l.items[i], row, &holders);
+  const auto row_of = [&](size_t i) { return &a->rows[l.items[i].key]; };
+  const auto is_wanted = [&](const relay_row &row) {
+    return row.state == waiting || (row.state == copy && !holders.count(row.identity));
+  };
+  /* While one message is read, the next is fetched and handed over: the two processes work at the same time. */
+  std::unique_ptr<fetched> now, next;
+  for (auto at = l.window.begin(); at != l.window.end(); ++at) {
+    relay_row *row = row_of(*at);
+    if (!is_wanted(*row)) continue;
+    row->state = waiting;
+    if (now && now->item != &l.items[*at]) parser_forget(); /* what was a copy is none any more */
+    if (!now || now->item != &l.items[*at]) now = fetch_ahead(a, l.items[*at]);
+    const auto then = std::find_if(at + 1, l.window.end(), [&](size_t i) { return is_wanted(*row_of(i)); });
+    if (then != l.window.end()) next = fetch_ahead(a, l.items[*then]);
+    result = take(&s, now.get(), row, &holders);
     if (result < 0) break;
+    now = std::move(next);
     progress_advance(&p, 1);
   }
+  parser_forget();
   if (result == 0) result = flush(&s);
   return land_all(&s, result);
 }
