@@ -328,7 +328,7 @@ std::string carrier_reason(const carrier &way) {
 }
 
 bool carrier_knocks(const carrier &way) {
-  if (way.kind != carrier_kind::ssh || way.pid <= 0) return false;
+  if (way.pid <= 0) return false;
   const std::set<unsigned long> sockets = sockets_of(way.pid);
   const std::string folder = "/proc/" + std::to_string(way.pid) + "/net/";
   return any_is_connecting(sockets, folder + "tcp") || any_is_connecting(sockets, folder + "tcp6");

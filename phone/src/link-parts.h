@@ -78,7 +78,7 @@ struct phone_link {
   sd_event_source *ping = nullptr, *drop = nullptr, *network = nullptr;
   uint64_t lost_at = 0;    /* since when there was none, of CLOCK_BOOTTIME */
   uint64_t opened_at = 0;  /* when the last try began */
-  uint64_t took = 0;       /* what opening it took last */
+  uint64_t took = 0;       /* what opening it took last, over this network; 0: it is not known */
   unsigned unanswered = 0; /* tries since then that were given up */
   uint64_t asked_at = 0;   /* when life was asked for; 0: nothing is waited for */
   uint64_t answer_due = 0; /* until when */

@@ -19,9 +19,9 @@ constexpr uint64_t kSecond = kUsecPerSecond, kOpenPatience = 30 * kSecond, kDoub
 constexpr uint64_t kRecentSeconds = 600, kRecent = kRecentSeconds * kSecond, kLongestRecentDelay = kSecond,
                    kShortestPause = kSecond / 10;
 /* A try that nobody answers is given up: the kernel repeats what it sent first ever more seldom, and a new try sends at
-   once. So is one that reached somebody and came no further, but the tries of these numbers get all the time there is,
-   for a network that became slow. */
-constexpr uint64_t kKnockPatience = 5 * kSecond / 4, kTryPatience = 21 * kSecond / 4;
+   once. So is one that reached somebody and takes far longer than the last that succeeded; but the tries of these
+   numbers get all the time there is, for a network that became slow. */
+constexpr uint64_t kKnockPatience = 5 * kSecond / 4, kTryPatience = 10 * kSecond;
 constexpr unsigned kPatientTry = 4; /* and 8, 16, 32, ... */
 constexpr char kSilence[] = "the watch does not answer";
 constexpr uint64_t kSettle = kSecond / 5; /* changes of the network come in groups */
@@ -130,6 +130,7 @@ void ask_for_life(phone_link *link, uint64_t patience) {
 void doubt_try(phone_link *link) {
   uint64_t until = link->opened_at + kTryPatience + 2 * link->took;
   bool knocks = carrier_knocks(link->bus->way), tried = boot_now() >= until;
+  if (!knocks && link->took == 0) return; /* nobody knows how long it takes here */
   if (!knocks && !tried) {
     set_alarm(link, until, 1);
     return;
@@ -304,6 +305,7 @@ void stream_network_changed(phone_link *link, bool gone) {
   link->lost_at = now; /* there is a reason to look for it often again */
   link->delay = 0;
   link->unanswered = 0;
+  link->took = 0;
   if (link->stage == link_stage::opening) {
     if (now - link->opened_at < kSecond) return; /* it knows the new network already, or will fail soon */
     end_stream(link);
