@@ -137,6 +137,8 @@ void brisel_update_delete_view(int update_type, GSList *id_list, appdata *ad);
 
 /* Reader: brisel-app-detail. push: 1 with a transition, 0 without. 0; -1: no ad; -3: not built. */
 int brisel_detail_draw_view(int mail_id, int push, appdata *ad);
+/* The phone is asked to show the mail: how far it has been read here goes along. */
+void brisel_detail_show_on_device(int mail_id, appdata *ad);
 /* The list has changed: the open reader's pages follow it, at once or when the finger on them is lifted. Always 0. */
 int brisel_detail_update_neighbors(int mail_id, appdata *ad);
 /* Makes the page that the open reader shows the opened mail (ad->mail_id), also before it has come to rest. */

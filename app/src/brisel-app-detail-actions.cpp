@@ -19,8 +19,7 @@ static full_noti_data *__brisel_detail_mail_on_screen(brisel_detail_view *view_d
 }
 
 static void __brisel_detail_show_on_device(brisel_detail_view *view_data) {
-  int mail_ids[] = {__brisel_detail_mail_on_screen(view_data)->mail_id};
-  brisel_util_show_on_device(mail_ids, 1);
+  brisel_detail_show_on_device(__brisel_detail_mail_on_screen(view_data)->mail_id, view_data->ad);
 }
 
 void __brisel_detail_option_button_clicked_cb(void *data, Evas_Object *obj, void *event_info) {

@@ -11,6 +11,7 @@
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 #include "brisel-body.h"
+#include "host-launch.h"
 
 /* The longest subject shown, in bytes: about eighty lines. The text engine would take seconds for a whole book. */
 constexpr size_t subject_shown_max = 2048;
@@ -197,6 +198,15 @@ void __brisel_detail_go_to_place(const page_data *page) {
   for (const auto &[mail_id, source] : places)
     if (mail_id == page->mail_data->mail_id)
       brisel_detail_body_go_to(page->detail_layout, brisel_detail_place_of(page->text->shown, source));
+}
+
+void brisel_detail_show_on_device(int mail_id, appdata *ad) {
+  const auto *view = (const brisel_detail_view *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, ad);
+  const page_data *page = view ? __brisel_detail_find_page(view, mail_id) : nullptr;
+  if (page) __brisel_detail_keep_place(page);
+  for (const auto &[id, source] : places)
+    if (id == mail_id) launch_host_set_position(mail_id, (int)source);
+  brisel_util_show_on_device(&mail_id, 1);
 }
 
 /* --- the place among the mails --- */

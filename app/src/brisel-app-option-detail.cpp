@@ -301,8 +301,7 @@ static void __brisel_option_detail_gl_sel_device(void *data, Evas_Object *obj, v
   appdata *ad = vd->ad;
   elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
   if (!__brisel_option_detail_takes_taps(vd) || !brisel_view_phone_ready(ad)) return;
-  int mail_id = vd->noti_data->mail_id;
-  brisel_util_show_on_device(&mail_id, 1);
+  brisel_detail_show_on_device(vd->noti_data->mail_id, ad);
   brisel_util_pop_view(ad->naviframe);
   brisel_create_toast_popup(ad, brisel_util_get_text("IDS_PLEXO_POP_CHECK_MOBILE_DEVICE_TO_VIEW_CONTENT"));
   BRISEL_INFO("Leave");

@@ -59,8 +59,8 @@ struct command_line {
   int exit_code = 0;
   bool no_mirrors = false, json = false, read = false, unread = false, fresh = false, not_new = false;
   std::string address, name, color, which, known, received, demo_dir = BRISEL_DEMO_DIR;
-  std::string accounts_file = post_config_file(), config, sendmail, phone_name, watch, state, device, purpose, host,
-              type, key;
+  std::string accounts_file = post_config_file(), config, sendmail, show, phone_name, watch, state, device, purpose,
+              host, type, key;
   std::vector<std::string> arguments; /* all of them */
   int64_t ping_after = -1, patience = -1, again_after = -1;
   std::vector<std::string> files, texts, maildirs, mboxes, addresses;
@@ -240,6 +240,7 @@ int run_relay(command_line *c) {
   if (int code = use_pace(*c, settings.phone_name)) return code;
   if (c->newest >= 0) settings.newest = c->newest;
   if (c->first >= 0) settings.first = c->first;
+  if (!c->show.empty()) settings.show = c->show;
   settings.outbox = outbox_options(*c, settings.outbox);
   settings.mirrors = !c->no_mirrors;
   return watch_all().size() > 1 ? relay_run_each(settings, watch_all(), c->arguments) : relay_run(settings);
@@ -291,6 +292,7 @@ void add_relay_commands(CLI::App *app, command_line *c) {
   relay->add_option("--first", c->first, "How many bytes of each body are relayed at first (2048)")
       ->check(count_range());
   relay->add_option("--sendmail", c->sendmail, "The command that takes replies (/usr/sbin/sendmail -t -i)");
+  relay->add_option("--show", c->show, "The command that shows a mail which the watch hands over (none)");
   relay->add_option("--retry-first", c->retry_first, "Seconds until a reply is tried again (60), doubled each time")
       ->check(count_range());
   relay->add_option("--retry-longest", c->retry_longest, "The longest such time (3600)")->check(count_range());

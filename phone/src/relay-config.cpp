@@ -62,6 +62,10 @@ int read_general(const std::string &key, const char *value, relay_settings *sett
     settings->outbox.sendmail = value;
     return 0;
   }
+  if (key == "show") {
+    settings->show = value;
+    return 0;
+  }
   if (key == "phone-name") {
     settings->phone_name = value;
     return 0;

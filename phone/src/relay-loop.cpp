@@ -130,6 +130,7 @@ void kept_cb(phone_link *link, const nlohmann::json &request, const std::string 
     sync_in(r, kSettle);
   }
   if (kind == "reply") replies_next(r);
+  if (kind == "show") show_mails(r, request);
 }
 
 /* --- start --- */

@@ -8,6 +8,7 @@
  *   relay-send.cpp      reading messages and bringing them to the watch
  *   relay-requests.cpp  what a request of the watch changes on disk
  *   relay-replies.cpp   when a reply is handed over
+ *   relay-show.cpp      mails that the watch hands over
  *   relay-status.cpp    what it tells: status and progress
  */
 #ifndef BRISEL_PHONE_RELAY_PARTS_H
@@ -119,6 +120,11 @@ int read_arrival(followed *a, const mailbox_item &item, int64_t *time);
 int send_window(followed *a, const listing &l);
 
 /* --- relay-requests.cpp: see relay.h --- */
+
+/* --- relay-show.cpp --- */
+
+/* Runs the command for each mail that the watch hands over. */
+void show_mails(relay *r, const nlohmann::json &request);
 
 /* --- relay-replies.cpp --- */
 

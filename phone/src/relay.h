@@ -33,6 +33,7 @@ struct relay_settings {
   int64_t first = 2048; /* bytes of each body that go at once */
   outbox_settings outbox;
   std::string phone_name; /* empty: the machine's */
+  std::string show;       /* the command that shows a mail that the watch hands over; empty: none */
   bool mirrors = true;    /* accounts on servers are followed by processes of this one */
 };
 

@@ -73,6 +73,13 @@ int phone_state_find_mail(phone_state *state, int mail_id, const std::string &me
   return 1;
 }
 
+int phone_state_find_number(phone_state *state, int mail_id, sent_mail *mail) {
+  sql_statement query(&state->db, "SELECT message_uid FROM mail WHERE mail_id = ? ORDER BY row DESC LIMIT 1");
+  const sql_result result = query.bind(mail_id).step();
+  if (result == sql_failed) return state_fail(state, "the phone's state cannot be read");
+  return result == sql_done ? 0 : phone_state_find_mail(state, mail_id, query.text(0), mail);
+}
+
 int phone_state_add_request(phone_state *state, int64_t id, const std::string &peer, const std::string &json) {
   /* One transaction of the caller or one statement of its own: two readers never both find it new. */
   sql_statement query(&state->db,

@@ -75,6 +75,8 @@ int phone_state_drop_mails(phone_state *state, const std::vector<int> &mail_ids,
 /* The mail that a request means: both numbers when they agree, else the newest of that message_uid (the watch's
    numbers start again when its store is new). Returns 1 found, 0 not known, -1 error. */
 int phone_state_find_mail(phone_state *state, int mail_id, const std::string &message_uid, sent_mail *mail);
+/* The same, where only the watch's number is known. */
+int phone_state_find_number(phone_state *state, int mail_id, sent_mail *mail);
 
 /* --- requests that came --- */
 

@@ -6,4 +6,8 @@
    The ids are copied. 0 when handed to the bus, -1 otherwise. The request waits at the service for a phone. */
 int launch_host_predefined_application(const char *kind, const int *ids, int count);
 
+/* How far mail_id has been read, in bytes of its text: goes along with the next launch, if that names the mail, and is
+   forgotten with it. 0 and less: not known, or not begun. */
+void launch_host_set_position(int mail_id, int position);
+
 #endif

@@ -125,19 +125,32 @@ int no_account(sd_bus_message *m, void *data, sd_bus_error *error) {
   return finish(h, m, status, entry, json, error);
 }
 
-int show(sd_bus_message *m, void *data, sd_bus_error *error) {
+/* positions: how far each mail has been read, in bytes of its text; phones may leave them aside. */
+int take_show(sd_bus_message *m, void *data, bool has_positions, sd_bus_error *error) {
   host *h = static_cast<host *>(data);
   std::string uid, kind;
-  std::vector<int> ids;
+  std::vector<int> ids, positions;
   int r = host_read_text(m, "uid", uid_max, &uid, error);
   if (r >= 0) r = host_read_text(m, "kind", token_max, &kind, error);
   if (r >= 0) r = host_read_ids(m, false, &ids, error);
+  if (r >= 0 && has_positions) r = host_read_ids(m, true, &positions, error);
   if (r < 0) return r;
   if (kind.empty()) return sd_bus_error_set(error, HOST_ERROR "Invalid", "kind is empty");
-  const json_record json = {{"request", "show"}, {"kind", kind}, {"id_list", ids}};
+  if (has_positions && positions.size() != ids.size())
+    return sd_bus_error_set(error, HOST_ERROR "Invalid", "as many positions as ids are wanted");
+  json_record json = {{"request", "show"}, {"kind", kind}, {"id_list", ids}};
+  if (has_positions) json["position_list"] = positions;
   int64_t entry = 0;
   const store_status status = store_request_relay(h->st, {uid, to_text(json), host_client_of(h, m)}, &entry);
   return finish(h, m, status, entry, json, error);
+}
+
+int show(sd_bus_message *m, void *data, sd_bus_error *error) {
+  return take_show(m, data, false, error);
+}
+
+int show_at(sd_bus_message *m, void *data, sd_bus_error *error) {
+  return take_show(m, data, true, error);
 }
 
 int more_msg(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -224,6 +237,8 @@ const sd_bus_vtable watch_vtable[] = {
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Show", SD_BUS_ARGS("s", uid, "s", kind, "ai", ids), SD_BUS_NO_RESULT, show,
                             SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("ShowAt", SD_BUS_ARGS("s", uid, "s", kind, "ai", ids, "ai", positions), SD_BUS_NO_RESULT,
+                            show_at, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("MoreMsg", SD_BUS_ARGS("s", uid, "s", message_uid, "i", mail_id), SD_BUS_RESULT("ai", ids),
                             more_msg, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("ListInView", SD_BUS_ARGS("i", account_id), SD_BUS_NO_RESULT, list_in_view,

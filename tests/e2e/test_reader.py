@@ -137,20 +137,27 @@ def test_a_silent_phone_gives_the_notice_back(s):
 
 
 def test_pickover(s):
-    _, _, ids = arrange(s, 2)
+    body = "\n".join(f"Line {n}." for n in range(60))
+    _, _, ids = arrange(s, 2, body)
     s.wait_text("S1")
     failed = s.run("brisel-watchctl", "pickover", check=False)
     assert failed.returncode != 0, "nobody is registered without an open mail"
     open_first(s)
     s.watch("pickover")
     equal(s.wait(lambda: s.requests("show"), "the request")[0]["id_list"], [ids[0]], "the mail on screen")
+    assert "position_list" not in s.requests("show")[0], "nothing is read yet"
+    s.scroll(seconds=0.2)
+    s.rest()
+    s.watch("pickover")
+    position, = s.wait(lambda: s.requests("show")[1:], "how far it is read")[0]["position_list"]
+    assert position > 0 and body[position:].startswith("Line "), position
     s.watch("pause")
     assert s.run("brisel-watchctl", "pickover", check=False).returncode != 0, "ended by pause"
     s.watch("resume")
     s.swipe("left")
     s.wait_text("Subject 2")
     s.watch("pickover")
-    s.wait(lambda: [r["id_list"] for r in s.requests("show")] == [[ids[0]], [ids[1]]], "the mail after the swipe")
+    s.wait(lambda: [r["id_list"] for r in s.requests("show")] == [[ids[0]], [ids[0]], [ids[1]]], "the mail after the swipe")
 
 
 def size_of(s, text):

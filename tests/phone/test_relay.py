@@ -13,7 +13,7 @@ import time
 
 from brisel_test import BUILD
 from phone_test import (Maildir, Relay, Sendmail, body_text, by_uid, call_watch, delete_on_watch, equal, host_pid,
-                        journal, main, message, more_on_watch, read_on_watch, reply_on_watch, status)
+                        ids_text, journal, main, message, more_on_watch, read_on_watch, reply_on_watch, status)
 
 HANDED_OVER, SENT, REFUSED = 1, 2, 3
 
@@ -34,7 +34,8 @@ def test_mailbox_and_watch_stay_equal(s):
     old = box.deliver(message("old@x", "Old", date=1789000000), flags="S")
     box.deliver(message("unread@x", "Unread"), flags="")
     box.deliver(message("hidden@x"), base=".hidden")  # what begins so is not delivered yet
-    box, mta, relay = follow(s)
+    shown = s.dir / "shown"
+    box, mta, relay = follow(s, "--show", f"sh -c 'env >{shown}.part; mv {shown}.part {shown}'")
     s.wait(lambda: uids(s) == {"old@x", "unread@x"}, "the first mails")
     mails = by_uid(s)
     equal([mails["old@x"][k] for k in ("is_read", "is_new", "received_time")], [1, 0, 1789000000], "read mail")
@@ -43,6 +44,11 @@ def test_mailbox_and_watch_stay_equal(s):
     new = box.deliver(message("new@x", "New"))
     s.wait(lambda: "new@x" in uids(s), "a new mail")
     equal([by_uid(s)["new@x"][k] for k in ("is_read", "is_new")], [0, 1], "new mail")
+    call_watch(s, "ShowAt", "string:email", ids_text([by_uid(s)["new@x"]["mail_id"]]), ids_text([2]))
+    s.wait(shown.exists, "the command that shows a mail")
+    equal(sorted(line.partition("=")[2] for line in shown.read_text().splitlines() if line.startswith("BRISEL_") and
+                 line[7:10] in ("MES", "FIL", "ADD", "POS", "WOR")),
+          sorted(["new@x", str(box.path / "new" / new), "me@example.org", "2", "dy"]), "what it was told")
 
     box.set_flags(new, "S")
     s.wait(lambda: by_uid(s)["new@x"]["is_read"] == 1, "read elsewhere")
