@@ -135,7 +135,8 @@ int tell_outcome(relay *r, const reply_entry &entry, const reply_outcome &outcom
   return -1;
 }
 
-/* Tells what it does not know yet. Returns when to try again what could not be told. */
+/* Tells one outcome that it does not know yet. Returns when to look again, 0 for at once: between one call and the next
+   the loop hears the link, which would be taken for dead behind many of them in a row. */
 uint64_t tell_outcomes(relay *r, const std::vector<reply_entry> &entries, uint64_t now) {
   if (!link_is_connected(r->link)) return UINT64_MAX; /* the next connection tells */
   if (r->telling.due > now) return r->telling.due;
@@ -144,7 +145,11 @@ uint64_t tell_outcomes(relay *r, const std::vector<reply_entry> &entries, uint64
     reply_outcome outcome = outcome_of(entry);
     if (!outcome.state || entry.uid.empty()) continue;
     std::string told = outcome.reason.empty() ? outcome.state : outcome.state + (" " + outcome.reason);
-    if (told == entry.told || tell_outcome(r, entry, outcome, told) == 0) continue;
+    if (told == entry.told) continue;
+    if (tell_outcome(r, entry, outcome, told) == 0) {
+      r->telling = {};
+      return 0;
+    }
     r->telling.pause = link_longer(r->telling.pause);
     return r->telling.due = now + r->telling.pause;
   }
@@ -159,6 +164,24 @@ void tell_held(relay *r, const reply_entry &entry) {
            " forgets it)");
 }
 
+/* Starts the first that is due. Returns when the next one is; UINT64_MAX while one is handed over, for its end brings
+   here again. */
+uint64_t deliver_due(relay *r, const std::vector<reply_entry> &entries, uint64_t now) {
+  if (r->child) return UINT64_MAX;
+  uint64_t next = UINT64_MAX;
+  std::map<int64_t, reply_wait> waits;
+  for (const reply_entry &entry : entries) {
+    if (entry.state == reply_state::held) tell_held(r, entry);
+    if (entry.state != reply_state::queued && entry.state != reply_state::sending) continue;
+    uint64_t due = due_time(r, entry, now);
+    if (due <= now && start_delivery(r, entry)) return UINT64_MAX;
+    next = std::min(next, r->waits[entry.id].due);
+    waits[entry.id] = r->waits[entry.id];
+  }
+  if (!entries.empty()) r->waits = std::move(waits); /* what was sent or dropped is forgotten */
+  return next;
+}
+
 }  // namespace
 
 void replies_next(relay *r) {
@@ -170,17 +193,7 @@ void replies_next(relay *r) {
     next = r->waits[0].due;
   }
   next = std::min(next, tell_outcomes(r, entries, now));
-  if (r->child) return; /* its end brings here again */
-  std::map<int64_t, reply_wait> waits;
-  for (const reply_entry &entry : entries) {
-    if (entry.state == reply_state::held) tell_held(r, entry);
-    if (entry.state != reply_state::queued && entry.state != reply_state::sending) continue;
-    uint64_t due = due_time(r, entry, now);
-    if (due <= now && start_delivery(r, entry)) return;
-    next = std::min(next, r->waits[entry.id].due);
-    waits[entry.id] = r->waits[entry.id];
-  }
-  if (!entries.empty()) r->waits = std::move(waits); /* what was sent or dropped is forgotten */
+  next = std::min(next, deliver_due(r, entries, now));
   sd_event_source_set_time(r->reply_timer.get(), next);
   sd_event_source_set_enabled(r->reply_timer.get(), next == UINT64_MAX ? SD_EVENT_OFF : SD_EVENT_ONESHOT);
 }

@@ -278,6 +278,14 @@ def test_the_watch_hears_what_came_of_each_reply(s):
     s.wait(lambda: journal(s)[-1][0] == REFUSED, "dropped on the phone")
     equal([r["state"] for r in status(s)["replies"]].count("dropped"), 0, "forgotten on the phone")
 
+    # What many of them came to is told in a row, each in a turn of its own.
+    relay.kill(15)
+    with contextlib.closing(sqlite3.connect(f"{s.dir}/state/brisel-phone/phone.db", isolation_level=None)) as db:
+        db.executemany("INSERT INTO outbox (account_id, created, recipient, subject, message, state, error, uid) SELECT"
+                       " account_id, 0, 'a@b', 's', '', 3, 'no', ? FROM outbox LIMIT 1", [(f"u{n}",) for n in range(20)])
+        relay.start()
+        s.wait(lambda: db.execute("SELECT count(*) FROM outbox WHERE told = ''").fetchone() == (0,), "all told")
+
 
 def test_killed_delivery_sends_once(s):
     box, mta, relay = follow(s)
