@@ -135,5 +135,8 @@ for name, busy in (("under way", True), ("idle", False)):
     for side in ("watch", "phone"):
         emit(f"a silent cut, {name}: until the {side} knows", "s", [knows.get(side, 120)])
     pair.m.heal()
-    emit(f"a silent cut, {name}: until they are together again", "s", [wait(pair.linked, "the link again", pause=0.02)])
+    again = wait(pair.linked, "the link again", pause=0.02)
+    start = time.monotonic()
+    subprocess.run([*pair.m.ssh[:-1], "-i", str(pair.m.echo_key), "watch", "true"], stdin=subprocess.DEVNULL)
+    emit(f"a silent cut, {name}: until they are together again", "s", [again], [time.monotonic() - start], "a login by ssh")
 pair.close()
