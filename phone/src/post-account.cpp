@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -53,7 +54,12 @@ bool is_loopback(const std::string &host) {
 }  // namespace
 
 std::vector<std::string> post_folders(const post_account &account) {
-  return account.folders.empty() ? std::vector<std::string>{"INBOX"} : account.folders;
+  std::vector<std::string> folders;
+  for (const std::string &given : account.folders) { /* this one has a name in any case */
+    std::string name = g_ascii_strcasecmp(given.c_str(), "INBOX") == 0 ? "INBOX" : given;
+    if (std::find(folders.begin(), folders.end(), name) == folders.end()) folders.push_back(name);
+  }
+  return folders.empty() ? std::vector<std::string>{"INBOX"} : folders;
 }
 
 int post_account_set(post_account *account, const std::string &key, const std::string &value, std::string *error) {
@@ -197,7 +203,8 @@ int post_server_read(const post_account &account, const std::string &url, post_s
   guint64 port = 0;
   bool numbered = colon != std::string::npos;
   bool good_port = !numbered || g_ascii_string_to_unsigned(rest.c_str() + colon + 1, 10, 1, 65535, &port, nullptr);
-  if (!(imap || smtp) || server->host.empty() || !good_port) {
+  bool good_host = !server->host.empty() && server->host.find_first_of("[]/@ \t\r\n") == std::string::npos;
+  if (!(imap || smtp) || !good_host || !good_port) {
     *error = "'" + url + "': imaps://HOST, imap://HOST, smtps://HOST or smtp://HOST is wanted, with :PORT if need be";
     return -1;
   }

@@ -38,7 +38,7 @@ struct post_account {
   const std::string &login() const { return user.empty() ? address : user; }
 };
 
-/* Those that are followed. */
+/* Those that are followed, each once. */
 std::vector<std::string> post_folders(const post_account &account);
 
 /* Takes one setting of an account's group. Returns 1 taken, 0 no setting of this kind, -1 with a reason. */

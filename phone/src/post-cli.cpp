@@ -30,14 +30,18 @@ void add_setup(CLI::App *app, const std::shared_ptr<given> &g, int *exit_code) {
   setup->add_option("--password-command", account->password_command, "A command that prints the password or token");
   setup->add_option("--auth", g->auth, "password, or xoauth2 or oauthbearer with a token")
       ->check(CLI::IsMember({"password", "xoauth2", "oauthbearer"}));
-  setup->add_option("--folder", account->folders, "A folder to follow (INBOX); may be given several times");
+  setup->add_option("--folder", account->folders, "A folder to follow (INBOX); may be given several times")
+      ->check([](const std::string &name) {
+        return name.find(';') == std::string::npos && !name.empty() ? "" : "a folder's name without ; is wanted";
+      });
   setup->add_option("--sent", account->sent, "The folder for copies of what is sent (found)");
   setup->add_flag("--delete-on-server", account->delete_on_server,
                   "What is deleted on the watch goes to the server's trash too");
   setup->add_option("--ca", account->ca, "A file of certificates to trust besides the system's")
       ->check(CLI::ExistingFile);
   setup->add_flag("--plain", account->plain, "Without encryption, to a server on this machine only");
-  setup->add_flag("--secret-file", g->setup.secret_file, "Keep the password in a file that only you can read");
+  setup->add_flag("--secret-file", g->setup.secret_file, "Keep the password in a file that only you can read")
+      ->excludes("--password-command");
   setup->add_flag("--no-start", g->no_start, "Do not start the relay");
   setup->add_option("--config", g->config, "The relay's configuration file");
   setup->callback([g, exit_code] {

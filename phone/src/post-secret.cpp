@@ -2,16 +2,23 @@
 #include <fcntl.h>
 #include <glib.h>
 #include <libsecret/secret.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <memory>
 
 #include "post-account.h"
 
 namespace {
+
+constexpr gint64 kCommandSeconds = 120; /* somebody may be asked */
+constexpr size_t kMostPrinted = 64u << 10;
 
 const SecretSchema kSchema = {"com.vextora.brisel.Account",
                               SECRET_SCHEMA_NONE,
@@ -30,19 +37,58 @@ std::string secret_file(const post_account &account) {
   return std::string(g_get_user_config_dir()) + "/brisel/secrets/" + safe.get();
 }
 
-/* The first line of what the command prints. */
+/* The command's output while it lives, and its end: what it leaves running may keep the pipe. Returns the reason it was
+   ended for; NULL: it ended by itself, with this status. */
+const char *watch_command(pid_t pid, int pipe, std::string *out, int *status) {
+  const int ends = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  const gint64 until = g_get_monotonic_time() + kCommandSeconds * G_USEC_PER_SEC;
+  const char *why = ends < 0 ? "cannot be waited for" : nullptr;
+  pollfd wait[] = {{pipe, POLLIN, 0}, {ends, POLLIN, 0}};
+  for (bool over = false; !why && !over;) {
+    char text[4096];
+    gint64 left = std::max<gint64>(0, until - g_get_monotonic_time());
+    if (poll(wait, 2, static_cast<int>(left / 1000)) == 0) why = "took longer than 2 minutes";
+    ssize_t got = wait[0].fd < 0 ? 0 : read(pipe, text, sizeof text);
+    if (got > 0) out->append(text, static_cast<size_t>(got));
+    if (got == 0) wait[0].fd = -1;
+    if (out->size() > kMostPrinted) why = "printed far more than a password";
+    over = wait[1].revents != 0 && got <= 0;
+  }
+  if (why) kill(getpgid(pid) == pid ? -pid : pid, SIGKILL);
+  while (waitpid(pid, status, 0) < 0 && errno == EINTR) continue;
+  if (ends >= 0) close(ends);
+  return why;
+}
+
+/* The first line of what the command prints. It may ask on the terminal, so it stays in the terminal's own group. */
 int from_command(const std::string &command, std::string *secret, std::string *error) {
-  const char *arguments[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-  char *out = nullptr;
-  int status = 0;
+  int ends[2], status = 0;
+  pid_t pid = pipe2(ends, O_CLOEXEC | O_NONBLOCK) < 0 ? -1 : fork();
+  if (pid == 0) {
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (!isatty(STDIN_FILENO)) setpgid(0, 0);
+    int text = fcntl(ends[1], F_GETFL);
+    if (fcntl(ends[1], F_SETFL, text & ~O_NONBLOCK) == 0 && dup2(ends[1], STDOUT_FILENO) == STDOUT_FILENO)
+      execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    _exit(127);
+  }
+  if (pid < 0) {
+    *error = std::string("the password command cannot be started: ") + strerror(errno);
+    return -1;
+  }
+  close(ends[1]);
+  std::string out;
   GError *why = nullptr;
-  bool ran = g_spawn_sync(nullptr, const_cast<char **>(arguments), nullptr, G_SPAWN_CHILD_INHERITS_STDIN, nullptr,
-                          nullptr, &out, nullptr, &status, &why) &&
-             g_spawn_check_wait_status(status, &why);
-  if (ran) *secret = std::string(out).substr(0, strcspn(out, "\r\n"));
-  g_free(out);
-  if (ran && !secret->empty()) return 0;
-  *error = std::string("the password command ") + (why ? std::string("failed: ") + why->message : "printed nothing");
+  const char *ended = watch_command(pid, ends[0], &out, &status);
+  close(ends[0]);
+  if (!ended && g_spawn_check_wait_status(status, &why)) secret->assign(out, 0, out.find_first_of("\r\n"));
+  std::fill(out.begin(), out.end(), '\0');
+  if (!ended && !why && !secret->empty()) return 0;
+  *error = std::string("the password command ") + (ended ? ended
+                                                   : why ? std::string("failed: ") + why->message
+                                                         : "printed nothing");
   g_clear_error(&why);
   return -1;
 }

@@ -185,11 +185,17 @@ def test_each_error_is_one_sentence(s):
             ("is with mx.host.example;", ("me@away.example",), ()),
             ("is with evil.example and mx.host.example;", ("me@split.example",), ()),
             ("the password command failed: ", ("me@named.example", *GIVEN, "--password-command", "exit 3"), ()),
-            ("there is no Secret Service here; use", ("me@named.example", *GIVEN), ()))
+            ("command printed far more", ("me@named.example", *GIVEN, "--password-command", "yes"), ()),
+            ("there is no Secret Service here; use", ("me@named.example", *GIVEN), ()),
+            ("plain=yes is for servers on this machine", ("me@named.example", *GIVEN, "--plain"), ()),
+            ("HOST is wanted", ("me@named.example", "--imap", "imaps://[::1", "--smtp", "smtps://x"), ()),
+            ("--imap: At Most 1", ("me@named.example", *GIVEN, *GIVEN), ()), ("not expected: you@", ("me@named.example", "you@named.example"), ()),
+            ("excludes --secret-file", ("me@named.example", *GIVEN, "--secret-file", "--password-command", "true"), ()),
+            ("without ;", ("me@named.example", *GIVEN, "--folder", "A;B"), ()))
     for said, args, prefix in rows:
         out, code = setup(s, *args, prefix=prefix)
-        assert code == 1 and said in out.splitlines()[-1] and len(out.splitlines()) <= 3, out
-
+        assert code in (1, 2) and said in out.splitlines()[-1] and len(out.splitlines()) <= 3, out
+        assert not (s.dir / "relay.conf").exists(), said
 
 
 def test_a_password_in_the_keyring(s):
