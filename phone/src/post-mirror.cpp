@@ -6,6 +6,7 @@
 #include <glib.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -34,7 +35,7 @@ constexpr int kFirstPause = 2, kLongestPause = 300;
 constexpr int64_t kLasting = 60; /* a connection that lasted so long was a good one */
 constexpr rlim_t kMemory = 512u << 20;
 constexpr size_t kAtOnce = 16;
-constexpr char kVersion[] = "v2";
+constexpr char kVersion[] = "v2", kLock[] = "/lock";
 
 struct local_file {
   std::string path;
@@ -378,6 +379,18 @@ int post_mirror_create(const std::string &path, std::string *error) {
   return 0;
 }
 
+bool post_mirror_is_left(const std::string &path) {
+  constexpr int kPauseUs = 20000, kTries = 250;
+  int lock = open((path + kLock).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  bool left = lock < 0;
+  for (int n = 0; !left && n < kTries; n++) {
+    left = flock(lock, LOCK_EX | LOCK_NB) == 0;
+    if (!left) usleep(kPauseUs);
+  }
+  if (lock >= 0) close(lock);
+  return left;
+}
+
 int post_mirror_run(const std::string &config, const std::string &account, const std::string &folder, uint32_t newest) {
   mirror m;
   std::string error;
@@ -402,6 +415,8 @@ int post_mirror_run(const std::string &config, const std::string &account, const
     say(m, error.empty() ? strerror(errno) : error);
     return 1;
   }
+  int lock = open((m.path + kLock).c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (lock < 0 || flock(lock, LOCK_SH) < 0) say(m, m.path + kLock + ": " + strerror(errno)); /* held until the end */
   clear_leftovers(m);
   m.trash = m.account.trash;
   m.net = network_open(RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR);

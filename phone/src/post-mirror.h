@@ -22,9 +22,15 @@ struct post_mirror_order {
   int64_t newest = 200;
 };
 
-/* Starts a process for each and starts it again when it ends, until post_mirrors_stop(). SIGCHLD is blocked. */
+/* Starts a process for each and starts it again when it ends, until post_mirrors_stop(), which waits for their end.
+   SIGCHLD is blocked. The loop is ended when the configuration file says something else than at the start:
+   post_mirrors_outdated() then, and when everything is closed, post_mirrors_begin_again() runs this program anew. */
 struct post_mirrors;
 post_mirrors *post_mirrors_start(sd_event *event, const std::vector<post_mirror_order> &orders);
-void post_mirrors_stop(post_mirrors *mirrors); /* NULL allowed */
+bool post_mirrors_outdated(const post_mirrors *mirrors); /* NULL allowed, here and below */
+void post_mirrors_stop(post_mirrors *mirrors);
+void post_mirrors_begin_again();
+/* Waits a few seconds until no process follows a folder of the account any more. Returns whether none does. */
+bool post_mirror_is_left(const std::string &path);
 
 #endif

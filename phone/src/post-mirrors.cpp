@@ -1,11 +1,16 @@
 /* The relay's side of the mirrors: their processes. */
+#include <glib.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
 
+#include "post-account.h"
 #include "post-mirror.h"
 
 namespace {
@@ -73,9 +78,25 @@ int start_later_cb(sd_event_source *source, uint64_t time, void *user_data) {
 
 }  // namespace
 
+/* What a file holds; empty: nothing that can be read. */
+std::string content_of(const std::string &file) {
+  g_autofree char *text = nullptr;
+  gsize size = 0;
+  return g_file_get_contents(file.c_str(), &text, &size, nullptr) ? std::string(text, size) : "";
+}
+
 struct post_mirrors {
   std::vector<std::unique_ptr<one_mirror>> all;
+  std::string config, read; /* the configuration file, and what it held */
+  source_holder watch;
 };
+
+/* In the file's folder something happened. */
+static int config_changed_cb(sd_event_source *source, const inotify_event *event, void *user_data) {
+  if (post_mirrors_outdated(static_cast<post_mirrors *>(user_data)))
+    sd_event_exit(sd_event_source_get_event(source), 0);
+  return 0;
+}
 
 post_mirrors *post_mirrors_start(sd_event *event, const std::vector<post_mirror_order> &orders) {
   auto *mirrors = new post_mirrors;
@@ -85,12 +106,39 @@ post_mirrors *post_mirrors_start(sd_event *event, const std::vector<post_mirror_
     mirrors->all.back()->event = event;
     start(mirrors->all.back().get());
   }
+  if (orders.empty()) return mirrors;
+  mirrors->config = orders[0].config;
+  mirrors->read = content_of(mirrors->config);
+  g_autofree char *folder = g_path_get_dirname(mirrors->config.c_str());
+  sd_event_source *source = nullptr;
+  if (sd_event_add_inotify(event, &source, folder, IN_MOVED_TO | IN_CLOSE_WRITE, config_changed_cb, mirrors) >= 0)
+    mirrors->watch.reset(source);
   return mirrors;
+}
+
+bool post_mirrors_outdated(const post_mirrors *mirrors) {
+  std::vector<post_account> ignored;
+  std::string error;
+  return mirrors && !mirrors->config.empty() && content_of(mirrors->config) != mirrors->read &&
+         post_accounts_read(mirrors->config, &ignored, &error) == 0;
+}
+
+void post_mirrors_begin_again() {
+  std::string words = content_of("/proc/self/cmdline");
+  std::vector<char *> arguments;
+  for (size_t at = 0; at < words.size(); at += strlen(&words[at]) + 1) arguments.push_back(&words[at]);
+  arguments.push_back(nullptr);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  execv("/proc/self/exe", arguments.data());
 }
 
 void post_mirrors_stop(post_mirrors *mirrors) {
   if (!mirrors) return;
   for (const auto &m : mirrors->all)
     if (m->pid > 0) kill(m->pid, SIGTERM);
+  for (const auto &m : mirrors->all)
+    while (m->pid > 0 && waitpid(m->pid, nullptr, 0) < 0 && errno == EINTR) continue;
   delete mirrors;
 }

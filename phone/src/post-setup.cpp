@@ -250,10 +250,9 @@ int command_account_forget(const std::string &config, const std::string &name) {
   if (post_account_find(config, name, &account, &error) < 0 || post_account_erase(config, account.name, &error) < 0)
     return complain(error);
   post_secret_forget(account);
-  const char *restart[] = {"systemctl", "--user", "try-restart", "brisel-relay.service", nullptr};
-  const char *runs[] = {"systemctl", "--user", "is-active", "--quiet", "brisel-relay.service", nullptr};
-  bool restarted = config == post_config_file() && run_quietly(restart) && run_quietly(runs);
-  if (!restarted) complain("a relay that runs must be restarted, or it brings the account back");
+  /* A relay that runs sees that, and begins anew without it. */
+  if (!post_mirror_is_left(post_mirror_path(account.name)))
+    complain("a relay that runs must be restarted, or it brings the account back");
   std::error_code failed; /* a name that setup does not take may stand in the file all the same */
   if (account.name != "." && account.name != "..") std::filesystem::remove_all(post_mirror_path(account.name), failed);
   if (failed) complain(post_mirror_path(account.name) + ": " + failed.message());

@@ -237,8 +237,8 @@ int64_t relay_now() {
   return static_cast<int64_t>(time(nullptr));
 }
 
-int relay_run(const relay_settings &settings) {
-  mime_init();
+/* Until it is ended, or its configuration changes. */
+static int run_once(const relay_settings &settings, post_mirrors **mirrors) {
   std::string error;
   link_handlers handlers = {connected_cb, keep_cb, kept_cb};
   relay r;
@@ -247,13 +247,29 @@ int relay_run(const relay_settings &settings) {
   r.state.reset(phone_state_open(&error));
   int lock = r.state ? status_take_lock(&error) : -1;
   int result = lock < 0 ? -1 : start(&r, &handlers, &error);
-  post_mirrors *mirrors = result == 0 ? post_mirrors_start(link_event(r.link), mirror_orders(settings)) : nullptr;
+  if (result == 0) *mirrors = post_mirrors_start(link_event(r.link), mirror_orders(settings));
   if (result == 0) result = link_run(r.link, &error);
-  post_mirrors_stop(mirrors);
   if (lock >= 0) close(lock);
-  if (result == 0) return 0;
+  if (result == 0 || post_mirrors_outdated(*mirrors)) return 0;
   link_log(error);
   return 1;
+}
+
+/* Everything is closed: an account that is in the configuration no more is left, a new one followed. */
+static void end_mirrors(post_mirrors *mirrors) {
+  bool again = post_mirrors_outdated(mirrors);
+  post_mirrors_stop(mirrors);
+  if (!again) return;
+  link_log("its configuration changed: it begins anew");
+  post_mirrors_begin_again();
+}
+
+int relay_run(const relay_settings &settings) {
+  mime_init();
+  post_mirrors *mirrors = nullptr;
+  int code = run_once(settings, &mirrors);
+  end_mirrors(mirrors);
+  return code;
 }
 
 int relay_run_each(const relay_settings &settings, const std::vector<std::string> &watches,
@@ -263,6 +279,6 @@ int relay_run_each(const relay_settings &settings, const std::vector<std::string
   own.emplace_back("--no-mirrors");
   int code = watch_run_each(watches, own,
                             [&](sd_event *event) { mirrors = post_mirrors_start(event, mirror_orders(settings)); });
-  post_mirrors_stop(mirrors);
+  end_mirrors(mirrors);
   return code;
 }

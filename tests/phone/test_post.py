@@ -153,6 +153,11 @@ def test_read_on_and_deleted_at_servers_of_all_kinds(s):
             assert other.flags(f"marked{n}@x"), "what another program marked stays"
             assert n == 2 or other.flags(f"go{n}@x", "Trash"), "in the trash"
         s.wait(lambda: uids(s) == {f"long{n}@x" for n in range(3)}, "the others on the watch")
+        assert "here and on the watch" in s.phone("account", "remove", "a0", "--config", s.dir / "relay.conf")
+        equal((uids(s), list(s.dir.rglob("post/a0"))), ({"long1@x", "long2@x"}, []), "what is left")
+        others[0].add(message("late0@x"))
+        others[1].add(message("late1@x"))
+        s.wait(lambda: uids(s) == {"long1@x", "long2@x", "late1@x"}, "the same relay follows the others")
 
 
 def test_a_server_of_another_make(s):
