@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -142,6 +143,65 @@ void step_rows(benchmark::State &state) {
   step(state, ROW_COLUMNS, "mail", 15);
 }
 
+double now_ms(void) {
+  timespec t;
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
+}
+
+/* The same batch through the store and through bare inserts into a copy of its file; both with one sync. The store
+   holds more mails then: to be called last. */
+int add_batches(void) {
+  constexpr int batch = 1000, rounds = 7;
+  constexpr const char *row =
+      "INSERT INTO mail (account_id, received_time, subject, from_name, from_address, message_uid) "
+      "VALUES (?, ?, ?, ?, ?, ?)";
+  const std::string bare_path = store_path() + "-bare";
+  std::filesystem::copy_file(store_path(), bare_path);
+  std::string why;
+  store *st = store_open(store_path(), &why);
+  sqlite3 *db = nullptr;
+  sqlite3_stmt *insert = nullptr, *insert_body = nullptr;
+  sqlite3_open(bare_path.c_str(), &db);
+  sqlite3_exec(db, "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL", nullptr, nullptr, nullptr);
+  sqlite3_prepare_v2(db, row, -1, &insert, nullptr);
+  sqlite3_prepare_v2(db, "INSERT INTO body (mail_id, text) VALUES (?, ?)", -1, &insert_body, nullptr);
+  std::vector<double> ours, bare;
+  bool good = st && insert && insert_body;
+  for (int round = 0; good && round < rounds; round++) {
+    std::vector<mail_values> mails;
+    for (int n = 0; n < batch; n++) mails.push_back(mail_of((round + 1) * batch + n));
+    double start = now_ms();
+    sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+    for (const mail_values &mail : mails) {
+      const auto field = [&](const char *name) { return mail.field[static_cast<size_t>(mail_field_index(name))]; };
+      int column = 0;
+      for (const char *name : {"account_id", "received_time"}) sqlite3_bind_int64(insert, ++column, field(name).number);
+      for (const char *name : {"subject", "from_name", "from_address", "message_uid"})
+        sqlite3_bind_text(insert, ++column, field(name).text.c_str(), -1, SQLITE_TRANSIENT);
+      good = good && sqlite3_step(insert) == SQLITE_DONE;
+      sqlite3_reset(insert);
+      sqlite3_bind_int64(insert_body, 1, sqlite3_last_insert_rowid(db));
+      sqlite3_bind_text(insert_body, 2, field("body").text.c_str(), -1, SQLITE_TRANSIENT);
+      good = good && sqlite3_step(insert_body) == SQLITE_DONE;
+      sqlite3_reset(insert_body);
+    }
+    good = sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK && good;
+    bare.push_back(now_ms() - start);
+    std::vector<int> ids;
+    start = now_ms();
+    good = store_add_mails(st, &mails, &ids) == store_ok && good;
+    ours.push_back(now_ms() - start);
+  }
+  sqlite3_finalize(insert);
+  sqlite3_finalize(insert_body);
+  if (!good) fprintf(stderr, "bench-store: the batches: %s %s\n", why.c_str(), sqlite3_errmsg(db));
+  sqlite3_close(db);
+  if (st) store_close(st);
+  if (good) figure("a batch of 1000 mails added", "ms", ours, bare, "bare inserts in one commit");
+  return good ? 0 : 1;
+}
+
 void register_all(void) {
   const std::pair<const char *, void (*)(benchmark::State &)> all[] = {{"step_mails", step_mails},
                                                                        {"step_rows", step_rows},
@@ -189,6 +249,7 @@ int main(int argc, char **argv) {
     for (const auto &[name, what, bare, beside] : figures)
       figure("list of " + mails + what, "us", reporter.times[std::string(name) + "/" + mails],
              reporter.times[bare + mails], beside);
+  const int added = add_batches();
   std::filesystem::remove_all(folder);
-  return reporter.failed ? 1 : 0;
+  return reporter.failed || added ? 1 : 0;
 }
