@@ -58,11 +58,33 @@ int remove_account(sd_bus_message *m, void *data, sd_bus_error *error) {
   return finish(h, m, store_remove_account(h->st, id), error);
 }
 
-/* Sends what was appended so far to m's caller, or fails. */
-int send_answer(sd_bus_message *answer, int r) {
+/* Answers m with a list of what was read from the store; append puts one record into the answer. */
+template <typename T, typename F>
+int answer_list(sd_bus_message *m, const char *type, const std::vector<T> &records, F &&append) {
+  sd_bus_message *answer = nullptr;
+  int r = sd_bus_message_new_method_return(m, &answer);
+  if (r >= 0) r = sd_bus_message_open_container(answer, 'a', type);
+  for (const T &record : records)
+    if (r >= 0) r = append(answer, record);
+  if (r >= 0) r = sd_bus_message_close_container(answer);
   if (r >= 0) r = sd_bus_send(nullptr, answer, nullptr);
   sd_bus_message_unref(answer);
   return r < 0 ? r : 1;
+}
+
+/* The same for a part of a long list: m says behind which id it begins and how many it may hold. */
+template <typename T, typename F>
+int answer_page(sd_bus_message *m, void *data, sd_bus_error *error, const char *type,
+                store_status (*read)(store *, int, size_t, size_t, std::vector<T> *), F &&append) {
+  host *h = static_cast<host *>(data);
+  int after_id = 0, limit = 0;
+  const int r = sd_bus_message_read(m, "ii", &after_id, &limit);
+  if (r < 0) return r;
+  if (after_id < 0 || limit < 0) return invalid(error, "after_id and limit are not below 0");
+  std::vector<T> records;
+  const store_status status =
+      read(h->st, after_id, limit ? static_cast<size_t>(limit) : SIZE_MAX, list_bytes, &records);
+  return status ? host_fail(h, status, error) : answer_list(m, type, records, append);
 }
 
 int list_accounts(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -70,17 +92,12 @@ int list_accounts(sd_bus_message *m, void *data, sd_bus_error *error) {
   std::vector<account_value_record> accounts;
   const store_status status = store_list_accounts(h->st, &accounts);
   if (status) return host_fail(h, status, error);
-  sd_bus_message *answer = nullptr;
-  int r = sd_bus_message_new_method_return(m, &answer);
-  if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "a{sv}");
-  for (const account_value_record &account : accounts)
-    if (r >= 0)
-      r = sd_bus_message_append(answer, "a{sv}", 5, "account_id", "i", account.account_id, "account_value", "i",
-                                account.account_value, "email_address", "s", clean_text(account.email_address).c_str(),
-                                "display_name", "s", clean_text(account.display_name).c_str(), "color", "u",
-                                account.color);
-  if (r >= 0) r = sd_bus_message_close_container(answer);
-  return send_answer(answer, r);
+  return answer_list(m, "a{sv}", accounts, [](sd_bus_message *answer, const account_value_record &account) {
+    return sd_bus_message_append(answer, "a{sv}", 5, "account_id", "i", account.account_id, "account_value", "i",
+                                 account.account_value, "email_address", "s", clean_text(account.email_address).c_str(),
+                                 "display_name", "s", clean_text(account.display_name).c_str(), "color", "u",
+                                 account.color);
+  });
 }
 
 int set_account_count(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -126,49 +143,23 @@ int append_field(sd_bus_message *answer, const field_rule &rule, const field_val
   return r;
 }
 
+int append_mail(sd_bus_message *answer, const mail_values &mail) {
+  int r = sd_bus_message_open_container(answer, 'a', "{sv}");
+  if (r >= 0) r = sd_bus_message_append(answer, "{sv}", "mail_id", "i", mail.mail_id);
+  for (size_t i = 0; i < mail_fields.size(); i++)
+    if (r >= 0) r = append_field(answer, mail_fields[i], mail.field[i]);
+  return r < 0 ? r : sd_bus_message_close_container(answer);
+}
+
 int list_mails(sd_bus_message *m, void *data, sd_bus_error *error) {
-  host *h = static_cast<host *>(data);
-  int after_id = 0, limit = 0;
-  int r = sd_bus_message_read(m, "ii", &after_id, &limit);
-  if (r < 0) return r;
-  if (after_id < 0 || limit < 0) return invalid(error, "after_id and limit are not below 0");
-  std::vector<mail_values> mails;
-  const store_status status =
-      store_list_mails(h->st, after_id, limit ? static_cast<size_t>(limit) : SIZE_MAX, list_bytes, &mails);
-  if (status) return host_fail(h, status, error);
-  sd_bus_message *answer = nullptr;
-  r = sd_bus_message_new_method_return(m, &answer);
-  if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "a{sv}");
-  for (const mail_values &mail : mails) {
-    if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "{sv}");
-    if (r >= 0) r = sd_bus_message_append(answer, "{sv}", "mail_id", "i", mail.mail_id);
-    for (size_t i = 0; i < mail_fields.size(); i++)
-      if (r >= 0) r = append_field(answer, mail_fields[i], mail.field[i]);
-    if (r >= 0) r = sd_bus_message_close_container(answer);
-  }
-  if (r >= 0) r = sd_bus_message_close_container(answer);
-  return send_answer(answer, r);
+  return answer_page(m, data, error, "a{sv}", store_list_mails, append_mail);
 }
 
 int list_mail_ids(sd_bus_message *m, void *data, sd_bus_error *error) {
-  host *h = static_cast<host *>(data);
-  int after_id = 0, limit = 0;
-  int r = sd_bus_message_read(m, "ii", &after_id, &limit);
-  if (r < 0) return r;
-  if (after_id < 0 || limit < 0) return invalid(error, "after_id and limit are not below 0");
-  std::vector<mail_name> mails;
-  const store_status status =
-      store_list_mail_ids(h->st, after_id, limit ? static_cast<size_t>(limit) : SIZE_MAX, list_bytes, &mails);
-  if (status) return host_fail(h, status, error);
-  sd_bus_message *answer = nullptr;
-  r = sd_bus_message_new_method_return(m, &answer);
-  if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "(iiss)");
-  for (const mail_name &mail : mails)
-    if (r >= 0)
-      r = sd_bus_message_append(answer, "(iiss)", mail.mail_id, mail.account_id, clean_text(mail.host_tag).c_str(),
-                                clean_text(mail.message_uid).c_str());
-  if (r >= 0) r = sd_bus_message_close_container(answer);
-  return send_answer(answer, r);
+  return answer_page(m, data, error, "(iiss)", store_list_mail_ids, [](sd_bus_message *answer, const mail_name &mail) {
+    return sd_bus_message_append(answer, "(iiss)", mail.mail_id, mail.account_id, clean_text(mail.host_tag).c_str(),
+                                 clean_text(mail.message_uid).c_str());
+  });
 }
 
 int set_templates(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -197,13 +188,9 @@ int list_templates(sd_bus_message *m, void *data, sd_bus_error *error) {
   std::vector<std::pair<int, std::string>> templates;
   const store_status status = store_list_templates(h->st, &templates);
   if (status) return host_fail(h, status, error);
-  sd_bus_message *answer = nullptr;
-  int r = sd_bus_message_new_method_return(m, &answer);
-  if (r >= 0) r = sd_bus_message_open_container(answer, 'a', "(is)");
-  for (const auto &[id, text] : templates)
-    if (r >= 0) r = sd_bus_message_append(answer, "(is)", id, clean_text(text).c_str());
-  if (r >= 0) r = sd_bus_message_close_container(answer);
-  return send_answer(answer, r);
+  return answer_list(m, "(is)", templates, [](sd_bus_message *answer, const std::pair<int, std::string> &one) {
+    return sd_bus_message_append(answer, "(is)", one.first, clean_text(one.second).c_str());
+  });
 }
 
 int set_status(sd_bus_message *m, void *data, sd_bus_error *error) {

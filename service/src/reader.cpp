@@ -45,11 +45,12 @@ constexpr const char *texts[reader_query_count] = {
     " (SELECT ifnull((SELECT seq FROM sqlite_sequence WHERE name = 'mail'), 0) AS seq)",
     "SELECT mail_id FROM mail WHERE mail_id >= ? ORDER BY mail_id",
     /* What ended a day ago is left out also while the service has no reason to forget it. */
-    "SELECT id, kind, state, mail_id, mails, kind = 1 AND (state = 3 OR (state = 0 AND offered = 0)), created,"
-    " changed, person, subject, text, reason, uid FROM journal"
-    " WHERE NOT ((state = 2 OR (kind <> 1 AND state <> 0)) AND changed < CAST(strftime('%s', 'now') AS INTEGER) - "
-    "86400)"
-    " ORDER BY state IN (0, 3) DESC, CASE WHEN state IN (0, 3) THEN id ELSE 0 END, changed DESC, id DESC",
+    "SELECT id, kind, state, mail_id, mails, kind = [reply] AND (state = [refused] OR (state = [waits] AND"
+    " offered = 0)), created, changed, person, subject, text, reason, uid FROM journal"
+    " WHERE NOT ((state = [sent] OR (kind <> [reply] AND state <> [waits]))"
+    " AND changed < CAST(strftime('%s', 'now') AS INTEGER) - [kept])"
+    " ORDER BY state IN ([waits], [refused]) DESC, CASE WHEN state IN ([waits], [refused]) THEN id ELSE 0 END,"
+    " changed DESC, id DESC",
 };
 
 struct {
@@ -65,7 +66,7 @@ struct {
 } reader;
 
 std::string text_of(reader_query which) {
-  std::string text = texts[which];
+  std::string text = journal_sql(texts[which]);
   const auto put = [&](std::string_view mark, const std::string &columns) {
     const size_t at = text.find(mark);
     if (at != std::string::npos) text.replace(at, mark.size(), columns);
