@@ -13,6 +13,7 @@ namespace {
 
 constexpr char kCancelled[] = "🚫 ", kChanged[] = "✏️ ", kAccepted[] = "✅ ", kDeclined[] = "❌ ", kPerhaps[] = "❔ ",
                kRepeats[] = "🔁 ";
+constexpr size_t kMostDates = 16u << 10; /* bytes of those taken out */
 
 struct date_unref {
   void operator()(GDateTime *date) const { g_date_time_unref(date); }
@@ -167,9 +168,23 @@ date_holder next_date(GDateTime *from, const std::string &rule) {
   return nullptr;
 }
 
+/* Was this date of an event that comes again taken out? */
+bool is_taken_out(const event &e, GDateTime *date) {
+  auto out = e.properties.find("EXDATE");
+  std::string_view dates = out == e.properties.end() ? std::string_view() : out->second.value;
+  dates = dates.substr(0, kMostDates);
+  while (!dates.empty()) {
+    size_t end = std::min(dates.find(','), dates.size());
+    moment one = read_moment({out->second.parameters, std::string(dates.substr(0, end))});
+    if (one.date && format(one.date.get(), "%F") == format(date, "%F")) return true;
+    dates.remove_prefix(std::min(end + 1, dates.size()));
+  }
+  return false;
+}
+
 /* The next dates of an event that comes again. */
 std::string readable_repeats(const event &e) {
-  constexpr int kShown = 3;
+  constexpr int kShown = 3, kTakenOut = 50;
   std::string rule = e.value("RRULE");
   auto start = e.properties.find("DTSTART");
   if (rule.empty() || start == e.properties.end()) return "";
@@ -179,11 +194,14 @@ std::string readable_repeats(const event &e) {
   int left = count.empty() ? kShown + 1 : atoi(count.substr(0, 6).c_str()) - 1;
   std::string until = listed(rule, "UNTIL", ';').substr(0, 8), out = kRepeats;
   date_holder date = std::move(first.date);
-  for (int shown = 0; left > 0; shown++, left--) {
+  for (int shown = 0, taken_out = 0; left > 0;) {
     date = next_date(date.get(), rule);
     if (date && !until.empty() && format(date.get(), "%Y%m%d") > until) return out;
     if (!date || shown == kShown) return out + (shown > 0 ? " …" : "…");
-    out += (shown > 0 ? ", " : "") + format(date.get(), "%Y-%m-%d");
+    bool is_out = taken_out < kTakenOut && is_taken_out(e, date.get());
+    if (!is_out || !count.empty()) left--; /* a count is of all dates */
+    if (is_out) taken_out++;
+    if (!is_out) out += (shown++ > 0 ? ", " : "") + format(date.get(), "%Y-%m-%d");
   }
   return out;
 }
@@ -226,6 +244,8 @@ event read_event(const std::string &calendar) {
       e.method = value;
     else if (key == "END" && depth > 0)
       depth--;
+    else if (auto known = e.properties.find(key); depth == 1 && key == "EXDATE" && known != e.properties.end())
+      known->second.value += "," + value;
     else if (depth == 1)
       e.properties.emplace(key, property{std::string(line.substr(name, colon - name)), value});
   }
