@@ -37,14 +37,7 @@ static void _journal_cb(void *data, Evas_Object *obj, void *event_info) {
 
 /* Without a more key: the mailbox's title, whose envelope says whether the phone is linked. */
 static void _title_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
-  appdata *ad = (appdata *)data;
-  if (event_info != elm_naviframe_bottom_item_get(obj)) return;
-  /* A bin that is off lets touches through to the title: they were meant for the bin. */
-  int x = 0, y = 0, left = 0, top = 0, width = 0, height = 0;
-  evas_pointer_canvas_xy_get(evas_object_evas_get(obj), &x, &y);
-  if (ad->delete_btn) evas_object_geometry_get(ad->delete_btn, &left, &top, &width, &height);
-  if (x >= left && x < left + width && y >= top && y < top + height) return;
-  _journal_cb(data, obj, event_info);
+  if (event_info == elm_naviframe_bottom_item_get(obj)) _journal_cb(data, obj, event_info);
 }
 
 static int _create_conform(appdata *ad) {
