@@ -265,11 +265,31 @@ static void _add_popup_button(Evas_Object *popup, const char *part, const char *
   evas_object_show(button);
 }
 
+/* Pixels at scale 1. */
+constexpr int least_high_for_title = 240;
+static const char title_job[] = "brisel/title_job";
+
+/* Large letters on a small display: the question needs the room of the title. */
+static void _title_job_cb(void *data) {
+  Evas_Object *popup = (Evas_Object *)data;
+  int height = 0;
+  evas_object_data_del(popup, title_job);
+  evas_object_geometry_get(popup, nullptr, nullptr, nullptr, &height);
+  if (height < brisel_view_scaled(least_high_for_title)) elm_layout_signal_emit(popup, "elm,state,title,small", "elm");
+}
+
+static void _titled_popup_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  if (void *job = evas_object_data_del(obj, title_job)) ecore_job_del((Ecore_Job *)job);
+}
+
 Evas_Object *brisel_view_delete_popup(Evas_Object *parent, Evas_Smart_Cb cancel_cb, Evas_Smart_Cb ok_cb, void *data) {
   Evas_Object *popup = brisel_util_popup_add(parent);
   if (!popup) return nullptr;
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, cancel_cb, data);
   elm_object_domain_translatable_part_text_set(popup, "title,text", BRISEL_DOMAIN, "IDS_EMAIL_BODY_DELETE");
+  /* When its caller has shown it. */
+  evas_object_data_set(popup, title_job, ecore_job_add(_title_job_cb, popup));
+  evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _titled_popup_gone_cb, nullptr);
   _add_popup_button(popup, "button1", "IDS_EMAIL_SK_CANCEL_ABB", cancel_cb, data);
   _add_popup_button(popup, "button2", "IDS_COM_SK_OK", ok_cb, data);
   return popup;
