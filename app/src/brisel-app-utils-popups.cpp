@@ -54,11 +54,12 @@ static void _set_label_style(Evas_Object *label, const char *style) {
   elm_label_line_wrap_set(label, ELM_WRAP_MIXED);
 }
 
+static constexpr char small_title[] = "brisel/small_title";
+
 /* Whether the title of the label's popup gives room now; only once. */
 static bool _shrink_title(Evas_Object *label) {
-  static const char done[] = "brisel/small_title";
-  if (evas_object_data_get(label, done)) return false;
-  evas_object_data_set(label, done, label);
+  if (evas_object_data_get(label, small_title)) return false;
+  evas_object_data_set(label, small_title, label);
   for (Evas_Object *at = label; at; at = elm_object_parent_widget_get(at)) {
     if (std::string_view(elm_object_widget_type_get(at)) != "Elm_Popup") continue;
     elm_layout_signal_emit(at, "elm,state,title,small", "elm");
@@ -87,8 +88,10 @@ static void _label_resized_cb(void *data, Evas *e, Evas_Object *obj, void *event
   _fit_label(obj, (Evas_Object *)data);
 }
 
+/* Of the title's room only: the least size that a popup is laid out at first says nothing of its last. */
 static void _room_changed_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
-  if (Evas_Object *label = elm_object_content_get(obj)) _fit_label(label, obj);
+  Evas_Object *label = elm_object_content_get(obj);
+  if (label && evas_object_data_get(label, small_title)) _fit_label(label, obj);
 }
 
 static Evas_Object *_popup_label_add(Evas_Object *scroller) {
