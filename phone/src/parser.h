@@ -19,7 +19,7 @@ enum parser_result {
   PARSER_LATER = -3      /* no process could be started; nothing is known of the mail */
 };
 
-/* As mime_parse(). *error is set to one line unless it is done. Ends after kWaitingTime seconds at most (parser.cpp). */
+/* As mime_parse(). *error is set to one line unless it is done. Ends after kWaitingTime seconds (parser.cpp). */
 parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_mail *mail, std::string *error);
 
 /* Hands over a message that parser_read() will be called for later, with the very same bytes at the same place: the

@@ -310,7 +310,7 @@ int fetch_texts(mailimap *session, coming_mails *mails, int *code, std::string *
                     code, error);
       if (*code != MAILIMAP_NO_ERROR) return -1;
       for_each_answer(list.get(), mails,
-                      [&place = place](coming *mail, const auto &, const auto *, std::string content) {
+                      [&place = place](coming *mail, const auto &, const auto *, const std::string &content) {
                         for (skeleton_text &text : mail->texts)
                           if (text.part == place.first && text.bytes == place.second && !content.empty())
                             text.content = content;
@@ -466,7 +466,7 @@ int imap_fetch(mailimap *session, bool whole, std::vector<imap_mail> *mails, std
   list_holder list = fetch_all(session, uids, type.get(), &code, error);
   for_each_answer(
       list.get(), &coming_now,
-      [whole](coming *mail, const imap_message &message, const mailimap_body *structure, std::string header) {
+      [whole](coming *mail, const imap_message &message, const mailimap_body *structure, const std::string &header) {
         if (!structure) return;
         mail->structure = structure;
         mail->header = arrival_line(message.date) + header;
