@@ -1,6 +1,7 @@
 """Accounts on real servers: set up, followed, answered."""
 import contextlib
 import imaplib
+import os
 import socket
 import ssl
 import subprocess
@@ -207,15 +208,19 @@ def test_hostile_servers(s):
         s.wait(lambda: uids(s) == {"m0@x", "m1@x", "m2@x"}, "the mails of the other account")
         s.wait(lambda: "bad@example.org (INBOX): " in relay.log(), "the refusal in the log")
         relay.kill()  # it would hold the hostile server's one connection
+        # KiB. Under the address sanitizer nothing grows in place, and what was freed is kept for a while.
+        bound = 900000 if "ASAN_OPTIONS" in os.environ else 300000
         for _ in range(7):
-            follower = subprocess.Popen(["brisel-phone", "follow-imap", "--config", s.dir / "relay.conf", "--account",
-                                         "bad@example.org", "--folder", "INBOX", "--patience", "2"], env=s.env, stderr=subprocess.PIPE)
-            line = follower.stderr.readline().decode()
-            assert "bad@example.org (INBOX): " in line and len(line) < 400, line
-            with open(f"/proc/{follower.pid}/status") as lines:
-                assert all(int(x.split()[1]) < 300000 for x in lines if x.startswith("VmHWM")), "memory"
-            follower.kill()
-            follower.wait()
+            with subprocess.Popen(["brisel-phone", "follow-imap", "--config", s.dir / "relay.conf", "--account", "bad@example.org",
+                                   "--folder", "INBOX", "--patience", "2"], env=s.env, stderr=subprocess.PIPE) as follower:
+                try:
+                    line = follower.stderr.readline().decode()
+                    assert "bad@example.org (INBOX): " in line and len(line) < 400, line
+                    with open(f"/proc/{follower.pid}/status") as lines:
+                        peak = max(int(x.split()[1]) for x in lines if x.startswith("VmHWM"))
+                    assert peak < bound, f"memory: {peak} KiB behind {line}"
+                finally:
+                    follower.kill()
         equal(uids(s), {"m0@x", "m1@x", "m2@x"}, "the mails")
 
 
