@@ -3,6 +3,8 @@
 #ifndef BRISEL_BUS_H
 #define BRISEL_BUS_H
 
+#include <string_view>
+
 inline constexpr char host_name[] = "com.vextora.brisel.Host";
 inline constexpr char host_path[] = "/com/vextora/brisel/Host";
 inline constexpr char watch_interface[] = "com.vextora.brisel.Watch1";
@@ -26,6 +28,12 @@ inline constexpr char host_error_busy[] = HOST_ERROR "Busy";        /* another p
 inline constexpr char host_error_store[] = HOST_ERROR "Store";      /* the store failed; nothing was changed */
 inline constexpr char host_error_full[] = HOST_ERROR "Full";        /* too much waits already; nothing was changed */
 inline constexpr char host_error_version[] = HOST_ERROR "Version";  /* one of the two sides must be updated first */
+
+/* Whether an error of the bus says that nobody has the name that was called, and that nobody was started for it. */
+inline bool bus_has_nobody(std::string_view error) {
+  return error == "org.freedesktop.DBus.Error.ServiceUnknown" || error == "org.freedesktop.DBus.Error.NameHasNoOwner" ||
+         error.starts_with("org.freedesktop.DBus.Error.Spawn.");
+}
 
 /* --- what came of a request, as the phone tells it (Outcome) --- */
 

@@ -82,13 +82,8 @@ static void __brisel_detail_delete_ok_cb(void *data, Evas_Object *obj, void *eve
 
 void __brisel_detail_ask_to_delete(brisel_detail_view *view_data) {
   BRISEL_INFO("Enter");
-  brisel_widget_ref_drop(&view_data->popup);
-  Evas_Object *popup = brisel_view_delete_popup(view_data->ad->naviframe, __brisel_detail_popup_response_cb,
-                                                __brisel_detail_delete_ok_cb, view_data);
-  if (!popup) return;
-  brisel_view_popup_translate(popup, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
-  brisel_widget_ref_set(&view_data->popup, popup);
-  evas_object_show(popup);
+  brisel_view_ask_to_delete_mail(&view_data->popup, view_data->ad->naviframe, __brisel_detail_popup_response_cb,
+                                 __brisel_detail_delete_ok_cb, view_data);
 }
 
 struct brisel_detail_mark {

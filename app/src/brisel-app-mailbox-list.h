@@ -125,9 +125,9 @@ Evas_Object *_sized(Evas_Object *object, int pixels);
 /* --- keys --- */
 
 /* On the new list. */
+void _follow_keys(appdata *ad);
 /* Deletes a mail's row. The focus, if it has it, goes on to a neighbour. */
 void _delete_row(Elm_Object_Item *it);
-void _follow_keys(appdata *ad);
 
 /* --- the account shown --- */
 

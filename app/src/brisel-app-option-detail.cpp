@@ -330,12 +330,8 @@ static void __brisel_option_detail_gl_sel_delete(void *data, Evas_Object *obj, v
   elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
   brisel_widget_ref_drop(&vd->delete_popup);
   if (!__brisel_option_detail_takes_taps(vd)) return;
-  Evas_Object *popup = brisel_view_delete_popup(vd->ad->naviframe, __brisel_option_delete_popup_cancel_cb,
-                                                __brisel_option_delete_popup_ok_cb, vd);
-  if (!popup) return;
-  brisel_view_popup_translate(popup, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
-  brisel_widget_ref_set(&vd->delete_popup, popup);
-  evas_object_show(popup);
+  brisel_view_ask_to_delete_mail(&vd->delete_popup, vd->ad->naviframe, __brisel_option_delete_popup_cancel_cb,
+                                 __brisel_option_delete_popup_ok_cb, vd);
   BRISEL_INFO("Leave");
 }
 

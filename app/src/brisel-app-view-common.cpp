@@ -295,6 +295,16 @@ Evas_Object *brisel_view_delete_popup(Evas_Object *parent, Evas_Smart_Cb cancel_
   return popup;
 }
 
+void brisel_view_ask_to_delete_mail(Evas_Object **popup, Evas_Object *parent, Evas_Smart_Cb cancel_cb,
+                                    Evas_Smart_Cb ok_cb, void *data) {
+  brisel_widget_ref_drop(popup);
+  Evas_Object *question = brisel_view_delete_popup(parent, cancel_cb, ok_cb, data);
+  if (!question) return;
+  brisel_view_popup_translate(question, nullptr, "IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY");
+  brisel_widget_ref_set(popup, question);
+  evas_object_show(question);
+}
+
 /* --- the phone --- */
 
 bool brisel_view_phone_ready(appdata *ad) {

@@ -113,6 +113,9 @@ char *brisel_view_phone_number(const char *address);
 void brisel_view_popup_translate(Evas_Object *popup, const char *button, const char *id);
 /* The question before mails are deleted, not shown, without its text: title, Cancel and OK; back means Cancel. */
 Evas_Object *brisel_view_delete_popup(Evas_Object *parent, Evas_Smart_Cb cancel_cb, Evas_Smart_Cb ok_cb, void *data);
+/* The same for one mail, whole and shown, in *popup, in the place of what is there. */
+void brisel_view_ask_to_delete_mail(Evas_Object **popup, Evas_Object *parent, Evas_Smart_Cb cancel_cb,
+                                    Evas_Smart_Cb ok_cb, void *data);
 
 /* --- the phone --- */
 

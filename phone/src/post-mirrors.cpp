@@ -76,8 +76,6 @@ int start_later_cb(sd_event_source *source, uint64_t time, void *user_data) {
   return 0;
 }
 
-}  // namespace
-
 /* What a file holds; empty: nothing that can be read. */
 std::string content_of(const std::string &file) {
   g_autofree char *text = nullptr;
@@ -85,18 +83,20 @@ std::string content_of(const std::string &file) {
   return g_file_get_contents(file.c_str(), &text, &size, nullptr) ? std::string(text, size) : "";
 }
 
+/* In the file's folder something happened. */
+int config_changed_cb(sd_event_source *source, const inotify_event *event, void *user_data) {
+  if (post_mirrors_outdated(static_cast<post_mirrors *>(user_data)))
+    sd_event_exit(sd_event_source_get_event(source), 0);
+  return 0;
+}
+
+}  // namespace
+
 struct post_mirrors {
   std::vector<std::unique_ptr<one_mirror>> all;
   std::string config, read; /* the configuration file, and what it held */
   source_holder watch;
 };
-
-/* In the file's folder something happened. */
-static int config_changed_cb(sd_event_source *source, const inotify_event *event, void *user_data) {
-  if (post_mirrors_outdated(static_cast<post_mirrors *>(user_data)))
-    sd_event_exit(sd_event_source_get_event(source), 0);
-  return 0;
-}
 
 post_mirrors *post_mirrors_start(sd_event *event, const std::vector<post_mirror_order> &orders) {
   auto *mirrors = new post_mirrors;

@@ -237,8 +237,10 @@ int64_t relay_now() {
   return static_cast<int64_t>(time(nullptr));
 }
 
+namespace {
+
 /* Until it is ended, or its configuration changes. */
-static int run_once(const relay_settings &settings, post_mirrors **mirrors) {
+int run_once(const relay_settings &settings, post_mirrors **mirrors) {
   std::string error;
   link_handlers handlers = {connected_cb, keep_cb, kept_cb};
   relay r;
@@ -256,13 +258,15 @@ static int run_once(const relay_settings &settings, post_mirrors **mirrors) {
 }
 
 /* Everything is closed: an account that is in the configuration no more is left, a new one followed. */
-static void end_mirrors(post_mirrors *mirrors) {
+void end_mirrors(post_mirrors *mirrors) {
   bool again = post_mirrors_outdated(mirrors);
   post_mirrors_stop(mirrors);
   if (!again) return;
   link_log("its configuration changed: it begins anew");
   post_mirrors_begin_again();
 }
+
+}  // namespace
 
 int relay_run(const relay_settings &settings) {
   mime_init();

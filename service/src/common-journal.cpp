@@ -21,8 +21,7 @@ void free_request(gpointer data) {
   g_free(entry);
 }
 
-/* What the rows of the store do not say: what was asked about them, and what waits here, where no service has it yet.
- */
+/* --- what the store's rows do not say: what was asked about them, and what no service has yet --- */
 
 void set_text(char **text, const std::string &value) {
   g_free(*text);

@@ -202,12 +202,6 @@ void tell_waiting(request *r) {
   events_tell_requests();
 }
 
-/* Whether the bus says that there was nobody to take it. */
-bool means_nobody(const char *error) {
-  return !strcmp(error, SD_BUS_ERROR_SERVICE_UNKNOWN) || !strcmp(error, SD_BUS_ERROR_NAME_HAS_NO_OWNER) ||
-         !strncmp(error, "org.freedesktop.DBus.Error.Spawn.", 33);
-}
-
 void tell_trouble(void) {
   request &stuck = host.queue.front();
   if (stuck.trouble_told || !host.trouble_callback) return;
@@ -223,7 +217,7 @@ int request_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
     __dlog_print(DLOG_WARN, log_tag, "%s goes out again: %s", kept_member(host.queue.front().type),
                  error->message ? error->message : error->name);
     request &first = host.queue.front();
-    if (first.type == BRISEL_IPC_CLIENT_REQ_TYPE_REPLY && means_nobody(error->name))
+    if (first.type == BRISEL_IPC_CLIENT_REQ_TYPE_REPLY && bus_has_nobody(error->name))
       first.host_state = kept_with_nobody;
     tell_waiting(&first);
     retry_later();

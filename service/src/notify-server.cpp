@@ -35,12 +35,6 @@ std::string server_id(notifier *n, const char *name) {
   return std::string(sd_id128_to_string(id, text)) + name;
 }
 
-bool means_nobody(const sd_bus_error *error) {
-  for (const char *name : {SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER, SD_BUS_ERROR_DISCONNECTED})
-    if (!strcmp(error->name, name)) return true;
-  return !strncmp(error->name, "org.freedesktop.DBus.Error.Spawn.", 33);
-}
-
 void forget_server(notifier *n) {
   n->server.clear();
   n->server_name.clear();
@@ -73,7 +67,7 @@ int told_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   notify_outcome outcome = notify_outcome::refused;
   if (const sd_bus_error *error = sd_bus_message_get_error(m)) {
     fprintf(stderr, "brisel-hostd: a notification was not taken: %s\n", error->message ? error->message : error->name);
-    if (means_nobody(error))
+    if (bus_has_nobody(error->name) || sd_bus_error_has_name(error, SD_BUS_ERROR_DISCONNECTED))
       outcome = notify_outcome::absent;
     else if (sd_bus_error_has_name(error, SD_BUS_ERROR_NO_REPLY) || sd_bus_error_has_name(error, SD_BUS_ERROR_TIMEOUT))
       outcome = notify_outcome::silent;
