@@ -5,6 +5,7 @@ passed over; a case that failed in an earlier one and passed in a later one is n
 or none ran.  With --failed: names the programs that failed, from meson's JSON log."""
 import json
 import os
+import re
 import sys
 import xml.etree.ElementTree as tree
 
@@ -17,7 +18,10 @@ programs = {}
 second = []
 for report in filter(os.path.exists, sys.argv[1:]):
     latest = {}
-    for suite in tree.parse(report).getroot().iter("testsuite"):
+    # What a program printed stands in there as it is, and not every byte of it may.
+    with open(report, errors="replace") as text:
+        root = tree.fromstring(re.sub("[\x00-\x08\x0b\x0c\x0e-\x1f\ufffe\uffff]", "?", text.read()))
+    for suite in root.iter("testsuite"):
         for case in suite.iter("testcase"):
             # A program that reports no cases is one case itself, in the suite named after the project.
             whole = suite.get("name") == "brisel"
