@@ -69,13 +69,14 @@ struct appdata {
   GList *mail_list;     /* item_data in display order; owns its cells, not the records */
 };
 
-/* The common head of every pushed view's record; each view's own record starts with these four fields. */
+/* The common head of every pushed view's record; each view's own record is one with fields of its own behind it. */
 struct view_data;
 struct brisel_view_head {
-  int view_type;
-  appdata *ad;
-  Elm_Object_Item *navi_item;
-  Elm_Naviframe_Item_Pop_Cb pop_cb; /* frees the view's record; called once, by the pop or by who deletes the item */
+  int view_type = 0;
+  appdata *ad = nullptr;
+  Elm_Object_Item *navi_item = nullptr;
+  /* Frees the view's record; called once, by the pop or by who deletes the item. */
+  Elm_Naviframe_Item_Pop_Cb pop_cb = nullptr;
 };
 
 /* A row of the mailbox list (type 0) or its group header (type 1): one layout, told apart by the first field.

@@ -5,11 +5,7 @@
 #include "brisel-app-data.h"
 
 /* What brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DELETE_VIEW, ad) points to. Freed by its pop callback. */
-struct delete_view_data {
-  int view_type;
-  appdata *ad;
-  Elm_Object_Item *navi_item;
-  Elm_Naviframe_Item_Pop_Cb pop_cb;
+struct delete_view_data : brisel_view_head {
   Evas_Object *layout;
   Evas_Object *genlist;
   Evas_Object *popup; /* the confirmation, or NULL */

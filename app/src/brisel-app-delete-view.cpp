@@ -474,8 +474,7 @@ int brisel_crete_delete_view(appdata *ad) {
                         _create_text_btn(layout, "btn2", "IDS_EMAIL_BODY_DELETE", _delete_btn_clicked_cb, vd));
   elm_object_disabled_set(vd->delete_btn, EINA_TRUE);
 
-  Elm_Object_Item *item =
-      brisel_view_push(ad, layout, nullptr, select_all_btn, _brisel_delete_view_pop_cb, (brisel_view_head *)vd);
+  Elm_Object_Item *item = brisel_view_push(ad, layout, nullptr, select_all_btn, _brisel_delete_view_pop_cb, vd);
   elm_object_item_domain_translatable_text_set(item, BRISEL_DOMAIN, "IDS_EMAIL_BODY_DELETE");
   BRISEL_INFO("Leave");
   return 0;

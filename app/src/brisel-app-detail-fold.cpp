@@ -160,24 +160,29 @@ const detail_piece *brisel_detail_piece_at(const detail_shown &shown, size_t at)
   return nullptr;
 }
 
-size_t brisel_detail_source_of(const detail_shown &shown, size_t at) {
-  size_t behind_shown = 0, behind_source = 0;
+/* A text's part of a piece: where it begins, and how long it is. */
+struct piece_side {
+  size_t detail_piece::*start, detail_piece::*length;
+};
+static constexpr piece_side side_shown = {&detail_piece::shown, &detail_piece::shown_length};
+static constexpr piece_side side_source = {&detail_piece::source, &detail_piece::source_length};
+
+/* Where the byte at that place of one text is in the other. */
+static size_t __brisel_detail_place(const detail_shown &shown, size_t at, piece_side of, piece_side in) {
+  size_t behind_of = 0, behind_in = 0;
   for (const detail_piece &piece : shown.pieces) {
-    if (at < piece.shown) break;
-    if (at < piece.shown + piece.shown_length) return piece.source;
-    behind_shown = piece.shown + piece.shown_length;
-    behind_source = piece.source + piece.source_length;
+    if (at < piece.*of.start) break;
+    if (at < piece.*of.start + piece.*of.length) return piece.*in.start;
+    behind_of = piece.*of.start + piece.*of.length;
+    behind_in = piece.*in.start + piece.*in.length;
   }
-  return behind_source + (at - behind_shown);
+  return behind_in + (at - behind_of);
+}
+
+size_t brisel_detail_source_of(const detail_shown &shown, size_t at) {
+  return __brisel_detail_place(shown, at, side_shown, side_source);
 }
 
 size_t brisel_detail_place_of(const detail_shown &shown, size_t source) {
-  size_t behind_shown = 0, behind_source = 0;
-  for (const detail_piece &piece : shown.pieces) {
-    if (source < piece.source) break;
-    if (source < piece.source + piece.source_length) return piece.shown;
-    behind_shown = piece.shown + piece.shown_length;
-    behind_source = piece.source + piece.source_length;
-  }
-  return behind_shown + (source - behind_source);
+  return __brisel_detail_place(shown, source, side_source, side_shown);
 }

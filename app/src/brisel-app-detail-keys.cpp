@@ -11,7 +11,7 @@
 
 /* A grabbed key is heard whatever lies over the reader: it is for the reader only when nothing does. */
 static bool __brisel_detail_is_on_top(const brisel_detail_view *view_data) {
-  if (!brisel_view_on_top((const brisel_view_head *)view_data)) return false;
+  if (!brisel_view_on_top(view_data)) return false;
   int x = 0, y = 0, w = 0, h = 0;
   evas_object_geometry_get(view_data->page_scroller_layout, &x, &y, &w, &h);
   /* The objects that a touch in the middle would reach. */

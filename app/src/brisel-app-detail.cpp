@@ -102,7 +102,7 @@ int brisel_detail_draw_view(int mail_id, int push, appdata *ad) {
   elm_box_pack_end(view_data->box, page->page_layout);
 
   Evas_Object *layout = view_data->page_scroller_layout;
-  brisel_view_head *head = (brisel_view_head *)view_data;
+  brisel_view_head *head = view_data;
   Elm_Object_Item *item = push ? brisel_view_push(ad, layout, nullptr, nullptr, __brisel_detail_view_pop_cb, head)
                                : brisel_view_push_at_once(ad, layout, __brisel_detail_view_pop_cb, head);
   if (!push) __brisel_detail_draw_neighbors_cb(view_data, ad->naviframe, nullptr);

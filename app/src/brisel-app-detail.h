@@ -62,11 +62,7 @@ struct detail_stroke {
 };
 
 /* The reader's record on the view stack; at most one exists. Starts like every view's record. */
-struct brisel_detail_view {
-  int view_type;
-  appdata *ad;
-  Elm_Object_Item *navi_item;
-  Elm_Naviframe_Item_Pop_Cb pop_cb;
+struct brisel_detail_view : brisel_view_head {
   Evas_Object *page_scroller;
   Evas_Object *page_scroller_layout;
   Evas_Object *popup;

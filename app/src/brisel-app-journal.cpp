@@ -12,11 +12,7 @@
 
 static constexpr int BRISEL_JOURNAL_ICON = 32; /* pixels at scale 1 */
 
-struct journal_view_data {
-  int view_type;
-  appdata *ad;
-  Elm_Object_Item *navi_item;
-  Elm_Naviframe_Item_Pop_Cb pop_cb;
+struct journal_view_data : brisel_view_head {
   Evas_Object *layout;
   Evas_Object *genlist;
   Evas_Object *nocontent_layout;
@@ -246,7 +242,7 @@ static void _gl_sel_cb(void *data, Evas_Object *obj, void *event_info) {
   elm_genlist_item_selected_set((Elm_Object_Item *)event_info, EINA_FALSE);
   journal_view_data *vd = (journal_view_data *)data;
   const brisel_request_data *request = (brisel_request_data *)elm_object_item_data_get((Elm_Object_Item *)event_info);
-  if (!request || !brisel_view_on_top((const brisel_view_head *)vd)) return;
+  if (!request || !brisel_view_on_top(vd)) return;
   brisel_widget_ref_drop(&vd->popup);
   const bool can_change = request->can_change, can_send = _can_send_again(request);
   Evas_Object *popup = brisel_util_popup_create_with_empty_contents(
@@ -356,8 +352,7 @@ int brisel_journal_draw_view(appdata *ad) {
   }
   evas_object_data_set(vd->genlist, "appdata", ad);
   _show_requests(vd);
-  Elm_Object_Item *item =
-      brisel_view_push(ad, layout, "IDS_EMAIL_HEADER_WAITING_AND_SENT", nullptr, _pop_cb, (brisel_view_head *)vd);
+  Elm_Object_Item *item = brisel_view_push(ad, layout, "IDS_EMAIL_HEADER_WAITING_AND_SENT", nullptr, _pop_cb, vd);
   elm_object_item_domain_translatable_text_set(item, BRISEL_DOMAIN, "IDS_EMAIL_HEADER_WAITING_AND_SENT");
   BRISEL_INFO("Leave");
   return 0;
@@ -381,6 +376,6 @@ void brisel_journal_update(GSList *ids, appdata *ad) {
   if (!ad->naviframe) return;
   journal_view_data *vd = (journal_view_data *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_JOURNAL_VIEW, ad);
   if (vd) _show_requests(vd);
-  if ((!vd || !brisel_view_on_top((const brisel_view_head *)vd)) && _is_one_refused(ids))
+  if ((!vd || !brisel_view_on_top(vd)) && _is_one_refused(ids))
     brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED"));
 }

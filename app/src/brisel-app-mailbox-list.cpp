@@ -63,7 +63,16 @@ Evas_Object *brisel_create_security_alert_popup(appdata *ad) {
   return ad->security_popup;
 }
 
-/* The selected row, which does not stay selected; NULL after the log line that says why. */
+/* Whether a touch on the row of a mail does something: not the one that closes a swept row. */
+static bool _row_takes_touch(appdata *ad, Elm_Object_Item *it) {
+  if (!ad) return false;
+  if (ad->sweep_item) {
+    BRISEL_INFO("sweep item is existed.");
+    return false;
+  }
+  return !_is_blocked_once(ad, it);
+}
+
 static void _gl_mail_sel(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   Elm_Object_Item *it = _take_selection(event_info);
@@ -74,12 +83,7 @@ static void _gl_mail_sel(void *data, Evas_Object *obj, void *event_info) {
     return;
   }
   appdata *ad = item->ad;
-  if (!ad) return;
-  if (ad->sweep_item) {
-    BRISEL_INFO("sweep item is existed.");
-    return;
-  }
-  if (_is_blocked_once(ad, it)) return;
+  if (!_row_takes_touch(ad, it)) return;
   if (brisel_touch_was_long()) {
     brisel_option_detail_draw_view(item->mail_id, ad);
     return;
@@ -93,14 +97,7 @@ static void _gl_mail_sel(void *data, Evas_Object *obj, void *event_info) {
 }
 
 static void _long_pressed_mail(item_data *item, Elm_Object_Item *it) {
-  appdata *ad = item->ad;
-  if (!ad) return;
-  if (ad->sweep_item) {
-    BRISEL_INFO("sweep item is existed.");
-    return;
-  }
-  if (_is_blocked_once(ad, it)) return;
-  brisel_option_detail_draw_view(item->mail_id, ad);
+  if (_row_takes_touch(item->ad, it)) brisel_option_detail_draw_view(item->mail_id, item->ad);
 }
 
 static void _long_pressed_cb(void *data, Evas_Object *obj, void *event_info) {

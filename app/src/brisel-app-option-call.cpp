@@ -6,11 +6,7 @@
 #include "brisel-app.h"
 #include "contacts.h"
 
-struct option_call_view_data {
-  int view_type;
-  appdata *ad;
-  Elm_Object_Item *navi_item;
-  Elm_Naviframe_Item_Pop_Cb pop_cb;
+struct option_call_view_data : brisel_view_head {
   Evas_Object *layout;
   Evas_Object *genlist;
   Ecore_Timer *pop_timer; /* runs while a launched call is taking the screen */
@@ -165,8 +161,7 @@ static void __brisel_option_call_free(option_call_view_data *vd) {
 static Eina_Bool __brisel_option_call_view_pop_cb(void *data, Elm_Object_Item *item) {
   BRISEL_INFO("Enter");
   option_call_view_data *vd = (option_call_view_data *)data;
-  int ct_ret = contacts_db_remove_changed_cb(_contacts_person._uri, __brisel_option_call_contacts_db_changed_cb, vd);
-  if (ct_ret != CONTACTS_ERROR_NONE) BRISEL_WARN("contacts_db_remove_changed_cb() failed! ct_ret:[%d]", ct_ret);
+  brisel_option_leave_contacts(__brisel_option_call_contacts_db_changed_cb, vd);
   if (vd->pop_timer) ecore_timer_del(vd->pop_timer);
   vd->pop_timer = nullptr;
   __brisel_option_call_free(vd);
@@ -175,10 +170,7 @@ static Eina_Bool __brisel_option_call_view_pop_cb(void *data, Elm_Object_Item *i
 }
 
 static int __brisel_option_call_give_up(option_call_view_data *vd, int ret) {
-  Evas_Object *layout = vd->layout;
-  __brisel_option_call_free(vd);
-  if (layout) evas_object_del(layout);
-  return ret;
+  return brisel_option_give_up(vd, __brisel_option_call_free, ret);
 }
 
 int brisel_option_call_draw_view(int mail_id, appdata *ad, full_noti_data *noti_data) {
@@ -207,10 +199,8 @@ int brisel_option_call_draw_view(int mail_id, appdata *ad, full_noti_data *noti_
   brisel_widget_ref_set(&vd->genlist, genlist);
 
   const scoped_text title(brisel_view_sender_title(vd->noti_data));
-  brisel_view_push(ad, layout, title.get(), nullptr, __brisel_option_call_view_pop_cb, (brisel_view_head *)vd);
-  if (contacts_db_add_changed_cb(_contacts_person._uri, __brisel_option_call_contacts_db_changed_cb, vd) !=
-      CONTACTS_ERROR_NONE)
-    BRISEL_ERROR("contacts_db_add_changed_cb() failed!!!!");
+  brisel_view_push(ad, layout, title.get(), nullptr, __brisel_option_call_view_pop_cb, vd);
+  brisel_option_follow_contacts(__brisel_option_call_contacts_db_changed_cb, vd);
   BRISEL_INFO("Leave");
   return 0;
 }

@@ -47,6 +47,16 @@ Evas_Object *brisel_option_create_bg(Evas_Object *layout, Evas_Object *win) {
   return bg;
 }
 
+void brisel_option_follow_contacts(contacts_db_changed_cb changed_cb, void *data) {
+  if (contacts_db_add_changed_cb(_contacts_person._uri, changed_cb, data) != CONTACTS_ERROR_NONE)
+    BRISEL_ERROR("contacts_db_add_changed_cb() failed!!!!");
+}
+
+void brisel_option_leave_contacts(contacts_db_changed_cb changed_cb, void *data) {
+  const int ct_ret = contacts_db_remove_changed_cb(_contacts_person._uri, changed_cb, data);
+  if (ct_ret != CONTACTS_ERROR_NONE) BRISEL_WARN("contacts_db_remove_changed_cb() failed! ct_ret:[%d]", ct_ret);
+}
+
 int brisel_option_take_noti_data(int mail_id, full_noti_data *borrowed, full_noti_data **record, bool *own) {
   *record = borrowed;
   *own = false;

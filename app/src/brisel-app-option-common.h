@@ -3,9 +3,18 @@
 #define BRISEL_APP_OPTION_COMMON_H
 
 #include "brisel-app-view-common.h"
+#include "contacts.h"
 
 /* Lets go of the two widgets that the record names and free()s it once the list, whose rows point to it, is gone. */
 void brisel_option_free_with_list(void *record, Evas_Object **layout, Evas_Object **genlist);
+/* Of a view that cannot be built: frees its record by free_record and deletes its layout; returns ret. */
+template <typename T>
+int brisel_option_give_up(T *record, void (*free_record)(T *record), int ret) {
+  Evas_Object *layout = record->layout;
+  free_record(record);
+  if (layout) evas_object_del(layout);
+  return ret;
+}
 
 /* --- the layouts --- */
 
@@ -13,6 +22,12 @@ void brisel_option_free_with_list(void *record, Evas_Object **layout, Evas_Objec
 Evas_Object *brisel_option_create_layout(Evas_Object *parent);
 /* The background of a base layout, in place. NULL on failure, which is logged. */
 Evas_Object *brisel_option_create_bg(Evas_Object *layout, Evas_Object *win);
+
+/* --- the contacts --- */
+
+/* From now on, or no longer, changed_cb hears with data of every change. Failures are logged. */
+void brisel_option_follow_contacts(contacts_db_changed_cb changed_cb, void *data);
+void brisel_option_leave_contacts(contacts_db_changed_cb changed_cb, void *data);
 
 /* --- the mail --- */
 

@@ -8,11 +8,7 @@
 #include "contacts.h"
 #include "vconf.h"
 
-struct option_detail_view_data {
-  int view_type;
-  appdata *ad;
-  Elm_Object_Item *navi_item;
-  Elm_Naviframe_Item_Pop_Cb pop_cb;
+struct option_detail_view_data : brisel_view_head {
   Evas_Object *layout;
   Evas_Object *genlist;
   Evas_Object *popup;        /* the choice of the reply method or the update notice, or NULL */
@@ -42,7 +38,7 @@ static void __brisel_option_detail_popup_response_cb(void *data, Evas_Object *ob
 /* A popped list, or one that another view has begun to cover, takes no more taps: a quick second one would open the
    view twice. */
 static bool __brisel_option_detail_takes_taps(const option_detail_view_data *vd) {
-  return vd->noti_data && brisel_view_on_top((const brisel_view_head *)vd);
+  return vd->noti_data && brisel_view_on_top(vd);
 }
 
 static char *__brisel_option_detail_text(const char *id) {
@@ -447,18 +443,14 @@ static Eina_Bool __brisel_option_detail_view_pop_cb(void *data, Elm_Object_Item 
   brisel_widget_ref_drop(&vd->delete_popup);
   if (vconf_ignore_key_changed(BRISEL_KEY_REPLY_VALUE, __brisel_option_detail_reply_value_change_cb) != 0)
     BRISEL_WARN("Fail to ignore vconf with [%s]", BRISEL_KEY_REPLY_VALUE);
-  int ct_ret = contacts_db_remove_changed_cb(_contacts_person._uri, __brisel_option_detail_contacts_db_changed_cb, vd);
-  if (ct_ret != CONTACTS_ERROR_NONE) BRISEL_WARN("contacts_db_remove_changed_cb() failed! ct_ret:[%d]", ct_ret);
+  brisel_option_leave_contacts(__brisel_option_detail_contacts_db_changed_cb, vd);
   __brisel_option_detail_free(vd);
   BRISEL_INFO("Leave");
   return EINA_TRUE;
 }
 
 static int __brisel_option_detail_give_up(option_detail_view_data *vd, int ret) {
-  Evas_Object *layout = vd->layout;
-  __brisel_option_detail_free(vd);
-  if (layout) evas_object_del(layout);
-  return ret;
+  return brisel_option_give_up(vd, __brisel_option_detail_free, ret);
 }
 
 int brisel_option_detail_draw_view(int mail_id, appdata *ad) {
@@ -485,16 +477,13 @@ int brisel_option_detail_draw_view(int mail_id, appdata *ad) {
   }
 
   const scoped_text title(brisel_view_sender_title(vd->noti_data));
-  Elm_Object_Item *item =
-      brisel_view_push(ad, layout, title.get(), nullptr, __brisel_option_detail_view_pop_cb, (brisel_view_head *)vd);
+  Elm_Object_Item *item = brisel_view_push(ad, layout, title.get(), nullptr, __brisel_option_detail_view_pop_cb, vd);
   elm_object_item_part_content_set(item, "elm.swallow.icon", icon);
   ad->mail_id = mail_id;
 
   if (vconf_notify_key_changed(BRISEL_KEY_REPLY_VALUE, __brisel_option_detail_reply_value_change_cb, vd) != 0)
     BRISEL_WARN("Fail to register vconf with [%s]", BRISEL_KEY_REPLY_VALUE);
-  if (contacts_db_add_changed_cb(_contacts_person._uri, __brisel_option_detail_contacts_db_changed_cb, vd) !=
-      CONTACTS_ERROR_NONE)
-    BRISEL_ERROR("contacts_db_add_changed_cb() failed!!!!");
+  brisel_option_follow_contacts(__brisel_option_detail_contacts_db_changed_cb, vd);
   BRISEL_INFO("Leave");
   return 0;
 }

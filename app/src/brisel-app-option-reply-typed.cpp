@@ -175,7 +175,7 @@ static void __brisel_option_reply_take_up_draft(option_reply_view_data *vd, Evas
 void __brisel_option_reply_stands_cb(void *data, Evas_Object *obj, void *event_info) {
   option_reply_view_data *vd = (option_reply_view_data *)data;
   evas_object_smart_callback_del_full(obj, "transition,finished", __brisel_option_reply_stands_cb, vd);
-  if (!vd->content_obj || !brisel_view_on_top((const brisel_view_head *)vd)) return;
+  if (!vd->content_obj || !brisel_view_on_top(vd)) return;
   elm_object_focus_set(vd->content_obj, EINA_TRUE);
   keypad_show();
 }
@@ -222,7 +222,7 @@ static void __brisel_option_reply_key_cb(void *data, Evas *e, Evas_Object *obj, 
   const option_reply_view_data *vd = (const option_reply_view_data *)data;
   Evas_Object *btn = elm_object_part_content_get(obj, "swallow.send_btn");
   const std::string_view key = ((const Evas_Event_Key_Down *)event_info)->key;
-  if (!btn || !key.ends_with("Tab") || !brisel_view_on_top((const brisel_view_head *)vd)) return;
+  if (!btn || !key.ends_with("Tab") || !brisel_view_on_top(vd)) return;
   const bool is_typing = elm_object_focus_get(vd->content_obj);
   if (is_typing) elm_object_focus_allow_set(btn, EINA_TRUE);
   elm_object_focus_set(is_typing ? btn : vd->content_obj, EINA_TRUE);
@@ -282,8 +282,7 @@ static int __brisel_option_reply_draw_typed(option_reply_view_data *vd, const ch
   evas_object_smart_callback_add(btn, "clicked", __brisel_optioin_send_button_clicked_cb, vd);
   __brisel_option_reply_follow_keys(vd, btn);
 
-  Elm_Object_Item *item =
-      brisel_view_push(ad, vd->layout, nullptr, nullptr, __brisel_option_reply_view_pop_cb, (brisel_view_head *)vd);
+  Elm_Object_Item *item = brisel_view_push(ad, vd->layout, nullptr, nullptr, __brisel_option_reply_view_pop_cb, vd);
   elm_naviframe_item_title_enabled_set(item, EINA_FALSE, EINA_FALSE);
   evas_object_smart_callback_add(ad->conform, "virtualkeypad,size,changed", __brisel_virtualkeypad_size_changed_cb, vd);
   vd->typed = true;

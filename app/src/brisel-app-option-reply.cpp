@@ -57,13 +57,10 @@ Eina_Bool __brisel_option_reply_view_pop_cb(void *data, Elm_Object_Item *item) {
 }
 
 int brisel_reply_give_up(option_reply_view_data *vd, int ret) {
-  Evas_Object *layout = vd->layout;
   brisel_widget_ref_drop(&vd->content_obj);
   brisel_widget_ref_drop(&vd->nocontent_layout);
   brisel_widget_ref_drop(&vd->emoticon_layout);
-  __brisel_option_reply_free(vd);
-  if (layout) evas_object_del(layout);
-  return ret;
+  return brisel_option_give_up(vd, __brisel_option_reply_free, ret);
 }
 
 int brisel_reply_begin(int mail_id, appdata *ad, const full_noti_data *noti_data, option_reply_view_data **out) {
@@ -76,6 +73,7 @@ int brisel_reply_begin(int mail_id, appdata *ad, const full_noti_data *noti_data
     BRISEL_ERROR("Failed to allocate memory for view_data!");
     return -3;
   }
+  vd->view_type = BRISEL_VIEW_TYPE_OPTION_REPLY_VIEW;
   vd->ad = ad;
   const int ret = brisel_reply_mail_take(mail_id, noti_data, &vd->mail);
   if (ret != 0) return brisel_reply_give_up(vd, ret);
@@ -306,7 +304,7 @@ int brisel_option_reply_templetes_draw_view(int mail_id, appdata *ad, full_noti_
   __brisel_option_reply_show_content(vd, vd->template_list && vd->content_obj ? vd->content_obj : vd->nocontent_layout);
 
   Elm_Object_Item *item = brisel_view_push(ad, vd->layout, "IDS_EMAIL_HEADER_SELECT_REPLY_ABB", nullptr,
-                                           __brisel_option_reply_view_pop_cb, (brisel_view_head *)vd);
+                                           __brisel_option_reply_view_pop_cb, vd);
   elm_object_item_domain_translatable_text_set(item, BRISEL_DOMAIN, "IDS_EMAIL_HEADER_SELECT_REPLY_ABB");
   BRISEL_INFO("Leave");
   return 0;

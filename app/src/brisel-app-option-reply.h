@@ -21,11 +21,7 @@ struct brisel_reply_mail {
 };
 
 /* Both reply views; deleted by their pop callback. */
-struct option_reply_view_data {
-  int view_type = BRISEL_VIEW_TYPE_OPTION_REPLY_VIEW;
-  appdata *ad = nullptr;
-  Elm_Object_Item *navi_item = nullptr;
-  Elm_Naviframe_Item_Pop_Cb pop_cb = nullptr;
+struct option_reply_view_data : brisel_view_head {
   Evas_Object *layout = nullptr;
   Evas_Object *nocontent_layout = nullptr; /* templates: shown when there are none */
   Evas_Object *emoticon_layout = nullptr;  /* typed reply */
