@@ -15,12 +15,17 @@ def equal(actual, expected, what=""):
     assert actual == expected, f"{what}: got {actual!r}, expected {expected!r}"
 
 
-def kill_service(s, how=signal.SIGKILL):
-    """The next one who asks the service for something starts it again. Returns which process it was."""
+def kill_owner(s, name, how=signal.SIGKILL):
+    """Kills the program that has the name on the bus, and returns which process it was."""
     out = s.run("dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
-                "org.freedesktop.DBus.GetConnectionUnixProcessID", "string:com.vextora.brisel.Host").stdout
+                "org.freedesktop.DBus.GetConnectionUnixProcessID", f"string:{name}").stdout
     os.kill(int(out.split()[-1]), how)
     return int(out.split()[-1])
+
+
+def kill_service(s, how=signal.SIGKILL):
+    """The next one who asks the service for something starts it again. Returns which process it was."""
+    return kill_owner(s, "com.vextora.brisel.Host", how)
 
 
 def outcome(test):

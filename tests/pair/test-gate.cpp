@@ -391,6 +391,7 @@ TEST_F(Gate, TheSamePhoneTakesItsPlaceBackAndAnotherIsToldWhoHasIt) {
   } table[] = {{0, ann, host_error_version}, {2, "short", host_error_invalid}, {3, ben, ""}, {2, ben, ""}};
   for (const auto &row : table)
     EXPECT_EQ(row.error, another.phone("Introduce", "ussas", row.version, row.id, "Ben's", 0)) << another.error;
+  EXPECT_EQ("", first.phone("Introduce", "ussas", 2, ann, "Its earlier name", 0));
   EXPECT_EQ("", first.phone("Introduce", "ussas", 2, ann, "\nAnn's phone", 2, "zlib", "whatever comes"));
   EXPECT_EQ("", first.phone("Connect", ""));
   EXPECT_EQ(host_error_busy, another.phone("Connect", ""));

@@ -88,6 +88,7 @@ TEST_F(Host, RequestsWaitForAPhoneThroughKillsUntilItHasThem) {
     ASSERT_TRUE(phone.has(3));
     for (size_t i = 0; i < 3; i++) EXPECT_EQ(sent[i], phone.requests[i].json);
     EXPECT_EQ("com.vextora.brisel.Error.Invalid", other.phone("Ack", "x", phone.requests[0].id));
+    EXPECT_EQ("com.vextora.brisel.Error.Busy", other.phone("Outcome", "sss", "a uid", "sent", ""));
     for (const linked_phone::request_heard &s : phone.requests)
       if (turn == 1) {
         EXPECT_EQ("", phone.phone("Ack", "x", s.id));
