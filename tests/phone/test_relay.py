@@ -63,8 +63,9 @@ def test_mailbox_and_watch_stay_equal(s):
     s.wait(lambda: "S" in box.flags(new), "the seen flag")
     delete_on_watch(s, by_uid(s)["new@x"]["mail_id"])
     s.wait(lambda: uids(s) == {"unread@x"}, "deleted on the watch")
-    box.deliver(message("later@x"))
+    box.deliver(message("later@x", date=2000000000))
     s.wait(lambda: "later@x" in uids(s), "a later mail")
+    assert by_uid(s)["later@x"]["received_time"] < time.time() + 60, "no date in the future stays on top"
     equal(uids(s), {"unread@x", "later@x"}, "what was deleted on the watch does not come back")
     assert new in box.files(), "the mailbox keeps what was deleted on the watch"
     equal(relay.kill(15), 0, "exit code")
@@ -136,13 +137,19 @@ def test_window_copies_and_renames(s):
     before = by_uid(s)["m5@x"]["mail_id"]
     text = message("m5@x", "Mail 5", date=1790000005)
     copy = box.deliver(text, flags="", base="copy.of.m5")
-    box.deliver(message("m9@x", date=1790000009))
+    ninth = box.deliver(message("m9@x", date=1790000009))
     s.wait(lambda: "m9@x" in uids(s), "a mail after the copy")
     equal(len(s.mails()), len(uids(s)), "no mail twice")
     box.remove(next(b for b, p in box.files().items() if b != copy and b"m5@x" in p.read_bytes()))
     box.deliver(message("m10@x", date=1790000010))
     s.wait(lambda: "m10@x" in uids(s), "a mail after the rename")
     equal(by_uid(s)["m5@x"]["mail_id"], before, "the mail under its other name")
+    delete_on_watch(s, before)
+    os.rename(box.files()[copy], box.path / "cur" / "another.name:2,")
+    box.remove(ninth)
+    box.deliver(message("m11@x", date=1790000011))
+    s.wait(lambda: {"m9@x", "m11@x"} & uids(s) == {"m11@x"}, "a mail after the rename")
+    assert "m5@x" not in uids(s), "what was deleted on the watch does not come back under another name"
 
 
 def test_long_bodies_come_in_three_pieces(s):
@@ -214,6 +221,7 @@ def test_unsendable_replies_wait(s):
     for n in range(3, 10):
         s.phone("relay", "retry")
         s.wait(lambda: status(s)["replies"][0]["attempts"] >= n, "another try")
+    s.wait(lambda: status(s)["replies"][0]["next_try"] > time.time() + 60, "pauses that have grown")
     reply_on_watch(s, by_uid(s)["ask@x"], "waits less")
     s.wait(lambda: [r["attempts"] >= 1 for r in status(s)["replies"]] == [True] * 2, "the first try of the second one")
     mta.refuse.unlink()
@@ -232,6 +240,9 @@ def test_unsendable_replies_wait(s):
     s.stop_serve(serve)
     relay.start()
     s.wait(lambda: len(mta.sent()) == 3, "the third reply")
+    mta.change('cat > "$file"', 'head -c 9 > "$file"')
+    reply_on_watch(s, by_uid(s)["ask@x"], "read by half")
+    s.wait(lambda: "whole message" in status(s)["replies"][-1]["error"], "a try that ended before it had read it all")
 
 
 def test_the_watch_hears_what_came_of_each_reply(s):
@@ -285,6 +296,7 @@ def test_the_watch_hears_what_came_of_each_reply(s):
                        " account_id, 0, 'a@b', 's', '', 3, 'no', ? FROM outbox LIMIT 1", [(f"u{n}",) for n in range(20)])
         relay.start()
         s.wait(lambda: db.execute("SELECT count(*) FROM outbox WHERE told = ''").fetchone() == (0,), "all told")
+        s.phone("relay", "drop", *map(str, db.execute("SELECT max(id) FROM outbox").fetchone()))
 
 
 def test_killed_delivery_sends_once(s):
