@@ -319,6 +319,12 @@ TEST_F(mailbox, WhatIsOnScreenStaysWhereItIs) {
   tap(text_at("2 new"));
   EXPECT_TRUE(visible("Later"));
   EXPECT_TRUE(gone("2 new"));
+  stroke({160, 300}, {160, 120});
+  rest();
+  ids.insert(ids.begin(), mail(0, 5));
+  EXPECT_TRUE(visible("1 new"));
+  for (int flicks = 0; flicks < 3; flicks++) stroke({160, 120}, {160, 310});
+  EXPECT_TRUE(gone("1 new")) << "who scrolls there sees them";
 }
 
 TEST_F(mailbox, ARowSaysWhatAMailIsAbout) {

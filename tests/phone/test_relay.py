@@ -211,6 +211,7 @@ def test_unsendable_replies_wait(s):
     box, mta, relay = follow(s)
     box.deliver(message("ask@x"))
     s.wait(lambda: "ask@x" in uids(s), "the mail")
+    s.send(by_uid(s)["ask@x"]["account_id"], message("hand@x"))
     mta.refuse.write_text("68")  # no such host: it says that without a network, too
     reply_on_watch(s, by_uid(s)["ask@x"], "wait for it")
     s.wait(lambda: [r["state"] for r in status(s)["replies"] if r["attempts"] >= 2] == ["queued"], "two tries")
@@ -240,6 +241,7 @@ def test_unsendable_replies_wait(s):
     s.stop_serve(serve)
     relay.start()
     s.wait(lambda: len(mta.sent()) == 3, "the third reply")
+    assert "hand@x" in uids(s), "the relay leaves alone what it did not send"
     mta.change('cat > "$file"', 'head -c 9 > "$file"')
     reply_on_watch(s, by_uid(s)["ask@x"], "read by half")
     s.wait(lambda: "whole message" in status(s)["replies"][-1]["error"], "a try that ended before it had read it all")
