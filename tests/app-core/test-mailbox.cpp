@@ -273,7 +273,9 @@ TEST_F(mailbox, ALaunchOfAnotherAccountsMailShowsItsListFromTheTop) {
   fill(2, 60);
   tap(header());
   for (int flicks = 0; flicks < 3; flicks++) stroke({160, 300}, {160, 80});
+  brisel_create_account_selection_popup(&test_ad);
   app_launch(std::to_string(ids[1]).c_str());
+  EXPECT_EQ(test_ad.account_popup, nullptr) << "it would lie over the mail";
   EXPECT_EQ(test_ad.account_id, accounts[1]);
   EXPECT_TRUE(visible("Body"));
   rest();
