@@ -64,16 +64,110 @@ static line_run _quoted_run(std::string_view text, size_t start) {
   return run;
 }
 
+/* What programs write above the mail that is answered, where they mark its lines with nothing. */
+static constexpr const char *original_words[] = {
+    "Original Message",
+    "Original Appointment",
+    "Urspr\xC3\xBCngliche Nachricht",
+    "Original-Nachricht",
+    "Originalnachricht",
+    "Message d'origine",
+    "Message d\xE2\x80\x99origine",
+    "Message original",
+    "Mensaje original",
+    "Mensagem original",
+    "Messaggio originale",
+    "Oorspronkelijk bericht",
+    "\xE5\x85\x83\xE3\x81\xAE\xE3\x83\xA1\xE3\x83\x83\xE3\x82\xBB\xE3\x83\xBC\xE3\x82\xB8",
+    "\xE5\x8E\x9F\xE5\xA7\x8B\xE9\x82\xAE\xE4\xBB\xB6"};
+static constexpr const char *from_words[] = {"From",
+                                             "Von",
+                                             "De",
+                                             "Da",
+                                             "Van",
+                                             "\xD0\x9E\xD1\x82",
+                                             "\xE5\xB7\xAE\xE5\x87\xBA\xE4\xBA\xBA",
+                                             "\xE5\x8F\x91\xE4\xBB\xB6\xE4\xBA\xBA",
+                                             "\xEB\xB3\xB4\xEB\x82\xB8 \xEC\x82\xAC\xEB\x9E\x8C"};
+static constexpr const char *subject_words[] = {"Subject",
+                                                "Betreff",
+                                                "Objet",
+                                                "Asunto",
+                                                "Assunto",
+                                                "Oggetto",
+                                                "Onderwerp",
+                                                "\xD0\xA2\xD0\xB5\xD0\xBC\xD0\xB0",
+                                                "\xE4\xBB\xB6\xE5\x90\x8D",
+                                                "\xE4\xB8\xBB\xE9\xA2\x98",
+                                                "\xEC\xA0\x9C\xEB\xAA\xA9"};
+/* Lines of such a head: a long list of receivers takes several. */
+constexpr int most_head_lines = 12;
+constexpr size_t longest_divider = 120;
+
+/* Does the line begin with one of the names and a colon? */
+template <size_t count>
+static bool _is_head_line(std::string_view line, const char *const (&names)[count]) {
+  line.remove_prefix(std::min(line.find_first_not_of("* "), line.size()));
+  for (const char *name : names) {
+    if (!line.starts_with(name)) continue;
+    std::string_view rest = line.substr(strlen(name));
+    rest.remove_prefix(std::min(rest.find_first_not_of("* \xC2\xA0"), rest.size()));
+    if (rest.starts_with(":") || rest.starts_with("\xEF\xBC\x9A")) return true;
+  }
+  return false;
+}
+
+/* Is the mail below announced as one that is passed on? Then it is what there is to read. */
+static bool _is_passed_on(std::string_view text, size_t start) {
+  size_t end = text.substr(0, start).find_last_not_of(" \n");
+  if (end == std::string_view::npos) return true;
+  size_t before = text.rfind('\n', end);
+  std::string_view line = text.substr(0, end + 1).substr(before == std::string_view::npos ? 0 : before + 1);
+  return line.ends_with(':') || (line.starts_with("--") && line.find_first_not_of("-") != std::string_view::npos);
+}
+
+static bool _begins_history(std::string_view text, size_t start) {
+  std::string_view line = text.substr(start, _line_end(text, start) - start);
+  if (line.starts_with("--") && line.size() <= longest_divider) {
+    for (const char *words : original_words)
+      if (line.find(words) != std::string_view::npos) return true;
+    return false;
+  }
+  if (!_is_head_line(line, from_words) || _is_passed_on(text, start)) return false;
+  size_t at = start + line.size() + 1;
+  for (int n = 0; n < most_head_lines && at < text.size() && text[at] != '\n'; n++) {
+    size_t end = _line_end(text, at);
+    if (_is_head_line(text.substr(at, end - at), subject_words)) return true;
+    at = end + 1;
+  }
+  return false;
+}
+
 /* The signature whose line of hyphens starts there: up to the end, or to what it was put above. */
 static line_run _signature_run(std::string_view text, size_t start) {
   std::string_view line = text.substr(start, _line_end(text, start) - start);
   line_run run = {start, 0};
   if (start == 0 || (line != "-- " && line != "--")) return run;
   size_t at = start + line.size() + 1;
-  while (at < text.size() && !_is_quoted(text, at)) {
+  while (at < text.size() && !_is_quoted(text, at) && !_begins_history(text, at)) {
     size_t end = _line_end(text, at);
     if (end > at) run.end = end;
     if (++run.lines > most_signature) return {start, 0};
+    at = end + 1;
+  }
+  return run;
+}
+
+/* The mail that is answered, from its head to the end, where something stands above it. */
+static line_run _history_run(std::string_view text, size_t start, size_t first) {
+  line_run run = {start, 0};
+  if (start <= first || !_begins_history(text, start)) return run;
+  for (size_t at = start; at < text.size();) {
+    size_t end = _line_end(text, at);
+    if (end > at) {
+      run.end = end;
+      run.lines++;
+    }
     at = end + 1;
   }
   return run;
@@ -130,10 +224,14 @@ detail_shown brisel_detail_fold(const std::string &source, const std::vector<siz
   shown.text.reserve(source.size());
   std::string_view text = source;
   size_t open_until = 0;
+  const size_t first = text.find_first_not_of(" \n");
   for (size_t at = 0; at < text.size();) {
     bool is_quote = _is_quoted(text, at);
     line_run run = {at, 0};
-    if (at >= open_until) run = is_quote ? _quoted_run(text, at) : _signature_run(text, at);
+    if (at >= open_until && !is_quote) run = _history_run(text, at, first);
+    const bool is_history = run.lines > 0;
+    if (at >= open_until && !is_history) run = is_quote ? _quoted_run(text, at) : _signature_run(text, at);
+    is_quote = is_quote || is_history;
     bool is_long = run.lines >= (is_quote ? least_quoted : least_signature) && run.end > at;
     bool is_open = is_long && std::find(opened.begin(), opened.end(), at) != opened.end();
     size_t end = _line_end(text, at);
