@@ -69,29 +69,43 @@ static bool _shrink_title(Evas_Object *label) {
   return false;
 }
 
-static void _fit_label(Evas_Object *label, Evas_Object *scroller) {
+/* Whether the text fits the room that the settled layout gives it, or there is no layout yet. */
+static bool _fits(Evas_Object *label, Evas_Object *scroller) {
   int needed = 0, room = 0;
+  evas_smart_objects_calculate(evas_object_evas_get(label));
   evas_object_geometry_get(label, nullptr, nullptr, nullptr, &needed);
   elm_scroller_region_get(scroller, nullptr, nullptr, nullptr, &room);
-  if (room <= 1 || needed <= room) return;
-  const std::string_view style = elm_object_style_get(label);
-  for (size_t i = 0; i + 1 < std::size(label_styles); i++) {
-    if (style != label_styles[i]) continue;
-    /* With the room that the title leaves it may fit: the scroller's new size tells. */
-    if (i + 1 == with_small_title && _shrink_title(label)) return;
-    _set_label_style(label, label_styles[i + 1]);
-    return;
-  }
+  return room <= 1 || needed <= room;
 }
+
+static constexpr char changed[] = "brisel/size_changed";
 
 static void _label_resized_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
-  _fit_label(obj, (Evas_Object *)data);
+  evas_object_data_set(obj, changed, obj);
 }
 
-/* Of the title's room only: the least size that a popup is laid out at first says nothing of its last. */
 static void _room_changed_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   Evas_Object *label = elm_object_content_get(obj);
-  if (label && evas_object_data_get(label, small_title)) _fit_label(label, obj);
+  if (label) evas_object_data_set(label, changed, label);
+}
+
+/* Only before a picture is drawn: the sizes on the way there say nothing of the last ones. */
+static void _fit_cb(void *data, Evas *e, void *event_info) {
+  Evas_Object *label = (Evas_Object *)data, *scroller = elm_object_parent_widget_get(label);
+  if (!evas_object_data_del(label, changed)) return;
+  const std::string_view style = elm_object_style_get(label);
+  size_t at = 0;
+  while (at + 1 < std::size(label_styles) && style != label_styles[at]) at++;
+  while (!_fits(label, scroller) && ++at < std::size(label_styles)) {
+    /* With the room that the title leaves it may fit: the scroller's new size brings it here again. */
+    if (at == with_small_title && _shrink_title(label)) break;
+    _set_label_style(label, label_styles[at]);
+  }
+  evas_object_data_del(label, changed); /* its own doing */
+}
+
+static void _label_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  evas_event_callback_del_full(e, EVAS_CALLBACK_RENDER_PRE, _fit_cb, obj);
 }
 
 static Evas_Object *_popup_label_add(Evas_Object *scroller) {
@@ -101,8 +115,10 @@ static Evas_Object *_popup_label_add(Evas_Object *scroller) {
   evas_object_size_hint_weight_set(label, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   evas_object_size_hint_align_set(label, EVAS_HINT_FILL, EVAS_HINT_FILL);
   elm_object_content_set(scroller, label);
-  evas_object_event_callback_add(label, EVAS_CALLBACK_RESIZE, _label_resized_cb, scroller);
+  evas_object_event_callback_add(label, EVAS_CALLBACK_RESIZE, _label_resized_cb, nullptr);
   evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _room_changed_cb, nullptr);
+  evas_event_callback_add(evas_object_evas_get(label), EVAS_CALLBACK_RENDER_PRE, _fit_cb, label);
+  evas_object_event_callback_add(label, EVAS_CALLBACK_DEL, _label_deleted_cb, nullptr);
   evas_object_show(label);
   return label;
 }
