@@ -100,15 +100,7 @@ static void _long_pressed_mail(item_data *item, Elm_Object_Item *it) {
   if (_row_takes_touch(item->ad, it)) brisel_option_detail_draw_view(item->mail_id, item->ad);
 }
 
-static void _long_pressed_cb(void *data, Evas_Object *obj, void *event_info) {
-  BRISEL_INFO("Enter");
-  Elm_Object_Item *it = (Elm_Object_Item *)event_info;
-  if (!it) {
-    BRISEL_ERROR("event_info is NULL");
-    return;
-  }
-  elm_genlist_item_selected_set(it, EINA_FALSE);
-  if (_touch_scrolls()) return;
+static void _press_long(Elm_Object_Item *it) {
   item_data *item = (item_data *)elm_object_item_data_get(it);
   if (!item) {
     BRISEL_ERROR("item_data is NULL");
@@ -118,6 +110,47 @@ static void _long_pressed_cb(void *data, Evas_Object *obj, void *event_info) {
     _long_pressed_group(item, it);
   else
     _long_pressed_mail(item, it);
+}
+
+static brisel_touch_wait *pressed_wait; /* a press has lasted long, unless its end was only not heard of yet */
+static Elm_Object_Item *pressed_item;
+
+static void _press_is_known_cb(void *data) {
+  pressed_wait = nullptr;
+  /* Rows come and go by events of the phone; the one under a finger is a drawn one. */
+  Eina_List *drawn = elm_genlist_realized_items_get((Evas_Object *)data);
+  const bool there = eina_list_data_find(drawn, pressed_item) != nullptr;
+  eina_list_free(drawn);
+  if (!there || _touch_scrolls()) return;
+  if (brisel_touch_was_short())
+    elm_genlist_item_selected_set(pressed_item, EINA_TRUE); /* a tap */
+  else
+    _press_long(pressed_item);
+}
+
+static void _long_pressed_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  Elm_Object_Item *it = (Elm_Object_Item *)event_info;
+  if (!it) {
+    BRISEL_ERROR("event_info is NULL");
+    return;
+  }
+  elm_genlist_item_selected_set(it, EINA_FALSE);
+  if (_touch_scrolls()) return;
+  brisel_touch_stop_waiting(pressed_wait);
+  pressed_item = it;
+  pressed_wait = brisel_touch_when_read(_press_is_known_cb, obj);
+}
+
+/* A mouse's right button presses as long as a finger does. */
+static void _right_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+  if (event_info) _press_long((Elm_Object_Item *)event_info);
+}
+
+static void _list_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  brisel_touch_stop_waiting(pressed_wait);
+  pressed_wait = nullptr;
 }
 
 /* --- the widget --- */
@@ -143,6 +176,8 @@ Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad)
   evas_object_smart_callback_add(gl, "drag,start,left", _drag_left, ad);
   evas_object_smart_callback_add(gl, "scroll,drag,start", _scroll_start_cb, nullptr);
   evas_object_smart_callback_add(gl, "longpressed", _long_pressed_cb, nullptr);
+  evas_object_smart_callback_add(gl, "clicked,right", _right_clicked_cb, nullptr);
+  evas_object_event_callback_add(gl, EVAS_CALLBACK_DEL, _list_gone_cb, nullptr);
   evas_object_smart_callback_add(gl, "language,changed", _mailbox_list_language_changed_cb, nullptr);
   evas_object_smart_callback_add(gl, "realized", _row_realized_cb, ad);
   evas_object_smart_callback_add(gl, "unrealized", _row_unrealized_cb, ad);

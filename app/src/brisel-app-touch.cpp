@@ -17,6 +17,7 @@ static Evas_Object *pane;    /* lies over everything, sees every touch and lets 
 static Evas_Object *shield;  /* lies over the place that a touch has opened something at, and lets nothing through */
 static Evas_Object *guarded; /* what that touch has opened */
 static Ecore_Timer *shield_timer;
+static brisel_touch_wait *shield_wait; /* its time is over, but not every touch of that time has come */
 static Evas_Coord_Point touched_at;
 static double lifted_time; /* of the main loop; 0: no touch yet */
 static unsigned down_at;   /* ms, of the touch's own clock */
@@ -25,13 +26,54 @@ static bool is_down;
 static bool shield_is_touched;
 static unsigned revealed_at; /* ms, of the key that has made the focus visible; 0: none has */
 
+/* --- what the loop has not come round to --- */
+
+/* Turns of the loop in which it has looked for what waits: a window system's events take more than one to arrive. */
+constexpr int turns_to_read = 3;
+
+struct brisel_touch_wait {
+  void (*read_cb)(void *data);
+  void *data;
+  int turns;
+  Ecore_Idler *idler;
+};
+
+static Eina_Bool _turn_cb(void *data) {
+  brisel_touch_wait *wait = (brisel_touch_wait *)data;
+  if (++wait->turns < turns_to_read) return ECORE_CALLBACK_RENEW;
+  const brisel_touch_wait done = *wait;
+  delete wait;
+  done.read_cb(done.data);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+brisel_touch_wait *brisel_touch_when_read(void (*read_cb)(void *data), void *data) {
+  brisel_touch_wait *wait = new brisel_touch_wait{read_cb, data, 0, nullptr};
+  wait->idler = ecore_idler_add(_turn_cb, wait);
+  return wait;
+}
+
+void brisel_touch_stop_waiting(brisel_touch_wait *wait) {
+  if (!wait) return;
+  ecore_idler_del(wait->idler);
+  delete wait;
+}
+
+/* --- the shield --- */
+
 static void _guarded_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info);
+
+static void _stop_shield_time() {
+  if (shield_timer) ecore_timer_del(shield_timer);
+  shield_timer = nullptr;
+  brisel_touch_stop_waiting(shield_wait);
+  shield_wait = nullptr;
+}
 
 static void _drop_shield() {
   if (guarded) evas_object_event_callback_del(guarded, EVAS_CALLBACK_DEL, _guarded_gone_cb);
   guarded = nullptr;
-  if (shield_timer) ecore_timer_del(shield_timer);
-  shield_timer = nullptr;
+  _stop_shield_time();
   Evas_Object *gone = shield;
   shield = nullptr;
   if (gone) evas_object_del(gone);
@@ -42,16 +84,22 @@ static void _guarded_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_
   if (!shield_is_touched) _drop_shield();
 }
 
-static Eina_Bool _shield_timer_cb(void *data) {
-  shield_timer = nullptr;
+static void _shield_time_is_over_cb(void *data) {
+  shield_wait = nullptr;
   /* A touch that began on the shield ends on it. */
   if (!shield_is_touched) _drop_shield();
+}
+
+/* Whoever touches while the loop is busy opening something has not seen it yet. */
+static Eina_Bool _shield_timer_cb(void *data) {
+  shield_timer = nullptr;
+  shield_wait = brisel_touch_when_read(_shield_time_is_over_cb, nullptr);
   return ECORE_CALLBACK_CANCEL;
 }
 
 static void _time_shield() {
   double left = lifted_time + guard_time - ecore_loop_time_get();
-  if (shield_timer) ecore_timer_del(shield_timer);
+  _stop_shield_time();
   shield_timer = ecore_timer_add(std::max(left, 0.0), _shield_timer_cb, nullptr);
 }
 
@@ -80,7 +128,7 @@ static void _shield_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_i
 
 static void _shield_up_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   shield_is_touched = false;
-  if (!guarded || (!shield_timer && !is_down)) _drop_shield();
+  if (!guarded || (!shield_timer && !shield_wait && !is_down)) _drop_shield();
 }
 
 static void _shield_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
@@ -171,6 +219,10 @@ void brisel_touch_guard(Evas_Object *opened) {
 
 bool brisel_touch_was_long() {
   return lifted_time == ecore_loop_time_get() && lasted >= elm_config_longpress_timeout_get() * 1000.0;
+}
+
+bool brisel_touch_was_short() {
+  return !is_down && lasted < elm_config_longpress_timeout_get() * 1000.0;
 }
 
 bool brisel_touch_was_low() {

@@ -16,6 +16,13 @@ void brisel_touch_guard(Evas_Object *opened);
 /* Whether the touch whose end is being handled was a long press by its own clock. The toolkit counts from when it came
    round to the touch, and takes a long press for a tap when it was busy. */
 bool brisel_touch_was_long();
+/* Whether the last touch has been lifted, and was no long press by its own clock. */
+bool brisel_touch_was_short();
+/* Calls read_cb once, when what waited for the loop has been handled: a busy loop's timers come before the touches that
+   were over long before them. stop_waiting: not any more; NULL is allowed. */
+struct brisel_touch_wait;
+brisel_touch_wait *brisel_touch_when_read(void (*read_cb)(void *data), void *data);
+void brisel_touch_stop_waiting(brisel_touch_wait *wait);
 /* Whether the last touch was in the lower half of the window. */
 bool brisel_touch_was_low();
 /* Whether the key of that time has made the focus visible: it shows where the focus is, and moves it no further. */

@@ -80,19 +80,12 @@ static Evas_Object *_create_nocontents_layout(appdata *ad) {
   return layout;
 }
 
-/* A mouse's right button presses as long as a finger does. */
-static void _right_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
-  BRISEL_INFO("Enter");
-  evas_object_smart_callback_call(obj, "longpressed", event_info);
-}
-
 static void _create_view_layout(appdata *ad) {
   int count = 0;
   brisel_db_get_full_noti_data_count_by_account_id(0, &count);
   ad->delete_btn = brisel_view_title_button(ad->naviframe, "b_email_history_delete_normal.png", _delete_view_cb, ad);
   if (ad->delete_btn) brisel_view_set_spoken_name(ad->delete_btn, brisel_util_get_text("IDS_EMAIL_BODY_DELETE"));
   brisel_create_mailbox_list_view(ad->win_main, ad);
-  evas_object_smart_callback_add(ad->mailbox_genlist, "clicked,right", _right_clicked_cb, nullptr);
   ad->nocontents_layout = _create_nocontents_layout(ad);
 
   bool empty = count < 1;
