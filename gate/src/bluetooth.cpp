@@ -22,7 +22,7 @@ extern char **environ;
 namespace {
 
 constexpr char profile_path[] = "/com/vextora/brisel/profile";
-constexpr unsigned phones_max = 4;
+constexpr unsigned phones_max = 8, streams_max = 2; /* of one device: that which comes, and that which is to end */
 
 /* A phone whose gate runs, or whose bond is being looked at. */
 struct phone {
@@ -57,7 +57,8 @@ int ended_cb(sd_event_source *source, const siginfo_t *info, void *data) {
 /* The controller watches the link: the gate needs no timers. */
 int start_gate(phone *p) {
   char program[] = "brisel-gate", option[] = "--no-timers";
-  char *arguments[] = {program, option, nullptr};
+  std::string phone = "--phone=" + p->device;
+  char *arguments[] = {program, option, phone.data(), nullptr};
   posix_spawn_file_actions_t files;
   posix_spawnattr_t how;
   sigset_t none;
@@ -107,9 +108,14 @@ int new_connection(sd_bus_message *m, void *data, sd_bus_error *error) {
   const int r = sd_bus_message_read(m, "oh", &device, &fd);
   if (r < 0) return r;
   phone *free_one = nullptr;
-  for (phone &one : all->phones)
+  unsigned streams = 0;
+  for (phone &one : all->phones) {
     if (one.device.empty()) free_one = &one;
-  if (!free_one) return sd_bus_error_set(error, bluez_rejected, "too many phones at once");
+    if (one.device != device) continue;
+    streams++;
+    if (one.pid > 0) kill(one.pid, SIGTERM);
+  }
+  if (!free_one || streams >= streams_max) return sd_bus_error_set(error, bluez_rejected, "too many streams at once");
   free_one->device = device;
   free_one->fd = fcntl(fd, F_DUPFD_CLOEXEC, 3);
   free_one->call = sd_bus_message_ref(m);

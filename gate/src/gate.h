@@ -99,6 +99,10 @@ int host_start(gate *g, void (*found)(gate *g));
 /* Asks the service on the phone's behalf. Answers `call`, now or later. 0, or below 0 an errno. */
 int host_ask(gate *g, sd_bus_message *call);
 
+/* places.cpp: a place among those that there are at once, perhaps in the stead of another gate of whoever has most.
+   phone: whose gate it is. false, with a word to people: there is none. */
+bool place_take(const char *phone);
+
 /* join.cpp: runs until one side leaves, a signal says so, or the phone is not heard any more. The exit code. */
 int gate_run(gate *g, int in, int out);
 

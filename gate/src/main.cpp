@@ -1,8 +1,6 @@
 /* brisel-gate: joins a paired phone's stream to the host service. */
-#include <fcntl.h>
 #include <getopt.h>
 #include <malloc.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,7 +12,6 @@
 #include "bluetooth.h"
 #include "brisel-bus.h"
 #include "gate.h"
-#include "platform-paths.h"
 
 namespace {
 
@@ -29,6 +26,7 @@ constexpr char usage[] =
     "                        the middle of a message (default 15)\n"
     "      --bluetooth       offer the profile to bonded phones, and join each that comes\n"
     "      --no-timers       the carrier itself tells when the phone is gone\n"
+    "      --phone NAME      whose key it is: no phone takes the places of the others\n"
     "  -h, --help            show this help and exit\n"
     "  -V, --version         show the version and exit\n"
     "\n"
@@ -55,14 +53,12 @@ bool read_environment(gate *g) {
 }
 
 /* 0 to go on; otherwise *code is the exit code. */
-int read_arguments(int argc, char **argv, gate *g, bool *bluetooth, int *code) {
-  static const option options[] = {{"idle", required_argument, nullptr, 'i'},
-                                   {"answer", required_argument, nullptr, 'a'},
-                                   {"bluetooth", no_argument, nullptr, 'b'},
-                                   {"no-timers", no_argument, nullptr, 'n'},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {"version", no_argument, nullptr, 'V'},
-                                   {nullptr, 0, nullptr, 0}};
+int read_arguments(int argc, char **argv, gate *g, bool *bluetooth, const char **phone, int *code) {
+  static const option options[] = {
+      {"idle", required_argument, nullptr, 'i'},  {"answer", required_argument, nullptr, 'a'},
+      {"bluetooth", no_argument, nullptr, 'b'},   {"no-timers", no_argument, nullptr, 'n'},
+      {"phone", required_argument, nullptr, 'p'}, {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, 'V'},     {nullptr, 0, nullptr, 0}};
   *code = 2;
   for (int c; (c = getopt_long(argc, argv, "hV", options, nullptr)) != -1;) switch (c) {
       case 'i':
@@ -76,6 +72,9 @@ int read_arguments(int argc, char **argv, gate *g, bool *bluetooth, int *code) {
         break;
       case 'n':
         g->idle_limit = g->answer_limit = 0;
+        break;
+      case 'p':
+        *phone = optarg;
         break;
       case 'h':
         fputs(usage, stdout);
@@ -93,21 +92,10 @@ int read_arguments(int argc, char **argv, gate *g, bool *bluetooth, int *code) {
   return 1;
 }
 
-/* Each gate holds a few mebibytes, and an ssh key opens as many connections as it likes: so many have a place at once,
-   held by a lock that ends with the process. */
-constexpr unsigned places_max = 16;
-
-bool take_place(void) {
-  const char *folder = platform_runtime_dir();
-  if (!folder) return true; /* then there is no session to reach either */
-  for (unsigned place = 0; place < places_max; place++) {
-    const std::string path = std::string(folder) + "/gate." + std::to_string(place);
-    const int lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) == 0) return true;
-    if (lock >= 0) close(lock);
-  }
-  fprintf(stderr, "brisel-gate: too many phones are connected already\n");
-  return false;
+/* Whose gate it is, for a share of the places: what its key says; for a key from before it did, where it comes from. */
+std::string phone_of(const char *given) {
+  const std::string from = getenv("SSH_CONNECTION") ? getenv("SSH_CONNECTION") : "";
+  return given ? given : from.substr(0, from.find(' '));
 }
 
 /* A login that came over the network may not say where the user's session is. */
@@ -125,7 +113,8 @@ int main(int argc, char **argv) {
   int code = EXIT_SUCCESS;
   if (!read_environment(&g)) return 2;
   bool bluetooth = false;
-  if (read_arguments(argc, argv, &g, &bluetooth, &code)) return code;
+  const char *phone = nullptr;
+  if (read_arguments(argc, argv, &g, &bluetooth, &phone, &code)) return code;
   if (bluetooth) {
     find_session();
     return bluetooth_run();
@@ -135,7 +124,7 @@ int main(int argc, char **argv) {
     return 2;
   }
   find_session();
-  if (!take_place()) return 1;
+  if (!place_take(phone_of(phone).c_str())) return 1;
   /* Large messages give their memory back when they are gone. */
   mallopt(M_MMAP_THRESHOLD, 128 << 10);
   code = gate_run(&g, STDIN_FILENO, STDOUT_FILENO);

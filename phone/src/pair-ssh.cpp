@@ -15,10 +15,12 @@
 
 #include "brisel-bus.h"
 #include "pair.h"
+#include "watch.h"
 
 namespace {
 
-/* Both keep every other line, change the file as a whole, and may run again. $key is the key, $line its whole line. */
+/* Both keep every other line, change the file as a whole, and may run again. $key is the key, $line its whole line;
+   a gate from before it could be told whose key it is is not told. */
 constexpr char kOpen[] = R"(set -eu
 umask 077
 cd
@@ -30,8 +32,9 @@ if [ -e "$file" ]; then grep -vF -- "$key" "$file" > "$new" || [ $? = 1 ]; else 
 )";
 constexpr char kAdd[] =
     R"(command -v "$gate" > /dev/null || { echo "there is no $gate: install brisel on the watch" >&2; exit 3; }
+case $("$gate" --help) in *--phone*) gate="$gate --phone=$phone" ;; esac
 )";
-constexpr char kAppend[] = R"(printf '%s\n' "$line" >> "$new"
+constexpr char kAppend[] = R"(printf 'restrict,command="%s" %s\n' "$gate" "$line" >> "$new"
 )";
 constexpr char kClose[] = R"(chmod 600 "$new"
 if [ -e "$file" ] && cmp -s "$file" "$new"; then exit 0; fi
@@ -119,11 +122,13 @@ int explain(int code, std::string *error) {
 
 int pair_ssh_install(const paired_watch &watch, std::string *error) {
   std::string whole, key;
-  if (make_key(watch, error) < 0 || read_key(watch, &whole, &key, error) < 0) return -1;
+  phone_identity me;
+  if (phone_identity_load(&me, error) < 0 || make_key(watch, error) < 0 || read_key(watch, &whole, &key, error) < 0)
+    return -1;
   std::string note = watch.keys.known_hosts + ".new";
   unlink(note.c_str());
-  std::string script = "key='" + key + "' gate='" + pair_gate + "'\nline='restrict,command=\"" + pair_gate + "\" " +
-                       whole + "'\n" + kAdd + kOpen + kAppend + kClose;
+  std::string script = "key='" + key + "' gate='" + pair_gate + "' phone='" + me.id + "'\nline='" + whole + "'\n" +
+                       kAdd + kOpen + kAppend + kClose;
   if (explain(run(own_ssh(watch, note), script), error) < 0) return -1;
   if (rename(note.c_str(), watch.keys.known_hosts.c_str()) == 0) return 0;
   *error = "ssh did not say which host key it accepted (OpenSSH 8.5 or later is needed)";

@@ -73,7 +73,8 @@ def test_pairing_over_ssh(s):
         assert "is paired" in s.phone("pair", watch.address, "--name", "wrist")
         lines = watch.keys.read_text().splitlines()
         equal((lines[:2], len(lines), watch.keys.stat().st_mode & 0o777), (watch.others.splitlines(), 3, 0o600), "keys")
-        assert lines[2].startswith('restrict,command="brisel-gate" ssh-ed25519 '), lines[2]
+        me = (s.dir / "state" / "brisel-phone" / "phone-id").read_text().strip()
+        assert lines[2].startswith(f'restrict,command="brisel-gate --phone={me}" ssh-ed25519 '), lines[2]
     # Nothing but the gate can be had with the key.
     folder = s.dir / "state" / "brisel-phone" / "watches" / "wrist"
     equal([(folder / f).stat().st_mode & 0o77 for f in ("", "key", "watch.ini", "known_hosts")], [0] * 4, "modes")
