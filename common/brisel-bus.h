@@ -50,8 +50,8 @@ inline constexpr unsigned pair_version = 2, pair_version_least = 1;
 /* How long an id is, in hexadecimal digits, and a name at most, in bytes. */
 inline constexpr unsigned pair_id_size = 32, pair_name_max = 64;
 /* Capabilities of the service: AddMails takes "body_zlib" (ay, a zlib stream of the text) in the place of "body";
-   there is ListMailIds. */
-inline constexpr char pair_zlib[] = "zlib", pair_mail_ids[] = "mail_ids";
+   there is ListMailIds; who was refused as Busy and stays hears Free. */
+inline constexpr char pair_zlib[] = "zlib", pair_mail_ids[] = "mail_ids", pair_free[] = "free";
 /* The program that a phone's stream ends at. */
 inline constexpr char pair_gate[] = "brisel-gate";
 /* The Bluetooth profile that both sides register. */

@@ -78,6 +78,8 @@ int phone_tell(gate *g, sd_bus_message *signal) {
   if (r < 0) return r;
   if (!strcmp(name, "Replaced"))
     gate_end(g, nullptr);
+  else if (!strcmp(name, "Free"))
+    return 0;
   else if (g->asked == 0)
     g->asked = gate_now();
   return 0;

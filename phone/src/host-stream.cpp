@@ -78,6 +78,8 @@ int read_introduction(sd_bus_message *m, watch_identity *watch) {
       watch->zlib = true;
     else if (strcmp(capability, pair_mail_ids) == 0)
       watch->mail_ids = true;
+    else if (strcmp(capability, pair_free) == 0)
+      watch->free = true;
   return r;
 }
 

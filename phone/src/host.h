@@ -36,6 +36,7 @@ struct watch_identity {
   std::string id, name;
   bool zlib = false;     /* it takes bodies that were made small */
   bool mail_ids = false; /* it lists its mails without their texts */
+  bool free = false;     /* it tells who was refused when the other phone has left */
 };
 
 /* A connection to the service. */

@@ -26,6 +26,7 @@ struct waiting_request {
 enum class link_stage {
   down,    /* there is none; the timer `retry` makes the next one */
   opening, /* started, and the first words are on their way */
+  refused, /* another phone is linked; this one stays and hears when that has left */
   open
 };
 

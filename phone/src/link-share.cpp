@@ -86,7 +86,7 @@ int call_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
   for (const char *own : {"Connect", "Ack", "AnswerMore", "Outcome"})
     if (strcmp(member, own) == 0)
       return refuse(m, SD_BUS_ERROR_ACCESS_DENIED, "another process of this phone is linked");
-  if (one->link->connected) return pass_on(one->link, m);
+  if (one->link->connected || one->link->stage == link_stage::refused) return pass_on(one->link, m);
   /* The link is being opened, or looked for: who calls waits as long as for one of its own. */
   if (one->waiting.size() == kCallsMax) return refuse(m, SD_BUS_ERROR_LIMITS_EXCEEDED, one->link->trouble);
   one->waiting.push_back(sd_bus_message_ref(m));

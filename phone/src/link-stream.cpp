@@ -90,7 +90,7 @@ void end_stream(phone_link *link) {
 
 void lose(phone_link *link, const std::string &why, hope what) {
   if (link->stage == link_stage::down) return;
-  if (link->stage == link_stage::open) {
+  if (link->stage != link_stage::opening) {
     link->lost_at = boot_now();
     link->delay = 0;
     link->unanswered = 0;
@@ -107,15 +107,14 @@ void lose(phone_link *link, const std::string &why, hope what) {
 int pong_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
   auto *link = static_cast<phone_link *>(user_data);
   /* An error is a sign of life too; only what is made up here at the end of a stream is not. */
-  if (link->stage == link_stage::open && sd_bus_is_open(link->bus->bus)) link->bus->heard = boot_now();
+  if (link->stage != link_stage::down && sd_bus_is_open(link->bus->bus)) link->bus->heard = boot_now();
   return 0;
 }
 
 void ask_for_life(phone_link *link, uint64_t patience) {
   uint64_t now = boot_now();
   if (link->asked_at == 0) {
-    link->call = sd_bus_slot_unref(link->call);
-    int r = sd_bus_call_method_async(link->bus->bus, &link->call, nullptr, "/", "org.freedesktop.DBus.Peer", "Ping",
+    int r = sd_bus_call_method_async(link->bus->bus, nullptr, nullptr, "/", "org.freedesktop.DBus.Peer", "Ping",
                                      pong_cb, link, "");
     if (r < 0) return; /* the stream is ending; its end is told of by itself */
     link->asked_at = now;
@@ -146,7 +145,7 @@ int ping_cb(sd_event_source *source, uint64_t usec, void *user_data) {
     doubt_try(link);
     return 0;
   }
-  if (link->stage != link_stage::open) return 0;
+  if (link->stage == link_stage::down) return 0;
   uint64_t now = boot_now();
   if (link->asked_at != 0 && link->bus->heard < link->asked_at) {
     if (now >= link->answer_due) {
@@ -176,8 +175,9 @@ hope hope_after_end(const phone_link &link) {
   return host_stream_was_answered(*link.bus) ? hope::changes : hope::way;
 }
 
-void opened(phone_link *link) {
-  link->stage = link_stage::open;
+/* The watch was reached: open, or refused. */
+void reached(phone_link *link, link_stage stage) {
+  link->stage = stage;
   link->delay = 0;
   link->asked_at = 0;
   link->unanswered = 0;
@@ -187,7 +187,6 @@ void opened(phone_link *link) {
   else
     sd_event_source_set_enabled(link->ping, SD_EVENT_OFF);
   network_watch_neighbours(link, false);
-  link_is_up(link);
 }
 
 int connected_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
@@ -195,11 +194,25 @@ int connected_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
   std::string error;
   int result = host_connected(link->bus.get(), m, &error);
   link->call = sd_bus_slot_unref(link->call);
-  if (result == HOST_OK)
-    opened(link);
-  else
-    lose(link, result == HOST_BUSY ? "the watch is busy: " + error : error,
-         result == HOST_AWAY ? hope_after_end(*link) : hope::changes);
+  if (result == HOST_BUSY) error = "the watch is busy: " + error;
+  if (result == HOST_OK) {
+    reached(link, link_stage::open);
+    link_is_up(link);
+  } else if (result == HOST_BUSY && link->bus->watch.free) {
+    reached(link, link_stage::refused);
+    link_is_down(link, link->target.name + ": " + error);
+    share_linked(link);
+  } else {
+    lose(link, error, result == HOST_AWAY ? hope_after_end(*link) : hope::changes);
+  }
+  return 0;
+}
+
+int free_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
+  auto *link = static_cast<phone_link *>(user_data);
+  if (link->stage == link_stage::refused && !link->call &&
+      host_connect_begin(link->bus.get(), kOpenPatience, connected_cb, link, &link->call) < 0)
+    lose(link, host_stream_trouble(*link->bus), hope_after_end(*link));
   return 0;
 }
 
@@ -232,6 +245,8 @@ int replaced_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
 
 int follow(phone_link *link) {
   int r = link_follow(link, replaced_cb, gone_cb);
+  if (r >= 0)
+    r = sd_bus_match_signal(link->bus->bus, nullptr, nullptr, host_path, phone_interface, "Free", free_cb, link);
   if (r >= 0) r = host_introduce_begin(link->bus.get(), link->me, kOpenPatience, introduced_cb, link, &link->call);
   return r;
 }
@@ -298,7 +313,7 @@ int stream_start(phone_link *link, std::string *error) {
 
 void stream_network_changed(phone_link *link, bool gone) {
   uint64_t now = boot_now();
-  if (link->stage == link_stage::open) {
+  if (link->stage == link_stage::open || link->stage == link_stage::refused) {
     if (gone) ask_for_life(link, kDoubtPatience);
     return;
   }

@@ -297,5 +297,6 @@ const sd_bus_vtable phone_vtable[] = {
                             answer_more, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_SIGNAL_WITH_ARGS("Request", SD_BUS_ARGS("x", id, "s", json, "a{sv}", extra), 0),
     SD_BUS_SIGNAL("Replaced", "", 0),
+    SD_BUS_SIGNAL("Free", "", 0),
     SD_BUS_VTABLE_END,
 };

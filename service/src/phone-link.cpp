@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "brisel-settings.h"
 #include "host.h"
@@ -9,6 +10,8 @@
 #include "vconf.h"
 
 namespace {
+
+constexpr size_t refused_max = 16; /* connections; the oldest are forgotten */
 
 void set_link(host *h, bool up) {
   /* The store says so first: after a kill in between, the next start knows that the setting may be ours to take back.
@@ -76,14 +79,18 @@ int send_request(host *h, int64_t id, const std::string &json, const std::string
   return r;
 }
 
-/* The connection before is told, and what it was asked and did not answer has failed. The link stays up. */
-void replace_phone(host *h) {
+void tell_connection(host *h, const std::string &connection, const char *what) {
   sd_bus_message *m = nullptr;
-  int r = sd_bus_message_new_signal(h->bus, &m, host_path, phone_interface, "Replaced");
-  if (r >= 0) r = sd_bus_message_set_destination(m, h->phone.c_str());
+  int r = sd_bus_message_new_signal(h->bus, &m, host_path, phone_interface, what);
+  if (r >= 0) r = sd_bus_message_set_destination(m, connection.c_str());
   if (r >= 0) r = sd_bus_send(h->bus, m, nullptr);
   sd_bus_message_unref(m);
-  if (r < 0) fprintf(stderr, "brisel-hostd: an earlier connection could not be told: %s\n", strerror(-r));
+  if (r < 0) fprintf(stderr, "brisel-hostd: a connection could not be told: %s: %s\n", what, strerror(-r));
+}
+
+/* The connection before is told, and what it was asked and did not answer has failed. The link stays up. */
+void replace_phone(host *h) {
+  tell_connection(h, h->phone, "Replaced");
   h->track = sd_bus_track_unref(h->track);
   while (!h->more.empty()) finish_more(h, h->more.begin(), HOST_ERROR "NoPhone", "the phone has left");
 }
@@ -99,8 +106,12 @@ int link_connect(host *h, const char *sender, sd_bus_error *error) {
   if (h->phone == sender) return 0;
   const phone_identity who = pair_identity(h, sender);
   const bool again = !who.id.empty() && who.id == h->phone_id;
-  if (!h->phone.empty() && !again)
+  if (!h->phone.empty() && !again) {
+    std::erase(h->refused, sender);
+    if (h->refused.size() >= refused_max) h->refused.erase(h->refused.begin());
+    h->refused.emplace_back(sender);
     return sd_bus_error_setf(error, HOST_ERROR "Busy", "%s is linked", h->phone_name.c_str());
+  }
   sd_bus_track *track = nullptr;
   int r = sd_bus_track_new(h->bus, &track, track_cb, h);
   if (r >= 0) r = sd_bus_track_add_name(track, sender);
@@ -143,6 +154,7 @@ void link_disconnect(host *h) {
   h->track = sd_bus_track_unref(h->track);
   while (!h->more.empty()) finish_more(h, h->more.begin(), HOST_ERROR "NoPhone", "the phone has left");
   set_link(h, false);
+  for (const std::string &connection : std::exchange(h->refused, {})) tell_connection(h, connection, "Free");
 }
 
 void link_send(host *h, int64_t id, const std::string &json, const std::string &uid) {

@@ -87,10 +87,13 @@ def test_both_sides_know_and_come_together_again(s):
     with open(s.dir / "other.log", "w") as log:
         second = subprocess.Popen(["brisel-phone", "serve", *PACE, *watch], env=other, stderr=log, stdout=log)
     s.wait(lambda: "Ann's is linked" in (s.dir / "other.log").read_text(), "the other phone to hear who is linked")
+    before = net.connections
+    relay.kill(signal.SIGTERM)
+    s.wait(lambda: "linked with" in (s.dir / "other.log").read_text(), "the other phone's turn")
+    equal(net.connections, before, "connections: it stayed")
+    net.set("stall")
     second.send_signal(signal.SIGTERM)
     second.wait()
-    net.set("stall")
-    relay.kill(signal.SIGTERM)
     s.wait(lambda: not linked(s), "the watch to know that the phone ended")
     net.close()
 
