@@ -6,6 +6,12 @@
 
 static const long base_time = 1700000000;
 
+/* The drawing of a row in sight, or NULL. */
+static Evas_Object *drawing(Elm_Object_Item *item) {
+  Evas_Object *bar = elm_object_item_part_content_get(item, "elm.swallow.colorbar");
+  return bar ? evas_object_smart_parent_get(bar) : nullptr;
+}
+
 struct mailbox : testing::Test {
   linked_phone phone;
   std::vector<int> accounts, ids; /* ids: newest first, as the rows stand */
@@ -44,9 +50,9 @@ struct mailbox : testing::Test {
     EXPECT_TRUE(run_until([&] { return listed_mails() == expected; })) << testing::PrintToString(listed_mails());
   }
   point header(void) { return middle_of_item(elm_genlist_first_item_get(test_ad.mailbox_genlist)); }
-  void sweep(int row) {
-    const point from = middle_of_item(item_of_mail(ids[row]));
-    drag({80, from.y}, {240, from.y});
+  void sweep(int row, int from = 80, int to = 240) {
+    const int y = middle_of_item(item_of_mail(ids[row])).y;
+    drag({from, y}, {to, y});
   }
   bool swept(int row) { return test_ad.sweep_item && test_ad.sweep_item == item_of_mail(ids[row]); }
   void wait_for_thaw(void) {
@@ -156,8 +162,11 @@ TEST_F(mailbox, LeavingCommitsTheSweep) {
 
 TEST_F(mailbox, LongPressOpensTheOptionsUnlessARowIsSwept) {
   fill(1, 40);
-  sweep(0);
+  sweep(0, 240, 80);
   wait_for_thaw();
+  int x = 0;
+  edje_object_part_geometry_get(drawing(item_of_mail(ids[0])), "front", &x, nullptr, nullptr, nullptr);
+  EXPECT_LT(x, 0) << "the row goes the finger's way";
   for (const int row : {39, 0}) { /* the look is the row's, wherever its drawing goes meanwhile */
     elm_genlist_item_show(item_of_mail(ids[row]), ELM_GENLIST_ITEM_SCROLLTO_TOP);
     rest();
@@ -228,12 +237,6 @@ TEST_F(mailbox, TheAccountPopupChooses) {
 }
 
 /* --- what the rows look like --- */
-
-/* The drawing of a row in sight, or NULL. */
-static Evas_Object *drawing(Elm_Object_Item *item) {
-  Evas_Object *bar = elm_object_item_part_content_get(item, "elm.swallow.colorbar");
-  return bar ? evas_object_smart_parent_get(bar) : nullptr;
-}
 
 /* Every row in sight has its divider, but the last one of the list. */
 static void expect_dividers(Evas_Object *list) {
