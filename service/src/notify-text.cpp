@@ -2,6 +2,7 @@
    shown as they are, but short, on their lines, and in nobody else's direction. */
 #include <libintl.h>
 
+#include <cctype>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
@@ -38,6 +39,42 @@ std::string setting_of(const char *key, int account_id) {
 notify_extent extent_of(int account_id) {
   const std::string value = setting_of(BRISEL_KEY_NOTIFY_SHOWS, account_id);
   return value == "nothing" ? notify_extent::nothing : value == "sender" ? notify_extent::sender : notify_extent::all;
+}
+
+/* The zero of regions that write other digits; the other nine follow its last byte. A country comes before its
+ * language. */
+constexpr struct {
+  std::string_view region, zero;
+} regional_digits[] = {{"ar_AE", "0"}, {"ar_DZ", "0"}, {"ar_EH", "0"}, {"ar_LY", "0"}, {"ar_MA", "0"}, {"ar_TN", "0"},
+                       {"ar", "٠"},    {"ckb", "٠"},   {"sd", "٠"},    {"fa", "۰"},    {"ps", "۰"},    {"ur_IN", "۰"},
+                       {"mr", "०"},    {"ne", "०"},    {"sa", "०"},    {"as", "০"},    {"bn", "০"},    {"my", "၀"}};
+
+/* The region that numbers are written for: the setting's, else the environment's. */
+std::string region_of_numbers() {
+  char *setting = vconf_get_str(BRISEL_KEY_REGION);
+  std::string region = setting ? setting : "";
+  free(setting);
+  for (const char *name : {"LC_ALL", "LC_TIME", "LANG"})
+    if (const char *value = getenv(name); region.empty() && value) region = value;
+  return region;
+}
+
+/* As the application writes it. */
+std::string number_text(size_t number) {
+  const std::string region = region_of_numbers();
+  std::string_view zero = "0";
+  for (const auto &one : regional_digits) {
+    if (!region.starts_with(one.region) || isalnum(static_cast<unsigned char>(region.c_str()[one.region.size()])))
+      continue;
+    zero = one.zero;
+    break;
+  }
+  std::string text;
+  for (const char digit : std::to_string(number)) {
+    text += zero;
+    text.back() = static_cast<char>(text.back() + (digit - '0'));
+  }
+  return text;
 }
 
 /* Whether the three bytes are a character that turns the direction of what follows it. */
@@ -148,7 +185,7 @@ notify_message notify_text_counted(size_t count, const std::vector<noticed_mail>
   message.summary =
       dcngettext(domain, "IDS_EMAIL_BODY_PD_NEW_EMAILS", "IDS_EMAIL_BODY_PD_NEW_EMAILS", count, LC_MESSAGES);
   if (const size_t at = message.summary.find("%d"); at != std::string::npos)
-    message.summary.replace(at, 2, std::to_string(count));
+    message.summary.replace(at, 2, number_text(count));
   for (const noticed_mail &mail : mails) {
     if (mail.locked || extent_of(mail.account_id) == notify_extent::nothing) continue;
     const std::string sender = sender_of(mail);
