@@ -1,6 +1,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -79,6 +80,17 @@ int send_request(host *h, int64_t id, const std::string &json, const std::string
   return r;
 }
 
+/* Seconds. Who asked for a mail on the phone has looked at the phone by then, and does something else with it. */
+constexpr int64_t show_age = 120;
+
+bool is_stale_show(const std::string &text) {
+  const nlohmann::json request = nlohmann::json::parse(text, nullptr, false);
+  if (!request.is_object()) return false;
+  const auto kind = request.find("request"), asked = request.find("asked");
+  return kind != request.end() && *kind == "show" && asked != request.end() && asked->is_number_integer() &&
+         time(nullptr) - asked->get<int64_t>() > show_age;
+}
+
 void tell_connection(host *h, const std::string &connection, const char *what) {
   sd_bus_message *m = nullptr;
   int r = sd_bus_message_new_signal(h->bus, &m, host_path, phone_interface, what);
@@ -141,9 +153,14 @@ void link_send_waiting(host *h) {
     fprintf(stderr, "brisel-hostd: %s\n", store_error(h->st).c_str());
     return;
   }
-  for (const outbox_entry &entry : waiting)
+  for (const outbox_entry &entry : waiting) {
+    if (is_stale_show(entry.json)) {
+      if (store_outbox_remove(h->st, entry.id) < 0) fprintf(stderr, "brisel-hostd: %s\n", store_error(h->st).c_str());
+      continue;
+    }
     /* In order, or not at all; but what can never be sent must not hold back what can. */
     if (const int r = send_request(h, entry.id, entry.json, entry.uid, -1); r < 0 && r != -EINVAL) return;
+  }
 }
 
 void link_disconnect(host *h) {

@@ -1,5 +1,6 @@
 /* com.vextora.brisel.Watch1: what the application asks for. hostd.cpp puts it on the bus; nothing else calls it. */
 #include <cinttypes>
+#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "host.h"
@@ -138,7 +139,7 @@ int take_show(sd_bus_message *m, void *data, bool has_positions, sd_bus_error *e
   if (kind.empty()) return sd_bus_error_set(error, HOST_ERROR "Invalid", "kind is empty");
   if (has_positions && positions.size() != ids.size())
     return sd_bus_error_set(error, HOST_ERROR "Invalid", "as many positions as ids are wanted");
-  json_record json = {{"request", "show"}, {"kind", kind}, {"id_list", ids}};
+  json_record json = {{"request", "show"}, {"kind", kind}, {"id_list", ids}, {"asked", time(nullptr)}};
   if (has_positions) json["position_list"] = positions;
   int64_t entry = 0;
   const store_status status = store_request_relay(h->st, {uid, to_text(json), host_client_of(h, m)}, &entry);

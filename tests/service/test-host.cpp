@@ -36,6 +36,7 @@ TEST_F(Host, RequestsReachThePhoneWholeAndInOrder) {
       json::object({{"request", "no_account"}}),
       {{"request", "show"}, {"kind", "email"}, {"id_list", {a, b}}},
   };
+  EXPECT_EQ(1u, phone.requests[5].json.erase("asked"));
   for (size_t i = 0; i < 6; i++) EXPECT_EQ(expected[i], phone.requests[i].json);
 
   ASSERT_TRUE(run_until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_DELETE).empty(); }));
@@ -55,7 +56,8 @@ TEST_F(Host, WhatNoBusTakesHoldsNothingBack) {
   change_store(
       "UPDATE mail SET subject = CAST(x'41EFBFBF' AS TEXT), from_name = CAST(x'FF' AS TEXT)"
       " WHERE subject = 'bad'");
-  change_store("INSERT INTO outbox (json) VALUES (CAST(x'7B22EFBFBF223A317D' AS TEXT))"); /* {"U+FFFF":1} */
+  change_store("INSERT INTO outbox (json) VALUES (CAST(x'7B22EFBFBF223A317D' AS TEXT))");  /* {"U+FFFF":1} */
+  change_store("INSERT INTO outbox (json) VALUES ('{\"request\":\"show\",\"asked\":1}')"); /* nobody looks there now */
   EXPECT_EQ((std::vector<int>{bad, good}), other.mails());
   EXPECT_EQ(0, send_reply(good, "\xEF\xBF\xBF"));
   EXPECT_EQ(0, send_delete(good));
