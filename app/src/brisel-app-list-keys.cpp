@@ -174,22 +174,22 @@ static void _focus_row(Evas_Object *list) {
   _focus_in_cb(nullptr, nullptr, list, nullptr);
 }
 
-/* Popups have the focus for themselves. */
-static bool _has_popup(Evas_Object *naviframe) {
+/* Popups have the focus for themselves. NULL: none has it. */
+static const Evas_Object *_popup_with_focus(Evas_Object *naviframe) {
   Evas_Object *focused = elm_object_focused_object_get(naviframe);
   for (; focused; focused = elm_object_parent_widget_get(focused))
-    if (!strcmp(elm_object_widget_type_get(focused), "Elm_Popup")) return true;
-  return false;
+    if (!strcmp(elm_object_widget_type_get(focused), "Elm_Popup")) return focused;
+  return nullptr;
 }
 
 void brisel_view_focus_list(Evas_Object *naviframe) {
   Elm_Object_Item *top = elm_naviframe_top_item_get(naviframe);
-  const Evas_Object *content = top ? elm_object_item_part_content_get(top, nullptr) : nullptr;
-  if (_has_popup(naviframe)) return;
+  const Evas_Object *holder = _popup_with_focus(naviframe);
+  if (!holder && top) holder = elm_object_item_part_content_get(top, nullptr);
   Eina_List *cell;
   void *list;
   EINA_LIST_FOREACH(lists, cell, list)
-  if (content && _is_within((Evas_Object *)list, content)) _focus_row((Evas_Object *)list);
+  if (holder && _is_within((Evas_Object *)list, holder)) _focus_row((Evas_Object *)list);
 }
 
 void brisel_view_list_keys(Evas_Object *list) {

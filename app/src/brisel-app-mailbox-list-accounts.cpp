@@ -247,5 +247,6 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   elm_genlist_item_class_free(itc_combined);
   elm_genlist_item_class_free(itc_account);
   evas_object_show(popup);
+  elm_object_focus_set(gl, EINA_TRUE);
   return popup;
 }

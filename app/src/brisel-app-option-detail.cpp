@@ -168,6 +168,7 @@ static void __brisel_option_detail_create_reply_setting_popup(option_detail_view
   elm_radio_value_set(radio_group, brisel_util_get_reply_method());
   brisel_widget_ref_set(&vd->radio_group, radio_group);
   elm_object_content_set(popup, genlist);
+  elm_object_focus_set(genlist, EINA_TRUE);
 }
 
 static void __brisel_option_detail_reply_setting_icon_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
