@@ -58,10 +58,11 @@ LONGEST = 700
 sources = [p for room in ROOMS for p in sorted((ROOT / room).rglob("*")) if p.suffix in (".cpp", ".h")]
 headers = {p.name: p for p in sources if p.suffix == ".h"}
 needs = {}
+for source in sources + sorted((ROOT / "data" / "theme").glob("*.edc")):
+    if (lines := source.read_text(errors="replace").count("\n")) > LONGEST:
+        bad.append(f"{source.relative_to(ROOT)}: {lines} lines; at most {LONGEST}: more than one job?")
 for source in sources:
     text = source.read_text(errors="replace")
-    if text.count("\n") > LONGEST:
-        bad.append(f"{source.relative_to(ROOT)}: {text.count(chr(10))} lines; at most {LONGEST}: more than one job?")
     for name in re.findall(r'^\s*#\s*include\s*"([^"]+)"', text, re.M):
         header = headers.get(pathlib.Path(name).name)
         if header and header.stem != source.stem:

@@ -81,11 +81,11 @@ std::string extra(service_h service, const char *key) {
   return text;
 }
 
-bool create(void *data) {
+bool create_cb(void *data) {
   return standin_create(&window, "brisel-call", close_cb);
 }
 
-int launched(service_h service, void *data) {
+int launched_cb(service_h service, void *data) {
   std::string number = extra(service, "number");
   if (number.size() > number_longest) number.resize(number_longest);
   const bool handed = !number.empty() && hand_over(number);
@@ -109,8 +109,8 @@ int main(int argc, char **argv) {
                       "Calls a number: with the desktop's telephone handler, or by showing it.", &code))
     return code;
   app_event_callback_s callbacks = {};
-  callbacks.create = create;
-  callbacks.service = launched;
+  callbacks.create = create_cb;
+  callbacks.service = launched_cb;
   app_efl_id_set("com.vextora.call");
   return app_efl_main(&argc, &argv, &callbacks, nullptr);
 }

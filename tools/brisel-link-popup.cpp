@@ -48,14 +48,14 @@ void cancel_cb(void) {
   answer_all(false);
 }
 
-bool create(void *data) {
+bool create_cb(void *data) {
   if (!standin_create(&window, "brisel-link-popup", cancel_cb)) return false;
   standin_set(&window, "No phone", "Connect your phone. This closes by itself once the phone is linked.", "Cancel");
   vconf_notify_key_changed(BRISEL_KEY_BT_CONNECTED, link_changed_cb, nullptr);
   return true;
 }
 
-void terminate(void *data) {
+void terminate_cb(void *data) {
   vconf_ignore_key_changed(BRISEL_KEY_BT_CONNECTED, link_changed_cb);
   for (service_h request : waiting) {
     answer(request, linked());
@@ -64,7 +64,7 @@ void terminate(void *data) {
   waiting.clear();
 }
 
-int launched(service_h service, void *data) {
+int launched_cb(service_h service, void *data) {
   if (linked()) {
     answer(service, true);
     if (waiting.empty()) app_efl_exit();
@@ -86,9 +86,9 @@ int main(int argc, char **argv) {
                       &code))
     return code;
   app_event_callback_s callbacks = {};
-  callbacks.create = create;
-  callbacks.terminate = terminate;
-  callbacks.service = launched;
+  callbacks.create = create_cb;
+  callbacks.terminate = terminate_cb;
+  callbacks.service = launched_cb;
   app_efl_id_set("com.vextora.bt-connection-popup");
   return app_efl_main(&argc, &argv, &callbacks, nullptr);
 }

@@ -154,19 +154,19 @@ Evas_Object *show_part(effect *fx, const picture &from, area part) {
 
 void end_effect(effect *fx);
 
-void on_disturbed(void *data, Evas_Object *, void *) {
+void disturbed_cb(void *data, Evas_Object *, void *) {
   end_effect(static_cast<effect *>(data));
 }
 
-void on_geometry(void *data, Evas *, Evas_Object *, void *) {
+void geometry_cb(void *data, Evas *, Evas_Object *, void *) {
   end_effect(static_cast<effect *>(data));
 }
 
 void end_effect(effect *fx) {
   if (fx->clip == nullptr) return;
-  evas_object_smart_callback_del_full(fx->genlist, "scroll", on_disturbed, fx);
+  evas_object_smart_callback_del_full(fx->genlist, "scroll", disturbed_cb, fx);
   for (const Evas_Callback_Type type : {EVAS_CALLBACK_MOVE, EVAS_CALLBACK_RESIZE, EVAS_CALLBACK_HIDE})
-    evas_object_event_callback_del_full(fx->genlist, type, on_geometry, fx);
+    evas_object_event_callback_del_full(fx->genlist, type, geometry_cb, fx);
   for (Ecore_Animator **one : {&fx->first_frame, &fx->run}) {
     if (*one != nullptr) ecore_animator_del(*one);
     *one = nullptr;
@@ -196,7 +196,7 @@ void place(effect *fx, double position) {
   evas_object_color_set(fx->ghost, alpha, alpha, alpha, alpha);
 }
 
-Eina_Bool on_run(void *data, double position) {
+Eina_Bool run_cb(void *data, double position) {
   auto *fx = static_cast<effect *>(data);
   if (position < 1.0) {
     place(fx, position);
@@ -224,7 +224,7 @@ int find_seam(const effect *fx) {
   return seam;
 }
 
-Eina_Bool on_first_frame(void *data) {
+Eina_Bool first_frame_cb(void *data) {
   auto *fx = static_cast<effect *>(data);
   fx->first_frame = nullptr; /* it ends with this callback */
   evas_smart_objects_calculate(evas_object_evas_get(fx->genlist));
@@ -248,8 +248,8 @@ Eina_Bool on_first_frame(void *data) {
   if (fx->cover != nullptr) evas_object_del(fx->cover);
   fx->cover = nullptr;
   place(fx, 0.0);
-  evas_object_smart_callback_add(fx->genlist, "scroll", on_disturbed, fx);
-  fx->run = ecore_animator_timeline_add(DURATION, on_run, fx);
+  evas_object_smart_callback_add(fx->genlist, "scroll", disturbed_cb, fx);
+  fx->run = ecore_animator_timeline_add(DURATION, run_cb, fx);
   return ECORE_CALLBACK_CANCEL;
 }
 
@@ -265,8 +265,8 @@ void start_effect(effect *fx, const area &gone) {
   /* The list takes its new layout before the next frame; until its picture can be taken, the old state stays. */
   fx->cover = show_part(fx, fx->before, fx->view);
   for (const Evas_Callback_Type type : {EVAS_CALLBACK_MOVE, EVAS_CALLBACK_RESIZE, EVAS_CALLBACK_HIDE})
-    evas_object_event_callback_add(fx->genlist, type, on_geometry, fx);
-  fx->first_frame = ecore_animator_add(on_first_frame, fx);
+    evas_object_event_callback_add(fx->genlist, type, geometry_cb, fx);
+  fx->first_frame = ecore_animator_add(first_frame_cb, fx);
 }
 
 /* The place of the rows that were deleted: false unless they are some that followed each other. */
@@ -306,7 +306,7 @@ void switch_off(effect *fx) {
   }
 }
 
-void on_genlist_deleted(void *data, Evas *, Evas_Object *, void *) {
+void genlist_deleted_cb(void *data, Evas *, Evas_Object *, void *) {
   auto *fx = static_cast<effect *>(data);
   end_effect(fx);
   delete fx;
@@ -322,7 +322,7 @@ void elm_genlist_fx_mode_set(Evas_Object *genlist, Eina_Bool on) {
     fx = new effect;
     fx->genlist = genlist;
     evas_object_data_set(genlist, DATA_KEY, fx);
-    evas_object_event_callback_add(genlist, EVAS_CALLBACK_DEL, on_genlist_deleted, fx);
+    evas_object_event_callback_add(genlist, EVAS_CALLBACK_DEL, genlist_deleted_cb, fx);
   }
   if (fx->on == (on != EINA_FALSE)) return;
   fx->on = on != EINA_FALSE;

@@ -103,7 +103,7 @@ int quit_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   return sd_bus_reply_method_return(m, nullptr);
 }
 
-void answer_settled(void *data) {
+void answer_settled_cb(void *data) {
   auto *m = static_cast<sd_bus_message *>(data);
   sd_bus_reply_method_return(m, nullptr);
   sd_bus_message_unref(m);
@@ -119,7 +119,7 @@ int key_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
     ea_dispatch(EA_CALLBACK_MORE);
   else
     return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, "There is no such key");
-  app_inspect_settled(answer_settled, sd_bus_message_ref(m));
+  app_inspect_settled(answer_settled_cb, sd_bus_message_ref(m));
   return 1;
 }
 
@@ -129,7 +129,7 @@ int keypad_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   if (r < 0) return r;
   if (!app_window()) return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "There is no window");
   show ? keypad_show() : keypad_hide();
-  app_inspect_settled(answer_settled, sd_bus_message_ref(m));
+  app_inspect_settled(answer_settled_cb, sd_bus_message_ref(m));
   return 1;
 }
 
@@ -217,7 +217,7 @@ int sent_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   return 1;
 }
 
-void sent_free(void *data) {
+void sent_free_cb(void *data) {
   delete static_cast<sent_request *>(data);
 }
 
@@ -338,7 +338,7 @@ int service_send_launch_request(service_h service, service_reply_cb reply_cb, vo
     __dlog_print(DLOG_ERROR, app_log_tag, "the launch request cannot be sent: %s", strerror(-r));
     return SERVICE_ERROR_LINK;
   }
-  sd_bus_slot_set_destroy_callback(slot, sent_free);
+  sd_bus_slot_set_destroy_callback(slot, sent_free_cb);
   sd_bus_slot_set_floating(slot, 1);
   sd_bus_slot_unref(slot);
   return SERVICE_ERROR_NONE;
