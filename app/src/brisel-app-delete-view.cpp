@@ -456,8 +456,6 @@ int brisel_crete_delete_view(appdata *ad) {
   if (!brisel_view_new_record(ad, BRISEL_VIEW_TYPE_DELETE_VIEW, &vd)) return ad ? -3 : -1;
   vd->select_all = 0;
   vd->account_id = ad->account_id;
-  /* No mail is open under it: the deletion of the one that was read before closes nothing. */
-  ad->mail_id = 0;
 
   Evas_Object *layout = brisel_util_load_edj(ad->naviframe, BRISEL_EDJ, "brisel/delete_view");
   if (!layout) {

@@ -7,11 +7,22 @@
 #include "brisel-app-utils.h"
 #include "efl_assist.h"
 
-Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
+static Evas_Object *_popup_add(Evas_Object *parent) {
   Evas_Object *popup = elm_popup_add(parent);
   if (!popup) return nullptr;
   evas_object_size_hint_weight_set(popup, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   brisel_touch_guard(popup);
+  return popup;
+}
+
+/* The more key is not for what lies beneath. */
+static void _more_key_cb(void *data, Evas_Object *obj, void *event_info) {
+  BRISEL_INFO("Enter");
+}
+
+Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
+  Evas_Object *popup = _popup_add(parent);
+  if (popup) ea_object_event_callback_add(popup, EA_CALLBACK_MORE, _more_key_cb, nullptr);
   return popup;
 }
 
@@ -233,7 +244,7 @@ void brisel_create_toast_popup(appdata *ad, const char *text) {
     BRISEL_ERROR("ad is NULL!");
     return;
   }
-  Evas_Object *popup = brisel_util_popup_add(_popup_parent(ad));
+  Evas_Object *popup = _popup_add(_popup_parent(ad));
   elm_object_style_set(popup, "toast");
   /* It goes by itself: keys stay with what they were at. */
   elm_object_focus_allow_set(popup, EINA_FALSE);

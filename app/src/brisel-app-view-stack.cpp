@@ -69,13 +69,18 @@ void _clear_all_naviframe_view_data(appdata *ad) {
 }
 
 void brisel_util_pop_view(Evas_Object *naviframe) {
-  Elm_Object_Item *top = elm_naviframe_top_item_get(naviframe);
+  Elm_Object_Item *top = elm_naviframe_top_item_get(naviframe), *bottom = elm_naviframe_bottom_item_get(naviframe);
+  const brisel_view_head *head = top && top != bottom ? (brisel_view_head *)elm_object_item_data_get(top) : nullptr;
+  appdata *ad = head ? head->ad : nullptr;
   elm_naviframe_item_pop(naviframe);
-  if (top == elm_naviframe_bottom_item_get(naviframe)) return;
-  if (top == elm_naviframe_top_item_get(naviframe))
+  if (top == bottom) return;
+  if (top == elm_naviframe_top_item_get(naviframe)) {
     view_to_pop = top;
-  else
-    is_popping = true;
+    return;
+  }
+  is_popping = true;
+  /* No mail is open any more: what becomes of the one that was closes nothing that is opened from here. */
+  if (ad && elm_naviframe_top_item_get(naviframe) == bottom) ad->mail_id = 0;
 }
 
 static void _transition_finished_cb(void *data, Evas_Object *obj, void *event_info) {

@@ -73,6 +73,14 @@ TEST_F(screens, TheMoreKeyPressesTheButtonOfTheTopView) {
   EXPECT_EQ(pressed, 1);
   EXPECT_EQ(told, 1);
   EXPECT_FALSE(evas_object_visible_get(button)) << "nobody sees it";
+  Evas_Object *popup = brisel_util_popup_add(test_ad.naviframe);
+  evas_object_show(popup);
+  key("Menu");
+  EXPECT_EQ(pressed, 1) << "what lies beneath a popup";
+  evas_object_del(popup);
+  EXPECT_EQ(test_ad.mail_id, id);
+  key("XF86Back");
+  EXPECT_TRUE(run_until([] { return test_ad.mail_id == 0; })) << "in the mailbox no mail is open";
 }
 
 TEST_F(screens, LaunchesThatWaitAreOne) {
