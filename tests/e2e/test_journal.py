@@ -74,6 +74,24 @@ def test_a_refused_reply_is_told_changed_and_sent(s):
     relay.start()
     shows_state(s, "IDS_EMAIL_BODY_WITH_THE_PHONE")
     equal(len(mta.sent()), 1, "nothing of what was dropped went out")
+    relay.kill()
+    s.wait(lambda: not s.linked(), "the link to go once more")
+    reply_on_watch(s, letter, "At last")
+    shows_state(s, "IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE")
+    s.rest()
+    s.tap(s.text("IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE"))
+    s.wait_text(s.text("IDS_EMAIL_SK_DROP"))
+    s.tap(s.text("IDS_EMAIL_SK_CHANGE"))
+    s.wait(lambda: len(s.dump()["views"]) == 3, "the typed view once more")
+    s.rest()
+    s.watch("keypad", "hide")
+    s.watch("tap", width // 2, height - 40)
+    s.wait(lambda: len(s.dump()["views"]) == 2, "what waits anyway to be sent without a link")
+    s.rest()
+    s.tap(s.text("IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE"))
+    s.wait_text(s.text("IDS_EMAIL_SK_DROP"))
+    relay.start()
+    s.wait_gone(s.text("IDS_EMAIL_SK_DROP"))  # it went out meanwhile
 
 
 def test_a_refused_reply_is_told_on_the_desktop(s):
