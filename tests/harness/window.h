@@ -13,13 +13,6 @@
 #include "loop.h"
 #include "platform-paths.h"
 
-/* The toolkit's canvas keeps a few bytes of every object with members. Only where nothing of ours runs below it may the
-   leak checker pass over the whole library. */
-extern "C" const char *__lsan_default_suppressions(void);
-extern "C" const char *__lsan_default_suppressions(void) {
-  return "leak:libevas.so\n";
-}
-
 struct test_window {
   Evas_Object *win = nullptr, *conformant = nullptr, *box = nullptr;
 
