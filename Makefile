@@ -57,7 +57,7 @@ crash: build
 FAULT_STRIDE ?= 1
 faults: build
 	@BRISEL_EVERY_FAULT=1 BRISEL_FAULT_STRIDE=$(FAULT_STRIDE) meson test -C $(BUILD) --no-rebuild --verbose \
-	  --timeout-multiplier 60 faults service-store platform-settings platform-contacts faults-phone
+	  --timeout-multiplier 60 faults service-store platform-settings platform-contacts faults-phone mime-fuzz imap-fuzz
 
 # Every screen and state as a picture, in a language, theme and size.
 screens: build

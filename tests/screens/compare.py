@@ -24,6 +24,8 @@ def blocks(path):
 
 def difference(path, other):
     """The share of blocks that look different, 1.0 for pictures of different sizes."""
+    if pathlib.Path(path).read_bytes() == pathlib.Path(other).read_bytes():
+        return 0.0
     width, height, first = blocks(path)
     other_width, other_height, second = blocks(other)
     if (width, height) != (other_width, other_height):
