@@ -13,6 +13,7 @@ namespace {
 constexpr char bus_name[] = "org.freedesktop.DBus", bus_path[] = "/org/freedesktop/DBus";
 
 void (*found)(gate *g);
+bool started = false; /* the service was asked for already */
 
 int call_bus(gate *g, const char *method, sd_bus_message_handler_t answered, const char *types, const char *name) {
   sd_bus_message *m = nullptr;
@@ -39,6 +40,7 @@ int failed(gate *g, sd_bus_message *answer, const char *what) {
 int process_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   auto *g = static_cast<gate *>(data);
   uint32_t pid = 0;
+  if (!*g->service) return 0; /* there is nobody yet */
   if (sd_bus_message_is_method_error(m, nullptr)) return failed(g, m, "the host service left");
   if (sd_bus_message_read(m, "u", &pid) < 0) return step(g, -1, "the bus gives no answer that can be read");
   const std::string program = platform_program_of(static_cast<pid_t>(pid));
@@ -51,20 +53,33 @@ int process_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   return 0;
 }
 
-int owner_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  auto *g = static_cast<gate *>(data);
-  const char *name = nullptr;
-  if (sd_bus_message_is_method_error(m, nullptr)) return failed(g, m, "the host service left");
-  if (sd_bus_message_read(m, "s", &name) < 0 || strlen(name) >= sizeof g->service)
-    return step(g, -1, "the bus gives no answer that can be read");
-  strcpy(g->service, name);
-  return step(g, call_bus(g, "GetConnectionUnixProcessID", process_cb, "s", g->service), "the bus cannot be asked");
-}
+int ask(gate *g);
 
 int started_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   auto *g = static_cast<gate *>(data);
   if (sd_bus_message_is_method_error(m, nullptr)) return failed(g, m, "the host service cannot be started");
-  return step(g, call_bus(g, "GetNameOwner", owner_cb, "s", host_name), "the bus cannot be asked");
+  return step(g, ask(g), "the bus cannot be asked");
+}
+
+int owner_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  auto *g = static_cast<gate *>(data);
+  const char *name = nullptr;
+  if (sd_bus_message_is_method_error(m, nullptr)) {
+    if (started) return failed(g, m, "the host service left");
+    started = true;
+    return step(g, call_bus(g, "StartServiceByName", started_cb, "su", host_name), "the bus cannot be asked");
+  }
+  if (sd_bus_message_read(m, "s", &name) < 0 || strlen(name) >= sizeof g->service)
+    return step(g, -1, "the bus gives no answer that can be read");
+  strcpy(g->service, name);
+  return 0;
+}
+
+/* Who has the name, and which process that is, in one go. Should it be another's by the second answer, the bus says so
+   between the two. */
+int ask(gate *g) {
+  const int r = call_bus(g, "GetNameOwner", owner_cb, "s", host_name);
+  return r < 0 ? r : call_bus(g, "GetConnectionUnixProcessID", process_cb, "s", host_name);
 }
 
 int left_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -119,7 +134,7 @@ int host_start(gate *g, void (*when_found)(gate *g)) {
   if (r >= 0)
     r = sd_bus_match_signal_async(g->host, nullptr, bus_name, bus_path, bus_name, "NameOwnerChanged", left_cb, nullptr,
                                   g);
-  if (r >= 0) r = call_bus(g, "StartServiceByName", started_cb, "su", host_name);
+  if (r >= 0) r = ask(g);
   return r;
 }
 

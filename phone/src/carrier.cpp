@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <glib.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -231,16 +232,38 @@ std::set<unsigned long> sockets_of(pid_t pid) {
   return out;
 }
 
-bool any_is_connecting(const std::set<unsigned long> &sockets, const std::string &table) {
+/* An address as the kernel's tables have it: words of the machine's own order, then the port. */
+void read_address(const char *text, unsigned port, sockaddr_storage *to) {
+  *to = {};
+  uint32_t words[4] = {};
+  const size_t count = strlen(text) / 8;
+  for (size_t i = 0; i < count && i < 4; i++)
+    words[i] = static_cast<uint32_t>(strtoul(std::string(text + 8 * i, 8).c_str(), nullptr, 16));
+  if (count == 1) {
+    auto *four = reinterpret_cast<sockaddr_in *>(to);
+    four->sin_family = AF_INET;
+    four->sin_port = htons(static_cast<uint16_t>(port));
+    four->sin_addr.s_addr = words[0];
+  } else {
+    auto *six = reinterpret_cast<sockaddr_in6 *>(to);
+    six->sin6_family = AF_INET6;
+    six->sin6_port = htons(static_cast<uint16_t>(port));
+    memcpy(&six->sin6_addr, words, sizeof words);
+  }
+}
+
+bool any_is_connecting(const std::set<unsigned long> &sockets, const std::string &table, sockaddr_storage *to) {
   constexpr unsigned connecting = 2;
   bool found = false;
   char line[512];
   FILE *f = fopen(table.c_str(), "re");
   while (f && !found && fgets(line, sizeof line, f)) {
-    unsigned state = 0;
+    unsigned state = 0, port = 0;
     unsigned long number = 0;
-    found = sscanf(line, " %*u: %*s %*s %x %*s %*s %*s %*s %*s %lu", &state, &number) == 2 && state == connecting &&
-            sockets.contains(number);
+    char address[33] = "";
+    found = sscanf(line, " %*u: %*s %32[0-9A-F]:%x %x %*s %*s %*s %*s %*s %lu", address, &port, &state, &number) == 4 &&
+            state == connecting && sockets.contains(number);
+    if (found) read_address(address, port, to);
   }
   if (f) fclose(f);
   return found;
@@ -327,11 +350,11 @@ std::string carrier_reason(const carrier &way) {
   return way.kind == carrier_kind::ssh ? ssh_reason(way.said) : last_line(way.said);
 }
 
-bool carrier_knocks(const carrier &way) {
+bool carrier_knocks(const carrier &way, sockaddr_storage *to) {
   if (way.pid <= 0) return false;
   const std::set<unsigned long> sockets = sockets_of(way.pid);
   const std::string folder = "/proc/" + std::to_string(way.pid) + "/net/";
-  return any_is_connecting(sockets, folder + "tcp") || any_is_connecting(sockets, folder + "tcp6");
+  return any_is_connecting(sockets, folder + "tcp", to) || any_is_connecting(sockets, folder + "tcp6", to);
 }
 
 bool carrier_was_answered(const carrier &way) {

@@ -12,6 +12,7 @@
 #ifndef BRISEL_PHONE_CARRIER_H
 #define BRISEL_PHONE_CARRIER_H
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <string>
@@ -55,8 +56,9 @@ int carrier_open(const carrier_address &address, const carrier_keys &keys, carri
 void carrier_hang_up(carrier *way);
 /* Why a stream ended, in words for people; empty when its program did not say. */
 std::string carrier_reason(const carrier &way);
-/* Whether its program waits for the first answer of a machine, as far as can be seen of it from here. */
-bool carrier_knocks(const carrier &way);
+/* Whether its program waits for the first answer of a machine, as far as can be seen of it from here; then *to is that
+   machine's address and port. */
+bool carrier_knocks(const carrier &way, sockaddr_storage *to);
 /* Whether the other end was reached, as far as the program said: then its reason is the watch's. */
 bool carrier_was_answered(const carrier &way);
 /* Whether the stream's text is made small on its way; else its user does it. */

@@ -55,6 +55,12 @@ struct borrower {
   borrower &operator=(const borrower &) = delete;
 };
 
+/* A connection that is asked for only to hear whether the machine answers. */
+struct knock {
+  int fd = -1;
+  sd_event_source *source = nullptr;
+};
+
 struct phone_link {
   watch_target target;
   phone_identity me;
@@ -75,7 +81,12 @@ struct phone_link {
   int64_t last_seen = 0; /* the watch, in seconds since the epoch */
   /* A stream's own. */
   link_stage stage = link_stage::down;
-  sd_bus_slot *call = nullptr; /* of the first words, or a ping */
+  sd_bus_slot *call = nullptr;    /* of the first words: Introduce, then Connect */
+  sd_bus_slot *connect = nullptr; /* Connect, where it went at once */
+  bool fits = false;              /* it is known that the two versions work together */
+  sd_event_source *knocking = nullptr;
+  knock knocks[4]; /* the last ones: the way there and back may take a second */
+  unsigned knocks_made = 0;
   sd_event_source *ping = nullptr, *drop = nullptr, *network = nullptr;
   uint64_t lost_at = 0;    /* since when there was none, of CLOCK_BOOTTIME */
   uint64_t opened_at = 0;  /* when the last try began */
@@ -120,8 +131,15 @@ void stream_network_changed(phone_link *link, bool gone);
 void stream_neighbour_came(phone_link *link);
 /* Says a word when there was none for a while: for work that keeps the loop from it. */
 void stream_keep_alive(phone_link *link);
+/* The watch's machine answers, and the try that is under way does not know. */
+void stream_way_is_open(phone_link *link);
 /* Frees what a stream holds. */
 void stream_end(phone_link *link);
+
+/* --- link-knock.cpp: asks the watch's machine while a try waits for it --- */
+
+void knock_start(phone_link *link);
+void knock_end(phone_link *link);
 
 /* --- link-share.cpp: lends the link to other commands of this phone --- */
 

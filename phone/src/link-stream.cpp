@@ -82,7 +82,8 @@ void retry_soon(phone_link *link) {
 void end_stream(phone_link *link) {
   link->stage = link_stage::down;
   link->asked_at = 0;
-  link->call = sd_bus_slot_unref(link->call);
+  for (sd_bus_slot **slot : {&link->call, &link->connect}) *slot = sd_bus_slot_unref(*slot);
+  knock_end(link);
   if (link->ping) sd_event_source_set_enabled(link->ping, SD_EVENT_OFF);
   if (link->bus) host_hang_up(link->bus.get());
   sd_event_source_set_enabled(link->drop, SD_EVENT_ONESHOT);
@@ -128,7 +129,8 @@ void ask_for_life(phone_link *link, uint64_t patience) {
 /* A try has taken long. */
 void doubt_try(phone_link *link) {
   uint64_t until = link->opened_at + kTryPatience + 2 * link->took;
-  bool knocks = carrier_knocks(link->bus->way), tried = boot_now() >= until;
+  sockaddr_storage to;
+  bool knocks = carrier_knocks(link->bus->way, &to), tried = boot_now() >= until;
   if (!knocks && link->took == 0) return; /* nobody knows how long it takes here */
   if (!knocks && !tried) {
     set_alarm(link, until, 1);
@@ -178,6 +180,7 @@ hope hope_after_end(const phone_link &link) {
 /* The watch was reached: open, or refused. */
 void reached(phone_link *link, link_stage stage) {
   link->stage = stage;
+  knock_end(link);
   link->delay = 0;
   link->asked_at = 0;
   link->unanswered = 0;
@@ -193,7 +196,7 @@ int connected_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
   auto *link = static_cast<phone_link *>(user_data);
   std::string error;
   int result = host_connected(link->bus.get(), m, &error);
-  link->call = sd_bus_slot_unref(link->call);
+  for (sd_bus_slot **slot : {&link->call, &link->connect}) *slot = sd_bus_slot_unref(*slot);
   if (result == HOST_BUSY) error = "the watch is busy: " + error;
   if (result == HOST_OK) {
     reached(link, link_stage::open);
@@ -221,7 +224,9 @@ int introduced_cb(sd_bus_message *m, void *user_data, sd_bus_error *ignored) {
   std::string error;
   int result = host_introduced(link->bus.get(), m, &error);
   link->call = sd_bus_slot_unref(link->call);
-  if (result == HOST_OK && host_connect_begin(link->bus.get(), kOpenPatience, connected_cb, link, &link->call) < 0) {
+  link->fits = result == HOST_OK;
+  if (result == HOST_OK && !link->connect &&
+      host_connect_begin(link->bus.get(), kOpenPatience, connected_cb, link, &link->call) < 0) {
     result = HOST_AWAY;
     error = host_stream_trouble(*link->bus);
   }
@@ -248,6 +253,8 @@ int follow(phone_link *link) {
   if (r >= 0)
     r = sd_bus_match_signal(link->bus->bus, nullptr, nullptr, host_path, phone_interface, "Free", free_cb, link);
   if (r >= 0) r = host_introduce_begin(link->bus.get(), link->me, kOpenPatience, introduced_cb, link, &link->call);
+  /* It travels with the first word, where nothing else is expected: a way there and back is saved. */
+  if (r >= 0 && link->fits) r = host_connect_begin(link->bus.get(), kOpenPatience, connected_cb, link, &link->connect);
   return r;
 }
 
@@ -277,6 +284,7 @@ void open_now(phone_link *link) {
     link->bus->patience = link->target.pace.call_answer * kSecond;
     link->stage = link_stage::opening;
     give_up_in_time(link);
+    if (link->opened_at - link->lost_at < kRecent) knock_start(link);
     r = follow(link);
     if (r < 0) error = std::string("the link cannot be used: ") + strerror(-r);
   }
@@ -332,6 +340,11 @@ void stream_neighbour_came(phone_link *link) {
   if (link->stage == link_stage::down && boot_now() - link->opened_at > kSecond) retry_soon(link);
 }
 
+void stream_way_is_open(phone_link *link) {
+  end_stream(link);
+  open_now(link);
+}
+
 void stream_keep_alive(phone_link *link) {
   uint64_t now = boot_now();
   if (link->stage != link_stage::open || !pings(*link)) return;
@@ -343,7 +356,8 @@ void stream_keep_alive(phone_link *link) {
 }
 
 void stream_end(phone_link *link) {
-  link->call = sd_bus_slot_unref(link->call);
+  for (sd_bus_slot **slot : {&link->call, &link->connect}) *slot = sd_bus_slot_unref(*slot);
+  knock_end(link);
   for (sd_event_source **source : {&link->ping, &link->drop, &link->network})
     *source = sd_event_source_disable_unref(*source);
   if (link->network_fd >= 0) close(link->network_fd);
