@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 #include "brisel-app.h"
@@ -289,6 +290,7 @@ static Evas_Object *_create_select_all_btn(Evas_Object *parent, delete_view_data
 static Evas_Object *_create_text_btn(Evas_Object *layout, const char *part, const char *id, Evas_Smart_Cb clicked_cb,
                                      delete_view_data *vd) {
   Evas_Object *btn = elm_button_add(layout);
+  brisel_stage_set_style(btn, "default");
   elm_object_domain_translatable_text_set(btn, BRISEL_DOMAIN, id);
   evas_object_size_hint_weight_set(btn, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   elm_object_part_content_set(layout, part, btn);
@@ -457,7 +459,8 @@ int brisel_crete_delete_view(appdata *ad) {
   vd->select_all = 0;
   vd->account_id = ad->account_id;
 
-  Evas_Object *layout = brisel_util_load_edj(ad->naviframe, BRISEL_EDJ, "brisel/delete_view");
+  Evas_Object *layout = brisel_util_load_edj(ad->naviframe, BRISEL_EDJ,
+                                             brisel_stage_style() ? "brisel/delete_view/round" : "brisel/delete_view");
   if (!layout) {
     free(vd);
     BRISEL_ERROR("elm_layout_add failed");

@@ -7,6 +7,7 @@
 
 #include "brisel-app-option-common.h"
 #include "brisel-app-option-reply.h"
+#include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
 #include "brisel-bus.h"
 
@@ -213,7 +214,7 @@ static void _add_label(Evas_Object *box, const std::string &text) {
 /* Three buttons stand side by side on no watch: the one for which there is a screen stands with the text. */
 static void _add_change_button(Evas_Object *box, journal_view_data *vd) {
   Evas_Object *button = elm_button_add(box);
-  elm_object_style_set(button, "popup");
+  brisel_stage_set_style(button, "popup");
   elm_object_domain_translatable_text_set(button, BRISEL_DOMAIN, "IDS_EMAIL_SK_CHANGE");
   evas_object_size_hint_align_set(button, EVAS_HINT_FILL, 0.5);
   evas_object_size_hint_weight_set(button, EVAS_HINT_EXPAND, 0.0);

@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "brisel-app-option-reply.h"
+#include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
 #include "efl_assist.h"
@@ -249,6 +250,7 @@ static Evas_Object *__brisel_option_reply_create_send_button(Evas_Object *parent
     evas_object_del(btn);
     return nullptr;
   }
+  brisel_stage_set_style(btn, "default");
   // Or the limit, which takes the focus from the entry, would hand it to the button, and the next blank would send.
   // Tab alone brings it there.
   elm_object_focus_allow_set(btn, EINA_FALSE);
@@ -260,7 +262,8 @@ static Evas_Object *__brisel_option_reply_create_send_button(Evas_Object *parent
 /* Builds the view of a record that brisel_reply_begin made. Its result. */
 static int __brisel_option_reply_draw_typed(option_reply_view_data *vd, const char *text) {
   appdata *ad = vd->ad;
-  Evas_Object *emoticon_layout = brisel_util_load_edj(vd->layout, BRISEL_EDJ, "brisel/emoticon_view");
+  Evas_Object *emoticon_layout = brisel_util_load_edj(
+      vd->layout, BRISEL_EDJ, brisel_stage_style() ? "brisel/emoticon_view/round" : "brisel/emoticon_view");
   if (!emoticon_layout) {
     BRISEL_ERROR("__brisel_option_reply_create_layout() failed!");
     return brisel_reply_give_up(vd, -3);

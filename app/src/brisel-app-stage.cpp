@@ -29,8 +29,12 @@ Evas_Object *brisel_stage_get(Evas_Object *window) {
   return stage ? (Evas_Object *)stage : window;
 }
 
-const char *brisel_stage_item_style() {
+const char *brisel_stage_style() {
   return _is_round() ? "round" : nullptr;
+}
+
+void brisel_stage_set_style(Evas_Object *widget, const char *usual) {
+  elm_object_style_set(widget, _is_round() ? brisel_stage_style() : usual);
 }
 
 void brisel_stage_put(Evas_Object *window, Evas_Object *object) {

@@ -13,7 +13,10 @@ Evas_Object *brisel_stage_get(Evas_Object *window);
 /* Lets the object fill the stage. */
 void brisel_stage_put(Evas_Object *window, Evas_Object *object);
 
-/* The style of the view stack's items: titles are centred on a round display. NULL: the usual one. */
-const char *brisel_stage_item_style();
+/* The style that a round display gives to the view stack's items, whose titles are centred, to popups, which fill it,
+   and to buttons; also the last part of a group's name. NULL: the usual one. */
+const char *brisel_stage_style();
+/* The style of what is made with it; usual: on displays with corners. */
+void brisel_stage_set_style(Evas_Object *widget, const char *usual);
 
 #endif

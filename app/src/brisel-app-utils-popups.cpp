@@ -10,6 +10,7 @@
 static Evas_Object *_popup_add(Evas_Object *parent) {
   Evas_Object *popup = elm_popup_add(parent);
   if (!popup) return nullptr;
+  brisel_stage_set_style(popup, "default");
   evas_object_size_hint_weight_set(popup, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   brisel_touch_guard(popup);
   return popup;
@@ -35,7 +36,7 @@ static Evas_Object *_popup_parent(appdata *ad) {
 
 static Evas_Object *_popup_button_add(Evas_Object *popup, const char *part, Evas_Smart_Cb cb, void *data) {
   Evas_Object *btn = elm_button_add(popup);
-  elm_object_style_set(btn, "popup");
+  brisel_stage_set_style(btn, "popup");
   elm_object_part_content_set(popup, part, btn);
   if (cb) evas_object_smart_callback_add(btn, "clicked", cb, data);
   evas_object_show(btn);
@@ -246,6 +247,7 @@ void brisel_create_toast_popup(appdata *ad, const char *text) {
   }
   Evas_Object *popup = _popup_add(_popup_parent(ad));
   elm_object_style_set(popup, "toast");
+  if (brisel_stage_style()) elm_layout_signal_emit(popup, "elm,state,round", "elm");
   /* It goes by itself: keys stay with what they were at. */
   elm_object_focus_allow_set(popup, EINA_FALSE);
   elm_object_tree_focus_allow_set(popup, EINA_FALSE);

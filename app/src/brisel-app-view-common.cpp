@@ -76,7 +76,7 @@ static Elm_Object_Item *_link(appdata *ad, Elm_Object_Item *item, Evas_Object *l
 
 Elm_Object_Item *brisel_view_push(appdata *ad, Evas_Object *layout, const char *title, Evas_Object *next_btn,
                                   Elm_Naviframe_Item_Pop_Cb pop_cb, brisel_view_head *head) {
-  return _link(ad, elm_naviframe_item_push(ad->naviframe, title, nullptr, next_btn, layout, brisel_stage_item_style()),
+  return _link(ad, elm_naviframe_item_push(ad->naviframe, title, nullptr, next_btn, layout, brisel_stage_style()),
                layout, pop_cb, head);
 }
 
@@ -84,8 +84,7 @@ Elm_Object_Item *brisel_view_push_at_once(appdata *ad, Evas_Object *layout, Elm_
                                           brisel_view_head *head) {
   Elm_Object_Item *top = elm_naviframe_top_item_get(ad->naviframe);
   return _link(
-      ad,
-      elm_naviframe_item_insert_after(ad->naviframe, top, nullptr, nullptr, nullptr, layout, brisel_stage_item_style()),
+      ad, elm_naviframe_item_insert_after(ad->naviframe, top, nullptr, nullptr, nullptr, layout, brisel_stage_style()),
       layout, pop_cb, head);
 }
 
@@ -258,7 +257,7 @@ void brisel_view_popup_translate(Evas_Object *popup, const char *button, const c
 static void _add_popup_button(Evas_Object *popup, const char *part, const char *id, Evas_Smart_Cb clicked_cb,
                               void *data) {
   Evas_Object *button = elm_button_add(popup);
-  elm_object_style_set(button, "popup");
+  brisel_stage_set_style(button, "popup");
   elm_object_domain_translatable_text_set(button, BRISEL_DOMAIN, id);
   evas_object_smart_callback_add(button, "clicked", clicked_cb, data);
   elm_object_part_content_set(popup, part, button);

@@ -91,7 +91,7 @@ static void _create_view_layout(appdata *ad) {
   bool empty = count < 1;
   Elm_Object_Item *item =
       elm_naviframe_item_push(ad->naviframe, nullptr, nullptr, ad->delete_btn,
-                              empty ? ad->nocontents_layout : ad->mailbox_genlist, brisel_stage_item_style());
+                              empty ? ad->nocontents_layout : ad->mailbox_genlist, brisel_stage_style());
   elm_object_item_domain_translatable_text_set(item, BRISEL_DOMAIN, "IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3");
   if (empty) {
     evas_object_hide(ad->mailbox_genlist);

@@ -76,8 +76,8 @@ def outside_circle(dump):
     found = []
     for text in (t for t in dump["texts"] if not t["covered"]):
         for what, rect in ((name(text), text), (f"what holds {name(text)}", text["layout"])):
-            if text["scrolls"] and rect is not text:
-                continue  # goes on below the edge
+            if rect is not text and (text["scrolls"] or rect["width"] >= dump["window"]["width"]):
+                continue  # goes on below the edge, or is the display itself
             a = edges(rect)
             if any((x - radius) ** 2 + (y - radius) ** 2 > (radius + 1) ** 2 for x in (a[0], a[2]) for y in (a[1], a[3])):
                 found.append(f"{what} stands outside the circle at {a}")
