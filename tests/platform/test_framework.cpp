@@ -112,6 +112,9 @@ TEST_F(Framework, HandsASecondStartToTheFirst) {
            "--method", "org.freedesktop.Application.ActivateAction", "launch", "[<{'x':'desktop'}>]", "{}"});
   EXPECT_EQ(action.code, 0) << action.err;
   EXPECT_EQ(app.line(), "service scene= do= x=desktop");
+  std::vector<std::string> many = {"launch"};
+  for (int i = 0; i < 65; i++) many.push_back(std::to_string(i) + "=x");
+  EXPECT_NE(watch(many).code, 0) << "nobody sends so much in earnest";
 }
 
 TEST(FrameworkStart, KeepsALaunchUntilItIsCreated) {
