@@ -5,7 +5,7 @@ import signal
 import sqlite3
 
 from brisel_test import equal, kill_service, mail, main, middle
-from phone_test import Maildir, Relay, Sendmail, by_uid, delete_on_watch, host_pid, journal, message, reply_on_watch
+from phone_test import Maildir, Relay, Sendmail, by_uid, delete_on_watch, host_pid, journal, message, read_on_watch, reply_on_watch
 from test_launch import link_popup_up
 from test_notify import HOST, Desk
 
@@ -38,16 +38,19 @@ def test_a_refused_reply_is_told_changed_and_sent(s):
     reply_on_watch(s, letter, "Soon")
     s.wait_text(s.text("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED"))
     s.wait_gone(s.text("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED"))
+    read_on_watch(s, letter["mail_id"])
+    s.wait(lambda: len(journal(s)) == 2, "the mark")
     open_screen(s)
     shows_state(s, "IDS_EMAIL_BODY_REFUSED")
+    assert not s.find(s.text("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED"), True), "told once"
     s.rest()
-    s.tap("Ann", part=True)
+    s.tap(s.text("IDS_EMAIL_BODY_REFUSED"), part=True)
     s.wait_text("no route to anywhere")
     s.wait_text("Soon")
     s.tap(s.text("IDS_EMAIL_SK_CHANGE"))
     s.wait(lambda: len(s.dump()["views"]) == 3, "the typed view")
     s.wait_text("Soon")
-    equal(journal(s)[-1], (REFUSED, "no route to anywhere", "Soon"), "nothing is lost while it is changed")
+    equal(journal(s)[0], (REFUSED, "no route to anywhere", "Soon"), "nothing is lost while it is changed")
     s.rest()
     s.watch("type", "er")
     s.wait_text("Sooner")
@@ -56,7 +59,7 @@ def test_a_refused_reply_is_told_changed_and_sent(s):
     width, height = s.size()
     s.watch("tap", width // 2, height - 40)  # the send button
     shows_state(s, "IDS_EMAIL_BODY_SENT")
-    equal(journal(s), [(SENT, "", "Sooner")], "changed and sent")
+    equal(journal(s)[-1], (SENT, "", "Sooner"), "changed and sent")
 
     # Live: what the phone is not there for waits, and is dropped.
     relay.kill()
@@ -70,7 +73,7 @@ def test_a_refused_reply_is_told_changed_and_sent(s):
     s.tap(s.text("IDS_EMAIL_SK_DROP"))
     delete_on_watch(s, gone)
     s.wait_text("Bob")
-    equal([r[2] for r in journal(s)], ["Sooner", ""], "the reply dropped, the deletion kept")
+    equal([r[2] for r in journal(s)], ["", "Sooner", ""], "the reply dropped, the deletion kept")
     relay.start()
     shows_state(s, "IDS_EMAIL_BODY_WITH_THE_PHONE")
     equal(len(mta.sent()), 1, "nothing of what was dropped went out")
