@@ -42,9 +42,15 @@ bool all_listed(const relay &r) {
   return true;
 }
 
+/* Follows the mailbox. One that a configuration names may come later: then what it would come into is followed. Returns
+   0, or -1 with a reason. */
+int follow(followed *a, std::string *error);
+
 /* One account's turn. Returns whether all of it was done. */
 bool sync_account(followed *a) {
+  std::string error;
   a->dirty = a->unfinished = a->again = false;
+  if (a->missing && (follow(a, &error) < 0 || a->missing)) return true; /* its coming is heard of */
   bool done = sync_mailbox(a) == 0 && !a->again;
   if (!done) a->dirty = true;
   if (a->unfinished) { /* one more look, when it is either whole or broken */
@@ -86,6 +92,11 @@ int sync_timer_cb(sd_event_source *source, uint64_t usec, void *user_data) {
 int changed_cb(sd_event_source *source, const inotify_event *event, void *user_data) {
   auto *a = static_cast<followed *>(user_data);
   std::string name = event->len > 0 ? event->name : "";
+  if (a->missing) {
+    a->dirty = true;
+    sync_in(a->r, kSettle);
+    return 0;
+  }
   if (event->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) {
     /* Nothing would ever be heard of it again; whoever runs the relay starts it anew. Its mails stay on the watch. */
     link_fail(a->r->link, a->settings.name + ": its mailbox is gone: " + a->settings.path);
@@ -161,6 +172,28 @@ int watch_folders(followed *a, std::string *error) {
   return 0;
 }
 
+void wait_for_mailbox(followed *a) {
+  std::string path = a->settings.path + "/";
+  for (size_t end = 0; end != std::string::npos; end = path.find('/', end + 1))
+    watch_folder(a, path.substr(0, std::max<size_t>(end, 1)), IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF);
+}
+
+int follow(followed *a, std::string *error) {
+  /* What comes between the two looks is heard of, or seen by the second. */
+  for (int look = 0; look < 2; look++) {
+    a->watches.clear();
+    a->missing = false;
+    if (a->settings.kind->check(a->settings.path, error) == 0) return watch_folders(a, error);
+    if (a->settings.given) return -1;
+    a->missing = true;
+    wait_for_mailbox(a);
+    if (a->settings.kind->check(a->settings.path, error) < 0) break;
+  }
+  if (a->error != *error) link_log(a->settings.name + ": " + *error + "; waiting for it");
+  a->error = *error;
+  return 0;
+}
+
 int add_event_sources(relay *r, std::string *error) {
   sd_event *event = link_event(r->link);
   sd_event_source *defer = nullptr, *timer = nullptr;
@@ -185,7 +218,7 @@ int open_mailboxes(relay *r, std::string *error) {
       *error = settings.name + ": it has no mailbox";
       return -1;
     }
-    if (settings.kind->check(settings.path, error) < 0) return -1;
+    if (settings.given && settings.kind->check(settings.path, error) < 0) return -1;
     if (settings.address.empty())
       link_log(settings.name + ": no address is known; replies go out under the mail system's own (see --address)");
     if (known_load(a.get()) < 0) {
@@ -204,7 +237,7 @@ int start(relay *r, const link_handlers *handlers, std::string *error) {
   r->link = link_open(r->state.get(), handlers, r, error);
   if (!r->link || add_event_sources(r, error) < 0) return -1;
   for (auto &a : r->accounts)
-    if (watch_folders(a.get(), error) < 0) return -1;
+    if (follow(a.get(), error) < 0) return -1;
   if (relay_note_set(r->state.get(), note_pid, std::to_string(getpid())) < 0 ||
       relay_note_set(r->state.get(), note_started, std::to_string(relay_now())) < 0)
     link_log(phone_state_error(r->state.get()));

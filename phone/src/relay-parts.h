@@ -44,6 +44,7 @@ struct followed {
   bool known_before = false;                      /* there were rows when this run began */
   bool listed = false;                            /* the watch's list was matched since it connected */
   bool just_listed = false;                       /* ... and nothing was sent since */
+  bool missing = false;                           /* the mailbox is not there yet; its folders are watched for it */
   bool dirty = true;                              /* something may have changed in the mailbox */
   bool unfinished = false;                        /* a file is perhaps still being written */
   bool again = false;                             /* something could not be done that may be possible later */

@@ -483,6 +483,14 @@ def test_clear_refusals(s):
     equal(relay.process.wait(20), 1, "exit code")
     assert "its mailbox is gone" in relay.log(), relay.log()
     equal(uids(s), {"kept@x"}, "the watch's mails")
+    # What a configuration names may come later, with the folders above it.
+    config.write_text(f"[account me@example.org]\nmaildir={s.dir}/later/on/box\n")
+    relay = Relay(s, "--config", str(config))
+    s.wait(lambda: "no Maildir" in relay.log() and s.linked(), "the relay to wait for it")
+    equal(uids(s), {"kept@x"}, "the watch's mails meanwhile")
+    Maildir(s.dir / "later" / "on" / "box").deliver(message("late@x"))
+    s.wait(lambda: "late@x" in uids(s), "its first mail")
+    equal(relay.kill(15), 0, "exit code")
 
 
 if __name__ == "__main__":
