@@ -107,6 +107,7 @@ static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part)
   brisel_widget_ref_set(&row->check, check);
   elm_check_state_pointer_set(check, &row->check_state);
   elm_object_focus_allow_set(check, EINA_FALSE); /* keys tick the row */
+  if (row->sender) brisel_view_set_spoken_name(check, row->sender);
   evas_object_smart_callback_add(check, "changed", _check_changed_cb, row);
   evas_object_size_hint_align_set(check, EVAS_HINT_FILL, EVAS_HINT_FILL);
   evas_object_size_hint_weight_set(check, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);

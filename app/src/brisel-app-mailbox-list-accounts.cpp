@@ -186,6 +186,8 @@ static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genl
     row->name = strndup(address, strcspn(address, "@")); /* rather than an empty line above the address */
   row->ad = ad;
   row->it = elm_genlist_item_append(gl, itc, row, nullptr, ELM_GENLIST_ITEM_NONE, _gl_popup_sel, row);
+  /* One of the two texts of the combined row is never drawn. */
+  if (!account && row->it && row->address) brisel_view_set_spoken_name(row->it, row->address);
   return row->it;
 }
 

@@ -185,6 +185,7 @@ static Evas_Object *__brisel_option_detail_gl_content_get_reply(void *data, Evas
   if (!layout) return nullptr;
   Evas_Object *btn = elm_button_add(layout);
   elm_object_style_set(btn, "list_divider_btn");
+  brisel_view_set_spoken_name(btn, brisel_util_get_text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB"));
   brisel_view_row_button(obj, layout, btn);
   evas_object_size_hint_weight_set(btn, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   evas_object_size_hint_align_set(btn, EVAS_HINT_FILL, EVAS_HINT_FILL);

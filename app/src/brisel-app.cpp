@@ -102,7 +102,8 @@ static void _create_view_layout(appdata *ad) {
   if (Evas_Object *icon = brisel_view_title_icon(ad->naviframe))
     elm_object_item_part_content_set(item, "elm.swallow.icon", icon);
   elm_naviframe_item_pop_cb_set(item, _pop_cb, ad);
-  brisel_view_more_button(item, _journal_cb, ad);
+  if (Evas_Object *more = brisel_view_more_button(item, _journal_cb, ad))
+    brisel_view_set_spoken_name(more, brisel_util_get_text("IDS_EMAIL_HEADER_WAITING_AND_SENT"));
   evas_object_smart_callback_add(ad->naviframe, "title,clicked", _title_clicked_cb, ad);
   _update_window_title(ad);
 }

@@ -66,6 +66,10 @@ def test_rows_and_buttons_say_what_they_are(s):
         rows = [name for role, name in told if role == "list item" and name.startswith("Ann")]
         equal(rows, ["Ann, The lunch, 04/01/2014 11:05, New, first@example.net"], "the row")
         assert ("push button", s.text("IDS_EMAIL_BODY_DELETE")) in told, told
+        s.press("Ann")
+        s.wait_text(s.text("IDS_EMAIL_SK_REPLY"))
+        told = s.wait(reader.told, "the registry to know the application")
+        equal([told_of for told_of in told if told_of[0] == "push button" and not told_of[1]], [], "buttons without a name")
     finally:
         reader.close()
 
