@@ -322,14 +322,18 @@ static Evas_Object *_text_of_block(const detail_body *body, size_t index, int *y
   return text;
 }
 
-/* Where in the body's text the line begins that is at that height of the canvas, or npos. */
+/* Where in the body's text the line begins that is at that height of the canvas, or npos. A line of which less than
+   half is below it is not what somebody reads there: it is the next one. */
 static size_t _line_at(const detail_body *body, int y) {
   for (size_t i = 0; i < body->blocks.size(); i++) {
     int top = 0, height = 0;
     Evas_Object *text = _text_of_block(body, i, &top, &height);
     if (!text || y < top || y >= top + height) continue;
     Evas_Textblock_Cursor *cursor = evas_object_textblock_cursor_new(text);
-    evas_textblock_cursor_line_coord_set(cursor, y - top);
+    const int line = evas_textblock_cursor_line_coord_set(cursor, y - top);
+    int line_y = 0, line_height = 0;
+    evas_textblock_cursor_line_geometry_get(cursor, nullptr, &line_y, nullptr, &line_height);
+    if (y - top > line_y + line_height / 2) evas_textblock_cursor_line_set(cursor, line + 1);
     evas_textblock_cursor_line_char_first(cursor);
     int characters = std::max(0, evas_textblock_cursor_pos_get(cursor) - _characters_before(body, i));
     evas_textblock_cursor_free(cursor);
