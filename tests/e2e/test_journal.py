@@ -30,6 +30,13 @@ def shows_state(s, id):
     return s.wait_text(s.text(id))
 
 
+def press(s, text, part=False):
+    """Taps the text once it is there and nothing moves any more."""
+    s.wait_text(text, part)
+    s.rest()
+    s.tap(text, part)
+
+
 def test_a_refused_reply_is_told_changed_and_sent(s):
     mta, relay, letter, gone = arrange(s)
     s.launch()
@@ -43,8 +50,7 @@ def test_a_refused_reply_is_told_changed_and_sent(s):
     open_screen(s)
     shows_state(s, "IDS_EMAIL_BODY_REFUSED")
     assert not s.find(s.text("IDS_EMAIL_TPOP_A_REPLY_WAS_REFUSED"), True), "told once"
-    s.rest()
-    s.tap(s.text("IDS_EMAIL_BODY_REFUSED"), part=True)
+    press(s, s.text("IDS_EMAIL_BODY_REFUSED"), part=True)
     s.wait_text("no route to anywhere")
     s.wait_text("Soon")
     s.tap(s.text("IDS_EMAIL_SK_CHANGE"))
@@ -65,12 +71,9 @@ def test_a_refused_reply_is_told_changed_and_sent(s):
     relay.kill()
     s.wait(lambda: not s.linked(), "the link to go")
     reply_on_watch(s, letter, "Later")
-    shows_state(s, "IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE")
-    s.rest()
-    s.tap(s.text("IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE"))
+    press(s, s.text("IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE"))
     s.wait_text("Later")
-    s.rest()
-    s.tap(s.text("IDS_EMAIL_SK_DROP"))
+    press(s, s.text("IDS_EMAIL_SK_DROP"))
     delete_on_watch(s, gone)
     s.wait_text("Bob")
     equal([r[2] for r in journal(s)], ["", "Sooner", ""], "the reply dropped, the deletion kept")
@@ -80,9 +83,7 @@ def test_a_refused_reply_is_told_changed_and_sent(s):
     relay.kill()
     s.wait(lambda: not s.linked(), "the link to go once more")
     reply_on_watch(s, letter, "At last")
-    shows_state(s, "IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE")
-    s.rest()
-    s.tap(s.text("IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE"))
+    press(s, s.text("IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE"))
     s.wait_text(s.text("IDS_EMAIL_SK_DROP"))
     s.tap(s.text("IDS_EMAIL_SK_CHANGE"))
     s.wait(lambda: len(s.dump()["views"]) == 3, "the typed view once more")
@@ -90,8 +91,7 @@ def test_a_refused_reply_is_told_changed_and_sent(s):
     s.watch("keypad", "hide")
     s.watch("tap", width // 2, height - 40)
     s.wait(lambda: len(s.dump()["views"]) == 2, "what waits anyway to be sent without a link")
-    s.rest()
-    s.tap(s.text("IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE"))
+    press(s, s.text("IDS_EMAIL_BODY_WAITS_FOR_THE_PHONE"))
     s.wait_text(s.text("IDS_EMAIL_SK_DROP"))
     relay.start()
     s.wait_gone(s.text("IDS_EMAIL_SK_DROP"))  # it went out meanwhile
@@ -119,10 +119,8 @@ def test_a_refused_reply_is_told_on_the_desktop(s):
         s.launch()
         s.wait_text("Lunch")
         open_screen(s)
-        s.rest()
-        s.tap(s.text("IDS_EMAIL_BODY_REFUSED"), part=True)
-        s.rest()
-        s.tap(s.text("IDS_EMAIL_SK_DROP"))
+        press(s, s.text("IDS_EMAIL_BODY_REFUSED"), part=True)
+        press(s, s.text("IDS_EMAIL_SK_DROP"))
         desk.wait_shown(0)  # the next service knows the number of the one before
         s.watch("key", "back")
         reply_on_watch(s, letter, "Once more")
@@ -160,8 +158,7 @@ def test_what_the_store_cannot_take_is_said_and_offered_again(s):
                   " VALUES (99, '', 1, 3, 1, 'Nobody', 'no-address', unixepoch(), unixepoch())")
     s.wait(lambda: len(s.titles()) == 1, "the mailbox")
     open_screen(s)
-    s.rest()
-    s.tap("Nobody", part=True)
+    press(s, "Nobody", part=True)
     s.wait_text(s.text("IDS_EMAIL_SK_DROP"))
     assert not any(s.shows(s.text(f"IDS_EMAIL_SK_{way}")) for way in ("SEND_AGAIN", "CHANGE")), "what cannot help"
 
