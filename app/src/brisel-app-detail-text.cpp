@@ -123,11 +123,22 @@ static void __brisel_detail_show_body(const page_data *page, appdata *ad) {
   brisel_detail_body_set(page->detail_layout, text->shown.text.data(), text->shown.text.size(), marks);
 }
 
+/* A page's parts say nothing to who only listens: it is read as a whole. */
+static void __brisel_detail_name_page(const page_data *page) {
+  if (!brisel_view_is_spoken()) return;
+  std::string name;
+  for (const char *text :
+       {brisel_view_sender(page->mail_data), (const char *)page->mail_data->subject, page->text->source.c_str()})
+    if (text && *text) name.append(name.empty() ? "" : ", ").append(text);
+  brisel_view_set_spoken_name(page->detail_layout, name.c_str());
+}
+
 void __brisel_detail_set_body(page_data *page, appdata *ad) {
   const char *body = page->mail_data->body ? page->mail_data->body : "";
   if (!page->text) page->text = new detail_text();
   page->text->source = brisel_detail_plain_text(body, __brisel_detail_shown_body_length(body));
   __brisel_detail_show_body(page, ad);
+  __brisel_detail_name_page(page);
 }
 
 /* --- taps --- */

@@ -66,6 +66,11 @@ def test_rows_and_buttons_say_what_they_are(s):
         rows = [name for role, name in told if role == "list item" and name.startswith("Ann")]
         equal(rows, ["Ann, The lunch, 04/01/2014 11:05, New, first@example.net"], "the row")
         assert ("push button", s.text("IDS_EMAIL_BODY_DELETE")) in told, told
+        s.tap("Ann")
+        s.wait_text("The lunch", part=False)
+        assert "Ann, The lunch, x" in [name for _, name in s.wait(reader.told, "the reader")], "the mail is not read out"
+        s.watch("key", "back")
+        s.wait(lambda: len(s.titles()) == 1, "the list")
         s.press("Ann")
         s.wait_text(s.text("IDS_EMAIL_SK_REPLY"))
         told = s.wait(reader.told, "the registry to know the application")
