@@ -49,7 +49,7 @@ struct host {
   std::string phone;     /* unique name of the connected phone; empty: none */
   std::string phone_id, phone_name;
   std::vector<phone_identity> introduced;
-  std::vector<std::string> refused; /* connections that are to hear when the phone has left */
+  sd_bus_track *refused = nullptr; /* connections that are to hear when the phone has left */
   std::string watch_id;
   sd_bus_track *track = nullptr; /* follows the phone's name */
   std::list<more_request> more;

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <ctime>
 #include <nlohmann/json.hpp>
-#include <utility>
 
 #include "brisel-settings.h"
 #include "host.h"
@@ -12,7 +11,7 @@
 
 namespace {
 
-constexpr size_t refused_max = 16; /* connections; the oldest are forgotten */
+constexpr unsigned refused_max = 64; /* connections; those that end are forgotten */
 
 void set_link(host *h, bool up) {
   /* The store says so first: after a kill in between, the next start knows that the setting may be ours to take back.
@@ -119,9 +118,8 @@ int link_connect(host *h, const char *sender, sd_bus_error *error) {
   const phone_identity who = pair_identity(h, sender);
   const bool again = !who.id.empty() && who.id == h->phone_id;
   if (!h->phone.empty() && !again) {
-    std::erase(h->refused, sender);
-    if (h->refused.size() >= refused_max) h->refused.erase(h->refused.begin());
-    h->refused.emplace_back(sender);
+    if (!h->refused) sd_bus_track_new(h->bus, &h->refused, nullptr, nullptr);
+    if (h->refused && sd_bus_track_count(h->refused) < refused_max) sd_bus_track_add_name(h->refused, sender);
     return sd_bus_error_setf(error, HOST_ERROR "Busy", "%s is linked", h->phone_name.c_str());
   }
   sd_bus_track *track = nullptr;
@@ -171,7 +169,9 @@ void link_disconnect(host *h) {
   h->track = sd_bus_track_unref(h->track);
   while (!h->more.empty()) finish_more(h, h->more.begin(), HOST_ERROR "NoPhone", "the phone has left");
   set_link(h, false);
-  for (const std::string &connection : std::exchange(h->refused, {})) tell_connection(h, connection, "Free");
+  for (const char *name = sd_bus_track_first(h->refused); name; name = sd_bus_track_next(h->refused))
+    tell_connection(h, name, "Free");
+  h->refused = sd_bus_track_unref(h->refused);
 }
 
 void link_send(host *h, int64_t id, const std::string &json, const std::string &uid) {
