@@ -23,7 +23,7 @@ ROOMS = {
                                                     re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^schema\.h$")]),
     # Told apart from the service around it: the store through its functions, the bus, texts.
     "service/src/notify": (["service/src", "common", "platform/inc"], [re.compile(r"^systemd/sd-(bus|id128)\.h$")]),
-    "phone": (["phone", "platform/inc"], [AGREED, re.compile(r"^brisel-bluez\.h$"), re.compile(r"^(gmime|glib|gio)"), re.compile(r"^systemd/"),
+    "phone": (["phone", "platform/inc"], [AGREED, re.compile(r"^brisel-(bluez|contact-bus)\.h$"), re.compile(r"^(gmime|glib|gio)"), re.compile(r"^systemd/"),
                                           re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^phone-schema\.h$"),
                                           re.compile(r"^seccomp\.h$"),
                                           re.compile(r"^(libetpan|curl|gnutls|libsecret)/"),

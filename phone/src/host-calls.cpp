@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "brisel-contact-bus.h"
 #include "platform-peer.h"
 
 namespace {
@@ -166,15 +167,10 @@ int append_ids(sd_bus_message *m, const std::vector<int> &ids) {
 }
 
 int read_contacts(sd_bus_message *m, host_record *record) {
-  int r = sd_bus_message_enter_container(m, 'a', "(is)");
-  while (r >= 0) {
-    int type = 0;
-    const char *number = nullptr;
-    r = sd_bus_message_read(m, "(is)", &type, &number);
-    if (r <= 0) break;
+  return bus_read_contacts(m, [record](int type, const char *number) {
     record->contacts.emplace_back(type, number);
-  }
-  return r < 0 ? r : sd_bus_message_exit_container(m);
+    return 0;
+  });
 }
 
 int read_value(sd_bus_message *m, const std::string &key, host_record *record) {

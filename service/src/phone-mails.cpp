@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "brisel-contact-bus.h"
 #include "host.h"
 #include "store-format.h"
 
@@ -21,16 +22,10 @@ namespace {
 
 int read_contacts(sd_bus_message *m, field_value *value, sd_bus_error *error) {
   std::vector<contact_value> contacts;
-  int r = sd_bus_message_enter_container(m, 'a', "(is)");
-  while (r >= 0) {
-    int type = 0;
-    const char *number = nullptr;
-    r = sd_bus_message_read(m, "(is)", &type, &number);
-    if (r <= 0) break;
+  const int r = bus_read_contacts(m, [&](int type, const char *number) {
     contacts.push_back({type, number});
-    if (contacts.size() > contacts_max) return sd_bus_error_set(error, host_error_invalid, "too many contacts");
-  }
-  if (r >= 0) r = sd_bus_message_exit_container(m);
+    return contacts.size() > contacts_max ? sd_bus_error_set(error, host_error_invalid, "too many contacts") : 0;
+  });
   if (r < 0) return r;
   value->null = contacts.empty();
   if (!contacts_to_text(contacts, &value->text))
