@@ -118,7 +118,7 @@ void pinch_at(point middle, double factor, double reach) {
   }
   evas_event_feed_multi_up(canvas(), 1, b.x, b.y, 1, 1, 1, 1, 0, b.x, b.y, EVAS_BUTTON_NONE, event_time(), nullptr);
   finger_up(0);
-  run_for(0.1);
+  settle();
 }
 
 void second_finger(point at, bool down) {
@@ -137,7 +137,7 @@ void double_tap_at(point at) {
     finger_up(0);
     run_for(0.03);
   }
-  run_for(0.1);
+  settle();
 }
 
 void key(const char *name) {
