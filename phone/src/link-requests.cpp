@@ -93,8 +93,9 @@ int resend_cb(sd_event_source *source, uint64_t usec, void *user_data) {
 }
 
 /* What could not be kept stays with the service, which sends all that waits when it is asked: after a pause that
-   grows, for a disk that is full now is full in a moment too. */
+   grows, for a disk that is full now is full in a moment too; once for all that wait, however many they are. */
 void ask_again_later(phone_link *link) {
+  if (link->resend && sd_event_source_get_enabled(link->resend, nullptr) > 0) return;
   if (link->resend_delay == 0) link_log(phone_state_error(link->state));
   link->resend_delay = link_longer(link->resend_delay);
   link_timer(link, &link->resend, link->resend_delay, resend_cb);

@@ -1,4 +1,6 @@
 /* What is known of each message: its row in memory and on disk, and what the watch's own list says of it. */
+#include <sstream>
+
 #include "relay-parts.h"
 #include "send.h"
 
@@ -81,6 +83,18 @@ void match_row(followed *a, relay_row *row, const std::set<int64_t> &arrived,
   row->mail_id = 0;
 }
 
+/* What was read on the watch before its number was known here. */
+int take_over_marks(followed *a) {
+  std::string text;
+  if (relay_note_get(a->r->state.get(), note_unknown_marks, &text) < 0) return -1;
+  std::istringstream ids(text);
+  std::set<int> read;
+  for (int id = 0; ids >> id;) read.insert(id);
+  for (auto &[key, row] : a->rows)
+    if (row.state == relayed && read.count(row.mail_id)) row.want_seen = row.dirty = true;
+  return 0;
+}
+
 int match_account(followed *a, const std::vector<watch_mail_id> &mails) {
   std::unordered_map<std::string, int> by_uid;
   a->unclaimed.clear();
@@ -96,6 +110,10 @@ int match_account(followed *a, const std::vector<watch_mail_id> &mails) {
   std::set<int64_t> arrived = arrived_batches(*a, !unknown.empty() && unknown != "0", by_uid);
   for (auto &[key, row] : a->rows)
     if (row.state == sending || row.state == relayed) match_row(a, &row, arrived, &by_uid);
+  if (take_over_marks(a) < 0) {
+    a->error = phone_state_error(state);
+    return -1;
+  }
   a->unclaimed = std::move(by_uid);
   a->listed = a->just_listed = true;
   return 0;
@@ -159,7 +177,13 @@ int known_match(relay *r) {
       link_log(a->settings.name + ": " + a->error);
       return -1;
     }
-  if (relay_note_set(r->state.get(), note_unknown_deletions, "0") == 0) return 0;
+  const auto settle = [r] {
+    return relay_note_set(r->state.get(), note_unknown_deletions, "0") < 0 ||
+                   relay_note_set(r->state.get(), note_unknown_marks, "") < 0
+               ? -1
+               : 0;
+  };
+  if (phone_state_change(r->state.get(), settle) == 0) return 0;
   link_log(phone_state_error(r->state.get()));
   return -1;
 }

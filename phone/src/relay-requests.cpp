@@ -6,12 +6,26 @@
 
 namespace {
 
+constexpr size_t kMostUnknown = 64u << 10; /* bytes of the numbers of mails whose calls had no answer */
+
 int keep_deleted(phone_state *state, int mail_id, bool on_watch) {
   int marked = relay_mail_set_deleted(state, mail_id, on_watch), dropped = 0;
   if (marked < 0 || phone_state_drop_mails(state, {mail_id}, &dropped) < 0) return -1;
   if (marked > 0 || dropped > 0) return 0;
   int sending = relay_any_sending(state);
   return sending > 0 ? relay_note_set(state, note_unknown_deletions, "1") : sending;
+}
+
+/* A mail whose number is not known yet is marked when the watch's list tells it. */
+int keep_read(phone_state *state, int mail_id) {
+  int marked = relay_mail_want_seen(state, mail_id);
+  if (marked == 0 && (marked = relay_any_sending(state)) > 0) {
+    std::string ids;
+    if (relay_note_get(state, note_unknown_marks, &ids) < 0) return -1;
+    if (ids.size() < kMostUnknown)
+      marked = relay_note_set(state, note_unknown_marks, ids + std::to_string(mail_id) + " ");
+  }
+  return marked < 0 ? -1 : 0;
 }
 
 int keep_reply(phone_state *state, const nlohmann::json &request, const std::string &uid) {
@@ -55,8 +69,7 @@ int relay_keep_request(phone_state *state, const nlohmann::json &request, const 
   if ((kind != "delete_notis" && kind != "update_ind") || !request.contains("id_list")) return 0;
   for (const auto &id : request["id_list"]) {
     int mail_id = id.get<int>();
-    if ((kind == "delete_notis" ? keep_deleted(state, mail_id, true) : relay_mail_want_seen(state, mail_id)) < 0)
-      return -1;
+    if ((kind == "delete_notis" ? keep_deleted(state, mail_id, true) : keep_read(state, mail_id)) < 0) return -1;
   }
   return 0;
 }

@@ -152,7 +152,9 @@ int land(followed *a, flight *f) {
   }
   int noted = save_batch(a, &f->batch,
                          [&](pending *p) { return phone_state_set_mail_id(state, p->row->row, p->row->mail_id); });
-  return noted < 0 ? HOST_LATER : HOST_OK;
+  if (noted == 0) return HOST_OK;
+  a->listed = false; /* what the user does with them meanwhile says numbers that the state does not know */
+  return HOST_LATER;
 }
 
 /* --- what the service refuses --- */

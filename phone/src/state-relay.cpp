@@ -95,7 +95,8 @@ int relay_mail_set_deleted(phone_state *state, int mail_id, bool on_watch) {
 
 int relay_mail_want_seen(phone_state *state, int mail_id) {
   sql_statement mark(&state->db, "UPDATE relay_mail SET want_seen = 1 WHERE mail_id = ?");
-  return mark.bind(mail_id).run() == 0 ? 0 : state_fail(state, kCannotWrite);
+  if (mark.bind(mail_id).run() < 0) return state_fail(state, kCannotWrite);
+  return static_cast<int>(state->db.changed());
 }
 
 int relay_any_sending(phone_state *state) {

@@ -47,6 +47,7 @@ int relay_row_reload(phone_state *state, const std::string &account, const std::
 int relay_rows_deleted(phone_state *state, const std::string &account, std::vector<std::string> *keys);
 /* The mail was deleted by the user; on_watch: there, and not by a command. Returns how many messages it was, or -1. */
 int relay_mail_set_deleted(phone_state *state, int mail_id, bool on_watch);
+/* Returns how many messages it is, or -1. */
 int relay_mail_want_seen(phone_state *state, int mail_id);
 /* Returns 1 when a message is being sent, 0, or -1. */
 int relay_any_sending(phone_state *state);
@@ -66,6 +67,8 @@ int relay_account_keep(phone_state *state, const std::string &name, const relay_
 constexpr char note_of_link[] = "link", note_accounts[] = "accounts", note_pid[] = "pid", note_started[] = "started";
 /* "1" while mails were deleted whose numbers never reached the phone. */
 constexpr char note_unknown_deletions[] = "unknown-deletions";
+/* The watch's numbers of mails that were read there before the numbers reached the phone, with a blank behind each. */
+constexpr char note_unknown_marks[] = "unknown-marks";
 int relay_note_set(phone_state *state, const char *key, const std::string &value);
 /* The same for what is only shown: on disk with whatever is written next. */
 int relay_note_tell(phone_state *state, const char *key, const std::string &value);
