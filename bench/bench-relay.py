@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
 """The relay: first relay of a large mailbox beside what the mail library alone needs, memory, idle wake-ups, and from a
 file to the screen. Runs inside a private session (brisel-session).   usage: bench-relay [MAILS]"""
+import contextlib
 import json
 import os
 import pathlib
+import sqlite3
 import subprocess
 import sys
 import time
@@ -13,6 +15,7 @@ from figures import emit  # noqa: E402
 from mails import message  # noqa: E402
 
 COUNT = int(sys.argv[1]) if len(sys.argv) > 1 else 10000
+PAIRS = 5
 SESSION = pathlib.Path(os.environ["BRISEL_SESSION_DIR"])
 HERE = pathlib.Path(__file__).resolve().parent
 BOX = SESSION / "bench-box"
@@ -108,3 +111,41 @@ for side, pid in ("phone", relay.pid), ("watch", writer):
     emit(f"bytes to disk for a mail that comes, {side}", "KiB", [(to_disk(pid) - before[side]) / 1024 / len(shown)])
 relay.terminate()
 relay.wait()
+
+
+def first_relay(program, name):
+    """By the clock and of the processor, seconds: the mailbox as an account of that name, by a phone that knows nothing."""
+    global relay
+    env = dict(os.environ, XDG_STATE_HOME=str(SESSION / name))
+    state = SESSION / name / "brisel-phone" / "phone.db"
+    start = time.monotonic()
+    relay = subprocess.Popen([program, "relay", "--maildir", f"{name}@example.org={BOX}", "--newest", str(COUNT + 100)],
+                             env=env, stderr=subprocess.DEVNULL)
+
+    def arrived():
+        if not state.exists():
+            return False
+        with contextlib.closing(sqlite3.connect(f"file:{state}?mode=ro", uri=True, timeout=30)) as known:
+            try:
+                return known.execute("SELECT count(*) FROM relay_mail WHERE mail_id > 0").fetchone()[0] >= COUNT
+            except sqlite3.OperationalError:
+                return False  # it has only begun
+    wait(arrived, f"the relay of {name}", pause=0.05)
+    took = time.monotonic() - start
+    children = open(f"/proc/{relay.pid}/task/{relay.pid}/children").read().split()
+    used = sum(processor_seconds(pid) for pid in [relay.pid, *children])
+    relay.terminate()
+    relay.wait()
+    return took, used
+
+
+# In turn, in one run; which of the two goes first changes.
+PROGRAMS = "brisel-phone", HERE / "relay-one-process"
+took = {program: [] for program in PROGRAMS}
+for n in range(2 * PAIRS):
+    program = PROGRAMS[(n + n // 2) % 2]
+    took[program].append(first_relay(program, f"turn{n}"))
+own, one = ([[sample[i] for sample in took[program]] for i in range(2)] for program in PROGRAMS)
+emit("relayed, mail read in a process of its own", "mails/s", [COUNT / s for s in own[0]], [COUNT / s for s in one[0]],
+     "read by the relay", better="more")
+emit("the same, processor", "s", own[1], one[1], "read by the relay")
