@@ -83,6 +83,9 @@ int fd_of(mailimap *session) {
   return mailstream_low_get_fd(mailstream_get_low(session->imap_stream));
 }
 
+/* How many messages the folder had when it was opened, on the process's one connection that follows. */
+uint32_t opened_with = 0;
+
 /* The certificate is looked at before the first word is said or heard. */
 int connect_server(mailimap *session, const post_server &server, const std::string &ca, std::string *error) {
   int fd = stream_connect(server, error);
@@ -360,6 +363,11 @@ bool told_change(mailimap *session) {
                   (info->rsp_extension_list && clist_count(info->rsp_extension_list) > 0));
 }
 
+bool has_changed(mailimap *session) {
+  const mailimap_selection_info *folder = session->imap_selection_info;
+  return told_change(session) || (folder && folder->sel_exists != opened_with);
+}
+
 int store_flag(mailimap *session, mailimap_set *set, mailimap_flag *flag, const char *what, std::string *error) {
   mailimap_flag_list *flags = mailimap_flag_list_new_empty();
   mailimap_flag_list_add(flags, flag);
@@ -410,7 +418,11 @@ int imap_select(mailimap *session, const std::string &name, imap_folder *folder,
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, ("open the folder " + name).c_str(), error);
   const mailimap_selection_info *info = session->imap_selection_info;
   folder->validity = info ? info->sel_uidvalidity : 0;
-  folder->exists = info ? info->sel_exists : 0;
+  folder->exists = opened_with = info ? info->sel_exists : 0;
+  /* What was said of the folder is no change of it: an empty one, of which nothing more is asked, would seem to change
+     for ever. */
+  mailimap_response_info_free(session->imap_response_info);
+  session->imap_response_info = mailimap_response_info_new();
   return 0;
 }
 
@@ -555,14 +567,11 @@ bool imap_can_idle(mailimap *session) {
 
 int imap_wait(mailimap *session, int other, int seconds, std::string *error) {
   bool idle = imap_can_idle(session), changed = false;
-  const mailimap_selection_info *folder = session->imap_selection_info;
-  uint32_t exists = folder ? folder->sel_exists : 0;
   if (idle) {
     stream_step step(fd_of(session));
     int code = mailimap_idle(session);
     if (code != MAILIMAP_NO_ERROR) return fail(session, code, "wait for mail", error);
-    folder = session->imap_selection_info;
-    changed = told_change(session) || (folder && folder->sel_exists != exists);
+    changed = has_changed(session);
   }
   pollfd wait[] = {{other, POLLIN, 0}, {idle ? mailimap_idle_get_fd(session) : -1, POLLIN, 0}};
   bool there = changed || (idle && session->imap_stream->read_buffer_len > 0);
@@ -576,7 +585,5 @@ int imap_wait(mailimap *session, int other, int seconds, std::string *error) {
   int code = mailimap_idle_done(session);
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, "stop waiting", error);
   /* Some servers only say now and then that they are there. */
-  folder = session->imap_selection_info;
-  return ready == 0 || changed || (wait[0].revents & POLLIN) || told_change(session) ||
-         (folder && folder->sel_exists != exists);
+  return ready == 0 || changed || (wait[0].revents & POLLIN) || has_changed(session);
 }

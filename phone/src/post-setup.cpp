@@ -203,16 +203,19 @@ int command_setup(setup_options options) {
   std::string error, secret;
   if (account.address.empty() && can_ask()) account.address = ask("E-mail address:");
   size_t at = account.address.rfind('@');
-  if (at == std::string::npos || at == 0 || at + 1 == account.address.size())
+  if (at == std::string::npos || at == 0 || at + 1 == account.address.size() ||
+      account.address.substr(0, at).find_first_of(" \t<>,;@") != std::string::npos)
     return complain("an e-mail address is wanted: brisel-phone setup me@example.org");
   if (account.name.empty()) account.name = account.address;
   if (account.name.find_first_of("[]\n\r") != std::string::npos || account.name == "." || account.name == "..")
-    return complain("'" + account.name + "': not as an account's name");
+    return complain("'" + account.name + "' is no name for an account; give another with --name");
   /* Again for an account that there is, for a new password perhaps: its settings stay. */
   post_account known;
   if (post_account_find(options.config, account.name, &known, &error) == 0 && known.name == account.name)
     post_account_keep(&account, known, options.auth_given, options.secret_file);
   error.clear();
+  if (account.imap.starts_with("smtp") || account.smtp.starts_with("imap"))
+    return complain("--imap wants imaps://HOST and --smtp smtps://HOST, not the other way round");
   if (complete_servers(&account, &error) < 0) return complain(error);
   if (try_secret(&account, &secret, &error) < 0 || keep_secret(options, secret, &error) < 0 ||
       post_mirror_create(post_mirror_path(account.name), &error) < 0 ||

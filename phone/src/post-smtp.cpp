@@ -73,7 +73,9 @@ std::string sentence(CURLcode code, const post_account &account, const char *det
       return host + " does not take the user " + account.login() + " with this " +
              (account.auth == post_auth::password ? "password" : "token") + " for sending: " + said;
     case CURLE_OPERATION_TIMEDOUT:
-      return host + " does not answer in time";
+      return host + " does not answer in time; if the server begins with encryption, give it as smtps://";
+    case CURLE_SSL_CONNECT_ERROR:
+      return host + ": no safe connection could be made; if the server begins without encryption, give it as smtp://";
     default:
       return host + " did not take it: " + (said.starts_with('4') || said.starts_with('5') ? said : detail);
   }

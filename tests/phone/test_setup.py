@@ -177,6 +177,7 @@ def test_each_error_is_one_sentence(s):
     rows = (("there is no domain nowhere.example", ("me@nowhere.example",), ()),
             ("is no name of a domain", ("me@ex ample",), ()),
             ("an e-mail address is wanted", ("me@",), ()),
+            ("an e-mail address is wanted", ("m e@named.example",), ()), ("the other way round", ("me@named.example", "--imap", "smtps://x"), ()),
             ("the name service does not answer", ("me@named.example",), elsewhere),
             ("the name service does not answer", ("me@named.example",), ("unshare", "-n")),
             ("cannot be reached: its name cannot", ("me@named.example", *GIVEN), elsewhere),
