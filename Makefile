@@ -56,7 +56,7 @@ crash: build
 # the relay and the service as they are. Each test says how many it outlived. FAULT_STRIDE=N tries every Nth of the latter.
 FAULT_STRIDE ?= 1
 faults: build
-	@BRISEL_EVERY_FAULT=1 BRISEL_FAULT_STRIDE=$(FAULT_STRIDE) meson test -C $(BUILD) --no-rebuild --verbose \
+	@BRISEL_EVERY_FAULT=1 BRISEL_PATIENCE=90 BRISEL_FAULT_STRIDE=$(FAULT_STRIDE) meson test -C $(BUILD) --no-rebuild --verbose \
 	  --timeout-multiplier 60 faults service-store platform-settings platform-contacts faults-phone mime-fuzz imap-fuzz
 
 # Every screen and state as a picture, in a language, theme and size.
