@@ -34,6 +34,11 @@ struct list_free {
 };
 using list_holder = std::unique_ptr<clist, list_free>;
 
+/* What the library gives with a refusal it has freed itself. */
+list_holder taken_list(int code, clist *list) {
+  return list_holder(code == MAILIMAP_NO_ERROR ? list : nullptr);
+}
+
 /* What the server said last, on one line. */
 std::string said(mailimap *session) {
   std::string out;
@@ -276,7 +281,7 @@ list_holder fetch_all(mailimap *session, const std::vector<uint32_t> &uids, mail
   for (uint32_t uid : uids) mailimap_set_add_single(set.get(), uid);
   clist *list = nullptr;
   *code = mailimap_uid_fetch(session, set.get(), type, &list);
-  list_holder holder(list);
+  list_holder holder = taken_list(*code, list);
   if (*code == MAILIMAP_NO_ERROR) return holder;
   fail(session, *code, "give a message", error);
   return nullptr;
@@ -434,7 +439,7 @@ int imap_list_newest(mailimap *session, uint32_t count, std::vector<imap_message
   type_holder type = facts_wanted();
   clist *list = nullptr;
   int code = mailimap_fetch(session, set.get(), type.get(), &list);
-  list_holder holder(list);
+  list_holder holder = taken_list(code, list);
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, "list a folder", error);
   read_list(list, count, messages);
   return 0;
@@ -452,14 +457,14 @@ int imap_list_changes(mailimap *session, uint32_t from, uint64_t modseq, std::ve
   clist *list = nullptr;
   mailimap_qresync_vanished *vanished = nullptr;
   int code = mailimap_uid_fetch_qresync(session, set.get(), type.get(), modseq, &list, &vanished);
-  list_holder holder(list);
+  list_holder holder = taken_list(code, list);
+  if (code != MAILIMAP_NO_ERROR) return fail(session, code, "tell what changed", error);
   const clist *runs = vanished && vanished->qr_known_uids ? vanished->qr_known_uids->set_list : nullptr;
   for (clistiter *at = runs ? clist_begin(runs) : nullptr; at; at = clist_next(at)) {
     auto *run = static_cast<mailimap_set_item *>(clist_content(at));
     gone->emplace_back(run->set_first, run->set_last);
   }
   if (vanished) mailimap_qresync_vanished_free(vanished);
-  if (code != MAILIMAP_NO_ERROR) return fail(session, code, "tell what changed", error);
   read_list(list, SIZE_MAX, changed);
   return 0;
 }

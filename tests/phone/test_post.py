@@ -192,6 +192,7 @@ def test_hostile_servers(s):
         nasty("SELECT", lambda tag: b"* " + b"x" * (64 << 20)),
         nasty("FETCH", lambda tag: f"* 1 FETCH (UID 0 FLAGS ())\r\n* 2 FETCH (UID 7 FLAGS ())\r\n* 2 FETCH (UID 7 FLAGS ())\r\n{tag} OK x\r\n"),
         nasty("FETCH", lambda tag: b"* 1 FETCH (UID 1 BODY[HEADER] {4000000000}\r\n" + b"y" * (80 << 20)),
+        nasty("FETCH", lambda tag: f"* 1 FETCH (UID 1 FLAGS ())\r\n{tag} NO damaged\r\n"),
         nasty("FETCH", lambda tag: "* 1 FETCH " + "(" * 100000 + "\r\n"),
         nasty("FETCH", lambda tag: b"* 1 FETCH (UID 1 FLAGS () BODY[HEADER] {500}\r\nhalf"),
         nasty("FETCH", lambda tag: Hostile.SLOW),
@@ -210,7 +211,7 @@ def test_hostile_servers(s):
         relay.kill()  # it would hold the hostile server's one connection
         # KiB. Under the address sanitizer nothing grows in place, and what was freed is kept for a while.
         bound = 900000 if "ASAN_OPTIONS" in os.environ else 300000
-        for _ in range(7):
+        for _ in range(8):
             with subprocess.Popen(["brisel-phone", "follow-imap", "--config", s.dir / "relay.conf", "--account", "bad@example.org",
                                    "--folder", "INBOX", "--patience", "2"], env=s.env, stderr=subprocess.PIPE) as follower:
                 try:
