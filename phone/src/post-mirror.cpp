@@ -268,7 +268,8 @@ int fetch_new(mirror *m, mailimap *session, const std::vector<imap_message> &mes
     int code = mails.empty() ? 0 : imap_fetch(session, false, &mails, error);
     if (code == imap_unreadable && count == 1) m->unreadable.insert(messages[from].uid);
     if (code == imap_unreadable && count == 1) *error = "message " + std::to_string(messages[from].uid) + ": " + *error;
-    if (code == imap_unreadable) m->at_once = 1;
+    /* One that ends the connection may hold back those behind it, not the newer ones. */
+    if (code < 0) m->at_once = code == imap_unreadable ? 1 : std::max<size_t>(1, m->at_once / 2);
     if (code < 0) return -1;
     for (size_t n = from; n < from + count; n++)
       for (const imap_mail &mail : mails) {
