@@ -75,14 +75,6 @@ int views(void) {
   return count;
 }
 
-/* The view stack takes no touch and no further pop while a view slides, and freezes it for that long. */
-static bool views_stand(void) {
-  Evas_Object *content = elm_object_item_part_content_get(elm_naviframe_top_item_get(test_ad.naviframe), "default");
-  for (; content; content = evas_object_smart_parent_get(content))
-    if (evas_object_freeze_events_get(content)) return false;
-  return true;
-}
-
 bool views_become(int count) {
   const bool reached = run_until([&] { return views() == count && views_stand(); });
   EXPECT_TRUE(reached) << views() << " views";

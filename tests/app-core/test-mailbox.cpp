@@ -182,12 +182,14 @@ TEST_F(mailbox, LongPressOpensTheOptionsUnlessARowIsSwept) {
   EXPECT_NE(brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_OPTION_DETAIL_VIEW, &test_ad), nullptr);
   key("XF86Back");
   rest();
+  EXPECT_TRUE(run_until(views_stand));
   touch(middle_of_item(item_of_mail(ids[2])));
   lift(600); /* by the touch's own clock; the list was busy and sees it at once */
   settle();
   EXPECT_NE(brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_OPTION_DETAIL_VIEW, &test_ad), nullptr);
   key("XF86Back");
   rest();
+  EXPECT_TRUE(run_until(views_stand));
   /* A tap whose end waits behind a busy loop: the list's own clock takes it for a long press. */
   static double began;
   began = ecore_time_get();

@@ -137,6 +137,13 @@ point middle_of_item(Elm_Object_Item *item) {
   return at;
 }
 
+bool views_stand(void) {
+  Evas_Object *content = elm_object_item_part_content_get(elm_naviframe_top_item_get(test_ad.naviframe), "default");
+  for (; content; content = evas_object_smart_parent_get(content))
+    if (evas_object_freeze_events_get(content)) return false;
+  return true;
+}
+
 /* --- gtest in the main loop of the framework --- */
 
 static int test_result = 1;

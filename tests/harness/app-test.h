@@ -46,6 +46,9 @@ bool delete_button_enabled(void);
 bool nocontents_on_screen(void);
 point middle_of_item(Elm_Object_Item *item);
 
+/* The view stack takes no touch and no further pop while a view slides, and freezes it for that long. */
+bool views_stand(void);
+
 /* gtest in the framework's main loop. */
 int app_test_main(int argc, char **argv);
 
