@@ -41,7 +41,10 @@ class Mailbox:
         """Message-ID: read, of the newest ones."""
         out = {}
         for path in self.box.files().values():
-            uid = email.message_from_bytes(path.read_bytes())["Message-ID"].strip("<>")
+            try:
+                uid = email.message_from_bytes(path.read_bytes())["Message-ID"].strip("<>")
+            except FileNotFoundError:
+                return self.mails()  # the relay has renamed it since
             out[uid] = "S" in path.name.partition(":2,")[2]
         newest = sorted(out, key=lambda uid: int(uid[4:-2]), reverse=True)[:WINDOW]
         return {uid: out[uid] for uid in newest}, set(out)
