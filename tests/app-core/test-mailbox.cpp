@@ -158,12 +158,7 @@ TEST_F(mailbox, LeavingCommitsTheSweep) {
     EXPECT_EQ(phone.request("delete_notis").value("id_list", std::vector<int>()), std::vector<int>{id});
     app_stop();
   }
-  phone.leave(); /* the next test says that there is a link: not before the service has said that there is none */
-  EXPECT_TRUE(run_until([] {
-    int linked = 1;
-    vconf_get_bool(BRISEL_KEY_BT_CONNECTED, &linked);
-    return !linked;
-  }));
+  phone_leaves(&phone);
 }
 
 TEST_F(mailbox, LongPressOpensTheOptionsUnlessARowIsSwept) {

@@ -48,6 +48,8 @@ TEST_F(screens, TwoQuickBacksLeaveTheViewButNotTheApplication) {
     key("XF86Back");
     return phone.count("clear_all_new_flag") == 2;
   }));
+  app_stop();
+  phone_leaves(&phone);
 }
 
 TEST_F(screens, TheMoreKeyPressesTheButtonOfTheTopView) {
@@ -101,6 +103,8 @@ TEST_F(screens, LaunchesThatWaitAreOne) {
   EXPECT_EQ(test_ad.mail_id, last);
   const std::vector<std::string> lines = log_lines();
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "I/Show detail view first."), 2) << "the first and the last";
+  app_stop();
+  phone_leaves(&phone);
 }
 
 /* Whatever stands when a launch names a mail gives way to it. */
@@ -140,6 +144,8 @@ TEST_F(screens, ALaunchLeavesNothingOverWhatItOpens) {
     app_launch();
     EXPECT_EQ(test_ad.mail_id, 0) << "nothing is open any more";
   }
+  app_stop();
+  phone_leaves(&phone);
 }
 
 /* Events that the application did not hear: the mailbox looks for itself when its user comes back to it. */

@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "contacts.h"
+#include "vconf.h"
 
 appdata test_ad;
 
@@ -65,6 +66,15 @@ void app_stop(void) {
   settle();
   test_ad = {};
   launched = 0;
+}
+
+void phone_leaves(linked_phone *phone) {
+  phone->leave();
+  EXPECT_TRUE(run_until([] {
+    int linked = 1;
+    vconf_get_bool(BRISEL_KEY_BT_CONNECTED, &linked);
+    return !linked;
+  }));
 }
 
 void import_cards(const std::string &cards) {

@@ -32,6 +32,10 @@ void app_start(const char *mail_id = nullptr);
 void app_launch(const char *mail_id = nullptr);
 void app_stop(void);
 
+/* Ends the phone's connection, and returns when the service has said that there is no link: it would say so after the
+   next test has said that there is one. */
+void phone_leaves(linked_phone *phone);
+
 /* Reads contacts from the text of a vCard file. */
 void import_cards(const std::string &cards);
 
