@@ -291,7 +291,7 @@ static Evas_Object *_create_select_all_btn(Evas_Object *parent, delete_view_data
 static Evas_Object *_create_text_btn(Evas_Object *layout, const char *part, const char *id, Evas_Smart_Cb clicked_cb,
                                      delete_view_data *vd) {
   Evas_Object *btn = elm_button_add(layout);
-  brisel_stage_set_style(btn, "default");
+  brisel_stage_set_style(btn, nullptr);
   elm_object_domain_translatable_text_set(btn, BRISEL_DOMAIN, id);
   evas_object_size_hint_weight_set(btn, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   elm_object_part_content_set(layout, part, btn);

@@ -353,7 +353,9 @@ int brisel_journal_draw_view(appdata *ad) {
   }
   evas_object_data_set(vd->genlist, "appdata", ad);
   _show_requests(vd);
-  Elm_Object_Item *item = brisel_view_push(ad, layout, "IDS_EMAIL_HEADER_WAITING_AND_SENT", nullptr, _pop_cb, vd);
+  /* In words already: what is pushed is what is spoken. */
+  Elm_Object_Item *item =
+      brisel_view_push(ad, layout, brisel_util_get_text("IDS_EMAIL_HEADER_WAITING_AND_SENT"), nullptr, _pop_cb, vd);
   elm_object_item_domain_translatable_text_set(item, BRISEL_DOMAIN, "IDS_EMAIL_HEADER_WAITING_AND_SENT");
   BRISEL_INFO("Leave");
   return 0;

@@ -250,7 +250,7 @@ static Evas_Object *__brisel_option_reply_create_send_button(Evas_Object *parent
     evas_object_del(btn);
     return nullptr;
   }
-  brisel_stage_set_style(btn, "default");
+  brisel_stage_set_style(btn, nullptr);
   // Or the limit, which takes the focus from the entry, would hand it to the button, and the next blank would send.
   // Tab alone brings it there.
   elm_object_focus_allow_set(btn, EINA_FALSE);

@@ -303,8 +303,8 @@ int brisel_option_reply_templetes_draw_view(int mail_id, appdata *ad, full_noti_
   if (!vd->content_obj) BRISEL_ERROR("__brisel_option_reply_create_genlist() failed!");
   __brisel_option_reply_show_content(vd, vd->template_list && vd->content_obj ? vd->content_obj : vd->nocontent_layout);
 
-  Elm_Object_Item *item = brisel_view_push(ad, vd->layout, "IDS_EMAIL_HEADER_SELECT_REPLY_ABB", nullptr,
-                                           __brisel_option_reply_view_pop_cb, vd);
+  Elm_Object_Item *item = brisel_view_push(ad, vd->layout, brisel_util_get_text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB"),
+                                           nullptr, __brisel_option_reply_view_pop_cb, vd);
   elm_object_item_domain_translatable_text_set(item, BRISEL_DOMAIN, "IDS_EMAIL_HEADER_SELECT_REPLY_ABB");
   BRISEL_INFO("Leave");
   return 0;

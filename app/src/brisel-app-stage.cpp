@@ -34,7 +34,8 @@ const char *brisel_stage_style() {
 }
 
 void brisel_stage_set_style(Evas_Object *widget, const char *usual) {
-  elm_object_style_set(widget, _is_round() ? brisel_stage_style() : usual);
+  const char *style = _is_round() ? brisel_stage_style() : usual;
+  if (style) elm_object_style_set(widget, style);
 }
 
 void brisel_stage_put(Evas_Object *window, Evas_Object *object) {

@@ -16,7 +16,7 @@ void brisel_stage_put(Evas_Object *window, Evas_Object *object);
 /* The style that a round display gives to the view stack's items, whose titles are centred, to popups, which fill it,
    and to buttons; also the last part of a group's name. NULL: the usual one. */
 const char *brisel_stage_style();
-/* The style of what is made with it; usual: on displays with corners. */
+/* The style of what is made with it; usual: on displays with corners, NULL for the one that it was made with. */
 void brisel_stage_set_style(Evas_Object *widget, const char *usual);
 
 #endif

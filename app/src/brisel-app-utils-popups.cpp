@@ -10,7 +10,7 @@
 static Evas_Object *_popup_add(Evas_Object *parent) {
   Evas_Object *popup = elm_popup_add(parent);
   if (!popup) return nullptr;
-  brisel_stage_set_style(popup, "default");
+  brisel_stage_set_style(popup, nullptr);
   evas_object_size_hint_weight_set(popup, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   brisel_touch_guard(popup);
   return popup;

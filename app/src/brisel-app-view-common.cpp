@@ -76,10 +76,8 @@ static Elm_Object_Item *_link(appdata *ad, Elm_Object_Item *item, Evas_Object *l
 
 Elm_Object_Item *brisel_view_push(appdata *ad, Evas_Object *layout, const char *title, Evas_Object *next_btn,
                                   Elm_Naviframe_Item_Pop_Cb pop_cb, brisel_view_head *head) {
-  /* A title is the text or its id; what is given here is what is spoken, whatever the item is told to translate. */
-  const char *text = title && *title ? brisel_util_get_text(title) : title;
-  Elm_Object_Item *item = elm_naviframe_item_push(ad->naviframe, text, nullptr, next_btn, layout, brisel_stage_style());
-  return _link(ad, item, layout, pop_cb, head);
+  return _link(ad, elm_naviframe_item_push(ad->naviframe, title, nullptr, next_btn, layout, brisel_stage_style()),
+               layout, pop_cb, head);
 }
 
 Elm_Object_Item *brisel_view_push_at_once(appdata *ad, Evas_Object *layout, Elm_Naviframe_Item_Pop_Cb pop_cb,
