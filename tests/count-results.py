@@ -1,17 +1,23 @@
 #!/usr/bin/env python3
 """Counts the cases in meson's JUnit reports (the cases inside each test program, where it reports them) and prints
 'N passed, N failed'. A program in a later report replaces its results in an earlier one; a report that is not there is
-passed over; a case that failed in an earlier one and passed in a later one is named. Exits non-zero when a case failed
-or none ran.  With --failed: names the programs that failed, from meson's JSON log."""
+passed over; a case that failed in an earlier one and passed in a later one is named. A program that ended before it
+said what failed is one failure. Exits non-zero when a case failed or none ran.
+With --failed: names the programs that failed, from meson's JSON log."""
 import json
 import os
 import re
 import sys
 import xml.etree.ElementTree as tree
 
+
+def failed_programs(log):
+    runs = [json.loads(line) for line in open(log, errors="replace") if line.strip()]
+    return sorted({r["name"].split(" / ")[-1] for r in runs if r["result"] not in ("OK", "SKIP", "EXPECTEDFAIL")})
+
+
 if sys.argv[1] == "--failed":
-    runs = [json.loads(line) for line in open(sys.argv[2], errors="replace") if line.strip()]
-    print(" ".join(sorted({r["name"].split(" / ")[-1] for r in runs if r["result"] not in ("OK", "SKIP", "EXPECTEDFAIL")})))
+    print(" ".join(failed_programs(sys.argv[2])))
     sys.exit(0)
 
 programs = {}
@@ -40,6 +46,10 @@ for program, cases in programs.items():
         passed, failed = passed + (not bad), failed + bad
         if bad:
             print(f"failed: {program}: {name}")
+for program in failed_programs(os.path.join(os.path.dirname(sys.argv[-1]), "testlog.json")):
+    if not any(bad for _, bad in programs.get(program, [])):
+        failed += 1
+        print(f"failed: {program}: it ended before it said what failed")
 for name in second:
     print(f"failed at first, passed alone: {name}")
 print(f"{passed} passed, {failed} failed")
