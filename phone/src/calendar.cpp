@@ -34,8 +34,8 @@ struct property {
 /* What the first event says, and what is said of it. */
 struct event {
   std::map<std::string, property> properties;
-  std::map<std::string, std::string>
-      zones; /* what the invitation says of the zones that it names, as a rule for GLib */
+  /* What the invitation says of the zones that it names, as a rule for GLib. */
+  std::map<std::string, std::string> zones;
   std::string method;
 
   std::string value(const char *name) const {
