@@ -99,11 +99,22 @@ int read_day(std::string_view text, int *nth) {
   return -1;
 }
 
+/* "UTC+01:00" as an offset; empty: it is no such name. GLib would take it for a rule of the C library, which counts the
+   other way. */
+std::string offset_called(const std::string &name) {
+  bool counts = name.starts_with("UTC") || name.starts_with("GMT");
+  size_t sign = counts ? name.find_first_not_of(' ', 3) : std::string::npos;
+  return sign != std::string::npos && (name[sign] == '+' || name[sign] == '-') ? name.substr(sign) : "";
+}
+
 /* The zone that a time names: what this machine knows of it comes before what the invitation says. Some makers put a
    path of their own before the name. */
 zone_holder zone_named(const event &e, const std::string &name) {
-  zone_holder zone(g_time_zone_new_identifier(name.c_str()));
+  std::string known = zone_called(name), offset = offset_called(name);
   auto told = e.zones.find(name);
+  if (known.empty() && told != e.zones.end() && !offset.empty()) known = told->second;
+  if (known.empty()) known = offset.empty() ? name : offset;
+  zone_holder zone(g_time_zone_new_identifier(known.c_str()));
   if (!zone && told != e.zones.end()) zone.reset(g_time_zone_new_identifier(told->second.c_str()));
   size_t slash = name.rfind('/');
   if (!zone && slash != std::string::npos && slash > 0 && (slash = name.rfind('/', slash - 1)) != std::string::npos)

@@ -24,6 +24,7 @@
 
 #include "maildir-names.h"
 #include "network.h"
+#include "post-aside.h"
 #include "post-imap.h"
 #include "post-rest.h"
 
@@ -34,7 +35,6 @@ constexpr int kPoll = 2 * 60;     /* where the server has no way to tell of new 
 constexpr int kFirstPause = 2, kLongestPause = 300;
 constexpr int64_t kLasting = 60; /* a connection that lasted so long was a good one */
 constexpr rlim_t kMemory = 512u << 20;
-constexpr size_t kAtOnce = 16;
 constexpr char kVersion[] = "v2", kLock[] = "/lock";
 
 struct local_file {
@@ -55,8 +55,8 @@ struct mirror {
   uint64_t modseq = 0;                  /* the server's count of changes at that time; 0: unknown */
   uint32_t exists = 0;                  /* ... and of messages */
   bool asks_changes = true;             /* until a server that offers to tell them fails to */
-  size_t at_once = kAtOnce;             /* messages asked for at once */
-  std::set<uint32_t> unreadable;        /* that the server has and cannot give */
+  post_aside aside;
+  std::set<std::string> asked_in_vain; /* files of texts that were wanted when the connection ended */
   std::string trash;
   bool trash_known = false;
   int changes = -1;  /* inotify */
@@ -195,21 +195,25 @@ int exchange_mark(mirror *m, mailimap *session, const imap_message &message, con
 }
 
 /* Fetches the texts that somebody wants to read on in. */
-int fetch_wanted(const mirror &m, mailimap *session, std::string *error) {
-  g_autoptr(GDir) names = g_dir_open((m.path + rest_folder).c_str(), 0, nullptr);
+int fetch_wanted(mirror *m, mailimap *session, std::string *error) {
+  const std::string folder = m->path + rest_folder + "/";
+  g_autoptr(GDir) names = g_dir_open(folder.c_str(), 0, nullptr);
   for (const char *name = names ? g_dir_read_name(names) : nullptr; name; name = g_dir_read_name(names)) {
     std::string wanted = name, base = wanted.substr(0, wanted.rfind('.'));
     unsigned validity = 0, uid = 0;
-    if (!wanted.ends_with(rest_suffix) || !wanted.starts_with(m.tag + ".")) continue;
-    if (sscanf(wanted.c_str() + m.tag.size(), ".%u.%u.", &validity, &uid) == 2 && validity == m.validity) {
+    if (!wanted.ends_with(rest_suffix) || !wanted.starts_with(m->tag + ".")) continue;
+    if (sscanf(wanted.c_str() + m->tag.size(), ".%u.%u.", &validity, &uid) == 2 && validity == m->validity) {
       std::vector<imap_mail> mails = {{uid}};
       int code = imap_fetch(session, true, &mails, error);
-      if (code == imap_unreadable) unlink((m.path + rest_folder + "/" + wanted).c_str()); /* asked once, not for ever */
+      /* Asked once, or once more when the connection ended, not for ever: everything else waits behind it. */
+      if (code == imap_unreadable || (code < 0 && !m->asked_in_vain.insert(wanted).second))
+        unlink((folder + wanted).c_str());
       if (code < 0) return -1;
       const std::string &raw = mails[0].raw;
-      if (!raw.empty() && put_file(m, base, m.path + rest_folder + "/" + base, 0, raw, error) < 0) return -1;
+      if (!raw.empty() && put_file(*m, base, folder + base, 0, raw, error) < 0) return -1;
     }
-    unlink((m.path + rest_folder + "/" + wanted).c_str());
+    m->asked_in_vain.erase(wanted);
+    unlink((folder + wanted).c_str());
   }
   return 0;
 }
@@ -262,24 +266,32 @@ int window_from_changes(mirror *m, mailimap *session, const imap_folder &folder,
 int fetch_new(mirror *m, mailimap *session, const std::vector<imap_message> &messages, std::string *error) {
   for (size_t from = 0; from < messages.size();) {
     std::vector<imap_mail> mails;
-    size_t count = std::min(m->at_once, messages.size() - from);
-    for (size_t n = from; n < from + count; n++)
-      if (!m->unreadable.count(messages[n].uid)) mails.push_back({messages[n].uid});
+    size_t to = from;
+    for (bool alone = false; to < messages.size() && mails.size() < m->aside.at_once && !alone; to++) {
+      uint32_t uid = messages[to].uid;
+      alone = m->aside.held.count(uid) > 0;
+      if (alone && !mails.empty()) break;
+      if (!aside_holds(m->aside, uid)) mails.push_back({uid});
+    }
+    if (!mails.empty()) aside_begin(&m->aside, mails[0].uid, mails.size());
     int code = mails.empty() ? 0 : imap_fetch(session, false, &mails, error);
-    if (code == imap_unreadable && count == 1) m->unreadable.insert(messages[from].uid);
-    if (code == imap_unreadable && count == 1) *error = "message " + std::to_string(messages[from].uid) + ": " + *error;
-    /* One that ends the connection may hold back those behind it, not the newer ones. */
-    if (code < 0) m->at_once = code == imap_unreadable ? 1 : std::max<size_t>(1, m->at_once / 2);
-    if (code < 0) return -1;
-    for (size_t n = from; n < from + count; n++)
+    if (code < 0) {
+      auto first = std::find_if(messages.begin(), messages.end(),
+                                [&mails](const imap_message &one) { return one.uid == mails[0].uid; });
+      aside_failed(&m->aside, code == imap_unreadable, first->date, *error);
+      if (mails.size() == 1) *error = "message " + std::to_string(mails[0].uid) + ": " + *error;
+      return -1;
+    }
+    for (size_t n = from; n < to; n++)
       for (const imap_mail &mail : mails) {
-        if (mail.uid != messages[n].uid || mail.raw.empty()) continue; /* gone meanwhile, or nothing to be read */
+        if (mail.uid != messages[n].uid) continue;
+        aside_came(&m->aside, mail.uid);
+        if (mail.raw.empty()) continue; /* gone meanwhile, or nothing to be read */
         if (deliver(*m, messages[n], mail.raw, mail.cut, error) < 0) return -1;
         m->agreed[mail.uid] = messages[n].seen;
       }
-    from += count;
+    from = to;
   }
-  m->at_once = kAtOnce;
   return 0;
 }
 
@@ -295,7 +307,11 @@ int take_over(mirror *m, mailimap *session, const std::vector<imap_message> &mes
     else if (exchange_mark(m, session, *at, file->second, error) < 0)
       return -1;
   }
+  /* Those that could not be had before come last: they may end the connection again. */
+  std::stable_partition(fresh.begin(), fresh.end(),
+                        [m](const imap_message &one) { return m->aside.held.count(one.uid) == 0; });
   if (fetch_new(m, session, fresh, error) < 0) return -1;
+  aside_done(&m->aside, there);
   for (const auto &[uid, file] : m->files)
     if (!there.count(uid)) drop(*m, file.path);
   for (const std::string &path : m->stale) drop(*m, path);
@@ -314,8 +330,9 @@ int mirror_once(mirror *m, mailimap *session, std::string *error) {
   if (folder.validity != m->validity) {
     m->validity = folder.validity;
     load_agreed(m);
+    aside_load(&m->aside, m->path, m->tag, m->folder, m->validity);
   }
-  if (list_files(m, error) < 0 || fetch_wanted(*m, session, error) < 0 || remove_deleted(m, session, error) < 0)
+  if (list_files(m, error) < 0 || fetch_wanted(m, session, error) < 0 || remove_deleted(m, session, error) < 0)
     return -1;
   int known = window_from_changes(m, session, folder, &messages, error);
   if (known < 0 || (known == 0 && imap_list_newest(session, m->newest, &messages, error) < 0)) return -1;
@@ -337,8 +354,11 @@ int follow(mirror *m, bool *worked, std::string *error) {
     if (!*worked) say(*m, "follows " + m->account.imap);
     *worked = true;
     int longest = imap_can_idle(session.get()) ? kRenewal : kPoll, changed = 0;
-    while (changed == 0)
-      if ((changed = imap_wait(session.get(), m->changes, longest, error)) < 0) return -1;
+    while (changed == 0) {
+      int wait = aside_next(m->aside, longest);
+      if ((changed = imap_wait(session.get(), m->changes, wait, error)) < 0) return -1;
+      if (wait < longest) changed = 1; /* for what was set aside */
+    }
   }
 }
 
@@ -431,6 +451,8 @@ int post_mirror_run(const std::string &config, const std::string &account, const
     if (worked && now() - begun > kLasting) pause = kFirstPause;
     if (error != told) say(m, error + "; tried again until it works");
     told = error;
+    if (m.aside.holds_more) pause = kFirstPause; /* what was behind it can come now */
+    m.aside.holds_more = false;
     pause = rest_a_while(m, pause) ? kFirstPause : std::min(pause * 2, kLongestPause);
   }
 }

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "post-aside.h"
 #include "relay-parts.h"
 
 namespace {
@@ -53,6 +54,9 @@ int read_status(status_record *status, std::string *error) {
   }
   status->accounts = json::parse(accounts, nullptr, false);
   if (!status->accounts.is_array()) status->accounts = json::array();
+  for (json &a : status->accounts)
+    for (const auto &[message, why] : aside_list(a.value("path", std::string())))
+      a["set_aside"].push_back({{"message", message}, {"reason", why}});
   status->running = relay_is_running();
   status->link = link_report_read(state.get());
   return 0;

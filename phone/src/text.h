@@ -15,6 +15,9 @@ std::string text_clean(std::string_view text);
    when again, and where. Returns false when it is none. */
 bool calendar_read(const std::string &calendar, std::string *head, std::string *description);
 
+/* The time zone that calendars call so, as the time zone database calls it; empty: none is known. */
+std::string zone_called(std::string_view name);
+
 /* format=flowed: a line that ends in a blank goes on in the next one of the same quote depth. */
 std::string plain_unflow(const std::string &text, bool delete_space);
 

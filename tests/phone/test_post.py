@@ -5,6 +5,7 @@ import os
 import socket
 import ssl
 import subprocess
+import threading
 import time
 
 from phone_test import (Relay, body_text, by_uid, delete_on_watch, equal, main, message, more_on_watch, read_on_watch,
@@ -223,6 +224,55 @@ def test_hostile_servers(s):
                 finally:
                     follower.kill()
         equal(uids(s), {"m0@x", "m1@x", "m2@x"}, "the mails")
+
+
+def test_a_message_at_which_the_server_hangs_up(s):
+    """It holds back neither newer nor older ones; `relay status` names it; it comes when the server can give it."""
+    bad, ended = "2", []
+
+    def back(client, server):
+        with contextlib.suppress(OSError):
+            while said := server.recv(65536):
+                client.sendall(said)
+
+    def between(client, server):
+        """Passes on what both say; ends the connection when that message is asked for."""
+        with contextlib.suppress(OSError), client, server, client.makefile("rb") as said:
+            threading.Thread(target=back, args=(client, server), daemon=True).start()
+            while line := said.readline():
+                words = line.decode().split()
+                if words[1:3] == ["UID", "FETCH"] and b"BODYSTRUCTURE" in line and bad in words[3].split(","):
+                    ended.append(words[3])
+                    server.shutdown(socket.SHUT_RDWR)
+                    client.shutdown(socket.SHUT_RDWR)
+                    return
+                server.sendall(line)
+
+    def serve(listener, port):
+        with contextlib.suppress(OSError):
+            while True:
+                pair = (listener.accept()[0], socket.create_connection(("127.0.0.1", port)))
+                threading.Thread(target=between, args=pair, daemon=True).start()
+
+    with servers(s) as (authority, dovecot, exim), socket.create_server(("127.0.0.1", 0)) as listener:
+        threading.Thread(target=serve, args=(listener, dovecot.starttls), daemon=True).start()
+        other = Client(dovecot, authority.ca)
+        for n in (1, 2, 3):
+            other.add(message(f"m{n}@x"))
+        (s.dir / "relay.conf").write_text(f"[account {USER}]\nimap=imap://localhost:{listener.getsockname()[1]}\nplain=yes\n"
+                                          f"password-command=echo {PASSWORD}\n")
+        relay = Relay(s, "--config", s.dir / "relay.conf")
+        s.wait(lambda: uids(s) == {"m1@x", "m3@x"}, "the messages around it", 60)
+        equal(ended, ["3,2,1", "2", "2", "2"], "what was asked for")
+        [left] = status(s)["accounts"][0]["set_aside"]
+        assert left["message"].startswith("INBOX, message 2 of 20") and "connection ended" in left["reason"], left
+        bad = ""
+        relay.kill()
+        [aside] = s.dir.rglob("aside.*")
+        lines = aside.read_text().splitlines()
+        aside.write_text("\n".join([lines[0], " ".join(["2", "1", *lines[1].split()[2:]])]) + "\n")  # its wait is over
+        relay.start()
+        s.wait(lambda: uids(s) == {"m1@x", "m2@x", "m3@x"} and not status(s)["accounts"][0]["set_aside"], "the message")
 
 
 def test_who_is_not_trusted(s):
