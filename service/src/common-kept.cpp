@@ -39,6 +39,10 @@ struct sync_state {
   int error = 0;
 } &sync_now = *new sync_state;
 
+bool is_show_of(size_t numbers, int mails) {
+  return mails >= 0 && (numbers == static_cast<size_t>(mails) || numbers == 2 * static_cast<size_t>(mails));
+}
+
 bool read_request(GVariant *one, kept_request *r) {
   const char *uid = nullptr;
   variant ids(g_variant_get_child_value(one, 2), g_variant_unref);
@@ -59,15 +63,18 @@ bool read_request(GVariant *one, kept_request *r) {
   }
   return kept_member(r->type) && !r->uid.empty() && r->uid.size() <= uid_max && r->ids.size() <= ids_max &&
          (r->type != BRISEL_IPC_CLIENT_REQ_TYPE_REPLY || r->texts.size() == reply_texts) &&
-         (r->type < BRISEL_IPC_CLIENT_REQ_TYPE_DROP_REQUEST || r->ids.size() == 1);
+         (r->type < BRISEL_IPC_CLIENT_REQ_TYPE_DROP_REQUEST || r->ids.size() == 1) &&
+         (r->type != kept_show || (r->texts.size() == 1 && is_show_of(r->ids.size(), r->mail_id)));
 }
 
 }  // namespace
 
 const char *kept_member(int type) {
   switch (type) {
-    case -1:
+    case kept_no_account:
       return "NoAccount";
+    case kept_show:
+      return "Show";
     case BRISEL_IPC_CLIENT_REQ_TYPE_DELETE_NOTIS:
       return "DeleteNotis";
     case BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND:

@@ -6,13 +6,17 @@
 #include <string>
 #include <vector>
 
+/* Types besides a brisel_ipc_client_req_type. */
+inline constexpr int kept_no_account = -1, kept_show = -2;
+
 struct kept_request {
-  int type; /* a brisel_ipc_client_req_type, or -1: no account */
+  int type;
   std::string uid;
-  std::vector<int> ids;
-  int host_state = 0;             /* of a reply: whether a service may have it, see below */
-  std::vector<std::string> texts; /* of a reply: six, in the order of its record, the subject last */
-  int mail_id = 0;
+  std::vector<int> ids; /* of kept_show: of each mail, and behind them how far each was read, or nothing */
+  int host_state = 0;   /* of a reply: whether a service may have it, see below; of kept_show: when it was asked */
+  std::vector<std::string>
+      texts;       /* of a reply: six, in the order of its record, the subject last; of kept_show: kind */
+  int mail_id = 0; /* of kept_show: how many mails */
 };
 
 /* A reply's host_state: no service can have it yet, so that it may be changed or dropped here. */

@@ -94,8 +94,17 @@ std::string new_uid(void) {
   return host.uid_base + std::to_string(++host.next_uid);
 }
 
+int append_show(const request &r, sd_bus_message *m) {
+  const size_t mails = static_cast<size_t>(r.mail_id), bytes = mails * sizeof(int32_t);
+  int e = sd_bus_message_append_basic(m, 's', r.texts[0].c_str());
+  if (e >= 0) e = sd_bus_message_append_array(m, 'i', r.ids.data(), bytes);
+  return e < 0 || r.ids.size() == mails ? e : sd_bus_message_append_array(m, 'i', r.ids.data() + mails, bytes);
+}
+
 int new_message(const request &r, sd_bus_message **m) {
-  int e = sd_bus_message_new_method_call(host.bus, m, host_name, host_path, watch_interface, kept_member(r.type));
+  const bool has_positions = r.type == kept_show && r.ids.size() != static_cast<size_t>(r.mail_id);
+  int e = sd_bus_message_new_method_call(host.bus, m, host_name, host_path, watch_interface,
+                                         has_positions ? "ShowAt" : kept_member(r.type));
   if (e >= 0) e = sd_bus_message_append_basic(*m, 's', r.uid.c_str());
   if (r.type == BRISEL_IPC_CLIENT_REQ_TYPE_REPLY) {
     for (size_t i = 0; e >= 0 && i < 5; i++) e = sd_bus_message_append_basic(*m, 's', r.texts[i].c_str());
@@ -105,6 +114,8 @@ int new_message(const request &r, sd_bus_message **m) {
   } else if (r.type == BRISEL_IPC_CLIENT_REQ_TYPE_REPEAT_REQUEST) {
     const char *text = r.texts.empty() ? "" : r.texts[0].c_str();
     if (e >= 0) e = sd_bus_message_append(*m, "xbs", static_cast<int64_t>(r.ids[0]), !r.texts.empty(), text);
+  } else if (r.type == kept_show) {
+    if (e >= 0) e = append_show(r, *m);
   } else if (r.type >= 0) {
     if (e >= 0) e = sd_bus_message_append_array(*m, 'i', r.ids.data(), r.ids.size() * sizeof(int32_t));
     if (e >= 0 && r.type == BRISEL_IPC_CLIENT_REQ_TYPE_UPDATE_IND)
@@ -228,6 +239,11 @@ int request_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
   return 0;
 }
 
+bool is_stale_show(const request &r) {
+  const int64_t age = static_cast<int64_t>(time(nullptr)) - r.host_state;
+  return r.type == kept_show && (age < 0 || age > show_age);
+}
+
 void send_next(void) {
   if (host.queue.empty() || host.call_slot || host.retry || !host.open) return;
   if (!host.bus) {
@@ -235,6 +251,11 @@ void send_next(void) {
     return;
   }
   request &first = host.queue.front();
+  if (is_stale_show(first)) {
+    const sd_bus_error error = {host_error_timeout, "nobody waits for it any more", 0};
+    finish_first(&error);
+    return;
+  }
   if (common_is_here_only(&first)) {
     /* In the file too before anybody can have it. */
     first.host_state = 0;

@@ -57,7 +57,7 @@ int brisel_ipc_req_reply(reply_noti_data *data, brisel_ipc_response_cb callback,
 
 int brisel_ipc_req_no_account(brisel_ipc_response_cb callback, void *user_data) {
   request r;
-  r.type = -1;
+  r.type = kept_no_account;
   r.callback = callback;
   r.user_data = user_data;
   return common_enqueue(std::move(r));

@@ -79,9 +79,6 @@ int send_request(host *h, int64_t id, const std::string &json, const std::string
   return r;
 }
 
-/* Seconds. Who asked for a mail on the phone has looked at the phone by then, and does something else with it. */
-constexpr int64_t show_age = 120;
-
 bool is_stale_show(const std::string &text) {
   /* Replies of some mebibytes wait there, too: only what may be one is taken apart. */
   if (text.find("\"request\":\"show\"") == std::string::npos) return false;

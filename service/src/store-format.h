@@ -77,6 +77,10 @@ constexpr int64_t journal_ended_kept = 24 * 3600;
    [reply] (brisel_request_kind) and [kept] (journal_ended_kept). */
 std::string journal_sql(std::string_view sql);
 
+/* Seconds that a mail may wait to be shown on a phone. Who asked for it has looked at the phone by then, and does
+   something else with it. */
+constexpr int64_t show_age = 120;
+
 /* Text that every border takes: what is no UTF-8, a zero byte or a code point that a bus refuses becomes U+FFFD. */
 std::string clean_text(std::string_view text);
 

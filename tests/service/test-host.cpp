@@ -1,11 +1,13 @@
 /* Requests of the application as the phone gets them, and when either side goes away. */
 #include "cases.h"
+#include "host-launch.h"
 #include "host-test.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 
 namespace {
@@ -133,13 +135,17 @@ TEST_F(Host, WhatWasAcceptedOutlivesTheApplicationThatIsKilled) {
   EXPECT_EQ(0, kill(service, SIGKILL)); /* whether it had read the first or not */
   ASSERT_TRUE(run_until([&] { return other.service() != service; }));
   EXPECT_EQ(0, brisel_ipc_client_init());
-  ASSERT_TRUE(run_until([&] { return start_service(&other) > 0 && query("SELECT count(*) FROM outbox") == "3\n"; }));
-  const json expected[] = {{{"request", "delete_notis"}, {"id_list", {8000}}},
-                           {{"request", "update_ind"}, {"id_list", {8001}}, {"host_state", 77}},
-                           reply_heard(8002, "a reply")};
+  ASSERT_TRUE(run_until([&] { return start_service(&other) > 0 && query("SELECT count(*) FROM outbox") == "4\n"; }));
+  const json expected[] = {
+      {{"request", "delete_notis"}, {"id_list", {8000}}},
+      {{"request", "update_ind"}, {"id_list", {8001}}, {"host_state", 77}},
+      reply_heard(8002, "a reply"),
+      {{"request", "show"}, {"kind", "email"}, {"id_list", {8003}}, {"position_list", {9}}},
+  };
   phone_peer phone;
-  ASSERT_TRUE(phone.has(3));
-  for (size_t i = 0; i < 3; i++) EXPECT_EQ(expected[i], phone.requests[i].json);
+  ASSERT_TRUE(phone.has(4));
+  EXPECT_EQ(1u, phone.requests[3].json.erase("asked"));
+  for (size_t i = 0; i < 4; i++) EXPECT_EQ(expected[i], phone.requests[i].json);
   ASSERT_TRUE(run_until([&] { return access(kept.c_str(), F_OK) != 0; }));
 
   /* One that cannot be read is set aside, and nothing is made of it. */
@@ -150,8 +156,8 @@ TEST_F(Host, WhatWasAcceptedOutlivesTheApplicationThatIsKilled) {
   EXPECT_EQ(0, brisel_ipc_client_init());
   EXPECT_EQ(0, access((kept + ".broken").c_str(), F_OK));
   EXPECT_NE(0, access(kept.c_str(), F_OK));
-  EXPECT_EQ(0, send_delete(8003));
-  ASSERT_TRUE(run_until([&] { return query("SELECT count(*) FROM outbox") == "4\n"; }));
+  EXPECT_EQ(0, send_delete(8004));
+  ASSERT_TRUE(run_until([&] { return query("SELECT count(*) FROM outbox") == "5\n"; }));
 }
 
 TEST_F(Host, BadArgumentsAreRefusedAndChangeNothing) {
@@ -316,6 +322,8 @@ int main(int argc, char **argv) {
     send_delete(8000);
     send_read(8001, 77);
     send_reply(8002, "a reply");
+    launch_host_set_position(8003, 9);
+    launch_host_predefined_application("email", std::array{8003}.data(), 1);
     raise(SIGKILL);
   }
   const int result = RUN_ALL_TESTS();
