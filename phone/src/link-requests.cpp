@@ -80,6 +80,11 @@ bool well_formed(const nlohmann::json &request) {
   if (request.contains("mail_id") && !request["mail_id"].is_number_integer()) return false;
   for (const char *key : {"message_uid", "text", "subject", "recipient", "host_tag"})
     if (request.contains(key) && !request[key].is_string()) return false;
+  for (const char *key : {"host_tag_list", "message_uid_list"})
+    if (request.contains(key) &&
+        (!request[key].is_array() ||
+         !std::all_of(request[key].begin(), request[key].end(), [](const auto &one) { return one.is_string(); })))
+      return false;
   if (!request.contains("id_list")) return true;
   const nlohmann::json &ids = request["id_list"];
   return ids.is_array() && std::all_of(ids.begin(), ids.end(), [](const auto &id) { return id.is_number_integer(); });

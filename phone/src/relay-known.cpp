@@ -34,15 +34,16 @@ int ensure_account(followed *a, const std::vector<host_record> &accounts, std::s
   return -1;
 }
 
-/* What other commands removed from the watch meanwhile stays removed. */
+/* What was deleted on the watch or by other commands meanwhile, and is only on disk so far, stays deleted. */
 int take_over_deleted(followed *a) {
-  std::vector<std::string> keys;
+  std::map<std::string, bool> keys;
   if (relay_rows_deleted(a->r->state.get(), a->settings.name, &keys) < 0) return -1;
-  for (const std::string &key : keys) {
+  for (const auto &[key, want_gone] : keys) {
     auto found = a->rows.find(key);
-    if (found == a->rows.end()) continue;
+    if (found == a->rows.end() || found->second.state == deleted) continue;
     found->second.state = deleted;
     found->second.mail_id = 0;
+    found->second.want_gone = want_gone;
   }
   return 0;
 }
@@ -122,7 +123,7 @@ int match_account(followed *a, const std::vector<watch_mail_id> &mails) {
 }  // namespace
 
 std::string relay_tag(const followed &a) {
-  return "relay:" + a.settings.name;
+  return std::string(relay_tag_begin) + a.settings.name;
 }
 
 int known_load(followed *a) {

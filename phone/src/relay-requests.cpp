@@ -8,12 +8,23 @@ namespace {
 
 constexpr size_t kMostUnknown = 64u << 10; /* bytes of the numbers of mails whose calls had no answer */
 
-int keep_deleted(phone_state *state, int mail_id, bool on_watch) {
+/* tag, uid: what the watch says of the mail besides its number, or nothing. */
+int keep_deleted(phone_state *state, int mail_id, bool on_watch, const std::string &tag, const std::string &uid) {
   int marked = relay_mail_set_deleted(state, mail_id, on_watch), dropped = 0;
   if (marked < 0 || phone_state_drop_mails(state, {mail_id}, &dropped) < 0) return -1;
   if (marked > 0 || dropped > 0) return 0;
+  if (!uid.empty() && tag.starts_with(relay_tag_begin)) {
+    marked = relay_name_set_deleted(state, tag.substr(relay_tag_begin.size()), uid);
+    if (marked != 0) return marked < 0 ? -1 : 0;
+  }
   int sending = relay_any_sending(state);
   return sending > 0 ? relay_note_set(state, note_unknown_deletions, "1") : sending;
+}
+
+/* Watches before these lists have none. */
+std::string name_of(const nlohmann::json &request, const char *list, size_t i) {
+  const auto names = request.find(list);
+  return names != request.end() && i < names->size() ? (*names)[i].get<std::string>() : std::string();
 }
 
 /* A mail whose number is not known yet is marked when the watch's list tells it. */
@@ -30,10 +41,10 @@ int keep_read(phone_state *state, int mail_id) {
 
 int keep_reply(phone_state *state, const nlohmann::json &request, const std::string &uid) {
   std::string tag = request.value("host_tag", std::string());
-  if (tag.rfind("relay:", 0) != 0) return 0; /* a mail that was only sent by hand has nobody to answer for it */
+  if (!tag.starts_with(relay_tag_begin)) return 0; /* a mail that was only sent by hand has nobody to answer for it */
   reply_parts parts;
   relay_account_row account;
-  if (relay_account_find(state, tag.substr(6), &account) < 0) return -1;
+  if (relay_account_find(state, tag.substr(relay_tag_begin.size()), &account) < 0) return -1;
   parts.from_address = account.address;
   parts.from_name = account.display_name;
   parts.recipient = request.value("recipient", std::string());
@@ -58,7 +69,7 @@ int keep_reply(phone_state *state, const nlohmann::json &request, const std::str
 int relay_forget_mails(phone_state *state, const std::vector<int> &mail_ids) {
   return phone_state_change(state, [&] {
     for (int id : mail_ids)
-      if (keep_deleted(state, id, false) < 0) return -1;
+      if (keep_deleted(state, id, false, {}, {}) < 0) return -1;
     return 0;
   });
 }
@@ -67,9 +78,13 @@ int relay_keep_request(phone_state *state, const nlohmann::json &request, const 
   std::string kind = request.value("request", std::string());
   if (kind == "reply") return keep_reply(state, request, uid);
   if ((kind != "delete_notis" && kind != "update_ind") || !request.contains("id_list")) return 0;
-  for (const auto &id : request["id_list"]) {
-    int mail_id = id.get<int>();
-    if ((kind == "delete_notis" ? keep_deleted(state, mail_id, true) : keep_read(state, mail_id)) < 0) return -1;
+  const nlohmann::json &ids = request["id_list"];
+  for (size_t i = 0; i < ids.size(); i++) {
+    int mail_id = ids[i].get<int>();
+    if ((kind == "delete_notis" ? keep_deleted(state, mail_id, true, name_of(request, "host_tag_list", i),
+                                               name_of(request, "message_uid_list", i))
+                                : keep_read(state, mail_id)) < 0)
+      return -1;
   }
   return 0;
 }

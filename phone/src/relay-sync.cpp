@@ -122,6 +122,7 @@ void inherit(relay_row *to, relay_row *from) {
   to->mail_id = from->mail_id;
   to->row = from->row;
   to->want_seen = to->want_seen || from->want_seen;
+  to->want_gone = to->want_gone || from->want_gone;
   to->seen = from->seen;
   to->dirty = true;
   from->state = copy;

@@ -10,6 +10,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "outbox.h"
@@ -55,6 +56,9 @@ int relay_print_status(bool json);
 /* Makes replies that wait due now (0), or forgets one (its number). Returns the exit code. */
 int relay_retry();
 int relay_drop(int64_t id);
+
+/* The host_tag of a relay's mails: this, and the account's name. */
+inline constexpr std::string_view relay_tag_begin = "relay:";
 
 /* What every phone does with a request about mail that a relay brought, so that none is lost while only `serve` runs.
    Inside the transaction that keeps the request. uid: see link.h. Returns 0, or -1. */

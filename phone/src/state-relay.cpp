@@ -79,17 +79,25 @@ int relay_row_reload(phone_state *state, const std::string &account, const std::
   return 0;
 }
 
-int relay_rows_deleted(phone_state *state, const std::string &account, std::vector<std::string> *keys) {
-  sql_statement query(&state->db, "SELECT file FROM relay_mail WHERE account = ? AND state = ?");
+int relay_rows_deleted(phone_state *state, const std::string &account, std::map<std::string, bool> *keys) {
+  sql_statement query(&state->db, "SELECT file, want_gone FROM relay_mail WHERE account = ? AND state = ?");
   query.bind(account, deleted);
   sql_result result;
-  while ((result = query.step()) == sql_row) keys->push_back(query.text(0));
+  while ((result = query.step()) == sql_row) keys->emplace(query.text(0), query.number(1) != 0);
   return result == sql_done ? 0 : state_fail(state, kCannotRead);
 }
 
 int relay_mail_set_deleted(phone_state *state, int mail_id, bool on_watch) {
   sql_statement mark(&state->db, "UPDATE relay_mail SET state = ?, mail_id = 0, want_gone = ? WHERE mail_id = ?");
   if (mark.bind(deleted, on_watch, mail_id).run() < 0) return state_fail(state, kCannotWrite);
+  return static_cast<int>(state->db.changed());
+}
+
+int relay_name_set_deleted(phone_state *state, const std::string &account, const std::string &identity) {
+  sql_statement mark(&state->db,
+                     "UPDATE relay_mail SET state = ?, mail_id = 0, want_gone = 1"
+                     " WHERE account = ? AND identity = ? AND state = ?");
+  if (mark.bind(deleted, account, identity, sending).run() < 0) return state_fail(state, kCannotWrite);
   return static_cast<int>(state->db.changed());
 }
 

@@ -5,6 +5,7 @@
 #ifndef BRISEL_PHONE_STATE_RELAY_H
 #define BRISEL_PHONE_STATE_RELAY_H
 
+#include <map>
 #include <unordered_map>
 
 #include "state.h"
@@ -43,14 +44,18 @@ int relay_rows_write(phone_state *state, const std::string &account, const relay
                      const std::vector<std::string> &gone);
 /* Takes over what requests and other commands changed on disk of the row: number, state and what is wanted. */
 int relay_row_reload(phone_state *state, const std::string &account, const std::string &key, relay_row *row);
-/* The keys of the messages that the user deleted. */
-int relay_rows_deleted(phone_state *state, const std::string &account, std::vector<std::string> *keys);
+/* The keys of the messages that the user deleted, and of each whether the mailbox is to be told still. */
+int relay_rows_deleted(phone_state *state, const std::string &account, std::map<std::string, bool> *keys);
 /* The mail was deleted by the user; on_watch: there, and not by a command. Returns how many messages it was, or -1. */
 int relay_mail_set_deleted(phone_state *state, int mail_id, bool on_watch);
 /* Returns how many messages it is, or -1. */
 int relay_mail_want_seen(phone_state *state, int mail_id);
 /* Returns 1 when a message is being sent, 0, or -1. */
 int relay_any_sending(phone_state *state);
+
+/* The user deleted on the watch a mail of the account whose number never reached the phone: from now on it counts as
+   deleted. Returns how many rows it was, or -1. */
+int relay_name_set_deleted(phone_state *state, const std::string &account, const std::string &identity);
 
 /* How many messages have not been taken by the watch as far as is known. Returns 0, or -1. */
 int relay_count_waiting(phone_state *state, int64_t *count);

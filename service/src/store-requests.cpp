@@ -7,6 +7,8 @@
 /* What may wait for a phone: a watch that saw none for weeks stays far below, and a client gone mad fills no disk. No
    program takes more than half of it, so that another's requests still find room. */
 constexpr int64_t outbox_bytes_max = 16 << 20, outbox_entries_max = 20000;
+/* Bytes of the names of all mails of a request. */
+constexpr size_t names_max = 64 << 10;
 
 store_status check_room(store *st, const store_request &asked) {
   sql_statement held(&st->db,
@@ -19,6 +21,25 @@ store_status check_room(store *st, const store_request &asked) {
   };
   if (!has_room(0, 1)) return fail(st, store_full, "too much waits for the phone already");
   if (!has_room(2, 2)) return fail(st, store_full, "too much of this program waits for the phone already");
+  return store_ok;
+}
+
+store_status store_mail_names(store *st, const std::vector<int> &ids, std::vector<std::string> *tags,
+                              std::vector<std::string> *uids) {
+  sql_statement find(&st->db, "SELECT host_tag, message_uid FROM mail WHERE mail_id = ?");
+  size_t bytes = 0;
+  bool any = false;
+  for (const int id : ids) {
+    const sql_result r = find.bind(id).step();
+    if (r == sql_failed) return fail_sql(st);
+    tags->push_back(r == sql_row ? find.text(0) : "");
+    uids->push_back(r == sql_row ? find.text(1) : "");
+    any = any || !uids->back().empty();
+    bytes += tags->back().size() + uids->back().size();
+  }
+  if (any && bytes <= names_max) return store_ok;
+  tags->clear();
+  uids->clear();
   return store_ok;
 }
 

@@ -112,6 +112,10 @@ struct store_request {
   std::string client = {}; /* whose program asks */
 };
 
+/* Of each mail what its phone calls it: host_tag and message_uid, empty for one that is not there. Nothing at all when
+   none has a name, or all together are too long to go along with a request. */
+store_status store_mail_names(store *st, const std::vector<int> &ids, std::vector<std::string> *tags,
+                              std::vector<std::string> *uids);
 /* Each does its work, puts the json into the outbox and remembers the uid, all in one transaction; *entry gets the
    outbox's id. store_done when the uid is known already. */
 store_status store_request_delete(store *st, const store_request &asked, const std::vector<int> &ids, int64_t *entry);

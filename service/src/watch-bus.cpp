@@ -175,7 +175,13 @@ int list_in_view(sd_bus_message *m, void *data, sd_bus_error *error) {
 
 int host_delete(host *h, const std::string &uid, const std::string &client, const std::vector<int> &ids,
                 sd_bus_error *error) {
-  const json_record json = {{"request", "delete_notis"}, {"id_list", ids}};
+  json_record json = {{"request", "delete_notis"}, {"id_list", ids}};
+  /* A phone that never heard which numbers its mails got here knows them by these. */
+  std::vector<std::string> tags, uids;
+  if (store_mail_names(h->st, ids, &tags, &uids) == store_ok && !uids.empty()) {
+    json["host_tag_list"] = tags;
+    json["message_uid_list"] = uids;
+  }
   int64_t entry = 0;
   const store_status status = store_request_delete(h->st, {uid, to_text(json), client}, ids, &entry);
   return taken(h, status, entry, json, error);

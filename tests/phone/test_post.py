@@ -2,14 +2,17 @@
 import contextlib
 import imaplib
 import os
+import pathlib
+import signal
 import socket
+import sqlite3
 import ssl
 import subprocess
 import threading
 import time
 
-from phone_test import (Relay, body_text, by_uid, delete_on_watch, equal, main, message, more_on_watch, read_on_watch,
-                        reply_on_watch, status)
+from phone_test import (Relay, body_text, by_uid, delete_on_watch, equal, host_pid, main, message, more_on_watch,
+                        read_on_watch, reply_on_watch, status)
 from brisel_servers import PASSWORD, USER, Authority, Dovecot, Exim
 from post_servers import Hostile, Imap4d
 
@@ -141,7 +144,7 @@ def test_read_on_and_deleted_at_servers_of_all_kinds(s):
             others[n].add(message(f"long{n}@x", body=text))
             equal(setup(s, authority, f"imaps://localhost:{dovecot.tls}", f"smtps://localhost:{exim.tls}", "--name", f"a{n}",
                         "--delete-on-server").returncode, 0, "setup")
-        Relay(s, "--config", s.dir / "relay.conf", "--first", "20000")
+        relay = Relay(s, "--config", s.dir / "relay.conf", "--first", "20000")
         s.wait(lambda: uids(s) == {f"{name}{n}@x" for name in ("go", "long") for n in range(3)}, "the mails")
         assert max(p.stat().st_size for p in s.dir.rglob("cur/imap-*")) < 20000, "the beginning was fetched"
         for n, other in enumerate(others):
@@ -160,6 +163,22 @@ def test_read_on_and_deleted_at_servers_of_all_kinds(s):
         others[0].add(message("late0@x"))
         others[1].add(message("late1@x"))
         s.wait(lambda: uids(s) == {"long1@x", "long2@x", "late1@x"}, "the same relay follows the others")
+
+        # Deleted on the watch before the relay could hear which number it has there.
+        host = host_pid(s)
+        os.kill(host, signal.SIGSTOP)
+        others[1].add(message("unknown@x"))
+        state = pathlib.Path(s.env["XDG_STATE_HOME"]) / "brisel-phone" / "phone.db"
+        with contextlib.closing(sqlite3.connect(state, timeout=30)) as known:
+            s.wait(lambda: known.execute("SELECT 1 FROM relay_mail WHERE identity = 'unknown@x' AND state = 1").fetchone(),
+                   "the mail that is on its way")
+        relay.kill()
+        os.kill(host, signal.SIGCONT)
+        s.wait(lambda: "unknown@x" in uids(s), "the mail on the watch")
+        delete_on_watch(s, by_uid(s)["unknown@x"]["mail_id"])
+        relay.start()
+        s.wait(lambda: not others[1].flags("unknown@x"), "deleted at the server")
+        assert others[1].flags("late1@x"), "alone"
 
 
 def test_a_server_of_another_make(s):
