@@ -216,20 +216,22 @@ std::string ssh_reason(int said) {
 
 /* --- what can be seen of a program from outside --- */
 
-/* The sockets that it has open, by their number. */
-std::set<unsigned long> sockets_of(pid_t pid) {
-  std::set<unsigned long> out;
-  const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
-  DIR *all = opendir(folder.c_str());
+/* Adds the sockets that a program has open, by their number, and those of the programs that it started: a jump host is
+   reached by one of these. */
+void add_sockets(pid_t pid, std::set<unsigned long> *out, unsigned generations = 8) {
+  const std::string folder = "/proc/" + std::to_string(pid);
+  DIR *all = opendir((folder + "/fd").c_str());
   while (const dirent *one = all ? readdir(all) : nullptr) {
     char target[64] = "";
     unsigned long number = 0;
     if (readlinkat(dirfd(all), one->d_name, target, sizeof target - 1) > 0 &&
         sscanf(target, "socket:[%lu]", &number) == 1)
-      out.insert(number);
+      out->insert(number);
   }
   if (all) closedir(all);
-  return out;
+  FILE *f = generations > 0 ? fopen((folder + "/task/" + std::to_string(pid) + "/children").c_str(), "re") : nullptr;
+  for (pid_t child = 0; f && fscanf(f, "%d", &child) == 1;) add_sockets(child, out, generations - 1);
+  if (f) fclose(f);
 }
 
 /* An address as the kernel's tables have it: words of the machine's own order, then the port. */
@@ -352,7 +354,8 @@ std::string carrier_reason(const carrier &way) {
 
 bool carrier_knocks(const carrier &way, sockaddr_storage *to) {
   if (way.pid <= 0) return false;
-  const std::set<unsigned long> sockets = sockets_of(way.pid);
+  std::set<unsigned long> sockets;
+  add_sockets(way.pid, &sockets);
   const std::string folder = "/proc/" + std::to_string(way.pid) + "/net/";
   return any_is_connecting(sockets, folder + "tcp", to) || any_is_connecting(sockets, folder + "tcp6", to);
 }

@@ -1,5 +1,7 @@
 /* While a try waits for the first answer of a machine, asks that machine more often than the kernel repeats it for the
    try: once it answers, the next try begins. link-stream.cpp starts and ends it; nothing else calls it. */
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -42,6 +44,12 @@ void ask(phone_link *link, const sockaddr_storage &to) {
   forget(one);
   one->fd = socket(to.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (one->fd < 0) return;
+  /* The answer is not confirmed for a moment, and before that is over the connection is reset: the machine's server
+     does not hear of it. */
+  const int late = 1;
+  const linger reset = {1, 0};
+  setsockopt(one->fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &late, sizeof late);
+  setsockopt(one->fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
   const int r = connect(one->fd, reinterpret_cast<const sockaddr *>(&to), sizeof to);
   if ((r < 0 && errno != EINPROGRESS) ||
       sd_event_add_io(link->event, &one->source, one->fd, EPOLLOUT, answered_cb, link) < 0)

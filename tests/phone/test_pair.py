@@ -3,13 +3,14 @@ import contextlib
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import socket
 import sqlite3
 import subprocess
 
-from brisel_test import BUILD, Session, kill_service
+from brisel_test import BUILD, PATIENCE, Session, kill_service
 from brisel_machines import free_port, start_sshd
 from phone_test import Maildir, Relay, body_text, by_uid, delete_on_watch, equal, main, message, status
 
@@ -69,12 +70,15 @@ def test_pairing_over_ssh(s):
     users_ssh(s, watch)
     box = Maildir(s.dir / "box")
     box.deliver(message("one@x"))
-    for _ in range(2):  # the second time changes nothing
+    for old in (True, False):  # the second time changes nothing but the line of a phone that did not say who it is
         assert "is paired" in s.phone("pair", watch.address, "--name", "wrist")
         lines = watch.keys.read_text().splitlines()
         equal((lines[:2], len(lines), watch.keys.stat().st_mode & 0o777), (watch.others.splitlines(), 3, 0o600), "keys")
         me = (s.dir / "state" / "brisel-phone" / "phone-id").read_text().strip()
         assert lines[2].startswith(f'restrict,command="brisel-gate --phone={me}" ssh-ed25519 '), lines[2]
+        if old:
+            watch.keys.write_text(watch.keys.read_text().replace(f" --phone={me}", ""))
+        s.phone("account", "list")
     # Nothing but the gate can be had with the key.
     folder = s.dir / "state" / "brisel-phone" / "watches" / "wrist"
     equal([(folder / f).stat().st_mode & 0o77 for f in ("", "key", "watch.ini", "known_hosts")], [0] * 4, "modes")
@@ -190,6 +194,30 @@ def test_pairing_over_bluetooth(s):
         equal(relay.kill(15), 0, "exit code")
         s.phone("unpair", "wrist")
         assert "not paired with" in s.run("brisel-phone", "mail", "list", "--watch", address, check=False).stderr
+
+
+def test_asks_without_being_heard(s):
+    """A machine that answers nobody is asked often, also by way of another program; its server hears only of who speaks."""
+    with socket.create_server(("127.0.0.1", 0), backlog=0) as server, contextlib.ExitStack() as crowd:
+        port, others = server.getsockname()[1], set()
+        for _ in range(4):  # no more than that come in
+            one = crowd.enter_context(socket.socket())
+            one.setblocking(False)
+            one.connect_ex(("127.0.0.1", port))
+            others.add(one.getsockname()[1])
+        relay = Relay(s, "--maildir", f"me@example.org={Maildir(s.dir / 'box').path}", "--watch",
+                      f"exec:ssh -F /dev/null -o BatchMode=yes -p {port} 127.0.0.1 brisel-gate; true")
+        asking = re.compile(f" 0100007F:{port:04X} 02 ")
+        s.wait(lambda: len(asking.findall(pathlib.Path("/proc/net/tcp").read_text())) > len(others) + 1, "questions")
+        crowd.close()
+        server.settimeout(PATIENCE)
+        heard = None
+        while not heard:
+            caller, (_, number) = server.accept()
+            with caller:
+                heard = number not in others and (caller.recv(4), )
+        equal(heard[0], b"SSH-", "what comes of it")
+        relay.kill(15)
 
 
 def test_ends_while_it_connects(s):
