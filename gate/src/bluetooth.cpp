@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/epoll.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
@@ -16,6 +17,7 @@
 #include <string>
 
 #include "brisel-bluez.h"
+#include "platform-stop.h"
 
 extern char **environ;
 
@@ -157,15 +159,20 @@ int bluez_came_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   return 0;
 }
 
+int stopped_cb(sd_event_source *source, int fd, uint32_t revents, void *data) {
+  return sd_event_exit(sd_event_source_get_event(source), 0);
+}
+
 int set_up(server *all) {
   for (phone &one : all->phones) one.all = all;
   int r = sd_event_default(&all->event);
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) sigaddset(&signals, number);
+  for (const int number : {SIGHUP, SIGCHLD}) sigaddset(&signals, number);
   sigprocmask(SIG_BLOCK, &signals, nullptr);
-  for (const int number : {SIGTERM, SIGINT, SIGHUP})
-    if (r >= 0) r = sd_event_add_signal(all->event, nullptr, number, nullptr, nullptr);
+  if (r >= 0) r = sd_event_add_signal(all->event, nullptr, SIGHUP, nullptr, nullptr);
+  const int stop = platform_stop_open(); /* a bus may be waited for that does not answer */
+  if (r >= 0) r = stop < 0 ? -errno : sd_event_add_io(all->event, nullptr, stop, EPOLLIN, stopped_cb, nullptr);
   if (r >= 0) r = sd_bus_open_system(&all->bus);
   if (r >= 0) r = sd_bus_set_exit_on_disconnect(all->bus, 1);
   if (r >= 0)

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -592,6 +593,22 @@ TEST_F(Gate, EndsInEveryState) {
       if (service) kill(service, SIGCONT);
       EXPECT_TRUE(until([] { return !linked(); }));
     }
+}
+
+TEST_F(Gate, EndsThoughTheSystemsBusIsSilent) {
+  sockaddr_un to = {AF_UNIX, ""};
+  snprintf(to.sun_path, sizeof to.sun_path, "%s/silent-bus", platform_runtime_dir());
+  const int bus = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(0, bind(bus, reinterpret_cast<const sockaddr *>(&to), sizeof to));
+  ASSERT_EQ(0, listen(bus, 1));
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", (std::string("unix:path=") + to.sun_path).c_str(), 1);
+  gated gate({"--bluetooth"}, false);
+  unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+  pollfd comes = {bus, POLLIN, 0};
+  EXPECT_EQ(1, poll(&comes, 1, -1));
+  kill(gate.pid, SIGTERM);
+  EXPECT_EQ(0, gate.code());
+  close(bus);
 }
 
 TEST_F(Gate, ASilentPhoneIsLetGo) {
