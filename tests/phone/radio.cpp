@@ -84,7 +84,7 @@ int connect_device(one_device *d, sd_bus_message *m) {
     dup2(ends[1], 0);
     dup2(ends[1], 1);
     setenv("DBUS_SESSION_BUS_ADDRESS", d->session, 1);
-    execl(r->gate, "brisel-gate", nullptr);
+    execl(r->gate, "brisel-gate", "--no-timers", nullptr);
     _exit(127);
   }
   close(ends[1]);
