@@ -60,6 +60,11 @@ void apply_direction(void) {
 void apply_time_zone(void) {
   platform_zone zone;
   if (platform_zone_read(&zone) != 0) return;
+  if (zone.name.empty()) {
+    /* A file of its own may have other rules now: the C library reads it again only when the variable changes. */
+    setenv("TZ", "UTC", 1);
+    tzset();
+  }
   setenv("TZ", zone.tz.c_str(), 1);
   tzset();
 }

@@ -171,7 +171,11 @@ void action(const std::string &name) {
 
 bool create(void *data) {
   const char *delay = getenv("PROBE_CREATE_DELAY");
-  if (delay) usleep(static_cast<useconds_t>(atoi(delay)) * 1000);
+  const double end = ecore_time_get() + (delay ? atoi(delay) / 1000.0 : 0);
+  while (ecore_time_get() < end) { /* the loop turns, as when an application waits for something */
+    ecore_main_loop_iterate();
+    usleep(5000);
+  }
   if (getenv("PROBE_CREATE_FAILS")) return false;
   win = elm_win_util_standard_add("probe", "probe");
   evas_object_show(win);
