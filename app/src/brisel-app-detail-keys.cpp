@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "brisel-app-detail.h"
+#include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 
@@ -210,8 +211,7 @@ void __brisel_detail_watch_keys(brisel_detail_view *view_data) {
   Evas_Object *layout = view_data->page_scroller_layout;
   /* Nothing in the reader has the focus, so keys are heard without it. */
   evas_object_event_callback_add(layout, EVAS_CALLBACK_KEY_DOWN, __brisel_detail_key_cb, view_data);
-  for (const auto &key : reader_keys)
-    if (!evas_object_key_grab(layout, key.name, 0, 0, EINA_FALSE)) BRISEL_WARN("the key %s cannot be heard", key.name);
+  for (const auto &key : reader_keys) brisel_touch_hear_key(layout, key.name, EINA_FALSE);
 }
 
 void __brisel_detail_leave_keys(brisel_detail_view *view_data) {
@@ -219,5 +219,5 @@ void __brisel_detail_leave_keys(brisel_detail_view *view_data) {
   __brisel_detail_drop_ring(view_data);
   if (!layout) return;
   evas_object_event_callback_del_full(layout, EVAS_CALLBACK_KEY_DOWN, __brisel_detail_key_cb, view_data);
-  for (const auto &key : reader_keys) evas_object_key_ungrab(layout, key.name, 0, 0);
+  for (const auto &key : reader_keys) brisel_touch_leave_key(layout, key.name);
 }

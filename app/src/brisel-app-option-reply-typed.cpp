@@ -4,6 +4,7 @@
 
 #include "brisel-app-option-reply.h"
 #include "brisel-app-stage.h"
+#include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
 #include "efl_assist.h"
@@ -232,9 +233,7 @@ static void __brisel_option_reply_key_cb(void *data, Evas *e, Evas_Object *obj, 
 static void __brisel_option_reply_follow_keys(option_reply_view_data *vd, Evas_Object *btn) {
   evas_object_smart_callback_add(btn, "unfocused", __brisel_option_reply_unfocused_cb, nullptr);
   evas_object_event_callback_add(vd->emoticon_layout, EVAS_CALLBACK_KEY_DOWN, __brisel_option_reply_key_cb, vd);
-  for (const char *key : {"Tab", "ISO_Left_Tab"})
-    if (!evas_object_key_grab(vd->emoticon_layout, key, 0, 0, EINA_TRUE))
-      BRISEL_WARN("the key %s cannot be heard", key);
+  for (const char *key : {"Tab", "ISO_Left_Tab"}) brisel_touch_hear_key(vd->emoticon_layout, key, EINA_TRUE);
 }
 
 static Evas_Object *__brisel_option_reply_create_send_button(Evas_Object *parent) {

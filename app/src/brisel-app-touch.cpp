@@ -4,6 +4,7 @@
 #include <Elementary.h>
 
 #include <algorithm>
+#include <string_view>
 
 #include "brisel-log.h"
 
@@ -173,6 +174,24 @@ static Evas_Object *_add_invisible(Evas *canvas) {
   return object;
 }
 
+/* A grab without modifiers hears nothing while one is down, and Tab goes back with Shift. 0: the key has no way back.
+ */
+static Evas_Modifier_Mask _back_of(Evas_Object *object, std::string_view key) {
+  return key.ends_with("Tab") ? evas_key_modifier_mask_get(evas_object_evas_get(object), "Shift") : 0;
+}
+
+void brisel_touch_hear_key(Evas_Object *object, const char *key, Eina_Bool alone) {
+  const Evas_Modifier_Mask back = _back_of(object, key);
+  if (!evas_object_key_grab(object, key, 0, 0, alone) || (back && !evas_object_key_grab(object, key, back, 0, alone)))
+    BRISEL_WARN("the key %s cannot be heard", key);
+}
+
+void brisel_touch_leave_key(Evas_Object *object, const char *key) {
+  const Evas_Modifier_Mask back = _back_of(object, key);
+  evas_object_key_ungrab(object, key, 0, 0);
+  if (back) evas_object_key_ungrab(object, key, back, 0);
+}
+
 /* Whoever moves the focus with keys sees where it is. */
 static void _pane_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   if (elm_win_focus_highlight_enabled_get(window)) return;
@@ -192,7 +211,7 @@ void brisel_touch_watch(Evas_Object *win, void (*place)(void *data), void *data)
   place_data = data;
   pane = _add_invisible(evas_object_evas_get(win));
   for (const char *key : {"Tab", "ISO_Left_Tab", "Up", "Down", "Left", "Right", "Prior", "Next", "Home", "End"})
-    if (!evas_object_key_grab(pane, key, 0, 0, EINA_FALSE)) BRISEL_WARN("the key %s cannot be heard", key);
+    brisel_touch_hear_key(pane, key, EINA_FALSE);
   evas_object_event_callback_add(pane, EVAS_CALLBACK_KEY_DOWN, _pane_key_cb, nullptr);
   evas_object_geometry_set(pane, 0, 0, SHRT_MAX, SHRT_MAX);
   evas_object_repeat_events_set(pane, EINA_TRUE);

@@ -25,6 +25,10 @@ brisel_touch_wait *brisel_touch_when_read(void (*read_cb)(void *data), void *dat
 void brisel_touch_stop_waiting(brisel_touch_wait *wait);
 /* Whether the last touch was in the lower half of the window. */
 bool brisel_touch_was_low();
+/* The object hears the key wherever the focus is, with Shift too where that turns its way; alone: nobody else does.
+   Until brisel_touch_leave_key(), or the object's end. */
+void brisel_touch_hear_key(Evas_Object *object, const char *key, Eina_Bool alone);
+void brisel_touch_leave_key(Evas_Object *object, const char *key);
 /* Whether the key of that time has made the focus visible: it shows where the focus is, and moves it no further. */
 bool brisel_touch_key_reveals(unsigned timestamp);
 

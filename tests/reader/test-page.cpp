@@ -148,6 +148,31 @@ TEST_F(Page, EachVisitToAnUnreadMailIsToldOnce) {
   EXPECT_EQ(phone.count("update_ind"), 1);
 }
 
+TEST_F(Page, EveryMarkThatWasNotKeptIsOfferedAgain) {
+  fill({"a", "b", "c"});
+  brisel_ipc_client_deinit();
+  open_reader(ids[0]);
+  for (int pages = 0; pages < 2; pages++) show_page(true);
+  EXPECT_EQ(brisel_ipc_client_init(), 0);
+  tap(text_at(brisel_util_get_text("IDS_EMAIL_SK_TRY_AGAIN")));
+  EXPECT_TRUE(run_until([&] { return phone.count("update_ind") == 3; }));
+  for (size_t i = 0; i < ids.size(); i++) EXPECT_EQ(phone.requests[i].json.at("id_list"), nlohmann::json({ids[i]}));
+}
+
+TEST_F(Page, TabGoesRoundAndBackWithShift) {
+  fill({"a"});
+  open_reader(ids[0]);
+  for (const char *back : {"Tab", "ISO_Left_Tab"}) { /* what a display server sends for Tab with Shift */
+    key("Tab");
+    key("Tab");
+    const int at = reader()->ring_at;
+    evas_key_modifier_on(test_ad.evas, "Shift");
+    key(back);
+    evas_key_modifier_off(test_ad.evas, "Shift");
+    EXPECT_EQ(reader()->ring_at, at - 1) << back;
+  }
+}
+
 TEST_F(Page, PickoverShowsTheMailOnThePhone) {
   fill({"a", "b"});
   EXPECT_EQ(pickover_take_over(), -1) << "nothing is on the screen yet";
