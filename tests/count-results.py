@@ -2,7 +2,7 @@
 """Counts the cases in meson's JUnit reports (the cases inside each test program, where it reports them) and prints
 'N passed, N failed'. A program in a later report replaces its results in an earlier one; a report that is not there is
 passed over; a case that failed in an earlier one and passed in a later one is named. A program that ended before it
-said what failed is one failure. Exits non-zero when a case failed or none ran.
+said what failed is one failure: the JSON log beside the last report tells of it. Exits non-zero when a case failed or none ran.
 With --failed: names the programs that failed, from meson's JSON log."""
 import json
 import os
@@ -46,7 +46,7 @@ for program, cases in programs.items():
         passed, failed = passed + (not bad), failed + bad
         if bad:
             print(f"failed: {program}: {name}")
-for program in failed_programs(os.path.join(os.path.dirname(sys.argv[-1]), "testlog.json")):
+for program in failed_programs(sys.argv[-1].removesuffix(".junit.xml") + ".json"):
     if not any(bad for _, bad in programs.get(program, [])):
         failed += 1
         print(f"failed: {program}: it ended before it said what failed")

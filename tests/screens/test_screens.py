@@ -32,7 +32,7 @@ WALKS = {
 
 def walk(name, out):
     values, compared = WALKS[name]
-    command = [TOP / "tools/screens", "--build", BUILD, "--out", out, "--dump"]
+    command = [sys.executable, TOP / "tools/screens", "--build", BUILD, "--out", out, "--dump"]
     for key, value in values.items():
         command += [f"--{key}", value]
     done = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
