@@ -39,7 +39,7 @@ void record(const std::string &number, const std::string &type, const char *hand
       {"time", static_cast<long long>(time(nullptr))}, {"number", number}, {"launch-type", type}, {"handler", handler}};
   const std::string line = entry.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
   const std::string file = std::string(folder) + "/calls.jsonl";
-  const int fd = open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+  const int fd = open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   const bool written = fd >= 0 && write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
   if (!written) __dlog_print(DLOG_ERROR, log_tag, "%s: %s", file.c_str(), strerror(errno));
   if (fd >= 0) close(fd);

@@ -212,7 +212,7 @@ int replies_start(relay *r) {
   r->reply_timer.reset(timer);
   if (result >= 0) result = sd_event_source_set_enabled(timer, SD_EVENT_OFF);
   if (result < 0) return result;
-  int fd = open(replies_wake_path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  int fd = open(replies_wake_path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd >= 0) close(fd);
   result = sd_event_add_inotify(event, &wake, replies_wake_path().c_str(), IN_CLOSE_WRITE, wake_cb, r);
   r->wake.reset(wake);

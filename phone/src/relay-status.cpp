@@ -116,7 +116,7 @@ void print_text(const status_record &status) {
 
 /* A running relay looks at its replies again. */
 void wake_relay() {
-  int fd = open(replies_wake_path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  int fd = open(replies_wake_path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd >= 0) close(fd);
 }
 

@@ -67,7 +67,7 @@ int state_fail(phone_state *state, const char *what) {
 
 std::string phone_base_path(const char *name) {
   const char *folder = platform_state_dir();
-  if (!folder || !own_folder(folder)) return "";
+  if (!folder) return "";
   return name && *name ? std::string(folder) + "/" + name : folder;
 }
 

@@ -6,6 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <utility>
 
 namespace {
@@ -57,6 +61,20 @@ void make_private(const std::string &path, bool create) {
   }
 }
 
+/* The file's path without links in its folder's: where the user put the folder is the user's choice. The file itself
+   may be none: what is written through it would lie where nobody put it. "" with errno. */
+std::string path_without_links(const std::string &path) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+    errno = ELOOP;
+    return {};
+  }
+  const size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  const std::unique_ptr<char, decltype(&free)> real(realpath(folder.c_str(), nullptr), free);
+  return real ? std::string(real.get()) + "/" + path.substr(slash == std::string::npos ? 0 : slash + 1) : std::string();
+}
+
 }  // namespace
 
 void sql_count_no_memory(void) {
@@ -86,11 +104,17 @@ int sql_db::open(const std::string &path, sql_access access, int wait_ms) {
   close();
   code_ = SQLITE_OK;
   error_.clear();
-  make_private(path, access == sql_access::create);
-  int flags = SQLITE_OPEN_NOMUTEX; /* one thread only: no locks inside SQLite */
+  const std::string file = path_without_links(path);
+  if (file.empty()) {
+    code_ = SQLITE_CANTOPEN;
+    error_ = errno == ELOOP ? "it is a symbolic link, which is not followed" : strerror(errno);
+    return sql_failed;
+  }
+  make_private(file, access == sql_access::create);
+  int flags = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW; /* one thread only: no locks inside SQLite */
   flags |= access == sql_access::read ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE;
   if (access == sql_access::create) flags |= SQLITE_OPEN_CREATE;
-  const int opened = sqlite3_open_v2(path.c_str(), &handle_, flags, nullptr);
+  const int opened = sqlite3_open_v2(file.c_str(), &handle_, flags, nullptr);
   if (note(opened)) {
     close();
     return sql_failed;

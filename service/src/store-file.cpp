@@ -15,7 +15,7 @@ namespace {
 
 bool is_at(const std::string &path, const file_identity &file) {
   struct stat info;
-  return stat(path.c_str(), &info) == 0 && info.st_dev == file.device && info.st_ino == file.inode;
+  return lstat(path.c_str(), &info) == 0 && info.st_dev == file.device && info.st_ino == file.inode;
 }
 
 store_status fail_file(store *st, const char *what) {

@@ -45,13 +45,13 @@ bool check_database(sql_db *db, int opened, const std::string &path, std::string
 /* Looks at the file without writing to it. */
 bool check_file(const std::string &path, std::string *why) {
   struct stat info;
-  if (stat(path.c_str(), &info) != 0) {
+  if (lstat(path.c_str(), &info) != 0) {
     if (errno == ENOENT) return true;
     *why = path + ": " + strerror(errno);
     return false;
   }
   if (!S_ISREG(info.st_mode)) {
-    *why = path + " is no file";
+    *why = path + (S_ISLNK(info.st_mode) ? " is a symbolic link, which is not followed" : " is no file");
     return false;
   }
   if (info.st_size == 0) return true;
@@ -79,7 +79,7 @@ store_status bring_up_to_date(store *st) {
 
 file_identity identity_of(const std::string &path) {
   struct stat info;
-  if (stat(path.c_str(), &info) != 0) return {};
+  if (lstat(path.c_str(), &info) != 0) return {};
   return {info.st_dev, info.st_ino};
 }
 

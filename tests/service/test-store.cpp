@@ -263,12 +263,26 @@ TEST(Opening, MakesAStoreOfNothingAndKeepsOthersOut) {
   store_close(st);
 }
 
-TEST(Opening, FollowsLinksOnTheWay) {
+TEST(Opening, FollowsLinksOnTheWayButNotTheLastOne) {
   folder f;
   fs::create_directory(f.path / "far");
   fs::create_directory_symlink(f.path / "far", f.path / "near"); /* as some systems have their home folders */
   store_close(open_or_fail((f.path / "near" / "store.db").string()));
   EXPECT_TRUE(fs::exists(f.path / "far" / "store.db"));
+  /* Wherever it leads, also when nothing is there yet: nothing is written through it, nor through one of the logs. */
+  std::ofstream(f.path / "other") << "kept";
+  for (const char *end : {"", "-wal", "-shm"})
+    for (const char *target : {"elsewhere", "other"}) {
+      SCOPED_TRACE(std::string(end) + " " + target);
+      fs::create_symlink(f.path / target, f.file + end);
+      std::string why;
+      store *st = store_open(f.file, &why);
+      EXPECT_TRUE(*end || (!st && why.find("symbolic link") != std::string::npos)) << why;
+      store_close(st);
+      EXPECT_FALSE(fs::exists(f.path / "elsewhere"));
+      EXPECT_EQ(4u, fs::file_size(f.path / "other"));
+      for (const char *one : {"", "-wal", "-shm"}) fs::remove(f.file + one);
+    }
 }
 
 /* As builds of each version left it: what they held is all there, and what they could not do works. */
