@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "efl_assist.h"
 
@@ -19,7 +20,7 @@ constexpr size_t launch_bytes_max = 256 * 1024;
 
 /* A received request that wants an answer: answered by the first reply, or when its last handle goes. */
 struct launch_call {
-  sd_bus_message *message = nullptr;
+  std::vector<sd_bus_message *> messages; /* its own, and of those that it stands for; none: answered */
   launch_call() = default;
   launch_call(const launch_call &) = delete;
   launch_call &operator=(const launch_call &) = delete;
@@ -52,7 +53,8 @@ int app_bus_start(void);
 void app_access_start(void); /* offers the application's interfaces; 0, or negative */
 void app_bus_stop(void);
 void app_bus_release_name(void);
-void app_launch_flush_pending(void); /* requests that arrived before create had finished */
+/* Hands over what has arrived, if the application is ready for it: of several the last one, which stands for all. */
+void app_launch_flush_pending(void);
 
 /* app-locale.cpp: language, region, time zone. */
 struct app_locale_callbacks {

@@ -305,7 +305,7 @@ void app_deliver_launch(service_s *service) {
   if (app.callbacks.service) app.callbacks.service(service, app.user_data);
   app_inspect_launched();
   /* Not kept for later, so it is done. */
-  if (service->call && service->call.use_count() == 1 && service->call->message)
+  if (service->call && service->call.use_count() == 1 && !service->call->messages.empty())
     service_reply_to_launch_request(nullptr, service, SERVICE_RESULT_SUCCEEDED);
 }
 

@@ -1,4 +1,7 @@
+#include <Ecore.h>
+
 #include <cerrno>
+#include <utility>
 #include <vector>
 
 #include "app-priv.h"
@@ -17,7 +20,10 @@ constexpr char bus_path[] = "/org/freedesktop/DBus";
 
 sd_bus_slot *application_slot;
 sd_bus_slot *desktop_slot;
-std::vector<service_s *> pending; /* arrived before create had finished */
+/* The request that arrived last and was not handed over yet: while create goes on, or until the loop's next turn. Those
+   of one turn are joined, for opening what nobody will see takes its time and has its consequences. */
+std::unique_ptr<service_s> pending;
+Ecore_Job *pending_job;
 
 /* --- texts and paths --- */
 
@@ -62,43 +68,57 @@ int send_answer(sd_bus_message *call, int result, const std::map<std::string, st
   return r;
 }
 
+/* 0, or the last error. */
+int answer_all(launch_call *call, int result, const std::map<std::string, std::string> &extra) {
+  int failed = 0;
+  for (sd_bus_message *message : std::exchange(call->messages, {})) {
+    if (const int r = send_answer(message, result, extra); r < 0) failed = r;
+    sd_bus_message_unref(message);
+  }
+  return failed;
+}
+
 /* --- received requests --- */
 
+void pending_cb(void *data) {
+  pending_job = nullptr;
+  app_launch_flush_pending();
+}
+
 /* Takes the request in; it is answered when the application is done with it. */
-int receive(sd_bus_message *m, service_s *service) {
+int receive(sd_bus_message *m, std::unique_ptr<service_s> service) {
   service->app_id = app_id();
+  if (pending) service->call = pending->call;
   if (sd_bus_message_get_expect_reply(m)) {
-    service->call = std::make_shared<launch_call>();
-    service->call->message = sd_bus_message_ref(m);
+    if (!service->call) service->call = std::make_shared<launch_call>();
+    service->call->messages.push_back(sd_bus_message_ref(m));
   }
-  if (app_ready()) {
-    app_deliver_launch(service);
-    delete service;
-  } else {
-    pending.push_back(service);
-  }
+  pending = std::move(service);
+  if (app_ready() && !pending_job) pending_job = ecore_job_add(pending_cb, nullptr);
   return 1;
 }
 
 int launch_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  auto *service = new service_s;
+  auto service = std::make_unique<service_s>();
   const int r = read_extra(m, &service->extra);
-  if (r >= 0) return receive(m, service);
-  delete service;
+  if (r >= 0) return receive(m, std::move(service));
   return sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "The launch request's extra data is too large");
 }
 
 int pause_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  app_launch_flush_pending();
   app_go_background();
   return sd_bus_reply_method_return(m, nullptr);
 }
 
 int resume_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  app_launch_flush_pending();
   app_go_foreground();
   return sd_bus_reply_method_return(m, nullptr);
 }
 
 int quit_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
+  app_launch_flush_pending();
   app_efl_exit();
   return sd_bus_reply_method_return(m, nullptr);
 }
@@ -113,6 +133,7 @@ int key_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   const char *key;
   const int r = sd_bus_message_read(m, "s", &key);
   if (r < 0) return r;
+  app_launch_flush_pending();
   if (strcmp(key, "back") == 0)
     ea_dispatch(EA_CALLBACK_BACK);
   else if (strcmp(key, "more") == 0)
@@ -127,6 +148,7 @@ int keypad_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   int show;
   const int r = sd_bus_message_read(m, "b", &show);
   if (r < 0) return r;
+  app_launch_flush_pending();
   if (!app_window()) return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "There is no window");
   show ? keypad_show() : keypad_hide();
   app_inspect_settled(answer_settled_cb, sd_bus_message_ref(m));
@@ -134,7 +156,7 @@ int keypad_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
 }
 
 int activate_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
-  return receive(m, new service_s);
+  return receive(m, std::make_unique<service_s>());
 }
 
 /* A desktop may hand files or addresses over; the application gets the first as extra data and may ignore it. */
@@ -143,9 +165,9 @@ int open_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   const char *uri = nullptr;
   if (r >= 0) r = sd_bus_message_read(m, "s", &uri);
   if (r < 0) return r;
-  auto *service = new service_s;
+  auto service = std::make_unique<service_s>();
   if (uri && strlen(uri) <= launch_bytes_max) service->extra["uri"] = uri;
-  return receive(m, service);
+  return receive(m, std::move(service));
 }
 
 int activate_action_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
@@ -154,7 +176,7 @@ int activate_action_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   if (r < 0) return r;
   if (strcmp(action, "launch") != 0)
     return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, "The application has no such action");
-  auto *service = new service_s;
+  auto service = std::make_unique<service_s>();
   const char *contents;
   r = sd_bus_message_enter_container(m, 'a', "v");
   if (r >= 0) r = sd_bus_message_peek_type(m, nullptr, &contents);
@@ -164,8 +186,7 @@ int activate_action_cb(sd_bus_message *m, void *data, sd_bus_error *error) {
   } else if (r > 0) {
     r = -EINVAL;
   }
-  if (r >= 0) return receive(m, service);
-  delete service;
+  if (r >= 0) return receive(m, std::move(service));
   return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, "The launch action takes one record of texts");
 }
 
@@ -250,10 +271,8 @@ int reachable(sd_bus *bus, const char *name) {
 }  // namespace
 
 launch_call::~launch_call() {
-  if (!message) return;
-  /* Nobody can answer any more, so the sender must not wait any longer. */
-  send_answer(message, SERVICE_RESULT_CANCELED, {});
-  sd_bus_message_unref(message);
+  /* Nobody can answer any more, so the senders must not wait any longer. */
+  answer_all(this, SERVICE_RESULT_CANCELED, {});
 }
 
 std::string app_object_path(const char *id) {
@@ -345,11 +364,8 @@ int service_send_launch_request(service_h service, service_reply_cb reply_cb, vo
 }
 
 int service_reply_to_launch_request(service_h reply, service_h request, int result) {
-  if (!request || !request->call || !request->call->message) return SERVICE_ERROR_INVALID_PARAMETER;
-  sd_bus_message *call = request->call->message;
-  request->call->message = nullptr;
-  const int r = send_answer(call, result, reply ? reply->extra : std::map<std::string, std::string>());
-  sd_bus_message_unref(call);
+  if (!request || !request->call || request->call->messages.empty()) return SERVICE_ERROR_INVALID_PARAMETER;
+  const int r = answer_all(request->call.get(), result, reply ? reply->extra : std::map<std::string, std::string>());
   return r < 0 ? SERVICE_ERROR_LINK : SERVICE_ERROR_NONE;
 }
 
@@ -405,11 +421,9 @@ int app_bus_start(void) {
 }
 
 void app_launch_flush_pending(void) {
-  while (!pending.empty() && app_ready()) {
-    service_s *service = pending.front();
-    pending.erase(pending.begin());
-    app_deliver_launch(service);
-    delete service;
+  while (pending && app_ready()) {
+    const std::unique_ptr<service_s> service = std::move(pending);
+    app_deliver_launch(service.get());
   }
 }
 
@@ -420,8 +434,9 @@ void app_bus_release_name(void) {
 
 void app_bus_stop(void) {
   bus_loop_watch_del(bus_watch_cb, nullptr);
-  for (service_s *service : pending) delete service;
-  pending.clear();
+  if (pending_job) ecore_job_del(pending_job);
+  pending_job = nullptr;
+  pending.reset();
   app_inspect_stop();
   application_slot = sd_bus_slot_unref(application_slot);
   desktop_slot = sd_bus_slot_unref(desktop_slot);
