@@ -36,17 +36,20 @@ void look_after_file(host *h) {
     return;
   }
   h->file_retry_usec = 0;
+  pair_keep_id(h);
   host_announce(h);
 }
 
 int folder_cb(sd_event_source *source, const inotify_event *event, void *data) {
   host *h = static_cast<host *>(data);
   const bool folder_went = event->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED);
+  if (event->len && !strcmp(event->name, pair_id_file)) pair_keep_id(h);
   if (!folder_went && (!event->len || strncmp(event->name, store_file, sizeof(store_file) - 1) != 0)) return 0;
   if (!store_file_is_there(h->st)) look_after_file(h);
   if (!folder_went) return 0;
   const int r = host_follow_file(h, std::string(h->folder));
   if (r < 0) fprintf(stderr, "brisel-hostd: the store's folder is not followed any more: %s\n", strerror(-r));
+  if (!store_file_is_there(h->st)) look_after_file(h); /* what happened before it was followed tells nobody */
   return 0;
 }
 

@@ -98,8 +98,12 @@ void mails_drop(host *h);
 
 /* --- pair.cpp: who is who --- */
 
+inline constexpr char pair_id_file[] = "watch-id"; /* in the folder of the store */
+
 /* Reads this watch's id, or makes one. Below 0 an errno. */
 int pair_start(host *h);
+/* Writes the id again when it is not there: the next start would make another, and every phone be a stranger. */
+void pair_keep_id(const host *h);
 /* The method Introduce. */
 int pair_introduce(sd_bus_message *m, void *data, sd_bus_error *error);
 /* Who a connection said it is. */

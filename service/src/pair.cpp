@@ -17,7 +17,6 @@
 
 namespace {
 
-constexpr char id_file[] = "watch-id";
 constexpr char programs_file[] = "phone-programs";
 constexpr size_t programs_max = 64u << 10; /* bytes of that file */
 constexpr size_t introduced_max = 16;      /* connections; the oldest are forgotten */
@@ -67,23 +66,35 @@ bool is_named_program(const std::string &program) {
   return ("\n" + text + "\n").find("\n" + program + "\n") != std::string::npos;
 }
 
+bool read_id(const platform_folder &folder, std::string *id) {
+  return platform_file_read(folder.fd, pair_id_file, pair_id_size, id) == 0 && is_id(*id);
+}
+
+int write_id(const platform_folder &folder, const std::string &id) {
+  const int r = platform_file_replace(folder.fd, pair_id_file, "watch-id.new", id.data(), id.size(), true, nullptr);
+  return r == 0 ? 0 : -errno;
+}
+
 }  // namespace
 
 int pair_start(host *h) {
   const platform_folder folder(platform_data_dir());
   if (folder.fd < 0) return -errno;
+  if (read_id(folder, &h->watch_id)) return 0;
+  sd_id128_t fresh;
+  char text[SD_ID128_STRING_MAX];
+  const int r = sd_id128_randomize(&fresh);
+  if (r < 0) return r;
+  h->watch_id = sd_id128_to_string(fresh, text);
+  return write_id(folder, h->watch_id);
+}
+
+void pair_keep_id(const host *h) {
+  const platform_folder folder(h->folder.c_str());
   std::string id;
-  if (platform_file_read(folder.fd, id_file, pair_id_size, &id) != 0 || !is_id(id)) {
-    sd_id128_t fresh;
-    char text[SD_ID128_STRING_MAX];
-    const int r = sd_id128_randomize(&fresh);
-    if (r < 0) return r;
-    id = sd_id128_to_string(fresh, text);
-    if (platform_file_replace(folder.fd, id_file, "watch-id.new", id.data(), id.size(), true, nullptr) != 0)
-      return -errno;
-  }
-  h->watch_id = id;
-  return 0;
+  if (h->watch_id.empty() || read_id(folder, &id)) return;
+  const int r = write_id(folder, h->watch_id);
+  if (r < 0) fprintf(stderr, "brisel-hostd: the watch's id cannot be written again: %s\n", strerror(-r));
 }
 
 int pair_introduce(sd_bus_message *m, void *data, sd_bus_error *error) {

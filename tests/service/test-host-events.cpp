@@ -167,6 +167,18 @@ TEST_F(Host, AStoreThatIsDeletedIsPutBackAndAnotherInItsPlaceIsTakenOver) {
   other.set_text(mail, "subject", "kept again");
   ASSERT_TRUE(run_until([&] { return subjects() == "kept again\n"; }));
   ASSERT_TRUE(run_until([&] { return !ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE).empty(); }));
+  const std::string folder = store_path().substr(0, store_path().rfind('/'));
+  const auto watch_id = [&] {
+    std::string id;
+    std::getline(std::ifstream(folder + "/watch-id"), id);
+    return id;
+  };
+  const std::string before = watch_id();
+  EXPECT_EQ(32u, before.size());
+  EXPECT_EQ(0, unlink((folder + "/watch-id").c_str()));
+  ASSERT_TRUE(run_until([&] { return watch_id() == before; }));
+  ASSERT_EQ(0, rename(folder.c_str(), (folder + ".gone").c_str())); /* with all that is in it, at once */
+  ASSERT_TRUE(run_until([&] { return subjects() == "kept again\n" && watch_id() == before; }));
   std::ofstream(store_path() + ".new") << "no store";
   ASSERT_EQ(0, rename((store_path() + ".new").c_str(), store_path().c_str()));
   ASSERT_TRUE(run_until([&] { return subjects() == "kept again\n"; }));
