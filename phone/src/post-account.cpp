@@ -209,6 +209,18 @@ int post_server_read(const post_account &account, const std::string &url, post_s
     return -1;
   }
   server->security = scheme.ends_with('s') ? post_security::tls : post_security::starttls;
+  if (imap ? port == 465 || port == 587 || port == 25 : port == 143 || port == 993) {
+    *error = "port " + std::to_string(port) + " is for " + (imap ? "outgoing" : "incoming") +
+             " mail; check --imap and --smtp";
+    return -1;
+  }
+  bool tls = server->security == post_security::tls;
+  if (tls ? port == 143 || port == 587 || port == 25 : port == 993 || port == 465) {
+    std::string right = (imap ? "imap" : "smtp") + std::string(tls ? "://" : "s://");
+    *error = "port " + std::to_string(port) + " begins " + (tls ? "without" : "with") + " encryption; give it as " +
+             right + server->host + ":" + std::to_string(port);
+    return -1;
+  }
   if (port == 0) port = scheme == "imaps" ? 993 : scheme == "imap" ? 143 : scheme == "smtps" ? 465 : 587;
   server->port = static_cast<uint16_t>(port);
   if (account.plain) {

@@ -20,6 +20,7 @@
 namespace {
 
 constexpr size_t kLongestReason = 200, kBuffer = 8192;
+constexpr int kGreetingSeconds = 30;
 
 struct set_free {
   void operator()(mailimap_set *set) const { mailimap_set_free(set); }
@@ -56,6 +57,25 @@ int fail(mailimap *session, int code, const char *what, std::string *error) {
   else
     *error = "the server refused to " + std::string(what) + ": " + said(session);
   return -1;
+}
+
+/* From one charset to another; empty: it is not written in the first. */
+std::string recoded(const std::string &text, const char *to, const char *from) {
+  g_autofree char *out = g_convert(text.data(), static_cast<gssize>(text.size()), to, from, nullptr, nullptr, nullptr);
+  return out ? out : "";
+}
+
+constexpr char kWire[] = "UTF-7-IMAP", kShown[] = "UTF-8";
+
+std::string name_shown(const std::string &name) {
+  std::string shown = recoded(name, kShown, kWire);
+  return shown.empty() ? name : shown;
+}
+
+/* A folder's name as servers write it. One that was given so stays as it is. */
+std::string on_wire(const std::string &name) {
+  std::string shown = recoded(name, kShown, kWire), wire = recoded(name, kWire, kShown);
+  return wire.empty() || (!shown.empty() && recoded(shown, kWire, kShown) == name) ? name : wire;
 }
 
 std::string base64(const std::string &text) {
@@ -104,7 +124,7 @@ int connect_server(mailimap *session, const post_server &server, const std::stri
              ": no safe connection could be made; if the server begins without encryption, give it as imap://";
     return -1;
   }
-  mailstream_low_set_timeout(low, imap_timeout_s);
+  mailstream_low_set_timeout(low, kGreetingSeconds);
   stream_guard(low);
   mailstream *stream = mailstream_new(low, kBuffer);
   if (tls && tls_check(stream, server.host, ca, error) < 0) {
@@ -112,8 +132,13 @@ int connect_server(mailimap *session, const post_server &server, const std::stri
     return -1;
   }
   int code = mailimap_connect(session, stream);
-  if (code != MAILIMAP_NO_ERROR_AUTHENTICATED && code != MAILIMAP_NO_ERROR_NON_AUTHENTICATED)
-    return fail(session, code, "begin", error);
+  mailstream_low_set_timeout(low, imap_timeout_s);
+  if (code != MAILIMAP_NO_ERROR_AUTHENTICATED && code != MAILIMAP_NO_ERROR_NON_AUTHENTICATED) {
+    fail(session, code, "begin", error);
+    *error = server.host + ":" + std::to_string(server.port) + ": " + *error + "; check the server's name and port" +
+             (tls ? "" : ", and whether it begins with encryption (imaps://)");
+    return -1;
+  }
   if (!starttls) return 0;
   /* The offer is not waited for: a server, or somebody between, that does not take it gets no password. What was said
      before the encryption and not read yet would count as said within it. */
@@ -418,8 +443,8 @@ int imap_select(mailimap *session, const std::string &name, imap_folder *folder,
   stream_step step(fd_of(session));
   bool counts = has(session, "CONDSTORE") || has(session, "QRESYNC");
   *folder = imap_folder();
-  int code = counts ? mailimap_select_condstore(session, name.c_str(), &folder->modseq)
-                    : mailimap_select(session, name.c_str());
+  int code = counts ? mailimap_select_condstore(session, on_wire(name).c_str(), &folder->modseq)
+                    : mailimap_select(session, on_wire(name).c_str());
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, ("open the folder " + name).c_str(), error);
   const mailimap_selection_info *info = session->imap_selection_info;
   folder->validity = info ? info->sel_uidvalidity : 0;
@@ -509,8 +534,8 @@ int imap_remove(mailimap *session, uint32_t uid, const std::string &trash, std::
   set_holder set(mailimap_set_new_single(uid));
   if (!trash.empty()) {
     bool moves = has(session, "MOVE");
-    int code = moves ? mailimap_uid_move(session, set.get(), trash.c_str())
-                     : mailimap_uid_copy(session, set.get(), trash.c_str());
+    int code = moves ? mailimap_uid_move(session, set.get(), on_wire(trash).c_str())
+                     : mailimap_uid_copy(session, set.get(), on_wire(trash).c_str());
     if (code != MAILIMAP_NO_ERROR) return fail(session, code, ("put a mail into " + trash).c_str(), error);
     if (moves) return 0;
   }
@@ -538,31 +563,39 @@ int imap_append(mailimap *session, const std::string &folder, const std::string 
   stream_step step(fd_of(session));
   mailimap_flag_list *flags = mailimap_flag_list_new_empty();
   mailimap_flag_list_add(flags, mailimap_flag_new_seen());
-  int code = mailimap_append(session, folder.c_str(), flags, nullptr, message.data(), message.size());
+  int code = mailimap_append(session, on_wire(folder).c_str(), flags, nullptr, message.data(), message.size());
   mailimap_flag_list_free(flags);
   return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, ("keep a copy in " + folder).c_str(), error);
 }
 
-int imap_special_folder(mailimap *session, const char *use, std::string *folder, std::string *error) {
+int imap_list_folders(mailimap *session, std::vector<imap_listed> *folders, std::string *error) {
   stream_step step(fd_of(session));
-  const std::string flagged = std::string("\\") + use;
   clist *list = nullptr;
   int code = mailimap_list(session, "", "*", &list);
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, "list its folders", error);
-  folder->clear();
   for (clistiter *at = list ? clist_begin(list) : nullptr; at; at = clist_next(at)) {
     auto *box = static_cast<mailimap_mailbox_list *>(clist_content(at));
-    bool meant = false;
+    folders->push_back({name_shown(box->mb_name)});
     for (clistiter *i = box->mb_flag && box->mb_flag->mbf_oflags ? clist_begin(box->mb_flag->mbf_oflags) : nullptr; i;
          i = clist_next(i)) {
-      auto *flag = static_cast<mailimap_mbx_list_oflag *>(clist_content(i));
-      const char *said = flag->of_flag_ext ? flag->of_flag_ext : "";
-      meant = meant || g_ascii_strcasecmp(said, use) == 0 || g_ascii_strcasecmp(said, flagged.c_str()) == 0;
+      const char *use = static_cast<mailimap_mbx_list_oflag *>(clist_content(i))->of_flag_ext;
+      if (use) folders->back().uses.emplace_back(*use == '\\' ? use + 1 : use);
     }
-    if (meant || (folder->empty() && g_ascii_strcasecmp(box->mb_name, use) == 0)) *folder = box->mb_name;
-    if (meant) break;
   }
   if (list) mailimap_list_result_free(list);
+  return 0;
+}
+
+int imap_special_folder(mailimap *session, const char *use, std::string *folder, std::string *error) {
+  std::vector<imap_listed> all;
+  if (imap_list_folders(session, &all, error) < 0) return -1;
+  folder->clear();
+  for (const imap_listed &one : all) {
+    bool meant = std::any_of(one.uses.begin(), one.uses.end(),
+                             [use](const std::string &u) { return g_ascii_strcasecmp(u.c_str(), use) == 0; });
+    if (meant || (folder->empty() && g_ascii_strcasecmp(one.name.c_str(), use) == 0)) *folder = one.name;
+    if (meant) break;
+  }
   return 0;
 }
 

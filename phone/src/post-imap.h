@@ -68,6 +68,14 @@ int imap_remove(mailimap *session, uint32_t uid, const std::string &trash, std::
 /* The message with this Message-ID in the selected folder; 0: none. */
 int imap_find(mailimap *session, const std::string &message_id, uint32_t *uid, std::string *error);
 int imap_append(mailimap *session, const std::string &folder, const std::string &message, std::string *error);
+
+struct imap_listed {
+  std::string name;
+  std::vector<std::string> uses = {}; /* what it says that it is for: "Sent" */
+};
+
+/* Names of folders are UTF-8 here and in the configuration, where one in the form of the servers is taken too. */
+int imap_list_folders(mailimap *session, std::vector<imap_listed> *folders, std::string *error);
 /* The folder that says of itself that it is for `use` ("Sent", "Trash"), else the one of that name; empty: none is. */
 int imap_special_folder(mailimap *session, const char *use, std::string *folder, std::string *error);
 /* Whether the server tells of changes while it is waited for. */

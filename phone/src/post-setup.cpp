@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "../mime.h"
 #include "host.h"
 #include "post-find.h"
 #include "post-imap.h"
@@ -114,6 +115,35 @@ int complete_servers(post_account *account, std::string *error) {
   return -1;
 }
 
+/* Without blanks around it, its domain as name services know it. Returns false when it is no address. */
+bool tidy_address(std::string *address) {
+  std::string text = mime_clean_line(*address, 400);
+  text.erase(0, text.find_first_not_of(' '));
+  while (text.ends_with(' ') || text.ends_with('.')) text.pop_back();
+  size_t at = text.rfind('@');
+  if (at == std::string::npos || at == 0 || at + 1 == text.size()) return false;
+  std::string local = text.substr(0, at), within = local;
+  bool quoted = local.size() > 2 && local.starts_with('"') && local.ends_with('"');
+  if (quoted) within = local.substr(1, local.size() - 2);
+  if (within.find_first_of(&" <>,;:@\"()[]\\"[quoted ? 1 : 0]) != std::string::npos) return false;
+  g_autofree char *domain = g_hostname_to_ascii(text.c_str() + at + 1);
+  *address = local + "@" + (domain ? domain : text.substr(at + 1));
+  return true;
+}
+
+/* A folder cannot be opened: where the server has no such one, its own are named. */
+void say_what_there_is(mailimap *session, const std::string &folder, std::string *error) {
+  constexpr size_t kMost = 12;
+  std::vector<imap_listed> all;
+  std::string ignored, names;
+  if (imap_list_folders(session, &all, &ignored) < 0) return;
+  for (size_t i = 0; i < all.size(); i++) {
+    if (all[i].name == folder) return;
+    if (i < kMost) names += (names.empty() ? "" : ", ") + mime_clean_line(all[i].name, 60);
+  }
+  *error = "there is no folder " + folder + "; the server has " + names + (all.size() > kMost ? ", ..." : "");
+}
+
 /* Both directions, as they will be used. Returns 0, -1 or post_refused. */
 int try_account(post_account *account, const std::string &secret, bool find_sent, std::string *error) {
   imap_session session;
@@ -121,7 +151,10 @@ int try_account(post_account *account, const std::string &secret, bool find_sent
   int opening = imap_open(*account, secret, &session, error);
   if (opening < 0) return opening;
   for (const std::string &folder : post_folders(*account))
-    if (imap_select(session.get(), folder, &opened, error) < 0) return -1;
+    if (imap_select(session.get(), folder, &opened, error) < 0) {
+      say_what_there_is(session.get(), folder, error);
+      return -1;
+    }
   if (find_sent && account->sent.empty()) imap_special_folder(session.get(), "Sent", &account->sent, error);
   if (account->smtp.empty()) return 0;
   return smtp_send(*account, secret, {}, "", nullptr, error);
@@ -202,9 +235,7 @@ int command_setup(setup_options options) {
   post_account &account = options.account;
   std::string error, secret;
   if (account.address.empty() && can_ask()) account.address = ask("E-mail address:");
-  size_t at = account.address.rfind('@');
-  if (at == std::string::npos || at == 0 || at + 1 == account.address.size() ||
-      account.address.substr(0, at).find_first_of(" \t<>,;@") != std::string::npos)
+  if (!tidy_address(&account.address))
     return complain("an e-mail address is wanted: brisel-phone setup me@example.org");
   if (account.name.empty()) account.name = account.address;
   if (account.name.find_first_of("[]\n\r") != std::string::npos || account.name == "." || account.name == "..")
@@ -216,6 +247,8 @@ int command_setup(setup_options options) {
   error.clear();
   if (account.imap.starts_with("smtp") || account.smtp.starts_with("imap"))
     return complain("--imap wants imaps://HOST and --smtp smtps://HOST, not the other way round");
+  account.imap = post_find_typed(account, "imap", account.imap);
+  account.smtp = post_find_typed(account, "smtp", account.smtp);
   if (complete_servers(&account, &error) < 0) return complain(error);
   if (try_secret(&account, &secret, &error) < 0 || keep_secret(options, secret, &error) < 0 ||
       post_mirror_create(post_mirror_path(account.name), &error) < 0 ||

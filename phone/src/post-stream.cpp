@@ -106,7 +106,14 @@ int stream_connect(const post_server &server, std::string *error) {
 }
 
 mailstream_low *stream_encrypt(int fd, const std::string &host) {
-  return mailstream_low_tls_open_with_callback(fd, name_server_cb, const_cast<char *>(host.c_str()));
+  /* The library prints a line of its own where encryption fails. */
+  int kept = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3), nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (kept >= 0 && nothing >= 0) dup2(nothing, STDERR_FILENO);
+  mailstream_low *low = mailstream_low_tls_open_with_callback(fd, name_server_cb, const_cast<char *>(host.c_str()));
+  if (kept >= 0) dup2(kept, STDERR_FILENO);
+  for (int one : {kept, nothing})
+    if (one >= 0) close(one);
+  return low;
 }
 
 void stream_guard(mailstream_low *low) {

@@ -3,14 +3,21 @@
 #include <glib.h>
 #include <gmime/gmime.h>
 
+#include <algorithm>
+
 #include "../mime.h"
 
 namespace {
 
-/* An address that cannot be taken for two, for a name, or for anything else in a header. */
-bool plain_address(const std::string &address) {
+/* An address that cannot be taken for two, for a name, or for anything else in a header. What stands before the "@" may
+   be quoted, for blanks and dots. */
+bool plain_address(std::string address) {
   size_t at = address.rfind('@');
   if (at == std::string::npos || at == 0 || at + 1 >= address.size() || address.size() > 320) return false;
+  if (at > 2 && address[0] == '"' && address[at - 1] == '"') {
+    for (size_t i : {size_t{0}, at - 1}) address[i] = '.';
+    std::replace(address.begin() + 1, address.begin() + static_cast<ptrdiff_t>(at), ' ', '.');
+  }
   for (char c : address) {
     auto byte = static_cast<unsigned char>(c);
     if (byte <= 0x20 || byte == 0x7f || c == '<' || c == '>' || c == ',' || c == ';' || c == ':' || c == '"' ||

@@ -63,15 +63,17 @@ def test_an_account_from_address_and_password(s):
         other = Client(dovecot, authority.ca)
         other.add(message("old@x", "Old"), flags="\\Seen")
         other.add(message("work@x", "Work"), "Work")
+        other.imap.create("K&APY-ln")
+        other.add(message("there@x"), "K&APY-ln")
         done = setup(s, authority, f"imaps://localhost:{dovecot.tls}", f"smtps://localhost:{exim.tls}", "--folder", "INBOX",
-                     "--folder", "Work")
+                     "--folder", "Work", "--folder", "Köln")
         equal((done.returncode, done.stderr), (0, ""), done)
         config = (s.dir / "relay.conf").read_text()
         assert PASSWORD not in config and "sent=Sent" in config, config
         equal(oct((s.dir / "relay.conf").stat().st_mode & 0o777), "0o600", "the file's mode")
         assert "both directions work" in s.phone("account", "test", "--config", s.dir / "relay.conf")
         relay = Relay(s, "--config", s.dir / "relay.conf", "--retry-first", "1")
-        s.wait(lambda: uids(s) == {"old@x", "work@x"}, "the mails of both folders")
+        s.wait(lambda: uids(s) == {"old@x", "work@x", "there@x"}, "the mails of all folders")
         equal([by_uid(s)[u]["is_read"] for u in ("old@x", "work@x")], [1, 0], "read marks")
 
         start = time.monotonic()

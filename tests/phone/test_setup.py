@@ -137,14 +137,15 @@ def test_servers_are_found(s):
             ("me@away.example", (), (("Is that your provider?", ""), *SERVERS), ("imaps://named.example\n", "smtp://named.example:587")),
             ("me@named.example", (), (), ("imaps://imap.named.example\n", "smtps://smtp.named.example\n")),
             ("me@mailed.example", (), (), ("imaps://mail.mailed.example\n",)),
-            ("me@bare.example", (), SERVERS, ("imaps://named.example\n", "smtp://named.example:587\n")))
+            ("me@bare.example", (), SERVERS, ("imaps://named.example\n", "smtp://named.example:587\n")),
+            (' "me too"@named.example. ', ("--user", "me"), (), ('[account "me too"@named.example]\n', "imaps://imap.named.example\n")))
     for address, args, answers, wanted in rows:
         (s.dir / "relay.conf").unlink(missing_ok=True)
         screen, code = dialogue(s, address, *args, answers=(*answers, ("Password:", PASSWORD), KEEP))
         equal(code, 0, screen)
         assert PASSWORD not in screen, screen
         config = (s.dir / "relay.conf").read_text()
-        assert all(w in config for w in wanted) and ("user=" in config) == (address == "me@file.example"), config
+        assert all(w in config for w in wanted) and ("user=me\n" in config) == ("file" in address or "too" in address), config
 
 
 GIVEN = ("--imap", "imaps://imap.named.example", "--smtp", "smtps://smtp.named.example")
@@ -192,7 +193,14 @@ def test_each_error_is_one_sentence(s):
             ("HOST is wanted", ("me@named.example", "--imap", "imaps://[::1", "--smtp", "smtps://x"), ()),
             ("--imap: At Most 1", ("me@named.example", *GIVEN, *GIVEN), ()), ("not expected: you@", ("me@named.example", "you@named.example"), ()),
             ("excludes --secret-file", ("me@named.example", *GIVEN, "--secret-file", "--password-command", "true"), ()),
-            ("without ;", ("me@named.example", *GIVEN, "--folder", "A;B"), ()))
+            ("without ;", ("me@named.example", *GIVEN, "--folder", "A;B"), ()),
+            ("there is no folder Wok; the server has Sent, Work", ("me@named.example", *GIVEN, "--folder", "Wok"), ()),
+            ("port 993 begins with encryption; give it as imaps://imap.named.example:993",
+             ("me@named.example", "--imap", "imap://imap.named.example:993", *GIVEN[2:]), ()),
+            ("port 587 begins without encryption; give it as smtp://", ("me@named.example", *GIVEN[:3], GIVEN[3] + ":587"), ()),
+            ("port 465 is for outgoing mail", ("me@named.example", "--imap", "imaps://imap.named.example:465", *GIVEN[2:]), ()),
+            ("named.example:443: the connection ended", ("me@named.example", "--imap", "imaps://imap.named.example:443", *GIVEN[2:]), ()),
+            ("named.example:80: the", ("me@named.example", "--imap", "imap://imap.named.example:80", *GIVEN[2:]), ()))
     for said, args, prefix in rows:
         out, code = setup(s, *args, prefix=prefix)
         assert code in (1, 2) and said in out.splitlines()[-1] and len(out.splitlines()) <= 3, out
