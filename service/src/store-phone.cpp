@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <set>
 
 #include "store-priv.h"
 
@@ -177,7 +178,7 @@ store_status store_set_account_count_known(store *st, bool known) {
 store_status store_check_mails(store *st, std::vector<mail_values> *mails) {
   if (mails->size() > mails_max) return fail(st, store_invalid, "more than %zu mails at once", mails_max);
   const int64_t now = time(nullptr);
-  int known_account = 0; /* mails of an account come together: one look for all of them */
+  std::set<int> known_accounts; /* one look for all mails of an account */
   for (mail_values &mail : *mails) {
     if (!mail.field[field_account].set) return fail(st, store_invalid, "a mail needs an account_id");
     set_number(&mail, field_time, now);
@@ -187,9 +188,9 @@ store_status store_check_mails(store *st, std::vector<mail_values> *mails) {
     const store_status status = check_values(st, mail);
     if (status) return status;
     const int account = static_cast<int>(mail.field[field_account].number);
-    if (account != known_account && !account_exists(st, account))
+    if (!known_accounts.contains(account) && !account_exists(st, account))
       return fail(st, store_invalid, "no account %d", account);
-    known_account = account;
+    known_accounts.insert(account);
   }
   return store_ok;
 }
