@@ -118,7 +118,8 @@ pair.close()
 pair = Pair(3)
 wait(lambda: pair.stored() == 3 and pair.linked(), "the link", pause=0.05)
 for name, busy in (("under way", True), ("idle", False)):
-    said = pair.log.read_text().count("does not answer")
+    wait(lambda: pair.stored() == (3 if busy else 4), "all that is to come", pause=0.05)
+    said = pair.log.read_text().count("waiting for it")
     pair.m.cut()
     start = time.monotonic()
     if busy:
@@ -129,7 +130,7 @@ for name, busy in (("under way", True), ("idle", False)):
     while len(knows) < 2 and time.monotonic() - start < 120:
         if not pair.linked():
             knows.setdefault("watch", time.monotonic() - start)
-        if pair.log.read_text().count("does not answer") > said:
+        if pair.log.read_text().count("waiting for it") > said:
             knows.setdefault("phone", time.monotonic() - start)
         time.sleep(0.05)
     for side in ("watch", "phone"):
