@@ -2,22 +2,18 @@
 #include "post-find.h"
 
 #include <arpa/nameser.h>
-#include <curl/curl.h>
 #include <glib.h>
 #include <netdb.h>
 #include <resolv.h>
 
 #include <cstring>
-#include <memory>
+
+#include "post-curl.h"
 
 namespace {
 
 constexpr size_t kMaxFile = 256u << 10;
 constexpr long kSeconds = 10, kConnectSeconds = 4;
-
-struct curl_closer {
-  void operator()(CURL *curl) const { curl_easy_cleanup(curl); }
-};
 
 size_t collect_cb(char *data, size_t size, size_t count, void *user_data) {
   auto *out = static_cast<std::string *>(user_data);
@@ -26,26 +22,31 @@ size_t collect_cb(char *data, size_t size, size_t count, void *user_data) {
   return size * count;
 }
 
-std::unique_ptr<CURL, curl_closer> prepared(const post_account &account) {
-  std::unique_ptr<CURL, curl_closer> curl(curl_easy_init());
-  curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl.get(), CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
-  curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, kSeconds);
-  if (!account.ca.empty()) curl_easy_setopt(curl.get(), CURLOPT_CAINFO, account.ca.c_str());
-  return curl;
+/* The library, with a handle set up; NULL when it cannot be had. */
+const curl_functions *prepared(const post_account &account, curl_holder *curl) {
+  const curl_functions *lib = curl_library();
+  if (!lib) return nullptr;
+  curl->reset(lib->init());
+  lib->setopt(curl->get(), CURLOPT_NOSIGNAL, 1L);
+  lib->setopt(curl->get(), CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+  lib->setopt(curl->get(), CURLOPT_TIMEOUT, kSeconds);
+  if (!account.ca.empty()) lib->setopt(curl->get(), CURLOPT_CAINFO, account.ca.c_str());
+  return lib;
 }
 
 bool get(const post_account &account, const std::string &url, std::string *text) {
-  std::unique_ptr<CURL, curl_closer> curl = prepared(account);
-  curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "https");
-  curl_easy_setopt(curl.get(), CURLOPT_REDIR_PROTOCOLS_STR, "https");
-  curl_easy_setopt(curl.get(), CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(curl.get(), CURLOPT_MAXREDIRS, 3L);
-  curl_easy_setopt(curl.get(), CURLOPT_FAILONERROR, 1L);
-  curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, collect_cb);
-  curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, text);
-  return curl_easy_perform(curl.get()) == CURLE_OK;
+  curl_holder curl;
+  const curl_functions *lib = prepared(account, &curl);
+  if (!lib) return false;
+  lib->setopt(curl.get(), CURLOPT_URL, url.c_str());
+  lib->setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "https");
+  lib->setopt(curl.get(), CURLOPT_REDIR_PROTOCOLS_STR, "https");
+  lib->setopt(curl.get(), CURLOPT_FOLLOWLOCATION, 1L);
+  lib->setopt(curl.get(), CURLOPT_MAXREDIRS, 3L);
+  lib->setopt(curl.get(), CURLOPT_FAILONERROR, 1L);
+  lib->setopt(curl.get(), CURLOPT_WRITEFUNCTION, collect_cb);
+  lib->setopt(curl.get(), CURLOPT_WRITEDATA, text);
+  return lib->perform(curl.get()) == CURLE_OK;
 }
 
 struct found_server {
@@ -152,13 +153,15 @@ bool find_record(const std::string &service, const std::string &domain, std::str
 
 /* Does a server answer there that this machine trusts? */
 bool answers(const post_account &account, const std::string &url) {
-  std::unique_ptr<CURL, curl_closer> curl = prepared(account);
-  curl_easy_setopt(curl.get(), CURLOPT_URL, (url + "/").c_str());
-  curl_easy_setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "imap,imaps,smtp,smtps");
-  curl_easy_setopt(curl.get(), CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));
-  curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, "NOOP");
-  curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, nowhere_cb);
-  return curl_easy_perform(curl.get()) == CURLE_OK;
+  curl_holder curl;
+  const curl_functions *lib = prepared(account, &curl);
+  if (!lib) return false;
+  lib->setopt(curl.get(), CURLOPT_URL, (url + "/").c_str());
+  lib->setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "imap,imaps,smtp,smtps");
+  lib->setopt(curl.get(), CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));
+  lib->setopt(curl.get(), CURLOPT_CUSTOMREQUEST, "NOOP");
+  lib->setopt(curl.get(), CURLOPT_WRITEFUNCTION, nowhere_cb);
+  return lib->perform(curl.get()) == CURLE_OK;
 }
 
 /* The first of these hosts that answers, with TLS from the first byte or after STARTTLS; empty: none. */

@@ -1,7 +1,6 @@
 /* SMTP submission: see the header. */
 #include "post-smtp.h"
 
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <glib.h>
 #include <gmime/gmime.h>
@@ -14,6 +13,7 @@
 
 #include "gmime-holders.h"
 #include "outbox.h"
+#include "post-curl.h"
 #include "post-imap.h"
 
 namespace {
@@ -22,11 +22,8 @@ constexpr size_t kMaxMessage = 16u << 20;
 constexpr long kConnectSeconds = 30, kSendSeconds = 120;
 constexpr unsigned kAfterSeconds = 120; /* for the mark and the copy */
 
-struct curl_closer {
-  void operator()(CURL *curl) const { curl_easy_cleanup(curl); }
-};
 struct slist_free {
-  void operator()(curl_slist *list) const { curl_slist_free_all(list); }
+  void operator()(curl_slist *list) const { curl_library()->slist_free_all(list); }
 };
 
 struct reading {
@@ -167,56 +164,60 @@ int smtp_send(const post_account &account, const std::string &secret, const std:
               const std::string &message, bool *for_good, std::string *error) {
   post_server server;
   if (post_server_read(account, account.smtp, &server, error) < 0) return -1;
-  std::unique_ptr<CURL, curl_closer> holder(curl_easy_init());
+  const curl_functions *lib = curl_library();
+  if (!lib) {
+    *error = "libcurl, which sends, is not on this machine";
+    return -1;
+  }
+  const curl_holder holder(lib->init());
   CURL *curl = holder.get();
   bool v6 = server.host.find(':') != std::string::npos;
   std::string url = std::string(server.security == post_security::tls ? "smtps://" : "smtp://") + (v6 ? "[" : "") +
                     server.host + (v6 ? "]" : "") + ":" + std::to_string(server.port) + "/";
   char detail[CURL_ERROR_SIZE] = "";
-  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, detail);
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "smtp,smtps");
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, kSendSeconds);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, nowhere_cb);
-  curl_easy_setopt(curl, CURLOPT_USE_SSL,
-                   static_cast<long>(server.security == post_security::none ? CURLUSESSL_NONE : CURLUSESSL_ALL));
-  if (!account.ca.empty()) curl_easy_setopt(curl, CURLOPT_CAINFO, account.ca.c_str());
-  curl_easy_setopt(curl, CURLOPT_USERNAME, account.login().c_str());
+  lib->setopt(curl, CURLOPT_ERRORBUFFER, detail);
+  lib->setopt(curl, CURLOPT_URL, url.c_str());
+  lib->setopt(curl, CURLOPT_PROTOCOLS_STR, "smtp,smtps");
+  lib->setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  lib->setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+  lib->setopt(curl, CURLOPT_TIMEOUT, kSendSeconds);
+  lib->setopt(curl, CURLOPT_WRITEFUNCTION, nowhere_cb);
+  lib->setopt(curl, CURLOPT_USE_SSL,
+              static_cast<long>(server.security == post_security::none ? CURLUSESSL_NONE : CURLUSESSL_ALL));
+  if (!account.ca.empty()) lib->setopt(curl, CURLOPT_CAINFO, account.ca.c_str());
+  lib->setopt(curl, CURLOPT_USERNAME, account.login().c_str());
   if (account.auth == post_auth::password) {
-    curl_easy_setopt(curl, CURLOPT_PASSWORD, secret.c_str());
+    lib->setopt(curl, CURLOPT_PASSWORD, secret.c_str());
   } else {
-    curl_easy_setopt(curl, CURLOPT_XOAUTH2_BEARER, secret.c_str());
-    curl_easy_setopt(curl, CURLOPT_LOGIN_OPTIONS,
-                     account.auth == post_auth::xoauth2 ? "AUTH=XOAUTH2" : "AUTH=OAUTHBEARER");
+    lib->setopt(curl, CURLOPT_XOAUTH2_BEARER, secret.c_str());
+    lib->setopt(curl, CURLOPT_LOGIN_OPTIONS, account.auth == post_auth::xoauth2 ? "AUTH=XOAUTH2" : "AUTH=OAUTHBEARER");
   }
   curl_slist *to = nullptr;
-  for (const std::string &recipient : recipients) to = curl_slist_append(to, recipient.c_str());
+  for (const std::string &recipient : recipients) to = lib->slist_append(to, recipient.c_str());
   std::unique_ptr<curl_slist, slist_free> to_holder(to);
   reading input = {&message};
   if (to) {
-    curl_easy_setopt(curl, CURLOPT_MAIL_FROM, account.address.c_str());
-    curl_easy_setopt(curl, CURLOPT_MAIL_RCPT, to);
-    curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
-    curl_easy_setopt(curl, CURLOPT_READFUNCTION, read_cb);
-    curl_easy_setopt(curl, CURLOPT_READDATA, &input);
-    curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(message.size()));
+    lib->setopt(curl, CURLOPT_MAIL_FROM, account.address.c_str());
+    lib->setopt(curl, CURLOPT_MAIL_RCPT, to);
+    lib->setopt(curl, CURLOPT_UPLOAD, 1L);
+    lib->setopt(curl, CURLOPT_READFUNCTION, read_cb);
+    lib->setopt(curl, CURLOPT_READDATA, &input);
+    lib->setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(message.size()));
   } else {
-    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "NOOP");
+    lib->setopt(curl, CURLOPT_CUSTOMREQUEST, "NOOP");
   }
   std::string said;
-  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, line_cb);
-  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &said);
-  CURLcode code = curl_easy_perform(curl);
+  lib->setopt(curl, CURLOPT_HEADERFUNCTION, line_cb);
+  lib->setopt(curl, CURLOPT_HEADERDATA, &said);
+  CURLcode code = lib->perform(curl);
   if (code == CURLE_OK) return 0;
   long answer = 0;
-  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer);
+  lib->getinfo(curl, CURLINFO_RESPONSE_CODE, &answer);
   /* Only what the server says of the sender, a recipient or the text: a greeting, STARTTLS or a login (53x) that is
      refused may be the network's doing. */
   bool about_it = code == CURLE_SEND_ERROR || (code == CURLE_WEIRD_SERVER_REPLY && input.at > 0);
   if (for_good) *for_good = about_it && answer >= 500 && answer < 600 && answer / 10 != 53;
-  *error = sentence(code, account, *detail ? detail : curl_easy_strerror(code), said, server);
+  *error = sentence(code, account, *detail ? detail : lib->strerror(code), said, server);
   return code == CURLE_LOGIN_DENIED ? post_refused : -1;
 }
 
