@@ -14,6 +14,7 @@
 #include "contacts-file.h"
 #include "contacts-vcard.h"
 #include "contacts.h"
+#include "platform-paths.h"
 #include "text-check.h"
 
 namespace {
@@ -170,6 +171,11 @@ int list_persons(sql_db *db, std::vector<std::string> *found) {
   return result == sql_failed ? -1 : 0;
 }
 
+const char *why_not(const sql_db &db) {
+  if (db.trouble() != sql_trouble::none) return db.error();
+  return platform_data_dir() ? "it is no contacts file of this version" : "its folder is not the user's alone";
+}
+
 }  // namespace
 
 int contacts_import_vcard_file(const char *path, int *count, char **error) {
@@ -192,7 +198,7 @@ int contacts_import_vcard_file(const char *path, int *count, char **error) {
     for (const vcard_person &one : persons) good = good && insert_person(&db, &prepared, &known, one, &added) == 0;
   }
   good = good && contacts_file_commit(&db) == 0;
-  if (!good) return answer(CONTACTS_ERROR_DB, std::string("the contacts file cannot be written: ") + db.error());
+  if (!good) return answer(CONTACTS_ERROR_DB, std::string("the contacts file cannot be written: ") + why_not(db));
   *count = added;
   return answer(CONTACTS_ERROR_NONE, reason);
 }
