@@ -272,10 +272,16 @@ std::string mime_html_to_text(std::string_view html, size_t max, bool *has_image
   html_absent missing;
   std::string skipping; /* the element whose content is not shown */
   int skip_depth = 0;
+  bool in_title = false; /* of a head */
   size_t at = 0;
   while (at < html.size() && !w.full()) {
     size_t open = html.find('<', at);
     if (open == std::string_view::npos) open = html.size();
+    /* A head that nobody closed ends where any text stands in it, but for the title's, and where anything of a body
+       begins. */
+    bool text = std::any_of(html.begin() + static_cast<ptrdiff_t>(at), html.begin() + static_cast<ptrdiff_t>(open),
+                            [](char c) { return !html_is_space(c); });
+    if (text && skipping == "head" && !in_title) skip_depth = 0;
     if (skip_depth == 0) put_text(&w, html.substr(at, open - at));
     if (open >= html.size()) break;
     at = open + 1;
@@ -306,7 +312,7 @@ std::string mime_html_to_text(std::string_view html, size_t max, bool *has_image
     if (skip_depth > 0) {
       bool same = t.name == skipping;
       if (same) skip_depth += t.closing ? -1 : 1;
-      /* A head that nobody closed ends where anything of a body begins. */
+      if (t.name == "title") in_title = !t.closing;
       if (same || t.closing || !one_of(skipping, {"head", "title"}) || !is_of_body(t.name)) continue;
       skip_depth = 0;
     }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 #include "gmime-holders.h"
 #include "mime-headers.h"
@@ -106,6 +107,16 @@ bool is_address(std::string_view text) {
          text.find_first_of(" \t<>,") == std::string_view::npos;
 }
 
+/* One that shows another address than its own deceives, in signs that look alike too. "Ann <a@b>" stays "Ann". */
+std::string no_address(std::string name) {
+  std::unique_ptr<char, decltype(&g_free)> plain(g_utf8_normalize(name.c_str(), -1, G_NORMALIZE_ALL), g_free);
+  std::string seen = plain ? plain.get() : name;
+  size_t open = seen.rfind('<');
+  bool shows = open != std::string::npos && seen.ends_with('>') && seen.find('@', open) != std::string::npos;
+  if (shows) name = seen = mime_clean_line(std::string_view(seen).substr(0, open), kMaxName);
+  return is_address(seen) ? "" : name;
+}
+
 /* Takes the place of "=?" while the library parses addresses, so that it leaves encoded words alone. */
 constexpr char kWordMark[] = "=~{~";
 
@@ -167,7 +178,7 @@ bool read_mailbox(const std::string &value, const std::string &charset, mailbox 
   if (found->name.empty() && o.open == std::string::npos && comment != std::string::npos &&
       value.find('"') == std::string::npos)
     found->name = decoded_name(value.substr(comment, value.find(')', comment) - comment + 1), charset);
-  if (is_address(found->name)) found->name.clear(); /* one that shows another address than its own deceives */
+  found->name = no_address(found->name);
   return !found->address.empty() || !found->name.empty();
 }
 

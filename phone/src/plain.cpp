@@ -126,9 +126,16 @@ size_t wide_blank(std::string_view text, size_t at) {
   return 0;
 }
 
-/* A line of nothing but one sign, as writers draw rules: on a small screen it wraps to several. */
+/* A line of nothing but one sign, or two in turn, as writers draw rules: on a small screen it wraps to several. */
 size_t rule_end(std::string_view text, size_t at) {
   constexpr size_t kLongRule = 16;
+  constexpr std::string_view kDrawn = "-=_*~#+.:";
+  size_t turn = at;
+  while (turn + 1 < text.size() && text[turn + 1] != '\n' && text[turn] == text[at + (turn - at) % 2]) turn++;
+  if (turn < text.size() && text[turn] == text[at + (turn - at) % 2]) turn++;
+  if (turn - at > kLongRule && (turn == text.size() || text[turn] == '\n') && kDrawn.find(text[at]) != kDrawn.npos &&
+      (text[at + 1] == ' ' || kDrawn.find(text[at + 1]) != kDrawn.npos))
+    return turn;
   static constexpr std::string_view kSigns[] = {
       "-", "=", "_", "*", "~", "#", "+", ".", "\xe2\x80\x94", "\xe2\x94\x80", "\xe2\x95\x90", "\xe2\x80\x93"};
   for (std::string_view sign : kSigns) {
