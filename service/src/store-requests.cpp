@@ -29,8 +29,8 @@ store_status store_mail_names(store *st, const std::vector<int> &ids, std::vecto
   sql_statement find(&st->db, "SELECT host_tag, message_uid FROM mail WHERE mail_id = ?");
   size_t bytes = 0;
   bool any = false;
-  for (const int id : ids) {
-    const sql_result r = find.bind(id).step();
+  for (size_t i = 0; i < ids.size() && bytes <= names_max; i++) {
+    const sql_result r = find.bind(ids[i]).step();
     if (r == sql_failed) return fail_sql(st);
     tags->push_back(r == sql_row ? find.text(0) : "");
     uids->push_back(r == sql_row ? find.text(1) : "");
