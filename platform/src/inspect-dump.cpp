@@ -29,8 +29,8 @@ struct color {
   int a = 255; /* channels multiplied by it, as the canvas keeps them */
 };
 
-/* One visible text, and where in the drawing order it comes. */
-struct shown_text {
+/* One visible text or control, and where in the drawing order it comes. */
+struct shown {
   json entry;
   rect area;
   size_t order;
@@ -47,7 +47,8 @@ struct walk {
   size_t order = 0;
   int layer = 0; /* of what is being visited */
   int layers = 0;
-  std::vector<shown_text> texts;
+  std::vector<shown> texts;
+  std::vector<shown> controls;
   std::vector<cover> covers;
   std::vector<Evas_Object *> stacks;
   json popups = json::array();
@@ -431,6 +432,21 @@ std::string markup_to_plain(const char *markup) {
   return text;
 }
 
+/* After its parts, which are no cover of it. */
+void visit_control(walk *w, const Evas_Object *obj) {
+  const std::string type = or_empty(elm_object_widget_type_get(obj));
+  const std::string kind = type.substr(type.find_last_of("_.") + 1);
+  if (kind != "Button" && kind != "Check" && kind != "Radio" && kind != "Entry") return;
+  const auto visible = seen(obj, geometry(obj), w->window);
+  if (!visible) return;
+  json entry = {{"kind", kind}, {"text", markup_to_plain(elm_object_text_get(obj))}};
+  entry.update(rect_json(visible->first));
+  entry["whole"] = rect_json(geometry(obj));
+  entry["scrolls"] = inside_scroller(obj);
+  entry["layer"] = w->layer;
+  w->controls.push_back({std::move(entry), visible->first, w->order});
+}
+
 void visit_widget(walk *w, Evas_Object *obj) {
   const std::string name = or_empty(efl_class_name_get(obj));
   if (name == "Elm.Naviframe" && evas_object_visible_get(obj)) w->stacks.push_back(obj);
@@ -459,6 +475,7 @@ void visit(walk *w, Evas_Object *obj) {
     Eina_List *members = evas_object_smart_members_get(obj);
     void *member;
     EINA_LIST_FREE(members, member) visit(w, static_cast<Evas_Object *>(member));
+    if (elm_object_widget_check(obj)) visit_control(w, obj);
     w->layer = below;
   }
 }
@@ -481,6 +498,24 @@ json views(const std::vector<Evas_Object *> &stacks) {
   return out;
 }
 
+/* With what of each is left below what was drawn later. */
+json listed(std::vector<shown> &all, const std::vector<cover> &covers) {
+  json out = json::array();
+  for (shown &one : all) {
+    bool covered = false;
+    for (const cover &over : covers) {
+      if (over.order <= one.order) continue;
+      covered = covered || contains(over.area, one.area);
+      one.area = left_of(one.area, over.area);
+    }
+    one.entry["y"] = one.area.y;
+    one.entry["height"] = one.area.h;
+    one.entry["covered"] = covered;
+    out.push_back(std::move(one.entry));
+  }
+  return out;
+}
+
 }  // namespace
 
 std::string inspect_dump(Evas_Object *window) {
@@ -492,18 +527,7 @@ std::string inspect_dump(Evas_Object *window) {
   out["window"] = {{"width", w.window.w}, {"height", w.window.h}};
   out["views"] = views(w.stacks);
   out["popups"] = w.popups;
-  out["texts"] = json::array();
-  for (shown_text &text : w.texts) {
-    bool covered = false;
-    for (const cover &one : w.covers) {
-      if (one.order <= text.order) continue;
-      covered = covered || contains(one.area, text.area);
-      text.area = left_of(text.area, one.area);
-    }
-    text.entry["y"] = text.area.y;
-    text.entry["height"] = text.area.h;
-    text.entry["covered"] = covered;
-    out["texts"].push_back(std::move(text.entry));
-  }
+  out["texts"] = listed(w.texts, w.covers);
+  out["controls"] = listed(w.controls, w.covers);
   return out.dump(-1, ' ', false, json::error_handler_t::replace);
 }
