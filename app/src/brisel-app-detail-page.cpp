@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "brisel-app-detail-body.h"
+#include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 #include "brisel-body.h"
@@ -288,7 +289,8 @@ static Evas_Object *__brisel_detail_create_account_color_bar(Evas_Object *title,
 static Evas_Object *__brisel_detail_create_layout_detail_view_title(brisel_detail_view *view_data,
                                                                     const page_data *page) {
   Evas_Object *title = elm_layout_add(page->page_layout);
-  if (!title || !elm_layout_theme_set(title, "naviframe", "item", "basic/default")) {
+  if (!title ||
+      !elm_layout_theme_set(title, "naviframe", "item", brisel_stage_style() ? "round/default" : "basic/default")) {
     if (title) evas_object_del(title);
     BRISEL_ERROR("elm_layout_add() failed!");
     BRISEL_ERROR("__brisel_detail_create_layout_detail_view_title() failed!");
@@ -301,6 +303,7 @@ static Evas_Object *__brisel_detail_create_layout_detail_view_title(brisel_detai
   Evas_Object *button =
       brisel_view_title_button(title, "b_email_icon_more.png", __brisel_detail_option_button_clicked_cb, view_data);
   if (!button) failed = "__brisel_detail_create_option_button() failed!";
+  if (button) brisel_view_set_spoken_name(button, brisel_util_get_text("IDS_EMAIL_BODY_MORE_ACTIONS"));
   Evas_Object *icon = failed ? nullptr : brisel_view_title_icon(title);
   if (!failed && !icon) failed = "__brisel_detail_create_title_icon() failed!";
   Evas_Object *bar = failed ? nullptr : __brisel_detail_create_account_color_bar(title, mail->account_id);

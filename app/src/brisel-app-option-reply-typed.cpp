@@ -19,6 +19,8 @@ static constexpr int BRISEL_TYPED_REPLY_TOLD = 10; /* characters */
 /* The entry has refused input; told to the user when the keypad has gone. At most one such view is shown. */
 static bool max_length_reached;
 
+static constexpr int BRISEL_ROUND_SEND_ICON = 38; /* pixels of the display */
+
 /* How the send button looks while the keypad is shown or hidden. */
 struct keypad_state {
   const char *image;
@@ -31,7 +33,10 @@ static constexpr keypad_state keypad_open = {"b_email_icon_message_s_send.png", 
 static Evas_Object *__brisel_option_reply_create_send_icon(Evas_Object *btn, const keypad_state &state) {
   Evas_Object *icon = brisel_util_load_image(btn, state.image);
   if (!icon) return nullptr;
-  int w = (int)(state.w * elm_config_scale_get()), h = (int)(state.h * elm_config_scale_get());
+  // A round display has a place for the button that no scale factor makes larger.
+  const bool is_round = brisel_stage_style();
+  const int w = is_round ? BRISEL_ROUND_SEND_ICON : brisel_view_scaled(state.w);
+  const int h = is_round ? BRISEL_ROUND_SEND_ICON : brisel_view_scaled(state.h);
   evas_object_size_hint_min_set(icon, w, h);
   evas_object_size_hint_max_set(icon, w, h);
   evas_object_repeat_events_set(icon, EINA_TRUE);

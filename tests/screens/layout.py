@@ -14,6 +14,7 @@ BUILD = pathlib.Path(os.environ.get("BRISEL_BUILD", TOP / "build")).resolve()
 AIR = 0.3  # of the letters' size
 KEY_AIR = 0.6  # of a single letter's, as on a key
 BLANK = 0.4  # of the letters' size: a line from right to left has the blank at which it was wrapped at its left
+TOUCH = 48  # pixels; at a scale factor below 1 it is asked for less
 SMALLEST = 12  # pixels at scale factor 1: the least that a line, which has to fit, shrinks to
 
 
@@ -42,13 +43,14 @@ def sides_outside(inner, outer, air, blank):
 
 def problems(dump, own, scale):
     shown = [t for t in dump["texts"] if not t["covered"]]
+    asked = set() if any(c["kind"] == "Radio" for c in dump["controls"]) else own - {c["text"] for c in dump["controls"] if c["scrolls"]}
     found = []
     for text in shown:
         air = AIR * text["font_size"]
-        wrapped = text["whole"]["height"] > 2 * text["font_size"] and re.search(r"[\u0590-\u08FF]", text["text"])
+        wrapped = text["whole"]["height"] > 1.7 * text["font_size"] and re.search(r"[\u0590-\u08FF]", text["text"])
         blank = BLANK * text["font_size"] if wrapped else 1
         clipped = sides_outside(text["whole"], text, air, blank)
-        if text["scrolls"] and not (text["layer"] and text["text"] in own):  # what a popup asks is all in view
+        if text["scrolls"] and not (text["layer"] and text["text"] in asked):  # what a popup asks is all in view
             clipped = [side for side in clipped if side in ("left", "right")]
         if clipped:
             found.append(f"{name(text)} is clipped at its {' and '.join(clipped)}")
@@ -73,24 +75,30 @@ def problems(dump, own, scale):
 def outside_circle(dump):
     """Of a round display: what would stand where there is none. A label's layout is what is pressed with it."""
     radius = dump["window"]["width"] / 2
-    found = []
+    places = [(f"the {c['kind'].lower()} {name(c)}", c) for c in dump["controls"] if not c["covered"]]
     for text in (t for t in dump["texts"] if not t["covered"]):
-        for what, rect in ((name(text), text), (f"what holds {name(text)}", text["layout"])):
-            if rect is not text and (text["scrolls"] or rect["width"] >= dump["window"]["width"]):
-                continue  # goes on below the edge, or is the display itself
-            a = edges(rect)
-            if any((x - radius) ** 2 + (y - radius) ** 2 > (radius + 1) ** 2 for x in (a[0], a[2]) for y in (a[1], a[3])):
-                found.append(f"{what} stands outside the circle at {a}")
-    return found
+        places.append((name(text), text))
+        if not text["scrolls"] and not text["layer"] and text["layout"]["width"] < dump["window"]["width"]:  # or it goes on below the edge, or is the display itself
+            places.append((f"what holds {name(text)}", text["layout"]))
+    return [f"{what} stands outside the circle at {edges(rect)}" for what, rect in places
+            if any((x - radius) ** 2 + (y - radius) ** 2 > (radius + 1) ** 2 for x in edges(rect)[::2] for y in edges(rect)[1::2])]
+
+
+def too_small(dump, scale):
+    """What a thumb would miss."""
+    return [f"the {c['kind'].lower()} {name(c)} is only {c['whole']['width']} x {c['whole']['height']}" for c in dump["controls"]
+            if not c["covered"] and min(c["whole"]["width"], c["whole"]["height"]) < int(TOUCH * min(scale, 1))]
 
 
 def check_files(files, language, scale, is_round=False):
     """{file's stem: problems}, of those that have some."""
     own = labels(language)
     found = {}
-    for f in files:
-        dump = json.loads(pathlib.Path(f).read_text())
-        found[pathlib.Path(f).stem] = problems(dump, own, scale) + (outside_circle(dump) if is_round else [])
+    dumps = {f: json.loads(pathlib.Path(f).read_text()) for f in files}
+    if not any(c["kind"] == "Button" for dump in dumps.values() for c in dump["controls"]):
+        found["dumps"] = ["they tell of no button"]
+    for f, dump in dumps.items():
+        found[pathlib.Path(f).stem] = problems(dump, own, scale) + too_small(dump, scale) + (outside_circle(dump) if is_round else [])
     return {stem: lines for stem, lines in found.items() if lines}
 
 

@@ -25,8 +25,8 @@ WALKS = {
     "arabic": (dict(size="360x480", language="ar", theme="light", scale="0.8", motion="off", skip=SHOWN),
                ["03", "06", "12", "14", "27", "28", "30", "32", "36", "42", "44"]),
     "longest": (dict(size="320x320", language="fr", theme="light", scale="1.5", motion="on", skip=SHOWN), ["02", "03", "14", "27", "30"]),
-    "round": (dict(size="360x360", language="de", theme="dark", scale="1.0", motion="off", shape="round"),
-              ["03", "10", "14", "30", "42"]),
+    "round": (dict(size="360x360", language="de", theme="dark", scale="1.5", motion="off", shape="round"),
+              ["03", "10", "14", "30", "42", "43", "44"]),
 }
 
 
