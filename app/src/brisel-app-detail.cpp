@@ -107,7 +107,8 @@ int brisel_detail_draw_view(int mail_id, int push, appdata *ad) {
                                : brisel_view_push_at_once(ad, layout, __brisel_detail_view_pop_cb, head);
   if (!push) __brisel_detail_draw_neighbors_cb(view_data, ad->naviframe, nullptr);
   elm_naviframe_item_title_enabled_set(item, EINA_FALSE, EINA_FALSE);
-  brisel_view_more_button(item, __brisel_detail_option_button_clicked_cb, view_data);
+  if (Evas_Object *more = brisel_view_more_button(item, __brisel_detail_option_button_clicked_cb, view_data))
+    brisel_view_set_spoken_name(more, brisel_util_get_text("IDS_EMAIL_BODY_MORE_ACTIONS"));
 
   if (!page->mail_data->is_read) __brisel_detail_send_update_ind(view_data);
   __brisel_detail_update_pickover(view_data);

@@ -11,7 +11,8 @@
 #include "brisel-app-utils.h"
 #include "brisel-bus.h"
 
-static constexpr int BRISEL_JOURNAL_ICON = 32; /* pixels at scale 1 */
+static constexpr int BRISEL_JOURNAL_ICON = 32;  /* pixels at scale 1 */
+static constexpr int BRISEL_JOURNAL_TOUCH = 48; /* pixels of a round display */
 
 struct journal_view_data : brisel_view_head {
   Evas_Object *layout;
@@ -215,6 +216,8 @@ static void _add_label(Evas_Object *box, const std::string &text) {
 static void _add_change_button(Evas_Object *box, journal_view_data *vd) {
   Evas_Object *button = elm_button_add(box);
   brisel_stage_set_style(button, "popup");
+  /* On a round display a button is as high as its place, and here is none that would say. */
+  if (brisel_stage_style()) evas_object_size_hint_min_set(button, 0, BRISEL_JOURNAL_TOUCH);
   elm_object_domain_translatable_text_set(button, BRISEL_DOMAIN, "IDS_EMAIL_SK_CHANGE");
   evas_object_size_hint_align_set(button, EVAS_HINT_FILL, 0.5);
   evas_object_size_hint_weight_set(button, EVAS_HINT_EXPAND, 0.0);
@@ -302,6 +305,7 @@ static void _show_requests(journal_view_data *vd) {
   Evas_Object *shown = elm_object_part_content_get(vd->layout, "elm.swallow.content");
   if (shown != content) {
     if (shown) evas_object_hide(elm_object_part_content_unset(vd->layout, "elm.swallow.content"));
+    for (Evas_Object *one : {vd->genlist, vd->nocontent_layout}) brisel_view_set_spoken(one, one == content);
     elm_object_part_content_set(vd->layout, "elm.swallow.content", content);
     evas_object_show(content);
   }

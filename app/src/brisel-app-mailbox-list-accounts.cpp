@@ -119,6 +119,8 @@ static Evas_Object *_gl_popup_content_get(void *data, Evas_Object *obj, const ch
     elm_object_focus_allow_set(radio, EINA_FALSE); /* keys choose the row */
     elm_radio_state_value_set(radio, row->index);
     elm_radio_group_add(radio, radio_main);
+    const char *name = row->name ? row->name : row->address;
+    if (name) brisel_view_set_spoken_name(radio, name);
     if (row->ad && row->account_id == row->ad->account_id) elm_radio_value_set(radio_main, row->index);
     _sized(radio, 50);
     evas_object_size_hint_max_set(radio, _scaled(50), _scaled(50));
@@ -231,6 +233,8 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   Evas_Object *radio_main = elm_radio_add(gl);
   elm_radio_state_value_set(radio_main, 0);
   elm_radio_value_set(radio_main, 0);
+  brisel_view_set_spoken(radio_main, false);
+  brisel_view_set_spoken_name(popup, brisel_util_get_text("IDS_EMAIL_HEADER_ACCOUNTS"));
   evas_object_data_set(gl, "radio_main", radio_main);
 
   int index = 0;

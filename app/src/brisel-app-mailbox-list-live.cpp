@@ -145,6 +145,7 @@ static void _swap_mailbox_content(appdata *ad, Evas_Object *hidden, Evas_Object 
   if (shown == ad->nocontents_layout)
     elm_object_domain_translatable_part_text_set(shown, "elm.text", BRISEL_DOMAIN, "IDS_EMAIL_BODY_NO_EMAILS");
   elm_naviframe_item_title_enabled_set(item, title, EINA_FALSE);
+  brisel_tell_list_in_view(ad);
 }
 
 static void _show_nocontents(appdata *ad) {

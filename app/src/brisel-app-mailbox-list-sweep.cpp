@@ -23,11 +23,18 @@ bool _is_blocked_once(appdata *ad, Elm_Object_Item *it) {
   return true;
 }
 
+/* The button of a row that is drawn aside; no screen reader is told of those that are not in sight. */
+static void _tell_of_button(Elm_Object_Item *it, bool is_in_sight) {
+  if (Evas_Object *undo = elm_object_item_part_content_get(it, "elm.icon.sweep"))
+    brisel_view_set_spoken(undo, is_in_sight);
+}
+
 void _revert_btn_select_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
   item_data *item = (item_data *)data;
   if (!item || !item->it) return;
   elm_object_item_signal_emit(item->it, "elm,state,sweep,hide", "");
+  _tell_of_button(item->it, false);
   if (item->ad) {
     item->ad->sweep_item = nullptr;
     item->ad->blocked_item = nullptr;
@@ -85,6 +92,7 @@ static void _drag(appdata *ad, Elm_Object_Item *it, const char *signal) {
   }
   if (elm_genlist_item_type_get(it) & ELM_GENLIST_ITEM_GROUP) return;
   elm_object_item_signal_emit(it, signal, "");
+  _tell_of_button(it, true);
   ad->sweep_item = it;
   sweep_signal = signal;
   elm_object_scroll_freeze_push(ad->mailbox_genlist);

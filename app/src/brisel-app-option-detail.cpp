@@ -1,6 +1,7 @@
 /* The list of actions on one mail: call the sender, reply, show on the phone, delete. */
 #include <cstring>
 #include <initializer_list>
+#include <string>
 
 #include "brisel-app-option-common.h"
 #include "brisel-app-utils.h"
@@ -98,7 +99,18 @@ static char *__brisel_option_detail_gl_text_get_delete(void *data, Evas_Object *
   return strcmp(part, "elm.text") ? nullptr : __brisel_option_detail_text("IDS_EMAIL_BODY_DELETE");
 }
 
+/* The drawn label is asked for under two names: who listens hears it once. */
+static void __brisel_option_detail_name_row(Elm_Object_Item *item) {
+  if (!item || !brisel_view_is_spoken()) return;
+  const char *label = elm_object_item_part_text_get(item, "elm.text.1");
+  const char *second = elm_object_item_part_text_get(item, "elm.text.2");
+  if (!label || !second) return;
+  const scoped_text plain(elm_entry_markup_to_utf8(second));
+  brisel_view_set_spoken_name(item, (std::string(label) + ", " + (plain ? plain.get() : "")).c_str());
+}
+
 static void __brisel_option_detail_gl_realized_cb(void *data, Evas_Object *obj, void *event_info) {
+  __brisel_option_detail_name_row((Elm_Object_Item *)event_info);
   brisel_view_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
@@ -120,6 +132,8 @@ static Evas_Object *__brisel_option_detail_gl_content_get_reply_setting(void *da
   elm_object_focus_allow_set(radio, EINA_FALSE); /* keys choose the row */
   elm_radio_state_value_set(radio, (int)(intptr_t)data);
   elm_radio_group_add(radio, vd->radio_group);
+  const scoped_text name(__brisel_option_detail_gl_text_get_reply_setting(data, obj, "elm.text"));
+  if (name) brisel_view_set_spoken_name(radio, name.get());
   // A tap on the mark itself has to mean the row, or it would move the mark and keep the method.
   evas_object_pass_events_set(radio, EINA_TRUE);
   return radio;
@@ -166,6 +180,8 @@ static void __brisel_option_detail_create_reply_setting_popup(option_detail_view
   Evas_Object *radio_group = elm_radio_add(genlist);
   elm_radio_state_value_set(radio_group, -1);
   elm_radio_value_set(radio_group, brisel_util_get_reply_method());
+  brisel_view_set_spoken(radio_group, false);
+  brisel_view_set_spoken_name(popup, brisel_util_get_text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB"));
   brisel_widget_ref_set(&vd->radio_group, radio_group);
   elm_object_content_set(popup, genlist);
   elm_object_focus_set(genlist, EINA_TRUE);
@@ -223,6 +239,7 @@ static void __brisel_option_detail_reply_value_change_cb(keynode_t *node, void *
   }
   if (vd->radio_group) elm_radio_value_set(vd->radio_group, brisel_util_get_reply_method());
   if (vd->reply_item) elm_genlist_item_update(vd->reply_item);
+  __brisel_option_detail_name_row(vd->reply_item);
   BRISEL_INFO("Leave");
 }
 

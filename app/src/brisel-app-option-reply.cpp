@@ -127,9 +127,13 @@ static void __brisel_option_reply_append_templates(option_reply_view_data *vd, E
   static constexpr Elm_Genlist_Item_Class row_class =
       brisel_view_row_class("1text", __brisel_option_reply_gl_text_get_templates);
   guint count = g_slist_length(vd->template_list);
-  for (guint i = 0; i < count; i++)
-    brisel_view_add_row(genlist, nullptr, &row_class, (void *)(uintptr_t)i, __brisel_option_reply_gl_sel_templates,
-                        (void *)(uintptr_t)i);
+  for (guint i = 0; i < count; i++) {
+    Elm_Object_Item *row = brisel_view_add_row(genlist, nullptr, &row_class, (void *)(uintptr_t)i,
+                                               __brisel_option_reply_gl_sel_templates, (void *)(uintptr_t)i);
+    // A row out of sight has no text yet.
+    const template_data *td = __brisel_option_reply_template(vd, (void *)(uintptr_t)i);
+    if (row && td && brisel_view_is_spoken()) brisel_view_set_spoken_name(row, __brisel_option_reply_template_text(td));
+  }
 }
 
 static Evas_Object *__brisel_option_reply_make_list(Evas_Object *layout, option_reply_view_data *vd) {
@@ -169,6 +173,7 @@ static Evas_Object *__brisel_option_reply_create_nocontent_layout(Evas_Object *p
   }
   elm_layout_theme_set(layout, "layout", "nocontents", "text");
   elm_object_domain_translatable_part_text_set(layout, "elm.text", BRISEL_DOMAIN, "IDS_MSG_BODY_NO_TEXT_TEMPLATES");
+  brisel_view_set_spoken(layout, false);
   evas_object_size_hint_weight_set(layout, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   evas_object_size_hint_align_set(layout, EVAS_HINT_FILL, EVAS_HINT_FILL);
   return layout;
@@ -178,6 +183,8 @@ static void __brisel_option_reply_show_content(option_reply_view_data *vd, Evas_
   if (elm_object_part_content_get(vd->layout, "elm.swallow.content") != content) {
     Evas_Object *old = elm_object_part_content_unset(vd->layout, "elm.swallow.content");
     if (old) evas_object_hide(old);
+    if (old) brisel_view_set_spoken(old, false);
+    brisel_view_set_spoken(content, true);
     elm_object_part_content_set(vd->layout, "elm.swallow.content", content);
   }
   evas_object_show(content);

@@ -1,10 +1,13 @@
 /* The popup kit: popups, toasts and the progress bar. Every screen makes its popups here. */
+#define EFL_BETA_API_SUPPORT /* for the names that a screen reader says */
 #include <iterator>
+#include <string>
 #include <string_view>
 
 #include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
+#include "brisel-scoped.h"
 #include "efl_assist.h"
 
 static Evas_Object *_popup_add(Evas_Object *parent) {
@@ -16,6 +19,32 @@ static Evas_Object *_popup_add(Evas_Object *parent) {
   return popup;
 }
 
+/* Pixels at scale 1. */
+constexpr int least_high_for_title = 240;
+static const char title_job[] = "brisel/title_job";
+
+/* The toolkit's own word for a popup stands before its title, and in its language. */
+static void _name_popup(Evas_Object *popup) {
+  const char *title = elm_config_atspi_mode_get() ? elm_object_part_text_get(popup, "title,text") : nullptr;
+  const scoped_text plain(title ? elm_entry_markup_to_utf8(title) : nullptr);
+  if (plain && *plain) efl_access_object_i18n_name_set(popup, plain.get());
+}
+
+/* Large letters on a small display: the question needs the room of the title. */
+static void _title_job_cb(void *data) {
+  Evas_Object *popup = (Evas_Object *)data;
+  int height = 0;
+  evas_object_data_del(popup, title_job);
+  _name_popup(popup);
+  evas_object_geometry_get(popup, nullptr, nullptr, nullptr, &height);
+  if (height < least_high_for_title * elm_config_scale_get())
+    elm_layout_signal_emit(popup, "elm,state,title,small", "elm");
+}
+
+static void _popup_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  if (void *job = evas_object_data_del(obj, title_job)) ecore_job_del((Ecore_Job *)job);
+}
+
 /* The more key is not for what lies beneath. */
 static void _more_key_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
@@ -23,7 +52,11 @@ static void _more_key_cb(void *data, Evas_Object *obj, void *event_info) {
 
 Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
   Evas_Object *popup = _popup_add(parent);
-  if (popup) ea_object_event_callback_add(popup, EA_CALLBACK_MORE, _more_key_cb, nullptr);
+  if (!popup) return nullptr;
+  ea_object_event_callback_add(popup, EA_CALLBACK_MORE, _more_key_cb, nullptr);
+  /* When its caller has shown it. */
+  evas_object_data_set(popup, title_job, ecore_job_add(_title_job_cb, popup));
+  evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _popup_gone_cb, nullptr);
   return popup;
 }
 
@@ -75,6 +108,7 @@ static bool _shrink_title(Evas_Object *label) {
   for (Evas_Object *at = label; at; at = elm_object_parent_widget_get(at)) {
     if (std::string_view(elm_object_widget_type_get(at)) != "Elm_Popup") continue;
     elm_layout_signal_emit(at, "elm,state,title,small", "elm");
+    edje_object_message_signal_process(elm_layout_edje_get(at));
     const char *title = elm_object_part_text_get(at, "title,text");
     return title && *title;
   }
@@ -109,9 +143,11 @@ static void _fit_cb(void *data, Evas *e, void *event_info) {
   size_t at = 0;
   while (at + 1 < std::size(label_styles) && style != label_styles[at]) at++;
   while (!_fits(label, scroller) && ++at < std::size(label_styles)) {
-    /* With the room that the title leaves it may fit: the scroller's new size brings it here again. */
-    if (at == with_small_title && _shrink_title(label)) break;
-    _set_label_style(label, label_styles[at]);
+    /* With the room that the title leaves it may fit. */
+    if (at == with_small_title && _shrink_title(label))
+      at--;
+    else
+      _set_label_style(label, label_styles[at]);
   }
   evas_object_data_del(label, changed); /* its own doing */
 }
@@ -239,6 +275,19 @@ static void __timeout_cb(void *data, Evas_Object *obj, void *event_info) {
   evas_object_del(obj);
 }
 
+/* Letters half as large again would make a toast as high as the display: beyond these they grow no more; a circle's
+   stage is two thirds of it. */
+constexpr double toast_scale = 1.2, round_toast_scale = 1.0;
+constexpr double toast_letters = 22.0; /* pixels at scale 1, as in the theme */
+
+static std::string _toast_text(const char *text) {
+  if (!text) return "";
+  const double scale = elm_config_scale_get(), most = brisel_stage_style() ? round_toast_scale : toast_scale;
+  if (scale <= most) return text;
+  const int size = (int)(toast_letters * most / scale);
+  return "<font_size=" + std::to_string(size) + ">" + text + "</font_size>";
+}
+
 void brisel_create_toast_popup(appdata *ad, const char *text) {
   BRISEL_INFO("Enter");
   if (!ad) {
@@ -254,7 +303,7 @@ void brisel_create_toast_popup(appdata *ad, const char *text) {
   /* Away from the finger, and so from the button that it is about. */
   elm_popup_orient_set(popup, brisel_touch_was_low() ? ELM_POPUP_ORIENT_TOP : ELM_POPUP_ORIENT_BOTTOM);
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, __toast_back_cb, nullptr);
-  elm_object_part_text_set(popup, "elm.text", text);
+  elm_object_part_text_set(popup, "elm.text", _toast_text(text).c_str());
   evas_object_smart_callback_add(popup, "block,clicked", __block_clicked_cb, nullptr);
   elm_popup_timeout_set(popup, 2.0);
   evas_object_smart_callback_add(popup, "timeout", __timeout_cb, nullptr);

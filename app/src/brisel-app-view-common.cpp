@@ -1,4 +1,5 @@
-#define EFL_BETA_API_SUPPORT /* for the names that a screen reader says */
+#define EFL_BETA_API_SUPPORT        /* for the names that a screen reader says */
+#define EFL_ACCESS_OBJECT_PROTECTED /* to tell it of what comes and goes */
 #include "brisel-app-view-common.h"
 
 #include <cstring>
@@ -96,6 +97,14 @@ bool brisel_view_on_top(const brisel_view_head *head) {
 
 void brisel_view_set_spoken_name(Eo *object, const char *name) {
   efl_access_object_i18n_name_set(object, name);
+}
+
+void brisel_view_set_spoken(Eo *object, bool is_spoken) {
+  const Efl_Access_Type type = is_spoken ? EFL_ACCESS_TYPE_REGULAR : EFL_ACCESS_TYPE_DISABLED;
+  if (!brisel_view_is_spoken() || efl_access_object_access_type_get(object) == type) return;
+  efl_access_object_access_type_set(object, type);
+  efl_access_object_event_emit(object, is_spoken ? EFL_ACCESS_OBJECT_EVENT_ADDED : EFL_ACCESS_OBJECT_EVENT_REMOVED,
+                               nullptr);
 }
 
 bool brisel_view_is_spoken() {
@@ -264,31 +273,11 @@ static void _add_popup_button(Evas_Object *popup, const char *part, const char *
   evas_object_show(button);
 }
 
-/* Pixels at scale 1. */
-constexpr int least_high_for_title = 240;
-static const char title_job[] = "brisel/title_job";
-
-/* Large letters on a small display: the question needs the room of the title. */
-static void _title_job_cb(void *data) {
-  Evas_Object *popup = (Evas_Object *)data;
-  int height = 0;
-  evas_object_data_del(popup, title_job);
-  evas_object_geometry_get(popup, nullptr, nullptr, nullptr, &height);
-  if (height < brisel_view_scaled(least_high_for_title)) elm_layout_signal_emit(popup, "elm,state,title,small", "elm");
-}
-
-static void _titled_popup_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
-  if (void *job = evas_object_data_del(obj, title_job)) ecore_job_del((Ecore_Job *)job);
-}
-
 Evas_Object *brisel_view_delete_popup(Evas_Object *parent, Evas_Smart_Cb cancel_cb, Evas_Smart_Cb ok_cb, void *data) {
   Evas_Object *popup = brisel_util_popup_add(parent);
   if (!popup) return nullptr;
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, cancel_cb, data);
   elm_object_domain_translatable_part_text_set(popup, "title,text", BRISEL_DOMAIN, "IDS_EMAIL_BODY_DELETE");
-  /* When its caller has shown it. */
-  evas_object_data_set(popup, title_job, ecore_job_add(_title_job_cb, popup));
-  evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _titled_popup_gone_cb, nullptr);
   _add_popup_button(popup, "button1", "IDS_EMAIL_SK_CANCEL_ABB", cancel_cb, data);
   _add_popup_button(popup, "button2", "IDS_COM_SK_OK", ok_cb, data);
   return popup;

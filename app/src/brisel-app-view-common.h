@@ -51,6 +51,8 @@ bool brisel_view_on_top(const brisel_view_head *head);
 void brisel_view_set_spoken_name(Eo *object, const char *name);
 /* Whether a screen reader may be listening: what only it needs is worth making. */
 bool brisel_view_is_spoken();
+/* Whether a screen reader is told of a widget or an item, and of what it holds. */
+void brisel_view_set_spoken(Eo *object, bool is_spoken);
 
 /* --- titles --- */
 

@@ -111,7 +111,25 @@ static void _naviframe_more_cb(void *data, Evas_Object *obj, void *event_info) {
     elm_object_item_signal_emit(top, "elm,action,more_event", "");
 }
 
+/* A screen reader is told of what can be seen: of the view on top alone, and of the mailbox what it shows. */
+static void _tell_reader(appdata *ad) {
+  const Elm_Object_Item *top = elm_naviframe_top_item_get(ad->naviframe);
+  Eina_List *items = elm_naviframe_items_get(ad->naviframe);
+  void *item = nullptr;
+  EINA_LIST_FREE(items, item) {
+    for (const char *part : {"elm.swallow.content", "elm.swallow.next_btn", "toolbar_more_btn"})
+      if (Evas_Object *content = elm_object_item_part_content_get((Elm_Object_Item *)item, part))
+        brisel_view_set_spoken(content, item == top);
+    brisel_view_set_spoken((Eo *)item, item == top);
+  }
+  Elm_Object_Item *bottom = elm_naviframe_bottom_item_get(ad->naviframe);
+  const Evas_Object *shown = bottom ? elm_object_item_part_content_get(bottom, "elm.swallow.content") : nullptr;
+  for (Evas_Object *content : {ad->mailbox_genlist, ad->nocontents_layout})
+    if (content && content != shown) brisel_view_set_spoken(content, false);
+}
+
 void brisel_tell_list_in_view(appdata *ad) {
+  if (ad->naviframe && brisel_view_is_spoken()) _tell_reader(ad);
   const bool in_view = ad->naviframe && !ad->paused &&
                        elm_naviframe_top_item_get(ad->naviframe) == elm_naviframe_bottom_item_get(ad->naviframe);
   plexo_list_in_view(in_view ? ad->account_id : -1);

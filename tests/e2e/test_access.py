@@ -2,7 +2,7 @@
 import re
 import subprocess
 
-from brisel_test import equal, mail, main
+from brisel_test import equal, mail, main, middle
 
 LAUNCHER, REGISTRY = "/usr/libexec/at-spi-bus-launcher", "/usr/libexec/at-spi2-registryd"
 ACCESSIBLE = "org.a11y.atspi.Accessible"
@@ -47,6 +47,10 @@ class Reader:
             process.wait()
 
 
+def unnamed(told, kind="push button"):
+    return [one for one in told if one[0] == kind and not one[1]]
+
+
 def test_rows_and_buttons_say_what_they_are(s):
     reader = Reader(s)
     try:
@@ -68,13 +72,30 @@ def test_rows_and_buttons_say_what_they_are(s):
         assert ("push button", s.text("IDS_EMAIL_BODY_DELETE")) in told, told
         s.tap("Ann")
         s.wait_text("The lunch", part=False)
-        assert "Ann, The lunch, x" in [name for _, name in s.wait(reader.told, "the reader")], "the mail is not read out"
+        told = s.wait(reader.told, "the reader")
+        assert "Ann, The lunch, x" in [name for _, name in told], "the mail is not read out"
+        equal([name for role, name in told if role == "list item"], [], "rows below the reader")
         s.watch("key", "back")
         s.wait(lambda: len(s.titles()) == 1, "the list")
         s.press("Ann")
         s.wait_text(s.text("IDS_EMAIL_SK_REPLY"))
         told = s.wait(reader.told, "the registry to know the application")
-        equal([told_of for told_of in told if told_of[0] == "push button" and not told_of[1]], [], "buttons without a name")
+        equal(unnamed(told), [], "without a name")
+        equal([name for role, name in told if role == "list item"][0], "Reply, Templates", "the row")
+        s.tap("Reply")
+        s.wait_text(s.text("IDS_MSG_TEMPLATE_1", "message"))
+        told = s.wait(reader.told, "the templates")
+        equal(unnamed(told, "list item"), [], "templates without a name")
+        assert s.text("IDS_MSG_BODY_NO_TEXT_TEMPLATES") not in [name for _, name in told], "what is hidden is told"
+        s.watch("key", "back")
+        s.wait(lambda: len(s.titles()) == 2, "the actions")
+        _, y = middle(s.wait_text(s.text("IDS_MSGF_OPT2_TEMPLATES")))
+        s.watch("tap", 284, y)
+        s.wait_text(s.text("IDS_EMAIL_MBODY_EMOTICONS_ABB"))
+        told = s.wait(reader.told, "the choice")
+        equal([name for role, name in told if role == "dialog"], [s.text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB")], "the popup")
+        equal([name for role, name in told if role == "radio button"],
+              [s.text("IDS_MSGF_OPT2_TEMPLATES"), s.text("IDS_EMAIL_MBODY_EMOTICONS_ABB")], "the choice")
     finally:
         reader.close()
 
