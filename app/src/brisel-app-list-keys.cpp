@@ -174,6 +174,19 @@ static void _focus_row(Evas_Object *list) {
   _focus_in_cb(nullptr, nullptr, list, nullptr);
 }
 
+/* A popup that a key opens has its rows only later: until then the ring would be around all of it. */
+static void _rows_stand_job_cb(void *data) {
+  Evas_Object *list = (Evas_Object *)data;
+  if (!eina_list_data_find(lists, list) || !elm_object_focus_get(list)) return;
+  if (Elm_Object_Item *row = elm_object_focused_item_get(list)) elm_object_item_focus_set(row, EINA_FALSE);
+  _focus_row(list);
+}
+
+static void _rows_stand_cb(void *data, Evas_Object *obj, void *event_info) {
+  evas_object_smart_callback_del(obj, "realized", _rows_stand_cb);
+  ecore_job_add(_rows_stand_job_cb, obj);
+}
+
 /* Popups have the focus for themselves. NULL: none has it. */
 static const Evas_Object *_popup_with_focus(Evas_Object *naviframe) {
   Evas_Object *focused = elm_object_focused_object_get(naviframe);
@@ -196,6 +209,7 @@ void brisel_view_list_keys(Evas_Object *list) {
   lists = eina_list_append(lists, list);
   evas_object_event_callback_add(list, EVAS_CALLBACK_DEL, _list_gone_cb, nullptr);
   evas_object_event_callback_add(list, EVAS_CALLBACK_FOCUS_IN, _focus_in_cb, nullptr);
+  evas_object_smart_callback_add(list, "realized", _rows_stand_cb, nullptr);
   evas_object_event_callback_priority_add(list, EVAS_CALLBACK_KEY_DOWN, EVAS_CALLBACK_PRIORITY_BEFORE, _key_down_cb,
                                           nullptr);
 }

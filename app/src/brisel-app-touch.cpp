@@ -200,6 +200,17 @@ static void _pane_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info
   elm_win_focus_highlight_enabled_set(window, EINA_TRUE);
 }
 
+/* The toolkit leaves the ring where it was when what had the focus goes and nothing gets it, as above the reader. */
+static void _ring_job_cb(void *data) {
+  if (!pane) return;
+  const Evas_Object *focused = elm_object_focused_object_get(window);
+  if (!focused || focused == window) elm_win_focus_highlight_enabled_set(window, EINA_FALSE);
+}
+
+void brisel_touch_focus_went() {
+  ecore_job_add(_ring_job_cb, nullptr);
+}
+
 bool brisel_touch_key_reveals(unsigned timestamp) {
   return revealed_at != 0 && revealed_at == timestamp;
 }

@@ -29,6 +29,8 @@ bool brisel_touch_was_low();
    Until brisel_touch_leave_key(), or the object's end. */
 void brisel_touch_hear_key(Evas_Object *object, const char *key, Eina_Bool alone);
 void brisel_touch_leave_key(Evas_Object *object, const char *key);
+/* What may have had the focus goes: where nothing gets it, no ring stays. */
+void brisel_touch_focus_went();
 /* Whether the key of that time has made the focus visible: it shows where the focus is, and moves it no further. */
 bool brisel_touch_key_reveals(unsigned timestamp);
 

@@ -42,6 +42,7 @@ static void _title_job_cb(void *data) {
 }
 
 static void _popup_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  brisel_touch_focus_went();
   if (void *job = evas_object_data_del(obj, title_job)) ecore_job_del((Ecore_Job *)job);
 }
 

@@ -1,5 +1,8 @@
 """Every hand: the keyboard alone, and a mouse."""
 from brisel_test import equal, mail, main, middle
+from brisel_png import read_png
+
+ACCENT = bytes([108, 180, 255])  # of the dark palette
 
 
 def mailbox(s, count):
@@ -71,6 +74,31 @@ def test_the_keyboard_alone_does_everything(s):
     keys(s, "Menu")
     keys(s, "Left", "Return")
     s.wait_text(s.text("IDS_EMAIL_MBODY_EMOTICONS_ABB"))
+
+
+def ring_height(s):
+    """Of what is ringed, for nothing else stands so far out at the right; 0: no ring."""
+    s.rest()
+    s.screenshot(s.dir / "ring.png")
+    _, _, rows = read_png(s.dir / "ring.png")
+    return sum(any(bytes(c[x] for c in row) == ACCENT for x in range(300, 320)) for row in rows)
+
+
+def test_the_ring_is_around_what_has_the_focus(s):
+    mailbox(s, 2)
+    s.account("second@example.net")
+    keys(s, "Home", "Right")
+    s.wait_text("second@example.net")
+    assert 60 < s.wait(lambda: ring_height(s), "a ring") < 90, "not around the first row of a popup"
+    keys(s, "Escape", "Down", "Return")
+    s.wait_text("Text.")
+    keys(s, "Delete")
+    s.wait_text(s.text("IDS_COM_SK_OK"))
+    keys(s, "Right")
+    assert 40 < ring_height(s) < 90, "not around the popup's button"
+    keys(s, "Escape")
+    s.wait_gone(s.text("IDS_COM_SK_OK"))
+    equal(ring_height(s), 0, "what is left of the popup's ring")
 
 
 def test_a_mouse_presses_long_goes_back_and_turns_its_wheel(s):
