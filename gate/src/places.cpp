@@ -44,7 +44,8 @@ bool lock(int file) {
 void sign(int file, const char *phone) {
   char text[name_max + 64];
   const int size = snprintf(text, sizeof text, "%d %" PRIu64 " %s\n", getpid(), gate_now(), phone);
-  if (ftruncate(file, 0) == 0 && pwrite(file, text, static_cast<size_t>(size), 0) < 0) ftruncate(file, 0);
+  if (ftruncate(file, 0) < 0 || pwrite(file, text, static_cast<size_t>(size), 0) == size) return;
+  if (ftruncate(file, 0) < 0) fprintf(stderr, "brisel-gate: its place cannot be signed: %s\n", strerror(errno));
 }
 
 place read_place(int file) {
