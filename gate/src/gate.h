@@ -49,7 +49,7 @@ bool stream_takes(const stream *s);
 int stream_come(stream *s, bool open, bool begun, uint64_t now);
 /* The same for the way out. */
 int stream_go(stream *s);
-/* Of a message that has begun, all that came is passed on, and the rest is waited for. */
+/* A message has begun, and all that could be passed on is; the rest is waited for. */
 bool stream_breaks_off(const stream *s);
 /* Nothing lies between sd-bus and the phone any more. */
 bool stream_sent_all(const stream *s);

@@ -167,7 +167,8 @@ int stream_go(stream *s) {
 }
 
 bool stream_breaks_off(const stream *s) {
-  return s->at == stream_at::message && s->coming.start == s->coming.end;
+  const size_t there = s->coming.end - s->coming.start;
+  return s->at == stream_at::message ? there == 0 : s->at == stream_at::header && there > 0 && there < header_size;
 }
 
 bool stream_sent_all(const stream *s) {
