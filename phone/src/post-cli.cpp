@@ -23,8 +23,8 @@ void add_setup(CLI::App *app, const std::shared_ptr<given> &g, int *exit_code) {
       app->add_subcommand("setup", "Bring the mail of an address to the watch: finds its servers and tries them");
   post_account *account = &g->setup.account;
   setup->add_option("ADDRESS", account->address, "The e-mail address (asked for without it)");
-  setup->add_option("--imap", account->imap, "Incoming mail: imaps://HOST[:PORT], or imap:// for STARTTLS");
-  setup->add_option("--smtp", account->smtp, "Outgoing mail: smtps://HOST[:PORT], or smtp:// for STARTTLS");
+  setup->add_option("--imap", account->imap, "Incoming mail: HOST, imaps://HOST[:PORT], or imap:// for STARTTLS");
+  setup->add_option("--smtp", account->smtp, "Outgoing mail: HOST, smtps://HOST[:PORT], or smtp:// for STARTTLS");
   setup->add_option("--user", account->user, "What the servers call the user (the address)");
   setup->add_option("--name", account->name, "What the account is called here (the address)");
   setup->add_option("--password-command", account->password_command, "A command that prints the password or token");

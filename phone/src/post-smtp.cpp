@@ -65,7 +65,8 @@ std::string sentence(CURLcode code, const post_account &account, const char *det
       return host + " offers no encryption (STARTTLS); use smtps://, or another network";
     case CURLE_PEER_FAILED_VERIFICATION:
     case CURLE_SSL_CACERT_BADFILE:
-      return host + ": its certificate is not to be trusted (" + detail + ")";
+      return host + ": its certificate is not to be trusted (" + detail +
+             "); ask who runs it, or, if it is your own server, give setup its authority with --ca FILE";
     case CURLE_LOGIN_DENIED:
       return host + " does not take the user " + account.login() + " with this " +
              (account.auth == post_auth::password ? "password" : "token") + " for sending: " + said;

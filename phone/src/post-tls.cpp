@@ -42,7 +42,9 @@ std::string refusal(unsigned status, const std::string &host) {
     return who + "is for another name than " + host + "; check the server's name";
   if (status & GNUTLS_CERT_REVOKED) return who + "was revoked; ask who runs " + host;
   if (status & GNUTLS_CERT_SIGNER_NOT_FOUND)
-    return who + "was issued by nobody this machine trusts; if it is your own server, give its authority with ca=FILE";
+    return who +
+           "was issued by nobody this machine trusts; if it is your own server, give setup its authority with --ca "
+           "FILE";
   return who + "is not good enough to be trusted; ask who runs " + host;
 }
 

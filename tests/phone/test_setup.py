@@ -138,6 +138,7 @@ def test_servers_are_found(s):
             ("me@named.example", (), (), ("imaps://imap.named.example\n", "smtps://smtp.named.example\n")),
             ("me@mailed.example", (), (), ("imaps://mail.mailed.example\n",)),
             ("me@bare.example", (), SERVERS, ("imaps://named.example\n", "smtp://named.example:587\n")),
+            ("me@bare.example", ("--imap", "named.example", "--smtp", "named.example:587"), (), ("imaps://named.example\n", "smtp://named.example:587\n")),
             (' "me too"@named.example. ', ("--user", "me"), (), ('[account "me too"@named.example]\n', "imaps://imap.named.example\n")))
     for address, args, answers, wanted in rows:
         (s.dir / "relay.conf").unlink(missing_ok=True)
