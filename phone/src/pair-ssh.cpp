@@ -5,6 +5,8 @@
  */
 #include <fcntl.h>
 #include <glib.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -49,6 +51,7 @@ int run(const std::vector<std::string> &command, const std::string &input) {
   arguments.push_back(nullptr);
   pid_t pid = fork();
   if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM); /* nobody would hear what it came to */
     if (dup2(ends[0], 0) >= 0) execvp(arguments[0], arguments.data());
     fprintf(stderr, "%s: %s\n", arguments[0], strerror(errno));
     _exit(127);

@@ -1,16 +1,22 @@
 #include "watch-each.h"
 
+#include <glib.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
 #include "link.h"
 
 namespace {
+
+constexpr int kEndMs = 900; /* that the processes may take to end, all together */
 
 struct one {
   std::string name;
@@ -67,6 +73,16 @@ int end_cb(sd_event_source *source, const signalfd_siginfo *info, void *user_dat
   return sd_event_exit(sd_event_source_get_event(source), 0);
 }
 
+/* Each ends by itself within a second; one that is stopped does not hear of it. */
+void await_end(pid_t pid, int64_t until) {
+  const int process = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  pollfd end = {process, POLLIN, 0};
+  const int64_t left = std::max<int64_t>(0, until - g_get_monotonic_time());
+  if (process < 0 || poll(&end, 1, static_cast<int>(left / 1000)) <= 0) kill(pid, SIGKILL);
+  if (process >= 0) close(process);
+  waitpid(pid, nullptr, 0);
+}
+
 sd_event *make_loop() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -101,10 +117,11 @@ int watch_run_each(const std::vector<std::string> &names, const std::vector<std:
   for (auto &w : all) {
     sd_event_source_disable_unref(w->child);
     sd_event_source_disable_unref(w->pause);
-    if (w->pid > 0) kill(w->pid, SIGTERM); /* each ends within a second */
+    if (w->pid > 0) kill(w->pid, SIGTERM);
   }
+  const int64_t until = g_get_monotonic_time() + kEndMs * 1000;
   for (auto &w : all)
-    if (w->pid > 0) waitpid(w->pid, nullptr, 0);
+    if (w->pid > 0) await_end(w->pid, until);
   sd_event_unref(event);
   return result < 0 ? 1 : 0;
 }
