@@ -37,6 +37,15 @@ std::string secret_file(const post_account &account) {
   return std::string(g_get_user_config_dir()) + "/brisel/secrets/" + safe.get();
 }
 
+volatile sig_atomic_t command_group = 0; /* while a command of this process runs in a group of its own */
+
+/* What it started is not left behind, perhaps with a question on the screen. */
+void end_cb(int number) {
+  if (command_group > 0) kill(-command_group, SIGKILL);
+  signal(number, SIG_DFL);
+  raise(number);
+}
+
 /* The command's output while it lives, and its end: what it leaves running may keep the pipe. Returns the reason it was
    ended for; NULL: it ended by itself, with this status. */
 const char *watch_command(pid_t pid, int pipe, std::string *out, int *status) {
@@ -63,12 +72,14 @@ const char *watch_command(pid_t pid, int pipe, std::string *out, int *status) {
 /* The first line of what the command prints. It may ask on the terminal, so it stays in the terminal's own group. */
 int from_command(const std::string &command, std::string *secret, std::string *error) {
   int ends[2], status = 0;
+  const bool alone = !isatty(STDIN_FILENO);
   pid_t pid = pipe2(ends, O_CLOEXEC | O_NONBLOCK) < 0 ? -1 : fork();
   if (pid == 0) {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (!isatty(STDIN_FILENO)) setpgid(0, 0);
+    signal(SIGTERM, SIG_DFL);
+    if (alone) setpgid(0, 0);
     int text = fcntl(ends[1], F_GETFL);
     if (fcntl(ends[1], F_SETFL, text & ~O_NONBLOCK) == 0 && dup2(ends[1], STDOUT_FILENO) == STDOUT_FILENO)
       execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
@@ -81,7 +92,14 @@ int from_command(const std::string &command, std::string *secret, std::string *e
   close(ends[1]);
   std::string out;
   GError *why = nullptr;
+  struct sigaction before, ours = {};
+  ours.sa_handler = end_cb;
+  command_group = alone ? pid : 0;
+  sigaction(SIGTERM, nullptr, &before);
+  if (before.sa_handler == SIG_DFL) sigaction(SIGTERM, &ours, nullptr);
   const char *ended = watch_command(pid, ends[0], &out, &status);
+  sigaction(SIGTERM, &before, nullptr);
+  command_group = 0;
   close(ends[0]);
   if (!ended && g_spawn_check_wait_status(status, &why)) secret->assign(out, 0, out.find_first_of("\r\n"));
   std::fill(out.begin(), out.end(), '\0');

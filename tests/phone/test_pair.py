@@ -231,6 +231,14 @@ def test_ends_while_it_connects(s):
         s.wait(lambda: gate_of(relay, b"") or "waiting" in relay.log(), "a try")
         relay.process.terminate()
         equal(relay.process.wait(5), 0, address)
+    # So does what asks for a password.
+    asked = s.dir / "asked"
+    (s.dir / "relay.conf").write_text("[account me@example.org]\nplain=yes\nimap=imap://127.0.0.1:1\n"
+                                      f"password-command=sleep 1000 & echo $! > {asked}; wait\n")
+    relay = Relay(s, "--config", s.dir / "relay.conf")
+    s.wait(lambda: asked.exists() and asked.read_text(), "the password command")
+    relay.kill(15)
+    s.wait(lambda: not pathlib.Path(f"/proc/{asked.read_text().strip()}").exists(), "the end of all that it started")
     # So does the service, while somebody else holds its store.
     s.phone("account", "list")
     with contextlib.closing(sqlite3.connect(f"{s.env['XDG_DATA_HOME']}/brisel/store.db", isolation_level=None)) as store:
