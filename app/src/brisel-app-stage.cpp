@@ -9,6 +9,10 @@
 
 static const char stage_key[] = "brisel/stage";
 
+/* The class of dates in the theme, and their letters at scale 1, which are as wide as a circle has room for. */
+static const char time_class[] = "brisel/time";
+constexpr double time_letters = 21.0; /* pixels */
+
 static bool _is_round() {
   const char *shape = getenv("BRISEL_SHAPE");
   return shape && !strcmp(shape, "round");
@@ -17,6 +21,8 @@ static bool _is_round() {
 void brisel_stage_make(Evas_Object *window) {
   Evas_Object *frame = _is_round() ? brisel_util_load_edj(window, BRISEL_EDJ, "brisel/round") : nullptr;
   if (!frame) return;
+  if (elm_config_scale_get() > 1.0)
+    edje_text_class_set(time_class, "NotoSans", (int)(time_letters / elm_config_scale_get()));
   Evas_Object *stage = elm_box_add(frame);
   elm_object_part_content_set(frame, "stage", stage);
   elm_win_resize_object_add(window, frame);

@@ -30,6 +30,17 @@ static void _name_popup(Evas_Object *popup) {
   if (plain && *plain) efl_access_object_i18n_name_set(popup, plain.get());
 }
 
+static constexpr char small_title[] = "brisel/small_title";
+
+/* Whether there is a title, and it was not small before. */
+static bool _make_title_small(Evas_Object *popup) {
+  if (evas_object_data_get(popup, small_title)) return false;
+  evas_object_data_set(popup, small_title, popup);
+  elm_layout_signal_emit(popup, "elm,state,title,small", "elm");
+  const char *title = elm_object_part_text_get(popup, "title,text");
+  return title && *title;
+}
+
 /* Large letters on a small display: the question needs the room of the title. */
 static void _title_job_cb(void *data) {
   Evas_Object *popup = (Evas_Object *)data;
@@ -37,8 +48,7 @@ static void _title_job_cb(void *data) {
   evas_object_data_del(popup, title_job);
   _name_popup(popup);
   evas_object_geometry_get(popup, nullptr, nullptr, nullptr, &height);
-  if (height < least_high_for_title * elm_config_scale_get())
-    elm_layout_signal_emit(popup, "elm,state,title,small", "elm");
+  if (height < least_high_for_title * elm_config_scale_get()) _make_title_small(popup);
 }
 
 static void _popup_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
@@ -100,19 +110,10 @@ static void _set_label_style(Evas_Object *label, const char *style) {
   elm_label_line_wrap_set(label, ELM_WRAP_MIXED);
 }
 
-static constexpr char small_title[] = "brisel/small_title";
-
 /* Whether the title of the label's popup gives room now; only once. */
 static bool _shrink_title(Evas_Object *label) {
-  if (evas_object_data_get(label, small_title)) return false;
-  evas_object_data_set(label, small_title, label);
-  for (Evas_Object *at = label; at; at = elm_object_parent_widget_get(at)) {
-    if (std::string_view(elm_object_widget_type_get(at)) != "Elm_Popup") continue;
-    elm_layout_signal_emit(at, "elm,state,title,small", "elm");
-    edje_object_message_signal_process(elm_layout_edje_get(at));
-    const char *title = elm_object_part_text_get(at, "title,text");
-    return title && *title;
-  }
+  for (Evas_Object *at = label; at; at = elm_object_parent_widget_get(at))
+    if (std::string_view(elm_object_widget_type_get(at)) == "Elm_Popup") return _make_title_small(at);
   return false;
 }
 
@@ -144,11 +145,9 @@ static void _fit_cb(void *data, Evas *e, void *event_info) {
   size_t at = 0;
   while (at + 1 < std::size(label_styles) && style != label_styles[at]) at++;
   while (!_fits(label, scroller) && ++at < std::size(label_styles)) {
-    /* With the room that the title leaves it may fit. */
-    if (at == with_small_title && _shrink_title(label))
-      at--;
-    else
-      _set_label_style(label, label_styles[at]);
+    /* With the room that the title leaves it may fit: the scroller's new size brings it here again. */
+    if (at == with_small_title && _shrink_title(label)) break;
+    _set_label_style(label, label_styles[at]);
   }
   evas_object_data_del(label, changed); /* its own doing */
 }
