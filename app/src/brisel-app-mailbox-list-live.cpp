@@ -54,6 +54,14 @@ static GList *_insert_mail(appdata *ad, item_data *item, GList *next) {
   return next;
 }
 
+/* A list that still runs from a flick reckons from where that began, and would jump by the rows that come above: it
+   stays where it is now. */
+static void _stand_still(appdata *ad) {
+  int x = 0, y = 0, w = 0, h = 0;
+  elm_scroller_region_get(ad->mailbox_genlist, &x, &y, &w, &h);
+  elm_scroller_region_show(ad->mailbox_genlist, x, y, w, h);
+}
+
 /* Many mails at once are merged in one walk over the list. */
 static void _insert_mails(GSList *ids, appdata *ad) {
   std::vector<item_data *> items;
@@ -67,6 +75,7 @@ static void _insert_mails(GSList *ids, appdata *ad) {
                    [](const item_data *a, const item_data *b) { return a->received_time > b->received_time; });
   const int top = ad->mailbox_genlist ? _time_at_top(ad) : INT_MAX;
   int above = 0;
+  if (!items.empty() && items.front()->received_time > top) _stand_still(ad);
   GList *next = ad->mail_list;
   for (item_data *item : items) {
     /* A refresh may have read it before its event came, and it must not stand there twice. */

@@ -347,6 +347,13 @@ TEST_F(mailbox, WhatIsOnScreenStaysWhereItIs) {
   EXPECT_TRUE(visible("1 new"));
   for (int flicks = 0; flicks < 3; flicks++) stroke({160, 120}, {160, 310});
   EXPECT_TRUE(gone("1 new")) << "who scrolls there sees them";
+  stroke({160, 300}, {160, 120});
+  first = elm_genlist_at_xy_item_get(test_ad.mailbox_genlist, 160, 200, nullptr);
+  ids.insert(ids.begin(), mail(0, 6));
+  wait_for_rows(ids);
+  const int then = middle_of_item(first).y;
+  rest();
+  EXPECT_EQ(middle_of_item(first).y, then) << "a list that still runs";
 }
 
 TEST_F(mailbox, ARowSaysWhatAMailIsAbout) {
