@@ -129,6 +129,14 @@ static void __brisel_detail_lift_soon(brisel_detail_view *view_data) {
   if (!view_data->lift_job) view_data->lift_job = ecore_job_add(__brisel_detail_lift_job_cb, view_data);
 }
 
+/* The timer runs also when there was nothing to move, as after the opening: a touch then is for the page. */
+static bool __brisel_detail_pages_move(const brisel_detail_view *view_data) {
+  int x = 0;
+  elm_scroller_region_get(view_data->page_scroller, &x, nullptr, nullptr, nullptr);
+  const bool is_at_page = view_data->page_width > 0 && x % view_data->page_width == 0;
+  return view_data->page_timer && (!is_at_page || view_data->aimed_id != view_data->mail_id);
+}
+
 static void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
   brisel_detail_view *view_data = (brisel_detail_view *)data;
   const Evas_Event_Mouse_Down *event = (const Evas_Event_Mouse_Down *)event_info;
@@ -148,7 +156,7 @@ static void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, 
   *stroke = {};
   stroke->start = stroke->end = event->canvas;
   stroke->start_time = stroke->end_time = event->timestamp;
-  stroke->began_in_motion = view_data->page_timer != nullptr;
+  stroke->began_in_motion = __brisel_detail_pages_move(view_data);
   stroke->began_at_end = __brisel_detail_is_at_end(view_data->page_data[BRISEL_DETAIL_CUR_PAGE]);
 }
 
