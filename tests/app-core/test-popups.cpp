@@ -96,7 +96,7 @@ TEST_F(popups, TheRestOfATouchIsNotForWhatItOpened) {
   /* A long press opens while the finger is down: the time begins when it lifts. */
   touch(yes);
   popup = open();
-  run_for(0.4);
+  run_for(0.4); /* longer than the rest of a touch is kept away */
   release(yes);
   tap(yes);
   EXPECT_EQ(answers.size(), 2u);

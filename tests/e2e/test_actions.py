@@ -57,6 +57,23 @@ def test_sweep_and_undo(s):
     equal(stored(s), sorted(ids), "mails")
 
 
+def test_one_touch_reads_and_four_answer(s):
+    arrange(s, mails=1)
+    s.launch()
+    s.tap("S1")
+    s.wait_text("Text.")
+    s.wait(lambda: s.mails()[0]["is_read"], "the mark")
+    s.rest()
+    body, width = s.find("Text."), s.size()[0]
+    s.watch("tap", width // 4, int(body["y"] + body["height"] + 50))
+    template = s.text("IDS_MSG_TEMPLATE_1", "message")
+    s.wait_text(template)
+    s.rest()
+    s.tap(template)
+    s.tap(s.text("IDS_COM_SK_SEND"))
+    s.wait(lambda: [r["text"] for r in s.requests("reply")] == [template], "the reply")
+
+
 def test_a_touch_elsewhere_or_another_sweep_commits(s):
     _, _, ids = arrange(s, 4)
     s.launch()

@@ -72,7 +72,7 @@ void tap(point at) {
 
 void press_long(point at) {
   touch(at);
-  run_for(elm_config_longpress_timeout_get() + 0.2);
+  run_for(elm_config_longpress_timeout_get() + 0.05);
   release(at);
   settle();
 }
@@ -163,15 +163,29 @@ std::vector<std::string> visible_texts(void) {
   return texts;
 }
 
-void rest(void) {
-  std::vector<nlohmann::json> before;
-  int looks = 0;
+static Eina_Bool count_cb(void *data) {
+  ++*static_cast<int *>(data);
+  return ECORE_CALLBACK_RENEW;
+}
+
+void rest_of(const std::function<std::string()> &look) {
+  /* What moves does so at every tick of the animators, however late that comes. */
+  int ticks = 0, seen = 0, still = 0;
+  Ecore_Animator *counter = ecore_animator_add(count_cb, &ticks);
+  std::string before;
   run_until([&] {
-    std::vector<nlohmann::json> now = texts_on_screen();
-    looks = now == before ? looks + 1 : 0;
+    if (ticks == seen) return false;
+    seen = ticks;
+    std::string now = look();
+    still = now == before ? still + 1 : 0;
     before = std::move(now);
-    return looks > 10;
+    return still > 8;
   });
+  ecore_animator_del(counter);
+}
+
+void rest(void) {
+  rest_of([] { return texts_on_screen().dump(); });
 }
 
 static bool shown_now(const std::string &text) {

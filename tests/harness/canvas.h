@@ -4,6 +4,7 @@
 
 #include <Elementary.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,8 @@ bool visible(const std::string &text);
 bool gone(const std::string &text);
 /* Waits until nothing on screen moves any more: a view has slid in, a list has run out. */
 void rest(void);
+/* The same of what is told of something. */
+void rest_of(const std::function<std::string()> &look);
 /* The centre of the visible text, as a finger aims at it. */
 point text_at(const std::string &text);
 

@@ -12,7 +12,8 @@
 bool run_until(const std::function<bool()> &done, std::source_location at = std::source_location::current());
 /* Runs the main loop until everything that is ready now has been handled. */
 void settle(void);
-/* Runs the main loop for that long. For animations and held fingers only: nothing is asserted about time. */
+/* Runs the main loop for that long. For fingers only, that are held or on their way: how long a gesture takes is a part
+   of it. Everything else is waited for, and nothing is asserted about time. */
 void run_for(double seconds);
 
 /* Work that goes on beside the loop (another peer's connection), until the number is given back. */

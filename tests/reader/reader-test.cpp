@@ -124,13 +124,7 @@ bool pull_up(void) {
   const int before = scrolled();
   evas_object_geometry_get(reader()->page_scroller_layout, nullptr, nullptr, &w, &h);
   stroke({w / 2, h * 4 / 5}, {w / 2, h / 4});
-  int last = -1;
-  run_until([&] {
-    run_for(0.06);
-    const bool still = scrolled() == last;
-    last = scrolled();
-    return still;
-  });
+  rest_of([] { return std::to_string(scrolled()); });
   return scrolled() != before;
 }
 

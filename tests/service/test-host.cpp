@@ -77,8 +77,11 @@ TEST_F(Host, WhatNoBusTakesHoldsNothingBack) {
 TEST_F(Host, WhatFindsNoRoomIsAskedAgainUntilThereIsSome) {
   change_store("INSERT INTO outbox (json, bytes) VALUES ('{}', 20000000)");
   EXPECT_EQ("com.vextora.brisel.Error.Full", other.call(watch_interface, "NoAccount", nullptr, "s", "full"));
+  bool told = false;
+  brisel_ipc_client_set_trouble_cb([](int, void *data) { *static_cast<bool *>(data) = true; }, &told);
   EXPECT_EQ(0, send_delete(3000));
-  run_for(0.3); /* it is refused meanwhile, or it is not: it must come in the end */
+  EXPECT_TRUE(run_until([&] { return told; })) << "its user hears that it waits";
+  brisel_ipc_client_set_trouble_cb(nullptr, nullptr);
   change_store("DELETE FROM outbox");
   ASSERT_TRUE(run_until([] { return !query("SELECT json FROM outbox").empty(); }));
   EXPECT_NE("\n", query("SELECT client FROM outbox")) << "nobody's share is counted";
