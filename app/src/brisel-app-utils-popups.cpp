@@ -41,14 +41,14 @@ static bool _make_title_small(Evas_Object *popup) {
   return title && *title;
 }
 
-/* Large letters on a small display: the question needs the room of the title. */
+/* Large letters on a small display: the question needs the room of the title. A round display has a place for it. */
 static void _title_job_cb(void *data) {
   Evas_Object *popup = (Evas_Object *)data;
   int height = 0;
   evas_object_data_del(popup, title_job);
   _name_popup(popup);
   evas_object_geometry_get(popup, nullptr, nullptr, nullptr, &height);
-  if (height < least_high_for_title * elm_config_scale_get()) _make_title_small(popup);
+  if (!brisel_stage_style() && height < least_high_for_title * elm_config_scale_get()) _make_title_small(popup);
 }
 
 static void _popup_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
@@ -102,6 +102,8 @@ static constexpr const char *label_styles[] = {"popup/default", "popup/smaller",
                                                "popup/smallest"};
 /* Before this one the title gives room, too. */
 constexpr size_t with_small_title = 2;
+/* The same on a round display, where the title is rather small from the start. */
+constexpr size_t round_with_small_title = 4;
 
 static void _set_label_style(Evas_Object *label, const char *style) {
   elm_object_style_set(label, style);
@@ -146,7 +148,7 @@ static void _fit_cb(void *data, Evas *e, void *event_info) {
   while (at + 1 < std::size(label_styles) && style != label_styles[at]) at++;
   while (!_fits(label, scroller) && ++at < std::size(label_styles)) {
     /* With the room that the title leaves it may fit: the scroller's new size brings it here again. */
-    if (at == with_small_title && _shrink_title(label)) break;
+    if (at == (brisel_stage_style() ? round_with_small_title : with_small_title) && _shrink_title(label)) break;
     _set_label_style(label, label_styles[at]);
   }
   evas_object_data_del(label, changed); /* its own doing */
