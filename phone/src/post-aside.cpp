@@ -135,6 +135,10 @@ void aside_done(post_aside *aside, const std::set<uint32_t> &there) {
   aside->uid = 0;
 }
 
+bool aside_is_file(const char *name) {
+  return g_str_has_prefix(name, kAside) || g_str_has_prefix(name, kAsked);
+}
+
 std::vector<std::pair<std::string, std::string>> aside_list(const std::string &path) {
   std::vector<std::pair<std::string, std::string>> out;
   g_autoptr(GDir) names = g_dir_open(path.c_str(), 0, nullptr);

@@ -51,6 +51,8 @@ void aside_came(post_aside *aside, uint32_t uid);
 /* Everything was fetched of what the server has. */
 void aside_done(post_aside *aside, const std::set<uint32_t> &there);
 
+/* Is that the name of a file that is kept for this? */
+bool aside_is_file(const char *name);
 /* Of all folders of the Maildir at `path`: which message, and why. */
 std::vector<std::pair<std::string, std::string>> aside_list(const std::string &path);
 

@@ -35,7 +35,7 @@ constexpr int kPoll = 2 * 60;     /* where the server has no way to tell of new 
 constexpr int kFirstPause = 2, kLongestPause = 300;
 constexpr int64_t kLasting = 60; /* a connection that lasted so long was a good one */
 constexpr rlim_t kMemory = 512u << 20;
-constexpr char kVersion[] = "v2", kLock[] = "/lock";
+constexpr char kVersion[] = "v2", kLock[] = "/lock", kTrouble[] = "trouble.";
 
 struct local_file {
   std::string path;
@@ -66,6 +66,21 @@ struct mirror {
 
 void say(const mirror &m, const std::string &text) {
   fprintf(stderr, "brisel-phone: %s (%s): %s\n", m.account.name.c_str(), m.folder.c_str(), text.c_str());
+}
+
+std::string tag_of(const std::string &folder) {
+  g_autofree char *sum = g_compute_checksum_for_string(G_CHECKSUM_SHA256, folder.c_str(), -1);
+  return "imap-" + std::string(sum).substr(0, 8);
+}
+
+/* For who asks for the relay's status: why the folder is not followed now. */
+void write_trouble(const mirror &m, const std::string &text) {
+  std::string file = m.path + "/" + kTrouble + m.tag;
+  if (text.empty())
+    unlink(file.c_str());
+  else
+    g_file_set_contents_full(file.c_str(), text.data(), static_cast<gssize>(text.size()),
+                             G_FILE_SET_CONTENTS_CONSISTENT, 0600, nullptr);
 }
 
 /* A base name tells folder, validity and uid: no list is kept beside the files. */
@@ -352,6 +367,7 @@ int follow(mirror *m, bool *worked, std::string *error) {
   for (;;) {
     if (mirror_once(m, session.get(), error) < 0) return -1;
     if (!*worked) say(*m, "follows " + m->account.imap);
+    if (!*worked) write_trouble(*m, "");
     *worked = true;
     int longest = imap_can_idle(session.get()) ? kRenewal : kPoll, changed = 0;
     while (changed == 0) {
@@ -400,6 +416,29 @@ int post_mirror_create(const std::string &path, std::string *error) {
   return 0;
 }
 
+void post_mirror_forget_others(const std::string &path, const std::vector<std::string> &folders) {
+  g_autoptr(GDir) names = g_dir_open(path.c_str(), 0, nullptr);
+  for (const char *name = names ? g_dir_read_name(names) : nullptr; name; name = g_dir_read_name(names)) {
+    bool status = g_str_has_prefix(name, kTrouble) || aside_is_file(name);
+    bool followed = std::any_of(folders.begin(), folders.end(), [name](const std::string &folder) {
+      return std::string_view(name).ends_with("." + tag_of(folder));
+    });
+    if (status && !followed) unlink((path + "/" + name).c_str());
+  }
+}
+
+std::string post_mirror_trouble(const std::string &path) {
+  std::string text;
+  g_autoptr(GDir) names = g_dir_open(path.c_str(), 0, nullptr);
+  for (const char *name = names ? g_dir_read_name(names) : nullptr; name; name = g_dir_read_name(names)) {
+    g_autofree char *one = nullptr;
+    bool good =
+        g_str_has_prefix(name, kTrouble) && g_file_get_contents((path + "/" + name).c_str(), &one, nullptr, nullptr);
+    if (good && text.find(one) == std::string::npos) text += (text.empty() ? "" : "; ") + std::string(one);
+  }
+  return text;
+}
+
 bool post_mirror_is_left(const std::string &path) {
   constexpr int kPauseUs = 20000, kTries = 250;
   int lock = open((path + kLock).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
@@ -427,8 +466,7 @@ int post_mirror_run(const std::string &config, const std::string &account, const
     return 1;
   }
   m.path = post_mirror_path(m.account.name);
-  g_autofree char *sum = g_compute_checksum_for_string(G_CHECKSUM_SHA256, folder.c_str(), -1);
-  m.tag = "imap-" + std::string(sum).substr(0, 8);
+  m.tag = tag_of(folder);
   m.changes = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (post_mirror_create(m.path, &error) < 0 || m.changes < 0 ||
       inotify_add_watch(m.changes, (m.path + "/cur").c_str(), IN_MOVED_TO) < 0 ||
@@ -448,6 +486,7 @@ int post_mirror_run(const std::string &config, const std::string &account, const
     error.clear();
     follow(&m, &worked, &error);
     if (worked) told.clear();
+    write_trouble(m, error);
     if (worked && now() - begun > kLasting) pause = kFirstPause;
     if (error != told) say(m, error + "; tried again until it works");
     told = error;

@@ -17,6 +17,11 @@ int post_mirror_run(const std::string &config, const std::string &account, const
 /* Makes the empty mirror. Returns 0, or -1 with a reason. */
 int post_mirror_create(const std::string &path, std::string *error);
 
+/* What is noted there of folders that are not followed any more is no part of the status. */
+void post_mirror_forget_others(const std::string &path, const std::vector<std::string> &folders);
+/* Why the folders of the mirror at `path` are not followed now; empty: they are. */
+std::string post_mirror_trouble(const std::string &path);
+
 struct post_mirror_order {
   std::string config, account, folder;
   int64_t newest = 200;

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <memory>
 
 #include "post-account.h"
@@ -100,6 +101,9 @@ struct post_mirrors {
 
 post_mirrors *post_mirrors_start(sd_event *event, const std::vector<post_mirror_order> &orders) {
   auto *mirrors = new post_mirrors;
+  std::map<std::string, std::vector<std::string>> folders;
+  for (const post_mirror_order &order : orders) folders[order.account].push_back(order.folder);
+  for (const auto &[account, followed] : folders) post_mirror_forget_others(post_mirror_path(account), followed);
   for (const post_mirror_order &order : orders) {
     mirrors->all.push_back(std::make_unique<one_mirror>());
     mirrors->all.back()->order = order;

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "post-aside.h"
+#include "post-mirror.h"
 #include "relay-parts.h"
 
 namespace {
@@ -43,6 +44,11 @@ struct status_record {
   std::vector<reply_entry> replies;
 };
 
+std::string line_of(const json &record, const char *key) {
+  auto found = record.find(key);
+  return found != record.end() && found->is_string() ? mime_clean_line(found->get<std::string>(), 400) : "";
+}
+
 int read_status(status_record *status, std::string *error) {
   phone_state_holder state(phone_state_open(error));
   if (!state) return -1;
@@ -54,9 +60,12 @@ int read_status(status_record *status, std::string *error) {
   }
   status->accounts = json::parse(accounts, nullptr, false);
   if (!status->accounts.is_array()) status->accounts = json::array();
-  for (json &a : status->accounts)
-    for (const auto &[message, why] : aside_list(a.value("path", std::string())))
+  for (json &a : status->accounts) {
+    std::string path = a.value("path", std::string()), trouble = post_mirror_trouble(path);
+    for (const auto &[message, why] : aside_list(path))
       a["set_aside"].push_back({{"message", message}, {"reason", why}});
+    if (!trouble.empty() && line_of(a, "error").empty()) a["error"] = trouble;
+  }
   status->running = relay_is_running();
   status->link = link_report_read(state.get());
   return 0;
@@ -82,11 +91,6 @@ void print_json(const status_record &status) {
                               {"sent", e.done_time},
                               {"error", e.error}});
   printf("%s\n", out.dump(2, ' ', false, json::error_handler_t::replace).c_str());
-}
-
-std::string line_of(const json &record, const char *key) {
-  auto found = record.find(key);
-  return found != record.end() && found->is_string() ? mime_clean_line(found->get<std::string>(), 400) : "";
 }
 
 void print_text(const status_record &status) {

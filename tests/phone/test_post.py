@@ -104,7 +104,9 @@ def test_an_account_from_address_and_password(s):
         s.wait(lambda: "work@x" not in uids(s) and "anew@x" in uids(s), "a folder made anew")
 
         dovecot.stop()
+        s.wait(lambda: "cannot be reached: nothing listens" in status(s)["accounts"][0]["error"], "the status of an account that is away")
         dovecot.start()
+        s.wait(lambda: status(s)["accounts"][0]["error"] == "", "and of one that is back")
         Client(dovecot, authority.ca).add(message("later@x"))
         s.wait(lambda: "later@x" in uids(s), "a mail after the server's restart")
 
