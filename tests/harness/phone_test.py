@@ -61,7 +61,8 @@ class Sendmail:
         self.refuse = self.folder.parent / (self.folder.name + "-refuse")
         self.program.write_text(f"""#!/bin/sh
 [ "$1 $2" = "-t -i" ] || exit 64
-if [ -e '{self.refuse}' ]; then cat > /dev/null; echo 'no route to anywhere' >&2; exit $(cat '{self.refuse}'); fi
+code=$(cat '{self.refuse}' 2> /dev/null) # read once: the test may take it away meanwhile
+if [ "$code" ]; then cat > /dev/null; echo 'no route to anywhere' >&2; exit "$code"; fi
 file=$(mktemp '{self.folder}/.XXXXXXXX') && cat > "$file" && mv "$file" '{self.folder}/'$(basename "$file" | tr -d .).eml
 """)
         self.program.chmod(0o755)
