@@ -166,6 +166,11 @@ static void _pane_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_inf
   lifted_time = 0;
 }
 
+/* Before its canvas, and what lies on that, goes. */
+static void _window_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  if (obj == window) window = nullptr;
+}
+
 static Evas_Object *_add_invisible(Evas *canvas) {
   Evas_Object *object = evas_object_rectangle_add(canvas);
   evas_object_color_set(object, 0, 0, 0, 0);
@@ -202,7 +207,7 @@ static void _pane_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info
 
 /* The toolkit leaves the ring where it was when what had the focus goes and nothing gets it, as above the reader. */
 static void _ring_job_cb(void *data) {
-  if (!pane) return;
+  if (!window) return;
   const Evas_Object *focused = elm_object_focused_object_get(window);
   if (!focused || focused == window) elm_win_focus_highlight_enabled_set(window, EINA_FALSE);
 }
@@ -218,6 +223,7 @@ bool brisel_touch_key_reveals(unsigned timestamp) {
 void brisel_touch_watch(Evas_Object *win, void (*place)(void *data), void *data) {
   if (pane) evas_object_del(pane);
   window = win;
+  evas_object_event_callback_add(win, EVAS_CALLBACK_DEL, _window_gone_cb, nullptr);
   place_focus = place;
   place_data = data;
   pane = _add_invisible(evas_object_evas_get(win));
