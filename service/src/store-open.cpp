@@ -112,6 +112,8 @@ bool store_take_lock(store *st, std::string *why) {
 bool store_open_file(store *st, std::string *why) {
   st->opening = true;
   st->file = {};
+  /* Of what is opened now: when something else takes its place before this is done, that has to be noticed. */
+  const file_identity found = identity_of(st->path);
   if (!check_database(&st->db, st->db.open(st->path, sql_access::create, busy_ms), st->path, why)) return false;
   /* FULL: in WAL mode only this syncs the log at every commit, which is what an acknowledgement promises. */
   st->error.clear();
@@ -120,7 +122,7 @@ bool store_open_file(store *st, std::string *why) {
     *why = st->path + " cannot be opened: " + st->error;
     return false;
   }
-  st->file = identity_of(st->path);
+  st->file = found.inode ? found : identity_of(st->path);
   st->log = identity_of(st->path + "-wal");
   st->shared = identity_of(st->path + "-shm");
   st->opening = false;
