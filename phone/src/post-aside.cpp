@@ -5,8 +5,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <fstream>
+
+#include "platform-files.h"
 
 namespace {
 
@@ -21,13 +25,11 @@ std::string file_of(const post_aside &aside, const char *kind) {
 }
 
 /* Only the end of a process is to be outlived here, not that of the machine: nothing is synced. */
-void write_file(const std::string &file, const std::string &text) {
-  GError *why = nullptr;
-  if (g_file_set_contents_full(file.c_str(), text.c_str(), static_cast<gssize>(text.size()),
-                               G_FILE_SET_CONTENTS_CONSISTENT, 0600, &why))
-    return;
-  fprintf(stderr, "brisel-phone: %s\n", why->message);
-  g_error_free(why);
+void write_file(const post_aside &aside, const char *kind, const std::string &text) {
+  platform_folder folder(aside.path.c_str());
+  std::string name = kind + aside.tag, temporary = "new-" + name;
+  if (platform_file_replace(folder.fd, name.c_str(), temporary.c_str(), text.data(), text.size(), false, nullptr) < 0)
+    fprintf(stderr, "brisel-phone: %s/%s: %s\n", aside.path.c_str(), name.c_str(), strerror(errno));
 }
 
 /* An entry is a line: uid, end, wait, date, folder as in an URL, reason. */
@@ -40,13 +42,13 @@ void write_held(const post_aside &aside) {
   if (aside.held.empty())
     unlink(file_of(aside, kAside).c_str());
   else
-    write_file(file_of(aside, kAside), text);
+    write_file(aside, kAside, text);
 }
 
 void write_asked(const post_aside &aside, bool under_way) {
-  write_file(file_of(aside, kAsked), std::to_string(aside.validity) + " " + std::to_string(aside.at_once) + " " +
-                                         std::to_string(aside.uid) + " " + std::to_string(aside.count) + " " +
-                                         std::to_string(aside.tries) + (under_way ? " 1\n" : " 0\n"));
+  write_file(aside, kAsked,
+             std::to_string(aside.validity) + " " + std::to_string(aside.at_once) + " " + std::to_string(aside.uid) +
+                 " " + std::to_string(aside.count) + " " + std::to_string(aside.tries) + (under_way ? " 1\n" : " 0\n"));
 }
 
 struct held_line {
@@ -76,6 +78,8 @@ void aside_load(post_aside *aside, const std::string &path, const std::string &t
   std::vector<held_line> lines;
   if (read_held(file_of(*aside, kAside), &lines) == validity)
     for (const held_line &line : lines) aside->held[line.uid] = line.entry;
+  else
+    unlink(file_of(*aside, kAside).c_str()); /* of a folder that is another now: nobody asks for them any more */
   std::ifstream in(file_of(*aside, kAsked));
   post_aside asked;
   bool under_way = false;

@@ -255,6 +255,7 @@ int remove_deleted(mirror *m, mailimap *session, std::string *error) {
 int window_from_changes(mirror *m, mailimap *session, const imap_folder &folder, std::vector<imap_message> *messages,
                         std::string *error) {
   if (m->modseq == 0 || folder.modseq == 0 || m->agreed.empty() || !m->asks_changes) return 0;
+  if (!m->aside.held.empty()) return 0; /* the server tells of each only once, and they are not here */
   std::map<uint32_t, imap_message> window;
   for (const auto &[uid, seen] : m->agreed) window[uid] = {uid, seen};
   if (imap_tells_changes(session)) {

@@ -283,19 +283,21 @@ def test_a_message_at_which_the_server_hangs_up(s):
         for n in (1, 2, 3):
             other.add(message(f"m{n}@x"))
         (s.dir / "relay.conf").write_text(f"[account {USER}]\nimap=imap://localhost:{listener.getsockname()[1]}\nplain=yes\n"
-                                          f"password-command=echo {PASSWORD}\n")
+                                          f"newest=3\npassword-command=echo {PASSWORD}\n")
         relay = Relay(s, "--config", s.dir / "relay.conf")
         s.wait(lambda: uids(s) == {"m1@x", "m3@x"}, "the messages around it", 60)
         equal(ended, ["3,2,1", "2", "2", "2"], "what was asked for")
         [left] = status(s)["accounts"][0]["set_aside"]
         assert left["message"].startswith("INBOX, message 2 of 20") and "connection ended" in left["reason"], left
+        other.add(message("m4@x"))
+        s.wait(lambda: uids(s) == {"m3@x", "m4@x"}, "the newest three but for it")
         bad = ""
         relay.kill()
         [aside] = s.dir.rglob("aside.*")
         lines = aside.read_text().splitlines()
         aside.write_text("\n".join([lines[0], " ".join(["2", "1", *lines[1].split()[2:]])]) + "\n")  # its wait is over
         relay.start()
-        s.wait(lambda: uids(s) == {"m1@x", "m2@x", "m3@x"} and not status(s)["accounts"][0]["set_aside"], "the message")
+        s.wait(lambda: uids(s) == {"m2@x", "m3@x", "m4@x"} and not status(s)["accounts"][0]["set_aside"], "the message")
 
 
 def test_who_is_not_trusted(s):
