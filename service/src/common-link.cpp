@@ -240,7 +240,8 @@ int request_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
 }
 
 bool is_stale_show(const request &r) {
-  const int64_t age = static_cast<int64_t>(time(nullptr)) - r.host_state;
+  /* The low half of the time is kept: their difference is right in any year. */
+  const auto age = static_cast<int32_t>(static_cast<uint32_t>(time(nullptr)) - static_cast<uint32_t>(r.host_state));
   return r.type == kept_show && (age < 0 || age > show_age);
 }
 

@@ -33,7 +33,7 @@ struct mail_batch {
 };
 
 /* A connection that said who it is. */
-struct phone_identity {
+struct introduced_phone {
   std::string connection; /* its unique name on the bus */
   std::string id;         /* empty: it did not say */
   std::string name;       /* for people */
@@ -48,7 +48,7 @@ struct host {
   int64_t announced = 0; /* the newest change told to clients */
   std::string phone;     /* unique name of the connected phone; empty: none */
   std::string phone_id, phone_name;
-  std::vector<phone_identity> introduced;
+  std::vector<introduced_phone> introduced;
   sd_bus_track *refused = nullptr; /* connections that are to hear when the phone has left */
   std::string watch_id;
   sd_bus_track *track = nullptr; /* follows the phone's name */
@@ -107,7 +107,7 @@ void pair_keep_id(const host *h);
 /* The method Introduce. */
 int pair_introduce(sd_bus_message *m, void *data, sd_bus_error *error);
 /* Who a connection said it is. */
-phone_identity pair_identity(const host *h, const char *connection);
+introduced_phone pair_identity(const host *h, const char *connection);
 /* Refuses a caller whose program may not be the phone. */
 int pair_check_program(sd_bus_message *m, sd_bus_error *error);
 /* Unpacks a zlib stream to a text of at most `most` bytes. false when it is anything else. */

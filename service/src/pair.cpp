@@ -111,15 +111,15 @@ int pair_introduce(sd_bus_message *m, void *data, sd_bus_error *error) {
     return sd_bus_error_set(error, host_error_version,
                             "the phone's brisel-phone is too old for this watch: update it on the phone");
   const char *sender = sd_bus_message_get_sender(m);
-  std::erase_if(h->introduced, [&](const phone_identity &one) { return one.connection == sender; });
+  std::erase_if(h->introduced, [&](const introduced_phone &one) { return one.connection == sender; });
   if (h->introduced.size() >= introduced_max) h->introduced.erase(h->introduced.begin());
   h->introduced.push_back({sender, id, clean_name(name, "another phone")});
   return sd_bus_reply_method_return(m, "ussas", pair_version, h->watch_id.c_str(), name_of_watch().c_str(), 3,
                                     pair_zlib, pair_mail_ids, pair_free);
 }
 
-phone_identity pair_identity(const host *h, const char *connection) {
-  for (const phone_identity &one : h->introduced)
+introduced_phone pair_identity(const host *h, const char *connection) {
+  for (const introduced_phone &one : h->introduced)
     if (one.connection == connection) return one;
   return {connection, "", "another phone"};
 }

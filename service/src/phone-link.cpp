@@ -114,7 +114,7 @@ void link_reset(host *h) {
 
 int link_connect(host *h, const char *sender, sd_bus_error *error) {
   if (h->phone == sender) return 0;
-  const phone_identity who = pair_identity(h, sender);
+  const introduced_phone who = pair_identity(h, sender);
   const bool again = !who.id.empty() && who.id == h->phone_id;
   if (!h->phone.empty() && !again) {
     if (!h->refused) sd_bus_track_new(h->bus, &h->refused, nullptr, nullptr);
