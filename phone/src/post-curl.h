@@ -18,6 +18,8 @@ struct curl_functions {
   decltype(&curl_slist_free_all) slist_free_all;
 };
 
+/* What is said when it cannot be had. */
+inline constexpr char curl_missing[] = "libcurl, which finds servers and sends, is not on this machine";
 /* NULL when it cannot be had. It stays loaded. */
 const curl_functions *curl_library(void);
 

@@ -210,6 +210,10 @@ int post_find_servers(const post_account &account, post_found *found, std::strin
     *error = "'" + domain + "' is no name of a domain; check the address";
     return -1;
   }
+  if (!curl_library()) {
+    *error = curl_missing;
+    return -1;
+  }
   res_init();
   _res.retrans = 3; /* seconds; an address of this machine that answers nothing is waited for long enough */
   _res.retry = 2;

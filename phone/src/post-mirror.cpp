@@ -278,7 +278,7 @@ int window_from_changes(mirror *m, mailimap *session, const imap_folder &folder,
 }
 
 /* Fetches messages that are not here yet, the first first: that is what somebody waits for. What a server cannot give
-   is found out by asking for each alone, and left out, or nothing behind it would ever come. */
+   is found out by asking for each alone, and set aside, or nothing behind it would ever come. */
 int fetch_new(mirror *m, mailimap *session, const std::vector<imap_message> &messages, std::string *error) {
   for (size_t from = 0; from < messages.size();) {
     std::vector<imap_mail> mails;

@@ -167,7 +167,7 @@ int smtp_send(const post_account &account, const std::string &secret, const std:
   if (post_server_read(account, account.smtp, &server, error) < 0) return -1;
   const curl_functions *lib = curl_library();
   if (!lib) {
-    *error = "libcurl, which sends, is not on this machine";
+    *error = curl_missing;
     return -1;
   }
   const curl_holder holder(lib->init());

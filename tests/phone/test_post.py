@@ -298,6 +298,10 @@ def test_a_message_at_which_the_server_hangs_up(s):
         aside.write_text("\n".join([lines[0], " ".join(["2", "1", *lines[1].split()[2:]])]) + "\n")  # its wait is over
         relay.start()
         s.wait(lambda: uids(s) == {"m2@x", "m3@x", "m4@x"} and not status(s)["accounts"][0]["set_aside"], "the message")
+        relay.kill()
+        aside.write_text("1\n2 9999999999 300 0 INBOX of a folder that was made anew since\n")
+        relay.start()
+        s.wait(lambda: not status(s)["accounts"][0]["set_aside"], "nothing of a folder before")
 
 
 def test_who_is_not_trusted(s):
