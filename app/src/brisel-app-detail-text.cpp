@@ -92,18 +92,66 @@ static std::string __brisel_detail_fit_subject(const page_data *page, const std:
   return shown == whole ? whole : shown + ellipsis;
 }
 
+static std::string __brisel_detail_tight(const std::string &text) {
+  scoped_text markup(brisel_util_text_to_markup_whole(text.c_str()));
+  scoped_text tight(brisel_detail_tight_markup(text.c_str(), markup ? markup.get() : ""));
+  return tight ? tight.get() : "";
+}
+
 void __brisel_detail_set_subject(page_data *page) {
+  static const char none[] = "IDS_EMAIL_BODY_HNO_SUBJECT_ABB";
   const char *subject = page->mail_data->subject;
-  if (!subject || !*subject) {
-    elm_object_domain_translatable_part_text_set(page->detail_layout, part_title, BRISEL_DOMAIN,
-                                                 "IDS_EMAIL_BODY_HNO_SUBJECT_ABB");
+  const bool has_subject = subject && *subject;
+  if (!has_subject && !page->is_sender_whole) {
+    elm_object_domain_translatable_part_text_set(page->detail_layout, part_title, BRISEL_DOMAIN, none);
     return;
   }
-  std::string shown = __brisel_detail_bounded_subject(subject);
-  if (!page->is_subject_whole) shown = __brisel_detail_fit_subject(page, shown);
-  scoped_text markup(brisel_util_text_to_markup_whole(shown.c_str()));
-  scoped_text tight(brisel_detail_tight_markup(shown.c_str(), markup ? markup.get() : ""));
-  elm_object_part_text_set(page->detail_layout, part_title, tight.get());
+  std::string shown = has_subject ? __brisel_detail_bounded_subject(subject) : brisel_util_get_text(none);
+  if (has_subject && !page->is_subject_whole) shown = __brisel_detail_fit_subject(page, shown);
+  shown = __brisel_detail_tight(shown);
+  const char *sender = brisel_view_sender(page->mail_data);
+  if (page->is_sender_whole && sender)
+    shown = "<sender>" + __brisel_detail_tight(__brisel_detail_bounded_subject(sender)) + "</sender><br>" + shown;
+  elm_object_part_text_set(page->detail_layout, part_title, shown.c_str());
+}
+
+/* --- the sender --- */
+
+/* Where the title cuts the sender, of the canvas; empty where the whole of it stands there, or something else. */
+static Eina_Rectangle __brisel_detail_cut_sender(const page_data *page) {
+  static const char part_sender[] = "elm.text.title";
+  Evas_Object *title = page->page_layout ? elm_object_part_content_get(page->page_layout, "title") : nullptr;
+  Evas_Object *part =
+      title ? (Evas_Object *)edje_object_part_object_get(elm_layout_edje_get(title), part_sender) : nullptr;
+  scoped_text markup(brisel_view_sender_title(page->mail_data));
+  if (!part || g_strcmp0(elm_object_part_text_get(title, part_sender), markup.get()) != 0) return {};
+  Evas_Object *probe = evas_object_textblock_add(evas_object_evas_get(part));
+  evas_object_scale_set(probe, evas_object_scale_get(part));
+  evas_object_textblock_style_set(probe, evas_object_textblock_style_get(part));
+  Evas_Textblock_Style *uncut = evas_textblock_style_new();
+  evas_textblock_style_set(uncut, "DEFAULT='ellipsis=-1'");
+  evas_object_textblock_style_user_push(probe, uncut);
+  evas_object_textblock_text_markup_set(probe, markup.get());
+  Eina_Rectangle place = {};
+  evas_object_geometry_get(part, &place.x, nullptr, &place.w, nullptr);
+  evas_object_geometry_get(title, nullptr, &place.y, nullptr, &place.h);
+  evas_object_resize(probe, place.w, place.h);
+  int width = 0;
+  evas_object_textblock_size_formatted_get(probe, &width, nullptr);
+  evas_object_del(probe);
+  evas_textblock_style_free(uncut);
+  /* The title takes smaller letters before it cuts. */
+  unsigned smallest = 0, largest = 0;
+  evas_textblock_fit_size_range_get(part, &smallest, &largest);
+  if (largest) width = (int)((double)width * smallest / largest);
+  return width > place.w ? place : Eina_Rectangle{};
+}
+
+/* The page's top has room for all of it, as it has for a long subject. */
+static void __brisel_detail_sender_tapped(page_data *page) {
+  page->is_sender_whole = !page->is_sender_whole;
+  __brisel_detail_set_subject(page);
+  if (page->is_sender_whole) elm_scroller_region_show(page->scroller, 0, 0, 1, 1);
 }
 
 /* --- the body --- */
@@ -151,7 +199,10 @@ static bool __brisel_detail_is_inside(Evas_Object *object, int x, int y) {
 
 void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y) {
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
-  if (!page->text || !page->detail_layout || !__brisel_detail_is_inside(page->scroller, x, y)) return;
+  if (!page->text || !page->detail_layout || !page->scroller) return;
+  const Eina_Rectangle sender = __brisel_detail_cut_sender(page);
+  if (eina_rectangle_coords_inside(&sender, x, y)) return __brisel_detail_sender_tapped(page);
+  if (!__brisel_detail_is_inside(page->scroller, x, y)) return;
   Evas_Object *edje = elm_layout_edje_get(page->detail_layout);
   if (__brisel_detail_is_inside((Evas_Object *)edje_object_part_object_get(edje, part_title), x, y)) {
     page->is_subject_whole = !page->is_subject_whole;
@@ -168,6 +219,7 @@ void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y) {
 std::vector<Eina_Rectangle> __brisel_detail_tap_places(const page_data *page) {
   std::vector<Eina_Rectangle> places;
   if (!page->text || !page->detail_layout || !page->scroller) return places;
+  if (const Eina_Rectangle sender = __brisel_detail_cut_sender(page); sender.w > 0) places.push_back(sender);
   Eina_Rectangle view = {}, subject = {};
   evas_object_geometry_get(page->scroller, &view.x, &view.y, &view.w, &view.h);
   Evas_Object *edje = elm_layout_edje_get(page->detail_layout);

@@ -38,6 +38,7 @@ struct page_data {
   appdata *ad;
   int width, height;              /* of the view, as the subject was fitted to it */
   unsigned char is_subject_whole; /* it was touched: shown in all its lines */
+  unsigned char is_sender_whole;  /* the title that cuts it was touched: shown above the subject */
 };
 
 struct brisel_detail_view;
@@ -140,7 +141,7 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page);
 void __brisel_detail_set_subject(page_data *page);
 void __brisel_detail_set_body(page_data *page, appdata *ad);
 void __brisel_detail_free_text(page_data *page);
-/* A finger tapped at that place of the canvas: a long subject opens and closes, a folded line opens. */
+/* A finger tapped at that place of the canvas: a long subject or sender opens and closes, a folded line opens. */
 void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y);
 /* What is on screen of where a tap means something, of the canvas, from the top. */
 std::vector<Eina_Rectangle> __brisel_detail_tap_places(const page_data *page);

@@ -261,6 +261,26 @@ TEST_F(Texts, ALongSubjectIsCutUntilItIsTouched) {
   EXPECT_TRUE(run_until([&] { return shown().size() > narrow.size(); })) << "as much as the width lets";
 }
 
+TEST_F(Texts, ASenderThatTheTitleCutsIsShownWholeWhenItIsTouched) {
+  const std::string longest = "Maximiliane Alexandrina von und zu der Hohen Heide";
+  const std::vector<int> ids = mailbox_with(&phone, {"body", "body"});
+  phone.set_text(ids[1], "from_name", longest);
+  for (int mail : {0, 1}) {
+    open_reader(ids[mail]);
+    rest();
+    const std::string subject = part_text(current_page(), "detail.title");
+    Evas_Object *title = elm_object_part_content_get(current_page()->page_layout, "title");
+    int x = 0, y = 0;
+    edje_object_part_geometry_get(elm_layout_edje_get(title), "elm.text.title", &x, nullptr, nullptr, nullptr);
+    for (bool whole : {true, false}) {
+      tap({x + 20, y + 20});
+      rest();
+      EXPECT_EQ(part_text(current_page(), "detail.title"), (mail && whole ? longest + "\n" : "") + subject);
+    }
+    close_reader();
+  }
+}
+
 TEST_F(Texts, EastAsianLinesAreAsHighAsTheyAre) {
   const std::vector<int> ids = mailbox_with(&phone, {"\xE4\xBD\xA0\xE5\xA5\xBD", "ab"});
   int height[2] = {};
