@@ -131,8 +131,9 @@ void aside_came(post_aside *aside, uint32_t uid) {
   if (aside->held.erase(uid) > 0) write_held(*aside);
 }
 
-void aside_done(post_aside *aside, const std::set<uint32_t> &there) {
-  if (std::erase_if(aside->held, [&there](const auto &one) { return !there.count(one.first); }) > 0) write_held(*aside);
+void aside_done(post_aside *aside, const std::set<uint32_t> &missing) {
+  if (std::erase_if(aside->held, [&missing](const auto &one) { return !missing.count(one.first); }) > 0)
+    write_held(*aside);
   if (aside->uid == 0) return;
   unlink(file_of(*aside, kAsked).c_str());
   aside->at_once = kAtOnce;

@@ -48,8 +48,9 @@ void aside_begin(post_aside *aside, uint32_t uid, size_t count);
 void aside_failed(post_aside *aside, bool refused, int64_t date, const std::string &why);
 /* ... and this one came. */
 void aside_came(post_aside *aside, uint32_t uid);
-/* Everything was fetched of what the server has. */
-void aside_done(post_aside *aside, const std::set<uint32_t> &there);
+/* Everything was fetched of what the server has: of these, which were not here before. No others are set aside any
+   more: one that is here already would be waited for without end. */
+void aside_done(post_aside *aside, const std::set<uint32_t> &missing);
 
 /* Is that the name of a file that is kept for this? */
 bool aside_is_file(const char *name);

@@ -313,21 +313,23 @@ int fetch_new(mirror *m, mailimap *session, const std::vector<imap_message> &mes
 
 /* Brings the mirror to what the server has: `messages`, the oldest first. */
 int take_over(mirror *m, mailimap *session, const std::vector<imap_message> &messages, std::string *error) {
-  std::set<uint32_t> there;
+  std::set<uint32_t> there, missing;
   std::vector<imap_message> fresh;
   for (auto at = messages.rbegin(); at != messages.rend(); ++at) {
     if (at->deleted || !there.insert(at->uid).second) continue;
     auto file = m->files.find(at->uid);
-    if (file == m->files.end())
+    if (file == m->files.end()) {
       fresh.push_back(*at);
-    else if (exchange_mark(m, session, *at, file->second, error) < 0)
+      missing.insert(at->uid);
+    } else if (exchange_mark(m, session, *at, file->second, error) < 0) {
       return -1;
+    }
   }
   /* Those that could not be had before come last: they may end the connection again. */
   std::stable_partition(fresh.begin(), fresh.end(),
                         [m](const imap_message &one) { return m->aside.held.count(one.uid) == 0; });
   if (fetch_new(m, session, fresh, error) < 0) return -1;
-  aside_done(&m->aside, there);
+  aside_done(&m->aside, missing);
   for (const auto &[uid, file] : m->files)
     if (!there.count(uid)) drop(*m, file.path);
   for (const std::string &path : m->stale) drop(*m, path);
