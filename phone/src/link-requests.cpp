@@ -97,10 +97,15 @@ int resend_cb(sd_event_source *source, uint64_t usec, void *user_data) {
   return 0;
 }
 
+/* Whether a request could not be kept and was not asked for again yet. */
+bool something_waits(const phone_link *link) {
+  return link->resend && sd_event_source_get_enabled(link->resend, nullptr) > 0;
+}
+
 /* What could not be kept stays with the service, which sends all that waits when it is asked: after a pause that
    grows, for a disk that is full now is full in a moment too; once for all that wait, however many they are. */
 void ask_again_later(phone_link *link) {
-  if (link->resend && sd_event_source_get_enabled(link->resend, nullptr) > 0) return;
+  if (something_waits(link)) return;
   if (link->resend_delay == 0) link_log(phone_state_error(link->state));
   link->resend_delay = link_longer(link->resend_delay);
   link_timer(link, &link->resend, link->resend_delay, resend_cb);
@@ -270,6 +275,15 @@ void requests_take_urgent(phone_link *link) {
   }
 }
 
+void link_ask_waiting(phone_link *link) {
+  std::string error;
+  if (!link->connected || !something_waits(link)) return;
+  sd_event_source_set_enabled(link->resend, SD_EVENT_OFF);
+  if (host_connect(link->bus.get(), &error) == 0) return;
+  link_log(error);
+  ask_again_later(link);
+}
+
 int link_take_waiting(phone_link *link) {
   hear_what_came(link);
   while (link->connected && !link->requests.empty()) {
@@ -277,7 +291,7 @@ int link_take_waiting(phone_link *link) {
     link->requests.pop_front();
     take_request(link, next);
   }
-  return link->connected ? 0 : -1;
+  return link->connected && !something_waits(link) ? 0 : -1;
 }
 
 int more_of_mail(phone_state *state, int mail_id, const std::string &message_uid, int64_t have, std::string *piece,

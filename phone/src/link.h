@@ -52,8 +52,10 @@ bool link_is_connected(phone_link *link);
 /* Work that takes the loop's thread for long calls this now and then: the watch then knows that the phone lives, and
    who waits there for more of a text gets it. Not inside a change of the state. */
 void link_stay_alive(phone_link *link);
-/* Takes every request that the service sent before it answered the last call, now. Returns 0, or -1 when the connection
-   went meanwhile. */
+/* Has the service send what could not be kept once more, now: before the answer of the next call. */
+void link_ask_waiting(phone_link *link);
+/* Takes every request that the service sent before it answered the last call, now. Returns 0, or -1 when one could not
+   be kept or the connection went meanwhile. */
 int link_take_waiting(phone_link *link);
 
 /* For other commands: a stream that goes through who has the link to the watch whose state this is; -1 when nobody

@@ -156,6 +156,7 @@ int known_match(relay *r) {
   std::vector<host_record> accounts;
   std::vector<watch_mail_id> mails;
   std::string error;
+  link_ask_waiting(r->link);
   int result = host_list_accounts(link_bus(r->link), &accounts, &error);
   for (auto &a : r->accounts)
     if (result == 0) result = ensure_account(a.get(), accounts, &error);
@@ -165,7 +166,7 @@ int known_match(relay *r) {
      that never arrived; and what he deleted since is still in the list. */
   if (result == 0 && link_take_waiting(r->link) < 0) {
     result = -1;
-    error = "the connection ended";
+    error = link_is_connected(r->link) ? "what the watch asked for cannot be kept yet" : "the connection ended";
   }
   if (result < 0) {
     link_log(error);

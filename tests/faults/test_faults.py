@@ -187,7 +187,7 @@ def steps(*plan):
 for row, (kind, for_good) in enumerate((("full", False), ("full", True), ("io", False), ("io", True), ("kill", False))):
     every = os.environ.get("BRISEL_EVERY_FAULT")
     stride, parts = int(os.environ.get("BRISEL_FAULT_STRIDE", "1" if every else "29")), 4 if every else 1
-    for first in range(1 + row * 5 % stride, 1 + row * 5 % stride + stride * parts, stride):
+    for first in range(1 + row * 6 % stride, 1 + row * 6 % stride + stride * parts, stride):
         globals()[f"test_each_step_{kind}_{for_good}_{first}"] = steps(kind, for_good, first, stride * parts)
 
 
