@@ -119,9 +119,8 @@ void _follow_row_settings(appdata *ad) {
   evas_object_event_callback_add(ad->mailbox_genlist, EVAS_CALLBACK_DEL, _list_deleted_cb, nullptr);
 }
 
-/* Plain text: its part takes no markup. */
 static char *_subject_text(const item_data *item) {
-  return item->subject && subjects_shown ? strdup(item->subject) : nullptr;
+  return item->subject && subjects_shown ? brisel_util_text_to_markup(item->subject) : nullptr;
 }
 
 static char *_gl_text_get(void *data, Evas_Object *obj, const char *part) {
