@@ -354,6 +354,20 @@ TEST_F(mailbox, WhatIsOnScreenStaysWhereItIs) {
   const int then = middle_of_item(first).y;
   rest();
   EXPECT_EQ(middle_of_item(first).y, then) << "a list that still runs";
+  touch({160, 250});
+  for (int y = 240; y >= 200; y -= 10) move_finger({160, y});
+  rest();
+  const int dragged = middle_of_item(first).y;
+  const int other = ids[1];
+  ids.insert(ids.begin(), mail(0, 7));
+  phone.set_flag(other, "is_read", 1);
+  EXPECT_TRUE(run_until([&] { return ((item_data *)elm_object_item_data_get(item_of_mail(other)))->is_read != 0; }));
+  move_finger({160, 201});
+  rest();
+  EXPECT_NEAR(middle_of_item(first).y, dragged, 2) << "under a finger";
+  EXPECT_EQ(item_of_mail(ids[0]), nullptr) << "what comes waits for the finger to leave";
+  lift();
+  wait_for_rows(ids);
 }
 
 TEST_F(mailbox, ARowSaysWhatAMailIsAbout) {
