@@ -163,11 +163,15 @@ def each_step(s, kind, for_good, step, stride):
         files, done, settled = life(s, disk, box, mta, relay, round_)
         struck = disk.struck() > 0
         disk.works()
-        if relay.process.poll() is not None:
-            relay.kill()
-            relay.start()
-        s.wait(settled, f"all of round {round_} ({kind} at step {step}{' for good' if for_good else ''}) when the disk "
-                        f"works: {done} {uids(s)}")
+
+        def whole():  # what strikes is written down before it does
+            if relay.process.poll() is not None:
+                relay.kill()
+                relay.start()
+            return settled()
+
+        s.wait(whole, f"all of round {round_} ({kind} at step {step}{' for good' if for_good else ''}) when the disk "
+                       f"works: {done} {uids(s)}")
         twice = [text for text in set(sent(mta)) if sent(mta).count(text) > 1]
         assert not twice or kind == "kill", (kind, step, twice)
         relay.kill()
