@@ -353,7 +353,7 @@ TEST_F(mailbox, WhatIsOnScreenStaysWhereItIs) {
   wait_for_rows(ids);
   const int then = middle_of_item(first).y;
   rest();
-  EXPECT_EQ(middle_of_item(first).y, then) << "a list that still runs";
+  EXPECT_NEAR(middle_of_item(first).y, then, 20) << "a list that still runs does not jump by a row";
   touch({160, 250});
   for (int y = 240; y >= 200; y -= 10) move_finger({160, y});
   rest();

@@ -64,8 +64,9 @@ def main(module_globals):
             lines = run.result()
             failed += bool(lines)
             print(f"{'not ok' if lines else 'ok'} {number} - {name}", flush=True)
-            for line in lines:
+            for line in lines:  # who runs many programs shows what one says on its error output
                 print(f"# {line}", flush=True)
+                print(f"{name}: {line}", file=sys.stderr)
     sys.exit(1 if failed else 0)
 
 
