@@ -59,7 +59,7 @@ bool turn(bool to_next) {
     evas_event_feed_mouse_move(test_ad.evas, from + step * i, h / 2, event_ms(), nullptr);
   }
   evas_event_feed_mouse_up(test_ad.evas, 1, EVAS_BUTTON_NONE, event_ms(), nullptr);
-  spin(0.6);
+  spin(1.0);
   return reader()->mail_id != before;
 }
 
