@@ -26,10 +26,10 @@ void launch_host_set_position(int mail_id, int position) {
 }
 
 int launch_host_predefined_application(const char *kind, const int *ids, int count) {
-  if (!kind || !*kind || count <= 0 || !ids) return -1;
+  if (!kind || !*kind || count < 0 || (count > 0 && !ids)) return -1;
   request r;
   r.type = kept_show;
-  r.ids.assign(ids, ids + count);
+  if (count > 0) r.ids.assign(ids, ids + count);
   r.mail_id = count;
   r.host_state = static_cast<int>(time(nullptr));
   r.texts = {common_bus_text(kind)};
