@@ -45,10 +45,54 @@ static void _update_email_view(int type, GSList *ids, appdata *ad) {
     _check_prev_next_mail_status_by_mail_id(ids, ad);
 }
 
+/* --- mails that come under a finger ---
+   A row that comes above moves what a finger is about to touch, and a list that a finger drags jumps by it: new mails
+   wait until the finger leaves. */
+
+static constexpr double look_again = 0.05; /* seconds; only while a finger is down and a mail waits */
+static constexpr int looks_most = 100;     /* a button whose release was lost holds nothing up for longer */
+static GSList *held_ids;
+static Ecore_Timer *held_timer; /* while there are some */
+static int looks_left;
+
+static bool _is_list_touched(const appdata *ad) {
+  Evas_Object *gl = ad->mailbox_genlist;
+  return gl && evas_object_visible_get(gl) && evas_pointer_button_down_mask_get(evas_object_evas_get(gl)) != 0;
+}
+
+static Eina_Bool _held_timer_cb(void *data) {
+  appdata *ad = (appdata *)data;
+  if (_is_list_touched(ad) && --looks_left > 0) return ECORE_CALLBACK_RENEW;
+  GSList *ids = held_ids;
+  held_ids = nullptr;
+  held_timer = nullptr;
+  _update_email_view(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, ids, ad);
+  g_slist_free(ids);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+static void _drop_held() {
+  if (held_timer) ecore_timer_del(held_timer);
+  held_timer = nullptr;
+  g_slist_free(held_ids);
+  held_ids = nullptr;
+}
+
+/* --- the events --- */
+
 static void _brisel_ipc_noti_add_callback(brisel_ipc_event *event, void *reserved, void *user_data) {
   BRISEL_INFO("Enter");
   BRISEL_INFO("BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD");
-  if (event) _update_email_view(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, event->id_list, (appdata *)user_data);
+  appdata *ad = (appdata *)user_data;
+  if (!event) return;
+  if (!held_timer && !_is_list_touched(ad)) {
+    _update_email_view(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, event->id_list, ad);
+    return;
+  }
+  held_ids = g_slist_concat(held_ids, g_slist_copy(event->id_list));
+  if (held_timer) return;
+  looks_left = looks_most;
+  held_timer = ecore_timer_add(look_again, _held_timer_cb, ad);
 }
 
 static void _brisel_ipc_noti_update_callback(brisel_ipc_event *event, void *reserved, void *user_data) {
@@ -164,5 +208,6 @@ void _brisel_ipc_subscribe(appdata *ad) {
 }
 
 void _brisel_ipc_unsubscribe() {
+  _drop_held();
   for (int type = 0; type < (int)std::size(event_callbacks); type++) brisel_ipc_client_event_unsubscribe(type);
 }

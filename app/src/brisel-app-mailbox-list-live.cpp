@@ -193,54 +193,6 @@ static void _update_list_surroundings(appdata *ad) {
   }
 }
 
-/* --- mails that come under a finger ---
-   A row that comes above moves what a finger is about to touch, and a list that a finger drags jumps by it: new mails
-   wait until the finger leaves. */
-
-static constexpr double look_again = 0.05; /* seconds; only while a finger is down and a mail waits */
-static constexpr int looks_most = 100;     /* a button whose release was lost holds nothing up for longer */
-static GSList *held_ids;
-static Ecore_Timer *held_timer;
-static int looks;
-
-static void _held_list_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
-  if (held_timer) ecore_timer_del(held_timer);
-  held_timer = nullptr;
-  g_slist_free(held_ids);
-  held_ids = nullptr;
-}
-
-static bool _is_touched(const appdata *ad) {
-  Evas_Object *gl = ad->mailbox_genlist;
-  return gl && evas_object_visible_get(gl) && evas_pointer_button_down_mask_get(evas_object_evas_get(gl)) != 0;
-}
-
-static Eina_Bool _held_timer_cb(void *data) {
-  appdata *ad = (appdata *)data;
-  if (_is_touched(ad) && ++looks < looks_most) return ECORE_CALLBACK_RENEW;
-  GSList *ids = held_ids;
-  held_ids = nullptr;
-  held_timer = nullptr;
-  evas_object_event_callback_del(ad->mailbox_genlist, EVAS_CALLBACK_DEL, _held_list_gone_cb);
-  brisel_update_mailbox_list(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD, ids, ad);
-  g_slist_free(ids);
-  return ECORE_CALLBACK_CANCEL;
-}
-
-/* Whether the mails wait. Once some do, later ones wait with them. */
-static bool _hold_mails(GSList *ids, appdata *ad) {
-  if (!held_timer && (looks >= looks_most || !_is_touched(ad))) {
-    looks = 0;
-    return false;
-  }
-  held_ids = g_slist_concat(held_ids, g_slist_copy(ids));
-  if (held_timer) return true;
-  looks = 0;
-  held_timer = ecore_timer_add(look_again, _held_timer_cb, ad);
-  evas_object_event_callback_add(ad->mailbox_genlist, EVAS_CALLBACK_DEL, _held_list_gone_cb, nullptr);
-  return true;
-}
-
 /* --- host events --- */
 
 /* With a single account there is nothing to combine. false when that account cannot be read. */
@@ -284,7 +236,6 @@ void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad) {
   BRISEL_INFO("Enter");
   BRISEL_INFO("updated_cnt : %d, type : %d", (int)g_slist_length(id_list), update_type);
   if (!id_list) return;
-  if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_ADD && _hold_mails(id_list, ad)) return;
   const frozen_events frozen(ad->mailbox_genlist);
   _make_all_rows(ad);
 
