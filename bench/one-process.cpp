@@ -12,9 +12,11 @@ void parser_ahead(std::string_view, const mime_limits &) {}
 
 void parser_forget() {}
 
-int64_t parser_arrival(std::string_view head) {
+std::vector<int64_t> parser_arrivals(const std::vector<std::string_view> &heads) {
   mime_init();
-  return mime_arrival(head);
+  std::vector<int64_t> arrivals;
+  for (std::string_view head : heads) arrivals.push_back(mime_arrival(head));
+  return arrivals;
 }
 
 void parser_close() {}

@@ -257,7 +257,9 @@ std::string reason_of_death(int status) {
 parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limits &limits, answer_head *answer,
                         std::array<std::string, kTexts> *texts, std::string *error) {
   /* Out of turn: what was handed over is asked for anew when its turn comes. */
-  if (!process.ahead.empty() && (kind != REQUEST_MAIL || process.ahead.front().raw.data() != raw.data())) end_process();
+  if (!process.ahead.empty() &&
+      (process.ahead.front().head.kind != kind || process.ahead.front().raw.data() != raw.data()))
+    end_process();
   /* A process can be killed for reasons that are not the mail's. One that dies of it twice does so again. */
   for (int attempt = 0; attempt < 2; attempt++) {
     if (start_process(error) < 0) return PARSER_LATER;
@@ -279,6 +281,15 @@ parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limi
     *error = reason_of_death(status);
   }
   return PARSER_SET_ASIDE;
+}
+
+/* Sends what will be asked for later, when fewer than `most` are on their way and the one before is there. */
+void hand_over(request_kind kind, std::string_view raw, const mime_limits &limits, size_t most) {
+  std::deque<question> &ahead = process.ahead;
+  std::string error;
+  if (ahead.size() >= most || (!ahead.empty() && !ahead.back().is_whole()) || start_process(&error) < 0) return;
+  ahead.push_back(question_of(kind, raw, limits));
+  write_some(&ahead.back()); /* one that died is found when its answer is asked for */
 }
 
 /* --- the process that reads --- */
@@ -349,23 +360,25 @@ parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_
 }
 
 void parser_ahead(std::string_view raw, const mime_limits &limits) {
-  std::deque<question> &ahead = process.ahead;
-  std::string error;
-  if (ahead.size() == kMostAhead || (!ahead.empty() && !ahead.back().is_whole()) || start_process(&error) < 0) return;
-  ahead.push_back(question_of(REQUEST_MAIL, raw.substr(0, limits.message), limits));
-  write_some(&ahead.back()); /* one that died is found when its answer is asked for */
+  hand_over(REQUEST_MAIL, raw.substr(0, limits.message), limits, kMostAhead);
 }
 
 void parser_forget() {
   if (!process.ahead.empty()) end_process();
 }
 
-int64_t parser_arrival(std::string_view head) {
-  answer_head answer = {};
-  std::array<std::string, kTexts> texts;
-  std::string error;
-  if (ask_twice(REQUEST_ARRIVAL, head, mime_limits(), &answer, &texts, &error) != PARSER_DONE) return 0;
-  return std::clamp<int64_t>(answer.date, 0, INT32_MAX);
+std::vector<int64_t> parser_arrivals(const std::vector<std::string_view> &heads) {
+  parser_forget();
+  for (std::string_view head : heads) hand_over(REQUEST_ARRIVAL, head, mime_limits(), heads.size());
+  std::vector<int64_t> arrivals;
+  for (std::string_view head : heads) {
+    answer_head answer = {};
+    std::array<std::string, kTexts> texts;
+    std::string error;
+    parser_result result = ask_twice(REQUEST_ARRIVAL, head, mime_limits(), &answer, &texts, &error);
+    arrivals.push_back(result == PARSER_DONE ? std::clamp<int64_t>(answer.date, 0, INT32_MAX) : 0);
+  }
+  return arrivals;
 }
 
 void parser_close() {

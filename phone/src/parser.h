@@ -10,6 +10,8 @@
 #ifndef BRISEL_PHONE_PARSER_H
 #define BRISEL_PHONE_PARSER_H
 
+#include <vector>
+
 #include "../mime.h"
 
 enum parser_result {
@@ -30,8 +32,10 @@ void parser_ahead(std::string_view raw, const mime_limits &limits);
 /* What was handed over will not be read. Before its bytes go away. */
 void parser_forget();
 
-/* As mime_arrival(); 0 also when the process died of it. */
-int64_t parser_arrival(std::string_view head);
+/* As mime_arrival() for each of several heads, in their order; 0 also for one that the process died of. They are handed
+   over together, as far as the way to the process takes them: a question for each that waits for its answer costs more
+   than the reading. What parser_ahead() handed over is forgotten. */
+std::vector<int64_t> parser_arrivals(const std::vector<std::string_view> &heads);
 
 /* Ends the process. Safe without one. */
 void parser_close();

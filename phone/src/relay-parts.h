@@ -115,8 +115,9 @@ int sync_mailbox(followed *a);
 /* Reads one message. Returns 0; 1 when it may be readable later; -1 with the reason why it is none. The one place where
    the relay calls the reader of mail. */
 int read_message(followed *a, const mailbox_item &item, mime_mail *mail, int64_t *size, std::string *error);
-/* The start of a new message: when it arrived. Returns 0, or -1. */
-int read_arrival(followed *a, const mailbox_item &item, int64_t *time);
+/* When new messages arrived, in seconds since the epoch: as the last mail server on its way wrote, else when it says it
+   was written, else as its file says; 0 for one that cannot be read now. */
+std::vector<int64_t> read_arrivals(followed *a, const std::vector<const mailbox_item *> &items);
 /* Brings to the watch what it lacks of the window. Returns 0, or -1. */
 int send_window(followed *a, const listing &l);
 

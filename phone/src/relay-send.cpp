@@ -43,14 +43,10 @@ struct sender {
   size_t bytes = 0, most = kFirstMails;
 };
 
-/* When a message arrived: as the last mail server on its way wrote, else when it says it was written, else as its file
-   says. A date in the future would stay on top for ever. */
-int64_t arrival_time(std::string_view head, int64_t file_time) {
-  /* Nothing behind the headers says it. */
+/* Nothing behind them says when a message arrived. */
+std::string_view headers_of(std::string_view head) {
   size_t end = std::min(head.find("\n\n"), head.find("\n\r"));
-  int64_t arrival = parser_arrival(end == std::string_view::npos ? head : head.substr(0, end + 2));
-  if (arrival > 0 && arrival <= relay_now() + kSoon) return arrival;
-  return std::clamp<int64_t>(file_time, 1, INT32_MAX);
+  return end == std::string_view::npos ? head : head.substr(0, end + 2);
 }
 
 outgoing prepare(followed *a, const mailbox_item &item, const relay_row &row, const mime_mail &mail) {
@@ -309,12 +305,24 @@ int read_message(followed *a, const mailbox_item &item, mime_mail *mail, int64_t
   return result;
 }
 
-int read_arrival(followed *a, const mailbox_item &item, int64_t *time) {
-  std::string head, error;
-  int64_t file_time = 0, size = 0;
-  if (a->settings.kind->read(a->settings.path, item, kHead, &head, &file_time, &size, &error) < 0) return -1;
-  *time = arrival_time(head, file_time);
-  return 0;
+std::vector<int64_t> read_arrivals(followed *a, const std::vector<const mailbox_item *> &items) {
+  std::vector<std::string> read(items.size());
+  std::vector<int64_t> file_times(items.size());
+  std::vector<std::string_view> heads;
+  for (size_t i = 0; i < items.size(); i++) {
+    int64_t size = 0, time = 0;
+    std::string error;
+    if (a->settings.kind->read(a->settings.path, *items[i], kHead, &read[i], &time, &size, &error) == 0)
+      file_times[i] = std::clamp<int64_t>(time, 1, INT32_MAX);
+    else
+      read[i].clear();
+    heads.push_back(headers_of(read[i]));
+  }
+  std::vector<int64_t> arrivals = parser_arrivals(heads);
+  /* A date in the future would stay on top for ever. */
+  for (size_t i = 0; i < items.size(); i++)
+    if (file_times[i] == 0 || arrivals[i] <= 0 || arrivals[i] > relay_now() + kSoon) arrivals[i] = file_times[i];
+  return arrivals;
 }
 
 int send_window(followed *a, const listing &l) {

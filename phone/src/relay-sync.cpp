@@ -7,6 +7,8 @@ namespace {
 
 using enum relay_mail_state;
 
+constexpr std::ptrdiff_t kHeadsAtOnce = 16; /* of at most 16 KiB: what a socket takes of them before they are read */
+
 /* Deletes from the watch; what is gone there already is no error. Returns 0, or -1: the watch's list then tells what is
    left to do. */
 int delete_from_watch(followed *a, const std::vector<int> &ids) {
@@ -44,19 +46,25 @@ int list_mailbox(followed *a, listing *l) {
 }
 
 void add_new_rows(followed *a, const listing &l) {
-  progress p = {a->r, a->settings.name + ": looking at new messages", 0};
-  for (const mailbox_item &item : l.items) p.total += a->rows.find(item.key) == a->rows.end();
-  if (p.total == 0) return;
-  for (const mailbox_item &item : l.items) {
-    if (a->rows.find(item.key) != a->rows.end()) continue;
-    relay_row row;
-    if (read_arrival(a, item, &row.time) == 0) {
-      row.fresh = a->known_before || item.arrived;
-      row.seen = item.seen;
+  std::vector<const mailbox_item *> fresh;
+  for (const mailbox_item &item : l.items)
+    if (a->rows.find(item.key) == a->rows.end()) fresh.push_back(&item);
+  progress p = {a->r, a->settings.name + ": looking at new messages", fresh.size()};
+  for (auto at = fresh.begin(); at != fresh.end();) {
+    const auto end = at + std::min(fresh.end() - at, kHeadsAtOnce);
+    const std::vector<const mailbox_item *> some(at, end);
+    at = end;
+    std::vector<int64_t> times = read_arrivals(a, some);
+    for (size_t i = 0; i < some.size(); i++) {
+      if (times[i] == 0) continue;
+      relay_row row;
+      row.time = times[i];
+      row.fresh = a->known_before || some[i]->arrived;
+      row.seen = some[i]->seen;
       row.dirty = true;
-      a->rows.emplace(item.key, std::move(row));
+      a->rows.emplace(some[i]->key, std::move(row));
     }
-    progress_advance(&p, 1);
+    progress_advance(&p, some.size());
   }
 }
 
