@@ -160,6 +160,12 @@ static void _pane_up_cb(void *data, Evas *e, Evas_Object *obj, void *event_info)
   if (shield) _time_shield();
 }
 
+/* Nothing here scrolls sideways by wheel, and the toolkit would make of a list's sideways notch some rows. */
+static void _pane_wheel_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  Evas_Event_Mouse_Wheel *event = (Evas_Event_Mouse_Wheel *)event_info;
+  if (event->direction != 0) event->event_flags = (Evas_Event_Flags)(event->event_flags | EVAS_EVENT_FLAG_ON_HOLD);
+}
+
 static void _pane_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   pane = nullptr;
   is_down = false;
@@ -234,6 +240,7 @@ void brisel_touch_watch(Evas_Object *win, void (*place)(void *data), void *data)
   evas_object_repeat_events_set(pane, EINA_TRUE);
   evas_object_event_callback_add(pane, EVAS_CALLBACK_MOUSE_DOWN, _pane_down_cb, nullptr);
   evas_object_event_callback_add(pane, EVAS_CALLBACK_MOUSE_UP, _pane_up_cb, nullptr);
+  evas_object_event_callback_add(pane, EVAS_CALLBACK_MOUSE_WHEEL, _pane_wheel_cb, nullptr);
   evas_object_event_callback_add(pane, EVAS_CALLBACK_DEL, _pane_gone_cb, nullptr);
 }
 

@@ -47,7 +47,7 @@ struct application {
   sight out = {};
   bool paused = false;
   Ecore_Job *sight_job = nullptr;
-  Ecore_Event_Handler *visibility_handler = nullptr;
+  Ecore_Event_Handler *x_handlers[2] = {};
 };
 
 application app;
@@ -136,10 +136,37 @@ Eina_Bool visibility_cb(void *data, int type, void *event_info) {
 }
 #endif
 
+#ifdef BRISEL_HAVE_ECORE_X
+/* Whoever places and stacks the windows of a display has asked its root for that. */
+bool display_is_managed(void) {
+  Ecore_X_Window_Attributes root = {};
+  return !ecore_x_window_attributes_get(ecore_x_window_root_first_get(), &root) ||
+         (root.event_mask.all & ECORE_X_EVENT_MASK_WINDOW_MANAGE);
+}
+
+Eina_Bool x_shown_cb(void *data, int type, void *event_info) {
+  const auto *event = static_cast<Ecore_X_Event_Window_Show *>(event_info);
+  if (app.window && event->win == elm_win_xwindow_get(app.window) && !display_is_managed())
+    ecore_x_window_focus(event->win);
+  return ECORE_CALLBACK_PASS_ON;
+}
+
+/* On a display without a window manager, as a watch may be, nobody says that the window has left its withdrawn state,
+   until when the toolkit draws nothing, and nobody gives it the keyboard. */
+void follow_x(Evas_Object *win) {
+  if (!elm_win_xwindow_get(win)) return;
+  app.x_handlers[0] = ecore_event_handler_add(ECORE_X_EVENT_WINDOW_VISIBILITY_CHANGE, visibility_cb, nullptr);
+  app.x_handlers[1] = ecore_event_handler_add(ECORE_X_EVENT_WINDOW_SHOW, x_shown_cb, nullptr);
+  if (!display_is_managed()) elm_config_agressive_withdrawn_set(EINA_FALSE);
+}
+#endif
+
 void window_del_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   app.window = nullptr;
-  if (app.visibility_handler) ecore_event_handler_del(app.visibility_handler);
-  app.visibility_handler = nullptr;
+  for (Ecore_Event_Handler *&handler : app.x_handlers) {
+    if (handler) ecore_event_handler_del(handler);
+    handler = nullptr;
+  }
 }
 
 /* --- language and region --- */
@@ -364,8 +391,7 @@ void app_efl_window_attach(Evas_Object *win) {
   }
   evas_event_callback_add(evas_object_evas_get(win), EVAS_CALLBACK_CANVAS_FOCUS_IN, window_touched_cb, nullptr);
 #ifdef BRISEL_HAVE_ECORE_X
-  if (elm_win_xwindow_get(win))
-    app.visibility_handler = ecore_event_handler_add(ECORE_X_EVENT_WINDOW_VISIBILITY_CHANGE, visibility_cb, nullptr);
+  follow_x(win);
 #endif
   keypad_attach(win);
   app_inspect_window(win);

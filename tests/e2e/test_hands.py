@@ -1,5 +1,8 @@
 """Every hand: the keyboard alone, and a mouse."""
-from brisel_test import equal, mail, main, middle
+import os
+import subprocess
+
+from brisel_test import Session, equal, mail, main, middle, options, start_display
 from brisel_png import read_png
 
 ACCENT = bytes([108, 180, 255])  # of the dark palette
@@ -110,6 +113,35 @@ def test_a_mouse_presses_long_goes_back_and_turns_its_wheel(s):
     before = middle(s.wait_text("Sender 1"))[1]
     s.watch("mouse", 160, 160, "--wheel", 1)
     equal(before - middle(s.wait_text("Sender 1"))[1], 78, "a notch is a row")
+
+
+@options()
+def test_real_keys_and_buttons_on_a_display_without_a_window_manager():
+    server, display = start_display(os.environ)
+    s = Session(window=True, env={"DISPLAY": display})
+
+    def do(*command):
+        s.run("xdotool", *command)
+        s.rest()
+    try:
+        s.env["DISPLAY"] = display
+        mailbox(s, 12)
+        do("mousemove", 500, 400, "key", "Down", "key", "Down", "mousemove", 160, 160)
+        assert 60 < s.wait(lambda: ring_height(s), "a ring") < 90, "not around a row"
+        do("click", 7, "click", 5)
+        equal(middle(s.wait_text("Sender 1"))[1], middle(s.wait_text("Sender 2"))[1] - 78, "rows")
+        assert not s.shows("Sender 5"), "a sideways notch scrolls"
+        for hand, seen in ((["click", 3], "IDS_EMAIL_SK_REPLY"), (["mousedown", 1, "sleep", 0.7, "mouseup", 1], "IDS_EMAIL_SK_REPLY")):
+            do(*hand)
+            s.wait_text(s.text(seen))
+            do("click", 8)
+            s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+        do("mousedown", 1, "sleep", 0.3, "mouseup", 1)
+        s.wait_text("Text.")
+    finally:
+        s.close()
+        server.terminate()
+        server.wait()
 
 
 if __name__ == "__main__":

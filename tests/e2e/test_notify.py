@@ -7,7 +7,7 @@ import signal
 import subprocess
 import time
 
-from brisel_test import equal, kill_owner, kill_service, mail, main
+from brisel_test import equal, kill_owner, kill_service, mail, main, start_display
 
 HOST, SERVER = "com.vextora.brisel.Host", "org.freedesktop.Notifications"
 ANN, BEN = "Ann <ann@example.org>", "Ben <ben@example.org>"
@@ -35,15 +35,13 @@ class Desk:
         chooser.write_text(f"#!/bin/sh\ngrep -F \"$(cat '{self.chosen}')\"\n")
         chooser.chmod(0o755)
         (s.dir / "dunstrc").write_text(CONFIG.format(chooser=chooser))
-        read, write = os.pipe()
-        self.start("Xvfb", "-displayfd", str(write), "-screen", "0", "640x480x24", "-nolisten", "tcp", pass_fds=(write,))
-        os.close(write)
-        self.display = ":" + os.fdopen(read).readline().strip()
+        process, self.display = start_display(s.env)
+        self.running.append(process)
         if server:
             self.serve()
 
-    def start(self, *command, out=subprocess.DEVNULL, env=None, **kw):
-        self.running.append(subprocess.Popen(command, env={**self.s.env, **(env or {})}, stdout=out, stderr=subprocess.DEVNULL, **kw))
+    def start(self, *command, out=subprocess.DEVNULL, env=None):
+        self.running.append(subprocess.Popen(command, env={**self.s.env, **(env or {})}, stdout=out, stderr=subprocess.DEVNULL))
         return self.running[-1]
 
     def serve(self):

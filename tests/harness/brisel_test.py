@@ -4,6 +4,7 @@ import inspect
 import os
 import pathlib
 import signal
+import subprocess
 import sys
 import traceback
 
@@ -26,6 +27,16 @@ def kill_owner(s, name, how=signal.SIGKILL):
 def kill_service(s, how=signal.SIGKILL):
     """The next one who asks the service for something starts it again. Returns which process it was."""
     return kill_owner(s, "com.vextora.brisel.Host", how)
+
+
+def start_display(env):
+    """A plain X display without a screen or a window manager: its process, and the name that clients know it by."""
+    read, write = os.pipe()
+    process = subprocess.Popen(["Xvfb", "-displayfd", str(write), "-screen", "0", "640x480x24", "-nolisten", "tcp"], env=env,
+                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, pass_fds=(write,))
+    os.close(write)
+    with os.fdopen(read) as told:
+        return process, ":" + told.readline().strip()
 
 
 def outcome(test):
