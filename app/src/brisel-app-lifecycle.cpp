@@ -2,6 +2,8 @@
 #include "brisel-app-lifecycle.h"
 
 #include <libintl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -65,19 +67,39 @@ static void _window_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *even
   brisel_tell_list_in_view(ad);
 }
 
-static bool _socket_is_there(const std::string &path) {
-  return access(path.c_str(), F_OK) == 0;
+/* Whether somebody listens there: what a display that has gone leaves in its folder is no display. */
+static bool _answers(const std::string &path) {
+  sockaddr_un at = {};
+  at.sun_family = AF_UNIX;
+  if (path.size() >= sizeof at.sun_path) return false;
+  path.copy(at.sun_path, path.size());
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  const bool answers = connect(fd, (const sockaddr *)&at, sizeof at) == 0;
+  close(fd);
+  return answers;
+}
+
+static bool _wayland_is_there() {
+  const char *name = getenv("WAYLAND_DISPLAY"), *runtime = getenv("XDG_RUNTIME_DIR");
+  if (!name || !*name) return false;
+  return *name == '/' ? _answers(name) : runtime && _answers(std::string(runtime) + "/" + name);
+}
+
+static bool _x11_is_there() {
+  const char *name = getenv("DISPLAY");
+  if (!name || !*name) return false;
+  /* A display of another machine, or over its own ways, is believed. */
+  return *name != ':' || _answers("/tmp/.X11-unix/X" + std::string(name + 1, strcspn(name + 1, ".")));
 }
 
 /* Whether a window can be had. The toolkit would say so too, in two hundred lines. */
 static bool _display_is_there() {
   if (getenv("ELM_ENGINE") || getenv("ELM_DISPLAY")) return true; /* somebody knows better */
-  const char *wayland = getenv("WAYLAND_DISPLAY"), *runtime = getenv("XDG_RUNTIME_DIR"), *x11 = getenv("DISPLAY");
-  if (wayland && *wayland == '/' && _socket_is_there(wayland)) return true;
-  if (wayland && *wayland && runtime && _socket_is_there(std::string(runtime) + "/" + wayland)) return true;
-  if (!x11 || !*x11) return false;
-  /* A display of another machine, or over its own ways, is believed. */
-  return *x11 != ':' || _socket_is_there("/tmp/.X11-unix/X" + std::string(x11 + 1, strcspn(x11 + 1, ".")));
+  if (_x11_is_there()) return true;
+  if (!_wayland_is_there()) return false;
+  unsetenv("DISPLAY"); /* the toolkit would go by it, whatever it says */
+  return true;
 }
 
 static Evas_Object *_brisel_create_win(appdata *ad) {
@@ -86,7 +108,10 @@ static Evas_Object *_brisel_create_win(appdata *ad) {
     return nullptr;
   }
   Evas_Object *win = elm_win_util_standard_add("brisel", "brisel");
-  if (!win) return nullptr;
+  if (!win) {
+    fprintf(stderr, "brisel: the display gives no window.\n");
+    return nullptr;
+  }
   elm_win_autodel_set(win, EINA_TRUE);
   if (elm_win_wm_rotation_supported_get(win)) {
     int rotations[4] = {0, 90, 180, 270};

@@ -1,6 +1,7 @@
 #include "brisel-app-touch.h"
 
 #include <Ecore.h>
+#include <Ecore_Input.h>
 #include <Elementary.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@ static void *place_data;
 static Evas_Object *pane;    /* lies over everything, sees every touch and lets it through */
 static Evas_Object *shield;  /* lies over the place that a touch has opened something at, and lets nothing through */
 static Evas_Object *guarded; /* what that touch has opened */
+static Ecore_Event_Handler *button_handler;
 static Ecore_Timer *shield_timer;
 static brisel_touch_wait *shield_wait; /* its time is over, but not every touch of that time has come */
 static Evas_Coord_Point touched_at;
@@ -123,6 +125,15 @@ static bool _is_back_button(const Evas_Event_Mouse_Down *event) {
   return true;
 }
 
+/* Under Wayland that button has one of the kernel's numbers, which are above those that a canvas hands around. */
+constexpr unsigned kernel_side = 0x113, kernel_back = 0x116;
+
+static Eina_Bool _wayland_button_cb(void *data, int type, void *event_info) {
+  const unsigned button = ((Ecore_Event_Mouse_Button *)event_info)->buttons;
+  if (button == kernel_side || button == kernel_back) ecore_job_add(_press_back_cb, nullptr);
+  return ECORE_CALLBACK_PASS_ON;
+}
+
 static void _shield_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   if (!_is_back_button((Evas_Event_Mouse_Down *)event_info)) shield_is_touched = true;
 }
@@ -168,6 +179,8 @@ static void _pane_wheel_cb(void *data, Evas *e, Evas_Object *obj, void *event_in
 
 static void _pane_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   pane = nullptr;
+  ecore_event_handler_del(button_handler);
+  button_handler = nullptr;
   is_down = false;
   lifted_time = 0;
 }
@@ -233,6 +246,7 @@ void brisel_touch_watch(Evas_Object *win, void (*place)(void *data), void *data)
   place_focus = place;
   place_data = data;
   pane = _add_invisible(evas_object_evas_get(win));
+  button_handler = ecore_event_handler_add(ECORE_EVENT_MOUSE_BUTTON_DOWN, _wayland_button_cb, nullptr);
   for (const char *key : {"Tab", "ISO_Left_Tab", "Up", "Down", "Left", "Right", "Prior", "Next", "Home", "End"})
     brisel_touch_hear_key(pane, key, EINA_FALSE);
   evas_object_event_callback_add(pane, EVAS_CALLBACK_KEY_DOWN, _pane_key_cb, nullptr);

@@ -1,6 +1,7 @@
 """Every way into the application: link, account count, accounts, first or second launch, with or without a mail, locked
 or not. What the phone hears and what is on screen decide."""
 import itertools
+import socket
 import subprocess
 
 from brisel_test import equal, mail, main, options
@@ -163,7 +164,10 @@ def test_help_version_and_a_missing_display_take_a_line(s):
     assert s.run("brisel", "--version").stdout.startswith("brisel "), "the version"
     for name in ("ELM_ENGINE", "ELM_DISPLAY", "DISPLAY", "WAYLAND_DISPLAY"):
         s.env.pop(name, None)
-    for display in ({}, {"DISPLAY": ":4711"}, {"WAYLAND_DISPLAY": "wayland-4711"}):
+    left = s.dir / "left-behind"
+    with socket.socket(socket.AF_UNIX) as gone:
+        gone.bind(str(left))  # nobody listens there
+    for display in ({}, {"DISPLAY": ":4711"}, {"WAYLAND_DISPLAY": "wayland-4711"}, {"WAYLAND_DISPLAY": str(left)}):
         s.env.update(display)
         done = s.run("brisel", check=False)
         assert done.returncode != 0 and done.stderr.startswith("brisel: there is no display"), done.stderr
