@@ -17,7 +17,7 @@ AGREED = re.compile(r"^brisel-(body|bus|contact|reply|settings)\.h$")
 ROOMS = {
     "app": (["app", "common", "platform/inc"], [EFL, re.compile(r"^unicode/"), re.compile(r"^glib")]),
     "common": (["common"], [re.compile(r"^glib"), re.compile(r"^systemd/sd-bus\.h$")]),
-    "platform": (["platform"], [AGREED, EFL, re.compile(r"^unicode/"), re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|systemd/)"),
+    "platform": (["platform"], [AGREED, EFL, re.compile(r"^unicode/"), re.compile(r"^glib"), re.compile(r"^(sqlite3\.h|systemd/|fontconfig/)"),
                                 re.compile(r"^nlohmann/"), re.compile(r"^(seccomp\.h|linux/landlock\.h)$")]),
     "service": (["service", "common", "platform"], [EFL, re.compile(r"^glib"), re.compile(r"^(zlib\.h|systemd/)"),
                                                     re.compile(r"^(nlohmann|CLI)/"), re.compile(r"^schema\.h$")]),

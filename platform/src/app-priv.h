@@ -65,6 +65,9 @@ void app_locale_init(void);                                   /* before elm_init
 void app_locale_start(const app_locale_callbacks *callbacks); /* after elm_init: direction, watchers */
 void app_locale_stop(void);
 
+/* app-fonts.cpp */
+void app_fonts_start(void); /* before elm_init: names the configuration of the fonts */
+
 /* app-look.cpp: the platform's theme, palette and motion. */
 void app_look_start(void);
 void app_look_stop(void);

@@ -426,9 +426,7 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
   /* Popups and their frame fill the window: on a display this small everything else would be a rim. */
   setenv("ELM_POPUP_HORIZONTAL_ALIGN", "-1", 0);
   setenv("ELM_POPUP_VERTICAL_ALIGN", "-1", 0);
-  /* Colour emoji before the outline drawings of symbol fonts; before anything loads a font. */
-  const char *fonts = platform_path("/usr/apps/com.vextora.brisel/res/fonts.conf");
-  if (access(fonts, R_OK) == 0) setenv("FONTCONFIG_FILE", fonts, 0);
+  app_fonts_start();
   setenv("ELM_ACCEL", "none", 0);
   app_locale_init();
   if (!elm_init(*argc, *argv)) {
