@@ -302,6 +302,13 @@ static Eina_Bool _row_idler_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
+/* The first picture is drawn beside the loop, which brings it to the screen as soon as nothing else keeps it. */
+static Eina_Bool _first_row_idler_cb(void *data) {
+  evas_sync(((appdata *)data)->evas);
+  row_idler = ecore_idler_add(_row_idler_cb, data);
+  return ECORE_CALLBACK_CANCEL;
+}
+
 void _make_all_rows(appdata *ad) {
   _make_rows(ad, INT_MAX);
   if (row_idler) ecore_idler_del(row_idler);
@@ -386,7 +393,7 @@ void _refresh_mailbox_list(appdata *ad) {
   }
   rowless = ad->mail_list = g_list_reverse(ad->mail_list);
   _make_rows(ad, rows_at_first);
-  if (rowless) row_idler = ecore_idler_add(_row_idler_cb, ad);
+  if (rowless) row_idler = ecore_idler_add(_first_row_idler_cb, ad);
   _set_delete_btn(ad, mail_cnt > 0);
 }
 
