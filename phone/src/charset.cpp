@@ -18,9 +18,7 @@ constexpr uint16_t kWindows1252[32] = {0x20ac, 0xfffd, 0x201a, 0x0192, 0x201e, 0
                                        0x02dc, 0x2122, 0x0161, 0x203a, 0x0153, 0xfffd, 0x017e, 0x0178};
 
 bool has_high_byte(std::string_view text) {
-  for (unsigned char c : text)
-    if (c >= 0x80) return true;
-  return false;
+  return text_ascii_run(text) < text.size();
 }
 
 bool is_utf8(std::string_view text) {

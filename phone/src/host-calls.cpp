@@ -10,6 +10,7 @@
 
 #include "brisel-contact-bus.h"
 #include "platform-peer.h"
+#include "text.h"
 
 namespace {
 
@@ -95,7 +96,7 @@ std::string host_bus_text(const std::string &text) {
   const char *at = text.data(), *end = at + text.size();
   while (at < end) {
     const char *plain = at;
-    while (at < end && *at && !(*at & 0x80)) at++;
+    at += strnlen(at, text_ascii_run({at, static_cast<size_t>(end - at)}));
     if (!out.empty()) out.append(plain, at);
     if (at == end) break;
     gunichar c = *at ? g_utf8_get_char_validated(at, end - at) : static_cast<gunichar>(-1);
@@ -114,8 +115,17 @@ std::string host_bus_text(const std::string &text) {
 
 namespace {
 
+/* The bus would look through each text once more before it takes it; what is written into room of its own it leaves. */
 int append_text(sd_bus_message *m, const char *key, const std::string &value) {
-  return sd_bus_message_append(m, "{sv}", key, "s", host_bus_text(value).c_str());
+  const std::string text = host_bus_text(value);
+  char *room = nullptr;
+  int r = sd_bus_message_open_container(m, 'e', "sv");
+  if (r >= 0) r = sd_bus_message_append_basic(m, 's', key);
+  if (r >= 0) r = sd_bus_message_open_container(m, 'v', "s");
+  if (r >= 0) r = sd_bus_message_append_string_space(m, text.size(), &room);
+  if (r >= 0) memcpy(room, text.data(), text.size());
+  if (r >= 0) r = sd_bus_message_close_container(m);
+  return r < 0 ? r : sd_bus_message_close_container(m);
 }
 
 int append_number(sd_bus_message *m, const char *key, int value) {

@@ -100,9 +100,23 @@ void put_char(writer *w, uint32_t c) {
   text_append_char(&w->out, c == 0xa0 ? ' ' : c);
 }
 
-/* A sign that is neither blank nor the start of anything: behind one that has been put it only follows. */
-bool is_letter(unsigned char c) {
-  return c > ' ' && c < 0x7f && c != '&';
+/* Signs that are neither blank nor the start of anything: behind one that has been put they only follow. */
+constexpr std::array<bool, 256> kLetters = [] {
+  std::array<bool, 256> letters = {};
+  for (unsigned c = '!'; c < 0x7f; c++) letters[c] = c != '&';
+  return letters;
+}();
+
+bool is_letter(char c) {
+  return kLetters[static_cast<unsigned char>(c)];
+}
+
+/* Where the letters at `at` end, with the single blanks between them. */
+size_t letters_end(std::string_view text, size_t at) {
+  for (;; at++) {
+    while (at < text.size() && is_letter(text[at])) at++;
+    if (at + 1 >= text.size() || text[at] != ' ' || !is_letter(text[at + 1])) return at;
+  }
 }
 
 void put_text(writer *w, std::string_view text) {
@@ -117,11 +131,10 @@ void put_text(writer *w, std::string_view text) {
       }
     }
     auto byte = static_cast<unsigned char>(text[i]);
-    if (is_letter(byte)) {
+    if (is_letter(text[i])) {
       put_char(w, byte);
       size_t first = i + 1, room = w->full() ? 0 : w->max - w->out.size();
-      size_t most = first + std::min(text.size() - first, room);
-      for (i = first; i < most && is_letter(static_cast<unsigned char>(text[i])); i++) continue;
+      i = letters_end(text.substr(0, first + std::min(text.size() - first, room)), first);
       w->out.append(text, first, i - first);
     } else if (byte < 0x80) {
       put_char(w, byte);

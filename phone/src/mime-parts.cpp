@@ -127,10 +127,15 @@ bool is_between_words(char c) {
   return c == ' ' || c == '\n' || c == '\t';
 }
 
-/* How many bytes of a text are words, and how many are addresses of the web. */
-void count_words(std::string_view text, size_t *words, size_t *addresses) {
+bool has_address(std::string_view text) {
+  return text.find("://") != std::string_view::npos || text.find("www.") != std::string_view::npos;
+}
+
+/* How many bytes of a text are words, and how many are addresses of the web. It may stop when there are `enough` words.
+ */
+void count_words(std::string_view text, size_t enough, size_t *words, size_t *addresses) {
   *words = *addresses = 0;
-  for (size_t at = 0; at < text.size();) {
+  for (size_t at = 0; at < text.size() && *words < enough;) {
     size_t end = at;
     bool says = false, may_be_address = false;
     for (; end < text.size() && !is_between_words(text[end]); end++) {
@@ -138,9 +143,7 @@ void count_words(std::string_view text, size_t *words, size_t *addresses) {
       may_be_address = may_be_address || text[end] == ':' || text[end] == '.';
     }
     std::string_view word = text.substr(at, end - at);
-    bool is_address =
-        may_be_address && (word.find("://") != std::string_view::npos || word.find("www.") != std::string_view::npos);
-    *(is_address ? addresses : words) += says ? word.size() : 0;
+    *(may_be_address && has_address(word) ? addresses : words) += says ? word.size() : 0;
     at = end + 1;
   }
 }
@@ -148,8 +151,11 @@ void count_words(std::string_view text, size_t *words, size_t *addresses) {
 /* A plain form that is not the mail: far less than the other one says, or addresses with a few words between. */
 bool is_stub(std::string_view plain, std::string_view markup) {
   size_t words, addresses, markup_words, markup_addresses;
-  count_words(plain, &words, &addresses);
-  count_words(markup, &markup_words, &markup_addresses);
+  const bool only_words = !has_address(plain);
+  const size_t enough = markup.size() / 4 + 1; /* more than that is not far less, whatever the other one says */
+  count_words(plain, only_words ? enough : SIZE_MAX, &words, &addresses);
+  if (only_words && words >= enough) return false;
+  count_words(markup, SIZE_MAX, &markup_words, &markup_addresses);
   return words * 4 < markup_words || (addresses > words && markup_addresses < addresses && markup_words * 2 > words);
 }
 

@@ -1,6 +1,7 @@
 /* Plain text parts made readable: flowed lines joined, armour of signatures and needless blanks gone. Used by the walk
    through a message's parts. */
 #include <algorithm>
+#include <array>
 
 #include "text.h"
 
@@ -146,17 +147,24 @@ size_t rule_end(std::string_view text, size_t at) {
   return at;
 }
 
+constexpr std::array<bool, 256> kOrdinary = [] {
+  std::array<bool, 256> ordinary = {};
+  for (unsigned c = 0; c < 0x80; c++) ordinary[c] = c != ' ' && c != '\n' && c != '\t';
+  return ordinary;
+}();
+
 bool is_ordinary(char c) {
-  return (c & 0x80) == 0 && c != ' ' && c != '\n' && c != '\t';
+  return kOrdinary[static_cast<unsigned char>(c)];
 }
 
 /* The sign at `at` and what only follows it, a mail being made of little else: more of one byte, single blanks between
    them. Returns where it ends. */
 size_t append_ordinary(std::string_view text, size_t at, std::string *out) {
   size_t end = at + 1;
-  while (end < text.size() &&
-         (is_ordinary(text[end]) || (text[end] == ' ' && end + 1 < text.size() && is_ordinary(text[end + 1]))))
-    end++;
+  for (;; end++) {
+    while (end < text.size() && is_ordinary(text[end])) end++;
+    if (end + 1 >= text.size() || text[end] != ' ' || !is_ordinary(text[end + 1])) break;
+  }
   out->append(text, at, end - at);
   return end;
 }

@@ -1,6 +1,9 @@
 /* Clean text and character boundaries. */
 #include <glib.h>
 
+#include <array>
+#include <cstring>
+
 #include "text.h"
 
 namespace {
@@ -10,12 +13,25 @@ bool is_noncharacter(uint32_t c) {
   return (c >= 0xfdd0 && c <= 0xfdef) || (c & 0xfffe) == 0xfffe;
 }
 
-/* A byte of valid UTF-8 that stays as it is, whatever stands around it. */
-bool is_plain(unsigned char c) {
-  return c == '\n' || c == '\t' || (c >= 0x20 && c < 0x7f) || (c >= 0x80 && c != 0xc2 && c < 0xef);
-}
+/* Bytes of valid UTF-8 that stay as they are, whatever stands around them. */
+constexpr std::array<bool, 256> kPlain = [] {
+  std::array<bool, 256> plain = {};
+  for (unsigned c = 0; c < plain.size(); c++)
+    plain[c] = c == '\n' || c == '\t' || (c >= 0x20 && c < 0x7f) || (c >= 0x80 && c != 0xc2 && c < 0xef);
+  return plain;
+}();
 
 }  // namespace
+
+size_t text_ascii_run(std::string_view text) {
+  size_t at = 0;
+  for (uint64_t eight; at + sizeof eight <= text.size(); at += sizeof eight) {
+    memcpy(&eight, text.data() + at, sizeof eight);
+    if (eight & 0x8080808080808080u) break;
+  }
+  while (at < text.size() && (text[at] & 0x80) == 0) at++;
+  return at;
+}
 
 void text_append_char(std::string *out, uint32_t character) {
   if (character == 0 || character > 0x10ffff || (character >= 0xd800 && character <= 0xdfff) ||
@@ -35,7 +51,7 @@ std::string text_clean(std::string_view text) {
   if (text.starts_with("\xef\xbb\xbf")) text.remove_prefix(3); /* a file's mark, not text */
   for (size_t i = 0; i < text.size(); i++) {
     size_t plain = i;
-    while (plain < text.size() && is_plain(static_cast<unsigned char>(text[plain]))) plain++;
+    while (plain < text.size() && kPlain[static_cast<unsigned char>(text[plain])]) plain++;
     out.append(text, i, plain - i);
     i = plain;
     if (i == text.size()) break;

@@ -4,6 +4,9 @@
 
 #include "../mime.h"
 
+/* How many bytes at the start of a text are of seven bits. */
+size_t text_ascii_run(std::string_view text);
+
 /* Appends one character; what is none becomes U+FFFD. */
 void text_append_char(std::string *out, uint32_t character);
 
