@@ -202,10 +202,11 @@ std::string maildir_find(const std::string &dir, const std::string &base) {
   return "";
 }
 
-int mail_file_read(const std::string &path, size_t max, std::string *out, std::string *error) {
+int mail_file_read(const std::string &path, size_t max, std::string *out, std::string *error, struct stat *its) {
   out->clear();
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  struct stat info;
+  struct stat own;
+  struct stat &info = its ? *its : own;
   if (fd < 0 || fstat(fd, &info) < 0) {
     *error = reason(path);
     if (fd >= 0) close(fd);

@@ -7,6 +7,8 @@
 #ifndef BRISEL_PHONE_MAIL_FILES_H
 #define BRISEL_PHONE_MAIL_FILES_H
 
+#include <sys/stat.h>
+
 #include <string>
 #include <string_view>
 
@@ -24,8 +26,10 @@ typedef int (*found_mail_cb)(const found_mail &mail, void *user_data);
    -1 with a one-line reason in *error when the path cannot be read (nothing was called back for a single file then). */
 int mail_files_each(const std::string &path, found_mail_cb callback, void *user_data, std::string *error);
 
-/* Reads at most `max` bytes of a regular file. Returns 0, or -1 with a one-line reason. */
-int mail_file_read(const std::string &path, size_t max, std::string *out, std::string *error);
+/* Reads at most `max` bytes of a regular file; what the system says of it goes to *its, when that is wanted. Returns 0,
+   or -1 with a one-line reason. */
+int mail_file_read(const std::string &path, size_t max, std::string *out, std::string *error,
+                   struct stat *its = nullptr);
 
 /* Reads the message that a source names. */
 int mail_source_read(const std::string &source, size_t max, std::string *out, std::string *error);

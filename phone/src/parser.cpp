@@ -78,11 +78,16 @@ question question_of(request_kind kind, std::string_view raw, const mime_limits 
 
 constexpr size_t kMostAhead = 2;
 
+constexpr size_t kTaken = 32u << 10; /* bytes taken from the socket at once */
+constexpr int kLookMs = 1000;        /* how often it is looked whether one that says nothing works */
+
 struct parser_process {
   pid_t pid = -1;
   int socket = -1;
   bool told = false; /* that the cage has a hole */
   std::deque<question> ahead;
+  char bytes[kTaken]; /* came from the socket, the first `taken` of them used */
+  size_t came = 0, taken = 0;
 };
 
 parser_process process;
@@ -136,6 +141,8 @@ int start_process(std::string *error) {
     close(ends[0]);
     return -1;
   }
+  timeval look = {kLookMs / 1000, 0};
+  setsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &look, sizeof look);
   process.pid = pid;
   process.socket = ends[0];
   return 0;
@@ -151,17 +158,16 @@ int end_process() {
   process.pid = -1;
   process.socket = -1;
   process.ahead.clear();
+  process.came = process.taken = 0;
   return status;
 }
 
 enum exchange_result { EXCHANGE_DONE, EXCHANGE_DIED, EXCHANGE_HUNG };
 
-struct exchange {
-  question *q = nullptr;
-  char *in = nullptr;         /* where the next bytes go */
-  size_t least = 0, room = 0; /* how many must come, and how many may */
-  size_t got = 0;
-  int64_t until = 0, processor_until = 0;
+/* What is left of the time that one question has. */
+struct deadline {
+  int64_t until = monotonic_seconds() + kWaitingTime;
+  int64_t processor_until = 0; /* known when nothing came for a while: most answers are there before */
 };
 
 /* Writes both parts at once, as far as the socket takes them. */
@@ -178,67 +184,70 @@ bool write_some(question *q) {
   return true;
 }
 
-/* Writes what is to be written, and reads until enough bytes came. */
-exchange_result run_exchange(exchange *e) {
-  if (!e->q->is_whole() && !write_some(e->q)) return EXCHANGE_DIED;
-  while (e->got < e->least) {
-    bool writing = !e->q->is_whole();
-    pollfd wait = {process.socket, static_cast<short>(writing ? POLLIN | POLLOUT : POLLIN), 0};
-    int ready = poll(&wait, 1, 1000);
-    if (ready < 0 && errno != EINTR) return EXCHANGE_DIED;
+/* Waits until something came, writing meanwhile what of the question is not written yet, and takes what is there. */
+exchange_result take_some(question *q, deadline *d) {
+  process.came = process.taken = 0;
+  while (process.came == 0) {
+    bool silent = false;
+    if (!q->is_whole()) {
+      pollfd wait = {process.socket, POLLIN | POLLOUT, 0};
+      int ready = poll(&wait, 1, kLookMs);
+      if (ready < 0 && errno != EINTR) return EXCHANGE_DIED;
+      silent = ready == 0;
+      if ((wait.revents & POLLOUT) && !write_some(q)) return EXCHANGE_DIED;
+    }
+    /* Of a question that is written the socket waits itself, kLookMs at most. */
+    const bool waits = q->is_whole() && !silent;
+    ssize_t got = recv(process.socket, process.bytes, sizeof process.bytes, waits ? 0 : MSG_DONTWAIT);
+    if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) return EXCHANGE_DIED;
+    if (got > 0) process.came = static_cast<size_t>(got);
     /* Also while bytes come: one at a time would last for ever. */
-    if (monotonic_seconds() >= e->until) return EXCHANGE_HUNG;
-    if (ready <= 0) {
-      if (processor_seconds(process.pid) >= e->processor_until) return EXCHANGE_HUNG;
-      continue;
-    }
-    if ((wait.revents & POLLOUT) && !write_some(e->q)) return EXCHANGE_DIED;
-    if (wait.revents & (POLLIN | POLLHUP | POLLERR)) {
-      ssize_t got = recv(process.socket, e->in + e->got, e->room - e->got, MSG_DONTWAIT);
-      if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) return EXCHANGE_DIED;
-      if (got > 0) e->got += static_cast<size_t>(got);
-    }
+    if (monotonic_seconds() >= d->until) return EXCHANGE_HUNG;
+    if (got > 0 || !(silent || waits)) continue;
+    const int64_t used = processor_seconds(process.pid);
+    if (d->processor_until == 0) d->processor_until = used + kProcessorTime;
+    if (used >= d->processor_until) return EXCHANGE_HUNG;
   }
   return EXCHANGE_DONE;
 }
 
-/* The answer comes from where foreign bytes ruled: it is believed in nothing. */
-bool is_clean(const std::string &text) {
-  return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr);
+exchange_result receive(question *q, deadline *d, char *to, size_t size) {
+  while (size > 0) {
+    if (process.taken == process.came) {
+      exchange_result result = take_some(q, d);
+      if (result != EXCHANGE_DONE) return result;
+    }
+    size_t some = std::min(size, process.came - process.taken);
+    memcpy(to, process.bytes + process.taken, some);
+    process.taken += some;
+    to += some;
+    size -= some;
+  }
+  return EXCHANGE_DONE;
 }
 
 /* One question and its answer. `answer` is filled in when it is done. */
 exchange_result ask(request_kind kind, std::string_view raw, const mime_limits &limits, answer_head *answer,
                     std::array<std::string, kTexts> *texts) {
   question own = question_of(kind, raw, limits);
-  exchange e;
-  e.q = process.ahead.empty() ? &own : &process.ahead.front();
-  char first[sizeof *answer + (16u << 10)]; /* most answers come as a whole */
-  e.in = first;
-  e.least = sizeof *answer;
-  e.room = process.ahead.size() > 1 ? e.least : sizeof first; /* the next answer may be there already */
-  e.until = monotonic_seconds() + kWaitingTime;
-  e.processor_until = processor_seconds(process.pid) + kProcessorTime;
-  exchange_result result = run_exchange(&e);
-  if (result != EXCHANGE_DONE) return result;
-  memcpy(answer, first, sizeof *answer);
-  size_t all = 0;
-  for (uint64_t size : answer->sizes) {
-    if (size > limits.text + kMaxHeaders) return EXCHANGE_DIED;
-    all += size;
+  question *q = process.ahead.empty() ? &own : &process.ahead.front();
+  deadline d;
+  if (!q->is_whole() && !write_some(q)) return EXCHANGE_DIED;
+  exchange_result result = receive(q, &d, reinterpret_cast<char *>(answer), sizeof *answer);
+  for (size_t i = 0; i < kTexts && result == EXCHANGE_DONE; i++) {
+    if (answer->sizes[i] > limits.text + kMaxHeaders) return EXCHANGE_DIED;
+    (*texts)[i].resize(answer->sizes[i]);
+    result = receive(q, &d, (*texts)[i].data(), answer->sizes[i]);
   }
-  size_t came = e.got - sizeof *answer;
-  if (came > all) return EXCHANGE_DIED;
-  std::string text(first + sizeof *answer, came);
-  text.resize(all);
-  e.in = text.data() + came;
-  e.got = 0;
-  e.least = e.room = all - came;
-  if (e.least > 0) result = run_exchange(&e);
-  for (size_t i = 0, at = 0; i < kTexts && result == EXCHANGE_DONE; at += answer->sizes[i], i++)
-    (*texts)[i] = text.substr(at, answer->sizes[i]);
-  if (result == EXCHANGE_DONE && !process.ahead.empty()) process.ahead.pop_front();
-  return result;
+  if (result != EXCHANGE_DONE) return result;
+  if (!process.ahead.empty()) process.ahead.pop_front();
+  /* What nobody asked for. */
+  return process.ahead.empty() && process.taken < process.came ? EXCHANGE_DIED : EXCHANGE_DONE;
+}
+
+/* The answer comes from where foreign bytes ruled: it is believed in nothing. */
+bool is_clean(const std::string &text) {
+  return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr);
 }
 
 void tell_holes(int walls) {

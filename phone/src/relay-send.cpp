@@ -30,9 +30,9 @@ struct flight {
 /* A message as its mailbox gave it. */
 struct fetched {
   const mailbox_item *item = nullptr;
-  std::string raw, error;
+  std::string raw, error, source;
   int64_t arrival = 0, size = 0;
-  bool is_read = false;
+  bool is_read = false, cut = false; /* only the beginning of its text is here */
 };
 
 /* One account's way to the watch. */
@@ -49,16 +49,16 @@ std::string_view headers_of(std::string_view head) {
   return end == std::string_view::npos ? head : head.substr(0, end + 2);
 }
 
-outgoing prepare(followed *a, const mailbox_item &item, const relay_row &row, const mime_mail &mail) {
+outgoing prepare(followed *a, const fetched &f, const relay_row &row, const mime_mail &mail) {
+  const mailbox_item &item = *f.item;
   send_options options;
   options.account_id = a->account_id;
   options.first = a->settings.first >= 0 ? a->settings.first : a->r->settings.first;
   options.received = row.time;
   options.is_read = item.seen;
   options.is_new = row.fresh && !item.seen;
-  std::string source = a->settings.kind->source(a->settings.path, item);
-  options.cut = rest_is_cut(source);
-  outgoing out = make_outgoing(mail, options, source, true, item.seen);
+  options.cut = f.cut;
+  outgoing out = make_outgoing(mail, options, f.source, true, item.seen);
   out.mail.host_tag = relay_tag(*a);
   return out;
 }
@@ -224,10 +224,10 @@ int flush(sender *s) {
 /* --- one message --- */
 
 /* The watch has it already: from a run whose memory is lost, or that ended before it could note this. */
-int claim(followed *a, const mailbox_item &item, relay_row *row, const mime_mail &mail, int mail_id) {
+int claim(followed *a, const fetched &f, relay_row *row, const mime_mail &mail, int mail_id) {
   phone_state *state = a->r->state.get();
   std::vector<pending> one;
-  one.push_back({row, prepare(a, item, *row, mail), item.key});
+  one.push_back({row, prepare(a, f, *row, mail), f.item->key});
   row->state = relayed;
   row->mail_id = mail_id;
   row->dirty = true;
@@ -255,9 +255,12 @@ std::unique_ptr<fetched> fetch_ahead(followed *a, const mailbox_item &item) {
 int read_fetched(followed *a, fetched *f, mime_mail *mail) {
   if (!f->is_read) return 1;
   parser_result result = parser_read(f->raw, mime_limits(), mail, &f->error);
-  if (result == PARSER_DONE && rest_is_cut(a->settings.kind->source(a->settings.path, *f->item)))
-    mail->body = rest_surely(mail->body);
-  if (result == PARSER_DONE) return 0;
+  if (result == PARSER_DONE) {
+    f->source = a->settings.kind->source(a->settings.path, *f->item);
+    f->cut = rest_is_cut(f->source);
+    if (f->cut) mail->body = rest_surely(mail->body);
+    return 0;
+  }
   if (result == PARSER_SET_ASIDE) return -1;
   if (result == PARSER_LATER) return 1;
   /* What is just being written is not broken yet; its end is an event of its own. */
@@ -287,9 +290,9 @@ int take(sender *s, fetched *f, relay_row *row, std::unordered_map<std::string, 
   if (there != a->unclaimed.end()) {
     int mail_id = there->second;
     a->unclaimed.erase(there);
-    return claim(a, item, row, mail, mail_id);
+    return claim(a, *f, row, mail, mail_id);
   }
-  s->next.push_back({row, prepare(a, item, *row, mail), item.key});
+  s->next.push_back({row, prepare(a, *f, *row, mail), item.key});
   s->bytes += s->next.back().out.mail.body.size() + kMailOverhead;
   return s->next.size() < s->most && s->bytes < link_flow(a->r->link).bytes ? 0 : flush(s);
 }

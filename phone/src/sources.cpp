@@ -47,19 +47,20 @@ int list_maildir(const std::string &path, std::vector<mailbox_item> *items, std:
 
 int read_maildir(const std::string &path, const mailbox_item &item, size_t max, std::string *raw, int64_t *arrival,
                  int64_t *size, std::string *error) {
-  std::string file = item.place;
-  struct stat info;
-  if (stat(file.c_str(), &info) < 0) {
+  struct stat info = {};
+  int result = mail_file_read(item.place, max, raw, error, &info);
+  if (result < 0 && stat(item.place.c_str(), &info) < 0) {
     /* Another program changed its flags, which are part of its name. */
-    file = maildir_find(path, item.key);
+    std::string file = maildir_find(path, item.key);
     if (file.empty() || stat(file.c_str(), &info) < 0) {
       *error = path + ": the mail is gone";
       return -1;
     }
+    result = mail_file_read(file, max, raw, error, &info);
   }
   *arrival = info.st_mtime;
   *size = info.st_size;
-  return mail_file_read(file, max, raw, error);
+  return result;
 }
 
 int set_flag(const std::string &path, const mailbox_item &item, char flag, std::string *error) {
