@@ -87,9 +87,9 @@ int reply_begin(phone_state *state, int64_t id, reply_entry *entry, std::string 
   read.finish();
   if (entry->state != queued && entry->state != sending) return 0;
   sql_statement mark(&state->db,
-                     "UPDATE outbox SET state = ?1, attempts = attempts + 1, interrupted = interrupted + (state = ?1)"
-                     " WHERE id = ?2 AND state IN (?1, ?3)");
-  if (mark.bind(sending, id, queued).run() < 0) return state_fail(state, kCannotWrite);
+                     "UPDATE outbox SET state = ?1, attempts = attempts + 1, interrupted = interrupted + (state = ?1),"
+                     " next_time = ?4 WHERE id = ?2 AND state IN (?1, ?3)");
+  if (mark.bind(sending, id, queued, now_seconds()).run() < 0) return state_fail(state, kCannotWrite);
   return state->db.changed() > 0 ? 1 : 0;
 }
 
@@ -103,9 +103,10 @@ int reply_set_sent(phone_state *state, int64_t id) {
 }
 
 int reply_set_failed(phone_state *state, int64_t id, int64_t pause, const std::string &error) {
+  /* The time 0 says that somebody wanted it tried now while this try was under way, which may have begun too early. */
   sql_statement query(&state->db,
-                      "UPDATE outbox SET state = ?, next_time = ?, pause = ?, error = ?"
-                      " WHERE id = ? AND state = ?");
+                      "UPDATE outbox SET state = ?1, next_time = CASE next_time WHEN 0 THEN 0 ELSE ?2 END,"
+                      " pause = CASE next_time WHEN 0 THEN 0 ELSE ?3 END, error = ?4 WHERE id = ?5 AND state = ?6");
   return query.bind(queued, now_seconds() + pause, pause, error, id, sending).run() == 0
              ? 0
              : state_fail(state, kCannotWrite);
