@@ -73,9 +73,10 @@ void set_aside(const std::string &what, relay_row *row, const std::string &why) 
 /* Writes down the mails of a call alone, and what work() does with each: what else changed waits for known_save(), or a
    mailbox of many would be looked through for every call. */
 template <typename F>
-int save_batch(followed *a, std::vector<pending> *batch, F &&work) {
+int save_batch(followed *a, std::vector<pending> *batch, F &&work,
+               decltype(phone_state_change) save = phone_state_change) {
   phone_state *state = a->r->state.get();
-  int result = phone_state_change(state, [&] {
+  int result = save(state, [&] {
     for (pending &p : *batch)
       if (work(&p) < 0 || relay_row_write(state, a->settings.name, p.key, *p.row) < 0) return -1;
     return 0;
@@ -146,8 +147,10 @@ int land(followed *a, flight *f) {
     row->batch = 0;
     row->dirty = true;
   }
-  int noted = save_batch(a, &f->batch,
-                         [&](pending *p) { return phone_state_set_mail_id(state, p->row->row, p->row->mail_id); });
+  /* When the power fails before this is on the disk, the mails are still on their way there, and the watch's list tells
+     that they came, as when the answer was never heard: a second sync for each mail would buy nothing. */
+  const auto set_id = [&](pending *p) { return phone_state_set_mail_id(state, p->row->row, p->row->mail_id); };
+  int noted = save_batch(a, &f->batch, set_id, phone_state_note);
   if (noted == 0) return HOST_OK;
   a->listed = false; /* what the user does with them meanwhile says numbers that the state does not know */
   return HOST_LATER;

@@ -62,6 +62,9 @@ const char *phone_state_error(phone_state *state);
 
 /* What `work` changes is kept as a whole when it returns 0, and not at all otherwise. Returns 0, or -1. */
 int phone_state_change(phone_state *state, const std::function<int()> &work);
+/* The same, without waiting for the disk: a machine that loses its power may lose it, as a whole and with all that was
+   changed later. For what can be found out again. */
+int phone_state_note(phone_state *state, const std::function<int()> &work);
 
 /* --- mails that were sent --- */
 
