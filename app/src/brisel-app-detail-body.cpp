@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "brisel-app-detail-fold.h"
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
 #include "platform-paths.h"
@@ -88,10 +87,11 @@ static size_t _block_end(const std::string &text, size_t start) {
   size_t break_at = 0; /* behind the last line break in reach */
   int lines = 0;
   size_t reach = std::min(text.size(), start + block_bytes_max);
-  for (size_t i = start; i < reach; i++) {
-    if (text[i] != '\n') continue;
-    if (i + 1 > start + block_bytes && break_at > start + block_bytes_min) return break_at;
-    break_at = i + 1;
+  const char *base = text.data();
+  for (size_t i = start; const void *found = memchr(base + i, '\n', reach - i);) {
+    i = (size_t)((const char *)found - base) + 1;
+    if (i > start + block_bytes && break_at > start + block_bytes_min) return break_at;
+    break_at = i;
     if (++lines == block_lines_max || break_at >= start + block_bytes) return break_at;
   }
   if (reach == text.size()) return reach;
@@ -534,10 +534,9 @@ void brisel_detail_body_attach(Evas_Object *layout, Evas_Object *scroller) {
   elm_object_part_content_set(layout, rest_part, body->rest);
 }
 
-void brisel_detail_body_set(Evas_Object *layout, const char *text, size_t length, const std::vector<text_mark> &marks) {
+void brisel_detail_body_set(Evas_Object *layout, std::string plain, const std::vector<text_mark> &marks) {
   detail_body *body = _body_of(layout);
   if (!body) return;
-  std::string plain = brisel_detail_plain_text(text, length);
   body->marks = marks;
   bool fresh = body->text.empty();
   if (!fresh && plain == body->text) return;

@@ -12,6 +12,7 @@
 #include <Evas.h>
 
 #include <cstddef>
+#include <string>
 #include <vector>
 
 /* A line that a tap means something on: the theme's tag "fold". Offset and length in bytes. */
@@ -22,10 +23,9 @@ struct text_mark {
 /* Makes layout (a "brisel/detail" layout inside scroller) able to show bodies. What it makes belongs to the layout and
    goes with it. A theme without the part "detail.body_rest" shows bodies as one text. */
 void brisel_detail_body_attach(Evas_Object *layout, Evas_Object *scroller);
-/* Shows length bytes of text (copied) literally. The blocks that the old and the new text share stay as they are, so
-   the reader's place does not move when a body grows. marks (copied): in order. */
-void brisel_detail_body_set(Evas_Object *layout, const char *text, size_t length,
-                            const std::vector<text_mark> &marks = {});
+/* Shows the text literally; plain: as brisel_detail_plain_text() makes it. The blocks that the old and the new text
+   share stay as they are, so the reader's place does not move when a body grows. marks (copied): in order. */
+void brisel_detail_body_set(Evas_Object *layout, std::string plain, const std::vector<text_mark> &marks = {});
 /* The text size (0 small, 1 normal, 2 large) of the further blocks; the layout's own parts are the caller's to tell.
    The text at the top of the screen stays there. */
 void brisel_detail_body_set_font_size(Evas_Object *layout, int size);

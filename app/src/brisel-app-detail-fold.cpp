@@ -2,6 +2,7 @@
 #include "brisel-app-detail-fold.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -17,22 +18,56 @@ constexpr int most_signature = 12;
 constexpr size_t longest_address = 40;
 static const char fold_sign[] = "\xE2\x80\xA6 ";
 
-std::string brisel_detail_plain_text(const char *text, size_t length) {
-  char *valid = g_utf8_make_valid(text, (gssize)length);
-  std::string plain;
-  plain.reserve(strlen(valid));
-  for (const char *s = valid; *s;) {
-    if (*s == '\r') {
-      if (s[1] != '\n') plain += '\n';
-      s++;
-    } else if (!strncmp(s, "\xE2\x80\xA8", 3) || !strncmp(s, "\xE2\x80\xA9", 3)) {
-      plain += '\n';
-      s += 3;
-    } else {
-      plain += *s++;
+/* How many bytes from s on stay as they are. A body may be a megabyte of any script: ASCII goes by eight, what is no
+   line break and no doubt goes in runs of like letters, and the rest is left to a closer look. */
+static size_t _plain_run(const char *s, size_t length) {
+  constexpr uint64_t ones = 0x0101010101010101, tops = 0x80 * ones, returns = '\r' * ones;
+  const unsigned char *bytes = (const unsigned char *)s;
+  const auto tails = [&](size_t i, size_t count) {
+    bool all = i + count <= length;
+    for (size_t n = 0; all && n < count; n++) all = (bytes[i + n] & 0xC0) == 0x80;
+    return all;
+  };
+  const auto is_separator = [&](size_t i) {
+    return bytes[i] == 0xE2 && bytes[i + 1] == 0x80 && (bytes[i + 2] & 0xFE) == 0xA8;
+  };
+  for (size_t at = 0;;) {
+    const size_t begin = at;
+    for (uint64_t eight; at + sizeof eight <= length; at += sizeof eight) {
+      memcpy(&eight, s + at, sizeof eight);
+      const uint64_t other = eight ^ returns;
+      if ((eight | (eight - ones) | (other - ones)) & tops) break;
     }
+    while (at < length && bytes[at] && bytes[at] < 0x80 && bytes[at] != '\r') at++;
+    while (at < length && bytes[at] >= 0xC2 && bytes[at] < 0xE0 && tails(at + 1, 1)) at += 2;
+    while (at < length && bytes[at] > 0xE0 && bytes[at] < 0xED && tails(at + 1, 2) && !is_separator(at)) at += 3;
+    while (at < length && bytes[at] == 0xF0 && tails(at + 1, 3) && bytes[at + 1] >= 0x90) at += 4;
+    if (at == begin) return at;
   }
-  g_free(valid);
+}
+
+std::string brisel_detail_plain_text(const char *text, size_t length) {
+  static const char unknown[] = "\xEF\xBF\xBD"; /* for a byte that begins no character */
+  std::string plain;
+  plain.reserve(length);
+  const char *end = text + length;
+  for (const char *s = text; s < end;) {
+    const size_t run = _plain_run(s, (size_t)(end - s));
+    plain.append(s, run);
+    s += run;
+    if (s == end) break;
+    const gunichar c = g_utf8_get_char_validated(s, end - s);
+    const bool is_known = c && c != (gunichar)-1 && c != (gunichar)-2;
+    const size_t size = is_known ? (size_t)(g_utf8_next_char(s) - s) : 1;
+    if (c == '\r') {
+      if (s + 1 == end || s[1] != '\n') plain += '\n';
+    } else if (c == 0x2028 || c == 0x2029) {
+      plain += '\n';
+    } else {
+      plain.append(is_known ? s : unknown, is_known ? size : sizeof(unknown) - 1);
+    }
+    s += size;
+  }
   return plain;
 }
 
@@ -109,7 +144,7 @@ template <size_t count>
 static bool _is_head_line(std::string_view line, const char *const (&names)[count]) {
   line.remove_prefix(std::min(line.find_first_not_of("* "), line.size()));
   for (const char *name : names) {
-    if (!line.starts_with(name)) continue;
+    if (line.empty() || line.front() != *name || !line.starts_with(name)) continue;
     std::string_view rest = line.substr(strlen(name));
     rest.remove_prefix(std::min(rest.find_first_not_of("* \xC2\xA0"), rest.size()));
     if (rest.starts_with(":") || rest.starts_with("\xEF\xBC\x9A")) return true;
@@ -127,6 +162,9 @@ static bool _is_passed_on(std::string_view text, size_t start) {
 }
 
 static bool _begins_history(std::string_view text, size_t start) {
+  /* Asked of every line: most have no such letter first. */
+  static constexpr std::string_view firsts = "-* FVD\xD0\xE5\xEB";
+  if (start >= text.size() || firsts.find(text[start]) == std::string_view::npos) return false;
   std::string_view line = text.substr(start, _line_end(text, start) - start);
   if (line.starts_with("--") && line.size() <= longest_divider) {
     for (const char *words : original_words)
@@ -145,6 +183,7 @@ static bool _begins_history(std::string_view text, size_t start) {
 
 /* The signature whose line of hyphens starts there: up to the end, or to what it was put above. */
 static line_run _signature_run(std::string_view text, size_t start) {
+  if (text[start] != '-') return {start, 0};
   std::string_view line = text.substr(start, _line_end(text, start) - start);
   line_run run = {start, 0};
   if (start == 0 || (line != "-- " && line != "--")) return run;
@@ -197,26 +236,37 @@ static std::string_view _host(std::string_view address) {
   return user == std::string_view::npos ? address : address.substr(user + 1);
 }
 
-static void _append_line(detail_shown *shown, std::string_view text, size_t start, size_t end) {
-  size_t done = start;
-  /* A search that went on behind the line, or read an address again from its inside, would keep the screen still for a
-     long mail. */
-  const std::string_view line = text.substr(0, end);
-  for (size_t at = line.find("http", start); at < end; at = line.find("http", at + 1)) {
-    size_t length = _address_length(text, at, end);
-    std::string_view host = length > longest_address ? _host(text.substr(at, length)) : "";
-    if (host.empty() || host.size() >= longest_address) {
-      if (length) at += length - 1;
-      continue;
-    }
-    shown->text.append(text, done, at - done);
-    std::string shortened = std::string(host) + "/\xE2\x80\xA6";
-    shown->pieces.push_back({shown->text.size(), shortened.size(), at, length, false});
-    shown->text += shortened;
-    done = at + length;
-    at = done - 1;
+/* Where the next web address begins, or npos. */
+static size_t _next_address(std::string_view text, size_t from) {
+  for (size_t at = text.find("://", from); at != std::string_view::npos; at = text.find("://", at + 1)) {
+    const std::string_view before = text.substr(from, at - from);
+    if (before.ends_with("http")) return at - 4;
+    if (before.ends_with("https")) return at - 5;
   }
-  shown->text.append(text, done, end - done);
+  return std::string_view::npos;
+}
+
+/* A text that is gone through: how far the one that is shown has come, and where an address comes next, so that no line
+   looks for what the one before has seen. */
+struct fold_place {
+  size_t done, address;
+};
+
+/* Appends the line with its long addresses shortened, and what is not there yet of the text before them. */
+static void _append_line(detail_shown *shown, std::string_view text, size_t start, size_t end, fold_place *place) {
+  if (place->address < start) place->address = _next_address(text, start);
+  while (place->address < end) {
+    const size_t at = place->address, length = _address_length(text, at, end);
+    std::string_view host = length > longest_address ? _host(text.substr(at, length)) : "";
+    if (!host.empty() && host.size() < longest_address) {
+      shown->text.append(text, place->done, at - place->done);
+      std::string shortened = std::string(host) + "/\xE2\x80\xA6";
+      shown->pieces.push_back({shown->text.size(), shortened.size(), at, length, false});
+      shown->text += shortened;
+      place->done = at + length;
+    }
+    place->address = _next_address(text, at + std::max(length, (size_t)1));
+  }
 }
 
 detail_shown brisel_detail_fold(const std::string &source, const std::vector<size_t> &opened, appdata *ad) {
@@ -224,6 +274,8 @@ detail_shown brisel_detail_fold(const std::string &source, const std::vector<siz
   shown.text.reserve(source.size());
   std::string_view text = source;
   size_t open_until = 0;
+  fold_place place = {0, 0};
+  place.address = _next_address(text, 0);
   const size_t first = text.find_first_not_of(" \n");
   for (size_t at = 0; at < text.size();) {
     bool is_quote = _is_quoted(text, at);
@@ -238,15 +290,17 @@ detail_shown brisel_detail_fold(const std::string &source, const std::vector<siz
     if (is_open) open_until = run.end;
     if (is_long && !is_open) {
       end = run.end;
+      shown.text.append(text, place.done, at - place.done);
       std::string line = _folded_line(is_quote, run.lines, ad);
       shown.pieces.push_back({shown.text.size(), line.size(), at, end - at, true});
       shown.text += line;
+      place.done = end;
     } else {
-      _append_line(&shown, text, at, end);
+      _append_line(&shown, text, at, end, &place);
     }
-    if (end < text.size()) shown.text += '\n';
     at = end + 1;
   }
+  shown.text.append(text, place.done);
   return shown;
 }
 

@@ -22,7 +22,7 @@ void __brisel_detail_update_font_size(brisel_detail_view *view_data, int size) {
       BRISEL_ERROR("Invalid font-size: [%d]", size);
     }
     __brisel_detail_set_subject(page);
-    __brisel_detail_set_body(page, view_data->ad);
+    __brisel_detail_set_body(page);
   }
 }
 

@@ -90,7 +90,7 @@ static bool __brisel_detail_send_more_msg(brisel_detail_view *view_data, const p
     /* An answer that a page swiped away was waiting for will not come now. */
     if (view_data->more_msg) {
       page_data *waiting = __brisel_detail_find_page(view_data, view_data->more_msg->mail_id);
-      if (waiting && waiting != page) __brisel_detail_stop_more_msg(waiting);
+      if (waiting && waiting->detail_layout && waiting != page) __brisel_detail_stop_more_msg(waiting);
     }
     __brisel_detail_abandon_more_msg(view_data, true);
     more_msg_ctx *context = (more_msg_ctx *)calloc(1, sizeof(more_msg_ctx));
@@ -154,7 +154,7 @@ static Eina_Bool __brisel_detail_add_more_messages_cb(void *data) {
     BRISEL_ERROR("mail_data is NULL!");
     return ECORE_CALLBACK_CANCEL;
   }
-  if (page->mail_data->body && *page->mail_data->body) __brisel_detail_set_body(page, page->ad);
+  if (page->mail_data->body && *page->mail_data->body) __brisel_detail_set_body(page);
   if (__brisel_detail_ends_with_tag(page->mail_data->body, tag_complete)) {
     BRISEL_INFO("There is no more mail_body!");
     __brisel_detail_signal(page->detail_layout, "do-hide-device-field");

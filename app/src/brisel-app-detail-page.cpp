@@ -1,5 +1,5 @@
-/* One page of the reader: its layout, texts, notices and buttons. Owns what a page_data holds. Paging and the main file
-   call it. */
+/* What is on one page of the reader: its texts, notices and buttons. Owns what a page_data holds. Building, paging and
+   the main file call it. */
 #include "brisel-app-detail.h"
 
 #include <cstdio>
@@ -13,12 +13,10 @@
 #include "brisel-app-view-common.h"
 #include "brisel-body.h"
 
-static const char part_scroller[] = "scroller";
 static const char part_image[] = "detail.image";
 static const char part_device[] = "detail.device";
 static const char part_lbutton[] = "detail.lbutton";
 static const char part_rbutton[] = "detail.rbutton";
-static const char group_detail[] = "brisel/detail";
 #define NOTICE_START "<font_size=24><text_class=nuvra><color=#FF9000FF>"
 #define NOTICE_END "</color></text_class></font_size>"
 constexpr int notice_line_height = 36;
@@ -216,7 +214,7 @@ static void __brisel_detail_draw_buttons(brisel_detail_view *view_data, page_dat
                                view_data);
 }
 
-static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_data *page) {
+void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_data *page) {
   BRISEL_INFO("Enter");
   full_noti_data *mail = page->mail_data;
   Evas_Object *layout = page->detail_layout;
@@ -247,7 +245,7 @@ static void __brisel_detail_draw_view_components(brisel_detail_view *view_data, 
   }
 
   brisel_detail_body_set_font_size(layout, view_data->font_size);
-  __brisel_detail_set_body(page, view_data->ad);
+  __brisel_detail_show_body(page);
   __brisel_detail_go_to_place(page);
 
   __brisel_detail_set_attachment_text(view_data, page);
@@ -271,14 +269,6 @@ Evas_Object *__brisel_detail_create_layout(Evas_Object *parent, const char *grou
   return layout;
 }
 
-static Evas_Object *__brisel_detail_create_layout_single_scroller(brisel_detail_view *view_data) {
-  return __brisel_detail_create_layout(view_data->box, "brisel/detail/single_scroller");
-}
-
-static Evas_Object *__brisel_detail_create_layout_detail_view(Evas_Object *scroller) {
-  return __brisel_detail_create_layout(scroller, group_detail);
-}
-
 static Evas_Object *__brisel_detail_create_account_color_bar(Evas_Object *title, int account_id) {
   Evas_Object *bar = brisel_util_create_color_bar(title, account_id);
   if (!bar) BRISEL_ERROR("evas_object_rectangle_add() failed!");
@@ -286,8 +276,7 @@ static Evas_Object *__brisel_detail_create_account_color_bar(Evas_Object *title,
 }
 
 /* The title area of a page, or NULL; what it holds goes with it. */
-static Evas_Object *__brisel_detail_create_layout_detail_view_title(brisel_detail_view *view_data,
-                                                                    const page_data *page) {
+Evas_Object *__brisel_detail_create_layout_detail_view_title(brisel_detail_view *view_data, const page_data *page) {
   Evas_Object *title = elm_layout_add(page->page_layout);
   if (!title ||
       !elm_layout_theme_set(title, "naviframe", "item", brisel_stage_style() ? "round/default" : "basic/default")) {
@@ -340,58 +329,6 @@ Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent) {
   return scroller;
 }
 
-/* Logs what failed and drops the half-built page. */
-static page_data *__brisel_detail_give_up_page(page_data *page, const char *what) {
-  if (what) BRISEL_ERROR("%s", what);
-  Evas_Object *layout = page->page_layout;
-  __brisel_detail_free_page_data(page);
-  if (layout) evas_object_del(layout);
-  return nullptr;
-}
-
-page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *view_data, int mail_id) {
-  BRISEL_INFO("Enter");
-  page_data *page = (page_data *)calloc(1, sizeof(page_data));
-  if (!page) {
-    BRISEL_ERROR("Failed to allocate memory for page_data!");
-    return nullptr;
-  }
-  page->ad = view_data->ad;
-  page->mail_data = brisel_full_noti_data_create();
-  if (!page->mail_data) return __brisel_detail_give_up_page(page, "brisel_db_full_noti_data_create() failed!");
-  int result = brisel_db_get_full_noti_data_by_mail_id(mail_id, page->mail_data);
-  if (result != 0) {
-    BRISEL_ERROR("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d]", result);
-    return __brisel_detail_give_up_page(page, nullptr);
-  }
-
-  Evas_Object *root = __brisel_detail_create_layout_single_scroller(view_data);
-  if (!root) return __brisel_detail_give_up_page(page, "__brisel_detail_create_layout_single_scroller() failed!");
-  brisel_widget_ref_set(&page->page_layout, root);
-
-  Evas_Object *title = __brisel_detail_create_layout_detail_view_title(view_data, page);
-  if (!title) return __brisel_detail_give_up_page(page, nullptr);
-
-  Evas_Object *scroller = __brisel_detail_create_scroller(root);
-  if (!scroller) return __brisel_detail_give_up_page(page, "__brisel_detail_create_scroller() failed!");
-  brisel_widget_ref_set(&page->scroller, scroller);
-  elm_scroller_bounce_set(scroller, EINA_FALSE, EINA_TRUE);
-  elm_scroller_policy_set(scroller, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
-  evas_object_smart_callback_add(scroller, "edge,bottom", __brisel_detail_scroller_bottom_hit_cb, view_data);
-
-  Evas_Object *detail = __brisel_detail_create_layout_detail_view(scroller);
-  if (!detail) return __brisel_detail_give_up_page(page, "__brisel_detail_create_detail_view_layout() failed!");
-  brisel_widget_ref_set(&page->detail_layout, detail);
-  brisel_detail_body_attach(detail, scroller);
-  __brisel_detail_draw_view_components(view_data, page);
-
-  elm_object_content_set(scroller, detail);
-  elm_object_part_content_set(root, "title", title);
-  elm_object_part_content_set(root, part_scroller, scroller);
-  page->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
-  return page;
-}
-
 void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page) {
   Evas_Object *layout = page->detail_layout;
   __brisel_detail_set_device_notice(view_data, page);
@@ -401,7 +338,7 @@ void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data
     elm_object_part_content_set(layout, part_image, label);
   }
   __brisel_detail_set_attachment_text(view_data, page);
-  __brisel_detail_set_body(page, view_data->ad);
+  __brisel_detail_set_body(page);
   Evas_Object *button = elm_object_part_content_get(layout, part_lbutton);
   if (__brisel_detail_reply_status() != page->reply_status)
     __brisel_detail_draw_buttons(view_data, page);
@@ -410,6 +347,7 @@ void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data
 }
 
 void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) {
+  if (!page->has_mail) return;
   full_noti_data *old = page->mail_data;
   scoped_noti mail(brisel_full_noti_data_create());
   if (!mail || brisel_db_get_full_noti_data_by_mail_id(old->mail_id, mail.get()) != 0) return;
@@ -419,15 +357,16 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) 
   /* Text that was asked for is shown in its own time. */
   bool has_text = !__brisel_detail_is_waiting(view_data, page) && g_strcmp0(mail->body, old->body) != 0;
   bool has_subject = g_strcmp0(mail->subject, old->subject) != 0;
-  if (!has_text) std::swap(mail->body, old->body);
+  if (page->detail_layout && !has_text) std::swap(mail->body, old->body);
   page->mail_data = mail.release();
   brisel_full_noti_data_free(old);
-  if (has_subject) __brisel_detail_set_subject(page);
   __brisel_detail_set_sender(view_data, page);
+  if (!page->detail_layout) return __brisel_detail_free_text(page);
+  if (has_subject) __brisel_detail_set_subject(page);
   __brisel_detail_update_datetime_string(view_data, page->mail_data->received_time, page->detail_layout);
   __brisel_detail_set_attachment_text(view_data, page);
   if (has_text) {
-    __brisel_detail_set_body(page, view_data->ad);
+    __brisel_detail_set_body(page);
     bool is_whole = __brisel_detail_ends_with_tag(page->mail_data->body, tag_complete);
     __brisel_detail_signal(page->detail_layout, is_whole ? "do-hide-device-field" : "do-show-device-field");
   }

@@ -4,6 +4,7 @@
 #include "brisel-app-detail.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 #include "brisel-app-utils.h"
@@ -80,8 +81,8 @@ static void __brisel_detail_show_current_page(brisel_detail_view *view_data) {
 }
 
 void __brisel_detail_aim_at(brisel_detail_view *view_data, int place) {
-  const page_data *page = __brisel_detail_page_at(view_data, place);
-  if (!page) return;
+  page_data *page = __brisel_detail_page_at(view_data, place);
+  if (!page || !__brisel_detail_finish_page(view_data, page)) return;
   view_data->aimed_id = page->mail_data->mail_id;
   elm_scroller_page_bring_in(view_data->page_scroller, place, 0);
 }
@@ -150,7 +151,7 @@ GList *__brisel_detail_update_neighbor(GList *node, int index, brisel_detail_vie
   if (!node) return nullptr;
   int mail_id = ((item_data *)node->data)->mail_id;
   page_data *page = __brisel_detail_take_standing(view_data, mail_id);
-  view_data->page_data[index] = page ? page : __brisel_detail_draw_single_layout_by_mail_id(view_data, mail_id);
+  view_data->page_data[index] = page ? page : __brisel_detail_draw_bare_page(view_data, mail_id);
   return node;
 }
 
@@ -158,6 +159,7 @@ GList *__brisel_detail_update_neighbor(GList *node, int index, brisel_detail_vie
    stays as it is. What is on screen stays at its place. When the list does not hold the current mail (any more), the
    pages that stand are all there is to turn to. */
 static void __brisel_detail_arrange(brisel_detail_view *view_data, page_data *current) {
+  if (!__brisel_detail_finish_page(view_data, current)) return;
   page_data **pages = view_data->page_data, **standing = view_data->standing;
   int mail_id = current->mail_data->mail_id;
   double off = __brisel_detail_place_on_screen(view_data) - __brisel_detail_place_of_mail(view_data, mail_id);
@@ -196,6 +198,13 @@ static void __brisel_detail_arrange(brisel_detail_view *view_data, page_data *cu
   elm_scroller_region_show(view_data->page_scroller, (int)(place * view_data->page_width + 0.5), 0,
                            view_data->page_width, 1);
   if (__brisel_detail_place_of_mail(view_data, view_data->aimed_id) < 0) view_data->aimed_id = mail_id;
+  __brisel_detail_build_soon(view_data);
+}
+
+void __brisel_detail_lose_page(brisel_detail_view *view_data, page_data *page) {
+  *std::find(view_data->page_data, view_data->page_data + BRISEL_DETAIL_PAGE_MAX, page) = nullptr;
+  __brisel_detail_drop_page(view_data, page);
+  __brisel_detail_show_current_page(view_data);
 }
 
 void __brisel_detail_turn_to_aimed(brisel_detail_view *view_data) {
@@ -307,6 +316,11 @@ void __brisel_detail_box_resize_cb(void *data, Evas *evas, Evas_Object *obj, voi
 
 void __brisel_detail_page_scroller_scroll_cb(void *data, Evas_Object *obj, void *event_info) {
   brisel_detail_view *view_data = (brisel_detail_view *)data;
+  /* A finger may be quicker than the idle loop. */
+  const double place = __brisel_detail_place_on_screen(view_data);
+  for (double seen : {std::floor(place), std::ceil(place)})
+    if (page_data *page = __brisel_detail_page_at(view_data, (int)seen))
+      if (!__brisel_detail_finish_page(view_data, page)) return;
   if (!__brisel_detail_touch.is_mouse_down && __brisel_detail_is_box_laid_out(view_data))
     __brisel_detail_settle_soon(view_data);
 }

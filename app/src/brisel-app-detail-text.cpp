@@ -23,7 +23,7 @@ static const char ellipsis[] = "\xE2\x80\xA6";
 struct detail_text {
   std::string source;         /* the body as plain text, without its continuation tag */
   std::vector<size_t> opened; /* the folds that were opened, by their place in source */
-  detail_shown shown;
+  detail_shown shown;         /* its text is empty once the layout has it */
 };
 
 void __brisel_detail_free_text(page_data *page) {
@@ -162,13 +162,8 @@ static size_t __brisel_detail_shown_body_length(const char *body) {
   return tag ? (size_t)(tag - body) : strlen(body);
 }
 
-static void __brisel_detail_show_body(const page_data *page, appdata *ad) {
-  detail_text *text = page->text;
-  text->shown = brisel_detail_fold(text->source, text->opened, ad);
-  std::vector<text_mark> marks;
-  for (const detail_piece &piece : text->shown.pieces)
-    if (piece.is_fold) marks.push_back({piece.shown, piece.shown_length});
-  brisel_detail_body_set(page->detail_layout, text->shown.text.data(), text->shown.text.size(), marks);
+static void __brisel_detail_fold_body(const page_data *page) {
+  page->text->shown = brisel_detail_fold(page->text->source, page->text->opened, page->ad);
 }
 
 /* A page's parts say nothing to who only listens: it is read as a whole. */
@@ -181,12 +176,25 @@ static void __brisel_detail_name_page(const page_data *page) {
   brisel_view_set_spoken_name(page->detail_layout, name.c_str());
 }
 
-void __brisel_detail_set_body(page_data *page, appdata *ad) {
+void __brisel_detail_read_body(page_data *page) {
   const char *body = page->mail_data->body ? page->mail_data->body : "";
   if (!page->text) page->text = new detail_text();
   page->text->source = brisel_detail_plain_text(body, __brisel_detail_shown_body_length(body));
-  __brisel_detail_show_body(page, ad);
+  __brisel_detail_fold_body(page);
+}
+
+void __brisel_detail_show_body(const page_data *page) {
+  detail_shown &shown = page->text->shown;
+  std::vector<text_mark> marks;
+  for (const detail_piece &piece : shown.pieces)
+    if (piece.is_fold) marks.push_back({piece.shown, piece.shown_length});
+  brisel_detail_body_set(page->detail_layout, std::move(shown.text), marks); /* a long one is not kept twice */
   __brisel_detail_name_page(page);
+}
+
+void __brisel_detail_set_body(page_data *page) {
+  __brisel_detail_read_body(page);
+  __brisel_detail_show_body(page);
 }
 
 /* --- taps --- */
@@ -213,7 +221,8 @@ void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y) {
   const detail_piece *piece = brisel_detail_piece_at(page->text->shown, at);
   if (!piece || !piece->is_fold) return;
   page->text->opened.push_back(piece->source);
-  __brisel_detail_show_body(page, view_data->ad);
+  __brisel_detail_fold_body(page);
+  __brisel_detail_show_body(page);
 }
 
 std::vector<Eina_Rectangle> __brisel_detail_tap_places(const page_data *page) {
@@ -252,7 +261,7 @@ void __brisel_detail_keep_place(const page_data *page) {
   int mail_id = page->mail_data->mail_id;
   std::erase_if(places, [mail_id](const auto &place) { return place.first == mail_id; });
   size_t top = brisel_detail_body_top(page->detail_layout);
-  if (top > page->text->shown.text.size()) return;
+  if (top == std::string::npos) return;
   if (places.size() == places_max) places.erase(places.begin());
   places.push_back({mail_id, brisel_detail_source_of(page->text->shown, top)});
 }

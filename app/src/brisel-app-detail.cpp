@@ -14,6 +14,7 @@ static void __brisel_detail_free_view_data(brisel_detail_view *view_data) {
   brisel_widget_ref_drop(&view_data->gesture_layer);
   __brisel_detail_leave_touches(view_data);
   __brisel_detail_end_place(view_data);
+  __brisel_detail_stop_building(view_data);
   if (view_data->page_timer) ecore_timer_del(view_data->page_timer);
   if (view_data->page_scroller)
     evas_object_smart_callback_del_full(view_data->page_scroller, "scroll", __brisel_detail_page_scroller_scroll_cb,
@@ -141,7 +142,7 @@ void brisel_detail_update_mails(GSList *ids, appdata *ad) {
       (brisel_detail_view *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, ad);
   if (!view_data) return;
   for (page_data *page : view_data->page_data)
-    if (page && page->detail_layout && g_slist_find(ids, GINT_TO_POINTER(page->mail_data->mail_id)))
+    if (page && g_slist_find(ids, GINT_TO_POINTER(page->mail_data->mail_id)))
       __brisel_detail_renew_page(view_data, page);
   /* A neighbour may have been locked, or a locked mail opened. */
   brisel_detail_update_neighbors(ad->mail_id, ad);
@@ -152,10 +153,14 @@ int brisel_detail_update_datetime_format(appdata *ad) {
   brisel_detail_view *view_data = __brisel_detail_retrieve_view_data(ad);
   if (!view_data) return 0;
   for (page_data *page : view_data->page_data) {
-    if (!page || !page->detail_layout) continue;
+    if (!page) continue;
+    if (!page->detail_layout) {
+      __brisel_detail_free_text(page); /* what was made ready counts lines in the old digits */
+      continue;
+    }
     __brisel_detail_update_datetime_string(view_data, page->mail_data->received_time, page->detail_layout);
     __brisel_detail_set_attachment_text(view_data, page); /* its digits are the region's */
-    __brisel_detail_set_body(page, ad);
+    __brisel_detail_set_body(page);
   }
   return 0;
 }
@@ -164,7 +169,12 @@ int brisel_detail_update_string(appdata *ad) {
   BRISEL_INFO("Enter");
   brisel_detail_view *view_data = __brisel_detail_retrieve_view_data(ad);
   if (!view_data) return 0;
-  for (page_data *page : view_data->page_data)
-    if (page && page->detail_layout) __brisel_detail_update_page_string(view_data, page);
+  for (page_data *page : view_data->page_data) {
+    if (!page) continue;
+    if (page->detail_layout)
+      __brisel_detail_update_page_string(view_data, page);
+    else
+      __brisel_detail_free_text(page);
+  }
   return 0;
 }

@@ -39,6 +39,8 @@ struct page_data {
   int width, height;              /* of the view, as the subject was fitted to it */
   unsigned char is_subject_whole; /* it was touched: shown in all its lines */
   unsigned char is_sender_whole;  /* the title that cuts it was touched: shown above the subject */
+  unsigned char has_mail;         /* until then mail_data has nothing but the id */
+  unsigned char is_built;         /* until then what is not there yet is NULL */
 };
 
 struct brisel_detail_view;
@@ -91,6 +93,7 @@ struct brisel_detail_view : brisel_view_head {
   Evas_Object *ringed;       /* the button in it; NULL: a place on the mail's texts */
   Eina_Rectangle ring_place; /* that place, of the canvas */
   int ring_at;               /* which of the page's */
+  Ecore_Idler *build_idler;  /* while pages beside are being built */
   Ecore_Job *lift_job;
   Ecore_Idler *touch_over_idler;
   Evas_Object *gesture_layer;
@@ -128,7 +131,8 @@ void __brisel_detail_free_page_data(page_data *page);
 void __brisel_detail_update_datetime_string(brisel_detail_view *view_data, time_t time, Evas_Object *layout);
 Evas_Object *__brisel_detail_create_layout(Evas_Object *parent, const char *group);
 Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent);
-page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *view_data, int mail_id);
+void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_data *page);
+Evas_Object *__brisel_detail_create_layout_detail_view_title(brisel_detail_view *view_data, const page_data *page);
 void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page);
 void __brisel_detail_set_attachment_text(brisel_detail_view *view_data, const page_data *page);
 /* The notice below a body that goes on, as it is true now. */
@@ -136,10 +140,25 @@ void __brisel_detail_set_device_notice(const brisel_detail_view *view_data, page
 /* Reads the page's mail again and shows what changed of it. */
 void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page);
 
+/* --- building it: brisel-app-detail-build.cpp --- */
+
+/* A whole page; NULL when the mail cannot be read or a widget cannot be made, which is logged. */
+page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *view_data, int mail_id);
+/* The first step of one: a layout with nothing on it, for a mail that is not read yet. */
+page_data *__brisel_detail_draw_bare_page(brisel_detail_view *view_data, int mail_id);
+/* What is left of a page, now. False when it failed: the page is gone. */
+bool __brisel_detail_finish_page(brisel_detail_view *view_data, page_data *page);
+/* What is left of the pages beside, while the loop is idle; nothing while the application is paused. */
+void __brisel_detail_build_soon(brisel_detail_view *view_data);
+void __brisel_detail_stop_building(brisel_detail_view *view_data);
+
 /* --- the mail's own texts on it: brisel-app-detail-text.cpp --- */
 
 void __brisel_detail_set_subject(page_data *page);
-void __brisel_detail_set_body(page_data *page, appdata *ad);
+/* Makes the body ready to be shown; shows what is ready; both. */
+void __brisel_detail_read_body(page_data *page);
+void __brisel_detail_show_body(const page_data *page);
+void __brisel_detail_set_body(page_data *page);
 void __brisel_detail_free_text(page_data *page);
 /* A finger tapped at that place of the canvas: a long subject or sender opens and closes, a folded line opens. */
 void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y);
@@ -178,6 +197,8 @@ page_data *__brisel_detail_page_at(const brisel_detail_view *view_data, int plac
 /* Where in the box the mail's page is, or -1; where the scroller stands, in pages. */
 int __brisel_detail_place_of_mail(const brisel_detail_view *view_data, int mail_id);
 double __brisel_detail_place_on_screen(const brisel_detail_view *view_data);
+/* A page that cannot be built leaves its slot. */
+void __brisel_detail_lose_page(brisel_detail_view *view_data, page_data *page);
 /* Takes over what changed in the list while a finger was down. */
 void __brisel_detail_follow_list(brisel_detail_view *view_data);
 

@@ -20,6 +20,7 @@ void open_reader(int mail_id) {
   ASSERT_EQ(brisel_detail_draw_view(mail_id, 1, &test_ad), 0);
   ASSERT_TRUE(run_until([&] { return finished; }));
   evas_object_smart_callback_del_full(test_ad.naviframe, "transition,finished", finished_cb, &finished);
+  ASSERT_TRUE(run_until([] { return !reader()->build_idler; }));
   settle();
 }
 
@@ -73,7 +74,9 @@ void show_page(bool to_next) {
 }
 
 void rest_reader(void) {
-  EXPECT_TRUE(run_until([] { return !reader()->page_timer && !reader()->lift_job && !reader()->touch_over_idler; }));
+  EXPECT_TRUE(run_until([] {
+    return !reader()->page_timer && !reader()->lift_job && !reader()->touch_over_idler && !reader()->build_idler;
+  }));
   settle();
 }
 

@@ -118,6 +118,60 @@ TEST_F(Pages, OpeningAndPagingGiveTheSamePagesEverywhere) {
   }
 }
 
+static Eina_Bool pause_with_text_cb(void *data) {
+  const page_data *page = reader() ? reader()->page_data[BRISEL_DETAIL_NEXT_PAGE] : nullptr;
+  if (!page || !page->text) return ECORE_CALLBACK_RENEW;
+  app_pause(&test_ad);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+/* What is built beside, step by step: what changes or is wanted meanwhile. */
+TEST_F(Pages, PagesBesideAreBuiltStepByStep) {
+  fill(5);
+  const auto built = [] {
+    std::string slots;
+    for (const page_data *page : reader()->page_data) slots += !page ? '-' : page->is_built ? 'b' : '.';
+    return slots;
+  };
+  const auto open = [&] {
+    ASSERT_EQ(brisel_detail_draw_view(ids[2], 0, &test_ad), 0);
+    ASSERT_EQ(built(), "..b..") << "the mail itself is there at once, nothing waits for its neighbours";
+  };
+  open();
+  ASSERT_TRUE(run_until([&] { return built() == "bbbbb"; }));
+  for (const page_data *page : reader()->page_data)
+    EXPECT_EQ(part_text(page, "detail.body"), "Body " + std::to_string(position(page->mail_data->mail_id)));
+  close_reader();
+
+  open(); /* nothing is built while the display is off */
+  app_pause(&test_ad);
+  run_for(0.1);
+  EXPECT_EQ(built(), "..b..");
+  app_resume(&test_ad);
+  EXPECT_TRUE(run_until([&] { return built() == "bbbbb"; }));
+  close_reader();
+
+  open(); /* a finger that is quicker finds what it pulls in */
+  elm_scroller_region_show(reader()->page_scroller, reader()->page_width * 5 / 2, 0, reader()->page_width, 1);
+  EXPECT_EQ(built(), "..bb.");
+  close_reader();
+
+  open(); /* a mail that goes before it is read, and one that changes when it is */
+  reader()->page_data[BRISEL_DETAIL_PREV_PAGE]->mail_data->mail_id = 99999;
+  EXPECT_TRUE(run_until([&] { return built() == "b-bbb"; }));
+  expect_consistent();
+  close_reader();
+  ecore_idler_add(pause_with_text_cb, nullptr); /* before the reader's own, so its turn comes between two steps */
+  open();
+  EXPECT_TRUE(run_until([] { return reader()->page_data[BRISEL_DETAIL_NEXT_PAGE]->text; }));
+  ASSERT_EQ(built(), "..b..");
+  phone.set_text(ids[3], "body", "Other");
+  EXPECT_TRUE(run_until([] { return strstr(reader()->page_data[BRISEL_DETAIL_NEXT_PAGE]->mail_data->body, "Other"); }));
+  app_resume(&test_ad);
+  EXPECT_TRUE(run_until([&] { return built() == "bbbbb"; }));
+  EXPECT_EQ(part_text(reader()->page_data[BRISEL_DETAIL_NEXT_PAGE], "detail.body"), "Other");
+}
+
 TEST_F(Pages, SwipesTurnOnePageEach) {
   fill(5);
   open_reader(ids[0]);

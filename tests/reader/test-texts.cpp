@@ -87,7 +87,7 @@ TEST_F(Texts, InvalidUtf8InARecordDoesNotBreakAPage) {
   const std::vector<int> ids = mailbox_with(&phone, {"text"});
   open_reader(ids[0]);
   const std::string bad = "a\xFF\xC0\xAF b\xED\xA0\x80 c\xE2\x82";
-  brisel_detail_body_set(current_page()->detail_layout, bad.data(), bad.size());
+  brisel_detail_body_set(current_page()->detail_layout, brisel_detail_plain_text(bad.data(), bad.size()));
   EXPECT_EQ(part_text(current_page(), "detail.body").substr(0, 4), "a\xEF\xBF\xBD");
   elm_win_render(test_ad.win_main);
 }

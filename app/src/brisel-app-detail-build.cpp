@@ -1,0 +1,152 @@
+/* Building pages: the one that is opened at once, those beside it step by step while the loop is idle, so that no frame
+   waits for them. A page stands in its slot from the first step on; what is needed sooner is built to its end then.
+   Paging and the main file call it. */
+#include <cstdlib>
+
+#include "brisel-app-detail-body.h"
+#include "brisel-app-detail.h"
+#include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
+
+static const char part_scroller[] = "scroller";
+
+/* --- the steps --- */
+
+/* Without its body, which may be long. */
+static bool __brisel_detail_is_in_store(int mail_id) {
+  GSList *rows = nullptr;
+  int count = 0;
+  const int result = brisel_db_get_noti_rows_by_mail_ids(&mail_id, 1, &rows, &count);
+  brisel_full_noti_data_list_free(rows);
+  return result == 0 && count > 0;
+}
+
+static bool __brisel_detail_read_mail(page_data *page, int mail_id) {
+  int result = brisel_db_get_full_noti_data_by_mail_id(mail_id, page->mail_data);
+  page->has_mail = result == 0;
+  if (result != 0) BRISEL_ERROR("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d]", result);
+  return result == 0;
+}
+
+page_data *__brisel_detail_draw_bare_page(brisel_detail_view *view_data, int mail_id) {
+  BRISEL_INFO("Enter");
+  page_data *page = (page_data *)calloc(1, sizeof(page_data));
+  if (!page) {
+    BRISEL_ERROR("Failed to allocate memory for page_data!");
+    return nullptr;
+  }
+  page->ad = view_data->ad;
+  page->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
+  page->mail_data = brisel_full_noti_data_create();
+  if (!page->mail_data) {
+    BRISEL_ERROR("brisel_db_full_noti_data_create() failed!");
+  } else if (__brisel_detail_is_in_store(mail_id) || __brisel_detail_read_mail(page, mail_id)) {
+    page->mail_data->mail_id = mail_id;
+    if (Evas_Object *root = __brisel_detail_create_layout(view_data->box, "brisel/detail/single_scroller"))
+      brisel_widget_ref_set(&page->page_layout, root);
+    else
+      BRISEL_ERROR("__brisel_detail_create_layout_single_scroller() failed!");
+  }
+  if (page->page_layout) return page;
+  __brisel_detail_free_page_data(page);
+  return nullptr;
+}
+
+static bool __brisel_detail_frame_page(brisel_detail_view *view_data, page_data *page) {
+  Evas_Object *title = __brisel_detail_create_layout_detail_view_title(view_data, page);
+  if (!title) return false;
+  elm_object_part_content_set(page->page_layout, "title", title);
+  Evas_Object *scroller = __brisel_detail_create_scroller(page->page_layout);
+  if (!scroller) {
+    BRISEL_ERROR("__brisel_detail_create_scroller() failed!");
+    return false;
+  }
+  brisel_widget_ref_set(&page->scroller, scroller);
+  elm_scroller_bounce_set(scroller, EINA_FALSE, EINA_TRUE);
+  elm_scroller_policy_set(scroller, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
+  evas_object_smart_callback_add(scroller, "edge,bottom", __brisel_detail_scroller_bottom_hit_cb, view_data);
+  elm_object_part_content_set(page->page_layout, part_scroller, scroller);
+  return true;
+}
+
+static bool __brisel_detail_fill_page(brisel_detail_view *view_data, page_data *page) {
+  Evas_Object *detail = __brisel_detail_create_layout(page->scroller, "brisel/detail");
+  if (!detail) {
+    BRISEL_ERROR("__brisel_detail_create_detail_view_layout() failed!");
+    return false;
+  }
+  brisel_widget_ref_set(&page->detail_layout, detail);
+  brisel_detail_body_attach(detail, page->scroller);
+  __brisel_detail_draw_view_components(view_data, page);
+  return true;
+}
+
+/* The next step of a page: what it has says which. False when it failed, which is logged. */
+static bool __brisel_detail_build_on(brisel_detail_view *view_data, page_data *page) {
+  if (!page->has_mail) return __brisel_detail_read_mail(page, page->mail_data->mail_id);
+  if (!page->scroller) return __brisel_detail_frame_page(view_data, page);
+  if (!page->text) {
+    __brisel_detail_read_body(page);
+    return true;
+  }
+  if (!page->detail_layout) return __brisel_detail_fill_page(view_data, page);
+  elm_object_content_set(page->scroller, page->detail_layout);
+  page->is_built = 1;
+  return true;
+}
+
+static bool __brisel_detail_build_whole(brisel_detail_view *view_data, page_data *page) {
+  while (!page->is_built)
+    if (!__brisel_detail_build_on(view_data, page)) return false;
+  return true;
+}
+
+page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *view_data, int mail_id) {
+  page_data *page = __brisel_detail_draw_bare_page(view_data, mail_id);
+  if (!page || __brisel_detail_build_whole(view_data, page)) return page;
+  Evas_Object *layout = page->page_layout;
+  __brisel_detail_free_page_data(page);
+  evas_object_del(layout);
+  return nullptr;
+}
+
+bool __brisel_detail_finish_page(brisel_detail_view *view_data, page_data *page) {
+  if (__brisel_detail_build_whole(view_data, page)) return true;
+  __brisel_detail_lose_page(view_data, page);
+  return false;
+}
+
+/* --- while the loop is idle --- */
+
+/* The one that is turned to first. */
+static page_data *__brisel_detail_unbuilt_page(const brisel_detail_view *view_data) {
+  for (int slot :
+       {BRISEL_DETAIL_NEXT_PAGE, BRISEL_DETAIL_PREV_PAGE, BRISEL_DETAIL_NEXT_NEXT_PAGE, BRISEL_DETAIL_PREV_PREV_PAGE})
+    if (page_data *page = view_data->page_data[slot]; page && !page->is_built) return page;
+  return nullptr;
+}
+
+static Eina_Bool __brisel_detail_build_idler_cb(void *data) {
+  brisel_detail_view *view_data = (brisel_detail_view *)data;
+  page_data *page = __brisel_detail_unbuilt_page(view_data);
+  if (!page) {
+    view_data->build_idler = nullptr;
+    return ECORE_CALLBACK_CANCEL;
+  }
+  if (!__brisel_detail_build_on(view_data, page))
+    __brisel_detail_lose_page(view_data, page);
+  else if (page->is_built)
+    /* Each page is laid out by itself: the next frame would have to do it for all together. */
+    evas_smart_objects_calculate(evas_object_evas_get(view_data->box));
+  return ECORE_CALLBACK_RENEW;
+}
+
+void __brisel_detail_build_soon(brisel_detail_view *view_data) {
+  if (!view_data->build_idler && !view_data->is_paused && __brisel_detail_unbuilt_page(view_data))
+    view_data->build_idler = ecore_idler_add(__brisel_detail_build_idler_cb, view_data);
+}
+
+void __brisel_detail_stop_building(brisel_detail_view *view_data) {
+  if (view_data->build_idler) ecore_idler_del(view_data->build_idler);
+  view_data->build_idler = nullptr;
+}
