@@ -50,6 +50,9 @@ void app_efl_exit(void);
 /* Gives the freed memory that the C library still holds back to the system: after much was read, and by itself at every
    pause. Some milliseconds at most. */
 void app_efl_memory_trim(void);
+/* The same once the objects that were deleted until now have gone: the canvas keeps them for two pictures, and so many
+   are drawn. */
+void app_efl_memory_trim_drawn(void);
 
 /* Names the application's main window right after its creation, before it is shown: the framework gives it its
    size (the environment variable BRISEL_WINDOW_SIZE, "WxH", default 320x320)
