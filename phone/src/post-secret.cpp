@@ -71,7 +71,7 @@ const char *watch_command(pid_t pid, int pipe, std::string *out, int *status) {
 
 /* The first line of what the command prints. It may ask on the terminal, so it stays in the terminal's own group. */
 int from_command(const std::string &command, std::string *secret, std::string *error) {
-  int ends[2], status = 0;
+  int ends[2] = {-1, -1}, status = 0;
   const bool alone = !isatty(STDIN_FILENO);
   pid_t pid = pipe2(ends, O_CLOEXEC | O_NONBLOCK) < 0 ? -1 : fork();
   if (pid == 0) {
@@ -87,6 +87,7 @@ int from_command(const std::string &command, std::string *secret, std::string *e
   }
   if (pid < 0) {
     *error = std::string("the password command cannot be started: ") + strerror(errno);
+    if (ends[0] >= 0) close(ends[0]), close(ends[1]);
     return -1;
   }
   close(ends[1]);
