@@ -49,6 +49,7 @@ def bare(session, rows, scroll=False):
     result = {"start": (first - start) / 1e6}
     time.sleep(0.5)
     result["peak"], result["pss"] = memory(process.pid)
+    result["own"] = private(process.pid)
     if scroll:
         process.stdin.write("scroll\n")
         process.stdin.flush()
@@ -58,18 +59,35 @@ def bare(session, rows, scroll=False):
     return result
 
 
-def application(session):
+def private(pid):
+    """Memory that is the process's alone, in MiB."""
+    return sum(int(line.split()[1]) for line in open(f"/proc/{pid}/smaps_rollup") if line.startswith("Private_Dirty:")) / 1024
+
+
+def start_application(session, *arguments):
+    """Its process, and the milliseconds to its first picture."""
     start = time.monotonic_ns()
-    process = subprocess.Popen([BUILD / "app" / "brisel"], env=session.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    process = subprocess.Popen([BUILD / "app" / "brisel", *arguments], env=session.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
     def ready():
         done = session.run("brisel-watchctl", "stats", check=False)
         return done.returncode == 0 and json.loads(done.stdout).get("first_screen_ns")
 
     time.sleep(1.5)  # asking while it starts would slow it down; the figure is the application's own
-    result = {"start": (session.wait(ready, "the application's first screen", 60) - start) / 1e6}
+    return process, (session.wait(ready, "the application's first screen", 60) - start) / 1e6
+
+
+def stop_application(session, process):
+    session.watch("quit")
+    process.wait(20)
+
+
+def application(session):
+    process, first = start_application(session)
+    result = {"start": first}
     time.sleep(0.5)
     result["peak"], result["pss"] = memory(process.pid)
+    result["own"] = private(process.pid)
     session.watch("stats", "--reset")
     for _ in range(6):
         session.scroll(seconds=0.25)
@@ -117,6 +135,41 @@ def live(session, process, count):
     emit(f"wake-ups in 10 idle seconds, {count} mails", "", [wakeups(process.pid) - before])
 
 
+def touched_notification(session, count):
+    """Milliseconds to the text of the mail that a launch names, without the application and with it."""
+    cold, warm = [], []
+    for run in range(RUNS):
+        process, first = start_application(session, f"brisel_id={1 + run * count // RUNS}")
+        cold.append(first)
+        session.watch("key", "back")
+        for again in range(3):
+            session.rest()
+            session.watch("stats", "--reset")
+            session.launch(brisel_id=2 + (again + 3 * run) * count // (4 * RUNS))
+            drawn = session.wait(lambda: json.loads(session.watch("stats"))["events_ns"], "the launch's frame")
+            warm.append(max(drawn) / 1e6)
+            session.watch("key", "back")
+        stop_application(session, process)
+    return cold, warm
+
+
+def hour_of_use(session, count):
+    """Private memory at the start, after the first ten mails, and after what an hour of heavy use brings, in MiB."""
+    process, _ = start_application(session)
+    session.rest()
+    own = [private(process.pid)]
+    for n in range(500):
+        session.launch(brisel_id=1 + n * 37 % count)
+        session.watch("key", "back")
+        if n % 50 == 0:
+            session.send(1, *[mail(f"Hourly {n + i}", "x", f"Hourly {i} <hourly@example.org>", T0 + 9000 + n + i) for i in range(100)])
+        if n in (9, 499):
+            session.rest()
+            own.append(private(process.pid))
+    stop_application(session, process)
+    return own
+
+
 for count in SIZES:
     with Session(size=f"{WIDTH}x{HEIGHT}") as session:
         session.serve()
@@ -131,8 +184,9 @@ for count in SIZES:
             app.append(result)
             if run == RUNS - 1:
                 live(session, process, count)
-            session.watch("quit")
-            process.wait(20)
+            stop_application(session, process)
+        cold, warm = touched_notification(session, count)
+        hour = hour_of_use(session, count) if count == 1000 else None
 
     def of(samples, what):
         return [one[what] for one in samples]
@@ -140,5 +194,11 @@ for count in SIZES:
     emit(f"exec to the list, {count} mails", "ms", of(app, "start"), of(empty, "start"), "an empty window")
     emit(f"exec to the list, {count} mails, beside rows", "ms", of(app, "start"), of(rows, "start"), "a plain genlist")
     emit(f"proportional memory, {count} mails", "MiB", of(app, "pss"), of(rows, "pss"), "a plain genlist")
+    emit(f"private memory, {count} mails", "MiB", of(app, "own"), of(rows, "own"), "a plain genlist")
     emit(f"peak resident memory, {count} mails", "MiB", of(app, "peak"), of(rows, "peak"), "a plain genlist")
     emit(f"scroll frame, 99th percentile, {count} mails", "ms", of(app, "frames"), of(rows, "frames"), "a plain genlist")
+    emit(f"a notification touched, cold, to the mail's text, {count} mails", "ms", cold, of(app, "start"), "exec to the list")
+    emit(f"a notification touched, warm, to the mail's text, {count} mails", "ms", warm, cold, "cold")
+    if hour:
+        emit(f"private memory after 10 mails opened, {count} mails", "MiB", [hour[1]], [hour[0]], "its start")
+        emit(f"private memory after an hour's use, {count} mails", "MiB", [hour[2]], [hour[0]], "its start")
