@@ -9,20 +9,26 @@
 
 static const char stage_key[] = "brisel/stage";
 
-/* The class of dates in the theme, and their letters at scale 1, which are as wide as a circle has room for. */
-static const char time_class[] = "brisel/time";
-constexpr double time_letters = 21.0; /* pixels */
+/* Up to which scale factor letters grow. Half as large again, a toast would be as high as the display; a circle's stage
+   is two thirds of it, and has no room for larger dates either. */
+constexpr double toast_scale = 1.2, round_scale = 1.0;
 
 static bool _is_round() {
   const char *shape = getenv("BRISEL_SHAPE");
   return shape && !strcmp(shape, "round");
 }
 
+/* Of a text class of the theme. */
+static void _limit_letters(const char *text_class, double most) {
+  const double scale = elm_config_scale_get();
+  if (scale > most) edje_text_class_set(text_class, "NotoSans", -(int)(100 * most / scale)); /* percent */
+}
+
 void brisel_stage_make(Evas_Object *window) {
+  _limit_letters("brisel/toast", _is_round() ? round_scale : toast_scale);
   Evas_Object *frame = _is_round() ? brisel_util_load_edj(window, BRISEL_EDJ, "brisel/round") : nullptr;
   if (!frame) return;
-  if (elm_config_scale_get() > 1.0)
-    edje_text_class_set(time_class, "NotoSans", (int)(time_letters / elm_config_scale_get()));
+  _limit_letters("brisel/time", round_scale);
   Evas_Object *stage = elm_box_add(frame);
   elm_object_part_content_set(frame, "stage", stage);
   elm_win_resize_object_add(window, frame);

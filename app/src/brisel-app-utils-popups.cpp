@@ -277,19 +277,6 @@ static void __timeout_cb(void *data, Evas_Object *obj, void *event_info) {
   evas_object_del(obj);
 }
 
-/* Letters half as large again would make a toast as high as the display: beyond these they grow no more; a circle's
-   stage is two thirds of it. */
-constexpr double toast_scale = 1.2, round_toast_scale = 1.0;
-constexpr double toast_letters = 22.0; /* pixels at scale 1, as in the theme */
-
-static std::string _toast_text(const char *text) {
-  if (!text) return "";
-  const double scale = elm_config_scale_get(), most = brisel_stage_style() ? round_toast_scale : toast_scale;
-  if (scale <= most) return text;
-  const int size = (int)(toast_letters * most / scale);
-  return "<font_size=" + std::to_string(size) + ">" + text + "</font_size>";
-}
-
 void brisel_create_toast_popup(appdata *ad, const char *text) {
   BRISEL_INFO("Enter");
   if (!ad) {
@@ -305,7 +292,8 @@ void brisel_create_toast_popup(appdata *ad, const char *text) {
   /* Away from the finger, and so from the button that it is about. */
   elm_popup_orient_set(popup, brisel_touch_was_low() ? ELM_POPUP_ORIENT_TOP : ELM_POPUP_ORIENT_BOTTOM);
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, __toast_back_cb, nullptr);
-  elm_object_part_text_set(popup, "elm.text", _toast_text(text).c_str());
+  /* The tag's letters grow less than others with the scale factor. */
+  if (text) elm_object_part_text_set(popup, "elm.text", (std::string("<toast>") + text + "</toast>").c_str());
   evas_object_smart_callback_add(popup, "block,clicked", __block_clicked_cb, nullptr);
   elm_popup_timeout_set(popup, 2.0);
   evas_object_smart_callback_add(popup, "timeout", __timeout_cb, nullptr);
