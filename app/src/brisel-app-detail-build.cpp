@@ -5,6 +5,7 @@
 
 #include "brisel-app-detail-body.h"
 #include "brisel-app-detail.h"
+#include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 
@@ -42,7 +43,8 @@ page_data *__brisel_detail_draw_bare_page(brisel_detail_view *view_data, int mai
     BRISEL_ERROR("brisel_db_full_noti_data_create() failed!");
   } else if (__brisel_detail_is_in_store(mail_id) || __brisel_detail_read_mail(page, mail_id)) {
     page->mail_data->mail_id = mail_id;
-    if (Evas_Object *root = __brisel_detail_create_layout(view_data->box, "brisel/detail/single_scroller"))
+    const char *group = brisel_stage_style() ? "brisel/detail/single_scroller/round" : "brisel/detail/single_scroller";
+    if (Evas_Object *root = __brisel_detail_create_layout(view_data->box, group))
       brisel_widget_ref_set(&page->page_layout, root);
     else
       BRISEL_ERROR("__brisel_detail_create_layout_single_scroller() failed!");

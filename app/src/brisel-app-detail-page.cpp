@@ -2,6 +2,7 @@
    the main file call it. */
 #include "brisel-app-detail.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -100,6 +101,8 @@ static void __brisel_detail_place_notice(Evas_Object *layout, const char *part, 
   if (Evas_Object *old = elm_object_part_content_unset(layout, part)) evas_object_del(old);
   Evas_Object *label = elm_label_add(layout);
   elm_label_line_wrap_set(label, ELM_WRAP_MIXED);
+  /* Nor does a circle have room for larger letters than those at scale 1. */
+  if (brisel_stage_style()) elm_object_scale_set(label, 1.0 / std::max(elm_config_scale_get(), 1.0));
   elm_object_text_set(label, markup);
   evas_object_show(label);
   elm_object_part_content_set(layout, part, label);
@@ -338,6 +341,7 @@ void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data
     elm_object_part_content_set(layout, part_image, label);
   }
   __brisel_detail_set_attachment_text(view_data, page);
+  __brisel_detail_set_subject(page);
   __brisel_detail_set_body(page);
   Evas_Object *button = elm_object_part_content_get(layout, part_lbutton);
   if (__brisel_detail_reply_status() != page->reply_status)

@@ -43,9 +43,9 @@ static std::string __brisel_detail_bounded_subject(const char *subject) {
 }
 
 /* Where the line after the last one that fits begins, in characters; -1: all fit. */
-static int __brisel_detail_line_too_many(Evas_Object *probe, const std::string &text, int lines) {
+static int __brisel_detail_line_too_many(Evas_Object *probe, const std::string &text, int lines, bool is_small) {
   scoped_text markup(brisel_util_text_to_markup_whole(text.c_str()));
-  evas_object_textblock_text_markup_set(probe, markup ? markup.get() : "");
+  evas_object_textblock_text_markup_set(probe, (std::string(is_small ? "<label>" : "") + markup.get()).c_str());
   Evas_Textblock_Cursor *cursor = evas_object_textblock_cursor_new(probe);
   int at = evas_textblock_cursor_line_set(cursor, lines) ? evas_textblock_cursor_pos_get(cursor) : -1;
   evas_textblock_cursor_free(cursor);
@@ -59,18 +59,24 @@ static int __brisel_detail_theme_length(const Evas_Object *edje, const char *nam
 }
 
 /* How many lines leave the mail's text one on the first screen. */
-static int __brisel_detail_subject_lines(const page_data *page, const Evas_Object *edje, Evas_Object *probe) {
+static int __brisel_detail_subject_lines(page_data *page, const Evas_Object *edje, Evas_Object *probe) {
   int line = 0;
   evas_object_textblock_text_markup_set(probe, "X");
   evas_object_textblock_size_formatted_get(probe, nullptr, &line);
-  int room = page->height - line - __brisel_detail_theme_length(edje, "detail.fields.height");
-  if (page->mail_data->has_image) room -= __brisel_detail_theme_length(edje, "detail.image.height");
+  int title = 0;
+  edje_object_part_geometry_get(elm_layout_edje_get(page->page_layout), "title", nullptr, nullptr, nullptr, &title);
+  int room = page->height - line - title - __brisel_detail_theme_length(edje, "detail.fields.height");
+  if (page->mail_data->has_image) {
+    room -= __brisel_detail_theme_length(edje, "detail.image.height");
+    page->is_tight = room < line;
+    __brisel_detail_signal(page->detail_layout, page->is_tight ? "do-tight-image-field" : "do-roomy-image-field");
+  }
   return std::clamp(room / std::max(line, 1), 1, subject_lines_max);
 }
 
 /* The subject in as many lines as leave the mail's text room on the first screen; the theme tells what of the view is
    not the subject's. */
-static std::string __brisel_detail_fit_subject(const page_data *page, const std::string &whole) {
+static std::string __brisel_detail_fit_subject(page_data *page, const std::string &whole) {
   Evas_Object *edje = elm_layout_edje_get(page->detail_layout);
   edje_object_calc_force(edje); /* the part takes its style now */
   Evas_Object *part = (Evas_Object *)edje_object_part_object_get(edje, part_title);
@@ -82,8 +88,8 @@ static std::string __brisel_detail_fit_subject(const page_data *page, const std:
   evas_object_resize(probe, width, width);
   int lines = __brisel_detail_subject_lines(page, edje, probe);
   std::string shown = whole;
-  for (int at = __brisel_detail_line_too_many(probe, shown, lines); at > 0;
-       at = __brisel_detail_line_too_many(probe, shown + ellipsis, lines)) {
+  for (int at = __brisel_detail_line_too_many(probe, shown, lines, page->is_tight); at > 0;
+       at = __brisel_detail_line_too_many(probe, shown + ellipsis, lines, page->is_tight)) {
     long length = g_utf8_strlen(shown.c_str(), -1);
     shown.resize((size_t)(g_utf8_offset_to_pointer(shown.c_str(), std::min((long)at, length - 1)) - shown.c_str()));
     while (!shown.empty() && strchr(" \n\t", shown.back())) shown.pop_back();
@@ -103,12 +109,17 @@ void __brisel_detail_set_subject(page_data *page) {
   const char *subject = page->mail_data->subject;
   const bool has_subject = subject && *subject;
   if (!has_subject && !page->is_sender_whole) {
-    elm_object_domain_translatable_part_text_set(page->detail_layout, part_title, BRISEL_DOMAIN, none);
+    const std::string said = brisel_util_get_text(none);
+    if (__brisel_detail_fit_subject(page, said) == said && !page->is_tight)
+      elm_object_domain_translatable_part_text_set(page->detail_layout, part_title, BRISEL_DOMAIN, none);
+    else /* smaller, rather than cut or at the cost of the mail's text */
+      elm_object_part_text_set(page->detail_layout, part_title, ("<label>" + said + "</label>").c_str());
     return;
   }
   std::string shown = has_subject ? __brisel_detail_bounded_subject(subject) : brisel_util_get_text(none);
   if (has_subject && !page->is_subject_whole) shown = __brisel_detail_fit_subject(page, shown);
   shown = __brisel_detail_tight(shown);
+  if (page->is_tight) shown = "<label>" + shown + "</label>";
   const char *sender = brisel_view_sender(page->mail_data);
   if (page->is_sender_whole && sender)
     shown = "<sender>" + __brisel_detail_tight(__brisel_detail_bounded_subject(sender)) + "</sender><br>" + shown;
@@ -125,31 +136,17 @@ static Eina_Rectangle __brisel_detail_cut_sender(const page_data *page) {
       title ? (Evas_Object *)edje_object_part_object_get(elm_layout_edje_get(title), part_sender) : nullptr;
   scoped_text markup(brisel_view_sender_title(page->mail_data));
   if (!part || g_strcmp0(elm_object_part_text_get(title, part_sender), markup.get()) != 0) return {};
-  Evas_Object *probe = evas_object_textblock_add(evas_object_evas_get(part));
-  evas_object_scale_set(probe, evas_object_scale_get(part));
-  evas_object_textblock_style_set(probe, evas_object_textblock_style_get(part));
-  Evas_Textblock_Style *uncut = evas_textblock_style_new();
-  evas_textblock_style_set(uncut, "DEFAULT='ellipsis=-1'");
-  evas_object_textblock_style_user_push(probe, uncut);
-  evas_object_textblock_text_markup_set(probe, markup.get());
+  if (!brisel_view_is_cut(part)) return {};
   Eina_Rectangle place = {};
   evas_object_geometry_get(part, &place.x, nullptr, &place.w, nullptr);
   evas_object_geometry_get(title, nullptr, &place.y, nullptr, &place.h);
-  evas_object_resize(probe, place.w, place.h);
-  int width = 0;
-  evas_object_textblock_size_formatted_get(probe, &width, nullptr);
-  evas_object_del(probe);
-  evas_textblock_style_free(uncut);
-  /* The title takes smaller letters before it cuts. */
-  unsigned smallest = 0, largest = 0;
-  evas_textblock_fit_size_range_get(part, &smallest, &largest);
-  if (largest) width = (int)((double)width * smallest / largest);
-  return width > place.w ? place : Eina_Rectangle{};
+  return place;
 }
 
 /* The page's top has room for all of it, as it has for a long subject. */
 static void __brisel_detail_sender_tapped(page_data *page) {
   page->is_sender_whole = !page->is_sender_whole;
+  page->tapped = &page->is_sender_whole;
   __brisel_detail_set_subject(page);
   if (page->is_sender_whole) elm_scroller_region_show(page->scroller, 0, 0, 1, 1);
 }
@@ -208,12 +205,14 @@ static bool __brisel_detail_is_inside(Evas_Object *object, int x, int y) {
 void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y) {
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
   if (!page->text || !page->detail_layout || !page->scroller) return;
+  page->tapped = nullptr;
   const Eina_Rectangle sender = __brisel_detail_cut_sender(page);
   if (eina_rectangle_coords_inside(&sender, x, y)) return __brisel_detail_sender_tapped(page);
   if (!__brisel_detail_is_inside(page->scroller, x, y)) return;
   Evas_Object *edje = elm_layout_edje_get(page->detail_layout);
   if (__brisel_detail_is_inside((Evas_Object *)edje_object_part_object_get(edje, part_title), x, y)) {
     page->is_subject_whole = !page->is_subject_whole;
+    page->tapped = &page->is_subject_whole;
     __brisel_detail_set_subject(page);
     return;
   }

@@ -93,8 +93,9 @@ static Eina_Bool __brisel_detail_touch_over_cb(void *data) {
 static bool __brisel_detail_is_tap(const brisel_detail_view *view_data) {
   const detail_stroke *stroke = &view_data->stroke;
   int reach = elm_config_finger_size_get() / 2;
-  return !__brisel_detail_touch.is_multi && !stroke->began_in_motion && abs(stroke->start.x - stroke->end.x) < reach &&
-         abs(stroke->start.y - stroke->end.y) < reach && stroke->end_time - stroke->start_time < tap_time;
+  return !__brisel_detail_touch.is_multi && !stroke->began_in_motion && !stroke->is_double &&
+         abs(stroke->start.x - stroke->end.x) < reach && abs(stroke->start.y - stroke->end.y) < reach &&
+         stroke->end_time - stroke->start_time < tap_time;
 }
 
 /* What a touch that is over means. The toolkit has done with it what it does. */
@@ -157,6 +158,7 @@ static void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, 
   stroke->start = stroke->end = event->canvas;
   stroke->start_time = stroke->end_time = event->timestamp;
   stroke->began_in_motion = __brisel_detail_pages_move(view_data);
+  stroke->is_double = 0;
   stroke->began_at_end = __brisel_detail_is_at_end(view_data->page_data[BRISEL_DETAIL_CUR_PAGE]);
 }
 

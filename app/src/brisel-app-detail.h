@@ -37,8 +37,10 @@ struct page_data {
   detail_text *text;           /* what is shown of the body; owned */
   appdata *ad;
   int width, height;              /* of the view, as the subject was fitted to it */
+  unsigned char is_tight;         /* the notice on images leaves the text no line on the first screen: less around it */
   unsigned char is_subject_whole; /* it was touched: shown in all its lines */
   unsigned char is_sender_whole;  /* the title that cuts it was touched: shown above the subject */
+  unsigned char *tapped;          /* which of these two the tap before has turned; a double tap takes that back */
   unsigned char has_mail;         /* until then mail_data has nothing but the id */
   unsigned char is_built;         /* until then what is not there yet is NULL */
 };
@@ -62,6 +64,7 @@ struct detail_stroke {
   point recent[16];              /* the latest is the last */
   unsigned char began_at_end;    /* the page showed its end already when the finger came down */
   unsigned char began_in_motion; /* the pages moved */
+  unsigned char is_double;       /* the second of a double tap: what it means is done */
 };
 
 /* The reader's record on the view stack; at most one exists. Starts like every view's record. */

@@ -46,6 +46,27 @@ void brisel_view_expand(Evas_Object *object) {
   evas_object_size_hint_align_set(object, EVAS_HINT_FILL, EVAS_HINT_FILL);
 }
 
+/* The toolkit does not tell: the line is measured without its ellipsis. */
+bool brisel_view_is_cut(Evas_Object *part) {
+  Evas_Object *probe = evas_object_textblock_add(evas_object_evas_get(part));
+  evas_object_scale_set(probe, evas_object_scale_get(part));
+  evas_object_textblock_style_set(probe, evas_object_textblock_style_get(part));
+  Evas_Textblock_Style *uncut = evas_textblock_style_new();
+  evas_textblock_style_set(uncut, "DEFAULT='ellipsis=-1'");
+  evas_object_textblock_style_user_push(probe, uncut);
+  evas_object_textblock_text_markup_set(probe, evas_object_textblock_text_markup_get(part));
+  int room = 0, height = 0, width = 0;
+  evas_object_geometry_get(part, nullptr, nullptr, &room, &height);
+  evas_object_resize(probe, room, height);
+  evas_object_textblock_size_formatted_get(probe, &width, nullptr);
+  evas_object_del(probe);
+  evas_textblock_style_free(uncut);
+  unsigned smallest = 0, largest = 0;
+  evas_textblock_fit_size_range_get(part, &smallest, &largest);
+  if (largest) width = (int)((double)width * smallest / largest);
+  return width > room;
+}
+
 /* --- a view and its record --- */
 
 brisel_view_head *brisel_view_new_head(appdata *ad, int view_type, size_t size) {

@@ -25,6 +25,10 @@ int brisel_view_scaled(int pixels);
 /* Takes all room there is, both ways. */
 void brisel_view_expand(Evas_Object *object);
 
+/* Whether a part with one line of text (TEXTBLOCK, with an ellipsis) has its end cut, in the smallest letters that it
+   takes. */
+bool brisel_view_is_cut(Evas_Object *part);
+
 /* --- a view and its record --- */
 
 /* A zero-filled record with its type and ad set, or NULL: without ad, or short of memory. Logged. The record starts

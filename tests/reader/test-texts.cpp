@@ -259,6 +259,15 @@ TEST_F(Texts, ALongSubjectIsCutUntilItIsTouched) {
   tap_in_reader("detail.title");
   evas_object_resize(test_ad.win_main, 480, 320);
   EXPECT_TRUE(run_until([&] { return shown().size() > narrow.size(); })) << "as much as the width lets";
+  rest_reader();
+  const int size = reader()->font_size;
+  Eina_Rectangle title = {};
+  evas_object_geometry_get(
+      edje_object_part_object_get(elm_layout_edje_get(current_page()->detail_layout), "detail.title"), &title.x,
+      &title.y, &title.w, &title.h);
+  double_tap_at({title.x + title.w / 2, title.y + title.h / 2});
+  ASSERT_TRUE(run_until([size] { return reader()->font_size != size; }));
+  EXPECT_TRUE(shown().ends_with("\xE2\x80\xA6")) << "a double tap is about the size alone";
 }
 
 TEST_F(Texts, ASenderThatTheTitleCutsIsShownWholeWhenItIsTouched) {
