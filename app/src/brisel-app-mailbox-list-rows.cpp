@@ -204,7 +204,8 @@ void _mailbox_list_language_changed_cb(void *data, Evas_Object *obj, void *event
 }
 
 Elm_Genlist_Item_Class *_new_group_class(Elm_Genlist_Item_Del_Cb del) {
-  return brisel_view_new_row_class("email/group", _gl_group_text_get, nullptr, del);
+  return brisel_view_new_row_class(brisel_stage_style() ? "email/group.round" : "email/group", _gl_group_text_get,
+                                   nullptr, del);
 }
 
 Elm_Genlist_Item_Class *_new_mail_class(const char *style, Elm_Genlist_Item_Del_Cb del) {

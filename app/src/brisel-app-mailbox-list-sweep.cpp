@@ -91,6 +91,8 @@ static void _drag(appdata *ad, Elm_Object_Item *it, const char *signal) {
     return;
   }
   if (elm_genlist_item_type_get(it) & ELM_GENLIST_ITEM_GROUP) return;
+  /* A row half out of sight, as below the header: what it says now and its button are to be seen. */
+  elm_genlist_item_bring_in(it, ELM_GENLIST_ITEM_SCROLLTO_IN);
   elm_object_item_signal_emit(it, signal, "");
   _tell_of_button(it, true);
   ad->sweep_item = it;

@@ -151,7 +151,7 @@ Evas_Object *brisel_view_title_button(Evas_Object *parent, const char *image, Ev
     BRISEL_ERROR("elm_button_add() failed!");
     return nullptr;
   }
-  elm_object_style_set(button, "naviframe/title_icon");
+  elm_object_style_set(button, brisel_stage_style() ? "naviframe/title_icon/round" : "naviframe/title_icon");
   Evas_Object *picture = _title_image(button, image, EVAS_ASPECT_CONTROL_BOTH);
   if (!picture) {
     evas_object_del(button);
