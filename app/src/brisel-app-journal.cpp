@@ -258,7 +258,7 @@ static void _gl_sel_cb(void *data, Evas_Object *obj, void *event_info) {
   vd->popup_id = request->request_id;
   brisel_view_popup_translate(popup, "button1", can_change ? "IDS_EMAIL_SK_DROP" : "IDS_COM_SK_OK");
   if (can_send) brisel_view_popup_translate(popup, "button2", "IDS_EMAIL_SK_SEND_AGAIN");
-  elm_object_part_text_set(popup, "title,text", _who(request, vd->ad).c_str());
+  brisel_util_popup_set_name(popup, _who(request, vd->ad).c_str());
   _fill_popup(popup, request, vd);
 }
 
@@ -285,7 +285,7 @@ static void _show_requests(journal_view_data *vd) {
     return; /* what is shown stays */
   }
   static constexpr Elm_Genlist_Item_Class row_class =
-      brisel_view_row_class("2text.1icon.1", _gl_text_get, _gl_content_get);
+      brisel_view_row_class("2text.picture", _gl_text_get, _gl_content_get);
   /* The row at the top stays there, whatever comes or goes above it. */
   int x = 0, y = 0, width = 0;
   evas_object_geometry_get(vd->genlist, &x, &y, &width, nullptr);

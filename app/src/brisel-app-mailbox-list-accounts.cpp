@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
@@ -22,13 +23,38 @@ struct popup_item_data {
 
 /* --- the header --- */
 
-static void _create_one_account_toast_popup(appdata *ad) {
-  BRISEL_INFO("Enter");
-  if (!ad) {
-    BRISEL_ERROR("ad is NULL!");
-    return;
+/* Whether the header has no room for the account's name. What a row is drawn with cannot be asked for: a drawing of its
+   own of the same theme, size and texts is looked at. */
+static bool _is_header_cut(const group_item_data *group) {
+  const Elm_Genlist_Item_Class *itc = group->ad->itc_group;
+  Evas_Object *gl = group->ad->mailbox_genlist, *place = elm_object_item_track(group->it);
+  if (!place) return false;
+  int width = 0, height = 0;
+  evas_object_geometry_get(place, nullptr, nullptr, &width, &height);
+  elm_object_item_untrack(group->it);
+  Evas_Object *drawing = elm_layout_add(gl);
+  elm_layout_theme_set(drawing, "genlist/item", itc->item_style, "default");
+  evas_object_resize(drawing, width, height);
+  for (const char *part : {"elm.text.1", "elm.text.2"}) {
+    const scoped_text text(itc->func.text_get((void *)group, gl, part));
+    elm_layout_text_set(drawing, part, text.get());
   }
-  brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_TPOP_ONLY_ONE_EMAIL_ACCOUNT_REGISTERED"));
+  Evas_Object *part = (Evas_Object *)edje_object_part_object_get(elm_layout_edje_get(drawing), "elm.text.1");
+  const bool is_cut = part && brisel_view_is_cut(part);
+  evas_object_del(drawing);
+  return is_cut;
+}
+
+/* With several accounts the popup shows each of them whole; here the toast does. */
+static void _create_one_account_toast_popup(const group_item_data *group) {
+  BRISEL_INFO("Enter");
+  appdata *ad = group->ad;
+  std::string text = brisel_util_get_text("IDS_EMAIL_TPOP_ONLY_ONE_EMAIL_ACCOUNT_REGISTERED");
+  if (group->account_id != 0 && _is_header_cut(group)) {
+    const scoped_text name(brisel_util_text_to_markup(group->title));
+    if (name) text = std::string(name.get()) + "<br>" + text;
+  }
+  brisel_create_toast_popup(ad, text.c_str());
 }
 
 /* The next account after account_id in the store's order; the combined view comes after the last one. */
@@ -65,7 +91,7 @@ void _gl_group_sel(void *data, Evas_Object *obj, void *event_info) {
   if (_is_blocked_once(ad, it)) return;
   if (ad->account_cnt < 2) {
     BRISEL_INFO("one account is registered only. Ignore the account toggle action");
-    _create_one_account_toast_popup(ad);
+    _create_one_account_toast_popup(group);
     return;
   }
   if (brisel_touch_was_long()) {
@@ -84,7 +110,7 @@ void _long_pressed_group(group_item_data *group, Elm_Object_Item *it) {
   if (_is_blocked_once(ad, it)) return;
   if (ad->account_cnt < 2) {
     BRISEL_INFO("one account is registered only. Ignore account long-press action action");
-    _create_one_account_toast_popup(ad);
+    _create_one_account_toast_popup(group);
     return;
   }
   brisel_create_account_selection_popup(ad);

@@ -260,10 +260,9 @@ static void __brisel_option_reply_show_template(Evas_Object *label, const templa
     elm_object_text_set(label, markup.get());
 }
 
-/* One line, whatever the name: what is about to be sent needs the room. */
 static void __brisel_option_reply_popup_to_cb(void *data, Evas_Object *obj, void *event_info) {
   const scoped_text to(brisel_reply_to_markup(((const option_reply_view_data *)data)->mail));
-  elm_object_part_text_set(obj, "title,text", (std::string("<wrap=none><ellipsis=1.0>") + to.get()).c_str());
+  brisel_util_popup_set_name(obj, to.get());
 }
 
 static void __brisel_option_reply_gl_sel_templates(void *data, Evas_Object *obj, void *event_info) {

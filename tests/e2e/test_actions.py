@@ -112,7 +112,7 @@ def test_refresh_drops_a_sweep(s):
 
 
 def test_one_account_alone_says_so(s):
-    arrange(s)
+    _, ids, _ = arrange(s)
     s.launch()
     toast = s.text("IDS_EMAIL_TPOP_ONLY_ONE_EMAIL_ACCOUNT_REGISTERED")
     s.tap("account0@example.net")
@@ -120,6 +120,12 @@ def test_one_account_alone_says_so(s):
     s.watch("tap", 160, 90)
     s.wait_gone(toast)
     equal(len(s.dump()["views"]), 1, "views: the touch was the toast's")
+    longest = "maximiliane.alexandrina.von.und.zu.der.hohen.heide@mountains.example.net"
+    s.send(s.account(longest), mail())
+    s.phone("account", "remove", ids[0])
+    s.wait(lambda: s.find(longest) and s.find(longest)["cut"], "a header that cuts the address")
+    s.tap(longest)
+    s.wait_text(longest + "\n" + toast)
 
 
 def test_option_rows_by_contact_reply_and_link(s):

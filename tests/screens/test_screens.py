@@ -45,7 +45,8 @@ def results(name, out):
     done, pictures = walk(name, out)
     yield f"{name}: every screen is reached", done.stderr.strip() if done.returncode else ""
     values = WALKS[name][0]
-    unreadable = check_files(sorted(pathlib.Path(out).glob("*.json")), values["language"], float(values["scale"]), "shape" in values)
+    unreadable = check_files(sorted(pathlib.Path(out).glob("*.json")), values["language"], float(values["scale"]), "shape" in values,
+                             "skip" not in values and name != "round")
     yield f"{name}: every text can be read", "\n".join(f"{s}: {line}" for s, lines in unreadable.items() for line in lines)
     folder = HERE / "reference" / name
     for picture in sorted(pictures | {p.name for p in folder.glob("*.png")}):
