@@ -11,7 +11,7 @@
 #include "brisel-app-utils.h"
 #include "brisel-bus.h"
 
-static constexpr int BRISEL_JOURNAL_ICON = 32;  /* pixels at scale 1 */
+static constexpr int BRISEL_JOURNAL_ICON = 38;  /* pixels at scale 1 */
 static constexpr int BRISEL_JOURNAL_TOUCH = 48; /* pixels of a round display */
 
 struct journal_view_data : brisel_view_head {
