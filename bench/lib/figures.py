@@ -9,6 +9,7 @@ A benchmark program writes, on a line of its own among whatever else it prints, 
   better  "less" (the default) or "more"
 """
 import json
+import math
 import statistics
 
 PREFIX = "FIGURE "
@@ -19,6 +20,33 @@ def emit(name, unit, ours, bare=None, beside="", better="less"):
     if bare:
         record.update(bare=list(bare), beside=beside)
     print(PREFIX + json.dumps(record), flush=True)
+
+
+def is_figure(record):
+    def samples(key):
+        return isinstance(record.get(key), list) and record[key] and all(
+            isinstance(one, (int, float)) and math.isfinite(one) for one in record[key])
+
+    return (isinstance(record, dict) and isinstance(record.get("name"), str) and isinstance(record.get("unit"), str)
+            and samples("ours") and ("bare" not in record or samples("bare") and isinstance(record.get("beside"), str))
+            and record.get("better", "less") in ("less", "more"))
+
+
+def figures_of(text):
+    """The figures that a program printed, and the first line that should be one and is none, or None."""
+    found, nonsense = [], None
+    for line in text.splitlines():
+        if not line.startswith(PREFIX):
+            continue
+        try:
+            record = json.loads(line[len(PREFIX):])
+        except ValueError:
+            record = None
+        if is_figure(record):
+            found.append(record)
+        else:
+            nonsense = nonsense or f"handed out what is no figure: {line[:200]}"
+    return found, nonsense
 
 
 def middle(samples):
