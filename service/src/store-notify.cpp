@@ -9,15 +9,6 @@ namespace {
    nothing of it has come for so many seconds. */
 constexpr int64_t first_sync_pause = 10;
 
-/* A transaction that waits for no disk: a machine that loses its power loses what stood on its screen as well, and is
-   told anew. */
-template <typename F>
-store_status unhurried(store *st, F &&work) {
-  store_status status = store_ok;
-  const int done = st->db.unhurried([&] { return (status = transaction(st, work)) ? sql_failed : sql_done; });
-  return done && !status ? fail_sql(st) : status;
-}
-
 int64_t looked_at(store *st) {
   return store_get_state(st, "notified_mail", 0);
 }
@@ -39,21 +30,26 @@ store_status store_notify_arrivals(store *st, int64_t now, std::vector<arrival> 
 store_status store_notify_take(store *st, int64_t now, const std::vector<arrival> &arrivals,
                                const std::vector<int> &to_tell) {
   if (arrivals.empty()) return store_ok;
-  return unhurried(st, [&]() -> store_status {
-    store_status status =
-        run_sql(st,
-                "UPDATE account_sync SET last = ?1 WHERE ?1 BETWEEN last AND last + ?2 AND EXISTS (SELECT 1 FROM mail m"
-                " WHERE m.mail_id > ?3 AND m.account_id = account_sync.account_id AND received_time < added)",
-                now, first_sync_pause, looked_at(st));
-    if (!status) status = store_set_state(st, "notified_mail", arrivals.back().mail_id);
-    std::vector<int> added;
-    if (!status) status = run_for_ids(st, "INSERT OR IGNORE INTO notification (mail_id) VALUES (?)", to_tell, &added);
-    if (status || to_tell.empty()) return status;
-    return run_sql(st,
-                   "DELETE FROM notification WHERE mail_id > 0 AND number = 0 AND step = 0 AND mail_id NOT IN"
-                   " (SELECT mail_id FROM notification ORDER BY mail_id DESC LIMIT ?)",
-                   notices_max);
-  });
+  return unhurried(
+      st, [&]() -> store_status { /* a machine that loses its power loses what stood on its screen as well */
+                                  store_status status = run_sql(st,
+                                                                "UPDATE account_sync SET last = ?1 WHERE ?1 BETWEEN "
+                                                                "last AND last + ?2 AND EXISTS (SELECT 1 FROM mail m"
+                                                                " WHERE m.mail_id > ?3 AND m.account_id = "
+                                                                "account_sync.account_id AND received_time < added)",
+                                                                now, first_sync_pause, looked_at(st));
+                                  if (!status) status = store_set_state(st, "notified_mail", arrivals.back().mail_id);
+                                  std::vector<int> added;
+                                  if (!status)
+                                    status = run_for_ids(st, "INSERT OR IGNORE INTO notification (mail_id) VALUES (?)",
+                                                         to_tell, &added);
+                                  if (status || to_tell.empty()) return status;
+                                  return run_sql(st,
+                                                 "DELETE FROM notification WHERE mail_id > 0 AND number = 0 AND step = "
+                                                 "0 AND mail_id NOT IN"
+                                                 " (SELECT mail_id FROM notification ORDER BY mail_id DESC LIMIT ?)",
+                                                 notices_max);
+      });
 }
 
 store_status store_notify_list(store *st, std::vector<notice> *notices) {

@@ -87,6 +87,15 @@ store_status transaction(store *st, F &&work) {
   return done && !status ? fail_sql(st) : status;
 }
 
+/* The same without waiting for the disk: a service that is killed finds it, a machine that loses its power may do it
+   anew. */
+template <typename F>
+store_status unhurried(store *st, F &&work) {
+  store_status status = store_ok;
+  const int done = st->db.unhurried([&] { return (status = transaction(st, work)) ? sql_failed : sql_done; });
+  return done && !status ? fail_sql(st) : status;
+}
+
 inline store_status add_change(store *st, brisel_ipc_client_event_type type, const std::vector<int> &ids) {
   const store_status status = run_sql(st, "INSERT INTO changes (type, ids) VALUES (?, ?)", type, ids_to_text(ids));
   if (status) return status;
