@@ -1,6 +1,7 @@
 /* The settings store, its notifications and what stands on it: dlog's lines and pickover. */
 #include <Elementary.h>
 #include <fcntl.h>
+#include <glib.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -21,6 +22,7 @@
 #include "loop.h"
 #include "pickover.h"
 #include "platform-paths.h"
+#include "text-check.h"
 #include "vconf.h"
 
 namespace fs = std::filesystem;
@@ -54,6 +56,19 @@ void put_file(const fs::path &path, const std::string &bytes) {
 std::string get_file(const fs::path &path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
+}
+
+/* Beginnings of every kind, with enough behind them to be looked at together and without, against GLib's own check. */
+TEST(Text, CheckedAsByGlib) {
+  for (int first = 0x80; first < 0x100; first++)
+    for (int second = 1; second < 0x100; second++)
+      for (const char *rest :
+           {"", "\x80", "\xBF", "\xC3", "\x80\x80", "\xC2\x80 and more", "\xBF and \xE3\x81\x82", "\x80\xBF and more"})
+        for (const char *before : {"", "A", "\xD0\xB0\xD0\xB1", "a plain beginning of a text that is long"}) {
+          const std::string text = std::string(before) + (char)first + (char)second + rest;
+          ASSERT_EQ(text_utf8_valid(text), (bool)g_utf8_validate(text.data(), (gssize)text.size(), nullptr))
+              << before << std::hex << first << " " << second << rest;
+        }
 }
 
 TEST(Settings, KeepsTypesApart) {
