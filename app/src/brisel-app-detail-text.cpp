@@ -68,7 +68,7 @@ static int __brisel_detail_subject_lines(page_data *page, const Evas_Object *edj
   int room = page->height - line - title - __brisel_detail_theme_length(edje, "detail.fields.height");
   if (page->mail_data->has_image) {
     room -= __brisel_detail_theme_length(edje, "detail.image.height");
-    page->is_tight = room < line;
+    page->is_tight = room < line * 4 / 5; /* letters are not as high as their line */
     __brisel_detail_signal(page->detail_layout, page->is_tight ? "do-tight-image-field" : "do-roomy-image-field");
   }
   return std::clamp(room / std::max(line, 1), 1, subject_lines_max);
