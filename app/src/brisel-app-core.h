@@ -14,7 +14,11 @@ void _brisel_naviframe_pop_to_mailbox(appdata *ad);
 void _clear_all_naviframe_view_data(appdata *ad);
 /* The naviframe's keys, the end of its transitions, and the window's title. */
 void _register_naviframe_callbacks(appdata *ad);
-/* The window's title says what is shown: the top view's, else the application's name. */
+/* The screen that fills the window while there is no view stack is told to who listens, until it goes. */
+void _tell_ground(Evas_Object *screen);
+/* The window's title says what is shown: the top view's title or name, else the application's. */
+void _set_window_title(appdata *ad);
+/* The same, when another view came to the top: who listens, and who tells of new mail, hears of that. */
 void _update_window_title(appdata *ad);
 
 /* --- settings --- */

@@ -50,6 +50,7 @@ static void _update_check_info_for_delete_view(delete_item_data *row) {
     BRISEL_INFO("view_data->selected_list is NULL");
   else
     vd->selected_list = g_slist_remove(vd->selected_list, row);
+  brisel_view_set_spoken_tick(row->it, row->check_state == 1);
   _recount(vd);
 }
 
@@ -107,7 +108,7 @@ static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part)
   brisel_widget_ref_set(&row->check, check);
   elm_check_state_pointer_set(check, &row->check_state);
   elm_object_focus_allow_set(check, EINA_FALSE); /* keys tick the row */
-  if (row->sender) brisel_view_set_spoken_name(check, row->sender);
+  brisel_view_set_spoken(check, false);
   evas_object_smart_callback_add(check, "changed", _check_changed_cb, row);
   evas_object_size_hint_align_set(check, EVAS_HINT_FILL, EVAS_HINT_FILL);
   evas_object_size_hint_weight_set(check, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
@@ -166,8 +167,13 @@ static bool _add_row(delete_view_data *vd, Evas_Object *gl, const Elm_Genlist_It
   row->it = next ? elm_genlist_item_insert_before(gl, itc, row, nullptr, next->it, ELM_GENLIST_ITEM_NONE,
                                                   _gl_delete_view_mail_sel, row)
                  : elm_genlist_item_append(gl, itc, row, nullptr, ELM_GENLIST_ITEM_NONE, _gl_delete_view_mail_sel, row);
-  if (!row->it) _gl_delete_view_del(row, gl);
-  return row->it != nullptr;
+  if (!row->it) {
+    _gl_delete_view_del(row, gl);
+    return false;
+  }
+  brisel_view_name_row(row->it);
+  brisel_view_set_spoken_tick(row->it, false);
+  return true;
 }
 
 /* --- the confirmation --- */
@@ -240,6 +246,7 @@ static void _select_all_btn_select_cb(void *data, Evas_Object *obj, void *event_
     delete_item_data *row = (delete_item_data *)cell->data;
     if (row->check_state == vd->select_all) continue;
     row->check_state = vd->select_all;
+    brisel_view_set_spoken_tick(row->it, vd->select_all);
     changed = g_slist_prepend(changed, row);
   }
   if (vd->select_all) {

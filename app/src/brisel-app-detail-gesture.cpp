@@ -100,6 +100,7 @@ void __brisel_detail_gesture_create_gesture_layout(Evas_Object *layout, brisel_d
     BRISEL_ERROR("elm_gesture_layer_add() failed!");
     return;
   }
+  brisel_view_set_spoken(gesture, false);
   brisel_widget_ref_set(&view_data->gesture_layer, gesture);
   elm_gesture_layer_cb_set(gesture, ELM_GESTURE_ZOOM, ELM_GESTURE_STATE_START, __brisel_detail_gesture_zoom_start_cb,
                            view_data);

@@ -130,6 +130,15 @@ static void __brisel_detail_pack(brisel_detail_view *view_data) {
 
 /* --- which mails have pages --- */
 
+void __brisel_detail_tell_page(const brisel_detail_view *view_data) {
+  const page_data *current = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
+  if (!current) return;
+  for (const page_data *page : view_data->page_data)
+    if (page) brisel_view_set_spoken(page->page_layout, page == current);
+  const char *sender = brisel_view_sender(current->mail_data);
+  brisel_view_set_name(view_data, sender ? sender : "");
+}
+
 /* A page that stands already, out of those that were there before the slots are filled anew. */
 static page_data *__brisel_detail_take_standing(brisel_detail_view *view_data, int mail_id) {
   for (page_data *&page : view_data->standing) {
@@ -199,6 +208,7 @@ static void __brisel_detail_arrange(brisel_detail_view *view_data, page_data *cu
                            view_data->page_width, 1);
   if (__brisel_detail_place_of_mail(view_data, view_data->aimed_id) < 0) view_data->aimed_id = mail_id;
   __brisel_detail_build_soon(view_data);
+  __brisel_detail_tell_page(view_data);
 }
 
 void __brisel_detail_lose_page(brisel_detail_view *view_data, page_data *page) {
@@ -240,6 +250,7 @@ static void __brisel_detail_enter_page(brisel_detail_view *view_data) {
   if (!page->mail_data->is_read) __brisel_detail_send_update_ind(view_data);
   __brisel_detail_update_pickover(view_data);
   __brisel_detail_tell_place(view_data);
+  brisel_view_say(page->detail_layout);
 }
 
 void __brisel_detail_settle(brisel_detail_view *view_data) {

@@ -108,8 +108,10 @@ int brisel_detail_draw_view(int mail_id, int push, appdata *ad) {
                                : brisel_view_push_at_once(ad, layout, __brisel_detail_view_pop_cb, head);
   if (!push) __brisel_detail_draw_neighbors_cb(view_data, ad->naviframe, nullptr);
   elm_naviframe_item_title_enabled_set(item, EINA_FALSE, EINA_FALSE);
+  /* For the key alone: the page's title has one that can be seen. */
   if (Evas_Object *more = brisel_view_more_button(item, __brisel_detail_option_button_clicked_cb, view_data))
-    brisel_view_set_spoken_name(more, brisel_util_get_text("IDS_EMAIL_BODY_MORE_ACTIONS"));
+    brisel_view_set_spoken(more, false);
+  __brisel_detail_tell_page(view_data);
 
   if (!page->mail_data->is_read) __brisel_detail_send_update_ind(view_data);
   __brisel_detail_update_pickover(view_data);

@@ -191,6 +191,8 @@ void __brisel_detail_settle(brisel_detail_view *view_data);
 void __brisel_detail_settle_soon(brisel_detail_view *view_data);
 /* The page that is acted on: the one on screen, or on its way there with no finger on it. */
 page_data *__brisel_detail_page_on_screen(brisel_detail_view *view_data);
+/* Who listens is told of the current page alone; the window is called by its sender. */
+void __brisel_detail_tell_page(const brisel_detail_view *view_data);
 /* Makes the page that the scroller moves to the current one, at its place on the way. */
 void __brisel_detail_turn_to_aimed(brisel_detail_view *view_data);
 /* Brings in the page at that place in the box. */

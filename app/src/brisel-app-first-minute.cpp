@@ -1,5 +1,7 @@
 /* The first minute: what fills the window while a launch waits and no other screen stands, so that it is never empty.
    It says what to do, and gives way to the main screen. The launch flows call it. */
+#include <string>
+
 #include "brisel-app-core.h"
 #include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
@@ -23,7 +25,15 @@ static void _resized_cb(void *data, Evas *e, Evas_Object *obj, void *event_info)
   evas_object_size_hint_min_set(layout, width, height);
 }
 
+/* What the window is called, and what is read of it. */
+static void _name(appdata *ad, Evas_Object *layout) {
+  const char *title = elm_object_part_text_get(layout, "title"), *text = elm_object_part_text_get(layout, "text");
+  elm_win_title_set(ad->win_main, title);
+  brisel_view_set_spoken_name(layout, (std::string(title) + ", " + text).c_str());
+}
+
 static void _language_cb(void *data, Evas_Object *obj, void *event_info) {
+  _name((appdata *)data, elm_object_content_get(obj));
   _resized_cb(nullptr, nullptr, obj, nullptr);
 }
 
@@ -49,9 +59,11 @@ void _show_first_minute(appdata *ad) {
   ea_object_event_callback_add(scroller, EA_CALLBACK_BACK, _back_cb, ad);
   brisel_stage_put(ad->win_main, scroller);
   evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _resized_cb, nullptr);
-  evas_object_smart_callback_add(scroller, "language,changed", _language_cb, nullptr);
+  evas_object_smart_callback_add(scroller, "language,changed", _language_cb, ad);
   evas_object_show(scroller);
   brisel_widget_ref_set(&screen, scroller);
+  _name(ad, layout);
+  _tell_ground(scroller);
 }
 
 void _end_first_minute() {

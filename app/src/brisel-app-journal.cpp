@@ -267,9 +267,9 @@ static void _gl_sel_cb(void *data, Evas_Object *obj, void *event_info) {
 /* The picture of what was asked for says nothing to who only listens. */
 static void _name_row(Elm_Object_Item *item, const brisel_request_data *request, appdata *ad) {
   if (!item || !brisel_view_is_spoken()) return;
-  const char *person = request->person ? request->person : "";
-  const std::string name =
-      std::string(brisel_util_get_text(_kind_id(request))) + ", " + person + ", " + _state_line(request, ad);
+  const scoped_text who(elm_entry_markup_to_utf8(_who(request, ad).c_str()));
+  const std::string name = std::string(brisel_util_get_text(_kind_id(request))) + ", " + (who ? who.get() : "") + ", " +
+                           _state_line(request, ad);
   brisel_view_set_spoken_name((Eo *)item, name.c_str());
 }
 

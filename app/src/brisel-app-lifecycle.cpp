@@ -159,6 +159,7 @@ bool app_create(void *user_data) {
     bindtextdomain(domain, platform_path(BRISEL_LOCALE_DIR));
     bind_textdomain_codeset(domain, "UTF-8");
   }
+  _set_window_title(ad);
   plexo_initialize();
   services_open = true;
   brisel_full_noti_data_set_contact_free(brisel_util_contact_number_free);
@@ -275,7 +276,7 @@ int app_lang_changed(void *user_data) {
   if (!language) return 0;
   elm_language_set(language.get());
   brisel_journal_update(nullptr, ad);
-  _update_window_title(ad);
+  if (ad->naviframe) _update_window_title(ad);
   brisel_detail_update_string(ad);
   return 0;
 }

@@ -145,8 +145,7 @@ static Evas_Object *_gl_popup_content_get(void *data, Evas_Object *obj, const ch
     elm_object_focus_allow_set(radio, EINA_FALSE); /* keys choose the row */
     elm_radio_state_value_set(radio, row->index);
     elm_radio_group_add(radio, radio_main);
-    const char *name = row->name ? row->name : row->address;
-    if (name) brisel_view_set_spoken_name(radio, name);
+    brisel_view_set_spoken(radio, false);
     if (row->ad && row->account_id == row->ad->account_id) elm_radio_value_set(radio_main, row->index);
     _sized(radio, 50);
     evas_object_size_hint_max_set(radio, _scaled(50), _scaled(50));
@@ -214,8 +213,8 @@ static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genl
     row->name = strndup(address, strcspn(address, "@")); /* rather than an empty line above the address */
   row->ad = ad;
   row->it = elm_genlist_item_append(gl, itc, row, nullptr, ELM_GENLIST_ITEM_NONE, _gl_popup_sel, row);
-  /* One of the two texts of the combined row is never drawn. */
-  if (!account && row->it && row->address) brisel_view_set_spoken_name(row->it, row->address);
+  brisel_view_name_row(row->it);
+  brisel_view_set_spoken_tick(row->it, row->account_id == ad->account_id);
   return row->it;
 }
 

@@ -16,6 +16,7 @@ static void _say(std::string *name, const char *text) {
 void _name_row(const item_data *item) {
   if (!brisel_view_is_spoken() || !item->it) return;
   std::string name;
+  if (item->it == item->ad->sweep_item) _say(&name, brisel_util_get_text("IDS_EMAIL_BODY_DELETED"));
   _say(&name, item->sender);
   _say(&name, item->subject);
   scoped_text time(brisel_util_get_mailbox_date_time_str(item->received_time, item->ad));

@@ -23,10 +23,11 @@ bool _is_blocked_once(appdata *ad, Elm_Object_Item *it) {
   return true;
 }
 
-/* The button of a row that is drawn aside; no screen reader is told of those that are not in sight. */
+/* A screen reader is told that a row is drawn aside, and of no button that is not in sight. */
 static void _tell_of_button(Elm_Object_Item *it, bool is_in_sight) {
   if (Evas_Object *undo = elm_object_item_part_content_get(it, "elm.icon.sweep"))
     brisel_view_set_spoken(undo, is_in_sight);
+  _name_row((item_data *)elm_object_item_data_get(it));
 }
 
 void _revert_btn_select_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -34,11 +35,11 @@ void _revert_btn_select_cb(void *data, Evas_Object *obj, void *event_info) {
   item_data *item = (item_data *)data;
   if (!item || !item->it) return;
   elm_object_item_signal_emit(item->it, "elm,state,sweep,hide", "");
-  _tell_of_button(item->it, false);
   if (item->ad) {
     item->ad->sweep_item = nullptr;
     item->ad->blocked_item = nullptr;
   }
+  _tell_of_button(item->it, false);
   BRISEL_INFO("revert it");
 }
 
@@ -94,8 +95,8 @@ static void _drag(appdata *ad, Elm_Object_Item *it, const char *signal) {
   /* A row half out of sight, as below the header: what it says now and its button are to be seen. */
   elm_genlist_item_bring_in(it, ELM_GENLIST_ITEM_SCROLLTO_IN);
   elm_object_item_signal_emit(it, signal, "");
-  _tell_of_button(it, true);
   ad->sweep_item = it;
+  _tell_of_button(it, true);
   sweep_signal = signal;
   elm_object_scroll_freeze_push(ad->mailbox_genlist);
   if (ad->sweep_timer) {

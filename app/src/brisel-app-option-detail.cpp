@@ -99,18 +99,8 @@ static char *__brisel_option_detail_gl_text_get_delete(void *data, Evas_Object *
   return strcmp(part, "elm.text") ? nullptr : __brisel_option_detail_text("IDS_EMAIL_BODY_DELETE");
 }
 
-/* The drawn label is asked for under two names: who listens hears it once. */
-static void __brisel_option_detail_name_row(Elm_Object_Item *item) {
-  if (!item || !brisel_view_is_spoken()) return;
-  const char *label = elm_object_item_part_text_get(item, "elm.text.1");
-  const char *second = elm_object_item_part_text_get(item, "elm.text.2");
-  if (!label || !second) return;
-  const scoped_text plain(elm_entry_markup_to_utf8(second));
-  brisel_view_set_spoken_name(item, (std::string(label) + ", " + (plain ? plain.get() : "")).c_str());
-}
-
 static void __brisel_option_detail_gl_realized_cb(void *data, Evas_Object *obj, void *event_info) {
-  __brisel_option_detail_name_row((Elm_Object_Item *)event_info);
+  brisel_view_name_row((Elm_Object_Item *)event_info);
   brisel_view_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
@@ -132,8 +122,7 @@ static Evas_Object *__brisel_option_detail_gl_content_get_reply_setting(void *da
   elm_object_focus_allow_set(radio, EINA_FALSE); /* keys choose the row */
   elm_radio_state_value_set(radio, (int)(intptr_t)data);
   elm_radio_group_add(radio, vd->radio_group);
-  const scoped_text name(__brisel_option_detail_gl_text_get_reply_setting(data, obj, "elm.text"));
-  if (name) brisel_view_set_spoken_name(radio, name.get());
+  brisel_view_set_spoken(radio, false);
   // A tap on the mark itself has to mean the row, or it would move the mark and keep the method.
   evas_object_pass_events_set(radio, EINA_TRUE);
   return radio;
@@ -173,8 +162,9 @@ static void __brisel_option_detail_create_reply_setting_popup(option_detail_view
   }
   evas_object_data_set(genlist, "ViewData", vd);
   for (int method : {BRISEL_REPLY_METHOD_TEMPLATES, BRISEL_REPLY_METHOD_EMOTICONS})
-    brisel_view_add_row(genlist, nullptr, &reply_setting_row, (void *)(intptr_t)method,
-                        __brisel_option_detail_gl_sel_reply_setting, vd);
+    brisel_view_set_spoken_tick(brisel_view_add_row(genlist, nullptr, &reply_setting_row, (void *)(intptr_t)method,
+                                                    __brisel_option_detail_gl_sel_reply_setting, vd),
+                                method == brisel_util_get_reply_method());
   evas_object_show(genlist);
 
   Evas_Object *radio_group = elm_radio_add(genlist);
@@ -239,7 +229,7 @@ static void __brisel_option_detail_reply_value_change_cb(keynode_t *node, void *
   }
   if (vd->radio_group) elm_radio_value_set(vd->radio_group, brisel_util_get_reply_method());
   if (vd->reply_item) elm_genlist_item_update(vd->reply_item);
-  __brisel_option_detail_name_row(vd->reply_item);
+  brisel_view_name_row(vd->reply_item);
   BRISEL_INFO("Leave");
 }
 

@@ -150,6 +150,10 @@ static void __brisel_option_reply_show_to_cb(void *data, Evas_Object *obj, void 
   const option_reply_view_data *vd = (const option_reply_view_data *)data;
   const scoped_text to(brisel_reply_to_markup(vd->mail));
   elm_object_part_text_set(obj, "elm.text.to", to.get());
+  const scoped_text name(to ? elm_entry_markup_to_utf8(to.get()) : nullptr);
+  if (!name) return;
+  brisel_view_set_spoken_name(vd->content_obj, name.get());
+  if (vd->navi_item) brisel_view_set_name(vd, name.get());
 }
 
 static void __brisel_option_reply_keep_cb(void *data) {
@@ -291,6 +295,7 @@ static int __brisel_option_reply_draw_typed(option_reply_view_data *vd, const ch
 
   Elm_Object_Item *item = brisel_view_push(ad, vd->layout, nullptr, nullptr, __brisel_option_reply_view_pop_cb, vd);
   elm_naviframe_item_title_enabled_set(item, EINA_FALSE, EINA_FALSE);
+  __brisel_option_reply_show_to_cb(vd, emoticon_layout, nullptr); /* as the view's name, now that there is one */
   evas_object_smart_callback_add(ad->conform, "virtualkeypad,size,changed", __brisel_virtualkeypad_size_changed_cb, vd);
   vd->typed = true;
   evas_object_smart_callback_add(ad->naviframe, "transition,finished", __brisel_option_reply_stands_cb, vd);

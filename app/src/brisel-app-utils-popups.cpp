@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "brisel-app-spoken.h"
 #include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
@@ -72,6 +73,7 @@ Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
   /* When its caller has shown it. */
   evas_object_data_set(popup, title_job, ecore_job_add(_title_job_cb, popup));
   evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _popup_gone_cb, nullptr);
+  brisel_view_tell_popup(popup);
   return popup;
 }
 

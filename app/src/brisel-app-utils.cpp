@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "brisel-app-spoken.h"
 #include "brisel-scoped.h"
 #include "platform-paths.h"
 
@@ -120,6 +121,7 @@ Evas_Object *brisel_util_load_edj(Evas_Object *parent, const char *file, const c
 Evas_Object *brisel_util_load_image(Evas_Object *parent, const char *name) {
   Evas_Object *image = elm_image_add(parent);
   if (!image) return nullptr;
+  brisel_view_set_spoken(image, false); /* what can be pressed has a name of its own */
   elm_image_file_set(image, platform_path(BRISEL_IMAGES_EDJ), name);
   evas_object_show(image);
   return image;

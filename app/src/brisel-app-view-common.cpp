@@ -1,5 +1,3 @@
-#define EFL_BETA_API_SUPPORT        /* for the names that a screen reader says */
-#define EFL_ACCESS_OBJECT_PROTECTED /* to tell it of what comes and goes */
 #include "brisel-app-view-common.h"
 
 #include <cstring>
@@ -114,24 +112,6 @@ bool brisel_view_on_top(const brisel_view_head *head) {
   return elm_naviframe_top_item_get(head->ad->naviframe) == head->navi_item;
 }
 
-/* --- for who cannot see it --- */
-
-void brisel_view_set_spoken_name(Eo *object, const char *name) {
-  efl_access_object_i18n_name_set(object, name);
-}
-
-void brisel_view_set_spoken(Eo *object, bool is_spoken) {
-  const Efl_Access_Type type = is_spoken ? EFL_ACCESS_TYPE_REGULAR : EFL_ACCESS_TYPE_DISABLED;
-  if (!brisel_view_is_spoken() || efl_access_object_access_type_get(object) == type) return;
-  efl_access_object_access_type_set(object, type);
-  efl_access_object_event_emit(object, is_spoken ? EFL_ACCESS_OBJECT_EVENT_ADDED : EFL_ACCESS_OBJECT_EVENT_REMOVED,
-                               nullptr);
-}
-
-bool brisel_view_is_spoken() {
-  return elm_config_atspi_mode_get();
-}
-
 /* --- titles --- */
 
 static Evas_Object *_title_image(Evas_Object *parent, const char *name, Evas_Aspect_Control control) {
@@ -221,10 +201,12 @@ Elm_Genlist_Item_Class *brisel_view_new_row_class(const char *style, Elm_Genlist
 Elm_Object_Item *brisel_view_add_row(Evas_Object *list, Elm_Object_Item *before,
                                      const Elm_Genlist_Item_Class *row_class, const void *data,
                                      Evas_Smart_Cb selected_cb, const void *selected_data) {
-  return before ? elm_genlist_item_insert_before(list, row_class, data, nullptr, before, ELM_GENLIST_ITEM_NONE,
-                                                 selected_cb, selected_data)
-                : elm_genlist_item_append(list, row_class, data, nullptr, ELM_GENLIST_ITEM_NONE, selected_cb,
-                                          selected_data);
+  Elm_Object_Item *row = before ? elm_genlist_item_insert_before(list, row_class, data, nullptr, before,
+                                                                 ELM_GENLIST_ITEM_NONE, selected_cb, selected_data)
+                                : elm_genlist_item_append(list, row_class, data, nullptr, ELM_GENLIST_ITEM_NONE,
+                                                          selected_cb, selected_data);
+  brisel_view_name_row(row);
+  return row;
 }
 
 void brisel_view_hide_last_bottomline(Evas_Object *list, Elm_Object_Item *item) {

@@ -5,6 +5,7 @@
 #define BRISEL_APP_VIEW_COMMON_H
 
 #include "brisel-app-data.h"
+#include "brisel-app-spoken.h"
 #include "brisel-scoped.h"
 
 /* --- widgets that a record names --- */
@@ -49,14 +50,8 @@ Elm_Object_Item *brisel_view_push_at_once(appdata *ad, Evas_Object *layout, Elm_
 /* Whether the view is the one that the user sees. While another slides in above it, its rows can still be touched. */
 bool brisel_view_on_top(const brisel_view_head *head);
 
-/* --- for who cannot see it --- */
-
-/* What a screen reader says of a widget or an item, in place of its texts; plain text, copied. */
-void brisel_view_set_spoken_name(Eo *object, const char *name);
-/* Whether a screen reader may be listening: what only it needs is worth making. */
-bool brisel_view_is_spoken();
-/* Whether a screen reader is told of a widget or an item, and of what it holds. */
-void brisel_view_set_spoken(Eo *object, bool is_spoken);
+/* What a view without a title is called, by its window and to who listens; plain text, copied. */
+void brisel_view_set_name(const brisel_view_head *head, const char *name);
 
 /* --- titles --- */
 

@@ -111,36 +111,63 @@ static void _naviframe_more_cb(void *data, Evas_Object *obj, void *event_info) {
     elm_object_item_signal_emit(top, "elm,action,more_event", "");
 }
 
-/* A screen reader is told of what can be seen: of the view on top alone, and of the mailbox what it shows. */
-static void _tell_reader(appdata *ad) {
-  const Elm_Object_Item *top = elm_naviframe_top_item_get(ad->naviframe);
-  Eina_List *items = elm_naviframe_items_get(ad->naviframe);
+/* --- who listens is told of what can be seen, and of no view below it --- */
+
+static appdata *told;       /* whose stack it is; NULL: there is none */
+static Evas_Object *ground; /* what fills the window before; NULL: nothing */
+
+/* What the stack puts a view's title and content on. */
+static Evas_Object *_page_of(Elm_Object_Item *item) {
+  const Evas_Object *content = item ? elm_object_item_part_content_get(item, "elm.swallow.content") : nullptr;
+  return content ? elm_object_parent_widget_get(content) : nullptr;
+}
+
+static void _tell_below(bool is_covered) {
+  if (ground) brisel_view_set_spoken(ground, !is_covered);
+  if (!told) return;
+  Elm_Object_Item *top = elm_naviframe_top_item_get(told->naviframe);
+  Eina_List *items = elm_naviframe_items_get(told->naviframe);
   void *item = nullptr;
-  EINA_LIST_FREE(items, item) {
-    for (const char *part : {"elm.swallow.content", "elm.swallow.next_btn", "toolbar_more_btn"})
-      if (Evas_Object *content = elm_object_item_part_content_get((Elm_Object_Item *)item, part))
-        brisel_view_set_spoken(content, item == top);
-    brisel_view_set_spoken((Eo *)item, item == top);
-  }
-  Elm_Object_Item *bottom = elm_naviframe_bottom_item_get(ad->naviframe);
+  EINA_LIST_FREE(items, item)
+  if (Evas_Object *page = _page_of((Elm_Object_Item *)item)) brisel_view_set_spoken(page, item == top && !is_covered);
+  Elm_Object_Item *bottom = elm_naviframe_bottom_item_get(told->naviframe);
   const Evas_Object *shown = bottom ? elm_object_item_part_content_get(bottom, "elm.swallow.content") : nullptr;
-  for (Evas_Object *content : {ad->mailbox_genlist, ad->nocontents_layout})
-    if (content && content != shown) brisel_view_set_spoken(content, false);
+  for (Evas_Object *content : {told->mailbox_genlist, told->nocontents_layout})
+    if (content) brisel_view_set_spoken(content, content == shown);
+  /* Without mails the title is hidden. */
+  if (told->delete_btn) brisel_view_set_spoken(told->delete_btn, shown != told->nocontents_layout);
+}
+
+void _tell_ground(Evas_Object *screen) {
+  brisel_widget_ref_set(&ground, screen);
+  brisel_view_tell(_tell_below);
 }
 
 void brisel_tell_list_in_view(appdata *ad) {
-  if (ad->naviframe && brisel_view_is_spoken()) _tell_reader(ad);
+  told = ad->naviframe ? ad : nullptr;
+  brisel_view_tell(_tell_below);
   const bool in_view = ad->naviframe && !ad->paused &&
                        elm_naviframe_top_item_get(ad->naviframe) == elm_naviframe_bottom_item_get(ad->naviframe);
   plexo_list_in_view(in_view ? ad->account_id : -1);
 }
 
-void _update_window_title(appdata *ad) {
+void _set_window_title(appdata *ad) {
   Elm_Object_Item *top = ad->naviframe ? elm_naviframe_top_item_get(ad->naviframe) : nullptr;
   const char *markup = top ? elm_object_item_text_get(top) : nullptr;
   scoped_text title(markup && *markup ? elm_entry_markup_to_utf8(markup) : nullptr);
-  elm_win_title_set(ad->win_main,
-                    title ? title.get() : brisel_util_get_text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3"));
+  Evas_Object *page = _page_of(top);
+  if (page && title) brisel_view_set_spoken_name(page, title.get());
+  const char *name = page ? brisel_view_spoken_name(page) : nullptr;
+  elm_win_title_set(ad->win_main, name ? name : brisel_util_get_text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3"));
+}
+
+void brisel_view_set_name(const brisel_view_head *head, const char *name) {
+  if (Evas_Object *page = _page_of(head->navi_item)) brisel_view_set_spoken_name(page, name);
+  if (brisel_view_on_top(head)) _set_window_title(head->ad);
+}
+
+void _update_window_title(appdata *ad) {
+  _set_window_title(ad);
   brisel_tell_list_in_view(ad);
 }
 

@@ -6,6 +6,7 @@ from brisel_test import equal, mail, main, middle
 
 LAUNCHER, REGISTRY = "/usr/libexec/at-spi-bus-launcher", "/usr/libexec/at-spi2-registryd"
 ACCESSIBLE = "org.a11y.atspi.Accessible"
+CHECKED = 1 << 4  # among the states of a widget
 
 
 class Reader:
@@ -32,12 +33,14 @@ class Reader:
         return re.findall(r"\('([^']+)', (?:objectpath )?'([^']+)'\)", self.call(where, ACCESSIBLE + ".GetChildren"))
 
     def told(self, where=("org.a11y.atspi.Registry", "/org/a11y/atspi/accessible/root"), depth=12):
-        """(role, name) of everything below."""
+        """(role, name) of everything below; a row that is ticked says so behind its name."""
         out = []
         for child in self.children(where) if depth else []:
             name = self.call(child, "org.freedesktop.DBus.Properties.Get", ACCESSIBLE, "Name")
             role = self.call(child, ACCESSIBLE + ".GetRoleName")
-            out.append((role[2:-3], name[3:-4]))
+            state = self.call(child, ACCESSIBLE + ".GetState") if role == "('list item',)" else ""
+            is_checked = state and int(re.search(r"\[(?:uint32 )?(\d+)", state)[1]) & CHECKED
+            out.append((role[2:-3], name[3:-4] + (" (checked)" if is_checked else "")))
             out += self.told(child, depth - 1)
         return out
 
@@ -47,55 +50,71 @@ class Reader:
             process.wait()
 
 
-def unnamed(told, kind="push button"):
-    return [one for one in told if one[0] == kind and not one[1]]
+PRESSED = {"push button", "list item", "check box", "radio button", "entry", "image", "unknown", "dialog", "page tab"}
 
 
-def test_rows_and_buttons_say_what_they_are(s):
+def heard(reader, *expected):
+    """What is told once all expected (role, name) are: nothing that can be pressed or is a screen without a name, and one
+    screen at a time."""
+    told = reader.s.wait(lambda: (lambda all: all if set(expected) <= set(all) else None)(reader.told()), f"{expected}")
+    equal([one for one in told if one[0] in PRESSED and not one[1]], [], "without a name")
+    screens = [one for one in told if one[0] in ("page tab", "dialog")]
+    equal(len(screens), 1, f"{screens}")
+    return told
+
+
+def rows(told):
+    return [name for role, name in told if role == "list item"]
+
+
+def test_every_screen_is_told_and_nothing_that_it_hides(s):
     reader = Reader(s)
+    text = s.text
     try:
         s.serve()
         s.phone("account", "count", "known")
         s.launch()
-        s.wait_text(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
-        told = s.wait(reader.told, "the registry to know the application")
-        assert [name for role, name in told if role == "dialog"], "a popup is a dialog"
-        names = " ".join(name for _, name in told)
-        for id in ("IDS_EMAIL_HEADER_SET_UP_EMAIL", "IDS_EMAIL_SK_CANCEL_ABB", "IDS_COM_SK_OK"):
-            assert s.text(id) in names, names
+        heard(reader, ("dialog", text("IDS_EMAIL_HEADER_SET_UP_EMAIL")), ("push button", text("IDS_EMAIL_SK_CANCEL_ABB")),
+              ("push button", text("IDS_COM_SK_OK")))
         account = s.account("first@example.net")
-        s.send(account, mail("The lunch", "x", "Ann <ann@example.org>", 1388833503), args=("--received", "1388833503"))
+        s.send(account, mail("The lunch", "x", "Ann <ann@example.org>", 1388833503),
+               *[mail("Old", "y", f"Sender {i} <s@example.org>", 1388830000 - i) for i in range(30)], args=("--received", "1388833503"))
         s.wait_text("Ann")
-        told = s.wait(reader.told, "the registry to know the application")
-        rows = [name for role, name in told if role == "list item" and name.startswith("Ann")]
-        equal(rows, ["Ann, The lunch, 04/01/2014 11:05, New, first@example.net"], "the row")
-        assert ("push button", s.text("IDS_EMAIL_BODY_DELETE")) in told, told
+        told = heard(reader, ("page tab", text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3")), ("push button", text("IDS_EMAIL_BODY_DELETE")))
+        equal(rows(told)[1], "Ann, The lunch, 04/01/2014 11:05, New, first@example.net", "the row")
+        equal(len(rows(told)), 32, "rows, drawn or not")
+        s.watch("keyboard", "Down", "Delete")
+        heard(reader, ("list item", text("IDS_EMAIL_BODY_DELETED") + ", " + rows(told)[1]))
+        s.watch("keyboard", "Return", "Home", "Up", "Return")
+        told = heard(reader, ("page tab", text("IDS_EMAIL_BODY_DELETE")), ("push button", text("IDS_EMAIL_BODY_SELECT_ALL")))
+        equal(len(rows(told)), 31, "rows to tick")
+        s.watch("keyboard", "Return")
+        told = heard(reader, ("list item", "Ann, 04/01/2014 11:05 (checked)"))
+        equal(sum("checked" in name for name in rows(told)), 1, "ticked")
+        s.watch("keyboard", "Escape")
         s.tap("Ann")
         s.wait_text("The lunch", part=False)
-        told = s.wait(reader.told, "the reader")
-        assert "Ann, The lunch, x" in [name for _, name in told], "the mail is not read out"
-        equal([name for role, name in told if role == "list item"], [], "rows below the reader")
-        s.watch("key", "back")
-        s.wait(lambda: len(s.titles()) == 1, "the list")
-        s.press("Ann")
-        s.wait_text(s.text("IDS_EMAIL_SK_REPLY"))
-        told = s.wait(reader.told, "the registry to know the application")
-        equal(unnamed(told), [], "without a name")
-        equal([name for role, name in told if role == "list item"][0], "Reply, Templates", "the row")
+        told = heard(reader, ("page tab", "Ann"), ("filler", "Ann, The lunch, x"), ("push button", text("IDS_EMAIL_SK_REPLY")))
+        equal([name for _, name in told if "Sender" in name], [], "of the page beside")
+        equal([name for _, name in told].count(text("IDS_EMAIL_BODY_MORE_ACTIONS")), 1, "more")
+        s.watch("keyboard", "Delete")
+        heard(reader, ("dialog", text("IDS_EMAIL_BODY_DELETE")), ("push button", text("IDS_COM_SK_OK")))
+        s.watch("keyboard", "Escape", "Menu")
+        heard(reader, ("list item", "Reply, Templates"))
         s.tap("Reply")
-        s.wait_text(s.text("IDS_MSG_TEMPLATE_1", "message"))
-        told = s.wait(reader.told, "the templates")
-        equal(unnamed(told, "list item"), [], "templates without a name")
-        assert s.text("IDS_MSG_BODY_NO_TEXT_TEMPLATES") not in [name for _, name in told], "what is hidden is told"
+        told = heard(reader, ("page tab", text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB")))
+        equal(len(rows(told)), 12, "templates")
+        assert text("IDS_MSG_BODY_NO_TEXT_TEMPLATES") not in [name for _, name in told], "what is hidden is told"
         s.watch("key", "back")
-        s.wait(lambda: len(s.titles()) == 2, "the actions")
-        _, y = middle(s.wait_text(s.text("IDS_MSGF_OPT2_TEMPLATES")))
+        _, y = middle(s.wait_text(text("IDS_MSGF_OPT2_TEMPLATES")))
+        s.rest()
         s.watch("tap", 284, y)
-        s.wait_text(s.text("IDS_EMAIL_MBODY_EMOTICONS_ABB"))
-        told = s.wait(reader.told, "the choice")
-        equal([name for role, name in told if role == "dialog"], [s.text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB")], "the popup")
-        equal([name for role, name in told if role == "radio button"],
-              [s.text("IDS_MSGF_OPT2_TEMPLATES"), s.text("IDS_EMAIL_MBODY_EMOTICONS_ABB")], "the choice")
+        told = heard(reader, ("dialog", text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB")))
+        equal(rows(told), [text("IDS_MSGF_OPT2_TEMPLATES") + " (checked)", text("IDS_EMAIL_MBODY_EMOTICONS_ABB")], "the choice")
+        s.tap(text("IDS_EMAIL_MBODY_EMOTICONS_ABB"))
+        s.wait(lambda: not s.dump()["popups"], "the popup to go")
+        s.tap("Reply")
+        heard(reader, ("entry", text("IDS_EMAIL_BODY_TO_PS").replace("%s", "Ann")), ("push button", text("IDS_COM_SK_SEND")))
     finally:
         reader.close()
 

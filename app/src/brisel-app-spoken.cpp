@@ -1,0 +1,109 @@
+/* What a screen reader is told: names, which row is ticked, and of what lies on top of each other only what can be
+   seen. Owns the list of open popups. Every screen calls it; where nobody listens it does next to nothing. */
+#define EFL_BETA_API_SUPPORT        /* for names */
+#define EFL_ACCESS_OBJECT_PROTECTED /* to tell of what comes and goes */
+#include "brisel-app-spoken.h"
+
+#include <cstring>
+#include <string>
+
+#include "brisel-scoped.h"
+
+bool brisel_view_is_spoken() {
+  return elm_config_atspi_mode_get();
+}
+
+void brisel_view_set_spoken_name(Eo *object, const char *name) {
+  efl_access_object_i18n_name_set(object, name);
+}
+
+const char *brisel_view_spoken_name(Evas_Object *widget) {
+  const char *name = efl_access_object_i18n_name_get(widget);
+  return name && *name ? name : nullptr;
+}
+
+void brisel_view_set_spoken(Eo *object, bool is_spoken) {
+  const Efl_Access_Type type = is_spoken ? EFL_ACCESS_TYPE_REGULAR : EFL_ACCESS_TYPE_DISABLED;
+  if (!brisel_view_is_spoken() || efl_access_object_access_type_get(object) == type) return;
+  efl_access_object_access_type_set(object, type);
+  efl_access_object_event_emit(object, is_spoken ? EFL_ACCESS_OBJECT_EVENT_ADDED : EFL_ACCESS_OBJECT_EVENT_REMOVED,
+                               nullptr);
+}
+
+/* --- rows --- */
+
+/* The toolkit names a row from its drawing, and one that is not drawn yet not at all. */
+void brisel_view_name_row(Elm_Object_Item *row) {
+  if (!row || !brisel_view_is_spoken()) return;
+  const Elm_Genlist_Item_Class *row_class = elm_genlist_item_item_class_get(row);
+  std::string name, last;
+  for (const char *part : {"elm.text", "elm.text.1", "elm.text.2"}) {
+    const scoped_text markup(
+        row_class->func.text_get(elm_object_item_data_get(row), elm_object_item_widget_get(row), part));
+    const scoped_text plain(markup ? elm_entry_markup_to_utf8(markup.get()) : nullptr);
+    /* A row that goes by two classes has its first text under two names. */
+    if (!plain || !*plain || last == plain.get()) continue;
+    last = plain.get();
+    name.append(name.empty() ? "" : ", ").append(last);
+  }
+  brisel_view_set_spoken_name(row, name.c_str());
+}
+
+static const char tick_key[] = "brisel/tick";
+
+static Efl_Access_State_Set _row_states(Eo *row, void *) {
+  Efl_Access_State_Set states = efl_access_object_state_set_get(efl_super(row, EFL_OBJECT_OVERRIDE_CLASS));
+  if (!strcmp((const char *)efl_key_data_get(row, tick_key), "1"))
+    STATE_TYPE_SET(states, EFL_ACCESS_STATE_TYPE_CHECKED);
+  return states;
+}
+
+void brisel_view_set_spoken_tick(Elm_Object_Item *row, bool is_ticked) {
+  if (!row || !brisel_view_is_spoken()) return;
+  const bool is_new = !efl_key_data_get(row, tick_key);
+  efl_key_data_set(row, tick_key, is_ticked ? "1" : "0");
+  if (!is_new) {
+    efl_access_state_changed_signal_emit(row, EFL_ACCESS_STATE_TYPE_CHECKED, is_ticked);
+    return;
+  }
+  EFL_OPS_DEFINE(ops, EFL_OBJECT_OP_FUNC(efl_access_object_state_set_get, _row_states));
+  efl_object_override(row, &ops);
+}
+
+void brisel_view_say(Eo *object) {
+  if (brisel_view_is_spoken()) efl_access_state_changed_signal_emit(object, EFL_ACCESS_STATE_TYPE_FOCUSED, EINA_TRUE);
+}
+
+/* --- popups --- */
+
+static Eina_List *popups;
+static void (*tell_below)(bool is_covered);
+
+static void _tell() {
+  Eina_List *cell;
+  void *popup;
+  EINA_LIST_FOREACH(popups, cell, popup) brisel_view_set_spoken((Eo *)popup, !eina_list_next(cell));
+  if (tell_below) tell_below(popups != nullptr);
+}
+
+void brisel_view_tell(void (*below)(bool is_covered)) {
+  tell_below = below;
+  if (brisel_view_is_spoken()) _tell();
+}
+
+static void _tell_job_cb(void *data) {
+  _tell();
+}
+
+/* Not from inside its end: what is below may be going with it. */
+static void _popup_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  popups = eina_list_remove(popups, obj);
+  ecore_job_add(_tell_job_cb, nullptr);
+}
+
+void brisel_view_tell_popup(Evas_Object *popup) {
+  if (!brisel_view_is_spoken()) return;
+  popups = eina_list_append(popups, popup);
+  evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _popup_gone_cb, nullptr);
+  _tell();
+}

@@ -1,0 +1,28 @@
+/* What a screen reader is told. Nothing here is made where none may be listening, but for names. Thread: the EFL main
+   loop. */
+#ifndef BRISEL_APP_SPOKEN_H
+#define BRISEL_APP_SPOKEN_H
+
+#include <Elementary.h>
+
+/* Whether a screen reader may be listening: what only it needs is worth making. */
+bool brisel_view_is_spoken();
+/* What a screen reader says of a widget or an item, in place of its texts; plain text, copied. */
+void brisel_view_set_spoken_name(Eo *object, const char *name);
+/* The name that a widget has; NULL: none. The widget's, until it changes. */
+const char *brisel_view_spoken_name(Evas_Object *widget);
+/* Whether a screen reader is told of a widget, and of what it holds. */
+void brisel_view_set_spoken(Eo *object, bool is_spoken);
+/* Has a widget read that has come to be looked at, but takes no focus. */
+void brisel_view_say(Eo *object);
+/* A list's row (NULL: nothing happens) is called by its texts, drawn or not. */
+void brisel_view_name_row(Elm_Object_Item *row);
+/* The row (NULL: nothing happens) carries a tick, which is set or not; what draws it is to be left untold. */
+void brisel_view_set_spoken_tick(Elm_Object_Item *row, bool is_ticked);
+/* A popup is told in place of everything below until it goes. */
+void brisel_view_tell_popup(Evas_Object *popup);
+/* below tells of what is not a popup (or of none of it, while one covers it): now, and whenever that may have changed.
+ */
+void brisel_view_tell(void (*below)(bool is_covered));
+
+#endif
