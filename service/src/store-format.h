@@ -15,7 +15,7 @@
 /* PRAGMA application_id of a store: tells it from any other database. */
 constexpr int store_application_id = 0x42524953;
 /* PRAGMA user_version that this build reads and writes. */
-constexpr int store_version = 6;
+constexpr int store_version = 7;
 constexpr char store_file[] = "store.db";
 
 /* Ids as the changes table keeps them: "3,4,5". */

@@ -1,6 +1,8 @@
 /* What is told of new mail, on the disk: a service that was killed tells nothing twice. */
 #include "store-notify.h"
 
+#include <unordered_set>
+
 #include "store-priv.h"
 
 namespace {
@@ -8,6 +10,11 @@ namespace {
 /* What was received before its account came to the watch belongs to the account's first sync, while that lasts: until
    nothing of it has come for so many seconds. */
 constexpr int64_t first_sync_pause = 10;
+
+/* A sender may give another message's name to a new one, but not another sender's. */
+#define MESSAGE_NAME "nullif(substr(message_uid, 1, 200), '') || ' ' || substr(from_address, 1, 100)"
+/* Mails that may come since before a message is not known again that comes as another one. */
+constexpr int fresh_messages_max = 999;
 
 int64_t looked_at(store *st) {
   return store_get_state(st, "notified_mail", 0);
@@ -20,36 +27,42 @@ store_status store_notify_arrivals(store *st, int64_t now, std::vector<arrival> 
       &st->db,
       "SELECT mail_id, m.account_id, is_new <> 0 AND is_read = 0 AND NOT"
       " (ifnull(received_time < added, 0) AND ?2 BETWEEN last AND last + ?3)"
+      " AND NOT EXISTS (SELECT 1 FROM fresh_message WHERE message = " MESSAGE_NAME "), " MESSAGE_NAME
       " FROM mail m LEFT JOIN account_sync s ON s.account_id = m.account_id WHERE mail_id > ?1 ORDER BY 1");
   find.bind(looked_at(st), now, first_sync_pause);
   sql_result r;
-  while ((r = find.step()) == sql_row) arrivals->push_back({find.integer(0), find.integer(1), find.number(2) != 0});
+  std::unordered_set<std::string> names;
+  while ((r = find.step()) == sql_row) {
+    arrival one = {find.integer(0), find.integer(1), find.number(2) != 0, find.text(3)};
+    one.is_fresh = one.is_fresh && (one.message.empty() || names.insert(one.message).second);
+    arrivals->push_back(std::move(one));
+  }
   return checked(st, r);
 }
 
 store_status store_notify_take(store *st, int64_t now, const std::vector<arrival> &arrivals,
                                const std::vector<int> &to_tell) {
   if (arrivals.empty()) return store_ok;
-  return unhurried(
-      st, [&]() -> store_status { /* a machine that loses its power loses what stood on its screen as well */
-                                  store_status status = run_sql(st,
-                                                                "UPDATE account_sync SET last = ?1 WHERE ?1 BETWEEN "
-                                                                "last AND last + ?2 AND EXISTS (SELECT 1 FROM mail m"
-                                                                " WHERE m.mail_id > ?3 AND m.account_id = "
-                                                                "account_sync.account_id AND received_time < added)",
-                                                                now, first_sync_pause, looked_at(st));
-                                  if (!status) status = store_set_state(st, "notified_mail", arrivals.back().mail_id);
-                                  std::vector<int> added;
-                                  if (!status)
-                                    status = run_for_ids(st, "INSERT OR IGNORE INTO notification (mail_id) VALUES (?)",
-                                                         to_tell, &added);
-                                  if (status || to_tell.empty()) return status;
-                                  return run_sql(st,
-                                                 "DELETE FROM notification WHERE mail_id > 0 AND number = 0 AND step = "
-                                                 "0 AND mail_id NOT IN"
-                                                 " (SELECT mail_id FROM notification ORDER BY mail_id DESC LIMIT ?)",
-                                                 notices_max);
-      });
+  return unhurried(st, [&]() -> store_status {
+    store_status status =
+        run_sql(st,
+                "UPDATE account_sync SET last = ?1 WHERE ?1 BETWEEN last AND last + ?2 AND EXISTS (SELECT 1 FROM mail m"
+                " WHERE m.mail_id > ?3 AND m.account_id = account_sync.account_id AND received_time < added)",
+                now, first_sync_pause, looked_at(st));
+    if (!status) status = store_set_state(st, "notified_mail", arrivals.back().mail_id);
+    sql_statement remember(&st->db, "INSERT OR IGNORE INTO fresh_message VALUES (?, ?)");
+    for (const arrival &one : arrivals)
+      if (!status && one.is_fresh && !one.message.empty()) status = run(st, &remember, one.message, one.mail_id);
+    if (!status)
+      status = run_sql(st, "DELETE FROM fresh_message WHERE mail_id < ?", arrivals.back().mail_id - fresh_messages_max);
+    std::vector<int> added;
+    if (!status) status = run_for_ids(st, "INSERT OR IGNORE INTO notification (mail_id) VALUES (?)", to_tell, &added);
+    if (status || to_tell.empty()) return status;
+    return run_sql(st,
+                   "DELETE FROM notification WHERE mail_id > 0 AND number = 0 AND step = 0 AND mail_id NOT IN"
+                   " (SELECT mail_id FROM notification ORDER BY mail_id DESC LIMIT ?)",
+                   notices_max);
+  });
 }
 
 store_status store_notify_list(store *st, std::vector<notice> *notices) {

@@ -12,7 +12,8 @@ inline constexpr size_t notices_single_max = 16, notices_max = 999;
 struct arrival {
   int mail_id;
   int account_id;
-  bool is_fresh; /* new, unread, and not part of its account's first sync */
+  bool is_fresh;       /* new, unread, not part of its account's first sync, and no message that was fresh before */
+  std::string message; /* names the message, whichever mail it comes as; empty: nothing does */
 };
 
 enum class notice_step { waits, handed_over, stands };

@@ -127,6 +127,14 @@ def test_one_mail_is_told_whole_and_taken_back_when_it_is_read_or_deleted(s, des
     s.send(account, mail("Later", "x", BEN))
     s.wait(lambda: ("Ben", "Later\nx") in desk.told(), "the next one")
     equal(len(desk.told()), 3, "nothing of what was read elsewhere")
+    moved = mail("Moved", "x", ANN)
+    third, = s.send(account, moved)
+    s.wait(lambda: desk.told()[-1] == ("Ann", "Moved\nx"), "it once")
+    s.phone("mail", "delete", third)
+    s.send(s.account("archive@example.net"), moved)  # to another folder
+    s.send(account, mail("Last", "x", BEN))
+    s.wait(lambda: desk.told()[-1] == ("Ben", "Last\nx"), "the last one")
+    equal(len(desk.told()), 5, "what was moved is told once")
 
 
 @with_desk

@@ -525,10 +525,11 @@ TEST_F(Rules, AReplyIsTakenBackOnlyWhileNoPhoneMayHaveIt) {
 
 TEST_F(Rules, RepliesOfAnOlderStoreKeepWaiting) {
   store_close(st);
-  run_sql(f.file,
-          "DROP TABLE journal; PRAGMA user_version = 5; INSERT INTO outbox (id, json) VALUES (7,"
-          " json_object('request', 'reply', 'recipient', 'a@b' || char(2) || 'Ann', 'text', 'yes',"
-          " 'mail_id', 3, 'subject', 'Hi')), (8, 'no json'), (9, '{\"request\":\"show\"}')");
+  run_sql(
+      f.file,
+      "DROP TABLE journal; DROP TABLE fresh_message; PRAGMA user_version = 5; INSERT INTO outbox (id, json) VALUES (7,"
+      " json_object('request', 'reply', 'recipient', 'a@b' || char(2) || 'Ann', 'text', 'yes',"
+      " 'mail_id', 3, 'subject', 'Hi')), (8, 'no json'), (9, '{\"request\":\"show\"}')");
   st = open_or_fail(f.file);
   EXPECT_EQ(
       "7||1|0|1|3|1|Ann|Hi|yes||{\"request\":\"reply\",\"recipient\":\"a@b\\u0002Ann\",\"text\":\"yes\","
