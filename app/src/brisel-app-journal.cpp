@@ -292,6 +292,9 @@ static void _show_requests(journal_view_data *vd) {
   Elm_Object_Item *top = elm_genlist_at_xy_item_get(vd->genlist, x + width / 2, y + 1, nullptr);
   const brisel_request_data *first = top ? (brisel_request_data *)elm_object_item_data_get(top) : nullptr;
   const int first_id = first && top != elm_genlist_first_item_get(vd->genlist) ? first->request_id : 0;
+  int focused = brisel_view_focused_place(vd->genlist);
+  Elm_Object_Item *focused_row = elm_object_focused_item_get(vd->genlist);
+  const int focused_id = focused_row ? ((brisel_request_data *)elm_object_item_data_get(focused_row))->request_id : 0;
   elm_genlist_clear(vd->genlist);
   brisel_request_data_list_free(vd->requests);
   vd->requests = list;
@@ -300,7 +303,9 @@ static void _show_requests(journal_view_data *vd) {
     const brisel_request_data *request = (brisel_request_data *)cell->data;
     _name_row(item, request, vd->ad);
     if (request->request_id == first_id) elm_genlist_item_show(item, ELM_GENLIST_ITEM_SCROLLTO_TOP);
+    if (request->request_id == focused_id) focused = (int)elm_genlist_items_count(vd->genlist) - 1;
   }
+  brisel_view_refocus_row(vd->genlist, focused);
   Evas_Object *content = list ? vd->genlist : vd->nocontent_layout;
   Evas_Object *shown = elm_object_part_content_get(vd->layout, "elm.swallow.content");
   if (shown != content) {

@@ -178,13 +178,27 @@ static void _focus_row(Evas_Object *list) {
 static void _rows_stand_job_cb(void *data) {
   Evas_Object *list = (Evas_Object *)data;
   if (!eina_list_data_find(lists, list) || !elm_object_focus_get(list)) return;
-  if (Elm_Object_Item *row = elm_object_focused_item_get(list)) elm_object_item_focus_set(row, EINA_FALSE);
-  _focus_row(list);
+  Elm_Object_Item *row = elm_object_focused_item_get(list);
+  if (row) elm_object_item_focus_set(row, EINA_FALSE);
+  elm_object_focus_set(list, EINA_TRUE);
+  elm_object_item_focus_set(row ? row : _first_in_sight(list), EINA_TRUE);
 }
 
 static void _rows_stand_cb(void *data, Evas_Object *obj, void *event_info) {
   evas_object_smart_callback_del(obj, "realized", _rows_stand_cb);
   ecore_job_add(_rows_stand_job_cb, obj);
+}
+
+void brisel_view_refocus_row(Evas_Object *list, int place) {
+  const int last = (int)elm_genlist_items_count(list) - 1;
+  if (place < 0 || last < 0 || !elm_object_focus_get(list)) return;
+  elm_object_item_focus_set(elm_genlist_nth_item_get(list, (unsigned)std::min(place, last)), EINA_TRUE);
+  evas_object_smart_callback_add(list, "realized", _rows_stand_cb, nullptr);
+}
+
+int brisel_view_focused_place(Evas_Object *list) {
+  const Elm_Object_Item *row = elm_object_focused_item_get(list);
+  return row ? elm_genlist_item_index_get(row) - 1 : -1; /* the toolkit counts from one */
 }
 
 /* Popups have the focus for themselves. NULL: none has it. */

@@ -90,8 +90,10 @@ static void __brisel_option_call_append_rows(option_call_view_data *vd, Evas_Obj
 /* Shows the numbers as they are now; without one the view has no use. */
 static void __brisel_option_call_show_current_numbers(option_call_view_data *vd) {
   if (vd->noti_data->sender_contact_list) {
+    const int focused = brisel_view_focused_place(vd->genlist);
     elm_genlist_clear(vd->genlist);
     __brisel_option_call_append_rows(vd, vd->genlist);
+    brisel_view_refocus_row(vd->genlist, focused);
   } else {
     BRISEL_INFO("Call numbers are empty!");
     brisel_util_pop_view(vd->ad->naviframe);

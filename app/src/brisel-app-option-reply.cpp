@@ -207,10 +207,12 @@ static void __brisel_option_reply_template_change_cb(keynode_t *node, void *data
   if (vd->template_list && !vd->content_obj)
     brisel_widget_ref_set(&vd->content_obj, __brisel_option_reply_make_list(vd->layout, vd));
   // The rows name their templates by position: they go with the old list even when there is no new one.
+  const int focused = vd->content_obj ? brisel_view_focused_place(vd->content_obj) : -1;
   if (vd->content_obj) elm_genlist_clear(vd->content_obj);
   if (vd->template_list && vd->content_obj) {
     __brisel_option_reply_append_templates(vd, vd->content_obj);
     __brisel_option_reply_show_content(vd, vd->content_obj);
+    brisel_view_refocus_row(vd->content_obj, focused);
   } else {
     __brisel_option_reply_show_content(vd, vd->nocontent_layout);
   }

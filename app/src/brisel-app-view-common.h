@@ -91,6 +91,10 @@ void brisel_view_hide_last_bottomline(Evas_Object *list, Elm_Object_Item *item);
 /* A list that is compressed, scrolls vertically only and asks its getters again after a language change. Not shown.
    realized_cb (may be NULL): "realized". NULL on failure, which is logged. */
 Evas_Object *brisel_view_new_list(Evas_Object *parent, Evas_Smart_Cb realized_cb);
+/* Where the row with the focus is in the list, and the focus there again once the list has other rows, or at its end;
+   below zero: no row has it. */
+int brisel_view_focused_place(Evas_Object *list);
+void brisel_view_refocus_row(Evas_Object *list, int place);
 /* Lets a keyboard go through the rows of the genlist, and with Right to a row's button. */
 void brisel_view_list_keys(Evas_Object *list);
 /* Gives the focus to the list of the view on top, if it has one: to the row that had it, else to the first in sight. */

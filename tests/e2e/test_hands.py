@@ -4,6 +4,7 @@ import subprocess
 
 from brisel_test import Session, equal, mail, main, middle, options, start_display
 from brisel_png import read_png
+from phone_test import journal, read_on_watch
 
 ACCENT = bytes([108, 180, 255])  # of the dark palette
 
@@ -79,16 +80,27 @@ def test_the_keyboard_alone_does_everything(s):
     s.wait_text(s.text("IDS_EMAIL_MBODY_EMOTICONS_ABB"))
 
 
-def ring_height(s):
-    """Of what is ringed, for nothing else stands so far out at the right; 0: no ring."""
+def ring_rows(s):
+    """The rows of pixels that the ring reaches over, for nothing else stands so far out at the right."""
     s.rest()
     s.screenshot(s.dir / "ring.png")
     _, _, rows = read_png(s.dir / "ring.png")
-    return sum(any(bytes(c[x] for c in row) == ACCENT for x in range(300, 320)) for row in rows)
+    return [y for y, row in enumerate(rows) if any(bytes(c[x] for c in row) == ACCENT for x in range(300, 320))]
+
+
+def ring_height(s):
+    """Of what is ringed; 0: no ring."""
+    return len(ring_rows(s))
+
+
+def ringed(s):
+    """The first line of what is ringed."""
+    rows = ring_rows(s)
+    return min((t["y"], t["text"]) for t in s.seen() if rows[0] <= t["y"] < rows[-1])[1]
 
 
 def test_the_ring_is_around_what_has_the_focus(s):
-    mailbox(s, 2)
+    ids = mailbox(s, 7)
     s.account("second@example.net")
     keys(s, "Home", "Right")
     s.wait_text("second@example.net")
@@ -102,6 +114,16 @@ def test_the_ring_is_around_what_has_the_focus(s):
     keys(s, "Escape")
     s.wait_gone(s.text("IDS_COM_SK_OK"))
     equal(ring_height(s), 0, "what is left of the popup's ring")
+    keys(s, "Escape")
+    keys(s, "Menu")
+    s.stop_serve(s.running[0][0])
+    for number in range(1, 6):
+        read_on_watch(s, ids[number])
+    keys(s, "Down", "Down", "Down", "Down")
+    before = ringed(s)
+    read_on_watch(s, ids[6])
+    s.wait(lambda: len(journal(s)) == 7, "one more above them")
+    equal(ringed(s), before, "in a list that changed")
 
 
 def test_a_mouse_presses_long_goes_back_and_turns_its_wheel(s):
