@@ -28,6 +28,7 @@ struct notifier {
   bool has_actions = false, has_body = false, has_markup = false;
   std::vector<int> flight; /* the mails of the notification on its way: one at a time, so that a server that hangs holds
                               up one call */
+  uint64_t settled_at = 0; /* monotonic: before, nothing new is told */
   uint64_t silent_until = 0; /* monotonic: mails that come together make one sound */
   sd_bus_track *viewer = nullptr;
   int viewed_account = -1;

@@ -15,6 +15,9 @@ namespace {
 constexpr uint64_t gather_usec = 250000;
 /* More mails than these at once become one notification that counts. */
 constexpr size_t singles_at_once = 3;
+/* So long after its start the service tells nothing new: an application that was there before says by then which list
+   it shows. */
+constexpr uint64_t settle_usec = 1000000;
 /* Mails that come so soon after each other make one sound. */
 constexpr uint64_t silence_usec = 2000000;
 
@@ -33,6 +36,10 @@ bool is_in_view(const notifier *n, int account_id) {
 }
 
 bool take_in(notifier *n) {
+  if (now_usec(n) < n->settled_at) {
+    notify_look_soon(n);
+    return true;
+  }
   std::vector<arrival> arrivals;
   const int64_t now = time(nullptr);
   if (!good(n, store_notify_arrivals(n->h->st, now, &arrivals))) return false;
@@ -257,7 +264,8 @@ std::vector<notice> standing(notifier *n, const std::string &server, uint32_t nu
 
 void notify_look_soon(notifier *n) {
   if (n->timer) return;
-  const int r = sd_event_add_time_relative(n->h->event, &n->timer, CLOCK_MONOTONIC, gather_usec, 0, timer_cb, n);
+  const uint64_t at = std::max(now_usec(n) + gather_usec, n->settled_at);
+  const int r = sd_event_add_time(n->h->event, &n->timer, CLOCK_MONOTONIC, at, 0, timer_cb, n);
   if (r < 0) fprintf(stderr, "brisel-hostd: notifications wait: %s\n", strerror(-r));
 }
 
@@ -329,6 +337,7 @@ void notify_start(host *h) {
   n->h = h;
   h->notify = n;
   h->store_changed = store_changed_cb;
+  n->settled_at = now_usec(n) + settle_usec;
   if (const int r = notify_server_watch(n); r < 0)
     fprintf(stderr, "brisel-hostd: notification servers cannot be followed: %s\n", strerror(-r));
   /* What an earlier service left: to be told, over meanwhile, or about to be pressed. */
