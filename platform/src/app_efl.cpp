@@ -1,6 +1,7 @@
 #include "app_efl.h"
 
 #include <Ecore_Evas.h>
+#include <Ecore_Input.h>
 #include <Efreet.h>
 #include <dlfcn.h>
 #ifdef __GLIBC__
@@ -54,7 +55,7 @@ struct application {
   Ecore_Job *sight_job = nullptr;
   int pictures_to_trim = 0; /* pictures until what was deleted has gone and memory is given back */
   Ecore_Job *trim_job = nullptr;
-  Ecore_Event_Handler *x_handlers[2] = {};
+  Ecore_Event_Handler *handlers[4] = {};
 };
 
 application app;
@@ -115,6 +116,14 @@ void window_touched_cb(void *data, Evas *e, void *event_info) {
   if (app.out.lowered) window_to_front();
 }
 
+/* What was lowered may be in sight all the same, when nothing lies over it: whoever touches it has it in front. */
+Eina_Bool window_input_cb(void *data, int type, void *event_info) {
+  const auto window = type == ECORE_EVENT_KEY_DOWN ? static_cast<Ecore_Event_Key *>(event_info)->window
+                                                   : static_cast<Ecore_Event_Mouse_Button *>(event_info)->window;
+  if (app.window && app.out.lowered && window == elm_win_window_id_get(app.window)) window_to_front();
+  return ECORE_CALLBACK_PASS_ON;
+}
+
 void window_iconified_cb(void *data, Evas_Object *obj, void *event_info) {
   app.out.iconified = true;
   sight_changed();
@@ -162,15 +171,15 @@ Eina_Bool x_shown_cb(void *data, int type, void *event_info) {
    until when the toolkit draws nothing, and nobody gives it the keyboard. */
 void follow_x(Evas_Object *win) {
   if (!elm_win_xwindow_get(win)) return;
-  app.x_handlers[0] = ecore_event_handler_add(ECORE_X_EVENT_WINDOW_VISIBILITY_CHANGE, visibility_cb, nullptr);
-  app.x_handlers[1] = ecore_event_handler_add(ECORE_X_EVENT_WINDOW_SHOW, x_shown_cb, nullptr);
+  app.handlers[0] = ecore_event_handler_add(ECORE_X_EVENT_WINDOW_VISIBILITY_CHANGE, visibility_cb, nullptr);
+  app.handlers[1] = ecore_event_handler_add(ECORE_X_EVENT_WINDOW_SHOW, x_shown_cb, nullptr);
   if (!display_is_managed()) elm_config_agressive_withdrawn_set(EINA_FALSE);
 }
 #endif
 
 void window_del_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   app.window = nullptr;
-  for (Ecore_Event_Handler *&handler : app.x_handlers) {
+  for (Ecore_Event_Handler *&handler : app.handlers) {
     if (handler) ecore_event_handler_del(handler);
     handler = nullptr;
   }
@@ -417,6 +426,9 @@ void app_efl_window_attach(Evas_Object *win) {
   }
   evas_event_callback_add(evas_object_evas_get(win), EVAS_CALLBACK_CANVAS_FOCUS_IN, window_touched_cb, nullptr);
   evas_event_callback_add(evas_object_evas_get(win), EVAS_CALLBACK_RENDER_POST, picture_drawn_cb, nullptr);
+  /* Before the canvas: the key that has the window lowered is not one that comes after. */
+  app.handlers[2] = ecore_event_handler_prepend(ECORE_EVENT_MOUSE_BUTTON_DOWN, window_input_cb, nullptr);
+  app.handlers[3] = ecore_event_handler_prepend(ECORE_EVENT_KEY_DOWN, window_input_cb, nullptr);
 #ifdef BRISEL_HAVE_ECORE_X
   follow_x(win);
 #endif

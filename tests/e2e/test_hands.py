@@ -158,8 +158,11 @@ def test_real_keys_and_buttons_on_a_display_without_a_window_manager():
             s.wait_text(s.text(seen))
             do("click", 8)
             s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+        do("key", "Escape")
+        s.wait(lambda: "app_pause(" in s.log(), "the window to be lowered, which nothing covers")
         do("mousedown", 1, "sleep", 0.3, "mouseup", 1)
         s.wait_text("Text.")
+        assert "app_resume(" in s.log(), "whoever touches it sees it"
     finally:
         s.close()
         server.terminate()
