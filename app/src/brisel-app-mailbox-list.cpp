@@ -153,11 +153,24 @@ static void _list_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_inf
   pressed_wait = nullptr;
 }
 
+/* Of the theme, at scale 1. */
+constexpr int header_height = 48, row_height = 78, row_height_below = 104;
+
+/* A wheel's or a crown's notch is a row: the one that it moves out at the top, or in. */
+static void _wheel_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  const appdata *ad = (appdata *)data;
+  int x = 0, y = 0, width = 0;
+  evas_object_geometry_get(obj, &x, &y, &width, nullptr);
+  Elm_Object_Item *row = elm_genlist_at_xy_item_get(obj, x + width / 2, y + _scaled(header_height) + 1, nullptr);
+  if (row && ((Evas_Event_Mouse_Wheel *)event_info)->z < 0) row = elm_genlist_item_prev_get(row);
+  const bool is_high = row && elm_genlist_item_item_class_get(row) == ad->itc_mail_below;
+  elm_scroller_step_size_set(obj, 0, _scaled(is_high ? row_height_below : row_height));
+}
+
 /* --- the widget --- */
 
 constexpr int rows_in_block = 6;
 constexpr double long_press = 0.5; /* seconds */
-constexpr int row_height = 78;     /* of the theme, at scale 1 */
 
 Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad) {
   BRISEL_INFO("Enter");
@@ -188,7 +201,7 @@ Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad)
   _follow_keys(ad);
   _add_chip(ad);
   elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
-  elm_scroller_step_size_set(gl, 0, _scaled(row_height)); /* a wheel's or a crown's notch: a row */
+  evas_object_event_callback_add(gl, EVAS_CALLBACK_MOUSE_WHEEL, _wheel_cb, ad);
   elm_genlist_homogeneous_set(gl, EINA_TRUE);
   elm_genlist_mode_set(gl, ELM_LIST_COMPRESS);
   /* The genlist draws a whole block of rows when one row comes to it, also those out of sight: about a screenful. */
