@@ -105,21 +105,19 @@ static std::string __brisel_detail_tight(const std::string &text) {
 }
 
 void __brisel_detail_set_subject(page_data *page) {
-  static const char none[] = "IDS_EMAIL_BODY_HNO_SUBJECT_ABB";
   const char *subject = page->mail_data->subject;
   const bool has_subject = subject && *subject;
-  if (!has_subject && !page->is_sender_whole) {
-    const std::string said = brisel_util_get_text(none);
-    if (__brisel_detail_fit_subject(page, said) == said && !page->is_tight)
-      elm_object_domain_translatable_part_text_set(page->detail_layout, part_title, BRISEL_DOMAIN, none);
-    else /* smaller, rather than cut or at the cost of the mail's text */
-      elm_object_part_text_set(page->detail_layout, part_title, ("<label>" + said + "</label>").c_str());
-    return;
+  std::string shown =
+      has_subject ? __brisel_detail_bounded_subject(subject) : brisel_util_get_text("IDS_EMAIL_BODY_HNO_SUBJECT_ABB");
+  bool is_small = false;
+  if (!has_subject || !page->is_subject_whole) {
+    const std::string fitted = __brisel_detail_fit_subject(page, shown);
+    /* What the application says is smaller, rather than cut or at the cost of the mail's text. */
+    is_small = !has_subject && fitted != shown;
+    if (has_subject) shown = fitted;
   }
-  std::string shown = has_subject ? __brisel_detail_bounded_subject(subject) : brisel_util_get_text(none);
-  if (has_subject && !page->is_subject_whole) shown = __brisel_detail_fit_subject(page, shown);
   shown = __brisel_detail_tight(shown);
-  if (page->is_tight) shown = "<label>" + shown + "</label>";
+  if (is_small || page->is_tight) shown = "<label>" + shown + "</label>";
   const char *sender = brisel_view_sender(page->mail_data);
   if (page->is_sender_whole && sender)
     shown = "<sender>" + __brisel_detail_tight(__brisel_detail_bounded_subject(sender)) + "</sender><br>" + shown;
