@@ -67,7 +67,7 @@ struct appdata {
   unsigned char nocontents_shown;
   unsigned char paused; /* the window is out of sight */
   bool list_is_covered; /* while the list is made below a mail: its rows can wait */
-  GList *mail_list;     /* item_data in display order; owns its cells, not the records */
+  GList *mail_list;     /* item_data in display order; owns its cells, not the records; see brisel_complete_mail_list */
 };
 
 /* The common head of every pushed view's record; each view's own record is one with fields of its own behind it. */
@@ -125,6 +125,8 @@ void brisel_update_mailbox_accounts(appdata *ad);
 void brisel_check_mail_on_db(appdata *ad);
 void brisel_check_current_mailbox_account_by_mail_id(int mail_id, appdata *ad);
 void brisel_delete_sweep_item(appdata *ad);
+/* Before all of mail_list is walked: a refresh reads what the first screen shows, and the rest at idle time. */
+void brisel_complete_mail_list(appdata *ad);
 /* The rows that the first screen shows, where the last refresh left them for idle time. */
 void brisel_make_first_rows(appdata *ad);
 /* Empties mail_list: its cells, and the records that have no row yet. Rows free their own. */

@@ -312,6 +312,7 @@ void __brisel_detail_tell_place(brisel_detail_view *view_data) {
   __brisel_detail_end_place(view_data);
   appdata *ad = view_data->ad;
   int at = 0, count = 0;
+  brisel_complete_mail_list(ad);
   for (const GList *node = ad->mail_list; node; node = node->next) {
     count++;
     if (((const item_data *)node->data)->mail_id == view_data->mail_id) at = count;

@@ -233,19 +233,67 @@ void _add_mail_row(appdata *ad, Elm_Object_Item *group_item, item_data *item, El
   _name_row(item);
 }
 
-/* A refresh makes all records of the model at once, as places: which mail, when, and whether it is locked, which is all
-   that the reader asks of a mail beside its own. What a row shows is read and the row made for the first screen; the
-   others follow while the loop is idle, so that thousands of rows nobody sees yet do not hold up the first picture.
-   Whatever touches the model first makes the rest. These are the cells of mail_list whose records are places (and
-   nobody's but the model's). */
+/* A refresh makes records as places first: which mail, when, and whether it is locked, which is all that the reader
+   asks of a mail beside its own. The places of the first screen are read, what its rows show is read, and they are
+   made; the others follow while the loop is idle, so that thousands of rows nobody sees yet do not hold up the first
+   picture. Whatever touches the model first makes the rest. */
 constexpr int rows_at_first = 24; /* more than the largest screen holds */
 constexpr int rows_at_once = 128;
+constexpr int places_at_once = 1024;
+/* The cells of mail_list whose records are places (and nobody's but the model's). */
 static GList *rowless;
+/* Behind it, of the account read, are the places that have not been read. */
+static brisel_mail_place last_place;
+static int places_account;
+static bool places_wait;
 static Ecore_Idler *row_idler;
 
 Elm_Object_Item *_group_item(appdata *ad) {
   Elm_Object_Item *first = ad->mailbox_genlist ? elm_genlist_first_item_get(ad->mailbox_genlist) : nullptr;
   return first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP ? first : nullptr;
+}
+
+/* The next places as records, most at most (0: all). 0, or the error of the store. */
+static int _read_places(appdata *ad, const brisel_mail_place *after, int most) {
+  brisel_mail_place *read_places = nullptr;
+  int count = 0;
+  const int result = brisel_db_get_mail_places_after(places_account, after, most, &read_places, &count);
+  const std::unique_ptr<brisel_mail_place, decltype(&g_free)> places(read_places, g_free);
+  places_wait = result == 0 && most > 0 && count == most;
+  if (count > 0) last_place = read_places[count - 1];
+  /* The part is built backwards and turned once: appending walks the whole list each time. */
+  GList *part = nullptr;
+  for (const brisel_mail_place *place = read_places; place < read_places + count; place++) {
+    item_data *item = _item_data_of_place(place->mail_id, place->received_time, place->security_locked, ad);
+    if (item)
+      part = g_list_prepend(part, item);
+    else
+      BRISEL_INFO("item_data is NULL.");
+  }
+  part = g_list_reverse(part);
+  for (GList *cell = cells ? part : nullptr; cell; cell = cell->next)
+    g_hash_table_insert(cells, GINT_TO_POINTER(((item_data *)cell->data)->mail_id), cell);
+  if (!rowless) rowless = part;
+  ad->mail_list = g_list_concat(ad->mail_list, part);
+  return result;
+}
+
+/* The next places, and with the last of them the true number of mails: some came or went since they were counted. */
+static void _read_more_places(appdata *ad, int most) {
+  if (!places_wait) return;
+  const brisel_mail_place after = last_place;
+  const int result = _read_places(ad, &after, most);
+  if (result != 0) BRISEL_WARN("brisel_db_get_mail_places_after() failed! err:[%d]", result);
+  Elm_Object_Item *group_item = _group_item(ad);
+  group_item_data *group = group_item ? (group_item_data *)elm_object_item_data_get(group_item) : nullptr;
+  const int count = places_wait ? 0 : (int)g_list_length(ad->mail_list);
+  if (places_wait || !group || group->count == count) return;
+  group->count = count;
+  _update_header(group_item);
+}
+
+void brisel_complete_mail_list(appdata *ad) {
+  _read_more_places(ad, 0);
 }
 
 /* A mail that left the store after its place was read has no row; its event is on the way. */
@@ -295,12 +343,14 @@ void brisel_make_first_rows(appdata *ad) {
 }
 
 bool _is_last_row(appdata *ad, const Elm_Object_Item *it) {
-  return !rowless && it == elm_genlist_last_item_get(ad->mailbox_genlist);
+  return !rowless && !places_wait && it == elm_genlist_last_item_get(ad->mailbox_genlist);
 }
 
 static Eina_Bool _row_idler_cb(void *data) {
-  _make_rows((appdata *)data, rows_at_once);
-  if (rowless) return ECORE_CALLBACK_RENEW;
+  appdata *ad = (appdata *)data;
+  if (!rowless) _read_more_places(ad, places_at_once);
+  _make_rows(ad, rows_at_once);
+  if (rowless || places_wait) return ECORE_CALLBACK_RENEW;
   row_idler = nullptr;
   app_efl_memory_trim(); /* what was read for them */
   return ECORE_CALLBACK_CANCEL;
@@ -314,6 +364,7 @@ static Eina_Bool _first_row_idler_cb(void *data) {
 }
 
 void _make_all_rows(appdata *ad) {
+  brisel_complete_mail_list(ad);
   _make_rows(ad, INT_MAX);
   if (row_idler) ecore_idler_del(row_idler);
   row_idler = nullptr;
@@ -321,6 +372,7 @@ void _make_all_rows(appdata *ad) {
 
 void brisel_free_mail_list(appdata *ad) {
   for (; rowless; rowless = rowless->next) _free_list_data((item_data *)rowless->data);
+  places_wait = false;
   if (row_idler) ecore_idler_del(row_idler);
   row_idler = nullptr;
   _forget_cells();
@@ -351,12 +403,10 @@ void _refresh_mailbox_list(appdata *ad) {
   brisel_tell_list_in_view(ad);
 
   BRISEL_INFO("ad->account_id : %d", ad->account_id);
-  const int read_account = ad->account_id;
-  brisel_mail_place *read_places = nullptr;
-  int mail_cnt = 0;
+  places_account = ad->account_id;
   /* The list without what nobody sees yet; a failure is told as that of the list. */
-  int result = brisel_db_get_mail_places_by_account_id(read_account, &read_places, &mail_cnt);
-  const std::unique_ptr<brisel_mail_place, decltype(&g_free)> places(read_places, g_free);
+  int result = _read_places(ad, nullptr, rows_at_first), mail_cnt = (int)g_list_length(ad->mail_list);
+  if (result == 0 && places_wait) result = brisel_db_get_full_noti_data_count_by_account_id(places_account, &mail_cnt);
   if (result != 0) BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", result);
   BRISEL_INFO("mail_cnt = %d", mail_cnt);
 
@@ -373,6 +423,7 @@ void _refresh_mailbox_list(appdata *ad) {
     elm_genlist_item_subitems_clear(group_item);
     group_item_data *group = _update_group_data(ad, group_item);
     if (!group) {
+      brisel_free_mail_list(ad);
       elm_genlist_clear(gl);
       BRISEL_ERROR("group_item_data is NULL");
       return;
@@ -381,23 +432,16 @@ void _refresh_mailbox_list(appdata *ad) {
     _update_header(group_item);
   }
 
-  if (ad->account_id != read_account) {
+  _forget_cells(); /* the rows that went have looked themselves up */
+
+  if (ad->account_id != places_account) {
     /* The account turned out to be gone and the header is the combined view's: so are the mails under it. */
     _refresh_mailbox_list(ad);
     return;
   }
 
-  /* The list is built backwards and turned once: appending walks the whole list each time. */
-  for (const brisel_mail_place *place = read_places; place < read_places + mail_cnt; place++) {
-    item_data *item = _item_data_of_place(place->mail_id, place->received_time, place->security_locked, ad);
-    if (item)
-      ad->mail_list = g_list_prepend(ad->mail_list, item);
-    else
-      BRISEL_INFO("item_data is NULL.");
-  }
-  rowless = ad->mail_list = g_list_reverse(ad->mail_list);
   if (!ad->list_is_covered) _make_rows(ad, rows_at_first);
-  if (rowless) row_idler = ecore_idler_add(_first_row_idler_cb, ad);
+  if (rowless || places_wait) row_idler = ecore_idler_add(_first_row_idler_cb, ad);
   _set_delete_btn(ad, mail_cnt > 0);
 }
 

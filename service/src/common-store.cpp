@@ -213,14 +213,26 @@ int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **lis
 }
 
 int brisel_db_get_mail_places_by_account_id(int account_id, brisel_mail_place **places, int *count) {
-  if (!places || !count || account_id < 0) return BRISEL_COMMON_ERROR_INVALID;
+  return brisel_db_get_mail_places_after(account_id, nullptr, 0, places, count);
+}
+
+int brisel_db_get_mail_places_after(int account_id, const brisel_mail_place *after, int most,
+                                    brisel_mail_place **places, int *count) {
+  if (!places || !count || account_id < 0 || most < 0) return BRISEL_COMMON_ERROR_INVALID;
   *places = nullptr;
   *count = 0;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
   sql_statement *q = nullptr;
-  int status = reader_start(account_id ? reader_places_of_account : reader_places, &q);
+  int status = after ? reader_start(account_id ? reader_places_after_of_account : reader_places_after, &q)
+                     : reader_start(account_id ? reader_places_of_account : reader_places, &q);
   if (!q) return status;
-  if (account_id) q->bind(account_id);
+  const int limit = most ? most : -1; /* none */
+  if (after) {
+    q->bind(static_cast<int64_t>(after->received_time), after->mail_id, limit);
+    if (account_id) q->add(account_id);
+  } else {
+    account_id ? q->bind(account_id, limit) : q->bind(limit);
+  }
   brisel_mail_place *all = nullptr;
   int length = 0, room = 0;
   sql_result r = sql_done;

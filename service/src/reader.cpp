@@ -22,6 +22,8 @@ constexpr int busy_ms = 1000;
 /* In the texts of the queries: the columns of a mail, its id first; the whole mail with its body behind them. */
 constexpr std::string_view row_mark = "[row]", mail_mark = "[mail]", ids_mark = "[ids]";
 #define SCREEN_ORDER "ORDER BY received_time DESC, mail_id"
+#define PLACE "SELECT mail_id, received_time, security_locked FROM mail "
+#define BEHIND "received_time <= ?1 AND (received_time < ?1 OR mail_id > ?2) "
 
 constexpr const char *texts[reader_query_count] = {
     "SELECT count(*) FROM account",
@@ -33,8 +35,10 @@ constexpr const char *texts[reader_query_count] = {
     "SELECT [mail] WHERE account_id = ? " SCREEN_ORDER,
     "SELECT [row] FROM (VALUES [ids]) CROSS JOIN mail ON mail_id = column1",
     "SELECT [row] FROM (VALUES [ids]) CROSS JOIN mail ON mail_id = column1",
-    "SELECT mail_id, received_time, security_locked FROM mail " SCREEN_ORDER,
-    "SELECT mail_id, received_time, security_locked FROM mail WHERE account_id = ? " SCREEN_ORDER,
+    PLACE SCREEN_ORDER " LIMIT ?",
+    PLACE "WHERE account_id = ? " SCREEN_ORDER " LIMIT ?",
+    PLACE "WHERE " BEHIND SCREEN_ORDER " LIMIT ?3",
+    PLACE "WHERE account_id = ?4 AND " BEHIND SCREEN_ORDER " LIMIT ?3",
     "SELECT count(*) FROM mail",
     "SELECT count(*) FROM mail WHERE account_id = ?",
     "SELECT template_id, text FROM template ORDER BY position",

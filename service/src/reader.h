@@ -17,6 +17,8 @@ enum reader_query {
   reader_many_rows,
   reader_places,
   reader_places_of_account,
+  reader_places_after,
+  reader_places_after_of_account,
   reader_mail_count,
   reader_mail_count_of_account,
   reader_templates,

@@ -58,6 +58,14 @@ struct Reader : testing::Test {
     }
     EXPECT_EQ(ids, placed);
     g_free(places);
+    /* In parts, each behind the last place of the one before. */
+    placed.clear();
+    brisel_mail_place last = {};
+    for (counted = 2; counted == 2; g_free(places)) {
+      EXPECT_EQ(0, brisel_db_get_mail_places_after(account, placed.empty() ? nullptr : &last, 2, &places, &counted));
+      for (int i = 0; i < counted; i++) placed.push_back((last = places[i]).mail_id);
+    }
+    EXPECT_EQ(ids, placed);
     brisel_full_noti_data_list_free(list);
     return ids;
   }
