@@ -13,6 +13,11 @@ static void _say(std::string *name, const char *text) {
   *name += text;
 }
 
+void brisel_name_mailbox_rows(appdata *ad) {
+  if (!brisel_view_is_spoken()) return;
+  for (const GList *cell = ad->mail_list; cell; cell = cell->next) _name_row((const item_data *)cell->data);
+}
+
 void _name_row(const item_data *item) {
   if (!brisel_view_is_spoken() || !item->it) return;
   std::string name;

@@ -24,7 +24,7 @@ const char *brisel_view_spoken_name(Evas_Object *widget) {
 
 void brisel_view_set_spoken(Eo *object, bool is_spoken) {
   const Efl_Access_Type type = is_spoken ? EFL_ACCESS_TYPE_REGULAR : EFL_ACCESS_TYPE_DISABLED;
-  if (!brisel_view_is_spoken() || efl_access_object_access_type_get(object) == type) return;
+  if (efl_access_object_access_type_get(object) == type) return;
   efl_access_object_access_type_set(object, type);
   efl_access_object_event_emit(object, is_spoken ? EFL_ACCESS_OBJECT_EVENT_ADDED : EFL_ACCESS_OBJECT_EVENT_REMOVED,
                                nullptr);
@@ -80,6 +80,7 @@ static Eina_List *popups;
 static void (*tell_below)(bool is_covered);
 
 static void _tell() {
+  if (!brisel_view_is_spoken()) return;
   Eina_List *cell;
   void *popup;
   EINA_LIST_FOREACH(popups, cell, popup) brisel_view_set_spoken((Eo *)popup, !eina_list_next(cell));
@@ -88,7 +89,7 @@ static void _tell() {
 
 void brisel_view_tell(void (*below)(bool is_covered)) {
   tell_below = below;
-  if (brisel_view_is_spoken()) _tell();
+  _tell();
 }
 
 static void _tell_job_cb(void *data) {
@@ -102,7 +103,6 @@ static void _popup_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_in
 }
 
 void brisel_view_tell_popup(Evas_Object *popup) {
-  if (!brisel_view_is_spoken()) return;
   popups = eina_list_append(popups, popup);
   evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _popup_gone_cb, nullptr);
   _tell();

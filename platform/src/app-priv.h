@@ -48,9 +48,11 @@ bool app_is_text(const char *text); /* valid UTF-8, which the bus demands */
 /* 1: this process owns the application's name now; 0: another instance took the request; negative: no bus, or failed.
  */
 int app_claim_name(const service_s *request, bool wait_only);
-int app_bus_start(void);
-/* app-access: turns the toolkit's accessibility on where the session has it. */
-void app_access_start(void); /* offers the application's interfaces; 0, or negative */
+int app_bus_start(void); /* offers the application's interfaces; 0, or negative */
+/* app-access: turns the toolkit's accessibility on where the session has it; late() says that it came after the start.
+ */
+void app_access_start(void (*late)(void));
+void app_access_stop(void);
 void app_bus_stop(void);
 void app_bus_release_name(void);
 /* Hands over what has arrived, if the application is ready for it: of several the last one, which stands for all. */

@@ -474,9 +474,10 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
   }
   eina_freeq_count_max_set(eina_freeq_main_get(), freed_late);
   app_bus_start();
-  app_access_start();
+  app_access_start(language_changed); /* what says its texts anew says them to who listens, too */
   const int result = run(&request, by_bus);
   if (app.window) evas_object_del(app.window);
+  app_access_stop();
   app_bus_stop();
   elm_shutdown();
   return result;

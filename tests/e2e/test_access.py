@@ -119,5 +119,23 @@ def test_every_screen_is_told_and_nothing_that_it_hides(s):
         reader.close()
 
 
+def test_a_reader_that_comes_later_and_another_language_are_told_all(s):
+    s.serve()
+    s.phone("account", "count", "known")
+    s.send(s.account("me@example.net"), *[mail("Old", "y", f"Sender {i} <s@example.org>") for i in range(30)])
+    s.launch()
+    s.wait_text("Sender 0")
+    reader = Reader(s)
+    try:
+        told = heard(reader, ("page tab", s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3")))
+        equal([len(rows(told)), sum(s.text("IDS_EMAIL_BODY_NEW") in name for name in rows(told))], [31, 30], "rows")
+        s.language = "de"
+        s.setting("db/menu_widget/language", "string", "de_DE.UTF-8")
+        told = heard(reader, ("page tab", s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3")))
+        equal(sum(s.text("IDS_EMAIL_BODY_NEW") in name for name in rows(told)), 30, "rows in the other language")
+    finally:
+        reader.close()
+
+
 if __name__ == "__main__":
     main(globals())
