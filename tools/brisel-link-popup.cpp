@@ -2,6 +2,8 @@
  * The phone-link popup's stand-in: waits for the link to the phone and tells the application that asked.
  * "__BT_CONNECTION__" of the answer is "Connected" or, when the user gives up, "Not Connected".
  */
+#include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "brisel-settings.h"
@@ -73,6 +75,12 @@ int launched_cb(service_h service, void *data) {
   service_h kept;
   service_clone(&kept, service);
   waiting.push_back(kept);
+  /* Who says all that there is to say waits with us, and for no window. */
+  char *wanted = nullptr;
+  service_get_extra_data(service, "window", &wanted);
+  const bool is_silent = wanted && strcmp(wanted, "none") == 0;
+  free(wanted);
+  if (is_silent) return 0;
   evas_object_show(window.win);
   elm_win_activate(window.win);
   return 0;

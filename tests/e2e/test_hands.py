@@ -5,6 +5,7 @@ import subprocess
 from brisel_test import Session, equal, mail, main, middle, options, start_display
 from brisel_png import read_png
 from phone_test import journal, read_on_watch
+from test_launch import link_popup_up
 
 ACCENT = bytes([108, 180, 255])  # of the dark palette
 
@@ -148,6 +149,11 @@ def test_real_keys_and_buttons_on_a_display_without_a_window_manager():
         s.rest()
     try:
         s.env["DISPLAY"] = display
+        s.launch()
+        s.wait_text(s.text("IDS_EMAIL_HEADER_NO_PHONE_YET"))
+        s.wait(lambda: link_popup_up(s), "who waits for the phone")
+        s.rest()
+        equal(len(s.run("xdotool", "search", "--onlyvisible", "--class", "brisel").stdout.split()), 1, "windows of the first minute")
         mailbox(s, 12)
         do("mousemove", 500, 400, "key", "Down", "key", "Down", "mousemove", 160, 160)
         assert 60 < s.wait(lambda: ring_height(s), "a ring") < 90, "not around a row"
