@@ -67,17 +67,24 @@ static void _window_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *even
   brisel_tell_list_in_view(ad);
 }
 
+/* The connection that a display was tried with, below zero: none. It stays until the toolkit has its own: an X server
+   that loses its last client begins anew, and refuses who comes meanwhile. */
+static int tried = -1;
+
+static void _stop_trying() {
+  if (tried >= 0) close(tried);
+  tried = -1;
+}
+
 /* Whether somebody listens there: what a display that has gone leaves in its folder is no display. */
 static bool _answers(const std::string &path) {
   sockaddr_un at = {};
   at.sun_family = AF_UNIX;
   if (path.size() >= sizeof at.sun_path) return false;
   path.copy(at.sun_path, path.size());
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  const bool answers = connect(fd, (const sockaddr *)&at, sizeof at) == 0;
-  close(fd);
-  return answers;
+  _stop_trying();
+  tried = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  return tried >= 0 && connect(tried, (const sockaddr *)&at, sizeof at) == 0;
 }
 
 static bool _wayland_is_there() {
@@ -104,10 +111,12 @@ static bool _display_is_there() {
 
 static Evas_Object *_brisel_create_win(appdata *ad) {
   if (!_display_is_there()) {
+    _stop_trying();
     fprintf(stderr, "brisel: there is no display to show mail on; DISPLAY or WAYLAND_DISPLAY must name one.\n");
     return nullptr;
   }
   Evas_Object *win = elm_win_util_standard_add("brisel", "brisel");
+  _stop_trying();
   if (!win) {
     fprintf(stderr, "brisel: the display gives no window.\n");
     return nullptr;
