@@ -104,7 +104,9 @@ static void _read_subjects_setting() {
 
 static void _subjects_setting_cb(keynode_t *node, void *data) {
   appdata *ad = (appdata *)data;
+  const bool were_shown = subjects_shown;
   _read_subjects_setting();
+  if (subjects_shown == were_shown) return;
   brisel_fit_mailbox_rows(ad);
   elm_genlist_realized_items_update(ad->mailbox_genlist);
 }

@@ -87,7 +87,9 @@ static void _brisel_date_time_format_changed_cb(keynode_t *node, void *user_data
     BRISEL_ERROR("data == NULL");
     return;
   }
-  _brisel_update_time_format_and_views(ad);
+  const int date_format = ad->date_format, time_format = ad->time_format;
+  _brisel_set_date_time_format(ad);
+  if (ad->date_format != date_format || ad->time_format != time_format) _brisel_update_time_format_and_views(ad);
 }
 
 static void _brisel_system_time_changed_cb(keynode_t *node, void *user_data) {

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
+#include <string>
 
 #include "app-priv.h"
 #include "brisel-settings.h"
@@ -130,14 +132,26 @@ void stop_clock(void) {
 
 /* --- settings --- */
 
+std::string language, region;
+
+/* Whether a setting says something else than before: what is set to what it is redraws nothing. */
+bool is_new(const char *key, std::string *known) {
+  const std::unique_ptr<char, decltype(&free)> value(vconf_get_str(key), free);
+  const std::string now = value ? value.get() : "";
+  if (now == *known) return false;
+  *known = now;
+  return true;
+}
+
 void language_changed_cb(keynode_t *node, void *data) {
+  if (!is_new(BRISEL_KEY_LANGUAGE, &language)) return;
   platform_language_apply();
   apply_direction();
   if (callbacks.language_changed) callbacks.language_changed();
 }
 
 void region_changed_cb(keynode_t *node, void *data) {
-  if (callbacks.region_changed) callbacks.region_changed();
+  if (is_new(BRISEL_KEY_REGION, &region) && callbacks.region_changed) callbacks.region_changed();
 }
 
 void time_changed_cb(keynode_t *node, void *data) {
@@ -165,6 +179,8 @@ void app_locale_init(void) {
 
 void app_locale_start(const app_locale_callbacks *told) {
   callbacks = *told;
+  is_new(BRISEL_KEY_LANGUAGE, &language);
+  is_new(BRISEL_KEY_REGION, &region);
   platform_language_apply();
   apply_direction();
   vconf_notify_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb, nullptr);

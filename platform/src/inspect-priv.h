@@ -54,7 +54,8 @@ std::string inspect_screenshot(Evas_Object *window, const char *file);
 
 /* inspect-stats.cpp: what "brisel-watchctl stats" prints as JSON; nanoseconds of the monotonic clock.
    first_screen_ns: the first frame drawn after the first launch request was handled, 0 before it. frames_ns: the time
-   each frame took to draw. events_ns: from the wake-up that brought a change to the end of the frame that shows it.
+   each frame took to draw, and pixels how many it drew: all of the window's where nothing but memory is drawn into.
+   events_ns: from the wake-up that brought a change to the end of the frame that shows it.
    iterations, longest_iteration_ns: of the main loop, without its sleep. reset forgets all but the first screen. */
 void inspect_stats_attach(Evas_Object *window);
 void inspect_stats_detach(void);

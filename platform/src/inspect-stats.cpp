@@ -24,6 +24,7 @@ struct statistics {
   int64_t longest_iteration = 0;
   int64_t iterations = 0;
   std::vector<int64_t> frames;
+  std::vector<int64_t> pixels; /* that each of them drew */
   std::vector<int64_t> waits;
 } stats;
 
@@ -50,10 +51,22 @@ void frame_begins_cb(void *data, Evas *e, void *event_info) {
   stats.frame_since = now_ns();
 }
 
+int64_t pixels_of(const Evas_Event_Render_Post *frame) {
+  int64_t pixels = 0;
+  for (const Eina_List *cell = frame ? frame->updated_area : nullptr; cell; cell = cell->next) {
+    const auto *area = static_cast<const Eina_Rectangle *>(cell->data);
+    pixels += static_cast<int64_t>(area->w) * area->h;
+  }
+  return pixels;
+}
+
 void frame_ends_cb(void *data, Evas *e, void *event_info) {
   const int64_t now = now_ns();
   if (stats.launched && !stats.first_screen) stats.first_screen = now;
-  if (stats.frame_since && stats.frames.size() < frames_kept) stats.frames.push_back(now - stats.frame_since);
+  if (stats.frame_since && stats.frames.size() < frames_kept) {
+    stats.frames.push_back(now - stats.frame_since);
+    stats.pixels.push_back(pixels_of(static_cast<const Evas_Event_Render_Post *>(event_info)));
+  }
   const int64_t since = stats.waiting_since ? stats.waiting_since : stats.busy_since;
   if (since && stats.waits.size() < frames_kept) stats.waits.push_back(now - since);
   stats.waiting_since = 0;
@@ -85,11 +98,13 @@ std::string inspect_stats(bool reset) {
   out["iterations"] = stats.iterations;
   out["longest_iteration_ns"] = stats.longest_iteration;
   out["frames_ns"] = stats.frames;
+  out["pixels"] = stats.pixels;
   out["events_ns"] = stats.waits;
   if (reset) {
     stats.iterations = stats.longest_iteration = stats.waiting_since = 0;
     stats.busy_since = 0; /* this very wake-up is not counted */
     stats.frames.clear();
+    stats.pixels.clear();
     stats.waits.clear();
   }
   return out.dump();

@@ -1,5 +1,6 @@
 """Settings changed from another process show at once on every open screen."""
 import itertools
+import json
 
 from brisel_test import equal, mail, main, options
 
@@ -133,6 +134,20 @@ def test_on_a_round_display_nothing_lies_outside_the_circle(s):
     s.wait_gone(s.text("IDS_EMAIL_SK_REPLY"))
     look("Q")
 
+
+def test_what_is_told_again_draws_nothing(s):
+    arrange(s)
+    s.launch()
+    for key, kind, value in (("file/private/brisel/list_subject", "bool", "false"), ("db/setting/date_format", "int", 1),
+                             ("db/menu_widget/regionformat_time1224", "int", 1), ("db/menu_widget/language", "string", "de"),
+                             ("db/menu_widget/regionformat", "string", "de_DE"), ("db/setting/theme", "string", "light"),
+                             ("memory/wms/wmanager_connected", "bool", "true")):
+        s.setting(key, kind, value)
+        s.rest()
+        s.watch("stats", "--reset")
+        s.setting(key, kind, value)
+        s.rest()
+        equal(sum(json.loads(s.watch("stats"))["pixels"]), 0, f"pixels drawn for {key}")
 
 if __name__ == "__main__":
     main(globals())
