@@ -213,6 +213,10 @@ void brisel_detail_unregister_pickover(view_data *vd) {
   brisel_detail_view *view_data = (brisel_detail_view *)vd;
   view_data->is_paused = 1;
   __brisel_detail_stop_building(view_data);
+  __brisel_detail_end_place(view_data);
+  __brisel_detail_stop_pages(view_data);
+  for (const page_data *page : view_data->page_data)
+    if (page) brisel_view_stop_scrolling(page->scroller);
   if (view_data->pickover_timer) ecore_timer_del(view_data->pickover_timer);
   view_data->pickover_timer = nullptr;
   __brisel_detail_unregister_pickover(view_data);

@@ -237,8 +237,20 @@ static Eina_Bool __brisel_detail_page_timer_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
+void __brisel_detail_stop_pages(brisel_detail_view *view_data) {
+  if (view_data->page_timer) ecore_timer_del(view_data->page_timer);
+  view_data->page_timer = nullptr;
+  if (__brisel_detail_touch.is_mouse_down || __brisel_detail_touch.other_fingers) return; /* the lift comes back here */
+  const int place = __brisel_detail_place_of_mail(view_data, view_data->aimed_id);
+  if (place >= 0 && __brisel_detail_is_box_laid_out(view_data) && __brisel_detail_place_on_screen(view_data) != place)
+    elm_scroller_page_show(view_data->page_scroller, place, 0);
+  __brisel_detail_turn_to_aimed(view_data);
+}
+
 void __brisel_detail_settle_soon(brisel_detail_view *view_data) {
-  if (!view_data->page_timer)
+  if (view_data->is_paused)
+    __brisel_detail_stop_pages(view_data);
+  else if (!view_data->page_timer)
     view_data->page_timer = ecore_timer_add(page_shift_delay, __brisel_detail_page_timer_cb, view_data);
 }
 

@@ -189,6 +189,8 @@ void __brisel_detail_create_box(brisel_detail_view *view_data);
    page moves; it comes back by itself then. */
 void __brisel_detail_settle(brisel_detail_view *view_data);
 void __brisel_detail_settle_soon(brisel_detail_view *view_data);
+/* The pages stand at once where they move to. */
+void __brisel_detail_stop_pages(brisel_detail_view *view_data);
 /* The page that is acted on: the one on screen, or on its way there with no finger on it. */
 page_data *__brisel_detail_page_on_screen(brisel_detail_view *view_data);
 /* Who listens is told of the current page alone; the window is called by its sender. */

@@ -374,3 +374,12 @@ void brisel_view_offer_again(appdata *ad, int (*again)(void *data), void (*drop)
   offer = {popup, again, drop, data};
   evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _offer_gone_cb, nullptr);
 }
+
+void brisel_view_stop_scrolling(Evas_Object *scroller) {
+  if (!scroller) return;
+  int x = 0, y = 0, w = 0, h = 0;
+  elm_scroller_region_get(scroller, &x, &y, &w, &h);
+  /* A place that it shows already would let it go on. */
+  elm_scroller_region_show(scroller, x, y > 0 ? y - 1 : y + 1, w, h);
+  elm_scroller_region_show(scroller, x, y, w, h);
+}

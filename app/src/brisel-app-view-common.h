@@ -112,6 +112,9 @@ char *brisel_view_sender_title(const full_noti_data *mail);
    the caller frees with free(), or NULL when address is no phone number. */
 char *brisel_view_phone_number(const char *address);
 
+/* A list or scroller that moves stands still where it is. NULL: nothing. */
+void brisel_view_stop_scrolling(Evas_Object *scroller);
+
 /* --- popups --- */
 
 /* Makes a text of the popup or of its button ("button1", "button2") follow the language; id in the domain "brisel". */
