@@ -14,7 +14,7 @@ BUILD = pathlib.Path(__file__).resolve().parent.parent
 os.environ["BRISEL_BUILD"] = str(BUILD)
 sys.path[:0] = ["@SOURCE@/tools/lib", "@SOURCE@/bench/lib"]
 from brisel_drive import Session, mail  # noqa: E402
-from figures import emit  # noqa: E402
+from figures import emit, wakeups  # noqa: E402
 
 RUNS = int(sys.argv[1]) if len(sys.argv) > 1 else 5
 SIZES = [int(n) for n in sys.argv[2:]] or [100, 1000, 10000, 20000]
@@ -33,11 +33,6 @@ def memory(pid):
     peak = next(int(line.split()[1]) for line in open(f"/proc/{pid}/status") if line.startswith("VmHWM"))
     pss = next(int(line.split()[1]) for line in open(f"/proc/{pid}/smaps_rollup") if line.startswith("Pss:"))
     return peak / 1024, pss / 1024
-
-
-def wakeups(pid):
-    return sum(int(line.split()[1]) for task in pathlib.Path(f"/proc/{pid}/task").iterdir()
-               for line in open(task / "status") if line.startswith("voluntary_ctxt_switches"))
 
 
 def bare(session, rows, scroll=False):

@@ -10,6 +10,7 @@ A benchmark program writes, on a line of its own among whatever else it prints, 
 """
 import json
 import math
+import pathlib
 import statistics
 
 PREFIX = "FIGURE "
@@ -47,6 +48,12 @@ def figures_of(text):
         else:
             nonsense = nonsense or f"handed out what is no figure: {line[:200]}"
     return found, nonsense
+
+
+def wakeups(pid):
+    """How often a process's threads have left a sleep so far."""
+    return sum(int(line.split()[1]) for task in pathlib.Path(f"/proc/{pid}/task").iterdir()
+               for line in open(task / "status") if line.startswith("voluntary_ctxt_switches"))
 
 
 def middle(samples):

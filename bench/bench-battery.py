@@ -1,0 +1,275 @@
+#!/usr/bin/env python3
+"""What the watch's battery pays for: bytes and syncs of the disk for a mail and for each action, the share of the window
+that is drawn for each change and for none, and wake-ups while the display is off, in every screen. With a real display,
+because the engine without one always draws the whole window.   usage: bench-battery [PART ...] (disk, draw, pause)"""
+import collections
+import contextlib
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import time
+
+BUILD = pathlib.Path(__file__).resolve().parent.parent
+os.environ["BRISEL_BUILD"] = str(BUILD)
+sys.path[:0] = ["@SOURCE@/tools/lib", "@SOURCE@/bench/lib", "@SOURCE@/tests/harness"]
+from brisel_drive import Session, mail  # noqa: E402
+from brisel_test import start_display  # noqa: E402
+from figures import emit, wakeups  # noqa: E402
+
+PARTS = sys.argv[1:] or ["disk", "draw", "pause"]
+WIDTH, HEIGHT = 360, 480
+ROW = 78 * WIDTH / (WIDTH * HEIGHT)
+T0 = 1767600000
+TIMES = 10
+BODY = "A line of text.\n" * 120
+SUBJECTS = "file/private/brisel/list_subject"
+
+
+def process_of(session, name):
+    for process in pathlib.Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(OSError):  # another's, or gone
+            if ((process / "comm").read_text().strip() == name
+                    and f"BRISEL_SESSION_DIR={session.dir}".encode() in (process / "environ").read_bytes().split(b"\0")):
+                return int(process.name)
+    sys.exit(f"bench-battery: no process {name}")
+
+
+def send(session, number, when):
+    return session.send(1, mail(f"Subject {number}", BODY, f"Sender {number % 7} <s{number % 7}@example.org>", when))[0]
+
+
+def is_read(session, mail_id):
+    return next((one["is_read"] for one in session.mails() if one["mail_id"] == mail_id), None)
+
+
+def open_typed(session):
+    """From the reader: a reply, and the keypad is up."""
+    session.setting("file/private/msg-consumer-server/reply_value", "int", 3)
+    session.watch("keyboard", "Menu")
+    session.tap(session.text("IDS_EMAIL_SK_REPLY"))
+    session.wait_text("123")
+    session.rest()
+    session.setting("file/private/msg-consumer-server/reply_value", "int", 0)
+
+
+# --- the disk ---
+
+
+class Disk:
+    """What processes write to files, and how often they wait for the disk."""
+
+    def __init__(self, session, *commands):
+        self.out = session.dir / f"trace-{time.monotonic_ns()}"
+        self.process = subprocess.Popen(["strace", "-f", "-y", "-o", self.out, "-e", "trace=write,writev,pwrite64,pwritev,fsync,fdatasync",
+                                         *commands], env=session.env, stderr=subprocess.PIPE, stdout=subprocess.DEVNULL, text=True)
+        if not commands or commands[0] == "-p":
+            self.process.stderr.readline()  # it is attached
+
+    def end(self):
+        """KiB and syncs."""
+        self.process.terminate()
+        return self.ended()
+
+    def ended(self):
+        self.process.communicate()
+        count = collections.Counter()
+        for line in self.out.read_text(errors="replace").splitlines():
+            if "sync(" in line:
+                count["syncs"] += 1
+            elif found := re.search(r"write(?:v|64)?\(\d+<(/[^>]*)>.* = (\d+)$", line):
+                if not found[1].startswith("/dev/") and not found[1].endswith("brisel.log"):
+                    count["bytes"] += int(found[2])
+        return count["bytes"] / 1024, count["syncs"]
+
+
+def disk(session, ids):
+    watch = [f"-p{process_of(session, name)}" for name in ("brisel-hostd", "brisel")]
+
+    def measure(what, action, bare=None):
+        trace = Disk(session, "-p", watch[0][2:], watch[1])
+        for n in range(TIMES):
+            action(n)
+        time.sleep(0.5)
+        kib, syncs = trace.end()
+        emit(f"written to the watch's disk: {what}", "KiB", [kib / TIMES], bare and [bare / 1024], "its own bytes")
+        emit(f"waits for the watch's disk: {what}", "syncs", [syncs / TIMES])
+
+    def opened(n):
+        session.launch(brisel_id=ids[n])
+        session.wait(lambda: is_read(session, ids[n]), "the mark")
+
+    def deleted(n):
+        session.launch(brisel_id=ids[n])
+        session.wait_text(f"Subject {n}", part=False)
+        session.rest()
+        session.watch("keyboard", "Delete")
+        session.rest()
+        session.watch("keyboard", "Return")
+        session.wait(lambda: is_read(session, ids[n]) is None, "the deletion")
+
+    def replied(n):
+        before = len(session.requests("reply"))
+        session.launch(brisel_id=ids[TIMES])
+        session.rest()
+        session.watch("keyboard", "Menu")
+        session.tap(session.text("IDS_EMAIL_SK_REPLY"))
+        template = session.text("IDS_MSG_TEMPLATE_1", "message")
+        session.wait_text(template)
+        session.rest()
+        session.tap(template)
+        session.tap(session.text("IDS_COM_SK_SEND"))
+        session.wait(lambda: len(session.requests("reply")) > before, "the reply")
+
+    measure("a mail that comes", lambda n: send(session, n, T0 + n), len(BODY))
+    measure("an unread mail opened", opened)
+    measure("a mail deleted", deleted)
+    opened(TIMES)
+    measure("a reply", replied)
+    changed = [Disk(session, "brisel-watchctl", "setting", "set", SUBJECTS, "bool", value).ended() for value in ("false", "true")]
+    emit("written to the watch's disk: a setting", "KiB", [one[0] for one in changed])
+    emit("waits for the watch's disk: a setting", "syncs", [one[1] for one in changed])
+
+
+# --- drawing ---
+
+
+def draw(session, ids):
+    phone = session.running[0][0]
+
+    def drawn(action, seconds):
+        session.watch("stats", "--reset")
+        action()
+        time.sleep(seconds)
+        return [pixels / (WIDTH * HEIGHT) for pixels in json.loads(session.watch("stats"))["pixels"]]
+
+    def whole(what, action, bare=None, beside="", seconds=1.0):
+        emit(f"drawn: {what}", "windows", [sum(drawn(action, seconds))], bare and [bare], beside)
+
+    def each(what, action, seconds=1.5):
+        shares = [share for share in drawn(action, seconds) if share > 0]
+        emit(f"drawn in a frame: {what}", "windows", shares or [0])
+
+    def nothing():
+        pass
+
+    whole("nothing happens in the list, 5 s", nothing, seconds=5)
+    whole("a mail out of sight is read", lambda: session.phone("mail", "update", ids[40], "--read"))
+    whole("a setting gets the value it has", lambda: session.setting(SUBJECTS, "bool", "true"))
+    for key, kind, value in (("db/setting/date_format", "int", 1), ("db/menu_widget/regionformat_time1224", "int", 1),
+                             ("db/setting/theme", "string", "light"), ("db/setting/motion", "bool", "true"),
+                             ("db/setting/accessibility/font_size", "int", 1), ("db/menu_widget/language", "string", "en"),
+                             ("db/menu_widget/regionformat", "string", "en_GB")):
+        session.setting(key, kind, value)
+        session.rest()
+        whole(f"the same of {key}", lambda: session.setting(key, kind, value))
+    whole("the link is told again", lambda: session.setting("memory/wms/wmanager_connected", "bool", "true"))
+    whole("templates and states are told again",
+          lambda: [session.phone("template", "set", "Yes", "No"), session.phone("status", "reply", 0), session.phone("account", "count", "known")])
+    for n in 1, 2, 3:
+        whole(f"a mail in sight is read, {n}", lambda: session.phone("mail", "update", ids[n], "--read"), ROW, "its row")
+    whole("a mail comes below what is in sight", lambda: send(session, 50, T0 - 5000))
+    whole("a mail comes in sight", lambda: send(session, 51, T0 + 60))
+    whole("the link goes", lambda: session.stop_serve(phone))
+    whole("the link comes", session.serve)
+    each("the list is scrolled", lambda: session.scroll(seconds=0.3))
+    session.launch(brisel_id=ids[5])
+    session.rest()
+    time.sleep(1.5)  # the title has said which mail it is
+    whole("nothing happens in the reader, 5 s", nothing, seconds=5)
+    whole("another mail is read beside the reader", lambda: session.phone("mail", "update", ids[41], "--read"))
+    each("a mail is scrolled", lambda: session.scroll(seconds=0.3))
+    each("a page is turned", lambda: session.swipe("left"))
+    open_typed(session)
+    time.sleep(1)
+    whole("nothing happens in the typed reply, 5 s", nothing, seconds=5)
+    for letter in "ab":
+        whole(f"a letter is typed, {letter}", lambda: session.watch("type", letter))
+    session.watch("key", "back")
+    session.rest()
+
+
+# --- the display is off ---
+
+
+def pause(session, ids):
+    process = process_of(session, "brisel")
+
+    def off(screen, reach):
+        """What is under way is over or put off within a second and a half, the fading of a bar beside what was scrolled."""
+        session.watch("resume")
+        for _ in range(6):
+            if len(session.dump()["views"]) == 1:
+                break
+            session.watch("key", "back")
+            session.watch("resume")
+            session.rest()
+        while not session.find("Subject 0"):
+            session.scroll(up=False, seconds=0.1)
+            session.rest()
+        reach()
+        session.watch("pause")
+        time.sleep(1.5)
+        before = wakeups(process)
+        time.sleep(4)
+        emit(f"wake-ups in 4 seconds with the display off: {screen}", "", [wakeups(process) - before])
+
+    def reader():
+        session.launch(brisel_id=ids[7])
+
+    def options():
+        reader()
+        session.rest()
+        session.watch("keyboard", "Menu")
+        session.wait_text(session.text("IDS_EMAIL_SK_REPLY"))
+
+    def typed():
+        reader()
+        session.rest()
+        open_typed(session)
+
+    def question():
+        reader()
+        session.rest()
+        session.watch("keyboard", "Delete")
+
+    def swept():
+        row = session.wait_text("Subject 2", part=False)
+        y = int(row["y"])
+        session.watch("drag", int(WIDTH * 0.8), y, int(WIDTH * 0.2), y, 0.2)
+
+    off("list", lambda: session.rest())
+    off("list under way", lambda: session.scroll(seconds=0.1))
+    off("row swept aside", swept)
+    off("mail just opened", reader)
+    off("mail under way", lambda: [reader(), session.scroll(seconds=0.1)])
+    off("page under way", lambda: [reader(), session.rest(), session.swipe("left", 0.1)])
+    off("question", question)
+    off("actions", options)
+    off("typed reply, keypad up", typed)
+    session.watch("resume")
+
+
+def main():
+    display, name = start_display(os.environ)
+    try:
+        with Session(size=f"{WIDTH}x{HEIGHT}", window=True, env={"DISPLAY": name}) as session:
+            session.serve()
+            session.account("bench@example.net")
+            session.phone("account", "count", "known")
+            session.phone("status", "reply", 0)
+            ids = [send(session, n, T0 - n * 60) for n in range(60)]
+            session.launch()
+            session.rest()
+            time.sleep(1)
+            for part in (draw, pause, disk):
+                if part.__name__ in PARTS:
+                    part(session, ids)
+    finally:
+        display.terminate()
+        display.wait()
+
+
+main()
