@@ -252,6 +252,7 @@ void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_da
   __brisel_detail_go_to_place(page);
 
   __brisel_detail_set_attachment_text(view_data, page);
+  __brisel_detail_name_page(page);
   __brisel_detail_draw_buttons(view_data, page);
   __brisel_detail_process_signals(layout);
   /* Its text is on the way still, asked for before the page was built. */

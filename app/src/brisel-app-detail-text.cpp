@@ -162,11 +162,12 @@ static void __brisel_detail_fold_body(const page_data *page) {
 }
 
 /* A page's parts say nothing to who only listens: it is read as a whole. */
-static void __brisel_detail_name_page(const page_data *page) {
+void __brisel_detail_name_page(const page_data *page) {
   if (!brisel_view_is_spoken()) return;
   std::string name;
-  for (const char *text :
-       {brisel_view_sender(page->mail_data), (const char *)page->mail_data->subject, page->text->source.c_str()})
+  for (const char *text : {brisel_view_sender(page->mail_data), (const char *)page->mail_data->subject,
+                           elm_object_part_text_get(page->detail_layout, "detail.time"), page->text->source.c_str(),
+                           elm_object_part_text_get(page->detail_layout, "detail.attachment")})
     if (text && *text) name.append(name.empty() ? "" : ", ").append(text);
   brisel_view_set_spoken_name(page->detail_layout, name.c_str());
 }

@@ -158,6 +158,8 @@ void __brisel_detail_stop_building(brisel_detail_view *view_data);
 /* --- the mail's own texts on it: brisel-app-detail-text.cpp --- */
 
 void __brisel_detail_set_subject(page_data *page);
+/* What who listens is told of the page: its texts as they are now. */
+void __brisel_detail_name_page(const page_data *page);
 /* Makes the body ready to be shown; shows what is ready; both. */
 void __brisel_detail_read_body(page_data *page);
 void __brisel_detail_show_body(const page_data *page);

@@ -77,7 +77,10 @@ def test_every_screen_is_told_and_nothing_that_it_hides(s):
         heard(reader, ("dialog", text("IDS_EMAIL_HEADER_SET_UP_EMAIL")), ("push button", text("IDS_EMAIL_SK_CANCEL_ABB")),
               ("push button", text("IDS_COM_SK_OK")))
         account = s.account("first@example.net")
-        s.send(account, mail("The lunch", "x", "Ann <ann@example.org>", 1388833503),
+        attached = mail("The lunch", "--b\nContent-Type: text/plain\n\nx\n--b\nContent-Disposition: attachment; filename=f.bin\n"
+                        "Content-Type: application/pdf\n\nz\n--b--", "Ann <ann@example.org>", 1388833503)
+        attached = attached.replace("text/plain; charset=utf-8", 'multipart/mixed; boundary="b"', 1)
+        s.send(account, attached,
                *[mail("Old", "y", f"Sender {i} <s@example.org>", 1388830000 - i) for i in range(30)], args=("--received", "1388833503"))
         s.wait_text("Ann")
         told = heard(reader, ("page tab", text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3")), ("push button", text("IDS_EMAIL_BODY_DELETE")))
@@ -94,7 +97,7 @@ def test_every_screen_is_told_and_nothing_that_it_hides(s):
         s.watch("keyboard", "Escape")
         s.tap("Ann")
         s.wait_text("The lunch", part=False)
-        told = heard(reader, ("page tab", "Ann"), ("filler", "Ann, The lunch, x"), ("push button", text("IDS_EMAIL_SK_REPLY")))
+        told = heard(reader, ("page tab", "Ann"), ("filler", "Ann, The lunch, 04/01/2014 11:05, x, " + text("IDS_EMAIL_BODY_1_ATTACHMENT")), ("push button", text("IDS_EMAIL_SK_REPLY")))
         equal([name for _, name in told if "Sender" in name], [], "of the page beside")
         equal([name for _, name in told].count(text("IDS_EMAIL_BODY_MORE_ACTIONS")), 1, "more")
         s.watch("keyboard", "Delete")
