@@ -125,7 +125,8 @@ def test_every_screen_is_told_and_nothing_that_it_hides(s):
 def test_a_reader_that_comes_later_and_another_language_are_told_all(s):
     s.serve()
     s.phone("account", "count", "known")
-    s.send(s.account("me@example.net"), *[mail("Old", "y", f"Sender {i} <s@example.org>") for i in range(30)])
+    s.send(s.account("me@example.net"), *[mail("Old", "y", f"Sender {i} <s@example.org>", 1388830000 - i)
+                                         for i in range(30)])
     s.launch()
     s.wait_text("Sender 0")
     reader = Reader(s)
