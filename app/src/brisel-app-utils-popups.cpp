@@ -1,6 +1,5 @@
 /* The popup kit: popups, toasts and the progress bar. Every screen makes its popups here. */
 #define EFL_BETA_API_SUPPORT /* for the names that a screen reader says */
-#include <cstring>
 #include <iterator>
 #include <string>
 #include <string_view>
@@ -31,9 +30,6 @@ static void _name_popup(Evas_Object *popup) {
   const scoped_text plain(title ? elm_entry_markup_to_utf8(title) : nullptr);
   if (plain && *plain) efl_access_object_i18n_name_set(popup, plain.get());
 }
-
-/* Before a title that may be of any length: what the popup is about needs the room. */
-static constexpr char name_in_a_line[] = "<wrap=none><ellipsis=1.0>";
 
 static constexpr char small_title[] = "brisel/small_title";
 
@@ -79,29 +75,21 @@ Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
 
 static constexpr char whole_name[] = "brisel/whole_name";
 
-static void _show_name(Evas_Object *popup, const char *name) {
-  const bool is_whole = evas_object_data_get(popup, whole_name);
-  elm_object_part_text_set(popup, "title,text", (std::string(is_whole ? "" : name_in_a_line) + name).c_str());
-}
-
 /* The title is what lies above the content. A drag that the scroller below has taken is no touch of it. */
 static void _name_touched_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   const Evas_Event_Mouse_Up *event = (const Evas_Event_Mouse_Up *)event_info;
   int top = 0;
   evas_object_geometry_get(elm_object_content_get(obj), nullptr, &top, nullptr, nullptr);
   if (event->canvas.y >= top || (event->event_flags & EVAS_EVENT_FLAG_ON_HOLD)) return;
-  const std::string_view title = elm_object_part_text_get(obj, "title,text");
-  const std::string name(title.substr(title.starts_with(name_in_a_line) ? strlen(name_in_a_line) : 0));
   const bool is_whole = !evas_object_data_del(obj, whole_name);
   if (is_whole) evas_object_data_set(obj, whole_name, obj);
-  _show_name(obj, name.c_str());
   elm_layout_signal_emit(obj, is_whole ? "elm,state,title,whole" : "elm,state,title,part", "elm");
 }
 
 void brisel_util_popup_set_name(Evas_Object *popup, const char *name) {
   evas_object_event_callback_del(popup, EVAS_CALLBACK_MOUSE_UP, _name_touched_cb);
   evas_object_event_callback_add(popup, EVAS_CALLBACK_MOUSE_UP, _name_touched_cb, nullptr);
-  _show_name(popup, name);
+  elm_object_part_text_set(popup, "title,text", name);
 }
 
 /* Popups live on the view stack; before the main screen is built there is only the window. */
