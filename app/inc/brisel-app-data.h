@@ -129,6 +129,8 @@ void brisel_check_current_mailbox_account_by_mail_id(int mail_id, appdata *ad);
 void brisel_delete_sweep_item(appdata *ad);
 /* Before all of mail_list is walked: a refresh reads what the first screen shows, and the rest at idle time. */
 void brisel_complete_mail_list(appdata *ad);
+/* As far as to the mail and so many unlocked ones behind it; all of it where there are fewer. */
+void brisel_complete_mail_list_around(int mail_id, int unlocked, appdata *ad);
 /* The rows that the first screen shows, where the last refresh left them for idle time. */
 void brisel_make_first_rows(appdata *ad);
 /* Empties mail_list: its cells, and the records that have no row yet. Rows free their own. */

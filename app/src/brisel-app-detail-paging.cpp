@@ -177,7 +177,7 @@ static void __brisel_detail_arrange(brisel_detail_view *view_data, page_data *cu
   int old_slot = (int)(std::find(standing, standing + BRISEL_DETAIL_PAGE_MAX, current) - standing);
   pages[BRISEL_DETAIL_CUR_PAGE] = current;
   standing[old_slot] = nullptr;
-  brisel_complete_mail_list(view_data->ad);
+  brisel_complete_mail_list_around(mail_id, BRISEL_DETAIL_PAGE_MAX - BRISEL_DETAIL_CUR_PAGE - 1, view_data->ad);
   if (GList *node = __brisel_detail_get_list_by_mail_id(mail_id, view_data->ad->mail_list)) {
     GList *prev = __brisel_detail_update_neighbor(node->prev, BRISEL_DETAIL_PREV_PAGE, view_data);
     GList *next = __brisel_detail_update_neighbor(node->next, BRISEL_DETAIL_NEXT_PAGE, view_data);

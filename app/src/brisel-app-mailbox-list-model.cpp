@@ -296,6 +296,18 @@ void brisel_complete_mail_list(appdata *ad) {
   _read_more_places(ad, 0);
 }
 
+void brisel_complete_mail_list_around(int mail_id, int unlocked, appdata *ad) {
+  while (places_wait) {
+    GList *cell = ad->mail_list;
+    while (cell && ((item_data *)cell->data)->mail_id != mail_id) cell = cell->next;
+    int wanted = unlocked;
+    while (cell && wanted > 0 && (cell = cell->next))
+      if (!((item_data *)cell->data)->security_locked) wanted--;
+    if (wanted == 0) return;
+    _read_more_places(ad, places_at_once);
+  }
+}
+
 /* A mail that left the store after its place was read has no row; its event is on the way. */
 static void _drop_place(appdata *ad, GList *cell, group_item_data *group) {
   item_data *item = (item_data *)cell->data;
