@@ -106,8 +106,7 @@ def disk(session, ids):
         session.wait_text(f"Subject {n}", part=False)
         session.rest()
         session.watch("keyboard", "Delete")
-        session.rest()
-        session.watch("keyboard", "Return")
+        session.tap(session.text("IDS_COM_SK_OK"))
         session.wait(lambda: is_read(session, ids[n]) is None, "the deletion")
 
     def replied(n):
