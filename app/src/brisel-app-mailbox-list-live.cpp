@@ -319,6 +319,8 @@ void brisel_check_current_mailbox_account_by_mail_id(int mail_id, appdata *ad) {
   if (mail->account_id == ad->account_id) return;
   BRISEL_INFO("ad->account_id is changed by new mail(%d -> %d)", ad->account_id, mail->account_id);
   ad->account_id = mail->account_id;
+  /* From further down it would be held at the end of its first rows when they are laid out later than shown. */
+  if (ad->mailbox_genlist) elm_scroller_region_show(ad->mailbox_genlist, 0, 0, 1, 1);
   _refresh_mailbox_list(ad);
   Elm_Object_Item *first = ad->mailbox_genlist ? elm_genlist_first_item_get(ad->mailbox_genlist) : nullptr;
   if (first) elm_genlist_item_show(first, ELM_GENLIST_ITEM_SCROLLTO_TOP);
