@@ -85,6 +85,11 @@ static bool __brisel_detail_fill_page(brisel_detail_view *view_data, page_data *
 
 /* The next step of a page: what it has says which. False when it failed, which is logged. */
 static bool __brisel_detail_build_on(brisel_detail_view *view_data, page_data *page) {
+  if (page->is_stale) {
+    page->is_stale = 0;
+    __brisel_detail_renew_page(view_data, page);
+    return true;
+  }
   if (!page->has_mail) return __brisel_detail_read_mail(page, page->mail_data->mail_id);
   if (!page->scroller) return __brisel_detail_frame_page(view_data, page);
   if (!page->text) {
@@ -98,7 +103,7 @@ static bool __brisel_detail_build_on(brisel_detail_view *view_data, page_data *p
 }
 
 static bool __brisel_detail_build_whole(brisel_detail_view *view_data, page_data *page) {
-  while (!page->is_built)
+  while (!page->is_built || page->is_stale)
     if (!__brisel_detail_build_on(view_data, page)) return false;
   return true;
 }
@@ -124,7 +129,7 @@ bool __brisel_detail_finish_page(brisel_detail_view *view_data, page_data *page)
 static page_data *__brisel_detail_unbuilt_page(const brisel_detail_view *view_data) {
   for (int slot :
        {BRISEL_DETAIL_NEXT_PAGE, BRISEL_DETAIL_PREV_PAGE, BRISEL_DETAIL_NEXT_NEXT_PAGE, BRISEL_DETAIL_PREV_PREV_PAGE})
-    if (page_data *page = view_data->page_data[slot]; page && !page->is_built) return page;
+    if (page_data *page = view_data->page_data[slot]; page && (!page->is_built || page->is_stale)) return page;
   return nullptr;
 }
 

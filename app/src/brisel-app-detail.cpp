@@ -145,9 +145,10 @@ void brisel_detail_update_mails(GSList *ids, appdata *ad) {
   if (!view_data) return;
   for (page_data *page : view_data->page_data)
     if (page && g_slist_find(ids, GINT_TO_POINTER(page->mail_data->mail_id)))
-      __brisel_detail_renew_page(view_data, page);
+      page->is_stale = 1; /* an opened mail makes all others old: five long ones read at once would hold a frame up */
   /* A neighbour may have been locked, or a locked mail opened. */
   brisel_detail_update_neighbors(ad->mail_id, ad);
+  __brisel_detail_build_soon(view_data);
 }
 
 int brisel_detail_update_datetime_format(appdata *ad) {

@@ -43,6 +43,7 @@ struct page_data {
   unsigned char *tapped;          /* which of these two the tap before has turned; a double tap takes that back */
   unsigned char has_mail;         /* until then mail_data has nothing but the id */
   unsigned char is_built;         /* until then what is not there yet is NULL */
+  unsigned char is_stale;         /* its mail has changed: read again with the next step */
 };
 
 struct brisel_detail_view;
@@ -151,7 +152,8 @@ page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *vie
 page_data *__brisel_detail_draw_bare_page(brisel_detail_view *view_data, int mail_id);
 /* What is left of a page, now. False when it failed: the page is gone. */
 bool __brisel_detail_finish_page(brisel_detail_view *view_data, page_data *page);
-/* What is left of the pages beside, while the loop is idle; nothing while the application is paused. */
+/* What is left of the pages, and of what changed of their mails, while the loop is idle; nothing while the application
+ * is paused. */
 void __brisel_detail_build_soon(brisel_detail_view *view_data);
 void __brisel_detail_stop_building(brisel_detail_view *view_data);
 
