@@ -6,7 +6,9 @@
 #include <cstring>
 #include <vector>
 
+#include "brisel-bus.h"
 #include "brisel-settings.h"
+#include "bus-loop.h"
 #include "dlog.h"
 #include "standin.h"
 #include "vconf.h"
@@ -18,6 +20,7 @@ constexpr char answer_key[] = "__BT_CONNECTION__";
 
 standin_window window;
 std::vector<service_h> waiting;
+sd_bus_track *asker; /* who waits without our window; NULL: nobody does */
 
 bool linked(void) {
   int value = 0;
@@ -46,6 +49,17 @@ void link_changed_cb(keynode_t *node, void *data) {
   if (linked()) answer_all(true);
 }
 
+/* Nobody would see us, or end us. */
+int asker_gone_cb(sd_bus_track *track, void *data) {
+  if (!evas_object_visible_get(window.win)) answer_all(false);
+  return 0;
+}
+
+void wait_without_window(void) {
+  if (asker || !bus_loop_session() || sd_bus_track_new(bus_loop_session(), &asker, asker_gone_cb, nullptr) < 0) return;
+  sd_bus_track_add_name(asker, application_name);
+}
+
 void cancel_cb(void) {
   answer_all(false);
 }
@@ -64,6 +78,7 @@ void terminate_cb(void *data) {
     service_destroy(request);
   }
   waiting.clear();
+  sd_bus_track_unref(asker);
 }
 
 int launched_cb(service_h service, void *data) {
@@ -80,7 +95,10 @@ int launched_cb(service_h service, void *data) {
   service_get_extra_data(service, "window", &wanted);
   const bool is_silent = wanted && strcmp(wanted, "none") == 0;
   free(wanted);
-  if (is_silent) return 0;
+  if (is_silent) {
+    wait_without_window();
+    return 0;
+  }
   evas_object_show(window.win);
   elm_win_activate(window.win);
   return 0;

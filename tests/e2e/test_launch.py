@@ -4,7 +4,7 @@ import itertools
 import socket
 import subprocess
 
-from brisel_test import equal, mail, main, options
+from brisel_test import equal, kill_owner, mail, main, options
 
 SUBJECT = "The subject of the open mail"
 SENDER = "Open Sender"
@@ -122,6 +122,10 @@ def test_the_answer_of_the_link_popup_returns_to_the_mailbox(s):
 
 
 def test_without_link_and_count_the_answer_leads_to_connecting(s):
+    s.launch()
+    s.wait(lambda: link_popup_up(s), "the link popup")
+    kill_owner(s, "com.vextora.brisel")
+    s.wait(lambda: not link_popup_up(s), "who waits without a window to go with who asked")
     s.launch()
     s.wait(lambda: link_popup_up(s), "the link popup")
     s.serve()
