@@ -157,10 +157,11 @@ int brisel_util_bluetooth_connection_popup(appdata *ad, service_reply_cb reply_c
   scoped_service service(handle);
   service_set_app_id(handle, "com.vextora.bt-connection-popup");
   if (msg) service_add_extra_data(handle, "msg", msg);
-  /* Before any phone has said how many accounts there are, the screen of the first minute says what to do. */
-  int is_count_known = 1;
-  if (msg && !strcmp(msg, "refresh") && brisel_db_is_valid_target_account_count(&is_count_known) == 0 &&
-      !is_count_known)
+  /* Before any phone has said how many accounts there are, the screen of the first minute says what to do. A store that
+     is only being made cannot be asked yet. */
+  int is_count_known = 0;
+  if (msg && !strcmp(msg, "refresh") &&
+      (brisel_db_is_valid_target_account_count(&is_count_known) != 0 || !is_count_known))
     service_add_extra_data(handle, "window", "none");
   const int result = service_send_launch_request(handle, reply_cb, ad);
   ad->link_popup_came = result == SERVICE_ERROR_NONE;
