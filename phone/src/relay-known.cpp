@@ -120,6 +120,21 @@ int match_account(followed *a, const std::vector<watch_mail_id> &mails) {
   return 0;
 }
 
+int save_rows(followed *a, const std::vector<std::string> &gone, const std::function<int()> &also,
+              decltype(phone_state_change) save) {
+  phone_state *state = a->r->state.get();
+  int result = save(state, [&] {
+    if (also && also() < 0) return -1;
+    return relay_rows_write(state, a->settings.name, a->rows, gone);
+  });
+  if (result < 0) {
+    a->error = phone_state_error(state);
+    return -1;
+  }
+  for (auto &[key, row] : a->rows) row.dirty = false;
+  return 0;
+}
+
 }  // namespace
 
 std::string relay_tag(const followed &a) {
@@ -133,17 +148,11 @@ int known_load(followed *a) {
 }
 
 int known_save(followed *a, const std::vector<std::string> &gone, const std::function<int()> &also) {
-  phone_state *state = a->r->state.get();
-  int result = phone_state_change(state, [&] {
-    if (also && also() < 0) return -1;
-    return relay_rows_write(state, a->settings.name, a->rows, gone);
-  });
-  if (result < 0) {
-    a->error = phone_state_error(state);
-    return -1;
-  }
-  for (auto &[key, row] : a->rows) row.dirty = false;
-  return 0;
+  return save_rows(a, gone, also, phone_state_change);
+}
+
+int known_note(followed *a) {
+  return save_rows(a, {}, nullptr, phone_state_note);
 }
 
 void known_reload(followed *a, int mail_id) {

@@ -100,6 +100,9 @@ int known_load(followed *a);
 /* Writes down the rows that changed, forgets those in `gone`, and what `also` (may be empty) changes besides, as a
    whole. Returns 0, or -1 with a->error set. */
 int known_save(followed *a, const std::vector<std::string> &gone, const std::function<int()> &also = nullptr);
+/* Writes down the rows that changed, without waiting for the disk: for what the watch's list and the mailbox tell again
+   when the power failed, and what is done twice to the same effect. As known_save(). */
+int known_note(followed *a);
 /* Takes over what a request changed on disk. */
 void known_reload(followed *a, int mail_id);
 /* Settles what the last run or connection left open, for all accounts, from what the watch lists. Returns 0, or -1. */

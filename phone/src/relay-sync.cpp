@@ -255,7 +255,7 @@ int sync_steps(followed *a) {
     for (const std::string &key : gone) a->rows.erase(key);
   if (result == 0) result = exchange_seen(a, l);
   if (result == 0) result = send_window(a, l);
-  if (known_save(a, {}) < 0) result = -1;
+  if (known_note(a) < 0) result = -1;
   if (result == 0) result = remove_leftovers(a);
   return result;
 }

@@ -100,8 +100,12 @@ int phone_state_add_request(phone_state *state, int64_t id, const std::string &p
 }
 
 int phone_state_set_acknowledged(phone_state *state, int64_t id) {
-  sql_statement query(&state->db, "UPDATE request SET acknowledged = 1 WHERE id = ? AND acknowledged = 0");
-  return query.bind(id).run() == 0 ? 0 : state_fail(state, "the request could not be marked");
+  const auto mark = [&] {
+    sql_statement query(&state->db, "UPDATE request SET acknowledged = 1 WHERE id = ? AND acknowledged = 0");
+    return query.bind(id).run() == 0 ? 0 : state_fail(state, "the request could not be marked");
+  };
+  /* The request itself is on the disk, and who is asked for it again knows it. */
+  return state->db.unhurried(mark) < 0 ? -1 : 0;
 }
 
 int phone_state_list_requests(phone_state *state, std::vector<stored_request> *requests) {

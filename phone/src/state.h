@@ -2,9 +2,9 @@
  * The phone's own memory: one SQLite file for each watch, shared by every command, `serve` and `relay`. The one of the
  * watch on the session bus is in the phone's state folder, every other one in a folder of its own below it.
  *
- * Every function that changes something returns after it is on disk, or, inside phone_state_change, with it; or it
- * returns -1, and phone_state_error says why. Several processes work on the file side by side. state-relay.h and
- * state-replies.h are the rest of it. Thread: the one that opened it.
+ * Every function that changes something returns after it is on disk (or, inside phone_state_change, with it) unless it
+ * says otherwise; or it returns -1, and phone_state_error says why. Several processes work on the file side by side.
+ * state-relay.h and state-replies.h are the rest of it. Thread: the one that opened it.
  */
 #ifndef BRISEL_PHONE_STATE_H
 #define BRISEL_PHONE_STATE_H
@@ -88,6 +88,7 @@ int phone_state_find_number(phone_state *state, int mail_id, sent_mail *mail);
    process sent is the same only while it was not acknowledged, as what was acknowledged is never sent again and a new
    store starts its numbers again. */
 int phone_state_add_request(phone_state *state, int64_t id, const std::string &peer, const std::string &json);
+/* Without waiting for the disk. */
 int phone_state_set_acknowledged(phone_state *state, int64_t id);
 int phone_state_list_requests(phone_state *state, std::vector<stored_request> *requests);
 
