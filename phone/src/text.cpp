@@ -16,7 +16,7 @@ bool is_noncharacter(uint32_t c) {
 /* Bytes of valid UTF-8 that stay as they are, whatever stands around them. */
 constexpr std::array<bool, 256> kPlain = [] {
   std::array<bool, 256> plain = {};
-  for (unsigned c = 0; c < plain.size(); c++)
+  for (unsigned c = 0; c < 256; c++)
     plain[c] = c == '\n' || c == '\t' || (c >= 0x20 && c < 0x7f) || (c >= 0x80 && c != 0xc2 && c < 0xef);
   return plain;
 }();
