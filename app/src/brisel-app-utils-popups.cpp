@@ -298,6 +298,17 @@ static void __timeout_cb(void *data, Evas_Object *obj, void *event_info) {
   evas_object_del(obj);
 }
 
+/* What was signalled counts from the first picture on. The toolkit keeps the layout that the signal is for to itself.
+ */
+static void _process_signals(Evas_Object *obj) {
+  const char *type = evas_object_type_get(obj);
+  if (type && !strcmp(type, "edje")) edje_object_message_signal_process(obj);
+  Eina_List *members = evas_object_smart_members_get(obj);
+  for (void *member = nullptr; (member = eina_list_data_get(members));
+       members = eina_list_remove_list(members, members))
+    _process_signals((Evas_Object *)member);
+}
+
 void brisel_create_toast_popup(appdata *ad, const char *text) {
   BRISEL_INFO("Enter");
   if (!ad) {
@@ -306,7 +317,10 @@ void brisel_create_toast_popup(appdata *ad, const char *text) {
   }
   Evas_Object *popup = _popup_add(_popup_parent(ad));
   elm_object_style_set(popup, "toast");
-  if (brisel_stage_style()) elm_layout_signal_emit(popup, "elm,state,round", "elm");
+  if (brisel_stage_style()) {
+    elm_layout_signal_emit(popup, "elm,state,round", "elm");
+    _process_signals(popup);
+  }
   /* It goes by itself: keys stay with what they were at. */
   elm_object_focus_allow_set(popup, EINA_FALSE);
   elm_object_tree_focus_allow_set(popup, EINA_FALSE);
