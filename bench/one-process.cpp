@@ -8,7 +8,9 @@ parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_
   return mime_parse(raw.substr(0, limits.message), limits, mail, error) == 0 ? PARSER_DONE : PARSER_NO_MAIL;
 }
 
-void parser_ahead(std::string_view, const mime_limits &) {}
+bool parser_ahead(std::string_view, const mime_limits &) {
+  return false;
+}
 
 void parser_forget() {}
 

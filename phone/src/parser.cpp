@@ -76,7 +76,7 @@ question question_of(request_kind kind, std::string_view raw, const mime_limits 
   return q;
 }
 
-constexpr size_t kMostAhead = 2;
+constexpr size_t kMostAhead = 8;
 
 constexpr size_t kTaken = 32u << 10; /* bytes taken from the socket at once */
 constexpr int kLookMs = 1000;        /* how often it is looked whether one that says nothing works */
@@ -292,13 +292,15 @@ parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limi
   return PARSER_SET_ASIDE;
 }
 
-/* Sends what will be asked for later, when fewer than `most` are on their way and the one before is there. */
-void hand_over(request_kind kind, std::string_view raw, const mime_limits &limits, size_t most) {
+/* Sends what will be asked for later, when fewer than `most` are on their way and the one before is there. Returns
+   whether it did. */
+bool hand_over(request_kind kind, std::string_view raw, const mime_limits &limits, size_t most) {
   std::deque<question> &ahead = process.ahead;
   std::string error;
-  if (ahead.size() >= most || (!ahead.empty() && !ahead.back().is_whole()) || start_process(&error) < 0) return;
+  if (ahead.size() >= most || (!ahead.empty() && !ahead.back().is_whole()) || start_process(&error) < 0) return false;
   ahead.push_back(question_of(kind, raw, limits));
   write_some(&ahead.back()); /* one that died is found when its answer is asked for */
+  return true;
 }
 
 /* --- the process that reads --- */
@@ -368,8 +370,10 @@ parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_
   return PARSER_NO_MAIL;
 }
 
-void parser_ahead(std::string_view raw, const mime_limits &limits) {
-  hand_over(REQUEST_MAIL, raw.substr(0, limits.message), limits, kMostAhead);
+bool parser_ahead(std::string_view raw, const mime_limits &limits) {
+  for (const question &q : process.ahead)
+    if (q.raw.data() == raw.data()) return true;
+  return hand_over(REQUEST_MAIL, raw.substr(0, limits.message), limits, kMostAhead);
 }
 
 void parser_forget() {

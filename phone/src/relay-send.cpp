@@ -247,11 +247,27 @@ void fetch(followed *a, const mailbox_item &item, fetched *f) {
   f->is_read = a->settings.kind->read(a->settings.path, item, most, &f->raw, &f->arrival, &f->size, &f->error) == 0;
 }
 
-std::unique_ptr<fetched> fetch_ahead(followed *a, const mailbox_item &item) {
-  auto f = std::make_unique<fetched>();
-  fetch(a, item, f.get());
-  if (f->is_read) parser_ahead(f->raw, mime_limits());
-  return f;
+/* Messages of the window that are read before their turn: while the other process reads one, the next are fetched and
+   handed over, so that both work at the same time. */
+struct fetched_ahead {
+  std::deque<fetched> line;
+  std::vector<size_t>::const_iterator reach; /* up to where the window is fetched */
+};
+
+/* Fetches what is wanted of the window from `reach` on, as far as few enough bytes wait, and hands over what can be: in
+   their order, for one that is handed over before its turn ends the process that reads. */
+template <typename F>
+void fetch_on(followed *a, const listing &l, fetched_ahead *ahead, F &&is_wanted) {
+  constexpr size_t kLongest = 8, kBytes = 1u << 20;
+  size_t bytes = 0;
+  for (const fetched &f : ahead->line) bytes += f.raw.size();
+  for (; ahead->reach != l.window.end() && ahead->line.size() < kLongest && bytes < kBytes; ++ahead->reach) {
+    if (!is_wanted(*ahead->reach)) continue;
+    fetch(a, l.items[*ahead->reach], &ahead->line.emplace_back());
+    bytes += ahead->line.back().raw.size();
+  }
+  for (const fetched &f : ahead->line)
+    if (f.is_read && !parser_ahead(f.raw, mime_limits())) break;
 }
 
 /* As read_message(). */
@@ -343,24 +359,25 @@ int send_window(followed *a, const listing &l) {
   sender s = {};
   s.a = a;
   int result = 0;
-  const auto row_of = [&](size_t i) { return &a->rows[l.items[i].key]; };
-  const auto is_wanted = [&](const relay_row &row) {
+  const auto is_wanted = [&](size_t i) {
+    const relay_row &row = a->rows[l.items[i].key];
     return row.state == waiting || (row.state == copy && !holders.count(row.identity));
   };
-  /* While one message is read, the next is fetched and handed over: the two processes work at the same time. */
-  std::unique_ptr<fetched> now, next;
-  for (auto at = l.window.begin(); at != l.window.end(); ++at) {
-    relay_row *row = row_of(*at);
-    if (!is_wanted(*row)) continue;
+  fetched_ahead ahead;
+  for (auto at = l.window.begin(); at != l.window.end() && result == 0; ++at) {
+    if (!is_wanted(*at)) continue;
+    const mailbox_item *item = &l.items[*at];
+    relay_row *row = &a->rows[item->key];
     row->state = waiting;
-    if (now && now->item != &l.items[*at]) parser_forget(); /* what was a copy is none any more */
-    if (!now || now->item != &l.items[*at]) now = fetch_ahead(a, l.items[*at]);
-    const auto then = std::find_if(at + 1, l.window.end(), [&](size_t i) { return is_wanted(*row_of(i)); });
-    if (then != l.window.end()) next = fetch_ahead(a, l.items[*then]);
-    result = take(&s, now.get(), row, &holders);
-    if (result < 0) break;
-    now = std::move(next);
-    progress_advance(&p, 1);
+    if (ahead.line.empty() || ahead.line.front().item != item) { /* what was a copy is none any more, or is one now */
+      parser_forget();
+      ahead.line.clear();
+      ahead.reach = at;
+    }
+    fetch_on(a, l, &ahead, is_wanted);
+    result = take(&s, &ahead.line.front(), row, &holders);
+    ahead.line.pop_front();
+    if (result == 0) progress_advance(&p, 1);
   }
   parser_forget();
   if (result == 0) result = flush(&s);
