@@ -350,10 +350,6 @@ static void _make_rows(appdata *ad, int count) {
   for (; rowless && count > 0; count -= rows_at_once) _make_some_rows(ad, group_item, count);
 }
 
-void brisel_make_first_rows(appdata *ad) {
-  _make_rows(ad, rows_at_first);
-}
-
 bool _is_last_row(appdata *ad, const Elm_Object_Item *it) {
   return !rowless && !places_wait && it == elm_genlist_last_item_get(ad->mailbox_genlist);
 }
@@ -452,7 +448,8 @@ void _refresh_mailbox_list(appdata *ad) {
     return;
   }
 
-  if (!ad->list_is_covered) _make_rows(ad, rows_at_first);
+  /* Also below a mail that a launch opens: in a list without a row the toolkit orders all rows anew for each. */
+  _make_rows(ad, rows_at_first);
   if (rowless || places_wait) row_idler = ecore_idler_add(_first_row_idler_cb, ad);
   _set_delete_btn(ad, mail_cnt > 0);
 }
