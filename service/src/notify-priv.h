@@ -3,6 +3,7 @@
 #define BRISEL_NOTIFY_PRIV_H
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -28,8 +29,10 @@ struct notifier {
   bool has_actions = false, has_body = false, has_markup = false;
   std::vector<int> flight; /* the mails of the notification on its way: one at a time, so that a server that hangs holds
                               up one call */
-  uint64_t settled_at = 0; /* monotonic: before, nothing new is told */
-  uint64_t silent_until = 0; /* monotonic: mails that come together make one sound */
+  std::vector<std::string> flight_keys;              /* its buttons' */
+  std::map<uint32_t, std::vector<std::string>> keys; /* the buttons' of what this service told the server */
+  uint64_t settled_at = 0;                           /* monotonic: before, nothing new is told */
+  uint64_t silent_until = 0;                         /* monotonic: mails that come together make one sound */
   sd_bus_track *viewer = nullptr;
   int viewed_account = -1;
   int keeper = -1; /* the pipe to the process that outlives this one; below zero: there is none */

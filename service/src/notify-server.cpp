@@ -38,6 +38,7 @@ std::string server_id(notifier *n, const char *name) {
 void forget_server(notifier *n) {
   n->server.clear();
   n->server_name.clear();
+  n->keys.clear();
 }
 
 int abilities_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
@@ -182,6 +183,7 @@ int notify_server_tell(notifier *n, const notify_message &message, uint32_t repl
 }
 
 void notify_server_close(notifier *n, uint32_t number) {
+  n->keys.erase(number);
   sd_bus_message *m = nullptr;
   int r = new_call(n, "CloseNotification", &m);
   if (r >= 0) r = sd_bus_message_append(m, "u", number);

@@ -8,6 +8,7 @@
 
 #include "notify-priv.h"
 #include "notify.h"
+#include "store-format.h"
 
 namespace {
 
@@ -149,6 +150,12 @@ bool count_many(notifier *n, std::vector<notice> *notices) {
   return change(n, notices, waits, [](notice *one) { one->counted = true; });
 }
 
+std::vector<std::string> keys_of(const notify_message &message) {
+  std::vector<std::string> keys;
+  for (const notify_button &button : message.buttons) keys.push_back(clean_text(button.key));
+  return keys;
+}
+
 void tell(notifier *n, std::vector<notice> those, const notify_message &message, bool is_quiet) {
   const uint32_t replaces = those.front().counted ? counting_number(those) : those.front().number;
   bool is_news = false;
@@ -160,6 +167,7 @@ void tell(notifier *n, std::vector<notice> those, const notify_message &message,
     one.server = n->server;
     n->flight.push_back(one.mail_id);
   }
+  n->flight_keys = n->has_actions ? keys_of(message) : std::vector<std::string>();
   /* On the disk first: killed behind this, the service tells nothing twice. */
   if (!good(n, store_notify_put(n->h->st, those))) {
     n->flight.clear();
@@ -260,6 +268,23 @@ std::vector<notice> standing(notifier *n, const std::string &server, uint32_t nu
   return those;
 }
 
+/* Whether one of that number was given such a button. */
+bool has_button(notifier *n, const std::vector<notice> &those, uint32_t number, const std::string &key) {
+  std::vector<std::string> keys;
+  const notice &first = those.front();
+  refused_reply reply;
+  noticed_mail mail;
+  if (const auto told = n->keys.find(number); told != n->keys.end()) keys = told->second;
+  /* An earlier service told it: with those that it would have now. */
+  else if (first.counted)
+    keys = keys_of(notify_text_counted(those.size(), {}));
+  else if (!is_of_mail(first) && good(n, store_notify_refusal(n->h->st, -first.mail_id, &reply)))
+    keys = keys_of(notify_text_refused(reply));
+  else if (is_of_mail(first) && good(n, store_notify_mail(n->h->st, first.mail_id, &mail)))
+    keys = keys_of(notify_text_single(n, first.mail_id, mail));
+  return std::find(keys.begin(), keys.end(), key) != keys.end();
+}
+
 }  // namespace
 
 void notify_look_soon(notifier *n) {
@@ -272,6 +297,7 @@ void notify_look_soon(notifier *n) {
 void notify_answered(notifier *n, notify_outcome outcome, uint32_t number) {
   const std::vector<int> flight = std::move(n->flight);
   n->flight.clear();
+  if (number) n->keys[number] = std::move(n->flight_keys);
   std::vector<notice> all, those;
   if (!good(n, store_notify_list(n->h->st, &all))) return;
   for (notice &one : all) {
@@ -297,13 +323,15 @@ void notify_go_on(notifier *n) {
 void notify_closed(notifier *n, const std::string &server, uint32_t number) {
   std::vector<int> ids;
   for (const notice &one : standing(n, server, number)) ids.push_back(one.mail_id);
+  if (server == n->server) n->keys.erase(number);
   good(n, store_notify_drop(n->h->st, ids));
 }
 
 void notify_pressed(notifier *n, const std::string &server, uint32_t number, const std::string &key) {
   std::vector<int> ids;
-  for (const notice &one : standing(n, server, number)) ids.insert(ids.begin(), one.mail_id);
-  if (ids.empty()) return;
+  const std::vector<notice> those = standing(n, server, number);
+  if (those.empty() || !has_button(n, those, number, key)) return;
+  for (const notice &one : those) ids.insert(ids.begin(), one.mail_id);
   notify_server_close(n, number);
   good(n, store_notify_drop(n->h->st, ids));
   notify_do(n, key, ids);

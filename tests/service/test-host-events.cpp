@@ -216,6 +216,53 @@ TEST_F(Host, AStoreThatIsDeletedIsPutBackAndAnotherInItsPlaceIsTakenOver) {
       run_until([&] { return ears.all(BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD) == std::vector<int>{account}; }));
 }
 
+/* --- notifications --- */
+
+/* A server that numbers what it is told, and says that anything was pressed. */
+struct notification_server : test_phone {
+  uint32_t told = 0, closed = 0;
+
+  static int abilities_cb(sd_bus_message *m, void *, sd_bus_error *) {
+    return sd_bus_reply_method_return(m, "as", 1, "actions");
+  }
+  static int tell_cb(sd_bus_message *m, void *data, sd_bus_error *) {
+    return sd_bus_reply_method_return(m, "u", ++static_cast<notification_server *>(data)->told);
+  }
+  static int close_cb(sd_bus_message *m, void *data, sd_bus_error *) {
+    static_cast<notification_server *>(data)->closed++;
+    return sd_bus_reply_method_return(m, "");
+  }
+  static constexpr char name[] = "org.freedesktop.Notifications", path[] = "/org/freedesktop/Notifications";
+  notification_server() {
+    static const sd_bus_vtable methods[] = {
+        SD_BUS_VTABLE_START(0), SD_BUS_METHOD("GetCapabilities", "", "as", abilities_cb, 0),
+        SD_BUS_METHOD("Notify", "susssasa{sv}i", "u", tell_cb, 0),
+        SD_BUS_METHOD("CloseNotification", "u", "", close_cb, 0), SD_BUS_VTABLE_END};
+    EXPECT_GE(sd_bus_add_object_vtable(bus, nullptr, path, name, methods, this), 0);
+    EXPECT_GE(sd_bus_request_name(bus, name, 0), 0);
+  }
+  bool until(const std::function<bool()> &done) {
+    return run_until([&] {
+      while (sd_bus_process(bus, nullptr) > 0) {
+      }
+      return done();
+    });
+  }
+};
+
+TEST_F(Host, WhatANotificationHasNoButtonForDoesNothing) {
+  notification_server server;
+  linked_phone phone;
+  phone.connect();
+  other.add_mail({.account = account, .received = time(nullptr)});
+  ASSERT_TRUE(server.until([&] { return server.told == 1; }));
+  for (const char *key : {"archive", "reply:No button says this.", "send-again", "mark-read"})
+    EXPECT_GE(sd_bus_emit_signal(server.bus, server.path, server.name, "ActionInvoked", "us", server.told, key), 0);
+  EXPECT_TRUE(server.until([&] { return server.closed == 1; }));
+  EXPECT_EQ("update_ind", phone.request("update_ind").value("request", "nothing"));
+  EXPECT_EQ(0, phone.count("reply"));
+}
+
 /* --- states --- */
 
 TEST_F(Host, TheLinkSettingFollowsThePhoneAndIsPutRightAfterAKill) {
