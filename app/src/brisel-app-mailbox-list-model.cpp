@@ -343,11 +343,26 @@ static void _make_some_rows(appdata *ad, Elm_Object_Item *group_item, int count)
   if (found < wanted && group_item) _update_header(group_item);
 }
 
+/* The toolkit draws each row that is appended behind a drawn one, and lets go of those out of sight only when it lays
+   the list out: what a turn has appended is laid out before it appends more, or thousands of rows would be drawn. */
+static void _let_go_of_rows_out_of_sight(appdata *ad, Elm_Object_Item *last) {
+  if (!elm_object_item_track(last)) return;
+  elm_object_item_untrack(last);
+  evas_smart_objects_calculate(ad->evas);
+}
+
 static void _make_rows(appdata *ad, int count) {
   if (!rowless) return;
   Elm_Object_Item *group_item = _group_item(ad);
   const frozen_events frozen(ad->mailbox_genlist);
-  for (; rowless && count > 0; count -= rows_at_once) _make_some_rows(ad, group_item, count);
+  while (rowless && count > 0) {
+    Elm_Object_Item *last = elm_genlist_last_item_get(ad->mailbox_genlist);
+    const bool is_empty = !last || last == group_item;
+    if (!is_empty) _let_go_of_rows_out_of_sight(ad, last);
+    const int slice = MIN(count, is_empty ? rows_at_first : rows_at_once);
+    _make_some_rows(ad, group_item, slice);
+    count -= slice;
+  }
 }
 
 bool _is_last_row(appdata *ad, const Elm_Object_Item *it) {

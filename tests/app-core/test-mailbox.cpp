@@ -306,6 +306,20 @@ TEST_F(mailbox, ALaunchOfAnotherAccountsMailShowsItsListFromTheTop) {
   EXPECT_EQ(y, 0);
 }
 
+/* An event in the turn of a refresh makes all rows at once; only those in sight may be drawn. */
+TEST_F(mailbox, RowsOutOfSightAreNotDrawn) {
+  fill(2, 400);
+  tap(header());
+  brisel_check_current_mailbox_account_by_mail_id(ids[1], &test_ad);
+  GSList *updated = g_slist_prepend(nullptr, GINT_TO_POINTER(ids[1]));
+  brisel_update_mailbox_list(BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE, updated, &test_ad);
+  g_slist_free(updated);
+  EXPECT_EQ(elm_genlist_items_count(test_ad.mailbox_genlist), 201u); /* and the header */
+  Eina_List *drawn = elm_genlist_realized_items_get(test_ad.mailbox_genlist);
+  EXPECT_LE(eina_list_count(drawn), 25u);
+  eina_list_free(drawn);
+}
+
 /* Nothing of a locked mail opens, since when it is locked or not; and the question about it ends with it. */
 TEST_F(mailbox, ALockedMailIsAskedAboutWhileItIsThere) {
   fill(2, 4);
