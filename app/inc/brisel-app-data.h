@@ -66,6 +66,7 @@ struct appdata {
   char *locale;         /* ICU locale id; owned */
   unsigned char nocontents_shown;
   unsigned char paused; /* the window is out of sight */
+  bool list_is_covered; /* while the list is made below a mail: its rows can wait */
   GList *mail_list;     /* item_data in display order; owns its cells, not the records; see brisel_complete_mail_list */
 };
 
@@ -130,6 +131,8 @@ void brisel_delete_sweep_item(appdata *ad);
 void brisel_complete_mail_list(appdata *ad);
 /* As far as to the mail and so many unlocked ones behind it; all of it where there are fewer. */
 void brisel_complete_mail_list_around(int mail_id, int unlocked, appdata *ad);
+/* The rows that the first screen shows, where the last refresh left them for idle time. */
+void brisel_make_first_rows(appdata *ad);
 /* Empties mail_list: its cells, and the records that have no row yet. Rows free their own. */
 void brisel_free_mail_list(appdata *ad);
 Evas_Object *brisel_create_security_alert_popup(appdata *ad);    /* also kept in ad->security_popup */

@@ -365,6 +365,10 @@ static void _make_rows(appdata *ad, int count) {
   }
 }
 
+void brisel_make_first_rows(appdata *ad) {
+  _make_rows(ad, rows_at_first);
+}
+
 bool _is_last_row(appdata *ad, const Elm_Object_Item *it) {
   return !rowless && !places_wait && it == elm_genlist_last_item_get(ad->mailbox_genlist);
 }
@@ -463,8 +467,7 @@ void _refresh_mailbox_list(appdata *ad) {
     return;
   }
 
-  /* Also below a mail that a launch opens: in a list without a row the toolkit orders all rows anew for each. */
-  _make_rows(ad, rows_at_first);
+  if (!ad->list_is_covered) _make_rows(ad, rows_at_first);
   if (rowless || places_wait) row_idler = ecore_idler_add(_first_row_idler_cb, ad);
   _set_delete_btn(ad, mail_cnt > 0);
 }

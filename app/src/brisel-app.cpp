@@ -127,10 +127,14 @@ int init_brisel(appdata *ad, int mail_id) {
       BRISEL_INFO("ad->account_id  : %d", ad->account_id);
     }
   }
+  /* A mail covers the list before it is ever seen. */
+  ad->list_is_covered = mail_id > 0;
   if (ad->naviframe) _create_view_layout(ad);
 
   if (mail_id < 1) return 0;
   BRISEL_INFO("mail_id : %d", mail_id);
   _open_launched_mail(ad, mail_id);
+  ad->list_is_covered = false;
+  if (!brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DETAIL_VIEW, ad)) brisel_make_first_rows(ad);
   return 0;
 }
