@@ -76,8 +76,6 @@ question question_of(request_kind kind, std::string_view raw, const mime_limits 
   return q;
 }
 
-constexpr size_t kMostAhead = 8;
-
 constexpr size_t kTaken = 32u << 10; /* bytes taken from the socket at once */
 constexpr int kLookMs = 1000;        /* how often it is looked whether one that says nothing works */
 
@@ -373,7 +371,7 @@ parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_
 bool parser_ahead(std::string_view raw, const mime_limits &limits) {
   for (const question &q : process.ahead)
     if (q.raw.data() == raw.data()) return true;
-  return hand_over(REQUEST_MAIL, raw.substr(0, limits.message), limits, kMostAhead);
+  return hand_over(REQUEST_MAIL, raw.substr(0, limits.message), limits, kParserMostAhead);
 }
 
 void parser_forget() {

@@ -32,7 +32,8 @@ struct fetched {
   const mailbox_item *item = nullptr;
   std::string raw, error, source;
   int64_t arrival = 0, size = 0;
-  bool is_read = false, cut = false; /* only the beginning of its text is here */
+  bool is_read = false;
+  bool cut = false; /* only the beginning of its text is here */
 };
 
 /* One account's way to the watch. */
@@ -258,10 +259,10 @@ struct fetched_ahead {
    their order, for one that is handed over before its turn ends the process that reads. */
 template <typename F>
 void fetch_on(followed *a, const listing &l, fetched_ahead *ahead, F &&is_wanted) {
-  constexpr size_t kLongest = 8, kBytes = 1u << 20;
+  constexpr size_t kBytes = 1u << 20;
   size_t bytes = 0;
   for (const fetched &f : ahead->line) bytes += f.raw.size();
-  for (; ahead->reach != l.window.end() && ahead->line.size() < kLongest && bytes < kBytes; ++ahead->reach) {
+  for (; ahead->reach != l.window.end() && ahead->line.size() < kParserMostAhead && bytes < kBytes; ++ahead->reach) {
     if (!is_wanted(*ahead->reach)) continue;
     fetch(a, l.items[*ahead->reach], &ahead->line.emplace_back());
     bytes += ahead->line.back().raw.size();

@@ -49,7 +49,7 @@ bool own_folder(const std::string &path) {
 }
 
 /* A page is written for every row and index that a change touches, whatever its size: with the usual 4 KiB a mail that
-   comes wrote 78 KiB, with these 24. Only a new file takes it. */
+   comes wrote 78 KiB, with these 28. Only a new file takes it. */
 constexpr char kSettings[] = "PRAGMA page_size=1024; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL";
 
 /* Two commands that make the file at once: the switch of the journal is refused instead of waited for. */
