@@ -2,10 +2,12 @@
    touches, and by the core when accounts change under an open popup. */
 #include "brisel-app-mailbox-list.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
@@ -133,6 +135,60 @@ static char *_gl_popup_text_get(void *data, Evas_Object *obj, const char *part) 
   return nullptr;
 }
 
+/* --- rows as high as their texts --- */
+
+static char *_gl_popup_whole_text_get(void *data, Evas_Object *obj, const char *part) {
+  const scoped_text text(_gl_popup_text_get(data, obj, part));
+  return text ? strdup(("<whole>" + std::string(text.get())).c_str()) : nullptr;
+}
+
+/* What a popup leaves beside its rows, at scale 1, and how much of its width the display has for them if it is round.
+ */
+constexpr int popup_margins = 16;
+constexpr double round_width = 0.75;
+/* The ordinary row has two lines of a name, and one of an address; how much smaller their letters may be. They grow
+   with the scale factor, those of the other row only up to about this one. */
+constexpr double whole_scale = 1.2;
+constexpr int name_lines = 2, address_lines = 1;
+constexpr double name_shrinks = 27.0 / 17, address_shrinks = 21.0 / 15;
+
+static Evas_Object *_draw_ordinary_row(const appdata *ad, Evas_Object *gl) {
+  Evas_Object *drawing = elm_layout_add(gl);
+  elm_layout_theme_set(drawing, "genlist/item_compress", "2text.1icon.1", "popup");
+  const int width = brisel_stage_style() ? (int)(ad->root_w * round_width) : ad->root_w - _scaled(popup_margins);
+  evas_object_resize(drawing, width, _scaled(50));
+  edje_object_calc_force(elm_layout_edje_get(drawing));
+  return drawing;
+}
+
+static bool _has_room(Evas_Object *drawing, const char *part, const char *text, int lines, double shrinks) {
+  Evas_Object *shown = (Evas_Object *)edje_object_part_object_get(elm_layout_edje_get(drawing), part);
+  if (!shown) return true;
+  int room = 0, width = 0;
+  evas_object_geometry_get(shown, nullptr, nullptr, &room, nullptr);
+  room = (int)(room * shrinks * std::max(elm_config_scale_get() / whole_scale, 1.0));
+  Evas_Object *probe = evas_object_textblock_add(evas_object_evas_get(shown));
+  evas_object_scale_set(probe, evas_object_scale_get(shown));
+  evas_object_textblock_style_set(probe, evas_object_textblock_style_get(shown));
+  evas_object_resize(probe, room, room);
+  const scoped_text markup(brisel_util_text_to_markup(text));
+  evas_object_textblock_text_markup_set(probe, markup ? markup.get() : "");
+  evas_object_textblock_size_formatted_get(probe, &width, nullptr);
+  Evas_Textblock_Cursor *cursor = evas_object_textblock_cursor_new(probe);
+  const bool has_more_lines = evas_textblock_cursor_line_set(cursor, lines);
+  evas_textblock_cursor_free(cursor);
+  evas_object_del(probe);
+  return !has_more_lines && width <= room;
+}
+
+static bool _is_ordinary(const appdata *ad, Evas_Object *gl, const popup_item_data *row) {
+  Evas_Object *drawing = _draw_ordinary_row(ad, gl);
+  const bool is_ordinary = _has_room(drawing, "elm.text.1", row->name, name_lines, name_shrinks) &&
+                           _has_room(drawing, "elm.text.2", row->address, address_lines, address_shrinks);
+  evas_object_del(drawing);
+  return is_ordinary;
+}
+
 static Evas_Object *_gl_popup_content_get(void *data, Evas_Object *obj, const char *part) {
   popup_item_data *row = (popup_item_data *)data;
   if (!row) {
@@ -195,9 +251,10 @@ static void _popup_row_realized_cb(void *data, Evas_Object *obj, void *event_inf
   brisel_view_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
-/* account NULL: the combined row. Returns the row's item, or NULL. */
-static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genlist_Item_Class *itc, int index,
-                                          const account_data *account) {
+/* account NULL: the combined row. whole: the class of a row that the usual one has no room for. Returns the row's item,
+   or NULL. */
+static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genlist_Item_Class *itc,
+                                          Elm_Genlist_Item_Class *whole, int index, const account_data *account) {
   popup_item_data *row = (popup_item_data *)calloc(1, sizeof(popup_item_data));
   if (!row) {
     BRISEL_ERROR("memory allocation failed.");
@@ -212,6 +269,10 @@ static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genl
   else if (account && address)
     row->name = strndup(address, strcspn(address, "@")); /* rather than an empty line above the address */
   row->ad = ad;
+  if (account && !_is_ordinary(ad, gl, row)) {
+    itc = whole;
+    elm_genlist_homogeneous_set(gl, EINA_FALSE);
+  }
   row->it = elm_genlist_item_append(gl, itc, row, nullptr, ELM_GENLIST_ITEM_NONE, _gl_popup_sel, row);
   brisel_view_name_row(row->it);
   brisel_view_set_spoken_tick(row->it, row->account_id == ad->account_id);
@@ -247,6 +308,8 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
       brisel_view_new_row_class("1text.1icon.1", _gl_popup_text_get, _gl_popup_content_get, _gl_popup_del);
   Elm_Genlist_Item_Class *itc_account =
       brisel_view_new_row_class("2text.1icon.1", _gl_popup_text_get, _gl_popup_content_get, _gl_popup_del);
+  Elm_Genlist_Item_Class *itc_whole =
+      brisel_view_new_row_class("2text.1icon.1.whole", _gl_popup_whole_text_get, _gl_popup_content_get, _gl_popup_del);
   Evas_Object *gl = elm_genlist_add(popup);
   elm_object_style_set(gl, "popup");
   elm_genlist_homogeneous_set(gl, EINA_TRUE);
@@ -263,10 +326,10 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   evas_object_data_set(gl, "radio_main", radio_main);
 
   int index = 0;
-  Elm_Object_Item *last = _append_popup_row(ad, gl, itc_combined, index++, nullptr);
+  Elm_Object_Item *last = _append_popup_row(ad, gl, itc_combined, itc_combined, index++, nullptr);
   for (GSList *cell = accounts.get(); cell; cell = cell->next) {
     if (!cell->data) continue;
-    last = _append_popup_row(ad, gl, itc_account, index++, (account_data *)cell->data);
+    last = _append_popup_row(ad, gl, itc_account, itc_whole, index++, (account_data *)cell->data);
   }
   if (last) elm_object_item_signal_emit(last, "elm,state,bottomline,hide", "");
   _show_choice(ad, gl);
@@ -277,6 +340,7 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   evas_object_show(gl);
   elm_genlist_item_class_free(itc_combined);
   elm_genlist_item_class_free(itc_account);
+  elm_genlist_item_class_free(itc_whole);
   evas_object_show(popup);
   elm_object_focus_set(gl, EINA_TRUE);
   return popup;

@@ -4,6 +4,7 @@ import subprocess
 
 from brisel_test import Session, equal, mail, main, middle, options, start_display
 from brisel_png import read_png
+from layout import problems
 from phone_test import journal, read_on_watch
 from test_launch import link_popup_up
 
@@ -137,6 +138,15 @@ def test_a_mouse_presses_long_goes_back_and_turns_its_wheel(s):
     before = middle(s.wait_text("Sender 1"))[1]
     s.watch("mouse", 160, 160, "--wheel", 1)
     equal(before - middle(s.wait_text("Sender 1"))[1], 156, "a notch is a row")
+    long = "Wolfeschlegelsteinhausenbergerdorff-Montgomery, Maximiliane Alexandrina von und zu der Hohen Heide"
+    address = "m.a.wolfeschlegelsteinhausenbergerdorff-montgomery@department.university.example.org"
+    s.account(address, "--name", long)
+    keys(s, "Home", "Right", "End")
+    s.wait_text(long)
+    equal(problems(s.dump(), set(), 1.5), [], "names of any length")
+    s.tap(long)
+    s.wait_gone(long)
+    assert s.shows(address), s.texts()  # on the header
 
 
 @options()

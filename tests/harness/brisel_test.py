@@ -8,7 +8,8 @@ import subprocess
 import sys
 import traceback
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent.parent / "tools" / "lib"))
+TOP = pathlib.Path(__file__).resolve().parent.parent.parent
+sys.path[:0] = [str(TOP / "tools" / "lib"), str(TOP / "tests" / "screens")]
 from brisel_drive import PATIENCE, BUILD, Session, ToolError, mail, middle  # noqa: E402,F401
 
 
