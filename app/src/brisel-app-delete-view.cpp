@@ -290,7 +290,7 @@ static Evas_Object *_create_select_all_btn(Evas_Object *parent, delete_view_data
   elm_image_resizable_set(img, EINA_TRUE, EINA_TRUE);
   elm_object_content_set(btn, img);
   evas_object_smart_callback_add(btn, "clicked", _select_all_btn_select_cb, vd);
-  brisel_view_set_spoken_name(btn, brisel_util_get_text("IDS_EMAIL_BODY_SELECT_ALL"));
+  brisel_view_set_spoken_id(btn, "IDS_EMAIL_BODY_SELECT_ALL");
   evas_object_show(btn);
   return btn;
 }

@@ -149,7 +149,7 @@ static void _create_connecting_popup(appdata *ad) {
     elm_object_domain_translatable_part_text_set(layout, "text", BRISEL_DOMAIN, "IDS_EMAIL_POP_CONNECTING_ING");
     elm_object_content_set(popup, layout);
   }
-  brisel_view_set_spoken_name(popup, brisel_util_get_text("IDS_EMAIL_POP_CONNECTING_ING"));
+  brisel_view_set_spoken_id(popup, "IDS_EMAIL_POP_CONNECTING_ING");
   evas_object_show(popup);
   ad->connecting_popup = popup;
 }

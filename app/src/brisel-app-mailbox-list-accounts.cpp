@@ -322,7 +322,7 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   elm_radio_state_value_set(radio_main, 0);
   elm_radio_value_set(radio_main, 0);
   brisel_view_set_spoken(radio_main, false);
-  brisel_view_set_spoken_name(popup, brisel_util_get_text("IDS_EMAIL_HEADER_ACCOUNTS"));
+  brisel_view_set_spoken_id(popup, "IDS_EMAIL_HEADER_ACCOUNTS");
   evas_object_data_set(gl, "radio_main", radio_main);
 
   int index = 0;

@@ -155,7 +155,7 @@ static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part)
   if (!strcmp(part, "elm.icon.sweep")) {
     Evas_Object *undo = elm_button_add(obj);
     elm_object_style_set(undo, "list_divider_btn");
-    brisel_view_set_spoken_name(undo, brisel_util_get_text("IDS_EMAIL_SK_CANCEL_ABB"));
+    brisel_view_set_spoken_id(undo, "IDS_EMAIL_SK_CANCEL_ABB");
     brisel_view_set_spoken(undo, item->it && item->it == item->ad->sweep_item);
     elm_object_focus_allow_set(undo, EINA_FALSE);
     evas_object_propagate_events_set(undo, EINA_FALSE);

@@ -171,7 +171,7 @@ static void __brisel_option_detail_create_reply_setting_popup(option_detail_view
   elm_radio_state_value_set(radio_group, -1);
   elm_radio_value_set(radio_group, brisel_util_get_reply_method());
   brisel_view_set_spoken(radio_group, false);
-  brisel_view_set_spoken_name(popup, brisel_util_get_text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB"));
+  brisel_view_set_spoken_id(popup, "IDS_EMAIL_HEADER_SELECT_REPLY_ABB");
   brisel_widget_ref_set(&vd->radio_group, radio_group);
   elm_object_content_set(popup, genlist);
   elm_object_focus_set(genlist, EINA_TRUE);
@@ -191,7 +191,7 @@ static Evas_Object *__brisel_option_detail_gl_content_get_reply(void *data, Evas
   if (!layout) return nullptr;
   Evas_Object *btn = elm_button_add(layout);
   elm_object_style_set(btn, "list_divider_btn");
-  brisel_view_set_spoken_name(btn, brisel_util_get_text("IDS_EMAIL_HEADER_SELECT_REPLY_ABB"));
+  brisel_view_set_spoken_id(btn, "IDS_EMAIL_HEADER_SELECT_REPLY_ABB");
   brisel_view_row_button(obj, layout, btn);
   evas_object_size_hint_weight_set(btn, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   evas_object_size_hint_align_set(btn, EVAS_HINT_FILL, EVAS_HINT_FILL);

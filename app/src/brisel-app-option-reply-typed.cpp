@@ -262,7 +262,7 @@ static Evas_Object *__brisel_option_reply_create_send_button(Evas_Object *parent
   // Or the limit, which takes the focus from the entry, would hand it to the button, and the next blank would send.
   // Tab alone brings it there.
   elm_object_focus_allow_set(btn, EINA_FALSE);
-  brisel_view_set_spoken_name(btn, brisel_util_get_text("IDS_COM_SK_SEND"));
+  brisel_view_set_spoken_id(btn, "IDS_COM_SK_SEND");
   evas_object_show(btn);
   return btn;
 }

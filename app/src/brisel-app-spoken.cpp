@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "brisel-app-data.h"
 #include "brisel-scoped.h"
 
 bool brisel_view_is_spoken() {
@@ -15,6 +16,11 @@ bool brisel_view_is_spoken() {
 
 void brisel_view_set_spoken_name(Eo *object, const char *name) {
   efl_access_object_i18n_name_set(object, name);
+}
+
+void brisel_view_set_spoken_id(Eo *object, const char *id) {
+  efl_access_object_i18n_name_set(object, id);
+  efl_access_object_translation_domain_set(object, BRISEL_DOMAIN);
 }
 
 const char *brisel_view_spoken_name(Evas_Object *widget) {

@@ -9,6 +9,8 @@
 bool brisel_view_is_spoken();
 /* What a screen reader says of a widget or an item, in place of its texts; plain text, copied. */
 void brisel_view_set_spoken_name(Eo *object, const char *name);
+/* The same by the id of a text in the domain "brisel", in whatever language there is when it is said. */
+void brisel_view_set_spoken_id(Eo *object, const char *id);
 /* The name that a widget has; NULL: none. The widget's, until it changes. */
 const char *brisel_view_spoken_name(Evas_Object *widget);
 /* Whether a screen reader is told of a widget, and of what it holds. */

@@ -84,7 +84,7 @@ static void _create_view_layout(appdata *ad) {
   int count = 0;
   brisel_db_get_full_noti_data_count_by_account_id(0, &count);
   ad->delete_btn = brisel_view_title_button(ad->naviframe, "b_email_history_delete_normal.png", _delete_view_cb, ad);
-  if (ad->delete_btn) brisel_view_set_spoken_name(ad->delete_btn, brisel_util_get_text("IDS_EMAIL_BODY_DELETE"));
+  if (ad->delete_btn) brisel_view_set_spoken_id(ad->delete_btn, "IDS_EMAIL_BODY_DELETE");
   brisel_create_mailbox_list_view(ad->win_main, ad);
   ad->nocontents_layout = _create_nocontents_layout(ad);
 
@@ -103,7 +103,7 @@ static void _create_view_layout(appdata *ad) {
     elm_object_item_part_content_set(item, "elm.swallow.icon", icon);
   elm_naviframe_item_pop_cb_set(item, _pop_cb, ad);
   if (Evas_Object *more = brisel_view_more_button(item, _journal_cb, ad))
-    brisel_view_set_spoken_name(more, brisel_util_get_text("IDS_EMAIL_HEADER_WAITING_AND_SENT"));
+    brisel_view_set_spoken_id(more, "IDS_EMAIL_HEADER_WAITING_AND_SENT");
   evas_object_smart_callback_add(ad->naviframe, "title,clicked", _title_clicked_cb, ad);
   _update_window_title(ad);
 }

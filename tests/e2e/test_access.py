@@ -137,6 +137,7 @@ def test_a_reader_that_comes_later_and_another_language_are_told_all(s):
         s.setting("db/menu_widget/language", "string", "de_DE.UTF-8")
         told = heard(reader, ("page tab", s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3")))
         equal(sum(s.text("IDS_EMAIL_BODY_NEW") in name for name in rows(told)), 30, "rows in the other language")
+        assert ("push button", s.text("IDS_EMAIL_BODY_DELETE")) in told, told
     finally:
         reader.close()
 
