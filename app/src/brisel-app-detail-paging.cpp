@@ -1,6 +1,7 @@
 /* Which mails have pages, and which page is the current one: the page array, the box, the paging scroller and where it
    stands. One function, __brisel_detail_settle, decides from what is on screen after every touch, scroll, timer and
    resize; whoever acts on a mail asks __brisel_detail_page_on_screen. The main file, touches and gestures call it. */
+#define EFL_BETA_API_SUPPORT /* for a place between two pages */
 #include "brisel-app-detail.h"
 
 #include <algorithm>
@@ -69,6 +70,12 @@ double __brisel_detail_place_on_screen(const brisel_detail_view *view_data) {
 static void __brisel_detail_lay_box_out(brisel_detail_view *view_data) {
   elm_box_recalculate(view_data->box);
   evas_smart_objects_calculate(evas_object_evas_get(view_data->box));
+}
+
+void __brisel_detail_hold_pages(brisel_detail_view *view_data, int x) {
+  elm_scroller_region_show(view_data->page_scroller, x, 0, view_data->page_width, 1);
+  /* That ends a movement, but at a whole page. */
+  elm_interface_scrollable_content_pos_set(view_data->page_scroller, x, 0, EINA_TRUE);
 }
 
 /* Jumps to the current page. */
@@ -164,6 +171,24 @@ GList *__brisel_detail_update_neighbor(GList *node, int index, brisel_detail_vie
   return node;
 }
 
+/* The box has other pages than before: what is on screen, so many pages from the current one, stays where it is, and a
+   page that moved there moves on to where it was aimed at. */
+static void __brisel_detail_stand(brisel_detail_view *view_data, double off) {
+  view_data->cur_page_index = __brisel_detail_place_of_slot(view_data, BRISEL_DETAIL_CUR_PAGE);
+  if (__brisel_detail_place_of_mail(view_data, view_data->aimed_id) < 0) view_data->aimed_id = view_data->mail_id;
+  __brisel_detail_lay_box_out(view_data);
+  const int last = __brisel_detail_place_of_slot(view_data, BRISEL_DETAIL_PAGE_MAX) - 1;
+  const double place = std::clamp(view_data->cur_page_index + off, 0.0, (double)last);
+  __brisel_detail_hold_pages(view_data, (int)(place * view_data->page_width + 0.5));
+  const int aimed = __brisel_detail_place_of_mail(view_data, view_data->aimed_id);
+  if (__brisel_detail_is_held() || !__brisel_detail_is_box_laid_out(view_data) ||
+      __brisel_detail_place_on_screen(view_data) == aimed)
+    return;
+  elm_scroller_page_bring_in(view_data->page_scroller, aimed, 0);
+  view_data->seen_at = -1; /* where it begins is no place of rest */
+  __brisel_detail_settle_soon(view_data);
+}
+
 /* Makes a page that stands the current one, and fills the slots around it by the list: what stands and is still wanted
    stays as it is. What is on screen stays at its place. When the list does not hold the current mail (any more), the
    pages that stand are all there is to turn to. */
@@ -199,23 +224,19 @@ static void __brisel_detail_arrange(brisel_detail_view *view_data, page_data *cu
   __brisel_detail_pack(view_data);
   view_data->mail_id = mail_id;
   view_data->ad->mail_id = mail_id;
-  view_data->cur_page_index = __brisel_detail_place_of_slot(view_data, BRISEL_DETAIL_CUR_PAGE);
   view_data->is_neighbor_update_due = 0;
   view_data->has_neighbors = 1;
-  __brisel_detail_lay_box_out(view_data);
-  int last = __brisel_detail_place_of_slot(view_data, BRISEL_DETAIL_PAGE_MAX) - 1;
-  double place = std::clamp(view_data->cur_page_index + off, 0.0, (double)last);
-  elm_scroller_region_show(view_data->page_scroller, (int)(place * view_data->page_width + 0.5), 0,
-                           view_data->page_width, 1);
-  if (__brisel_detail_place_of_mail(view_data, view_data->aimed_id) < 0) view_data->aimed_id = mail_id;
+  __brisel_detail_stand(view_data, off);
   __brisel_detail_build_soon(view_data);
   __brisel_detail_tell_page(view_data);
 }
 
 void __brisel_detail_lose_page(brisel_detail_view *view_data, page_data *page) {
+  const double off =
+      __brisel_detail_place_on_screen(view_data) - __brisel_detail_place_of_mail(view_data, view_data->mail_id);
   *std::find(view_data->page_data, view_data->page_data + BRISEL_DETAIL_PAGE_MAX, page) = nullptr;
   __brisel_detail_drop_page(view_data, page);
-  __brisel_detail_show_current_page(view_data);
+  __brisel_detail_stand(view_data, off);
 }
 
 void __brisel_detail_turn_to_aimed(brisel_detail_view *view_data) {
@@ -240,7 +261,7 @@ static Eina_Bool __brisel_detail_page_timer_cb(void *data) {
 void __brisel_detail_stop_pages(brisel_detail_view *view_data) {
   if (view_data->page_timer) ecore_timer_del(view_data->page_timer);
   view_data->page_timer = nullptr;
-  if (__brisel_detail_touch.is_mouse_down || __brisel_detail_touch.other_fingers) return; /* the lift comes back here */
+  if (__brisel_detail_is_held()) return; /* the lift comes back here */
   const int place = __brisel_detail_place_of_mail(view_data, view_data->aimed_id);
   if (place >= 0 && __brisel_detail_is_box_laid_out(view_data) && __brisel_detail_place_on_screen(view_data) != place)
     elm_scroller_page_show(view_data->page_scroller, place, 0);
@@ -268,9 +289,7 @@ static void __brisel_detail_enter_page(brisel_detail_view *view_data) {
 
 void __brisel_detail_settle(brisel_detail_view *view_data) {
   /* The lift, or the box when it has its size, comes back here. */
-  if (__brisel_detail_touch.is_mouse_down || __brisel_detail_touch.other_fingers ||
-      !__brisel_detail_is_box_laid_out(view_data))
-    return;
+  if (__brisel_detail_is_held() || !__brisel_detail_is_box_laid_out(view_data)) return;
   double stood_at = view_data->seen_at, place = __brisel_detail_place_on_screen(view_data);
   int nearest = (int)(place + 0.5);
   view_data->seen_at = place;
@@ -291,8 +310,7 @@ void __brisel_detail_settle(brisel_detail_view *view_data) {
 
 page_data *__brisel_detail_page_on_screen(brisel_detail_view *view_data) {
   /* Under a finger the page is the one that it was put down on. */
-  if (!__brisel_detail_touch.is_mouse_down && !__brisel_detail_touch.other_fingers)
-    __brisel_detail_turn_to_aimed(view_data);
+  if (!__brisel_detail_is_held()) __brisel_detail_turn_to_aimed(view_data);
   return view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
 }
 

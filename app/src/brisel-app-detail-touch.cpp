@@ -14,6 +14,10 @@ constexpr unsigned flick_time = 300, tap_time = 500;
 constexpr unsigned last_time = 80;
 constexpr double last_move = 0.2;
 
+bool __brisel_detail_is_held() {
+  return __brisel_detail_touch.is_mouse_down || __brisel_detail_touch.other_fingers;
+}
+
 static bool __brisel_detail_is_at_end(const page_data *page) {
   if (!page || !page->scroller) return false;
   int content = 0, top = 0, view = 0;
@@ -85,7 +89,7 @@ void __brisel_detail_unfreeze_all(brisel_detail_view *view_data) {
 /* Taps that a touch of two fingers would have made have come by now. */
 static Eina_Bool __brisel_detail_touch_over_cb(void *data) {
   ((brisel_detail_view *)data)->touch_over_idler = nullptr;
-  if (!__brisel_detail_touch.is_mouse_down && !__brisel_detail_touch.other_fingers) __brisel_detail_touch.is_multi = 0;
+  if (!__brisel_detail_is_held()) __brisel_detail_touch.is_multi = 0;
   return ECORE_CALLBACK_CANCEL;
 }
 
@@ -120,7 +124,7 @@ static void __brisel_detail_lifted(brisel_detail_view *view_data) {
 static void __brisel_detail_lift_job_cb(void *data) {
   brisel_detail_view *view_data = (brisel_detail_view *)data;
   view_data->lift_job = nullptr;
-  if (__brisel_detail_touch.is_mouse_down || __brisel_detail_touch.other_fingers) return;
+  if (__brisel_detail_is_held()) return;
   __brisel_detail_lifted(view_data);
   if (!view_data->touch_over_idler)
     view_data->touch_over_idler = ecore_idler_add(__brisel_detail_touch_over_cb, view_data);
@@ -149,7 +153,7 @@ static void __brisel_detail_page_scroller_mouse_down_cb(void *data, Evas *evas, 
     __brisel_detail_lifted(view_data);
     int x = 0;
     elm_scroller_region_get(view_data->page_scroller, &x, nullptr, nullptr, nullptr);
-    elm_scroller_region_show(view_data->page_scroller, x, 0, view_data->page_width, 1);
+    __brisel_detail_hold_pages(view_data, x);
   }
   __brisel_detail_touch.is_mouse_down = 1;
   __brisel_detail_touch.is_multi = __brisel_detail_touch.other_fingers > 0;

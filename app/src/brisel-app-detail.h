@@ -193,6 +193,8 @@ void __brisel_detail_create_box(brisel_detail_view *view_data);
    page moves; it comes back by itself then. */
 void __brisel_detail_settle(brisel_detail_view *view_data);
 void __brisel_detail_settle_soon(brisel_detail_view *view_data);
+/* The pages stand still, x pixels from the first one's left edge. */
+void __brisel_detail_hold_pages(brisel_detail_view *view_data, int x);
 /* The pages stand at once where they move to. */
 void __brisel_detail_stop_pages(brisel_detail_view *view_data);
 /* The page that is acted on: the one on screen, or on its way there with no finger on it. */
@@ -217,6 +219,8 @@ void __brisel_detail_follow_list(brisel_detail_view *view_data);
 
 void __brisel_detail_watch_touches(brisel_detail_view *view_data);
 void __brisel_detail_leave_touches(brisel_detail_view *view_data);
+/* Whether any finger is down. */
+bool __brisel_detail_is_held();
 /* The place of the page beside the one that is aimed at; that one's own when there is none. */
 int __brisel_detail_place_beside(brisel_detail_view *view_data, int way);
 void __brisel_detail_unfreeze_all(brisel_detail_view *view_data);

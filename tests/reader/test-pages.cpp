@@ -209,6 +209,30 @@ TEST_F(Pages, EveryFlickCounts) {
   }
 }
 
+/* A page on its way comes, whatever is heard meanwhile. */
+TEST_F(Pages, AFlickIsNotUndone) {
+  fill(6);
+  for (const bool is_lost : {false, true}) {
+    open_reader(ids[1]);
+    const point at = middle_of(reader()->page_scroller_layout);
+    stroke(at, {at.x - 90, at.y});
+    ASSERT_TRUE(
+        run_until([&] { return reader()->aimed_id == ids[2] && __brisel_detail_place_on_screen(reader()) > 1; }));
+    const double before = __brisel_detail_place_on_screen(reader());
+    if (is_lost) {
+      __brisel_detail_lose_page(reader(), reader()->page_data[BRISEL_DETAIL_NEXT_NEXT_PAGE]);
+    } else {
+      brisel_detail_follow_screen(&test_ad);
+      brisel_detail_update_mails(nullptr, &test_ad);
+    }
+    EXPECT_EQ(__brisel_detail_place_on_screen(reader()), before) << "what is on screen jumped";
+    rest_reader();
+    EXPECT_EQ(reader()->mail_id, ids[2]) << is_lost;
+    expect_consistent();
+    close_reader();
+  }
+}
+
 TEST_F(Pages, AFingerHoldsThePagesStill) {
   fill(5);
   open_reader(ids[2]);
