@@ -128,6 +128,7 @@ static Eina_Bool __brisel_detail_more_msg_ind(void *data) {
 void __brisel_detail_scroller_bottom_hit_cb(void *data, Evas_Object *obj, void *event_info) {
   brisel_detail_view *view_data = (brisel_detail_view *)data;
   if (!view_data || !view_data->ad || __brisel_detail_touch.is_multi) return;
+  if (view_data->is_paused) return; /* nobody pulls: the page is only made to stand still */
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
   /* Only the current page's own edge counts, and only when it is the end of the text rather than of a guess. */
   if (!page || (obj && obj != page->scroller) || !brisel_detail_body_end_is_known(page->detail_layout)) return;

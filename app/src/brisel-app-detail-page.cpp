@@ -186,7 +186,7 @@ static void __brisel_detail_place_button(Evas_Object *layout, const char *part, 
                                          const char *id, Evas_Smart_Cb clicked_cb, brisel_detail_view *view_data) {
   Evas_Object *button = __brisel_detail_create_button(layout, name, is_icon);
   if (!button) return;
-  brisel_view_set_spoken_name(button, brisel_util_get_text(id));
+  brisel_view_set_spoken_id(button, id);
   evas_object_smart_callback_add(button, "clicked", clicked_cb, view_data);
   elm_object_part_content_set(layout, part, button);
 }
@@ -296,7 +296,7 @@ Evas_Object *__brisel_detail_create_layout_detail_view_title(brisel_detail_view 
   Evas_Object *button =
       brisel_view_title_button(title, "b_email_icon_more.png", __brisel_detail_option_button_clicked_cb, view_data);
   if (!button) failed = "__brisel_detail_create_option_button() failed!";
-  if (button) brisel_view_set_spoken_name(button, brisel_util_get_text("IDS_EMAIL_BODY_MORE_ACTIONS"));
+  if (button) brisel_view_set_spoken_id(button, "IDS_EMAIL_BODY_MORE_ACTIONS");
   Evas_Object *icon = failed ? nullptr : brisel_view_title_icon(title);
   if (!failed && !icon) failed = "__brisel_detail_create_title_icon() failed!";
   Evas_Object *bar = failed ? nullptr : __brisel_detail_create_account_color_bar(title, mail->account_id);
@@ -351,6 +351,13 @@ void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data
     elm_object_text_set(button, brisel_util_get_text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE"));
 }
 
+/* Whether a page has a field now that its layout was not made with, or had one that a layout cannot give back. */
+static bool __brisel_detail_has_other_fields(const full_noti_data *old, const full_noti_data *mail) {
+  const auto is_whole = [](const full_noti_data *of) { return __brisel_detail_ends_with_tag(of->body, tag_complete); };
+  return !old->has_image != !mail->has_image || (old->attachment_count > 0) != (mail->attachment_count > 0) ||
+         (is_whole(old) && !is_whole(mail));
+}
+
 void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) {
   if (!page->has_mail) return;
   full_noti_data *old = page->mail_data;
@@ -362,6 +369,12 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) 
   /* Text that was asked for is shown in its own time. */
   bool has_text = !__brisel_detail_is_waiting(view_data, page) && g_strcmp0(mail->body, old->body) != 0;
   bool has_subject = g_strcmp0(mail->subject, old->subject) != 0;
+  if (page->detail_layout && __brisel_detail_has_other_fields(old, mail.get())) {
+    __brisel_detail_keep_place(page);
+    __brisel_detail_drop_ring(view_data);
+    brisel_widget_ref_drop(&page->detail_layout);
+    page->is_built = 0; /* the next steps lay it out anew */
+  }
   if (page->detail_layout && !has_text) std::swap(mail->body, old->body);
   page->mail_data = mail.release();
   brisel_full_noti_data_free(old);
@@ -375,5 +388,6 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) 
     bool is_whole = __brisel_detail_ends_with_tag(page->mail_data->body, tag_complete);
     __brisel_detail_signal(page->detail_layout, is_whole ? "do-hide-device-field" : "do-show-device-field");
   }
+  __brisel_detail_name_page(page);
   __brisel_detail_process_signals(page->detail_layout);
 }

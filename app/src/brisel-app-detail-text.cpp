@@ -66,6 +66,7 @@ static int __brisel_detail_subject_lines(page_data *page, const Evas_Object *edj
   int title = 0;
   edje_object_part_geometry_get(elm_layout_edje_get(page->page_layout), "title", nullptr, nullptr, nullptr, &title);
   int room = page->height - line - title - __brisel_detail_theme_length(edje, "detail.fields.height");
+  page->is_tight = 0;
   if (page->mail_data->has_image) {
     room -= __brisel_detail_theme_length(edje, "detail.image.height");
     page->is_tight = room < line * 4 / 5; /* letters are not as high as their line */

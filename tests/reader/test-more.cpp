@@ -86,6 +86,39 @@ TEST_F(MoreMsg, AsksAtMostThreeTimesAVisit) {
   EXPECT_GE(phone.more_request(), 0) << "a new visit may ask again";
 }
 
+/* With the display off the page is made to stand still at its end: that is no pull. */
+TEST_F(MoreMsg, APauseAtTheEndAsksForNothing) {
+  open({long_text("a", 200) + more_tag});
+  pull_to_end();
+  phone.answer_more(phone.more_request(), 1, "", false);
+  ASSERT_TRUE(run_until([] { return !current_page()->progress; }));
+  phone.requests.clear();
+  const int left = current_page()->more_msg_count;
+  app_pause(&test_ad);
+  settle();
+  EXPECT_EQ(phone.count("more_msg"), 0);
+  EXPECT_EQ(current_page()->more_msg_count, left);
+}
+
+/* What the phone says of an opened mail: fields that its page was not made with come, and go again. */
+TEST_F(MoreMsg, FieldsComeAndGo) {
+  open({"whole" + complete_tag});
+  const auto state = [](const char *part) {
+    return current_page()->detail_layout && current_page()->is_built ? part_state(current_page(), part) : "";
+  };
+  phone.set_text(ids[0], "body", "first" + more_tag);
+  ASSERT_TRUE(body_becomes(current_page(), "first"));
+  expect_rest(current_page(), true);
+  EXPECT_TRUE(elm_object_part_content_get(current_page()->detail_layout, "detail.device"));
+  for (const char *field : {"attachment_count", "has_image"}) {
+    const char *part = *field == 'a' ? "detail.attachment" : "detail.image";
+    phone.set_flag(ids[0], field, 1);
+    EXPECT_TRUE(run_until([&] { return state(part) != "" && state(part) != "default"; })) << field;
+    phone.set_flag(ids[0], field, 0);
+    EXPECT_TRUE(run_until([&] { return state(part) == "default"; })) << field;
+  }
+}
+
 TEST_F(MoreMsg, BodiesThatMayAskAndThatMayNot) {
   struct {
     const char *body;
