@@ -264,7 +264,8 @@ host_bus_holder host_open_session(std::string *error) {
 
 namespace {
 
-/* Who has the service's name, and the program it runs. Returns 0, or a host_result with a reason. */
+/* Who has the service's name, and the program it runs; neither is touched when nobody has it any more. Returns 0, or a
+   host_result with a reason. */
 int name_holder(host_bus *bus, std::string *holder, std::string *program, std::string *error) {
   bus_error why;
   bus_message reply;
@@ -280,6 +281,7 @@ int name_holder(host_bus *bus, std::string *holder, std::string *program, std::s
   result = sd_bus_get_name_creds(bus->bus, host_name, SD_BUS_CREDS_UNIQUE_NAME | SD_BUS_CREDS_PID, &creds.c);
   if (result >= 0) result = sd_bus_creds_get_unique_name(creds.c, &name);
   if (result >= 0) result = sd_bus_creds_get_pid(creds.c, &pid);
+  if (result == -ENXIO || result == -ESRCH) return 0; /* it ended, and the name went meanwhile */
   if (result < 0) {
     *error = std::string("who the host service is cannot be told: ") + strerror(-result);
     return HOST_NOBODY;
