@@ -201,14 +201,14 @@ int brisel_db_get_full_noti_data_by_mail_id(int mail_id, full_noti_data *out);
    places them); free with brisel_full_noti_data_list_free, never record by record. account_id 0: all. */
 int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **list, int *count);
 int brisel_db_get_full_noti_data_count_by_account_id(int account_id, int *count);
-/* For lists, which show no bodies: reading these is most of what reading whole mails costs. *places: of all mails in
-   the order of the list above, from an index alone; g_free. The records of *list have no body; they come in the order
-   of ids, what is gone is left out; free with brisel_full_noti_data_list_free. */
-int brisel_db_get_mail_places_by_account_id(int account_id, brisel_mail_place **places, int *count);
-/* The same in parts: most of them at most (0: all), from the first on (after NULL) or behind one of an earlier part.
-   Between two parts mails may come and go. */
+/* For lists, which show no bodies: reading these is most of what reading whole mails costs. *places: of mails in the
+   order of the list above, from an index alone; g_free. In parts: most of them at most (0: all), from the first on
+   (after NULL) or behind one of an earlier part. Between two parts mails may come and go. */
 int brisel_db_get_mail_places_after(int account_id, const brisel_mail_place *after, int most,
                                     brisel_mail_place **places, int *count);
+/* Records without a body, to be freed with brisel_full_noti_data_list_free: in such parts, or of certain mails in the
+   order of ids, what is gone left out. In parts it takes three quarters of the time, the places not counted. */
+int brisel_db_get_noti_rows_after(int account_id, const brisel_mail_place *after, int most, GSList **list, int *count);
 int brisel_db_get_noti_rows_by_mail_ids(const int *ids, int ids_count, GSList **list, int *count);
 /* *list: template_data in display order; free with brisel_template_data_list_free. */
 int brisel_db_get_all_template_data(GSList **list);

@@ -342,15 +342,10 @@ static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
   g_slist_free(vd->item_list);
   vd->item_list = nullptr;
 
-  brisel_mail_place *places = nullptr;
   GSList *noti_list = nullptr;
   int mail_cnt = 0;
   /* The list without bodies; a failure is told as that of the list. */
-  int err = brisel_db_get_mail_places_by_account_id(vd->account_id, &places, &mail_cnt);
-  std::vector<int> ids;
-  for (int i = 0; i < mail_cnt; i++) ids.push_back(places[i].mail_id);
-  g_free(places);
-  if (err == 0) err = brisel_db_get_noti_rows_by_mail_ids(ids.data(), mail_cnt, &noti_list, &mail_cnt);
+  const int err = brisel_db_get_noti_rows_after(vd->account_id, nullptr, 0, &noti_list, &mail_cnt);
   if (err != 0) BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", err);
 
   Elm_Genlist_Item_Class *itc = _new_row_class();

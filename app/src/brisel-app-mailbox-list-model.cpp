@@ -81,16 +81,16 @@ void _read_item_state(item_data *item, const full_noti_data *mail) {
   item->subject = _line_of(mail->subject);
 }
 
-static item_data *_item_data_of_place(int mail_id, time_t received_time, int locked, appdata *ad) {
+static item_data *_item_data_of_place(const brisel_mail_place &place, appdata *ad) {
   item_data *item = (item_data *)calloc(1, sizeof(item_data));
   if (!item) {
     BRISEL_ERROR("memory allocation failed.");
     return nullptr;
   }
   item->type = ROW_MAIL;
-  item->mail_id = mail_id;
-  item->security_locked = locked;
-  item->received_time = (int)CLAMP(received_time, (time_t)INT_MIN, (time_t)INT_MAX);
+  item->mail_id = place.mail_id;
+  item->security_locked = place.security_locked;
+  item->received_time = (int)CLAMP(place.received_time, (time_t)INT_MIN, (time_t)INT_MAX);
   item->ad = ad;
   return item;
 }
@@ -123,7 +123,7 @@ item_data *_make_list_data_by_mail_id(int mail_id, appdata *ad) {
     BRISEL_WARN("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d], mail_id : %d", result, mail_id);
     return nullptr;
   }
-  item_data *item = _item_data_of_place(mail_id, mail->received_time, mail->security_locked, ad);
+  item_data *item = _item_data_of_place({mail_id, mail->received_time, mail->security_locked}, ad);
   if (item) _fill_list_data(item, mail.get());
   return item;
 }
@@ -233,16 +233,18 @@ void _add_mail_row(appdata *ad, Elm_Object_Item *group_item, item_data *item, El
   _name_row(item);
 }
 
-/* A refresh makes records as places first: which mail, when, and whether it is locked, which is all that the reader
-   asks of a mail beside its own. The places of the first screen are read, what its rows show is read, and they are
-   made; the others follow while the loop is idle, so that thousands of rows nobody sees yet do not hold up the first
-   picture. Whatever touches the model first makes the rest. */
+/* A refresh reads the first screen's mails and makes their rows; the others follow while the loop is idle, so that
+   thousands of rows nobody sees yet do not hold up the first picture. Whatever touches the model first makes the rest.
+   What only wants to know of more mails gets records that are places: which mail, when, and whether it is locked, which
+   is all that the reader asks of a mail beside its own. */
 constexpr int rows_at_first = 24; /* more than the largest screen holds */
 constexpr int rows_at_once = 128;
 constexpr int places_at_once = 1024;
-/* The cells of mail_list whose records are places (and nobody's but the model's). */
+/* The cells of mail_list whose records have no row (and are nobody's but the model's), and how many of them, from the
+   first on, are whole: the others are places. */
 static GList *rowless;
-/* Behind it, of the account read, are the places that have not been read. */
+static int whole;
+/* Behind it, of the account read, are the mails that have not been read. */
 static brisel_mail_place last_place;
 static int places_account;
 static bool places_wait;
@@ -253,6 +255,15 @@ Elm_Object_Item *_group_item(appdata *ad) {
   return first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP ? first : nullptr;
 }
 
+/* Puts records behind the others. They come last first, as prepending makes them: appending walks the whole list. */
+static void _append_records(appdata *ad, GList *last_first) {
+  GList *part = g_list_reverse(last_first);
+  for (GList *cell = cells ? part : nullptr; cell; cell = cell->next)
+    g_hash_table_insert(cells, GINT_TO_POINTER(((item_data *)cell->data)->mail_id), cell);
+  if (!rowless) rowless = part;
+  ad->mail_list = g_list_concat(ad->mail_list, part);
+}
+
 /* The next places as records, most at most (0: all). 0, or the error of the store. */
 static int _read_places(appdata *ad, const brisel_mail_place *after, int most) {
   brisel_mail_place *read_places = nullptr;
@@ -260,30 +271,42 @@ static int _read_places(appdata *ad, const brisel_mail_place *after, int most) {
   const int result = brisel_db_get_mail_places_after(places_account, after, most, &read_places, &count);
   const std::unique_ptr<brisel_mail_place, decltype(&g_free)> places(read_places, g_free);
   places_wait = result == 0 && most > 0 && count == most;
-  if (count > 0) last_place = read_places[count - 1];
-  /* The part is built backwards and turned once: appending walks the whole list each time. */
   GList *part = nullptr;
   for (const brisel_mail_place *place = read_places; place < read_places + count; place++) {
-    item_data *item = _item_data_of_place(place->mail_id, place->received_time, place->security_locked, ad);
-    if (item)
-      part = g_list_prepend(part, item);
-    else
-      BRISEL_INFO("item_data is NULL.");
+    last_place = *place;
+    if (item_data *item = _item_data_of_place(*place, ad)) part = g_list_prepend(part, item);
   }
-  part = g_list_reverse(part);
-  for (GList *cell = cells ? part : nullptr; cell; cell = cell->next)
-    g_hash_table_insert(cells, GINT_TO_POINTER(((item_data *)cell->data)->mail_id), cell);
-  if (!rowless) rowless = part;
-  ad->mail_list = g_list_concat(ad->mail_list, part);
+  _append_records(ad, part);
   return result;
 }
 
-/* The next places, and with the last of them the true number of mails: some came or went since they were counted. */
-static void _read_more_places(appdata *ad, int most) {
+/* The next whole records, most at most, while no place waits for its row. 0, or the error of the store. */
+static int _read_rows(appdata *ad, const brisel_mail_place *after, int most) {
+  GSList *list = nullptr;
+  int count = 0;
+  const int result = brisel_db_get_noti_rows_after(places_account, after, most, &list, &count);
+  const scoped_noti_list mails(list);
+  places_wait = result == 0 && count == most;
+  GList *part = nullptr;
+  for (const GSList *node = list; node; node = node->next) {
+    const full_noti_data *mail = (const full_noti_data *)node->data;
+    last_place = {mail->mail_id, mail->received_time, mail->security_locked};
+    item_data *item = _item_data_of_place(last_place, ad);
+    if (!item) continue;
+    _fill_list_data(item, mail);
+    part = g_list_prepend(part, item);
+    whole++;
+  }
+  _append_records(ad, part);
+  return result;
+}
+
+/* The next mails, and with the last of them their true number: some came or went since they were counted. */
+static void _read_more(appdata *ad, int most, int (*read)(appdata *, const brisel_mail_place *, int)) {
   if (!places_wait) return;
   const brisel_mail_place after = last_place;
-  const int result = _read_places(ad, &after, most);
-  if (result != 0) BRISEL_WARN("brisel_db_get_mail_places_after() failed! err:[%d]", result);
+  const int result = read(ad, &after, most);
+  if (result != 0) BRISEL_WARN("more of the list cannot be read! err:[%d]", result);
   Elm_Object_Item *group_item = _group_item(ad);
   group_item_data *group = group_item ? (group_item_data *)elm_object_item_data_get(group_item) : nullptr;
   const int count = places_wait ? 0 : (int)g_list_length(ad->mail_list);
@@ -293,7 +316,7 @@ static void _read_more_places(appdata *ad, int most) {
 }
 
 void brisel_complete_mail_list(appdata *ad) {
-  _read_more_places(ad, 0);
+  _read_more(ad, 0, _read_places);
 }
 
 void brisel_complete_mail_list_around(int mail_id, int unlocked, appdata *ad) {
@@ -304,7 +327,7 @@ void brisel_complete_mail_list_around(int mail_id, int unlocked, appdata *ad) {
     while (cell && wanted > 0 && (cell = cell->next))
       if (!((item_data *)cell->data)->security_locked) wanted--;
     if (wanted == 0) return;
-    _read_more_places(ad, places_at_once);
+    _read_more(ad, places_at_once, _read_places);
   }
 }
 
@@ -317,8 +340,16 @@ static void _drop_place(appdata *ad, GList *cell, group_item_data *group) {
   if (group) group->count--;
 }
 
-/* The next rows, rows_at_once at most. */
+/* The next rows, rows_at_once at most; first those whose records are whole. */
 static void _make_some_rows(appdata *ad, Elm_Object_Item *group_item, int count) {
+  if (whole > 0) {
+    for (; whole > 0 && count > 0; whole--, count--) {
+      item_data *item = (item_data *)rowless->data;
+      rowless = rowless->next;
+      _add_mail_row(ad, group_item, item, nullptr);
+    }
+    return;
+  }
   int ids[rows_at_once] = {}, wanted = 0, found = 0;
   for (GList *cell = rowless; cell && wanted < MIN(count, rows_at_once); cell = cell->next)
     ids[wanted++] = ((item_data *)cell->data)->mail_id;
@@ -375,7 +406,7 @@ bool _is_last_row(appdata *ad, const Elm_Object_Item *it) {
 
 static Eina_Bool _row_idler_cb(void *data) {
   appdata *ad = (appdata *)data;
-  if (!rowless) _read_more_places(ad, places_at_once);
+  if (!rowless) _read_more(ad, rows_at_once, _read_rows);
   _make_rows(ad, rows_at_once);
   if (rowless || places_wait) return ECORE_CALLBACK_RENEW;
   row_idler = nullptr;
@@ -391,8 +422,11 @@ static Eina_Bool _first_row_idler_cb(void *data) {
 }
 
 void _make_all_rows(appdata *ad) {
-  brisel_complete_mail_list(ad);
   _make_rows(ad, INT_MAX);
+  while (places_wait) {
+    _read_more(ad, rows_at_once, _read_rows);
+    _make_rows(ad, INT_MAX);
+  }
   if (row_idler) ecore_idler_del(row_idler);
   row_idler = nullptr;
 }
@@ -400,6 +434,7 @@ void _make_all_rows(appdata *ad) {
 void brisel_free_mail_list(appdata *ad) {
   for (; rowless; rowless = rowless->next) _free_list_data((item_data *)rowless->data);
   places_wait = false;
+  whole = 0;
   if (row_idler) ecore_idler_del(row_idler);
   row_idler = nullptr;
   _forget_cells();
@@ -432,7 +467,7 @@ void _refresh_mailbox_list(appdata *ad) {
   BRISEL_INFO("ad->account_id : %d", ad->account_id);
   places_account = ad->account_id;
   /* The list without what nobody sees yet; a failure is told as that of the list. */
-  int result = _read_places(ad, nullptr, rows_at_first), mail_cnt = (int)g_list_length(ad->mail_list);
+  int result = _read_rows(ad, nullptr, rows_at_first), mail_cnt = (int)g_list_length(ad->mail_list);
   if (result == 0 && places_wait) result = brisel_db_get_full_noti_data_count_by_account_id(places_account, &mail_cnt);
   if (result != 0) BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", result);
   BRISEL_INFO("mail_cnt = %d", mail_cnt);

@@ -269,7 +269,9 @@ bool sql_statement::is_null(int column) const {
 
 std::string_view sql_statement::view(int column) const {
   if (!statement_) return "";
-  const unsigned char *bytes = sqlite3_column_text(statement_, column); /* of a blob its bytes as they are */
+  /* The value itself is asked, not the statement twice: nobody else has this connection. */
+  sqlite3_value *value = sqlite3_column_value(statement_, column);
+  const unsigned char *bytes = sqlite3_value_text(value); /* of a blob its bytes as they are */
   if (!bytes) return "";
-  return {reinterpret_cast<const char *>(bytes), static_cast<size_t>(sqlite3_column_bytes(statement_, column))};
+  return {reinterpret_cast<const char *>(bytes), static_cast<size_t>(sqlite3_value_bytes(value))};
 }

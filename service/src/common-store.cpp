@@ -101,6 +101,21 @@ int read_number(reader_query which, int id, int *number) {
   return 0;
 }
 
+/* Readies one of the four queries that give a part of a list: all mails or an account's, from the first on or behind a
+   place. first: the first of the four; the other values as the application gave them. As reader_start(). */
+int start_part(reader_query first, int account_id, const brisel_mail_place *after, int most, sql_statement **q) {
+  const int status = reader_start(static_cast<reader_query>(first + (after ? 2 : 0) + (account_id ? 1 : 0)), q);
+  if (!*q) return status;
+  const int limit = most ? most : -1; /* none */
+  if (after) {
+    (*q)->bind(static_cast<int64_t>(after->received_time), after->mail_id, limit);
+    if (account_id) (*q)->add(account_id);
+  } else {
+    account_id ? (*q)->bind(account_id, limit) : (*q)->bind(limit);
+  }
+  return status;
+}
+
 }  // namespace
 
 int brisel_db_init(void) {
@@ -212,10 +227,6 @@ int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **lis
   return mails.finish(read_into(&mails, q, read_mail), list, count);
 }
 
-int brisel_db_get_mail_places_by_account_id(int account_id, brisel_mail_place **places, int *count) {
-  return brisel_db_get_mail_places_after(account_id, nullptr, 0, places, count);
-}
-
 int brisel_db_get_mail_places_after(int account_id, const brisel_mail_place *after, int most,
                                     brisel_mail_place **places, int *count) {
   if (!places || !count || account_id < 0 || most < 0) return BRISEL_COMMON_ERROR_INVALID;
@@ -223,16 +234,8 @@ int brisel_db_get_mail_places_after(int account_id, const brisel_mail_place *aft
   *count = 0;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
   sql_statement *q = nullptr;
-  int status = after ? reader_start(account_id ? reader_places_after_of_account : reader_places_after, &q)
-                     : reader_start(account_id ? reader_places_of_account : reader_places, &q);
+  int status = start_part(reader_places, account_id, after, most, &q);
   if (!q) return status;
-  const int limit = most ? most : -1; /* none */
-  if (after) {
-    q->bind(static_cast<int64_t>(after->received_time), after->mail_id, limit);
-    if (account_id) q->add(account_id);
-  } else {
-    account_id ? q->bind(account_id, limit) : q->bind(limit);
-  }
   brisel_mail_place *all = nullptr;
   int length = 0, room = 0;
   sql_result r = sql_done;
@@ -257,6 +260,18 @@ int brisel_db_get_mail_places_after(int account_id, const brisel_mail_place *aft
   *places = all;
   *count = length;
   return 0;
+}
+
+int brisel_db_get_noti_rows_after(int account_id, const brisel_mail_place *after, int most, GSList **list, int *count) {
+  if (!list || !count || account_id < 0 || most < 0) return BRISEL_COMMON_ERROR_INVALID;
+  *list = nullptr;
+  *count = 0;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  sql_statement *q = nullptr;
+  const int status = start_part(reader_rows, account_id, after, most, &q);
+  if (!q) return status;
+  growing_list mails;
+  return mails.finish(read_into(&mails, q, read_row), list, count);
 }
 
 int brisel_db_get_noti_rows_by_mail_ids(const int *ids, int ids_count, GSList **list, int *count) {

@@ -23,6 +23,7 @@ constexpr int busy_ms = 1000;
 constexpr std::string_view row_mark = "[row]", mail_mark = "[mail]", ids_mark = "[ids]";
 #define SCREEN_ORDER "ORDER BY received_time DESC, mail_id"
 #define PLACE "SELECT mail_id, received_time, security_locked FROM mail "
+#define ROWS "SELECT [row] FROM mail "
 #define BEHIND "received_time <= ?1 AND (received_time < ?1 OR mail_id > ?2) "
 
 constexpr const char *texts[reader_query_count] = {
@@ -35,6 +36,10 @@ constexpr const char *texts[reader_query_count] = {
     "SELECT [mail] WHERE account_id = ? " SCREEN_ORDER,
     "SELECT [row] FROM (VALUES [ids]) CROSS JOIN mail ON mail_id = column1",
     "SELECT [row] FROM (VALUES [ids]) CROSS JOIN mail ON mail_id = column1",
+    ROWS SCREEN_ORDER " LIMIT ?",
+    ROWS "WHERE account_id = ? " SCREEN_ORDER " LIMIT ?",
+    ROWS "WHERE " BEHIND SCREEN_ORDER " LIMIT ?3",
+    ROWS "WHERE account_id = ?4 AND " BEHIND SCREEN_ORDER " LIMIT ?3",
     PLACE SCREEN_ORDER " LIMIT ?",
     PLACE "WHERE account_id = ? " SCREEN_ORDER " LIMIT ?",
     PLACE "WHERE " BEHIND SCREEN_ORDER " LIMIT ?3",

@@ -15,6 +15,10 @@ enum reader_query {
   reader_mails_of_account,
   reader_few_rows,
   reader_many_rows,
+  reader_rows, /* four as of the places */
+  reader_rows_of_account,
+  reader_rows_after,
+  reader_rows_after_of_account,
   reader_places,
   reader_places_of_account,
   reader_places_after,

@@ -48,7 +48,7 @@ struct Reader : testing::Test {
     EXPECT_EQ(static_cast<int>(ids.size()), count);
     EXPECT_EQ(count, counted);
     brisel_mail_place *places = nullptr;
-    EXPECT_EQ(0, brisel_db_get_mail_places_by_account_id(account, &places, &counted));
+    EXPECT_EQ(0, brisel_db_get_mail_places_after(account, nullptr, 0, &places, &counted));
     GSList *cell = list;
     for (int i = 0; i < counted; i++) placed.push_back(places[i].mail_id);
     for (int i = 0; cell && i < counted; i++, cell = cell->next) {
@@ -66,6 +66,19 @@ struct Reader : testing::Test {
       for (int i = 0; i < counted; i++) placed.push_back((last = places[i]).mail_id);
     }
     EXPECT_EQ(ids, placed);
+    GSList *rows = nullptr;
+    cell = list;
+    for (counted = 2; counted == 2; brisel_full_noti_data_list_free(rows)) {
+      EXPECT_EQ(0, brisel_db_get_noti_rows_after(account, cell == list ? nullptr : &last, 2, &rows, &counted));
+      for (GSList *row = rows; row && cell; row = row->next, cell = cell->next) {
+        const auto *one = static_cast<full_noti_data *>(row->data), *whole = static_cast<full_noti_data *>(cell->data);
+        last = {one->mail_id, one->received_time, one->security_locked};
+        EXPECT_EQ(whole->mail_id, one->mail_id);
+        EXPECT_STREQ(whole->subject, one->subject);
+        EXPECT_EQ(nullptr, one->body);
+      }
+    }
+    EXPECT_EQ(nullptr, cell);
     brisel_full_noti_data_list_free(list);
     return ids;
   }
