@@ -2,6 +2,7 @@
 #include "brisel-app-detail-fold.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -161,10 +162,17 @@ static bool _is_passed_on(std::string_view text, size_t start) {
   return line.ends_with(':') || (line.starts_with("--") && line.find_first_not_of("-") != std::string_view::npos);
 }
 
+/* The bytes that a line of a head may begin with: with a divider, with what stands before a name, or with a name. Asked
+   of every line, of which most begin otherwise. */
+static constexpr std::array<bool, 256> history_firsts = [] {
+  std::array<bool, 256> firsts = {};
+  firsts['-'] = firsts['*'] = firsts[' '] = true;
+  for (const char *name : from_words) firsts[(unsigned char)*name] = true;
+  return firsts;
+}();
+
 static bool _begins_history(std::string_view text, size_t start) {
-  /* Asked of every line: most have no such letter first. */
-  static constexpr std::string_view firsts = "-* FVD\xD0\xE5\xEB";
-  if (start >= text.size() || firsts.find(text[start]) == std::string_view::npos) return false;
+  if (start >= text.size() || !history_firsts[(unsigned char)text[start]]) return false;
   std::string_view line = text.substr(start, _line_end(text, start) - start);
   if (line.starts_with("--") && line.size() <= longest_divider) {
     for (const char *words : original_words)
