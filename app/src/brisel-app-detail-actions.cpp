@@ -200,6 +200,7 @@ void brisel_detail_register_pickover(view_data *vd) {
   brisel_detail_view *view_data = (brisel_detail_view *)vd;
   view_data->is_paused = 0;
   __brisel_detail_update_pickover(view_data);
+  __brisel_detail_turn_rings(view_data, true);
   __brisel_detail_build_soon(view_data);
   /* A page that came to rest out of sight is entered now. */
   __brisel_detail_settle(view_data);
@@ -217,6 +218,7 @@ void brisel_detail_unregister_pickover(view_data *vd) {
   __brisel_detail_stop_pages(view_data);
   for (const page_data *page : view_data->page_data)
     if (page) brisel_view_stop_scrolling(page->scroller);
+  __brisel_detail_turn_rings(view_data, false);
   if (view_data->pickover_timer) ecore_timer_del(view_data->pickover_timer);
   view_data->pickover_timer = nullptr;
   __brisel_detail_unregister_pickover(view_data);

@@ -60,6 +60,11 @@ void __brisel_detail_show_waiting(const brisel_detail_view *view_data, page_data
   __brisel_detail_veil_events(page, false);
 }
 
+void __brisel_detail_turn_rings(const brisel_detail_view *view_data, bool turns) {
+  for (const page_data *page : view_data->page_data)
+    if (page && page->progress) elm_progressbar_pulse(page->progress, turns);
+}
+
 static void __brisel_detail_stop_progress(page_data *page) {
   brisel_widget_ref_drop(&page->progress);
   elm_layout_signal_emit(page->detail_layout, "stop,progress", "");

@@ -241,6 +241,8 @@ void __brisel_detail_abandon_more_msg(brisel_detail_view *view_data, bool is_can
 bool __brisel_detail_is_waiting(const brisel_detail_view *view_data, const page_data *page);
 /* The page says that it waits. */
 void __brisel_detail_show_waiting(const brisel_detail_view *view_data, page_data *page);
+/* The rings of the pages that wait turn, or stand still. */
+void __brisel_detail_turn_rings(const brisel_detail_view *view_data, bool turns);
 
 /* --- buttons, read indication, pickover: brisel-app-detail-actions.cpp --- */
 

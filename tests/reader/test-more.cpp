@@ -273,6 +273,10 @@ TEST_F(MoreMsg, ThePhoneLeavesWithoutAnAnswer) {
   open({"first" + more_tag});
   __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
   ASSERT_GE(phone.more_request(), 0);
+  app_pause(&test_ad);
+  EXPECT_FALSE(elm_progressbar_is_pulsing_get(current_page()->progress)) << "it turns for nobody";
+  app_resume(&test_ad);
+  EXPECT_TRUE(elm_progressbar_is_pulsing_get(current_page()->progress));
   phone.leave();
   ASSERT_TRUE(run_until([] { return !reader()->more_msg; }));
   expect_rest(current_page(), true);
