@@ -127,13 +127,9 @@ static void __brisel_option_reply_append_templates(option_reply_view_data *vd, E
   static constexpr Elm_Genlist_Item_Class row_class =
       brisel_view_row_class("1text", __brisel_option_reply_gl_text_get_templates);
   guint count = g_slist_length(vd->template_list);
-  for (guint i = 0; i < count; i++) {
-    Elm_Object_Item *row = brisel_view_add_row(genlist, nullptr, &row_class, (void *)(uintptr_t)i,
-                                               __brisel_option_reply_gl_sel_templates, (void *)(uintptr_t)i);
-    // A row out of sight has no text yet.
-    const template_data *td = __brisel_option_reply_template(vd, (void *)(uintptr_t)i);
-    if (row && td && brisel_view_is_spoken()) brisel_view_set_spoken_name(row, __brisel_option_reply_template_text(td));
-  }
+  for (guint i = 0; i < count; i++)
+    brisel_view_add_row(genlist, nullptr, &row_class, (void *)(uintptr_t)i, __brisel_option_reply_gl_sel_templates,
+                        (void *)(uintptr_t)i);
 }
 
 static Evas_Object *__brisel_option_reply_make_list(Evas_Object *layout, option_reply_view_data *vd) {

@@ -138,6 +138,14 @@ def test_a_reader_that_comes_later_and_another_language_are_told_all(s):
         told = heard(reader, ("page tab", s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3")))
         equal(sum(s.text("IDS_EMAIL_BODY_NEW") in name for name in rows(told)), 30, "rows in the other language")
         assert ("push button", s.text("IDS_EMAIL_BODY_DELETE")) in told, told
+        s.tap("Sender 0")
+        s.wait_text("Old", part=False)
+        s.watch("keyboard", "Menu")
+        s.tap(s.text("IDS_EMAIL_SK_REPLY"))
+        heard(reader, ("list item", s.text("IDS_MSG_TEMPLATE_12", "message")))
+        s.language = "en"
+        s.setting("db/menu_widget/language", "string", "en_US.UTF-8")
+        heard(reader, ("list item", s.text("IDS_MSG_TEMPLATE_12", "message")))
     finally:
         reader.close()
 
