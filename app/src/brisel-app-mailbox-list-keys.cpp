@@ -1,5 +1,5 @@
-/* The mailbox's own keys: on the header the arrow that points at its end opens the choice of the account. Delete draws
-   the focused row aside as a finger would, Delete again or on another row deletes it, Return brings it back. */
+/* The mailbox's own keys: the arrow that points at a row's end does what a long press on it does. Delete draws the
+   focused row aside as a finger would, Delete again or on another row deletes it, Return brings it back. */
 #include <cstring>
 
 #include "brisel-app-mailbox-list.h"
@@ -32,11 +32,8 @@ static void _key_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info
   Evas_Event_Key_Down *event = (Evas_Event_Key_Down *)event_info;
   Elm_Object_Item *it = elm_object_focused_item_get(obj);
   if (!it || (event->event_flags & EVAS_EVENT_FLAG_ON_HOLD)) return;
-  if (elm_genlist_item_type_get(it) & ELM_GENLIST_ITEM_GROUP) {
-    if (!strcmp(event->key, elm_object_mirrored_get(obj) ? "Left" : "Right"))
-      _long_pressed_group((group_item_data *)elm_object_item_data_get(it), it);
-    return;
-  }
+  if (!strcmp(event->key, elm_object_mirrored_get(obj) ? "Left" : "Right")) _press_long(it);
+  if (!_is_mail(it)) return;
   const bool deletes = !strcmp(event->key, "Delete") || !strcmp(event->key, "KP_Delete");
   const bool brings_back = it == ad->sweep_item && (!strcmp(event->key, "Return") || !strcmp(event->key, "KP_Enter"));
   if (!deletes && !brings_back) return;

@@ -100,7 +100,7 @@ static void _long_pressed_mail(item_data *item, Elm_Object_Item *it) {
   if (_row_takes_touch(item->ad, it)) brisel_option_detail_draw_view(item->mail_id, item->ad);
 }
 
-static void _press_long(Elm_Object_Item *it) {
+void _press_long(Elm_Object_Item *it) {
   item_data *item = (item_data *)elm_object_item_data_get(it);
   if (!item) {
     BRISEL_ERROR("item_data is NULL");

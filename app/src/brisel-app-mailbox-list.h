@@ -134,5 +134,7 @@ void _delete_row(Elm_Object_Item *it);
 void _gl_group_sel(void *data, Evas_Object *obj, void *event_info);
 /* A long press on the header. */
 void _long_pressed_group(group_item_data *group, Elm_Object_Item *it);
+/* What a long press on the header or a mail's row does. */
+void _press_long(Elm_Object_Item *it);
 
 #endif
