@@ -239,7 +239,13 @@ static void __brisel_option_reply_key_cb(void *data, Evas *e, Evas_Object *obj, 
   elm_object_focus_set(is_typing ? btn : vd->content_obj, EINA_TRUE);
 }
 
+/* The more key does what a touch on the name does. */
+static void __brisel_option_reply_more_cb(void *data, Evas_Object *obj, void *event_info) {
+  elm_layout_signal_emit(obj, "turn,name", "brisel");
+}
+
 static void __brisel_option_reply_follow_keys(option_reply_view_data *vd, Evas_Object *btn) {
+  ea_object_event_callback_add(vd->emoticon_layout, EA_CALLBACK_MORE, __brisel_option_reply_more_cb, nullptr);
   evas_object_smart_callback_add(btn, "unfocused", __brisel_option_reply_unfocused_cb, nullptr);
   evas_object_event_callback_add(vd->emoticon_layout, EVAS_CALLBACK_KEY_DOWN, __brisel_option_reply_key_cb, vd);
   for (const char *key : {"Tab", "ISO_Left_Tab"}) brisel_touch_hear_key(vd->emoticon_layout, key, EINA_TRUE);

@@ -57,9 +57,18 @@ static void _popup_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_in
   if (void *job = evas_object_data_del(obj, title_job)) ecore_job_del((Ecore_Job *)job);
 }
 
-/* The more key is not for what lies beneath. */
+static constexpr char is_named[] = "brisel/named", whole_name[] = "brisel/whole_name";
+
+static void _turn_name(Evas_Object *popup) {
+  const bool is_whole = !evas_object_data_del(popup, whole_name);
+  if (is_whole) evas_object_data_set(popup, whole_name, popup);
+  elm_layout_signal_emit(popup, is_whole ? "elm,state,title,whole" : "elm,state,title,part", "elm");
+}
+
+/* The more key is not for what lies beneath: it shows the whole of a name in the title, as a touch on that does. */
 static void _more_key_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
+  if (evas_object_data_get(obj, is_named)) _turn_name(obj);
 }
 
 Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
@@ -73,22 +82,19 @@ Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
   return popup;
 }
 
-static constexpr char whole_name[] = "brisel/whole_name";
-
 /* The title is what lies above the content. A drag that the scroller below has taken is no touch of it. */
 static void _name_touched_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   const Evas_Event_Mouse_Up *event = (const Evas_Event_Mouse_Up *)event_info;
   int top = 0;
   evas_object_geometry_get(elm_object_content_get(obj), nullptr, &top, nullptr, nullptr);
   if (event->canvas.y >= top || (event->event_flags & EVAS_EVENT_FLAG_ON_HOLD)) return;
-  const bool is_whole = !evas_object_data_del(obj, whole_name);
-  if (is_whole) evas_object_data_set(obj, whole_name, obj);
-  elm_layout_signal_emit(obj, is_whole ? "elm,state,title,whole" : "elm,state,title,part", "elm");
+  _turn_name(obj);
 }
 
 void brisel_util_popup_set_name(Evas_Object *popup, const char *name) {
   evas_object_event_callback_del(popup, EVAS_CALLBACK_MOUSE_UP, _name_touched_cb);
   evas_object_event_callback_add(popup, EVAS_CALLBACK_MOUSE_UP, _name_touched_cb, nullptr);
+  evas_object_data_set(popup, is_named, popup);
   elm_object_part_text_set(popup, "title,text", name);
 }
 
