@@ -150,7 +150,7 @@ static void __brisel_detail_scroll_by(brisel_detail_view *view_data, double scre
 /* How far each key scrolls, in screens. */
 constexpr double to_the_end = 1e6, a_screen = 0.85, a_few_lines = 0.2;
 
-enum detail_key { KEY_TURN, KEY_SCROLL, KEY_RING, KEY_PRESS, KEY_DELETE };
+enum detail_key { KEY_TURN, KEY_SCROLL, KEY_RING, KEY_PRESS, KEY_SIZE, KEY_DELETE };
 
 static const struct {
   const char *name;
@@ -171,6 +171,11 @@ static const struct {
     {"ISO_Left_Tab", KEY_RING, -1},
     {"Return", KEY_PRESS, 0},
     {"KP_Enter", KEY_PRESS, 0},
+    {"plus", KEY_SIZE, 1},
+    {"equal", KEY_SIZE, 1}, /* the plus without Shift */
+    {"KP_Add", KEY_SIZE, 1},
+    {"minus", KEY_SIZE, -1},
+    {"KP_Subtract", KEY_SIZE, -1},
     {"Delete", KEY_DELETE, 0},
     {"KP_Delete", KEY_DELETE, 0},
 };
@@ -188,6 +193,10 @@ static void __brisel_detail_do(brisel_detail_view *view_data, detail_key what, d
       return;
     case KEY_PRESS:
       __brisel_detail_press_ringed(view_data);
+      return;
+    case KEY_SIZE:
+      __brisel_detail_drop_ring(view_data);
+      __brisel_detail_update_font_size(view_data, std::clamp(view_data->font_size + (int)by, 0, 2));
       return;
     case KEY_DELETE:
       __brisel_detail_ask_to_delete(view_data);

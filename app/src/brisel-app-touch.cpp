@@ -198,22 +198,22 @@ static Evas_Object *_add_invisible(Evas *canvas) {
   return object;
 }
 
-/* A grab without modifiers hears nothing while one is down, and Tab goes back with Shift. 0: the key has no way back.
- */
-static Evas_Modifier_Mask _back_of(Evas_Object *object, std::string_view key) {
-  return key.ends_with("Tab") ? evas_key_modifier_mask_get(evas_object_evas_get(object), "Shift") : 0;
+/* A grab without modifiers hears nothing while one is down: Tab goes back with Shift, and many keyboards have the plus
+   there. 0: the key is none of these. */
+static Evas_Modifier_Mask _shift_of(Evas_Object *object, std::string_view key) {
+  return key.ends_with("Tab") || key == "plus" ? evas_key_modifier_mask_get(evas_object_evas_get(object), "Shift") : 0;
 }
 
 void brisel_touch_hear_key(Evas_Object *object, const char *key, Eina_Bool alone) {
-  const Evas_Modifier_Mask back = _back_of(object, key);
-  if (!evas_object_key_grab(object, key, 0, 0, alone) || (back && !evas_object_key_grab(object, key, back, 0, alone)))
+  const Evas_Modifier_Mask shift = _shift_of(object, key);
+  if (!evas_object_key_grab(object, key, 0, 0, alone) || (shift && !evas_object_key_grab(object, key, shift, 0, alone)))
     BRISEL_WARN("the key %s cannot be heard", key);
 }
 
 void brisel_touch_leave_key(Evas_Object *object, const char *key) {
-  const Evas_Modifier_Mask back = _back_of(object, key);
+  const Evas_Modifier_Mask shift = _shift_of(object, key);
   evas_object_key_ungrab(object, key, 0, 0);
-  if (back) evas_object_key_ungrab(object, key, back, 0);
+  if (shift) evas_object_key_ungrab(object, key, shift, 0);
 }
 
 /* Whoever moves the focus with keys sees where it is. */
