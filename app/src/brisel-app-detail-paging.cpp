@@ -91,7 +91,6 @@ void __brisel_detail_aim_at(brisel_detail_view *view_data, int place) {
   page_data *page = __brisel_detail_page_at(view_data, place);
   if (!page || !__brisel_detail_finish_page(view_data, page)) return;
   view_data->aimed_id = page->mail_data->mail_id;
-  view_data->seen_at = -1; /* where it stood before says nothing of whether it moves */
   elm_scroller_page_bring_in(view_data->page_scroller, place, 0);
 }
 
@@ -331,10 +330,9 @@ int brisel_detail_update_neighbors(int mail_id, appdata *ad) {
   BRISEL_INFO("Enter");
   brisel_detail_view *view_data = __brisel_detail_retrieve_view_data(ad);
   if (!view_data) return 0;
-  /* Pages are not pulled away from under a finger: its lift brings them up to date. Nor on their way: one that has
-     hardly begun would be taken for one at rest, and the turn be lost. */
+  /* Pages are not pulled away from under a finger: its lift brings them up to date. */
   view_data->is_neighbor_update_due = 1;
-  if (!view_data->page_timer && !view_data->lift_job) __brisel_detail_settle(view_data);
+  __brisel_detail_settle(view_data);
   return 0;
 }
 

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "brisel-settings.h"
@@ -90,6 +91,9 @@ struct keypad {
   bool swiped = false;
   bool repeated = false;
   Ecore_Timer *repeat = nullptr;
+
+  Evas_Object *ring = nullptr; /* made when a keyboard first comes down to the keys */
+  int ringed = -1;             /* the key it is around */
 };
 
 keypad pad;
@@ -175,6 +179,8 @@ void signal(int index, const char *what) {
   edje_object_signal_emit(pad.keys[static_cast<size_t>(index)].picture, what, "platform");
 }
 
+void ring(int index);
+
 void signal_kind(int index) {
   const key &one = pad.keys[static_cast<size_t>(index)];
   const bool letter = one.does == action::text && one.text != " ";
@@ -238,6 +244,7 @@ void refresh() {
   place_key(space, choice ? 3 : 2, ROWS - 1, choice ? 1 : 2);
   set_key(next++, action::enter, "", "enter");
   set_key(next++, action::hide, "", "hide");
+  if (pad.ringed >= 0) ring(pad.keys[static_cast<size_t>(pad.ringed)].does == action::none ? 0 : pad.ringed);
 }
 
 void show_mode(mode shows) {
@@ -245,6 +252,7 @@ void show_mode(mode shows) {
   pad.page = 0;
   pad.shifted = shift::off;
   pad.pending.clear();
+  if (pad.ringed >= 0) pad.ringed = 0;
   refresh();
 }
 
@@ -312,6 +320,83 @@ void use_key(int index) {
   }
 }
 
+/* --- a keyboard's keys --- */
+
+/* Down from the text's last line comes to the keys, Up from their first row goes back. Letters are typed all the while:
+   the focus stays in the entry. */
+constexpr const char *ring_keys[] = {"Up", "KP_Up", "Left", "KP_Left", "Right", "KP_Right", "Return", "KP_Enter"};
+constexpr const char *down_keys[] = {"Down", "KP_Down"};
+
+void hear(const char *key, bool wanted) {
+  if (!wanted)
+    evas_object_key_ungrab(pad.ground, key, 0, 0);
+  else if (!evas_object_key_grab(pad.ground, key, 0, 0, EINA_TRUE))
+    __dlog_print(DLOG_WARN, LOG_TAG, "the key %s cannot be taken", key);
+}
+
+void ring(int index) {
+  if ((pad.ringed >= 0) != (index >= 0))
+    for (const char *name : ring_keys) hear(name, index >= 0);
+  pad.ringed = index;
+  if (index < 0) {
+    evas_object_hide(pad.ring);
+    return;
+  }
+  if (pad.ring == nullptr) {
+    pad.ring = edje_object_add(evas_object_evas_get(pad.win));
+    edje_object_file_set(pad.ring, platform_path(THEME_FILE), "elm/focus_highlight/top/default");
+    edje_object_signal_emit(pad.ring, "elm,action,focus,show", "elm");
+    evas_object_size_hint_align_set(pad.ring, EVAS_HINT_FILL, EVAS_HINT_FILL);
+    evas_object_pass_events_set(pad.ring, EINA_TRUE);
+  }
+  unsigned short column = 0, row = 0, columns = 1, rows = 1;
+  evas_object_table_pack_get(pad.table, pad.keys[static_cast<size_t>(index)].picture, &column, &row, &columns, &rows);
+  evas_object_table_pack(pad.table, pad.ring, column, row, columns, rows);
+  evas_object_show(pad.ring);
+}
+
+/* The next key that way, in the same row or the nearest of the next one; -1: there is none. */
+int key_beside(int from, int dx, int dy) {
+  std::array<int, KEYS> x, y;
+  for (size_t i = 0; i < KEYS; i++) {
+    int w, h;
+    evas_object_geometry_get(pad.keys[i].picture, &x[i], &y[i], &w, &h);
+    x[i] += w / 2;
+  }
+  const auto at = static_cast<size_t>(from);
+  int best = -1, least = 0;
+  for (size_t i = 0; i < KEYS; i++) {
+    const int beside = std::abs(x[i] - x[at]), below = std::abs(y[i] - y[at]);
+    const bool is_that_way = dx != 0 ? (x[i] - x[at]) * dx > 0 && below == 0 : (y[i] - y[at]) * dy > 0;
+    const int cost = below * COLUMNS * 2 + beside; /* a row counts more than all columns */
+    if (pad.keys[i].does == action::none || !is_that_way || (best >= 0 && cost >= least)) continue;
+    best = static_cast<int>(i);
+    least = cost;
+  }
+  return best;
+}
+
+void key_down_cb(void *, Evas *, Evas_Object *, void *info) {
+  const std::string_view name = static_cast<const Evas_Event_Key_Down *>(info)->key;
+  if (pad.conformant == nullptr || pad.entry == nullptr || !can_type()) return;
+  if (pad.ringed < 0) {
+    pad.pending.clear();
+    if (!elm_entry_cursor_down(pad.entry)) ring(0);
+  } else if (name == "Return" || name == "KP_Enter") {
+    use_key(pad.ringed);
+  } else {
+    const int dx = name.ends_with("Right") ? 1 : name.ends_with("Left") ? -1 : 0;
+    const int dy = name.ends_with("Down") ? 1 : name.ends_with("Up") ? -1 : 0;
+    const int next = key_beside(pad.ringed, dx, dy);
+    if (next >= 0 || dy < 0) ring(next);
+  }
+}
+
+void hear_keyboard(bool wanted) {
+  if (pad.ringed >= 0) ring(-1);
+  for (const char *name : down_keys) hear(name, wanted);
+}
+
 /* --- touches --- */
 
 int key_at(int x, int y) {
@@ -351,6 +436,7 @@ void touch_down_cb(void *, Evas *, Evas_Object *, void *info) {
   pad.down_x = event->canvas.x;
   pad.swiped = false;
   pad.repeated = false;
+  if (pad.ringed >= 0) ring(-1);
   press(key_at(event->canvas.x, event->canvas.y));
   if (pad.pressed >= 0 && pad.keys[static_cast<size_t>(pad.pressed)].does == action::backspace)
     pad.repeat = ecore_timer_add(REPEAT_AFTER, repeat_cb, nullptr);
@@ -424,6 +510,7 @@ bool make_keys() {
   evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_DOWN, touch_down_cb, nullptr);
   evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_MOVE, touch_move_cb, nullptr);
   evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_MOUSE_UP, touch_up_cb, nullptr);
+  evas_object_event_callback_add(pad.ground, EVAS_CALLBACK_KEY_DOWN, key_down_cb, nullptr);
   return true;
 }
 
@@ -489,6 +576,7 @@ void conformant_deleted_cb(void *, Evas *, Evas_Object *, void *) {
   pad.conformant = nullptr;
   pad.displaced = nullptr;
   vconf_ignore_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb);
+  hear_keyboard(false);
   serve(nullptr);
   press(-1);
   evas_object_hide(pad.ground);
@@ -578,6 +666,7 @@ void keypad_show(void) {
     evas_object_event_callback_add(conformant, EVAS_CALLBACK_DEL, conformant_deleted_cb, nullptr);
     ea_object_event_callback_add(pad.ground, EA_CALLBACK_BACK, back_cb, nullptr);
     vconf_notify_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb, nullptr);
+    hear_keyboard(true);
     serve(entry);
     begin_with_capital();
     tell_size();
@@ -590,6 +679,7 @@ void keypad_hide(void) {
   if (pad.conformant == nullptr) return;
   Evas_Object *conformant = pad.conformant;
   Evas_Object *frame = elm_layout_edje_get(conformant);
+  hear_keyboard(false);
   serve(nullptr);
   press(-1);
   ea_object_event_callback_del(pad.ground, EA_CALLBACK_BACK, back_cb);

@@ -54,11 +54,15 @@ def test_the_keyboard_alone_does_everything(s):
     equal(len(asked(s, "delete_notis", 3)["id_list"]), 2, "two ticked and deleted")
     for text, rest in (("IDS_MSG_TEMPLATE_1", ["Return", "Right", "Return"]), ("", [])):
         keys(s, "Home", "Down", "Return")
-        s.wait_text("Text.")
-        keys(s, "Tab", "Return")  # the reader's own button
+        usual = s.wait_text("Text.")["font_size"]
+        keys(s, "plus")
+        assert s.find("Text.")["font_size"] > usual, "letters of the same size"
+        keys(s, "minus", "Tab", "Return")  # the reader's own button
         if text:
             s.wait_text(s.text(text, "message"))
-            keys(s, *rest)
+            keys(s, *rest[:1], "Menu")
+            assert not s.shows(s.text(text, "message")), "the whole name takes the text's place"
+            keys(s, "Menu", *rest[1:])
             equal(asked(s, "reply")["text"], s.text(text, "message"), "the reply")
             keys(s, "Menu")
             keys(s, "Right", "Return")
@@ -66,8 +70,10 @@ def test_the_keyboard_alone_does_everything(s):
         else:
             s.wait_text("Q")
             s.watch("type", "Yes")
-            keys(s, "Tab", "Return")
-            equal(asked(s, "reply", 2)["text"], "Yes", "the typed reply")
+            keys(s, "Menu")
+            assert not s.shows("Yes"), "the whole name lies over the text"
+            keys(s, "Menu", "Down", "Down", "Down", "Down", "Right", "Return", "Right", "Return", "Tab", "Return")
+            equal(asked(s, "reply", 2)["text"], "Yes😂", "the typed reply")
         s.wait(lambda: len(s.titles()) < 4, "the reply view to go")
         keys(s, "Escape")
         keys(s, "Escape")
@@ -75,9 +81,8 @@ def test_the_keyboard_alone_does_everything(s):
     s.language = "ar"  # where a row's button stands at its left end
     s.setting("db/menu_widget/language", "string", "ar_EG.UTF-8")
     s.wait_text(s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3"))
-    keys(s, "Home", "Down", "Return")
-    s.wait_text("Text.")
-    keys(s, "Menu")
+    keys(s, "Home", "Down", "Left")
+    s.wait_text(s.text("IDS_EMAIL_SK_REPLY"))
     keys(s, "Left", "Return")
     s.wait_text(s.text("IDS_EMAIL_MBODY_EMOTICONS_ABB"))
 

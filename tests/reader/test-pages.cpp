@@ -233,19 +233,6 @@ TEST_F(Pages, AFlickIsNotUndone) {
   }
 }
 
-/* Nor does one get lost in what the phone tells meanwhile. */
-TEST_F(Pages, EventsHoldNoTurnUp) {
-  fill(8);
-  open_reader(ids[2]);
-  for (size_t at = 3; at < 6; at++) {
-    key("Right");
-    for (int events = 0; events < 2; events++) brisel_detail_update_neighbors(ids[2], &test_ad);
-  }
-  rest_reader();
-  EXPECT_EQ(reader()->mail_id, ids[5]);
-  expect_consistent();
-}
-
 TEST_F(Pages, AFingerHoldsThePagesStill) {
   fill(5);
   open_reader(ids[2]);
