@@ -23,6 +23,7 @@
 
 namespace {
 
+constexpr char icon_file[] = "/usr/apps/com.vextora.brisel/res/icon.png";
 constexpr int default_width = 320;
 constexpr int default_height = 320;
 constexpr int smallest_side = 100;
@@ -56,6 +57,8 @@ struct application {
   int pictures_to_trim = 0; /* pictures until what was deleted has gone and memory is given back */
   Ecore_Job *trim_job = nullptr;
   Ecore_Event_Handler *handlers[4] = {};
+  Ecore_Idler *icon_idler = nullptr; /* the window has no icon yet */
+  bool has_icon = false;             /* or soon will have one */
 };
 
 application app;
@@ -160,10 +163,25 @@ bool display_is_managed(void) {
          (root.event_mask.all & ECORE_X_EVENT_MASK_WINDOW_MANAGE);
 }
 
+/* Once the display has come to rest with the first picture, which need not wait for it. */
+Eina_Bool icon_cb(void *data) {
+  app.icon_idler = nullptr;
+  Evas_Object *icon = evas_object_image_add(evas_object_evas_get(app.window));
+  evas_object_image_file_set(icon, platform_path(icon_file), nullptr);
+  if (evas_object_image_load_error_get(icon) == EVAS_LOAD_ERROR_NONE)
+    elm_win_icon_object_set(app.window, icon);
+  else
+    __dlog_print(DLOG_WARN, app_log_tag, "the window has no icon: \"%s\" cannot be read", icon_file);
+  evas_object_del(icon); /* the display has it */
+  return ECORE_CALLBACK_CANCEL;
+}
+
 Eina_Bool x_shown_cb(void *data, int type, void *event_info) {
   const auto *event = static_cast<Ecore_X_Event_Window_Show *>(event_info);
-  if (app.window && event->win == elm_win_xwindow_get(app.window) && !display_is_managed())
-    ecore_x_window_focus(event->win);
+  if (!app.window || event->win != elm_win_xwindow_get(app.window)) return ECORE_CALLBACK_PASS_ON;
+  if (!display_is_managed()) ecore_x_window_focus(event->win);
+  if (!app.has_icon) app.icon_idler = ecore_idler_add(icon_cb, nullptr);
+  app.has_icon = true;
   return ECORE_CALLBACK_PASS_ON;
 }
 
@@ -179,6 +197,8 @@ void follow_x(Evas_Object *win) {
 
 void window_del_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   app.window = nullptr;
+  if (app.icon_idler) ecore_idler_del(app.icon_idler);
+  app.icon_idler = nullptr;
   for (Ecore_Event_Handler *&handler : app.handlers) {
     if (handler) ecore_event_handler_del(handler);
     handler = nullptr;
@@ -405,6 +425,7 @@ void app_efl_window_attach(Evas_Object *win) {
   if (!win || app.window == win) return;
   app.window = win;
   app.seen = evas_object_visible_get(win);
+  app.has_icon = false;
   app.out = {};
   int w;
   int h;

@@ -1,5 +1,6 @@
 """Every hand: the keyboard alone, and a mouse."""
 import os
+import re
 import subprocess
 
 from brisel_test import Session, equal, mail, main, middle, options, start_display
@@ -168,7 +169,9 @@ def test_real_keys_and_buttons_on_a_display_without_a_window_manager():
         s.wait_text(s.text("IDS_EMAIL_HEADER_NO_PHONE_YET"))
         s.wait(lambda: link_popup_up(s), "who waits for the phone")
         s.rest()
-        equal(len(s.run("xdotool", "search", "--onlyvisible", "--class", "brisel").stdout.split()), 1, "windows of the first minute")
+        window, = s.run("xdotool", "search", "--onlyvisible", "--class", "brisel").stdout.split()  # one in the first minute
+        icon = s.wait(lambda: re.search(r"Icon \((\d+) x \1\)", s.run("xprop", "-id", window, "_NET_WM_ICON").stdout), "its icon")
+        equal(icon[1], "64", "the icon's side")
         mailbox(s, 12)
         do("mousemove", 500, 400, "key", "Down", "key", "Down", "mousemove", 160, 160)
         assert 60 < s.wait(lambda: ring_height(s), "a ring") < 90, "not around a row"
