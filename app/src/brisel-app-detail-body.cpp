@@ -477,12 +477,19 @@ static void _rest_calculate(Evas_Object *obj) {
   _arrange(body);
 }
 
+/* The toolkit forgets its own record of an object that was taken out of a layout before it goes. */
+static void _rest_del(Evas_Object *obj) {
+  _parent_class()->del(obj);
+  evas_object_smart_data_set(obj, nullptr);
+}
+
 static Evas_Smart *_rest_smart() {
   static Evas_Smart_Class rest_class;
   static Evas_Smart *smart;
   if (smart) return smart;
   rest_class = {.name = "brisel_detail_body", .version = EVAS_SMART_CLASS_VERSION};
   evas_smart_class_inherit(&rest_class, _parent_class());
+  rest_class.del = _rest_del;
   rest_class.move = _rest_move;
   rest_class.resize = _rest_resize;
   rest_class.calculate = _rest_calculate;

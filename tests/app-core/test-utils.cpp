@@ -1,5 +1,6 @@
 /* Dates, numbers, markup, contacts, reply methods: against tables. */
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -211,6 +212,25 @@ TEST(texts, ReplaceTakesTheFirstMatch) {
     EXPECT_EQ(taken(brisel_replace_str(c.text(0), c.text(1), c.text(2))), c[3]);
   const std::string longer(5000, 'x');
   EXPECT_EQ(taken(brisel_replace_str((longer + "%d").c_str(), "%d", "7")), longer + "7");
+}
+
+/* The toolkit alone would lose 32 bytes of each. */
+TEST(objects, LeaveNoMemoryWhenTheyGo) {
+  Ecore_Evas *window = ecore_evas_buffer_new(100, 100);
+  Evas *canvas = ecore_evas_get(window);
+  const auto in_use_after = [&](int count) {
+    for (int i = 0; i < count; i++) {
+      Evas_Object *box = evas_object_box_add(canvas);
+      evas_object_box_append(box, edje_object_add(canvas));
+      evas_object_del(box);
+      evas_damage_rectangle_add(canvas, 0, 0, 1, 1);
+      evas_render(canvas);
+    }
+    return mallinfo2().uordblks;
+  };
+  const size_t before = in_use_after(500);
+  EXPECT_LT(in_use_after(6000), before + 98304) << "the toolkit's own queue comes and goes with 65536";
+  ecore_evas_free(window);
 }
 
 TEST(reply_method, IsKeptAsTheHostCodesIt) {
