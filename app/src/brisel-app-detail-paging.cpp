@@ -184,8 +184,7 @@ static void __brisel_detail_stand(brisel_detail_view *view_data, double off) {
   if (__brisel_detail_is_held() || !__brisel_detail_is_box_laid_out(view_data) ||
       __brisel_detail_place_on_screen(view_data) == aimed)
     return;
-  elm_scroller_page_bring_in(view_data->page_scroller, aimed, 0);
-  view_data->seen_at = -1; /* where it begins is no place of rest */
+  __brisel_detail_aim_at(view_data, aimed);
   __brisel_detail_settle_soon(view_data);
 }
 
