@@ -309,6 +309,8 @@ static void __timeout_cb(void *data, Evas_Object *obj, void *event_info) {
 static void _process_signals(Evas_Object *obj) {
   const char *type = evas_object_type_get(obj);
   if (type && !strcmp(type, "edje")) edje_object_message_signal_process(obj);
+  /* A plain shape has no members and complains when asked for them. */
+  if (!efl_isa(obj, EFL_CANVAS_GROUP_CLASS)) return;
   Eina_List *members = evas_object_smart_members_get(obj);
   for (void *member = nullptr; (member = eina_list_data_get(members));
        members = eina_list_remove_list(members, members))
