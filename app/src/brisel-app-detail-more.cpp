@@ -191,6 +191,7 @@ static void __brisel_detail_take_more_msg(brisel_detail_view *view_data, page_da
     g_free(page->mail_data->body);
     page->mail_data->body = g_strdup(mail->body);
   }
+  __brisel_detail_offer(view_data);
   __brisel_detail_show_progress(view_data, page);
   page->more_msg_timer = ecore_timer_add(body_apply_delay, __brisel_detail_add_more_messages_cb, page);
 }

@@ -171,6 +171,7 @@ void __brisel_detail_name_page(const page_data *page) {
                            elm_object_part_text_get(page->detail_layout, "detail.attachment")})
     if (text && *text) name.append(name.empty() ? "" : ", ").append(text);
   brisel_view_set_spoken_name(page->detail_layout, name.c_str());
+  brisel_view_say_name(page->detail_layout);
 }
 
 void __brisel_detail_read_body(page_data *page) {

@@ -13,6 +13,7 @@ static void __brisel_detail_free_view_data(brisel_detail_view *view_data) {
   brisel_widget_ref_drop(&view_data->popup);
   brisel_widget_ref_drop(&view_data->gesture_layer);
   __brisel_detail_leave_touches(view_data);
+  __brisel_detail_end_offers(view_data);
   __brisel_detail_end_place(view_data);
   __brisel_detail_stop_building(view_data);
   if (view_data->page_timer) ecore_timer_del(view_data->page_timer);

@@ -68,6 +68,8 @@ struct detail_stroke {
   unsigned char is_double;       /* the second of a double tap: what it means is done */
 };
 
+enum detail_offer { DETAIL_OFFER_BACK, DETAIL_OFFER_ON, DETAIL_OFFER_MORE, detail_offers };
+
 /* The reader's record on the view stack; at most one exists. Starts like every view's record. */
 struct brisel_detail_view : brisel_view_head {
   Evas_Object *page_scroller;
@@ -101,7 +103,8 @@ struct brisel_detail_view : brisel_view_head {
   Ecore_Job *lift_job;
   Ecore_Idler *touch_over_idler;
   Evas_Object *gesture_layer;
-  more_msg_ctx *more_msg; /* the request whose answer is awaited, or NULL */
+  more_msg_ctx *more_msg;    /* the request whose answer is awaited, or NULL */
+  Eo *offers[detail_offers]; /* to who only listens; NULL: not made */
 };
 
 /* --- what the tests call too --- */
@@ -200,7 +203,7 @@ void __brisel_detail_stop_pages(brisel_detail_view *view_data);
 /* The page that is acted on: the one on screen, or on its way there with no finger on it. */
 page_data *__brisel_detail_page_on_screen(brisel_detail_view *view_data);
 /* Who listens is told of the current page alone; the window is called by its sender. */
-void __brisel_detail_tell_page(const brisel_detail_view *view_data);
+void __brisel_detail_tell_page(brisel_detail_view *view_data);
 /* Makes the page that the scroller moves to the current one, at its place on the way. */
 void __brisel_detail_turn_to_aimed(brisel_detail_view *view_data);
 /* Brings in the page at that place in the box. */
@@ -224,6 +227,12 @@ bool __brisel_detail_is_held();
 /* The place of the page beside the one that is aimed at; that one's own when there is none. */
 int __brisel_detail_place_beside(brisel_detail_view *view_data, int way);
 void __brisel_detail_unfreeze_all(brisel_detail_view *view_data);
+
+/* --- who only listens: brisel-app-detail-spoken.cpp --- */
+
+/* Offers what can be done on the current page: after anything of that has changed. */
+void __brisel_detail_offer(brisel_detail_view *view_data);
+void __brisel_detail_end_offers(brisel_detail_view *view_data);
 
 /* --- the keyboard: brisel-app-detail-keys.cpp --- */
 

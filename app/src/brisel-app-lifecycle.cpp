@@ -169,6 +169,7 @@ bool app_create(void *user_data) {
     bind_textdomain_codeset(domain, "UTF-8");
   }
   _set_window_title(ad);
+  brisel_view_give_rows_actions();
   plexo_initialize();
   services_open = true;
   brisel_full_noti_data_set_contact_free(brisel_util_contact_number_free);

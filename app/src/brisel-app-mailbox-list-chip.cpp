@@ -5,15 +5,37 @@
 #include <climits>
 
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
+#include "spoken.h"
 
 static int arrived;
+static Eo *spoken; /* the same for who only listens; NULL: there is no chip, or nobody does */
+static const char part_text[] = "elm.text.chip";
+
+static void _go_to_top(void *data) {
+  appdata *ad = (appdata *)data;
+  _clear_arrivals(ad);
+  if (Elm_Object_Item *first = elm_genlist_first_item_get(ad->mailbox_genlist))
+    elm_genlist_item_bring_in(first, ELM_GENLIST_ITEM_SCROLLTO_TOP);
+}
+
+static void _say_chip(appdata *ad, const char *text) {
+  Evas_Object *gl = ad->mailbox_genlist;
+  if (!text && spoken) efl_del(spoken);
+  if (!text || !brisel_view_is_spoken()) {
+    spoken = nullptr;
+    return;
+  }
+  Evas_Object *part = (Evas_Object *)edje_object_part_object_get(elm_layout_edje_get(gl), part_text);
+  if (!spoken && part) spoken = spoken_button_add(gl, part, _go_to_top, ad);
+  if (spoken) spoken_set_name(spoken, text);
+}
 
 static void _show_chip(appdata *ad) {
   Evas_Object *gl = ad->mailbox_genlist;
-  if (arrived > 0) {
-    scoped_text text(brisel_util_get_count_text("IDS_EMAIL_BODY_PD_NEW", arrived, ad));
-    elm_layout_text_set(gl, "elm.text.chip", text.get());
-  }
+  scoped_text text(arrived > 0 ? brisel_util_get_count_text("IDS_EMAIL_BODY_PD_NEW", arrived, ad) : nullptr);
+  if (text) elm_layout_text_set(gl, part_text, text.get());
+  _say_chip(ad, text.get());
   elm_layout_signal_emit(gl, arrived > 0 ? "elm,state,chip,show" : "elm,state,chip,hide", "");
 }
 
@@ -55,10 +77,7 @@ static void _scrolled_cb(void *data, Evas_Object *obj, void *event_info) {
 
 static void _chip_touched_cb(void *data, Evas_Object *obj, const char *emission, const char *source) {
   BRISEL_INFO("Enter");
-  appdata *ad = (appdata *)data;
-  _clear_arrivals(ad);
-  if (Elm_Object_Item *first = elm_genlist_first_item_get(obj))
-    elm_genlist_item_bring_in(first, ELM_GENLIST_ITEM_SCROLLTO_TOP);
+  _go_to_top(data);
 }
 
 static void _chip_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -67,6 +86,7 @@ static void _chip_language_changed_cb(void *data, Evas_Object *obj, void *event_
 
 void _add_chip(appdata *ad) {
   arrived = 0;
+  spoken = nullptr; /* the list's before, and gone with it */
   evas_object_smart_callback_add(ad->mailbox_genlist, "scroll", _scrolled_cb, ad);
   evas_object_smart_callback_add(ad->mailbox_genlist, "language,changed", _chip_language_changed_cb, ad);
   elm_layout_signal_callback_add(ad->mailbox_genlist, "elm,action,chip", "", _chip_touched_cb, ad);

@@ -20,7 +20,7 @@ void _delete_row(Elm_Object_Item *it) {
   elm_genlist_item_show(next, ELM_GENLIST_ITEM_SCROLLTO_IN);
 }
 
-static void _delete_focused(appdata *ad, Elm_Object_Item *it) {
+void _draw_aside_or_delete(appdata *ad, Elm_Object_Item *it) {
   const bool is_swept = it == ad->sweep_item;
   /* With a row drawn aside the drag deletes that one and does no more. */
   if (ad->sweep_item) _drag_left(ad, ad->mailbox_genlist, it);
@@ -39,7 +39,7 @@ static void _key_down_cb(void *data, Evas *e, Evas_Object *obj, void *event_info
   if (!deletes && !brings_back) return;
   event->event_flags = (Evas_Event_Flags)(event->event_flags | EVAS_EVENT_FLAG_ON_HOLD);
   if (deletes)
-    _delete_focused(ad, it);
+    _draw_aside_or_delete(ad, it);
   else
     _revert_btn_select_cb(elm_object_item_data_get(it), obj, nullptr);
 }

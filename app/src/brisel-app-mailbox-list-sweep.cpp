@@ -28,6 +28,7 @@ static void _tell_of_button(Elm_Object_Item *it, bool is_in_sight) {
   if (Evas_Object *undo = elm_object_item_part_content_get(it, "elm.icon.sweep"))
     brisel_view_set_spoken(undo, is_in_sight);
   _name_row((item_data *)elm_object_item_data_get(it));
+  brisel_view_say_name(it);
 }
 
 void _revert_btn_select_cb(void *data, Evas_Object *obj, void *event_info) {

@@ -6,6 +6,7 @@
 #include "app_efl.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 
 /* --- a locked mail --- */
 
@@ -148,6 +149,47 @@ static void _right_clicked_cb(void *data, Evas_Object *obj, void *event_info) {
   if (event_info) _press_long((Elm_Object_Item *)event_info);
 }
 
+/* --- what who only listens does with a row --- */
+
+/* Whoever does something with another row has gone on from the one drawn aside, as by a touch. */
+static void _go_on_to(Elm_Object_Item *it) {
+  appdata *ad = ((item_data *)elm_object_item_data_get(it))->ad;
+  if (ad->sweep_item != it) brisel_delete_sweep_item(ad);
+  ad->blocked_item = nullptr;
+}
+
+static void _do_open(Elm_Object_Item *it) {
+  _go_on_to(it);
+  elm_genlist_item_selected_set(it, EINA_TRUE);
+}
+
+static void _do_more(Elm_Object_Item *it) {
+  _go_on_to(it);
+  _press_long(it);
+}
+
+static void _do_delete(Elm_Object_Item *it) {
+  _draw_aside_or_delete(((item_data *)elm_object_item_data_get(it))->ad, it);
+}
+
+static void _do_bring_back(Elm_Object_Item *it) {
+  _revert_btn_select_cb(elm_object_item_data_get(it), nullptr, nullptr);
+}
+
+static const brisel_row_action *_actions_of(Elm_Object_Item *it) {
+  static constexpr brisel_row_action header[] = {
+      {"activate", nullptr, _do_open}, {"choose", "IDS_EMAIL_HEADER_ACCOUNTS", _do_more}, {}};
+  static constexpr brisel_row_action mail[] = {{"open", "IDS_EMAIL_SK_OPEN", _do_open},
+                                               {"delete", "IDS_EMAIL_BODY_DELETE", _do_delete},
+                                               {"options", "IDS_EMAIL_BODY_MORE_ACTIONS", _do_more},
+                                               {}};
+  static constexpr brisel_row_action swept[] = {
+      {"cancel", "IDS_EMAIL_SK_CANCEL_ABB", _do_bring_back}, {"delete", "IDS_EMAIL_BODY_DELETE", _do_delete}, {}};
+  const item_data *item = (const item_data *)elm_object_item_data_get(it);
+  if (item->type == ROW_GROUP) return header;
+  return it == item->ad->sweep_item ? swept : mail;
+}
+
 static void _list_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   brisel_touch_stop_waiting(pressed_wait);
   pressed_wait = nullptr;
@@ -185,6 +227,7 @@ Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad)
     BRISEL_WARN("gl is NULL");
     return nullptr;
   }
+  brisel_view_set_row_actions(gl, _actions_of);
   evas_object_smart_callback_add(gl, "drag,start,right", _drag_right, ad);
   evas_object_smart_callback_add(gl, "drag,start,left", _drag_left, ad);
   evas_object_smart_callback_add(gl, "scroll,drag,start", _scroll_start_cb, nullptr);

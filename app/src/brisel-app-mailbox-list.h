@@ -126,6 +126,8 @@ Evas_Object *_sized(Evas_Object *object, int pixels);
 
 /* On the new list. */
 void _follow_keys(appdata *ad);
+/* As the key Delete: the row of a mail is drawn aside, or deleted when it is; another one that is goes. */
+void _draw_aside_or_delete(appdata *ad, Elm_Object_Item *it);
 /* Deletes a mail's row. The focus, if it has it, goes on to a neighbour. */
 void _delete_row(Elm_Object_Item *it);
 

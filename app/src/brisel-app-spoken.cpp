@@ -9,6 +9,7 @@
 
 #include "brisel-app-data.h"
 #include "brisel-scoped.h"
+#include "spoken.h"
 
 bool brisel_view_is_spoken() {
   return elm_config_atspi_mode_get();
@@ -78,6 +79,16 @@ void brisel_view_set_spoken_tick(Elm_Object_Item *row, bool is_ticked) {
 
 void brisel_view_say(Eo *object) {
   if (brisel_view_is_spoken()) efl_access_state_changed_signal_emit(object, EFL_ACCESS_STATE_TYPE_FOCUSED, EINA_TRUE);
+}
+
+void brisel_view_say_name(Eo *object) {
+  if (brisel_view_is_spoken()) spoken_name_changed(object);
+}
+
+void brisel_view_announce(Evas_Object *widget) {
+  if (!brisel_view_is_spoken()) return;
+  efl_access_object_role_set(widget, EFL_ACCESS_ROLE_NOTIFICATION);
+  efl_access_state_changed_signal_emit(widget, EFL_ACCESS_STATE_TYPE_SHOWING, EINA_TRUE);
 }
 
 /* --- popups --- */

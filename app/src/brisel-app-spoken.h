@@ -17,10 +17,28 @@ const char *brisel_view_spoken_name(Evas_Object *widget);
 void brisel_view_set_spoken(Eo *object, bool is_spoken);
 /* Has a widget read that has come to be looked at, but takes no focus. */
 void brisel_view_say(Eo *object);
+/* Has a widget's or an item's new name told. */
+void brisel_view_say_name(Eo *object);
+/* Has a widget's name read out as news, whatever has the focus. */
+void brisel_view_announce(Evas_Object *widget);
 /* A list's row (NULL: nothing happens) is called by its texts, drawn or not. */
 void brisel_view_name_row(Elm_Object_Item *row);
 /* The row (NULL: nothing happens) carries a tick, which is set or not; what draws it is to be left untold. */
 void brisel_view_set_spoken_tick(Elm_Object_Item *row, bool is_ticked);
+
+/* What a row can do for who listens. */
+struct brisel_row_action {
+  const char *name;    /* in programs; NULL ends an array */
+  const char *text_id; /* what is said, an id of the application's texts; NULL: the name */
+  void (*does)(Elm_Object_Item *row);
+};
+/* The actions of a row, the usual one first: an array that stays. */
+typedef const brisel_row_action *(*brisel_row_actions_cb)(Elm_Object_Item *row);
+/* Without it the list's rows have one action, which does what a touch does. */
+void brisel_view_set_row_actions(Evas_Object *list, brisel_row_actions_cb actions_of);
+/* Once, before the first list: that rows have actions at all. */
+void brisel_view_give_rows_actions();
+
 /* A popup is told in place of everything below until it goes. */
 void brisel_view_tell_popup(Evas_Object *popup);
 /* below tells of what is not a popup (or of none of it, while one covers it): now, and whenever that may have changed.

@@ -341,6 +341,9 @@ void brisel_create_toast_popup(appdata *ad, const char *text) {
   elm_popup_timeout_set(popup, 2.0);
   evas_object_smart_callback_add(popup, "timeout", __timeout_cb, nullptr);
   evas_object_show(popup);
+  const scoped_text plain(text ? elm_entry_markup_to_utf8(text) : nullptr);
+  brisel_view_set_spoken_name(popup, plain.get());
+  brisel_view_announce(popup);
 }
 
 Evas_Object *brisel_create_progress_popup(appdata *ad, const char *style) {

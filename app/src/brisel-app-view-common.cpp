@@ -150,6 +150,11 @@ static const char *_title_icon_name() {
   return link_is_shown ? "b_email_icon_email.png" : "b_email_icon_email_off.png";
 }
 
+static void _name_title_icon(Evas_Object *icon) {
+  brisel_view_set_spoken_id(
+      icon, link_is_shown ? "IDS_EMAIL_BODY_THE_PHONE_IS_LINKED" : "IDS_EMAIL_BODY_THE_PHONE_IS_NOT_LINKED");
+}
+
 static void _title_icon_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   title_icons = eina_list_remove(title_icons, obj);
 }
@@ -158,6 +163,8 @@ Evas_Object *brisel_view_title_icon(Evas_Object *parent) {
   Evas_Object *icon = _title_image(parent, _title_icon_name(), EVAS_ASPECT_CONTROL_VERTICAL);
   if (!icon) return nullptr;
   title_icons = eina_list_append(title_icons, icon);
+  _name_title_icon(icon);
+  brisel_view_set_spoken(icon, true);
   evas_object_event_callback_add(icon, EVAS_CALLBACK_DEL, _title_icon_gone_cb, nullptr);
   return icon;
 }
@@ -167,8 +174,13 @@ void brisel_view_show_link(bool is_linked) {
   link_is_shown = is_linked;
   Eina_List *cell;
   void *icon;
-  EINA_LIST_FOREACH(title_icons, cell, icon)
-  elm_image_file_set((Evas_Object *)icon, platform_path(BRISEL_IMAGES_EDJ), _title_icon_name());
+  EINA_LIST_FOREACH(title_icons, cell, icon) {
+    elm_image_file_set((Evas_Object *)icon, platform_path(BRISEL_IMAGES_EDJ), _title_icon_name());
+    _name_title_icon((Evas_Object *)icon);
+    brisel_view_say_name((Eo *)icon);
+  }
+  /* Once, by the view that came last. */
+  if (title_icons) brisel_view_announce((Evas_Object *)eina_list_last_data_get(title_icons));
 }
 
 Evas_Object *brisel_view_more_button(Elm_Object_Item *item, Evas_Smart_Cb clicked_cb, void *data) {

@@ -1,4 +1,3 @@
-#define EFL_BETA_API_SUPPORT /* for the class of objects that have members */
 #include "keypad.h"
 
 #include <Ecore.h>
@@ -19,8 +18,10 @@
 #include "dlog.h"
 #include "efl_assist.h"
 #include "keypad-compose.h"
+#include "keypad-find.h"
 #include "keypad-internal.h"
 #include "keypad-layouts.h"
+#include "keypad-spoken.h"
 #include "platform-paths.h"
 #include "vconf.h"
 
@@ -98,46 +99,6 @@ struct keypad {
 
 keypad pad;
 
-/* --- finding widgets --- */
-
-bool is_type(const Evas_Object *obj, const char *type) {
-  const char *name = obj != nullptr ? evas_object_type_get(obj) : nullptr;
-  return name != nullptr && strcmp(name, type) == 0;
-}
-
-bool is_editable_entry(Evas_Object *obj) {
-  return is_type(obj, "elm_entry") && elm_entry_editable_get(obj);
-}
-
-bool is_conformant(Evas_Object *obj) {
-  return is_type(obj, "elm_conformant");
-}
-
-/* The topmost visible object in or below obj that is one of those wanted. */
-Evas_Object *find_in(Evas_Object *obj, bool (*wanted)(Evas_Object *)) {
-  if (!evas_object_visible_get(obj)) return nullptr;
-  if (wanted(obj)) return obj;
-  /* A plain shape has no members and complains when asked for them. */
-  if (!efl_isa(obj, EFL_CANVAS_GROUP_CLASS)) return nullptr;
-  Evas_Object *found = nullptr;
-  Eina_List *members = evas_object_smart_members_get(obj);
-  void *data;
-  EINA_LIST_FREE(members, data) {
-    Evas_Object *hit = find_in(static_cast<Evas_Object *>(data), wanted);
-    if (hit != nullptr) found = hit;
-  }
-  return found;
-}
-
-/* A window's content is not below the window but beside it on its canvas. */
-Evas_Object *find_in_window(bool (*wanted)(Evas_Object *)) {
-  Evas_Object *found = nullptr;
-  for (Evas_Object *obj = evas_object_top_get(evas_object_evas_get(pad.win)); obj != nullptr && found == nullptr;
-       obj = evas_object_below_get(obj))
-    found = find_in(obj, wanted);
-  return found;
-}
-
 /* --- typing --- */
 
 /* As key events, the way any keyboard types: the entry's own filters decide what it takes. */
@@ -156,6 +117,41 @@ void type(const keypad_edit &edit) {
   /* Each event may end in the entry losing the focus, or its life. */
   for (int i = 0; i < edit.take_back && can_type(); i++) feed("BackSpace", "\b");
   if (!edit.insert.empty() && can_type()) feed(edit.insert == " " ? "space" : edit.insert.c_str(), edit.insert.c_str());
+}
+
+/* --- what the keys are called --- */
+
+constexpr const char *KEY_TEXTS[] = {"", /* by what the key does */
+                                     "",
+                                     "IDS_EMAIL_BODY_KEY_BACKSPACE",
+                                     "IDS_EMAIL_BODY_KEY_SHIFT",
+                                     "IDS_EMAIL_BODY_KEY_NEXT_KEYS",
+                                     "IDS_EMAIL_BODY_KEY_PREVIOUS_KEYS",
+                                     "IDS_EMAIL_BODY_KEY_LETTERS",
+                                     "IDS_EMAIL_BODY_KEY_NUMBERS",
+                                     "IDS_EMAIL_BODY_KEY_EMOTICONS",
+                                     "IDS_EMAIL_BODY_KEY_LANGUAGE",
+                                     "IDS_EMAIL_BODY_KEY_ENTER",
+                                     "IDS_EMAIL_BODY_KEY_HIDE"};
+static_assert(std::size(KEY_TEXTS) == static_cast<size_t>(action::hide) + 1);
+
+void say_key(int index) {
+  const key &one = pad.keys[static_cast<size_t>(index)];
+  const bool is_shift = one.does == action::shift, has_text = one.does == action::text || one.does == action::next_page;
+  const char *id = one.text == " "                          ? "IDS_EMAIL_BODY_KEY_SPACE"
+                   : is_shift && pad.shifted == shift::lock ? "IDS_EMAIL_BODY_KEY_CAPS_LOCK"
+                                                            : KEY_TEXTS[static_cast<size_t>(one.does)];
+  keypad_spoken_key(index, id, has_text ? one.text : "", is_shift ? pad.shifted != shift::off : -1);
+}
+
+void use_key(int index);
+
+void tell_keys() {
+  if (pad.conformant == nullptr || !keypad_spoken_begin(pad.conformant, pad.ground)) return;
+  for (int i = 0; i < KEYS; i++) {
+    keypad_spoken_add(i, pad.keys[static_cast<size_t>(i)].picture, use_key);
+    say_key(i);
+  }
 }
 
 /* --- what the keys show --- */
@@ -202,6 +198,7 @@ void set_key(int index, action does, const std::string &text, const char *icon =
   } else {
     evas_object_show(one.picture);
   }
+  say_key(index);
 }
 
 void place_key(int index, int column, int row, int columns) {
@@ -210,6 +207,7 @@ void place_key(int index, int column, int row, int columns) {
 }
 
 void refresh() {
+  tell_keys();
   const keypad_layout &now = layout();
   pad.page = std::min(pad.page, now.pages.size() - 1);
   const std::vector<std::string> page = keypad_page_keys(now, pad.page);
@@ -517,7 +515,7 @@ bool make_keys() {
 void fit_height() {
   int h = 0;
   /* Its room is the conformant's, which is less than the window on a round display. */
-  Evas_Object *room = find_in_window(is_conformant);
+  Evas_Object *room = keypad_find(pad.win, keypad_is_conformant);
   evas_object_geometry_get(room ? room : pad.win, nullptr, nullptr, nullptr, &h);
   const double scale = elm_config_scale_get();
   const double row = std::clamp(h * 0.156, KEY_HEIGHT_MIN * scale, KEY_HEIGHT_MAX * scale);
@@ -577,6 +575,7 @@ void conformant_deleted_cb(void *, Evas *, Evas_Object *, void *) {
   pad.displaced = nullptr;
   vconf_ignore_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb);
   hear_keyboard(false);
+  keypad_spoken_end(true);
   serve(nullptr);
   press(-1);
   evas_object_hide(pad.ground);
@@ -591,7 +590,7 @@ void touched_cb(void *, Evas *, Evas_Object *, void *info) {
   const auto *event = static_cast<const Evas_Event_Mouse_Up *>(info);
   if (event->button != 1 || (event->event_flags & EVAS_EVENT_FLAG_ON_HOLD) != 0) return;
   Evas_Object *focused = elm_object_focused_object_get(pad.win);
-  if (!is_editable_entry(focused)) return;
+  if (!keypad_is_editable_entry(focused)) return;
   int x, y, w, h;
   evas_object_geometry_get(focused, &x, &y, &w, &h);
   if (event->canvas.x >= x && event->canvas.x < x + w && event->canvas.y >= y && event->canvas.y < y + h) keypad_show();
@@ -600,7 +599,7 @@ void touched_cb(void *, Evas *, Evas_Object *, void *info) {
 /* Touches reach the conformant after the widgets in it. It comes later than the window, but before any focus. */
 void focus_came_cb(void *, Evas *, void *) {
   if (pad.watched != nullptr) return;
-  pad.watched = find_in_window(is_conformant);
+  pad.watched = keypad_find(pad.win, keypad_is_conformant);
   if (pad.watched == nullptr) return;
   evas_object_event_callback_add(pad.watched, EVAS_CALLBACK_MOUSE_UP, touched_cb, nullptr);
   evas_object_event_callback_add(pad.watched, EVAS_CALLBACK_DEL, watched_deleted_cb, nullptr);
@@ -639,13 +638,13 @@ void keypad_attach(Evas_Object *win) {
 void keypad_show(void) {
   if (pad.win == nullptr) return;
   Evas_Object *entry = elm_object_focused_object_get(pad.win);
-  if (!is_editable_entry(entry)) {
+  if (!keypad_is_editable_entry(entry)) {
     /* Asked for by hand: the keypad then is for the entry that is in sight. */
-    entry = find_in_window(is_editable_entry);
+    entry = keypad_find(pad.win, keypad_is_editable_entry);
     if (entry != nullptr) elm_object_focus_set(entry, EINA_TRUE);
   }
   if (pad.conformant == nullptr) {
-    Evas_Object *conformant = find_in_window(is_conformant);
+    Evas_Object *conformant = keypad_find(pad.win, keypad_is_conformant);
     if (conformant == nullptr || !make_keys()) return;
     Evas_Object *frame = elm_layout_edje_get(conformant);
     load_language();
@@ -667,6 +666,7 @@ void keypad_show(void) {
     ea_object_event_callback_add(pad.ground, EA_CALLBACK_BACK, back_cb, nullptr);
     vconf_notify_key_changed(BRISEL_KEY_LANGUAGE, language_changed_cb, nullptr);
     hear_keyboard(true);
+    tell_keys();
     serve(entry);
     begin_with_capital();
     tell_size();
@@ -680,6 +680,7 @@ void keypad_hide(void) {
   Evas_Object *conformant = pad.conformant;
   Evas_Object *frame = elm_layout_edje_get(conformant);
   hear_keyboard(false);
+  keypad_spoken_end(false);
   serve(nullptr);
   press(-1);
   ea_object_event_callback_del(pad.ground, EA_CALLBACK_BACK, back_cb);

@@ -1,4 +1,6 @@
-"""A screen reader's view: the real accessibility bus, its registry, and what the application tells them."""
+"""A screen reader's view: the real accessibility bus, its registry, what the application tells them, and what it does
+when they ask."""
+import os
 import re
 import subprocess
 
@@ -6,6 +8,8 @@ from brisel_test import equal, mail, main, middle
 
 LAUNCHER, REGISTRY = "/usr/libexec/at-spi-bus-launcher", "/usr/libexec/at-spi2-registryd"
 ACCESSIBLE = "org.a11y.atspi.Accessible"
+ACTION = "org.a11y.atspi.Action"
+HEAR = os.environ.get("BRISEL_HEAR", "")
 CHECKED = 1 << 4  # among the states of a widget
 
 
@@ -33,16 +37,39 @@ class Reader:
         return re.findall(r"\('([^']+)', (?:objectpath )?'([^']+)'\)", self.call(where, ACCESSIBLE + ".GetChildren"))
 
     def told(self, where=("org.a11y.atspi.Registry", "/org/a11y/atspi/accessible/root"), depth=12):
-        """(role, name) of everything below; a row that is ticked says so behind its name."""
+        """(role, name) of everything below; a row that is ticked says so behind its name. Keeps where each is, and what
+        can be pressed without an action."""
         out = []
+        if depth == 12:
+            self.places, self.mute = {}, []
         for child in self.children(where) if depth else []:
             name = self.call(child, "org.freedesktop.DBus.Properties.Get", ACCESSIBLE, "Name")
             role = self.call(child, ACCESSIBLE + ".GetRoleName")
             state = self.call(child, ACCESSIBLE + ".GetState") if role == "('list item',)" else ""
             is_checked = state and int(re.search(r"\[(?:uint32 )?(\d+)", state)[1]) & CHECKED
             out.append((role[2:-3], name[3:-4] + (" (checked)" if is_checked else "")))
+            self.places[out[-1]] = child
+            if out[-1][0] in DONE and not self.actions(child):
+                self.mute.append(out[-1])
             out += self.told(child, depth - 1)
         return out
+
+    def actions(self, where):
+        return re.findall(r"'([^']*)', '[^']*', '[^']*'", self.call(where, ACTION + ".GetActions"))
+
+    def do(self, role, name, action="activate"):
+        """Does the action of what is called so; nothing of it is touched, and no key is pressed."""
+        where = self.s.wait(lambda: self.told() and self.places.get((role, name)), f"{role} {name}")
+        number = self.actions(where).index(action)
+        equal(self.call(where, ACTION + ".DoAction", str(number)), "(true,)", f"{action} of {name}")
+        return where[1]
+
+    def hear(self, *events):
+        """What comes of these events from now on, as a function that returns the lines."""
+        path = self.s.dir / "heard"
+        self.running.append(subprocess.Popen([HEAR, self.bus, *events], stdout=open(path, "w"), stderr=subprocess.DEVNULL))
+        self.s.wait(lambda: "ready" in path.read_text(), "the listener")
+        return lambda: path.read_text().splitlines()
 
     def close(self):
         for process in reversed(self.running):
@@ -50,14 +77,16 @@ class Reader:
             process.wait()
 
 
-PRESSED = {"push button", "list item", "check box", "radio button", "entry", "image", "unknown", "dialog", "page tab"}
+DONE = {"push button", "toggle button", "list item", "check box", "radio button", "entry"}
+PRESSED = DONE | {"image", "unknown", "dialog", "page tab"}
 
 
 def heard(reader, *expected):
-    """What is told once all expected (role, name) are: nothing that can be pressed or is a screen without a name, and one
-    screen at a time."""
+    """What is told once all expected (role, name) are: nothing that can be pressed or is a screen without a name, nothing
+    that can be pressed without an action, and one screen at a time."""
     told = reader.s.wait(lambda: (lambda all: all if set(expected) <= set(all) else None)(reader.told()), f"{expected}")
     equal([one for one in told if one[0] in PRESSED and not one[1]], [], "without a name")
+    equal(reader.mute, [], "without an action")
     screens = [one for one in told if one[0] in ("page tab", "dialog")]
     equal(len(screens), 1, f"{screens}")
     return told
@@ -135,9 +164,13 @@ def test_a_reader_that_comes_later_and_another_language_are_told_all(s):
         equal([len(rows(told)), sum(s.text("IDS_EMAIL_BODY_NEW") in name for name in rows(told))], [31, 30], "rows")
         s.language = "de"
         s.setting("db/menu_widget/language", "string", "de_DE.UTF-8")
-        told = heard(reader, ("page tab", s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3")))
+        told = heard(reader, ("page tab", s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3")),
+                     ("push button", s.text("IDS_EMAIL_BODY_DELETE")), ("image", s.text("IDS_EMAIL_BODY_THE_PHONE_IS_LINKED")))
         equal(sum(s.text("IDS_EMAIL_BODY_NEW") in name for name in rows(told)), 30, "rows in the other language")
-        assert ("push button", s.text("IDS_EMAIL_BODY_DELETE")) in told, told
+        s.scroll()
+        s.send(1, mail("Newer", "y", "New <n@b.c>", 1388930000))
+        reader.do("push button", s.counted("IDS_EMAIL_BODY_PD_NEW", 1).replace("%d", "1"))
+        s.wait_text("Newer")
         s.tap("Sender 0")
         s.wait_text("Old", part=False)
         s.watch("keyboard", "Menu")
@@ -146,6 +179,62 @@ def test_a_reader_that_comes_later_and_another_language_are_told_all(s):
         s.language = "en"
         s.setting("db/menu_widget/language", "string", "en_US.UTF-8")
         heard(reader, ("list item", s.text("IDS_MSG_TEMPLATE_12", "message")))
+    finally:
+        reader.close()
+
+
+def test_a_reply_is_written_and_mails_are_handled_by_actions_alone(s):
+    text = s.text
+    serve = s.serve()
+    s.phone("account", "count", "known")
+    s.send(s.account("me@example.net"), *[mail("Old", "y" * 99, f"Sender {i} <s@example.org>", 1388830000 - i) for i in range(3)],
+           args=("--first", "9"))
+    s.setting("file/private/msg-consumer-server/reply_value", "int", 3)
+    reader = Reader(s)
+    try:
+        news = reader.hear("object:state-changed:showing", "object:property-change:accessible-name")
+        s.launch()
+        name = "Sender {}, Old, 04/01/2014 10:06, New, me@example.net".format
+        heard(reader, ("list item", name(0)), ("image", text("IDS_EMAIL_BODY_THE_PHONE_IS_LINKED")))
+        # A row is drawn aside, comes back, goes.
+        before = len(news())
+        where = reader.do("list item", name(2), "delete")
+        swept = text("IDS_EMAIL_BODY_DELETED") + ", " + name(2)
+        s.wait(lambda: f"PropertyChange accessible-name 0 {where}" in news()[before:], "the row's new name")
+        reader.do("list item", swept, "cancel")
+        reader.do("list item", name(2), "delete")
+        reader.do("list item", swept, "delete")
+        s.wait(lambda: len(s.requests("delete_notis")) == 1, "the request")
+        # The reader: a mail is opened and turned, and the rest of its text asked for.
+        reader.do("list item", name(1), "open")
+        told = heard(reader, ("page tab", "Sender 1"), ("push button", text("IDS_EMAIL_BODY_PREVIOUS_EMAIL")))
+        assert ("push button", text("IDS_EMAIL_BODY_NEXT_EMAIL")) not in told, "after the last one"
+        reader.do("push button", text("IDS_EMAIL_BODY_MORE_TEXT"))
+        heard(reader, ("filler", "Sender 1, Old, 04/01/2014 10:06, " + "y" * 99))
+        reader.do("push button", text("IDS_EMAIL_BODY_PREVIOUS_EMAIL"))
+        heard(reader, ("page tab", "Sender 0"), ("push button", text("IDS_EMAIL_BODY_NEXT_EMAIL")))
+        s.watch("key", "back")
+        # The keypad.
+        s.wait_text("Sender 1")
+        reader.do("list item", name(1).replace(text("IDS_EMAIL_BODY_NEW") + ", ", ""), "options")
+        reader.do("list item", "Reply, " + text("IDS_EMAIL_MBODY_EMOTICONS_ABB"))
+        told = heard(reader, ("panel", text("IDS_EMAIL_BODY_KEYPAD")), ("toggle button", text("IDS_EMAIL_BODY_KEY_SHIFT")))
+        equal(len([1 for role, _ in told if role in ("push button", "toggle button")]), 24, "keys, and to send")
+        reader.do("push button", "E")  # the first is a capital, the next ones are not
+        for key in ("KEY_SPACE", "KEY_BACKSPACE", "KEY_SHIFT", "KEY_SHIFT"):
+            reader.do("toggle button" if key == "KEY_SHIFT" else "push button", text("IDS_EMAIL_BODY_" + key))
+        reader.do("push button", "R")
+        heard(reader, ("toggle button", text("IDS_EMAIL_BODY_KEY_CAPS_LOCK")))
+        reader.do("push button", text("IDS_EMAIL_BODY_KEY_NUMBERS"))
+        reader.do("push button", "1")
+        reader.do("push button", text("IDS_COM_SK_SEND"))
+        s.wait(lambda: [r["text"] for r in s.requests("reply")] == ["ER1"], "the reply")
+        # The link's end is told as news, without the focus.
+        s.wait(lambda: len(s.dump()["views"]) == 2, "what can be done")
+        s.stop_serve(serve)
+        heard(reader, ("notification", text("IDS_EMAIL_BODY_THE_PHONE_IS_NOT_LINKED")))
+        where = reader.places["notification", text("IDS_EMAIL_BODY_THE_PHONE_IS_NOT_LINKED")][1]
+        assert f"StateChanged showing 1 {where}" in news(), "the news"
     finally:
         reader.close()
 
