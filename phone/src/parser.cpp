@@ -21,6 +21,7 @@
 #include <deque>
 
 #include "cage.h"
+#include "text.h"
 
 namespace {
 
@@ -64,7 +65,8 @@ struct question {
   request_head head;
   std::string_view raw;
   size_t written = 0;
-  bool is_whole() const { return written == sizeof head + raw.size(); }
+  size_t size() const { return sizeof head + raw.size(); }
+  bool is_whole() const { return written == size(); }
 };
 
 question question_of(request_kind kind, std::string_view raw, const mime_limits &limits) {
@@ -168,17 +170,29 @@ struct deadline {
   int64_t processor_until = 0; /* known when nothing came for a while: most answers are there before */
 };
 
-/* Writes both parts at once, as far as the socket takes them. */
-bool write_some(question *q) {
-  const size_t of_head = std::min(q->written, sizeof q->head), of_raw = q->written - of_head;
-  iovec parts[] = {{reinterpret_cast<char *>(&q->head) + of_head, sizeof q->head - of_head},
-                   {const_cast<char *>(q->raw.data()) + of_raw, q->raw.size() - of_raw}};
+/* Writes what is not written yet of the questions on their way, in their order and as far as the socket takes them. */
+bool write_some() {
+  constexpr size_t kAtOnce = 32;
+  iovec parts[2 * kAtOnce];
+  size_t count = 0;
+  for (question &q : process.ahead) {
+    if (q.is_whole()) continue;
+    if (count == std::size(parts)) break;
+    const size_t of_head = std::min(q.written, sizeof q.head), of_raw = q.written - of_head;
+    parts[count++] = {reinterpret_cast<char *>(&q.head) + of_head, sizeof q.head - of_head};
+    parts[count++] = {const_cast<char *>(q.raw.data()) + of_raw, q.raw.size() - of_raw};
+  }
   msghdr message = {};
   message.msg_iov = parts;
-  message.msg_iovlen = std::size(parts);
+  message.msg_iovlen = count;
   ssize_t done = sendmsg(process.socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
   if (done < 0) return errno == EAGAIN || errno == EINTR;
-  q->written += static_cast<size_t>(done);
+  auto left = static_cast<size_t>(done);
+  for (question &q : process.ahead) {
+    const size_t some = std::min(left, q.size() - q.written);
+    q.written += some;
+    left -= some;
+  }
   return true;
 }
 
@@ -192,7 +206,7 @@ exchange_result take_some(question *q, deadline *d) {
       int ready = poll(&wait, 1, kLookMs);
       if (ready < 0 && errno != EINTR) return EXCHANGE_DIED;
       silent = ready == 0;
-      if ((wait.revents & POLLOUT) && !write_some(q)) return EXCHANGE_DIED;
+      if ((wait.revents & POLLOUT) && !write_some()) return EXCHANGE_DIED;
     }
     /* Of a question that is written the socket waits itself, kLookMs at most. */
     const bool waits = q->is_whole() && !silent;
@@ -227,10 +241,10 @@ exchange_result receive(question *q, deadline *d, char *to, size_t size) {
 /* One question and its answer. `answer` is filled in when it is done. */
 exchange_result ask(request_kind kind, std::string_view raw, const mime_limits &limits, answer_head *answer,
                     std::array<std::string, kTexts> *texts) {
-  question own = question_of(kind, raw, limits);
-  question *q = process.ahead.empty() ? &own : &process.ahead.front();
+  if (process.ahead.empty()) process.ahead.push_back(question_of(kind, raw, limits));
+  question *q = &process.ahead.front();
   deadline d;
-  if (!q->is_whole() && !write_some(q)) return EXCHANGE_DIED;
+  if (!q->is_whole() && !write_some()) return EXCHANGE_DIED;
   exchange_result result = receive(q, &d, reinterpret_cast<char *>(answer), sizeof *answer);
   for (size_t i = 0; i < kTexts && result == EXCHANGE_DONE; i++) {
     if (answer->sizes[i] > limits.text + kMaxHeaders) return EXCHANGE_DIED;
@@ -238,14 +252,16 @@ exchange_result ask(request_kind kind, std::string_view raw, const mime_limits &
     result = receive(q, &d, (*texts)[i].data(), answer->sizes[i]);
   }
   if (result != EXCHANGE_DONE) return result;
-  if (!process.ahead.empty()) process.ahead.pop_front();
+  process.ahead.pop_front();
   /* What nobody asked for. */
   return process.ahead.empty() && process.taken < process.came ? EXCHANGE_DIED : EXCHANGE_DONE;
 }
 
 /* The answer comes from where foreign bytes ruled: it is believed in nothing. */
 bool is_clean(const std::string &text) {
-  return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr);
+  const size_t plain = text_ascii_run(text);
+  return text.find('\0') == std::string::npos &&
+         g_utf8_validate(text.data() + plain, static_cast<gssize>(text.size() - plain), nullptr);
 }
 
 void tell_holes(int walls) {
@@ -270,6 +286,8 @@ parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limi
   /* A process can be killed for reasons that are not the mail's. One that dies of it twice does so again. */
   for (int attempt = 0; attempt < 2; attempt++) {
     if (start_process(error) < 0) return PARSER_LATER;
+    /* Answers of arrivals come together: another one may be to blame. */
+    const bool alone = kind != REQUEST_ARRIVAL || process.ahead.size() < 2;
     exchange_result result = ask(kind, raw, limits, answer, texts);
     if (result == EXCHANGE_DONE) {
       tell_holes(answer->walls);
@@ -277,7 +295,7 @@ parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limi
     }
     /* Of one that ended by itself the status is its own, not the signal sent here. */
     int status = end_process();
-    if (result == EXCHANGE_HUNG) {
+    if (result == EXCHANGE_HUNG && alone) {
       *error = "reading it takes too long";
       return PARSER_SET_ASIDE;
     }
@@ -290,14 +308,15 @@ parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limi
   return PARSER_SET_ASIDE;
 }
 
-/* Sends what will be asked for later, when fewer than `most` are on their way and the one before is there. Returns
+/* Sends a message that will be asked for later, when few enough are on their way and the one before is there. Returns
    whether it did. */
-bool hand_over(request_kind kind, std::string_view raw, const mime_limits &limits, size_t most) {
+bool hand_over(std::string_view raw, const mime_limits &limits) {
   std::deque<question> &ahead = process.ahead;
   std::string error;
-  if (ahead.size() >= most || (!ahead.empty() && !ahead.back().is_whole()) || start_process(&error) < 0) return false;
-  ahead.push_back(question_of(kind, raw, limits));
-  write_some(&ahead.back()); /* one that died is found when its answer is asked for */
+  if (ahead.size() >= kParserMostAhead || (!ahead.empty() && !ahead.back().is_whole()) || start_process(&error) < 0)
+    return false;
+  ahead.push_back(question_of(REQUEST_MAIL, raw, limits));
+  write_some(); /* one that died is found when its answer is asked for */
   return true;
 }
 
@@ -345,6 +364,16 @@ bool write_all(const void *from, size_t size) {
   return true;
 }
 
+/* Whether a whole question after an arrival is here: the answers then go together. Those of messages never wait for
+   one another: who waits for an answer counts the time as that message's. */
+bool has_another_arrival() {
+  request_head head = {};
+  const size_t here = ahead_end - ahead_at;
+  if (here < sizeof head) return false;
+  memcpy(&head, ahead + ahead_at, sizeof head);
+  return head.kind == REQUEST_ARRIVAL && here - sizeof head >= head.size;
+}
+
 }  // namespace
 
 parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_mail *mail, std::string *error) {
@@ -371,7 +400,7 @@ parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_
 bool parser_ahead(std::string_view raw, const mime_limits &limits) {
   for (const question &q : process.ahead)
     if (q.raw.data() == raw.data()) return true;
-  return hand_over(REQUEST_MAIL, raw.substr(0, limits.message), limits, kParserMostAhead);
+  return hand_over(raw.substr(0, limits.message), limits);
 }
 
 void parser_forget() {
@@ -380,7 +409,11 @@ void parser_forget() {
 
 std::vector<int64_t> parser_arrivals(const std::vector<std::string_view> &heads) {
   parser_forget();
-  for (std::string_view head : heads) hand_over(REQUEST_ARRIVAL, head, mime_limits(), heads.size());
+  std::string ignored;
+  if (start_process(&ignored) == 0) {
+    for (std::string_view head : heads) process.ahead.push_back(question_of(REQUEST_ARRIVAL, head, mime_limits()));
+    write_some();
+  }
   std::vector<int64_t> arrivals;
   for (std::string_view head : heads) {
     answer_head answer = {};
@@ -400,7 +433,7 @@ int parser_serve() {
   signal(SIGPIPE, SIG_IGN);
   mime_init();
   int walls = cage_enter();
-  std::string raw;
+  std::string raw, out;
   for (request_head head; read_all(&head, sizeof head);) {
     raw.resize(head.size);
     if (!read_all(raw.data(), raw.size())) break;
@@ -419,9 +452,12 @@ int parser_serve() {
     }
     std::array<std::string *, kTexts> texts = texts_of(&mail, &error);
     for (size_t i = 0; i < kTexts; i++) answer.sizes[i] = texts[i]->size();
-    std::string out(reinterpret_cast<const char *>(&answer), sizeof answer);
+    out.append(reinterpret_cast<const char *>(&answer), sizeof answer);
     for (const std::string *text : texts) out += *text;
+    if (head.kind == REQUEST_ARRIVAL && has_another_arrival()) continue;
     if (!write_all(out.data(), out.size())) break;
+    out.clear();
+    if (out.capacity() > (4u << 20)) std::string().swap(out);
     if (raw.capacity() > (4u << 20)) std::string().swap(raw);
   }
   return 0;

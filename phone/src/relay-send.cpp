@@ -46,8 +46,9 @@ struct sender {
 
 /* Nothing behind them says when a message arrived. */
 std::string_view headers_of(std::string_view head) {
-  size_t end = std::min(head.find("\n\n"), head.find("\n\r"));
-  return end == std::string_view::npos ? head : head.substr(0, end + 2);
+  for (size_t at = head.find('\n'); at != std::string_view::npos; at = head.find('\n', at + 1))
+    if (at + 1 < head.size() && (head[at + 1] == '\n' || head[at + 1] == '\r')) return head.substr(0, at + 2);
+  return head;
 }
 
 outgoing prepare(followed *a, const fetched &f, const relay_row &row, const mime_mail &mail) {
