@@ -59,9 +59,10 @@ bool brisel_view_is_cut(Evas_Object *part) {
   evas_object_textblock_size_formatted_get(probe, &width, nullptr);
   evas_object_del(probe);
   evas_textblock_style_free(uncut);
-  unsigned smallest = 0, largest = 0;
-  evas_textblock_fit_size_range_get(part, &smallest, &largest);
-  if (largest) width = (int)((double)width * smallest / largest);
+  unsigned sizes[64];
+  size_t count = 0;
+  evas_textblock_fit_size_array_get(part, sizes, &count, std::size(sizes));
+  if (count > 0 && count <= std::size(sizes)) width = (int)((double)width * sizes[0] / sizes[count - 1]);
   return width > room;
 }
 

@@ -324,11 +324,12 @@ bool block_cut(Evas_Object *obj) {
   evas_textblock_style_free(whole);
   /* A block that may take smaller letters is cut when the smallest do not fit either. */
   unsigned int fit = 0;
-  unsigned int smallest = 0;
-  unsigned int largest = 0;
+  unsigned int sizes[64];
+  size_t count = 0;
   evas_textblock_fit_options_get(obj, &fit);
-  evas_textblock_fit_size_range_get(obj, &smallest, &largest);
-  const double share = fit && largest > 0 ? double(smallest) / largest : 1.0;
+  evas_textblock_fit_size_array_get(obj, sizes, &count, std::size(sizes));
+  const bool fitted = fit && count > 0 && count <= std::size(sizes);
+  const double share = fitted ? double(sizes[0]) / sizes[count - 1] : 1.0;
   return w * share > object.w + 1 || h * share > object.h + 1;
 }
 
