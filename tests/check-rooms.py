@@ -9,7 +9,7 @@ import sys
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 # The phone keeps its own state in SQLite; the store is the service's alone, and linking is what tells them apart.
 STANDARD = re.compile(r"^[a-z_]+$|^(sys|netinet|arpa)/.*\.h$|^(errno|fcntl|limits|locale|malloc|math|poll|pwd|signal|stdarg|stddef|stdint"
-                      r"|stdio|stdlib|string|time|unistd|ctype|dirent|libintl|dlfcn|wchar|getopt|spawn|iconv)\.h$")
+                      r"|stdio|stdlib|string|time|unistd|pthread|ctype|dirent|libintl|dlfcn|wchar|getopt|spawn|iconv)\.h$")
 EFL = re.compile(r"^(Elementary|Eo|Evas|Ecore|Ecore_[A-Za-z_]+|Edje|Eina|Eet|Efreet|Elementary_Cursor|Efl[A-Za-z_]*)\.h$")
 # What several processes must agree on: those headers of common/ that need no library.
 AGREED = re.compile(r"^brisel-(body|bus|contact|reply|settings)\.h$")

@@ -1,23 +1,55 @@
-/* How the toolkit gets its fonts: the configuration that names them, read without what only tools ask for. The
-   framework calls it before anything loads a font. */
+/* How the toolkit gets its fonts: the configuration that names them, read without what only tools ask for, and by a
+   thread while the toolkit starts. The framework calls it before anything loads a font. */
 #include <dlfcn.h>
 #include <fontconfig/fontconfig.h>
+#include <locale.h>
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
+#include <iterator>
 
 #include "app-priv.h"
 #include "platform-paths.h"
 
-void app_fonts_start(void) {
-  /* Colour emoji before the outline drawings of symbol fonts. */
-  const char *fonts = platform_path("/usr/apps/com.vextora.brisel/res/fonts.conf");
-  if (access(fonts, R_OK) == 0) setenv("FONTCONFIG_FILE", fonts, 0);
+namespace {
+
+/* The theme's fonts, as the toolkit asks the font library for them. */
+constexpr char theme_family[] = "NotoSans";
+const struct {
+  const char *style; /* NULL: none is asked for */
+  int weight;
+} theme_fonts[] = {{"Bold", FC_WEIGHT_BOLD}, {nullptr, FC_WEIGHT_NORMAL}};
+
+/* The thread's until it has ended, the main loop's after. */
+struct {
+  char *language;
+  FcConfig *config; /* NULL: could not be read */
+  struct {
+    FcPattern *asked;
+    FcFontSet *order; /* NULL: none, or handed over */
+  } sorted[std::size(theme_fonts)];
+} found;
+
+pthread_t reader;
+bool is_reading;
+
+/* The library's own function, behind the one that stands here in its place. */
+template <typename Function>
+Function *library(const char *name) {
+  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+decltype(FcFontSort) *library_sort(void) {
+  static const auto real = library<decltype(FcFontSort)>("FcFontSort");
+  return real;
 }
 
 /* A configuration of the system's that names no place for the font cache, or that cannot be read, is the font
    library's own business. */
-static FcConfig *load_configuration(void) {
+FcConfig *load_configuration(void) {
   FcConfig *config = FcConfigCreate();
   if (!config) return nullptr;
   bool good = FcConfigParseAndLoad(config, nullptr, FcTrue);
@@ -29,10 +61,112 @@ static FcConfig *load_configuration(void) {
   return nullptr;
 }
 
-/* The font library's own reads all configuration files once more that the system offers, also those that are not in
-   use, only to name them to who asks for a list: a twentieth of a cold start. The toolkit calls this one instead. */
+/* The toolkit's question for a font of the theme. Where it words one otherwise, it is answered when it comes. */
+FcPattern *pattern_of(const char *style, int weight) {
+  FcPattern *pattern =
+      FcPatternBuild(nullptr, FC_WEIGHT, FcTypeInteger, weight, FC_SLANT, FcTypeInteger, FC_SLANT_ROMAN, FC_WIDTH,
+                     FcTypeInteger, FC_WIDTH_NORMAL, FC_SPACING, FcTypeInteger, FC_PROPORTIONAL, FC_FAMILY,
+                     FcTypeString, theme_family, FC_LANG, FcTypeString, found.language, nullptr);
+  if (!pattern) return nullptr;
+  if (style) FcPatternAddString(pattern, FC_STYLE, reinterpret_cast<const FcChar8 *>(style));
+  FcConfigSubstitute(found.config, pattern, FcMatchPattern);
+  FcDefaultSubstitute(pattern);
+  return pattern;
+}
+
+void *read_cb(void *data) {
+  /* The main loop sets the process's locale meanwhile. */
+  if (locale_t neutral = newlocale(LC_ALL_MASK, "C", nullptr)) uselocale(neutral);
+  found.config = load_configuration();
+  for (size_t i = 0; found.config && i < std::size(theme_fonts); i++) {
+    FcResult result;
+    auto &one = found.sorted[i];
+    one.asked = pattern_of(theme_fonts[i].style, theme_fonts[i].weight);
+    if (one.asked) one.order = library_sort()(found.config, one.asked, FcTrue, nullptr, &result);
+  }
+  return nullptr;
+}
+
+void wait_for_reader(void) {
+  if (!is_reading) return;
+  is_reading = false;
+  pthread_join(reader, nullptr);
+}
+
+}  // namespace
+
+void app_fonts_start(void) {
+  /* Colour emoji before the outline drawings of symbol fonts. */
+  const char *fonts = platform_path("/usr/apps/com.vextora.brisel/res/fonts.conf");
+  if (access(fonts, R_OK) == 0) setenv("FONTCONFIG_FILE", fonts, 0);
+}
+
+void app_fonts_read(void) {
+  const char *locale = setlocale(LC_MESSAGES, nullptr);
+  found.language = strndup(locale, strcspn(locale, ".@"));
+  if (!found.language || !library_sort()) return;
+  /* Signals are the main loop's. */
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  is_reading = pthread_create(&reader, nullptr, read_cb, nullptr) == 0;
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void app_fonts_stop(void) {
+  wait_for_reader();
+  for (auto &one : found.sorted) {
+    if (one.asked) FcPatternDestroy(one.asked);
+    if (one.order) FcFontSetDestroy(one.order);
+  }
+  if (found.config) FcConfigDestroy(found.config);
+  free(found.language);
+  found = {};
+}
+
+/* --- what the toolkit calls instead of the font library's own --- */
+
+/* That one reads all configuration files once more that the system offers, also those that are not in use, only to name
+   them to who asks for a list: a twentieth of a cold start. */
 extern "C" FcConfig *FcInitLoadConfigAndFonts(void) {
+  wait_for_reader();
+  if (found.config) return FcConfigReference(found.config);
   if (FcConfig *config = load_configuration()) return config;
-  const auto real = reinterpret_cast<FcConfig *(*)(void)>(dlsym(RTLD_NEXT, "FcInitLoadConfigAndFonts"));
+  const auto real = library<decltype(FcInitLoadConfigAndFonts)>("FcInitLoadConfigAndFonts");
   return real ? real() : nullptr;
+}
+
+extern "C" FcFontSet *FcFontSort(FcConfig *config, FcPattern *asked, FcBool trim, FcCharSet **letters,
+                                 FcResult *result) {
+  wait_for_reader();
+  for (auto &one : found.sorted) {
+    if (!one.order || config != found.config || !trim || letters || !FcPatternEqual(asked, one.asked)) continue;
+    FcFontSet *order = one.order; /* who asks frees it: the next one gets another */
+    one.order = nullptr;
+    *result = FcResultMatch;
+    return order;
+  }
+  return library_sort() ? library_sort()(config, asked, trim, letters, result) : nullptr;
+}
+
+/* --- the environment --- */
+
+/* The C library moves it when it changes, so nobody changes it while the thread looks something up there. */
+extern "C" int setenv(const char *name, const char *value, int replace) noexcept {
+  static const auto real = library<int(const char *, const char *, int)>("setenv");
+  wait_for_reader();
+  return real(name, value, replace);
+}
+
+extern "C" int unsetenv(const char *name) noexcept {
+  static const auto real = library<int(const char *)>("unsetenv");
+  wait_for_reader();
+  return real(name);
+}
+
+extern "C" int putenv(char *text) noexcept {
+  static const auto real = library<int(char *)>("putenv");
+  wait_for_reader();
+  return real(text);
 }

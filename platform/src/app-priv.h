@@ -69,6 +69,10 @@ void app_locale_stop(void);
 
 /* app-fonts.cpp */
 void app_fonts_start(void); /* before elm_init: names the configuration of the fonts */
+/* When environment and language are set: has the configuration read, and the theme's fonts looked up, by a thread. The
+   toolkit waits for it when it wants a font, and so does whoever changes the environment. */
+void app_fonts_read(void);
+void app_fonts_stop(void); /* after the toolkit's end */
 
 /* app-look.cpp: the platform's theme, palette and motion. */
 void app_look_start(void);

@@ -505,6 +505,7 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
   app_fonts_start();
   setenv("ELM_ACCEL", "none", 0);
   app_locale_init();
+  app_fonts_read();
   if (!elm_init(*argc, *argv)) {
     __dlog_print(DLOG_ERROR, app_log_tag, "the toolkit does not start");
     return 1;
@@ -517,5 +518,6 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
   app_access_stop();
   app_bus_stop();
   elm_shutdown();
+  app_fonts_stop();
   return result;
 }

@@ -82,7 +82,9 @@ std::string platform_languages(void) {
 }
 
 void platform_language_apply(void) {
-  setenv("LANGUAGE", platform_languages().c_str(), 1);
+  const std::string languages = platform_languages();
+  const char *before = getenv("LANGUAGE");
+  if (!before || languages != before) setenv("LANGUAGE", languages.c_str(), 1);
   platform_language_settle();
 }
 
