@@ -19,6 +19,11 @@ static Evas *canvas(void) {
   return evas_object_evas_get(window);
 }
 
+void resize_window(int width, int height) {
+  evas_sync(canvas());
+  evas_object_resize(window, width, height);
+}
+
 /* --- fingers and keys --- */
 
 /* Real time, moved ahead by what the fed events are said to take. */

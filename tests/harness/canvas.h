@@ -15,6 +15,9 @@ struct point {
 /* The window that fingers touch and eyes see: whoever opens one names it. */
 void canvas_use(Evas_Object *window);
 
+/* Once the frame that is being drawn is: the buffer engine takes the pixels away from under the thread that draws. */
+void resize_window(int width, int height);
+
 point middle_of(Evas_Object *object);
 /* One finger. Each event comes a moment after the one before: touches of a test follow each other as a hand's do. */
 void touch(point at);

@@ -202,7 +202,7 @@ TEST_F(GenlistFx, EndsWithWhateverDisturbsIt) {
     const char *what;
     std::function<void()> disturb;
   } rows[] = {
-      {"a resize", [&] { evas_object_resize(window.win, 320, 300); }},
+      {"a resize", [] { resize_window(320, 300); }},
       {"a scroll", [&] { elm_genlist_item_show(items[25], ELM_GENLIST_ITEM_SCROLLTO_TOP); }},
       {"hiding", [&] { evas_object_hide(list); }},
   };

@@ -385,7 +385,7 @@ TEST_F(Pages, PagesFollowTheWindowsWidth) {
   fill(5);
   open_reader(ids[2]);
   for (const int width : {240, 400, 320}) {
-    evas_object_resize(test_ad.win_main, width, 320);
+    resize_window(width, 320);
     ASSERT_TRUE(run_until([&] { return reader()->page_width == width; }));
     rest_reader();
     expect_consistent();

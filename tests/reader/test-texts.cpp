@@ -221,7 +221,7 @@ TEST_F(Texts, APlaceStaysWhateverBecomesOfTheSize) {
       EXPECT_NEAR(top(), before, mail == 0 ? line : line * 2) << "size " << size;
     }
     for (const int width : {240, 320}) {
-      evas_object_resize(test_ad.win_main, width, 320);
+      resize_window(width, 320);
       ASSERT_TRUE(run_until([&] { return reader()->page_width == width; }));
       rest();
       EXPECT_NEAR(top(), before, mail == 0 ? line : line * 2) << "width " << width;
@@ -257,7 +257,7 @@ TEST_F(Texts, ALongSubjectIsCutUntilItIsTouched) {
   tap_in_reader("detail.title");
   EXPECT_EQ(shown(), whole);
   tap_in_reader("detail.title");
-  evas_object_resize(test_ad.win_main, 480, 320);
+  resize_window(480, 320);
   EXPECT_TRUE(run_until([&] { return shown().size() > narrow.size(); })) << "as much as the width lets";
   __brisel_detail_update_font_size(reader(), 1);
   rest_reader();
