@@ -261,7 +261,7 @@ int app_pause(void *user_data) {
   ad->paused = 1;
   brisel_tell_list_in_view(ad);
   brisel_delete_sweep_item(ad);
-  brisel_view_stop_scrolling(ad->mailbox_genlist);
+  brisel_view_stop_lists();
   _with_detail_view(ad, brisel_detail_unregister_pickover);
   return 0;
 }

@@ -219,6 +219,12 @@ void brisel_view_focus_list(Evas_Object *naviframe) {
   if (holder && _is_within((Evas_Object *)list, holder)) _focus_row((Evas_Object *)list);
 }
 
+void brisel_view_stop_lists() {
+  Eina_List *cell;
+  void *list;
+  EINA_LIST_FOREACH(lists, cell, list) brisel_view_stop_scrolling((Evas_Object *)list);
+}
+
 void brisel_view_list_keys(Evas_Object *list) {
   lists = eina_list_append(lists, list);
   evas_object_event_callback_add(list, EVAS_CALLBACK_DEL, _list_gone_cb, nullptr);

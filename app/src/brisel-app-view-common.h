@@ -112,8 +112,9 @@ char *brisel_view_sender_title(const full_noti_data *mail);
    the caller frees with free(), or NULL when address is no phone number. */
 char *brisel_view_phone_number(const char *address);
 
-/* A list or scroller that moves stands still where it is. NULL: nothing. */
+/* A list or scroller that moves stands still where it is. NULL: nothing. The same of all lists that keys go through. */
 void brisel_view_stop_scrolling(Evas_Object *scroller);
+void brisel_view_stop_lists();
 
 /* --- popups --- */
 

@@ -70,6 +70,23 @@ TEST_F(deleting, RowsBoxesAndTheWholeSelection) {
   expect_no_request("delete_notis");
 }
 
+TEST_F(deleting, NothingMovesOnWhileTheDisplayIsOff) {
+  open(60);
+  const auto top = [&] {
+    int y = 0;
+    elm_scroller_region_get(list(), nullptr, &y, nullptr, nullptr);
+    return y;
+  };
+  const point middle = middle_of(list());
+  stroke({middle.x, middle.y + 60}, {middle.x, middle.y - 60});
+  const int lifted = top();
+  ASSERT_TRUE(run_until([&] { return top() > lifted; })) << "nothing was flung";
+  app_pause(&test_ad);
+  const int stood = top();
+  run_for(0.2);
+  EXPECT_EQ(top(), stood);
+}
+
 TEST_F(deleting, OneAccountsMailsOrAll) {
   open(4, accounts[1]);
   std::vector<std::string> shown;
