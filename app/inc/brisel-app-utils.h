@@ -27,8 +27,10 @@ Evas_Object *brisel_util_create_basic_2button_popup_with_app_data(appdata *ad, c
 /* An empty popup, not shown, that takes no touch which is left of the one that opened it. */
 Evas_Object *brisel_util_popup_add(Evas_Object *parent);
 /* Gives a popup that has a content of its own a title that may be of any length (markup, copied): one line, until a
-   touch shows all of it in place of the content. */
+   touch or the more key shows all of it in place of the content. */
 void brisel_util_popup_set_name(Evas_Object *popup, const char *name);
+/* A keyboard scrolls the popup's content, a scroller, and comes to the button at its end (NULL: there is none). */
+void brisel_util_popup_scroll_by_keys(Evas_Object *popup, Evas_Object *button);
 /* Deletes the popup (or other widget) that the field names, if any, and clears the field. */
 void brisel_util_drop_popup(Evas_Object **popup);
 void brisel_create_toast_popup(appdata *ad, const char *text);

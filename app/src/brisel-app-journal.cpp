@@ -213,7 +213,7 @@ static void _add_label(Evas_Object *box, const std::string &text) {
 }
 
 /* Three buttons stand side by side on no watch: the one for which there is a screen stands with the text. */
-static void _add_change_button(Evas_Object *box, journal_view_data *vd) {
+static Evas_Object *_add_change_button(Evas_Object *box, journal_view_data *vd) {
   Evas_Object *button = elm_button_add(box);
   brisel_stage_set_style(button, "popup");
   /* On a round display a button is as high as its place, and here is none that would say. */
@@ -224,6 +224,7 @@ static void _add_change_button(Evas_Object *box, journal_view_data *vd) {
   evas_object_smart_callback_add(button, "clicked", _popup_change_cb, vd);
   elm_box_pack_end(box, button);
   evas_object_show(button);
+  return button;
 }
 
 static void _fill_popup(Evas_Object *popup, const brisel_request_data *request, journal_view_data *vd) {
@@ -234,7 +235,7 @@ static void _fill_popup(Evas_Object *popup, const brisel_request_data *request, 
   elm_box_padding_set(box, 0, brisel_view_scaled(8));
   brisel_view_expand(box);
   _add_label(box, _popup_text(request, vd->ad));
-  if (_can_send_again(request)) _add_change_button(box, vd);
+  brisel_util_popup_scroll_by_keys(popup, _can_send_again(request) ? _add_change_button(box, vd) : nullptr);
   elm_object_content_set(scroller, box);
   elm_object_content_set(popup, scroller);
   evas_object_show(box);

@@ -1,5 +1,6 @@
 /* The popup kit: popups, toasts and the progress bar. Every screen makes its popups here. */
 #define EFL_BETA_API_SUPPORT /* for the names that a screen reader says */
+#include <algorithm>
 #include <iterator>
 #include <string>
 #include <string_view>
@@ -71,6 +72,55 @@ static void _more_key_cb(void *data, Evas_Object *obj, void *event_info) {
   if (evas_object_data_get(obj, is_named)) _turn_name(obj);
 }
 
+/* --- by keyboard --- */
+
+/* In screens. */
+constexpr double a_key = 0.6, to_the_end = 1000;
+
+/* screens: upwards below zero. Whether there was anything that way. */
+static bool _scroll_by_key(Evas_Object *scroller, double screens) {
+  int x = 0, y = 0, w = 0, h = 0, all = 0;
+  elm_scroller_region_get(scroller, &x, &y, &w, &h);
+  evas_object_geometry_get(elm_object_content_get(scroller), nullptr, nullptr, nullptr, &all);
+  const int to = std::clamp(y + (int)(screens * h), 0, std::max(all - h, 0));
+  if (to != y) elm_scroller_region_bring_in(scroller, x, to, w, h);
+  return to != y;
+}
+
+/* The popup that has the focus, which may lie over the one that hears the keys. */
+static Evas_Object *_popup_with_focus(const Evas_Object *popup) {
+  Evas_Object *at = elm_object_focused_object_get(popup);
+  while (at && elm_object_widget_type_get(at) != std::string_view("Elm_Popup")) at = elm_object_parent_widget_get(at);
+  return at;
+}
+
+/* Up comes to a button in the content, in sight or not, and from there to the beginning of the text, with the focus
+   back below; Down scrolls the text. Heard without the focus: with it, the toolkit has gone by then to what is in
+   sight. */
+static void _key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  const Evas_Event_Key_Down *event = (const Evas_Event_Key_Down *)event_info;
+  const bool is_up = std::string_view(event->key).ends_with("Up");
+  Evas_Object *scroller = elm_object_content_get(obj), *button = (Evas_Object *)data, *top = _popup_with_focus(obj);
+  Evas_Object *lower = brisel_stage_style() ? elm_object_part_content_get(obj, "button2") : nullptr;
+  const bool is_in_content = button && elm_object_focus_get(button);
+  if (top != obj || (is_up && lower && elm_object_focus_get(lower))) {
+    if (top) elm_object_focus_next(top, is_up ? ELM_FOCUS_UP : ELM_FOCUS_DOWN);
+  } else if (is_up && button && !is_in_content) {
+    elm_object_focus_set(button, EINA_TRUE);
+    _scroll_by_key(scroller, to_the_end);
+  } else if (is_up && is_in_content) {
+    if (_scroll_by_key(scroller, -to_the_end))
+      elm_object_focus_set(elm_object_part_content_get(obj, "button1"), EINA_TRUE);
+  } else if (is_in_content || !_scroll_by_key(scroller, is_up ? -a_key : a_key)) {
+    if (!brisel_touch_key_reveals(event->timestamp)) elm_object_focus_next(obj, is_up ? ELM_FOCUS_UP : ELM_FOCUS_DOWN);
+  }
+}
+
+void brisel_util_popup_scroll_by_keys(Evas_Object *popup, Evas_Object *button) {
+  evas_object_event_callback_add(popup, EVAS_CALLBACK_KEY_DOWN, _key_cb, button);
+  for (const char *key : {"Up", "KP_Up", "Down", "KP_Down"}) brisel_touch_hear_key(popup, key, EINA_TRUE);
+}
+
 Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
   Evas_Object *popup = _popup_add(parent);
   if (!popup) return nullptr;
@@ -120,6 +170,7 @@ static Evas_Object *_popup_scroller_add(Evas_Object *popup) {
   elm_object_style_set(scroller, "effect");
   elm_object_content_set(popup, scroller);
   evas_object_show(scroller);
+  brisel_util_popup_scroll_by_keys(popup, nullptr);
   return scroller;
 }
 

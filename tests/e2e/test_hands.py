@@ -6,7 +6,7 @@ import subprocess
 from brisel_test import Session, equal, mail, main, middle, options, start_display
 from brisel_png import read_png
 from layout import problems
-from phone_test import journal, read_on_watch
+from phone_test import journal, read_on_watch, reply_on_watch
 from test_launch import link_popup_up
 
 ACCENT = bytes([108, 180, 255])  # of the dark palette
@@ -153,6 +153,19 @@ def test_a_mouse_presses_long_goes_back_and_turns_its_wheel(s):
     s.tap(long)
     s.wait_gone(long)
     assert s.shows(address), s.texts()  # on the header
+    s.stop_serve(s.running[0][0])
+    reply_on_watch(s, s.mails()[0], "Yes, but not before the late evening, and do bring a coat.")
+    keys(s, "Menu")
+    keys(s, "Down", "Return")
+    change = s.text("IDS_EMAIL_SK_CHANGE")
+    assert not s.shows(change), "room for all of it"
+    keys(s, "Up")
+    s.wait_text(change)  # which keys brought into sight
+    keys(s, "Up")
+    assert s.shows("Yes") and not s.shows(change), "back at the beginning"
+    keys(s, "Down")
+    keys(s, "Up", "Return")
+    s.wait(lambda: len(s.titles()) == 3, "the typed view")
 
 
 @options()
