@@ -152,10 +152,14 @@ static void __brisel_detail_sender_tapped(page_data *page) {
 
 /* --- the body --- */
 
-/* Only what stands before the last continuation tag is ever shown. */
+/* Only what stands before the last continuation tag is ever shown. Looked for from the end, by its first letter: a body
+   without one may be a megabyte. */
 static size_t __brisel_detail_shown_body_length(const char *body) {
-  const char *tag = g_strrstr(body, tag_start);
-  return tag ? (size_t)(tag - body) : strlen(body);
+  const size_t length = strlen(body);
+  const char *at = body + length;
+  while ((at = (const char *)memrchr(body, *tag_start, (size_t)(at - body))))
+    if (strncmp(at, tag_start, sizeof(tag_start) - 1) == 0) return (size_t)(at - body);
+  return length;
 }
 
 static void __brisel_detail_fold_body(const page_data *page) {
