@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
@@ -277,10 +278,9 @@ static void _append_line(detail_shown *shown, std::string_view text, size_t star
   }
 }
 
-detail_shown brisel_detail_fold(const std::string &source, const std::vector<size_t> &opened, appdata *ad) {
+detail_shown brisel_detail_fold(std::string *source, const std::vector<size_t> &opened, appdata *ad) {
   detail_shown shown;
-  shown.text.reserve(source.size());
-  std::string_view text = source;
+  std::string_view text = *source;
   size_t open_until = 0;
   fold_place place = {0, 0};
   place.address = _next_address(text, 0);
@@ -308,7 +308,10 @@ detail_shown brisel_detail_fold(const std::string &source, const std::vector<siz
     }
     at = end + 1;
   }
-  shown.text.append(text, place.done);
+  if (shown.pieces.empty())
+    shown.text = std::move(*source); /* a megabyte is neither copied nor kept twice */
+  else
+    shown.text.append(text, place.done);
   return shown;
 }
 

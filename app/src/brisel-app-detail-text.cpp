@@ -21,7 +21,7 @@ static const char ellipsis[] = "\xE2\x80\xA6";
 
 /* What a page shows of its body, and what of that is open. */
 struct detail_text {
-  std::string source;         /* the body as plain text, without its continuation tag */
+  std::string source;         /* the body as plain text, without its continuation tag; empty when it is what is shown */
   std::vector<size_t> opened; /* the folds that were opened, by their place in source */
   detail_shown shown;         /* its text is empty once the layout has it */
 };
@@ -163,15 +163,17 @@ static size_t __brisel_detail_shown_body_length(const char *body) {
 }
 
 static void __brisel_detail_fold_body(const page_data *page) {
-  page->text->shown = brisel_detail_fold(page->text->source, page->text->opened, page->ad);
+  page->text->shown = brisel_detail_fold(&page->text->source, page->text->opened, page->ad);
 }
 
 /* A page's parts say nothing to who only listens: it is read as a whole. */
 void __brisel_detail_name_page(const page_data *page) {
   if (!brisel_view_is_spoken()) return;
   std::string name;
+  const char *body =
+      page->text->source.empty() ? brisel_detail_body_get(page->detail_layout, nullptr) : page->text->source.c_str();
   for (const char *text : {brisel_view_sender(page->mail_data), (const char *)page->mail_data->subject,
-                           elm_object_part_text_get(page->detail_layout, "detail.time"), page->text->source.c_str(),
+                           elm_object_part_text_get(page->detail_layout, "detail.time"), body,
                            elm_object_part_text_get(page->detail_layout, "detail.attachment")})
     if (text && *text) name.append(name.empty() ? "" : ", ").append(text);
   brisel_view_set_spoken_name(page->detail_layout, name.c_str());

@@ -329,7 +329,9 @@ TEST_F(Texts, QuotesSignaturesAndAddressesAreShort) {
       {repeat("a\n", 1 << 20), repeat("a\n", 1 << 20)}, /* takes no time for the square of its lines */
   };
   for (const auto &row : table) {
-    const detail_shown shown = brisel_detail_fold(row.text, {}, &test_ad);
+    std::string source = row.text;
+    const detail_shown shown = brisel_detail_fold(&source, {}, &test_ad);
+    EXPECT_EQ(source, shown.pieces.empty() ? "" : row.text);
     EXPECT_EQ(shown.text, row.shown);
     for (const detail_piece &piece : shown.pieces) {
       EXPECT_EQ(brisel_detail_source_of(shown, piece.shown + 1), piece.source);
