@@ -14,7 +14,7 @@ BUILD = pathlib.Path(__file__).resolve().parent.parent
 os.environ["BRISEL_BUILD"] = str(BUILD)
 sys.path[:0] = ["@SOURCE@/tools/lib", "@SOURCE@/bench/lib"]
 from brisel_drive import Session, mail  # noqa: E402
-from figures import emit, wakeups  # noqa: E402
+from figures import FRAME, NOTHING, emit, wakeups  # noqa: E402
 
 RUNS = int(sys.argv[1]) if len(sys.argv) > 1 else 5
 SIZES = [int(n) for n in sys.argv[2:]] or [100, 1000, 10000, 20000]
@@ -119,15 +119,15 @@ def event_to_row(session, times=7):
 
 def live(session, process, count):
     """What the running application does with events, and without any."""
-    emit(f"event to its row, {count} mails", "ms", event_to_row(session))
+    emit(f"event to its row, {count} mails", "ms", event_to_row(session), *FRAME)
     session.watch("stats", "--reset")
     session.send(1, *[mail(f"Burst {n}", "x", f"Burst {n} <burst@example.org>", T0 + 2000 + n) for n in range(1000)])
     session.wait(lambda: session.find("Burst 999", part=True), "the burst's last mail", 60)
-    emit(f"longest stall in a burst of 1000, {count} mails", "ms", [json.loads(session.watch("stats"))["longest_iteration_ns"] / 1e6])
+    emit(f"longest stall in a burst of 1000, {count} mails", "ms", [json.loads(session.watch("stats"))["longest_iteration_ns"] / 1e6], *FRAME)
     time.sleep(2)
     before = wakeups(process.pid)
     time.sleep(10)
-    emit(f"wake-ups in 10 idle seconds, {count} mails", "", [wakeups(process.pid) - before])
+    emit(f"wake-ups in 10 idle seconds, {count} mails", "", [wakeups(process.pid) - before], *NOTHING)
 
 
 def touched_notification(session, count):

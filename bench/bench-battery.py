@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import re
+import sqlite3
 import subprocess
 import sys
 import time
@@ -17,7 +18,7 @@ os.environ["BRISEL_BUILD"] = str(BUILD)
 sys.path[:0] = ["@SOURCE@/tools/lib", "@SOURCE@/bench/lib", "@SOURCE@/tests/harness"]
 from brisel_drive import Session, mail  # noqa: E402
 from brisel_test import start_display  # noqa: E402
-from figures import emit, wakeups  # noqa: E402
+from figures import NOTHING, emit, wakeups  # noqa: E402
 
 PARTS = sys.argv[1:] or ["disk", "draw", "pause"]
 WIDTH, HEIGHT = 360, 480
@@ -58,6 +59,18 @@ def open_typed(session):
 # --- the disk ---
 
 
+COMMITS = """import os, sqlite3, sys
+db = sqlite3.connect(sys.argv[1], isolation_level=None)
+db.execute("PRAGMA synchronous = FULL")
+for n in range(int(sys.argv[2])):
+    db.execute("BEGIN IMMEDIATE")
+    for statement in sys.argv[3:]:
+        db.execute(statement, (n,) if "?1" in statement else ())
+    db.execute("COMMIT")
+os._exit(0)  # closing would move the log into the file
+"""
+
+
 class Disk:
     """What processes write to files, and how often they wait for the disk."""
 
@@ -88,14 +101,22 @@ class Disk:
 def disk(session, ids):
     watch = [f"-p{process_of(session, name)}" for name in ("brisel-hostd", "brisel")]
 
-    def measure(what, action, bare=None):
+    store = session.dir / "bare.db"
+    with contextlib.closing(sqlite3.connect(next(session.dir.rglob("store.db")))) as db:
+        db.execute("VACUUM INTO ?", (str(store),))
+    with contextlib.closing(sqlite3.connect(store)) as db:
+        db.execute("PRAGMA journal_mode = WAL")
+
+    def measure(what, action, *statements):
+        """Beside a commit of the same by SQLite alone, to a store like the watch's."""
+        alone = [one / TIMES for one in Disk(session, sys.executable, "-c", COMMITS, store, str(TIMES), *statements).ended()]
         trace = Disk(session, "-p", watch[0][2:], watch[1])
         for n in range(TIMES):
             action(n)
         time.sleep(0.5)
         kib, syncs = trace.end()
-        emit(f"written to the watch's disk: {what}", "KiB", [kib / TIMES], bare and [bare / 1024], "its own bytes")
-        emit(f"waits for the watch's disk: {what}", "syncs", [syncs / TIMES])
+        emit(f"written to the watch's disk: {what}", "KiB", [kib / TIMES], alone[:1], "a bare commit of it")
+        emit(f"waits for the watch's disk: {what}", "syncs", [syncs / TIMES], alone[1:], "a bare commit of it")
 
     def opened(n):
         session.launch(brisel_id=ids[n])
@@ -122,14 +143,17 @@ def disk(session, ids):
         session.tap(session.text("IDS_COM_SK_SEND"))
         session.wait(lambda: len(session.requests("reply")) > before, "the reply")
 
-    measure("a mail that comes", lambda n: send(session, n, T0 + n), len(BODY))
-    measure("an unread mail opened", opened)
-    measure("a mail deleted", deleted)
+    measure("a mail that comes", lambda n: send(session, n, T0 + n),
+            "INSERT INTO mail (account_id, received_time, subject, from_name, from_address, message_uid)"
+            " VALUES (1, 1767600000 + ?1, 'Subject', 'Sender', 's@example.org', '<' || ?1 || '@example.org>')",
+            f"INSERT INTO body (mail_id, text) VALUES (last_insert_rowid(), '{BODY}')")
+    measure("an unread mail opened", opened, "UPDATE mail SET is_read = 1, is_new = 0 WHERE mail_id = ?1 + 1")
+    measure("a mail deleted", deleted, "DELETE FROM body WHERE mail_id = ?1 + 1", "DELETE FROM mail WHERE mail_id = ?1 + 1")
     opened(TIMES)
-    measure("a reply", replied)
+    measure("a reply", replied, "INSERT INTO outbox (json) VALUES (printf('%.600c%d', 'x', ?1))")
     changed = [Disk(session, "brisel-watchctl", "setting", "set", SUBJECTS, "bool", value).ended() for value in ("false", "true")]
-    emit("written to the watch's disk: a setting", "KiB", [one[0] for one in changed])
-    emit("waits for the watch's disk: a setting", "syncs", [one[1] for one in changed])
+    emit("written to the watch's disk: a setting", "KiB", [one[0] for one in changed], [4.5 / 1024], "its value")
+    emit("waits for the watch's disk: a setting", "syncs", [one[1] for one in changed], [1], "a file that is there already")
 
 
 # --- drawing ---
@@ -144,12 +168,12 @@ def draw(session, ids):
         time.sleep(seconds)
         return [pixels / (WIDTH * HEIGHT) for pixels in json.loads(session.watch("stats"))["pixels"]]
 
-    def whole(what, action, bare=None, beside="", seconds=1.0):
+    def whole(what, action, bare=None, beside=NOTHING[1], seconds=1.0):
         emit(f"drawn: {what}", "windows", [sum(drawn(action, seconds))], bare and [bare], beside)
 
     def each(what, action, seconds=1.5):
         shares = [share for share in drawn(action, seconds) if share > 0]
-        emit(f"drawn in a frame: {what}", "windows", shares or [0])
+        emit(f"drawn in a frame: {what}", "windows", shares or [0], [1], "the window")
 
     def nothing():
         pass
@@ -169,10 +193,10 @@ def draw(session, ids):
           lambda: [session.phone("template", "set", "Yes", "No"), session.phone("status", "reply", 0), session.phone("account", "count", "known")])
     for n in 1, 2, 3:
         whole(f"a mail in sight is read, {n}", lambda: session.phone("mail", "update", ids[n], "--read"), ROW, "its row")
-    whole("a mail comes below what is in sight", lambda: send(session, 50, T0 - 5000))
-    whole("a mail comes in sight", lambda: send(session, 51, T0 + 60))
-    whole("the link goes", lambda: session.stop_serve(phone))
-    whole("the link comes", session.serve)
+    whole("a mail comes below what is in sight", lambda: send(session, 50, T0 - 5000), ROW, "a row")
+    whole("a mail comes in sight", lambda: send(session, 51, T0 + 60), 1, "the window")
+    whole("the link goes", lambda: session.stop_serve(phone), ROW, "a row")
+    whole("the link comes", session.serve, ROW, "a row")
     each("the list is scrolled", lambda: session.scroll(seconds=0.3))
     session.launch(brisel_id=ids[5])
     session.rest()
@@ -185,7 +209,7 @@ def draw(session, ids):
     time.sleep(1)
     whole("nothing happens in the typed reply, 5 s", nothing, seconds=5)
     for letter in "ab":
-        whole(f"a letter is typed, {letter}", lambda: session.watch("type", letter))
+        whole(f"a letter is typed, {letter}", lambda: session.watch("type", letter), ROW, "a row")
     session.watch("key", "back")
     session.rest()
 
@@ -213,7 +237,7 @@ def pause(session, ids):
         time.sleep(1.5)
         before = wakeups(process)
         time.sleep(4)
-        emit(f"wake-ups in 4 seconds with the display off: {screen}", "", [wakeups(process) - before])
+        emit(f"wake-ups in 4 seconds with the display off: {screen}", "", [wakeups(process) - before], *NOTHING)
 
     def reader():
         session.launch(brisel_id=ids[7])

@@ -73,7 +73,7 @@ pair = Pair(COUNT)
 wait(lambda: pair.stored() == COUNT, "the first sync")
 emit(f"bytes on the wire for each of {COUNT} mails", "byte", [pair.m.net.bytes[0] / COUNT],
      [sum(p.stat().st_size for p in pair.box.files().values()) / COUNT], "the mail's file")
-took, echo, single = [], [], []
+took, echo, single, sizes = [], [], [], []
 ssh = subprocess.Popen([*pair.m.ssh[:-1], "-i", str(pair.m.echo_key), "watch"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 for n in range(20):
     line = text(100).encode()
@@ -84,13 +84,15 @@ for n in range(20):
     if n:  # the first one connects
         echo.append((time.monotonic() - start) * 1e3)
     before, date = pair.m.net.bytes[0], 1791000000 + n
-    pair.box.deliver(message(f"one-{n}@x", text(5).strip(), text(100), date=date))
+    mail = message(f"one-{n}@x", text(5).strip(), text(100), date=date)
+    sizes.append(len(mail.encode()))
+    pair.box.deliver(mail)
     took.append(wait(lambda: pair.stored("max(received_time)") == date, "one mail") * 1e3)
     single.append(pair.m.net.bytes[0] - before)
 ssh.terminate()
 ssh.wait()
 emit("a mail: from its file to the watch's store", "ms", took, echo, "an echo of its text by ssh")
-emit("bytes on the wire for one mail that comes", "byte", single)
+emit("bytes on the wire for one mail that comes", "byte", single, sizes, "the mail's file")
 pair.close()
 
 # --- the first sync over a slow link ---
@@ -110,8 +112,9 @@ if shutil.which("rsync"):
     if done.returncode:
         sys.exit("bench-pair: rsync: " + done.stderr)
     beside.append(time.monotonic() - start)
-emit(f"first sync of {COUNT} mails, 100 ms and 100 kbit/s", "s", [synced], beside, "rsync -z of the files")
-emit("the same: until the first mail is there" + ("" if newest else ", which is not the newest"), "s", [first])
+beside_what = "rsync -z of the files" if beside else "rsync is not installed"
+emit(f"first sync of {COUNT} mails, 100 ms and 100 kbit/s", "s", [synced], beside, beside_what)
+emit("the same: until the first mail is there" + ("" if newest else ", which is not the newest"), "s", [first], beside, beside_what)
 pair.close()
 
 # --- a silent cut ---
@@ -134,7 +137,7 @@ for name, busy in (("under way", True), ("idle", False)):
             knows.setdefault("phone", time.monotonic() - start)
         time.sleep(0.05)
     for side in ("watch", "phone"):
-        emit(f"a silent cut, {name}: until the {side} knows", "s", [knows.get(side, 120)])
+        emit(f"a silent cut, {name}: until the {side} knows", "s", [knows.get(side, 120)], None, "a bound that is set")
     pair.m.heal()
     again = wait(pair.linked, "the link again", pause=0.02)
     start = time.monotonic()

@@ -16,7 +16,7 @@ import time
 for folder in ("bench", "tools"):
     sys.path.insert(0, f"@SOURCE@/{folder}/lib")
 from brisel_servers import PASSWORD, USER, Authority, Dovecot, owner_of_mail  # noqa: E402
-from figures import emit  # noqa: E402
+from figures import NOTHING, emit  # noqa: E402
 from mails import message  # noqa: E402
 
 COUNT = int(sys.argv[1]) if len(sys.argv) > 1 else 10000
@@ -141,14 +141,19 @@ def fill(dovecot):
     return newest
 
 
-def follow(imap, config):
+def follow(imap, config, mbsync):
     relay = subprocess.Popen(["brisel-phone", "relay", "--config", config], stderr=subprocess.DEVNULL)
     start = time.monotonic()
     watch = lambda: subprocess.run(["brisel-phone", "mail", "list", "--json"], capture_output=True, text=True).stdout  # noqa: E731
     wait(lambda: watch().count('"message_uid"') == NEWEST, "the mails on the watch", pause=0.1)
-    emit(f"account with {COUNT} mails to the newest {NEWEST} on the watch", "s", [time.monotonic() - start])
+    emit(f"account with {COUNT} mails to the newest {NEWEST} on the watch", "s", [time.monotonic() - start], mbsync,
+         "mbsync, whole messages")
     subprocess.run(["brisel-watchctl", "launch"], check=True, stdout=subprocess.DEVNULL)
-    shown = []
+    shown, looks = [], []
+    for _ in range(5):
+        start = time.monotonic()
+        subprocess.run(["brisel-watchctl", "dump"], check=True, stdout=subprocess.DEVNULL)
+        looks.append((time.monotonic() - start) * 1000)
     for n in range(5):
         sender = f"Newcomer {n}"
         text = f"From: {sender} <n@example.org>\nSubject: S\nMessage-ID: <live{n}@x>\n\nText\n"
@@ -156,13 +161,14 @@ def follow(imap, config):
         start = time.monotonic()
         wait(lambda: sender in subprocess.run(["brisel-watchctl", "dump"], capture_output=True, text=True).stdout, sender)
         shown.append((time.monotonic() - start) * 1000)
-    emit("at the server to screen (seen by asking again and again)", "ms", shown)
+    emit("at the server to screen (seen by asking again and again)", "ms", shown, looks, "asking once")
     followers = [int(pid) for pid in open(f"/proc/{relay.pid}/task/{relay.pid}/children").read().split()
                  if b"follow-imap" in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes()]
     time.sleep(2)
     before = sum(map(switches, [relay.pid, *followers]))
     time.sleep(30)
-    emit("wake-ups of relay and follower in 30 idle seconds, IDLE on", "", [sum(map(switches, [relay.pid, *followers])) - before])
+    emit("wake-ups of relay and follower in 30 idle seconds, IDLE on", "",
+         [sum(map(switches, [relay.pid, *followers])) - before], *NOTHING)
     relay.terminate()
     relay.wait()
 
@@ -184,4 +190,4 @@ with Dovecot(SESSION / "dovecot", authority.issue("server")) as dovecot:
              [b[at] / scale for b in beside], "mbsync, whole messages")
     emit(f"share of the newest {NEWEST}'s bytes that crossed the wire", "%", [100 * o[1] / newest_bytes for o in ours],
          [100 * b[1] / newest_bytes for b in beside], "mbsync, whole messages")
-    follow(imap, config)
+    follow(imap, config, [b[0] for b in beside])

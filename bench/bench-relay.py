@@ -11,7 +11,7 @@ import sys
 import time
 
 sys.path.insert(0, "@SOURCE@/bench/lib")
-from figures import emit  # noqa: E402
+from figures import NOTHING, emit  # noqa: E402
 from mails import message  # noqa: E402
 
 COUNT = int(sys.argv[1]) if len(sys.argv) > 1 else 10000
@@ -26,6 +26,23 @@ def tool(*args):
     if done.returncode:
         sys.exit(f"bench-relay: {args[0]} ended with {done.returncode}: {done.stderr[-2000:]}")
     return done.stdout
+
+
+def mail_library(folder):
+    """Seconds by the clock and of the processor, and peak MiB."""
+    process = subprocess.Popen([HERE / "gmime-alone", folder], stdout=subprocess.PIPE, text=True)
+    said = process.stdout.read()
+    _, status, usage = os.wait4(process.pid, 0)
+    if status:
+        sys.exit(f"bench-relay: gmime-alone ended with {status}")
+    return *map(float, said.split()), usage.ru_maxrss / 1024
+
+
+def look():
+    """Milliseconds that asking what is on the screen takes."""
+    start = time.monotonic()
+    tool("brisel-watchctl", "dump")
+    return (time.monotonic() - start) * 1000
 
 
 def wait(condition, what, seconds=600, pause=0.01):
@@ -72,8 +89,9 @@ for folder in ("tmp", "new", "cur"):
 for n in range(COUNT):
     (BOX / "cur" / f"{1760000000 + n}.M{n}.bench:2,S").write_text(message(n))
 
-tool(HERE / "gmime-alone", BOX / "cur")  # once for the page cache
-alone = [tuple(map(float, tool(HERE / "gmime-alone", BOX / "cur").split())) for _ in range(3)]
+mail_library(BOX / "cur")  # once for the page cache
+alone = [mail_library(BOX / "cur") for _ in range(3)]
+file_kib = sum(file.stat().st_size for file in (BOX / "cur").iterdir()) / COUNT / 1024
 tool("brisel-phone", "account", "list")  # the host service runs from now on
 writer = next(int(p.name) for p in pathlib.Path("/proc").iterdir() if p.name.isdigit() and ours(p))
 written = to_disk(writer)
@@ -85,17 +103,18 @@ children = open(f"/proc/{relay.pid}/task/{relay.pid}/children").read().split()
 cpu = sum(processor_seconds(pid) for pid in [relay.pid, *children])
 emit(f"first relay of {COUNT} mails", "s", [took], [one[0] for one in alone], "the mail library alone")
 emit(f"first relay of {COUNT} mails, processor", "s", [cpu], [one[1] for one in alone], "the mail library alone")
-emit("relay's peak resident memory", "MiB", [value(f"/proc/{relay.pid}/status", "VmHWM:") / 1024])
-emit("bytes to disk per relayed mail, phone", "KiB", [to_disk(relay.pid) / 1024 / COUNT])
-emit("bytes to disk per relayed mail, watch", "KiB", [(to_disk(writer) - written) / 1024 / COUNT])
+emit("relay's peak resident memory", "MiB", [value(f"/proc/{relay.pid}/status", "VmHWM:") / 1024],
+     [one[2] for one in alone], "the mail library alone")
+emit("bytes to disk per relayed mail, phone", "KiB", [to_disk(relay.pid) / 1024 / COUNT], [file_kib], "its file")
+emit("bytes to disk per relayed mail, watch", "KiB", [(to_disk(writer) - written) / 1024 / COUNT], [file_kib], "its file")
 
 time.sleep(1)
 before = switches(relay.pid)
 time.sleep(10)
-emit("relay's wake-ups in 10 idle seconds", "", [switches(relay.pid) - before])
+emit("relay's wake-ups in 10 idle seconds", "", [switches(relay.pid) - before], *NOTHING)
 
 tool("brisel-watchctl", "launch")
-shown = []
+shown, looks = [], [look() for _ in range(5)]
 before = {"phone": to_disk(relay.pid), "watch": to_disk(writer)}
 for n in range(5):
     sender = f"Newcomer {n}"
@@ -106,9 +125,9 @@ for n in range(5):
     os.rename(BOX / "tmp" / f"live{n}", BOX / "new" / f"live{n}")
     wait(lambda: sender in tool("brisel-watchctl", "dump"), f"{sender} on screen", 30)
     shown.append((time.monotonic() - start) * 1000)
-emit("file to screen (seen by asking again and again)", "ms", shown)
+emit("file to screen (seen by asking again and again)", "ms", shown, looks, "asking once")
 for side, pid in ("phone", relay.pid), ("watch", writer):
-    emit(f"bytes to disk for a mail that comes, {side}", "KiB", [(to_disk(pid) - before[side]) / 1024 / len(shown)])
+    emit(f"bytes to disk for a mail that comes, {side}", "KiB", [(to_disk(pid) - before[side]) / 1024 / len(shown)], [file_kib], "its file")
 relay.terminate()
 relay.wait()
 

@@ -12,13 +12,11 @@ inline std::string figure_samples(const std::vector<double> &samples) {
   return text + "]";
 }
 
-/* Texts without quotes. bare: samples of the reference of the same run; none where there is no reference. */
+/* Texts without quotes. bare: samples of the reference of the same run, and beside what that is. */
 inline void figure(const std::string &name, const char *unit, const std::vector<double> &ours,
-                   const std::vector<double> &bare = {}, const char *beside = "") {
-  std::string reference;
-  if (!bare.empty()) reference = ",\"bare\":" + figure_samples(bare) + ",\"beside\":\"" + beside + "\"";
-  printf("FIGURE {\"name\":\"%s\",\"unit\":\"%s\",\"ours\":%s%s}\n", name.c_str(), unit, figure_samples(ours).c_str(),
-         reference.c_str());
+                   const std::vector<double> &bare, const char *beside) {
+  printf("FIGURE {\"name\":\"%s\",\"unit\":\"%s\",\"ours\":%s,\"bare\":%s,\"beside\":\"%s\"}\n", name.c_str(), unit,
+         figure_samples(ours).c_str(), figure_samples(bare).c_str(), beside);
   fflush(stdout);
 }
 

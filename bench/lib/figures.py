@@ -4,8 +4,8 @@ A benchmark program writes, on a line of its own among whatever else it prints, 
   name    what was measured, the same text in every run
   unit    "ms", "MiB", "mails/s", ...
   ours    samples of the product; one per run
-  bare    samples of the reference, measured in the same run; may be missing where there is none
-  beside  what the reference is
+  bare    samples of the reference, measured in the same run; missing where there is none
+  beside  what the reference is, or why there is none
   better  "less" (the default) or "more"
 """
 import json
@@ -14,12 +14,14 @@ import pathlib
 import statistics
 
 PREFIX = "FIGURE "
+FRAME = [1000 / 60], "a frame at 60 Hz"
+NOTHING = None, "0 is wanted"
 
 
 def emit(name, unit, ours, bare=None, beside="", better="less"):
-    record = {"name": name, "unit": unit, "ours": list(ours), "better": better}
+    record = {"name": name, "unit": unit, "ours": list(ours), "beside": beside, "better": better}
     if bare:
-        record.update(bare=list(bare), beside=beside)
+        record["bare"] = list(bare)
     print(PREFIX + json.dumps(record), flush=True)
 
 
@@ -29,7 +31,8 @@ def is_figure(record):
             isinstance(one, (int, float)) and math.isfinite(one) for one in record[key])
 
     return (isinstance(record, dict) and isinstance(record.get("name"), str) and isinstance(record.get("unit"), str)
-            and samples("ours") and ("bare" not in record or samples("bare") and isinstance(record.get("beside"), str))
+            and samples("ours") and ("bare" not in record or samples("bare"))
+            and isinstance(record.get("beside"), str) and record["beside"]
             and record.get("better", "less") in ("less", "more"))
 
 
@@ -81,10 +84,10 @@ def number(value):
 
 def row(record):
     value, spread = middle(record["ours"])
-    cells = [record["name"], f"{number(value)} ± {number(spread)} {record['unit']}", "", "", ""]
+    cells = [record["name"], f"{number(value)} ± {number(spread)} {record['unit']}", "none:", record["beside"], ""]
     if record.get("bare"):
         bare, bare_spread = middle(record["bare"])
-        cells[2:4] = [f"{number(bare)} ± {number(bare_spread)}", record["beside"]]
+        cells[2] = f"{number(bare)} ± {number(bare_spread)}"
         against = ratio(record)
         if against:
             cells[4] = f"{against[0]:.2f} ± {against[1]:.2f}"
