@@ -139,19 +139,19 @@ def disk(session, ids):
         session.rest()
         session.watch("keyboard", "Menu")
         session.tap(session.text("IDS_EMAIL_SK_REPLY"))
-        template = session.text("IDS_MSG_TEMPLATE_1", "message")
-        session.wait_text(template)
+        session.wait_text("Yes")
         session.rest()
-        session.tap(template)
+        session.tap("Yes")
         session.tap(session.text("IDS_COM_SK_SEND"))
         session.wait(lambda: len(session.requests("reply")) > before, "the reply")
 
+    session.phone("template", "set", "Yes", "No")
     measure("a mail that comes", lambda n: send(session, n, T0 + n),
             "INSERT INTO mail (account_id, received_time, subject, from_name, from_address, message_uid)"
             " VALUES (1, 1767600000 + ?1, 'Subject', 'Sender', 's@example.org', '<' || ?1 || '@example.org>')",
             f"INSERT INTO body (mail_id, text) VALUES (last_insert_rowid(), '{BODY}')")
-    measure("an unread mail opened", opened, "UPDATE mail SET is_read = 1, is_new = 0 WHERE mail_id = ?1 + 1")
-    measure("a mail deleted", deleted, "DELETE FROM body WHERE mail_id = ?1 + 1", "DELETE FROM mail WHERE mail_id = ?1 + 1")
+    measure("an unread mail opened", opened, "UPDATE mail SET is_read = 1, is_new = 0 WHERE mail_id = ?1 + 21")
+    measure("a mail deleted", deleted, "DELETE FROM body WHERE mail_id = ?1 + 21", "DELETE FROM mail WHERE mail_id = ?1 + 21")
     opened(TIMES)
     measure("a reply", replied, "INSERT INTO outbox (json) VALUES (printf('%.600c%d', 'x', ?1))")
     changed = [Disk(session, "brisel-watchctl", "setting", "set", SUBJECTS, "bool", value).ended() for value in ("false", "true")]
