@@ -141,13 +141,13 @@ def fill(dovecot):
     return newest
 
 
-def follow(imap, config, mbsync):
+def follow(imap, config):
     relay = subprocess.Popen(["brisel-phone", "relay", "--config", config], stderr=subprocess.DEVNULL)
     start = time.monotonic()
     watch = lambda: subprocess.run(["brisel-phone", "mail", "list", "--json"], capture_output=True, text=True).stdout  # noqa: E731
     wait(lambda: watch().count('"message_uid"') == NEWEST, "the mails on the watch", pause=0.1)
-    emit(f"account with {COUNT} mails to the newest {NEWEST} on the watch", "s", [time.monotonic() - start], mbsync,
-         "mbsync, whole messages")
+    emit(f"account with {COUNT} mails to the newest {NEWEST} on the watch", "s", [time.monotonic() - start], None,
+         "the messages are on the phone already")
     subprocess.run(["brisel-watchctl", "launch"], check=True, stdout=subprocess.DEVNULL)
     shown, looks = [], []
     for _ in range(5):
@@ -190,4 +190,4 @@ with Dovecot(SESSION / "dovecot", authority.issue("server")) as dovecot:
              [b[at] / scale for b in beside], "mbsync, whole messages")
     emit(f"share of the newest {NEWEST}'s bytes that crossed the wire", "%", [100 * o[1] / newest_bytes for o in ours],
          [100 * b[1] / newest_bytes for b in beside], "mbsync, whole messages")
-    follow(imap, config, [b[0] for b in beside])
+    follow(imap, config)
