@@ -284,10 +284,11 @@ int app_lang_changed(void *user_data) {
   BRISEL_INFO("Enter");
   appdata *ad = (appdata *)user_data;
   scoped_text language(vconf_get_str(BRISEL_KEY_LANGUAGE));
-  if (language) elm_language_set(language.get());
+  /* Without one it may be a screen reader that has come: all is named for it. */
+  if (!language && !brisel_view_is_spoken()) return 0;
+  elm_language_set(language.get());
   brisel_name_mailbox_rows(ad);
   if (ad->naviframe) _update_window_title(ad);
-  if (!language) return 0;
   brisel_journal_update(nullptr, ad);
   brisel_detail_update_string(ad);
   return 0;

@@ -239,5 +239,20 @@ def test_a_reply_is_written_and_mails_are_handled_by_actions_alone(s):
         reader.close()
 
 
+def test_a_reader_that_comes_to_an_open_mail_is_told_it(s):
+    """No language has been chosen, so none changes."""
+    s.serve()
+    s.phone("account", "count", "known")
+    s.send(s.account("me@example.net"), mail("Old", "y", "Ann <ann@example.org>", 1388830000))
+    s.launch()
+    s.tap("Ann")
+    s.wait_text("Old", part=False)
+    reader = Reader(s)
+    try:
+        heard(reader, ("page tab", "Ann"), ("filler", "Ann, Old, 04/01/2014 10:06, y"))
+    finally:
+        reader.close()
+
+
 if __name__ == "__main__":
     main(globals())
