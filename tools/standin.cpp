@@ -1,3 +1,4 @@
+#define EFL_BETA_API_SUPPORT /* for the name that a screen reader says */
 #include "standin.h"
 
 #include <cstdio>
@@ -58,6 +59,8 @@ void standin_set(const standin_window *window, const char *title, const char *te
   char *markup = elm_entry_utf8_to_markup(title);
   elm_object_part_text_set(window->popup, "title,text", markup);
   free(markup);
+  /* A screen reader would say the toolkit's word for a popup before it, and that in its language. */
+  efl_access_object_i18n_name_set(window->popup, title);
   set_text(window->text, text);
   set_text(window->button, button);
 }
