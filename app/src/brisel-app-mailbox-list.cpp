@@ -178,13 +178,14 @@ static void _do_bring_back(Elm_Object_Item *it) {
 
 static const brisel_row_action *_actions_of(Elm_Object_Item *it) {
   static constexpr brisel_row_action header[] = {
-      {"activate", nullptr, _do_open}, {"choose", "IDS_EMAIL_HEADER_ACCOUNTS", _do_more}, {}};
-  static constexpr brisel_row_action mail[] = {{"open", "IDS_EMAIL_SK_OPEN", _do_open},
-                                               {"delete", "IDS_EMAIL_BODY_DELETE", _do_delete},
-                                               {"options", "IDS_EMAIL_BODY_MORE_ACTIONS", _do_more},
+      {"activate", nullptr, "Return", _do_open}, {"choose", "IDS_EMAIL_HEADER_ACCOUNTS", nullptr, _do_more}, {}};
+  static constexpr brisel_row_action mail[] = {{"open", "IDS_EMAIL_SK_OPEN", "Return", _do_open},
+                                               {"delete", "IDS_EMAIL_BODY_DELETE", "Delete", _do_delete},
+                                               {"options", "IDS_EMAIL_BODY_MORE_ACTIONS", nullptr, _do_more},
                                                {}};
-  static constexpr brisel_row_action swept[] = {
-      {"cancel", "IDS_EMAIL_SK_CANCEL_ABB", _do_bring_back}, {"delete", "IDS_EMAIL_BODY_DELETE", _do_delete}, {}};
+  static constexpr brisel_row_action swept[] = {{"cancel", "IDS_EMAIL_SK_CANCEL_ABB", "Return", _do_bring_back},
+                                                {"delete", "IDS_EMAIL_BODY_DELETE", "Delete", _do_delete},
+                                                {}};
   const item_data *item = (const item_data *)elm_object_item_data_get(it);
   if (item->type == ROW_GROUP) return header;
   return it == item->ad->sweep_item ? swept : mail;

@@ -56,25 +56,11 @@ void brisel_view_name_row(Elm_Object_Item *row) {
   brisel_view_set_spoken_name(row, name.c_str());
 }
 
-static const char tick_key[] = "brisel/tick";
-
-static Efl_Access_State_Set _row_states(Eo *row, void *) {
-  Efl_Access_State_Set states = efl_access_object_state_set_get(efl_super(row, EFL_OBJECT_OVERRIDE_CLASS));
-  if (!strcmp((const char *)efl_key_data_get(row, tick_key), "1"))
-    STATE_TYPE_SET(states, EFL_ACCESS_STATE_TYPE_CHECKED);
-  return states;
-}
-
 void brisel_view_set_spoken_tick(Elm_Object_Item *row, bool is_ticked) {
   if (!row || !brisel_view_is_spoken()) return;
-  const bool is_new = !efl_key_data_get(row, tick_key);
-  efl_key_data_set(row, tick_key, is_ticked ? "1" : "0");
-  if (!is_new) {
-    efl_access_state_changed_signal_emit(row, EFL_ACCESS_STATE_TYPE_CHECKED, is_ticked);
-    return;
-  }
-  EFL_OPS_DEFINE(ops, EFL_OBJECT_OP_FUNC(efl_access_object_state_set_get, _row_states));
-  efl_object_override(row, &ops);
+  const bool is_new = !efl_key_data_get(row, brisel_row_tick_key);
+  efl_key_data_set(row, brisel_row_tick_key, is_ticked ? "1" : "0");
+  if (!is_new) efl_access_state_changed_signal_emit(row, EFL_ACCESS_STATE_TYPE_CHECKED, is_ticked);
 }
 
 void brisel_view_say(Eo *object) {

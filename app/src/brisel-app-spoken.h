@@ -30,10 +30,13 @@ void brisel_view_set_spoken_tick(Elm_Object_Item *row, bool is_ticked);
 struct brisel_row_action {
   const char *name;    /* in programs; NULL ends an array */
   const char *text_id; /* what is said, an id of the application's texts; NULL: the name */
+  const char *key;     /* that does the same; NULL: none */
   void (*does)(Elm_Object_Item *row);
 };
 /* The actions of a row, the usual one first: an array that stays. */
 typedef const brisel_row_action *(*brisel_row_actions_cb)(Elm_Object_Item *row);
+/* Of a row: "1": it is ticked, "0": not, NULL: it has no tick. */
+inline constexpr char brisel_row_tick_key[] = "brisel/tick";
 /* Without it the list's rows have one action, which does what a touch does. */
 void brisel_view_set_row_actions(Evas_Object *list, brisel_row_actions_cb actions_of);
 /* Once, before the first list: that rows have actions at all. */

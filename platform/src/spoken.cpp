@@ -106,6 +106,10 @@ const char *action_name_get(const Eo *, void *, int) {
   return action_name;
 }
 
+char *action_key_get(Eo *, void *, int) {
+  return nullptr; /* none presses it */
+}
+
 Eina_Bool action_do(Eo *, void *pd, int id) {
   const spoken_data one = *static_cast<const spoken_data *>(pd); /* pressing may end in anything */
   if (one.press == nullptr || id != 0 || !evas_object_visible_get(one.shown)) return EINA_FALSE;
@@ -121,6 +125,8 @@ Eina_Bool class_initializer(Efl_Class *klass) {
                  EFL_OBJECT_OP_FUNC(efl_access_action_actions_get, actions_get),
                  EFL_OBJECT_OP_FUNC(efl_access_action_name_get, action_name_get),
                  EFL_OBJECT_OP_FUNC(efl_access_action_localized_name_get, action_name_get),
+                 EFL_OBJECT_OP_FUNC(efl_access_action_description_get, action_name_get),
+                 EFL_OBJECT_OP_FUNC(efl_access_action_keybinding_get, action_key_get),
                  EFL_OBJECT_OP_FUNC(efl_access_action_do, action_do));
   return efl_class_functions_set(klass, &ops, nullptr);
 }

@@ -196,7 +196,9 @@ def test_a_reply_is_written_and_mails_are_handled_by_actions_alone(s):
         s.launch()
         name = "Sender {}, Old, 04/01/2014 10:06, New, me@example.net".format
         heard(reader, ("list item", name(0)), ("image", text("IDS_EMAIL_BODY_THE_PHONE_IS_LINKED")))
-        # A row is drawn aside, comes back, goes.
+        # A row says what it does and by which keys; it is drawn aside, comes back, goes.
+        keys = reader.call(reader.places["list item", name(0)], ACTION + ".GetActions")
+        assert "'Return', 'delete', 'Delete', 'Delete'" in keys, keys
         before = len(news())
         where = reader.do("list item", name(2), "delete")
         swept = text("IDS_EMAIL_BODY_DELETED") + ", " + name(2)
@@ -235,6 +237,8 @@ def test_a_reply_is_written_and_mails_are_handled_by_actions_alone(s):
         heard(reader, ("notification", text("IDS_EMAIL_BODY_THE_PHONE_IS_NOT_LINKED")))
         where = reader.places["notification", text("IDS_EMAIL_BODY_THE_PHONE_IS_NOT_LINKED")][1]
         assert f"StateChanged showing 1 {where}" in news(), "the news"
+        reader.do("list item", text("IDS_EMAIL_BUTTON2_SHOW_ON_DEVICE"))
+        s.wait(lambda: ("dialog", "No phone") in reader.told(), "the dialog of another program")
     finally:
         reader.close()
 
