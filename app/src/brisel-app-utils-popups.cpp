@@ -116,9 +116,17 @@ static void _key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   }
 }
 
+static constexpr const char *scroll_keys[] = {"Up", "KP_Up", "Down", "KP_Down"};
+
+/* Whoever still holds the popup would keep the keys from what is below it. */
+static void _keys_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  for (const char *key : scroll_keys) brisel_touch_leave_key(obj, key);
+}
+
 void brisel_util_popup_scroll_by_keys(Evas_Object *popup, Evas_Object *button) {
   evas_object_event_callback_add(popup, EVAS_CALLBACK_KEY_DOWN, _key_cb, button);
-  for (const char *key : {"Up", "KP_Up", "Down", "KP_Down"}) brisel_touch_hear_key(popup, key, EINA_TRUE);
+  evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _keys_gone_cb, nullptr);
+  for (const char *key : scroll_keys) brisel_touch_hear_key(popup, key, EINA_TRUE);
 }
 
 Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
