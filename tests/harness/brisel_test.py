@@ -17,12 +17,18 @@ def equal(actual, expected, what=""):
     assert actual == expected, f"{what}: got {actual!r}, expected {expected!r}"
 
 
+def owner(s, name):
+    """The process that has the name on the bus; None without one."""
+    out = s.run("dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
+                "org.freedesktop.DBus.GetConnectionUnixProcessID", f"string:{name}", check=False)
+    return int(out.stdout.split()[-1]) if out.returncode == 0 else None
+
+
 def kill_owner(s, name, how=signal.SIGKILL):
     """Kills the program that has the name on the bus, and returns which process it was."""
-    out = s.run("dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
-                "org.freedesktop.DBus.GetConnectionUnixProcessID", f"string:{name}").stdout
-    os.kill(int(out.split()[-1]), how)
-    return int(out.split()[-1])
+    pid = owner(s, name)
+    os.kill(pid, how)
+    return pid
 
 
 def kill_service(s, how=signal.SIGKILL):
