@@ -8,6 +8,7 @@
 #include "brisel-app-option-common.h"
 #include "brisel-app-option-reply.h"
 #include "brisel-app-stage.h"
+#include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 #include "brisel-bus.h"
 
@@ -314,6 +315,7 @@ static void _show_requests(journal_view_data *vd) {
     for (Evas_Object *one : {vd->genlist, vd->nocontent_layout}) brisel_view_set_spoken(one, one == content);
     elm_object_part_content_set(vd->layout, "elm.swallow.content", content);
     evas_object_show(content);
+    brisel_touch_focus_went();
   }
   /* What it offers may be over. */
   if (!vd->popup) return;

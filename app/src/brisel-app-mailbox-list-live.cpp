@@ -6,6 +6,7 @@
 #include <climits>
 #include <vector>
 
+#include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 
@@ -155,6 +156,7 @@ static void _swap_mailbox_content(appdata *ad, Evas_Object *hidden, Evas_Object 
     elm_object_domain_translatable_part_text_set(shown, "elm.text", BRISEL_DOMAIN, "IDS_EMAIL_BODY_NO_EMAILS");
   elm_naviframe_item_title_enabled_set(item, title, EINA_FALSE);
   brisel_tell_list_in_view(ad);
+  brisel_touch_focus_went();
 }
 
 static void _show_nocontents(appdata *ad) {

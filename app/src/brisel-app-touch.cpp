@@ -224,11 +224,13 @@ static void _pane_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info
   elm_win_focus_highlight_enabled_set(window, EINA_TRUE);
 }
 
-/* The toolkit leaves the ring where it was when what had the focus goes and nothing gets it, as above the reader. */
+/* The toolkit leaves the ring where it was when what had the focus goes and nothing gets it, as above the reader, and
+   when a list without rows gives way to a text. */
 static void _ring_job_cb(void *data) {
   if (!window) return;
   const Evas_Object *focused = elm_object_focused_object_get(window);
-  if (!focused || focused == window) elm_win_focus_highlight_enabled_set(window, EINA_FALSE);
+  if (!focused || focused == window || !evas_object_visible_get(focused))
+    elm_win_focus_highlight_enabled_set(window, EINA_FALSE);
 }
 
 void brisel_touch_focus_went() {

@@ -132,6 +132,11 @@ def test_the_ring_is_around_what_has_the_focus(s):
     read_on_watch(s, ids[6])
     s.wait(lambda: len(journal(s)) == 7, "one more above them")
     equal(ringed(s), before, "in a list that changed")
+    keys(s, "Escape", "Down")
+    assert ring_height(s), "none in the mailbox"
+    s.phone("mail", "delete", *ids)
+    s.wait_text(s.text("IDS_EMAIL_BODY_NO_EMAILS"))
+    equal(ring_height(s), 0, "around rows that have gone")
 
 
 @options(size="320x480", env={"ELM_SCALE": "1.5"})  # where rows with such dates are of the higher kind
