@@ -181,12 +181,13 @@ static bool _has_room(Evas_Object *drawing, const char *part, const char *text, 
   return !has_more_lines && width <= room;
 }
 
-static bool _is_ordinary(const appdata *ad, Evas_Object *gl, const popup_item_data *row) {
-  Evas_Object *drawing = _draw_ordinary_row(ad, gl);
-  const bool is_ordinary = _has_room(drawing, "elm.text.1", row->name, name_lines, name_shrinks) &&
-                           _has_room(drawing, "elm.text.2", row->address, address_lines, address_shrinks);
-  evas_object_del(drawing);
-  return is_ordinary;
+/* On the list while it is filled: the drawing that all rows are measured with. */
+static const char ordinary_row[] = "ordinary_row";
+
+static bool _is_ordinary(const Evas_Object *gl, const popup_item_data *row) {
+  Evas_Object *drawing = (Evas_Object *)evas_object_data_get(gl, ordinary_row);
+  return _has_room(drawing, "elm.text.1", row->name, name_lines, name_shrinks) &&
+         _has_room(drawing, "elm.text.2", row->address, address_lines, address_shrinks);
 }
 
 static Evas_Object *_gl_popup_content_get(void *data, Evas_Object *obj, const char *part) {
@@ -269,7 +270,7 @@ static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genl
   else if (account && address)
     row->name = strndup(address, strcspn(address, "@")); /* rather than an empty line above the address */
   row->ad = ad;
-  if (account && !_is_ordinary(ad, gl, row)) {
+  if (account && !_is_ordinary(gl, row)) {
     itc = whole;
     elm_genlist_homogeneous_set(gl, EINA_FALSE);
   }
@@ -326,11 +327,13 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   evas_object_data_set(gl, "radio_main", radio_main);
 
   int index = 0;
+  evas_object_data_set(gl, ordinary_row, _draw_ordinary_row(ad, gl));
   Elm_Object_Item *last = _append_popup_row(ad, gl, itc_combined, itc_combined, index++, nullptr);
   for (GSList *cell = accounts.get(); cell; cell = cell->next) {
     if (!cell->data) continue;
     last = _append_popup_row(ad, gl, itc_account, itc_whole, index++, (account_data *)cell->data);
   }
+  evas_object_del((Evas_Object *)evas_object_data_del(gl, ordinary_row));
   if (last) elm_object_item_signal_emit(last, "elm,state,bottomline,hide", "");
   _show_choice(ad, gl);
   /* A row that is not drawn yet hears no signal. */

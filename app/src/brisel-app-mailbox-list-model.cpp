@@ -255,6 +255,12 @@ Elm_Object_Item *_group_item(appdata *ad) {
   return first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP ? first : nullptr;
 }
 
+static GList *_prepend_record(GList *part, item_data *item) {
+  if (item) return g_list_prepend(part, item);
+  BRISEL_INFO("item_data is NULL.");
+  return part;
+}
+
 /* Puts records behind the others. They come last first, as prepending makes them: appending walks the whole list. */
 static void _append_records(appdata *ad, GList *last_first) {
   GList *part = g_list_reverse(last_first);
@@ -274,7 +280,7 @@ static int _read_places(appdata *ad, const brisel_mail_place *after, int most) {
   GList *part = nullptr;
   for (const brisel_mail_place *place = read_places; place < read_places + count; place++) {
     last_place = *place;
-    if (item_data *item = _item_data_of_place(*place, ad)) part = g_list_prepend(part, item);
+    part = _prepend_record(part, _item_data_of_place(*place, ad));
   }
   _append_records(ad, part);
   return result;
@@ -292,9 +298,9 @@ static int _read_rows(appdata *ad, const brisel_mail_place *after, int most) {
     const full_noti_data *mail = (const full_noti_data *)node->data;
     last_place = {mail->mail_id, mail->received_time, mail->security_locked};
     item_data *item = _item_data_of_place(last_place, ad);
+    part = _prepend_record(part, item);
     if (!item) continue;
     _fill_list_data(item, mail);
-    part = g_list_prepend(part, item);
     whole++;
   }
   _append_records(ad, part);
