@@ -332,6 +332,7 @@ static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
   evas_object_smart_callback_add(gl, "realized", _gl_delete_view_realized_cb, nullptr);
   evas_object_event_callback_add(gl, EVAS_CALLBACK_KEY_DOWN, _delete_key_cb, vd);
   brisel_view_list_keys(gl);
+  brisel_stage_reach(gl);
   elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
   elm_genlist_homogeneous_set(gl, EINA_TRUE);
   evas_object_size_hint_align_set(gl, EVAS_HINT_FILL, EVAS_HINT_FILL);

@@ -330,6 +330,7 @@ Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent) {
   elm_scroller_single_direction_set(scroller, ELM_SCROLLER_SINGLE_DIRECTION_HARD);
   elm_object_focus_allow_set(scroller, EINA_FALSE);
   __brisel_detail_fill_both_ways(scroller);
+  brisel_stage_reach(scroller);
   return scroller;
 }
 

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "brisel-app-stage.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 
@@ -403,6 +404,7 @@ void __brisel_detail_create_page_scroller(brisel_detail_view *view_data) {
   Evas_Object *scroller = __brisel_detail_create_scroller(view_data->ad->naviframe);
   if (!scroller) return;
   brisel_widget_ref_set(&view_data->page_scroller, scroller);
+  brisel_stage_set_style(scroller, nullptr);
   /* A stroke to the left shows the next mail in every language, and the pages lie accordingly. A mirrored scroller
      would count them from the other side. */
   elm_object_mirrored_automatic_set(scroller, EINA_FALSE);

@@ -58,6 +58,7 @@ void _show_first_minute(appdata *ad) {
   elm_object_content_set(scroller, layout);
   ea_object_event_callback_add(scroller, EA_CALLBACK_BACK, _back_cb, ad);
   brisel_stage_put(ad->win_main, scroller);
+  brisel_stage_reach(scroller);
   evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _resized_cb, nullptr);
   evas_object_smart_callback_add(scroller, "language,changed", _language_cb, ad);
   evas_object_show(scroller);

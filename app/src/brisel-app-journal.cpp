@@ -239,6 +239,7 @@ static void _fill_popup(Evas_Object *popup, const brisel_request_data *request, 
   brisel_util_popup_scroll_by_keys(popup, _can_send_again(request) ? _add_change_button(box, vd) : nullptr);
   elm_object_content_set(scroller, box);
   elm_object_content_set(popup, scroller);
+  brisel_stage_reach(scroller);
   evas_object_show(box);
   evas_object_show(scroller);
 }

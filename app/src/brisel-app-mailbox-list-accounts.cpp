@@ -317,6 +317,7 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
   elm_genlist_mode_set(gl, ELM_LIST_COMPRESS);
   brisel_view_list_keys(gl);
+  brisel_stage_reach(gl);
   evas_object_smart_callback_add(gl, "language,changed", _mailbox_list_language_changed_cb, nullptr);
 
   Evas_Object *radio_main = elm_radio_add(gl);

@@ -4,6 +4,7 @@
 #include "brisel-app-mailbox-list.h"
 
 #include "app_efl.h"
+#include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
@@ -229,6 +230,7 @@ Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad)
     return nullptr;
   }
   brisel_view_set_row_actions(gl, _actions_of);
+  brisel_stage_reach(gl);
   evas_object_smart_callback_add(gl, "drag,start,right", _drag_right, ad);
   evas_object_smart_callback_add(gl, "drag,start,left", _drag_left, ad);
   evas_object_smart_callback_add(gl, "scroll,drag,start", _scroll_start_cb, nullptr);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "brisel-app-utils.h"
+#include "brisel-log.h"
 
 static const char stage_key[] = "brisel/stage";
 
@@ -59,4 +60,39 @@ void brisel_stage_put(Evas_Object *window, Evas_Object *object) {
   evas_object_size_hint_weight_set(object, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   evas_object_size_hint_align_set(object, EVAS_HINT_FILL, EVAS_HINT_FILL);
   elm_box_pack_end(stage, object);
+}
+
+/* --- fingers above and below it --- */
+
+static void _reach_cb(void *data, Evas *canvas, Evas_Object *area, void *event_info) {
+  int x = 0, width = 0, height = 0;
+  evas_object_geometry_get(area, &x, nullptr, &width, nullptr);
+  evas_output_viewport_get(canvas, nullptr, nullptr, nullptr, &height);
+  evas_object_geometry_set(area, x, 0, width, height);
+}
+
+/* The toolkit's scrollers hear fingers by an invisible rectangle of their own, which lies over all of them and lets
+   every event through; they keep it as large as themselves. */
+static Evas_Object *_touch_area_of(Evas_Object *scroller) {
+  Evas_Object *area = nullptr;
+  Eina_List *members = evas_object_smart_members_get(scroller);
+  void *member;
+  EINA_LIST_FREE(members, member) {
+    const char *type = evas_object_type_get((Evas_Object *)member);
+    if (type && !strcmp(type, "rectangle") && evas_object_repeat_events_get((Evas_Object *)member))
+      area = (Evas_Object *)member;
+  }
+  return area;
+}
+
+void brisel_stage_reach(Evas_Object *scroller) {
+  if (!_is_round() || !scroller) return;
+  Evas_Object *area = _touch_area_of(scroller);
+  if (!area) {
+    BRISEL_WARN("nothing of the scroller hears fingers");
+    return;
+  }
+  evas_object_event_callback_add(area, EVAS_CALLBACK_MOVE, _reach_cb, nullptr);
+  evas_object_event_callback_add(area, EVAS_CALLBACK_RESIZE, _reach_cb, nullptr);
+  _reach_cb(nullptr, evas_object_evas_get(area), area, nullptr);
 }

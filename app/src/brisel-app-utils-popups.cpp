@@ -177,6 +177,7 @@ static Evas_Object *_popup_scroller_add(Evas_Object *popup) {
   evas_object_size_hint_weight_set(scroller, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   elm_object_style_set(scroller, "effect");
   elm_object_content_set(popup, scroller);
+  brisel_stage_reach(scroller);
   evas_object_show(scroller);
   brisel_util_popup_scroll_by_keys(popup, nullptr);
   return scroller;

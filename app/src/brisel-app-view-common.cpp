@@ -243,6 +243,7 @@ Evas_Object *brisel_view_new_list(Evas_Object *parent, Evas_Smart_Cb realized_cb
   elm_genlist_mode_set(list, ELM_LIST_COMPRESS);
   elm_scroller_policy_set(list, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);
   brisel_view_list_keys(list);
+  brisel_stage_reach(list);
   evas_object_smart_callback_add(list, "language,changed", _list_language_changed_cb, nullptr);
   if (realized_cb) evas_object_smart_callback_add(list, "realized", realized_cb, nullptr);
   return list;

@@ -212,5 +212,45 @@ def test_real_keys_and_buttons_on_a_display_without_a_window_manager():
         server.wait()
 
 
+@options(size="360x360", env={"BRISEL_SHAPE": "round"})
+def test_a_round_display_scrolls_from_above_and_below(s):
+    account = s.account("a@example.net")
+    for name in "bcd":
+        s.account(f"{name}@example.net")
+    s.serve()
+    s.send(account, *[mail(f"Subject {i}", "\n\n".join(f"Line {n}" for n in range(9)), f"Sender {i} <s@example.org>", 1388833503 - 60 * i)
+                      for i in range(9)])
+    s.launch()
+    below, above, title = (180, 340, -60), (180, 15, 25), (150, 80, 25)
+
+    def places():
+        return {t["text"]: t["whole"]["y"] for t in s.seen() if re.match("Sender|Line|.@", t["text"])}
+
+    def moved_by(x, y, way):
+        before = places()
+        s.watch("drag", str(x), str(y), str(x), str(y + way), "0.4")
+        s.rest()
+        return sum(to - before[text] for text, to in places().items() if text in before)
+
+    def follows(text, *strokes):
+        s.wait_text(text)
+        s.rest()
+        for stroke in strokes:
+            moved = moved_by(*stroke)
+            assert moved * stroke[2] > 0, f"{text}: {moved} pixels by {stroke}"
+    follows("Sender 1", below, title, above)
+    s.watch("press", "120", "140", "0.8")
+    follows("b@example.net", below, above)
+    keys(s, "Escape")
+    s.watch("tap", "287", "88")
+    follows("Sender 1", (180, 355, -60), title, above)
+    equal(moved_by(180, 305, -60), 0, "what a touch that is a button's scrolls")
+    keys(s, "Escape")
+    s.tap("Sender 0")
+    follows("Line 1", below, title, above)
+    s.watch("drag", "230", "340", "130", "340", "0.2")
+    s.wait_text("Sender 1")
+
+
 if __name__ == "__main__":
     main(globals())
