@@ -368,6 +368,14 @@ void _forget_launches() {
   waiting_text.reset();
 }
 
+/* The list, if nothing stands before it: what a launch would have to ask or tell is said when somebody is there. */
+int app_prepare(void *user_data) {
+  BRISEL_INFO("Enter");
+  appdata *ad = (appdata *)user_data;
+  if (ad->win_main && !_check_progress_popup_is_needed() && !_check_setup_account_popup_is_needed()) _launch(ad, 0);
+  return 0;
+}
+
 int app_reset(service_h service, void *user_data) {
   BRISEL_INFO("Enter");
   appdata *ad = (appdata *)user_data;

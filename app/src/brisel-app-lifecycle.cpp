@@ -160,7 +160,7 @@ bool app_create(void *user_data) {
   brisel_touch_watch(ad->win_main, _place_focus_cb, ad);
   app_efl_window_attach(ad->win_main);
   brisel_stage_make(ad->win_main);
-  evas_object_show(ad->win_main);
+  app_efl_window_show();
 
   /* The device's texts are UTF-8 whatever the locale's own encoding is. Preset replies have a catalogue of their own.
    */

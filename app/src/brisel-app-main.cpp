@@ -15,6 +15,7 @@ static bool answer_at_once(const char *argument) {
       "Shows the mail that a phone relays to this device. A second start brings the first one to the front.\n\n"
       "  brisel_id=NUMBER  open this mail\n"
       "  --service         started by the bus: wait for its request\n"
+      "  --prepare         get ready out of sight; the first start or launch shows it\n"
       "  --help            this text\n"
       "  --version         the version");
   return true;
@@ -32,5 +33,6 @@ int main(int argc, char **argv) {
   callbacks.service = app_reset;
   callbacks.language_changed = app_lang_changed;
   callbacks.region_format_changed = app_region_changed;
+  callbacks.prepare = app_prepare;
   return app_efl_main(&argc, &argv, &callbacks, &ad);
 }

@@ -34,13 +34,18 @@ struct app_event_callback_s {
   int (*device_orientation)(int degrees, void *user_data);
   int (*language_changed)(void *user_data);
   int (*region_format_changed)(void *user_data);
+  /* Started ahead of its first launch request (--prepare): what the first picture needs can be made out of sight.
+     Paused until then. */
+  int (*prepare)(void *user_data);
 };
 
 /* Runs the application: initialises EFL, takes the bus name of the application's id, calls create, delivers the
    launch request of the command line (KEY=VALUE arguments are extra data; with the argument --service there is none:
-   the bus brings it), runs the main loop and calls terminate.
-   When another instance holds the name, the launch request goes to it and the call returns 0 at once.
-   A missing bus is logged; the application then runs alone. Returns 0, or non-zero when create failed. */
+   the bus brings it; with --prepare there is none before somebody launches the application), runs the main loop and
+   calls terminate. When another instance holds the name, the launch request, if there is one, goes to it and the call
+   returns at once: 0, or with --prepare APP_EFL_ALREADY_THERE, by which who starts it again and again knows not to. A
+   missing bus is logged; the application then runs alone. Returns 0, or non-zero when create failed. */
+enum { APP_EFL_ALREADY_THERE = 3 }; /* the exit status that data/desktop/brisel-prepared.service.in names */
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data);
 /* Names the application before app_efl_main; com.vextora.brisel when never called. id is copied. */
 void app_efl_id_set(const char *id);
@@ -58,6 +63,8 @@ void app_efl_memory_trim_drawn(void);
    size (the environment variable BRISEL_WINDOW_SIZE, "WxH", default 320x320)
    and follows its visibility for pause and resume. The window stays the caller's. */
 void app_efl_window_attach(Evas_Object *win);
+/* Shows the main window: at once, or, when the application was started ahead of its first launch, with that launch. */
+void app_efl_window_show(void);
 
 /* --- launch requests --- */
 

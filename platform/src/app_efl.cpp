@@ -49,6 +49,7 @@ struct application {
   app_event_callback_s callbacks = {};
   void *user_data = nullptr;
   bool ready = false;   /* between a successful create and terminate */
+  bool ahead = false;   /* started before anybody launched it: the window is not shown yet */
   bool exiting = false; /* the main loop is about to end */
   Evas_Object *window = nullptr;
   bool seen = false; /* the window has been shown once: before that, nothing is paused */
@@ -58,6 +59,7 @@ struct application {
   int pictures_to_trim = 0; /* pictures until what was deleted has gone and memory is given back */
   Ecore_Job *trim_job = nullptr;
   Ecore_Event_Handler *handlers[4] = {};
+  Ecore_Idler *ahead_idler = nullptr;
   Ecore_Idler *icon_idler = nullptr; /* the window has no icon yet */
   bool has_icon = false;             /* or soon will have one */
 };
@@ -239,12 +241,15 @@ void rotation_cb(void *data, Evas_Object *obj, void *event_info) {
 
 /* --- start --- */
 
-/* "--service": the bus started us for a request that it brings itself. */
+/* Whether the start itself asks for something: not with "--service", when the bus started us for a request that it
+   brings itself, nor with "--prepare". */
 bool read_arguments(int argc, char **argv, service_s *request) {
-  bool by_bus = false;
+  bool asks = true;
   for (int i = 1; i < argc; i++) {
-    if (strcmp(argv[i], "--service") == 0) {
-      by_bus = true;
+    const bool prepares = strcmp(argv[i], "--prepare") == 0;
+    if (prepares) app.ahead = true;
+    if (prepares || strcmp(argv[i], "--service") == 0) {
+      asks = false;
       continue;
     }
     const char *equals = strchr(argv[i], '=');
@@ -254,7 +259,7 @@ bool read_arguments(int argc, char **argv, service_s *request) {
     }
     request->extra[std::string(const_cast<const char *>(argv[i]), equals)] = equals + 1;
   }
-  return by_bus;
+  return asks;
 }
 
 void window_size(int *w, int *h) {
@@ -275,7 +280,23 @@ void window_size(int *w, int *h) {
   *h = height;
 }
 
-int run(const service_s *request, bool by_bus) {
+/* All but the drawing itself: a window that is not shown has nothing to draw into on every display. */
+Eina_Bool ahead_idler_cb(void *data) {
+  app.ahead_idler = nullptr;
+  if (app.ahead && app.window) evas_norender(evas_object_evas_get(app.window));
+  return ECORE_CALLBACK_CANCEL;
+}
+
+/* Out of sight is paused, as it is behind another window. */
+void prepare(void) {
+  app.seen = true;
+  app.out.hidden = true;
+  sight_apply();
+  if (app.callbacks.prepare) app.callbacks.prepare(app.user_data);
+  app.ahead_idler = ecore_idler_add(ahead_idler_cb, nullptr);
+}
+
+int run(const service_s *request, bool asks) {
   app_look_start();
   const app_locale_callbacks told = {language_changed, region_changed};
   app_locale_start(&told);
@@ -285,7 +306,8 @@ int run(const service_s *request, bool by_bus) {
   const bool created = !app.callbacks.create || app.callbacks.create(app.user_data);
   if (created) {
     app.ready = true;
-    if (!by_bus) {
+    if (app.ahead) prepare();
+    if (asks) {
       service_s first = *request;
       app_deliver_launch(&first);
     }
@@ -303,6 +325,7 @@ int run(const service_s *request, bool by_bus) {
     if (*job) ecore_job_del(*job);
     *job = nullptr;
   }
+  if (app.ahead_idler) ecore_idler_del(app.ahead_idler);
   ecore_event_handler_del(memory);
   ecore_event_handler_del(power);
   app_locale_stop();
@@ -384,6 +407,10 @@ bool app_ready(void) {
 
 void app_deliver_launch(service_s *service) {
   if (app.callbacks.service) app.callbacks.service(service, app.user_data);
+  if (app.ahead) {
+    app.ahead = false;
+    app_efl_window_show();
+  }
   app_inspect_launched();
   /* Not kept for later, so it is done. */
   if (service->call && service->call.use_count() == 1 && !service->call->messages.empty())
@@ -473,6 +500,10 @@ void app_efl_window_attach(Evas_Object *win) {
   app_inspect_window(win);
 }
 
+void app_efl_window_show(void) {
+  if (app.window && !app.ahead) evas_object_show(app.window);
+}
+
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data) {
   if (!argc || !argv || !callbacks) return 1;
   const std::string id = app.id;
@@ -483,12 +514,12 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
 
   service_s request;
   request.app_id = app.id;
-  const bool by_bus = read_arguments(*argc, *argv, &request);
+  const bool asks = read_arguments(*argc, *argv, &request);
   /* Before the toolkit is up: a second start has nothing to draw and should be over at once. */
-  const int claimed = app_claim_name(&request, by_bus);
+  const int claimed = app_claim_name(&request, !asks);
   if (claimed == 0) {
     bus_loop_shutdown();
-    return 0;
+    return app.ahead ? APP_EFL_ALREADY_THERE : 0;
   }
   if (claimed < 0 && claimed != -ENOTCONN) {
     bus_loop_shutdown();
@@ -513,7 +544,7 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
   eina_freeq_count_max_set(eina_freeq_main_get(), freed_late);
   app_bus_start();
   app_access_start(language_changed); /* what says its texts anew says them to who listens, too */
-  const int result = run(&request, by_bus);
+  const int result = run(&request, asks);
   if (app.window) evas_object_del(app.window);
   app_access_stop();
   app_bus_stop();

@@ -86,6 +86,22 @@ def link_popup_up(s):
     return on_bus(s, "com.vextora.bt-connection-popup")
 
 
+def test_prepared_it_has_the_list_and_has_shown_nobody_anything(s):
+    ids = arrange(s, 1, True)
+    app = subprocess.Popen(["brisel", "--prepare"], env=s.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    s.wait(lambda: on_bus(s, "com.vextora.brisel") and len(s.dump()["views"]) == 1, "the list")
+    assert not link_popup_up(s), "nobody is there to be asked"
+    s.serve()
+    s.send(1, mail("x", "x", "Early Sender <early@example.org>"))
+    equal(s.requests(), [], "what nobody has seen, or asked for")
+    s.launch(brisel_id=ids[False])
+    s.wait_text(SUBJECT)
+    s.watch("key", "back")
+    s.wait_text("Early Sender")
+    s.watch("quit")
+    equal(app.wait(60), 0, "exit code")
+
+
 def test_without_link_the_popup_comes_and_its_answer_goes_on_without_the_mail(s):
     ids = arrange(s, 1, True)
     s.launch(brisel_id=ids[False])

@@ -178,8 +178,8 @@ bool create(void *data) {
   }
   if (getenv("PROBE_CREATE_FAILS")) return false;
   win = elm_win_util_standard_add("probe", "probe");
-  evas_object_show(win);
   app_efl_window_attach(win);
+  app_efl_window_show();
   int w;
   int h;
   evas_object_geometry_get(win, nullptr, nullptr, &w, &h);
@@ -201,6 +201,11 @@ int pause(void *data) {
 int resume(void *data) {
   tell("resume");
   elm_win_activate(win);
+  return 0;
+}
+
+int prepare(void *data) {
+  tell("prepare, %s", evas_object_visible_get(win) ? "in sight" : "out of sight");
   return 0;
 }
 
@@ -248,6 +253,7 @@ int main(int argc, char **argv) {
   callbacks.service = launched;
   callbacks.language_changed = language_changed;
   callbacks.region_format_changed = region_changed;
+  callbacks.prepare = prepare;
   app_efl_id_set("com.vextora.probe");
   return app_efl_main(&argc, &argv, &callbacks, nullptr);
 }

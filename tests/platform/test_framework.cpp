@@ -150,6 +150,15 @@ TEST(FrameworkStart, KeepsTheLastLaunchUntilItIsCreated) {
   EXPECT_EQ(app.line(), "service scene= do= x=last") << "and no launch of its own before";
 }
 
+TEST(FrameworkStart, PreparesOutOfSightAndAsksNothingOfOneThatIsThere) {
+  child app({probe, "--prepare"});
+  EXPECT_EQ(app.until("prepare, out of sight"), (lines{"create 320x320 No emails", "pause"}));
+  EXPECT_EQ(run({probe, "--prepare", "x=1"}).code, 3);
+  EXPECT_EQ(run({probe, "x=second"}).code, 0);
+  EXPECT_EQ(app.line(), "service scene= do= x=second");
+  EXPECT_EQ(app.line(), "resume");
+}
+
 TEST(FrameworkStart, EndsWhenItCannotBeCreated) {
   child app({probe}, {{"PROBE_CREATE_FAILS", "1"}});
   EXPECT_EQ(app.line(), "terminate");
