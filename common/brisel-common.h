@@ -206,8 +206,9 @@ int brisel_db_get_full_noti_data_count_by_account_id(int account_id, int *count)
    (after NULL) or behind one of an earlier part. Between two parts mails may come and go. */
 int brisel_db_get_mail_places_after(int account_id, const brisel_mail_place *after, int most,
                                     brisel_mail_place **places, int *count);
-/* Records without a body, to be freed with brisel_full_noti_data_list_free: in such parts, or of certain mails in the
-   order of ids, what is gone left out. In parts it takes three quarters of the time, the places not counted. */
+/* Records of which only what a list shows is filled: id, time, account, is_new, is_read, security_locked, subject and
+   the sender's name and address. To be freed with brisel_full_noti_data_list_free. In such parts, or of certain mails
+   in the order of ids, what is gone left out. In parts it takes three quarters of the time, the places not counted. */
 int brisel_db_get_noti_rows_after(int account_id, const brisel_mail_place *after, int most, GSList **list, int *count);
 int brisel_db_get_noti_rows_by_mail_ids(const int *ids, int ids_count, GSList **list, int *count);
 /* *list: template_data in display order; free with brisel_template_data_list_free. */

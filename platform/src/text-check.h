@@ -72,6 +72,12 @@ inline bool text_utf8_valid(std::string_view text) {
     if (length == 0) return false;
     i += length;
   }
+  /* Fewer than eight bytes are left: most of what is short ends here. */
+  if (std::endian::native == std::endian::little && i < size && size >= sizeof(uint64_t)) {
+    uint64_t eight;
+    memcpy(&eight, bytes + size - sizeof eight, sizeof eight);
+    if (!(eight >> 8 * (sizeof eight - (size - i)) & 0x8080808080808080u)) return true;
+  }
   while (i < size) {
     const size_t length = bytes[i] < 0x80 ? 1 : text_utf8_length(text.substr(i));
     if (length == 0) return false;

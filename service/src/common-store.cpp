@@ -8,7 +8,7 @@ namespace {
 
 bool opened;
 
-/* Where a field stands in a row of the mail queries. */
+/* Where a field stands in what the queries give of a whole mail. */
 constexpr int column(mail_field field) {
   return 1 + field;
 }
@@ -19,8 +19,20 @@ bool read_text(slab *s, sql_statement *q, int column, char **text) {
   return *text || stored.empty();
 }
 
-/* Fills an empty record from the query's row, all but the body; false when memory is short. */
+/* Fills an empty record from a row; false when memory is short. */
 bool read_row(slab *s, sql_statement *q, full_noti_data *mail) {
+  mail->mail_id = q->integer(row_id);
+  mail->received_time = static_cast<time_t>(q->number(row_time));
+  mail->is_new = q->integer(row_new);
+  mail->account_id = q->integer(row_account);
+  mail->security_locked = q->integer(row_locked);
+  mail->is_read = q->integer(row_read);
+  return read_text(s, q, row_subject, &mail->subject) && read_text(s, q, row_address, &mail->from_address) &&
+         read_text(s, q, row_name, &mail->from_name);
+}
+
+/* The same from a whole mail. */
+bool read_mail(slab *s, sql_statement *q, full_noti_data *mail) {
   mail->mail_id = q->integer(0);
   mail->host_state = q->integer(column(field_host_state));
   mail->received_time = static_cast<time_t>(q->number(column(field_time)));
@@ -35,11 +47,8 @@ bool read_row(slab *s, sql_statement *q, full_noti_data *mail) {
          read_text(s, q, column(field_address), &mail->from_address) &&
          read_text(s, q, column(field_name), &mail->from_name) &&
          read_text(s, q, column(field_uid), &mail->message_uid) &&
-         records_set_contacts(s, mail, q->view(column(field_contacts)));
-}
-
-bool read_mail(slab *s, sql_statement *q, full_noti_data *mail) {
-  return read_row(s, q, mail) && read_text(s, q, column(field_body), &mail->body);
+         records_set_contacts(s, mail, q->view(column(field_contacts))) &&
+         read_text(s, q, column(field_body), &mail->body);
 }
 
 /* A list of mails while it grows: its cells lie beside its records. */
@@ -101,18 +110,17 @@ int read_number(reader_query which, int id, int *number) {
   return 0;
 }
 
-/* Readies one of the four queries that give a part of a list: all mails or an account's, from the first on or behind a
-   place. first: the first of the four; the other values as the application gave them. As reader_start(). */
-int start_part(reader_query first, int account_id, const brisel_mail_place *after, int most, sql_statement **q) {
-  const int status = reader_start(static_cast<reader_query>(first + (after ? 2 : 0) + (account_id ? 1 : 0)), q);
+/* Readies the query that gives a part of a list: `all` of all mails, the one behind it of an account's. The other
+   values as the application gave them. As reader_start(). */
+int start_part(reader_query all, int account_id, const brisel_mail_place *after, int most, sql_statement **q) {
+  const int status = reader_start(static_cast<reader_query>(all + (account_id ? 1 : 0)), q);
   if (!*q) return status;
   const int limit = most ? most : -1; /* none */
-  if (after) {
-    (*q)->bind(static_cast<int64_t>(after->received_time), after->mail_id, limit);
-    if (account_id) (*q)->add(account_id);
-  } else {
-    account_id ? (*q)->bind(account_id, limit) : (*q)->bind(limit);
-  }
+  /* To SQLite all numbers and texts come before bytes: behind such a place is every mail, and what reads a list from
+     its start needs no query of its own. */
+  after ? (*q)->bind(static_cast<int64_t>(after->received_time), after->mail_id, limit)
+        : (*q)->bind(sql_blob{""}, 0, limit);
+  if (account_id) (*q)->add(account_id);
   return status;
 }
 

@@ -19,12 +19,16 @@ constexpr char log_tag[] = "BRISEL_COMMON";
 /* Readers of a WAL store wait for nobody, except while a service that was killed is being cleaned up after. */
 constexpr int busy_ms = 1000;
 
-/* In the texts of the queries: the columns of a mail, its id first; the whole mail with its body behind them. */
-constexpr std::string_view row_mark = "[row]", mail_mark = "[mail]", ids_mark = "[ids]";
+/* In the texts of the queries: the whole mail, its id first and its body last; the ids that are asked for. */
+constexpr std::string_view mail_mark = "[mail]", ids_mark = "[ids]";
 #define SCREEN_ORDER "ORDER BY received_time DESC, mail_id"
 #define PLACE "SELECT mail_id, received_time, security_locked FROM mail "
-#define ROWS "SELECT [row] FROM mail "
-#define BEHIND "received_time <= ?1 AND (received_time < ?1 OR mail_id > ?2) "
+/* As row_column says. */
+#define ROWS                                                                                                       \
+  "SELECT mail_id, received_time, is_new, account_id, security_locked, is_read, subject, from_address, from_name " \
+  "FROM "
+/* ?1 and ?2 are a place, ?3 how many are wanted. */
+#define BEHIND "received_time <= ?1 AND (received_time < ?1 OR mail_id > ?2) " SCREEN_ORDER " LIMIT ?3"
 
 constexpr const char *texts[reader_query_count] = {
     "SELECT count(*) FROM account",
@@ -34,16 +38,12 @@ constexpr const char *texts[reader_query_count] = {
     "SELECT [mail] WHERE mail_id = ?",
     "SELECT [mail] " SCREEN_ORDER,
     "SELECT [mail] WHERE account_id = ? " SCREEN_ORDER,
-    "SELECT [row] FROM (VALUES [ids]) CROSS JOIN mail ON mail_id = column1",
-    "SELECT [row] FROM (VALUES [ids]) CROSS JOIN mail ON mail_id = column1",
-    ROWS SCREEN_ORDER " LIMIT ?",
-    ROWS "WHERE account_id = ? " SCREEN_ORDER " LIMIT ?",
-    ROWS "WHERE " BEHIND SCREEN_ORDER " LIMIT ?3",
-    ROWS "WHERE account_id = ?4 AND " BEHIND SCREEN_ORDER " LIMIT ?3",
-    PLACE SCREEN_ORDER " LIMIT ?",
-    PLACE "WHERE account_id = ? " SCREEN_ORDER " LIMIT ?",
-    PLACE "WHERE " BEHIND SCREEN_ORDER " LIMIT ?3",
-    PLACE "WHERE account_id = ?4 AND " BEHIND SCREEN_ORDER " LIMIT ?3",
+    ROWS "(VALUES [ids]) CROSS JOIN mail ON mail_id = column1",
+    ROWS "(VALUES [ids]) CROSS JOIN mail ON mail_id = column1",
+    ROWS "mail WHERE " BEHIND,
+    ROWS "mail WHERE account_id = ?4 AND " BEHIND,
+    PLACE "WHERE " BEHIND,
+    PLACE "WHERE account_id = ?4 AND " BEHIND,
     "SELECT count(*) FROM mail",
     "SELECT count(*) FROM mail WHERE account_id = ?",
     "SELECT template_id, text FROM template ORDER BY position",
@@ -80,8 +80,7 @@ std::string text_of(reader_query which) {
     const size_t at = text.find(mark);
     if (at != std::string::npos) text.replace(at, mark.size(), columns);
   };
-  put(mail_mark, std::string(row_mark) + ", text FROM mail LEFT JOIN body USING (mail_id)");
-  put(row_mark, "mail_id, " + mail_columns());
+  put(mail_mark, "mail_id, " + mail_columns() + ", text FROM mail LEFT JOIN body USING (mail_id)");
   std::string ids = "(?)";
   for (int i = 1; i < (which == reader_many_rows ? reader_many : reader_few); i++) ids += ", (?)";
   put(ids_mark, ids);

@@ -15,14 +15,10 @@ enum reader_query {
   reader_mails_of_account,
   reader_few_rows,
   reader_many_rows,
-  reader_rows, /* four as of the places */
+  reader_rows, /* behind a place, as the places */
   reader_rows_of_account,
-  reader_rows_after,
-  reader_rows_after_of_account,
   reader_places,
   reader_places_of_account,
-  reader_places_after,
-  reader_places_after_of_account,
   reader_mail_count,
   reader_mail_count_of_account,
   reader_templates,
@@ -34,6 +30,9 @@ enum reader_query {
   reader_requests,
   reader_query_count
 };
+
+/* The columns of a row: what a list shows of a mail, and nothing else of it is read. */
+enum row_column { row_id, row_time, row_new, row_account, row_locked, row_read, row_subject, row_address, row_name };
 
 /* Mails whose rows one run of reader_few_rows and reader_many_rows gives: its values are their ids, NULL where fewer
    are wanted. The rows of each run cost a fixed part; to ready the query for many costs as much as two hundred rows. */

@@ -81,24 +81,29 @@ void area_free(const area *a) {
   }
 }
 
-void *area_alloc(area *a, size_t bytes) {
+/* A block with room for so many bytes, when the first one has none. */
+block *area_grow(area *a, size_t bytes) {
+  block *b = a->first;
+  /* A text that would leave much of a block unused gets one of its own, behind the one being filled. */
+  const bool alone = b && bytes > a->next_size / 8;
+  block *fresh = block_new(alone || bytes + sizeof(block) > a->next_size ? bytes + sizeof(block) : a->next_size);
+  if (!fresh) return nullptr;
+  if (alone) {
+    fresh->next = b->next;
+    b->next = fresh;
+  } else {
+    fresh->next = b;
+    a->first = fresh;
+    a->next_size = a->next_size < block_last ? a->next_size * 2 : block_huge;
+  }
+  return fresh;
+}
+
+inline void *area_alloc(area *a, size_t bytes) {
   bytes = (bytes + alignof(void *) - 1) & ~(alignof(void *) - 1);
   block *b = a->first;
-  if (!b || b->size - b->used < bytes) {
-    /* A text that would leave much of a block unused gets one of its own, behind the one being filled. */
-    const bool alone = b && bytes > a->next_size / 8;
-    block *fresh = block_new(alone || bytes + sizeof(block) > a->next_size ? bytes + sizeof(block) : a->next_size);
-    if (!fresh) return nullptr;
-    if (alone) {
-      fresh->next = b->next;
-      b->next = fresh;
-    } else {
-      fresh->next = b;
-      a->first = fresh;
-      a->next_size = a->next_size < block_last ? a->next_size * 2 : block_huge;
-    }
-    b = fresh;
-  }
+  if (!b || b->size - b->used < bytes) b = area_grow(a, bytes);
+  if (!b) return nullptr;
   void *place = reinterpret_cast<char *>(b) + b->used;
   b->used += bytes;
   return place;

@@ -195,6 +195,21 @@ std::string fields_of(const full_noti_data *mail) {
   return text;
 }
 
+/* A row of the mail: what a list shows of it, and nothing else. */
+std::string row_of(const full_noti_data *mail) {
+  full_noti_data row = {};
+  row.mail_id = mail->mail_id;
+  row.received_time = mail->received_time;
+  row.is_new = mail->is_new;
+  row.account_id = mail->account_id;
+  row.security_locked = mail->security_locked;
+  row.is_read = mail->is_read;
+  row.subject = mail->subject;
+  row.from_address = mail->from_address;
+  row.from_name = mail->from_name;
+  return fields_of(&row);
+}
+
 TEST_F(Reader, FieldsComeAsStoredAndWithoutSurprises) {
   make_store();
   run_sql(store_path(),
@@ -215,19 +230,24 @@ TEST_F(Reader, FieldsComeAsStoredAndWithoutSurprises) {
       "B|(null)|(null)|(null)|\uFFFD|",
   };
   full_noti_data *one = brisel_full_noti_data_create();
-  GSList *list = nullptr;
-  int count = 0;
+  GSList *list = nullptr, *rows = nullptr;
+  int count = 0, row_count = 0;
   ASSERT_EQ(0, brisel_db_get_full_noti_data_list_by_account_id(0, &list, &count));
+  ASSERT_EQ(0, brisel_db_get_noti_rows_after(0, nullptr, 0, &rows, &row_count));
   ASSERT_EQ(4, count);
-  GSList *cell = list;
+  ASSERT_EQ(4, row_count);
+  GSList *cell = list, *row = rows;
   for (const std::string &fields : expected) { /* in the list and one by one, into the same record */
     const full_noti_data *listed = static_cast<full_noti_data *>(cell->data);
     EXPECT_EQ(0, brisel_db_get_full_noti_data_by_mail_id(listed->mail_id, one));
     EXPECT_TRUE(fields_of(listed) == fields) << fields_of(listed).substr(0, 200);
     EXPECT_TRUE(fields_of(one) == fields) << fields_of(one).substr(0, 200);
+    EXPECT_EQ(row_of(listed), fields_of(static_cast<full_noti_data *>(row->data)));
     cell = cell->next;
+    row = row->next;
   }
   brisel_full_noti_data_list_free(list);
+  brisel_full_noti_data_list_free(rows);
   EXPECT_EQ(BRISEL_COMMON_ERROR_NOT_FOUND, brisel_db_get_full_noti_data_by_mail_id(9, one));
   brisel_full_noti_data_free(one);
 }
