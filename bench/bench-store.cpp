@@ -1,6 +1,9 @@
-/* Reading the mails as a list, beside SQLite stepping over the same rows and handing out the same columns. */
+/* Reading the mails as a list, beside SQLite stepping over the same rows and handing out the same columns; adding a
+   batch of them. As the application reads: another process holds the store, which is opened, read once and closed. */
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -43,105 +46,187 @@ mail_values mail_of(int number) {
 }
 
 /* Makes the store hold exactly count mails; asked for in ascending order. */
-void fill(int count) {
+bool fill(store *st, int count) {
   static int held = 0;
-  if (held >= count) return;
-  std::string why;
-  store *st = store_open(store_path(), &why);
-  if (!st) {
-    fprintf(stderr, "bench-store: %s\n", why.c_str());
-    exit(1);
-  }
-  for (int id = 1; id <= 2; id++)
-    if (store_add_account(st, &id, "me@example.org", "Me", 0) != store_ok) exit(1);
   std::vector<mail_values> mails;
   for (; held < count; held++) mails.push_back(mail_of(held));
   std::vector<int> ids;
-  if (store_add_mails(st, &mails, &ids) != store_ok) {
-    fprintf(stderr, "bench-store: %s\n", store_error(st).c_str());
-    exit(1);
-  }
+  const bool added = store_add_mails(st, &mails, &ids) == store_ok;
+  if (!added) fprintf(stderr, "bench-store: %s\n", store_error(st).c_str());
+  return added;
+}
+
+store *open_store(void) {
+  std::string why;
+  store *st = store_open(store_path(), &why);
+  if (!st) fprintf(stderr, "bench-store: %s\n", why.c_str());
+  return st;
+}
+
+/* The process that has the store, as the host service has: it puts mails in when it is told their number, and answers
+   with a byte. While it is there, who opens the store need not set up what lies beside it. */
+struct holder {
+  int to = -1, from = -1;
+  pid_t process = -1;
+};
+
+int hold(int numbers, int answers) {
+  store *st = open_store();
+  bool good = st;
+  for (int id = 1; good && id <= 2; id++) good = store_add_account(st, &id, "me@example.org", "Me", 0) == store_ok;
+  for (int count = 0; good && read(numbers, &count, sizeof count) == sizeof count;)
+    good = fill(st, count) && write(answers, "", 1) == 1;
   store_close(st);
+  return good ? 0 : 1;
 }
 
-void read_list(benchmark::State &state) {
-  fill(static_cast<int>(state.range(0)));
-  brisel_db_init();
-  for (auto _ : state) {
+bool start_holder(holder *h) {
+  int numbers[2], answers[2];
+  if (pipe(numbers) || pipe(answers)) return false;
+  h->process = fork();
+  if (h->process == 0) {
+    close(numbers[1]);
+    close(answers[0]);
+    _exit(hold(numbers[0], answers[1]));
+  }
+  close(numbers[0]);
+  close(answers[1]);
+  h->to = numbers[1];
+  h->from = answers[0];
+  return h->process > 0;
+}
+
+bool holds(const holder &h, int count) {
+  char byte;
+  return write(h.to, &count, sizeof count) == sizeof count && read(h.from, &byte, 1) == 1;
+}
+
+bool end_holder(const holder &h) {
+  int status = 1;
+  close(h.to);
+  return waitpid(h.process, &status, 0) == h.process && status == 0;
+}
+
+/* --- the application's way --- */
+
+constexpr int first_rows = 24, rows_at_once = 128; /* as the application's list reads them */
+
+int list_with_bodies(void) {
+  GSList *list = nullptr;
+  int count = 0;
+  if (brisel_db_get_full_noti_data_list_by_account_id(0, &list, &count)) count = -1;
+  brisel_full_noti_data_list_free(list);
+  return count;
+}
+
+/* The rows of its first screen, then part by part. */
+int rows_of_list(bool all) {
+  brisel_mail_place last = {};
+  int rows = 0;
+  bool more = true;
+  for (int most = first_rows; more && (all || rows == 0); most = rows_at_once) {
     GSList *list = nullptr;
-    int count = 0;
-    if (brisel_db_get_full_noti_data_list_by_account_id(0, &list, &count) || count != state.range(0))
-      state.SkipWithError("the list is not what was stored");
-    brisel_full_noti_data_list_free(list);
-  }
-  brisel_db_deinit();
-}
-
-/* What the application's list reads: the rows of its first screen, then part by part. */
-void read_rows(benchmark::State &state, bool all) {
-  constexpr int first = 24, at_once = 128;
-  fill(static_cast<int>(state.range(0)));
-  brisel_db_init();
-  for (auto _ : state) {
-    brisel_mail_place last = {};
-    int64_t rows = 0;
-    bool more = true;
-    for (int most = first; more && (all || rows == 0); most = at_once) {
-      GSList *list = nullptr;
-      int found = 0;
-      more = brisel_db_get_noti_rows_after(0, rows ? &last : nullptr, most, &list, &found) == 0 && found == most;
-      for (const GSList *cell = list; cell; cell = cell->next) {
-        const auto *mail = static_cast<const full_noti_data *>(cell->data);
-        last = {mail->mail_id, mail->received_time, mail->security_locked};
-      }
-      brisel_full_noti_data_list_free(list);
-      rows += found;
+    int found = 0;
+    more = brisel_db_get_noti_rows_after(0, rows ? &last : nullptr, most, &list, &found) == 0 && found == most;
+    for (const GSList *cell = list; cell; cell = cell->next) {
+      const auto *mail = static_cast<const full_noti_data *>(cell->data);
+      last = {mail->mail_id, mail->received_time, mail->security_locked};
     }
-    if (rows != (all ? state.range(0) : first)) state.SkipWithError("the rows are not what was stored");
+    brisel_full_noti_data_list_free(list);
+    rows += found;
   }
-  brisel_db_deinit();
+  return rows;
 }
 
-void first_rows(benchmark::State &state) {
-  read_rows(state, false);
+/* --- SQLite's way --- */
+
+enum bare_kind { bare_rows, bare_first, bare_bodies };
+
+struct bare_reader {
+  sqlite3 *db = nullptr;
+  sqlite3_stmt *query = nullptr;
+};
+
+/* ours: with the cache, the checks and the locks of the common library's connection, else all as it comes. */
+bool open_bare(bare_reader *reader, bare_kind kind, bool ours) {
+  const char *from = kind == bare_bodies
+                         ? "mail_id, received_time, is_new, account_id, security_locked, is_read, host_state,"
+                           " attachment_count, has_image, subject, from_address, from_name, host_tag, message_uid,"
+                           " contacts, text FROM mail LEFT JOIN body USING (mail_id)"
+                         : "mail_id, received_time, is_new, account_id, security_locked, is_read, subject,"
+                           " from_address, from_name FROM mail";
+  std::string sql = std::string("SELECT ") + from + " ORDER BY received_time DESC, mail_id";
+  if (kind == bare_first) sql += " LIMIT " + std::to_string(first_rows);
+  const int flags = SQLITE_OPEN_READONLY | (ours ? SQLITE_OPEN_NOMUTEX : 0);
+  return sqlite3_open_v2(store_path().c_str(), &reader->db, flags, nullptr) == SQLITE_OK &&
+         (!ours || sqlite3_exec(reader->db, "PRAGMA cache_size = -256; PRAGMA cell_size_check = ON", nullptr, nullptr,
+                                nullptr) == SQLITE_OK) &&
+         sqlite3_prepare_v2(reader->db, sql.c_str(), -1, &reader->query, nullptr) == SQLITE_OK;
+}
+
+int step_bare(const bare_reader &reader) {
+  const int columns = sqlite3_column_count(reader.query), numbers = columns == 9 ? 6 : 9;
+  int rows = 0;
+  while (sqlite3_step(reader.query) == SQLITE_ROW) {
+    for (int i = 0; i < numbers; i++) benchmark::DoNotOptimize(sqlite3_column_int64(reader.query, i));
+    for (int i = numbers; i < columns; i++) benchmark::DoNotOptimize(sqlite3_column_text(reader.query, i));
+    rows++;
+  }
+  return sqlite3_reset(reader.query) == SQLITE_OK ? rows : -1;
+}
+
+void close_bare(bare_reader *reader) {
+  sqlite3_finalize(reader->query);
+  sqlite3_close(reader->db);
+}
+
+/* --- what is measured --- */
+
+template <typename F>
+void opened_and_read(benchmark::State &state, int64_t wanted, F read) {
+  for (auto _ : state) {
+    const int opened = brisel_db_init();
+    if (opened || read() != wanted) state.SkipWithError("what was read is not what was stored");
+    brisel_db_deinit();
+  }
 }
 
 void all_rows(benchmark::State &state) {
-  read_rows(state, true);
+  opened_and_read(state, state.range(0), [] { return rows_of_list(true); });
 }
 
-/* Bare SQLite over the same mails in the same order; the columns of a row are 16 with the body, 15 without. */
-void step(benchmark::State &state, const char *columns, const char *from, int column_count) {
-  fill(static_cast<int>(state.range(0)));
-  sqlite3 *db = nullptr;
-  sqlite3_stmt *s = nullptr;
-  sqlite3_open_v2(store_path().c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
-  const std::string sql = std::string("SELECT ") + columns + " FROM " + from + " ORDER BY received_time DESC, mail_id";
-  if (sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr) != SQLITE_OK) state.SkipWithError(sqlite3_errmsg(db));
+void few_rows(benchmark::State &state) {
+  opened_and_read(state, first_rows, [] { return rows_of_list(false); });
+}
+
+void with_bodies(benchmark::State &state) {
+  opened_and_read(state, state.range(0), list_with_bodies);
+}
+
+/* Read over and over from a connection that stays, as when a list is made anew. */
+void rows_again(benchmark::State &state) {
+  if (brisel_db_init()) state.SkipWithError("the store cannot be opened");
+  for (auto _ : state)
+    if (rows_of_list(true) != state.range(0)) state.SkipWithError("what was read is not what was stored");
+  brisel_db_deinit();
+}
+
+void bare_opened_and_read(benchmark::State &state, bare_kind kind, bool ours) {
   for (auto _ : state) {
-    int rows = 0;
-    while (s && sqlite3_step(s) == SQLITE_ROW) {
-      for (int i = 0; i < 9; i++) benchmark::DoNotOptimize(sqlite3_column_int64(s, i));
-      for (int i = 9; i < column_count; i++) benchmark::DoNotOptimize(sqlite3_column_text(s, i));
-      rows++;
-    }
-    sqlite3_reset(s);
-    if (rows != state.range(0)) state.SkipWithError("the rows are not what was stored");
+    bare_reader reader;
+    const bool opened = open_bare(&reader, kind, ours);
+    if (!opened || step_bare(reader) != (kind == bare_first ? first_rows : state.range(0)))
+      state.SkipWithError("what SQLite read is not what was stored");
+    close_bare(&reader);
   }
-  sqlite3_finalize(s);
-  sqlite3_close(db);
 }
 
-#define ROW_COLUMNS                                                                                                 \
-  "mail_id, host_state, received_time, attachment_count, has_image, is_new, account_id, security_locked, is_read, " \
-  "host_tag, subject, from_address, from_name, message_uid, contacts"
-
-void step_mails(benchmark::State &state) {
-  step(state, ROW_COLUMNS ", text", "mail LEFT JOIN body USING (mail_id)", 16);
-}
-
-void step_rows(benchmark::State &state) {
-  step(state, ROW_COLUMNS, "mail", 15);
+void bare_again(benchmark::State &state) {
+  bare_reader reader;
+  if (!open_bare(&reader, bare_rows, false)) state.SkipWithError("SQLite cannot open the store");
+  for (auto _ : state)
+    if (step_bare(reader) != state.range(0)) state.SkipWithError("what SQLite read is not what was stored");
+  close_bare(&reader);
 }
 
 double now_ms(void) {
@@ -203,15 +288,41 @@ int add_batches(void) {
   return good ? 0 : 1;
 }
 
+/* Short ones, and many: the machine has a slow moment now and then. */
+constexpr int repetitions = 21;
+constexpr double least_s = 0.05;
+constexpr const char *sizes[] = {"100", "1000", "10000"};
+
+/* What each figure is of: the two that it compares, as they are registered. */
+constexpr struct {
+  const char *ours, *bare, *what, *beside;
+} figures[] = {
+    {"few_rows", "bare_few", "read before the first picture", "SQLite opened, as many rows"},
+    {"all_rows", "bare_all", "opened, read, closed", "SQLite opened, all rows"},
+    {"all_rows", "same_all", "opened, read, closed, same settings", "SQLite set as ours, all rows"},
+    {"rows_again", "bare_again", "read again", "SQLite stepping again, all pages kept"},
+    {"with_bodies", "bare_bodies", "with their bodies", "SQLite opened, all mails"},
+    {"with_bodies", "same_bodies", "with their bodies, same settings", "SQLite set as ours, all mails"},
+};
+
 void register_all(void) {
-  const std::pair<const char *, void (*)(benchmark::State &)> all[] = {{"step_mails", step_mails},
-                                                                       {"step_rows", step_rows},
-                                                                       {"read_list", read_list},
-                                                                       {"first_rows", first_rows},
-                                                                       {"all_rows", all_rows}};
-  for (const int mails : {100, 1000, 10000})
-    for (const auto &[name, function] : all)
-      benchmark::RegisterBenchmark(name, function)->Arg(mails)->Unit(benchmark::kMicrosecond);
+  const auto add = [](const char *name, auto function) {
+    for (const char *mails : sizes)
+      benchmark::RegisterBenchmark(name, function)->Arg(atoi(mails))->Unit(benchmark::kMicrosecond)->MinTime(least_s);
+  };
+  const auto bare = [&](const char *name, bare_kind kind, bool ours) {
+    add(name, [=](benchmark::State &state) { bare_opened_and_read(state, kind, ours); });
+  };
+  add("few_rows", few_rows);
+  bare("bare_few", bare_first, false);
+  add("all_rows", all_rows);
+  bare("bare_all", bare_rows, false);
+  bare("same_all", bare_rows, true);
+  add("rows_again", rows_again);
+  add("bare_again", bare_again);
+  add("with_bodies", with_bodies);
+  bare("bare_bodies", bare_bodies, false);
+  bare("same_bodies", bare_bodies, true);
 }
 
 /* Takes every repetition's processor time instead of printing it. */
@@ -235,22 +346,23 @@ int main(int argc, char **argv) {
   char folder[] = "/tmp/brisel-bench-XXXXXX";
   if (!mkdtemp(folder)) return 1;
   setenv("XDG_DATA_HOME", folder, 1);
+  holder held;
+  bool good = start_holder(&held);
   benchmark::Initialize(&argc, argv);
   register_all();
   figure_reporter reporter;
   /* A repetition runs all of one size in turn: what disturbs the machine then disturbs the reference as well. */
-  for (const std::string mails : {"100", "1000", "10000"})
-    for (int i = 0; i < 5; i++) benchmark::RunSpecifiedBenchmarks(&reporter, "/" + mails + "$");
-  const struct {
-    const char *name, *what, *bare, *beside;
-  } figures[] = {{"read_list", " mails, with their bodies", "step_mails/", "stepping over the mails"},
-                 {"first_rows", " mails, before the first picture", "step_rows/", "stepping over all rows"},
-                 {"all_rows", " mails, what a list reads in all", "step_rows/", "stepping over all rows"}};
-  for (const std::string mails : {"100", "1000", "10000"})
-    for (const auto &[name, what, bare, beside] : figures)
-      figure("list of " + mails + what, "us", reporter.times[std::string(name) + "/" + mails],
-             reporter.times[bare + mails], beside);
-  const int added = add_batches();
+  for (const char *mails : sizes) {
+    good = good && holds(held, atoi(mails));
+    for (int i = 0; good && i < repetitions; i++)
+      benchmark::RunSpecifiedBenchmarks(&reporter, std::string("/") + mails + "/");
+    for (const auto &[ours, bare, what, beside] : figures)
+      if (good)
+        figure(std::string("list of ") + mails + " mails, " + what, "us",
+               reporter.times[std::string(ours) + "/" + mails], reporter.times[std::string(bare) + "/" + mails],
+               beside);
+  }
+  good = end_holder(held) && good && add_batches() == 0;
   std::filesystem::remove_all(folder);
-  return reporter.failed || added ? 1 : 0;
+  return good && !reporter.failed ? 0 : 1;
 }
