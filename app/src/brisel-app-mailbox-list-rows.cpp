@@ -153,10 +153,11 @@ static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part)
   }
   if (!strcmp(part, "elm.swallow.colorbar")) return brisel_util_create_color_bar(obj, item->account_id);
   if (!strcmp(part, "elm.icon.sweep")) {
+    /* Made for the one row that is swept: a button and its picture for each would be a third of what a row costs. */
+    if (!item->it || item->it != item->ad->sweep_item) return nullptr;
     Evas_Object *undo = elm_button_add(obj);
     elm_object_style_set(undo, "list_divider_btn");
     brisel_view_set_spoken_id(undo, "IDS_EMAIL_SK_CANCEL_ABB");
-    brisel_view_set_spoken(undo, item->it && item->it == item->ad->sweep_item);
     elm_object_focus_allow_set(undo, EINA_FALSE);
     evas_object_propagate_events_set(undo, EINA_FALSE);
     evas_object_smart_callback_add(undo, "clicked", _revert_btn_select_cb, item);
@@ -169,19 +170,14 @@ static Evas_Object *_gl_icon_get(void *data, Evas_Object *obj, const char *part)
   return nullptr;
 }
 
-/* A row that comes into sight gets the drawing of one that went, contents included: making them anew, the button above
-   all, is most of what a scrolled row costs. NULL makes the list ask _gl_icon_get. */
+/* A row that comes into sight gets the drawing of one that went, contents included: making them anew is most of
+   what a scrolled row costs. NULL makes the list ask _gl_icon_get. */
 static Evas_Object *_gl_icon_reuse(void *data, Evas_Object *obj, const char *part, Evas_Object *old) {
   item_data *item = (item_data *)data;
   if (!item || !old) return nullptr;
   if (!strcmp(part, "elm.icon")) return item->is_new ? old : nullptr;
   if (!strcmp(part, "elm.swallow.colorbar")) {
     _paint_color_bar(old, item->account_id);
-    return old;
-  }
-  if (!strcmp(part, "elm.icon.sweep")) {
-    evas_object_smart_callback_del(old, "clicked", _revert_btn_select_cb);
-    evas_object_smart_callback_add(old, "clicked", _revert_btn_select_cb, item);
     return old;
   }
   return nullptr;
