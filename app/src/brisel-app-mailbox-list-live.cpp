@@ -63,6 +63,9 @@ static void _stand_still(appdata *ad) {
   elm_scroller_region_show(ad->mailbox_genlist, x, y, w, h);
 }
 
+/* So many rows are drawn beside the screenful. The drawings of those that others push out of it serve the next ones. */
+constexpr int rows_between_layouts = 2;
+
 /* Many mails at once are merged in one walk over the list. */
 static void _insert_mails(GSList *ids, appdata *ad) {
   std::vector<item_data *> items;
@@ -75,7 +78,7 @@ static void _insert_mails(GSList *ids, appdata *ad) {
   std::stable_sort(items.begin(), items.end(),
                    [](const item_data *a, const item_data *b) { return a->received_time > b->received_time; });
   const int top = ad->mailbox_genlist ? _time_at_top(ad) : INT_MAX;
-  int above = 0;
+  int above = 0, added = 0;
   if (!items.empty() && items.front()->received_time > top) _stand_still(ad);
   GList *next = ad->mail_list;
   for (item_data *item : items) {
@@ -86,6 +89,7 @@ static void _insert_mails(GSList *ids, appdata *ad) {
     } else {
       next = _insert_mail(ad, item, next);
       above += item->received_time > top;
+      if (++added % rows_between_layouts == 0) _let_go_of_rows_out_of_sight(ad, item->it);
     }
   }
   _count_arrivals(ad, above);

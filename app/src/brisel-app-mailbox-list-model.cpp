@@ -380,11 +380,9 @@ static void _make_some_rows(appdata *ad, Elm_Object_Item *group_item, int count)
   if (found < wanted && group_item) _update_header(group_item);
 }
 
-/* The toolkit draws each row that is appended behind a drawn one, and lets go of those out of sight only when it lays
-   the list out: what a turn has appended is laid out before it appends more, or thousands of rows would be drawn. */
-static void _let_go_of_rows_out_of_sight(appdata *ad, Elm_Object_Item *last) {
-  if (!elm_object_item_track(last)) return;
-  elm_object_item_untrack(last);
+void _let_go_of_rows_out_of_sight(appdata *ad, Elm_Object_Item *added) {
+  if (!elm_object_item_track(added)) return;
+  elm_object_item_untrack(added);
   evas_smart_objects_calculate(ad->evas);
 }
 

@@ -66,6 +66,10 @@ void _remove_from_model(appdata *ad, const item_data *item);
 Elm_Object_Item *_group_item(appdata *ad);
 /* The last row; next NULL, or the row before next. The record becomes the row's. */
 void _add_mail_row(appdata *ad, Elm_Object_Item *group_item, item_data *item, Elm_Object_Item *next);
+/* The toolkit draws each row that is added beside a drawn one, and lets go of those out of sight only when it lays the
+   list out: what a turn has added is laid out before it adds more, or thousands of rows would be drawn. Nothing is done
+   where added, the last of them, is not drawn. */
+void _let_go_of_rows_out_of_sight(appdata *ad, Elm_Object_Item *added);
 /* Reads the account shown into the header's record; NULL after the log line that says why not. */
 group_item_data *_update_group_data(appdata *ad, Elm_Object_Item *group_item);
 /* The header asks for its texts anew. */

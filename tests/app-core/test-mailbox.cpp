@@ -320,6 +320,25 @@ TEST_F(mailbox, RowsOutOfSightAreNotDrawn) {
   eina_list_free(drawn);
 }
 
+static void row_drawn_cb(void *data, Evas_Object *obj, void *event_info) {
+  int *most = (int *)data;
+  Eina_List *drawn = elm_genlist_realized_items_get(obj);
+  *most = std::max(*most, (int)eina_list_count(drawn));
+  eina_list_free(drawn);
+}
+
+TEST_F(mailbox, RowsThatComeAtOnceAreNotAllDrawn) {
+  fill(1, 40);
+  int most = 0;
+  evas_object_smart_callback_add(test_ad.mailbox_genlist, "realized", row_drawn_cb, &most);
+  test_mail later;
+  later.account = accounts[0];
+  later.received = base_time + 60;
+  phone.add_mails(std::vector<test_mail>(64, later));
+  EXPECT_TRUE(run_until([] { return listed_mails().size() == 104u; }));
+  EXPECT_LE(most, 12) << "a screenful and a few";
+}
+
 /* Nothing of a locked mail opens, since when it is locked or not; and the question about it ends with it. */
 TEST_F(mailbox, ALockedMailIsAskedAboutWhileItIsThere) {
   fill(2, 4);
