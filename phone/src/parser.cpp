@@ -121,7 +121,10 @@ int64_t processor_seconds(pid_t pid) {
   if (zone) snprintf(zone_text, sizeof zone_text, "TZ=%s", zone);
   char name[] = "brisel-phone", command[] = "read-mail";
   char *arguments[] = {name, command, nullptr};
-  char *environment[] = {zone ? zone_text : nullptr, nullptr};
+  /* The mail library allocates and frees thousands of small pieces for a message: with the allocator's usual seven of
+     each size at hand, a tenth of its instructions are merging pieces and parting them again. */
+  char allocator[] = "GLIBC_TUNABLES=glibc.malloc.tcache_count=200";
+  char *environment[] = {allocator, zone ? zone_text : nullptr, nullptr};
   execve("/proc/self/exe", arguments, environment);
   _exit(kNotStarted);
 }
