@@ -1,5 +1,7 @@
 #include "state-relay.h"
 
+#include <algorithm>
+
 #include "state-db.h"
 
 namespace {
@@ -8,6 +10,9 @@ using enum relay_mail_state;
 
 constexpr char kCannotWrite[] = "the phone's state cannot be written",
                kCannotRead[] = "the phone's state cannot be read";
+
+/* Written out where such rows are looked for: SQLite takes their index only for a condition that holds no values. */
+static_assert(static_cast<int>(sending) == 1);
 
 /* A number that no version wrote is a damaged file: the message is looked at anew. */
 relay_mail_state read_state(int number) {
@@ -58,8 +63,13 @@ int relay_row_write(phone_state *state, const std::string &account, const std::s
 
 int relay_rows_write(phone_state *state, const std::string &account, const relay_rows &rows,
                      const std::vector<std::string> &gone) {
-  for (const auto &[key, row] : rows)
-    if (row.dirty && relay_row_write(state, account, key, row) < 0) return -1;
+  /* In the order of the table, so that each of its pages is filled and left. */
+  std::vector<const relay_rows::value_type *> dirty;
+  for (const auto &entry : rows)
+    if (entry.second.dirty) dirty.push_back(&entry);
+  std::sort(dirty.begin(), dirty.end(), [](const auto *x, const auto *y) { return x->first < y->first; });
+  for (const auto *entry : dirty)
+    if (relay_row_write(state, account, entry->first, entry->second) < 0) return -1;
   sql_statement forget(&state->db, "DELETE FROM relay_mail WHERE account = ? AND file = ?");
   for (const std::string &key : gone)
     if (forget.bind(account, key).run() < 0) return state_fail(state, kCannotWrite);
@@ -88,7 +98,8 @@ int relay_rows_deleted(phone_state *state, const std::string &account, std::map<
 }
 
 int relay_mail_set_deleted(phone_state *state, int mail_id, bool on_watch) {
-  sql_statement mark(&state->db, "UPDATE relay_mail SET state = ?, mail_id = 0, want_gone = ? WHERE mail_id = ?");
+  sql_statement mark(&state->db,
+                     "UPDATE relay_mail SET state = ?, mail_id = 0, want_gone = ? WHERE mail_id = ? AND mail_id > 0");
   if (mark.bind(deleted, on_watch, mail_id).run() < 0) return state_fail(state, kCannotWrite);
   return static_cast<int>(state->db.changed());
 }
@@ -96,26 +107,26 @@ int relay_mail_set_deleted(phone_state *state, int mail_id, bool on_watch) {
 int relay_name_set_deleted(phone_state *state, const std::string &account, const std::string &identity) {
   sql_statement mark(&state->db,
                      "UPDATE relay_mail SET state = ?, mail_id = 0, want_gone = 1"
-                     " WHERE account = ? AND identity = ? AND state = ?");
-  if (mark.bind(deleted, account, identity, sending).run() < 0) return state_fail(state, kCannotWrite);
+                     " WHERE account = ? AND identity = ? AND state = 1");
+  if (mark.bind(deleted, account, identity).run() < 0) return state_fail(state, kCannotWrite);
   return static_cast<int>(state->db.changed());
 }
 
 int relay_mail_want_seen(phone_state *state, int mail_id) {
-  sql_statement mark(&state->db, "UPDATE relay_mail SET want_seen = 1 WHERE mail_id = ?");
+  sql_statement mark(&state->db, "UPDATE relay_mail SET want_seen = 1 WHERE mail_id = ? AND mail_id > 0");
   if (mark.bind(mail_id).run() < 0) return state_fail(state, kCannotWrite);
   return static_cast<int>(state->db.changed());
 }
 
 int relay_any_sending(phone_state *state) {
-  sql_statement query(&state->db, "SELECT 1 FROM relay_mail WHERE state = ? LIMIT 1");
-  sql_result result = query.bind(sending).step();
+  sql_statement query(&state->db, "SELECT 1 FROM relay_mail WHERE state = 1 LIMIT 1");
+  sql_result result = query.step();
   return result == sql_failed ? state_fail(state, kCannotRead) : result == sql_row;
 }
 
 int relay_count_waiting(phone_state *state, int64_t *count) {
-  sql_statement query(&state->db, "SELECT count(*) FROM relay_mail WHERE state = ?");
-  sql_result result = query.bind(sending).step();
+  sql_statement query(&state->db, "SELECT count(*) FROM relay_mail WHERE state = 1");
+  sql_result result = query.step();
   if (result != sql_row) return state_fail(state, kCannotRead);
   *count = query.number(0);
   return 0;
