@@ -247,7 +247,7 @@ exchange_result ask(request_kind kind, std::string_view raw, const mime_limits &
   if (process.ahead.empty()) process.ahead.push_back(question_of(kind, raw, limits));
   question *q = &process.ahead.front();
   deadline d;
-  if (!q->is_whole() && !write_some()) return EXCHANGE_DIED;
+  if (!process.ahead.back().is_whole() && !write_some()) return EXCHANGE_DIED;
   exchange_result result = receive(q, &d, reinterpret_cast<char *>(answer), sizeof *answer);
   for (size_t i = 0; i < kTexts && result == EXCHANGE_DONE; i++) {
     if (answer->sizes[i] > limits.text + kMaxHeaders) return EXCHANGE_DIED;
@@ -289,8 +289,8 @@ parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limi
   /* A process can be killed for reasons that are not the mail's. One that dies of it twice does so again. */
   for (int attempt = 0; attempt < 2; attempt++) {
     if (start_process(error) < 0) return PARSER_LATER;
-    /* Answers of arrivals come together: another one may be to blame. */
-    const bool alone = kind != REQUEST_ARRIVAL || process.ahead.size() < 2;
+    /* Answers come together: another one may be to blame. The second time there is none. */
+    const bool alone = process.ahead.size() < 2;
     exchange_result result = ask(kind, raw, limits, answer, texts);
     if (result == EXCHANGE_DONE) {
       tell_holes(answer->walls);
@@ -311,22 +311,19 @@ parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limi
   return PARSER_SET_ASIDE;
 }
 
-/* Sends a message that will be asked for later, when few enough are on their way and the one before is there. Returns
-   whether it did. */
+/* Puts a message that will be asked for later behind the others, when few enough are on their way. They are written
+   together, when an answer is asked for. Returns whether it did. */
 bool hand_over(std::string_view raw, const mime_limits &limits) {
-  std::deque<question> &ahead = process.ahead;
   std::string error;
-  if (ahead.size() >= kParserMostAhead || (!ahead.empty() && !ahead.back().is_whole()) || start_process(&error) < 0)
-    return false;
-  ahead.push_back(question_of(REQUEST_MAIL, raw, limits));
-  write_some(); /* one that died is found when its answer is asked for */
+  if (process.ahead.size() >= kParserMostAhead || start_process(&error) < 0) return false;
+  process.ahead.push_back(question_of(REQUEST_MAIL, raw, limits));
   return true;
 }
 
 /* --- the process that reads --- */
 
 /* What came of the socket and was not asked for yet. */
-char ahead[32u << 10];
+char ahead[128u << 10];
 size_t ahead_at, ahead_end;
 
 bool read_all(void *to, size_t size) {
@@ -367,14 +364,13 @@ bool write_all(const void *from, size_t size) {
   return true;
 }
 
-/* Whether a whole question after an arrival is here: the answers then go together. Those of messages never wait for
-   one another: who waits for an answer counts the time as that message's. */
-bool has_another_arrival() {
+/* Whether the next question is here as a whole: its answer then goes with those before it, as far as they are few. */
+bool has_another() {
   request_head head = {};
   const size_t here = ahead_end - ahead_at;
   if (here < sizeof head) return false;
   memcpy(&head, ahead + ahead_at, sizeof head);
-  return head.kind == REQUEST_ARRIVAL && here - sizeof head >= head.size;
+  return here - sizeof head >= head.size;
 }
 
 }  // namespace
@@ -457,7 +453,7 @@ int parser_serve() {
     for (size_t i = 0; i < kTexts; i++) answer.sizes[i] = texts[i]->size();
     out.append(reinterpret_cast<const char *>(&answer), sizeof answer);
     for (const std::string *text : texts) out += *text;
-    if (head.kind == REQUEST_ARRIVAL && has_another_arrival()) continue;
+    if (out.size() < kTaken && has_another()) continue;
     if (!write_all(out.data(), out.size())) break;
     out.clear();
     if (out.capacity() > (4u << 20)) std::string().swap(out);

@@ -25,10 +25,10 @@ enum parser_result {
 parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_mail *mail, std::string *error);
 
 /* Hands over a message that parser_read() will be called for later, with the very same bytes at the same place: the
-   process reads it while the caller does other work. At most kParserMostAhead are on their way, in the order in which
-   they will be read. True when it is on its way, also from an earlier call; false where that cannot be now, or where
-   the process cannot be started. */
-inline constexpr size_t kParserMostAhead = 8;
+   process reads it while the caller does other work, from the next parser_read() on. At most kParserMostAhead are on
+   their way, in the order in which they will be read; several at once cost less than one by one. True when it is on its
+   way, also from an earlier call; false where that cannot be now, or where the process cannot be started. */
+inline constexpr size_t kParserMostAhead = 16;
 bool parser_ahead(std::string_view raw, const mime_limits &limits);
 
 /* What was handed over will not be read. Before its bytes go away. */

@@ -256,11 +256,13 @@ struct fetched_ahead {
   std::vector<size_t>::const_iterator reach; /* up to where the window is fetched */
 };
 
-/* Fetches what is wanted of the window from `reach` on, as far as few enough bytes wait, and hands over what can be: in
-   their order, for one that is handed over before its turn ends the process that reads. */
+/* Fetches what is wanted of the window from `reach` on, several when few are left and as far as few enough bytes wait,
+   and hands over what can be: in their order, for one that is handed over before its turn ends the process that
+   reads. */
 template <typename F>
 void fetch_on(followed *a, const listing &l, fetched_ahead *ahead, F &&is_wanted) {
   constexpr size_t kBytes = 1u << 20;
+  if (ahead->line.size() > kParserMostAhead / 2) return;
   size_t bytes = 0;
   for (const fetched &f : ahead->line) bytes += f.raw.size();
   for (; ahead->reach != l.window.end() && ahead->line.size() < kParserMostAhead && bytes < kBytes; ++ahead->reach) {
