@@ -101,23 +101,7 @@ void put_char(writer *w, uint32_t c) {
 }
 
 /* Signs that are neither blank nor the start of anything: behind one that has been put they only follow. */
-constexpr std::array<bool, 256> kLetters = [] {
-  std::array<bool, 256> letters = {};
-  for (unsigned c = '!'; c < 0x7f; c++) letters[c] = c != '&';
-  return letters;
-}();
-
-bool is_letter(char c) {
-  return kLetters[static_cast<unsigned char>(c)];
-}
-
-/* Where the letters at `at` end, with the single blanks between them. */
-size_t letters_end(std::string_view text, size_t at) {
-  for (;; at++) {
-    while (at < text.size() && is_letter(text[at])) at++;
-    if (at + 1 >= text.size() || text[at] != ' ' || !is_letter(text[at + 1])) return at;
-  }
-}
+constexpr auto is_letter = [](auto c) { return (c > ' ') & (c < 0x7f) & (c != '&'); };
 
 void put_text(writer *w, std::string_view text) {
   for (size_t i = 0; i < text.size() && !w->full();) {
@@ -131,10 +115,10 @@ void put_text(writer *w, std::string_view text) {
       }
     }
     auto byte = static_cast<unsigned char>(text[i]);
-    if (is_letter(text[i])) {
+    if (is_letter(byte)) {
       put_char(w, byte);
       size_t first = i + 1, room = w->full() ? 0 : w->max - w->out.size();
-      i = letters_end(text.substr(0, first + std::min(text.size() - first, room)), first);
+      i = text_words_end(text.substr(0, first + std::min(text.size() - first, room)), first, is_letter);
       w->out.append(text, first, i - first);
     } else if (byte < 0x80) {
       put_char(w, byte);
@@ -151,8 +135,8 @@ void put_text(writer *w, std::string_view text) {
   }
 }
 
-bool one_of(const std::string &name, std::initializer_list<const char *> names) {
-  for (const char *candidate : names)
+bool one_of(std::string_view name, std::initializer_list<std::string_view> names) {
+  for (std::string_view candidate : names)
     if (name == candidate) return true;
   return false;
 }

@@ -1,7 +1,6 @@
 /* Plain text parts made readable: flowed lines joined, armour of signatures and needless blanks gone. Used by the walk
    through a message's parts. */
 #include <algorithm>
-#include <array>
 
 #include "text.h"
 
@@ -131,6 +130,7 @@ size_t wide_blank(std::string_view text, size_t at) {
 size_t rule_end(std::string_view text, size_t at) {
   constexpr size_t kLongRule = 16;
   constexpr std::string_view kDrawn = "-=_*~#+.:";
+  if (text[at] != '\xe2' && kDrawn.find(text[at]) == kDrawn.npos) return at;
   size_t turn = at;
   while (turn + 1 < text.size() && text[turn + 1] != '\n' && text[turn] == text[at + (turn - at) % 2]) turn++;
   if (turn < text.size() && text[turn] == text[at + (turn - at) % 2]) turn++;
@@ -147,24 +147,15 @@ size_t rule_end(std::string_view text, size_t at) {
   return at;
 }
 
-constexpr std::array<bool, 256> kOrdinary = [] {
-  std::array<bool, 256> ordinary = {};
-  for (unsigned c = 0; c < 0x80; c++) ordinary[c] = c != ' ' && c != '\n' && c != '\t';
-  return ordinary;
-}();
-
-bool is_ordinary(char c) {
-  return kOrdinary[static_cast<unsigned char>(c)];
-}
+/* Neither a blank nor a line's end, nor a byte that begins one. */
+constexpr auto is_ordinary = [](auto c) {
+  return (c != ' ') & (c != '\n') & (c != '\t') & (c != 0xc2) & (c != 0xe2) & (c != 0xe3);
+};
 
 /* The sign at `at` and what only follows it, a mail being made of little else: more of one byte, single blanks between
    them. Returns where it ends. */
 size_t append_ordinary(std::string_view text, size_t at, std::string *out) {
-  size_t end = at + 1;
-  for (;; end++) {
-    while (end < text.size() && is_ordinary(text[end])) end++;
-    if (end + 1 >= text.size() || text[end] != ' ' || !is_ordinary(text[end + 1])) break;
-  }
+  const size_t end = text_words_end(text, at + 1, is_ordinary);
   out->append(text, at, end - at);
   return end;
 }

@@ -1,9 +1,6 @@
 /* Clean text and character boundaries. */
 #include <glib.h>
 
-#include <array>
-#include <cstring>
-
 #include "text.h"
 
 namespace {
@@ -14,23 +11,14 @@ bool is_noncharacter(uint32_t c) {
 }
 
 /* Bytes of valid UTF-8 that stay as they are, whatever stands around them. */
-constexpr std::array<bool, 256> kPlain = [] {
-  std::array<bool, 256> plain = {};
-  for (unsigned c = 0; c < 256; c++)
-    plain[c] = c == '\n' || c == '\t' || (c >= 0x20 && c < 0x7f) || (c >= 0x80 && c != 0xc2 && c < 0xef);
-  return plain;
-}();
+constexpr auto is_plain = [](auto c) {
+  return (c == '\n') | (c == '\t') | ((c >= 0x20) & (c < 0x7f)) | ((c >= 0x80) & (c != 0xc2) & (c < 0xef));
+};
 
 }  // namespace
 
 size_t text_ascii_run(std::string_view text) {
-  size_t at = 0;
-  for (uint64_t eight; at + sizeof eight <= text.size(); at += sizeof eight) {
-    memcpy(&eight, text.data() + at, sizeof eight);
-    if (eight & 0x8080808080808080u) break;
-  }
-  while (at < text.size() && (text[at] & 0x80) == 0) at++;
-  return at;
+  return text_run_end(text, 0, [](auto c) { return c < 0x80; });
 }
 
 void text_append_char(std::string *out, uint32_t character) {
@@ -50,8 +38,7 @@ std::string text_clean(std::string_view text) {
   out.reserve(text.size());
   if (text.starts_with("\xef\xbb\xbf")) text.remove_prefix(3); /* a file's mark, not text */
   for (size_t i = 0; i < text.size(); i++) {
-    size_t plain = i;
-    while (plain < text.size() && kPlain[static_cast<unsigned char>(text[plain])]) plain++;
+    const size_t plain = text_run_end(text, i, is_plain);
     out.append(text, i, plain - i);
     i = plain;
     if (i == text.size()) break;

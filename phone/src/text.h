@@ -3,6 +3,7 @@
 #define BRISEL_PHONE_TEXT_H
 
 #include "../mime.h"
+#include "text-run.h"
 
 /* How many bytes at the start of a text are of seven bits. */
 size_t text_ascii_run(std::string_view text);

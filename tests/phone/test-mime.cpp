@@ -139,6 +139,22 @@ TEST(Parts, FlowedAndEncodedText) {
   EXPECT_EQ(read(with_body(qp, "=C3=A4=\n=ZZ =")).body.substr(0, 2), "ä");
 }
 
+/* Texts are passed over sixteen bytes at a time: what ends a run is seen at each place of it. */
+TEST(Pieces, EndWhereTheyEnd) {
+  for (size_t n = 1; n < 50; n++) {
+    const std::string a(n, 'a'), b(33, 'b'), words = "c " + a;
+    EXPECT_EQ(mime_to_utf8(words + "\r\n" + b + "\x01", nullptr), words + "\n" + b);
+    EXPECT_EQ(mime_html_to_text(words + "  " + b + "&amp;" + a + " <p>" + b, 999, nullptr),
+              words + " " + b + "&" + a + "\n\n" + b);
+    EXPECT_EQ(mime_html_to_text(words + " " + b, n + 3, nullptr), words);
+    mime_mail mail;
+    std::string error;
+    ASSERT_EQ(
+        mime_parse("Subject: x\n\n" + words + " \n\n\n\n\n" + b + " \xc2\xa0\n" + a + "\t" + b, {}, &mail, &error), 0);
+    EXPECT_EQ(mail.body, words + "\n\n\n" + b + "\n" + a + " " + b);
+  }
+}
+
 TEST(Pieces, NeverSplitWhatBelongsTogether) {
   const std::string text =
       "a\xc3\xa4"
