@@ -275,7 +275,7 @@ namespace {
 /* Until it is ended, or its configuration changes. */
 int run_once(const relay_settings &settings, post_mirrors **mirrors) {
   std::string error;
-  link_handlers handlers = {connected_cb, keep_cb, kept_cb};
+  link_handlers handlers = {connected_cb, keep_cb, kept_cb, true};
   relay r;
   r.settings = settings;
   r.bar = isatty(STDERR_FILENO) != 0;

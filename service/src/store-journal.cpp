@@ -83,19 +83,21 @@ store_status journal_of_mails(store *st, int kind, const std::vector<int> &ids, 
 }
 
 store_status store_outbox_remove(store *st, int64_t id) {
-  const auto remove = [&]() -> store_status {
-    store_status status = run_sql(st, "DELETE FROM outbox WHERE id = ?", id);
-    if (!status)
-      status = run_sql(
-          st, journal_sql("UPDATE journal SET state = [handed over], changed = ? WHERE id = ? AND state = [waits]"),
-          now_seconds(), id);
-    return status || st->db.changed() == 0 ? status : tell(st, id);
+  const auto remove = [&] {
+    return transaction(st, [&]() -> store_status {
+      store_status status = run_sql(st, "DELETE FROM outbox WHERE id = ?", id);
+      if (!status)
+        status = run_sql(
+            st, journal_sql("UPDATE journal SET state = [handed over], changed = ? WHERE id = ? AND state = [waits]"),
+            now_seconds(), id);
+      return status || st->db.changed() == 0 ? status : tell(st, id);
+    });
   };
   /* A deletion or a mark that goes out again after the power went is done twice and the same. */
   sql_statement find(&st->db, journal_sql("SELECT 1 FROM journal WHERE id = ? AND kind = [reply]"));
   const bool is_reply = find.bind(id).step() == sql_row;
   find.finish();
-  return is_reply ? transaction(st, remove) : unhurried(st, remove);
+  return is_reply ? remove() : unhurried(st, remove);
 }
 
 store_status store_phone_came(store *st) {

@@ -87,12 +87,12 @@ store_status transaction(store *st, F &&work) {
   return done && !status ? fail_sql(st) : status;
 }
 
-/* The same without waiting for the disk: a service that is killed finds it, a machine that loses its power may do it
-   anew. */
+/* Makes a change, which is one transaction, without waiting for the disk: a service that is killed finds it, a machine
+   that loses its power may do it anew. */
 template <typename F>
-store_status unhurried(store *st, F &&work) {
+store_status unhurried(store *st, F &&change) {
   store_status status = store_ok;
-  const int done = st->db.unhurried([&] { return (status = transaction(st, work)) ? sql_failed : sql_done; });
+  const int done = st->db.unhurried([&] { return (status = change()) ? sql_failed : sql_done; });
   return done && !status ? fail_sql(st) : status;
 }
 

@@ -70,14 +70,20 @@ store_status store_request_read(store *st, const store_request &asked, const std
 
 store_status store_request_clear_new(store *st, const store_request &asked, int64_t *entry) {
   const journal_words no_row;
-  return store_do_request(st, asked, entry, &no_row, [&]() -> store_status {
-    std::vector<int> changed;
-    sql_statement find(&st->db, "SELECT mail_id FROM mail WHERE is_new <> 0 ORDER BY mail_id");
-    store_status status = read_ids(st, &find, &changed);
-    if (status || changed.empty()) return status;
-    status = run_sql(st, "UPDATE mail SET is_new = 0 WHERE is_new <> 0");
-    return status ? status : add_change(st, BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE, changed);
-  });
+  std::vector<int> changed;
+  sql_statement find(&st->db, "SELECT mail_id FROM mail WHERE is_new <> 0 ORDER BY mail_id");
+  const store_status found = read_ids(st, &find, &changed);
+  if (found) return found;
+  find.finish();
+  const auto clear = [&] {
+    return store_do_request(st, asked, entry, &no_row, [&]() -> store_status {
+      if (changed.empty()) return store_ok;
+      const store_status status = run_sql(st, "UPDATE mail SET is_new = 0 WHERE is_new <> 0");
+      return status ? status : add_change(st, BRISEL_IPC_CLIENT_EVENT_TYPE_NOTI_UPDATE, changed);
+    });
+  };
+  /* Every mail that is opened asks for it. Where nothing is new there is nothing that the power could take back. */
+  return changed.empty() ? unhurried(st, clear) : clear();
 }
 
 store_status store_request_relay(store *st, const store_request &asked, int64_t *entry) {

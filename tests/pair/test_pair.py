@@ -117,7 +117,7 @@ def test_deleted_and_sent_while_away(s):
     begun, go = s.dir / "begun", s.dir / "go"
     mta.change("file=$(mktemp", f"touch '{begun}'; until [ -e '{go}' ]; do sleep 0.1; done; file=$(mktemp")
     reply_on_watch(s, s.mails()[0], "Yes")
-    s.wait(begun.exists, "the mail system at work")
+    s.wait(lambda: begun.exists() and journal(s)[-1][0] == 1, "the mail system at work, and the watch to know")
     net.set("stall")
     go.touch()
     s.wait(lambda: mta.sent() and not linked(s), "the reply, without a watch")
