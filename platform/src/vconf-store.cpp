@@ -37,6 +37,13 @@
  * a damaged file from a good one; the write id lets a watcher tell a second write of the same value from no write.
  * The file's name is the key with '+' for '/', which no key may hold; temporary files begin with '~' for the same
  * reason.
+ *
+ * Who sets a value waits for the disk twice: for the new file, and for its name in the folder. No single wait does on
+ * every file system. Some keep a name with the sync of its file, but that may not come before the rename either, or a
+ * power cut leaves the name with half of the bytes. Two records of one file that take turns would want a lock between
+ * writers, and blocks of their own with room for the longest text, as a disk may lose the whole block that it was
+ * writing. A log or a database for all keys would want its library or its cleaning up in every program that reads a
+ * setting, and wake whoever watches one key for each other one. Settings change a few times a day.
  */
 
 namespace {
