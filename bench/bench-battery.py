@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import re
+import signal
 import sqlite3
 import subprocess
 import sys
@@ -19,6 +20,7 @@ os.environ.pop("ELM_ENGINE", None)  # of the session around this, which has no d
 sys.path[:0] = ["@SOURCE@/tools/lib", "@SOURCE@/bench/lib", "@SOURCE@/tests/harness"]
 from brisel_drive import Session, mail  # noqa: E402
 from brisel_test import start_display  # noqa: E402
+from phone_test import Maildir, Relay, Sendmail, by_uid, journal, message  # noqa: E402
 from figures import NOTHING, emit, wakeups  # noqa: E402
 
 PARTS = sys.argv[1:] or ["disk", "draw", "pause"]
@@ -28,6 +30,7 @@ T0 = 1767600000
 TIMES = 10
 BODY = "A line of text.\n" * 120
 SUBJECTS = "file/private/brisel/list_subject"
+SENT = 2  # of the states in the watch's journal
 
 
 def process_of(session, name):
@@ -134,8 +137,7 @@ def disk(session, ids):
         session.wait(lambda: is_read(session, ids[fresh + n]) is None, "the deletion")
 
     def replied(n):
-        before = len(session.requests("reply"))
-        session.launch(brisel_id=ids[fresh + TIMES])
+        session.launch(brisel_id=asked)
         session.rest()
         session.watch("keyboard", "Menu")
         session.tap(session.text("IDS_EMAIL_SK_REPLY"))
@@ -143,7 +145,8 @@ def disk(session, ids):
         session.rest()
         session.tap("Yes")
         session.tap(session.text("IDS_COM_SK_SEND"))
-        session.wait(lambda: len(session.requests("reply")) > before, "the reply")
+        session.wait(lambda: [row[0] for row in journal(session)].count(SENT) == n + 1, "the reply to be sent")
+        session.wait(lambda: "Yes" not in session.texts(), "the reader")
 
     session.phone("template", "set", "Yes", "No")
     measure("a mail that comes", lambda n: send(session, n, T0 + n),
@@ -151,9 +154,20 @@ def disk(session, ids):
             " VALUES (1, 1767600000 + ?1, 'Subject', 'Sender', 's@example.org', '<' || ?1 || '@example.org>')",
             f"INSERT INTO body (mail_id, text) VALUES (last_insert_rowid(), '{BODY}')")
     measure("an unread mail opened", opened, "UPDATE mail SET is_read = 1, is_new = 0 WHERE mail_id = ?1 + 21")
-    measure("a mail deleted", deleted, "DELETE FROM body WHERE mail_id = ?1 + 21", "DELETE FROM mail WHERE mail_id = ?1 + 21")
-    opened(TIMES)
-    measure("a reply", replied, "INSERT INTO outbox (json) VALUES (printf('%.600c%d', 'x', ?1))")
+    measure("a mail opened and deleted", deleted, "DELETE FROM body WHERE mail_id = ?1 + 21", "DELETE FROM mail WHERE mail_id = ?1 + 21")
+
+    # A phone that hands replies over, as one does that is used.
+    session.stop_serve(session.running[-1][0])
+    box, mta = Maildir(session.dir / "box"), Sendmail(session.dir / "sent")
+    box.deliver(message("ask@example.org", "A question"))
+    relay = Relay(session, "--maildir", f"me@example.org={box.path}", "--sendmail", mta.command)
+    asked = session.wait(lambda: by_uid(session).get("ask@example.org"), "the relayed mail")["mail_id"]
+    session.launch(brisel_id=asked)
+    session.wait(lambda: is_read(session, asked), "the mark")
+    measure("a mail opened and answered", replied, "INSERT INTO outbox (json) VALUES (printf('%.600c%d', 'x', ?1))")
+    if code := relay.kill(signal.SIGTERM):
+        sys.exit(f"bench-battery: the relay ended with {code}")
+    session.setting(SUBJECTS, "bool", "true")  # their folder is made with the first one
     changed = [Disk(session, "brisel-watchctl", "setting", "set", SUBJECTS, "bool", value).ended() for value in ("false", "true")]
     emit("written to the watch's disk: a setting", "KiB", [one[0] for one in changed], [4.5 / 1024], "its value")
     emit("waits for the watch's disk: a setting", "syncs", [one[1] for one in changed], [1], "a file that is there already")

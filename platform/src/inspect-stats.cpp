@@ -20,6 +20,8 @@ struct statistics {
   bool launched = false;
   int64_t first_screen = 0; /* monotonic, nanoseconds */
   int64_t busy_since = 0;
+  int64_t launch_since = 0;  /* the wake-up that brought a launch of which no frame was drawn yet */
+  int64_t launch_done = 0;   /* when the application had answered it */
   int64_t waiting_since = 0; /* the wake-up that made changes which are not drawn yet */
   int64_t frame_since = 0;
   int64_t longest_iteration = 0;
@@ -27,6 +29,7 @@ struct statistics {
   std::vector<int64_t> frames;
   std::vector<int64_t> pixels; /* that each of them drew */
   std::vector<int64_t> waits;
+  std::vector<int64_t> launches; /* from that wake-up to the first frame that was begun after the answer */
 } stats;
 
 int64_t now_ns(void) {
@@ -64,6 +67,10 @@ int64_t pixels_of(const Evas_Event_Render_Post *frame) {
 void frame_ends_cb(void *data, Evas *e, void *event_info) {
   const int64_t now = now_ns();
   if (stats.launched && !stats.first_screen) stats.first_screen = now;
+  if (stats.launch_since && stats.frame_since > stats.launch_done) {
+    if (stats.launches.size() < frames_kept) stats.launches.push_back(now - stats.launch_since);
+    stats.launch_since = 0;
+  }
   if (stats.frame_since && stats.frames.size() < frames_kept) {
     stats.frames.push_back(now - stats.frame_since);
     stats.pixels.push_back(pixels_of(static_cast<const Evas_Event_Render_Post *>(event_info)));
@@ -91,6 +98,8 @@ void inspect_stats_detach(void) {
 
 void inspect_stats_launched(void) {
   stats.launched = true;
+  stats.launch_done = now_ns();
+  stats.launch_since = stats.busy_since ? stats.busy_since : stats.launch_done;
 }
 
 std::string inspect_stats(bool reset) {
@@ -101,12 +110,14 @@ std::string inspect_stats(bool reset) {
   out["frames_ns"] = stats.frames;
   out["pixels"] = stats.pixels;
   out["events_ns"] = stats.waits;
+  out["launches_ns"] = stats.launches;
   if (reset) {
     stats.iterations = stats.longest_iteration = stats.waiting_since = 0;
     stats.busy_since = 0; /* this very wake-up is not counted */
     stats.frames.clear();
     stats.pixels.clear();
     stats.waits.clear();
+    stats.launches.clear();
   }
   return out.dump();
 }
