@@ -1,7 +1,9 @@
 /* Building pages: the one that is opened at once, those beside it step by step while the loop is idle, so that no frame
    waits for them. A page stands in its slot from the first step on; what is needed sooner is built to its end then.
+   It is built of the beginning of a long body: the rest comes, in two more steps, when it is the one that is read.
    Paging and the main file call it. */
 #include <cstdlib>
+#include <utility>
 
 #include "brisel-app-detail-body.h"
 #include "brisel-app-detail.h"
@@ -9,6 +11,8 @@
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 
+/* Of a body, for the first screens: a multiple of what they show, so that folds find their ends. */
+constexpr int beginning_bytes = 16 << 10;
 static const char part_scroller[] = "scroller";
 
 /* --- the steps --- */
@@ -22,8 +26,21 @@ static bool __brisel_detail_is_in_store(int mail_id) {
   return result == 0 && count > 0;
 }
 
-static bool __brisel_detail_read_mail(page_data *page, int mail_id) {
-  int result = brisel_db_get_full_noti_data_by_mail_id(mail_id, page->mail_data);
+int __brisel_detail_read(const brisel_detail_view *view_data, const page_data *page, full_noti_data *mail,
+                         unsigned char *rest) {
+  const int mail_id = page->mail_data->mail_id;
+  *rest = DETAIL_REST_NONE;
+  const bool is_begun = !page->has_mail || page->rest == DETAIL_REST_IN_STORE;
+  if (!is_begun || page->wants_whole || brisel_view_is_spoken() || __brisel_detail_is_waiting(view_data, page))
+    return brisel_db_get_full_noti_data_by_mail_id(mail_id, mail);
+  int is_whole = 1;
+  const int result = brisel_db_get_noti_beginning_by_mail_id(mail_id, beginning_bytes, mail, &is_whole);
+  if (!is_whole) *rest = DETAIL_REST_IN_STORE;
+  return result;
+}
+
+static bool __brisel_detail_read_mail(const brisel_detail_view *view_data, page_data *page) {
+  const int result = __brisel_detail_read(view_data, page, page->mail_data, &page->rest);
   page->has_mail = result == 0;
   if (result != 0) BRISEL_ERROR("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d]", result);
   return result == 0;
@@ -39,10 +56,10 @@ page_data *__brisel_detail_draw_bare_page(brisel_detail_view *view_data, int mai
   page->ad = view_data->ad;
   page->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
   page->mail_data = brisel_full_noti_data_create();
+  if (page->mail_data) page->mail_data->mail_id = mail_id;
   if (!page->mail_data) {
     BRISEL_ERROR("brisel_db_full_noti_data_create() failed!");
-  } else if (__brisel_detail_is_in_store(mail_id) || __brisel_detail_read_mail(page, mail_id)) {
-    page->mail_data->mail_id = mail_id;
+  } else if (__brisel_detail_is_in_store(mail_id) || __brisel_detail_read_mail(view_data, page)) {
     const char *group = brisel_stage_style() ? "brisel/detail/single_scroller/round" : "brisel/detail/single_scroller";
     if (Evas_Object *root = __brisel_detail_create_layout(view_data->box, group))
       brisel_widget_ref_set(&page->page_layout, root);
@@ -79,6 +96,7 @@ static bool __brisel_detail_fill_page(brisel_detail_view *view_data, page_data *
   }
   brisel_widget_ref_set(&page->detail_layout, detail);
   brisel_detail_body_attach(detail, page->scroller);
+  if (page->rest == DETAIL_REST_READ) page->rest = DETAIL_REST_NONE;
   __brisel_detail_draw_view_components(view_data, page);
   return true;
 }
@@ -90,16 +108,48 @@ static bool __brisel_detail_build_on(brisel_detail_view *view_data, page_data *p
     __brisel_detail_renew_page(view_data, page);
     return true;
   }
-  if (!page->has_mail) return __brisel_detail_read_mail(page, page->mail_data->mail_id);
+  if (!page->has_mail) return __brisel_detail_read_mail(view_data, page);
   if (!page->scroller) return __brisel_detail_frame_page(view_data, page);
   if (!page->text) {
     __brisel_detail_read_body(page);
     return true;
   }
+  if (!page->detail_layout && page->rest == DETAIL_REST_IN_STORE && !__brisel_detail_is_beginning_enough(page)) {
+    __brisel_detail_free_text(page);
+    page->wants_whole = 1;
+    return __brisel_detail_read_mail(view_data, page);
+  }
   if (!page->detail_layout) return __brisel_detail_fill_page(view_data, page);
   elm_object_content_set(page->scroller, page->detail_layout);
   page->is_built = 1;
   return true;
+}
+
+/* The next step to the rest of its body. */
+static bool __brisel_detail_rest_on(const brisel_detail_view *view_data, page_data *page) {
+  if (page->rest == DETAIL_REST_READ) {
+    page->rest = DETAIL_REST_NONE;
+    __brisel_detail_set_body(page);
+    __brisel_detail_draw_device_notice(page);
+    return true;
+  }
+  page->wants_whole = 1;
+  scoped_noti mail(brisel_full_noti_data_create());
+  unsigned char rest = DETAIL_REST_NONE;
+  const int result = mail ? __brisel_detail_read(view_data, page, mail.get(), &rest) : BRISEL_COMMON_ERROR_MEMORY;
+  page->is_rest_lost = result != 0;
+  if (result != 0) {
+    BRISEL_ERROR("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d]", result);
+    return false;
+  }
+  std::swap(page->mail_data->body, mail->body);
+  page->rest = DETAIL_REST_READ;
+  return true;
+}
+
+void __brisel_detail_finish_rest(const brisel_detail_view *view_data, page_data *page) {
+  while (page->is_built && page->rest != DETAIL_REST_NONE)
+    if (!__brisel_detail_rest_on(view_data, page)) return;
 }
 
 static bool __brisel_detail_build_whole(brisel_detail_view *view_data, page_data *page) {
@@ -133,9 +183,18 @@ static page_data *__brisel_detail_unbuilt_page(const brisel_detail_view *view_da
   return nullptr;
 }
 
+/* Of the page that is read alone: those beside may never be turned to. */
+static page_data *__brisel_detail_unfinished_page(const brisel_detail_view *view_data) {
+  page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
+  return page && page->is_built && page->rest != DETAIL_REST_NONE && !page->is_rest_lost ? page : nullptr;
+}
+
 static Eina_Bool __brisel_detail_build_idler_cb(void *data) {
   brisel_detail_view *view_data = (brisel_detail_view *)data;
   page_data *page = __brisel_detail_unbuilt_page(view_data);
+  page_data *unfinished = page ? nullptr : __brisel_detail_unfinished_page(view_data);
+  if (unfinished) __brisel_detail_rest_on(view_data, unfinished);
+  if (unfinished) return ECORE_CALLBACK_RENEW;
   if (!page) {
     view_data->build_idler = nullptr;
     return ECORE_CALLBACK_CANCEL;
@@ -149,7 +208,9 @@ static Eina_Bool __brisel_detail_build_idler_cb(void *data) {
 }
 
 void __brisel_detail_build_soon(brisel_detail_view *view_data) {
-  if (!view_data->build_idler && !view_data->is_paused && __brisel_detail_unbuilt_page(view_data))
+  if (page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE]) page->is_rest_lost = 0;
+  if (!view_data->build_idler && !view_data->is_paused &&
+      (__brisel_detail_unbuilt_page(view_data) || __brisel_detail_unfinished_page(view_data)))
     view_data->build_idler = ecore_idler_add(__brisel_detail_build_idler_cb, view_data);
 }
 

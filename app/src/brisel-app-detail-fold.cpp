@@ -75,28 +75,47 @@ std::string brisel_detail_plain_text(const char *text, size_t length) {
 
 /* --- what is folded --- */
 
+/* A text, or the beginning of one: what is told of its lines may hang on what follows then. */
+struct fold_text {
+  std::string_view all;
+  bool is_looked_past; /* since this was last cleared, its end was looked for what may follow */
+};
+
 struct line_run {
   size_t end; /* behind its last character, before the line break */
   int lines;
 };
 
-static size_t _line_end(std::string_view text, size_t start) {
-  size_t end = text.find('\n', start);
-  return end == std::string_view::npos ? text.size() : end;
+static size_t _line_end(fold_text *text, size_t start) {
+  const size_t end = text->all.find('\n', start);
+  if (end != std::string_view::npos) return end;
+  text->is_looked_past = true;
+  return text->all.size();
 }
 
-static bool _is_quoted(std::string_view text, size_t start) {
-  return start < text.size() && text[start] == '>';
+/* The character there; 0 behind the end. */
+static char _letter_at(fold_text *text, size_t at) {
+  if (at < text->all.size()) return text->all[at];
+  text->is_looked_past = true;
+  return 0;
+}
+
+static bool _is_quoted(fold_text *text, size_t start) {
+  return _letter_at(text, start) == '>';
+}
+
+static std::string_view _line_of(fold_text *text, size_t start) {
+  return text->all.substr(start, _line_end(text, start) - start);
 }
 
 /* The quoted lines from start on; a blank line between two of them is one more. */
-static line_run _quoted_run(std::string_view text, size_t start) {
+static line_run _quoted_run(fold_text *text, size_t start) {
   line_run run = {start, 0};
   for (size_t at = start; _is_quoted(text, at);) {
     run.end = _line_end(text, at);
     run.lines++;
     at = run.end + 1;
-    if (at < text.size() && text[at] == '\n' && _is_quoted(text, at + 1)) at++;
+    if (_letter_at(text, at) == '\n' && _is_quoted(text, at + 1)) at++;
   }
   return run;
 }
@@ -172,32 +191,32 @@ static constexpr std::array<bool, 256> history_firsts = [] {
   return firsts;
 }();
 
-static bool _begins_history(std::string_view text, size_t start) {
-  if (start >= text.size() || !history_firsts[(unsigned char)text[start]]) return false;
-  std::string_view line = text.substr(start, _line_end(text, start) - start);
+static bool _begins_history(fold_text *text, size_t start) {
+  if (!history_firsts[(unsigned char)_letter_at(text, start)]) return false;
+  std::string_view line = _line_of(text, start);
   if (line.starts_with("--") && line.size() <= longest_divider) {
     for (const char *words : original_words)
       if (line.find(words) != std::string_view::npos) return true;
     return false;
   }
-  if (!_is_head_line(line, from_words) || _is_passed_on(text, start)) return false;
+  if (!_is_head_line(line, from_words) || _is_passed_on(text->all, start)) return false;
   size_t at = start + line.size() + 1;
-  for (int n = 0; n < most_head_lines && at < text.size() && text[at] != '\n'; n++) {
-    size_t end = _line_end(text, at);
-    if (_is_head_line(text.substr(at, end - at), subject_words)) return true;
-    at = end + 1;
+  for (int n = 0; n < most_head_lines && _letter_at(text, at) && text->all[at] != '\n'; n++) {
+    line = _line_of(text, at);
+    if (_is_head_line(line, subject_words)) return true;
+    at += line.size() + 1;
   }
   return false;
 }
 
 /* The signature whose line of hyphens starts there: up to the end, or to what it was put above. */
-static line_run _signature_run(std::string_view text, size_t start) {
-  if (text[start] != '-') return {start, 0};
-  std::string_view line = text.substr(start, _line_end(text, start) - start);
+static line_run _signature_run(fold_text *text, size_t start) {
+  if (text->all[start] != '-') return {start, 0};
+  std::string_view line = _line_of(text, start);
   line_run run = {start, 0};
   if (start == 0 || (line != "-- " && line != "--")) return run;
   size_t at = start + line.size() + 1;
-  while (at < text.size() && !_is_quoted(text, at) && !_begins_history(text, at)) {
+  while (_letter_at(text, at) && !_is_quoted(text, at) && !_begins_history(text, at)) {
     size_t end = _line_end(text, at);
     if (end > at) run.end = end;
     if (++run.lines > most_signature) return {start, 0};
@@ -207,10 +226,10 @@ static line_run _signature_run(std::string_view text, size_t start) {
 }
 
 /* The mail that is answered, from its head to the end, where something stands above it. */
-static line_run _history_run(std::string_view text, size_t start, size_t first) {
+static line_run _history_run(fold_text *text, size_t start, size_t first) {
   line_run run = {start, 0};
   if (start <= first || !_begins_history(text, start)) return run;
-  for (size_t at = start; at < text.size();) {
+  for (size_t at = start; _letter_at(text, at);) {
     size_t end = _line_end(text, at);
     if (end > at) {
       run.end = end;
@@ -278,23 +297,28 @@ static void _append_line(detail_shown *shown, std::string_view text, size_t star
   }
 }
 
-detail_shown brisel_detail_fold(std::string *source, const std::vector<size_t> &opened, appdata *ad) {
+detail_shown brisel_detail_fold(std::string *source, const std::vector<size_t> &opened, appdata *ad,
+                                bool is_beginning) {
   detail_shown shown;
   std::string_view text = *source;
+  fold_text looked = {text, false};
   size_t open_until = 0;
   fold_place place = {0, 0};
   place.address = _next_address(text, 0);
   const size_t first = text.find_first_not_of(" \n");
-  for (size_t at = 0; at < text.size();) {
-    bool is_quote = _is_quoted(text, at);
+  size_t at = 0;
+  while (at < text.size()) {
+    looked.is_looked_past = false;
+    bool is_quote = _is_quoted(&looked, at);
     line_run run = {at, 0};
-    if (at >= open_until && !is_quote) run = _history_run(text, at, first);
+    if (at >= open_until && !is_quote) run = _history_run(&looked, at, first);
     const bool is_history = run.lines > 0;
-    if (at >= open_until && !is_history) run = is_quote ? _quoted_run(text, at) : _signature_run(text, at);
+    if (at >= open_until && !is_history) run = is_quote ? _quoted_run(&looked, at) : _signature_run(&looked, at);
+    if (is_beginning && looked.is_looked_past) break;
     is_quote = is_quote || is_history;
     bool is_long = run.lines >= (is_quote ? least_quoted : least_signature) && run.end > at;
     bool is_open = is_long && std::find(opened.begin(), opened.end(), at) != opened.end();
-    size_t end = _line_end(text, at);
+    size_t end = _line_end(&looked, at);
     if (is_open) open_until = run.end;
     if (is_long && !is_open) {
       end = run.end;
@@ -308,10 +332,11 @@ detail_shown brisel_detail_fold(std::string *source, const std::vector<size_t> &
     }
     at = end + 1;
   }
+  if (at < text.size()) source->resize(at);
   if (shown.pieces.empty())
     shown.text = std::move(*source); /* a megabyte is neither copied nor kept twice */
   else
-    shown.text.append(text, place.done);
+    shown.text.append(*source, place.done);
   return shown;
 }
 

@@ -24,8 +24,10 @@ struct detail_shown {
 /* Valid UTF-8 with '\n' as its only line break, so that one character of the text is one of the layout. */
 std::string brisel_detail_plain_text(const char *text, size_t length);
 /* Folds source, a plain text. Those whose place in it is among opened are shown open. ad: for the region's digits. When
-   nothing in it stands for other text, source is what is shown: it is handed on, and empty then. */
-detail_shown brisel_detail_fold(std::string *source, const std::vector<size_t> &opened, appdata *ad);
+   nothing in it stands for other text, source is what is shown: it is handed on, and empty then. is_beginning: more
+   follows that is not there; source is cut before the first line of which that may decide whether it is folded. */
+detail_shown brisel_detail_fold(std::string *source, const std::vector<size_t> &opened, appdata *ad,
+                                bool is_beginning = false);
 /* The piece that the byte at that place of the shown text belongs to, or NULL. */
 const detail_piece *brisel_detail_piece_at(const detail_shown &shown, size_t at);
 /* Where a byte of one text is in the other. */

@@ -137,6 +137,7 @@ void __brisel_detail_scroller_bottom_hit_cb(void *data, Evas_Object *obj, void *
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
   /* Only the current page's own edge counts, and only when it is the end of the text rather than of a guess. */
   if (!page || (obj && obj != page->scroller) || !brisel_detail_body_end_is_known(page->detail_layout)) return;
+  if (page->rest != DETAIL_REST_NONE) return __brisel_detail_build_soon(view_data);
   /* One pull reaches the edge more than once when the page bounces off it. While the page waits already, that is no
      wish for another request: it would throw away the answer on its way and use up the visit's share. */
   if (__brisel_detail_is_waiting(view_data, page)) return;
@@ -190,6 +191,7 @@ static void __brisel_detail_take_more_msg(brisel_detail_view *view_data, page_da
   if (mail->body && *mail->body) {
     g_free(page->mail_data->body);
     page->mail_data->body = g_strdup(mail->body);
+    page->rest = DETAIL_REST_NONE;
   }
   __brisel_detail_offer(view_data);
   __brisel_detail_show_progress(view_data, page);

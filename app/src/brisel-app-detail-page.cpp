@@ -241,11 +241,7 @@ void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_da
                            nullptr, nullptr, &page->width, &page->height);
   __brisel_detail_set_subject(page);
 
-  if (!__brisel_detail_ends_with_tag(mail->body, tag_complete)) {
-    __brisel_detail_signal(layout, "do-show-device-field");
-    __brisel_detail_place_notice(layout, part_device, __brisel_detail_device_notice(page).get());
-    __brisel_detail_process_signals(layout);
-  }
+  __brisel_detail_draw_device_notice(page);
 
   brisel_detail_body_set_font_size(layout, view_data->font_size);
   __brisel_detail_show_body(page);
@@ -257,6 +253,14 @@ void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_da
   __brisel_detail_process_signals(layout);
   /* Its text is on the way still, asked for before the page was built. */
   if (__brisel_detail_is_waiting(view_data, page)) __brisel_detail_show_waiting(view_data, page);
+}
+
+void __brisel_detail_draw_device_notice(page_data *page) {
+  /* What a body ends in stands in its rest. */
+  if (page->rest != DETAIL_REST_NONE || __brisel_detail_ends_with_tag(page->mail_data->body, tag_complete)) return;
+  __brisel_detail_signal(page->detail_layout, "do-show-device-field");
+  __brisel_detail_place_notice(page->detail_layout, part_device, __brisel_detail_device_notice(page).get());
+  __brisel_detail_process_signals(page->detail_layout);
 }
 
 Evas_Object *__brisel_detail_create_layout(Evas_Object *parent, const char *group) {
@@ -336,6 +340,7 @@ Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent) {
 
 void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page) {
   Evas_Object *layout = page->detail_layout;
+  if (brisel_view_is_spoken()) __brisel_detail_finish_rest(view_data, page);
   __brisel_detail_set_device_notice(view_data, page);
   if (Evas_Object *label = elm_object_part_content_get(layout, part_image)) {
     elm_object_text_set(label, __brisel_detail_image_notice().get());
@@ -353,30 +358,35 @@ void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data
 }
 
 /* Whether a page has a field now that its layout was not made with, or had one that a layout cannot give back. */
-static bool __brisel_detail_has_other_fields(const full_noti_data *old, const full_noti_data *mail) {
-  const auto is_whole = [](const full_noti_data *of) { return __brisel_detail_ends_with_tag(of->body, tag_complete); };
+static bool __brisel_detail_has_other_fields(const page_data *page, const full_noti_data *mail, int rest) {
+  const full_noti_data *old = page->mail_data;
+  const auto has_notice = [](const full_noti_data *of, int rest_of) {
+    return rest_of == DETAIL_REST_NONE && !__brisel_detail_ends_with_tag(of->body, tag_complete);
+  };
   return !old->has_image != !mail->has_image || (old->attachment_count > 0) != (mail->attachment_count > 0) ||
-         (is_whole(old) && !is_whole(mail));
+         (!has_notice(old, page->rest) && has_notice(mail, rest));
 }
 
 void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) {
   if (!page->has_mail) return;
   full_noti_data *old = page->mail_data;
   scoped_noti mail(brisel_full_noti_data_create());
-  if (!mail || brisel_db_get_full_noti_data_by_mail_id(old->mail_id, mail.get()) != 0) return;
+  unsigned char rest = DETAIL_REST_NONE;
+  if (!mail || __brisel_detail_read(view_data, page, mail.get(), &rest) != 0) return;
   /* A visit that found the mail unread stays one, and its time keeps its colour. */
   mail->is_read = old->is_read;
   mail->is_new = old->is_new;
   /* Text that was asked for is shown in its own time. */
   bool has_text = !__brisel_detail_is_waiting(view_data, page) && g_strcmp0(mail->body, old->body) != 0;
   bool has_subject = g_strcmp0(mail->subject, old->subject) != 0;
-  if (page->detail_layout && __brisel_detail_has_other_fields(old, mail.get())) {
+  if (page->detail_layout && __brisel_detail_has_other_fields(page, mail.get(), rest)) {
     __brisel_detail_keep_place(page);
     __brisel_detail_drop_ring(view_data);
     brisel_widget_ref_drop(&page->detail_layout);
     page->is_built = 0; /* the next steps lay it out anew */
   }
   if (page->detail_layout && !has_text) std::swap(mail->body, old->body);
+  if (page->rest != DETAIL_REST_READ) page->rest = rest;
   page->mail_data = mail.release();
   brisel_full_noti_data_free(old);
   __brisel_detail_set_sender(view_data, page);
@@ -386,7 +396,8 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) 
   __brisel_detail_set_attachment_text(view_data, page);
   if (has_text) {
     __brisel_detail_set_body(page);
-    bool is_whole = __brisel_detail_ends_with_tag(page->mail_data->body, tag_complete);
+    const bool is_whole =
+        page->rest != DETAIL_REST_NONE || __brisel_detail_ends_with_tag(page->mail_data->body, tag_complete);
     __brisel_detail_signal(page->detail_layout, is_whole ? "do-hide-device-field" : "do-show-device-field");
   }
   __brisel_detail_name_page(page);

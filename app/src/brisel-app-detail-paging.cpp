@@ -139,10 +139,11 @@ static void __brisel_detail_pack(brisel_detail_view *view_data) {
 /* --- which mails have pages --- */
 
 void __brisel_detail_tell_page(brisel_detail_view *view_data) {
-  const page_data *current = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
+  page_data *current = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
   if (!current) return;
   for (const page_data *page : view_data->page_data)
     if (page) brisel_view_set_spoken(page->page_layout, page == current);
+  if (brisel_view_is_spoken()) __brisel_detail_finish_rest(view_data, current);
   const char *sender = brisel_view_sender(current->mail_data);
   brisel_view_set_name(view_data, sender ? sender : "");
   __brisel_detail_offer(view_data);

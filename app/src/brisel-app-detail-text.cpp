@@ -16,6 +16,8 @@
 /* The longest subject shown, in bytes: about eighty lines. The text engine would take seconds for a whole book. */
 constexpr size_t subject_shown_max = 2048;
 constexpr int subject_lines_max = 2;
+/* Bytes of a body's beginning: more than the largest display shows at once, in the most compact script. */
+constexpr size_t beginning_shown_min = 4096;
 static const char part_title[] = "detail.title";
 static const char ellipsis[] = "\xE2\x80\xA6";
 
@@ -154,8 +156,12 @@ static void __brisel_detail_sender_tapped(page_data *page) {
 
 /* Only what stands before the last continuation tag is ever shown. Looked for from the end, by its first letter: a body
    without one may be a megabyte. */
-static size_t __brisel_detail_shown_body_length(const char *body) {
-  const size_t length = strlen(body);
+static size_t __brisel_detail_shown_body_length(const char *body, bool is_beginning) {
+  size_t length = strlen(body);
+  /* Half of one may stand where a beginning ends. */
+  if (is_beginning)
+    for (size_t half = std::min(length, sizeof(tag_start) - 1); half > 0; half--)
+      if (strncmp(body + length - half, tag_start, half) == 0) length -= half;
   const char *at = body + length;
   while ((at = (const char *)memrchr(body, *tag_start, (size_t)(at - body))))
     if (strncmp(at, tag_start, sizeof(tag_start) - 1) == 0) return (size_t)(at - body);
@@ -163,7 +169,8 @@ static size_t __brisel_detail_shown_body_length(const char *body) {
 }
 
 static void __brisel_detail_fold_body(const page_data *page) {
-  page->text->shown = brisel_detail_fold(&page->text->source, page->text->opened, page->ad);
+  page->text->shown =
+      brisel_detail_fold(&page->text->source, page->text->opened, page->ad, page->rest == DETAIL_REST_IN_STORE);
 }
 
 /* A page's parts say nothing to who only listens: it is read as a whole. */
@@ -183,7 +190,8 @@ void __brisel_detail_name_page(const page_data *page) {
 void __brisel_detail_read_body(page_data *page) {
   const char *body = page->mail_data->body ? page->mail_data->body : "";
   if (!page->text) page->text = new detail_text();
-  page->text->source = brisel_detail_plain_text(body, __brisel_detail_shown_body_length(body));
+  page->text->source =
+      brisel_detail_plain_text(body, __brisel_detail_shown_body_length(body, page->rest == DETAIL_REST_IN_STORE));
   __brisel_detail_fold_body(page);
 }
 
@@ -213,6 +221,7 @@ void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y) {
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
   if (!page->text || !page->detail_layout || !page->scroller) return;
   page->tapped = nullptr;
+  __brisel_detail_finish_rest(view_data, page); /* what is opened may end in it */
   const Eina_Rectangle sender = __brisel_detail_cut_sender(page);
   if (eina_rectangle_coords_inside(&sender, x, y)) return __brisel_detail_sender_tapped(page);
   if (!__brisel_detail_is_inside(page->scroller, x, y)) return;
@@ -270,6 +279,15 @@ void __brisel_detail_keep_place(const page_data *page) {
   if (top == std::string::npos) return;
   if (places.size() == places_max) places.erase(places.begin());
   places.push_back({mail_id, brisel_detail_source_of(page->text->shown, top)});
+}
+
+bool __brisel_detail_is_beginning_enough(const page_data *page) {
+  const detail_shown &shown = page->text->shown;
+  for (const auto &[mail_id, source] : places)
+    if (mail_id == page->mail_data->mail_id &&
+        brisel_detail_place_of(shown, source) + beginning_shown_min > shown.text.size())
+      return false;
+  return shown.text.size() >= beginning_shown_min;
 }
 
 void __brisel_detail_go_to_place(const page_data *page) {

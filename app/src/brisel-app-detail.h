@@ -22,6 +22,9 @@ enum brisel_detail_page {
 
 struct detail_text;
 
+/* What of a long body is not on its page yet: pages are built of its beginning. */
+enum detail_rest { DETAIL_REST_NONE, DETAIL_REST_IN_STORE, DETAIL_REST_READ };
+
 /* One built page. Its widgets are children of page_layout; the fields of deleted widgets are NULL. */
 struct page_data {
   Evas_Object *page_layout;   /* "brisel/detail/single_scroller", packed in the view's box */
@@ -44,6 +47,9 @@ struct page_data {
   unsigned char has_mail;         /* until then mail_data has nothing but the id */
   unsigned char is_built;         /* until then what is not there yet is NULL */
   unsigned char is_stale;         /* its mail has changed: read again with the next step */
+  unsigned char rest;             /* a detail_rest: mail_data has the beginning of a body until it is read */
+  unsigned char wants_whole;      /* the beginning is not enough to build it */
+  unsigned char is_rest_lost;     /* it could not be read: tried again when the page is turned to or pulled */
 };
 
 struct brisel_detail_view;
@@ -138,6 +144,8 @@ void __brisel_detail_free_page_data(page_data *page);
 void __brisel_detail_update_datetime_string(brisel_detail_view *view_data, time_t time, Evas_Object *layout);
 Evas_Object *__brisel_detail_create_layout(Evas_Object *parent, const char *group);
 Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent);
+/* The notice below a body that goes on, where it does. */
+void __brisel_detail_draw_device_notice(page_data *page);
 void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_data *page);
 Evas_Object *__brisel_detail_create_layout_detail_view_title(brisel_detail_view *view_data, const page_data *page);
 void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page);
@@ -155,6 +163,12 @@ page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *vie
 page_data *__brisel_detail_draw_bare_page(brisel_detail_view *view_data, int mail_id);
 /* What is left of a page, now. False when it failed: the page is gone. */
 bool __brisel_detail_finish_page(brisel_detail_view *view_data, page_data *page);
+/* Puts the rest of a long body on its page, now. What cannot be read is logged. */
+void __brisel_detail_finish_rest(const brisel_detail_view *view_data, page_data *page);
+/* Reads the mail into the record: of a long body what the page needs, and what is left then into *rest. The status of
+   the store's calls. */
+int __brisel_detail_read(const brisel_detail_view *view_data, const page_data *page, full_noti_data *mail,
+                         unsigned char *rest);
 /* What is left of the pages, and of what changed of their mails, while the loop is idle; nothing while the application
  * is paused. */
 void __brisel_detail_build_soon(brisel_detail_view *view_data);
@@ -169,6 +183,8 @@ void __brisel_detail_name_page(const page_data *page);
 void __brisel_detail_read_body(page_data *page);
 void __brisel_detail_show_body(const page_data *page);
 void __brisel_detail_set_body(page_data *page);
+/* Whether what is ready of a body's beginning fills the page, and has the place that was read. */
+bool __brisel_detail_is_beginning_enough(const page_data *page);
 void __brisel_detail_free_text(page_data *page);
 /* A finger tapped at that place of the canvas: a long subject or sender opens and closes, a folded line opens. */
 void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y);

@@ -67,6 +67,9 @@ struct sql_db {
   int run(const std::string &sql) { return run(sql.c_str()); }
   /* The number in the first column of the first row, with NULL as 0. 0; -1 also when there is no row. */
   int number(const char *sql, int64_t *value);
+  /* The beginning of a long text or blob, most bytes at most, and how many it has. The rest is not read from the file.
+     While a statement stands on a row, it is of that moment. 0; -1 also when there is no such row. */
+  int beginning(const char *table, const char *column, int64_t row, size_t most, std::string *bytes, size_t *size);
   /* Runs work() inside one transaction that writes: committed when it returns 0, undone otherwise (error() stays what
      work() left). Returns what work() returned, or -1. */
   template <typename F>

@@ -154,6 +154,21 @@ int sql_db::number(const char *sql, int64_t *value) {
   return 0;
 }
 
+int sql_db::beginning(const char *table, const char *column, int64_t row, size_t most, std::string *bytes,
+                      size_t *size) {
+  if (!handle_) return sql_failed;
+  sqlite3_blob *value = nullptr;
+  int result = sqlite3_blob_open(handle_, "main", table, column, row, 0, &value);
+  if (result == SQLITE_OK) {
+    *size = static_cast<size_t>(sqlite3_blob_bytes(value));
+    bytes->resize(std::min(most, *size));
+    result = sqlite3_blob_read(value, bytes->data(), static_cast<int>(bytes->size()), 0);
+  }
+  const int status = note(result);
+  sqlite3_blob_close(value);
+  return status;
+}
+
 void sql_db::undo(void) {
   if (!handle_ || sqlite3_get_autocommit(handle_)) return;
   /* Should even this fail, SQLite takes it back before the next BEGIN. */

@@ -3,6 +3,7 @@
 #include "reader.h"
 #include "records.h"
 #include "store-format.h"
+#include "text-check.h"
 
 namespace {
 
@@ -31,8 +32,8 @@ bool read_row(slab *s, sql_statement *q, full_noti_data *mail) {
          read_text(s, q, row_name, &mail->from_name);
 }
 
-/* The same from a whole mail. */
-bool read_mail(slab *s, sql_statement *q, full_noti_data *mail) {
+/* The same from a whole mail, all but its body. */
+bool read_head(slab *s, sql_statement *q, full_noti_data *mail) {
   mail->mail_id = q->integer(0);
   mail->host_state = q->integer(column(field_host_state));
   mail->received_time = static_cast<time_t>(q->number(column(field_time)));
@@ -47,8 +48,32 @@ bool read_mail(slab *s, sql_statement *q, full_noti_data *mail) {
          read_text(s, q, column(field_address), &mail->from_address) &&
          read_text(s, q, column(field_name), &mail->from_name) &&
          read_text(s, q, column(field_uid), &mail->message_uid) &&
-         records_set_contacts(s, mail, q->view(column(field_contacts))) &&
-         read_text(s, q, column(field_body), &mail->body);
+         records_set_contacts(s, mail, q->view(column(field_contacts)));
+}
+
+bool read_mail(slab *s, sql_statement *q, full_noti_data *mail) {
+  return read_head(s, q, mail) && read_text(s, q, column(field_body), &mail->body);
+}
+
+/* Takes away the character at the end that is cut, or none at all. */
+void cut_at_character(std::string *text) {
+  size_t last = text->size();
+  while (last > 0 && text->size() - last < 4 && (static_cast<unsigned char>((*text)[last - 1]) & 0xC0) == 0x80) last--;
+  if (last > 0 && !text_utf8_length(std::string_view(*text).substr(last - 1))) text->resize(last - 1);
+}
+
+/* All but the body of the query's row, and the beginning of that. Its status, as of the calls of this file. */
+int read_beginning(sql_statement *q, int most, full_noti_data *mail, int *is_whole) {
+  if (!read_head(nullptr, q, mail)) return BRISEL_COMMON_ERROR_MEMORY;
+  *is_whole = 1;
+  if (q->view(column(field_body)) == "null") return 0;
+  std::string bytes;
+  size_t size = 0;
+  if (reader_body_beginning(mail->mail_id, static_cast<size_t>(most), &bytes, &size)) return BRISEL_COMMON_ERROR_STORE;
+  *is_whole = bytes.size() == size;
+  if (!*is_whole) cut_at_character(&bytes);
+  mail->body = records_text(nullptr, bytes);
+  return mail->body || bytes.empty() ? 0 : BRISEL_COMMON_ERROR_MEMORY;
 }
 
 /* A list of mails while it grows: its cells lie beside its records. */
@@ -220,6 +245,23 @@ int brisel_db_get_full_noti_data_by_mail_id(int mail_id, full_noti_data *out) {
   if (done) return done;
   if (r != sql_row) return BRISEL_COMMON_ERROR_NOT_FOUND;
   return whole ? 0 : BRISEL_COMMON_ERROR_MEMORY;
+}
+
+int brisel_db_get_noti_beginning_by_mail_id(int mail_id, int most, full_noti_data *out, int *is_whole) {
+  if (!out || !is_whole || mail_id <= 0 || most <= 0) return BRISEL_COMMON_ERROR_INVALID;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  sql_statement *q = nullptr;
+  const int status = reader_start(reader_mail_head, &q);
+  if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
+  const sql_result r = q->bind(mail_id).step();
+  int read = 0;
+  if (r == sql_row) {
+    records_clear_mail(out);
+    read = read_beginning(q, most, out, is_whole);
+  }
+  const int done = reader_done(q, read == BRISEL_COMMON_ERROR_STORE ? sql_failed : r);
+  if (done) return done;
+  return r == sql_row ? read : BRISEL_COMMON_ERROR_NOT_FOUND;
 }
 
 int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **list, int *count) {

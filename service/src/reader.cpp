@@ -19,8 +19,9 @@ constexpr char log_tag[] = "BRISEL_COMMON";
 /* Readers of a WAL store wait for nobody, except while a service that was killed is being cleaned up after. */
 constexpr int busy_ms = 1000;
 
-/* In the texts of the queries: the whole mail, its id first and its body last; the ids that are asked for. */
-constexpr std::string_view mail_mark = "[mail]", ids_mark = "[ids]";
+/* In the texts of the queries: the whole mail, its id first and its body last; the same with the type of the body in
+   its place; the ids that are asked for. */
+constexpr std::string_view mail_mark = "[mail]", head_mark = "[head]", ids_mark = "[ids]";
 #define SCREEN_ORDER "ORDER BY received_time DESC, mail_id"
 #define PLACE "SELECT mail_id, received_time, security_locked FROM mail "
 /* As row_column says. */
@@ -36,6 +37,8 @@ constexpr const char *texts[reader_query_count] = {
     "SELECT account_id, account_value, email_address, display_name FROM account WHERE account_id = ?",
     "SELECT color FROM account WHERE account_id = ?",
     "SELECT [mail] WHERE mail_id = ?",
+    /* The type of a text is told without the text. */
+    "SELECT [head] WHERE mail_id = ?",
     "SELECT [mail] " SCREEN_ORDER,
     "SELECT [mail] WHERE account_id = ? " SCREEN_ORDER,
     ROWS "(VALUES [ids]) CROSS JOIN mail ON mail_id = column1",
@@ -80,7 +83,9 @@ std::string text_of(reader_query which) {
     const size_t at = text.find(mark);
     if (at != std::string::npos) text.replace(at, mark.size(), columns);
   };
-  put(mail_mark, "mail_id, " + mail_columns() + ", text FROM mail LEFT JOIN body USING (mail_id)");
+  const std::string head = "mail_id, " + mail_columns(), tables = " FROM mail LEFT JOIN body USING (mail_id)";
+  put(mail_mark, head + ", text" + tables);
+  put(head_mark, head + ", typeof(text)" + tables);
   std::string ids = "(?)";
   for (int i = 1; i < (which == reader_many_rows ? reader_many : reader_few); i++) ids += ", (?)";
   put(ids_mark, ids);
@@ -178,6 +183,10 @@ int reader_start(reader_query which, sql_statement **query) {
   }
   *query = &s;
   return 0;
+}
+
+int reader_body_beginning(int mail_id, size_t most, std::string *bytes, size_t *size) {
+  return reader.db.beginning("body", "text", mail_id, most, bytes, size);
 }
 
 int reader_done(sql_statement *query, sql_result result) {

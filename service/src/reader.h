@@ -3,6 +3,9 @@
 #ifndef BRISEL_READER_H
 #define BRISEL_READER_H
 
+#include <cstddef>
+#include <string>
+
 #include "platform-sql.h"
 
 enum reader_query {
@@ -11,6 +14,7 @@ enum reader_query {
   reader_account,
   reader_account_color,
   reader_mail,
+  reader_mail_head,
   reader_mails,
   reader_mails_of_account,
   reader_few_rows,
@@ -45,6 +49,8 @@ void reader_release(void);
 /* Readies a query for its values. 0 with *query set, to be given back with reader_done(); 0 with *query NULL when there
    is no store yet, which reads as empty; else a BRISEL_COMMON_ERROR_*. */
 int reader_start(reader_query which, sql_statement **query);
+/* While a query stands on a mail's row: the first bytes of its body, most at most, and how many it has. 0 or -1. */
+int reader_body_beginning(int mail_id, size_t most, std::string *bytes, size_t *size);
 /* Ends a query. result: what its last step returned. 0, or BRISEL_COMMON_ERROR_STORE when that was an error. */
 int reader_done(sql_statement *query, sql_result result);
 

@@ -1,5 +1,6 @@
 /* What mails say is shown and never interpreted, whatever it is and however long. */
 #include "../../app/src/brisel-app-detail-fold.h"
+#include "brisel-body.h"
 #include "reader-test.h"
 
 static std::string repeat(const std::string &text, int times) {
@@ -170,7 +171,7 @@ TEST_F(Texts, LongBodiesAreAllThere) {
   for (size_t i = 0; i < ids.size(); i++) {
     SCOPED_TRACE(table[i].name);
     ASSERT_EQ(brisel_detail_draw_view(ids[i], 0, &test_ad), 0);
-    settle();
+    rest_reader();
     expect_whole(bodies[i]);
     elm_naviframe_item_pop(test_ad.naviframe);
     settle();
@@ -195,6 +196,38 @@ TEST_F(Texts, AMegabyteIsAllThere) {
   EXPECT_NE(laid_out_text().find(body.substr(body.size() - 40)), std::string::npos);
   brisel_detail_body_get(current_page()->detail_layout, &blocks);
   EXPECT_LE(blocks, 12);
+}
+
+/* Pages are built of a long body's beginning; the rest comes to the one that is read, and its notice with it. */
+TEST_F(Texts, TheRestOfALongBodyComesToWhoReadsIt) {
+  std::string lines, quotes;
+  for (int i = 0; i < 4000; i++) lines += "line " + std::to_string(i) + "\n";
+  for (int i = 0; i < 4000; i++) quotes += "> " + std::to_string(i) + "\n";
+  const std::vector<int> ids = mailbox_with(&phone, {"Short", lines + tag_more, quotes + tag_more});
+  const auto shown = [](int slot) {
+    return std::string(brisel_detail_body_get(reader()->page_data[slot]->detail_layout, nullptr));
+  };
+  open_reader(ids[0]);
+  const std::string begun = shown(BRISEL_DETAIL_NEXT_PAGE);
+  EXPECT_GT(begun.size(), 4096u);
+  EXPECT_LT(begun.size(), lines.size() / 2);
+  EXPECT_TRUE(lines.starts_with(begun));
+  EXPECT_EQ(shown(BRISEL_DETAIL_NEXT_NEXT_PAGE), "\xE2\x80\xA6 4,000 quoted lines\n");
+  EXPECT_EQ(part_state(reader()->page_data[BRISEL_DETAIL_NEXT_NEXT_PAGE], "detail.device"), "shown");
+  ASSERT_TRUE(swipe(true));
+  EXPECT_EQ(shown(BRISEL_DETAIL_CUR_PAGE), lines);
+  EXPECT_EQ(part_state(current_page(), "detail.device"), "shown");
+  EXPECT_NE(elm_object_part_content_get(current_page()->detail_layout, "detail.device"), nullptr);
+  close_reader();
+
+  ASSERT_EQ(brisel_detail_draw_view(ids[1], 0, &test_ad), 0); /* a store that fails for a while */
+  current_page()->mail_data->mail_id = 99999;
+  rest_reader();
+  EXPECT_EQ(shown(BRISEL_DETAIL_CUR_PAGE), begun);
+  current_page()->mail_data->mail_id = ids[1];
+  pull_to_end();
+  EXPECT_TRUE(run_until([&] { return shown(BRISEL_DETAIL_CUR_PAGE) == lines; }));
+  EXPECT_EQ(phone.count("more_msg"), 0) << "the phone was asked for what is in the store";
 }
 
 /* The text at the top of the view stays there. */
@@ -338,6 +371,13 @@ TEST_F(Texts, QuotesSignaturesAndAddressesAreShort) {
       EXPECT_EQ(brisel_detail_place_of(shown, piece.source + 1), piece.shown);
       EXPECT_EQ(brisel_detail_place_of(shown, brisel_detail_source_of(shown, piece.shown + piece.shown_length)),
                 piece.shown + piece.shown_length);
+    }
+    /* What is told of a beginning holds for the whole, wherever it ends; its last line may go on. */
+    for (size_t cut = 0; cut < std::min(row.text.size(), (size_t)400); cut++) {
+      std::string beginning = row.text.substr(0, cut);
+      const std::string begun = brisel_detail_fold(&beginning, {}, &test_ad, true).text;
+      const size_t lines = begun.rfind('\n') + 1;
+      ASSERT_EQ(begun.substr(0, lines), shown.text.substr(0, lines)) << "of " << row.text.substr(0, cut);
     }
   }
 }

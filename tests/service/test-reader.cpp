@@ -106,6 +106,7 @@ void expect_all(int status, int status_of_one) {
   for (const auto &[what, got] : rows) EXPECT_EQ(status, got) << what;
   const std::pair<const char *, int> one_rows[] = {
       {"mail", brisel_db_get_full_noti_data_by_mail_id(1, mail)},
+      {"beginning", brisel_db_get_noti_beginning_by_mail_id(1, 8, mail, &number)},
       {"account", brisel_db_get_account_data_by_account_id(1, account)},
       {"color", brisel_util_get_account_color(1, &color)},
   };
@@ -243,12 +244,24 @@ TEST_F(Reader, FieldsComeAsStoredAndWithoutSurprises) {
     EXPECT_TRUE(fields_of(listed) == fields) << fields_of(listed).substr(0, 200);
     EXPECT_TRUE(fields_of(one) == fields) << fields_of(one).substr(0, 200);
     EXPECT_EQ(row_of(listed), fields_of(static_cast<full_noti_data *>(row->data)));
+    int is_whole = 0;
+    EXPECT_EQ(0, brisel_db_get_noti_beginning_by_mail_id(listed->mail_id, 3000000, one, &is_whole));
+    EXPECT_TRUE(fields_of(one) == fields && is_whole) << fields_of(one).substr(0, 200);
     cell = cell->next;
     row = row->next;
   }
   brisel_full_noti_data_list_free(list);
   brisel_full_noti_data_list_free(rows);
   EXPECT_EQ(BRISEL_COMMON_ERROR_NOT_FOUND, brisel_db_get_full_noti_data_by_mail_id(9, one));
+  int is_whole = 0;
+  EXPECT_EQ(BRISEL_COMMON_ERROR_NOT_FOUND, brisel_db_get_noti_beginning_by_mail_id(9, 8, one, &is_whole));
+  run_sql(store_path(), "UPDATE body SET text = 'aé€😀' WHERE mail_id = 2");
+  const char *const beginnings[] = {"a", "a", "aé", "aé", "aé", "aé€", "aé€", "aé€", "aé€", "aé€😀", "aé€😀"};
+  for (int most = 1; most <= 11; most++) {
+    EXPECT_EQ(0, brisel_db_get_noti_beginning_by_mail_id(2, most, one, &is_whole));
+    EXPECT_STREQ(beginnings[most - 1], one->body);
+    EXPECT_EQ(most >= 10, is_whole != 0) << most;
+  }
   brisel_full_noti_data_free(one);
 }
 
