@@ -26,16 +26,19 @@ constexpr int long_time_units = 12; /* a time of day that is longer takes its sh
 
 static UDateTimePatternGenerator *pattern_generator;
 
-/* A row asks for two texts each time it comes into sight, and opening a formatter costs far more than using it.
-   The last few stay open until the locale, the zone or the generator changes: the same pattern in the same locale
-   and zone always gives the same formatter. */
-struct kept_date_format {
-  UDateFormat *format;
+/* A row asks for two texts each time it comes into sight, and opening a formatter costs far more than using it or than
+   giving it another pattern, and takes 60 KiB: there is one, until the locale, the zone or the generator changes. */
+static UDateFormat *kept_date_format;
+static std::u16string kept_date_format_pattern;
+static std::string kept_date_format_locale;
+/* The patterns last asked for. */
+struct kept_date_pattern {
+  std::u16string pattern;
   bool is_skeleton;
-  char source[64]; /* the pattern or skeleton asked for */
-  char locale[locale_bytes];
+  std::string source; /* the pattern or skeleton asked for */
+  std::string locale;
 };
-static kept_date_format kept_date_formats[6];
+static kept_date_pattern kept_date_patterns[6];
 static unsigned kept_date_next;
 static UNumberFormat *kept_number_format;
 static UCalendar *kept_calendar;
@@ -45,10 +48,9 @@ static bool zone_of_c_library;
 static char kept_number_locale[locale_bytes];
 
 static void _drop_kept_formats() {
-  for (kept_date_format &kept : kept_date_formats) {
-    if (kept.format) udat_close(kept.format);
-    kept = {};
-  }
+  if (kept_date_format) udat_close(kept_date_format);
+  kept_date_format = nullptr;
+  for (kept_date_pattern &kept : kept_date_patterns) kept = {};
   if (kept_number_format) unum_close(kept_number_format);
   kept_number_format = nullptr;
   if (kept_calendar) ucal_close(kept_calendar);
@@ -215,10 +217,21 @@ static void _utf8_from_units(char *out, size_t size, const UChar *units, int len
   memcpy(out, whole, strlen(whole) + 1);
 }
 
-static UDateFormat *_open_pattern(const UChar *pattern, int length, const char *locale) {
-  UErrorCode status = U_ZERO_ERROR;
-  UDateFormat *format = udat_open(UDAT_PATTERN, UDAT_PATTERN, locale, nullptr, -1, pattern, length, &status);
-  return U_SUCCESS(status) ? format : nullptr;
+/* The formatter for a pattern, until the next is asked for, or NULL. */
+static UDateFormat *_date_format(const std::u16string &pattern, const char *locale) {
+  if (kept_date_format && kept_date_format_locale == locale) {
+    if (kept_date_format_pattern != pattern)
+      udat_applyPattern(kept_date_format, false, pattern.data(), (int32_t)pattern.size());
+  } else {
+    if (kept_date_format) udat_close(kept_date_format);
+    UErrorCode status = U_ZERO_ERROR;
+    kept_date_format =
+        udat_open(UDAT_PATTERN, UDAT_PATTERN, locale, nullptr, -1, pattern.data(), (int32_t)pattern.size(), &status);
+    if (U_FAILURE(status)) kept_date_format = nullptr;
+    kept_date_format_locale = locale;
+  }
+  kept_date_format_pattern = pattern;
+  return kept_date_format;
 }
 
 /* Some locales spell the time of day out ("hour 10 minute 42 in the afternoon"), which no row has room for. */
@@ -232,7 +245,8 @@ static bool _is_long_time(UDateFormat *format) {
   return false;
 }
 
-static UDateFormat *_open_date_format(const char *source, bool is_skeleton, const char *locale) {
+/* The pattern for a pattern or skeleton, empty when there is none. */
+static std::u16string _find_date_pattern(const char *source, bool is_skeleton, const char *locale) {
   UErrorCode status = U_ZERO_ERROR;
   UChar pattern[pattern_units];
   int32_t length = 0;
@@ -240,46 +254,37 @@ static UDateFormat *_open_date_format(const char *source, bool is_skeleton, cons
   if (is_skeleton && U_SUCCESS(status)) {
     UChar skeleton[pattern_units];
     u_memcpy(skeleton, pattern, length);
-    if (!pattern_generator) return nullptr;
+    if (!pattern_generator) return {};
     length = udatpg_getBestPattern(pattern_generator, skeleton, length, pattern, pattern_units, &status);
   }
-  if (U_FAILURE(status)) return nullptr;
-  UDateFormat *format = _open_pattern(pattern, length, locale);
-  if (!format || !is_skeleton || !strchr(source, 'h') || !_is_long_time(format)) return format;
-  udat_close(format);
-  u_uastrcpy(pattern, "h:mm aaaaa");
-  return _open_pattern(pattern, -1, locale);
+  if (U_FAILURE(status)) return {};
+  const std::u16string found(pattern, length);
+  if (!is_skeleton || !strchr(source, 'h')) return found;
+  UDateFormat *format = _date_format(found, locale);
+  return format && _is_long_time(format) ? u"h:mm aaaaa" : found;
 }
 
-static UDateFormat *_date_format(const char *source, bool is_skeleton, const char *locale, bool *kept_open) {
-  *kept_open = strlen(source) < sizeof(kept_date_format::source) && strlen(locale) < locale_bytes;
-  if (!*kept_open) return _open_date_format(source, is_skeleton, locale);
-  for (kept_date_format &kept : kept_date_formats)
-    if (kept.format && kept.is_skeleton == is_skeleton && !strcmp(kept.source, source) && !strcmp(kept.locale, locale))
-      return kept.format;
-  UDateFormat *format = _open_date_format(source, is_skeleton, locale);
-  if (!format) return nullptr;
-  kept_date_format &slot = kept_date_formats[kept_date_next++ % std::size(kept_date_formats)];
-  if (slot.format) udat_close(slot.format);
-  slot.format = format;
-  slot.is_skeleton = is_skeleton;
-  snprintf(slot.source, sizeof(slot.source), "%s", source);
-  snprintf(slot.locale, sizeof(slot.locale), "%s", locale);
-  return format;
+static const std::u16string &_date_pattern(const char *source, bool is_skeleton, const char *locale) {
+  for (const kept_date_pattern &kept : kept_date_patterns)
+    if (!kept.pattern.empty() && kept.is_skeleton == is_skeleton && kept.source == source && kept.locale == locale)
+      return kept.pattern;
+  kept_date_pattern &slot = kept_date_patterns[kept_date_next++ % std::size(kept_date_patterns)];
+  slot = {_find_date_pattern(source, is_skeleton, locale), is_skeleton, source, locale};
+  return slot.pattern;
 }
 
 /* The formatted instant; empty when ICU cannot. */
 static char *_format_date(const char *source, bool is_skeleton, const char *locale, time_t *t) {
   char text[text_bytes] = "";
-  bool kept_open = false;
-  UDateFormat *format = _date_format(source, is_skeleton, locale ? locale : "", &kept_open);
+  if (!locale) locale = "";
+  const std::u16string &pattern = _date_pattern(source, is_skeleton, locale);
+  UDateFormat *format = pattern.empty() ? nullptr : _date_format(pattern, locale);
   if (format) {
     UChar units[pattern_units];
     UErrorCode status = U_ZERO_ERROR;
     int32_t length = udat_format(format, t ? _icu_time(*t) : 0.0, units, pattern_units, nullptr, &status);
     if (U_SUCCESS(status) || status == U_BUFFER_OVERFLOW_ERROR)
       _utf8_from_units(text, sizeof(text), units, length < pattern_units ? length : pattern_units);
-    if (!kept_open) udat_close(format);
   }
   return strdup(text);
 }
