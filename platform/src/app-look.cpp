@@ -119,8 +119,11 @@ void app_look_start(void) {
   /* Touch first: a finger scrolls and taps, nothing hovers, and no keyboard focus is drawn. */
   elm_config_scroll_thumbscroll_enabled_set(EINA_TRUE);
   elm_config_scroll_thumbscroll_threshold_set(finger_tremble);
-  /* What a finger drags stays under the finger: an average over the last moments would lag behind it. */
-  elm_config_scroll_thumbscroll_smooth_start_set(0.0);
+  /* What a finger drags stays under the finger, from where it came down. An average over the last moments would lag
+     behind it, and the toolkit's takes the corner of the window for a place where the finger was when all its moves are
+     later than the loop's own time: those of a turn that stalls, or of a display server whose clock is ahead. */
+  elm_config_scroll_thumbscroll_smooth_start_set(EINA_FALSE);
+  elm_config_scroll_thumbscroll_smooth_amount_set(0.0);
   /* What it throws goes on at the finger's own speed. At the toolkit's quarter of it, no finger is fast enough on so
      small a screen to make a list coast at all. */
   elm_config_scroll_thumbscroll_sensitivity_friction_set(1.0);
