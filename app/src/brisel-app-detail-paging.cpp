@@ -251,6 +251,13 @@ void __brisel_detail_follow_list(brisel_detail_view *view_data) {
     __brisel_detail_arrange(view_data, view_data->page_data[BRISEL_DETAIL_CUR_PAGE]);
 }
 
+bool __brisel_detail_has_gone(const brisel_detail_view *view_data, int place) {
+  const page_data *page = view_data->is_neighbor_update_due ? __brisel_detail_page_at(view_data, place) : nullptr;
+  if (!page || page == view_data->page_data[BRISEL_DETAIL_CUR_PAGE]) return false;
+  const GList *node = __brisel_detail_get_list_by_mail_id(page->mail_data->mail_id, view_data->ad->mail_list);
+  return !node || ((const item_data *)node->data)->security_locked;
+}
+
 /* --- coming to rest --- */
 
 static Eina_Bool __brisel_detail_page_timer_cb(void *data) {

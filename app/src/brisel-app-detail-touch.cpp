@@ -106,9 +106,14 @@ static bool __brisel_detail_is_tap(const brisel_detail_view *view_data) {
 static void __brisel_detail_lifted(brisel_detail_view *view_data) {
   const detail_stroke *stroke = &view_data->stroke;
   __brisel_detail_unfreeze_all(view_data);
-  /* Before a page is aimed at: one whose mail has gone is none. */
-  __brisel_detail_follow_list(view_data);
+  const double place = __brisel_detail_place_on_screen(view_data);
+  const bool shows_gone = __brisel_detail_has_gone(view_data, (int)std::floor(place)) ||
+                          __brisel_detail_has_gone(view_data, (int)std::ceil(place));
+  /* Before a page is aimed at: one whose mail has gone is none. One that can be seen goes once it has slid out. */
+  if (!shows_gone) __brisel_detail_follow_list(view_data);
   int target = __brisel_detail_target_of(view_data);
+  if (shows_gone && __brisel_detail_has_gone(view_data, target))
+    target = __brisel_detail_place_of_mail(view_data, view_data->mail_id);
   int up = stroke->start.y - stroke->end.y, left = stroke->start.x - stroke->end.x;
   if (!__brisel_detail_touch.is_multi && up >= 2 * elm_config_finger_size_get() && up > abs(left))
     __brisel_detail_pull(view_data);

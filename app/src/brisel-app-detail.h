@@ -233,6 +233,10 @@ double __brisel_detail_place_on_screen(const brisel_detail_view *view_data);
 void __brisel_detail_lose_page(brisel_detail_view *view_data, page_data *page);
 /* Takes over what changed in the list while a finger was down. */
 void __brisel_detail_follow_list(brisel_detail_view *view_data);
+/* Whether it is due, and the list has no page any more for the mail whose page is at that place, beside the current
+ * one.
+ */
+bool __brisel_detail_has_gone(const brisel_detail_view *view_data, int place);
 
 /* --- the fingers on the pages: brisel-app-detail-touch.cpp --- */
 

@@ -342,6 +342,38 @@ TEST_F(Pages, WhatIsShownIsWhatIsActedOn) {
   EXPECT_EQ(on_screen(), current_page());
 }
 
+/* A mail goes while a finger drags towards its page: the current page slides back from where the finger left it. */
+TEST_F(Pages, AMailGoesUnderTheFinger) {
+  fill(6);
+  static int left_at; /* pixels from home, once the lift has been handled */
+  const auto place = [] {
+    int x = 0;
+    evas_object_geometry_get(current_page()->page_layout, &x, nullptr, nullptr, nullptr);
+    return x;
+  };
+  const struct { int opened, goes; } table[] = {{2, 3}, {4, 5}, {1, 0}}; /* one of the middle, the last, the first */
+  for (const auto &row : table) {
+    open_reader(ids[row.opened]);
+    const point at = middle_of(reader()->page_scroller_layout);
+    const int way = row.goes > row.opened ? 20 : -20;
+    touch({at.x + 7 * way, at.y});
+    for (int step = 6; step >= -3; step--) move_finger({at.x + step * way, at.y});
+    rest();
+    EXPECT_EQ(place(), -10 * way);
+    phone.delete_mails({ids[row.goes]});
+    ASSERT_TRUE(run_until([&] { return reader()->is_neighbor_update_due; }));
+    lift();
+    ecore_job_add([](void *data) { left_at = (*(decltype(place) *)data)(); }, (void *)&place); /* behind the lift's */
+    rest_reader();
+    EXPECT_EQ(left_at, -10 * way) << "what is on screen jumped when " << row.goes << " went";
+    EXPECT_EQ(reader()->mail_id, ids[row.opened]);
+    EXPECT_FALSE(reader()->is_neighbor_update_due);
+    EXPECT_EQ(__brisel_detail_place_of_mail(reader(), ids[row.goes]), -1);
+    expect_consistent();
+    close_reader();
+  }
+}
+
 /* A finger moves the pages or the text, whichever it began with: told by the scrollers, because what a slanted stroke
    moves depends on when frames come. */
 TEST_F(Pages, AFingerMovesOneWay) {
