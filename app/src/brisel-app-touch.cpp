@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "brisel-log.h"
+#include "keypad.h"
 
 /* Seconds from the end of the touch that opened something. */
 constexpr double guard_time = 0.3;
@@ -218,7 +219,7 @@ void brisel_touch_leave_key(Evas_Object *object, const char *key) {
 
 /* Whoever moves the focus with keys sees where it is. */
 static void _pane_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
-  if (elm_win_focus_highlight_enabled_get(window)) return;
+  if (elm_win_focus_highlight_enabled_get(window) || keypad_ringed()) return;
   revealed_at = ((Evas_Event_Key_Down *)event_info)->timestamp;
   if (place_focus) place_focus(place_data);
   elm_win_focus_highlight_enabled_set(window, EINA_TRUE);
@@ -249,7 +250,8 @@ void brisel_touch_watch(Evas_Object *win, void (*place)(void *data), void *data)
   place_data = data;
   pane = _add_invisible(evas_object_evas_get(win));
   button_handler = ecore_event_handler_add(ECORE_EVENT_MOUSE_BUTTON_DOWN, _wayland_button_cb, nullptr);
-  for (const char *key : {"Tab", "ISO_Left_Tab", "Up", "Down", "Left", "Right", "Prior", "Next", "Home", "End"})
+  for (const char *key : {"Tab", "ISO_Left_Tab", "Up", "Down", "Left", "Right", "Prior", "Next", "Home", "End", "KP_Up",
+                          "KP_Down", "KP_Left", "KP_Right", "KP_Prior", "KP_Next", "KP_Home", "KP_End"})
     brisel_touch_hear_key(pane, key, EINA_FALSE);
   evas_object_event_callback_add(pane, EVAS_CALLBACK_KEY_DOWN, _pane_key_cb, nullptr);
   evas_object_geometry_set(pane, 0, 0, SHRT_MAX, SHRT_MAX);

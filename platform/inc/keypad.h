@@ -11,5 +11,8 @@
 void keypad_show(void);
 void keypad_hide(void);
 Eina_Bool keypad_shown(void);
+/* Whether a keyboard has brought the ring to one of its keys: the window's own is not to be shown then. It takes that
+   away when it comes, and gives it back when keys leave. */
+Eina_Bool keypad_ringed(void);
 
 #endif

@@ -129,6 +129,7 @@ void app_look_start(void) {
   elm_config_scroll_thumbscroll_sensitivity_friction_set(1.0);
   elm_config_finger_size_set(finger_size);
   elm_config_focus_highlight_enabled_set(EINA_FALSE);
+  elm_config_window_auto_focus_enable_set(EINA_FALSE); /* the application says when it is shown */
   elm_config_item_select_on_focus_disabled_set(EINA_TRUE);
 }
 

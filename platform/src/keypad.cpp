@@ -95,6 +95,7 @@ struct keypad {
 
   Evas_Object *ring = nullptr; /* made when a keyboard first comes down to the keys */
   int ringed = -1;             /* the key it is around */
+  bool took_ring = false;      /* from the entry, which gets it back when keys leave */
 };
 
 keypad pad;
@@ -321,8 +322,9 @@ void use_key(int index) {
 /* --- a keyboard's keys --- */
 
 /* Down from the text's last line comes to the keys, Up from their first row goes back. Letters are typed all the while:
-   the focus stays in the entry. */
-constexpr const char *ring_keys[] = {"Up", "KP_Up", "Left", "KP_Left", "Right", "KP_Right", "Return", "KP_Enter"};
+   the focus stays in the entry, and its cursor says where they go; but the ring is around one thing. */
+constexpr const char *ring_keys[] = {"Up",     "KP_Up",    "Left", "KP_Left", "Right", "KP_Right",
+                                     "Return", "KP_Enter", "Home", "End",     "Prior", "Next"};
 constexpr const char *down_keys[] = {"Down", "KP_Down"};
 
 void hear(const char *key, bool wanted) {
@@ -338,8 +340,12 @@ void ring(int index) {
   pad.ringed = index;
   if (index < 0) {
     evas_object_hide(pad.ring);
+    if (pad.took_ring) elm_win_focus_highlight_enabled_set(pad.win, EINA_TRUE);
+    pad.took_ring = false;
     return;
   }
+  pad.took_ring = true;
+  elm_win_focus_highlight_enabled_set(pad.win, EINA_FALSE);
   if (pad.ring == nullptr) {
     pad.ring = edje_object_add(evas_object_evas_get(pad.win));
     edje_object_file_set(pad.ring, platform_path(THEME_FILE), "elm/focus_highlight/top/default");
@@ -351,6 +357,11 @@ void ring(int index) {
   evas_object_table_pack_get(pad.table, pad.keys[static_cast<size_t>(index)].picture, &column, &row, &columns, &rows);
   evas_object_table_pack(pad.table, pad.ring, column, row, columns, rows);
   evas_object_show(pad.ring);
+}
+
+void touched() {
+  pad.took_ring = false; /* a finger needs none */
+  if (pad.ringed >= 0) ring(-1);
 }
 
 /* The next key that way, in the same row or the nearest of the next one; -1: there is none. */
@@ -434,7 +445,7 @@ void touch_down_cb(void *, Evas *, Evas_Object *, void *info) {
   pad.down_x = event->canvas.x;
   pad.swiped = false;
   pad.repeated = false;
-  if (pad.ringed >= 0) ring(-1);
+  touched();
   press(key_at(event->canvas.x, event->canvas.y));
   if (pad.pressed >= 0 && pad.keys[static_cast<size_t>(pad.pressed)].does == action::backspace)
     pad.repeat = ecore_timer_add(REPEAT_AFTER, repeat_cb, nullptr);
@@ -588,6 +599,7 @@ void watched_deleted_cb(void *, Evas *, Evas_Object *, void *) {
 /* A touch that was no drag and ended on an entry that has, or has just got, the focus. */
 void touched_cb(void *, Evas *, Evas_Object *, void *info) {
   const auto *event = static_cast<const Evas_Event_Mouse_Up *>(info);
+  touched();
   if (event->button != 1 || (event->event_flags & EVAS_EVENT_FLAG_ON_HOLD) != 0) return;
   Evas_Object *focused = elm_object_focused_object_get(pad.win);
   if (!keypad_is_editable_entry(focused)) return;
@@ -697,4 +709,8 @@ void keypad_hide(void) {
 
 Eina_Bool keypad_shown(void) {
   return pad.conformant != nullptr ? EINA_TRUE : EINA_FALSE;
+}
+
+Eina_Bool keypad_ringed(void) {
+  return pad.ringed >= 0 ? EINA_TRUE : EINA_FALSE;
 }

@@ -73,7 +73,9 @@ def test_the_keyboard_alone_does_everything(s):
             s.watch("type", "Yes")
             keys(s, "Menu")
             assert not s.shows("Yes"), "the whole name lies over the text"
-            keys(s, "Menu", "Down", "Down", "Down", "Down", "Right", "Return", "Right", "Return", "Tab", "Return")
+            keys(s, "Menu", "Down")
+            assert ring_rows(s, range(12))[0] > 110, "a ring around the text and around a key"
+            keys(s, "Down", "Down", "Down", "Right", "Return", "Right", "Return", "Tab", "Return")
             equal(asked(s, "reply", 2)["text"], "Yes😂", "the typed reply")
         s.wait(lambda: len(s.titles()) < 4, "the reply view to go")
         keys(s, "Escape")
@@ -88,12 +90,12 @@ def test_the_keyboard_alone_does_everything(s):
     s.wait_text(s.text("IDS_EMAIL_MBODY_EMOTICONS_ABB"))
 
 
-def ring_rows(s):
+def ring_rows(s, columns=range(300, 320)):
     """The rows of pixels that the ring reaches over, for nothing else stands so far out at the right."""
     s.rest()
     s.screenshot(s.dir / "ring.png")
     _, _, rows = read_png(s.dir / "ring.png")
-    return [y for y, row in enumerate(rows) if any(bytes(c[x] for c in row) == ACCENT for x in range(300, 320))]
+    return [y for y, row in enumerate(rows) if any(bytes(c[x] for c in row) == ACCENT for x in columns)]
 
 
 def ring_height(s):

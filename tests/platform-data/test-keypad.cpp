@@ -281,6 +281,33 @@ TEST_F(Keypad, SurvivesTheEndOfWhatItServes) {
   EXPECT_FALSE(keypad_shown());
 }
 
+/* A keyboard's ring is around a key or around the text, and a touch takes it away. */
+TEST_F(Keypad, OneThingIsRinged) {
+  const auto rings = [&] {
+    std::string found = elm_win_focus_highlight_enabled_get(window.win) ? "text " : "";
+    window.each([&](Evas_Object *obj) {
+      const char *group = nullptr;
+      if (strcmp(evas_object_type_get(obj), "edje") == 0) edje_object_file_get(obj, nullptr, &group);
+      if (group != nullptr && strcmp(group, "elm/focus_highlight/top/default") == 0) found += "key ";
+    });
+    return found;
+  };
+  window.tap(entry);
+  elm_win_focus_highlight_enabled_set(window.win, EINA_TRUE);
+  EXPECT_EQ(rings(), "text ");
+  for (const char *key : {"Down", "Home", "Right"}) {
+    window.key(key);
+    EXPECT_EQ(rings(), "key ") << key;
+  }
+  window.key("Up");
+  EXPECT_EQ(rings(), "text ");
+  for (Evas_Object *touched : {entry, key_named("Q")}) {
+    window.key("Down");
+    window.tap(touched);
+    EXPECT_EQ(rings(), "");
+  }
+}
+
 TEST_F(Keypad, WritesTheLanguageOfTheSettings) {
   for (const case_row &row : table_of(CASES, "words: language, keys, what they write", 3)) {
     vconf_set_str(LANGUAGE, row.text(0));
