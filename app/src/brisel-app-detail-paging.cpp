@@ -16,6 +16,9 @@
 constexpr double page_shift_delay = 0.2;
 /* A page that is let go must have come to rest by then, wherever the finger left it. */
 constexpr double page_settle_time = page_shift_delay;
+/* Nearer than this, in pixels, no slide is seen. It would stay at its last pixel for longer than the time after which
+   the page is looked at and, as it stands beside its place, brought in anew: for ever. */
+constexpr double least_slide = 4;
 static const char part_scroller[] = "scroller";
 
 detail_touch __brisel_detail_touch;
@@ -92,7 +95,10 @@ void __brisel_detail_aim_at(brisel_detail_view *view_data, int place) {
   page_data *page = __brisel_detail_page_at(view_data, place);
   if (!page || !__brisel_detail_finish_page(view_data, page)) return;
   view_data->aimed_id = page->mail_data->mail_id;
-  elm_scroller_page_bring_in(view_data->page_scroller, place, 0);
+  if (std::abs(__brisel_detail_place_on_screen(view_data) - place) * view_data->page_width < least_slide)
+    elm_scroller_page_show(view_data->page_scroller, place, 0);
+  else
+    elm_scroller_page_bring_in(view_data->page_scroller, place, 0);
 }
 
 /* --- the box --- */

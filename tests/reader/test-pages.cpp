@@ -233,6 +233,18 @@ TEST_F(Pages, AFlickIsNotUndone) {
   }
 }
 
+/* However near to its place a page was left by what stopped it. */
+TEST_F(Pages, APageComesToRestFromAPixelAway) {
+  fill(3);
+  open_reader(ids[1]);
+  for (const int off : {-2, -1, 1, 2}) {
+    __brisel_detail_hold_pages(reader(), reader()->page_width + off);
+    __brisel_detail_settle_soon(reader());
+    rest_reader();
+    expect_consistent();
+  }
+}
+
 TEST_F(Pages, AFingerHoldsThePagesStill) {
   fill(5);
   open_reader(ids[2]);
