@@ -1,9 +1,12 @@
 #define EFL_BETA_API_SUPPORT /* for the class of objects that have members */
 #include "keypad-find.h"
 
+#include <cstdlib>
 #include <cstring>
 
 namespace {
+
+constexpr int row_cost = 12; /* more than all columns */
 
 bool is_type(const Evas_Object *obj, const char *type) {
   const char *name = obj != nullptr ? evas_object_type_get(obj) : nullptr;
@@ -43,4 +46,21 @@ Evas_Object *keypad_find(Evas_Object *win, bool (*wanted)(Evas_Object *)) {
        obj = evas_object_below_get(obj))
     found = find_in(obj, wanted);
   return found;
+}
+
+int keypad_find_beside(const std::vector<Evas_Object *> &objects, size_t from, int dx, int dy) {
+  std::vector<Eina_Rectangle> places(objects.size());
+  for (size_t i = 0; i < objects.size(); i++)
+    evas_object_geometry_get(objects[i], &places[i].x, &places[i].y, &places[i].w, &places[i].h);
+  const auto middle = [&](size_t i) { return places[i].x + places[i].w / 2; };
+  int best = -1, least = 0;
+  for (size_t i = 0; i < objects.size(); i++) {
+    const int beside = middle(i) - middle(from), below = places[i].y - places[from].y;
+    const bool is_that_way = dx != 0 ? beside * dx > 0 && below == 0 : below * dy > 0;
+    const int cost = std::abs(below) * row_cost + std::abs(beside);
+    if (objects[i] == nullptr || !is_that_way || (best >= 0 && cost >= least)) continue;
+    best = static_cast<int>(i);
+    least = cost;
+  }
+  return best;
 }

@@ -95,7 +95,6 @@ struct keypad {
 
   Evas_Object *ring = nullptr; /* made when a keyboard first comes down to the keys */
   int ringed = -1;             /* the key it is around */
-  bool took_ring = false;      /* from the entry, which gets it back when keys leave */
 };
 
 keypad pad;
@@ -340,11 +339,9 @@ void ring(int index) {
   pad.ringed = index;
   if (index < 0) {
     evas_object_hide(pad.ring);
-    if (pad.took_ring) elm_win_focus_highlight_enabled_set(pad.win, EINA_TRUE);
-    pad.took_ring = false;
+    elm_win_focus_highlight_enabled_set(pad.win, EINA_TRUE);
     return;
   }
-  pad.took_ring = true;
   elm_win_focus_highlight_enabled_set(pad.win, EINA_FALSE);
   if (pad.ring == nullptr) {
     pad.ring = edje_object_add(evas_object_evas_get(pad.win));
@@ -360,29 +357,15 @@ void ring(int index) {
 }
 
 void touched() {
-  pad.took_ring = false; /* a finger needs none */
-  if (pad.ringed >= 0) ring(-1);
+  if (pad.ringed < 0) return;
+  ring(-1);
+  elm_win_focus_highlight_enabled_set(pad.win, EINA_FALSE); /* a finger needs none */
 }
 
-/* The next key that way, in the same row or the nearest of the next one; -1: there is none. */
 int key_beside(int from, int dx, int dy) {
-  std::array<int, KEYS> x, y;
-  for (size_t i = 0; i < KEYS; i++) {
-    int w, h;
-    evas_object_geometry_get(pad.keys[i].picture, &x[i], &y[i], &w, &h);
-    x[i] += w / 2;
-  }
-  const auto at = static_cast<size_t>(from);
-  int best = -1, least = 0;
-  for (size_t i = 0; i < KEYS; i++) {
-    const int beside = std::abs(x[i] - x[at]), below = std::abs(y[i] - y[at]);
-    const bool is_that_way = dx != 0 ? (x[i] - x[at]) * dx > 0 && below == 0 : (y[i] - y[at]) * dy > 0;
-    const int cost = below * COLUMNS * 2 + beside; /* a row counts more than all columns */
-    if (pad.keys[i].does == action::none || !is_that_way || (best >= 0 && cost >= least)) continue;
-    best = static_cast<int>(i);
-    least = cost;
-  }
-  return best;
+  std::vector<Evas_Object *> pictures;
+  for (const key &one : pad.keys) pictures.push_back(one.does == action::none ? nullptr : one.picture);
+  return keypad_find_beside(pictures, static_cast<size_t>(from), dx, dy);
 }
 
 void key_down_cb(void *, Evas *, Evas_Object *, void *info) {
@@ -603,9 +586,9 @@ void touched_cb(void *, Evas *, Evas_Object *, void *info) {
   if (event->button != 1 || (event->event_flags & EVAS_EVENT_FLAG_ON_HOLD) != 0) return;
   Evas_Object *focused = elm_object_focused_object_get(pad.win);
   if (!keypad_is_editable_entry(focused)) return;
-  int x, y, w, h;
-  evas_object_geometry_get(focused, &x, &y, &w, &h);
-  if (event->canvas.x >= x && event->canvas.x < x + w && event->canvas.y >= y && event->canvas.y < y + h) keypad_show();
+  Eina_Rectangle at;
+  evas_object_geometry_get(focused, &at.x, &at.y, &at.w, &at.h);
+  if (eina_rectangle_coords_inside(&at, event->canvas.x, event->canvas.y)) keypad_show();
 }
 
 /* Touches reach the conformant after the widgets in it. It comes later than the window, but before any focus. */
