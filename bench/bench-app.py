@@ -161,13 +161,23 @@ def event_to_row(session, times=7):
     return results
 
 
+def at_rest(session):
+    """The longest turn of the loop so far in ms, once nothing but this question wakes it."""
+    before = json.loads(session.watch("stats"))
+    time.sleep(0.5)
+    after = json.loads(session.watch("stats"))
+    return after["iterations"] - before["iterations"] <= 2 and after["longest_iteration_ns"] / 1e6
+
+
 def live(session, process, count):
     """What the running application does with events, and without any."""
     emit(f"event to its row, {count} mails", "ms", event_to_row(session), *FRAME)
     session.watch("stats", "--reset")
     session.send(1, *[mail(f"Burst {n}", "x", f"Burst {n} <burst@example.org>", T0 + 2000 + n) for n in range(1000)])
-    session.wait(lambda: session.find("Burst 999", part=True), "the burst's last mail", 60)
-    emit(f"longest stall in a burst of 1000, {count} mails", "ms", [json.loads(session.watch("stats"))["longest_iteration_ns"] / 1e6], *FRAME)
+    stall = session.wait(lambda: at_rest(session), "the burst's end", 60)
+    if not session.find("Burst 999", part=True):  # asked behind it: to tell what is on screen is a stall of its own
+        sys.exit("bench-app: the burst's last mail is not on screen")
+    emit(f"longest stall in a burst of 1000, {count} mails", "ms", [stall], *FRAME)
     time.sleep(2)
     before = wakeups(process.pid)
     time.sleep(10)

@@ -88,17 +88,29 @@ class Disk:
     def end(self):
         """KiB and syncs."""
         self.process.terminate()
-        return self.ended()
+        self.process.communicate()
+        return self.count()
 
     def ended(self):
         self.process.communicate()
-        count = collections.Counter()
+        if self.process.returncode:
+            sys.exit(f"bench-battery: {self.process.args[-1]} ended with {self.process.returncode}")
+        return self.count()
+
+    def count(self):
+        count, begun = collections.Counter(), {}  # calls that another process's came between, by their process
         for line in self.out.read_text(errors="replace").splitlines():
-            if "sync(" in line:
+            process, what = line.split(maxsplit=1)
+            if re.match(r"f(data)?sync\(", what):
                 count["syncs"] += 1
-            elif found := re.search(r"write(?:v|64)?\(\d+<(/[^>]*)>.* = (\d+)$", line):
-                if not found[1].startswith("/dev/") and not found[1].endswith("brisel.log"):
-                    count["bytes"] += int(found[2])
+            elif found := re.match(r"p?write(?:v|64)?\(\d+<(/[^>]*)>.* (= (\d+)|<unfinished \.\.\.>)$", what):
+                counts = not found[1].startswith("/dev/") and not found[1].endswith("brisel.log")
+                if found[3]:
+                    count["bytes"] += counts * int(found[3])
+                else:
+                    begun[process] = counts
+            elif found := re.match(r"<\.\.\. p?write(?:v|64)? resumed>.* = (\d+)$", what):
+                count["bytes"] += begun.pop(process, False) * int(found[1])
         return count["bytes"] / 1024, count["syncs"]
 
 
@@ -186,11 +198,16 @@ def draw(session, ids):
         return [pixels / (WIDTH * HEIGHT) for pixels in json.loads(session.watch("stats"))["pixels"]]
 
     def whole(what, action, bare=None, beside=NOTHING[1], seconds=1.0):
-        emit(f"drawn: {what}", "windows", [sum(drawn(action, seconds))], bare and [bare], beside)
+        share = sum(drawn(action, seconds))
+        if bare and not share:
+            sys.exit(f"bench-battery: nothing was drawn though {what}")
+        emit(f"drawn: {what}", "windows", [share], bare and [bare], beside)
 
     def each(what, action, seconds=1.5):
         shares = [share for share in drawn(action, seconds) if share > 0]
-        emit(f"drawn in a frame: {what}", "windows", shares or [0], [1], "the window")
+        if not shares:
+            sys.exit(f"bench-battery: nothing was drawn while {what}")
+        emit(f"drawn in a frame: {what}", "windows", shares, [1], "the window")
 
     def nothing():
         pass

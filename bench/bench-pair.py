@@ -80,7 +80,8 @@ for n in range(20):
     start = time.monotonic()
     ssh.stdin.write(line)
     ssh.stdin.flush()
-    ssh.stdout.readline()
+    if ssh.stdout.readline() != line:
+        sys.exit("bench-pair: the echo is not what was sent")
     if n:  # the first one connects
         echo.append((time.monotonic() - start) * 1e3)
     before, date = pair.m.net.bytes[0], 1791000000 + n
@@ -137,7 +138,9 @@ for name, busy in (("under way", True), ("idle", False)):
             knows.setdefault("phone", time.monotonic() - start)
         time.sleep(0.05)
     for side in ("watch", "phone"):
-        emit(f"a silent cut, {name}: until the {side} knows", "s", [knows.get(side, 120)], None, "a bound that is set")
+        if side not in knows:
+            sys.exit(f"bench-pair: the {side} did not notice a silent cut, {name}, in two minutes")
+        emit(f"a silent cut, {name}: until the {side} knows", "s", [knows[side]], None, "a bound that is set")
     pair.m.heal()
     again = wait(pair.linked, "the link again", pause=0.02)
     for _ in range(10):  # one that is refused is no login

@@ -16,7 +16,7 @@ import time
 for folder in ("bench", "tools"):
     sys.path.insert(0, f"@SOURCE@/{folder}/lib")
 from brisel_servers import PASSWORD, USER, Authority, Dovecot, owner_of_mail  # noqa: E402
-from figures import NOTHING, emit  # noqa: E402
+from figures import NOTHING, emit, wakeups  # noqa: E402
 from mails import message  # noqa: E402
 
 COUNT = int(sys.argv[1]) if len(sys.argv) > 1 else 10000
@@ -52,10 +52,6 @@ class Wire:
 
 def value(path, key):
     return next(int(line.split()[1]) for line in open(path) if line.startswith(key))
-
-
-def switches(pid):
-    return sum(int(line.split()[1]) for line in open(f"/proc/{pid}/status") if "ctxt_switches" in line)
 
 
 def wait(condition, what, seconds=300, pause=0.005):
@@ -165,12 +161,13 @@ def follow(imap, config):
     followers = [int(pid) for pid in open(f"/proc/{relay.pid}/task/{relay.pid}/children").read().split()
                  if b"follow-imap" in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes()]
     time.sleep(2)
-    before = sum(map(switches, [relay.pid, *followers]))
+    before = sum(map(wakeups, [relay.pid, *followers]))
     time.sleep(30)
     emit("wake-ups of relay and follower in 30 idle seconds, IDLE on", "",
-         [sum(map(switches, [relay.pid, *followers])) - before], *NOTHING)
+         [sum(map(wakeups, [relay.pid, *followers])) - before], *NOTHING)
     relay.terminate()
-    relay.wait()
+    if relay.wait():
+        sys.exit(f"bench-post: the relay ended with {relay.returncode}")
 
 
 authority = Authority(SESSION / "ca")

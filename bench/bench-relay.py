@@ -11,7 +11,7 @@ import sys
 import time
 
 sys.path.insert(0, "@SOURCE@/bench/lib")
-from figures import NOTHING, emit  # noqa: E402
+from figures import NOTHING, emit, wakeups  # noqa: E402
 from mails import message  # noqa: E402
 
 COUNT = int(sys.argv[1]) if len(sys.argv) > 1 else 10000
@@ -59,8 +59,15 @@ def on_watch():
     return accounts[0]["on_watch"] if accounts else 0
 
 
-def switches(pid):
-    return sum(int(line.split()[1]) for line in open(f"/proc/{pid}/status") if "ctxt_switches" in line)
+def family():
+    """The relay's process and those it has started, the reader of mail among them."""
+    return [relay.pid, *open(f"/proc/{relay.pid}/task/{relay.pid}/children").read().split()]
+
+
+def end_relay():
+    relay.terminate()
+    if relay.wait():
+        sys.exit(f"bench-relay: the relay ended with {relay.returncode}")
 
 
 def processor_seconds(pid):
@@ -95,21 +102,17 @@ file_kib = sum(file.stat().st_size for file in (BOX / "cur").iterdir()) / COUNT 
 tool("brisel-phone", "account", "list")  # the host service runs from now on
 writer = next(int(p.name) for p in pathlib.Path("/proc").iterdir() if p.name.isdigit() and ours(p))
 written = to_disk(writer)
-start = time.monotonic()
 relay = subprocess.Popen(["brisel-phone", "relay", "--maildir", f"me@example.org={BOX}", "--newest", str(COUNT + 100)])
 wait(lambda: on_watch() >= COUNT, "the first relay", pause=0.2)
-first = time.monotonic() - start
-children = open(f"/proc/{relay.pid}/task/{relay.pid}/children").read().split()
-cpu = sum(processor_seconds(pid) for pid in [relay.pid, *children])
 emit("relay's peak resident memory", "MiB", [value(f"/proc/{relay.pid}/status", "VmHWM:") / 1024],
      [one[2] for one in alone], "the mail library alone")
 emit("bytes to disk per relayed mail, phone", "KiB", [to_disk(relay.pid) / 1024 / COUNT], [file_kib], "its file")
 emit("bytes to disk per relayed mail, watch", "KiB", [(to_disk(writer) - written) / 1024 / COUNT], [file_kib], "its file")
 
 time.sleep(1)
-before = switches(relay.pid)
+before = sum(map(wakeups, family()))
 time.sleep(10)
-emit("relay's wake-ups in 10 idle seconds", "", [switches(relay.pid) - before], *NOTHING)
+emit("relay's wake-ups in 10 idle seconds", "", [sum(map(wakeups, family())) - before], *NOTHING)
 
 tool("brisel-watchctl", "launch")
 shown, looks = [], [look() for _ in range(5)]
@@ -126,8 +129,7 @@ for n in range(5):
 emit("file to screen (seen by asking again and again)", "ms", shown, looks, "asking once")
 for side, pid in ("phone", relay.pid), ("watch", writer):
     emit(f"bytes to disk for a mail that comes, {side}", "KiB", [(to_disk(pid) - before[side]) / 1024 / len(shown)], [file_kib], "its file")
-relay.terminate()
-relay.wait()
+end_relay()
 
 
 def first_relay(program, name):
@@ -149,10 +151,8 @@ def first_relay(program, name):
                 return False  # it has only begun
     wait(arrived, f"the relay of {name}", pause=0.05)
     took = time.monotonic() - start
-    children = open(f"/proc/{relay.pid}/task/{relay.pid}/children").read().split()
-    used = sum(processor_seconds(pid) for pid in [relay.pid, *children])
-    relay.terminate()
-    relay.wait()
+    used = sum(map(processor_seconds, family()))
+    end_relay()
     return took, used
 
 
@@ -165,8 +165,8 @@ for n in range(2 * PAIRS):
     if program == PROGRAMS[0]:
         alone.append(mail_library(BOX / "cur"))
 own, one = ([[sample[i] for sample in took[program]] for i in range(2)] for program in PROGRAMS)
-emit(f"first relay of {COUNT} mails", "s", [first, *own[0]], [one[0] for one in alone], "the mail library alone")
-emit(f"first relay of {COUNT} mails, processor", "s", [cpu, *own[1]], [one[1] for one in alone], "the mail library alone")
+emit(f"first relay of {COUNT} mails", "s", own[0], [one[0] for one in alone], "the mail library alone")
+emit(f"first relay of {COUNT} mails, processor", "s", own[1], [one[1] for one in alone], "the mail library alone")
 emit("relayed, mail read in a process of its own", "mails/s", [COUNT / s for s in own[0]], [COUNT / s for s in one[0]],
      "read by the relay", better="more")
 emit("the same, processor", "s", own[1], one[1], "read by the relay")
