@@ -152,22 +152,27 @@ int append_body(sd_bus_message *m, const host_bus &bus, const std::string &body)
   return r < 0 ? r : sd_bus_message_close_container(m);
 }
 
+/* What the service takes where nothing is said is not said: a field is as much work as a line of text. */
+int append_unless(sd_bus_message *m, int usual, const char *key, int value) {
+  return value == usual ? 0 : append_number(m, key, value);
+}
+
 int append_mail(sd_bus_message *m, const host_bus &bus, const watch_mail &mail) {
   int r = sd_bus_message_open_container(m, 'a', "{sv}");
   if (r >= 0) r = append_text(m, "host_tag", mail.host_tag);
-  if (r >= 0) r = append_number(m, "host_state", mail.host_state);
+  if (r >= 0) r = append_unless(m, 0, "host_state", mail.host_state);
   if (r >= 0) r = sd_bus_message_append(m, "{sv}", "received_time", "x", mail.received_time);
   if (r >= 0) r = append_text(m, "subject", mail.subject);
   if (r >= 0) r = append_body(m, bus, mail.body);
   if (r >= 0) r = append_text(m, "from_address", mail.from_address);
   if (r >= 0) r = append_text(m, "from_name", mail.from_name);
   if (r >= 0) r = append_text(m, "message_uid", mail.message_uid);
-  if (r >= 0) r = append_number(m, "attachment_count", mail.attachment_count);
-  if (r >= 0) r = append_number(m, "has_image", mail.has_image);
-  if (r >= 0) r = append_number(m, "is_new", mail.is_new);
+  if (r >= 0) r = append_unless(m, 0, "attachment_count", mail.attachment_count);
+  if (r >= 0) r = append_unless(m, 0, "has_image", mail.has_image);
+  if (r >= 0) r = append_unless(m, 1, "is_new", mail.is_new);
   if (r >= 0) r = append_number(m, "account_id", mail.account_id);
-  if (r >= 0) r = append_number(m, "security_locked", mail.security_locked);
-  if (r >= 0) r = append_number(m, "is_read", mail.is_read);
+  if (r >= 0) r = append_unless(m, 0, "security_locked", mail.security_locked);
+  if (r >= 0) r = append_unless(m, 0, "is_read", mail.is_read);
   if (r >= 0) r = sd_bus_message_close_container(m);
   return r;
 }
