@@ -96,6 +96,7 @@ struct phone_link {
   uint64_t asked_at = 0;   /* when life was asked for; 0: nothing is waited for */
   uint64_t answer_due = 0; /* until when */
   uint64_t kept_alive_at = 0;
+  uint64_t looked_at = 0; /* whether something came while the loop's thread worked, of CLOCK_MONOTONIC */
   int network_fd = -1;
   std::list<borrower> borrowers;
   sd_event_source *share = nullptr, *share_drop = nullptr;

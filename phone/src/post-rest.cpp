@@ -27,6 +27,10 @@ bool is_there(const std::string &file) {
 
 }  // namespace
 
+bool rest_may_be(const std::string &path) {
+  return is_there(path + rest_folder);
+}
+
 bool rest_is_cut(const std::string &source) {
   std::string file = file_of(source);
   return !file.empty() && is_there(file);

@@ -13,6 +13,8 @@
 
 constexpr char rest_folder[] = "/rest", rest_suffix[] = ".wanted";
 
+/* Can the Maildir at `path` hold such texts? */
+bool rest_may_be(const std::string &path);
 /* Is the text at `source` only a beginning? */
 bool rest_is_cut(const std::string &source);
 /* The message with the whole text; empty while it is not here. */

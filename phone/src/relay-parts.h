@@ -48,6 +48,7 @@ struct followed {
   bool dirty = true;                              /* something may have changed in the mailbox */
   bool unfinished = false;                        /* a file is perhaps still being written */
   bool again = false;                             /* something could not be done that may be possible later */
+  bool beginnings = false;                        /* it may hold messages of which only the beginning is here */
   bool checked = false;                           /* mails were refused, and the watch's list was looked at since */
   int64_t last_batch = 0;                         /* of this run */
   std::set<std::string> rewritten;                /* files that were written to in place */
@@ -88,7 +89,8 @@ struct relay {
 struct listing {
   std::vector<mailbox_item> items;
   std::unordered_map<std::string, size_t> by_key;
-  std::vector<size_t> window; /* the newest ones, newest first */
+  std::vector<relay_row *> rows; /* of each item what is known of it; NULL: nothing yet */
+  std::vector<size_t> window;    /* the newest ones, newest first */
 };
 
 int64_t relay_now(); /* seconds since the epoch */

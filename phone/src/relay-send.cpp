@@ -280,7 +280,7 @@ int read_fetched(followed *a, fetched *f, mime_mail *mail) {
   parser_result result = parser_read(f->raw, mime_limits(), mail, &f->error);
   if (result == PARSER_DONE) {
     f->source = a->settings.kind->source(a->settings.path, *f->item);
-    f->cut = rest_is_cut(f->source);
+    f->cut = a->beginnings && rest_is_cut(f->source);
     if (f->cut) mail->body = rest_surely(mail->body);
     return 0;
   }
@@ -355,7 +355,7 @@ int send_window(followed *a, const listing &l) {
   std::unordered_map<std::string, relay_row *> holders;
   size_t missing = 0;
   for (size_t i : l.window) {
-    relay_row &row = a->rows[l.items[i].key];
+    relay_row &row = *l.rows[i];
     if (!row.identity.empty() && row.state != copy && row.state != waiting) holders.emplace(row.identity, &row);
     missing += row.state == waiting;
   }
@@ -364,14 +364,14 @@ int send_window(followed *a, const listing &l) {
   s.a = a;
   int result = 0;
   const auto is_wanted = [&](size_t i) {
-    const relay_row &row = a->rows[l.items[i].key];
+    const relay_row &row = *l.rows[i];
     return row.state == waiting || (row.state == copy && !holders.count(row.identity));
   };
   fetched_ahead ahead;
   for (auto at = l.window.begin(); at != l.window.end() && result == 0; ++at) {
     if (!is_wanted(*at)) continue;
     const mailbox_item *item = &l.items[*at];
-    relay_row *row = &a->rows[item->key];
+    relay_row *row = l.rows[*at];
     row->state = waiting;
     if (ahead.line.empty() || ahead.line.front().item != item) { /* what was a copy is none any more, or is one now */
       parser_forget();

@@ -1,6 +1,7 @@
 /* Comparing a mailbox with the watch: what belongs there, what leaves it, and read marks both ways. */
 #include <algorithm>
 
+#include "post-rest.h"
 #include "relay-parts.h"
 
 namespace {
@@ -70,15 +71,18 @@ void add_new_rows(followed *a, const listing &l) {
 
 void choose_window(followed *a, listing *l) {
   std::vector<size_t> order;
-  for (size_t i = 0; i < l->items.size(); i++)
-    if (a->rows.count(l->items[i].key)) order.push_back(i);
+  l->rows.assign(l->items.size(), nullptr);
+  for (size_t i = 0; i < l->items.size(); i++) {
+    auto found = a->rows.find(l->items[i].key);
+    if (found == a->rows.end()) continue;
+    l->rows[i] = &found->second;
+    order.push_back(i);
+  }
   int64_t newest = a->settings.newest >= 0 ? a->settings.newest : a->r->settings.newest;
   auto count = static_cast<size_t>(std::min<int64_t>(newest, static_cast<int64_t>(order.size())));
-  std::vector<int64_t> time(l->items.size());
-  for (size_t i : order) time[i] = a->rows[l->items[i].key].time;
   auto later = [&](size_t x, size_t y) {
     const mailbox_item &p = l->items[x], &q = l->items[y];
-    if (time[x] != time[y]) return time[x] > time[y];
+    if (l->rows[x]->time != l->rows[y]->time) return l->rows[x]->time > l->rows[y]->time;
     return p.order != q.order ? p.order > q.order : p.key > q.key;
   };
   std::partial_sort(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(count), order.end(), later);
@@ -114,7 +118,7 @@ void read_names(followed *a, const listing &l) {
   for (const auto &[key, row] : a->rows) leaving = leaving || (!l.by_key.count(key) && row.state != waiting);
   if (!leaving) return;
   for (size_t i : l.window) {
-    relay_row *row = &a->rows[l.items[i].key];
+    relay_row *row = l.rows[i];
     mime_mail mail;
     std::string error;
     if (row->state != waiting || !row->identity.empty() || read_message(a, l.items[i], &mail, &row->size, &error) != 0)
@@ -140,16 +144,17 @@ void inherit(relay_row *to, relay_row *from) {
 
 /* What left the mailbox or the window leaves the watch, unless the same message stands elsewhere in the mailbox. */
 void collect_leaving(followed *a, const listing &l, std::vector<int> *to_delete, std::vector<std::string> *gone) {
-  std::set<std::string> inside;
-  for (size_t i : l.window) inside.insert(l.items[i].key);
+  std::vector<bool> inside(l.items.size());
   std::unordered_map<std::string, relay_row *> heirs;
   for (size_t i : l.window) {
-    relay_row &row = a->rows[l.items[i].key];
+    inside[i] = true;
+    relay_row &row = *l.rows[i];
     if (!row.identity.empty() && (row.state == waiting || row.state == copy)) heirs.emplace(row.identity, &row);
   }
   for (auto &[key, row] : a->rows) {
-    bool here = l.by_key.count(key) > 0;
-    if (here && inside.count(key)) continue;
+    const auto listed = l.by_key.find(key);
+    const bool here = listed != l.by_key.end();
+    if (here && inside[listed->second]) continue;
     bool holds = row.state == relayed || row.state == deleted || row.state == sending;
     auto heir = holds ? heirs.find(row.identity) : heirs.end();
     if (heir != heirs.end()) {
@@ -198,10 +203,10 @@ void delete_in_mailbox(followed *a, const mailbox_item &item, relay_row *row) {
 /* Brings the read marks together: what changed on one side since both agreed goes to the other. Returns 0, or -1 when
    the service is away or cannot write it down. */
 int exchange_seen(followed *a, const listing &l) {
-  for (const mailbox_item &item : l.items) {
-    auto found = a->rows.find(item.key);
-    if (found == a->rows.end()) continue;
-    relay_row *row = &found->second;
+  for (size_t i = 0; i < l.items.size(); i++) {
+    const mailbox_item &item = l.items[i];
+    relay_row *row = l.rows[i];
+    if (!row) continue;
     if (row->want_gone) delete_in_mailbox(a, item, row);
     if (row->want_seen) {
       mark_in_mailbox(a, item, row);
@@ -235,6 +240,7 @@ int remove_leftovers(followed *a) {
 
 int sync_steps(followed *a) {
   listing l;
+  a->beginnings = rest_may_be(a->settings.path); /* its folder is made before any message */
   if (list_mailbox(a, &l) < 0) return -1;
   a->files = static_cast<int64_t>(l.items.size());
   std::vector<int> to_delete;

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <unordered_map>
 
 #include "mail-files.h"
 #include "maildir-names.h"
@@ -28,7 +29,7 @@ int check_maildir(const std::string &path, std::string *error) {
 int list_maildir(const std::string &path, std::vector<mailbox_item> *items, std::string *error) {
   std::vector<maildir_file> files;
   if (maildir_list(path, &files, error) < 0) return -1;
-  std::map<std::string, size_t> known;
+  std::unordered_map<std::string, size_t> known;
   for (const maildir_file &file : files) {
     mailbox_item item;
     item.key = file.base;
