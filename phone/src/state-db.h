@@ -11,7 +11,7 @@ struct phone_state {
   sql_db db;
   std::string error;
   /* Kept ready: they run for every mail that is relayed. */
-  sql_statement add_mail, clear_mail_id, set_mail_id, write_row;
+  sql_statement add_mail, set_mail_id, write_row;
 };
 
 /* The statement that is kept, ready for values. */

@@ -27,11 +27,12 @@ int phone_state_add_mail(phone_state *state, sent_mail *mail) {
 }
 
 int phone_state_set_mail_id(phone_state *state, int64_t row, int mail_id) {
-  /* A number that another mail had belongs to a store that is gone. */
-  sql_statement *clear =
-      state_kept(state, &state->clear_mail_id, "UPDATE mail SET mail_id = NULL WHERE mail_id = ? AND row <> ?");
   sql_statement *set = state_kept(state, &state->set_mail_id, "UPDATE mail SET mail_id = ? WHERE row = ?");
-  if (clear->bind(mail_id, row).run() < 0 || set->bind(mail_id, row).run() < 0)
+  if (set->bind(mail_id, row).run() == 0) return 0;
+  if (state->db.trouble() != sql_trouble::refused) return state_fail(state, "the mail could not be kept");
+  /* A number that another mail had belongs to a store that is gone. */
+  sql_statement clear(&state->db, "UPDATE mail SET mail_id = NULL WHERE mail_id = ? AND row <> ?");
+  if (clear.bind(mail_id, row).run() < 0 || set->bind(mail_id, row).run() < 0)
     return state_fail(state, "the mail could not be kept");
   return 0;
 }

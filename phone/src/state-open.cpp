@@ -124,6 +124,7 @@ phone_state *phone_state_open(std::string *error) {
     *error = "the phone's state folder cannot be made, or is not this user's own";
     return nullptr;
   }
+  sql_count_no_memory();
   phone_state_holder state(new phone_state);
   std::string why;
   if (state->db.open(path, sql_access::create, kWaitMs) == 0 && use_wal(&state->db) == 0 &&

@@ -148,6 +148,7 @@ struct sql_statement {
   /* The value of the next parameter. */
   template <typename T>
   sql_statement &add(const T &value) {
+    clean_ = false;
     if constexpr (std::is_same_v<T, std::nullptr_t>) {
       bind_null(++bound_);
     } else if constexpr (std::is_same_v<T, sql_blob>) {
@@ -183,6 +184,7 @@ struct sql_statement {
   sql_db *db_ = nullptr;
   sqlite3_stmt *statement_ = nullptr;
   int bound_ = 0;
+  bool clean_ = true; /* as reset() leaves it */
   bool broken_ = false;
 };
 

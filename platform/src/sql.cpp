@@ -210,6 +210,7 @@ sql_statement &sql_statement::operator=(sql_statement &&other) noexcept {
   db_ = other.db_;
   statement_ = std::exchange(other.statement_, nullptr);
   bound_ = other.bound_;
+  clean_ = other.clean_;
   broken_ = other.broken_;
   return *this;
 }
@@ -233,9 +234,12 @@ int sql_statement::prepare(sql_db *db, const char *sql, bool kept) {
 void sql_statement::finish(void) {
   sqlite3_finalize(std::exchange(statement_, nullptr));
   bound_ = 0;
+  clean_ = true;
 }
 
 void sql_statement::reset(void) {
+  if (clean_) return;
+  clean_ = true;
   bound_ = 0;
   if (!statement_) return;
   sqlite3_reset(statement_); /* returns again what the last step said */
@@ -262,6 +266,7 @@ void sql_statement::bind_bytes(int index, std::string_view value, bool blob) {
 
 sql_result sql_statement::step(void) {
   if (!statement_ || broken_) return sql_failed;
+  clean_ = false;
   const int result = sqlite3_step(statement_);
   if (result == SQLITE_ROW) return sql_row;
   return db_->note(result) ? sql_failed : sql_done;
