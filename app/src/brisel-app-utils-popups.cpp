@@ -94,6 +94,11 @@ static Evas_Object *_popup_with_focus(const Evas_Object *popup) {
   return at;
 }
 
+/* The toolkit asks what it is given, as the one that manages the focus: no popup does. */
+static void _move_focus(const Evas_Object *popup, bool is_up) {
+  elm_object_focus_next(elm_object_top_widget_get(popup), is_up ? ELM_FOCUS_UP : ELM_FOCUS_DOWN);
+}
+
 /* Up comes to a button in the content, in sight or not, and from there to the beginning of the text, with the focus
    back below; Down scrolls the text. Heard without the focus: with it, the toolkit has gone by then to what is in
    sight. */
@@ -104,7 +109,7 @@ static void _key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   Evas_Object *lower = brisel_stage_style() ? elm_object_part_content_get(obj, "button2") : nullptr;
   const bool is_in_content = button && elm_object_focus_get(button);
   if (top != obj || (is_up && lower && elm_object_focus_get(lower))) {
-    if (top) elm_object_focus_next(top, is_up ? ELM_FOCUS_UP : ELM_FOCUS_DOWN);
+    if (top) _move_focus(top, is_up);
   } else if (is_up && button && !is_in_content) {
     elm_object_focus_set(button, EINA_TRUE);
     _scroll_by_key(scroller, to_the_end);
@@ -112,7 +117,7 @@ static void _key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
     if (_scroll_by_key(scroller, -to_the_end))
       elm_object_focus_set(elm_object_part_content_get(obj, "button1"), EINA_TRUE);
   } else if (is_in_content || !_scroll_by_key(scroller, is_up ? -a_key : a_key)) {
-    if (!brisel_touch_key_reveals(event->timestamp)) elm_object_focus_next(obj, is_up ? ELM_FOCUS_UP : ELM_FOCUS_DOWN);
+    if (!brisel_touch_key_reveals(event->timestamp)) _move_focus(obj, is_up);
   }
 }
 

@@ -182,6 +182,20 @@ TEST_F(popups, LongTextsScrollAndTimeRunsOut) {
   evas_object_del(popup);
 }
 
+TEST_F(popups, KeysLeaveATextWithoutAnError) {
+  Evas_Object *popup = brisel_util_scroll_popup_create(nullptr, test_ad.win_main, nullptr, "A text", answer_cb, 0.0,
+                                                       nullptr, "OK", "No");
+  EXPECT_TRUE(visible("A text"));
+  static int errors;
+  eina_log_print_cb_set([](const Eina_Log_Domain *, Eina_Log_Level level, const char *, const char *, int, const char *,
+                           void *, va_list) { errors += level <= EINA_LOG_LEVEL_ERR; },
+                        nullptr);
+  for (const char *name : {"Down", "Down", "Down", "Up"}) key(name);
+  eina_log_print_cb_set(eina_log_print_cb_stderr, nullptr);
+  EXPECT_EQ(errors, 0) << "the toolkit complained";
+  evas_object_del(popup);
+}
+
 TEST_F(popups, TwoButtonPopupFollowsTheLanguage) {
   const char *const ids[] = {"IDS_EMAIL_HEADER_SET_UP_EMAIL", "IDS_EMAIL_BODY_NO_EMAILS", "IDS_EMAIL_SK_CANCEL_ABB",
                              "IDS_COM_SK_OK"};
