@@ -100,8 +100,8 @@ void put_char(writer *w, uint32_t c) {
   text_append_char(&w->out, c == 0xa0 ? ' ' : c);
 }
 
-/* Signs that are neither blank nor the start of anything: behind one that has been put they only follow. */
-constexpr auto is_letter = [](auto c) { return (c > ' ') & (c < 0x7f) & (c != '&'); };
+/* All other signs are neither blank nor the start of anything: behind one that has been put they only follow. */
+constexpr auto is_no_letter = [](auto c) { return (c <= ' ') | (c >= 0x7f) | (c == '&'); };
 
 void put_text(writer *w, std::string_view text) {
   for (size_t i = 0; i < text.size() && !w->full();) {
@@ -115,10 +115,10 @@ void put_text(writer *w, std::string_view text) {
       }
     }
     auto byte = static_cast<unsigned char>(text[i]);
-    if (is_letter(byte)) {
+    if (!is_no_letter(byte)) {
       put_char(w, byte);
       size_t first = i + 1, room = w->full() ? 0 : w->max - w->out.size();
-      i = text_words_end(text.substr(0, first + std::min(text.size() - first, room)), first, is_letter);
+      i = text_words_end(text.substr(0, first + std::min(text.size() - first, room)), first, is_no_letter);
       w->out.append(text, first, i - first);
     } else if (byte < 0x80) {
       put_char(w, byte);

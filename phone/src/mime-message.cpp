@@ -170,7 +170,10 @@ int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
   std::string lines, storage, addresses;
   raw = from_header(raw.substr(0, limits.message), &lines);
   std::string_view bytes = with_bounded_addresses(bounded(raw, limits, &storage), &addresses);
-  object_holder<GMimeStream> stream(g_mime_stream_mem_new_with_buffer(bytes.data(), bytes.size()));
+  /* The library reads the bytes where they are, and only reads them. */
+  GByteArray array = {reinterpret_cast<guint8 *>(const_cast<char *>(bytes.data())), static_cast<guint>(bytes.size())};
+  object_holder<GMimeStream> stream(g_mime_stream_mem_new_with_byte_array(&array));
+  g_mime_stream_mem_set_owner(GMIME_STREAM_MEM(stream.get()), FALSE);
   object_holder<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
   object_holder<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), header_options()));
   if (!message || !has_known_header(message.get())) {

@@ -33,17 +33,18 @@ std::string content_bytes(GMimePart *part, size_t max) {
   GMimeStream *raw = g_mime_data_wrapper_get_stream(wrapper);
   if (!raw) return "";
   g_mime_stream_reset(raw);
-  object_holder<GMimeStream> stream(g_mime_stream_filter_new(raw));
+  object_holder<GMimeStream> decoded;
   GMimeContentEncoding encoding = g_mime_data_wrapper_get_encoding(wrapper);
   if (encoding == GMIME_CONTENT_ENCODING_BASE64 || encoding == GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE ||
       encoding == GMIME_CONTENT_ENCODING_UUENCODE) {
+    decoded.reset(g_mime_stream_filter_new(raw));
     object_holder<GMimeFilter> decode(g_mime_filter_basic_new(encoding, FALSE));
-    g_mime_stream_filter_add(GMIME_STREAM_FILTER(stream.get()), decode.get());
+    g_mime_stream_filter_add(GMIME_STREAM_FILTER(decoded.get()), decode.get());
   }
   std::string out;
   char buffer[16384];
   while (out.size() < max) {
-    ssize_t got = g_mime_stream_read(stream.get(), buffer, std::min(sizeof buffer, max - out.size()));
+    ssize_t got = g_mime_stream_read(decoded ? decoded.get() : raw, buffer, std::min(sizeof buffer, max - out.size()));
     if (got <= 0) break;
     out.append(buffer, static_cast<size_t>(got));
   }

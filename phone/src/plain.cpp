@@ -147,15 +147,15 @@ size_t rule_end(std::string_view text, size_t at) {
   return at;
 }
 
-/* Neither a blank nor a line's end, nor a byte that begins one. */
-constexpr auto is_ordinary = [](auto c) {
-  return (c != ' ') & (c != '\n') & (c != '\t') & (c != 0xc2) & (c != 0xe2) & (c != 0xe3);
+/* A blank, a line's end, or a byte that may begin a blank. */
+constexpr auto is_white = [](auto c) {
+  return (c == ' ') | (c == '\n') | (c == '\t') | (c == 0xc2) | (c == 0xe2) | (c == 0xe3);
 };
 
 /* The sign at `at` and what only follows it, a mail being made of little else: more of one byte, single blanks between
    them. Returns where it ends. */
 size_t append_ordinary(std::string_view text, size_t at, std::string *out) {
-  const size_t end = text_words_end(text, at + 1, is_ordinary);
+  const size_t end = text_words_end(text, at + 1, is_white);
   out->append(text, at, end - at);
   return end;
 }

@@ -10,15 +10,15 @@ bool is_noncharacter(uint32_t c) {
   return (c >= 0xfdd0 && c <= 0xfdef) || (c & 0xfffe) == 0xfffe;
 }
 
-/* Bytes of valid UTF-8 that stay as they are, whatever stands around them. */
-constexpr auto is_plain = [](auto c) {
-  return (c == '\n') | (c == '\t') | ((c >= 0x20) & (c < 0x7f)) | ((c >= 0x80) & (c != 0xc2) & (c < 0xef));
+/* All other bytes of valid UTF-8 stay as they are, whatever stands around them. */
+constexpr auto is_looked_at = [](auto c) {
+  return ((c < 0x20) & (c != '\n') & (c != '\t')) | (c == 0x7f) | (c == 0xc2) | (c >= 0xef);
 };
 
 }  // namespace
 
 size_t text_ascii_run(std::string_view text) {
-  return text_run_end(text, 0, [](auto c) { return c < 0x80; });
+  return text_run_end(text, 0, [](auto c) { return c >= 0x80; });
 }
 
 void text_append_char(std::string *out, uint32_t character) {
@@ -38,7 +38,7 @@ std::string text_clean(std::string_view text) {
   out.reserve(text.size());
   if (text.starts_with("\xef\xbb\xbf")) text.remove_prefix(3); /* a file's mark, not text */
   for (size_t i = 0; i < text.size(); i++) {
-    const size_t plain = text_run_end(text, i, is_plain);
+    const size_t plain = text_run_end(text, i, is_looked_at);
     out.append(text, i, plain - i);
     i = plain;
     if (i == text.size()) break;
