@@ -96,7 +96,7 @@ std::string host_bus_text(const std::string &text) {
   const char *at = text.data(), *end = at + text.size();
   while (at < end) {
     const char *plain = at;
-    at += strnlen(at, text_ascii_run({at, static_cast<size_t>(end - at)}));
+    at += text_plain_run({at, static_cast<size_t>(end - at)});
     if (!out.empty()) out.append(plain, at);
     if (at == end) break;
     gunichar c = *at ? g_utf8_get_char_validated(at, end - at) : static_cast<gunichar>(-1);

@@ -262,8 +262,8 @@ exchange_result ask(request_kind kind, std::string_view raw, const mime_limits &
 
 /* The answer comes from where foreign bytes ruled: it is believed in nothing. */
 bool is_clean(const std::string &text) {
-  const size_t plain = text_ascii_run(text);
-  return text.find('\0') == std::string::npos &&
+  const size_t plain = text_plain_run(text);
+  return plain == text.size() ||
          g_utf8_validate(text.data() + plain, static_cast<gssize>(text.size() - plain), nullptr);
 }
 

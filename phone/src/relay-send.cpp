@@ -315,6 +315,7 @@ int take(sender *s, fetched *f, relay_row *row, std::unordered_map<std::string, 
     a->unclaimed.erase(there);
     return claim(a, *f, row, mail, mail_id);
   }
+  s->next.reserve(s->most);
   s->next.push_back({row, prepare(a, *f, *row, mail), item.key});
   s->bytes += s->next.back().out.mail.body.size() + kMailOverhead;
   return s->next.size() < s->most && s->bytes < link_flow(a->r->link).bytes ? 0 : flush(s);

@@ -21,6 +21,10 @@ size_t text_ascii_run(std::string_view text) {
   return text_run_end(text, 0, [](auto c) { return c >= 0x80; });
 }
 
+size_t text_plain_run(std::string_view text) {
+  return text_run_end(text, 0, [](auto c) { return (c >= 0x80) | (c == 0); });
+}
+
 void text_append_char(std::string *out, uint32_t character) {
   if (character == 0 || character > 0x10ffff || (character >= 0xd800 && character <= 0xdfff) ||
       is_noncharacter(character))

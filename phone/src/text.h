@@ -7,6 +7,8 @@
 
 /* How many bytes at the start of a text are of seven bits. */
 size_t text_ascii_run(std::string_view text);
+/* The same, up to the first NUL. */
+size_t text_plain_run(std::string_view text);
 
 /* Appends one character; what is none becomes U+FFFD. */
 void text_append_char(std::string *out, uint32_t character);
