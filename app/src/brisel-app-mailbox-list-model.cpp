@@ -414,7 +414,8 @@ static Eina_Bool _row_idler_cb(void *data) {
   _make_rows(ad, rows_at_once);
   if (rowless || places_wait) return ECORE_CALLBACK_RENEW;
   row_idler = nullptr;
-  app_efl_memory_trim(); /* what was read for them */
+  brisel_db_give_back(); /* what was read for them */
+  app_efl_memory_trim();
   return ECORE_CALLBACK_CANCEL;
 }
 

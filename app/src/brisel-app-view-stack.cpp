@@ -91,7 +91,9 @@ static void _transition_finished_cb(void *data, Evas_Object *obj, void *event_in
   if (waiting && elm_naviframe_top_item_get(obj) == waiting) brisel_util_pop_view(obj);
   brisel_view_focus_list(obj);
   /* What pages and their texts took goes back to the system, not only to the next page. */
-  if (elm_naviframe_top_item_get(obj) == elm_naviframe_bottom_item_get(obj)) app_efl_memory_trim_drawn();
+  if (elm_naviframe_top_item_get(obj) != elm_naviframe_bottom_item_get(obj)) return;
+  brisel_db_give_back();
+  app_efl_memory_trim_drawn();
 }
 
 /* A second press of Back while a view slides out is meant for that view: it must not reach the mailbox and send the

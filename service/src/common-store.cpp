@@ -167,6 +167,10 @@ int brisel_db_deinit(void) {
   return 0;
 }
 
+void brisel_db_give_back(void) {
+  if (opened) reader_give_back();
+}
+
 int brisel_db_get_all_account_count(int *count) {
   if (!count) return BRISEL_COMMON_ERROR_INVALID;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;

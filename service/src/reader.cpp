@@ -168,6 +168,10 @@ void reader_release(void) {
   }
 }
 
+void reader_give_back(void) {
+  if (reader.db.is_open() && reader.db.run("PRAGMA shrink_memory")) tell_trouble();
+}
+
 int reader_start(reader_query which, sql_statement **query) {
   *query = nullptr;
   if (!reader.users) return BRISEL_COMMON_ERROR_STORE;

@@ -45,6 +45,8 @@ inline constexpr int reader_few = 16, reader_many = 64;
 /* One user more or less of the connection; it closes with the last. */
 void reader_hold(void);
 void reader_release(void);
+/* At rest: the pages of the store that are kept for the next query are freed. */
+void reader_give_back(void);
 
 /* Readies a query for its values. 0 with *query set, to be given back with reader_done(); 0 with *query NULL when there
    is no store yet, which reads as empty; else a BRISEL_COMMON_ERROR_*. */

@@ -1,6 +1,7 @@
 /* The store as the application reads it: what every call gives for a store that is there, missing, broken or tampered
    with, and who owns what. */
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -177,6 +178,25 @@ TEST_F(Reader, RowsComeInTheOrderAskedForWithoutThoseThatAreGone) {
   EXPECT_EQ(wanted, rows);
   EXPECT_EQ(static_cast<int>(wanted.size()), count);
   brisel_full_noti_data_list_free(list);
+}
+
+TEST_F(Reader, WhatIsKeptToReadFasterIsGivenBack) {
+  make_store();
+  run_sql(
+      store_path(),
+      "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
+      "INSERT INTO mail (mail_id, account_id, received_time, subject) SELECT i, 1, i, printf('%.*c', 100, 's') FROM n");
+  const auto in_use_after = [](int mails) {
+    GSList *list = nullptr;
+    int count = 0;
+    EXPECT_EQ(0, brisel_db_get_noti_rows_after(0, nullptr, mails, &list, &count));
+    EXPECT_EQ(mails, count);
+    brisel_full_noti_data_list_free(list);
+    brisel_db_give_back();
+    return mallinfo2().uordblks;
+  };
+  const size_t before = in_use_after(1);
+  EXPECT_LT(in_use_after(2000), before + 65536);
 }
 
 /* Numbers in the order of the columns, then texts and numbers to call. */
