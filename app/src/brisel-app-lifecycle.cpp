@@ -168,6 +168,8 @@ bool app_create(void *user_data) {
     bindtextdomain(domain, platform_path(BRISEL_LOCALE_DIR));
     bind_textdomain_codeset(domain, "UTF-8");
   }
+  /* The toolkit looks up there what pressing its widgets is called by a screen reader. */
+  textdomain(BRISEL_DOMAIN);
   _set_window_title(ad);
   brisel_view_give_rows_actions();
   plexo_initialize();

@@ -179,7 +179,7 @@ static void _do_bring_back(Elm_Object_Item *it) {
 
 static const brisel_row_action *_actions_of(Elm_Object_Item *it) {
   static constexpr brisel_row_action header[] = {
-      {"activate", nullptr, "Return", _do_open}, {"choose", "IDS_EMAIL_HEADER_ACCOUNTS", nullptr, _do_more}, {}};
+      {"activate", "activate", "Return", _do_open}, {"choose", "IDS_EMAIL_HEADER_ACCOUNTS", nullptr, _do_more}, {}};
   static constexpr brisel_row_action mail[] = {{"open", "IDS_EMAIL_SK_OPEN", "Return", _do_open},
                                                {"delete", "IDS_EMAIL_BODY_DELETE", "Delete", _do_delete},
                                                {"options", "IDS_EMAIL_BODY_MORE_ACTIONS", nullptr, _do_more},

@@ -20,7 +20,7 @@ static void _press(Elm_Object_Item *row) {
 }
 
 static const brisel_row_action *_actions_of(const Eo *row) {
-  static constexpr brisel_row_action pressed[] = {{"activate", nullptr, "Return", _press}, {}};
+  static constexpr brisel_row_action pressed[] = {{"activate", "activate", "Return", _press}, {}};
   const Evas_Object *list = elm_object_item_widget_get((Elm_Object_Item *)row);
   const auto actions_of = list ? (brisel_row_actions_cb)evas_object_data_get(list, actions_key) : nullptr;
   return actions_of ? actions_of((Elm_Object_Item *)row) : pressed;
@@ -47,7 +47,7 @@ static const char *_row_action_name_get(const Eo *row, void *, int id) {
 
 static const char *_row_action_text_get(const Eo *row, void *, int id) {
   const brisel_row_action *action = _action_of(row, id);
-  return !action ? nullptr : action->text_id ? brisel_util_get_text(action->text_id) : action->name;
+  return action ? brisel_util_get_text(action->text_id) : nullptr;
 }
 
 static char *_row_action_key_get(Eo *row, void *, int id) {

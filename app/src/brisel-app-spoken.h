@@ -29,7 +29,7 @@ void brisel_view_set_spoken_tick(Elm_Object_Item *row, bool is_ticked);
 /* What a row can do for who listens. */
 struct brisel_row_action {
   const char *name;    /* in programs; NULL ends an array */
-  const char *text_id; /* what is said, an id of the application's texts; NULL: the name */
+  const char *text_id; /* what is said, an id of the application's texts */
   const char *key;     /* that does the same; NULL: none */
   void (*does)(Elm_Object_Item *row);
 };

@@ -5,6 +5,7 @@
 #include "spoken.h"
 
 #include <Ecore_Evas.h>
+#include <libintl.h>
 
 #include <cstring>
 
@@ -106,6 +107,11 @@ const char *action_name_get(const Eo *, void *, int) {
   return action_name;
 }
 
+/* As the toolkit's buttons look up theirs. */
+const char *action_text_get(const Eo *, void *, int) {
+  return gettext(action_name);
+}
+
 char *action_key_get(Eo *, void *, int) {
   return nullptr; /* none presses it */
 }
@@ -124,8 +130,8 @@ Eina_Bool class_initializer(Efl_Class *klass) {
                  EFL_OBJECT_OP_FUNC(efl_access_component_extents_get, extents_get),
                  EFL_OBJECT_OP_FUNC(efl_access_action_actions_get, actions_get),
                  EFL_OBJECT_OP_FUNC(efl_access_action_name_get, action_name_get),
-                 EFL_OBJECT_OP_FUNC(efl_access_action_localized_name_get, action_name_get),
-                 EFL_OBJECT_OP_FUNC(efl_access_action_description_get, action_name_get),
+                 EFL_OBJECT_OP_FUNC(efl_access_action_localized_name_get, action_text_get),
+                 EFL_OBJECT_OP_FUNC(efl_access_action_description_get, action_text_get),
                  EFL_OBJECT_OP_FUNC(efl_access_action_keybinding_get, action_key_get),
                  EFL_OBJECT_OP_FUNC(efl_access_action_do, action_do));
   return efl_class_functions_set(klass, &ops, nullptr);

@@ -167,6 +167,8 @@ def test_a_reader_that_comes_later_and_another_language_are_told_all(s):
         told = heard(reader, ("page tab", s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3")),
                      ("push button", s.text("IDS_EMAIL_BODY_DELETE")), ("image", s.text("IDS_EMAIL_BODY_THE_PHONE_IS_LINKED")))
         equal(sum(s.text("IDS_EMAIL_BODY_NEW") in name for name in rows(told)), 30, "rows in the other language")
+        for one in (("push button", s.text("IDS_EMAIL_BODY_DELETE")), ("list item", rows(told)[0])):
+            equal(reader.call(reader.places[one], ACTION + ".GetLocalizedName", "0"), f"('{s.text('activate')}',)", one)
         s.scroll()
         s.send(1, mail("Newer", "y", "New <n@b.c>", 1388930000))
         reader.do("push button", s.counted("IDS_EMAIL_BODY_PD_NEW", 1).replace("%d", "1"))
