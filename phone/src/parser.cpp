@@ -37,6 +37,7 @@ enum request_kind : uint32_t { REQUEST_MAIL = 1, REQUEST_ARRIVAL = 2 };
 /* What goes over the socket before the bytes. Both ends are the same program. */
 struct request_head {
   uint32_t kind;
+  uint32_t at_once; /* its answer waits for no other one */
   uint64_t size;
   mime_limits limits;
 };
@@ -69,15 +70,6 @@ struct question {
   bool is_whole() const { return written == size(); }
 };
 
-question question_of(request_kind kind, std::string_view raw, const mime_limits &limits) {
-  question q = {}; /* also what lies between the fields */
-  q.head.kind = kind;
-  q.head.size = raw.size();
-  q.head.limits = limits;
-  q.raw = raw;
-  return q;
-}
-
 constexpr size_t kTaken = 32u << 10; /* bytes taken from the socket at once */
 constexpr int kLookMs = 1000;        /* how often it is looked whether one that says nothing works */
 
@@ -86,11 +78,22 @@ struct parser_process {
   int socket = -1;
   bool told = false; /* that the cage has a hole */
   std::deque<question> ahead;
+  size_t careful = 0; /* so many next questions are answered one by one: one of them may end or hold up the process */
   char bytes[kTaken]; /* came from the socket, the first `taken` of them used */
   size_t came = 0, taken = 0;
 };
 
 parser_process process;
+
+question question_of(request_kind kind, std::string_view raw, const mime_limits &limits) {
+  question q = {}; /* also what lies between the fields */
+  q.head.kind = kind;
+  q.head.at_once = process.careful > 0;
+  q.head.size = raw.size();
+  q.head.limits = limits;
+  q.raw = raw;
+  return q;
+}
 
 int64_t monotonic_seconds() {
   timespec now = {};
@@ -289,15 +292,18 @@ parser_result ask_twice(request_kind kind, std::string_view raw, const mime_limi
   /* A process can be killed for reasons that are not the mail's. One that dies of it twice does so again. */
   for (int attempt = 0; attempt < 2; attempt++) {
     if (start_process(error) < 0) return PARSER_LATER;
-    /* Answers come together: another one may be to blame. The second time there is none. */
-    const bool alone = process.ahead.size() < 2;
+    /* Where answers come together another one may be to blame. The second time there is none. */
+    const size_t waiting = process.ahead.size();
+    const bool alone = waiting < 2 || process.ahead.front().head.at_once;
     exchange_result result = ask(kind, raw, limits, answer, texts);
     if (result == EXCHANGE_DONE) {
       tell_holes(answer->walls);
+      if (process.careful > 0) process.careful--;
       return PARSER_DONE;
     }
     /* Of one that ended by itself the status is its own, not the signal sent here. */
     int status = end_process();
+    process.careful = std::max(process.careful, waiting);
     if (result == EXCHANGE_HUNG && alone) {
       *error = "reading it takes too long";
       return PARSER_SET_ASIDE;
@@ -453,7 +459,7 @@ int parser_serve() {
     for (size_t i = 0; i < kTexts; i++) answer.sizes[i] = texts[i]->size();
     out.append(reinterpret_cast<const char *>(&answer), sizeof answer);
     for (const std::string *text : texts) out += *text;
-    if (out.size() < kTaken && has_another()) continue;
+    if (!head.at_once && out.size() < kTaken && has_another()) continue;
     if (!write_all(out.data(), out.size())) break;
     out.clear();
     if (out.capacity() > (4u << 20)) std::string().swap(out);
