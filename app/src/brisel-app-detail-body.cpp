@@ -52,6 +52,7 @@ struct detail_body {
   int width;                            /* the width that heights were measured with */
   int least_width;                      /* what the part must have for the layout to be as wide as the view */
   double measured_bytes, measured_high; /* what the estimate is made of */
+  bool is_placed;                       /* the layout is in the scroller: until then nothing is above or below a view */
   bool is_resized;                      /* the part or the view has a new size */
   bool first_settled;                   /* the first block has given its unfinished line away */
   size_t top;                           /* offset of the text at the top of the screen; npos: what is above it */
@@ -261,6 +262,7 @@ static void _show_block(detail_body *body, size_t index) {
   }
   evas_object_smart_member_add(block.shown, body->rest);
   evas_object_show(block.shown);
+  evas_object_resize(block.shown, body->width, block.height); /* before its text, which is laid out for it */
   scoped_text markup = _markup_of_block(body, index);
   edje_object_part_text_set(block.shown, body_part, markup ? markup.get() : "");
   bool known = block.measured;
@@ -471,7 +473,7 @@ static void _rest_resize(Evas_Object *obj, Evas_Coord w, Evas_Coord h) {
 
 static void _rest_calculate(Evas_Object *obj) {
   detail_body *body = _body_of(obj);
-  if (!body) return;
+  if (!body || !body->is_placed) return;
   if (body->is_resized) _follow_view_width(body);
   body->is_resized = false;
   _arrange(body);
@@ -539,6 +541,15 @@ void brisel_detail_body_attach(Evas_Object *layout, Evas_Object *scroller) {
   evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _scroller_resized_cb, body);
   evas_object_show(body->rest);
   elm_object_part_content_set(layout, rest_part, body->rest);
+}
+
+void brisel_detail_body_place(Evas_Object *layout) {
+  detail_body *body = _body_of(layout);
+  if (!body) return;
+  elm_object_content_set(body->scroller, layout);
+  evas_object_show(layout);
+  body->is_placed = true;
+  if (body->rest) evas_object_smart_changed(body->rest);
 }
 
 void brisel_detail_body_set(Evas_Object *layout, std::string plain, const std::vector<text_mark> &marks) {

@@ -23,6 +23,8 @@ struct text_mark {
 /* Makes layout (a "brisel/detail" layout inside scroller) able to show bodies. What it makes belongs to the layout and
    goes with it. A theme without the part "detail.body_rest" shows bodies as one text. */
 void brisel_detail_body_attach(Evas_Object *layout, Evas_Object *scroller);
+/* Puts the layout into the scroller and shows it; further blocks are laid out from then on. */
+void brisel_detail_body_place(Evas_Object *layout);
 /* Shows the text literally; plain: as brisel_detail_plain_text() makes it. The blocks that the old and the new text
    share stay as they are, so the reader's place does not move when a body grows. marks (copied): in order. */
 void brisel_detail_body_set(Evas_Object *layout, std::string plain, const std::vector<text_mark> &marks = {});

@@ -95,6 +95,12 @@ static bool __brisel_detail_fill_page(brisel_detail_view *view_data, page_data *
     return false;
   }
   brisel_widget_ref_set(&page->detail_layout, detail);
+  /* The first page is built before its view has a size. Texts that come into a layout without one would be laid out
+     for no width at all, and once more for theirs. */
+  evas_object_geometry_get(view_data->page_width > 0 ? view_data->page_scroller_layout : view_data->ad->naviframe,
+                           nullptr, nullptr, &page->width, &page->height);
+  evas_object_resize(detail, page->width, page->height);
+  evas_object_hide(detail); /* until it has its place: it would lie over the page that is read, and take its touches */
   brisel_detail_body_attach(detail, page->scroller);
   if (page->rest == DETAIL_REST_READ) page->rest = DETAIL_REST_NONE;
   __brisel_detail_draw_view_components(view_data, page);
@@ -120,7 +126,7 @@ static bool __brisel_detail_build_on(brisel_detail_view *view_data, page_data *p
     return __brisel_detail_read_mail(view_data, page);
   }
   if (!page->detail_layout) return __brisel_detail_fill_page(view_data, page);
-  elm_object_content_set(page->scroller, page->detail_layout);
+  brisel_detail_body_place(page->detail_layout);
   page->is_built = 1;
   return true;
 }

@@ -234,11 +234,6 @@ void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_da
   if (view_data->font_size == 0) __brisel_detail_signal(layout, "do-set-fontsize-small");
   if (view_data->font_size == 2) __brisel_detail_signal(layout, "do-set-fontsize-large");
   __brisel_detail_process_signals(layout);
-  /* The first page is built before its view has a size. (The callers hand in a view: the analyzer follows a check for
-     one further down and forgets the uses above.) */
-  // NOLINTNEXTLINE(clang-analyzer-core.NullDereference)
-  evas_object_geometry_get(view_data->page_width > 0 ? view_data->page_scroller_layout : view_data->ad->naviframe,
-                           nullptr, nullptr, &page->width, &page->height);
   __brisel_detail_set_subject(page);
 
   __brisel_detail_draw_device_notice(page);
