@@ -2,6 +2,7 @@
    waits for them. A page stands in its slot from the first step on; what is needed sooner is built to its end then.
    It is built of the beginning of a long body: the rest comes, in two more steps, when it is the one that is read.
    Paging and the main file call it. */
+#include <algorithm>
 #include <cstdlib>
 #include <utility>
 
@@ -195,8 +196,18 @@ static page_data *__brisel_detail_unfinished_page(const brisel_detail_view *view
   return page && page->is_built && page->rest != DETAIL_REST_NONE && !page->is_rest_lost ? page : nullptr;
 }
 
+/* Deletes the first that it finds, or returns false. */
+static bool __brisel_detail_end_leaving(brisel_detail_view *view_data) {
+  Evas_Object **end = view_data->leaving + BRISEL_DETAIL_PAGE_MAX;
+  Evas_Object **layout = std::find_if(view_data->leaving, end, [](const Evas_Object *one) { return one != nullptr; });
+  if (layout == end) return false;
+  brisel_widget_ref_drop(layout);
+  return true;
+}
+
 static Eina_Bool __brisel_detail_build_idler_cb(void *data) {
   brisel_detail_view *view_data = (brisel_detail_view *)data;
+  if (__brisel_detail_end_leaving(view_data)) return ECORE_CALLBACK_RENEW;
   page_data *page = __brisel_detail_unbuilt_page(view_data);
   page_data *unfinished = page ? nullptr : __brisel_detail_unfinished_page(view_data);
   if (unfinished) __brisel_detail_rest_on(view_data, unfinished);
@@ -213,6 +224,16 @@ static Eina_Bool __brisel_detail_build_idler_cb(void *data) {
   return ECORE_CALLBACK_RENEW;
 }
 
+void __brisel_detail_let_go(brisel_detail_view *view_data, Evas_Object *layout) {
+  Evas_Object **end = view_data->leaving + BRISEL_DETAIL_PAGE_MAX,
+              **place = std::find(view_data->leaving, end, nullptr);
+  if (place == end || view_data->is_paused) return evas_object_del(layout);
+  brisel_view_set_spoken(layout, false);
+  evas_object_hide(layout);
+  brisel_widget_ref_set(place, layout);
+  if (!view_data->build_idler) view_data->build_idler = ecore_idler_add(__brisel_detail_build_idler_cb, view_data);
+}
+
 void __brisel_detail_build_soon(brisel_detail_view *view_data) {
   if (page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE]) page->is_rest_lost = 0;
   if (!view_data->build_idler && !view_data->is_paused &&
@@ -223,4 +244,6 @@ void __brisel_detail_build_soon(brisel_detail_view *view_data) {
 void __brisel_detail_stop_building(brisel_detail_view *view_data) {
   if (view_data->build_idler) ecore_idler_del(view_data->build_idler);
   view_data->build_idler = nullptr;
+  while (__brisel_detail_end_leaving(view_data)) {
+  }
 }

@@ -101,11 +101,12 @@ struct brisel_detail_view : brisel_view_head {
   unsigned char is_neighbor_update_due;          /* the list changed while a finger was down */
   ::page_data *standing[BRISEL_DETAIL_PAGE_MAX]; /* pages to be used again while the slots are filled anew */
   detail_stroke stroke;
-  Evas_Object *ring;         /* around what Tab has come to, or NULL */
-  Evas_Object *ringed;       /* the button in it; NULL: a place on the mail's texts */
-  Eina_Rectangle ring_place; /* that place, of the canvas */
-  int ring_at;               /* which of the page's */
-  Ecore_Idler *build_idler;  /* while pages beside are being built */
+  Evas_Object *ring;                            /* around what Tab has come to, or NULL */
+  Evas_Object *ringed;                          /* the button in it; NULL: a place on the mail's texts */
+  Eina_Rectangle ring_place;                    /* that place, of the canvas */
+  int ring_at;                                  /* which of the page's */
+  Ecore_Idler *build_idler;                     /* while pages beside are being built */
+  Evas_Object *leaving[BRISEL_DETAIL_PAGE_MAX]; /* layouts of pages that were turned away from, to be deleted */
   Ecore_Job *lift_job;
   Ecore_Idler *touch_over_idler;
   Evas_Object *gesture_layer;
@@ -169,6 +170,8 @@ void __brisel_detail_finish_rest(const brisel_detail_view *view_data, page_data 
    the store's calls. */
 int __brisel_detail_read(const brisel_detail_view *view_data, const page_data *page, full_noti_data *mail,
                          unsigned char *rest);
+/* Deletes the layout of a page that has left its slot and the box, in a step of its own. */
+void __brisel_detail_let_go(brisel_detail_view *view_data, Evas_Object *layout);
 /* What is left of the pages, and of what changed of their mails, while the loop is idle; nothing while the application
  * is paused. */
 void __brisel_detail_build_soon(brisel_detail_view *view_data);
