@@ -541,6 +541,10 @@ void brisel_detail_body_attach(Evas_Object *layout, Evas_Object *scroller) {
   evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _scroller_resized_cb, body);
   evas_object_show(body->rest);
   elm_object_part_content_set(layout, rest_part, body->rest);
+  /* As wide as the layout is made, before its least size is worked out for the first time; see _follow_view_width. */
+  edje_object_calc_force(elm_layout_edje_get(layout));
+  evas_object_geometry_get(body->rest, nullptr, nullptr, &body->least_width, nullptr);
+  if (body->least_width > 0) evas_object_size_hint_min_set(body->rest, body->least_width, 0);
 }
 
 void brisel_detail_body_place(Evas_Object *layout) {
