@@ -500,6 +500,9 @@ TEST_F(Pages, HundredsOfShiftsLeaveWhatTenLeave) {
     ecore_main_loop_iterate();
     elm_win_render(test_ad.win_main);
     if (shifts != 10 && shifts != 200) continue;
+    /* Pages that were turned away from are taken down in idle steps, and freed with a picture. */
+    ASSERT_TRUE(run_until([] { return !reader()->build_idler; }));
+    elm_win_render(test_ad.win_main);
     settle();
     /* What was freed waits in the toolkit's queue for an idle moment, which this loop never has. */
     eina_freeq_clear(eina_freeq_main_get());
