@@ -57,10 +57,13 @@ page_data *__brisel_detail_draw_bare_page(brisel_detail_view *view_data, int mai
   page->ad = view_data->ad;
   page->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
   page->mail_data = brisel_full_noti_data_create();
-  if (page->mail_data) page->mail_data->mail_id = mail_id;
   if (!page->mail_data) {
     BRISEL_ERROR("brisel_db_full_noti_data_create() failed!");
-  } else if (__brisel_detail_is_in_store(mail_id) || __brisel_detail_read_mail(view_data, page)) {
+    free(page);
+    return nullptr;
+  }
+  page->mail_data->mail_id = mail_id;
+  if (__brisel_detail_is_in_store(mail_id) || __brisel_detail_read_mail(view_data, page)) {
     const char *group = brisel_stage_style() ? "brisel/detail/single_scroller/round" : "brisel/detail/single_scroller";
     if (Evas_Object *root = __brisel_detail_create_layout(view_data->box, group))
       brisel_widget_ref_set(&page->page_layout, root);
