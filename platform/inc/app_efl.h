@@ -39,13 +39,14 @@ struct app_event_callback_s {
   int (*prepare)(void *user_data);
 };
 
+enum { APP_EFL_ALREADY_THERE = 3 }; /* the exit status that data/desktop/brisel-prepared.service.in names */
+
 /* Runs the application: initialises EFL, takes the bus name of the application's id, calls create, delivers the
    launch request of the command line (KEY=VALUE arguments are extra data; with the argument --service there is none:
    the bus brings it; with --prepare there is none before somebody launches the application), runs the main loop and
    calls terminate. When another instance holds the name, the launch request, if there is one, goes to it and the call
    returns at once: 0, or with --prepare APP_EFL_ALREADY_THERE, by which who starts it again and again knows not to. A
    missing bus is logged; the application then runs alone. Returns 0, or non-zero when create failed. */
-enum { APP_EFL_ALREADY_THERE = 3 }; /* the exit status that data/desktop/brisel-prepared.service.in names */
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data);
 /* Names the application before app_efl_main; com.vextora.brisel when never called. id is copied. */
 void app_efl_id_set(const char *id);
