@@ -52,6 +52,8 @@ inline constexpr unsigned pair_id_size = 32, pair_name_max = 64;
 /* Capabilities of the service: AddMails takes "body_zlib" (ay, a zlib stream of the text) in the place of "body";
    there is ListMailIds; who was refused as Busy and stays hears Free. */
 inline constexpr char pair_zlib[] = "zlib", pair_mail_ids[] = "mail_ids", pair_free[] = "free";
+/* Of a phone: it tells what came of replies, and knows one that comes again by its uid. */
+inline constexpr char pair_outcomes[] = "outcomes";
 /* The program that a phone's stream ends at. */
 inline constexpr char pair_gate[] = "brisel-gate";
 /* The Bluetooth profile that both sides register. */

@@ -85,7 +85,7 @@ int read_introduction(sd_bus_message *m, watch_identity *watch) {
 
 int append_introduction(sd_bus_message *m, const phone_identity &me) {
   return sd_bus_message_append(m, "ussas", pair_version, host_bus_text(me.id).c_str(), host_bus_text(me.name).c_str(),
-                               1, pair_zlib);
+                               me.outcomes ? 2 : 1, pair_zlib, pair_outcomes);
 }
 
 /* Whether the error says that nobody knows the call: a service, or a gate, from before it was there. */

@@ -30,6 +30,7 @@ enum host_result {
 /* What each side tells the other of itself before anything else. */
 struct phone_identity {
   std::string id, name;
+  bool outcomes = false; /* it tells what came of replies */
 };
 struct watch_identity {
   unsigned version = 1; /* 1: it has no Introduce */

@@ -83,6 +83,7 @@ phone_link *link_open(phone_state *state, const link_handlers *handlers, void *u
   link->state = state;
   link->handlers = handlers;
   link->user_data = user_data;
+  link->me.outcomes = handlers->tells_outcomes;
   link->last_seen = link_report_read(state).last_seen;
   if (set_up(link.get(), error) < 0) return nullptr;
   bool session = link->target.address.kind == carrier_kind::session;
@@ -141,8 +142,7 @@ void link_fail(phone_link *link, const std::string &error) {
 
 void link_close(phone_link *link) {
   if (!link) return;
-  for (sd_event_source *source : {link->retry, link->take, link->resend, link->say})
-    sd_event_source_disable_unref(source);
+  for (sd_event_source *source : {link->retry, link->take, link->resend}) sd_event_source_disable_unref(source);
   if (link->connected) link_is_down(link, "");
   share_end(link);
   stream_end(link);

@@ -70,10 +70,9 @@ struct phone_link {
   host_bus_holder bus;
   sd_event *event = nullptr;
   int stop_fd = -1; /* written to by SIGTERM and SIGINT */
-  sd_event_source *retry = nullptr, *take = nullptr, *resend = nullptr, *say = nullptr;
+  sd_event_source *retry = nullptr, *take = nullptr, *resend = nullptr;
   std::deque<waiting_request> requests;
   std::list<waiting_more> more;
-  std::deque<waiting_request> unsaid; /* kept here, of which the service does not know that they are */
   bool connected = false;
   std::string owner; /* the service process that is connected */
   uint64_t connected_at = 0;

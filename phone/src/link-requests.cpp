@@ -19,9 +19,6 @@ constexpr size_t kSecond = 8, kThird = 64; /* how many first pieces the watch ha
 constexpr int kUnknownMail = 1;            /* what the service is told when there is no more to give */
 
 constexpr int kNotNow = 2;
-/* Microseconds that a reply's outcome is waited for before the service hears that the reply is here. Until then the
-   request stays with it: what ends meanwhile is sent it again, and knows it. */
-constexpr uint64_t kOutcomeComes = 2000000;
 constexpr uint64_t kServer = 25000000; /* microseconds that a server has to give more of a text */
 
 void await_more(phone_link *link, const waiting_request &r, const nlohmann::json &request, const std::string &source);
@@ -128,20 +125,6 @@ void acknowledge(phone_link *link, int64_t id) {
   if (phone_state_set_acknowledged(link->state, id) < 0) link_log(phone_state_error(link->state));
 }
 
-int say_cb(sd_event_source *source, uint64_t usec, void *user_data) {
-  auto *link = static_cast<phone_link *>(user_data);
-  const std::deque<waiting_request> unsaid = std::exchange(link->unsaid, {});
-  for (const waiting_request &r : unsaid)
-    if (link->connected) acknowledge(link, r.id);
-  return 0;
-}
-
-/* The first that waits sets the time; those behind it wait less. */
-void acknowledge_later(phone_link *link, const waiting_request &r) {
-  link->unsaid.push_back(r);
-  if (link->unsaid.size() == 1) link_timer(link, &link->say, kOutcomeComes, say_cb);
-}
-
 void take_request(phone_link *link, const waiting_request &r) {
   nlohmann::json request = nlohmann::json::parse(r.line, nullptr, false);
   bool good = well_formed(request);
@@ -164,8 +147,7 @@ void take_request(phone_link *link, const waiting_request &r) {
     return;
   }
   link->resend_delay = 0;
-  fresh == 1 && good && link->handlers->tells_outcomes && !r.uid.empty() ? acknowledge_later(link, r)
-                                                                         : acknowledge(link, r.id);
+  acknowledge(link, r.id);
 }
 
 int take_cb(sd_event_source *source, void *user_data) {
@@ -232,15 +214,6 @@ void hear_what_came(phone_link *link) {
 
 }  // namespace
 
-void link_outcome_told(phone_link *link, const std::string &uid) {
-  const auto said =
-      std::find_if(link->unsaid.begin(), link->unsaid.end(), [&](const waiting_request &r) { return r.uid == uid; });
-  if (said == link->unsaid.end()) return;
-  if (phone_state_set_acknowledged(link->state, said->id) < 0) link_log(phone_state_error(link->state));
-  link->unsaid.erase(said);
-  if (link->unsaid.empty()) sd_event_source_set_enabled(link->say, SD_EVENT_OFF);
-}
-
 int requests_start(phone_link *link) {
   int r = sd_event_add_defer(link->event, &link->take, take_cb, link);
   return r < 0 ? r : sd_event_source_set_enabled(link->take, SD_EVENT_OFF);
@@ -254,7 +227,6 @@ waiting_more::~waiting_more() {
 void requests_forget(phone_link *link) {
   link->more.clear();
   link->requests.clear();
-  link->unsaid.clear();
   if (link->resend) sd_event_source_set_enabled(link->resend, SD_EVENT_OFF);
 }
 

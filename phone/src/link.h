@@ -28,8 +28,8 @@ struct link_handlers {
   int (*keep)(phone_link *link, const nlohmann::json &request, const std::string &uid, void *user_data);
   /* The same request after it is on disk. */
   void (*kept)(phone_link *link, const nlohmann::json &request, const std::string &line, void *user_data);
-  /* The service is told what came of requests that have a uid (link_outcome_told), mostly in a moment: by that it knows
-     too that they are here, and waits for its disk once instead of twice. */
+  /* Whether keep() knows a uid again from whichever service it comes, and the service is told what came of it: mostly
+     in a moment, so that it waits for its disk once and not twice. */
   bool tells_outcomes = false;
 };
 
@@ -55,8 +55,6 @@ bool link_is_connected(phone_link *link);
 /* Work that takes the loop's thread for long calls this now and then: the watch then knows that the phone lives, and
    who waits there for more of a text gets it. Not inside a change of the state. */
 void link_stay_alive(phone_link *link);
-/* The service has on its disk what came of the request of this uid. */
-void link_outcome_told(phone_link *link, const std::string &uid);
 /* Has the service send what could not be kept once more, now: before the answer of the next call. */
 void link_ask_waiting(phone_link *link);
 /* Takes every request that the service sent before it answered the last call, now. Returns 0, or -1 when one could not

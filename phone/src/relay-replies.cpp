@@ -126,7 +126,6 @@ int tell_outcome(relay *r, const reply_entry &entry, const reply_outcome &outcom
   std::string error;
   int result = host_outcome(link_bus(r->link), entry.uid, outcome.state, outcome.reason, &error);
   if (result == HOST_OK || result == HOST_REFUSED) { /* what it refuses once it refuses always */
-    if (result == HOST_OK) link_outcome_told(r->link, entry.uid);
     if (result == HOST_REFUSED)
       link_log("reply " + std::to_string(entry.id) + ": the watch was told in vain: " + error);
     if (reply_set_told(r->state.get(), entry.id, told, entry.state == reply_state::dropped) == 0) return 0;

@@ -31,6 +31,10 @@ const char *reply_state_name(reply_state state) {
 }
 
 int reply_add(phone_state *state, int account_id, const new_reply &reply) {
+  /* A service that was killed before it wrote down that the reply is here sends it once more. */
+  sql_statement known(&state->db, "SELECT 1 FROM outbox WHERE uid = ? AND uid <> ''");
+  const sql_result is_known = known.bind(reply.uid).step();
+  if (is_known != sql_done) return is_known == sql_row ? 0 : state_fail(state, kCannotRead);
   /* What the watch was told is refused waits there. */
   sql_statement waiting(&state->db,
                         "SELECT count(*), total(length(message)) FROM outbox WHERE state <> ? AND"

@@ -33,7 +33,7 @@ struct new_reply {
   std::string uid, recipient, subject, message;
   std::string error; /* not empty: why it cannot be sent */
 };
-/* Puts a reply in: queued, or held. */
+/* Puts a reply in: queued, or held. One whose uid is there already is the same. */
 int reply_add(phone_state *state, int account_id, const new_reply &reply);
 /* Every entry, oldest first. */
 int reply_list(phone_state *state, std::vector<reply_entry> *entries);

@@ -37,6 +37,7 @@ struct introduced_phone {
   std::string connection; /* its unique name on the bus */
   std::string id;         /* empty: it did not say */
   std::string name;       /* for people */
+  bool outcomes = false;  /* it tells what came of replies */
 };
 
 struct notifier;
@@ -48,6 +49,9 @@ struct host {
   int64_t announced = 0; /* the newest change told to clients */
   std::string phone;     /* unique name of the connected phone; empty: none */
   std::string phone_id, phone_name;
+  bool phone_tells = false;              /* what came of replies */
+  std::vector<std::string> acknowledged; /* uids of replies that a phone has, which is not on disk yet */
+  sd_event_source *acknowledged_turn = nullptr;
   std::vector<introduced_phone> introduced;
   sd_bus_track *refused = nullptr; /* connections that are to hear when the phone has left */
   std::string watch_id;
@@ -141,6 +145,11 @@ int link_connect(host *h, const char *sender, sd_bus_error *error);
 void link_send_waiting(host *h);
 /* The phone left, or the service ends. */
 void link_disconnect(host *h);
+/* The connected phone has a request on its disk. A reply of a phone that will tell what came of it is written down with
+   that, or after two seconds, or as soon as anybody else could be sent it. */
+store_status link_acknowledge(host *h, int64_t id);
+/* What came of a reply is on disk, and with it that the phone has it. */
+void link_outcome_kept(host *h, const std::string &uid);
 /* Sends a request to the phone, if there is one. uid: of a reply; else empty. */
 void link_send(host *h, int64_t id, const std::string &json, const std::string &uid);
 /* Handles MoreMsg; answers m later. */

@@ -115,6 +115,7 @@ int serve(host *h) {
   /* No service, no link: the phone connects again to the next one. */
   link_disconnect(h);
   mails_drop(h);
+  sd_event_source_disable_unref(h->acknowledged_turn);
   sd_event_source_disable_unref(h->folder_watch);
   sd_event_source_disable_unref(h->file_retry);
   notify_stop(h);

@@ -45,7 +45,7 @@ std::string name_of_watch(void) {
   return clean_name(name, "watch");
 }
 
-int read_capabilities(sd_bus_message *m, sd_bus_error *error) {
+int read_capabilities(sd_bus_message *m, bool *outcomes, sd_bus_error *error) {
   int r = sd_bus_message_enter_container(m, 'a', "s");
   size_t count = 0;
   while (r >= 0) {
@@ -54,6 +54,7 @@ int read_capabilities(sd_bus_message *m, sd_bus_error *error) {
     if (r <= 0) break;
     if (++count > capabilities_max || strlen(text) > pair_name_max)
       return sd_bus_error_set(error, host_error_invalid, "too many capabilities");
+    *outcomes = *outcomes || strcmp(text, pair_outcomes) == 0;
   }
   return r < 0 ? r : sd_bus_message_exit_container(m);
 }
@@ -100,11 +101,12 @@ void pair_keep_id(const host *h) {
 int pair_introduce(sd_bus_message *m, void *data, sd_bus_error *error) {
   auto *h = static_cast<host *>(data);
   uint32_t version = 0;
+  bool outcomes = false;
   std::string id, name;
   int r = sd_bus_message_read_basic(m, 'u', &version);
   if (r >= 0) r = host_read_text(m, "phone_id", pair_id_size, &id, error);
   if (r >= 0) r = host_read_text(m, "phone_name", pair_name_max, &name, error);
-  if (r >= 0) r = read_capabilities(m, error);
+  if (r >= 0) r = read_capabilities(m, &outcomes, error);
   if (r < 0) return r;
   if (!is_id(id)) return sd_bus_error_set(error, host_error_invalid, "phone_id is not 32 hexadecimal digits");
   if (version < pair_version_least)
@@ -113,7 +115,7 @@ int pair_introduce(sd_bus_message *m, void *data, sd_bus_error *error) {
   const char *sender = sd_bus_message_get_sender(m);
   std::erase_if(h->introduced, [&](const introduced_phone &one) { return one.connection == sender; });
   if (h->introduced.size() >= introduced_max) h->introduced.erase(h->introduced.begin());
-  h->introduced.push_back({sender, id, clean_name(name, "another phone")});
+  h->introduced.push_back({sender, id, clean_name(name, "another phone"), outcomes});
   return sd_bus_reply_method_return(m, "ussas", pair_version, h->watch_id.c_str(), name_of_watch().c_str(), 3,
                                     pair_zlib, pair_mail_ids, pair_free);
 }
@@ -121,7 +123,7 @@ int pair_introduce(sd_bus_message *m, void *data, sd_bus_error *error) {
 introduced_phone pair_identity(const host *h, const char *connection) {
   for (const introduced_phone &one : h->introduced)
     if (one.connection == connection) return one;
-  return {connection, "", "another phone"};
+  return {connection, "", "another phone", false};
 }
 
 int pair_check_program(sd_bus_message *m, sd_bus_error *error) {

@@ -216,7 +216,7 @@ int ack(sd_bus_message *m, void *data, sd_bus_error *error) {
   const int r = sd_bus_message_read_basic(m, 'x', &id);
   if (r < 0) return r;
   if (!is_phone(h, m)) return invalid(error, "only the connected phone acknowledges requests");
-  return finish(h, m, store_outbox_remove(h->st, id), error);
+  return finish(h, m, link_acknowledge(h, id), error);
 }
 
 /* What came of a request that was acknowledged, as often as the phone likes. */
@@ -237,6 +237,7 @@ int outcome(sd_bus_message *m, void *data, sd_bus_error *error) {
     if (strcmp(state, name) != 0) continue;
     bool refused = false;
     const store_status status = store_set_outcome(h->st, uid, known, reason, &refused);
+    if (!status) link_outcome_kept(h, uid);
     if (!status && refused) notify_reply_refused(h);
     return finish(h, m, status, error);
   }

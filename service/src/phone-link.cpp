@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -12,6 +13,8 @@
 namespace {
 
 constexpr unsigned refused_max = 64; /* connections; those that end are forgotten */
+/* Microseconds that what comes of a reply is waited for: mostly it is sent in a moment. */
+constexpr uint64_t outcome_comes = 2000000;
 
 void set_link(host *h, bool up) {
   /* The store says so first: after a kill in between, the next start knows that the setting may be ours to take back.
@@ -98,6 +101,39 @@ void tell_connection(host *h, const std::string &connection, const char *what) {
   if (r < 0) fprintf(stderr, "brisel-hostd: a connection could not be told: %s: %s\n", what, strerror(-r));
 }
 
+/* On disk, before anybody could be sent them again. What fails stays, for whoever comes next. */
+store_status write_acknowledged(host *h) {
+  if (h->acknowledged.empty()) return store_ok;
+  const store_status status = store_outbox_remove_replies(h->st, h->acknowledged);
+  if (status) return status;
+  h->acknowledged.clear();
+  if (h->acknowledged_turn) sd_event_source_set_enabled(h->acknowledged_turn, SD_EVENT_OFF);
+  if (sd_bus_is_open(h->bus) > 0) host_announce(h); /* the end of the service closed it before: the next one tells */
+  return store_ok;
+}
+
+void try_acknowledged(host *h) {
+  if (write_acknowledged(h)) fprintf(stderr, "brisel-hostd: %s\n", store_error(h->st).c_str());
+}
+
+int acknowledged_cb(sd_event_source *source, uint64_t usec, void *data) {
+  try_acknowledged(static_cast<host *>(data));
+  return 0;
+}
+
+/* The first that waits sets the time; those behind it wait less. */
+int start_acknowledged_turn(host *h) {
+  if (h->acknowledged_turn && sd_event_source_get_enabled(h->acknowledged_turn, nullptr) > 0) return 0;
+  uint64_t now = 0;
+  int r = sd_event_now(h->event, CLOCK_MONOTONIC, &now);
+  if (r < 0) return r;
+  if (!h->acknowledged_turn)
+    return sd_event_add_time(h->event, &h->acknowledged_turn, CLOCK_MONOTONIC, now + outcome_comes, 0, acknowledged_cb,
+                             h);
+  r = sd_event_source_set_time(h->acknowledged_turn, now + outcome_comes);
+  return r < 0 ? r : sd_event_source_set_enabled(h->acknowledged_turn, SD_EVENT_ONESHOT);
+}
+
 /* The connection before is told, and what it was asked and did not answer has failed. The link stays up. */
 void replace_phone(host *h) {
   tell_connection(h, h->phone, "Replaced");
@@ -113,6 +149,7 @@ void link_reset(host *h) {
 }
 
 int link_connect(host *h, const char *sender, sd_bus_error *error) {
+  if (const store_status status = write_acknowledged(h)) return host_fail(h, status, error);
   if (h->phone == sender) return 0;
   const introduced_phone who = pair_identity(h, sender);
   const bool again = !who.id.empty() && who.id == h->phone_id;
@@ -140,6 +177,7 @@ int link_connect(host *h, const char *sender, sd_bus_error *error) {
   h->phone = sender;
   h->phone_id = who.id;
   h->phone_name = who.name;
+  h->phone_tells = who.outcomes;
   if (!was_up) set_link(h, true);
   return 0;
 }
@@ -161,6 +199,7 @@ void link_send_waiting(host *h) {
 }
 
 void link_disconnect(host *h) {
+  try_acknowledged(h);
   if (h->phone.empty()) return;
   h->phone.clear();
   h->phone_id.clear();
@@ -171,6 +210,19 @@ void link_disconnect(host *h) {
   for (const char *name = sd_bus_track_first(h->refused); name; name = sd_bus_track_next(h->refused))
     tell_connection(h, name, "Free");
   h->refused = sd_bus_track_unref(h->refused);
+}
+
+store_status link_acknowledge(host *h, int64_t id) {
+  const std::string uid = h->phone_tells ? store_outbox_reply(h->st, id) : std::string();
+  if (uid.empty()) return store_outbox_remove(h->st, id);
+  if (std::find(h->acknowledged.begin(), h->acknowledged.end(), uid) == h->acknowledged.end())
+    h->acknowledged.push_back(uid);
+  return start_acknowledged_turn(h) < 0 ? write_acknowledged(h) : store_ok;
+}
+
+void link_outcome_kept(host *h, const std::string &uid) {
+  std::erase(h->acknowledged, uid);
+  if (h->acknowledged.empty() && h->acknowledged_turn) sd_event_source_set_enabled(h->acknowledged_turn, SD_EVENT_OFF);
 }
 
 void link_send(host *h, int64_t id, const std::string &json, const std::string &uid) {

@@ -39,6 +39,16 @@ store_status forget(store *st, int64_t id) {
   return status ? status : run_sql(st, "DELETE FROM outbox WHERE id = ?", id);
 }
 
+/* The phone has it. */
+store_status hand_over(store *st, int64_t id) {
+  store_status status = run_sql(st, "DELETE FROM outbox WHERE id = ?", id);
+  if (!status)
+    status = run_sql(
+        st, journal_sql("UPDATE journal SET state = [handed over], changed = ? WHERE id = ? AND state = [waits]"),
+        now_seconds(), id);
+  return status || st->db.changed() == 0 ? status : tell(st, id);
+}
+
 }  // namespace
 
 store_status journal_prune(store *st) {
@@ -83,21 +93,35 @@ store_status journal_of_mails(store *st, int kind, const std::vector<int> &ids, 
 }
 
 store_status store_outbox_remove(store *st, int64_t id) {
-  const auto remove = [&] {
-    return transaction(st, [&]() -> store_status {
-      store_status status = run_sql(st, "DELETE FROM outbox WHERE id = ?", id);
-      if (!status)
-        status = run_sql(
-            st, journal_sql("UPDATE journal SET state = [handed over], changed = ? WHERE id = ? AND state = [waits]"),
-            now_seconds(), id);
-      return status || st->db.changed() == 0 ? status : tell(st, id);
-    });
-  };
+  const auto remove = [&] { return transaction(st, [&] { return hand_over(st, id); }); };
   /* A deletion or a mark that goes out again after the power went is done twice and the same. */
   sql_statement find(&st->db, journal_sql("SELECT 1 FROM journal WHERE id = ? AND kind = [reply]"));
   const bool is_reply = find.bind(id).step() == sql_row;
   find.finish();
   return is_reply ? remove() : unhurried(st, remove);
+}
+
+std::string store_outbox_reply(store *st, int64_t id) {
+  sql_statement find(&st->db,
+                     journal_sql("SELECT uid FROM journal WHERE id = ? AND kind = [reply] AND state = [waits]"));
+  return find.bind(id).step() == sql_row ? find.text(0) : std::string();
+}
+
+store_status store_outbox_remove_replies(store *st, const std::vector<std::string> &uids) {
+  return transaction(st, [&]() -> store_status {
+    sql_statement find(&st->db,
+                       journal_sql("SELECT id FROM journal WHERE uid = ? AND kind = [reply] AND state = [waits]"));
+    for (const std::string &uid : uids) {
+      const sql_result r = find.bind(uid).step();
+      if (r == sql_failed) return fail_sql(st);
+      if (r == sql_done) continue;
+      const int64_t id = find.number(0);
+      find.reset();
+      const store_status status = hand_over(st, id);
+      if (status) return status;
+    }
+    return store_ok;
+  });
 }
 
 store_status store_phone_came(store *st) {

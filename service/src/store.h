@@ -133,6 +133,10 @@ store_status store_request_reply(store *st, const store_request &asked, const re
 store_status store_outbox(store *st, std::vector<outbox_entry> *entries);
 /* The phone has it. An id that is not there (any more) is no error. */
 store_status store_outbox_remove(store *st, int64_t id);
+/* The uid of the request, if it is a reply that the phone does not have yet. */
+std::string store_outbox_reply(store *st, int64_t id);
+/* The phone has all of these replies, named by their uids. */
+store_status store_outbox_remove_replies(store *st, const std::vector<std::string> &uids);
 /* An id for a request that does not wait; unlike any other, for ever. */
 store_status store_new_request_id(store *st, int64_t *id);
 

@@ -284,7 +284,9 @@ def test_the_watch_hears_what_came_of_each_reply(s):
     mta.program.write_text(mta.program.read_text() + f"while [ -e '{gate}' ]; do sleep 0.05; done\n")
     reply_on_watch(s, mail, "meanwhile")
     s.wait(lambda: len(mta.sent()) == 2, "the mail system has it")
+    os.kill(host_pid(s), 9)  # it may not have written down that the reply is here, and sends it once more
     s.wait(lambda: journal(s)[-1] == (HANDED_OVER, "", "meanwhile"), "the watch to know that it is there, as no outcome came")
+    equal([r["subject"] for r in status(s)["replies"]].count("Re: Subject"), 4, "what it was sent again it knew")
     s.phone("relay", "drop", str(status(s)["replies"][-1]["id"]))  # too late
     host = host_pid(s)
     os.kill(host, 19)

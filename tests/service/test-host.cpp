@@ -113,6 +113,62 @@ TEST_F(Host, RequestsWaitForAPhoneThroughKillsUntilItHasThem) {
   EXPECT_EQ((json{{"request", "delete_notis"}, {"id_list", {2000}}}), phone.requests[0].json);
 }
 
+/* One that will tell what came of replies, under an id of its own. */
+struct telling_phone : linked_phone {
+  explicit telling_phone(char id) {
+    acknowledges = false;
+    EXPECT_EQ("", phone("Introduce", "ussas", 2, std::string(32, id).c_str(), "A phone", 1, "outcomes"));
+    connect();
+  }
+};
+
+TEST_F(Host, AReplyThatAPhoneHasIsWrittenDownBeforeAnybodyElseIsSentIt) {
+  const std::pair<const char *, std::function<void(telling_phone *)>> ends[] = {
+      {"it leaves",
+       [](telling_phone *phone) {
+         phone->leave();
+         EXPECT_TRUE(run_until([] { return query("SELECT value FROM state WHERE key = 'phone_connected'") == "0\n"; }));
+       }},
+      {"it comes anew", [](telling_phone *) {}},
+      {"the service ends",
+       [&](telling_phone *) {
+         const int service = other.service();
+         kill(service, SIGTERM);
+         EXPECT_TRUE(run_until([&] { return other.service() != service; }));
+       }},
+  };
+  for (const auto &[what, end] : ends) {
+    SCOPED_TRACE(what);
+    telling_phone phone('a');
+    EXPECT_EQ(0, send_reply(1, what));
+    ASSERT_EQ(what, phone.request("reply")["text"]);
+    EXPECT_EQ("", phone.phone("Ack", "x", phone.requests.back().id));
+    end(&phone);
+    telling_phone next(phone.bus ? 'a' : 'b');
+    EXPECT_EQ(0, send_delete(1));
+    EXPECT_EQ("delete_notis", next.request("delete_notis")["request"]);
+    EXPECT_EQ(0, next.count("reply"));
+    EXPECT_EQ("", next.phone("Ack", "x", next.requests.back().id));
+  }
+
+  /* With what came of it, when that is there first. */
+  telling_phone phone('a');
+  EXPECT_EQ(0, send_reply(1, "sent in a moment"));
+  ASSERT_FALSE(phone.request("reply").is_null());
+  const std::string uid = query("SELECT uid FROM journal ORDER BY id DESC LIMIT 1"),
+                    changes = "SELECT count(*) FROM changes";
+  const int before = std::stoi(query(changes)), service = other.service();
+  kill(service, SIGSTOP);
+  sd_bus_call_method_async(phone.bus, nullptr, host_name, host_path, phone_interface, "Ack", nullptr, nullptr, "x",
+                           phone.requests.back().id);
+  sd_bus_call_method_async(phone.bus, nullptr, host_name, host_path, phone_interface, "Outcome", nullptr, nullptr,
+                           "sss", uid.substr(0, uid.size() - 1).c_str(), "sent", "");
+  EXPECT_GE(sd_bus_flush(phone.bus), 0);
+  kill(service, SIGCONT);
+  EXPECT_TRUE(run_until([] { return query("SELECT state FROM journal ORDER BY id DESC LIMIT 1") == "2\n"; }));
+  EXPECT_EQ(before + 1, std::stoi(query(changes))) << "its row changed once";
+}
+
 TEST_F(Host, WhatWasAcceptedIsHandedOverWhenTheApplicationEnds) {
   for (int i = 0; i < 5; i++) EXPECT_EQ(0, send_delete(7000 + i)); /* no turn of the main loop in between */
   EXPECT_EQ(0, brisel_ipc_client_deinit());
