@@ -1,6 +1,7 @@
 """The phone and the service as they are, on a disk that fails at a chosen step: once, or until there is room again.
 BRISEL_EVERY_FAULT tries every step, BRISEL_FAULT_STRIDE every so many; otherwise a few are tried."""
 import os
+import pathlib
 import shutil
 import subprocess
 
@@ -123,6 +124,27 @@ def test_a_refused_mail_is_split_off(s):
     box.deliver(message("alone@x", "refuse me"))
     box.deliver(message("last@x"))
     s.wait(lambda: "last@x" in uids(s) and len(aside()) == 4, "the last one")
+    relay.kill()
+    disk.end()
+
+
+def test_a_mail_that_holds_up_its_reader_costs_itself(s):
+    """Its answer goes with those of good ones before it, none of which pays for it."""
+    disk, box, mta, relay = begin(s)
+    held = box.deliver(message("held@x", "hold me up"))
+    for n in range(6):
+        box.deliver(message(f"m{n}@x"))
+    relay.start()
+    children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children")
+    readers = set()
+
+    def all_came():
+        readers.update(pid for pid in children.read_text().split()
+                       if b"read-mail" in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes())
+        assert len(readers) <= 3, "for all of them, for each alone until the one to blame, and for what follows it"
+        return len(uids(s)) == 6 and [t["message"] for t in status(s)["accounts"][0]["set_aside"]] == [held]
+
+    s.wait(all_came, "the good ones, and the one that is named")
     relay.kill()
     disk.end()
 
