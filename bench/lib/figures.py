@@ -10,7 +10,9 @@ A benchmark program writes, on a line of its own among whatever else it prints, 
 """
 import json
 import math
+import os
 import pathlib
+import platform
 import statistics
 
 PREFIX = "FIGURE "
@@ -20,7 +22,7 @@ NOTHING = None, "0 is wanted"
 
 def emit(name, unit, ours, bare=None, beside="", better="less"):
     record = {"name": name, "unit": unit, "ours": list(ours), "beside": beside, "better": better}
-    if bare:
+    if bare is not None:
         record["bare"] = list(bare)
     print(PREFIX + json.dumps(record), flush=True)
 
@@ -40,10 +42,10 @@ def figures_of(text):
     """The figures that a program printed, and the first line that should be one and is none, or None."""
     found, nonsense = [], None
     for line in text.splitlines():
-        if not line.startswith(PREFIX):
+        if PREFIX + "{" not in line and not line.startswith(PREFIX):
             continue
         try:
-            record = json.loads(line[len(PREFIX):])
+            record = json.loads(line.removeprefix(PREFIX))
         except ValueError:
             record = None
         if is_figure(record):
@@ -51,6 +53,13 @@ def figures_of(text):
         else:
             nonsense = nonsense or f"handed out what is no figure: {line[:200]}"
     return found, nonsense
+
+
+def machine():
+    """What the figures without a ratio hang on."""
+    with open("/proc/cpuinfo") as about:
+        models = [line.split(":")[1].strip() for line in about if line.lower().startswith(("model name", "cpu model", "hardware"))]
+    return f"{os.cpu_count()} x {models[0] if models else platform.machine()}, {platform.node()}"
 
 
 def wakeups(pid):
