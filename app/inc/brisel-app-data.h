@@ -120,6 +120,8 @@ void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad);
 /* Each row has the height that its time and subject need: when the window's width, the time's form or the day is
  * another. */
 void brisel_fit_mailbox_rows(appdata *ad);
+/* The same, and the header and the rows in sight ask for their texts anew. */
+void brisel_update_mailbox_texts(appdata *ad);
 /* Where a screen reader may be listening: what it says of every row, as it is said now. */
 void brisel_name_mailbox_rows(appdata *ad);
 /* An account that is there was told of anew: its address and colour show at once. */

@@ -274,8 +274,7 @@ int app_resume(void *user_data) {
   ad->paused = 0;
   brisel_tell_list_in_view(ad);
   /* It may be another day. */
-  brisel_fit_mailbox_rows(ad);
-  if (ad->mailbox_genlist) elm_genlist_realized_items_update(ad->mailbox_genlist);
+  brisel_update_mailbox_texts(ad);
   brisel_check_mail_on_db(ad);
   elm_win_activate(ad->win_main);
   _with_detail_view(ad, brisel_detail_register_pickover);

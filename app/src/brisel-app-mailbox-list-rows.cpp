@@ -88,6 +88,14 @@ Elm_Genlist_Item_Class *_class_of_row(const appdata *ad, const item_data *item) 
   return _subject_is_below(ad, item) ? ad->itc_mail_below : ad->itc_mail;
 }
 
+/* The header floats at the top, but counts as out of sight once its own place is. */
+static void _update_texts(Evas_Object *gl) {
+  elm_genlist_realized_items_update(gl);
+  Elm_Object_Item *first = elm_genlist_first_item_get(gl);
+  if (first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP)
+    elm_genlist_item_fields_update(first, nullptr, ELM_GENLIST_ITEM_FIELD_TEXT);
+}
+
 void brisel_fit_mailbox_rows(appdata *ad) {
   if (!ad->mailbox_genlist) return;
   for (GList *cell = ad->mail_list; cell; cell = cell->next) {
@@ -95,6 +103,12 @@ void brisel_fit_mailbox_rows(appdata *ad) {
     Elm_Genlist_Item_Class *itc = item->it ? _class_of_row(ad, item) : nullptr;
     if (itc && elm_genlist_item_item_class_get(item->it) != itc) elm_genlist_item_item_class_update(item->it, itc);
   }
+}
+
+void brisel_update_mailbox_texts(appdata *ad) {
+  if (!ad->mailbox_genlist) return;
+  brisel_fit_mailbox_rows(ad);
+  _update_texts(ad->mailbox_genlist);
 }
 
 static void _read_subjects_setting() {
@@ -107,8 +121,7 @@ static void _subjects_setting_cb(keynode_t *node, void *data) {
   const bool were_shown = subjects_shown;
   _read_subjects_setting();
   if (subjects_shown == were_shown) return;
-  brisel_fit_mailbox_rows(ad);
-  elm_genlist_realized_items_update(ad->mailbox_genlist);
+  brisel_update_mailbox_texts(ad);
 }
 
 static void _list_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
@@ -198,7 +211,7 @@ void _row_unrealized_cb(void *data, Evas_Object *obj, void *event_info) {
 
 void _mailbox_list_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
-  elm_genlist_realized_items_update(obj);
+  _update_texts(obj);
 }
 
 Elm_Genlist_Item_Class *_new_group_class(Elm_Genlist_Item_Del_Cb del) {

@@ -119,9 +119,10 @@ static Elm_Object_Item *pressed_item;
 
 static void _press_is_known_cb(void *data) {
   pressed_wait = nullptr;
-  /* Rows come and go by events of the phone; the one under a finger is a drawn one. */
+  /* Rows come and go by events of the phone; the one under a finger is a drawn one, or the header, which floats. */
   Eina_List *drawn = elm_genlist_realized_items_get((Evas_Object *)data);
-  const bool there = eina_list_data_find(drawn, pressed_item) != nullptr;
+  const bool there = pressed_item == elm_genlist_first_item_get((Evas_Object *)data) ||
+                     eina_list_data_find(drawn, pressed_item) != nullptr;
   eina_list_free(drawn);
   if (!there || _touch_scrolls()) return;
   if (brisel_touch_was_short())

@@ -46,8 +46,7 @@ void _brisel_update_time_format_and_views(appdata *ad) {
   brisel_close_icu_pattern_generator(ad);
   brisel_open_icu_pattern_generator(ad);
   _brisel_set_date_time_format(ad);
-  brisel_fit_mailbox_rows(ad);
-  if (ad->mailbox_genlist) elm_genlist_realized_items_update(ad->mailbox_genlist);
+  brisel_update_mailbox_texts(ad);
   if (ad->naviframe) {
     delete_view_data *delete_view =
         (delete_view_data *)brisel_util_retrieve_view_data(BRISEL_VIEW_TYPE_DELETE_VIEW, ad);

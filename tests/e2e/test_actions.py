@@ -160,6 +160,20 @@ def test_a_slow_scroll_is_no_long_press(s):
         assert len(s.dump()["views"]) == 1, s.texts()
 
 
+def test_the_header_floats_over_the_rows(s):
+    arrange(s, mails=16, accounts=2)
+    s.launch()
+    name = s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB")
+    for _ in range(3):
+        for press in range(2):  # the first one must not let the row below it come to the top
+            s.press(name)
+            s.wait(lambda: s.dump()["popups"], "the choice of accounts")
+            s.watch("key", "back")
+            s.wait(lambda: not s.dump()["popups"], "the list")
+        s.scroll()
+        s.rest()
+
+
 def test_update_required_and_show_on_device(s):
     phone, _, ids = arrange(s, mails=1, reply=1)
     s.launch()
