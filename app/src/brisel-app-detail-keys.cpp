@@ -2,6 +2,7 @@
    screen. The toolkit's own focus stays out of the reader: it would go to any page, and turn to it. Owns the ring. The
    main file and the touches call it. */
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -133,16 +134,45 @@ bool __brisel_detail_turn_by(brisel_detail_view *view_data, int way) {
   return turns;
 }
 
+/* Nobody's eyes follow over more screens than these. */
+constexpr int screens_in_motion = 2;
+/* How often the end is looked for again where it was guessed. */
+constexpr int looks_for_end = 4;
+
+static int __brisel_detail_last_place(const page_data *page, int h) {
+  int content = 0;
+  evas_object_geometry_get(page->detail_layout, nullptr, nullptr, nullptr, &content);
+  return std::max(0, content - h);
+}
+
+/* To the beginning or the end at once: what lies between is not laid out, and each block of it that is not as high as
+   guessed would stop a movement over it. */
+static void __brisel_detail_jump(const page_data *page, bool to_end) {
+  int x = 0, y = 0, w = 0, h = 0, to = -1;
+  elm_scroller_region_get(page->scroller, &x, &y, &w, &h);
+  for (int look = 0; look < looks_for_end; look++) {
+    const int place = to_end ? __brisel_detail_last_place(page, h) : 0;
+    if (place == to) return;
+    to = place;
+    elm_scroller_region_show(page->scroller, x, to, w, h);
+    evas_smart_objects_calculate(evas_object_evas_get(page->scroller));
+  }
+}
+
 /* Space reads on: a screen further, and at the end what an edge means, more of the text. */
 static void __brisel_detail_scroll_by(brisel_detail_view *view_data, double screens) {
   __brisel_detail_drop_ring(view_data);
   page_data *page = __brisel_detail_page_on_screen(view_data);
-  int x = 0, y = 0, w = 0, h = 0, content = 0;
+  if (screens > screens_in_motion) __brisel_detail_finish_rest(view_data, page);
+  int x = 0, y = 0, w = 0, h = 0;
   elm_scroller_region_get(page->scroller, &x, &y, &w, &h);
-  evas_object_geometry_get(page->detail_layout, nullptr, nullptr, nullptr, &content);
-  if (screens > 0 && y + h >= content) __brisel_detail_scroller_bottom_hit_cb(view_data, page->scroller, nullptr);
-  int to = (int)std::clamp(y + screens * h, 0.0, std::max(0.0, (double)content - h));
-  elm_scroller_region_bring_in(page->scroller, x, to, w, h);
+  const int last = __brisel_detail_last_place(page, h);
+  if (screens > 0 && y >= last) __brisel_detail_scroller_bottom_hit_cb(view_data, page->scroller, nullptr);
+  const int to = (int)std::clamp(y + screens * h, 0.0, (double)last);
+  if (std::abs(to - y) > screens_in_motion * h)
+    __brisel_detail_jump(page, screens > 0);
+  else
+    elm_scroller_region_bring_in(page->scroller, x, to, w, h);
 }
 
 /* --- keys --- */

@@ -111,6 +111,14 @@ def test_more_of_a_body_piece_by_piece_until_complete(s):
     equal(len(s.requests("more_msg")), count, "a complete body asks for nothing")
 
 
+def test_one_key_goes_to_either_end(s):
+    arrange(s, 1, "\n".join(f"Line {n}: words of a long mail." for n in range(1000)))
+    open_first(s)
+    for key, line in (("End", "Line 999:"), ("Home", "Line 0:")):
+        s.watch("keyboard", key)
+        s.wait_text(line)
+
+
 def test_no_phone_no_request(s):
     phone, _, _ = arrange(s, 1, "Short words.", ("--first", "5"))
     s.stop_serve(phone)
