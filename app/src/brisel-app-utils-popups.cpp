@@ -134,6 +134,13 @@ void brisel_util_popup_scroll_by_keys(Evas_Object *popup, Evas_Object *button) {
   for (const char *key : scroll_keys) brisel_touch_hear_key(popup, key, EINA_TRUE);
 }
 
+/* A popup that stands does not turn round with the writing: its buttons keep their old places. */
+static void _direction_cb(void *data, Evas_Object *obj, void *event_info) {
+  const Evas_Object *button = elm_object_part_content_get(obj, "button1");
+  const Evas_Object *area = button ? elm_object_parent_widget_get(button) : nullptr;
+  if (area && area != obj) edje_object_mirrored_set(elm_layout_edje_get(area), elm_config_mirrored_get());
+}
+
 Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
   Evas_Object *popup = _popup_add(parent);
   if (!popup) return nullptr;
@@ -141,6 +148,7 @@ Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
   /* When its caller has shown it. */
   evas_object_data_set(popup, title_job, ecore_job_add(_title_job_cb, popup));
   evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _popup_gone_cb, nullptr);
+  evas_object_smart_callback_add(popup, "language,changed", _direction_cb, nullptr);
   brisel_view_tell_popup(popup);
   return popup;
 }

@@ -87,6 +87,12 @@ def test_language_changes_live(s):
         s.setting("db/menu_widget/language", "string", locale)
         s.wait_text(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"))
         s.wait_text(s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3"))
+    s.launch(brisel_id=s.send(1, mail(), args=("--locked",))[0])
+    s.wait_text(s.text("IDS_EMAIL_SK_CANCEL_ABB"))
+    s.language = "ar"
+    s.setting("db/menu_widget/language", "string", "ar_EG.UTF-8")
+    ok, cancel = (s.wait_text(s.text(name)) for name in ("IDS_COM_SK_OK", "IDS_EMAIL_SK_CANCEL_ABB"))
+    assert ok["x"] < cancel["x"], "the buttons of a popup turn round"
 
 
 def test_broken_settings_read_as_unreadable(s):
