@@ -19,6 +19,9 @@ static bool store_is_unreadable;
 static Evas_Object *store_popup;
 /* A launch waits for the phone's link, with no main screen yet. */
 static bool waits_for_link;
+/* A launch waits for the answer of the link popup. The link or another launch may go on before it comes, and the user
+   after that: a late answer closes nothing. */
+static bool waits_for_answer;
 /* The last launch asked for what waits and was sent, which has not been opened yet. */
 static bool journal_is_asked;
 
@@ -284,7 +287,7 @@ void _launch(appdata *ad, int mail_id) {
 
 /* What follows once the link has been asked for, whatever came of it. */
 static void _go_on(appdata *ad) {
-  waits_for_link = false;
+  waits_for_link = waits_for_answer = false;
   if (_check_progress_popup_is_needed()) {
     _wait_for_count(ad);
   } else if (_check_setup_account_popup_is_needed()) {
@@ -311,20 +314,24 @@ static void _bt_connect_error_popup_result_cb(service_h request, service_h reply
     BRISEL_INFO("BT Connected");
   else
     BRISEL_INFO("BT Not Connected");
-  _go_on(ad);
+  if (waits_for_answer)
+    _go_on(ad);
+  else
+    elm_win_activate(ad->win_main);
 }
 
 static void _reset(appdata *ad, const char *mail_text) {
   journal_is_asked = mail_text && !strcmp(mail_text, BRISEL_EVENT_ID_JOURNAL);
   if (!brisel_util_bluetooth_connection_popup(ad, _bt_connect_error_popup_result_cb, "refresh")) {
     waits_for_link = !launched;
+    waits_for_answer = true;
     if (!launched) _show_first_minute(ad);
     /* Nobody would answer for a popup that has not come. */
     if (!ad->link_popup_came) _go_on(ad);
     return;
   }
   int mail_id = _mail_id_of_text(mail_text);
-  waits_for_link = false;
+  waits_for_link = waits_for_answer = false;
   if (_check_progress_popup_is_needed()) {
     _wait_for_count(ad);
   } else if (launched) {

@@ -1,10 +1,12 @@
 """Every way into the application: link, account count, accounts, first or second launch, with or without a mail, locked
 or not. What the phone hears and what is on screen decide."""
 import itertools
+import os
+import signal
 import socket
 import subprocess
 
-from brisel_test import equal, kill_owner, mail, main, options
+from brisel_test import equal, kill_owner, mail, main, options, owner
 
 SUBJECT = "The subject of the open mail"
 SENDER = "Open Sender"
@@ -82,8 +84,11 @@ def on_bus(s, name):
     return f'"{name}"' in names.stdout
 
 
+LINK_POPUP = "com.vextora.bt-connection-popup"
+
+
 def link_popup_up(s):
-    return on_bus(s, "com.vextora.bt-connection-popup")
+    return on_bus(s, LINK_POPUP)
 
 
 def test_prepared_it_has_the_list_and_has_shown_nobody_anything(s):
@@ -108,11 +113,17 @@ def test_without_link_the_popup_comes_and_its_answer_goes_on_without_the_mail(s)
     s.wait(lambda: link_popup_up(s), "the link popup")
     equal(s.dump()["views"], [], "views before the answer")
     s.wait_text(s.text("IDS_EMAIL_HEADER_NO_PHONE_YET"))
+    popup = owner(s, LINK_POPUP)
+    os.kill(popup, signal.SIGSTOP)
     s.serve()
     s.wait_text(SENDER)
     equal(len(s.dump()["views"]), 1, "the mail of the launch is not kept")
-    assert "BT Connected" in s.log()
-    s.wait(lambda: not link_popup_up(s), "the link popup to end")
+    s.tap(SENDER)
+    s.wait(lambda: len(s.dump()["views"]) == 2, "the mail")
+    os.kill(popup, signal.SIGCONT)
+    s.wait(lambda: not link_popup_up(s) and "BT Connected" in s.log(), "the link popup's answer")
+    s.rest()
+    equal(len(s.dump()["views"]), 2, "views: an answer that comes late closes nothing that was opened since")
 
 
 def test_cancel_on_the_link_popup_still_shows_the_mailbox(s):
