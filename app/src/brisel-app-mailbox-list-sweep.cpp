@@ -95,9 +95,9 @@ static void _drag(appdata *ad, Elm_Object_Item *it, const char *signal) {
   if (elm_genlist_item_type_get(it) & ELM_GENLIST_ITEM_GROUP) return;
   /* A row half out of sight, as below the header: what it says now and its button are to be seen. */
   elm_genlist_item_bring_in(it, ELM_GENLIST_ITEM_SCROLLTO_IN);
+  elm_object_item_signal_emit(it, signal, "");
   ad->sweep_item = it;
   elm_genlist_item_fields_update(it, "elm.icon.sweep", ELM_GENLIST_ITEM_FIELD_CONTENT);
-  elm_object_item_signal_emit(it, signal, "");
   _tell_of_button(it, true);
   sweep_signal = signal;
   elm_object_scroll_freeze_push(ad->mailbox_genlist);
