@@ -137,7 +137,11 @@ void _mailbox_list_mouse_down_cb(void *data, Evas *e, Evas_Object *obj, void *ev
   ad->blocked_item = nullptr;
   touch_scrolls = false;
   if (!ad->sweep_item || !ad->mailbox_genlist) return;
-  Elm_Object_Item *touched = elm_genlist_at_xy_item_get(ad->mailbox_genlist, event->canvas.x, event->canvas.y, nullptr);
+  /* On a round display a finger is heard beside the list, too: there it touches the row that it is beside. */
+  int x = 0, width = 0;
+  evas_object_geometry_get(ad->mailbox_genlist, &x, nullptr, &width, nullptr);
+  const int at = CLAMP(event->canvas.x, x, x + width - 1);
+  Elm_Object_Item *touched = elm_genlist_at_xy_item_get(ad->mailbox_genlist, at, event->canvas.y, nullptr);
   if (touched == ad->sweep_item) return;
   ad->blocked_item = touched;
   _delete_mail_by_sweep(ad, true);

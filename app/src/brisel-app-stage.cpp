@@ -13,6 +13,8 @@ static const char stage_key[] = "brisel/stage";
 /* Up to which scale factor letters grow. Half as large again, a toast would be as high as the display; a circle's stage
    is two thirds of it, and has no room for larger dates either. */
 constexpr double toast_scale = 1.2, round_scale = 1.0;
+/* What is left of a round display and right of it, of its width: as in the theme's "brisel/round". */
+constexpr double rim_width = 0.125;
 
 static bool _is_round() {
   const char *shape = getenv("BRISEL_SHAPE");
@@ -62,18 +64,11 @@ void brisel_stage_put(Evas_Object *window, Evas_Object *object) {
   elm_box_pack_end(stage, object);
 }
 
-/* --- fingers above and below it --- */
-
-static void _reach_cb(void *data, Evas *canvas, Evas_Object *area, void *event_info) {
-  int x = 0, width = 0, height = 0;
-  evas_object_geometry_get(area, &x, nullptr, &width, nullptr);
-  evas_output_viewport_get(canvas, nullptr, nullptr, nullptr, &height);
-  evas_object_geometry_set(area, x, 0, width, height);
-}
+/* --- fingers around it --- */
 
 /* The toolkit's scrollers hear fingers by an invisible rectangle of their own, which lies over all of them and lets
    every event through; they keep it as large as themselves. */
-static Evas_Object *_touch_area_of(Evas_Object *scroller) {
+static Evas_Object *_touch_area_of(const Evas_Object *scroller) {
   Evas_Object *area = nullptr;
   Eina_List *members = evas_object_smart_members_get(scroller);
   void *member;
@@ -85,6 +80,22 @@ static Evas_Object *_touch_area_of(Evas_Object *scroller) {
   return area;
 }
 
+static void _reach_cb(void *data, Evas *canvas, Evas_Object *obj, void *event_info) {
+  const Evas_Object *scroller = (Evas_Object *)data;
+  Evas_Object *area = _touch_area_of(scroller);
+  if (!area) return;
+  int x = 0, width = 0, display_width = 0, display_height = 0;
+  evas_object_geometry_get(scroller, &x, nullptr, &width, nullptr);
+  evas_output_viewport_get(canvas, nullptr, nullptr, &display_width, &display_height);
+  /* Not a page of the reader that lies beside the one in sight. */
+  const int rim = (int)(display_width * rim_width), middle = x + width / 2;
+  if (middle > rim && middle < display_width - rim) {
+    x = 0;
+    width = display_width;
+  }
+  evas_object_geometry_set(area, x, 0, width, display_height);
+}
+
 void brisel_stage_reach(Evas_Object *scroller) {
   if (!_is_round() || !scroller) return;
   Evas_Object *area = _touch_area_of(scroller);
@@ -92,7 +103,9 @@ void brisel_stage_reach(Evas_Object *scroller) {
     BRISEL_WARN("nothing of the scroller hears fingers");
     return;
   }
-  evas_object_event_callback_add(area, EVAS_CALLBACK_MOVE, _reach_cb, nullptr);
-  evas_object_event_callback_add(area, EVAS_CALLBACK_RESIZE, _reach_cb, nullptr);
-  _reach_cb(nullptr, evas_object_evas_get(area), area, nullptr);
+  /* The toolkit sets the one, then the other. */
+  for (Evas_Object *one : {area, scroller})
+    for (const Evas_Callback_Type change : {EVAS_CALLBACK_MOVE, EVAS_CALLBACK_RESIZE})
+      evas_object_event_callback_add(one, change, _reach_cb, scroller);
+  _reach_cb(scroller, evas_object_evas_get(area), area, nullptr);
 }

@@ -13,9 +13,10 @@ Evas_Object *brisel_stage_get(Evas_Object *window);
 /* Lets the object fill the stage. */
 void brisel_stage_put(Evas_Object *window, Evas_Object *object);
 
-/* On a round display a finger that comes down above or below the stage, where no button is, scrolls the screen as one
-   on its rows does: the circle leaves a scroller about half of the height, and a thumb begins where it lies. Once, for
-   the scroller that is the screen's; not for a field in it. */
+/* On a round display a finger that comes down around the stage, where no button is, scrolls the screen as one on its
+   rows does: the circle leaves a scroller about half of the height, and a thumb begins where it lies. Once, for the
+   scroller that is the screen's; not for a field in it. What cuts a scroller off that lies in another one, as a page of
+   the reader, cuts its fingers off too. */
 void brisel_stage_reach(Evas_Object *scroller);
 
 /* The style that a round display gives to the view stack's items, whose titles are centred, to popups, which fill it,

@@ -215,7 +215,7 @@ def test_real_keys_and_buttons_on_a_display_without_a_window_manager():
 
 
 @options(size="360x360", env={"BRISEL_SHAPE": "round"})
-def test_a_round_display_scrolls_from_above_and_below(s):
+def test_a_round_display_scrolls_from_all_around(s):
     account = s.account("a@example.net")
     for name in "bcd":
         s.account(f"{name}@example.net")
@@ -224,6 +224,7 @@ def test_a_round_display_scrolls_from_above_and_below(s):
                       for i in range(9)])
     s.launch()
     below, above, title = (180, 340, -60), (180, 15, 25), (150, 80, 25)
+    left, right = (15, 200, -60), (345, 160, 25)
 
     def places():
         return {t["text"]: t["whole"]["y"] for t in s.seen() if re.match("Sender|Line|.@", t["text"])}
@@ -240,17 +241,25 @@ def test_a_round_display_scrolls_from_above_and_below(s):
         for stroke in strokes:
             moved = moved_by(*stroke)
             assert moved * stroke[2] > 0, f"{text}: {moved} pixels by {stroke}"
-    follows("Sender 1", below, title, above)
+    follows("Sender 1", below, title, above, left, right)
+    y = middle(s.find("Sender 1"))[1]
+    s.watch("drag", "100", str(y), "220", str(y), "0.2")
+    s.wait_text(s.text("IDS_EMAIL_BODY_DELETED"))
+    s.watch("tap", "345", str(y))
+    s.rest()
+    assert s.shows(s.text("IDS_EMAIL_BODY_DELETED")), "a finger beside the button that undoes it deletes"
+    s.watch("tap", "285", str(y))
+    s.wait_gone(s.text("IDS_EMAIL_BODY_DELETED"))
     s.watch("press", "120", "140", "0.8")
-    follows("b@example.net", below, above)
+    follows("b@example.net", below, above, left, right)
     keys(s, "Escape")
     s.watch("tap", "287", "88")
-    follows("Sender 1", (180, 355, -60), title, above)
+    follows("Sender 1", (180, 355, -60), title, above, left, right)
     equal(moved_by(180, 305, -60), 0, "what a touch that is a button's scrolls")
     keys(s, "Escape")
     s.tap("Sender 0")
     follows("Line 1", below, title, above)
-    s.watch("drag", "230", "340", "130", "340", "0.2")
+    s.watch("drag", "345", "200", "245", "200", "0.2")
     s.wait_text("Sender 1")
 
 
