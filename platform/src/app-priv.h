@@ -67,6 +67,11 @@ void app_locale_init(void);                                   /* before elm_init
 void app_locale_start(const app_locale_callbacks *callbacks); /* after elm_init: direction, watchers */
 void app_locale_stop(void);
 
+/* app-memory.cpp */
+/* Before elm_init: gets what the heap will hold at the first picture from the kernel in a few calls. At its first touch
+   each page would cost one more entry into the kernel, a thousand of them. */
+void app_memory_start(void);
+
 /* app-fonts.cpp */
 void app_fonts_start(void); /* before elm_init: names the configuration of the fonts */
 /* When environment and language are set: has the configuration read, and the theme's fonts looked up, by a thread. The

@@ -5,9 +5,6 @@
 #include <Efreet.h>
 #include <Eo.h>
 #include <dlfcn.h>
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
 
 #include <algorithm>
 #include <cstdlib>
@@ -441,12 +438,6 @@ void app_efl_exit(void) {
   elm_exit();
 }
 
-void app_efl_memory_trim(void) {
-#ifdef __GLIBC__
-  malloc_trim(0);
-#endif
-}
-
 /* Without a change there is no picture: a dot of one is drawn anew. */
 static void picture_job_cb(void *data) {
   app.trim_job = nullptr;
@@ -526,6 +517,7 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
     return 1;
   }
 
+  app_memory_start();
   /* Start-up and idle cost: no cache of the desktop's menus and icons, no power and network watching modules, no
      graphics hardware for a screen this small, no second bus connection. */
   ecore_app_no_system_modules();
