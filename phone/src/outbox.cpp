@@ -175,7 +175,9 @@ int judge(const sendmail_run &run, const siginfo_t &end, bool late, const std::s
   char said[kMaxComplaint];
   ssize_t length = pread(run.said.fd, said, sizeof said, 0);
   std::string line = length > 0 ? mime_clean_line(std::string_view(said, static_cast<size_t>(length)), 400) : "";
-  if (!line.empty()) *error = is_refusal(end) ? line : *error + ": " + line;
+  /* Of a program that says by its code that it is to be tried again, what it says is the reason. */
+  const bool says_why = is_refusal(end) || (end.si_code == CLD_EXITED && end.si_status == EX_TEMPFAIL);
+  if (!line.empty()) *error = says_why ? line : *error + ": " + line;
   return is_refusal(end) ? 1 : -1;
 }
 

@@ -39,10 +39,11 @@ size_t read_cb(char *to, size_t size, size_t count, void *user_data) {
   return part;
 }
 
-/* Keeps the last line that the server said, fit to be shown. */
+/* Keeps the last line that the server said but its good-bye, fit to be shown. */
 size_t line_cb(char *data, size_t size, size_t count, void *user_data) {
   constexpr size_t kLongest = 200;
   auto *line = static_cast<std::string *>(user_data);
+  if (std::string_view(data, size * count).starts_with("221")) return size * count;
   line->clear();
   for (size_t i = 0; i < size * count && line->size() < kLongest; i++)
     *line += data[i] < 0x20 || data[i] > 0x7e ? ' ' : data[i];
@@ -75,7 +76,10 @@ std::string sentence(CURLcode code, const post_account &account, const char *det
     case CURLE_SSL_CONNECT_ERROR:
       return host + ": no safe connection could be made; if the server begins without encryption, give it as smtp://";
     default:
-      return host + " did not take it: " + (said.starts_with('4') || said.starts_with('5') ? said : detail);
+      if (said.starts_with('4') || said.starts_with('5')) return host + " did not take it: " + said;
+      if (code == CURLE_RECV_ERROR || code == CURLE_GOT_NOTHING)
+        return host + ": the connection ended before it had answered";
+      return host + " did not take it: " + detail;
   }
 }
 

@@ -333,27 +333,33 @@ def test_who_is_not_trusted(s):
 
 
 def test_only_what_a_server_says_of_the_message_is_for_good(s):
-    """(what it says no to, its answer, how the submission ends). The mailbox, at the same port, never answers."""
-    rows = (("", "554 no", 75), ("MAIL", "530 log in", 75), ("RCPT", "450 later", 75), ("MAIL", "550 no", 99),
-            ("RCPT", "550 no", 99), (".", "554 spam", 99), ("none", "", 0))
+    """(what it says no to, its answer or None: it hangs up, how the submission ends). The mailbox, at the same port, never
+    answers."""
+    rows = (("", None, 75), ("EHLO", None, 75), ("RCPT", None, 75), ("DATA", None, 75), (".", None, 75), ("", "554 no", 75),
+            ("MAIL", "530 log in", 75), ("RCPT", "450 later", 75), ("MAIL", "550 no", 99), ("RCPT", "550 no", 99), (".", "554 spam", 99), ("none", "", 0))
     with socket.create_server(("localhost", 0)) as server:
         at = f"://localhost:{server.getsockname()[1]}"
         (s.dir / "relay.conf").write_text(f"[account {USER}]\nplain=yes\npassword-command=echo secret\nimap=imap{at}\nsmtp=smtp{at}\n")
         for refused, answer, code in rows:
-            submit = subprocess.Popen(["brisel-phone", "submit", "--config", s.dir / "relay.conf"], env=s.env, stdin=subprocess.PIPE)
+            submit = subprocess.Popen(["brisel-phone", "submit", "--config", s.dir / "relay.conf"], env=s.env, stdin=subprocess.PIPE,
+                                      stderr=subprocess.PIPE)
             submit.stdin.write(f"From: {USER}\nTo: ann@example.org\n\nHello\n".encode())
             submit.stdin.close()
             with server.accept()[0] as connection, connection.makefile("rw", newline="\r\n") as lines:
                 word, text = "", False
                 while True:
                     if not text or word == ".":
+                        if word == refused and not answer:
+                            break
                         text = word == "DATA"
-                        lines.write((answer if word == refused else "354 go on" if text else "220 hello" if not word else "250 yes") + "\r\n")
+                        lines.write((answer if word == refused else "354 go on" if text else "220 hello" if not word else "221 bye" if word == "QUIT" else "250 yes") + "\r\n")
                         lines.flush()
                     if not (line := lines.readline()):
                         break
                     word = (line.split() or "-")[0]
             equal(submit.wait(), code, (refused, answer))
+            said = submit.stderr.read().decode()
+            assert code == 0 or (answer or "the connection ended") in said, (refused, answer, said)
 
 
 if __name__ == "__main__":

@@ -301,7 +301,7 @@ def test_the_watch_hears_what_came_of_each_reply(s):
     # One that the user drops on the phone is refused on the watch.
     mta.refuse.write_text("75")
     reply_on_watch(s, mail, "dropped")
-    s.wait(lambda: journal(s)[-1][1], "why it waits")
+    s.wait(lambda: journal(s)[-1][1] == "no route to anywhere", "why it waits")
     s.phone("relay", "drop", str(status(s)["replies"][-1]["id"]))
     s.wait(lambda: journal(s)[-1][0] == REFUSED, "dropped on the phone")
     equal([r["state"] for r in status(s)["replies"]].count("dropped"), 0, "forgotten on the phone")
