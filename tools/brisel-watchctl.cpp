@@ -153,7 +153,8 @@ void add_eye_commands(CLI::App *app, arguments *a) {
     a->code = print_answer("Dump", false, false);
   });
   cmd = app->add_subcommand("stats", "print what the frames and the main loop took as JSON")->group(inspection);
-  cmd->add_flag("--reset", a->reset, "forget it afterwards, but for the first screen");
+  cmd->add_flag("--reset", a->reset,
+                "forget it afterwards, but for the first screen; frames and events are kept from then on");
   cmd->callback([a] { a->code = print_answer("Stats", true, a->reset); });
 }
 
