@@ -244,6 +244,7 @@ void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad) {
   if (!id_list) return;
   const frozen_events frozen(ad->mailbox_genlist);
   _make_all_rows(ad);
+  const indexed_mails indexed(ad, (int)g_slist_length(id_list));
 
   bool only_account = ad->account_cnt == 1;
   if (update_type == BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_DELETE) {

@@ -13,22 +13,32 @@
 
 /* --- mail_list --- */
 
-/* The cells of mail_list by mail id, made when somebody first asks: walking the list for each of many mails takes its
-   length times their number. */
+/* The cells of mail_list by mail id, or NULL: while many mails are looked up, as walking the list for each takes its
+   length times their number. Kept, it would take 32 bytes of each mail. */
 static GHashTable *cells;
+constexpr int walks_an_index_costs = 8;
+
+indexed_mails::indexed_mails(appdata *ad, int looked_up) {
+  if (cells || looked_up <= walks_an_index_costs) return;
+  cells = g_hash_table_new(nullptr, nullptr);
+  for (GList *cell = ad->mail_list; cell; cell = cell->next)
+    g_hash_table_insert(cells, GINT_TO_POINTER(((item_data *)cell->data)->mail_id), cell);
+}
 
 static void _forget_cells() {
   if (cells) g_hash_table_destroy(cells);
   cells = nullptr;
 }
 
+indexed_mails::~indexed_mails() {
+  _forget_cells();
+}
+
 static GList *_cell_of_mail(int mail_id, appdata *ad) {
-  if (!cells && ad->mail_list) {
-    cells = g_hash_table_new(nullptr, nullptr);
-    for (GList *cell = ad->mail_list; cell; cell = cell->next)
-      g_hash_table_insert(cells, GINT_TO_POINTER(((item_data *)cell->data)->mail_id), cell);
-  }
-  return cells ? (GList *)g_hash_table_lookup(cells, GINT_TO_POINTER(mail_id)) : nullptr;
+  if (cells) return (GList *)g_hash_table_lookup(cells, GINT_TO_POINTER(mail_id));
+  GList *cell = ad->mail_list;
+  while (cell && ((item_data *)cell->data)->mail_id != mail_id) cell = cell->next;
+  return cell;
 }
 
 item_data *_find_item_data_by_mail_id(int mail_id, appdata *ad) {
@@ -54,7 +64,7 @@ GList *_insert_into_model(appdata *ad, item_data *item, GList *next) {
 void _remove_from_model(appdata *ad, const item_data *item) {
   GList *cell = _cell_of_mail(item->mail_id, ad);
   if (!cell || cell->data != item) return;
-  g_hash_table_remove(cells, GINT_TO_POINTER(item->mail_id));
+  if (cells) g_hash_table_remove(cells, GINT_TO_POINTER(item->mail_id));
   ad->mail_list = g_list_delete_link(ad->mail_list, cell);
 }
 
@@ -77,8 +87,12 @@ void _read_item_state(item_data *item, const full_noti_data *mail) {
   item->is_new = mail->is_new;
   item->security_locked = mail->security_locked;
   item->is_read = mail->is_read;
+  /* One that stays as it is stays where it is: a mail that is opened changes the new flags of all, and pieces of memory
+     that change places leave holes. */
+  char *subject = _line_of(mail->subject);
+  if (g_strcmp0(subject, item->subject) == 0) return free(subject);
   free(item->subject);
-  item->subject = _line_of(mail->subject);
+  item->subject = subject;
 }
 
 static item_data *_item_data_of_place(const brisel_mail_place &place, appdata *ad) {
@@ -498,8 +512,6 @@ void _refresh_mailbox_list(appdata *ad) {
     group->count = mail_cnt;
     _update_header(group_item);
   }
-
-  _forget_cells(); /* the rows that went have looked themselves up */
 
   if (ad->account_id != places_account) {
     /* The account turned out to be gone and the header is the combined view's: so are the mails under it. */

@@ -58,6 +58,12 @@ void _free_list_data(item_data *item);
 /* What of a row changes while it stands: copied from the mail. */
 void _read_item_state(item_data *item, const full_noti_data *mail);
 item_data *_find_item_data_by_mail_id(int mail_id, appdata *ad);
+/* While it stands mails are found quickly, where so many are looked up that it pays. */
+struct indexed_mails {
+  indexed_mails(appdata *ad, int looked_up);
+  ~indexed_mails();
+  indexed_mails(const indexed_mails &) = delete;
+};
 /* Puts a record before the cell next (NULL: at the end); its cell. */
 GList *_insert_into_model(appdata *ad, item_data *item, GList *next);
 /* Takes a record out of mail_list, where it is in it. */
