@@ -169,6 +169,8 @@ void reader_release(void) {
 }
 
 void reader_give_back(void) {
+  /* A query that is ready takes some eight kilobytes, and a tenth of a millisecond to make so. */
+  for (sql_statement &s : reader.statements) s.finish();
   if (reader.db.is_open() && reader.db.run("PRAGMA shrink_memory")) tell_trouble();
 }
 
