@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "app_efl.h"
 #include "brisel-app-touch.h"
 #include "brisel-app-view-common.h"
 
@@ -203,7 +204,7 @@ int brisel_view_focused_place(Evas_Object *list) {
 
 /* Popups have the focus for themselves. NULL: none has it. */
 static const Evas_Object *_popup_with_focus(Evas_Object *naviframe) {
-  Evas_Object *focused = elm_object_focused_object_get(naviframe);
+  Evas_Object *focused = app_efl_focused(naviframe);
   for (; focused; focused = elm_object_parent_widget_get(focused))
     if (!strcmp(elm_object_widget_type_get(focused), "Elm_Popup")) return focused;
   return nullptr;

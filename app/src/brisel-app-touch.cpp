@@ -1,4 +1,5 @@
 #include "brisel-app-touch.h"
+#include "app_efl.h"
 
 #include <Ecore.h>
 #include <Ecore_Input.h>
@@ -229,7 +230,7 @@ static void _pane_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_info
    when a list without rows gives way to a text. */
 static void _ring_job_cb(void *data) {
   if (!window) return;
-  const Evas_Object *focused = elm_object_focused_object_get(window);
+  const Evas_Object *focused = app_efl_focused(window);
   if (!focused || focused == window || !evas_object_visible_get(focused))
     elm_win_focus_highlight_enabled_set(window, EINA_FALSE);
 }

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "app_efl.h"
 #include "brisel-app-spoken.h"
 #include "brisel-app-stage.h"
 #include "brisel-app-touch.h"
@@ -89,7 +90,7 @@ static bool _scroll_by_key(Evas_Object *scroller, double screens) {
 
 /* The popup that has the focus, which may lie over the one that hears the keys. */
 static Evas_Object *_popup_with_focus(const Evas_Object *popup) {
-  Evas_Object *at = elm_object_focused_object_get(elm_object_top_widget_get(popup));
+  Evas_Object *at = app_efl_focused(popup);
   while (at && elm_object_widget_type_get(at) != std::string_view("Elm_Popup")) at = elm_object_parent_widget_get(at);
   return at;
 }

@@ -67,6 +67,10 @@ void app_efl_window_attach(Evas_Object *win);
 /* Shows the main window: at once, or, when the application was started ahead of its first launch, with that launch. */
 void app_efl_window_show(void);
 
+/* What has the focus in the window of a widget, as the toolkit's own elm_object_focused_object_get() says it, or NULL.
+   That one first makes the classes of two kinds of widgets that nobody here has, for good. */
+Evas_Object *app_efl_focused(const Evas_Object *widget);
+
 /* --- launch requests --- */
 
 typedef void (*service_reply_cb)(service_h request, service_h reply, int result, void *user_data);

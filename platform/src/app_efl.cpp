@@ -1,9 +1,10 @@
+#define EFL_BETA_API_SUPPORT /* for what has the focus */
 #include "app_efl.h"
 
 #include <Ecore_Evas.h>
 #include <Ecore_Input.h>
+#include <Efl_Ui.h>
 #include <Efreet.h>
-#include <Eo.h>
 #include <dlfcn.h>
 
 #include <algorithm>
@@ -493,6 +494,17 @@ void app_efl_window_attach(Evas_Object *win) {
 
 void app_efl_window_show(void) {
   if (app.window && !app.ahead) evas_object_show(app.window);
+}
+
+/* Whoever manages a part of the window's focus hands the question on; a list answers for its rows. */
+Evas_Object *app_efl_focused(const Evas_Object *widget) {
+  const Efl_Ui_Focus_Manager *manager = widget ? elm_object_top_widget_get(widget) : nullptr;
+  if (!manager) return nullptr;
+  while (Efl_Ui_Focus_Manager *next = efl_ui_focus_manager_redirect_get(manager)) {
+    if (elm_object_widget_check(next) && strcmp(elm_object_widget_type_get(next), "Elm_Genlist") == 0) return next;
+    manager = next;
+  }
+  return efl_ui_focus_manager_focus_get(manager);
 }
 
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data) {

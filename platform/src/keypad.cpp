@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app_efl.h"
 #include "brisel-settings.h"
 #include "dlog.h"
 #include "efl_assist.h"
@@ -110,7 +111,7 @@ void feed(const char *name, const char *text) {
 }
 
 bool can_type() {
-  return pad.entry != nullptr && elm_object_focused_object_get(pad.win) == pad.entry;
+  return pad.entry != nullptr && app_efl_focused(pad.win) == pad.entry;
 }
 
 void type(const keypad_edit &edit) {
@@ -584,7 +585,7 @@ void touched_cb(void *, Evas *, Evas_Object *, void *info) {
   const auto *event = static_cast<const Evas_Event_Mouse_Up *>(info);
   touched();
   if (event->button != 1 || (event->event_flags & EVAS_EVENT_FLAG_ON_HOLD) != 0) return;
-  Evas_Object *focused = elm_object_focused_object_get(pad.win);
+  Evas_Object *focused = app_efl_focused(pad.win);
   if (!keypad_is_editable_entry(focused)) return;
   Eina_Rectangle at;
   evas_object_geometry_get(focused, &at.x, &at.y, &at.w, &at.h);
@@ -632,7 +633,7 @@ void keypad_attach(Evas_Object *win) {
 
 void keypad_show(void) {
   if (pad.win == nullptr) return;
-  Evas_Object *entry = elm_object_focused_object_get(pad.win);
+  Evas_Object *entry = app_efl_focused(pad.win);
   if (!keypad_is_editable_entry(entry)) {
     /* Asked for by hand: the keypad then is for the entry that is in sight. */
     entry = keypad_find(pad.win, keypad_is_editable_entry);
