@@ -38,7 +38,7 @@ int read_arguments(int argc, char **argv, int *code) {
   static const option options[] = {
       {"help", no_argument, nullptr, 'h'},
       {"version", no_argument, nullptr, 'V'},
-      {"await-end", no_argument, nullptr, 'a'}, /* for the service alone, see notify-keeper.cpp */
+      {"await-end", required_argument, nullptr, 'a'}, /* for the service alone, see notify-keeper.cpp */
       {nullptr, 0, nullptr, 0}};
   const int c = getopt_long(argc, argv, "hV", options, nullptr);
   *code = EXIT_SUCCESS;
@@ -51,7 +51,7 @@ int read_arguments(int argc, char **argv, int *code) {
     return 1;
   }
   if (c == 'a') {
-    *code = notify_keeper_run();
+    *code = notify_keeper_run(static_cast<pid_t>(atol(optarg)));
     return 1;
   }
   if (c == -1 && optind == argc) return 0;

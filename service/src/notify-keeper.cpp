@@ -22,11 +22,15 @@ namespace {
 /* Seconds: a service that lived for less than the first is not followed by the next before the second. */
 constexpr time_t life_s = 1;
 constexpr unsigned pause_s = 5;
+/* What the bus says of a name that has an owner, and how long until it is asked again: microseconds. */
+constexpr uint32_t already_running = 2;
+constexpr useconds_t again_us = 50000;
 /* Sent on the pipe before it closes: the service ends, or no notification stands any more. */
 constexpr char farewell = 'x';
 
 void spawn(int from_service) {
-  char name[] = "brisel-hostd", word[] = "--await-end", *arguments[] = {name, word, nullptr};
+  char name[] = "brisel-hostd", word[40], *arguments[] = {name, word, nullptr};
+  snprintf(word, sizeof word, "--await-end=%d", (int)getpid());
   posix_spawn_file_actions_t files;
   posix_spawnattr_t attributes;
   posix_spawn_file_actions_init(&files);
@@ -41,6 +45,30 @@ void spawn(int from_service) {
     fprintf(stderr, "brisel-hostd: nobody will start the next service: %s\n", strerror(r));
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&files);
+}
+
+bool has_other_owner(sd_bus *bus, pid_t killed) {
+  sd_bus_creds *owner = nullptr;
+  pid_t pid = 0;
+  if (sd_bus_get_name_creds(bus, host_name, SD_BUS_CREDS_PID, &owner) < 0) return false;
+  const bool is_killed_one = sd_bus_creds_get_pid(owner, &pid) >= 0 && pid == killed;
+  sd_bus_creds_unref(owner);
+  return !is_killed_one;
+}
+
+/* A process that is killed closes one file after the other: the pipe may close while the bus still takes it for the
+   name's owner, and starts nobody. */
+int start_next(sd_bus *bus, pid_t killed, sd_bus_error *error) {
+  for (;;) {
+    sd_bus_message *answer = nullptr;
+    uint32_t said = 0;
+    int r = sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                               "StartServiceByName", error, &answer, "su", host_name, 0u);
+    if (r >= 0) r = sd_bus_message_read(answer, "u", &said);
+    sd_bus_message_unref(answer);
+    if (r < 0 || said != already_running || has_other_owner(bus, killed)) return r;
+    usleep(again_us);
+  }
 }
 
 }  // namespace
@@ -66,7 +94,7 @@ void notify_keeper_want(notifier *n, bool wanted) {
   n->keeper = ends[1];
 }
 
-int notify_keeper_run(void) {
+int notify_keeper_run(pid_t service) {
   char said = 0;
   ssize_t got = 0;
   timespec start, end;
@@ -79,9 +107,7 @@ int notify_keeper_run(void) {
   sd_bus *bus = nullptr;
   sd_bus_error error = SD_BUS_ERROR_NULL;
   int r = sd_bus_open_user(&bus);
-  if (r >= 0)
-    r = sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                           "StartServiceByName", &error, nullptr, "su", host_name, 0u);
+  if (r >= 0) r = start_next(bus, service, &error);
   if (r < 0)
     fprintf(stderr, "brisel-hostd: the next service does not start: %s\n",
             error.message ? error.message : strerror(-r));

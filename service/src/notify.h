@@ -4,6 +4,7 @@
 #ifndef BRISEL_NOTIFY_H
 #define BRISEL_NOTIFY_H
 
+#include <sys/types.h>
 #include <systemd/sd-bus.h>
 
 struct host;
@@ -13,8 +14,8 @@ struct host;
 void notify_start(host *h);
 /* Notifications stay where they are: the next service knows them. */
 void notify_stop(host *h);
-/* The life of the process that outlives a killed service. Its exit code. */
-int notify_keeper_run(void);
+/* The life of the process that outlives the killed service, which is the process given. Its exit code. */
+int notify_keeper_run(pid_t service);
 /* sender, a name on the bus, shows the list of that account's mails; 0: of all; below 0: no list. Forgotten when the
    sender leaves the bus. */
 int notify_list_in_view(host *h, const char *sender, int account_id);

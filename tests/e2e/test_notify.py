@@ -7,7 +7,7 @@ import signal
 import subprocess
 import time
 
-from brisel_test import equal, kill_owner, kill_service, mail, main, start_display
+from brisel_test import equal, kill_owner, kill_service, mail, main, owner, start_display
 
 HOST, SERVER = "com.vextora.brisel.Host", "org.freedesktop.Notifications"
 ANN, BEN = "Ann <ann@example.org>", "Ben <ben@example.org>"
@@ -270,9 +270,19 @@ def test_killed_services_and_servers_tell_nothing_twice(s, desk, account):
     desk.phone.kill()
     kill_service(s)  # nobody asks for the next one but what the first left behind
     s.wait(lambda: len(desk.told()) > told, "the next service")
+    service = owner(s, HOST)
+    asked = s.dir / "asked.jsonl"
+    desk.start("busctl", f"--address={s.env['DBUS_SESSION_BUS_ADDRESS']}", "--json=short", "--match=member=StartServiceByName",
+               "monitor", out=open(asked, "w"))
+    beside = subprocess.Popen([os.readlink(f"/proc/{service}/exe"), f"--await-end={service}"], env=s.env, stdin=subprocess.PIPE)
     desk.press(s.text("IDS_EMAIL_SK_MARK_AS_READ"))
     desk.wait_shown(0)
     equal(sum(m["is_read"] for m in s.mails()), 1, "what was pressed")
+    beside.stdin.close()  # as by a service that is killed, which the bus does not know yet
+    s.wait(lambda: HOST in asked.read_text(), "the bus to be asked for the next one")
+    kill_service(s)
+    s.wait(lambda: owner(s, HOST) not in (None, service), "the next service once more")
+    equal(beside.wait(), 0, "who asked for it")
 
 
 @with_desk
