@@ -170,9 +170,14 @@ static bool _is_within(Evas_Object *object, const Evas_Object *holder) {
   return object != nullptr;
 }
 
+/* The toolkit brings what gets the focus into sight, also within the little that the keypad leaves before it goes. The
+   list stays where it is: the first key shows where the focus is. */
 static void _focus_row(Evas_Object *list) {
+  int x = 0, y = 0, w = 0, h = 0;
+  elm_scroller_region_get(list, &x, &y, &w, &h);
   elm_object_focus_set(list, EINA_TRUE);
   _focus_in_cb(nullptr, nullptr, list, nullptr);
+  elm_scroller_region_show(list, x, y, w, h);
 }
 
 /* A popup that a key opens has its rows only later: until then the ring would be around all of it. */

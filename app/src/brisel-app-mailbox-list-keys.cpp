@@ -9,13 +9,24 @@ static bool _is_mail(Elm_Object_Item *it) {
   return it && !(elm_genlist_item_type_get(it) & ELM_GENLIST_ITEM_GROUP);
 }
 
+/* Without a ring nobody follows the focus, and a hand may have scrolled away from it. Before its row goes it goes to
+   one in sight: else the toolkit gives it to some row, and brings that into sight. */
+static void _hand_focus_on(Evas_Object *gl, const Elm_Object_Item *from) {
+  int x = 0, y = 0, w = 0, h = 0;
+  evas_object_geometry_get(gl, &x, &y, &w, &h);
+  Elm_Object_Item *row = elm_genlist_at_xy_item_get(gl, x + w / 2, y + h / 2, nullptr);
+  if (_is_mail(row) && row != from) elm_object_item_focus_set(row, EINA_TRUE);
+}
+
 void _delete_row(Elm_Object_Item *it) {
   Evas_Object *gl = elm_object_item_widget_get(it);
   const bool has_focus = elm_object_focus_get(gl) && elm_object_focused_item_get(gl) == it;
+  const bool is_ringed = has_focus && elm_win_focus_highlight_enabled_get(elm_object_top_widget_get(gl));
   Elm_Object_Item *next = elm_genlist_item_next_get(it);
   if (!_is_mail(next)) next = elm_genlist_item_prev_get(it);
+  if (has_focus && !is_ringed) _hand_focus_on(gl, it);
   elm_object_item_del(it);
-  if (!has_focus || !_is_mail(next)) return;
+  if (!is_ringed || !_is_mail(next)) return;
   elm_object_item_focus_set(next, EINA_TRUE);
   elm_genlist_item_show(next, ELM_GENLIST_ITEM_SCROLLTO_IN);
 }

@@ -174,6 +174,24 @@ def test_the_header_floats_over_the_rows(s):
         s.rest()
 
 
+def test_what_a_hand_has_scrolled_to_stays(s):
+    _, _, ids = arrange(s, mails=16)
+    s.launch()
+    s.tap("S16")
+    s.wait_text("Subject 16")
+    s.rest()
+    s.watch("key", "back")
+    s.wait_text("(16)")
+    for _ in range(3):
+        s.scroll()
+    s.rest()
+    rows = sorted((t["text"], t["y"]) for t in s.seen() if t["text"].startswith("S"))
+    s.phone("mail", "delete", ids[15])  # the one that was read last
+    s.wait_text("(15)")
+    s.rest()
+    equal(sorted((t["text"], t["y"]) for t in s.seen() if t["text"].startswith("S")), rows, "the rows in sight")
+
+
 def test_update_required_and_show_on_device(s):
     phone, _, ids = arrange(s, mails=1, reply=1)
     s.launch()
