@@ -154,7 +154,7 @@ void add_eye_commands(CLI::App *app, arguments *a) {
   });
   cmd = app->add_subcommand("stats", "print what the frames and the main loop took as JSON")->group(inspection);
   cmd->add_flag("--reset", a->reset,
-                "forget it afterwards, but for the first screen; frames and events are kept from then on");
+                "forget it afterwards, but for the first screen; more frames are kept from then on");
   cmd->callback([a] { a->code = print_answer("Stats", true, a->reset); });
 }
 

@@ -56,8 +56,8 @@ std::string inspect_screenshot(Evas_Object *window, const char *file);
    first_screen_ns: the first frame drawn after the first launch request was handled, 0 before it. frames_ns: the time
    each frame took to draw, and pixels how many it drew: all of the window's where nothing but memory is drawn into.
    events_ns: from the wake-up that brought a change to the end of the frame that shows it.
-   iterations, longest_iteration_ns: of the main loop, without its sleep. reset forgets all but the first screen; frames
-   and events are kept from the first one on. */
+   iterations, longest_iteration_ns: of the main loop, without its sleep. reset forgets all but the first screen; before
+   the first one only the first hundred frames and events are kept. */
 void inspect_stats_attach(Evas_Object *window);
 void inspect_stats_detach(void);
 void inspect_stats_launched(void);

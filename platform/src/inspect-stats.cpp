@@ -11,13 +11,15 @@ namespace {
 
 /* A page swipe draws about 60 frames, a scroll some hundred: more than these are left out. */
 constexpr size_t frames_kept = 2048;
+/* Until somebody has asked. Lists that grow to all of them would be a fifth of a megabyte of what is measured. */
+constexpr size_t frames_unasked = 128;
 
 struct statistics {
   Evas *canvas = nullptr;
   Ecore_Idle_Exiter *awake = nullptr;
   Ecore_Idle_Enterer *asleep = nullptr;
   bool launched = false;
-  bool counts = false;      /* somebody has asked: what nobody asks for would take the fifth of a megabyte */
+  bool asked = false;       /* by a reset, as who measures begins */
   int64_t first_screen = 0; /* monotonic, nanoseconds */
   int64_t busy_since = 0;
   int64_t launch_since = 0;  /* the wake-up that brought a launch of which no frame was drawn yet */
@@ -71,12 +73,13 @@ void frame_ends_cb(void *data, Evas *e, void *event_info) {
     if (stats.launches.size() < frames_kept) stats.launches.push_back(now - stats.launch_since);
     stats.launch_since = 0;
   }
-  if (stats.counts && stats.frame_since && stats.frames.size() < frames_kept) {
+  const size_t kept = stats.asked ? frames_kept : frames_unasked;
+  if (stats.frame_since && stats.frames.size() < kept) {
     stats.frames.push_back(now - stats.frame_since);
     stats.pixels.push_back(pixels_of(static_cast<const Evas_Event_Render_Post *>(event_info)));
   }
   const int64_t since = stats.waiting_since ? stats.waiting_since : stats.busy_since;
-  if (stats.counts && since && stats.waits.size() < frames_kept) stats.waits.push_back(now - since);
+  if (since && stats.waits.size() < kept) stats.waits.push_back(now - since);
   stats.waiting_since = 0;
 }
 
@@ -112,7 +115,7 @@ std::string inspect_stats(bool reset) {
   out["events_ns"] = stats.waits;
   out["launches_ns"] = stats.launches;
   if (reset) {
-    stats.counts = true;
+    stats.asked = true;
     stats.iterations = stats.longest_iteration = stats.waiting_since = 0;
     stats.busy_since = 0; /* this very wake-up is not counted */
     stats.frames.clear();
