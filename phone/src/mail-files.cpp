@@ -236,32 +236,44 @@ int mail_file_read(const std::string &path, size_t max, std::string *out, std::s
   return 0;
 }
 
+namespace {
+
+struct source_parts {
+  std::string kind, key, path;
+};
+
+/* A base name may hold anything but a slash: the folder begins at the first ":/". The kind is empty for no source. */
+source_parts parts_of(const std::string &source) {
+  if (source.starts_with("file:")) return {"file", "", source.substr(5)};
+  if (!source.starts_with("maildir:") && !source.starts_with("mbox:")) return {};
+  const size_t first = source.find(':'), second = source.find(":/", first + 1);
+  if (second == std::string::npos) return {};
+  return {source.substr(0, first), source.substr(first + 1, second - first - 1), source.substr(second + 1)};
+}
+
+}  // namespace
+
+std::string mail_source_file(const std::string &source) {
+  const source_parts at = parts_of(source);
+  return at.kind == "maildir" ? maildir_find(at.path, at.key) : at.path;
+}
+
 int mail_source_read(const std::string &source, size_t max, std::string *out, std::string *error) {
-  size_t first = source.find(':');
-  std::string kind = source.substr(0, first == std::string::npos ? source.size() : first);
-  if (kind == "file") return mail_file_read(source.substr(first + 1), max, out, error);
-  if (kind == "maildir" || kind == "mbox") {
-    /* A base name may hold anything but a slash: the folder begins at the first ":/". */
-    size_t second = source.find(":/", first + 1);
-    if (second == std::string::npos) {
-      *error = source + ": not a mail's place";
-      return -1;
-    }
-    std::string key = source.substr(first + 1, second - first - 1), path = source.substr(second + 1);
-    if (kind == "maildir") {
-      std::string file = maildir_find(path, key);
-      if (!file.empty()) return mail_file_read(file, max, out, error);
-      *error = path + ": the mail is gone";
-      return -1;
-    }
-    line_reader reader;
-    std::string separator;
-    if (open_reader(&reader, path, strtoll(key.c_str(), nullptr, 10), error) < 0) return -1;
-    if (read_message(&reader, &separator, out) > 0) return 0;
-    *error = path + ": the mail is gone";
+  const source_parts at = parts_of(source);
+  if (at.kind.empty()) {
+    *error = source + ": not a mail's place";
     return -1;
   }
-  *error = source + ": not a mail's place";
+  if (at.kind == "mbox") {
+    line_reader reader;
+    std::string separator;
+    if (open_reader(&reader, at.path, strtoll(at.key.c_str(), nullptr, 10), error) < 0) return -1;
+    if (read_message(&reader, &separator, out) > 0) return 0;
+  } else {
+    const std::string file = mail_source_file(source);
+    if (!file.empty()) return mail_file_read(file, max, out, error);
+  }
+  *error = at.path + ": the mail is gone";
   return -1;
 }
 

@@ -34,6 +34,9 @@ int mail_file_read(const std::string &path, size_t max, std::string *out, std::s
 /* Reads the message that a source names. */
 int mail_source_read(const std::string &source, size_t max, std::string *out, std::string *error);
 
+/* The file that holds the message, of an mbox all of it; empty when it is gone from its Maildir. */
+std::string mail_source_file(const std::string &source);
+
 /* The file of a Maildir that has this base name, wherever its flags put it now; empty when it is gone. */
 std::string maildir_find(const std::string &dir, const std::string &base);
 

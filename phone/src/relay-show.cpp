@@ -21,14 +21,6 @@ void forget_signals_cb(void *user_data) {
   setsid();
 }
 
-std::string file_of(const std::string &source) {
-  const size_t kind = source.find(':'), name = source.find(':', kind + 1);
-  if (source.starts_with("file:")) return source.substr(kind + 1);
-  if (kind == std::string::npos || name == std::string::npos) return "";
-  const std::string folder = source.substr(name + 1);
-  return source.starts_with("maildir:") ? maildir_find(folder, source.substr(kind + 1, name - kind - 1)) : folder;
-}
-
 /* The first line at the place. */
 std::string words_at(phone_state *state, const sent_mail &mail, int64_t position) {
   std::string piece, rest, error;
@@ -51,7 +43,7 @@ void run(const std::string &command, const sent_mail &mail, const std::string &a
   gchar **environment = g_get_environ();
   for (const auto &[name, value] :
        std::initializer_list<std::pair<const char *, std::string>>{{"BRISEL_MESSAGE_ID", mail.message_id},
-                                                                   {"BRISEL_FILE", file_of(mail.source)},
+                                                                   {"BRISEL_FILE", mail_source_file(mail.source)},
                                                                    {"BRISEL_ADDRESS", address},
                                                                    {"BRISEL_POSITION", std::to_string(position)},
                                                                    {"BRISEL_WORDS", words}})

@@ -41,7 +41,7 @@ def test_mailbox_and_watch_stay_equal(s):
     equal([mails["old@x"][k] for k in ("is_read", "is_new", "received_time")], [1, 0, 1789000000], "read mail")
     equal([mails["unread@x"][k] for k in ("is_read", "is_new")], [0, 0], "a mail that was there before")
 
-    new = box.deliver(message("new@x", "New"))
+    new = box.deliver(message("new@x", "New"), base="1700000000.M:1.test")
     s.wait(lambda: "new@x" in uids(s), "a new mail")
     equal([by_uid(s)["new@x"][k] for k in ("is_read", "is_new")], [0, 1], "new mail")
     call_watch(s, "ShowAt", "string:email", ids_text([by_uid(s)["new@x"]["mail_id"]]), ids_text([2]))
