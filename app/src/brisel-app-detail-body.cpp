@@ -393,9 +393,9 @@ static void _follow_view_width(detail_body *body) {
 }
 
 /* Lays out the blocks that are on the screen, drops those that are far from it, and prepares at most one that is
-   near, so that no frame of a scroll has more than one to pay for. */
+   near, so that no frame of a scroll has more than one to pay for. Of a page beside, which nobody scrolls, none. */
 static void _arrange(detail_body *body) {
-  int x = 0, y = 0, w = 0, screen_h = 0, top = 0, view_h = 0;
+  int x = 0, y = 0, w = 0, screen_w = 0, screen_h = 0, top = 0, view_h = 0;
   evas_object_geometry_get(body->rest, &x, &y, &w, nullptr);
   if (w <= 0) return;
   if (w != body->width) {
@@ -404,13 +404,13 @@ static void _arrange(detail_body *body) {
     if (body->blocks.size() > 1) _measure_anew(body);
   }
   _settle_first_block(body);
-  evas_output_size_get(evas_object_evas_get(body->rest), nullptr, &screen_h);
+  evas_output_size_get(evas_object_evas_get(body->rest), &screen_w, &screen_h);
   evas_object_geometry_get(body->scroller, nullptr, &top, nullptr, &view_h);
   int bottom = std::min(screen_h, top + view_h);
   int near_by = screen_h / 2;
   int moved = 0; /* how far what is on the screen was pushed by blocks above it */
   int to_anchor = INT_MIN;
-  bool may_prepare = true;
+  bool may_prepare = x < screen_w && x + w > 0;
   if (body->anchor < _end_of(body, 0)) {
     int first_y = 0;
     if (_text_of_block(body, 0, &first_y, nullptr)) to_anchor = first_y + _line_top(body, 0, body->anchor) - top;

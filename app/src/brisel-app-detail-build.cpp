@@ -1,7 +1,7 @@
 /* Building pages: the one that is opened at once, those beside it step by step while the loop is idle, so that no frame
    waits for them. A page stands in its slot from the first step on; what is needed sooner is built to its end then.
-   It is built of the beginning of a long body: the rest comes, in two more steps, when it is the one that is read.
-   Paging and the main file call it. */
+   It is built of the beginning of a long body: the rest comes, in two more steps, when it is the one that is read, and
+   so do the buttons below a text that is longer than the screen. Paging and the main file call it. */
 #include <algorithm>
 #include <cstdlib>
 #include <utility>
@@ -130,13 +130,28 @@ static bool __brisel_detail_build_on(brisel_detail_view *view_data, page_data *p
     return __brisel_detail_read_mail(view_data, page);
   }
   if (!page->detail_layout) return __brisel_detail_fill_page(view_data, page);
-  brisel_detail_body_place(page->detail_layout);
+  if (page->is_built)
+    __brisel_detail_draw_buttons(view_data, page);
+  else
+    brisel_detail_body_place(page->detail_layout);
   page->is_built = 1;
   return true;
 }
 
-/* The next step to the rest of its body. */
-static bool __brisel_detail_rest_on(const brisel_detail_view *view_data, page_data *page) {
+static bool __brisel_detail_has_rest(const page_data *page) {
+  return page->rest != DETAIL_REST_NONE && !page->is_rest_lost;
+}
+
+static bool __brisel_detail_is_unfinished(const page_data *page) {
+  return page->is_built && (__brisel_detail_has_rest(page) || page->lacks_buttons);
+}
+
+/* The next step to what is left of the page that is read. */
+static bool __brisel_detail_rest_on(brisel_detail_view *view_data, page_data *page) {
+  if (!__brisel_detail_has_rest(page)) {
+    __brisel_detail_draw_buttons(view_data, page);
+    return true;
+  }
   if (page->rest == DETAIL_REST_READ) {
     page->rest = DETAIL_REST_NONE;
     __brisel_detail_set_body(page);
@@ -157,13 +172,20 @@ static bool __brisel_detail_rest_on(const brisel_detail_view *view_data, page_da
   return true;
 }
 
-void __brisel_detail_finish_rest(const brisel_detail_view *view_data, page_data *page) {
-  while (page->is_built && page->rest != DETAIL_REST_NONE)
-    if (!__brisel_detail_rest_on(view_data, page)) return;
+void __brisel_detail_finish_rest(brisel_detail_view *view_data, page_data *page) {
+  page->is_rest_lost = 0;
+  if (!__brisel_detail_is_unfinished(page)) return;
+  while (__brisel_detail_is_unfinished(page)) __brisel_detail_rest_on(view_data, page);
+  /* Its end is where it will be. */
+  evas_smart_objects_calculate(evas_object_evas_get(page->page_layout));
+}
+
+static bool __brisel_detail_is_unbuilt(const page_data *page) {
+  return !page->is_built || page->is_stale || __brisel_detail_wants_buttons(page);
 }
 
 static bool __brisel_detail_build_whole(brisel_detail_view *view_data, page_data *page) {
-  while (!page->is_built || page->is_stale)
+  while (__brisel_detail_is_unbuilt(page))
     if (!__brisel_detail_build_on(view_data, page)) return false;
   return true;
 }
@@ -189,14 +211,14 @@ bool __brisel_detail_finish_page(brisel_detail_view *view_data, page_data *page)
 static page_data *__brisel_detail_unbuilt_page(const brisel_detail_view *view_data) {
   for (int slot :
        {BRISEL_DETAIL_NEXT_PAGE, BRISEL_DETAIL_PREV_PAGE, BRISEL_DETAIL_NEXT_NEXT_PAGE, BRISEL_DETAIL_PREV_PREV_PAGE})
-    if (page_data *page = view_data->page_data[slot]; page && (!page->is_built || page->is_stale)) return page;
+    if (page_data *page = view_data->page_data[slot]; page && __brisel_detail_is_unbuilt(page)) return page;
   return nullptr;
 }
 
 /* Of the page that is read alone: those beside may never be turned to. */
 static page_data *__brisel_detail_unfinished_page(const brisel_detail_view *view_data) {
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
-  return page && page->is_built && page->rest != DETAIL_REST_NONE && !page->is_rest_lost ? page : nullptr;
+  return page && __brisel_detail_is_unfinished(page) ? page : nullptr;
 }
 
 /* Deletes the first that it finds, or returns false. */

@@ -24,6 +24,7 @@ void __brisel_detail_update_font_size(brisel_detail_view *view_data, int size) {
     __brisel_detail_set_subject(page);
     __brisel_detail_set_body(page);
   }
+  __brisel_detail_build_soon(view_data); /* smaller texts may end in sight */
 }
 
 static bool __brisel_detail_is_gesture_valid(const brisel_detail_view *view_data, const void *event_info) {

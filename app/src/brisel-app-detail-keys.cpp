@@ -88,7 +88,8 @@ static bool __brisel_detail_make_ring(brisel_detail_view *view_data) {
 
 /* The ring moves on by so many, and round at the end. */
 static void __brisel_detail_move_ring(brisel_detail_view *view_data, int by) {
-  const page_data *page = __brisel_detail_page_on_screen(view_data);
+  page_data *page = __brisel_detail_page_on_screen(view_data);
+  __brisel_detail_finish_rest(view_data, page);
   const std::vector<detail_target> targets = __brisel_detail_targets(page);
   const int count = (int)targets.size();
   int at = view_data->ring ? view_data->ring_at + by : by > 0 ? 0 : count - 1;

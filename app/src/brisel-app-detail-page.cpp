@@ -196,12 +196,31 @@ static int __brisel_detail_reply_status() {
   return brisel_util_get_reply_status(&status) == 0 && (status == 0 || status == 1) ? status : 2;
 }
 
-static void __brisel_detail_draw_buttons(brisel_detail_view *view_data, page_data *page) {
+/* What is above the buttons is where it will be. */
+static void __brisel_detail_make_room_for_buttons(page_data *page) {
+  page->reply_status = __brisel_detail_reply_status();
+  __brisel_detail_signal(page->detail_layout,
+                         page->reply_status == 2 ? "do-single-button-field" : "do-dual-button-field");
+}
+
+static bool __brisel_detail_is_end_in_sight(const page_data *page) {
+  Evas_Object *edje = elm_layout_edje_get(page->detail_layout);
+  int top = 0;
+  edje_object_calc_force(edje);
+  return !edje_object_part_geometry_get(edje, part_lbutton, nullptr, &top, nullptr, nullptr) || top < page->height;
+}
+
+bool __brisel_detail_wants_buttons(const page_data *page) {
+  return page->lacks_buttons && __brisel_detail_is_end_in_sight(page);
+}
+
+void __brisel_detail_draw_buttons(brisel_detail_view *view_data, page_data *page) {
   Evas_Object *layout = page->detail_layout;
-  int status = page->reply_status = __brisel_detail_reply_status();
+  __brisel_detail_make_room_for_buttons(page);
+  page->lacks_buttons = 0;
+  const int status = page->reply_status;
   for (const char *part : {part_lbutton, part_rbutton})
     if (Evas_Object *old = elm_object_part_content_unset(layout, part)) evas_object_del(old);
-  __brisel_detail_signal(layout, status == 2 ? "do-single-button-field" : "do-dual-button-field");
   if (status != 2) {
     __brisel_detail_place_button(
         layout, part_lbutton, "b_email_icon_message_send.png", 1, "IDS_EMAIL_SK_REPLY",
@@ -244,7 +263,12 @@ void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_da
 
   __brisel_detail_set_attachment_text(view_data, page);
   __brisel_detail_name_page(page);
-  __brisel_detail_draw_buttons(view_data, page);
+  /* Two buttons are a fifth of a page: those that are not seen without a scroll come to the page that is read. */
+  page->lacks_buttons = !brisel_view_is_spoken() && !__brisel_detail_is_end_in_sight(page);
+  if (page->lacks_buttons)
+    __brisel_detail_make_room_for_buttons(page);
+  else
+    __brisel_detail_draw_buttons(view_data, page);
   __brisel_detail_process_signals(layout);
   /* Its text is on the way still, asked for before the page was built. */
   if (__brisel_detail_is_waiting(view_data, page)) __brisel_detail_show_waiting(view_data, page);
@@ -390,11 +414,15 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) 
   __brisel_detail_update_datetime_string(view_data, page->mail_data->received_time, page->detail_layout);
   __brisel_detail_set_attachment_text(view_data, page);
   if (has_text) {
-    __brisel_detail_set_body(page);
+    __brisel_detail_read_body(page);
+    if (page->rest == DETAIL_REST_IN_STORE && !__brisel_detail_is_beginning_enough(page))
+      page->wants_whole = page->is_stale = 1; /* with the next step */
+    __brisel_detail_show_body(page);
     const bool is_whole =
         page->rest != DETAIL_REST_NONE || __brisel_detail_ends_with_tag(page->mail_data->body, tag_complete);
     __brisel_detail_signal(page->detail_layout, is_whole ? "do-hide-device-field" : "do-show-device-field");
   }
   __brisel_detail_name_page(page);
   __brisel_detail_process_signals(page->detail_layout);
+  __brisel_detail_offer(view_data);
 }

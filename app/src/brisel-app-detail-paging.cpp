@@ -410,6 +410,7 @@ void __brisel_detail_page_layout_resize_cb(void *data, Evas *evas, Evas_Object *
     page->height = height;
     __brisel_detail_set_subject(page);
   }
+  if (view_data->has_neighbors) __brisel_detail_build_soon(view_data); /* a larger view may show their ends */
   if (width == old_width || !view_data->page_data[BRISEL_DETAIL_CUR_PAGE]) return;
   /* Pages that were packed for another width, or before there was one. */
   elm_box_recalculate(view_data->box);

@@ -16,8 +16,9 @@
 /* The longest subject shown, in bytes: about eighty lines. The text engine would take seconds for a whole book. */
 constexpr size_t subject_shown_max = 2048;
 constexpr int subject_lines_max = 2;
-/* Bytes of a body's beginning: more than the largest display shows at once, in the most compact script. */
+/* Of a body's beginning, more than the largest display shows at once: bytes, in the most compact script, or lines. */
 constexpr size_t beginning_shown_min = 4096;
+constexpr int beginning_lines_min = 32;
 static const char part_title[] = "detail.title";
 static const char ellipsis[] = "\xE2\x80\xA6";
 
@@ -217,7 +218,7 @@ static bool __brisel_detail_is_inside(Evas_Object *object, int x, int y) {
   return x >= left && x < left + width && y >= top && y < top + height;
 }
 
-void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y) {
+void __brisel_detail_tapped(brisel_detail_view *view_data, int x, int y) {
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
   if (!page->text || !page->detail_layout || !page->scroller) return;
   page->tapped = nullptr;
@@ -287,7 +288,8 @@ bool __brisel_detail_is_beginning_enough(const page_data *page) {
     if (mail_id == page->mail_data->mail_id &&
         brisel_detail_place_of(shown, source) + beginning_shown_min > shown.text.size())
       return false;
-  return shown.text.size() >= beginning_shown_min;
+  return shown.text.size() >= beginning_shown_min ||
+         std::count(shown.text.begin(), shown.text.end(), '\n') >= beginning_lines_min;
 }
 
 void __brisel_detail_go_to_place(const page_data *page) {

@@ -180,5 +180,6 @@ int brisel_detail_update_string(appdata *ad) {
     else
       __brisel_detail_free_text(page);
   }
+  __brisel_detail_offer(view_data);
   return 0;
 }

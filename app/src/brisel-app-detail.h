@@ -50,6 +50,7 @@ struct page_data {
   unsigned char rest;             /* a detail_rest: mail_data has the beginning of a body until it is read */
   unsigned char wants_whole;      /* the beginning is not enough to build it */
   unsigned char is_rest_lost;     /* it could not be read: tried again when the page is turned to or pulled */
+  unsigned char lacks_buttons;    /* the end of its text is out of sight, and they have their room alone */
 };
 
 struct brisel_detail_view;
@@ -148,6 +149,9 @@ Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent);
 /* The notice below a body that goes on, where it does. */
 void __brisel_detail_draw_device_notice(page_data *page);
 void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_data *page);
+void __brisel_detail_draw_buttons(brisel_detail_view *view_data, page_data *page);
+/* Whether the page lacks its buttons where they can be seen without a scroll. */
+bool __brisel_detail_wants_buttons(const page_data *page);
 Evas_Object *__brisel_detail_create_layout_detail_view_title(brisel_detail_view *view_data, const page_data *page);
 void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page);
 void __brisel_detail_set_attachment_text(brisel_detail_view *view_data, const page_data *page);
@@ -164,8 +168,8 @@ page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *vie
 page_data *__brisel_detail_draw_bare_page(brisel_detail_view *view_data, int mail_id);
 /* What is left of a page, now. False when it failed: the page is gone. */
 bool __brisel_detail_finish_page(brisel_detail_view *view_data, page_data *page);
-/* Puts the rest of a long body on its page, now. What cannot be read is logged. */
-void __brisel_detail_finish_rest(const brisel_detail_view *view_data, page_data *page);
+/* Puts the rest of a long body and the buttons below it on their page, now. What cannot be read is logged. */
+void __brisel_detail_finish_rest(brisel_detail_view *view_data, page_data *page);
 /* Reads the mail into the record: of a long body what the page needs, and what is left then into *rest. The status of
    the store's calls. */
 int __brisel_detail_read(const brisel_detail_view *view_data, const page_data *page, full_noti_data *mail,
@@ -190,7 +194,7 @@ void __brisel_detail_set_body(page_data *page);
 bool __brisel_detail_is_beginning_enough(const page_data *page);
 void __brisel_detail_free_text(page_data *page);
 /* A finger tapped at that place of the canvas: a long subject or sender opens and closes, a folded line opens. */
-void __brisel_detail_tapped(const brisel_detail_view *view_data, int x, int y);
+void __brisel_detail_tapped(brisel_detail_view *view_data, int x, int y);
 /* What is on screen of where a tap means something, of the canvas, from the top. */
 std::vector<Eina_Rectangle> __brisel_detail_tap_places(const page_data *page);
 /* Remembers where the page stands, for when its mail is opened again; and goes there. */

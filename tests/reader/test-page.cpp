@@ -1,4 +1,6 @@
 /* One page: its parts and signals, its buttons, what it tells the phone, and how it follows settings. */
+#define EFL_BETA_API_SUPPORT /* for what a screen reader is told */
+#define EFL_ACCESS_OBJECT_PROTECTED
 #include <clocale>
 
 #include "pickover.h"
@@ -109,6 +111,29 @@ TEST_F(Page, ButtonsFollowTheReplyStatus) {
   }
 }
 
+/* Below a text that is longer than the screen they come to the page that is read, or when they are seen. */
+TEST_F(Page, ButtonsComeWhereTheyAreSeen) {
+  fill({"a", "1\n2\n3\n4\n5<tag:thisisover-1>"});
+  const auto has = [](brisel_detail_page slot) {
+    return elm_object_part_content_get(reader()->page_data[slot]->detail_layout, "detail.lbutton") != nullptr;
+  };
+  vconf_set_int(BRISEL_KEY_FONT_SIZE, 2);
+  open_reader(ids[0]);
+  vconf_unset(BRISEL_KEY_FONT_SIZE);
+  EXPECT_TRUE(has(BRISEL_DETAIL_CUR_PAGE));
+  EXPECT_FALSE(has(BRISEL_DETAIL_NEXT_PAGE));
+  __brisel_detail_update_font_size(reader(), 0);
+  rest_reader();
+  EXPECT_TRUE(has(BRISEL_DETAIL_NEXT_PAGE));
+  close_reader();
+  vconf_set_int(BRISEL_KEY_FONT_SIZE, 2);
+  open_reader(ids[0]);
+  vconf_unset(BRISEL_KEY_FONT_SIZE);
+  EXPECT_FALSE(has(BRISEL_DETAIL_NEXT_PAGE));
+  ASSERT_TRUE(swipe(true));
+  EXPECT_TRUE(has(BRISEL_DETAIL_CUR_PAGE));
+}
+
 TEST_F(Page, ShowOnDeviceAsksThePhone) {
   fill({"body"});
   set_status("reply", 2);
@@ -171,6 +196,23 @@ TEST_F(Page, TabGoesRoundAndBackWithShift) {
     evas_key_modifier_off(test_ad.evas, "Shift");
     EXPECT_EQ(reader()->ring_at, at - 1) << back;
   }
+}
+
+/* Who begins to listen, or listens in another language, is offered what can be done. */
+TEST_F(Page, WhatCanBeDoneIsOfferedToWhoListensLater) {
+  fill({"a", "b<tag:thisisover-1>"});
+  open_reader(ids[0]);
+  elm_config_atspi_mode_set(EINA_TRUE);
+  brisel_detail_update_string(&test_ad);
+  const auto offered = [](detail_offer which) {
+    Eo *button = reader()->offers[which];
+    return button && efl_access_object_access_type_get(button) == EFL_ACCESS_TYPE_REGULAR;
+  };
+  EXPECT_TRUE(offered(DETAIL_OFFER_ON));
+  EXPECT_TRUE(offered(DETAIL_OFFER_MORE));
+  phone.set_text(ids[0], "body", "a and all<tag:thisisover-1>");
+  EXPECT_TRUE(run_until([&] { return !offered(DETAIL_OFFER_MORE); }));
+  elm_config_atspi_mode_set(EINA_FALSE);
 }
 
 TEST_F(Page, PickoverShowsTheMailOnThePhone) {

@@ -3,6 +3,8 @@
 #include "brisel-body.h"
 #include "reader-test.h"
 
+using namespace std::string_literals;
+
 static std::string repeat(const std::string &text, int times) {
   std::string all;
   for (int i = 0; i < times; i++) all += text;
@@ -228,6 +230,40 @@ TEST_F(Texts, TheRestOfALongBodyComesToWhoReadsIt) {
   pull_to_end();
   EXPECT_TRUE(run_until([&] { return shown(BRISEL_DETAIL_CUR_PAGE) == lines; }));
   EXPECT_EQ(phone.count("more_msg"), 0) << "the phone was asked for what is in the store";
+}
+
+/* The end of a page is the whole body's, and what the phone says of a mail goes for the whole, before the rest came. */
+TEST_F(Texts, ThePageIsTheWholeBeforeTheRestCame) {
+  std::string lines, quotes = "Yes.\n";
+  for (int i = 0; i < 4000; i++) lines += "line " + std::to_string(i) + "\n";
+  for (int i = 0; i < 4000; i++) quotes += "> " + std::to_string(i) + "\n";
+  const std::vector<int> ids = mailbox_with(&phone, {"Short", lines + tag_more});
+  for (const char *name : {"End", "ISO_Left_Tab"}) {
+    SCOPED_TRACE(name);
+    ASSERT_EQ(brisel_detail_draw_view(ids[1], 0, &test_ad), 0);
+    current_page()->mail_data->mail_id = 99999; /* holds it back */
+    rest_reader();
+    current_page()->mail_data->mail_id = ids[1];
+    ASSERT_EQ(current_page()->rest, DETAIL_REST_IN_STORE);
+    key(name);
+    if (*name == 'I') key(name); /* behind the title's button */
+    rest();
+    int view = 0;
+    evas_object_geometry_get(current_page()->scroller, nullptr, nullptr, nullptr, &view);
+    EXPECT_EQ(scrolled(), content_height() - view);
+    EXPECT_NE(laid_out_text().find("line 3999"), std::string::npos);
+    elm_scroller_region_show(current_page()->scroller, 0, 0, 1, 1); /* opened there the next time */
+    settle();
+    close_reader();
+  }
+  open_reader(ids[0]);
+  const page_data *next = reader()->page_data[BRISEL_DETAIL_NEXT_PAGE];
+  ASSERT_EQ(next->rest, DETAIL_REST_IN_STORE);
+  phone.set_text(ids[1], "body", quotes + tag_complete);
+  EXPECT_TRUE(run_until([&] {
+    return next->is_built &&
+           brisel_detail_body_get(next->detail_layout, nullptr) == "Yes.\n\xE2\x80\xA6 4,000 quoted lines\n"s;
+  }));
 }
 
 /* The text at the top of the view stays there. */
