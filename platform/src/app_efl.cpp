@@ -381,9 +381,34 @@ extern "C" const Efl_Class *efl_canvas_group_class_get(void); /* the toolkit nam
 /* Every object that is made of others (a button, a picture, a layout) has a record of the one that clips them. When it
    goes, the toolkit deletes its parts, takes it out of what it was a part of itself, and then forgets the record
    without freeing it: two kilobytes of each mail that is read. Without parts no object needs its record. Told of
-   another, the toolkit frees what is its own and leaves alone what is somebody else's. */
+   another, the toolkit frees what is its own and leaves alone what is somebody else's.
+
+   What scrolls in a scroller is taken out while the scroller goes, and goes only then, as no part of anything: it gets
+   a record of ours first, which we free with it. */
+namespace {
+
+constexpr char scrolled_type[] = "elm_pan";
+
+void scrolled_freed_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  delete static_cast<Evas_Object_Smart_Clipped_Data *>(data);
+}
+
+void give_scrolled_its_record(Evas_Object *obj) {
+  const Evas_Object *scroller = evas_object_smart_parent_get(obj);
+  if (!scroller || !efl_invalidating_get(scroller) || efl_invalidating_get(obj)) return;
+  const char *type = evas_object_type_get(obj);
+  const auto *record = static_cast<Evas_Object_Smart_Clipped_Data *>(evas_object_smart_data_get(obj));
+  if (!record || !type || strcmp(type, scrolled_type) != 0) return;
+  auto *own = new Evas_Object_Smart_Clipped_Data(*record);
+  evas_object_smart_data_set(obj, own);
+  evas_object_event_callback_add(obj, EVAS_CALLBACK_FREE, scrolled_freed_cb, own);
+}
+
+}  // namespace
+
 extern "C" void evas_object_smart_member_del(Evas_Object *obj) {
   static void (*real)(Evas_Object *);
+  if (obj) give_scrolled_its_record(obj);
   toolkit(&real, "evas_object_smart_member_del", obj);
   if (!obj || !efl_invalidating_get(obj) || !efl_isa(obj, efl_canvas_group_class_get())) return;
   Eina_List *parts = evas_object_smart_members_get(obj);
