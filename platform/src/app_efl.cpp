@@ -394,11 +394,11 @@ void scrolled_freed_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) 
 }
 
 void give_scrolled_its_record(Evas_Object *obj) {
-  const Evas_Object *scroller = evas_object_smart_parent_get(obj);
-  if (!scroller || !efl_invalidating_get(scroller) || efl_invalidating_get(obj)) return;
   const char *type = evas_object_type_get(obj);
+  if (!type || strcmp(type, scrolled_type) != 0 || efl_invalidating_get(obj)) return;
+  const Evas_Object *scroller = evas_object_smart_parent_get(obj);
   const auto *record = static_cast<Evas_Object_Smart_Clipped_Data *>(evas_object_smart_data_get(obj));
-  if (!record || !type || strcmp(type, scrolled_type) != 0) return;
+  if (!record || !scroller || !efl_invalidating_get(scroller)) return;
   auto *own = new Evas_Object_Smart_Clipped_Data(*record);
   evas_object_smart_data_set(obj, own);
   evas_object_event_callback_add(obj, EVAS_CALLBACK_FREE, scrolled_freed_cb, own);
