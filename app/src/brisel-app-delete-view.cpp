@@ -375,7 +375,7 @@ static GSList *_without(GSList *list, GHashTable *ids, bool delete_rows) {
       continue;
     }
     *link = g_slist_delete_link(*link, *link);
-    if (delete_rows) elm_object_item_del(row->it);
+    if (delete_rows) brisel_view_delete_row(row->it);
   }
   return list;
 }

@@ -25,7 +25,7 @@ void _delete_row(Elm_Object_Item *it) {
   Elm_Object_Item *next = elm_genlist_item_next_get(it);
   if (!_is_mail(next)) next = elm_genlist_item_prev_get(it);
   if (has_focus && !is_ringed) _hand_focus_on(gl, it);
-  elm_object_item_del(it);
+  brisel_view_delete_row(it);
   if (!is_ringed || !_is_mail(next)) return;
   elm_object_item_focus_set(next, EINA_TRUE);
   elm_genlist_item_show(next, ELM_GENLIST_ITEM_SCROLLTO_IN);

@@ -376,7 +376,7 @@ static void __brisel_option_detail_add_address_row(option_detail_view_data *vd, 
 static void __brisel_option_detail_contacts_db_changed_cb(const char *view_uri, void *data) {
   BRISEL_INFO("Enter");
   option_detail_view_data *vd = (option_detail_view_data *)data;
-  if (vd->call_item) elm_object_item_del(vd->call_item);
+  if (vd->call_item) brisel_view_delete_row(vd->call_item);
   vd->call_item = nullptr;
   __brisel_option_detail_replace_contacts(vd->noti_data, nullptr);
   Elm_Object_Item *before = vd->reply_item ? vd->reply_item : vd->device_item;

@@ -1,5 +1,7 @@
 /* The mailbox list from inside: its model under the rows, its sweep, the account shown, and what becomes of them when
    the phone, a launch or the user goes on. */
+#include <gmock/gmock.h>
+
 #include "app-test.h"
 #include "cases.h"
 #include "vconf.h"
@@ -403,6 +405,38 @@ TEST_F(mailbox, WhatIsOnScreenStaysWhereItIs) {
   EXPECT_EQ(item_of_mail(ids[0]), nullptr) << "what comes waits for the finger to leave";
   lift();
   wait_for_rows(ids);
+}
+
+/* From each drawn row to the next, pixels. */
+static std::vector<int> steps_of_rows(void) {
+  std::vector<int> steps;
+  Elm_Object_Item *row = elm_genlist_item_next_get(elm_genlist_first_item_get(test_ad.mailbox_genlist));
+  for (; Elm_Object_Item *next = elm_genlist_item_next_get(row); row = next)
+    if (drawing(row) && drawing(next)) steps.push_back(middle_of_item(next).y - middle_of_item(row).y);
+  return steps;
+}
+
+TEST_F(mailbox, NoHoleIsLeftByMailsThatGo) {
+  fill(1, 14);
+  for (int strokes = 0; strokes < 2; strokes++) {
+    stroke({160, 300}, {160, 120});
+    rest();
+  }
+  Elm_Object_Item *first = elm_genlist_at_xy_item_get(test_ad.mailbox_genlist, 160, 200, nullptr);
+  const int before = middle_of_item(first).y;
+  for (int gone = 0; gone < 3; gone++) {
+    phone.delete_mails({ids[0]});
+    ids.erase(ids.begin());
+    wait_for_rows(ids);
+    rest();
+    EXPECT_EQ(middle_of_item(first).y, before) << gone;
+    EXPECT_THAT(steps_of_rows(), testing::Each(78)) << gone;
+  }
+  for (int strokes = 0; strokes < 4; strokes++) {
+    stroke({160, 120}, {160, 300});
+    rest();
+    EXPECT_THAT(steps_of_rows(), testing::Each(78)) << strokes;
+  }
 }
 
 TEST_F(mailbox, ARowSaysWhatAMailIsAbout) {
