@@ -19,13 +19,12 @@ static bool store_is_unreadable;
 static Evas_Object *store_popup;
 /* A launch waits for the phone's link, with no main screen yet. */
 static bool waits_for_link;
-/* A launch waits for the answer of the link popup. The link or another launch may go on before it comes, and the user
-   after that: a late answer closes nothing. */
-static bool waits_for_answer;
+/* It went on with the link before the link popup answered, and the user after that: the answer closes nothing. */
+static bool went_on_with_link;
 /* The last launch asked for what waits and was sent, which has not been opened yet. */
 static bool journal_is_asked;
 
-static void _go_on(appdata *ad);
+static void _go_on(appdata *ad, bool closes_views);
 
 /* --- conditions --- */
 
@@ -171,7 +170,7 @@ static void _store_popup_again_cb(void *data, Evas_Object *obj, void *event_info
   brisel_db_deinit();
   int result = brisel_db_init();
   if (result != 0) BRISEL_ERROR("brisel_db_init() failed! err:[%d]", result);
-  _go_on((appdata *)data);
+  _go_on((appdata *)data, true);
 }
 
 void brisel_tell_store_unreadable(appdata *ad) {
@@ -209,7 +208,7 @@ static Eina_Bool _connecting_timer_cb(void *data) {
     connecting_timer = ecore_timer_add(connecting_patience, _connecting_timer_cb, ad);
   } else {
     _count_is_known(ad);
-    _go_on(ad);
+    _go_on(ad, true);
   }
   return ECORE_CALLBACK_CANCEL;
 }
@@ -286,15 +285,15 @@ void _launch(appdata *ad, int mail_id) {
 }
 
 /* What follows once the link has been asked for, whatever came of it. */
-static void _go_on(appdata *ad) {
-  waits_for_link = waits_for_answer = false;
+static void _go_on(appdata *ad, bool closes_views) {
+  waits_for_link = false;
   if (_check_progress_popup_is_needed()) {
     _wait_for_count(ad);
   } else if (_check_setup_account_popup_is_needed()) {
     _create_set_up_email_popup(ad);
   } else if (launched) {
     BRISEL_INFO("Already launched.");
-    _brisel_naviframe_pop_to_mailbox(ad);
+    if (closes_views) _brisel_naviframe_pop_to_mailbox(ad);
     brisel_delete_sweep_item(ad);
     brisel_check_mail_on_db(ad);
   } else {
@@ -305,7 +304,9 @@ static void _go_on(appdata *ad) {
 }
 
 void _link_is_up(appdata *ad) {
-  if (waits_for_link) _go_on(ad);
+  if (!waits_for_link) return;
+  went_on_with_link = true;
+  _go_on(ad, true);
 }
 
 static void _bt_connect_error_popup_result_cb(service_h request, service_h reply, int result, void *data) {
@@ -314,24 +315,22 @@ static void _bt_connect_error_popup_result_cb(service_h request, service_h reply
     BRISEL_INFO("BT Connected");
   else
     BRISEL_INFO("BT Not Connected");
-  if (waits_for_answer)
-    _go_on(ad);
-  else
-    elm_win_activate(ad->win_main);
+  _go_on(ad, !went_on_with_link);
+  went_on_with_link = false;
 }
 
 static void _reset(appdata *ad, const char *mail_text) {
   journal_is_asked = mail_text && !strcmp(mail_text, BRISEL_EVENT_ID_JOURNAL);
   if (!brisel_util_bluetooth_connection_popup(ad, _bt_connect_error_popup_result_cb, "refresh")) {
     waits_for_link = !launched;
-    waits_for_answer = true;
+    went_on_with_link = false;
     if (!launched) _show_first_minute(ad);
     /* Nobody would answer for a popup that has not come. */
-    if (!ad->link_popup_came) _go_on(ad);
+    if (!ad->link_popup_came) _go_on(ad, true);
     return;
   }
   int mail_id = _mail_id_of_text(mail_text);
-  waits_for_link = waits_for_answer = false;
+  waits_for_link = false;
   if (_check_progress_popup_is_needed()) {
     _wait_for_count(ad);
   } else if (launched) {
