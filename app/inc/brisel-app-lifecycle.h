@@ -12,6 +12,7 @@ int app_pause(void *user_data);
 int app_resume(void *user_data);
 int app_reset(service_h service, void *user_data); /* a launch request */
 int app_prepare(void *user_data);                  /* started ahead of the first launch request */
+void app_starting(void *user_data);                /* before the toolkit starts */
 int app_lang_changed(void *user_data);
 int app_region_changed(void *user_data);
 

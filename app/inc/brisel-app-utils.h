@@ -44,6 +44,8 @@ char *brisel_get_timezone_str(void);
 void brisel_update_timezone_str(void);
 /* At start: ICU and the C library take the zone of the device's link, unless the environment names one (TZ). */
 void brisel_util_init_timezone(void);
+/* From the starting callback: ICU reads what it knows of the region while the toolkit starts. */
+void brisel_util_read_formats_ahead(void);
 int brisel_open_icu_pattern_generator(appdata *ad);
 int brisel_close_icu_pattern_generator(appdata *ad);
 /* What a locale does where no setting says otherwise: the order of dates as a date_format, and whether the clock has

@@ -149,6 +149,10 @@ static void _trouble_cb(int request_type, void *user_data) {
   brisel_view_offer_again(ad, _try_again_cb, nullptr, nullptr);
 }
 
+void app_starting(void *user_data) {
+  brisel_util_read_formats_ahead();
+}
+
 bool app_create(void *user_data) {
   BRISEL_INFO("Enter");
   appdata *ad = (appdata *)user_data;

@@ -34,5 +34,6 @@ int main(int argc, char **argv) {
   callbacks.language_changed = app_lang_changed;
   callbacks.region_format_changed = app_region_changed;
   callbacks.prepare = app_prepare;
+  callbacks.starting = app_starting;
   return app_efl_main(&argc, &argv, &callbacks, &ad);
 }

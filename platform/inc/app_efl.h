@@ -1,6 +1,6 @@
 /*
  * The application framework: the lifecycle, one instance per session, launch requests in and out.
- * Thread: the EFL main loop, for every function and callback here.
+ * Thread: the EFL main loop, for every function and callback here but the work of app_efl_beside.
  */
 #ifndef BRISEL_PLATFORM_APP_EFL_H
 #define BRISEL_PLATFORM_APP_EFL_H
@@ -37,6 +37,8 @@ struct app_event_callback_s {
   /* Started ahead of its first launch request (--prepare): what the first picture needs can be made out of sight.
      Paused until then. */
   int (*prepare)(void *user_data);
+  /* Before the toolkit starts, once it is clear that this instance is the one: the place for app_efl_beside. */
+  void (*starting)(void *user_data);
 };
 
 enum { APP_EFL_ALREADY_THERE = 3 }; /* the exit status that data/desktop/brisel-prepared.service.in names */
@@ -48,6 +50,11 @@ enum { APP_EFL_ALREADY_THERE = 3 }; /* the exit status that data/desktop/brisel-
    returns at once: 0, or with --prepare APP_EFL_ALREADY_THERE, by which who starts it again and again knows not to. A
    missing bus is logged; the application then runs alone. Returns 0, or non-zero when create failed. */
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data);
+/* Has work(data) done by a thread of the framework's while the toolkit starts: what takes long the first time and needs
+   nothing of the toolkit's. From the starting callback only, once. It reads environment and locale as they are then
+   (who changes the environment waits for its end) and changes neither; data has to stay until app_efl_main returns.
+   Without a thread it is not done. */
+void app_efl_beside(void (*work)(void *data), void *data);
 /* Names the application before app_efl_main; com.vextora.brisel when never called. id is copied. */
 void app_efl_id_set(const char *id);
 /* Ends the main loop after the current callback. */

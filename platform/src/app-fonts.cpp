@@ -1,10 +1,8 @@
-/* How the toolkit gets its fonts: the configuration that names them, read without what only tools ask for, and by a
-   thread while the toolkit starts. The framework calls it before anything loads a font. */
+/* How the toolkit gets its fonts: the configuration that names them, read without what only tools ask for, and beside
+   the toolkit's start. The framework calls it before anything loads a font. */
 #include <dlfcn.h>
 #include <fontconfig/fontconfig.h>
 #include <locale.h>
-#include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -23,7 +21,7 @@ const struct {
   int weight;
 } theme_fonts[] = {{"Bold", FC_WEIGHT_BOLD}, {nullptr, FC_WEIGHT_NORMAL}};
 
-/* The thread's until it has ended, the main loop's after. */
+/* The thread's until it is done with them, the main loop's after. */
 struct {
   char *language;
   FcConfig *config; /* NULL: could not be read */
@@ -32,9 +30,6 @@ struct {
     FcFontSet *order; /* NULL: none, or handed over */
   } sorted[std::size(theme_fonts)];
 } found;
-
-pthread_t reader;
-bool is_reading;
 
 /* The library's own function, behind the one that stands here in its place. */
 template <typename Function>
@@ -74,9 +69,7 @@ FcPattern *pattern_of(const char *style, int weight) {
   return pattern;
 }
 
-void *read_cb(void *data) {
-  /* The main loop sets the process's locale meanwhile. */
-  if (locale_t neutral = newlocale(LC_ALL_MASK, "C", nullptr)) uselocale(neutral);
+void read_cb(void *data) {
   found.config = load_configuration();
   for (size_t i = 0; found.config && i < std::size(theme_fonts); i++) {
     FcResult result;
@@ -84,13 +77,6 @@ void *read_cb(void *data) {
     one.asked = pattern_of(theme_fonts[i].style, theme_fonts[i].weight);
     if (one.asked) one.order = library_sort()(found.config, one.asked, FcTrue, nullptr, &result);
   }
-  return nullptr;
-}
-
-void wait_for_reader(void) {
-  if (!is_reading) return;
-  is_reading = false;
-  pthread_join(reader, nullptr);
 }
 
 }  // namespace
@@ -104,18 +90,10 @@ void app_fonts_start(void) {
 void app_fonts_read(void) {
   const char *locale = setlocale(LC_MESSAGES, nullptr);
   found.language = strndup(locale, strcspn(locale, ".@"));
-  if (!found.language || !library_sort()) return;
-  /* Signals are the main loop's. */
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  is_reading = pthread_create(&reader, nullptr, read_cb, nullptr) == 0;
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  if (found.language && library_sort()) app_beside_add(APP_BESIDE_FONTS, read_cb, nullptr);
 }
 
 void app_fonts_stop(void) {
-  wait_for_reader();
   for (auto &one : found.sorted) {
     if (one.asked) FcPatternDestroy(one.asked);
     if (one.order) FcFontSetDestroy(one.order);
@@ -130,7 +108,7 @@ void app_fonts_stop(void) {
 /* That one reads all configuration files once more that the system offers, also those that are not in use, only to name
    them to who asks for a list: a twentieth of a cold start. */
 extern "C" FcConfig *FcInitLoadConfigAndFonts(void) {
-  wait_for_reader();
+  app_beside_wait(APP_BESIDE_FONTS);
   if (found.config) return FcConfigReference(found.config);
   if (FcConfig *config = load_configuration()) return config;
   const auto real = library<decltype(FcInitLoadConfigAndFonts)>("FcInitLoadConfigAndFonts");
@@ -139,7 +117,7 @@ extern "C" FcConfig *FcInitLoadConfigAndFonts(void) {
 
 extern "C" FcFontSet *FcFontSort(FcConfig *config, FcPattern *asked, FcBool trim, FcCharSet **letters,
                                  FcResult *result) {
-  wait_for_reader();
+  app_beside_wait(APP_BESIDE_FONTS);
   for (auto &one : found.sorted) {
     if (!one.order || config != found.config || !trim || letters || !FcPatternEqual(asked, one.asked)) continue;
     FcFontSet *order = one.order; /* who asks frees it: the next one gets another */
@@ -148,25 +126,4 @@ extern "C" FcFontSet *FcFontSort(FcConfig *config, FcPattern *asked, FcBool trim
     return order;
   }
   return library_sort() ? library_sort()(config, asked, trim, letters, result) : nullptr;
-}
-
-/* --- the environment --- */
-
-/* The C library moves it when it changes, so nobody changes it while the thread looks something up there. */
-extern "C" int setenv(const char *name, const char *value, int replace) noexcept {
-  static const auto real = library<int(const char *, const char *, int)>("setenv");
-  wait_for_reader();
-  return real(name, value, replace);
-}
-
-extern "C" int unsetenv(const char *name) noexcept {
-  static const auto real = library<int(const char *)>("unsetenv");
-  wait_for_reader();
-  return real(name);
-}
-
-extern "C" int putenv(char *text) noexcept {
-  static const auto real = library<int(char *)>("putenv");
-  wait_for_reader();
-  return real(text);
 }

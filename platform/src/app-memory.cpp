@@ -19,27 +19,29 @@ constexpr size_t first_picture = 3584 * 1024;
 /* Less than what the C library takes from elsewhere than the heap, and gives back when it is freed. */
 constexpr size_t piece_size = 120 * 1024;
 
-/* Whether the kernel gave all pages that piece has a part in. */
-bool populate(const void *piece, uintptr_t page) {
-  const uintptr_t first = reinterpret_cast<uintptr_t>(piece) & ~(page - 1);
-  const uintptr_t end = (reinterpret_cast<uintptr_t>(piece) + piece_size + page - 1) & ~(page - 1);
-  return madvise(reinterpret_cast<void *>(first), end - first, MADV_POPULATE_WRITE) == 0;
+/* The first byte of each piece stays: between them the heap has no room for what is as large as the window's pixels,
+   and no free end to give back. */
+void *pieces[first_picture / piece_size];
+
+/* The heap's memory and not what stands in it: the main loop uses it meanwhile. */
+void populate_cb(void *data) {
+  const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  for (const void *piece : pieces) {
+    const uintptr_t first = reinterpret_cast<uintptr_t>(piece) & ~(page - 1);
+    const uintptr_t end = (reinterpret_cast<uintptr_t>(piece) + piece_size + page - 1) & ~(page - 1);
+    if (!piece || madvise(reinterpret_cast<void *>(first), end - first, MADV_POPULATE_WRITE) != 0)
+      return; /* little memory, or an old kernel */
+  }
 }
 
 }  // namespace
 
 void app_memory_start(void) {
-  /* The first byte of each piece stays: between them the heap has no room for what is as large as the window's pixels,
-     and no free end to give back. */
-  static void *pieces[first_picture / piece_size];
   if (pieces[0]) return;
-  const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-  for (void *&piece : pieces) {
-    piece = malloc(piece_size);
-    if (!piece || !populate(piece, page)) break; /* little memory, or an old kernel */
-  }
+  for (void *&piece : pieces) piece = malloc(piece_size);
   for (void *&piece : pieces)
     if (void *rest = piece ? realloc(piece, 1) : nullptr) piece = rest;
+  app_beside_add(APP_BESIDE_MEMORY, populate_cb, nullptr);
 }
 #else
 void app_memory_start(void) {}

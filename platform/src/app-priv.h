@@ -68,16 +68,23 @@ void app_locale_start(const app_locale_callbacks *callbacks); /* after elm_init:
 void app_locale_stop(void);
 
 /* app-memory.cpp */
-/* Before elm_init: gets what the heap will hold at the first picture from the kernel in a few calls. At its first touch
-   each page would cost one more entry into the kernel, a thousand of them. */
+/* Before elm_init: has app-beside.cpp get what the heap will hold at the first picture from the kernel in a few calls.
+   At its first touch each page would cost one more entry into the kernel, a thousand of them. */
 void app_memory_start(void);
 
 /* app-fonts.cpp */
 void app_fonts_start(void); /* before elm_init: names the configuration of the fonts */
-/* When environment and language are set: has the configuration read, and the theme's fonts looked up, by a thread. The
-   toolkit waits for it when it wants a font, and so does whoever changes the environment. */
+/* When environment and language are set: gives app-beside.cpp the configuration to read, and the theme's fonts to look
+   up. The toolkit waits for it when it wants a font. */
 void app_fonts_read(void);
-void app_fonts_stop(void); /* after the toolkit's end */
+void app_fonts_stop(void); /* after the toolkit's end, and app_beside_stop */
+
+/* app-beside.cpp: one thread, which does these in turn while the toolkit starts. */
+enum app_beside_work { APP_BESIDE_MEMORY, APP_BESIDE_FONTS, APP_BESIDE_APPLICATION, APP_BESIDE_WORKS };
+void app_beside_add(app_beside_work which, void (*work)(void *data), void *data); /* before app_beside_start */
+void app_beside_start(void);
+void app_beside_wait(app_beside_work which); /* until that one is done, if the thread does it */
+void app_beside_stop(void);                  /* until all are; so does whoever changes the environment */
 
 /* app-look.cpp: the platform's theme, palette and motion. */
 void app_look_start(void);

@@ -566,8 +566,11 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
   setenv("ELM_ACCEL", "none", 0);
   app_locale_init();
   app_fonts_read();
+  if (app.callbacks.starting) app.callbacks.starting(app.user_data);
+  app_beside_start();
   if (!elm_init(*argc, *argv)) {
     __dlog_print(DLOG_ERROR, app_log_tag, "the toolkit does not start");
+    app_beside_stop();
     return 1;
   }
   eina_freeq_count_max_set(eina_freeq_main_get(), freed_late);
@@ -578,6 +581,7 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
   app_access_stop();
   app_bus_stop();
   elm_shutdown();
+  app_beside_stop();
   app_fonts_stop();
   return result;
 }
