@@ -199,8 +199,10 @@ int brisel_db_get_all_account_data(GSList **list);
 int brisel_db_get_account_data_by_account_id(int account_id, account_data *out);
 /* Fills a record made by brisel_full_noti_data_create (its old strings are freed). */
 int brisel_db_get_full_noti_data_by_mail_id(int mail_id, full_noti_data *out);
-/* The same with the beginning of its body, which may be megabytes: up to the last character that is whole within most
-   bytes. *is_whole: 0 when there is more of it, perhaps a continuation tag, and the rest was not read. */
+/* The same without its body, which may be megabytes. */
+int brisel_db_get_noti_head_by_mail_id(int mail_id, full_noti_data *out);
+/* The same with the beginning of its body: up to the last character that is whole within most bytes. *is_whole: 0 when
+   there is more of it, perhaps a continuation tag, and the rest was not read. */
 int brisel_db_get_noti_beginning_by_mail_id(int mail_id, int most, full_noti_data *out, int *is_whole);
 /* *list: newest first by received_time, equal times by ascending mail id (the order in which live insertion
    places them); free with brisel_full_noti_data_list_free, never record by record. account_id 0: all. */

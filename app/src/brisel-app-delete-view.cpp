@@ -394,7 +394,7 @@ static std::vector<delete_item_data *> _read_added(delete_view_data *vd, GSList 
     g_hash_table_add(there, GINT_TO_POINTER(((delete_item_data *)cell->data)->mail_id));
   for (; ids; ids = ids->next) {
     scoped_noti mail(brisel_full_noti_data_create());
-    if (!mail || brisel_db_get_full_noti_data_by_mail_id(GPOINTER_TO_INT(ids->data), mail.get()) != 0) continue;
+    if (!mail || brisel_db_get_noti_head_by_mail_id(GPOINTER_TO_INT(ids->data), mail.get()) != 0) continue;
     if (vd->account_id != 0 && vd->account_id != mail->account_id) continue;
     if (!g_hash_table_add(there, ids->data)) continue;
     if (delete_item_data *row = _row_of_mail(mail.get(), vd)) rows.push_back(row);

@@ -10,6 +10,7 @@
 
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
+#include "platform-pages.h"
 
 /* Fewer lines are read faster than opened. */
 constexpr int least_quoted = 3;
@@ -18,6 +19,8 @@ constexpr int least_signature = 2;
 constexpr int most_signature = 12;
 /* Up to two lines of a small display. */
 constexpr size_t longest_address = 40;
+/* Bytes, of which the memory is got at once. */
+constexpr size_t long_text = 256 << 10;
 static const char fold_sign[] = "\xE2\x80\xA6 ";
 
 /* How many bytes from s on stay as they are. A body may be a megabyte of any script: ASCII goes by eight, what is no
@@ -52,6 +55,7 @@ std::string brisel_detail_plain_text(const char *text, size_t length) {
   static const char unknown[] = "\xEF\xBF\xBD"; /* for a byte that begins no character */
   std::string plain;
   plain.reserve(length);
+  if (length >= long_text) platform_pages_get(plain.data(), length);
   const char *end = text + length;
   for (const char *s = text; s < end;) {
     const size_t run = _plain_run(s, (size_t)(end - s));

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "brisel-app-detail-body.h"
 #include "brisel-app-utils.h"
@@ -189,8 +190,7 @@ static void __brisel_detail_take_more_msg(brisel_detail_view *view_data, page_da
     return;
   }
   if (mail->body && *mail->body) {
-    g_free(page->mail_data->body);
-    page->mail_data->body = g_strdup(mail->body);
+    std::swap(page->mail_data->body, mail->body);
     page->rest = DETAIL_REST_NONE;
   }
   __brisel_detail_offer(view_data);

@@ -53,7 +53,7 @@ int _check_security_lock_mail(int mail_id) {
     BRISEL_ERROR("brisel_db_full_noti_data_create() failed!");
     return 0;
   }
-  int result = brisel_db_get_full_noti_data_by_mail_id(mail_id, mail.get());
+  int result = brisel_db_get_noti_head_by_mail_id(mail_id, mail.get());
   if (result != 0) {
     BRISEL_ERROR("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d]", result);
     return 0;

@@ -129,9 +129,7 @@ static void _update_mail_by_mail_id(int mail_id, appdata *ad) {
     BRISEL_WARN("brisel_db_full_noti_data_create() failed!");
     return;
   }
-  /* An opened mail's body may be a megabyte, and no row shows it. */
-  int is_whole = 0;
-  if (brisel_db_get_noti_beginning_by_mail_id(mail_id, 1, mail.get(), &is_whole) != 0) return;
+  if (brisel_db_get_noti_head_by_mail_id(mail_id, mail.get()) != 0) return;
   _read_item_state(item, mail.get());
   Elm_Genlist_Item_Class *itc = _class_of_row(ad, item); /* a subject may have come or gone */
   if (elm_genlist_item_item_class_get(item->it) != itc)
@@ -320,7 +318,7 @@ void brisel_check_current_mailbox_account_by_mail_id(int mail_id, appdata *ad) {
     BRISEL_ERROR("brisel_db_full_noti_data_create() failed!");
     return;
   }
-  int result = brisel_db_get_full_noti_data_by_mail_id(mail_id, mail.get());
+  int result = brisel_db_get_noti_head_by_mail_id(mail_id, mail.get());
   if (result != 0) {
     BRISEL_WARN("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d]", result);
     return;

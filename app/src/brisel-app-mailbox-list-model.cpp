@@ -132,7 +132,7 @@ item_data *_make_list_data_by_mail_id(int mail_id, appdata *ad) {
     BRISEL_ERROR("brisel_db_full_noti_data_create() failed!");
     return nullptr;
   }
-  int result = brisel_db_get_full_noti_data_by_mail_id(mail_id, mail.get());
+  int result = brisel_db_get_noti_head_by_mail_id(mail_id, mail.get());
   if (result != 0) {
     BRISEL_WARN("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d], mail_id : %d", result, mail_id);
     return nullptr;

@@ -67,7 +67,7 @@ int brisel_option_take_noti_data(int mail_id, full_noti_data *borrowed, full_not
     BRISEL_ERROR("brisel_db_full_noti_data_create() failed!");
     return -3;
   }
-  int ret = brisel_db_get_full_noti_data_by_mail_id(mail_id, noti_data.get());
+  int ret = brisel_db_get_noti_head_by_mail_id(mail_id, noti_data.get());
   if (ret != 0) {
     BRISEL_ERROR("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d]", ret);
     return ret;

@@ -31,8 +31,8 @@ void brisel_option_leave_contacts(contacts_db_changed_cb changed_cb, void *data)
 
 /* --- the mail --- */
 
-/* *record: the borrowed one, or a new one read by mail_id, which the caller then owns (*own true). 0; -3: no memory;
-   else the store's error. Failures are logged. */
+/* *record: the borrowed one, or a new one read by mail_id, without a body, which the caller then owns (*own true). 0;
+   -3: no memory; else the store's error. Failures are logged. */
 int brisel_option_take_noti_data(int mail_id, full_noti_data *borrowed, full_noti_data **record, bool *own);
 
 #endif

@@ -74,7 +74,7 @@ static void __brisel_draft_make_room(const platform_folder &folder, int for_mail
 /* Whether the store says that there is no such mail; a store that cannot be read says nothing. */
 static bool __brisel_draft_mail_is_gone(int mail_id) {
   const scoped_noti mail(brisel_full_noti_data_create());
-  return mail && brisel_db_get_full_noti_data_by_mail_id(mail_id, mail.get()) == BRISEL_COMMON_ERROR_NOT_FOUND;
+  return mail && brisel_db_get_noti_head_by_mail_id(mail_id, mail.get()) == BRISEL_COMMON_ERROR_NOT_FOUND;
 }
 
 std::string brisel_reply_draft_load(const brisel_reply_mail &mail) {

@@ -14,6 +14,7 @@
 #include <type_traits>
 
 struct sqlite3;
+struct sqlite3_blob;
 struct sqlite3_stmt;
 
 enum sql_result { sql_failed = -1, sql_done = 0, sql_row = 1 };
@@ -67,9 +68,6 @@ struct sql_db {
   int run(const std::string &sql) { return run(sql.c_str()); }
   /* The number in the first column of the first row, with NULL as 0. 0; -1 also when there is no row. */
   int number(const char *sql, int64_t *value);
-  /* The beginning of a long text or blob, most bytes at most, and how many it has. The rest is not read from the file.
-     While a statement stands on a row, it is of that moment. 0; -1 also when there is no such row. */
-  int beginning(const char *table, const char *column, int64_t row, size_t most, std::string *bytes, size_t *size);
   /* Runs work() inside one transaction that writes: committed when it returns 0, undone otherwise (error() stays what
      work() left). Returns what work() returned, or -1. */
   template <typename F>
@@ -101,6 +99,7 @@ struct sql_db {
 
  private:
   friend struct sql_statement;
+  friend struct sql_value;
   static int count_work_cb(void *data);
   int note(int result);
 
@@ -116,6 +115,25 @@ struct sql_db {
 /* Bytes, as opposed to text. */
 struct sql_blob {
   std::string_view bytes;
+};
+
+/* A long text or blob of a row, read without a copy of SQLite's own, and no more of it than is wanted. While a
+   statement stands on a row, it is of that moment. */
+struct sql_value {
+  sql_value() = default;
+  ~sql_value();
+  sql_value(const sql_value &) = delete;
+  sql_value &operator=(const sql_value &) = delete;
+
+  /* Once. 0; -1 also when there is no such row, or what is there is neither text nor blob. */
+  int open(sql_db *db, const char *table, const char *column, int64_t row);
+  size_t size(void) const; /* bytes */
+  /* The first of its bytes, size() at the most. 0 or -1. */
+  int read(char *bytes, size_t count);
+
+ private:
+  sql_db *db_ = nullptr;
+  sqlite3_blob *value_ = nullptr;
 };
 
 /* One prepared statement. One that could not be prepared, or to which a value could not be bound, fails at its next

@@ -1,12 +1,10 @@
 /* The process's own memory: got before it is needed, given back when it is not. */
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstdint>
+#include <cstddef>
 #include <cstdlib>
 
 #include "app-priv.h"
 #include "app_efl.h"
+#include "platform-pages.h"
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
@@ -25,13 +23,8 @@ void *pieces[first_picture / piece_size];
 
 /* The heap's memory and not what stands in it: the main loop uses it meanwhile. */
 void populate_cb(void *data) {
-  const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-  for (const void *piece : pieces) {
-    const uintptr_t first = reinterpret_cast<uintptr_t>(piece) & ~(page - 1);
-    const uintptr_t end = (reinterpret_cast<uintptr_t>(piece) + piece_size + page - 1) & ~(page - 1);
-    if (!piece || madvise(reinterpret_cast<void *>(first), end - first, MADV_POPULATE_WRITE) != 0)
-      return; /* little memory, or an old kernel */
-  }
+  for (const void *piece : pieces)
+    if (!piece || !platform_pages_get(piece, piece_size)) return; /* little memory, or an old kernel */
 }
 
 }  // namespace

@@ -154,21 +154,6 @@ int sql_db::number(const char *sql, int64_t *value) {
   return 0;
 }
 
-int sql_db::beginning(const char *table, const char *column, int64_t row, size_t most, std::string *bytes,
-                      size_t *size) {
-  if (!handle_) return sql_failed;
-  sqlite3_blob *value = nullptr;
-  int result = sqlite3_blob_open(handle_, "main", table, column, row, 0, &value);
-  if (result == SQLITE_OK) {
-    *size = static_cast<size_t>(sqlite3_blob_bytes(value));
-    bytes->resize(std::min(most, *size));
-    result = sqlite3_blob_read(value, bytes->data(), static_cast<int>(bytes->size()), 0);
-  }
-  const int status = note(result);
-  sqlite3_blob_close(value);
-  return status;
-}
-
 void sql_db::undo(void) {
   if (!handle_ || sqlite3_get_autocommit(handle_)) return;
   /* Should even this fail, SQLite takes it back before the next BEGIN. */
@@ -200,6 +185,25 @@ void sql_db::limit_work(int thousands) {
   if (!budget_) budget_ = new budget;
   budget_->left = thousands;
   sqlite3_progress_handler(handle_, 1000, thousands > 0 ? count_work_cb : nullptr, budget_);
+}
+
+/* --- value --- */
+
+sql_value::~sql_value() {
+  sqlite3_blob_close(value_);
+}
+
+int sql_value::open(sql_db *db, const char *table, const char *column, int64_t row) {
+  db_ = db;
+  return db->handle_ ? db->note(sqlite3_blob_open(db->handle_, "main", table, column, row, 0, &value_)) : sql_failed;
+}
+
+size_t sql_value::size(void) const {
+  return static_cast<size_t>(sqlite3_blob_bytes(value_));
+}
+
+int sql_value::read(char *bytes, size_t count) {
+  return db_->note(sqlite3_blob_read(value_, bytes, static_cast<int>(count), 0));
 }
 
 /* --- statement --- */

@@ -55,25 +55,29 @@ bool read_mail(slab *s, sql_statement *q, full_noti_data *mail) {
   return read_head(s, q, mail) && read_text(s, q, column(field_body), &mail->body);
 }
 
-/* Takes away the character at the end that is cut, or none at all. */
-void cut_at_character(std::string *text) {
-  size_t last = text->size();
-  while (last > 0 && text->size() - last < 4 && (static_cast<unsigned char>((*text)[last - 1]) & 0xC0) == 0x80) last--;
-  if (last > 0 && !text_utf8_length(std::string_view(*text).substr(last - 1))) text->resize(last - 1);
+/* Without the character at the end that is cut, or with none at all. */
+size_t length_of_characters(const char *text, size_t length) {
+  size_t last = length;
+  while (last > 0 && length - last < 4 && (static_cast<unsigned char>(text[last - 1]) & 0xC0) == 0x80) last--;
+  return last > 0 && !text_utf8_length({text + last - 1, length - last + 1}) ? last - 1 : length;
 }
 
-/* All but the body of the query's row, and the beginning of that. Its status, as of the calls of this file. */
-int read_beginning(sql_statement *q, int most, full_noti_data *mail, int *is_whole) {
-  if (!read_head(nullptr, q, mail)) return BRISEL_COMMON_ERROR_MEMORY;
-  *is_whole = 1;
+/* The beginning of the body of the query's row. Its status, as of the calls of this file. */
+int read_beginning(sql_statement *q, size_t most, full_noti_data *mail, bool *is_whole) {
+  *is_whole = true;
   if (q->view(column(field_body)) == "null") return 0;
-  std::string bytes;
-  size_t size = 0;
-  if (reader_body_beginning(mail->mail_id, static_cast<size_t>(most), &bytes, &size)) return BRISEL_COMMON_ERROR_STORE;
-  *is_whole = bytes.size() == size;
-  if (!*is_whole) cut_at_character(&bytes);
-  mail->body = records_text(nullptr, bytes);
-  return mail->body || bytes.empty() ? 0 : BRISEL_COMMON_ERROR_MEMORY;
+  size_t length = 0;
+  char *bytes = nullptr;
+  const int status = reader_body_beginning(mail->mail_id, most, &bytes, &length, is_whole);
+  if (status) return status;
+  if (!*is_whole) bytes[length = length_of_characters(bytes, length)] = 0;
+  if (length && text_utf8_valid({bytes, length})) {
+    mail->body = bytes;
+    return 0;
+  }
+  mail->body = records_text(nullptr, {bytes, length});
+  g_free(bytes);
+  return mail->body || !length ? 0 : BRISEL_COMMON_ERROR_MEMORY;
 }
 
 /* A list of mails while it grows: its cells lie beside its records. */
@@ -147,6 +151,25 @@ int start_part(reader_query all, int account_id, const brisel_mail_place *after,
         : (*q)->bind(sql_blob{""}, 0, limit);
   if (account_id) (*q)->add(account_id);
   return status;
+}
+
+/* A mail with the first most bytes of its body. */
+int read_one(int mail_id, size_t most, full_noti_data *out, bool *is_whole) {
+  if (!out || mail_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
+  if (!opened) return BRISEL_COMMON_ERROR_STORE;
+  sql_statement *q = nullptr;
+  const int status = reader_start(reader_mail, &q);
+  if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
+  const sql_result r = q->bind(mail_id).step();
+  int read = 0;
+  if (r == sql_row) {
+    records_clear_mail(out);
+    read = read_head(nullptr, q, out) ? 0 : BRISEL_COMMON_ERROR_MEMORY;
+    if (!read && most) read = read_beginning(q, most, out, is_whole);
+  }
+  const int done = reader_done(q, read == BRISEL_COMMON_ERROR_STORE ? sql_failed : r);
+  if (done) return done;
+  return r == sql_row ? read : BRISEL_COMMON_ERROR_NOT_FOUND;
 }
 
 }  // namespace
@@ -234,38 +257,21 @@ int brisel_db_get_account_data_by_account_id(int account_id, account_data *out) 
 }
 
 int brisel_db_get_full_noti_data_by_mail_id(int mail_id, full_noti_data *out) {
-  if (!out || mail_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
-  if (!opened) return BRISEL_COMMON_ERROR_STORE;
-  sql_statement *q = nullptr;
-  const int status = reader_start(reader_mail, &q);
-  if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
-  const sql_result r = q->bind(mail_id).step();
-  bool whole = true;
-  if (r == sql_row) {
-    records_clear_mail(out);
-    whole = read_mail(nullptr, q, out);
-  }
-  const int done = reader_done(q, r);
-  if (done) return done;
-  if (r != sql_row) return BRISEL_COMMON_ERROR_NOT_FOUND;
-  return whole ? 0 : BRISEL_COMMON_ERROR_MEMORY;
+  bool is_whole = false;
+  return read_one(mail_id, SIZE_MAX, out, &is_whole);
+}
+
+int brisel_db_get_noti_head_by_mail_id(int mail_id, full_noti_data *out) {
+  bool is_whole = false;
+  return read_one(mail_id, 0, out, &is_whole);
 }
 
 int brisel_db_get_noti_beginning_by_mail_id(int mail_id, int most, full_noti_data *out, int *is_whole) {
-  if (!out || !is_whole || mail_id <= 0 || most <= 0) return BRISEL_COMMON_ERROR_INVALID;
-  if (!opened) return BRISEL_COMMON_ERROR_STORE;
-  sql_statement *q = nullptr;
-  const int status = reader_start(reader_mail_head, &q);
-  if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
-  const sql_result r = q->bind(mail_id).step();
-  int read = 0;
-  if (r == sql_row) {
-    records_clear_mail(out);
-    read = read_beginning(q, most, out, is_whole);
-  }
-  const int done = reader_done(q, read == BRISEL_COMMON_ERROR_STORE ? sql_failed : r);
-  if (done) return done;
-  return r == sql_row ? read : BRISEL_COMMON_ERROR_NOT_FOUND;
+  if (!is_whole || most <= 0) return BRISEL_COMMON_ERROR_INVALID;
+  bool is_all = true;
+  const int status = read_one(mail_id, static_cast<size_t>(most), out, &is_all);
+  *is_whole = is_all;
+  return status;
 }
 
 int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **list, int *count) {

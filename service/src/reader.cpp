@@ -4,12 +4,14 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <string_view>
 
 #include "brisel-common.h"
 #include "dlog.h"
+#include "platform-pages.h"
 #include "platform-paths.h"
 #include "store-format.h"
 
@@ -18,6 +20,8 @@ namespace {
 constexpr char log_tag[] = "BRISEL_COMMON";
 /* Readers of a WAL store wait for nobody, except while a service that was killed is being cleaned up after. */
 constexpr int busy_ms = 1000;
+/* Bytes, of which the memory is got at once. */
+constexpr size_t long_body = 256 << 10;
 
 /* In the texts of the queries: the whole mail, its id first and its body last; the same with the type of the body in
    its place; the ids that are asked for. */
@@ -36,7 +40,6 @@ constexpr const char *texts[reader_query_count] = {
     "SELECT account_id, account_value, email_address, display_name FROM account ORDER BY account_id",
     "SELECT account_id, account_value, email_address, display_name FROM account WHERE account_id = ?",
     "SELECT color FROM account WHERE account_id = ?",
-    "SELECT [mail] WHERE mail_id = ?",
     /* The type of a text is told without the text. */
     "SELECT [head] WHERE mail_id = ?",
     "SELECT [mail] " SCREEN_ORDER,
@@ -191,8 +194,21 @@ int reader_start(reader_query which, sql_statement **query) {
   return 0;
 }
 
-int reader_body_beginning(int mail_id, size_t most, std::string *bytes, size_t *size) {
-  return reader.db.beginning("body", "text", mail_id, most, bytes, size);
+int reader_body_beginning(int mail_id, size_t most, char **bytes, size_t *length, bool *is_whole) {
+  sql_value body;
+  if (body.open(&reader.db, "body", "text", mail_id)) return BRISEL_COMMON_ERROR_STORE;
+  *length = std::min(most, body.size());
+  *is_whole = *length == body.size();
+  char *read = static_cast<char *>(g_try_malloc(*length + 1));
+  if (!read) return BRISEL_COMMON_ERROR_MEMORY;
+  if (*length >= long_body) platform_pages_get(read, *length + 1);
+  if (body.read(read, *length)) {
+    g_free(read);
+    return BRISEL_COMMON_ERROR_STORE;
+  }
+  read[*length] = 0;
+  *bytes = read;
+  return 0;
 }
 
 int reader_done(sql_statement *query, sql_result result) {

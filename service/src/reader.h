@@ -4,7 +4,6 @@
 #define BRISEL_READER_H
 
 #include <cstddef>
-#include <string>
 
 #include "platform-sql.h"
 
@@ -13,8 +12,7 @@ enum reader_query {
   reader_accounts,
   reader_account,
   reader_account_color,
-  reader_mail,
-  reader_mail_head,
+  reader_mail, /* all but its body */
   reader_mails,
   reader_mails_of_account,
   reader_few_rows,
@@ -51,8 +49,9 @@ void reader_give_back(void);
 /* Readies a query for its values. 0 with *query set, to be given back with reader_done(); 0 with *query NULL when there
    is no store yet, which reads as empty; else a BRISEL_COMMON_ERROR_*. */
 int reader_start(reader_query which, sql_statement **query);
-/* While a query stands on a mail's row: the first bytes of its body, most at most, and how many it has. 0 or -1. */
-int reader_body_beginning(int mail_id, size_t most, std::string *bytes, size_t *size);
+/* While a query stands on a mail's row: the first bytes of its body, most at most, ended by a zero byte; to be freed
+   with g_free. *length: how many they are; *is_whole: all of them. 0 or a BRISEL_COMMON_ERROR_*. */
+int reader_body_beginning(int mail_id, size_t most, char **bytes, size_t *length, bool *is_whole);
 /* Ends a query. result: what its last step returned. 0, or BRISEL_COMMON_ERROR_STORE when that was an error. */
 int reader_done(sql_statement *query, sql_result result);
 
