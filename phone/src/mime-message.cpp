@@ -160,6 +160,19 @@ void mime_init() {
   header_options();
 }
 
+std::unique_ptr<opened_message> message_open(std::string_view raw, const mime_limits &limits) {
+  auto opened = std::make_unique<opened_message>();
+  opened->raw = from_header(raw.substr(0, limits.message), &opened->lines);
+  opened->bytes = with_bounded_addresses(bounded(opened->raw, limits, &opened->headers), &opened->addresses);
+  opened->array = {reinterpret_cast<guint8 *>(const_cast<char *>(opened->bytes.data())),
+                   static_cast<guint>(opened->bytes.size())};
+  opened->stream.reset(g_mime_stream_mem_new_with_byte_array(&opened->array));
+  g_mime_stream_mem_set_owner(GMIME_STREAM_MEM(opened->stream.get()), FALSE);
+  object_holder<GMimeParser> parser(g_mime_parser_new_with_stream(opened->stream.get()));
+  opened->message.reset(g_mime_parser_construct_message(parser.get(), header_options()));
+  return opened->message && has_known_header(opened->message.get()) ? std::move(opened) : nullptr;
+}
+
 int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail, std::string *error) {
   mime_init();
   *mail = mime_mail();
@@ -167,28 +180,21 @@ int mime_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
     *error = "empty file";
     return -1;
   }
-  std::string lines, storage, addresses;
-  raw = from_header(raw.substr(0, limits.message), &lines);
-  std::string_view bytes = with_bounded_addresses(bounded(raw, limits, &storage), &addresses);
-  /* The library reads the bytes where they are, and only reads them. */
-  GByteArray array = {reinterpret_cast<guint8 *>(const_cast<char *>(bytes.data())), static_cast<guint>(bytes.size())};
-  object_holder<GMimeStream> stream(g_mime_stream_mem_new_with_byte_array(&array));
-  g_mime_stream_mem_set_owner(GMIME_STREAM_MEM(stream.get()), FALSE);
-  object_holder<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
-  object_holder<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), header_options()));
-  if (!message || !has_known_header(message.get())) {
+  const std::unique_ptr<opened_message> opened = message_open(raw, limits);
+  if (!opened) {
     *error = "not a mail message (no header found)";
     return -1;
   }
 
-  std::string charset = header_charset(message.get());
-  mail->subject = mime_clean_line(header_decode(header_raw(message.get(), "Subject"), charset), kMaxSubject);
-  header_read_sender(message.get(), charset, mail);
-  mail->date = mime_date(header_raw(message.get(), "Date"));
-  parts_read(message.get(), bytes, limits, mail);
-  header_read_ids(message.get(), mail);
-  if (mail->message_uid.empty()) mail->message_uid = hash_uid(message.get(), raw);
-  const char *status = g_mime_object_get_header(GMIME_OBJECT(message.get()), "Status");
+  GMimeMessage *message = opened->message.get();
+  std::string charset = header_charset(message);
+  mail->subject = mime_clean_line(header_decode(header_raw(message, "Subject"), charset), kMaxSubject);
+  header_read_sender(message, charset, mail);
+  mail->date = mime_date(header_raw(message, "Date"));
+  parts_read(message, opened->bytes, limits, mail);
+  header_read_ids(message, mail);
+  if (mail->message_uid.empty()) mail->message_uid = hash_uid(message, opened->raw);
+  const char *status = g_mime_object_get_header(GMIME_OBJECT(message), "Status");
   mail->seen = status && strchr(status, 'R') != nullptr;
   return 0;
 }

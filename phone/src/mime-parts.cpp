@@ -18,10 +18,13 @@ struct walk {
   int parts = 0;
   int attachments = 0;
   bool image = false;
-  std::string meeting;               /* what an invitation says */
-  std::string pictures;              /* the names of the body's pictures */
-  GMimePart *named = nullptr;        /* the first text part that has a file's name and is not said to be attached */
-  GMimeMessage *forwarded = nullptr; /* the first mail that is attached; the message's own */
+  std::string meeting;              /* what an invitation says */
+  std::string pictures;             /* the names of the body's pictures */
+  GMimePart *named = nullptr;       /* the first text part that has a file's name and is not said to be attached */
+  GMimeObject *forwarded = nullptr; /* the first mail that is attached */
+  bool decodes = true;              /* a mail that stands encoded may be opened */
+  std::string decoded;              /* ... and was */
+  std::unique_ptr<opened_message> opened;
 };
 
 /* How good a child of an alternative is as text to read. */
@@ -257,16 +260,30 @@ std::string walk_leaf(GMimeObject *object, walk *w, GMimeObject *parent) {
   return "";
 }
 
+/* No standard lets a mail stand encoded in another, and some programs write it so. */
+bool is_mail(GMimeObject *object) {
+  return GMIME_IS_MESSAGE_PART(object) || (GMIME_IS_PART(object) && is_type(object, "message", "rfc822"));
+}
+
+GMimeMessage *mail_inside(GMimeObject *object, walk *w) {
+  if (GMIME_IS_MESSAGE_PART(object)) return g_mime_message_part_get_message(GMIME_MESSAGE_PART(object));
+  if (!w->decodes) return nullptr;
+  w->decodes = false; /* each inside another would take a copy */
+  w->decoded = content_bytes(GMIME_PART(object), w->limits->text * 4);
+  w->opened = message_open(w->decoded, *w->limits);
+  return w->opened ? w->opened->message.get() : nullptr;
+}
+
 std::string walk_object(GMimeObject *object, walk *w, int depth, GMimeObject *parent) {
   if (!object || depth > w->limits->depth || w->parts >= w->limits->parts) return "";
   w->parts++;
   if (GMIME_IS_MULTIPART(object)) return walk_multipart(GMIME_MULTIPART(object), w, depth);
-  if (GMIME_IS_MESSAGE_PART(object)) {
+  if (is_mail(object)) {
     /* A forwarded mail is something attached; it is read in place only where there is nothing else to read. */
-    GMimeMessage *inner = g_mime_message_part_get_message(GMIME_MESSAGE_PART(object));
-    if (!parent) return inner ? walk_object(g_mime_message_get_mime_part(inner), w, depth + 1, object) : "";
+    GMimeMessage *inner = parent ? nullptr : mail_inside(object, w);
+    if (inner) return walk_object(g_mime_message_get_mime_part(inner), w, depth + 1, object);
     w->attachments++;
-    if (!w->forwarded) w->forwarded = inner;
+    if (parent && !w->forwarded) w->forwarded = object;
     return "";
   }
   if (GMIME_IS_PART(object)) return walk_leaf(object, w, parent);
@@ -280,11 +297,12 @@ std::string anything_to_read(GMimeObject *top, std::string_view raw, walk *w) {
     w->attachments--;
     return text_of_leaf(w->named, "plain", w);
   }
-  if (w->forwarded) {
+  if (GMimeMessage *mail = w->forwarded ? mail_inside(w->forwarded, w) : nullptr) {
     walk inner = {w->limits, w->parts};
+    inner.decodes = w->decodes;
     std::string subject =
-        mime_clean_line(header_decode(header_raw(w->forwarded, "Subject"), header_charset(w->forwarded)), kMaxSubject);
-    std::string text = walk_object(g_mime_message_get_mime_part(w->forwarded), &inner, 1, nullptr);
+        mime_clean_line(header_decode(header_raw(mail, "Subject"), header_charset(mail)), kMaxSubject);
+    std::string text = walk_object(g_mime_message_get_mime_part(mail), &inner, 1, nullptr);
     return subject.empty() || text.empty() ? subject + text : subject + "\n\n" + text;
   }
   if (!top || !GMIME_IS_MULTIPART(top) || g_mime_multipart_get_count(GMIME_MULTIPART(top)) > 0) return "";

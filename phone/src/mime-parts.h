@@ -4,7 +4,24 @@
 
 #include <gmime/gmime.h>
 
+#include <memory>
+
 #include "../mime.h"
+#include "gmime-holders.h"
+
+/* Raw bytes as the library's message, which reads them where they are. */
+struct opened_message {
+  std::string lines, headers, addresses; /* copies, where something had to go */
+  std::string_view raw;                  /* from the first header on */
+  std::string_view bytes;                /* the same without what is over the limits */
+  GByteArray array;                      /* the same for the library, which only reads it */
+  object_holder<GMimeStream> stream;
+  object_holder<GMimeMessage> message;
+};
+
+/* Opens a message, without what is over the limits; `raw` stays where it is as long as it is open. Returns NULL when
+   the bytes are no mail. In mime-message.cpp. */
+std::unique_ptr<opened_message> message_open(std::string_view raw, const mime_limits &limits);
 
 /* Fills in the body, the attachments and pictures of `message`; `raw` are the bytes it was made of. */
 void parts_read(GMimeMessage *message, std::string_view raw, const mime_limits &limits, mime_mail *mail);
