@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "link-parts.h"
+#include "parser.h"
 #include "platform-stop.h"
 #include "state-relay.h"
 
@@ -42,6 +43,13 @@ int set_up(phone_link *link, std::string *error) {
   if (r >= 0) r = requests_start(link);
   if (r < 0) *error = std::string("the event loop cannot be set up: ") + strerror(-r);
   return r < 0 ? -1 : 0;
+}
+
+/* A message takes long to read. Whoever waits for more of a text waits on: that would have to be read, too. */
+void reading_cb(void *user_data) {
+  auto *link = static_cast<phone_link *>(user_data);
+  stream_keep_alive(link);
+  requests_hear(link);
 }
 
 /* What `relay status` and `watches` tell of the link. */
@@ -86,6 +94,7 @@ phone_link *link_open(phone_state *state, const link_handlers *handlers, void *u
   link->me.outcomes = handlers->tells_outcomes;
   link->last_seen = link_report_read(state).last_seen;
   if (set_up(link.get(), error) < 0) return nullptr;
+  parser_meanwhile(reading_cb, link.get());
   bool session = link->target.address.kind == carrier_kind::session;
   /* The loop has not run yet, but its clock is read. */
   if ((session ? session_start(link.get(), error) : stream_start(link.get(), error)) < 0) return nullptr;
@@ -142,6 +151,7 @@ void link_fail(phone_link *link, const std::string &error) {
 
 void link_close(phone_link *link) {
   if (!link) return;
+  parser_meanwhile(nullptr, nullptr);
   for (sd_event_source *source : {link->retry, link->take, link->resend}) sd_event_source_disable_unref(source);
   if (link->connected) link_is_down(link, "");
   share_end(link);

@@ -114,6 +114,8 @@ struct phone_link {
 /* Makes the sources that requests need. Returns 0, or an errno below 0. */
 int requests_start(phone_link *link);
 int request_cb(sd_bus_message *m, void *user_data, sd_bus_error *error);
+/* Hears what has come, and sends what waits for that; every request keeps its turn. */
+void requests_hear(phone_link *link);
 /* Answers what has come and is urgent; everything else keeps its turn. */
 void requests_take_urgent(phone_link *link);
 /* The connection is another one: what came over the old one is sent again. */

@@ -206,12 +206,6 @@ int body_of(const sent_mail &mail, std::string *body, bool *cut, std::string *er
   return 0;
 }
 
-/* Only what has come already: the answer of the last call came behind it. */
-void hear_what_came(phone_link *link) {
-  while (link->connected && sd_bus_process(link->bus->bus, nullptr) > 0) {
-  }
-}
-
 }  // namespace
 
 int requests_start(phone_link *link) {
@@ -263,8 +257,14 @@ int request_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
   return 0;
 }
 
+/* Only what has come already: the answer of the last call came behind it. */
+void requests_hear(phone_link *link) {
+  while (link->connected && sd_bus_process(link->bus->bus, nullptr) > 0) {
+  }
+}
+
 void requests_take_urgent(phone_link *link) {
-  hear_what_came(link);
+  requests_hear(link);
   auto urgent = [](const waiting_request &r) { return r.urgent; };
   for (;;) {
     auto next = std::find_if(link->requests.begin(), link->requests.end(), urgent);
@@ -285,7 +285,7 @@ void link_ask_waiting(phone_link *link) {
 }
 
 int link_take_waiting(phone_link *link) {
-  hear_what_came(link);
+  requests_hear(link);
   while (link->connected && !link->requests.empty()) {
     waiting_request next = std::move(link->requests.front());
     link->requests.pop_front();

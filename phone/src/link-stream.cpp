@@ -348,7 +348,8 @@ void stream_way_is_open(phone_link *link) {
 void stream_keep_alive(phone_link *link) {
   uint64_t now = boot_now();
   if (link->stage != link_stage::open || !pings(*link)) return;
-  uint64_t after = std::max(link->bus->heard, link->kept_alive_at) + pair_word_every * kSecond;
+  const uint64_t every = std::min<uint64_t>(pair_word_every, link->target.pace.ping_after) * kSecond;
+  const uint64_t after = std::max(link->bus->heard, link->kept_alive_at) + every;
   if (now < after) return;
   link->kept_alive_at = now;
   sd_bus_call_method_async(link->bus->bus, nullptr, nullptr, "/", "org.freedesktop.DBus.Peer", "Ping", pong_cb, link,

@@ -85,6 +85,9 @@ struct parser_process {
 
 parser_process process;
 
+void (*meanwhile_callback)(void *user_data);
+void *meanwhile_data;
+
 question question_of(request_kind kind, std::string_view raw, const mime_limits &limits) {
   question q = {}; /* also what lies between the fields */
   q.head.kind = kind;
@@ -222,6 +225,7 @@ exchange_result take_some(question *q, deadline *d) {
     /* Also while bytes come: one at a time would last for ever. */
     if (monotonic_seconds() >= d->until) return EXCHANGE_HUNG;
     if (got > 0 || !(silent || waits)) continue;
+    if (meanwhile_callback) meanwhile_callback(meanwhile_data);
     const int64_t used = processor_seconds(process.pid);
     if (d->processor_until == 0) d->processor_until = used + kProcessorTime;
     if (used >= d->processor_until) return EXCHANGE_HUNG;
@@ -428,6 +432,11 @@ std::vector<int64_t> parser_arrivals(const std::vector<std::string_view> &heads)
     arrivals.push_back(result == PARSER_DONE ? std::clamp<int64_t>(answer.date, 0, INT32_MAX) : 0);
   }
   return arrivals;
+}
+
+void parser_meanwhile(void (*callback)(void *user_data), void *user_data) {
+  meanwhile_callback = callback;
+  meanwhile_data = user_data;
 }
 
 void parser_close() {

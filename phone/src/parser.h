@@ -39,6 +39,9 @@ void parser_forget();
    than the reading. What parser_ahead() handed over is forgotten. */
 std::vector<int64_t> parser_arrivals(const std::vector<std::string_view> &heads);
 
+/* What is done about once a second while an answer is waited for; NULL: nothing. It must not call the parser. */
+void parser_meanwhile(void (*callback)(void *user_data), void *user_data);
+
 /* Ends the process. Safe without one. */
 void parser_close();
 

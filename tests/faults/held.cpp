@@ -1,5 +1,5 @@
 /* The phone with one fault more, linked around its own reading: a mail that says so holds up its reader for ever, whose
-   processor's seconds pass twenty times as fast as the machine's. */
+   processor's seconds pass four times as fast as the machine's. */
 #include <ctime>
 
 #include "mime.h"
@@ -18,6 +18,6 @@ int held_parse(std::string_view raw, const mime_limits &limits, mime_mail *mail,
 extern "C" int __real_clock_gettime(clockid_t clock, timespec *now);
 extern "C" int __wrap_clock_gettime(clockid_t clock, timespec *now) {
   const int result = __real_clock_gettime(clock, now);
-  if (clock < 0) now->tv_sec = now->tv_sec * 20 + now->tv_nsec / 50000000; /* another process's */
+  if (clock < 0) now->tv_sec = now->tv_sec * 4 + now->tv_nsec / 250000000; /* another process's */
   return result;
 }

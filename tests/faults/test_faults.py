@@ -20,10 +20,12 @@ class Disk:
         self.mark = s.dir / "disk.struck"
         # The phone talks to the installed service, or to the one beside it; its commands work on a disk that works.
         bin = s.dir / "bin"
-        self.phone, self.service = bin / "relay", bin / "service" / "brisel-hostd"
-        self.service.parent.mkdir(parents=True)
+        self.phone, self.service, self.gate = bin / "relay", bin / "service" / "brisel-hostd", bin / "gate" / "brisel-gate"
+        for program in (self.service, self.gate):
+            program.parent.mkdir(parents=True)
         (bin / "build.ninja").touch()  # as in the tree where all are built
         for program, place in ((FAULTY / "faulty-phone", self.phone), (FAULTY / service, self.service),
+                               (BUILD / "gate" / "brisel-gate", self.gate),
                                (BUILD / "phone" / "brisel-phone", bin / "brisel-phone")):
             shutil.copy(program, place)
         s.env["PATH"] = f"{bin}:{s.env['PATH']}"
@@ -129,8 +131,12 @@ def test_a_refused_mail_is_split_off(s):
 
 
 def test_a_mail_that_holds_up_its_reader_costs_itself(s):
-    """Its answer goes with those of good ones before it, none of which pays for it."""
+    """Its answer goes with those of good ones before it, none of which pays for it; nor does the link, on which nobody may
+    be silent for as long."""
+    s.env["BRISEL_GATE_IDLE"] = "4"
     disk, box, mta, relay = begin(s)
+    watch = ("--watch", f"exec:exec {disk.gate}")
+    relay.args += ["--ping-after", "1", *watch]
     held = box.deliver(message("held@x", "hold me up"))
     for n in range(6):
         box.deliver(message(f"m{n}@x"))
@@ -142,9 +148,10 @@ def test_a_mail_that_holds_up_its_reader_costs_itself(s):
         readers.update(pid for pid in children.read_text().split()
                        if b"read-mail" in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes())
         assert len(readers) <= 3, "for all of them, for each alone until the one to blame, and for what follows it"
-        return len(uids(s)) == 6 and [t["message"] for t in status(s)["accounts"][0]["set_aside"]] == [held]
+        return len(uids(s)) == 6 and [t["message"] for t in status(s, *watch)["accounts"][0]["set_aside"]] == [held]
 
-    s.wait(all_came, "the good ones, and the one that is named")
+    s.wait(all_came, "the good ones, and the one that is named", patience=120)
+    assert "lost" not in relay.log() and "waiting for it" not in relay.log(), relay.log()
     relay.kill()
     disk.end()
 
