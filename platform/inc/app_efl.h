@@ -41,14 +41,14 @@ struct app_event_callback_s {
   void (*starting)(void *user_data);
 };
 
-enum { APP_EFL_ALREADY_THERE = 3 }; /* the exit status that data/desktop/brisel-prepared.service.in names */
-
 /* Runs the application: initialises EFL, takes the bus name of the application's id, calls create, delivers the
    launch request of the command line (KEY=VALUE arguments are extra data; with the argument --service there is none:
    the bus brings it; with --prepare there is none before somebody launches the application), runs the main loop and
    calls terminate. When another instance holds the name, the launch request, if there is one, goes to it and the call
-   returns at once: 0, or with --prepare APP_EFL_ALREADY_THERE, by which who starts it again and again knows not to. A
-   missing bus is logged; the application then runs alone. Returns 0, or non-zero when create failed. */
+   returns 0 at once; with --prepare it first waits, blocked, for that one's end. A missing bus is logged; the
+   application then runs alone, but not with --prepare, where nobody could launch it. One that waits for its launch ends
+   when the bus goes or its program's file is replaced. It also ends when its window is destroyed. Returns 0, or
+   non-zero when there was no bus to wait at or create failed. */
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data);
 /* Has work(data) done by a thread of the framework's while the toolkit starts: what takes long the first time and needs
    nothing of the toolkit's. From the starting callback only, once. It reads environment and locale as they are then

@@ -38,7 +38,8 @@ const char *app_id(void);
 Evas_Object *app_window(void); /* NULL before app_efl_window_attach and after the window's end */
 bool app_ready(void);          /* create has succeeded and terminate has not begun */
 void app_deliver_launch(service_s *service);
-void app_go_background(void); /* lowers the window and delivers pause before it returns */
+void app_end_if_ahead(const char *why); /* started ahead of its first launch, and not launched yet */
+void app_go_background(void);           /* lowers the window and delivers pause before it returns */
 void app_go_foreground(void);
 
 /* launch.cpp */
@@ -48,6 +49,8 @@ bool app_is_text(const char *text); /* valid UTF-8, which the bus demands */
 /* 1: this process owns the application's name now; 0: another instance took the request; negative: no bus, or failed.
  */
 int app_claim_name(const service_s *request, bool wait_only);
+/* The same without a request of its own: waits, however long, until no other instance has the name. 1, or negative. */
+int app_wait_for_name(void);
 int app_bus_start(void); /* offers the application's interfaces; 0, or negative */
 /* app-access: turns the toolkit's accessibility on where the session has it; late() says that it came after the start.
  */

@@ -6,14 +6,17 @@
 #include <Efl_Ui.h>
 #include <Efreet.h>
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
 #include "app-priv.h"
 #include "bus-loop.h"
 #include "dlog.h"
+#include "file-watch.h"
 #include "keypad-internal.h"
 #include "platform-paths.h"
 #ifdef BRISEL_HAVE_ECORE_X
@@ -58,6 +61,8 @@ struct application {
   Ecore_Job *trim_job = nullptr;
   Ecore_Event_Handler *handlers[4] = {};
   Ecore_Idler *ahead_idler = nullptr;
+  std::string program_name; /* of the file that runs, while ahead */
+  file_watch *program_watch = nullptr;
   Ecore_Idler *icon_idler = nullptr; /* the window has no icon yet */
   bool has_icon = false;             /* or soon will have one */
 };
@@ -100,8 +105,15 @@ void window_to_front(void) {
   sight_changed();
 }
 
+void stop_watching_program(void) {
+  file_watch_del(app.program_watch);
+  app.program_watch = nullptr;
+}
+
 void window_show_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   app.seen = true;
+  app.ahead = false;
+  stop_watching_program();
   app.out.hidden = false;
   app.out.withdrawn = false;
   window_to_front();
@@ -204,6 +216,10 @@ void window_del_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
     if (handler) ecore_event_handler_del(handler);
     handler = nullptr;
   }
+  if (!app_ready()) return;
+  /* Without one nobody could ever see it again, and the next start would be handed to it. */
+  __dlog_print(DLOG_INFO, app_log_tag, "the window is gone: the application ends");
+  app_efl_exit();
 }
 
 /* --- language and region --- */
@@ -285,8 +301,25 @@ Eina_Bool ahead_idler_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
+void program_changed_cb(const char *name, void *data) {
+  if (!name || app.program_name == name) app_end_if_ahead("its program was replaced or taken away");
+}
+
+/* Nobody wants to be shown the old program after an upgrade: whoever prepared this one prepares the new one. */
+void watch_program(void) {
+  char path[PATH_MAX];
+  const ssize_t size = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (size <= 0) return;
+  path[size] = '\0';
+  char *slash = strrchr(path, '/');
+  app.program_name = slash + 1;
+  *slash = '\0';
+  app.program_watch = file_watch_add(path, program_changed_cb, nullptr);
+}
+
 /* Out of sight is paused, as it is behind another window. */
 void prepare(void) {
+  watch_program();
   app.seen = true;
   app.out.hidden = true;
   sight_apply();
@@ -324,6 +357,7 @@ int run(const service_s *request, bool asks) {
     *job = nullptr;
   }
   if (app.ahead_idler) ecore_idler_del(app.ahead_idler);
+  stop_watching_program();
   ecore_event_handler_del(memory);
   ecore_event_handler_del(power);
   app_locale_stop();
@@ -440,6 +474,12 @@ void app_deliver_launch(service_s *service) {
     service_reply_to_launch_request(nullptr, service, SERVICE_RESULT_SUCCEEDED);
 }
 
+void app_end_if_ahead(const char *why) {
+  if (!app.ahead || app.exiting) return;
+  __dlog_print(DLOG_INFO, app_log_tag, "made ready for nothing, it ends: %s", why);
+  app_efl_exit();
+}
+
 void app_go_background(void) {
   if (app.window) elm_win_lower(app.window);
   sight_apply();
@@ -544,12 +584,13 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
   request.app_id = app.id;
   const bool asks = read_arguments(*argc, *argv, &request);
   /* Before the toolkit is up: a second start has nothing to draw and should be over at once. */
-  const int claimed = app_claim_name(&request, !asks);
+  const int claimed = app.ahead ? app_wait_for_name() : app_claim_name(&request, !asks);
   if (claimed == 0) {
     bus_loop_shutdown();
-    return app.ahead ? APP_EFL_ALREADY_THERE : 0;
+    return 0;
   }
-  if (claimed < 0 && claimed != -ENOTCONN) {
+  /* Whoever waits out of sight for a launch needs the bus that brings it. */
+  if (claimed < 0 && (app.ahead || claimed != -ENOTCONN)) {
     bus_loop_shutdown();
     return 1;
   }

@@ -211,6 +211,7 @@ void bus_watch_cb(bool connected, void *data) {
   application_slot = sd_bus_slot_unref(application_slot);
   desktop_slot = sd_bus_slot_unref(desktop_slot);
   app_inspect_stop();
+  app_end_if_ahead("nobody could launch it any more");
 }
 
 /* --- sent requests --- */
@@ -370,6 +371,26 @@ int service_reply_to_launch_request(service_h reply, service_h request, int resu
 }
 
 /* --- for the framework --- */
+
+int app_wait_for_name(void) {
+  sd_bus *bus = bus_loop_open();
+  if (!bus) return -ENOTCONN;
+  int r = sd_bus_request_name(bus, app_id(), SD_BUS_NAME_QUEUE);
+  while (r == 0) {
+    sd_bus_message *m = nullptr;
+    const char *name;
+    r = sd_bus_process(bus, &m);
+    /* At once: what comes after it is for the application. */
+    const bool mine = r > 0 && m && sd_bus_message_is_signal(m, bus_name, "NameAcquired") &&
+                      sd_bus_message_read(m, "s", &name) > 0 && strcmp(name, app_id()) == 0;
+    sd_bus_message_unref(m);
+    if (mine) return 1;
+    if (r == 0) r = sd_bus_wait(bus, UINT64_MAX);
+    if (r >= 0 || r == -EINTR) r = 0;
+  }
+  if (r < 0) __dlog_print(DLOG_ERROR, app_log_tag, "the name %s cannot be waited for: %s", app_id(), strerror(-r));
+  return r;
+}
 
 int app_claim_name(const service_s *request, bool wait_only) {
   /* The other instance may be just about to end: then its name is free a moment later. */

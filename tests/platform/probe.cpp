@@ -165,6 +165,7 @@ void action(const std::string &name) {
   if (name == "delete-key") evas_object_del(key_objects[1]);
   if (name == "zone") tell("zone %s %ld", getenv("TZ"), -timezone);
   if (name == "exit") app_efl_exit();
+  if (name == "destroy") evas_object_del(win); /* as when another client does it */
 }
 
 /* --- the lifecycle --- */

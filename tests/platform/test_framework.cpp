@@ -120,9 +120,11 @@ TEST_F(Framework, EndsCleanlyHoweverItIsTold) {
     EXPECT_EQ(again.line(), "terminate");
     EXPECT_EQ(again.wait(), 0);
   }
-  child by_itself({probe, "do=exit"});
-  by_itself.until("terminate");
-  EXPECT_EQ(by_itself.wait(), 0);
+  for (const char *action : {"do=exit", "do=destroy"}) {
+    child by_itself({probe, action});
+    by_itself.until("terminate");
+    EXPECT_EQ(by_itself.wait(), 0);
+  }
 }
 
 TEST_F(Framework, HandsASecondStartToTheFirst) {
@@ -150,13 +152,39 @@ TEST(FrameworkStart, KeepsTheLastLaunchUntilItIsCreated) {
   EXPECT_EQ(app.line(), "service scene= do= x=last") << "and no launch of its own before";
 }
 
-TEST(FrameworkStart, PreparesOutOfSightAndAsksNothingOfOneThatIsThere) {
+const lines prepared = {"create 320x320 No emails", "pause"};
+
+TEST(FrameworkStart, PreparesOutOfSightAfterTheEndOfOneThatIsThere) {
   child app({probe, "--prepare"});
-  EXPECT_EQ(app.until("prepare, out of sight"), (lines{"create 320x320 No emails", "pause"}));
-  EXPECT_EQ(run({probe, "--prepare", "x=1"}).code, 3);
+  EXPECT_EQ(app.until("prepare, out of sight"), prepared);
+  child next({probe, "--prepare", "x=1"});
+  while (ask_bus("ListQueuedOwners", "com.vextora.probe").out.find(',') == std::string::npos) usleep(10000);
   EXPECT_EQ(run({probe, "x=second"}).code, 0);
   EXPECT_EQ(app.line(), "service scene= do= x=second");
   EXPECT_EQ(app.line(), "resume");
+  must({"quit"});
+  EXPECT_EQ(next.until("prepare, out of sight"), prepared);
+}
+
+/* Whoever has it prepared starts it anew. */
+TEST(FrameworkStart, IsNotPreparedInVain) {
+  EXPECT_EQ(run({probe, "--prepare"}, {{"DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent"}}).code, 1);
+  child bus({"dbus-daemon", "--session", "--print-address", "--nofork"});
+  child on_bus({probe, "--prepare"}, {{"DBUS_SESSION_BUS_ADDRESS", bus.line()}});
+  EXPECT_EQ(on_bus.until("prepare, out of sight"), prepared);
+  bus.signal(SIGTERM);
+  EXPECT_EQ(on_bus.line(), "terminate") << "the bus went";
+  EXPECT_EQ(on_bus.wait(), 0);
+
+  const std::string program = testing::TempDir() + "brisel-probe-" + std::to_string(getpid());
+  run({"cp", probe, program});
+  child old({program, "--prepare"});
+  EXPECT_EQ(old.until("prepare, out of sight"), prepared);
+  run({"cp", probe, program + ".new"});
+  run({"mv", program + ".new", program});
+  EXPECT_EQ(old.line(), "terminate") << "there is a new program";
+  EXPECT_EQ(old.wait(), 0);
+  run({"rm", program});
 }
 
 TEST(FrameworkStart, EndsWhenItCannotBeCreated) {
