@@ -18,4 +18,7 @@ struct delete_view_data : brisel_view_head {
   GSList *selected_list; /* the selected rows, in the order they were selected; the cells only */
 };
 
+/* Says the number of the confirmation, if it stands, anew. */
+void brisel_update_delete_popup(delete_view_data *vd);
+
 #endif

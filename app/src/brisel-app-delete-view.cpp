@@ -209,10 +209,13 @@ static void _set_delete_popup_text(delete_view_data *vd) {
   free(text);
 }
 
+void brisel_update_delete_popup(delete_view_data *vd) {
+  if (vd->popup) _set_delete_popup_text(vd);
+}
+
 static void _mailbox_delete_popup_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
   BRISEL_INFO("Enter");
-  delete_view_data *vd = (delete_view_data *)data;
-  if (vd->popup) _set_delete_popup_text(vd);
+  brisel_update_delete_popup((delete_view_data *)data);
 }
 
 static void _create_delete_popup(delete_view_data *vd) {
@@ -439,7 +442,7 @@ void brisel_update_delete_view(int update_type, GSList *id_list, appdata *ad) {
   _recount(vd);
   /* The question counts what its OK deletes. */
   if (vd->popup && vd->selected_cnt == 0) brisel_widget_ref_drop(&vd->popup);
-  if (vd->popup) _set_delete_popup_text(vd);
+  brisel_update_delete_popup(vd);
 }
 
 static Eina_Bool _brisel_delete_view_pop_cb(void *data, Elm_Object_Item *item) {

@@ -20,8 +20,10 @@ struct journal_view_data : brisel_view_head {
   Evas_Object *genlist;
   Evas_Object *nocontent_layout;
   Evas_Object *popup;
-  int popup_id;     /* the request that the popup is about */
-  GSList *requests; /* brisel_request_data, owned; the rows point to them */
+  Evas_Object *popup_label;              /* its text; goes with it */
+  int popup_id;                          /* the request that the popup is about */
+  bool popup_can_change, popup_can_send; /* what its buttons offer */
+  GSList *requests;                      /* brisel_request_data, owned; the rows point to them */
 };
 
 using scoped_request_list = std::unique_ptr<GSList, brisel_release<brisel_request_data_list_free>>;
@@ -202,7 +204,7 @@ static std::string _popup_text(const brisel_request_data *request, appdata *ad) 
   return why.empty() ? text : text + "<br>" + why;
 }
 
-static void _add_label(Evas_Object *box, const std::string &text) {
+static Evas_Object *_add_label(Evas_Object *box, const std::string &text) {
   Evas_Object *label = elm_label_add(box);
   elm_object_style_set(label, "popup/default");
   elm_label_line_wrap_set(label, ELM_WRAP_MIXED);
@@ -211,6 +213,7 @@ static void _add_label(Evas_Object *box, const std::string &text) {
   elm_object_text_set(label, text.c_str());
   elm_box_pack_end(box, label);
   evas_object_show(label);
+  return label;
 }
 
 /* Three buttons stand side by side on no watch: the one for which there is a screen stands with the text. */
@@ -235,13 +238,23 @@ static void _fill_popup(Evas_Object *popup, const brisel_request_data *request, 
   Evas_Object *box = elm_box_add(scroller);
   elm_box_padding_set(box, 0, brisel_view_scaled(8));
   brisel_view_expand(box);
-  _add_label(box, _popup_text(request, vd->ad));
-  brisel_util_popup_scroll_by_keys(popup, _can_send_again(request) ? _add_change_button(box, vd) : nullptr);
+  vd->popup_label = _add_label(box, _popup_text(request, vd->ad));
+  brisel_util_popup_scroll_by_keys(popup, vd->popup_can_send ? _add_change_button(box, vd) : nullptr);
   elm_object_content_set(scroller, box);
   elm_object_content_set(popup, scroller);
   brisel_stage_reach(scroller);
   evas_object_show(box);
   evas_object_show(scroller);
+}
+
+/* It says what is true now, in the words and digits of now; what its buttons offer may be over. */
+static void _update_popup(journal_view_data *vd) {
+  if (!vd->popup) return;
+  const brisel_request_data *request = _find(vd, vd->popup_id);
+  if (!request || (request->can_change != 0) != vd->popup_can_change || _can_send_again(request) != vd->popup_can_send)
+    return brisel_widget_ref_drop(&vd->popup);
+  brisel_util_popup_set_name(vd->popup, _who(request, vd->ad).c_str());
+  elm_object_text_set(vd->popup_label, _popup_text(request, vd->ad).c_str());
 }
 
 static void _gl_sel_cb(void *data, Evas_Object *obj, void *event_info) {
@@ -251,7 +264,8 @@ static void _gl_sel_cb(void *data, Evas_Object *obj, void *event_info) {
   const brisel_request_data *request = (brisel_request_data *)elm_object_item_data_get((Elm_Object_Item *)event_info);
   if (!request || !brisel_view_on_top(vd)) return;
   brisel_widget_ref_drop(&vd->popup);
-  const bool can_change = request->can_change, can_send = _can_send_again(request);
+  const bool can_change = vd->popup_can_change = request->can_change;
+  const bool can_send = vd->popup_can_send = _can_send_again(request);
   Evas_Object *popup = brisel_util_popup_create_with_empty_contents(
       vd, vd->ad->naviframe, nullptr, nullptr, _popup_response_cb, 0.0, nullptr,
       brisel_util_get_text(can_change ? "IDS_EMAIL_SK_DROP" : "IDS_COM_SK_OK"),
@@ -318,10 +332,7 @@ static void _show_requests(journal_view_data *vd) {
     evas_object_show(content);
     brisel_touch_focus_went();
   }
-  /* What it offers may be over. */
-  if (!vd->popup) return;
-  const brisel_request_data *asked = _find(vd, vd->popup_id);
-  if (!asked || !asked->can_change) brisel_widget_ref_drop(&vd->popup);
+  _update_popup(vd);
 }
 
 /* --- the view --- */

@@ -106,6 +106,10 @@ TEST_F(deleting, TheRowsFollowTheStore) {
   tap_row(1, list());
   press("btn2");
   EXPECT_TRUE(visible("2 emails will be deleted from the watch only."));
+  vconf_set_str(BRISEL_KEY_REGION, "ar_EG.UTF-8");
+  app_region_changed(&test_ad);
+  EXPECT_TRUE(visible("٢ emails will be deleted from the watch only."));
+  vconf_unset(BRISEL_KEY_REGION);
   phone.add_mails({{.account = accounts[0], .received = 1700000000 - 90, .from_name = "S7"},
                    {.account = accounts[0], .received = 1700000000 - 60, .from_name = "S8"},
                    {.account = accounts[0], .received = 1, .from_name = "S9"}});

@@ -53,6 +53,8 @@ def test_a_refused_reply_is_told_changed_and_sent(s):
     press(s, s.text("IDS_EMAIL_BODY_REFUSED"), part=True)
     s.wait_text("no route to anywhere")
     s.wait_text("Soon")
+    s.setting("db/menu_widget/regionformat", "string", "ar_EG.UTF-8")
+    s.wait(lambda: set("٠١٢٣٤٥٦٧٨٩") & set(s.wait_text("no route to anywhere")["text"]), "the time in other digits")
     s.tap(s.text("IDS_EMAIL_SK_CHANGE"))
     s.wait(lambda: len(s.dump()["views"]) == 3, "the typed view")
     s.wait_text("Soon")
