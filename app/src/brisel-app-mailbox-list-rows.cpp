@@ -98,11 +98,15 @@ static void _update_texts(Evas_Object *gl) {
 
 void brisel_fit_mailbox_rows(appdata *ad) {
   if (!ad->mailbox_genlist) return;
+  bool is_other = false;
   for (GList *cell = ad->mail_list; cell; cell = cell->next) {
     item_data *item = (item_data *)cell->data;
     Elm_Genlist_Item_Class *itc = item->it ? _class_of_row(ad, item) : nullptr;
-    if (itc && elm_genlist_item_item_class_get(item->it) != itc) elm_genlist_item_item_class_update(item->it, itc);
+    if (!itc || elm_genlist_item_item_class_get(item->it) == itc) continue;
+    elm_genlist_item_item_class_update(item->it, itc);
+    is_other = true;
   }
+  if (is_other) brisel_view_close_holes(ad->mailbox_genlist);
 }
 
 void brisel_update_mailbox_texts(appdata *ad) {

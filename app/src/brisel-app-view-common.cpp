@@ -222,15 +222,19 @@ Elm_Object_Item *brisel_view_add_row(Evas_Object *list, Elm_Object_Item *before,
   return row;
 }
 
-void brisel_view_delete_row(Elm_Object_Item *row) {
-  const Evas_Object *list = elm_object_item_widget_get(row);
+void brisel_view_close_holes(const Evas_Object *list) {
   Evas_Object *ground = edje_object_part_swallow_get(elm_layout_edje_get(list), "elm.swallow.content");
-  elm_object_item_del(row);
   if (!ground) return;
   int x = 0, y = 0;
   evas_object_geometry_get(ground, &x, &y, nullptr, nullptr);
   evas_object_move(ground, x, y + 1);
   evas_object_move(ground, x, y);
+}
+
+void brisel_view_delete_row(Elm_Object_Item *row) {
+  const Evas_Object *list = elm_object_item_widget_get(row);
+  elm_object_item_del(row);
+  brisel_view_close_holes(list);
 }
 
 void brisel_view_hide_last_bottomline(Evas_Object *list, Elm_Object_Item *item) {

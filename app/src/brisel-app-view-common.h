@@ -86,8 +86,10 @@ Elm_Genlist_Item_Class *brisel_view_new_row_class(const char *style, Elm_Genlist
 Elm_Object_Item *brisel_view_add_row(Evas_Object *list, Elm_Object_Item *before,
                                      const Elm_Genlist_Item_Class *row_class, const void *data,
                                      Evas_Smart_Cb selected_cb, const void *selected_data);
-/* Deletes one row of a compressed list. The toolkit keeps the height of the block of rows that it was in, and leaves a
-   hole at its end, until what the rows lie on moves: so that is moved, and back. */
+/* After rows of a compressed list went or became lower. The toolkit keeps the height of the block of rows that they are
+   in, and leaves a hole, until what the rows lie on moves: so that is moved, and back. */
+void brisel_view_close_holes(const Evas_Object *list);
+/* Deletes one row of a compressed list, without a hole. */
 void brisel_view_delete_row(Elm_Object_Item *row);
 /* Hides the bottom line of the list's last row; for "realized" callbacks. */
 void brisel_view_hide_last_bottomline(Evas_Object *list, Elm_Object_Item *item);

@@ -439,6 +439,17 @@ TEST_F(mailbox, NoHoleIsLeftByMailsThatGo) {
   }
 }
 
+TEST_F(mailbox, NoHoleIsLeftByRowsThatGetLower) {
+  fill(1, 6);
+  for (const int clock : {1, 2}) { /* of 12 hours is too long for a subject beside it */
+    vconf_set_int(BRISEL_KEY_TIME_FORMAT, clock);
+    EXPECT_TRUE(run_until([&] { return test_ad.time_format == clock; }));
+    rest();
+    EXPECT_THAT(steps_of_rows(), testing::Each(clock == 1 ? 104 : 78));
+  }
+  vconf_unset(BRISEL_KEY_TIME_FORMAT);
+}
+
 TEST_F(mailbox, ARowSaysWhatAMailIsAbout) {
   fill(1, 1);
   EXPECT_TRUE(visible("Subject"));
