@@ -10,6 +10,8 @@ import subprocess
 import tempfile
 import time
 
+from brisel_eye import Eye
+
 TOP = pathlib.Path(__file__).resolve().parent.parent.parent
 BUILD = pathlib.Path(os.environ.get("BRISEL_BUILD", TOP / "build")).resolve()
 # How long a condition may take before the wait gives up. A bound for a broken run, not an expectation.
@@ -44,6 +46,7 @@ class Session:
         self.dir = pathlib.Path(line)
         pairs = (self.dir / "env").read_bytes().split(b"\0")
         self.env = dict(p.decode(errors="replace").split("=", 1) for p in pairs if b"=" in p)
+        self.eye = None if prefix else Eye(self.env["DBUS_SESSION_BUS_ADDRESS"])
         self.running = []  # serve processes
         self.language = "en"
 
@@ -59,6 +62,8 @@ class Session:
                 process.terminate()
                 process.wait()
         self.running.clear()
+        if self.eye:
+            self.eye.close()
         if self.process.poll() is None:
             self.process.stdin.close()
             try:
@@ -138,8 +143,12 @@ class Session:
     def launch(self, **extra):
         return self.watch("launch", *[f"{k}={v}" for k, v in extra.items()], timeout=60)
 
+    def look(self):
+        """What is on screen, as brisel-watchctl's dump."""
+        return self.eye and self.eye.ask(("Dump",)) or self.watch("dump")
+
     def dump(self):
-        return json.loads(self.watch("dump"))
+        return json.loads(self.look())
 
     def seen(self):
         """What a person sees: a text that something lies over is not among them."""
@@ -175,7 +184,7 @@ class Session:
         last = [None]
 
         def still():
-            before, last[0] = last[0], self.watch("dump")
+            before, last[0] = last[0], self.look()
             return last[0] == before
         self.wait(still, "the screen to come to rest")
 
@@ -222,7 +231,13 @@ class Session:
         self.watch("drag", width // 2, a, width // 2, b, seconds)
 
     def screenshot(self, path):
-        self.watch("screenshot", path)
+        if not self.eye or self.eye.ask(("Screenshot", absolute(path))) is None:
+            self.watch("screenshot", path)
+
+    def shot_and_dump(self, path, tap=()):
+        """A picture and the dump of one and the same moment; tap: when what a touch there causes has come to rest."""
+        calls = [("Tap", *tap)] if tap else []
+        return json.loads(self.eye.ask(*calls, ("Screenshot", absolute(path)), ("Dump",)) or self.watch("dump"))
 
     def log(self):
         path = self.dir / "brisel.log"
@@ -239,6 +254,10 @@ class Session:
     def catalogue(self, domain):
         locale = pathlib.Path(self.env["BRISEL_RES_DIR"]) / "locale"
         return gettext.translation(domain, str(locale), [self.language])
+
+
+def absolute(path):
+    return str(pathlib.Path(path).absolute())
 
 
 def middle(shown):
