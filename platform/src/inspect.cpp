@@ -67,8 +67,8 @@ void watch_canvas(bool watch) {
   }
 }
 
-/* Answers and forgets the finished work. */
-void finish(void) {
+/* Answers and forgets the finished work. Returns whether a look waits behind it: the screen is still at rest then. */
+bool finish_one(void) {
   work done = std::move(queue.front());
   queue.pop_front();
   Evas_Object *window = app_window();
@@ -84,6 +84,13 @@ void finish(void) {
     else
       sd_bus_reply_method_return(done.call, nullptr);
     sd_bus_message_unref(done.call);
+  }
+  return !done.done && !queue.empty() && queue.front().end != WORK_NOTHING;
+}
+
+/* Looks that were asked for together see one moment. */
+void finish(void) {
+  while (finish_one()) {
   }
   if (queue.empty())
     watch_canvas(false);
