@@ -5,6 +5,7 @@
 #include <deque>
 #include <list>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "link.h"

@@ -3,6 +3,8 @@
 #include <glib.h>
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+
 #include "../mime.h"
 #include "link.h"
 #include "state-relay.h"

@@ -11,7 +11,7 @@
 #include <systemd/sd-event.h>
 
 #include <memory>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "host.h"
 #include "state.h"

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include "post-mirror.h"
 #include "relay-parts.h"

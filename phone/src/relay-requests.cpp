@@ -1,5 +1,8 @@
 /* What a request of the watch changes in the phone's state, whoever receives it: the relay or `serve`. */
 #include "relay.h"
+
+#include <nlohmann/json.hpp>
+
 #include "reply.h"
 #include "state-relay.h"
 #include "state-replies.h"

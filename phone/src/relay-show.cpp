@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <nlohmann/json.hpp>
 
 #include "mail-files.h"
 #include "relay-parts.h"

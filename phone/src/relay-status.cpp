@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include "post-aside.h"
 #include "post-mirror.h"

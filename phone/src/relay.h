@@ -8,7 +8,7 @@
 #ifndef BRISEL_PHONE_RELAY_H
 #define BRISEL_PHONE_RELAY_H
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -1,6 +1,7 @@
 /* What the phone keeps, and the requests that wait for a service, under every fault of the disk at every step. The
    service's store, the contacts and the settings have their tables beside their own tests, on the same layer. */
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "brisel-common.h"
 #include "common-kept.h"
