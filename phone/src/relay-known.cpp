@@ -142,9 +142,20 @@ std::string relay_tag(const followed &a) {
 }
 
 int known_load(followed *a) {
-  if (relay_rows_load(a->r->state.get(), a->settings.name, &a->rows) < 0) return -1;
-  a->known_before = !a->rows.empty();
+  std::string first;
+  if (relay_rows_load(a->r->state.get(), a->settings.name, &a->rows) < 0 ||
+      relay_note_get(a->r->state.get(), (note_first_of + a->settings.name).c_str(), &first) < 0)
+    return -1;
+  a->known_before = !a->rows.empty() && first.empty();
   return 0;
+}
+
+int known_first(followed *a, bool under_way) {
+  phone_state *state = a->r->state.get();
+  const int result = phone_state_change(
+      state, [&] { return relay_note_set(state, (note_first_of + a->settings.name).c_str(), under_way ? "1" : ""); });
+  if (result < 0) a->error = phone_state_error(state);
+  return result;
 }
 
 int known_save(followed *a, const std::vector<std::string> &gone, const std::function<int()> &also) {

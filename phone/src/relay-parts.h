@@ -41,7 +41,7 @@ struct followed {
   int account_id = 0;
   relay_rows rows;
   std::unordered_map<std::string, int> unclaimed; /* message_uid to mail id: on the watch, and not matched yet */
-  bool known_before = false;                      /* there were rows when this run began */
+  bool known_before = false;                      /* it was relayed as a whole once */
   bool listed = false;                            /* the watch's list was matched since it connected */
   bool just_listed = false;                       /* ... and nothing was sent since */
   bool missing = false;                           /* the mailbox is not there yet; its folders are watched for it */
@@ -99,6 +99,8 @@ int64_t relay_now(); /* seconds since the epoch */
 
 std::string relay_tag(const followed &a); /* the host_tag of its mails */
 int known_load(followed *a);
+/* Writes down that the mailbox is relayed for the first time, and that it was. As known_save(). */
+int known_first(followed *a, bool under_way);
 /* Writes down the rows that changed, forgets those in `gone`, and what `also` (may be empty) changes besides, as a
    whole. Returns 0, or -1 with a->error set. */
 int known_save(followed *a, const std::vector<std::string> &gone, const std::function<int()> &also = nullptr);

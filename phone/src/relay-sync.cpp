@@ -252,8 +252,9 @@ int sync_steps(followed *a) {
   read_names(a, l);
   collect_leaving(a, l, &to_delete, &gone);
   int result = delete_from_watch(a, to_delete);
-  /* What only came can wait for what becomes of it; but that a mailbox was known before must be known at any time. */
-  if (result == 0 && (!a->known_before || rewritten || !to_delete.empty() || !gone.empty())) {
+  /* What only came can wait for what becomes of it; but that it was there before must be known at any time. */
+  if (result == 0 && !a->known_before) result = known_first(a, true);
+  if (result == 0 && (rewritten || !to_delete.empty() || !gone.empty())) {
     phone_state *state = a->r->state.get();
     result = known_save(a, gone, [&] { return phone_state_drop_mails(state, to_delete); });
   }
@@ -263,6 +264,7 @@ int sync_steps(followed *a) {
   if (result == 0) result = send_window(a, l);
   if (known_note(a) < 0) result = -1;
   if (result == 0) result = remove_leftovers(a);
+  if (result == 0 && !a->known_before) result = known_first(a, false);
   return result;
 }
 

@@ -74,6 +74,8 @@ constexpr char note_of_link[] = "link", note_accounts[] = "accounts", note_pid[]
 constexpr char note_unknown_deletions[] = "unknown-deletions";
 /* The watch's numbers of mails that were read there before the numbers reached the phone, with a blank behind each. */
 constexpr char note_unknown_marks[] = "unknown-marks";
+/* The mailbox of that name is being relayed for the first time: what is not known of it yet was there before. */
+constexpr char note_first_of[] = "first ";
 int relay_note_set(phone_state *state, const char *key, const std::string &value);
 /* The same for what is only shown: on disk with whatever is written next. */
 int relay_note_tell(phone_state *state, const char *key, const std::string &value);

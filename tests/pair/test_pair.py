@@ -132,14 +132,19 @@ def test_more_while_the_first_sync_is_under_way(s):
     net = Cut([str(BUILD / "gate" / "brisel-gate")], env=s.env, rate=20000)
     box, texts = Maildir(s.dir / "box"), random.Random(1)
     for n in range(120):
-        box.deliver(message(f"{n}@x", body="".join(texts.choices("abcdefghijklmnopqrstuvwxyz ", k=1500)), date=1790000000 + n))
+        text = "".join(texts.choices("abcdefghijklmnopqrstuvwxyz ", k=1500))
+        box.deliver(message(f"{n}@x", body=text, date=1790000000 + n), flags="")
     relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--first", "600", "--watch",
                   f"exec:{sys.executable} {cut_proxy.__file__} {net.port}")
     mail = s.wait(s.mails, "the first mails")[0]
+    relay.kill()  # the rest is no newer for it
+    relay.start()
+    s.wait(lambda: len(s.mails()) > 8, "more of them")
     more_on_watch(s, mail)
     mails = by_uid(s)
     assert len(mails[mail["message_uid"]]["body"]) > 1500 and len(mails) < 120, len(mails)
     s.wait(lambda: len(s.mails()) == 120, "all the others")
+    equal({m["is_new"] for m in s.mails()}, {0}, "mails that were there before")
     before = net.bytes[1]
     kill_service(s)  # the list is compared again
     box.deliver(message("last@x"))
