@@ -70,7 +70,7 @@ struct question {
   bool is_whole() const { return written == size(); }
 };
 
-constexpr size_t kTaken = 32u << 10; /* bytes taken from the socket at once */
+constexpr size_t kTaken = 64u << 10; /* bytes taken from the socket at once */
 constexpr int kLookMs = 1000;        /* how often it is looked whether one that says nothing works */
 
 struct parser_process {
@@ -181,7 +181,7 @@ struct deadline {
 
 /* Writes what is not written yet of the questions on their way, in their order and as far as the socket takes them. */
 bool write_some() {
-  constexpr size_t kAtOnce = 32;
+  constexpr size_t kAtOnce = 64;
   iovec parts[2 * kAtOnce];
   size_t count = 0;
   for (question &q : process.ahead) {

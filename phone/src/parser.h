@@ -28,7 +28,7 @@ parser_result parser_read(std::string_view raw, const mime_limits &limits, mime_
    process reads it while the caller does other work, from the next parser_read() on. At most kParserMostAhead are on
    their way, in the order in which they will be read; several at once cost less than one by one. True when it is on its
    way, also from an earlier call; false where that cannot be now, or where the process cannot be started. */
-inline constexpr size_t kParserMostAhead = 16;
+inline constexpr size_t kParserMostAhead = 64;
 bool parser_ahead(std::string_view raw, const mime_limits &limits);
 
 /* What was handed over will not be read. Before its bytes go away. */

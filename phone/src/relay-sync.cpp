@@ -8,7 +8,7 @@ namespace {
 
 using enum relay_mail_state;
 
-constexpr std::ptrdiff_t kHeadsAtOnce = 16; /* of at most 16 KiB: what a socket takes of them before they are read */
+constexpr std::ptrdiff_t kHeadsAtOnce = 64; /* of at most 16 KiB; what a socket does not take goes as answers come */
 
 /* Deletes from the watch; what is gone there already is no error. Returns 0, or -1: the watch's list then tells what is
    left to do. */
