@@ -1,6 +1,7 @@
 /* The popup kit: popups, toasts and the progress bar. Every screen makes its popups here. */
 #define EFL_BETA_API_SUPPORT /* for the names that a screen reader says */
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
 #include <string>
 #include <string_view>
@@ -135,11 +136,59 @@ void brisel_util_popup_scroll_by_keys(Evas_Object *popup, Evas_Object *button) {
   for (const char *key : scroll_keys) brisel_touch_hear_key(popup, key, EINA_TRUE);
 }
 
+/* --- the letters of two buttons --- */
+
+/* The widths of its two buttons for which a popup's letters were made even. */
+static constexpr char even_for[] = "brisel/even_for";
+
+/* width: pixels at scale 1 for the text; 0: all there is. */
+static void _set_room_for_text(const Evas_Object *button, int width) {
+  Evas_Object *drawing = elm_layout_edje_get(button);
+  Edje_Message_Int room = {width};
+  edje_object_message_send(drawing, EDJE_MESSAGE_INT, 1, &room);
+  edje_object_message_signal_process(drawing);
+  edje_object_calc_force(drawing);
+}
+
+static const Evas_Object *_text_of(const Evas_Object *button) {
+  return edje_object_part_object_get(elm_layout_edje_get(button), "elm.text");
+}
+
+/* A long text has smaller letters, and those of the other button would shout beside them: they are as small. */
+static void _even_letters_cb(void *data, Evas *e, void *event_info) {
+  Evas_Object *popup = (Evas_Object *)data;
+  const Evas_Object *buttons[] = {elm_object_part_content_get(popup, "button1"),
+                                  elm_object_part_content_get(popup, "button2")};
+  if (!buttons[0] || !buttons[1]) return;
+  int whole[2] = {}, size[2] = {}, width[2] = {};
+  for (int i = 0; i < 2; i++) evas_object_geometry_get(buttons[i], nullptr, nullptr, &whole[i], nullptr);
+  const intptr_t widths = (intptr_t)whole[0] * 0x10000 + whole[1];
+  if ((intptr_t)evas_object_data_get(popup, even_for) == widths) return;
+  evas_object_data_set(popup, even_for, (void *)widths);
+  for (int i = 0; i < 2; i++) {
+    const char *font = nullptr;
+    _set_room_for_text(buttons[i], 0);
+    evas_object_text_font_get(_text_of(buttons[i]), &font, &size[i]);
+    evas_object_geometry_get(_text_of(buttons[i]), nullptr, nullptr, &width[i], nullptr);
+  }
+  const int larger = size[1] > size[0];
+  if (size[0] == size[1]) return;
+  const double room = (double)width[larger] * size[!larger] / size[larger] / elm_config_scale_get();
+  _set_room_for_text(buttons[larger], (int)room + 1);
+}
+
+static void _buttons_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  evas_event_callback_del_full(e, EVAS_CALLBACK_RENDER_PRE, _even_letters_cb, obj);
+}
+
+/* --- all popups --- */
+
 /* A popup that stands does not turn round with the writing: its buttons keep their old places. */
 static void _direction_cb(void *data, Evas_Object *obj, void *event_info) {
   const Evas_Object *button = elm_object_part_content_get(obj, "button1");
   const Evas_Object *area = button ? elm_object_parent_widget_get(button) : nullptr;
   if (area && area != obj) edje_object_mirrored_set(elm_layout_edje_get(area), elm_config_mirrored_get());
+  evas_object_data_del(obj, even_for);
 }
 
 Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
@@ -150,6 +199,8 @@ Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
   evas_object_data_set(popup, title_job, ecore_job_add(_title_job_cb, popup));
   evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _popup_gone_cb, nullptr);
   evas_object_smart_callback_add(popup, "language,changed", _direction_cb, nullptr);
+  evas_event_callback_add(evas_object_evas_get(popup), EVAS_CALLBACK_RENDER_PRE, _even_letters_cb, popup);
+  evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _buttons_gone_cb, nullptr);
   brisel_view_tell_popup(popup);
   return popup;
 }

@@ -218,6 +218,27 @@ TEST_F(popups, TwoButtonPopupFollowsTheLanguage) {
   EXPECT_TRUE(run_until([&] { return english == brisel_util_get_text(ids[1]); }));
 }
 
+static int letters(Evas_Object *popup, const char *button) {
+  Evas_Object *drawing = elm_layout_edje_get(elm_object_part_content_get(popup, button));
+  const char *font = nullptr;
+  int size = 0;
+  evas_object_text_font_get(edje_object_part_object_get(drawing, "elm.text"), &font, &size);
+  return size;
+}
+
+TEST_F(popups, TwoButtonsHaveLettersOfOneSize) {
+  Evas_Object *popup = brisel_util_popup_create(nullptr, test_ad.naviframe, nullptr, "A question", answer_cb, 0.0,
+                                                nullptr, "OK", "Unmistakably");
+  settle();
+  const int small = letters(popup, "button2");
+  EXPECT_EQ(letters(popup, "button1"), small);
+  elm_object_text_set(elm_object_part_content_get(popup, "button2"), "No");
+  evas_object_smart_callback_call(popup, "language,changed", nullptr);
+  settle();
+  EXPECT_GT(letters(popup, "button1"), small);
+  evas_object_del(popup);
+}
+
 TEST_F(popups, ToastsGoByThemselvesByTouchAndByBack) {
   const struct {
     const char *way;
