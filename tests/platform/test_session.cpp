@@ -30,6 +30,8 @@ std::string first_line(const std::string &text) {
 
 TEST(Session, ReturnsTheCommandsCode) {
   EXPECT_EQ(in_session("exit 7").code, 7);
+  for (const char *slip : {"--perpare", "brisel_id", "=1"})
+    EXPECT_EQ(in_session(std::string("timeout 20 brisel ") + slip).code, 2) << slip;
   EXPECT_EQ(in_session("kill -9 $$").code, 128 + SIGKILL);
   EXPECT_EQ(run({session, "--", "no-such-program"}).code, 127);
   EXPECT_NE(run({session}).code, 0);
