@@ -10,7 +10,7 @@ import traceback
 
 TOP = pathlib.Path(__file__).resolve().parent.parent.parent
 sys.path[:0] = [str(TOP / "tools" / "lib"), str(TOP / "tests" / "screens")]
-from brisel_drive import PATIENCE, BUILD, Session, ToolError, mail, middle  # noqa: E402,F401
+from brisel_drive import PATIENCE, BUILD, Bus, Session, ToolError, mail, middle  # noqa: E402,F401
 
 
 def equal(actual, expected, what=""):

@@ -10,7 +10,7 @@ import subprocess
 import tempfile
 import time
 
-from brisel_eye import Eye
+from brisel_bus import Bus
 
 TOP = pathlib.Path(__file__).resolve().parent.parent.parent
 BUILD = pathlib.Path(os.environ.get("BRISEL_BUILD", TOP / "build")).resolve()
@@ -46,7 +46,7 @@ class Session:
         self.dir = pathlib.Path(line)
         pairs = (self.dir / "env").read_bytes().split(b"\0")
         self.env = dict(p.decode(errors="replace").split("=", 1) for p in pairs if b"=" in p)
-        self.eye = None if prefix else Eye(self.env["DBUS_SESSION_BUS_ADDRESS"])
+        self.bus = None if prefix else Bus(self.env["DBUS_SESSION_BUS_ADDRESS"])
         self.running = []  # serve processes
         self.language = "en"
 
@@ -62,8 +62,8 @@ class Session:
                 process.terminate()
                 process.wait()
         self.running.clear()
-        if self.eye:
-            self.eye.close()
+        if self.bus:
+            self.bus.close()
         if self.process.poll() is None:
             self.process.stdin.close()
             try:
@@ -143,9 +143,14 @@ class Session:
     def launch(self, **extra):
         return self.watch("launch", *[f"{k}={v}" for k, v in extra.items()], timeout=60)
 
+    def inspect(self, *calls):
+        """Calls of the inspection, one directly behind the other: the last one's answer, None without one."""
+        return self.bus and self.bus.call("com.vextora.brisel", "/com/vextora/brisel", "com.vextora.Inspect1", *calls)
+
     def look(self):
-        """What is on screen, as brisel-watchctl's dump."""
-        return self.eye and self.eye.ask(("Dump",)) or self.watch("dump")
+        """What is on screen. Without an answer brisel-watchctl tells why."""
+        answer = self.inspect(("Dump",))
+        return answer[0] if answer else self.watch("dump")
 
     def dump(self):
         return json.loads(self.look())
@@ -231,13 +236,14 @@ class Session:
         self.watch("drag", width // 2, a, width // 2, b, seconds)
 
     def screenshot(self, path):
-        if not self.eye or self.eye.ask(("Screenshot", absolute(path))) is None:
+        if self.inspect(("Screenshot", absolute(path))) is None:
             self.watch("screenshot", path)
 
     def shot_and_dump(self, path, tap=()):
         """A picture and the dump of one and the same moment; tap: when what a touch there causes has come to rest."""
         calls = [("Tap", *tap)] if tap else []
-        return json.loads(self.eye.ask(*calls, ("Screenshot", absolute(path)), ("Dump",)) or self.watch("dump"))
+        answer = self.inspect(*calls, ("Screenshot", absolute(path)), ("Dump",))
+        return json.loads(answer[0] if answer else self.watch("dump"))
 
     def log(self):
         path = self.dir / "brisel.log"
