@@ -3,6 +3,7 @@
    It is built of the beginning of a long body: the rest comes, in two more steps, when it is the one that is read, and
    so do the buttons below a text that is longer than the screen. Paging and the main file call it. */
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <utility>
 
@@ -12,8 +13,9 @@
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 
-/* Of a body, for the first screens: a multiple of what they show, so that folds find their ends. */
-constexpr int beginning_bytes = 16 << 10;
+/* Of a body, for the first screens: a multiple of what they show, so that folds find their ends; and where they hide
+   nearly all of it. */
+constexpr int beginning_bytes = 16 << 10, long_beginning_bytes = 64 << 10;
 static const char part_scroller[] = "scroller";
 
 /* --- the steps --- */
@@ -32,12 +34,16 @@ int __brisel_detail_read(const brisel_detail_view *view_data, const page_data *p
   const int mail_id = page->mail_data->mail_id;
   *rest = DETAIL_REST_NONE;
   const bool is_begun = !page->has_mail || page->rest == DETAIL_REST_IN_STORE;
-  if (!is_begun || page->wants_whole || brisel_view_is_spoken() || __brisel_detail_is_waiting(view_data, page))
+  if (!is_begun || page->wanted == INT_MAX || brisel_view_is_spoken() || __brisel_detail_is_waiting(view_data, page))
     return brisel_db_get_full_noti_data_by_mail_id(mail_id, mail);
   int is_whole = 1;
-  const int result = brisel_db_get_noti_beginning_by_mail_id(mail_id, beginning_bytes, mail, &is_whole);
+  const int result = brisel_db_get_noti_beginning_by_mail_id(mail_id, page->wanted, mail, &is_whole);
   if (!is_whole) *rest = DETAIL_REST_IN_STORE;
   return result;
+}
+
+void __brisel_detail_want_more(page_data *page) {
+  page->wanted = page->wanted < long_beginning_bytes ? long_beginning_bytes : INT_MAX;
 }
 
 static bool __brisel_detail_read_mail(const brisel_detail_view *view_data, page_data *page) {
@@ -56,6 +62,7 @@ page_data *__brisel_detail_draw_bare_page(brisel_detail_view *view_data, int mai
   }
   page->ad = view_data->ad;
   page->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
+  page->wanted = beginning_bytes;
   page->mail_data = brisel_full_noti_data_create();
   if (!page->mail_data) {
     BRISEL_ERROR("brisel_db_full_noti_data_create() failed!");
@@ -126,7 +133,7 @@ static bool __brisel_detail_build_on(brisel_detail_view *view_data, page_data *p
   }
   if (!page->detail_layout && page->rest == DETAIL_REST_IN_STORE && !__brisel_detail_is_beginning_enough(page)) {
     __brisel_detail_free_text(page);
-    page->wants_whole = 1;
+    __brisel_detail_want_more(page);
     return __brisel_detail_read_mail(view_data, page);
   }
   if (!page->detail_layout) return __brisel_detail_fill_page(view_data, page);
@@ -158,7 +165,7 @@ static bool __brisel_detail_rest_on(brisel_detail_view *view_data, page_data *pa
     __brisel_detail_draw_device_notice(page);
     return true;
   }
-  page->wants_whole = 1;
+  page->wanted = INT_MAX;
   scoped_noti mail(brisel_full_noti_data_create());
   unsigned char rest = DETAIL_REST_NONE;
   const int result = mail ? __brisel_detail_read(view_data, page, mail.get(), &rest) : BRISEL_COMMON_ERROR_MEMORY;

@@ -415,8 +415,10 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) 
   __brisel_detail_set_attachment_text(view_data, page);
   if (has_text) {
     __brisel_detail_read_body(page);
-    if (page->rest == DETAIL_REST_IN_STORE && !__brisel_detail_is_beginning_enough(page))
-      page->wants_whole = page->is_stale = 1; /* with the next step */
+    if (page->rest == DETAIL_REST_IN_STORE && !__brisel_detail_is_beginning_enough(page)) {
+      __brisel_detail_want_more(page);
+      page->is_stale = 1; /* with the next step */
+    }
     __brisel_detail_show_body(page);
     const bool is_whole =
         page->rest != DETAIL_REST_NONE || __brisel_detail_ends_with_tag(page->mail_data->body, tag_complete);

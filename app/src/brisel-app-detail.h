@@ -46,9 +46,9 @@ struct page_data {
   unsigned char *tapped;          /* which of these two the tap before has turned; a double tap takes that back */
   unsigned char has_mail;         /* until then mail_data has nothing but the id */
   unsigned char is_built;         /* until then what is not there yet is NULL */
+  int wanted;                     /* so many bytes of its body as it is built of, while there are more */
   unsigned char is_stale;         /* its mail has changed: read again with the next step */
   unsigned char rest;             /* a detail_rest: mail_data has the beginning of a body until it is read */
-  unsigned char wants_whole;      /* the beginning is not enough to build it */
   unsigned char is_rest_lost;     /* it could not be read: tried again when the page is turned to or pulled */
   unsigned char lacks_buttons;    /* the end of its text is out of sight, and they have their room alone */
 };
@@ -174,6 +174,8 @@ void __brisel_detail_finish_rest(brisel_detail_view *view_data, page_data *page)
    the store's calls. */
 int __brisel_detail_read(const brisel_detail_view *view_data, const page_data *page, full_noti_data *mail,
                          unsigned char *rest);
+/* The beginning was not enough: the next read is one of more, or of all. */
+void __brisel_detail_want_more(page_data *page);
 /* Deletes the layout of a page that has left its slot and the box, in a step of its own. */
 void __brisel_detail_let_go(brisel_detail_view *view_data, Evas_Object *layout);
 /* What is left of the pages, and of what changed of their mails, while the loop is idle; nothing while the application
