@@ -32,8 +32,8 @@ static bool __brisel_detail_is_in_store(int mail_id) {
 int __brisel_detail_read(const brisel_detail_view *view_data, const page_data *page, full_noti_data *mail,
                          unsigned char *rest) {
   const int mail_id = page->mail_data->mail_id;
-  *rest = DETAIL_REST_NONE;
   const bool is_begun = !page->has_mail || page->rest == DETAIL_REST_IN_STORE;
+  *rest = DETAIL_REST_NONE; /* which may be the page's */
   if (!is_begun || page->wanted == INT_MAX || brisel_view_is_spoken() || __brisel_detail_is_waiting(view_data, page))
     return brisel_db_get_full_noti_data_by_mail_id(mail_id, mail);
   int is_whole = 1;
