@@ -129,6 +129,10 @@ void take_request(phone_link *link, const waiting_request &r) {
   nlohmann::json request = nlohmann::json::parse(r.line, nullptr, false);
   bool good = well_formed(request);
   bool more = asks_for_more(request);
+  if (good && link->handlers->is_ours && !link->handlers->is_ours(link, request, link->user_data)) {
+    link_log("request " + std::to_string(r.id) + " is about another phone's mail and waits for that phone");
+    return;
+  }
   int fresh = 0;
   int kept = phone_state_change(link->state, [&] {
     fresh = phone_state_add_request(link->state, r.id, r.peer, r.line);

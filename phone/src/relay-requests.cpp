@@ -1,6 +1,7 @@
 /* What a request of the watch changes in the phone's state, whoever receives it: the relay or `serve`. */
 #include "relay.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "reply.h"
@@ -67,7 +68,25 @@ int keep_reply(phone_state *state, const nlohmann::json &request, const std::str
   return reply_add(state, account.account_id, {uid, to, reply_subject(parts.subject), message, error});
 }
 
+/* What could not be looked up counts as known: then it is kept, as everything is. */
+bool is_known(phone_state *state, const relay_settings &settings, const std::string &tag) {
+  if (!tag.starts_with(relay_tag_begin)) return true;
+  const std::string name = tag.substr(relay_tag_begin.size());
+  relay_account_row row;
+  return std::any_of(settings.accounts.begin(), settings.accounts.end(), [&](auto &a) { return a.name == name; }) ||
+         relay_account_find(state, name, &row) != 0;
+}
+
 }  // namespace
+
+bool relay_is_ours(phone_state *state, const relay_settings &settings, const nlohmann::json &request) {
+  const std::string kind = request.value("request", std::string());
+  if (kind == "reply") return is_known(state, settings, request.value("host_tag", std::string()));
+  const auto tags = request.find("host_tag_list");
+  if (kind != "delete_notis" || tags == request.end() || tags->empty()) return true;
+  return std::any_of(tags->begin(), tags->end(),
+                     [&](const auto &tag) { return is_known(state, settings, tag.template get<std::string>()); });
+}
 
 int relay_forget_mails(phone_state *state, const std::vector<int> &mail_ids) {
   return phone_state_change(state, [&] {

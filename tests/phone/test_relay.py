@@ -207,6 +207,33 @@ def test_replies(s):
     assert "no address" in status(s)["replies"][3]["error"]
 
 
+def test_another_phone_leaves_alone_what_is_not_its_own(s):
+    box, mta, relay = follow(s)
+    for uid in ("ask@x", "gone@x"):
+        box.deliver(message(uid))
+    s.wait(lambda: len(uids(s)) == 2, "two mails")
+    relay.kill()
+    mails, mine = by_uid(s), s.env["XDG_STATE_HOME"]
+    s.env["XDG_STATE_HOME"] = str(s.dir / "other")
+    others = Maildir(s.dir / "other-box")
+    others.deliver(message("other@x"))
+    other = Relay(s, "--maildir", f"Other <other@example.org>={others.path}", "--sendmail", mta.command)
+    s.wait(lambda: "other@x" in uids(s), "the other phone's mail")
+    reply_on_watch(s, mails["ask@x"], "for the first phone")
+    delete_on_watch(s, mails["gone@x"]["mail_id"])
+    reply_on_watch(s, by_uid(s)["other@x"], "for the other one")
+    s.wait(lambda: len(mta.sent()) == 1, "the other phone's reply")
+    other.kill()
+    s.env["XDG_STATE_HOME"] = mine
+    relay.start()
+    s.wait(lambda: len(mta.sent()) == 2, "the first phone's reply")
+    box.deliver(message("after@x"))
+    s.wait(lambda: "after@x" in uids(s), "a mail after it")
+    equal(uids(s), {"ask@x", "other@x", "after@x"}, "what was deleted does not come back")
+    equal([email.message_from_bytes(raw)["From"].split("<")[1] for raw in mta.sent()], ["other@example.org>", "me@example.org>"],
+          "each under its own address")
+
+
 def test_unsendable_replies_wait(s):
     box, mta, relay = follow(s)
     box.deliver(message("ask@x"))
