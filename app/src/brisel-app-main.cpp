@@ -21,20 +21,9 @@ static bool answer_at_once(const char *argument) {
   return true;
 }
 
-/* A slip must not start the application with something else than was meant. */
-static bool is_meant(const char *argument) {
-  const bool is_option = !strcmp(argument, "--service") || !strcmp(argument, "--prepare");
-  return is_option || (*argument != '-' && *argument != '=' && strchr(argument, '='));
-}
-
 int main(int argc, char **argv) {
   for (int i = 1; i < argc; i++)
     if (answer_at_once(argv[i])) return 0;
-  for (int i = 1; i < argc; i++) {
-    if (is_meant(argv[i])) continue;
-    fprintf(stderr, "brisel: no option or KEY=VALUE: %s (see brisel --help)\n", argv[i]);
-    return 2;
-  }
   appdata ad = {};
   app_event_callback_s callbacks = {};
   callbacks.create = app_create;

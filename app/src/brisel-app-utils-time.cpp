@@ -104,15 +104,17 @@ static const char *_environment_locale(void) {
   return nullptr;
 }
 
-char *brisel_get_locale(void) {
-  scoped_text region(vconf_get_str(BRISEL_KEY_REGION));
-  const char *name = region.get();
-  if (!name) {
-    BRISEL_WARN("vconf_get_str() failed : region format");
-    name = _environment_locale();
-  }
+/* The environment's where the device has no region. */
+static char *_locale_of_region(const char *region) {
+  const char *name = region ? region : _environment_locale();
   char *locale = name ? _locale_of_name(name) : nullptr;
   return locale ? locale : strdup("en_US");
+}
+
+char *brisel_get_locale(void) {
+  scoped_text region(vconf_get_str(BRISEL_KEY_REGION));
+  if (!region) BRISEL_WARN("vconf_get_str() failed : region format");
+  return _locale_of_region(region.get());
 }
 
 /* --- time zone --- */
@@ -189,7 +191,7 @@ static void _read_formats_cb(void *data) {
 
 void brisel_util_read_formats_ahead(void) {
   static char locale[locale_bytes];
-  scoped_text name(brisel_get_locale());
+  scoped_text region(vconf_get_str(BRISEL_KEY_REGION)), name(_locale_of_region(region.get()));
   snprintf(locale, sizeof(locale), "%s", name.get());
   /* ICU asks for the process's locale once, which the toolkit may be changing later. */
   uloc_getDefault();

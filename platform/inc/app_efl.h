@@ -47,8 +47,9 @@ struct app_event_callback_s {
    calls terminate. When another instance holds the name, the launch request, if there is one, goes to it and the call
    returns 0 at once; with --prepare it first waits, blocked, for that one's end. A missing bus is logged; the
    application then runs alone, but not with --prepare, where nobody could launch it. One that waits for its launch ends
-   when the bus goes or its program's file is replaced. It also ends when its window is destroyed. Returns 0, or
-   non-zero when there was no bus to wait at or create failed. */
+   when the bus goes or its program's file is replaced. It also ends when its window is destroyed. Returns 0; 2,
+   with a line on standard error, for an argument that is none of these; or 1 when there was no bus to wait at or create
+   failed. */
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data);
 /* Has work(data) done by a thread of the framework's while the toolkit starts: what takes long the first time and needs
    nothing of the toolkit's. From the starting callback only, once. It reads environment and locale as they are then

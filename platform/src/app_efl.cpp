@@ -9,7 +9,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -255,25 +257,23 @@ void rotation_cb(void *data, Evas_Object *obj, void *event_info) {
 
 /* --- start --- */
 
-/* Whether the start itself asks for something: not with "--service", when the bus started us for a request that it
-   brings itself, nor with "--prepare". */
-bool read_arguments(int argc, char **argv, service_s *request) {
-  bool asks = true;
+/* *asks: whether the start itself asks for something: not with "--service", when the bus started us for a request that
+   it brings itself, nor with "--prepare". Returns the first argument that is neither an option nor KEY=VALUE, or NULL.
+ */
+const char *read_arguments(int argc, char **argv, service_s *request, bool *asks) {
+  *asks = true;
   for (int i = 1; i < argc; i++) {
     const bool prepares = strcmp(argv[i], "--prepare") == 0;
     if (prepares) app.ahead = true;
     if (prepares || strcmp(argv[i], "--service") == 0) {
-      asks = false;
+      *asks = false;
       continue;
     }
     const char *equals = strchr(argv[i], '=');
-    if (argv[i][0] == '-' || !equals || equals == argv[i] || !app_is_text(argv[i])) {
-      __dlog_print(DLOG_WARN, app_log_tag, "argument %d is no KEY=VALUE", i);
-      continue;
-    }
+    if (argv[i][0] == '-' || !equals || equals == argv[i] || !app_is_text(argv[i])) return argv[i];
     request->extra[std::string(const_cast<const char *>(argv[i]), equals)] = equals + 1;
   }
-  return asks;
+  return nullptr;
 }
 
 void window_size(int *w, int *h) {
@@ -582,7 +582,12 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
 
   service_s request;
   request.app_id = app.id;
-  const bool asks = read_arguments(*argc, *argv, &request);
+  bool asks = true;
+  /* A slip must not start the application with something else than was meant. */
+  if (const char *slip = read_arguments(*argc, *argv, &request, &asks)) {
+    fprintf(stderr, "%s: no option or KEY=VALUE: %s (see --help)\n", program_invocation_short_name, slip);
+    return 2;
+  }
   /* Before the toolkit is up: a second start has nothing to draw and should be over at once. */
   const int claimed = app.ahead ? app_wait_for_name() : app_claim_name(&request, !asks);
   if (claimed == 0) {
