@@ -352,12 +352,25 @@ json rect_json(const rect &r) {
   return {{"x", r.x}, {"y", r.y}, {"width", r.w}, {"height", r.h}};
 }
 
+/* In pixels. Lines above and below a text that only make room for its letters are no higher. */
+constexpr int least_line = 4;
+
+bool is_thin_line(const Evas_Textblock_Cursor *cursor) {
+  int height = 0;
+  return evas_textblock_cursor_line_geometry_get(cursor, nullptr, nullptr, nullptr, &height) >= 0 &&
+         height <= least_line;
+}
+
 /* From the text itself: what the toolkit gives back as markup after a change of style has its "&" unescaped. */
 std::string plain_text(Evas_Object *block) {
   Evas_Textblock_Cursor *start = evas_object_textblock_cursor_new(block);
   Evas_Textblock_Cursor *end = evas_object_textblock_cursor_new(block);
   evas_textblock_cursor_paragraph_first(start);
   evas_textblock_cursor_paragraph_last(end);
+  if (is_thin_line(start)) evas_textblock_cursor_line_set(start, 1);
+  const int last = evas_textblock_cursor_line_geometry_get(end, nullptr, nullptr, nullptr, nullptr);
+  if (last > 0 && is_thin_line(end) && evas_textblock_cursor_line_set(end, last - 1))
+    evas_textblock_cursor_line_char_last(end);
   char *plain = evas_textblock_cursor_range_text_get(start, end, EVAS_TEXTBLOCK_TEXT_PLAIN);
   std::string text = plain ? plain : "";
   free(plain);

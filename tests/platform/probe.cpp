@@ -85,10 +85,12 @@ void text_scene(void) {
   evas_object_show(cover);
   Evas_Object *block = evas_object_textblock_add(evas);
   Evas_Textblock_Style *style = evas_textblock_style_new();
-  evas_textblock_style_set(style, "DEFAULT='font=Sans font_size=24 color=#00ff0080' big='+ font_size=30'");
+  evas_textblock_style_set(
+      style, "DEFAULT='font=Sans font_size=24 color=#00ff0080' big='+ font_size=30' thin='+ font_size=1'");
   evas_object_textblock_style_set(block, style);
   evas_textblock_style_free(style);
-  evas_object_textblock_text_markup_set(block, "<big>a &lt;b&gt; &amp; &eacute;</big><br/>second");
+  evas_object_textblock_text_markup_set(
+      block, "<thin><br/></thin><big>a &lt;b&gt; &amp; &eacute;</big><br/>second<thin><br/> </thin>");
   evas_object_geometry_set(block, 10, 200, 300, 100);
   evas_object_show(block);
 }
