@@ -12,7 +12,7 @@ namespace {
 using enum relay_mail_state;
 
 /* One call carries so much at most; the first ones less, so that the newest mails are on the watch first. */
-constexpr size_t kFirstMails = 8, kMostMails = 200, kHead = 16384, kMailOverhead = 1024;
+constexpr size_t kFirstMails = 8, kMostMails = 200, kHead = 16384, kLongHead = 256 << 10, kMailOverhead = 1024;
 constexpr int64_t kSoon = 24 * 3600;
 constexpr int64_t kBeingWritten = 5; /* seconds after its last change that a file may not be whole */
 
@@ -346,6 +346,14 @@ std::vector<int64_t> read_arrivals(followed *a, const std::vector<const mailbox_
     heads.push_back(headers_of(read[i]));
   }
   std::vector<int64_t> arrivals = parser_arrivals(heads);
+  /* Thousands of receivers may stand above the date. */
+  for (size_t i = 0; i < items.size(); i++) {
+    int64_t size = 0, time = 0;
+    std::string error;
+    if (arrivals[i] <= 0 && heads[i].size() == kHead &&
+        a->settings.kind->read(a->settings.path, *items[i], kLongHead, &read[i], &time, &size, &error) == 0)
+      arrivals[i] = parser_arrivals({headers_of(read[i])}).front();
+  }
   /* A date in the future would stay on top for ever. */
   for (size_t i = 0; i < items.size(); i++)
     if (file_times[i] == 0 || arrivals[i] <= 0 || arrivals[i] > relay_now() + kSoon) arrivals[i] = file_times[i];

@@ -31,7 +31,8 @@ def uids(s):
 
 def test_mailbox_and_watch_stay_equal(s):
     box = Maildir(s.dir / "box")
-    old = box.deliver(message("old@x", "Old", date=1789000000), flags="S")
+    many = ",\n ".join(f"r{n}@example.org" for n in range(2000))  # above the date
+    old = box.deliver(message("old@x", "Old", sender=f"Ann <ann@example.org>\nCc: {many}", date=1789000000), flags="S")
     box.deliver(message("unread@x", "Unread"), flags="")
     box.deliver(message("hidden@x"), base=".hidden")  # what begins so is not delivered yet
     shown = s.dir / "shown"
