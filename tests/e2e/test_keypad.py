@@ -53,8 +53,11 @@ def test_a_reply_written_by_touch_alone(s):
     corner(s, 0)  # backspace
     keys(s, "k")
     s.wait_text("Hi 😀<3ok")
+    for more, left in (("o" * 26, "1"), ("k", "0")):
+        s.watch("type", more)
+        assert not s.wait_text(left, part=False)["cut"], left
     send(s)
-    equal(reply_text(s), "Hi 😀<3ok", "text at the phone")
+    equal(reply_text(s), "Hi 😀<3ok" + "o" * 26 + "k", "text at the phone")
 
 
 if __name__ == "__main__":
