@@ -22,5 +22,7 @@ inline constexpr std::size_t mails_max = 20000;
 inline constexpr std::size_t ids_max = 100000;
 inline constexpr std::size_t templates_max = 1000;
 inline constexpr std::size_t uid_max = 128; /* bytes of a request's uid */
+/* What may wait for a phone, requests and the bytes of their texts: a watch that saw none for weeks stays far below. */
+inline constexpr std::size_t outbox_entries_max = 20000, outbox_bytes_max = 16u << 20;
 
 #endif

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "brisel-body.h"
 #include "brisel-contact-bus.h"
 #include "platform-peer.h"
 #include "text.h"
@@ -15,6 +16,12 @@
 namespace {
 
 constexpr int kLooks = 5, kLookPauseMs = 50;
+
+/* What is taken of an answer: more than any service gives. */
+constexpr size_t kMostError = 1024; /* bytes of why a call failed */
+constexpr size_t kMostFields = 64;  /* of one record */
+constexpr size_t kMostAccounts = 1000;
+constexpr size_t kMostListed = size_t{128} << 20; /* bytes of memory that all mails of a list take, about */
 
 std::string explain(const host_bus &bus, const sd_bus_error &error, int result) {
   if (error.name && strstr(error.name, ".ServiceUnknown"))
@@ -28,7 +35,7 @@ std::string explain(const host_bus &bus, const sd_bus_error &error, int result) 
   if (bus.peer && silent) return "the watch does not answer";
   if (error.name && strstr(error.name, ".Spawn."))
     return std::string("the host service cannot be started: ") + (error.message ? error.message : error.name);
-  if (error.message && *error.message) return error.message;
+  if (error.message && *error.message) return std::string(error.message, strnlen(error.message, kMostError));
   return std::string("the host service does not answer: ") + strerror(-result);
 }
 
@@ -184,7 +191,7 @@ int append_ids(sd_bus_message *m, const std::vector<int> &ids) {
 int read_contacts(sd_bus_message *m, host_record *record) {
   return bus_read_contacts(m, [record](int type, const char *number) {
     record->contacts.emplace_back(type, number);
-    return 0;
+    return record->contacts.size() > contacts_max ? -EBADMSG : 0;
   });
 }
 
@@ -224,8 +231,9 @@ int read_value(sd_bus_message *m, const std::string &key, host_record *record) {
   return r < 0 ? r : sd_bus_message_exit_container(m);
 }
 
-/* Reads an aa{sv}. */
-int read_records(sd_bus_message *m, std::vector<host_record> *records) {
+/* Reads an aa{sv} of at most `most` records. */
+int read_records(sd_bus_message *m, size_t most, std::vector<host_record> *records) {
+  most += records->size();
   int r = sd_bus_message_enter_container(m, 'a', "a{sv}");
   if (r < 0) return r;
   while ((r = sd_bus_message_enter_container(m, 'a', "{sv}")) > 0) {
@@ -235,6 +243,7 @@ int read_records(sd_bus_message *m, std::vector<host_record> *records) {
       r = sd_bus_message_read(m, "s", &key);
       if (r < 0) return r;
       r = read_value(m, key, &record);
+      if (r >= 0 && record.numbers.size() + record.texts.size() > kMostFields) r = -EBADMSG;
       if (r < 0) return r;
       r = sd_bus_message_exit_container(m);
       if (r < 0) return r;
@@ -243,6 +252,7 @@ int read_records(sd_bus_message *m, std::vector<host_record> *records) {
     r = sd_bus_message_exit_container(m);
     if (r < 0) return r;
     records->push_back(std::move(record));
+    if (records->size() > most) return -EBADMSG;
   }
   return r < 0 ? r : sd_bus_message_exit_container(m);
 }
@@ -347,7 +357,7 @@ int host_list_accounts(host_bus *bus, std::vector<host_record> *accounts, std::s
   if (result < 0) return result;
   result = host_finish(bus, call, 0, &reply, error);
   if (result != HOST_OK) return result;
-  result = read_records(reply.m, accounts);
+  result = read_records(reply.m, kMostAccounts, accounts);
   return result < 0 ? host_unreadable(result, error) : 0;
 }
 
@@ -474,23 +484,33 @@ namespace {
 
 /* Calls `method` for one portion after the other, until there is no more: all mails of a large store would not fit one
    bus message, and what the watch says besides must not wait long behind one on a slow stream. take() reads a portion
-   and gives the last mail's id, 0 when there was none, or an errno below 0. */
+   and gives the last mail's id, 0 when there was none, or an errno below 0; it adds to *held what its mails take. */
 template <typename Take>
 int list_in_portions(host_bus *bus, const char *method, int portion, std::string *error, Take take) {
+  size_t held = 0;
   for (int after = 0;;) {
     bus_message call, reply;
     int result = host_begin(bus, &call, method, error);
     if (result < 0) return result;
     result = host_finish(bus, call, sd_bus_message_append(call.m, "ii", after, portion), &reply, error);
     if (result != HOST_OK) return result;
-    int last = take(reply.m);
+    int last = take(reply.m, static_cast<size_t>(portion), &held);
+    if (held > kMostListed) last = -EFBIG;
     if (last < 0) return host_unreadable(last, error);
     if (last <= after) return 0;
     after = last;
   }
 }
 
-int read_mail_ids(sd_bus_message *m, std::vector<watch_mail_id> *mails) {
+size_t bytes_of(const host_record &record) {
+  constexpr size_t node = 64;
+  size_t bytes = sizeof record + node * (record.numbers.size() + record.texts.size() + record.contacts.size());
+  for (const auto &[key, text] : record.texts) bytes += text.size();
+  return bytes;
+}
+
+int read_mail_ids(sd_bus_message *m, size_t most, std::vector<watch_mail_id> *mails, size_t *held) {
+  most += mails->size();
   int last = 0, r = sd_bus_message_enter_container(m, 'a', "(iiss)");
   while (r >= 0) {
     int mail_id = 0, account_id = 0;
@@ -498,6 +518,8 @@ int read_mail_ids(sd_bus_message *m, std::vector<watch_mail_id> *mails) {
     r = sd_bus_message_read(m, "(iiss)", &mail_id, &account_id, &tag, &uid);
     if (r <= 0) break;
     mails->push_back({mail_id, account_id, tag, uid});
+    *held += sizeof(watch_mail_id) + strlen(tag) + strlen(uid);
+    if (mails->size() > most) return -EBADMSG;
     last = mail_id;
   }
   return r < 0 ? r : last;
@@ -506,17 +528,20 @@ int read_mail_ids(sd_bus_message *m, std::vector<watch_mail_id> *mails) {
 }  // namespace
 
 int host_list_mails(host_bus *bus, std::vector<host_record> *mails, std::string *error) {
-  return list_in_portions(bus, "ListMails", bus->peer ? 32 : 500, error, [mails](sd_bus_message *m) {
-    size_t before = mails->size();
-    int r = read_records(m, mails);
-    return r < 0 ? r : mails->size() == before ? 0 : static_cast<int>(mails->back().number("mail_id"));
-  });
+  return list_in_portions(
+      bus, "ListMails", bus->peer ? 32 : 500, error, [mails](sd_bus_message *m, size_t most, size_t *held) {
+        size_t before = mails->size();
+        int r = read_records(m, most, mails);
+        for (size_t i = before; i < mails->size(); i++) *held += bytes_of((*mails)[i]);
+        return r < 0 ? r : mails->size() == before ? 0 : static_cast<int>(mails->back().number("mail_id"));
+      });
 }
 
 int host_list_mail_ids(host_bus *bus, std::vector<watch_mail_id> *mails, std::string *error) {
   if (bus->watch.mail_ids)
-    return list_in_portions(bus, "ListMailIds", bus->peer ? 100 : 1000, error,
-                            [mails](sd_bus_message *m) { return read_mail_ids(m, mails); });
+    return list_in_portions(
+        bus, "ListMailIds", bus->peer ? 100 : 1000, error,
+        [mails](sd_bus_message *m, size_t most, size_t *held) { return read_mail_ids(m, most, mails, held); });
   std::vector<host_record> all;
   int result = host_list_mails(bus, &all, error);
   for (const host_record &mail : all)
@@ -549,6 +574,7 @@ int host_list_templates(host_bus *bus, std::vector<std::pair<int, std::string>> 
     r = sd_bus_message_read(reply.m, "(is)", &id, &text);
     if (r <= 0) break;
     templates->emplace_back(id, text);
+    if (templates->size() > templates_max) return host_unreadable(-EBADMSG, error);
   }
   return r < 0 ? host_unreadable(r, error) : 0;
 }

@@ -52,6 +52,13 @@ int wait_once(host_bus *bus, uint64_t until, bool nudged) {
   return fds[0].revents ? 1 : fds[1].revents ? 2 : 0;
 }
 
+/* The watch has nothing to call here. Unanswered: answers to one that takes none would pile up. */
+int call_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
+  uint8_t type = 0;
+  sd_bus_message_get_type(m, &type);
+  return type == SD_BUS_MESSAGE_METHOD_CALL ? 1 : 0;
+}
+
 int new_stream(host_bus *bus) {
   int fd = fcntl(bus->way.fd, F_DUPFD_CLOEXEC, 3); /* the connection closes its own */
   if (fd < 0) return -errno;
@@ -62,6 +69,7 @@ int new_stream(host_bus *bus) {
     return r;
   }
   r = sd_bus_set_anonymous(bus->bus, 1);
+  if (r >= 0) r = sd_bus_add_filter(bus->bus, nullptr, call_cb, nullptr);
   if (r >= 0) r = sd_bus_set_close_on_exit(bus->bus, 0); /* it would wait for whoever does not take what is said */
   return r < 0 ? r : sd_bus_start(bus->bus);
 }
@@ -70,8 +78,12 @@ int read_introduction(sd_bus_message *m, watch_identity *watch) {
   const char *id = nullptr, *name = nullptr, *capability = nullptr;
   int r = sd_bus_message_read(m, "uss", &watch->version, &id, &name);
   if (r < 0) return r;
-  watch->id = id;
-  watch->name = name;
+  /* They are shown, and written into files. */
+  watch->id = std::string(id, strnlen(id, pair_id_size));
+  watch->name = std::string(name, strnlen(name, pair_name_max));
+  for (std::string *text : {&watch->id, &watch->name})
+    std::replace_if(
+        text->begin(), text->end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
   r = sd_bus_message_enter_container(m, 'a', "s");
   while (r >= 0 && (r = sd_bus_message_read(m, "s", &capability)) > 0)
     if (strcmp(capability, pair_zlib) == 0)

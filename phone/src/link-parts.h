@@ -73,6 +73,9 @@ struct phone_link {
   int stop_fd = -1; /* written to by SIGTERM and SIGINT */
   sd_event_source *retry = nullptr, *take = nullptr, *resend = nullptr;
   std::deque<waiting_request> requests;
+  size_t requests_bytes = 0; /* of their texts */
+  bool left_out = false;     /* one did not fit: it is still to be asked for again */
+  bool told_full = false;
   std::list<waiting_more> more;
   bool connected = false;
   std::string owner; /* the service process that is connected */
@@ -105,6 +108,7 @@ struct phone_link {
   std::set<std::string> silent;       /* addresses of neighbours that do not answer */
   uint64_t delay = 0;                 /* before the next try, in microseconds */
   uint64_t resend_delay = 0;          /* before requests that could not be kept are asked for again */
+  uint64_t rest_delay = 0;            /* ... and those that did not fit */
   std::string failure;
   bool failed = false;
   bool told = false; /* that requests cannot be acknowledged; they come again with the next connection */

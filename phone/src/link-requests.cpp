@@ -21,6 +21,15 @@ constexpr int kUnknownMail = 1;            /* what the service is told when ther
 constexpr int kNotNow = 2;
 constexpr uint64_t kServer = 25000000; /* microseconds that a server has to give more of a text */
 
+/* What is held of what a watch says. A watch in its right mind never gets there: no more than the first two wait in its
+   store, and besides them only questions for more of what somebody reads. */
+constexpr size_t kMostWaiting = outbox_entries_max + 1000;         /* requests that there was no time for yet */
+constexpr size_t kMostWaitingBytes = outbox_bytes_max + (4 << 20); /* of their texts */
+constexpr size_t kMostHeard = 2 * kMostWaiting;                    /* messages in one go */
+constexpr size_t kMostAtServers = 64;                              /* questions that wait for a server */
+constexpr size_t kLongestQuestion = 8 * token_max;                 /* bytes of one: a name, in escapes at worst */
+constexpr int kDeepest = 2; /* levels of a request: an object of values and of lists of values */
+
 void await_more(phone_link *link, const waiting_request &r, const nlohmann::json &request, const std::string &source);
 
 void answer_more(phone_link *link, const waiting_request &r, const nlohmann::json &request, bool may_wait) {
@@ -29,7 +38,7 @@ void answer_more(phone_link *link, const waiting_request &r, const nlohmann::jso
   int mail_id = request.value("mail_id", 0);
   std::string uid = request.value("message_uid", std::string());
   int result = more_of_mail(link->state, mail_id, uid, r.have, &piece, &complete, &rest, &error);
-  if (!rest.empty() && may_wait) {
+  if (!rest.empty() && may_wait && link->more.size() < kMostAtServers) {
     await_more(link, r, request, rest);
     return;
   }
@@ -93,6 +102,7 @@ bool well_formed(const nlohmann::json &request) {
 int resend_cb(sd_event_source *source, uint64_t usec, void *user_data) {
   auto *link = static_cast<phone_link *>(user_data);
   std::string error;
+  link->left_out = false;
   if (link->connected && host_connect(link->bus.get(), &error) < 0) link_log(error);
   return 0;
 }
@@ -104,11 +114,59 @@ bool something_waits(const phone_link *link) {
 
 /* What could not be kept stays with the service, which sends all that waits when it is asked: after a pause that
    grows, for a disk that is full now is full in a moment too; once for all that wait, however many they are. */
-void ask_again_later(phone_link *link) {
+void ask_again_later(phone_link *link, uint64_t *pause) {
   if (something_waits(link)) return;
-  if (link->resend_delay == 0) link_log(phone_state_error(link->state));
-  link->resend_delay = link_longer(link->resend_delay);
-  link_timer(link, &link->resend, link->resend_delay, resend_cb);
+  *pause = link_longer(*pause);
+  link_timer(link, &link->resend, *pause, resend_cb);
+}
+
+void keep_later(phone_link *link) {
+  if (link->resend_delay == 0 && !something_waits(link)) link_log(phone_state_error(link->state));
+  ask_again_later(link, &link->resend_delay);
+}
+
+/* What did not fit is asked for when all that did is done. Its pause is not made short again as long as the link
+   stands: nothing but a broken watch, or one that means ill, needs a second one. */
+void ask_for_rest(phone_link *link) {
+  if (link->left_out && link->requests.empty()) ask_again_later(link, &link->rest_delay);
+}
+
+bool has_room(const phone_link *link, size_t bytes) {
+  return link->requests.size() < kMostWaiting && bytes <= kMostWaitingBytes - link->requests_bytes;
+}
+
+size_t bytes_of(const waiting_request &r) {
+  return r.line.size() + r.uid.size();
+}
+
+void leave_out(phone_link *link) {
+  if (!link->told_full)
+    link_log("the watch asks for more at once than it can have waiting; what does not fit is asked for again");
+  link->told_full = link->left_out = true;
+  ask_for_rest(link);
+}
+
+waiting_request take_out(phone_link *link, std::deque<waiting_request>::iterator place) {
+  waiting_request request = std::move(*place);
+  link->requests.erase(place);
+  link->requests_bytes -= bytes_of(request);
+  ask_for_rest(link);
+  return request;
+}
+
+/* What lies deeper than it may takes many times the memory of its text, and is not taken apart. */
+nlohmann::json read_request(const std::string &line) {
+  bool too_deep = false;
+  nlohmann::json request = nlohmann::json::parse(
+      line,
+      [&too_deep](int depth, nlohmann::json::parse_event_t event, const nlohmann::json &) {
+        using enum nlohmann::json::parse_event_t;
+        const bool deeper = depth >= kDeepest && (event == object_start || event == array_start);
+        too_deep = too_deep || deeper;
+        return !deeper;
+      },
+      false);
+  return too_deep ? nlohmann::json() : request;
 }
 
 bool asks_for_more(const nlohmann::json &request) {
@@ -126,7 +184,7 @@ void acknowledge(phone_link *link, int64_t id) {
 }
 
 void take_request(phone_link *link, const waiting_request &r) {
-  nlohmann::json request = nlohmann::json::parse(r.line, nullptr, false);
+  nlohmann::json request = read_request(r.line);
   bool good = well_formed(request);
   bool more = asks_for_more(request);
   if (good && link->handlers->is_ours && !link->handlers->is_ours(link, request, link->user_data)) {
@@ -147,7 +205,7 @@ void take_request(phone_link *link, const waiting_request &r) {
     return;
   }
   if (kept < 0) {
-    ask_again_later(link);
+    keep_later(link);
     return;
   }
   link->resend_delay = 0;
@@ -157,8 +215,7 @@ void take_request(phone_link *link, const waiting_request &r) {
 int take_cb(sd_event_source *source, void *user_data) {
   auto *link = static_cast<phone_link *>(user_data);
   if (link->requests.empty()) return 0;
-  waiting_request next = std::move(link->requests.front());
-  link->requests.pop_front();
+  waiting_request next = take_out(link, link->requests.begin());
   if (!link->requests.empty()) sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
   take_request(link, next);
   return 0;
@@ -225,6 +282,9 @@ waiting_more::~waiting_more() {
 void requests_forget(phone_link *link) {
   link->more.clear();
   link->requests.clear();
+  link->requests_bytes = 0;
+  link->left_out = link->told_full = false;
+  link->rest_delay = 0;
   if (link->resend) sd_event_source_set_enabled(link->resend, SD_EVENT_OFF);
 }
 
@@ -237,7 +297,8 @@ int request_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
   request.peer = link->bus->owner;
   const char *line = nullptr;
   int r = sd_bus_message_read(m, "xs", &request.id, &line);
-  if (r >= 0) request.line = line;
+  const size_t size = r >= 0 ? strlen(line) : 0;
+  if (r >= 0 && has_room(link, size)) request.line = line;
   if (r >= 0) r = sd_bus_message_enter_container(m, 'a', "{sv}");
   while (r >= 0 && (r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
     const char *key = nullptr;
@@ -255,7 +316,12 @@ int request_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
     link_log(std::string("a request cannot be read: ") + strerror(-r));
     return 0;
   }
-  request.urgent = asks_for_more(nlohmann::json::parse(request.line, nullptr, false));
+  if (!has_room(link, size + request.uid.size())) {
+    leave_out(link);
+    return 0;
+  }
+  request.urgent = size <= kLongestQuestion && asks_for_more(read_request(request.line));
+  link->requests_bytes += bytes_of(request);
   link->requests.push_back(std::move(request));
   sd_event_source_set_enabled(link->take, SD_EVENT_ONESHOT);
   return 0;
@@ -263,8 +329,7 @@ int request_cb(sd_bus_message *m, void *user_data, sd_bus_error *error) {
 
 /* Only what has come already: the answer of the last call came behind it. */
 void requests_hear(phone_link *link) {
-  while (link->connected && sd_bus_process(link->bus->bus, nullptr) > 0) {
-  }
+  for (size_t heard = 0; heard < kMostHeard && link->connected && sd_bus_process(link->bus->bus, nullptr) > 0;) heard++;
 }
 
 void requests_take_urgent(phone_link *link) {
@@ -273,8 +338,7 @@ void requests_take_urgent(phone_link *link) {
   for (;;) {
     auto next = std::find_if(link->requests.begin(), link->requests.end(), urgent);
     if (!link->connected || next == link->requests.end()) return;
-    waiting_request request = std::move(*next);
-    link->requests.erase(next);
+    waiting_request request = take_out(link, next);
     take_request(link, request);
   }
 }
@@ -283,16 +347,16 @@ void link_ask_waiting(phone_link *link) {
   std::string error;
   if (!link->connected || !something_waits(link)) return;
   sd_event_source_set_enabled(link->resend, SD_EVENT_OFF);
+  link->left_out = false;
   if (host_connect(link->bus.get(), &error) == 0) return;
   link_log(error);
-  ask_again_later(link);
+  ask_again_later(link, &link->resend_delay);
 }
 
 int link_take_waiting(phone_link *link) {
   requests_hear(link);
   while (link->connected && !link->requests.empty()) {
-    waiting_request next = std::move(link->requests.front());
-    link->requests.pop_front();
+    waiting_request next = take_out(link, link->requests.begin());
     take_request(link, next);
   }
   return link->connected && !something_waits(link) ? 0 : -1;

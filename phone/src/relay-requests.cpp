@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "../mime.h"
+#include "brisel-body.h"
 #include "reply.h"
 #include "state-relay.h"
 #include "state-replies.h"
@@ -64,7 +66,12 @@ int keep_reply(phone_state *state, const nlohmann::json &request, const std::str
     parts.references = mail.references;
   }
   std::string message, to, error;
-  if (reply_compose(parts, &message, &to, &error) < 0) message = parts.text; /* kept for the user, not sent */
+  if (parts.text.size() > text_max) {
+    to = mime_clean_line(parts.recipient, text_max);
+    error = "the text is longer than a reply may be";
+  } else if (reply_compose(parts, &message, &to, &error) < 0) {
+    message = parts.text; /* kept for the user, not sent */
+  }
   return reply_add(state, account.account_id, {uid, to, reply_subject(parts.subject), message, error});
 }
 

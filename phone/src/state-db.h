@@ -10,6 +10,7 @@
 struct phone_state {
   sql_db db;
   std::string error;
+  size_t request_bytes = 0; /* of those that came since it was looked how many are kept */
   /* Kept ready: they run for every mail that is relayed. */
   sql_statement add_mail, set_mail_id, write_row;
 };

@@ -1,12 +1,31 @@
 /* The phone's state: mails that were sent, and requests that came. */
 #include <ctime>
 
+#include "brisel-body.h"
 #include "state-db.h"
 
 namespace {
 
-/* Far more than a service sends again, few enough for a phone that runs for years. */
-constexpr int kRequestsKept = 10000;
+/* Far more than a service sends again, few enough for a phone that runs for years. Of those that could not be
+   acknowledged more are kept: no watch has as many waiting, in number or bytes. */
+constexpr int kRequestsKept = 10000, kUnansweredKept = 2 * static_cast<int>(outbox_entries_max);
+constexpr int64_t kBytesKept = 32 << 20, kUnansweredBytesKept = 2 * kBytesKept;
+constexpr size_t kBytesBetween = 16u << 20; /* that come before it is looked how many there are */
+
+/* The oldest go now and then, not at every one. */
+int prune_requests(phone_state *state) {
+  sql_statement behind(&state->db,
+                       "DELETE FROM request WHERE row <= (SELECT max(row) FROM request) - ?1"
+                       " AND (acknowledged = 1 OR row <= (SELECT max(row) FROM request) - ?2)");
+  if (behind.bind(kRequestsKept, kUnansweredKept).run() < 0) return -1;
+  if (state->request_bytes < kBytesBetween) return 0;
+  state->request_bytes = 0;
+  sql_statement beyond(&state->db,
+                       "DELETE FROM request WHERE row IN (SELECT row FROM (SELECT row, acknowledged,"
+                       " sum(length(json)) OVER (ORDER BY row DESC) AS held FROM request)"
+                       " WHERE held > iif(acknowledged, ?, ?))");
+  return beyond.bind(kBytesKept, kUnansweredBytesKept).run();
+}
 
 }  // namespace
 
@@ -89,10 +108,9 @@ int phone_state_add_request(phone_state *state, int64_t id, const std::string &p
   if (query.bind(id, peer, json, static_cast<int64_t>(time(nullptr))).run() < 0)
     return state_fail(state, "the request could not be kept");
   if (state->db.changed() > 0) {
-    if (state->db.last_row() % 64 != 0) return 1; /* the oldest go now and then, not at every one */
-    sql_statement prune(&state->db,
-                        "DELETE FROM request WHERE acknowledged = 1 AND row <= (SELECT max(row) FROM request) - ?");
-    return prune.bind(kRequestsKept).run() == 0 ? 1 : state_fail(state, "old requests could not be forgotten");
+    state->request_bytes += json.size();
+    if (state->db.last_row() % 64 != 0 && state->request_bytes < kBytesBetween) return 1;
+    return prune_requests(state) == 0 ? 1 : state_fail(state, "old requests could not be forgotten");
   }
   /* The sender may have it in flight once more: it is known by this sender too from now on. */
   sql_statement again(&state->db,

@@ -9,9 +9,17 @@ namespace {
 using enum reply_state;
 
 constexpr char kCannotWrite[] = "the reply cannot be kept", kCannotRead[] = "the replies cannot be read";
-constexpr int kSentKept = 1000; /* sent replies that the status tells of */
+constexpr int kSentKept = 1000; /* replies that are sent, or refused, that the status tells of */
 /* What may wait at most. A reply beyond it stays on the watch, which sends it again. */
 constexpr int64_t kMostWaiting = 1000, kMostWaitingBytes = 64 << 20;
+
+/* Of what is over only the newest are kept. */
+int prune_replies(phone_state *state) {
+  sql_statement prune(&state->db,
+                      "DELETE FROM outbox WHERE (state = ? OR (state = ? AND told <> '')) AND"
+                      " id <= (SELECT max(id) FROM outbox) - ?");
+  return prune.bind(sent, held, kSentKept).run() == 0 ? 0 : state_fail(state, kCannotWrite);
+}
 
 int64_t now_seconds() {
   return static_cast<int64_t>(time(nullptr));
@@ -100,10 +108,7 @@ int reply_begin(phone_state *state, int64_t id, reply_entry *entry, std::string 
 int reply_set_sent(phone_state *state, int64_t id) {
   sql_statement query(&state->db, "UPDATE outbox SET state = ?, done_time = ?, error = '', message = x'' WHERE id = ?");
   if (query.bind(sent, now_seconds(), id).run() < 0) return state_fail(state, kCannotWrite);
-  sql_statement prune(&state->db,
-                      "DELETE FROM outbox WHERE (state = ? OR (state = ? AND told <> '')) AND"
-                      " id <= (SELECT max(id) FROM outbox) - ?");
-  return prune.bind(sent, held, kSentKept).run() == 0 ? 0 : state_fail(state, kCannotWrite);
+  return prune_replies(state);
 }
 
 int reply_set_failed(phone_state *state, int64_t id, int64_t pause, const std::string &error) {
@@ -125,7 +130,7 @@ int reply_set_told(phone_state *state, int64_t id, const std::string &told, bool
   sql_statement forget(&state->db, "DELETE FROM outbox WHERE id = ? AND state = ?");
   if (ends) return forget.bind(id, dropped).run() == 0 ? 0 : state_fail(state, kCannotWrite);
   sql_statement query(&state->db, "UPDATE outbox SET told = ? WHERE id = ?");
-  return query.bind(told, id).run() == 0 ? 0 : state_fail(state, kCannotWrite);
+  return query.bind(told, id).run() == 0 ? prune_replies(state) : state_fail(state, kCannotWrite);
 }
 
 int reply_retry_all(phone_state *state) {

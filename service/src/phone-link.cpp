@@ -13,6 +13,8 @@
 namespace {
 
 constexpr unsigned refused_max = 64; /* connections; those that end are forgotten */
+/* Texts that the phone is asked for at once, and calls that wait for one: each holds a message. */
+constexpr size_t more_max = 64, more_callers_max = 64;
 /* Microseconds that what comes of a reply is waited for: mostly it is sent in a moment. */
 constexpr uint64_t outcome_comes = 2000000;
 
@@ -229,6 +231,10 @@ void link_send(host *h, int64_t id, const std::string &json, const std::string &
   if (!h->phone.empty()) send_request(h, id, json, uid, -1);
 }
 
+static int full(sd_bus_error *error) {
+  return sd_bus_error_set(error, host_error_full, "too much is asked of the phone already");
+}
+
 int link_ask_more(host *h, sd_bus_message *m, int mail_id, const std::string &message_uid, sd_bus_error *error) {
   std::string body, stored_uid;
   const store_status status = store_get_body(h->st, mail_id, &body, &stored_uid);
@@ -243,12 +249,14 @@ int link_ask_more(host *h, sd_bus_message *m, int mail_id, const std::string &me
   if (r < 0) return r;
   for (more_request &request : h->more)
     if (request.mail_id == mail_id) {
+      if (request.callers.size() == more_callers_max) return full(error);
       r = sd_event_source_set_time(request.timer, now + h->more_timeout_usec);
       if (r < 0) return r;
       request.callers.push_back(sd_bus_message_ref(m));
       return 1;
     }
 
+  if (h->more.size() == more_max) return full(error);
   more_request request = {};
   request.mail_id = mail_id;
   request.have = body_length(body);

@@ -4,20 +4,19 @@
 
 #include "store-priv.h"
 
-/* What may wait for a phone: a watch that saw none for weeks stays far below, and a client gone mad fills no disk. No
-   program takes more than half of it, so that another's requests still find room. */
-constexpr int64_t outbox_bytes_max = 16 << 20, outbox_entries_max = 20000;
 /* Bytes of the names of all mails of a request. */
 constexpr size_t names_max = 64 << 10;
 
+/* A client gone mad fills no disk. No program takes more than half of what may wait, so that another's requests still
+   find room. */
 store_status check_room(store *st, const store_request &asked) {
   sql_statement held(&st->db,
                      "SELECT count(*), ifnull(sum(bytes), 0), count(*) FILTER (WHERE client = ?1),"
                      " ifnull(sum(bytes) FILTER (WHERE client = ?1), 0) FROM outbox");
   if (held.bind(asked.client).step() != sql_row) return fail_sql(st);
-  const auto has_room = [&](int column, int64_t share) {
-    return held.number(column) < outbox_entries_max / share &&
-           held.number(column + 1) + static_cast<int64_t>(asked.json.size()) <= outbox_bytes_max / share;
+  const auto has_room = [&](int column, size_t share) {
+    return static_cast<size_t>(held.number(column)) < outbox_entries_max / share &&
+           static_cast<size_t>(held.number(column + 1)) + asked.json.size() <= outbox_bytes_max / share;
   };
   if (!has_room(0, 1)) return fail(st, store_full, "too much waits for the phone already");
   if (!has_room(2, 2)) return fail(st, store_full, "too much of this program waits for the phone already");

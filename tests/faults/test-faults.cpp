@@ -192,6 +192,34 @@ TEST(Faults, ThePhonesState) {
   EXPECT_GT(faults, 100);
 }
 
+TEST(Bounds, WhatAWatchAsksForWithoutEnd) {
+  fs::remove_all(folder / "brisel-phone");
+  phone_state_holder state = open_state();
+  const auto ask = [&state](int from, int to, const std::string &text) {
+    return phone_state_change(state.get(), [&] {
+      for (int id = from; id < to; id++)
+        if (phone_state_add_request(state.get(), id, ":1.7", text) != 1) return -1;
+      return 0;
+    });
+  };
+  const auto kept = [&state] {
+    std::vector<stored_request> requests;
+    return phone_state_list_requests(state.get(), &requests) == 0 ? requests.size() : 0;
+  };
+  ASSERT_EQ(ask(0, 30000, "{}"), 0);
+  EXPECT_EQ(kept(), 30000) << "none of them was acknowledged";
+  ASSERT_EQ(ask(30000, 45000, "{}"), 0);
+  EXPECT_TRUE(kept() >= 40000 && kept() < 40064) << kept();
+  ASSERT_EQ(ask(0, 100, std::string(1 << 20, 'x')), 0);
+  EXPECT_TRUE(kept() >= 63 && kept() < 80) << kept();
+  for (int n = 1; n <= 1010; n++) /* replies to nobody */
+    ASSERT_TRUE(reply_add(state.get(), 1, {std::to_string(n), "", "", "", "refused"}) == 0 &&
+                reply_set_told(state.get(), n, "refused", false) == 0);
+  std::vector<reply_entry> replies;
+  EXPECT_EQ(reply_list(state.get(), &replies), 0);
+  EXPECT_EQ(replies.size(), 1000u);
+}
+
 TEST(Faults, RequestsThatWaitForAService) {
   const auto keep = [](const char *uid, size_t size) {
     const kept_request one = {

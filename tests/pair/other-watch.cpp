@@ -1,10 +1,12 @@
 /* A watch with software of another age at the end of a stream, as far as a phone sees of it.
    usage: other-watch AGE LOG; each call is written into the log.
    AGE: first (nothing but what the first version had), least (its version is below what a phone works with), refuses
-   (the phone's is), newest (says more than a phone knows) */
+   (the phone's is), newest (says more than a phone knows), floods (asks for more at once than a watch can have
+   waiting, each until it is acknowledged, and calls the phone) */
 #include <systemd/sd-bus.h>
 
 #include <cstdio>
+#include <set>
 #include <string>
 
 namespace {
@@ -13,15 +15,31 @@ struct other_watch {
   std::string age;
   FILE *log;
   int mails = 0;
+  std::set<int64_t> waiting;
 };
+
+int flood(const other_watch &w, sd_bus *bus) {
+  constexpr size_t bytes = 1 << 20;
+  const std::string request = R"({"request":"unheard-of","pad":")" + std::string(bytes, 'x') + "\"}";
+  const auto answered = [](sd_bus_message *m, void *log, sd_bus_error *) {
+    return sd_bus_message_is_method_error(m, nullptr) ? 0 : fprintf(static_cast<FILE *>(log), "answered\n");
+  };
+  int r =
+      sd_bus_call_method_async(bus, nullptr, nullptr, "/", "org.freedesktop.DBus.Peer", "Ping", answered, w.log, "");
+  for (const int64_t id : w.waiting)
+    if (r >= 0)
+      r = sd_bus_emit_signal(bus, "/com/vextora/brisel/Host", "com.vextora.brisel.Phone1", "Request", "xsa{sv}", id,
+                             request.c_str(), 0);
+  return r;
+}
 
 int introduce(const other_watch &w, sd_bus_message *m) {
   const sd_bus_error unknown = {SD_BUS_ERROR_UNKNOWN_METHOD, "there is no such method", 0},
                      version = {"com.vextora.brisel.Error.Version", "update it on the phone", 0};
   if (w.age == "first") return sd_bus_reply_method_error(m, &unknown);
   if (w.age == "refuses") return sd_bus_reply_method_error(m, &version);
-  return sd_bus_reply_method_return(m, "ussas", w.age == "newest" ? 9u : 0u, "0123456789abcdef0123456789abcdef",
-                                    "Other", 2, "zlib", "thoughts");
+  return sd_bus_reply_method_return(m, "ussas", w.age == "least" ? 0u : 9u, "0123456789abcdef0123456789abcdef", "Other",
+                                    2, "zlib", "thoughts");
 }
 
 int call_cb(sd_bus_message *m, void *data, sd_bus_error *) {
@@ -33,6 +51,13 @@ int call_cb(sd_bus_message *m, void *data, sd_bus_error *) {
   if (method == "Introduce") return introduce(*w, m);
   if (method == "AddAccount") return sd_bus_reply_method_return(m, "i", 1);
   if (method.starts_with("List")) return sd_bus_reply_method_return(m, "aa{sv}", 0);
+  if (method == "Connect" && w->age == "floods") {
+    const int r = sd_bus_reply_method_return(m, "");
+    return r < 0 ? r : flood(*w, sd_bus_message_get_bus(m));
+  }
+  int64_t id = 0;
+  if (method == "Ack" && sd_bus_message_read(m, "x", &id) > 0 && w->waiting.erase(id) && w->waiting.empty())
+    fprintf(w->log, "all\n");
   if (method != "AddMails") return sd_bus_reply_method_return(m, "");
   sd_bus_message_enter_container(m, 'a', "a{sv}");
   sd_bus_message_enter_container(m, 'a', "{sv}");
@@ -51,6 +76,7 @@ int call_cb(sd_bus_message *m, void *data, sd_bus_error *) {
 int main(int argc, char **argv) {
   if (argc != 3) return 2;
   other_watch w = {argv[1], fopen(argv[2], "a")};
+  for (int64_t id = 1; w.age == "floods" && id <= 40; id++) w.waiting.insert(id);
   sd_bus *bus = nullptr;
   sd_id128_t id;
   sd_id128_randomize(&id);

@@ -170,6 +170,19 @@ def test_sides_of_another_age(s):
         assert calls or "Connect" not in log.read_text(), log.read_text()
 
 
+def test_a_watch_that_floods(s):
+    """What does not fit is left there and comes later, and each once; the phone neither asks in a row nor answers."""
+    log, box = s.dir / "calls", Maildir(s.dir / "box")
+    box.deliver(message("one@x"))
+    relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--watch", f"exec:exec {BUILD}/tests/pair/other-watch floods {log}")
+    s.wait(lambda: log.exists() and "all" in log.read_text().split(), "all that it asks for")
+    s.wait(lambda: "AddMails" in log.read_text(), "the mail")
+    equal(relay.kill(15), 0, "exit code")
+    calls = log.read_text().splitlines()
+    assert 2 <= calls.count("Connect") <= 5 and "answered" not in calls, calls
+    equal(relay.log().count("what does not fit"), 1, "words of it")
+
+
 def test_the_network_tells(s):
     """No other reason to look at the link, or for it, comes while the test lasts: a change of the network has to."""
     if os.getuid():

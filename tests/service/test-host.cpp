@@ -362,6 +362,11 @@ TEST_F(Host, MoreOfABodyFailsWhenItCannotCome) {
 
     EXPECT_EQ(0, ask_more(mail, &left));
     ASSERT_TRUE(phone.has(4));
+    for (int n = 1; n < 64; n++) /* whoever asks without end: no more is held than so many */
+      sd_bus_call_method_async(other.bus, nullptr, host_name, host_path, watch_interface, "MoreMsg", nullptr, nullptr,
+                               "ssi", "again", "uid-0", mail);
+    EXPECT_EQ("com.vextora.brisel.Error.Full",
+              other.call(watch_interface, "MoreMsg", nullptr, "ssi", "again", "uid-0", mail));
   }
   ASSERT_TRUE(run_until([&] { return left.count; })); /* at once, long before the time is up */
   EXPECT_EQ(BRISEL_COMMON_ERROR_NO_PHONE, left.error);
