@@ -90,7 +90,7 @@ bool relay_is_ours(phone_state *state, const relay_settings &settings, const nlo
   const std::string kind = request.value("request", std::string());
   if (kind == "reply") return is_known(state, settings, request.value("host_tag", std::string()));
   const auto tags = request.find("host_tag_list");
-  if (kind != "delete_notis" || tags == request.end() || tags->empty()) return true;
+  if ((kind != "delete_notis" && kind != "update_ind") || tags == request.end() || tags->empty()) return true;
   return std::any_of(tags->begin(), tags->end(),
                      [&](const auto &tag) { return is_known(state, settings, tag.template get<std::string>()); });
 }

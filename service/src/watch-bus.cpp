@@ -171,17 +171,21 @@ int list_in_view(sd_bus_message *m, void *data, sd_bus_error *error) {
   return answer(m, r);
 }
 
+/* A phone that never heard which numbers its mails got here knows them by these, and another phone that they are not
+   its own. */
+void add_names(host *h, const std::vector<int> &ids, json_record *json) {
+  std::vector<std::string> tags, uids;
+  if (store_mail_names(h->st, ids, &tags, &uids) != store_ok || uids.empty()) return;
+  (*json)["host_tag_list"] = tags;
+  (*json)["message_uid_list"] = uids;
+}
+
 }  // namespace
 
 int host_delete(host *h, const std::string &uid, const std::string &client, const std::vector<int> &ids,
                 sd_bus_error *error) {
   json_record json = {{"request", "delete_notis"}, {"id_list", ids}};
-  /* A phone that never heard which numbers its mails got here knows them by these. */
-  std::vector<std::string> tags, uids;
-  if (store_mail_names(h->st, ids, &tags, &uids) == store_ok && !uids.empty()) {
-    json["host_tag_list"] = tags;
-    json["message_uid_list"] = uids;
-  }
+  add_names(h, ids, &json);
   int64_t entry = 0;
   const store_status status = store_request_delete(h->st, {uid, to_text(json), client}, ids, &entry);
   return taken(h, status, entry, json, error);
@@ -189,7 +193,8 @@ int host_delete(host *h, const std::string &uid, const std::string &client, cons
 
 int host_mark_read(host *h, const std::string &uid, const std::string &client, const std::vector<int> &ids,
                    int host_state, sd_bus_error *error) {
-  const json_record json = {{"request", "update_ind"}, {"id_list", ids}, {"host_state", host_state}};
+  json_record json = {{"request", "update_ind"}, {"id_list", ids}, {"host_state", host_state}};
+  add_names(h, ids, &json);
   int64_t entry = 0;
   const store_status status = store_request_read(h->st, {uid, to_text(json), client}, ids, &entry);
   return taken(h, status, entry, json, error);

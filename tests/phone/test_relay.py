@@ -210,8 +210,7 @@ def test_replies(s):
 
 def test_another_phone_leaves_alone_what_is_not_its_own(s):
     box, mta, relay = follow(s)
-    for uid in ("ask@x", "gone@x"):
-        box.deliver(message(uid))
+    ask = [box.deliver(message(uid), flags="") for uid in ("gone@x", "ask@x")][1]
     s.wait(lambda: len(uids(s)) == 2, "two mails")
     relay.kill()
     mails, mine = by_uid(s), s.env["XDG_STATE_HOME"]
@@ -221,13 +220,14 @@ def test_another_phone_leaves_alone_what_is_not_its_own(s):
     other = Relay(s, "--maildir", f"Other <other@example.org>={others.path}", "--sendmail", mta.command)
     s.wait(lambda: "other@x" in uids(s), "the other phone's mail")
     reply_on_watch(s, mails["ask@x"], "for the first phone")
+    read_on_watch(s, mails["ask@x"]["mail_id"])
     delete_on_watch(s, mails["gone@x"]["mail_id"])
     reply_on_watch(s, by_uid(s)["other@x"], "for the other one")
     s.wait(lambda: len(mta.sent()) == 1, "the other phone's reply")
     other.kill()
     s.env["XDG_STATE_HOME"] = mine
     relay.start()
-    s.wait(lambda: len(mta.sent()) == 2, "the first phone's reply")
+    s.wait(lambda: len(mta.sent()) == 2 and "S" in box.flags(ask), "the first phone's reply and mark")
     box.deliver(message("after@x"))
     s.wait(lambda: "after@x" in uids(s), "a mail after it")
     equal(uids(s), {"ask@x", "other@x", "after@x"}, "what was deleted does not come back")

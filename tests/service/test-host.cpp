@@ -15,8 +15,18 @@ namespace {
 /* --- requests --- */
 
 /* Of a mail that is there: with what the phone calls it. */
+json heard_of(const char *request, int id) {
+  return {{"request", request}, {"id_list", {id}}, {"host_tag_list", {""}}, {"message_uid_list", {"uid-0"}}};
+}
+
 json deletion_heard(int id) {
-  return {{"request", "delete_notis"}, {"id_list", {id}}, {"host_tag_list", {""}}, {"message_uid_list", {"uid-0"}}};
+  return heard_of("delete_notis", id);
+}
+
+json mark_heard(int id, int host_state) {
+  json heard = heard_of("update_ind", id);
+  heard["host_state"] = host_state;
+  return heard;
 }
 
 TEST_F(Host, RequestsReachThePhoneWholeAndInOrder) {
@@ -37,7 +47,7 @@ TEST_F(Host, RequestsReachThePhoneWholeAndInOrder) {
   EXPECT_EQ("7\n", query("SELECT count(*) FROM outbox"));
   const json expected[] = {
       {{"request", "clear_all_new_flag"}, {"id_list", {0}}},
-      {{"request", "update_ind"}, {"id_list", {a}}, {"host_state", -3}},
+      mark_heard(a, -3),
       reply_heard(b, "line \"one\"\nsmile 🙂 broken \uFFFD end"),
       deletion_heard(b),
       json::object({{"request", "no_account"}}),
