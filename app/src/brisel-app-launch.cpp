@@ -319,12 +319,27 @@ static void _bt_connect_error_popup_result_cb(service_h request, service_h reply
   went_on_with_link = false;
 }
 
+/* The service does not start on such a store either: no link comes that could be waited for. */
+static Eina_Bool _store_timer_cb(void *data) {
+  connecting_timer = nullptr;
+  _check_progress_popup_is_needed();
+  if (store_is_unreadable) brisel_tell_store_unreadable((appdata *)data);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+static void _wait_for_link(appdata *ad) {
+  waits_for_link = true;
+  _show_first_minute(ad);
+  _check_progress_popup_is_needed();
+  _stop_connecting_timer();
+  if (store_is_unreadable) connecting_timer = ecore_timer_add(store_patience, _store_timer_cb, ad);
+}
+
 static void _reset(appdata *ad, const char *mail_text) {
   journal_is_asked = mail_text && !strcmp(mail_text, BRISEL_EVENT_ID_JOURNAL);
   if (!brisel_util_bluetooth_connection_popup(ad, _bt_connect_error_popup_result_cb, "refresh")) {
-    waits_for_link = !launched;
     went_on_with_link = false;
-    if (!launched) _show_first_minute(ad);
+    if (!launched) _wait_for_link(ad);
     /* Nobody would answer for a popup that has not come. */
     if (!ad->link_popup_came) _go_on(ad, true);
     return;

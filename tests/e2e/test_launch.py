@@ -170,6 +170,17 @@ def test_without_a_link_popup_the_launch_goes_on(s):
     s.wait_text(SENDER)
 
 
+def test_a_store_that_cannot_be_read_is_told_without_a_link(s):
+    store = s.dir / "data" / "brisel" / "store.db"  # nor does the service start on it
+    store.parent.mkdir(parents=True, exist_ok=True)
+    store.write_text("no database" * 1000)
+    s.launch()
+    s.wait_text(s.text("IDS_EMAIL_POP_THE_EMAILS_ON_THE_ZOLT_CANNOT_BE_READ"))
+    store.unlink()
+    s.tap(s.text("IDS_EMAIL_SK_TRY_AGAIN"))
+    s.wait_text(s.text("IDS_EMAIL_POP_CONNECTING_ING"))
+
+
 def test_a_second_account_after_the_set_up_is_seen(s):
     s.serve()
     s.phone("account", "count", "known")
