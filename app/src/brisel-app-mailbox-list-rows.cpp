@@ -76,12 +76,15 @@ static int _time_letters(time_t received, const appdata *ad) {
   return now.tm_yday == then.tm_yday ? clock : clock + 6;
 }
 
+/* At scale 1. */
+static double _row_width(const appdata *ad) {
+  return ad->root_w * (brisel_stage_style() ? 0.75 : 1.0) / elm_config_scale_get();
+}
+
 /* Beside the time while there is room for a few words; below it otherwise, for the date comes first and whole. */
 static bool _subject_is_below(const appdata *ad, const item_data *item) {
   if (!item->subject || !subjects_shown || ad->root_w < 1) return false;
-  const bool is_round = brisel_stage_get(ad->win_main) != ad->win_main;
-  const double width = ad->root_w * (is_round ? 0.75 : 1.0) / elm_config_scale_get();
-  return width - texts_beside - time_letter * _time_letters(item->received_time, ad) < least_subject;
+  return _row_width(ad) - texts_beside - time_letter * _time_letters(item->received_time, ad) < least_subject;
 }
 
 Elm_Genlist_Item_Class *_class_of_row(const appdata *ad, const item_data *item) {
@@ -97,6 +100,7 @@ static void _update_texts(Evas_Object *gl) {
 }
 
 void brisel_fit_mailbox_rows(appdata *ad) {
+  brisel_util_set_row_width(_row_width(ad));
   if (!ad->mailbox_genlist) return;
   bool is_other = false;
   for (GList *cell = ad->mail_list; cell; cell = cell->next) {

@@ -24,7 +24,10 @@ constexpr size_t text_bytes = 256;  /* a formatted text in UTF-8, with its NUL *
 constexpr size_t locale_bytes = 32; /* a locale id, with its NUL */
 constexpr size_t number_bytes = 64; /* a formatted number: 20 units of any script are at most 60 bytes */
 constexpr int number_units = 20;
-constexpr int long_time_units = 12; /* a time of day that is longer takes its short form: a row has no more room */
+/* A time of day that is longer takes its short form. Rows of that width, in pixels at scale 1, have room for every one
+   that is not spelled out ("10:42" and a word). */
+constexpr int narrow_time_units = 12, wide_time_units = 24, wide_row = 300;
+static int time_units = wide_time_units;
 
 static UDateTimePatternGenerator *pattern_generator;
 
@@ -259,7 +262,7 @@ static bool _is_long_time(UDateFormat *format) {
   for (const double hour : {10.0, 22.0}) {
     UChar units[pattern_units];
     UErrorCode status = U_ZERO_ERROR;
-    if (udat_format(format, (hour * 60.0 + 42.0) * 60000.0, units, pattern_units, nullptr, &status) > long_time_units)
+    if (udat_format(format, (hour * 60.0 + 42.0) * 60000.0, units, pattern_units, nullptr, &status) > time_units)
       return true;
   }
   return false;
@@ -307,6 +310,13 @@ static char *_format_date(const char *source, bool is_skeleton, const char *loca
       _utf8_from_units(text, sizeof(text), units, length < pattern_units ? length : pattern_units);
   }
   return strdup(text);
+}
+
+void brisel_util_set_row_width(double width) {
+  const int units = width < wide_row ? narrow_time_units : wide_time_units;
+  if (units == time_units) return;
+  time_units = units;
+  for (kept_date_pattern &kept : kept_date_patterns) kept = {};
 }
 
 char *brisel_util_get_date_time_str_by_skeleton(const char *skeleton, const char *locale, time_t *t) {
@@ -363,9 +373,9 @@ bool brisel_util_locale_has_12_hours(const char *locale) {
   return u_memchr(pattern, 'h', length) || u_memchr(pattern, 'K', length);
 }
 
-bool brisel_util_has_locale(void) {
+bool brisel_util_follows_environment(void) {
   scoped_text region(vconf_get_str(BRISEL_KEY_REGION));
-  return region || _environment_locale();
+  return !region && _environment_locale();
 }
 
 char *brisel_util_join_date_time(const char *date, const char *time, const char *locale) {

@@ -62,6 +62,10 @@ TEST_F(formats, OldMailsShowDateAndTime) {
     for (size_t nbsp; (nbsp = shown.find("\u00A0")) != std::string::npos;) shown.replace(nbsp, 2, " ");
     EXPECT_EQ(shown, c[3]) << c[0];
   }
+  region("ta_IN");
+  brisel_util_set_row_width(200);
+  EXPECT_EQ(taken(brisel_util_get_date_time_str_by_skeleton("hhmm", ad.locale, nullptr)), "12:00 மு.ப");
+  brisel_util_set_row_width(320);
 }
 
 TEST_F(formats, NearerMailsShowLess) {
@@ -168,12 +172,12 @@ TEST_F(formats, ThisYearIsTheCalendarsOwn) {
   }
 }
 
-/* Where no setting speaks, the locale does: the region's, else the environment's. */
-TEST_F(formats, UnsetSettingsFollowTheLocale) {
+/* Where the device says nothing at all, the environment's locale does. */
+TEST_F(formats, UnsetSettingsFollowTheEnvironment) {
   for (const case_row &c : cases("unset settings: region, LC_ALL, order of the date, twelve hours", 4)) {
     c.text(1) ? setenv("LC_ALL", c.text(1), 1) : unsetenv("LC_ALL");
     region(c.text(0));
-    const bool has = brisel_util_has_locale();
+    const bool has = brisel_util_follows_environment();
     EXPECT_EQ(has ? brisel_util_locale_date_order(ad.locale) : 0, c.number(2)) << ad.locale;
     EXPECT_EQ(has && brisel_util_locale_has_12_hours(ad.locale), c.number(3)) << ad.locale;
   }
