@@ -267,14 +267,21 @@ mailimap_section_part *part_of(const std::string &number) {
   return mailimap_section_part_new(ids);
 }
 
-/* The headers that are read here: the others are most of a header's bytes. */
-mailimap_section *headers_wanted() {
+/* The headers that are read here: the others are most of a header's bytes. part: empty, or of the mail that is it. */
+mailimap_section *headers_wanted(const std::string &part = "") {
   clist *names = clist_new();
   for (const char *name :
        {"From", "Sender", "Reply-To", "To", "Cc", "Date", "Subject", "Message-ID", "In-Reply-To", "References",
         "Status", "MIME-Version", "Content-Type", "Content-Transfer-Encoding", "Content-Disposition", "Content-ID"})
     clist_append(names, strdup(name));
-  return mailimap_section_new_header_fields(mailimap_header_list_new(names));
+  mailimap_header_list *list = mailimap_header_list_new(names);
+  return part.empty() ? mailimap_section_new_header_fields(list)
+                      : mailimap_section_new_part_header_fields(part_of(part), list);
+}
+
+mailimap_section *section_of(const std::string &part, bool header) {
+  if (header) return headers_wanted(part);
+  return part.empty() ? mailimap_section_new_text() : mailimap_section_new_part(part_of(part));
 }
 
 /* When it arrived, as the header that tells so: of those on its way none was fetched. */
@@ -327,17 +334,16 @@ void for_each_answer(const clist *list, coming_mails *mails, taker take) {
 
 /* The texts, those of one place in several messages at once. */
 int fetch_texts(mailimap *session, coming_mails *mails, int *code, std::string *error) {
-  std::map<std::pair<std::string, uint32_t>, std::vector<uint32_t>> places;
+  std::map<std::tuple<std::string, bool, uint32_t>, std::vector<uint32_t>> places;
   for (auto &[uid, mail] : *mails)
-    for (const skeleton_text &text : mail.texts) places[{text.part, text.bytes}].push_back(uid);
+    for (const skeleton_text &text : mail.texts) places[{text.part, text.header, text.bytes}].push_back(uid);
   for (auto &[place, uids] : places) {
-    const auto &[part, bytes] = place;
+    const auto &[part, header, bytes] = place;
     const size_t at_once = std::max<size_t>(1, skeleton_whole_bytes / bytes);
     for (size_t from = 0; from < uids.size(); from += at_once) {
       auto begin = uids.begin() + static_cast<ptrdiff_t>(from);
-      mailimap_section *section = part.empty() ? mailimap_section_new_text() : mailimap_section_new_part(part_of(part));
-      type_holder type =
-          wanted({mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_body_peek_section_partial(section, 0, bytes)});
+      type_holder type = wanted({mailimap_fetch_att_new_uid(),
+                                 mailimap_fetch_att_new_body_peek_section_partial(section_of(part, header), 0, bytes)});
       list_holder list =
           fetch_all(session, {begin, begin + static_cast<ptrdiff_t>(std::min(at_once, uids.size() - from))}, type.get(),
                     code, error);
@@ -345,7 +351,7 @@ int fetch_texts(mailimap *session, coming_mails *mails, int *code, std::string *
       for_each_answer(list.get(), mails,
                       [&place = place](coming *mail, const auto &, const auto *, const std::string &content) {
                         for (skeleton_text &text : mail->texts)
-                          if (text.part == place.first && text.bytes == place.second && !content.empty())
+                          if (std::tie(text.part, text.header, text.bytes) == place && !content.empty())
                             text.content = content;
                       });
     }

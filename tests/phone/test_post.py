@@ -1,4 +1,5 @@
 """Accounts on real servers: set up, followed, answered."""
+import base64
 import contextlib
 import imaplib
 import os
@@ -11,7 +12,7 @@ import subprocess
 import threading
 import time
 
-from phone_test import (Relay, body_text, by_uid, delete_on_watch, equal, host_pid, main, message, more_on_watch,
+from phone_test import (Maildir, Relay, body_text, by_uid, delete_on_watch, equal, host_pid, main, message, more_on_watch,
                         read_on_watch, reply_on_watch, status)
 from brisel_servers import PASSWORD, USER, Authority, Dovecot, Exim
 from post_servers import Hostile, Imap4d
@@ -128,6 +129,49 @@ def test_only_what_a_watch_needs_is_fetched(s):
         equal((mail["body"].split("<")[0], mail["attachment_count"], mail["has_image"]), ("Grüße", 2, 1), "facts")
         mirrored = [p.stat().st_size for p in s.dir.rglob("cur/imap-*")]
         assert len(mirrored) == 1 and mirrored[0] < 3000, mirrored
+
+
+def test_a_mail_that_forwards_another(s):
+    """Reads as it does in a folder of this machine, whoever forwards it and however."""
+    inner = ("From: a@b.c\nSubject: =?utf-8?q?Gr=C3=BC=C3=9Fe?=\nMIME-Version: 1.0\nContent-Type: text/plain; charset=utf-8\n"
+             "Content-Transfer-Encoding: quoted-printable\n\nSch=C3=B6n hier. " + "x " * 9000 + "\n")
+    several = ("Subject: several\nMIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=i\n\n--i\nContent-Type: text/html\n\n"
+               "<p>Read <b>me</b></p>\n--i\nContent-Type: application/pdf\n\n" + "QUJD" * 50000 + "\n--i--\n")
+
+    def mixed(*parts):
+        return "multipart/mixed; boundary=m\n\n" + "".join(f"--m\n{part}\n" for part in parts) + "--m--\n"
+
+    def mail(text):
+        return "Content-Type: message/rfc822\n\n" + text
+
+    cases = {"alone": mail(inner)[14:], "several": mixed(mail(several)), "two": mixed(mail(inner), mail(several)),
+             "blank": mixed("Content-Type: text/plain\n\n \n", mail(several)),
+             "in another": mail("Subject: between\nMIME-Version: 1.0\n" + mail(several))[14:],
+             "twice": mixed(mail("Subject: between\nMIME-Version: 1.0\n" + mail(inner))),
+             "no text": mixed(mail("Subject: only this\nMIME-Version: 1.0\nContent-Type: image/png\n\nx\n")),
+             "encoded": mixed("Content-Type: message/rfc822\nContent-Transfer-Encoding: base64\n\n" +
+                              base64.encodebytes(inner.encode()).decode()),
+             "said": mixed("Content-Type: text/plain\n\nSee what she wrote.\n", mail(inner))}
+    box = Maildir(s.dir / "box")
+    with servers(s) as (authority, dovecot, exim):
+        other = Client(dovecot, authority.ca)
+        for name, content in cases.items():
+            text = f"From: me@b.c\nSubject: {name}\nMessage-ID: <{name}@x>\nMIME-Version: 1.0\nContent-Type: {content.strip()}\n"
+            other.add(text)
+            box.deliver(text)
+        equal(setup(s, authority, f"imap://localhost:{dovecot.starttls}", f"smtp://localhost:{exim.starttls}").returncode, 0)
+        Relay(s, "--config", s.dir / "relay.conf", "--maildir", f"folder@x={box.path}")
+        s.wait(lambda: len(s.mails()) == 2 * len(cases), "the mails")
+        shown = {name: [(m["body"], m["attachment_count"], m["has_image"]) for m in s.mails() if m["subject"] == name] for name in cases}
+        for name, both in shown.items():
+            equal(both[0], both[1], name)
+        assert shown["alone"][0][0].startswith("Schön hier") and shown["several"][0][0].startswith("several\n\nRead me<"), shown
+        assert max(p.stat().st_size for p in s.dir.rglob("cur/imap-*")) < 40000, "what a watch does not need was fetched"
+        for _ in range(3):
+            for one in filter(lambda m: m["subject"] == "alone", s.mails()):
+                more_on_watch(s, one)
+        texts = {m["body"] for m in s.mails() if m["subject"] == "alone"}
+        assert len(texts) == 1 and len(*texts) > 18000, texts
 
 
 def test_read_on_and_deleted_at_servers_of_all_kinds(s):
