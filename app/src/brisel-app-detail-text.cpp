@@ -111,8 +111,9 @@ static std::string __brisel_detail_tight(const std::string &text) {
 void __brisel_detail_set_subject(page_data *page) {
   const char *subject = page->mail_data->subject;
   const bool has_subject = subject && *subject;
-  std::string shown =
+  const std::string whole =
       has_subject ? __brisel_detail_bounded_subject(subject) : brisel_util_get_text("IDS_EMAIL_BODY_HNO_SUBJECT_ABB");
+  std::string shown = whole;
   bool is_small = false;
   if (!has_subject || !page->is_subject_whole) {
     const std::string fitted = __brisel_detail_fit_subject(page, shown);
@@ -120,12 +121,16 @@ void __brisel_detail_set_subject(page_data *page) {
     is_small = !has_subject && fitted != shown;
     if (has_subject) shown = fitted;
   }
+  const bool is_cut = shown != whole;
   shown = __brisel_detail_tight(shown);
   if (is_small || page->is_tight) shown = "<label>" + shown + "</label>";
-  const char *sender = brisel_view_sender(page->mail_data);
-  if (page->is_sender_whole && sender)
-    shown = "<sender>" + __brisel_detail_tight(__brisel_detail_bounded_subject(sender)) + "</sender><br>" + shown;
+  const char *sender = page->is_sender_whole ? brisel_view_sender(page->mail_data) : nullptr;
+  const std::string above = sender ? __brisel_detail_bounded_subject(sender) : "";
+  if (sender) shown = "<sender>" + __brisel_detail_tight(above) + "</sender><br>" + shown;
   elm_object_part_text_set(page->detail_layout, part_title, shown.c_str());
+  Evas_Object *part = (Evas_Object *)edje_object_part_object_get(elm_layout_edje_get(page->detail_layout), part_title);
+  const std::string name = (sender ? above + "\n" : "") + whole;
+  if (part) evas_object_name_set(part, is_cut ? name.c_str() : nullptr); /* for who inspects what was cut */
 }
 
 /* --- the sender --- */

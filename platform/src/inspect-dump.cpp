@@ -412,8 +412,10 @@ void visit_text(walk *w, Evas_Object *obj) {
            size * evas_object_scale_get(obj), text_cut(obj));
 }
 
+/* Who shortens a text by itself leaves the whole of it as the object's name. */
 void visit_block(walk *w, Evas_Object *obj) {
-  const std::string text = plain_text(obj);
+  const char *shortened = evas_object_name_get(obj);
+  const std::string text = shortened ? shortened : plain_text(obj);
   if (text.empty()) return;
   const rect whole = block_area(obj);
   const auto visible = seen(obj, intersect(whole, geometry(obj)), w->window);
@@ -423,7 +425,8 @@ void visit_block(walk *w, Evas_Object *obj) {
   const color by = visible->second;
   c = {c.r * by.r / 255, c.g * by.g / 255, c.b * by.b / 255, c.a * by.a / 255};
   if (c.a == 0) return;
-  add_text(w, obj, text, whole, visible->first, c, style.font, style.size * evas_object_scale_get(obj), block_cut(obj));
+  add_text(w, obj, text, whole, visible->first, c, style.font, style.size * evas_object_scale_get(obj),
+           shortened || block_cut(obj));
 }
 
 void visit_cover(walk *w, Evas_Object *obj, const char *type) {

@@ -71,6 +71,9 @@ def test_each_request_carries_one_mail_and_marks_it(s):
     s.wait(lambda: {m["mail_id"]: bool(m["is_read"]) for m in s.mails()} == {ids[0]: True, ids[1]: False}, "read in the store")
     s.wait(lambda: s.requests("clear_all_new_flag"), "new flags cleared")
     equal(s.requests("clear_all_new_flag")[0]["id_list"], [0], "the single 0")
+    subject = " ".join(["long"] * 60)
+    s.phone("mail", "update", ids[0], "--subject", subject)
+    assert s.wait_text(subject, part=False)["cut"], "what is told is whole, and that it is cut"
     s.watch("key", "back")
     s.wait_gone("N", part=False)
 
