@@ -294,6 +294,37 @@ static void _realized_cb(void *data, Evas_Object *obj, void *event_info) {
   brisel_view_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
 
+static int _id_of(Elm_Object_Item *row) {
+  return ((const brisel_request_data *)elm_object_item_data_get(row))->request_id;
+}
+
+/* Rows that stay keep their places: the list does not move below whoever reads it. */
+static void _fill_list(journal_view_data *vd, GSList *list) {
+  static constexpr Elm_Genlist_Item_Class row_class =
+      brisel_view_row_class("2text.picture", _gl_text_get, _gl_content_get);
+  Elm_Object_Item *row = elm_genlist_first_item_get(vd->genlist);
+  for (Elm_Object_Item *next = nullptr; row; row = next) {
+    next = elm_genlist_item_next_get(row);
+    if (!_find_in(list, _id_of(row))) brisel_view_delete_row(row);
+  }
+  row = elm_genlist_first_item_get(vd->genlist);
+  for (GSList *cell = list; cell; cell = cell->next) {
+    const brisel_request_data *request = (brisel_request_data *)cell->data;
+    Elm_Object_Item *its_row = row;
+    while (its_row && _id_of(its_row) != request->request_id) its_row = elm_genlist_item_next_get(its_row);
+    if (its_row && its_row == row) {
+      elm_object_item_data_set(row, cell->data);
+      elm_genlist_item_fields_update(row, nullptr, ELM_GENLIST_ITEM_FIELD_TEXT);
+      row = elm_genlist_item_next_get(row);
+    } else {
+      if (its_row) elm_object_item_del(its_row); /* it comes to stand further up */
+      its_row = brisel_view_add_row(vd->genlist, row, &row_class, cell->data, _gl_sel_cb, vd);
+    }
+    elm_object_item_signal_emit(its_row, cell->next ? "elm,state,bottomline,show" : "elm,state,bottomline,hide", "");
+    _name_row(its_row, request, vd->ad);
+  }
+}
+
 static void _show_requests(journal_view_data *vd) {
   GSList *list = nullptr;
   const int ret = brisel_db_get_all_request_data(&list);
@@ -301,28 +332,13 @@ static void _show_requests(journal_view_data *vd) {
     BRISEL_ERROR("brisel_db_get_all_request_data() failed! err:[%d]", ret);
     return; /* what is shown stays */
   }
-  static constexpr Elm_Genlist_Item_Class row_class =
-      brisel_view_row_class("2text.picture", _gl_text_get, _gl_content_get);
-  /* The row at the top stays there, whatever comes or goes above it. */
-  int x = 0, y = 0, width = 0;
-  evas_object_geometry_get(vd->genlist, &x, &y, &width, nullptr);
-  Elm_Object_Item *top = elm_genlist_at_xy_item_get(vd->genlist, x + width / 2, y + 1, nullptr);
-  const brisel_request_data *first = top ? (brisel_request_data *)elm_object_item_data_get(top) : nullptr;
-  const int first_id = first && top != elm_genlist_first_item_get(vd->genlist) ? first->request_id : 0;
-  int focused = brisel_view_focused_place(vd->genlist);
-  Elm_Object_Item *focused_row = elm_object_focused_item_get(vd->genlist);
-  const int focused_id = focused_row ? ((brisel_request_data *)elm_object_item_data_get(focused_row))->request_id : 0;
-  elm_genlist_clear(vd->genlist);
+  Elm_Object_Item *focused = elm_object_focused_item_get(vd->genlist);
+  const int focused_id = focused ? _id_of(focused) : 0, focused_place = brisel_view_focused_place(vd->genlist);
+  _fill_list(vd, list);
   brisel_request_data_list_free(vd->requests);
   vd->requests = list;
-  for (GSList *cell = list; cell; cell = cell->next) {
-    Elm_Object_Item *item = brisel_view_add_row(vd->genlist, nullptr, &row_class, cell->data, _gl_sel_cb, vd);
-    const brisel_request_data *request = (brisel_request_data *)cell->data;
-    _name_row(item, request, vd->ad);
-    if (request->request_id == first_id) elm_genlist_item_show(item, ELM_GENLIST_ITEM_SCROLLTO_TOP);
-    if (request->request_id == focused_id) focused = (int)elm_genlist_items_count(vd->genlist) - 1;
-  }
-  brisel_view_refocus_row(vd->genlist, focused);
+  const int place_now = g_slist_index(list, _find(vd, focused_id));
+  brisel_view_refocus_row(vd->genlist, place_now < 0 ? focused_place : place_now);
   Evas_Object *content = list ? vd->genlist : vd->nocontent_layout;
   Evas_Object *shown = elm_object_part_content_get(vd->layout, "elm.swallow.content");
   if (shown != content) {

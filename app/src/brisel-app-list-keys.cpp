@@ -198,7 +198,11 @@ static void _rows_stand_cb(void *data, Evas_Object *obj, void *event_info) {
 void brisel_view_refocus_row(Evas_Object *list, int place) {
   const int last = (int)elm_genlist_items_count(list) - 1;
   if (place < 0 || last < 0 || !elm_object_focus_get(list)) return;
-  elm_object_item_focus_set(elm_genlist_nth_item_get(list, (unsigned)std::min(place, last)), EINA_TRUE);
+  /* One that does not show would only scroll away from what a finger has brought here. */
+  if (!elm_win_focus_highlight_enabled_get(elm_object_top_widget_get(list))) return;
+  Elm_Object_Item *row = elm_genlist_nth_item_get(list, (unsigned)std::min(place, last));
+  elm_object_item_focus_set(row, EINA_TRUE);
+  elm_genlist_item_show(row, ELM_GENLIST_ITEM_SCROLLTO_IN); /* other rows may have pushed it out of sight */
   evas_object_smart_callback_add(list, "realized", _rows_stand_cb, nullptr);
 }
 

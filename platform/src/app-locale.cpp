@@ -10,6 +10,7 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "app-priv.h"
 #include "brisel-settings.h"
@@ -29,31 +30,45 @@ constexpr char neutral_locale[] = "C.UTF-8";
 
 app_locale_callbacks callbacks;
 
-/* The toolkit's genlist drops its rows when the direction changes and lays them out again only once its size does. */
-void lay_out_lists(Evas_Object *object) {
+/* The toolkit's genlist drops its rows and its place when the direction changes, and lays them out again only once its
+   size does. */
+struct list_place {
+  Evas_Object *list;
+  Evas_Coord x, y, w, h; /* what of its content it shows */
+};
+
+void find_lists(Evas_Object *object, std::vector<list_place> *found) {
   const char *type = evas_object_type_get(object);
   if (type && strcmp(type, "elm_genlist") == 0) {
-    int w, h;
-    evas_object_geometry_get(object, nullptr, nullptr, &w, &h);
-    evas_object_resize(object, w + 1, h);
-    evas_object_smart_calculate(object);
-    evas_object_resize(object, w, h);
-    return;
+    list_place place = {object};
+    elm_scroller_region_get(object, &place.x, &place.y, &place.w, &place.h);
+    return found->push_back(place);
   }
   if (!efl_isa(object, EFL_CANVAS_GROUP_CLASS)) return;
   Eina_List *members = evas_object_smart_members_get(object);
   void *member;
-  EINA_LIST_FREE(members, member) lay_out_lists(static_cast<Evas_Object *>(member));
+  EINA_LIST_FREE(members, member) find_lists(static_cast<Evas_Object *>(member), found);
+}
+
+void lay_out(const list_place &place) {
+  int w, h;
+  evas_object_geometry_get(place.list, nullptr, nullptr, &w, &h);
+  evas_object_resize(place.list, w + 1, h);
+  evas_object_smart_calculate(place.list);
+  evas_object_resize(place.list, w, h);
+  elm_scroller_region_show(place.list, place.x, place.y, place.w, place.h);
 }
 
 void apply_direction(void) {
-  const std::string list = platform_languages();
-  const Eina_Bool mirrored = uloc_isRightToLeft(list.substr(0, list.find(':')).c_str()) ? EINA_TRUE : EINA_FALSE;
+  const std::string languages = platform_languages();
+  const Eina_Bool mirrored =
+      uloc_isRightToLeft(languages.substr(0, languages.find(':')).c_str()) ? EINA_TRUE : EINA_FALSE;
   if (elm_config_mirrored_get() == mirrored) return;
+  std::vector<list_place> places;
+  Evas_Object *top = app_window() ? evas_object_bottom_get(evas_object_evas_get(app_window())) : nullptr;
+  for (; top; top = evas_object_above_get(top)) find_lists(top, &places);
   elm_config_mirrored_set(mirrored);
-  if (!app_window()) return;
-  for (Evas_Object *o = evas_object_bottom_get(evas_object_evas_get(app_window())); o; o = evas_object_above_get(o))
-    lay_out_lists(o);
+  for (const list_place &place : places) lay_out(place);
 }
 
 /* --- time zone, and what the clock does by itself --- */

@@ -3,6 +3,7 @@ import itertools
 import json
 
 from brisel_test import equal, mail, main, options
+from phone_test import read_on_watch
 
 OLD = 1388833503  # 2014-01-04 11:05:03 UTC
 DATES = {0: "04/01/2014", 1: "01/04/2014", 2: "2014/01/04", 3: "2014/04/01", 7: "2014/01/04", -1: "2014/01/04"}
@@ -93,6 +94,30 @@ def test_language_changes_live(s):
     s.setting("db/menu_widget/language", "string", "ar_EG.UTF-8")
     ok, cancel = (s.wait_text(s.text(name)) for name in ("IDS_COM_SK_OK", "IDS_EMAIL_SK_CANCEL_ABB"))
     assert ok["x"] < cancel["x"], "the buttons of a popup turn round"
+
+
+def test_what_stands_keeps_its_place(s):
+    arrange(s)
+    for id in s.send(1, *[mail("More", "Text.", f"Ann {n} <ann@example.org>") for n in range(14)]):
+        read_on_watch(s, id)
+    s.launch()
+    place = lambda: [(t["text"], t["y"]) for t in s.seen() if "Ann" in t["text"]]  # noqa: E731
+    for way in (None, ("tap", 300, 20), ("key", "more")):  # the list, the delete view, what was sent
+        if way:
+            s.watch(*way)
+            s.wait(lambda: len(s.titles()) == 2, "the view")
+        for _ in range(3):
+            s.rest()
+            s.watch("drag", 160, 200, 160, 100, 0.3)
+        s.rest()
+        before = place()
+        for key, value in (("language", "ar_EG.UTF-8"), ("regionformat", "de_DE.UTF-8"), ("language", "en_US.UTF-8")):
+            s.setting(f"db/menu_widget/{key}", "string", value)
+            s.rest()
+            equal(place(), before, f"{way} {key} {value}")
+        if way:
+            s.watch("key", "back")
+            s.wait(lambda: len(s.titles()) == 1, "the list")
 
 
 def test_broken_settings_read_as_unreadable(s):
