@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "../src/post-etpan.h"
 #include "../src/post-imap.h"
 #include "../src/post-stream.h"
 
@@ -46,15 +47,16 @@ void steps(mailimap *session, post_auth auth) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   signal(SIGPIPE, SIG_IGN);
+  if (!etpan_load()) abort();
   stream_bound(0); /* the fuzzer's own clock runs */
   int ends[2];
   if (size > kMost || socketpair(AF_UNIX, SOCK_STREAM, 0, ends) < 0) return 0;
   if (write(ends[1], data, size) != static_cast<ssize_t>(size)) abort();
   shutdown(ends[1], SHUT_WR);
-  imap_session session(mailimap_new(0, nullptr));
+  imap_session session(etpan->mailimap_new(0, nullptr));
   mailstream *stream = mailstream_socket_open_timeout(ends[0], 5);
-  stream_guard(mailstream_get_low(stream));
-  int greeted = mailimap_connect(session.get(), stream);
+  stream_guard(etpan->mailstream_get_low(stream));
+  int greeted = etpan->mailimap_connect(session.get(), stream);
   if (greeted == MAILIMAP_NO_ERROR_AUTHENTICATED || greeted == MAILIMAP_NO_ERROR_NON_AUTHENTICATED)
     steps(session.get(), size % 2 == 0 ? post_auth::password : post_auth::oauthbearer);
   session.reset();

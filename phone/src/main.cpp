@@ -309,9 +309,6 @@ void add_relay_commands(CLI::App *app, command_line *c) {
   drop->add_option("ID", c->reply, "The reply's id")->required();
   drop->callback([c] { c->exit_code = relay_drop(c->reply); });
 
-  /* Reads foreign mail for the others; started by them. */
-  app->add_subcommand("read-mail")->group("")->callback([c] { c->exit_code = parser_serve(); });
-
   /* The program that carries a Bluetooth link; started with a stream. */
   CLI::App *carry = app->add_subcommand("carry-bluetooth")->group("");
   carry->add_option("DEVICE", c->device)->required();
@@ -337,6 +334,8 @@ int main(int argc, char **argv) {
   setlocale(LC_ALL, "");
   signal(SIGPIPE, SIG_IGN);
   umask(077); /* whatever is written here is mail, or about it */
+  /* Reads foreign mail for the others; started by them, and of no other use: its start is a part of theirs. */
+  if (argc == 2 && strcmp(argv[1], "read-mail") == 0) return parser_serve();
   command_line line;
   line.arguments.assign(argv, argv + argc);
   CLI::App app{"The phone of the watch: relays mail to it and answers what it asks.", "brisel-phone"};

@@ -13,6 +13,7 @@
 #include <ctime>
 #include <map>
 
+#include "post-etpan.h"
 #include "post-skeleton.h"
 #include "post-stream.h"
 #include "post-tls.h"
@@ -22,16 +23,21 @@ namespace {
 constexpr size_t kLongestReason = 200, kBuffer = 8192;
 constexpr int kGreetingSeconds = 30;
 
+/* clist_append, whose macro calls the library by its name. */
+void append(clist *list, void *data) {
+  etpan->clist_insert_after(list, list->last, data);
+}
+
 struct set_free {
-  void operator()(mailimap_set *set) const { mailimap_set_free(set); }
+  void operator()(mailimap_set *set) const { etpan->mailimap_set_free(set); }
 };
 using set_holder = std::unique_ptr<mailimap_set, set_free>;
 struct type_free {
-  void operator()(mailimap_fetch_type *type) const { mailimap_fetch_type_free(type); }
+  void operator()(mailimap_fetch_type *type) const { etpan->mailimap_fetch_type_free(type); }
 };
 using type_holder = std::unique_ptr<mailimap_fetch_type, type_free>;
 struct list_free {
-  void operator()(clist *list) const { mailimap_fetch_list_free(list); }
+  void operator()(clist *list) const { etpan->mailimap_fetch_list_free(list); }
 };
 using list_holder = std::unique_ptr<clist, list_free>;
 
@@ -91,21 +97,21 @@ mailimap_capability_data *offers(mailimap *session) {
 
 /* The library's own question dies of a server that was heard to offer nothing. */
 bool has(mailimap *session, const char *name) {
-  return offers(session) && offers(session)->cap_list && mailimap_has_extension(session, name) != 0;
+  return offers(session) && offers(session)->cap_list && etpan->mailimap_has_extension(session, name) != 0;
 }
 
 bool has_login(mailimap *session, const char *mechanism) {
-  return offers(session) && offers(session)->cap_list && mailimap_has_authentication(session, mechanism) != 0;
+  return offers(session) && offers(session)->cap_list && etpan->mailimap_has_authentication(session, mechanism) != 0;
 }
 
 void forget_offers(mailimap *session) {
   if (!offers(session)) return;
-  mailimap_capability_data_free(offers(session));
+  etpan->mailimap_capability_data_free(offers(session));
   session->imap_connection_info->imap_capability = nullptr;
 }
 
 int fd_of(mailimap *session) {
-  return mailstream_low_get_fd(mailstream_get_low(session->imap_stream));
+  return etpan->mailstream_low_get_fd(etpan->mailstream_get_low(session->imap_stream));
 }
 
 /* How many messages the folder had when it was opened, on the process's one connection that follows. */
@@ -117,22 +123,22 @@ int connect_server(mailimap *session, const post_server &server, const std::stri
   if (fd < 0) return -1;
   stream_step step(fd);
   bool tls = server.security == post_security::tls, starttls = server.security == post_security::starttls;
-  mailstream_low *low = tls ? stream_encrypt(fd, server.host) : mailstream_low_socket_open(fd);
+  mailstream_low *low = tls ? stream_encrypt(fd, server.host) : etpan->mailstream_low_socket_open(fd);
   if (!low) {
     close(fd);
     *error = server.host + ":" + std::to_string(server.port) +
              ": no safe connection could be made; if the server begins without encryption, give it as imap://";
     return -1;
   }
-  mailstream_low_set_timeout(low, kGreetingSeconds);
+  etpan->mailstream_low_set_timeout(low, kGreetingSeconds);
   stream_guard(low);
-  mailstream *stream = mailstream_new(low, kBuffer);
+  mailstream *stream = etpan->mailstream_new(low, kBuffer);
   if (tls && tls_check(stream, server.host, ca, error) < 0) {
-    mailstream_close(stream);
+    etpan->mailstream_close(stream);
     return -1;
   }
-  int code = mailimap_connect(session, stream);
-  mailstream_low_set_timeout(low, imap_timeout_s);
+  int code = etpan->mailimap_connect(session, stream);
+  etpan->mailstream_low_set_timeout(low, imap_timeout_s);
   if (code != MAILIMAP_NO_ERROR_AUTHENTICATED && code != MAILIMAP_NO_ERROR_NON_AUTHENTICATED) {
     fail(session, code, "begin", error);
     *error = server.host + ":" + std::to_string(server.port) + ": " + *error + "; check the server's name and port" +
@@ -142,14 +148,14 @@ int connect_server(mailimap *session, const post_server &server, const std::stri
   if (!starttls) return 0;
   /* The offer is not waited for: a server, or somebody between, that does not take it gets no password. What was said
      before the encryption and not read yet would count as said within it. */
-  if (mailimap_starttls(session) != MAILIMAP_NO_ERROR || stream->read_buffer_len > 0 ||
+  if (etpan->mailimap_starttls(session) != MAILIMAP_NO_ERROR || stream->read_buffer_len > 0 ||
       !(low = stream_encrypt(fd, server.host))) {
     *error = server.host + " offers no encryption (STARTTLS); use imaps://, or another network";
     return -1;
   }
-  mailstream_low_free(mailstream_get_low(stream));
-  mailstream_set_low(stream, low);
-  mailstream_low_set_timeout(low, imap_timeout_s);
+  etpan->mailstream_low_free(etpan->mailstream_get_low(stream));
+  etpan->mailstream_set_low(stream, low);
+  etpan->mailstream_low_set_timeout(low, imap_timeout_s);
   stream_guard(low);
   forget_offers(session);
   return tls_check(stream, server.host, ca, error);
@@ -159,22 +165,22 @@ int connect_server(mailimap *session, const post_server &server, const std::stri
    server that asks on, which is how it tells why it refuses, `refused` is said. */
 int authenticate(mailimap *session, const char *mechanism, const std::string &first, const char *refused) {
   auto say = [session](const std::string &text) {
-    mailstream_write(session->imap_stream, text.data(), text.size());
-    return mailstream_flush(session->imap_stream) == 0;
+    etpan->mailstream_write(session->imap_stream, text.data(), text.size());
+    return etpan->mailstream_flush(session->imap_stream) == 0;
   };
-  if (mailimap_send_current_tag(session) != MAILIMAP_NO_ERROR ||
+  if (etpan->mailimap_send_current_tag(session) != MAILIMAP_NO_ERROR ||
       !say(std::string("AUTHENTICATE ") + mechanism + " " + base64(first) + "\r\n"))
     return MAILIMAP_ERROR_STREAM;
-  const char *line = mailimap_read_line(session);
-  if (line && *line == '+') line = say(std::string(refused) + "\r\n") ? mailimap_read_line(session) : nullptr;
+  const char *line = etpan->mailimap_read_line(session);
+  if (line && *line == '+') line = say(std::string(refused) + "\r\n") ? etpan->mailimap_read_line(session) : nullptr;
   if (!line) return MAILIMAP_ERROR_STREAM;
   mailimap_response *answer = nullptr;
-  int code = mailimap_parse_response(session, &answer);
+  int code = etpan->mailimap_parse_response(session, &answer);
   if (code != MAILIMAP_NO_ERROR) return code;
   const mailimap_response_done *done = answer->rsp_resp_done;
   bool good = done->rsp_type == MAILIMAP_RESP_DONE_TYPE_TAGGED &&
               done->rsp_data.rsp_tagged->rsp_cond_state->rsp_type == MAILIMAP_RESP_COND_STATE_OK;
-  mailimap_response_free(answer);
+  etpan->mailimap_response_free(answer);
   if (good) session->imap_state = MAILIMAP_STATE_AUTHENTICATED;
   return good ? MAILIMAP_NO_ERROR : MAILIMAP_ERROR_LOGIN;
 }
@@ -202,7 +208,7 @@ int log_in(mailimap *session, const post_account &account, const post_server &se
   else if (plain)
     code = authenticate(session, "PLAIN", std::string(1, '\0') + user + std::string(1, '\0') + secret, "*");
   else
-    code = mailimap_login(session, user.c_str(), secret.c_str());
+    code = etpan->mailimap_login(session, user.c_str(), secret.c_str());
   if (code == MAILIMAP_NO_ERROR) return 0;
   if (code == MAILIMAP_ERROR_STREAM) return fail(session, code, "log in", error);
   *error = server.host + " does not take the user " + user + " with this " + (password ? "password" : "token") + ": " +
@@ -211,8 +217,9 @@ int log_in(mailimap *session, const post_account &account, const post_server &se
 }
 
 type_holder wanted(std::initializer_list<mailimap_fetch_att *> attributes) {
-  type_holder type(mailimap_fetch_type_new_fetch_att_list_empty());
-  for (mailimap_fetch_att *attribute : attributes) mailimap_fetch_type_new_fetch_att_list_add(type.get(), attribute);
+  type_holder type(etpan->mailimap_fetch_type_new_fetch_att_list_empty());
+  for (mailimap_fetch_att *attribute : attributes)
+    etpan->mailimap_fetch_type_new_fetch_att_list_add(type.get(), attribute);
   return type;
 }
 
@@ -256,32 +263,32 @@ void read_attributes(const mailimap_msg_att *answer, imap_message *message, cons
 }
 
 mailimap_section_part *part_of(const std::string &number) {
-  clist *ids = clist_new();
+  clist *ids = etpan->clist_new();
   gchar **numbers = g_strsplit(number.c_str(), ".", -1);
   for (gchar **one = numbers; *one; one++) {
     auto *id = static_cast<uint32_t *>(malloc(sizeof(uint32_t)));
     *id = static_cast<uint32_t>(g_ascii_strtoull(*one, nullptr, 10));
-    clist_append(ids, id);
+    append(ids, id);
   }
   g_strfreev(numbers);
-  return mailimap_section_part_new(ids);
+  return etpan->mailimap_section_part_new(ids);
 }
 
 /* The headers that are read here: the others are most of a header's bytes. part: empty, or of the mail that is it. */
 mailimap_section *headers_wanted(const std::string &part = "") {
-  clist *names = clist_new();
+  clist *names = etpan->clist_new();
   for (const char *name :
        {"From", "Sender", "Reply-To", "To", "Cc", "Date", "Subject", "Message-ID", "In-Reply-To", "References",
         "Status", "MIME-Version", "Content-Type", "Content-Transfer-Encoding", "Content-Disposition", "Content-ID"})
-    clist_append(names, strdup(name));
-  mailimap_header_list *list = mailimap_header_list_new(names);
-  return part.empty() ? mailimap_section_new_header_fields(list)
-                      : mailimap_section_new_part_header_fields(part_of(part), list);
+    append(names, strdup(name));
+  mailimap_header_list *list = etpan->mailimap_header_list_new(names);
+  return part.empty() ? etpan->mailimap_section_new_header_fields(list)
+                      : etpan->mailimap_section_new_part_header_fields(part_of(part), list);
 }
 
 mailimap_section *section_of(const std::string &part, bool header) {
   if (header) return headers_wanted(part);
-  return part.empty() ? mailimap_section_new_text() : mailimap_section_new_part(part_of(part));
+  return part.empty() ? etpan->mailimap_section_new_text() : etpan->mailimap_section_new_part(part_of(part));
 }
 
 /* When it arrived, as the header that tells so: of those on its way none was fetched. */
@@ -309,10 +316,10 @@ using coming_mails = std::map<uint32_t, coming>;
 list_holder fetch_all(mailimap *session, const std::vector<uint32_t> &uids, mailimap_fetch_type *type, int *code,
                       std::string *error) {
   stream_step step(fd_of(session));
-  set_holder set(mailimap_set_new_empty());
-  for (uint32_t uid : uids) mailimap_set_add_single(set.get(), uid);
+  set_holder set(etpan->mailimap_set_new_empty());
+  for (uint32_t uid : uids) etpan->mailimap_set_add_single(set.get(), uid);
   clist *list = nullptr;
-  *code = mailimap_uid_fetch(session, set.get(), type, &list);
+  *code = etpan->mailimap_uid_fetch(session, set.get(), type, &list);
   list_holder holder = taken_list(*code, list);
   if (*code == MAILIMAP_NO_ERROR) return holder;
   fail(session, *code, "give a message", error);
@@ -342,8 +349,9 @@ int fetch_texts(mailimap *session, coming_mails *mails, int *code, std::string *
     const size_t at_once = std::max<size_t>(1, skeleton_whole_bytes / bytes);
     for (size_t from = 0; from < uids.size(); from += at_once) {
       auto begin = uids.begin() + static_cast<ptrdiff_t>(from);
-      type_holder type = wanted({mailimap_fetch_att_new_uid(),
-                                 mailimap_fetch_att_new_body_peek_section_partial(section_of(part, header), 0, bytes)});
+      type_holder type =
+          wanted({etpan->mailimap_fetch_att_new_uid(),
+                  etpan->mailimap_fetch_att_new_body_peek_section_partial(section_of(part, header), 0, bytes)});
       list_holder list =
           fetch_all(session, {begin, begin + static_cast<ptrdiff_t>(std::min(at_once, uids.size() - from))}, type.get(),
                     code, error);
@@ -368,7 +376,8 @@ void read_list(const clist *list, size_t most, std::vector<imap_message> *messag
 }
 
 type_holder facts_wanted() {
-  return wanted({mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_flags(), mailimap_fetch_att_new_internaldate()});
+  return wanted({etpan->mailimap_fetch_att_new_uid(), etpan->mailimap_fetch_att_new_flags(),
+                 etpan->mailimap_fetch_att_new_internaldate()});
 }
 
 /* A connection that is only waited on may be dead for long without anybody noticing: the system looks after it, without
@@ -383,12 +392,13 @@ void keep_alive(int fd) {
 
 /* From here on the server tells of messages that went by their uids. */
 void enable_changes(mailimap *session) {
-  clist *names = clist_new();
+  clist *names = etpan->clist_new();
   char *name = strdup("QRESYNC");
-  clist_append(names, mailimap_capability_new(MAILIMAP_CAPABILITY_NAME, nullptr, name));
-  mailimap_capability_data *asked = mailimap_capability_data_new(names), *answer = nullptr;
-  if (mailimap_enable(session, asked, &answer) == MAILIMAP_NO_ERROR && answer) mailimap_capability_data_free(answer);
-  mailimap_capability_data_free(asked);
+  append(names, etpan->mailimap_capability_new(MAILIMAP_CAPABILITY_NAME, nullptr, name));
+  mailimap_capability_data *asked = etpan->mailimap_capability_data_new(names), *answer = nullptr;
+  if (etpan->mailimap_enable(session, asked, &answer) == MAILIMAP_NO_ERROR && answer)
+    etpan->mailimap_capability_data_free(answer);
+  etpan->mailimap_capability_data_free(asked);
 }
 
 /* Did the last answer tell of a change? */
@@ -405,11 +415,11 @@ bool has_changed(mailimap *session) {
 }
 
 int store_flag(mailimap *session, mailimap_set *set, mailimap_flag *flag, const char *what, std::string *error) {
-  mailimap_flag_list *flags = mailimap_flag_list_new_empty();
-  mailimap_flag_list_add(flags, flag);
-  mailimap_store_att_flags *store = mailimap_store_att_flags_new_add_flags_silent(flags);
-  int code = mailimap_uid_store(session, set, store);
-  mailimap_store_att_flags_free(store);
+  mailimap_flag_list *flags = etpan->mailimap_flag_list_new_empty();
+  etpan->mailimap_flag_list_add(flags, flag);
+  mailimap_store_att_flags *store = etpan->mailimap_store_att_flags_new_add_flags_silent(flags);
+  int code = etpan->mailimap_uid_store(session, set, store);
+  etpan->mailimap_store_att_flags_free(store);
   return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, what, error);
 }
 
@@ -418,14 +428,18 @@ int store_flag(mailimap *session, mailimap_set *set, mailimap_flag *flag, const 
 void imap_closer::operator()(mailimap *session) const {
   /* Without a word, the server knows what that means: the library would say one, and wait for what is said to it. */
   if (session->imap_stream) shutdown(fd_of(session), SHUT_RDWR);
-  mailimap_free(session);
+  etpan->mailimap_free(session);
 }
 
 int imap_open(const post_account &account, const std::string &secret, imap_session *session, std::string *error) {
+  if (!etpan_load()) {
+    *error = etpan_missing;
+    return -1;
+  }
   post_server server;
   if (post_server_read(account, account.imap, &server, error) < 0) return -1;
-  session->reset(mailimap_new(0, nullptr));
-  mailimap_set_timeout(session->get(), imap_timeout_s);
+  session->reset(etpan->mailimap_new(0, nullptr));
+  etpan->mailimap_set_timeout(session->get(), imap_timeout_s);
   if (connect_server(session->get(), server, account.ca, error) < 0) return -1;
   int code = imap_begin(session->get(), account, server, secret, error);
   keep_alive(fd_of(session->get()));
@@ -439,7 +453,7 @@ int imap_begin(mailimap *session, const post_account &account, const post_server
   if (code < 0) return code;
   /* What was offered before the login may be less. Most say it with their answer to that; others are asked, not by
      mailimap_capability(), which dies of an answer that names nothing. */
-  if (!offers(session) && mailimap_custom_command(session, "CAPABILITY") == MAILIMAP_ERROR_STREAM)
+  if (!offers(session) && etpan->mailimap_custom_command(session, "CAPABILITY") == MAILIMAP_ERROR_STREAM)
     return fail(session, MAILIMAP_ERROR_STREAM, "say what it offers", error);
   if (imap_tells_changes(session)) enable_changes(session);
   return 0;
@@ -449,16 +463,16 @@ int imap_select(mailimap *session, const std::string &name, imap_folder *folder,
   stream_step step(fd_of(session));
   bool counts = has(session, "CONDSTORE") || has(session, "QRESYNC");
   *folder = imap_folder();
-  int code = counts ? mailimap_select_condstore(session, on_wire(name).c_str(), &folder->modseq)
-                    : mailimap_select(session, on_wire(name).c_str());
+  int code = counts ? etpan->mailimap_select_condstore(session, on_wire(name).c_str(), &folder->modseq)
+                    : etpan->mailimap_select(session, on_wire(name).c_str());
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, ("open the folder " + name).c_str(), error);
   const mailimap_selection_info *info = session->imap_selection_info;
   folder->validity = info ? info->sel_uidvalidity : 0;
   folder->exists = opened_with = info ? info->sel_exists : 0;
   /* What was said of the folder is no change of it: an empty one, of which nothing more is asked, would seem to change
      for ever. */
-  mailimap_response_info_free(session->imap_response_info);
-  session->imap_response_info = mailimap_response_info_new();
+  etpan->mailimap_response_info_free(session->imap_response_info);
+  session->imap_response_info = etpan->mailimap_response_info_new();
   return 0;
 }
 
@@ -466,10 +480,10 @@ int imap_list_newest(mailimap *session, uint32_t count, std::vector<imap_message
   stream_step step(fd_of(session));
   uint32_t exists = session->imap_selection_info ? session->imap_selection_info->sel_exists : 0;
   if (exists == 0) return 0;
-  set_holder set(mailimap_set_new_interval(exists > count ? exists - count + 1 : 1, 0));
+  set_holder set(etpan->mailimap_set_new_interval(exists > count ? exists - count + 1 : 1, 0));
   type_holder type = facts_wanted();
   clist *list = nullptr;
-  int code = mailimap_fetch(session, set.get(), type.get(), &list);
+  int code = etpan->mailimap_fetch(session, set.get(), type.get(), &list);
   list_holder holder = taken_list(code, list);
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, "list a folder", error);
   read_list(list, count, messages);
@@ -483,11 +497,11 @@ bool imap_tells_changes(mailimap *session) {
 int imap_list_changes(mailimap *session, uint32_t from, uint64_t modseq, std::vector<imap_message> *changed,
                       std::vector<std::pair<uint32_t, uint32_t>> *gone, std::string *error) {
   stream_step step(fd_of(session));
-  set_holder set(mailimap_set_new_interval(from, 0));
+  set_holder set(etpan->mailimap_set_new_interval(from, 0));
   type_holder type = facts_wanted();
   clist *list = nullptr;
   mailimap_qresync_vanished *vanished = nullptr;
-  int code = mailimap_uid_fetch_qresync(session, set.get(), type.get(), modseq, &list, &vanished);
+  int code = etpan->mailimap_uid_fetch_qresync(session, set.get(), type.get(), modseq, &list, &vanished);
   list_holder holder = taken_list(code, list);
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, "tell what changed", error);
   const clist *runs = vanished && vanished->qr_known_uids ? vanished->qr_known_uids->set_list : nullptr;
@@ -495,7 +509,7 @@ int imap_list_changes(mailimap *session, uint32_t from, uint64_t modseq, std::ve
     auto *run = static_cast<mailimap_set_item *>(clist_content(at));
     gone->emplace_back(run->set_first, run->set_last);
   }
-  if (vanished) mailimap_qresync_vanished_free(vanished);
+  if (vanished) etpan->mailimap_qresync_vanished_free(vanished);
   read_list(list, SIZE_MAX, changed);
   return 0;
 }
@@ -507,9 +521,10 @@ int imap_fetch(mailimap *session, bool whole, std::vector<imap_mail> *mails, std
     coming_now[mail.uid].mail = &mail;
     uids.push_back(mail.uid);
   }
-  type_holder type = wanted(
-      {mailimap_fetch_att_new_uid(), mailimap_fetch_att_new_internaldate(), mailimap_fetch_att_new_bodystructure(),
-       mailimap_fetch_att_new_body_peek_section_partial(headers_wanted(), 0, skeleton_header_bytes)});
+  type_holder type =
+      wanted({etpan->mailimap_fetch_att_new_uid(), etpan->mailimap_fetch_att_new_internaldate(),
+              etpan->mailimap_fetch_att_new_bodystructure(),
+              etpan->mailimap_fetch_att_new_body_peek_section_partial(headers_wanted(), 0, skeleton_header_bytes)});
   int code = 0;
   list_holder list = fetch_all(session, uids, type.get(), &code, error);
   for_each_answer(
@@ -530,54 +545,55 @@ int imap_fetch(mailimap *session, bool whole, std::vector<imap_mail> *mails, std
 
 int imap_add_flag(mailimap *session, uint32_t uid, bool answered, std::string *error) {
   stream_step step(fd_of(session));
-  set_holder set(mailimap_set_new_single(uid));
-  return store_flag(session, set.get(), answered ? mailimap_flag_new_answered() : mailimap_flag_new_seen(),
-                    "set a mark", error);
+  set_holder set(etpan->mailimap_set_new_single(uid));
+  return store_flag(session, set.get(),
+                    answered ? etpan->mailimap_flag_new_answered() : etpan->mailimap_flag_new_seen(), "set a mark",
+                    error);
 }
 
 int imap_remove(mailimap *session, uint32_t uid, const std::string &trash, std::string *error) {
   stream_step step(fd_of(session));
-  set_holder set(mailimap_set_new_single(uid));
+  set_holder set(etpan->mailimap_set_new_single(uid));
   if (!trash.empty()) {
     bool moves = has(session, "MOVE");
-    int code = moves ? mailimap_uid_move(session, set.get(), on_wire(trash).c_str())
-                     : mailimap_uid_copy(session, set.get(), on_wire(trash).c_str());
+    int code = moves ? etpan->mailimap_uid_move(session, set.get(), on_wire(trash).c_str())
+                     : etpan->mailimap_uid_copy(session, set.get(), on_wire(trash).c_str());
     if (code != MAILIMAP_NO_ERROR) return fail(session, code, ("put a mail into " + trash).c_str(), error);
     if (moves) return 0;
   }
-  if (store_flag(session, set.get(), mailimap_flag_new_deleted(), "delete a mail", error) < 0) return -1;
+  if (store_flag(session, set.get(), etpan->mailimap_flag_new_deleted(), "delete a mail", error) < 0) return -1;
   if (!has(session, "UIDPLUS")) return 0; /* a plain EXPUNGE would take what others marked too */
-  int code = mailimap_uid_expunge(session, set.get());
+  int code = etpan->mailimap_uid_expunge(session, set.get());
   return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, "delete a mail", error);
 }
 
 int imap_find(mailimap *session, const std::string &message_id, uint32_t *uid, std::string *error) {
   stream_step step(fd_of(session));
-  mailimap_search_key *key = mailimap_search_key_new_header(strdup("Message-ID"), strdup(message_id.c_str()));
+  mailimap_search_key *key = etpan->mailimap_search_key_new_header(strdup("Message-ID"), strdup(message_id.c_str()));
   clist *found = nullptr;
-  int code = mailimap_uid_search(session, nullptr, key, &found);
-  mailimap_search_key_free(key);
+  int code = etpan->mailimap_uid_search(session, nullptr, key, &found);
+  etpan->mailimap_search_key_free(key);
   *uid = 0;
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, "search", error);
   for (clistiter *at = found ? clist_begin(found) : nullptr; at; at = clist_next(at))
     *uid = *static_cast<uint32_t *>(clist_content(at));
-  if (found) mailimap_search_result_free(found);
+  if (found) etpan->mailimap_search_result_free(found);
   return 0;
 }
 
 int imap_append(mailimap *session, const std::string &folder, const std::string &message, std::string *error) {
   stream_step step(fd_of(session));
-  mailimap_flag_list *flags = mailimap_flag_list_new_empty();
-  mailimap_flag_list_add(flags, mailimap_flag_new_seen());
-  int code = mailimap_append(session, on_wire(folder).c_str(), flags, nullptr, message.data(), message.size());
-  mailimap_flag_list_free(flags);
+  mailimap_flag_list *flags = etpan->mailimap_flag_list_new_empty();
+  etpan->mailimap_flag_list_add(flags, etpan->mailimap_flag_new_seen());
+  int code = etpan->mailimap_append(session, on_wire(folder).c_str(), flags, nullptr, message.data(), message.size());
+  etpan->mailimap_flag_list_free(flags);
   return code == MAILIMAP_NO_ERROR ? 0 : fail(session, code, ("keep a copy in " + folder).c_str(), error);
 }
 
 int imap_list_folders(mailimap *session, std::vector<imap_listed> *folders, std::string *error) {
   stream_step step(fd_of(session));
   clist *list = nullptr;
-  int code = mailimap_list(session, "", "*", &list);
+  int code = etpan->mailimap_list(session, "", "*", &list);
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, "list its folders", error);
   for (clistiter *at = list ? clist_begin(list) : nullptr; at; at = clist_next(at)) {
     auto *box = static_cast<mailimap_mailbox_list *>(clist_content(at));
@@ -588,7 +604,7 @@ int imap_list_folders(mailimap *session, std::vector<imap_listed> *folders, std:
       if (use) folders->back().uses.emplace_back(*use == '\\' ? use + 1 : use);
     }
   }
-  if (list) mailimap_list_result_free(list);
+  if (list) etpan->mailimap_list_result_free(list);
   return 0;
 }
 
@@ -613,11 +629,11 @@ int imap_wait(mailimap *session, int other, int seconds, std::string *error) {
   bool idle = imap_can_idle(session), changed = false;
   if (idle) {
     stream_step step(fd_of(session));
-    int code = mailimap_idle(session);
+    int code = etpan->mailimap_idle(session);
     if (code != MAILIMAP_NO_ERROR) return fail(session, code, "wait for mail", error);
     changed = has_changed(session);
   }
-  pollfd wait[] = {{other, POLLIN, 0}, {idle ? mailimap_idle_get_fd(session) : -1, POLLIN, 0}};
+  pollfd wait[] = {{other, POLLIN, 0}, {idle ? etpan->mailimap_idle_get_fd(session) : -1, POLLIN, 0}};
   bool there = changed || (idle && session->imap_stream->read_buffer_len > 0);
   int ready = there ? 1 : poll(wait, 2, seconds * 1000);
   if (ready < 0 && errno != EINTR) {
@@ -626,7 +642,7 @@ int imap_wait(mailimap *session, int other, int seconds, std::string *error) {
   }
   if (!idle) return 1;
   stream_step step(fd_of(session));
-  int code = mailimap_idle_done(session);
+  int code = etpan->mailimap_idle_done(session);
   if (code != MAILIMAP_NO_ERROR) return fail(session, code, "stop waiting", error);
   /* Some servers only say now and then that they are there. */
   return ready == 0 || changed || (wait[0].revents & POLLIN) || has_changed(session);

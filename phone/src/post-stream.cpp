@@ -11,6 +11,8 @@
 #include <csignal>
 #include <cstring>
 
+#include "post-etpan.h"
+
 namespace {
 
 constexpr int kConnectMs = 30000;
@@ -39,7 +41,7 @@ ssize_t read_cb(mailstream_low *stream, void *buffer, size_t size) {
 }
 
 void name_server_cb(mailstream_ssl_context *context, void *data) {
-  mailstream_ssl_set_server_name(context, static_cast<char *>(data));
+  etpan->mailstream_ssl_set_server_name(context, static_cast<char *>(data));
 }
 
 /* Returns 0, or an errno. */
@@ -109,7 +111,8 @@ mailstream_low *stream_encrypt(int fd, const std::string &host) {
   /* The library prints a line of its own where encryption fails. */
   int kept = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3), nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
   if (kept >= 0 && nothing >= 0) dup2(nothing, STDERR_FILENO);
-  mailstream_low *low = mailstream_low_tls_open_with_callback(fd, name_server_cb, const_cast<char *>(host.c_str()));
+  mailstream_low *low =
+      etpan->mailstream_low_tls_open_with_callback(fd, name_server_cb, const_cast<char *>(host.c_str()));
   if (kept >= 0) dup2(kept, STDERR_FILENO);
   for (int one : {kept, nothing})
     if (one >= 0) close(one);

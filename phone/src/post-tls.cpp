@@ -1,10 +1,9 @@
 /* Whether the server at the other end is the one that was meant. */
 #include "post-tls.h"
 
-#include <gnutls/x509.h>
-#include <libetpan/libetpan.h>
-
 #include <vector>
+
+#include "post-etpan.h"
 
 namespace {
 
@@ -12,25 +11,25 @@ namespace {
 struct chain_holder {
   std::vector<gnutls_x509_crt_t> certificates;
   ~chain_holder() {
-    for (gnutls_x509_crt_t one : certificates) gnutls_x509_crt_deinit(one);
+    for (gnutls_x509_crt_t one : certificates) gnutls->gnutls_x509_crt_deinit(one);
   }
 };
 
 int read_chain(mailstream *stream, chain_holder *chain) {
-  carray *raw = mailstream_get_certificate_chain(stream);
+  carray *raw = etpan->mailstream_get_certificate_chain(stream);
   if (!raw) return -1;
   for (unsigned i = 0; i < carray_count(raw) && i < 16; i++) {
     auto *der = static_cast<MMAPString *>(carray_get(raw, i));
     gnutls_datum_t bytes = {reinterpret_cast<unsigned char *>(der->str), static_cast<unsigned>(der->len)};
     gnutls_x509_crt_t certificate;
-    if (gnutls_x509_crt_init(&certificate) < 0) break;
+    if (gnutls->gnutls_x509_crt_init(&certificate) < 0) break;
     chain->certificates.push_back(certificate);
-    if (gnutls_x509_crt_import(certificate, &bytes, GNUTLS_X509_FMT_DER) < 0) {
+    if (gnutls->gnutls_x509_crt_import(certificate, &bytes, GNUTLS_X509_FMT_DER) < 0) {
       chain->certificates.clear();
       break;
     }
   }
-  mailstream_certificate_chain_free(raw);
+  etpan->mailstream_certificate_chain_free(raw);
   return chain->certificates.empty() ? -1 : 0;
 }
 
@@ -57,19 +56,19 @@ int tls_check(mailstream *stream, const std::string &host, const std::string &ca
     return -1;
   }
   gnutls_x509_trust_list_t trusted;
-  if (gnutls_x509_trust_list_init(&trusted, 0) < 0) return -1;
-  int added = gnutls_x509_trust_list_add_system_trust(trusted, 0, 0);
+  if (gnutls->gnutls_x509_trust_list_init(&trusted, 0) < 0) return -1;
+  int added = gnutls->gnutls_x509_trust_list_add_system_trust(trusted, 0, 0);
   if (!ca.empty())
-    added = gnutls_x509_trust_list_add_trust_file(trusted, ca.c_str(), nullptr, GNUTLS_X509_FMT_PEM, 0, 0);
+    added = gnutls->gnutls_x509_trust_list_add_trust_file(trusted, ca.c_str(), nullptr, GNUTLS_X509_FMT_PEM, 0, 0);
   std::string name = host; /* the library takes it to its NUL, whatever the size says */
   gnutls_typed_vdata_st meant[] = {
       {GNUTLS_DT_DNS_HOSTNAME, reinterpret_cast<unsigned char *>(name.data()), 0},
       {GNUTLS_DT_KEY_PURPOSE_OID, reinterpret_cast<unsigned char *>(const_cast<char *>(GNUTLS_KP_TLS_WWW_SERVER)), 0}};
   unsigned status = GNUTLS_CERT_INVALID;
-  int checked = gnutls_x509_trust_list_verify_crt2(trusted, chain.certificates.data(),
-                                                   static_cast<unsigned>(chain.certificates.size()), meant, 2, 0,
-                                                   &status, nullptr);
-  gnutls_x509_trust_list_deinit(trusted, 1);
+  int checked = gnutls->gnutls_x509_trust_list_verify_crt2(trusted, chain.certificates.data(),
+                                                           static_cast<unsigned>(chain.certificates.size()), meant, 2,
+                                                           0, &status, nullptr);
+  gnutls->gnutls_x509_trust_list_deinit(trusted, 1);
   if (checked == 0 && status == 0) return 0;
   *error = !ca.empty() && added <= 0 ? ca + ": holds no certificates" : refusal(status, host);
   return -1;
