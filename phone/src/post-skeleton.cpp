@@ -185,6 +185,11 @@ std::string boundary_of(const mailimap_body_type_mpart *parts) {
   return "";
 }
 
+/* Several parts, with nothing that could tell where one ends: what the server makes of them is no help. */
+bool is_torn(const mailimap_body *structure) {
+  return structure->bd_type == MAILIMAP_BODY_MPART && boundary_of(structure->bd_data.bd_body_mpart).empty();
+}
+
 bool has_message_id(const std::string &header) {
   constexpr char kName[] = "message-id:";
   for (size_t line = 0; line < header.size();) {
@@ -314,6 +319,7 @@ void skeleton_choose(const mailimap_body *structure, const std::string &header, 
                      std::vector<skeleton_text> *texts, bool *cut) {
   std::vector<found_text> found, inside;
   const bool has_id = has_message_id(header);
+  if (is_torn(structure)) return texts->push_back({"", false, skeleton_text_bytes, ""});
   find_texts(structure, "", false, 0, &found);
   choose_among(found, has_id, whole, texts, cut);
   found_mail mail;
@@ -342,7 +348,7 @@ std::string skeleton_build(const mailimap_body *structure, const std::string &he
   builder b = {&texts, header};
   end_header(&b.out);
   const mailimap_body_type_msg *mail = mail_in(structure);
-  if (structure->bd_type == MAILIMAP_BODY_MPART)
+  if (structure->bd_type == MAILIMAP_BODY_MPART && !is_torn(structure))
     put_parts(&b, structure->bd_data.bd_body_mpart, "", 0);
   else if (mail && !is_encoded(mail->bd_fields))
     put_mail(&b, mail, "1", 0);

@@ -151,7 +151,8 @@ def test_a_mail_that_forwards_another(s):
              "no text": mixed(mail("Subject: only this\nMIME-Version: 1.0\nContent-Type: image/png\n\nx\n")),
              "encoded": mixed("Content-Type: message/rfc822\nContent-Transfer-Encoding: base64\n\n" +
                               base64.encodebytes(inner.encode()).decode()),
-             "said": mixed("Content-Type: text/plain\n\nSee what she wrote.\n", mail(inner))}
+             "said": mixed("Content-Type: text/plain\n\nSee what she wrote.\n", mail(inner)),
+             "torn": "multipart/mixed\n\nNothing tells the parts.\n"}
     box = Maildir(s.dir / "box")
     with servers(s) as (authority, dovecot, exim):
         other = Client(dovecot, authority.ca)
