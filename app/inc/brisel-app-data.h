@@ -54,20 +54,20 @@ struct appdata {
   Elm_Object_Item *blocked_item; /* the row whose next selection is ignored once */
   Elm_Genlist_Item_Class *itc_group;
   Elm_Genlist_Item_Class *itc_mail;
-  Elm_Genlist_Item_Class *itc_mail_below; /* of rows whose subject stands below the time */
   Ecore_Timer *sweep_timer;
   int account_id; /* the account shown; 0: all accounts, the combined view */
   int account_cnt;
-  int mail_id;          /* the opened mail, or the one waiting behind the security alert; 0 or less: none */
-  int bt_connected;     /* 1 while the watch is linked to the phone */
-  bool link_popup_came; /* whether the platform's link popup could be started when it was last asked for */
-  int date_format;      /* 0..3 */
-  int time_format;      /* 1: 12-hour */
-  char *locale;         /* ICU locale id; owned */
+  int mail_id;      /* the opened mail, or the one waiting behind the security alert; 0 or less: none */
+  int bt_connected; /* 1 while the watch is linked to the phone */
+  int date_format;  /* 0..3 */
+  int time_format;  /* 1: 12-hour */
+  char *locale;     /* ICU locale id; owned */
   unsigned char nocontents_shown;
+  GList *mail_list; /* item_data in display order; owns its cells, not the records; see brisel_complete_mail_list */
+  Elm_Genlist_Item_Class *itc_mail_below; /* of rows whose subject stands below the time */
+  bool link_popup_came; /* whether the platform's link popup could be started when it was last asked for */
   unsigned char paused; /* the window is out of sight */
   bool list_is_covered; /* while the list is made below a mail: its rows can wait */
-  GList *mail_list;     /* item_data in display order; owns its cells, not the records; see brisel_complete_mail_list */
 };
 
 /* The common head of every pushed view's record; each view's own record is one with fields of its own behind it. */
