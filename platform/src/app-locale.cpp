@@ -159,7 +159,9 @@ bool is_new(const char *key, std::string *known) {
 }
 
 void language_changed_cb(keynode_t *node, void *data) {
-  if (!is_new(BRISEL_KEY_LANGUAGE, &language)) return;
+  /* One that is taken away says nothing: all that is on screen keeps its language. */
+  const std::unique_ptr<char, decltype(&free)> value(vconf_get_str(BRISEL_KEY_LANGUAGE), free);
+  if (!value || !is_new(BRISEL_KEY_LANGUAGE, &language)) return;
   platform_language_apply();
   apply_direction();
   if (callbacks.language_changed) callbacks.language_changed();

@@ -21,7 +21,7 @@ void acting::SetUp() {
 void acting::TearDown() {
   app_stop();
   contact("", {});
-  vconf_unset(BRISEL_KEY_LANGUAGE);
+  vconf_set_str(BRISEL_KEY_LANGUAGE, "en_US.UTF-8");
   setenv("LANGUAGE", "en", 1);
 }
 

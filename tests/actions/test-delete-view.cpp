@@ -216,7 +216,7 @@ TEST_F(deleting, EveryViewEndsOnceHoweverItIsLeft) {
       EXPECT_EQ(test_ad.mail_list, nullptr);
       if (one.how != end::by_deletion) phone.delete_mails({id});
       phone.delete_mails({locked});
-      vconf_unset(BRISEL_KEY_LANGUAGE);
+      vconf_set_str(BRISEL_KEY_LANGUAGE, "en_US.UTF-8");
       settle();
     }
 }

@@ -88,6 +88,10 @@ def test_language_changes_live(s):
         s.setting("db/menu_widget/language", "string", locale)
         s.wait_text(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"))
         s.wait_text(s.text("IDS_HS_MBODY_EMAIL_M_APPLICATION_NAME_ABB3"))
+        s.watch("setting", "unset", "db/menu_widget/language")  # says nothing, also of what is drawn anew
+        s.setting("db/menu_widget/regionformat", "string", locale)
+        s.rest()
+        assert s.shows(s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB")), language
     s.launch(brisel_id=s.send(1, mail(), args=("--locked",))[0])
     s.wait_text(s.text("IDS_EMAIL_SK_CANCEL_ABB"))
     s.language = "ar"

@@ -40,7 +40,8 @@ struct Page : testing::Test {
   }
   void TearDown() override {
     app_stop();
-    for (const char *key : {BRISEL_KEY_DATE_FORMAT, BRISEL_KEY_TIME_FORMAT, BRISEL_KEY_LANGUAGE}) vconf_unset(key);
+    for (const char *key : {BRISEL_KEY_DATE_FORMAT, BRISEL_KEY_TIME_FORMAT}) vconf_unset(key);
+    vconf_set_str(BRISEL_KEY_LANGUAGE, "en_US.UTF-8");
     set_status("reply", 0);
     set_status("conn", 0);
   }
