@@ -381,10 +381,15 @@ std::string plain_text(Evas_Object *block) {
 
 /* --- the canvas --- */
 
+/* What only says which way a text runs is nothing that a person sees. */
+std::string without_mark(const std::string &text) {
+  return text.starts_with("\u200E") || text.starts_with("\u200F") ? text.substr(strlen("\u200E")) : text;
+}
+
 void add_text(walk *w, const Evas_Object *obj, const std::string &text, const rect &whole, const rect &area,
               const color &c, const std::string &font, double size, bool cut) {
   json entry;
-  entry["text"] = text;
+  entry["text"] = without_mark(text);
   entry["x"] = area.x;
   entry["y"] = area.y;
   entry["width"] = area.w;
