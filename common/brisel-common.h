@@ -237,7 +237,7 @@ int brisel_ipc_client_event_subscribe(int event_type, brisel_ipc_event_cb callba
 int brisel_ipc_client_event_unsubscribe(int event_type);
 /* Called when the store cannot take a request now, for its disk is full or failing; once for each. The request stays
    kept and goes out again by itself; it goes out at once, and may be told again, after brisel_ipc_client_try_again.
-   callback NULL: nobody is told. request_type: a brisel_ipc_client_req_type. */
+   callback NULL: nobody is told. request_type: a brisel_ipc_client_req_type; -1 when all that was told has gone out. */
 typedef void (*brisel_ipc_trouble_cb)(int request_type, void *user_data);
 void brisel_ipc_client_set_trouble_cb(brisel_ipc_trouble_cb callback, void *user_data);
 void brisel_ipc_client_try_again(void);

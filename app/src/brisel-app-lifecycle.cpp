@@ -144,6 +144,7 @@ static int _try_again_cb(void *data) {
 /* Whatever the user has asked for is kept, but has come no further than that. The new flags are nobody's wish. */
 static void _trouble_cb(int request_type, void *user_data) {
   appdata *ad = (appdata *)user_data;
+  if (request_type < 0) return brisel_view_withdraw_offer(_try_again_cb);
   BRISEL_WARN("the store cannot take a request of type %d now", request_type);
   if (request_type == BRISEL_IPC_CLIENT_REQ_TYPE_CLEAR_ALL_NEW_FLAG || !ad->win_main) return;
   brisel_view_offer_again(ad, _try_again_cb, nullptr, nullptr);

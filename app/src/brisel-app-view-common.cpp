@@ -407,6 +407,10 @@ void brisel_view_offer_again(appdata *ad, int (*again)(void *data), void (*drop)
   evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _offer_gone_cb, nullptr);
 }
 
+void brisel_view_withdraw_offer(int (*again)(void *data)) {
+  if (offer.popup && offer.again == again) _end_offer();
+}
+
 void brisel_view_stop_scrolling(Evas_Object *scroller) {
   if (!scroller) return;
   int x = 0, y = 0, w = 0, h = 0;

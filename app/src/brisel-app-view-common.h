@@ -149,5 +149,7 @@ Evas_Object *brisel_view_update_required_popup(appdata *ad, Evas_Smart_Cb respon
    offered again. drop frees data when the offer ends either way; NULL: what failed is kept anyway, and is not offered
    over an offer that has a drop. Else a newer failure takes the place of the offer that stands, whose drop runs. */
 void brisel_view_offer_again(appdata *ad, int (*again)(void *data), void (*drop)(void *data), void *data);
+/* Ends the offer of that function, if it stands: what failed went through by itself. */
+void brisel_view_withdraw_offer(int (*again)(void *data));
 
 #endif

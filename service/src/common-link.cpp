@@ -192,6 +192,13 @@ bool is_refusal(const char *error) {
   return false;
 }
 
+/* Nothing that was told of still waits. */
+void tell_trouble_over(void) {
+  for (const request &r : host.queue)
+    if (r.trouble_told) return;
+  if (host.trouble_callback) host.trouble_callback(-1, host.trouble_data);
+}
+
 /* The first request of the queue is done, one way or the other. */
 void finish_first(const sd_bus_error *refused) {
   const request done = std::move(host.queue.front());
@@ -201,6 +208,7 @@ void finish_first(const sd_bus_error *refused) {
     __dlog_print(DLOG_ERROR, log_tag, "%s was refused: %s", kept_member(done.type),
                  refused->message ? refused->message : "");
   forget_when_done();
+  if (done.trouble_told) tell_trouble_over();
   send_next();
   if (done.is_told) events_tell_requests();
   answer(done.callback, done.user_data, done.ids, refused ? BRISEL_COMMON_ERROR_REMOTE : 0);
