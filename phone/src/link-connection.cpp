@@ -152,8 +152,8 @@ void link_fail(phone_link *link, const std::string &error) {
 void link_close(phone_link *link) {
   if (!link) return;
   parser_meanwhile(nullptr, nullptr);
-  for (sd_event_source *source : {link->retry, link->take, link->resend}) sd_event_source_disable_unref(source);
   if (link->connected) link_is_down(link, "");
+  for (sd_event_source *source : {link->retry, link->take, link->resend}) sd_event_source_disable_unref(source);
   share_end(link);
   stream_end(link);
   link->bus.reset();

@@ -2,7 +2,7 @@
    usage: other-watch AGE LOG; each call is written into the log.
    AGE: first (nothing but what the first version had), least (its version is below what a phone works with), refuses
    (the phone's is), newest (says more than a phone knows), floods (asks for more at once than a watch can have
-   waiting, each until it is acknowledged, and calls the phone) */
+   waiting, and for what is far too deep, each until it is acknowledged, and calls the phone) */
 #include <systemd/sd-bus.h>
 
 #include <cstdio>
@@ -20,7 +20,9 @@ struct other_watch {
 
 int flood(const other_watch &w, sd_bus *bus) {
   constexpr size_t bytes = 1 << 20;
-  const std::string request = R"({"request":"unheard-of","pad":")" + std::string(bytes, 'x') + "\"}";
+  const auto request = [](const std::string &value) { return R"({"request":"unheard-of","pad":)" + value + "}"; };
+  const std::string long_one = request('"' + std::string(bytes, 'x') + '"'),
+                    deep_one = request(std::string(bytes / 2, '[') + std::string(bytes / 2, ']'));
   const auto answered = [](sd_bus_message *m, void *log, sd_bus_error *) {
     return sd_bus_message_is_method_error(m, nullptr) ? 0 : fprintf(static_cast<FILE *>(log), "answered\n");
   };
@@ -29,7 +31,7 @@ int flood(const other_watch &w, sd_bus *bus) {
   for (const int64_t id : w.waiting)
     if (r >= 0)
       r = sd_bus_emit_signal(bus, "/com/vextora/brisel/Host", "com.vextora.brisel.Phone1", "Request", "xsa{sv}", id,
-                             request.c_str(), 0);
+                             (id == 1 ? deep_one : long_one).c_str(), 0);
   return r;
 }
 
