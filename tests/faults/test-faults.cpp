@@ -1,6 +1,7 @@
 /* What the phone keeps, and the requests that wait for a service, under every fault of the disk at every step. The
    service's store, the contacts and the settings have their tables beside their own tests, on the same layer. */
 #include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "brisel-common.h"
@@ -190,6 +191,97 @@ TEST(Faults, ThePhonesState) {
   const auto closed = [] { EXPECT_EQ(known(), "ann queued; "); };
   faults += outlive_every_fault({prepare, change, there, "", "", closed, stride()});
   EXPECT_GT(faults, 100);
+}
+
+/* Reads all of a state; why not, or nothing. Whatever it holds: no state that there is not. */
+std::string reads() {
+  std::string error;
+  phone_state_holder state(phone_state_open(&error));
+  if (!state) return error.empty() ? "no reason" : error;
+  std::vector<reply_entry> replies;
+  std::vector<stored_request> requests;
+  relay_rows rows;
+  relay_account_row found;
+  sent_mail mail;
+  std::string note, text;
+  reply_entry first;
+  if (reply_list(state.get(), &replies) < 0 || phone_state_list_requests(state.get(), &requests) < 0 ||
+      relay_rows_load(state.get(), "me", &rows) < 0 || relay_note_get(state.get(), "note", &note) < 0 ||
+      phone_state_find_mail(state.get(), 5, "uid-a", &mail) < 0 || relay_account_find(state.get(), "me", &found) < 0 ||
+      reply_begin(state.get(), 1, &first, &text) < 0)
+    return phone_state_error(state.get());
+  for (const reply_entry &r : replies) EXPECT_LE(r.state, reply_state::dropped);
+  for (const auto &[key, row] : rows) EXPECT_LE(row.state, relay_mail_state::copy);
+  return "";
+}
+
+TEST(State, ThatIsNotWhatItWas) {
+  const std::string database = folder / "brisel-phone" / "phone.db";
+  fs::remove_all(folder / "brisel-phone");
+  {
+    phone_state_holder state = open_state();
+    ASSERT_TRUE(account(state.get()) == 0 && on_watch(state.get()) == 0 && take(state.get(), 3, reply_wish()) == 0 &&
+                relay_note_set(state.get(), "note", "kept") == 0);
+  }
+  EXPECT_EQ(reads(), "");
+  const auto bytes = [&] {
+    std::ifstream file(database);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  const std::string good = bytes();
+  const auto put = [&](const std::string &content) {
+    fs::remove_all(folder / "brisel-phone");
+    fs::create_directory(folder / "brisel-phone");
+    std::ofstream(database) << content;
+  };
+  const auto change = [&](const std::string &sql) {
+    put(good);
+    sql_db db;
+    return db.open(database, sql_access::write, 0) == 0 && db.run(sql) == 0 && db.changed() > 0;
+  };
+  for (const char *version : {"6", "99", "-1", "2147483647"}) {
+    put(good);
+    sql_db db;
+    ASSERT_EQ(db.open(database, sql_access::write, 0) | db.run(std::string("PRAGMA user_version = ") + version), 0);
+    db.close();
+    const std::string before = bytes();
+    EXPECT_NE(reads().find("newer version"), std::string::npos) << version;
+    EXPECT_TRUE(bytes() == before) << version;
+  }
+  int refused = 0;
+  const auto whatever = [&](const std::string &content) {
+    put(content);
+    refused += !reads().empty();
+    EXPECT_FALSE(HasFailure()) << content.size();
+    EXPECT_TRUE(content.size() < 512 || bytes().size() >= content.size()) << "it was cut, or begun anew";
+  };
+  whatever(std::string(5000, 'x'));
+  for (size_t size = 1; size < good.size(); size += size < 200 ? 13 : 512) whatever(good.substr(0, size));
+  EXPECT_GT(refused, 20);
+  for (size_t at = 0; at < good.size(); at += at < 100 ? 1 : 61) {
+    std::string one = good;
+    one[at] = static_cast<char>(~one[at]);
+    whatever(one);
+  }
+  int columns = 0;
+  for (const char *table : {"mail", "request", "relay_account", "relay_mail", "outbox", "relay_status"}) {
+    put(good);
+    std::vector<std::string> names;
+    {
+      sql_db db;
+      ASSERT_EQ(db.open(database, sql_access::read, 0), 0);
+      sql_statement query(&db, (std::string("SELECT name FROM pragma_table_info('") + table + "')").c_str());
+      while (query.step() == sql_row) names.push_back(query.text(0));
+    }
+    for (const std::string &name : names)
+      for (const char *value : {"'text'", "x'00ff'", "-1", "9e99", "4611686018427387904", "''"})
+        if (change(std::string("UPDATE ") + table + " SET " + name + " = " + value)) {
+          columns++;
+          reads();
+          EXPECT_FALSE(HasFailure()) << table << "." << name << " = " << value;
+        }
+  }
+  EXPECT_GT(columns, 150);
 }
 
 TEST(Bounds, WhatAWatchAsksForWithoutEnd) {
