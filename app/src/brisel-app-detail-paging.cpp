@@ -95,6 +95,7 @@ void __brisel_detail_aim_at(brisel_detail_view *view_data, int place) {
   page_data *page = __brisel_detail_page_at(view_data, place);
   if (!page || !__brisel_detail_finish_page(view_data, page)) return;
   view_data->aimed_id = page->mail_data->mail_id;
+  view_data->seen_at = -1; /* until its first frame it stands still, and that may take long */
   if (std::abs(__brisel_detail_place_on_screen(view_data) - place) * view_data->page_width < least_slide)
     elm_scroller_page_show(view_data->page_scroller, place, 0);
   else

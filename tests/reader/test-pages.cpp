@@ -231,6 +231,15 @@ TEST_F(Pages, AFlickIsNotUndone) {
     expect_consistent();
     close_reader();
   }
+  /* Nor is one that has no frame yet taken for one that was stopped. */
+  open_reader(ids[1]);
+  __brisel_detail_turn_by(reader(), 1);
+  ASSERT_TRUE(run_until([] { return __brisel_detail_place_on_screen(reader()) > 1; }));
+  __brisel_detail_settle(reader());
+  __brisel_detail_turn_by(reader(), 1);
+  __brisel_detail_settle(reader());
+  rest_reader();
+  EXPECT_EQ(reader()->mail_id, ids[3]);
 }
 
 /* However near to its place a page was left by what stopped it. */
