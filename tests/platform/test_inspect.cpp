@@ -1,6 +1,7 @@
 #include <Ecore.h>
 #include <Ecore_Evas.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -71,6 +72,10 @@ TEST(Inspect, WritesWhatIsDrawn) {
   ecore_evas_shutdown();
   EXPECT_NE(watch({"screenshot", "/nonexistent/folder/shot.png"}).code, 0);
   EXPECT_NE(watch({"screenshot", "shot.gif"}).code, 0);
+  const std::string folder = file + ".png";
+  ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+  EXPECT_NE(watch({"screenshot", folder}).code, 0);
+  EXPECT_NE(access((folder + ".part.png").c_str(), F_OK), 0) << "nothing is left beside it";
 }
 
 TEST(Inspect, IsRefusedUnlessAllowed) {
