@@ -105,6 +105,9 @@ def test_what_stands_keeps_its_place(s):
     for id in s.send(1, *[mail("More", "Text.", f"Ann {n} <ann@example.org>") for n in range(14)]):
         read_on_watch(s, id)
     s.launch()
+    s.tap("account@example.net")
+    s.wait_text(s.text("IDS_EMAIL_TPOP_ONLY_ONE_EMAIL_ACCOUNT_REGISTERED"))
+    s.wait_gone(s.text("IDS_EMAIL_TPOP_ONLY_ONE_EMAIL_ACCOUNT_REGISTERED"))
     place = lambda: [(t["text"], t["y"]) for t in s.seen() if "Ann" in t["text"]]  # noqa: E731
     for way in (None, ("tap", 300, 20), ("key", "more")):  # the list, the delete view, what was sent
         if way:
@@ -122,6 +125,8 @@ def test_what_stands_keeps_its_place(s):
         if way:
             s.watch("key", "back")
             s.wait(lambda: len(s.titles()) == 1, "the list")
+    gone = [line for line in s.complaints() if "is not a valid object" in line]
+    equal(gone, [], "the focus that waited for a toast")
 
 
 def test_broken_settings_read_as_unreadable(s):

@@ -38,8 +38,9 @@ class Session:
             command += ["--keep", str(keep)]
         # The command inside the session hands its environment out and then lives as long as our pipe to it.
         command += ["--", "sh", "-c", "env -0 > \"$BRISEL_SESSION_DIR/env\"; echo \"$BRISEL_SESSION_DIR\"; exec cat > /dev/null"]
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                                        text=True, env={**os.environ, **(env or {})})
+        self.errors = tempfile.TemporaryFile("w+", errors="replace")
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors, text=True,
+                                        env={**os.environ, **(env or {})})
         line = self.process.stdout.readline().strip()
         if not line:
             raise RuntimeError("brisel-session did not start")
@@ -72,6 +73,7 @@ class Session:
                 self.process.terminate()
                 self.process.wait()
         self.process.stdout.close()
+        self.errors.close()
 
     # --- tools -------------------------------------------------------------------------------------------------
 
@@ -248,6 +250,11 @@ class Session:
     def log(self):
         path = self.dir / "brisel.log"
         return path.read_text(errors="replace") if path.exists() else ""
+
+    def complaints(self):
+        """What the toolkit has told of as faults."""
+        self.errors.seek(0)
+        return [line.strip() for line in self.errors if line.startswith(("ERR<", "CRI<"))]
 
     def text(self, id, domain="brisel"):
         """The translation of an id, from the catalogue that the application reads."""
