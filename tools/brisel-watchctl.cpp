@@ -167,11 +167,17 @@ int fail(const std::string &text) {
   return 1;
 }
 
+int wrong(const std::string &text) {
+  fail(text);
+  return 2;
+}
+
 int main(int argc, char **argv) {
   CLI::App app{"The watch around an application of Brisel: keys, settings, contacts, and its screen",
                "brisel-watchctl"};
   app.set_version_flag("--version", std::string("brisel-watchctl ") + BRISEL_VERSION);
   app.require_subcommand(1);
+  app.footer("Ends with 0 when it is done, 1 when it could not be done, 2 when the command line makes no sense.");
   app.add_option("--app", app_id, "the application, by its id")->capture_default_str();
   app.fallthrough();
   app.get_option("--app")->check([](const std::string &id) {
@@ -190,9 +196,8 @@ int main(int argc, char **argv) {
   } catch (const CLI::ParseError &error) {
     const std::vector<std::string> unknown = app.remaining(true);
     const bool no_such = error.get_name() == "RequiredError" && !unknown.empty();
-    fail(no_such ? (unknown.front()[0] == '-' ? "no such option: " : "no such command: ") + unknown.front()
-                 : error.what());
-    return 2;
+    return wrong(no_such ? (unknown.front()[0] == '-' ? "no such option: " : "no such command: ") + unknown.front()
+                         : error.what());
   }
   if (fflush(stdout) != 0 || ferror(stdout))
     return fail(std::string("standard output cannot be written: ") + strerror(errno));

@@ -80,15 +80,17 @@ int send(sd_bus *bus, const char *interface, sd_bus_message *m, double seconds, 
 }
 
 int launch(const std::vector<std::string> &pairs) {
+  for (const std::string &pair : pairs)
+    if (const size_t equals = pair.find('='); equals == 0 || equals == std::string::npos)
+      return wrong("not KEY=VALUE: " + pair);
   const bus_ptr bus = open_bus();
   if (!bus) return 1;
   const message_ptr m = new_call(bus.get(), application_interface, "Launch", true);
   if (!m || sd_bus_message_open_container(m.get(), 'a', "{ss}") < 0) return fail("the call cannot be put together");
   for (const std::string &pair : pairs) {
     const size_t equals = pair.find('=');
-    if (equals == 0 || equals == std::string::npos) return fail("not KEY=VALUE: " + pair);
     if (sd_bus_message_append(m.get(), "{ss}", pair.substr(0, equals).c_str(), pair.substr(equals + 1).c_str()) < 0)
-      return fail("not text in UTF-8: " + pair);
+      return wrong("not text in UTF-8: " + pair);
   }
   sd_bus_message_close_container(m.get());
   message_ptr answer;
@@ -140,7 +142,7 @@ int print_answer(const char *method, bool with_reset, bool reset) {
 int screenshot(const std::string &file) {
   std::error_code error;
   const std::filesystem::path path = std::filesystem::absolute(file, error);
-  if (error || file.empty()) return fail("'" + file + "' is no file's name");
-  if (path.extension() != ".png") return fail("the picture is a PNG, so its name ends in .png: " + file);
+  if (error || file.empty()) return wrong("'" + file + "' is no file's name");
+  if (path.extension() != ".png") return wrong("the picture is a PNG, so its name ends in .png: " + file);
   return call(inspect_interface, "Screenshot", answer_seconds, "s", path.c_str());
 }

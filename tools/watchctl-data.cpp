@@ -81,13 +81,13 @@ int setting_set(const std::string &key, const std::string &type, const std::stri
   int r;
   if (type == "bool") {
     if (value != "true" && value != "false" && value != "1" && value != "0")
-      return fail("a bool is true or false: " + value);
+      return wrong("a bool is true or false: " + value);
     r = vconf_set_bool(key.c_str(), value == "true" || value == "1");
   } else if (type == "int") {
     char *end;
     errno = 0;
     const long number = strtol(value.c_str(), &end, 10);
-    if (value.empty() || *end || errno || number < INT_MIN || number > INT_MAX) return fail("not an int: " + value);
+    if (value.empty() || *end || errno || number < INT_MIN || number > INT_MAX) return wrong("not an int: " + value);
     r = vconf_set_int(key.c_str(), static_cast<int>(number));
   } else {
     r = vconf_set_str(key.c_str(), value.c_str());

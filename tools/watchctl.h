@@ -1,4 +1,5 @@
-/* What the files of brisel-watchctl share. Functions return the exit code and tell errors themselves. */
+/* What the files of brisel-watchctl share. Functions return the exit code and tell errors themselves: 0 it is done, 1
+   it could not be done, 2 the command line makes no sense, whatever there is on the watch. */
 #ifndef BRISEL_TOOLS_WATCHCTL_H
 #define BRISEL_TOOLS_WATCHCTL_H
 
@@ -19,6 +20,8 @@ using text_ptr = std::unique_ptr<char, text_free>;
 
 /* One line on standard error; 1. */
 int fail(const std::string &text);
+/* The same for what makes no sense; 2. */
+int wrong(const std::string &text);
 
 /* --- watchctl-bus.cpp: the application on the bus --- */
 
@@ -46,7 +49,7 @@ int call(const char *interface, const char *method, double seconds, const char *
   const bus_ptr bus = open_bus();
   if (!bus) return 1;
   const message_ptr m = new_call(bus.get(), interface, method, false);
-  if (!m || sd_bus_message_append(m.get(), types, args...) < 0) return fail("the text is not in UTF-8");
+  if (!m || sd_bus_message_append(m.get(), types, args...) < 0) return wrong("the text is not in UTF-8");
   return send(bus.get(), interface, m.get(), seconds);
 }
 
