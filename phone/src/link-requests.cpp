@@ -146,7 +146,7 @@ void leave_out(phone_link *link) {
   ask_for_rest(link);
 }
 
-waiting_request take_out(phone_link *link, std::deque<waiting_request>::iterator place) {
+waiting_request take_out(phone_link *link, const std::deque<waiting_request>::iterator &place) {
   waiting_request request = std::move(*place);
   link->requests.erase(place);
   link->requests_bytes -= bytes_of(request);
@@ -160,8 +160,8 @@ nlohmann::json read_request(const std::string &line) {
   nlohmann::json request = nlohmann::json::parse(
       line,
       [&too_deep](int depth, nlohmann::json::parse_event_t event, const nlohmann::json &) {
-        using enum nlohmann::json::parse_event_t;
-        const bool deeper = depth >= kDeepest && (event == object_start || event == array_start);
+        using what = nlohmann::json::parse_event_t;
+        const bool deeper = depth >= kDeepest && (event == what::object_start || event == what::array_start);
         too_deep = too_deep || deeper;
         return !deeper;
       },
