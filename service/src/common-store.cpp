@@ -153,23 +153,27 @@ int start_part(reader_query all, int account_id, const brisel_mail_place *after,
   return status;
 }
 
-/* A mail with the first most bytes of its body. */
-int read_one(int mail_id, size_t most, full_noti_data *out, bool *is_whole) {
-  if (!out || mail_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
+/* The row of one id, which fill makes out of it: 0, or the error. */
+template <typename row_fill>
+int read_row(reader_query which, int id, const void *out, row_fill fill) {
+  if (!out || id <= 0) return BRISEL_COMMON_ERROR_INVALID;
   if (!opened) return BRISEL_COMMON_ERROR_STORE;
   sql_statement *q = nullptr;
-  const int status = reader_start(reader_mail, &q);
+  const int status = reader_start(which, &q);
   if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
-  const sql_result r = q->bind(mail_id).step();
-  int read = 0;
-  if (r == sql_row) {
-    records_clear_mail(out);
-    read = read_head(nullptr, q, out) ? 0 : BRISEL_COMMON_ERROR_MEMORY;
-    if (!read && most) read = read_beginning(q, most, out, is_whole);
-  }
+  const sql_result r = q->bind(id).step();
+  const int read = r == sql_row ? fill(q) : BRISEL_COMMON_ERROR_NOT_FOUND;
   const int done = reader_done(q, read == BRISEL_COMMON_ERROR_STORE ? sql_failed : r);
-  if (done) return done;
-  return r == sql_row ? read : BRISEL_COMMON_ERROR_NOT_FOUND;
+  return done ? done : read;
+}
+
+/* A mail with the first most bytes of its body. */
+int read_one(int mail_id, size_t most, full_noti_data *out, bool *is_whole) {
+  return read_row(reader_mail, mail_id, out, [=](sql_statement *q) -> int {
+    records_clear_mail(out);
+    if (!read_head(nullptr, q, out)) return BRISEL_COMMON_ERROR_MEMORY;
+    return most ? read_beginning(q, most, out, is_whole) : 0;
+  });
 }
 
 }  // namespace
@@ -239,21 +243,10 @@ int brisel_db_get_all_account_data(GSList **list) {
 }
 
 int brisel_db_get_account_data_by_account_id(int account_id, account_data *out) {
-  if (!out || account_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
-  if (!opened) return BRISEL_COMMON_ERROR_STORE;
-  sql_statement *q = nullptr;
-  const int status = reader_start(reader_account, &q);
-  if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
-  const sql_result r = q->bind(account_id).step();
-  bool whole = true;
-  if (r == sql_row) {
+  return read_row(reader_account, account_id, out, [=](sql_statement *q) -> int {
     records_clear_account(out);
-    whole = read_account(q, out);
-  }
-  const int done = reader_done(q, r);
-  if (done) return done;
-  if (r != sql_row) return BRISEL_COMMON_ERROR_NOT_FOUND;
-  return whole ? 0 : BRISEL_COMMON_ERROR_MEMORY;
+    return read_account(q, out) ? 0 : BRISEL_COMMON_ERROR_MEMORY;
+  });
 }
 
 int brisel_db_get_full_noti_data_by_mail_id(int mail_id, full_noti_data *out) {
