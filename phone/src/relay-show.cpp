@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "mail-files.h"
@@ -13,6 +14,9 @@ namespace {
 
 /* Bytes of the text from the place on that the command is told: enough to find it. */
 constexpr size_t words_bytes = 80;
+/* Mails shown in one minute at most: each is a command that nobody waits for. */
+constexpr unsigned shown_max = 32;
+constexpr int64_t shown_within = 60; /* seconds */
 
 /* In the command, which does not inherit what its parent's loop listens for. */
 void forget_signals_cb(void *user_data) {
@@ -20,6 +24,20 @@ void forget_signals_cb(void *user_data) {
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   setsid();
+}
+
+/* Whether another one may be; what may not is said once. */
+bool has_turn() {
+  static int64_t since = -shown_within;
+  static unsigned shown = 0;
+  timespec now = {};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  if (now.tv_sec - since >= shown_within) {
+    since = now.tv_sec;
+    shown = 0;
+  }
+  if (shown == shown_max) link_log("the watch hands over more mails than can be shown; the next ones are left out");
+  return shown++ < shown_max;
 }
 
 /* The first line at the place. */
@@ -68,6 +86,7 @@ void show_mails(relay *r, const nlohmann::json &request) {
     sent_mail mail;
     const int position = position_of(request, i);
     if (phone_state_find_number(r->state.get(), request["id_list"][i].get<int>(), &mail) <= 0) continue;
+    if (!has_turn()) return;
     std::string address;
     for (const auto &a : r->accounts)
       if (a->account_id == mail.account_id) address = a->settings.address;

@@ -36,7 +36,7 @@ def test_mailbox_and_watch_stay_equal(s):
     box.deliver(message("unread@x", "Unread"), flags="")
     box.deliver(message("hidden@x"), base=".hidden")  # what begins so is not delivered yet
     shown = s.dir / "shown"
-    box, mta, relay = follow(s, "--show", f"sh -c 'env >{shown}.part; mv {shown}.part {shown}'")
+    box, mta, relay = follow(s, "--show", f"sh -c 'env >{shown}.part; mv {shown}.part {shown}; echo >>{shown}.all'")
     s.wait(lambda: uids(s) == {"old@x", "unread@x"}, "the first mails")
     mails = by_uid(s)
     equal([mails["old@x"][k] for k in ("is_read", "is_new", "received_time")], [1, 0, 1789000000], "read mail")
@@ -50,6 +50,10 @@ def test_mailbox_and_watch_stay_equal(s):
     equal(sorted(line.partition("=")[2] for line in shown.read_text().splitlines() if line.startswith("BRISEL_") and
                  line[7:10] in ("MES", "FIL", "ADD", "POS", "WOR")),
           sorted(["new@x", str(box.path / "new" / new), "me@example.org", "2", "dy"]), "what it was told")
+
+    call_watch(s, "Show", "string:email", ids_text([by_uid(s)["new@x"]["mail_id"]] * 100))
+    s.wait(lambda: "left out" in relay.log(), "a watch that hands over without end")
+    s.wait(lambda: len(pathlib.Path(f"{shown}.all").read_text()) == 32, "what may be shown in a minute")
 
     box.set_flags(new, "S")
     s.wait(lambda: by_uid(s)["new@x"]["is_read"] == 1, "read elsewhere")
