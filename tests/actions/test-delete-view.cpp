@@ -1,6 +1,7 @@
 /* Selecting mails and deleting them at once; and how the views end. */
 #include <functional>
 
+#include "../../app/src/brisel-app-journal.h"
 #include "actions-test.h"
 #include "brisel-app-delete-view.h"
 
@@ -68,6 +69,17 @@ TEST_F(deleting, RowsBoxesAndTheWholeSelection) {
   press("btn1");
   views_become(1);
   expect_no_request("delete_notis");
+
+  ASSERT_EQ(brisel_crete_delete_view(&test_ad), 0);
+  views_become(2);
+  for (int i : {2, 0}) tap_row(i, list());
+  press("btn2");
+  EXPECT_TRUE(visible(text("IDS_COM_SK_OK")));
+  EXPECT_TRUE(run_until([] {
+    tap(text_at(text("IDS_COM_SK_OK"))); /* not at once, behind the touch before */
+    return views() == 1;
+  }));
+  EXPECT_EQ(request("delete_notis").at("id_list"), (std::vector<int>{ids[2], ids[0]})) << "as they were ticked";
 }
 
 TEST_F(deleting, NothingMovesOnWhileTheDisplayIsOff) {
@@ -173,17 +185,27 @@ TEST_F(deleting, EveryViewEndsOnceHoweverItIsLeft) {
       [] { brisel_create_account_selection_popup(&test_ad); },
       [] { brisel_crete_delete_view(&test_ad); },
       [] { brisel_create_toast_popup(&test_ad, "x"); },
+      [&] {
+        brisel_detail_draw_view(id, 0, &test_ad); /* makes a row of what was sent */
+        views_become(2);
+        brisel_journal_draw_view(&test_ad);
+        views_become(3);
+        EXPECT_TRUE(run_until([] { return !rows().empty(); }));
+        tap_row(0);
+        language("de_DE.UTF-8");
+      },
   };
   const struct {
     end how;
     std::vector<int> views;
   } table[] = {
-      {end::by_launch, {call, template_question, typed}},
-      {end::by_deletion, {reply_method, template_question}},
-      {end::by_window, {typed, on_mailbox, on_mailbox + 1, on_mailbox + 2, on_mailbox + 3, on_mailbox + 4}},
+      {end::by_launch, {call, template_question, typed, on_mailbox + 5}},
+      {end::by_deletion, {reply_method, template_question, on_mailbox + 5}},
+      {end::by_window,
+       {typed, on_mailbox, on_mailbox + 1, on_mailbox + 2, on_mailbox + 3, on_mailbox + 4, on_mailbox + 5}},
       {end::by_exit,
        {delete_question, reply_method, call, template_question, typed, on_mailbox + 1, on_mailbox + 2, on_mailbox + 3,
-        on_mailbox + 4}},
+        on_mailbox + 4, on_mailbox + 5}},
   };
   contact("ann@example.org", {":+1", ":+2"});
   for (const auto &one : table)

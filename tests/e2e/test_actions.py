@@ -244,34 +244,5 @@ def test_a_service_that_dies_loses_nothing(s):
     equal(stored(s), ids[:2], "mails")
 
 
-def open_delete_view(s):
-    width, _ = s.size()
-    s.watch("tap", width - 28, 28)
-    s.wait_text(s.text("IDS_COM_SK_CANCEL"))
-
-
-def delete_button(s):
-    shown = [t for t in s.seen() if t["text"] == s.text("IDS_EMAIL_BODY_DELETE")]
-    s.watch("tap", *middle(max(shown, key=lambda t: t["y"])))
-
-
-def test_delete_view_order_and_one(s):
-    _, _, ids = arrange(s, mails=3)
-    s.launch()
-    s.wait_text("S3")
-    open_delete_view(s)
-    delete_button(s)
-    assert not s.shows(s.text("IDS_COM_SK_OK"), part=False), "nothing is selected"
-    s.tap("S2")
-    delete_button(s)
-    s.wait_text(s.text("IDS_ST_POP_1_ITEM_WILL_BE_DELETED_FROM_THE_ZOLT_ONLY"))
-    s.tap(s.text("IDS_EMAIL_SK_CANCEL_ABB"), part=False)
-    s.tap("S3")
-    delete_button(s)
-    s.tap(s.text("IDS_COM_SK_OK"))
-    s.wait(lambda: deletes(s) == [[ids[1], ids[2]]], "the ids in the order of selection")
-    s.wait(lambda: stored(s) == [ids[0]], "one mail left")
-
-
 if __name__ == "__main__":
     main(globals())
