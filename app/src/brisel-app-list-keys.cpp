@@ -211,17 +211,26 @@ int brisel_view_focused_place(Evas_Object *list) {
   return row ? elm_genlist_item_index_get(row) - 1 : -1; /* the toolkit counts from one */
 }
 
-/* Popups have the focus for themselves. NULL: none has it. */
-static const Evas_Object *_popup_with_focus(Evas_Object *naviframe) {
-  Evas_Object *focused = app_efl_focused(naviframe);
-  for (; focused; focused = elm_object_parent_widget_get(focused))
-    if (!strcmp(elm_object_widget_type_get(focused), "Elm_Popup")) return focused;
+static const Evas_Object *_popup_around(const Evas_Object *object) {
+  for (; object; object = elm_object_parent_widget_get(object))
+    if (!strcmp(elm_object_widget_type_get(object), "Elm_Popup")) return object;
   return nullptr;
+}
+
+/* Popups have the focus for themselves: the one that has it, or one with a list, from which a finger that was lifted
+   after a long press gave it to what it lay on. NULL: there is none. */
+static const Evas_Object *_popup_for_keys(Evas_Object *naviframe) {
+  const Evas_Object *popup = _popup_around(app_efl_focused(naviframe));
+  const Eina_List *cell;
+  const void *list;
+  EINA_LIST_FOREACH(lists, cell, list)
+  if (!popup) popup = _popup_around((const Evas_Object *)list);
+  return popup;
 }
 
 void brisel_view_focus_list(Evas_Object *naviframe) {
   Elm_Object_Item *top = elm_naviframe_top_item_get(naviframe);
-  const Evas_Object *holder = _popup_with_focus(naviframe);
+  const Evas_Object *holder = _popup_for_keys(naviframe);
   if (!holder && top) holder = elm_object_item_part_content_get(top, nullptr);
   Eina_List *cell;
   void *list;

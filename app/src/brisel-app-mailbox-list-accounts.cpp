@@ -230,6 +230,7 @@ static void _popup_response_cb(void *data, Evas_Object *obj, void *event_info) {
     return;
   }
   brisel_util_drop_popup(&ad->account_popup);
+  brisel_view_focus_list(ad->naviframe);
 }
 
 static void _gl_popup_sel(void *data, Evas_Object *obj, void *event_info) {
