@@ -208,7 +208,9 @@ TEST(Reader, EveryBody) {
                {"one word of 1 MB", std::string(1000000, 'w')},
                {"100,000 short lines", short_lines(100000)},
                {"deep quotes 1 MB", deep_quotes(1000000)},
-               {"folded quote 1 MB", prose("Latin", 1000000, "> ")}};
+               {"folded quote 1 MB", prose("Latin", 1000000, "> ")},
+               {"Hindi 4 MB", prose("Hindi", 4000000)},
+               {"folded quote 4 MB", prose("Latin", 4000000, "> ")}};
   /* The first body stands beside a frame, the others beside the first. */
   const std::vector<double> frame = {1000.0 / 60};
   const char *const a_frame = "a frame at 60 Hz", *beside = a_frame;

@@ -17,6 +17,7 @@
 #ifndef BRISEL_COMMON_H
 #define BRISEL_COMMON_H
 
+#include <cstddef>
 #include <ctime>
 
 #include <glib.h>
@@ -204,6 +205,11 @@ int brisel_db_get_noti_head_by_mail_id(int mail_id, full_noti_data *out);
 /* The same with the beginning of its body: up to the last character that is whole within most bytes. *is_whole: 0 when
    there is more of it, perhaps a continuation tag, and the rest was not read. */
 int brisel_db_get_noti_beginning_by_mail_id(int mail_id, int most, full_noti_data *out, int *is_whole);
+/* Its body in pieces, which take no memory of its size: from a byte on, most bytes at most, handed to the callback
+   (which reads nothing else meanwhile) until that returns 0. Once at least, with a length of 0 where there is nothing.
+   A character may be cut. size: of the whole body, which may be another one with the next call. */
+typedef int (*brisel_body_cb)(const char *piece, size_t length, size_t size, void *data);
+int brisel_db_walk_body_by_mail_id(int mail_id, size_t from, size_t most, brisel_body_cb callback, void *data);
 /* *list: newest first by received_time, equal times by ascending mail id (the order in which live insertion
    places them); free with brisel_full_noti_data_list_free, never record by record. account_id 0: all. */
 int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **list, int *count);

@@ -13,6 +13,7 @@
 
 #include "brisel-app-utils.h"
 #include "brisel-scoped.h"
+#include "platform-pages.h"
 #include "platform-paths.h"
 
 /* A block of this many bytes is about two screens high and takes a few milliseconds to lay out in any script. */
@@ -22,6 +23,8 @@ constexpr size_t block_bytes_min = 256;
 constexpr size_t block_bytes_max = 1280;
 /* Line breaks are cheap to store and tall to show. */
 constexpr int block_lines_max = 24;
+/* Bytes, of which the memory is got at once. */
+constexpr size_t long_text = 64 << 10;
 /* Pixels per byte before anything has been measured. */
 constexpr double first_guess = 1.0;
 
@@ -556,6 +559,24 @@ void brisel_detail_body_place(Evas_Object *layout) {
   if (body->rest) evas_object_smart_changed(body->rest);
 }
 
+/* The text is another one from the block on: cuts it anew from there. */
+static void _cut_from(detail_body *body, size_t index, size_t start) {
+  const bool continues = index && body->blocks[index].shown;
+  for (size_t i = index; i < body->blocks.size(); i++) _hide_block(body->blocks[i]);
+  body->blocks.resize(index);
+  text_block next = {.start = start, .continues = continues};
+  if (index && body->text[start - 1] != '\n') next.along = _open_direction(body->text, body->blocks.back(), start);
+  body->blocks.push_back(next);
+  _cut_rest(body);
+  if (!index) {
+    body->first_settled = false;
+    _show_first_block(body);
+  }
+  if (!body->rest) return;
+  _update_least_size(body);
+  evas_object_smart_changed(body->rest);
+}
+
 void brisel_detail_body_set(Evas_Object *layout, std::string plain, const std::vector<text_mark> &marks) {
   detail_body *body = _body_of(layout);
   if (!body) return;
@@ -567,22 +588,22 @@ void brisel_detail_body_set(Evas_Object *layout, std::string plain, const std::v
   /* Blocks stay up to the last one that the old text filled: what comes behind it is cut anew. */
   size_t keep = 0;
   while (!fresh && keep + 1 < body->blocks.size() && _end_of(body, keep) <= same) keep++;
-  size_t cut_from = keep ? _end_of(body, keep - 1) : 0;
-  const bool continues = keep && body->blocks[keep].shown;
-  for (size_t i = keep; i < body->blocks.size(); i++) _hide_block(body->blocks[i]);
-  body->blocks.resize(keep);
+  const size_t start = keep ? _end_of(body, keep - 1) : 0;
   body->text = std::move(plain);
-  text_block next = {.start = cut_from, .continues = continues};
-  if (keep && body->text[cut_from - 1] != '\n') next.along = _open_direction(body->text, body->blocks.back(), cut_from);
-  body->blocks.push_back(next);
-  _cut_rest(body);
-  if (!keep) {
-    body->first_settled = false;
-    _show_first_block(body);
-  }
-  if (!body->rest) return;
-  _update_least_size(body);
-  evas_object_smart_changed(body->rest);
+  _cut_from(body, keep, start);
+}
+
+void brisel_detail_body_append(Evas_Object *layout, std::string_view plain, const std::vector<text_mark> &marks,
+                               size_t most) {
+  detail_body *body = _body_of(layout);
+  if (!body || plain.empty()) return;
+  if (body->text.empty()) return brisel_detail_body_set(layout, std::string(plain), marks);
+  body->marks = marks;
+  const size_t size = body->text.size();
+  if (body->text.capacity() < size + plain.size()) body->text.reserve(std::max(most, size + plain.size()));
+  if (plain.size() >= long_text) platform_pages_get(body->text.data() + size, plain.size());
+  body->text.append(plain);
+  _cut_from(body, body->blocks.size() - 1, body->blocks.back().start);
 }
 
 void brisel_detail_body_set_font_size(Evas_Object *layout, int size) {

@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /* A line that a tap means something on: the theme's tag "fold". Offset and length in bytes. */
@@ -28,6 +29,9 @@ void brisel_detail_body_place(Evas_Object *layout);
 /* Shows the text literally; plain: as brisel_detail_plain_text() makes it. The blocks that the old and the new text
    share stay as they are, so the reader's place does not move when a body grows. marks (copied): in order. */
 void brisel_detail_body_set(Evas_Object *layout, std::string plain, const std::vector<text_mark> &marks = {});
+/* The same with more of the text behind what is shown. most: so long it may become. */
+void brisel_detail_body_append(Evas_Object *layout, std::string_view plain, const std::vector<text_mark> &marks,
+                               size_t most);
 /* The text size (0 small, 1 normal, 2 large) of the further blocks; the layout's own parts are the caller's to tell.
    The text at the top of the screen stays there. */
 void brisel_detail_body_set_font_size(Evas_Object *layout, int size);

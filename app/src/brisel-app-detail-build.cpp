@@ -1,7 +1,7 @@
 /* Building pages: the one that is opened at once, those beside it step by step while the loop is idle, so that no frame
    waits for them. A page stands in its slot from the first step on; what is needed sooner is built to its end then.
-   It is built of the beginning of a long body: the rest comes, in two more steps, when it is the one that is read, and
-   so do the buttons below a text that is longer than the screen. Paging and the main file call it. */
+   It is built of the beginning of a long body: the rest comes, a piece with each step, when it is the one that is read,
+   and so do the buttons below a text that is longer than the screen. Paging and the main file call it. */
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
@@ -13,9 +13,8 @@
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 
-/* Of a body, for the first screens: a multiple of what they show, so that folds find their ends; and where they hide
-   nearly all of it. */
-constexpr int beginning_bytes = 16 << 10, long_beginning_bytes = 64 << 10;
+/* Of a body, for the first screens: a multiple of what they show, so that folds find their ends. */
+constexpr int beginning_bytes = 16 << 10;
 static const char part_scroller[] = "scroller";
 
 /* --- the steps --- */
@@ -42,15 +41,18 @@ int __brisel_detail_read(const brisel_detail_view *view_data, const page_data *p
   return result;
 }
 
-void __brisel_detail_want_more(page_data *page) {
-  page->wanted = page->wanted < long_beginning_bytes ? long_beginning_bytes : INT_MAX;
-}
-
 static bool __brisel_detail_read_mail(const brisel_detail_view *view_data, page_data *page) {
   const int result = __brisel_detail_read(view_data, page, page->mail_data, &page->rest);
   page->has_mail = result == 0;
   if (result != 0) BRISEL_ERROR("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d]", result);
   return result == 0;
+}
+
+/* Of a body that cannot be read in pieces, or was another one in the midst of them. */
+static bool __brisel_detail_read_whole(const brisel_detail_view *view_data, page_data *page) {
+  __brisel_detail_free_text(page);
+  page->wanted = INT_MAX;
+  return __brisel_detail_read_mail(view_data, page);
 }
 
 page_data *__brisel_detail_draw_bare_page(brisel_detail_view *view_data, int mail_id) {
@@ -113,7 +115,6 @@ static bool __brisel_detail_fill_page(brisel_detail_view *view_data, page_data *
   evas_object_resize(detail, page->width, page->height);
   evas_object_hide(detail); /* until it has its place: it would lie over the page that is read, and take its touches */
   brisel_detail_body_attach(detail, page->scroller);
-  if (page->rest == DETAIL_REST_READ) page->rest = DETAIL_REST_NONE;
   __brisel_detail_draw_view_components(view_data, page);
   return true;
 }
@@ -131,11 +132,8 @@ static bool __brisel_detail_build_on(brisel_detail_view *view_data, page_data *p
     __brisel_detail_read_body(page);
     return true;
   }
-  if (!page->detail_layout && page->rest == DETAIL_REST_IN_STORE && !__brisel_detail_is_beginning_enough(page)) {
-    __brisel_detail_free_text(page);
-    __brisel_detail_want_more(page);
-    return __brisel_detail_read_mail(view_data, page);
-  }
+  if (!page->detail_layout && page->rest == DETAIL_REST_IN_STORE && !__brisel_detail_is_beginning_enough(page))
+    return __brisel_detail_read_on(page) || __brisel_detail_read_whole(view_data, page);
   if (!page->detail_layout) return __brisel_detail_fill_page(view_data, page);
   if (page->is_built)
     __brisel_detail_draw_buttons(view_data, page);
@@ -159,24 +157,12 @@ static bool __brisel_detail_rest_on(brisel_detail_view *view_data, page_data *pa
     __brisel_detail_draw_buttons(view_data, page);
     return true;
   }
-  if (page->rest == DETAIL_REST_READ) {
-    page->rest = DETAIL_REST_NONE;
-    __brisel_detail_set_body(page);
-    __brisel_detail_draw_device_notice(page);
-    return true;
-  }
-  page->wanted = INT_MAX;
-  scoped_noti mail(brisel_full_noti_data_create());
-  unsigned char rest = DETAIL_REST_NONE;
-  const int result = mail ? __brisel_detail_read(view_data, page, mail.get(), &rest) : BRISEL_COMMON_ERROR_MEMORY;
-  page->is_rest_lost = result != 0;
-  if (result != 0) {
-    BRISEL_ERROR("brisel_db_get_full_noti_data_by_mail_id() failed! err:[%d]", result);
-    return false;
-  }
-  std::swap(page->mail_data->body, mail->body);
-  page->rest = DETAIL_REST_READ;
-  return true;
+  bool is_other = false;
+  const bool is_read = __brisel_detail_read_rest(page, &is_other);
+  if (is_other) __brisel_detail_renew_page(view_data, page);
+  page->is_rest_lost = !is_read && !is_other;
+  if (page->rest == DETAIL_REST_NONE) __brisel_detail_draw_device_notice(page);
+  return !page->is_rest_lost;
 }
 
 void __brisel_detail_finish_rest(brisel_detail_view *view_data, page_data *page) {

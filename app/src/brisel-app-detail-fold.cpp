@@ -33,8 +33,11 @@ static size_t _plain_run(const char *s, size_t length) {
     for (size_t n = 0; all && n < count; n++) all = (bytes[i + n] & 0xC0) == 0x80;
     return all;
   };
-  const auto is_separator = [&](size_t i) {
-    return bytes[i] == 0xE2 && bytes[i + 1] == 0x80 && (bytes[i + 2] & 0xFE) == 0xA8;
+  /* Neither too long for its letter, nor half of a pair, nor a line break. */
+  const auto is_letter_of_three = [&](size_t i) {
+    if (bytes[i] == 0xE0) return bytes[i + 1] >= 0xA0;
+    if (bytes[i] == 0xED) return bytes[i + 1] < 0xA0;
+    return bytes[i] != 0xE2 || bytes[i + 1] != 0x80 || (bytes[i + 2] & 0xFE) != 0xA8;
   };
   for (size_t at = 0;;) {
     const size_t begin = at;
@@ -45,7 +48,7 @@ static size_t _plain_run(const char *s, size_t length) {
     }
     while (at < length && bytes[at] && bytes[at] < 0x80 && bytes[at] != '\r') at++;
     while (at < length && bytes[at] >= 0xC2 && bytes[at] < 0xE0 && tails(at + 1, 1)) at += 2;
-    while (at < length && bytes[at] > 0xE0 && bytes[at] < 0xED && tails(at + 1, 2) && !is_separator(at)) at += 3;
+    while (at < length && bytes[at] >= 0xE0 && bytes[at] < 0xF0 && tails(at + 1, 2) && is_letter_of_three(at)) at += 3;
     while (at < length && bytes[at] == 0xF0 && tails(at + 1, 3) && bytes[at + 1] >= 0x90) at += 4;
     if (at == begin) return at;
   }
@@ -77,11 +80,24 @@ std::string brisel_detail_plain_text(const char *text, size_t length) {
   return plain;
 }
 
+size_t brisel_detail_whole_part(const char *piece, size_t length) {
+  if (length && piece[length - 1] == '\r') return length - 1;
+  for (size_t tail = 1; tail <= std::min(length, (size_t)3); tail++) {
+    const auto first = (unsigned char)piece[length - tail];
+    if ((first & 0xC0) == 0x80) continue;
+    const size_t wanted = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : first >= 0xC0 ? 2 : 1;
+    return wanted > tail ? length - tail : length;
+  }
+  return length;
+}
+
 /* --- what is folded --- */
 
-/* A text, or the beginning of one: what is told of its lines may hang on what follows then. */
+/* A text, or a piece of one: what is told of its lines may hang on what follows then. */
 struct fold_text {
   std::string_view all;
+  size_t judged;       /* nothing before that line is looked at */
+  bool is_announced;   /* as the lines before that one say, a mail is passed on */
   bool is_looked_past; /* since this was last cleared, its end was looked for what may follow */
 };
 
@@ -110,18 +126,6 @@ static bool _is_quoted(fold_text *text, size_t start) {
 
 static std::string_view _line_of(fold_text *text, size_t start) {
   return text->all.substr(start, _line_end(text, start) - start);
-}
-
-/* The quoted lines from start on; a blank line between two of them is one more. */
-static line_run _quoted_run(fold_text *text, size_t start) {
-  line_run run = {start, 0};
-  for (size_t at = start; _is_quoted(text, at);) {
-    run.end = _line_end(text, at);
-    run.lines++;
-    at = run.end + 1;
-    if (_letter_at(text, at) == '\n' && _is_quoted(text, at + 1)) at++;
-  }
-  return run;
 }
 
 /* What programs write above the mail that is answered, where they mark its lines with nothing. */
@@ -177,13 +181,18 @@ static bool _is_head_line(std::string_view line, const char *const (&names)[coun
   return false;
 }
 
-/* Is the mail below announced as one that is passed on? Then it is what there is to read. */
-static bool _is_passed_on(std::string_view text, size_t start) {
-  size_t end = text.substr(0, start).find_last_not_of(" \n");
-  if (end == std::string_view::npos) return true;
-  size_t before = text.rfind('\n', end);
-  std::string_view line = text.substr(0, end + 1).substr(before == std::string_view::npos ? 0 : before + 1);
+/* Does the line, without the blanks at its end, announce the mail below as one that is passed on? Then it is what there
+   is to read. */
+static bool _announces(std::string_view line) {
   return line.ends_with(':') || (line.starts_with("--") && line.find_first_not_of("-") != std::string_view::npos);
+}
+
+static bool _is_passed_on(const fold_text *text, size_t start) {
+  const std::string_view above = text->all.substr(text->judged, start - text->judged);
+  const size_t end = above.find_last_not_of(" \n");
+  if (end == std::string_view::npos) return text->is_announced;
+  const size_t before = above.rfind('\n', end);
+  return _announces(above.substr(0, end + 1).substr(before == std::string_view::npos ? 0 : before + 1));
 }
 
 /* The bytes that a line of a head may begin with: with a divider, with what stands before a name, or with a name. Asked
@@ -203,7 +212,7 @@ static bool _begins_history(fold_text *text, size_t start) {
       if (line.find(words) != std::string_view::npos) return true;
     return false;
   }
-  if (!_is_head_line(line, from_words) || _is_passed_on(text->all, start)) return false;
+  if (!_is_head_line(line, from_words) || _is_passed_on(text, start)) return false;
   size_t at = start + line.size() + 1;
   for (int n = 0; n < most_head_lines && _letter_at(text, at) && text->all[at] != '\n'; n++) {
     line = _line_of(text, at);
@@ -214,11 +223,11 @@ static bool _begins_history(fold_text *text, size_t start) {
 }
 
 /* The signature whose line of hyphens starts there: up to the end, or to what it was put above. */
-static line_run _signature_run(fold_text *text, size_t start) {
+static line_run _signature_run(fold_text *text, size_t start, bool is_first) {
   if (text->all[start] != '-') return {start, 0};
   std::string_view line = _line_of(text, start);
   line_run run = {start, 0};
-  if (start == 0 || (line != "-- " && line != "--")) return run;
+  if (is_first || (line != "-- " && line != "--")) return run;
   size_t at = start + line.size() + 1;
   while (_letter_at(text, at) && !_is_quoted(text, at) && !_begins_history(text, at)) {
     size_t end = _line_end(text, at);
@@ -229,19 +238,17 @@ static line_run _signature_run(fold_text *text, size_t start) {
   return run;
 }
 
-/* The mail that is answered, from its head to the end, where something stands above it. */
-static line_run _history_run(fold_text *text, size_t start, size_t first) {
-  line_run run = {start, 0};
-  if (start <= first || !_begins_history(text, start)) return run;
-  for (size_t at = start; _letter_at(text, at);) {
-    size_t end = _line_end(text, at);
-    if (end > at) {
-      run.end = end;
-      run.lines++;
-    }
+/* Are there enough lines from start on to be hidden: quoted ones, a blank line between two of which is one more, or all
+   of a mail that is answered? */
+static bool _is_long(fold_text *text, size_t start, bool is_quote) {
+  int lines = 0;
+  for (size_t at = start; lines < least_quoted && _letter_at(text, at) && (!is_quote || _is_quoted(text, at));) {
+    const size_t end = _line_end(text, at);
+    if (end > at) lines++;
     at = end + 1;
+    if (is_quote && lines < least_quoted && _letter_at(text, at) == '\n' && _is_quoted(text, at + 1)) at++;
   }
-  return run;
+  return lines == least_quoted;
 }
 
 static std::string _folded_line(bool is_quote, int lines, appdata *ad) {
@@ -278,70 +285,215 @@ static size_t _next_address(std::string_view text, size_t from) {
   return std::string_view::npos;
 }
 
-/* A text that is gone through: how far the one that is shown has come, and where an address comes next, so that no line
-   looks for what the one before has seen. */
+/* A piece that is gone through. */
 struct fold_place {
-  size_t done, address;
+  detail_folding *folding;
+  detail_shown *shown;
+  const std::vector<size_t> *opened;
+  appdata *ad;
+  bool is_end;    /* of the whole text */
+  size_t done;    /* how far what is shown has come */
+  size_t address; /* where one comes next, so that no line looks for what the one before has seen */
+  size_t first;   /* where the first line begins that is one from its beginning on */
+  size_t written; /* where something is written first */
 };
 
-/* Appends the line with its long addresses shortened, and what is not there yet of the text before them. */
-static void _append_line(detail_shown *shown, std::string_view text, size_t start, size_t end, fold_place *place) {
+static void _show_done(fold_place *place, size_t to) {
+  place->shown->text.append(place->folding->text, place->done, to - place->done);
+  place->done = to;
+}
+
+/* Shows text for what stands there in the source. */
+static void _show_instead(fold_place *place, const std::string &text, size_t source, size_t length, bool is_fold) {
+  std::string *shown = &place->shown->text;
+  place->shown->pieces.push_back({place->folding->given + shown->size(), text.size(), source, length, is_fold});
+  *shown += text;
+}
+
+/* The line with its long addresses shortened. */
+static void _show_line(fold_place *place, size_t start, size_t end) {
+  const std::string_view text = place->folding->text;
   if (place->address < start) place->address = _next_address(text, start);
   while (place->address < end) {
     const size_t at = place->address, length = _address_length(text, at, end);
     std::string_view host = length > longest_address ? _host(text.substr(at, length)) : "";
     if (!host.empty() && host.size() < longest_address) {
-      shown->text.append(text, place->done, at - place->done);
-      std::string shortened = std::string(host) + "/\xE2\x80\xA6";
-      shown->pieces.push_back({shown->text.size(), shortened.size(), at, length, false});
-      shown->text += shortened;
+      _show_done(place, at);
+      _show_instead(place, std::string(host) + "/\xE2\x80\xA6", place->folding->before + at, length, false);
       place->done = at + length;
     }
     place->address = _next_address(text, at + std::max(length, (size_t)1));
   }
 }
 
-detail_shown brisel_detail_fold(std::string *source, const std::vector<size_t> &opened, appdata *ad,
-                                bool is_beginning) {
-  detail_shown shown;
-  std::string_view text = *source;
-  fold_text looked = {text, false};
-  size_t open_until = 0;
-  fold_place place = {0, 0};
-  place.address = _next_address(text, 0);
-  const size_t first = text.find_first_not_of(" \n");
-  size_t at = 0;
-  while (at < text.size()) {
-    looked.is_looked_past = false;
-    bool is_quote = _is_quoted(&looked, at);
-    line_run run = {at, 0};
-    if (at >= open_until && !is_quote) run = _history_run(&looked, at, first);
-    const bool is_history = run.lines > 0;
-    if (at >= open_until && !is_history) run = is_quote ? _quoted_run(&looked, at) : _signature_run(&looked, at);
-    if (is_beginning && looked.is_looked_past) break;
-    is_quote = is_quote || is_history;
-    bool is_long = run.lines >= (is_quote ? least_quoted : least_signature) && run.end > at;
-    bool is_open = is_long && std::find(opened.begin(), opened.end(), at) != opened.end();
-    size_t end = _line_end(&looked, at);
-    if (is_open) open_until = run.end;
-    if (is_long && !is_open) {
-      end = run.end;
-      shown.text.append(text, place.done, at - place.done);
-      std::string line = _folded_line(is_quote, run.lines, ad);
-      shown.pieces.push_back({shown.text.size(), line.size(), at, end - at, true});
-      shown.text += line;
-      place.done = end;
-    } else {
-      _append_line(&shown, text, at, end, &place);
-    }
-    at = end + 1;
+/* How much can be shown of a line whose end has not come: up to an address that may go on, or begin. */
+static size_t _line_so_far(std::string_view text, size_t start) {
+  size_t end = text.size() - std::min(strlen("https://"), text.size() - start);
+  for (size_t at = _next_address(text, start); at < end;) {
+    const size_t length = _address_length(text, at, text.size());
+    if (at + length > end) end = at;
+    at = _next_address(text, at + std::max(length, (size_t)1));
   }
-  if (at < text.size()) source->resize(at);
-  if (shown.pieces.empty())
-    shown.text = std::move(*source); /* a megabyte is neither copied nor kept twice */
-  else
-    shown.text.append(*source, place.done);
+  while (end > start && ((unsigned char)text[end] & 0xC0) == 0x80) end--;
+  return end;
+}
+
+/* The line there, or as much of it as has come. False when there is no more to show. */
+static bool _show_next_line(fold_place *place) {
+  detail_folding *folding = place->folding;
+  const std::string_view text = folding->text;
+  const size_t at = folding->at, found = text.find('\n', at);
+  const bool is_whole = found != std::string_view::npos || place->is_end;
+  const size_t end = found != std::string_view::npos ? found : is_whole ? text.size() : _line_so_far(text, at);
+  if (end > at) _show_line(place, at, end);
+  folding->at = is_whole ? std::min(end + 1, text.size()) : end;
+  if (!folding->in_line && is_whole) return true;
+  /* A line that comes in parts: what its last letter says of the lines below is told here alone. */
+  const size_t last = text.substr(0, end).find_last_not_of(' ');
+  if (!folding->in_line) folding->last_letter = 0;
+  if (last != std::string_view::npos && last >= at) folding->last_letter = text[last];
+  folding->in_line = !is_whole && (folding->in_line || end > at);
+  if (is_whole) {
+    if (folding->last_letter) folding->is_announced = folding->last_letter == ':';
+    place->first = folding->at;
+  }
+  return is_whole;
+}
+
+/* Hides more of what is hidden, and shows the line that stands for it when that is all. False when it may go on. */
+static bool _hide_on(fold_place *place) {
+  detail_folding *folding = place->folding;
+  const std::string_view text = folding->text;
+  size_t at = folding->at;
+  bool is_over = false;
+  while (!is_over && at < text.size()) {
+    const bool is_blank = text[at] == '\n';
+    if (folding->hidden == '>' && text[at] != '>') {
+      if (is_blank && at + 1 == text.size() && !place->is_end) break;
+      is_over = !is_blank || at + 1 == text.size() || text[at + 1] != '>';
+      if (!is_over) at++;
+      continue;
+    }
+    const size_t end = std::min(text.find('\n', at), text.size());
+    if (end == text.size() && !place->is_end) break;
+    if (!is_blank) {
+      folding->hidden_lines++;
+      folding->hidden_end = folding->before + end;
+    }
+    at = std::min(end + 1, text.size());
+  }
+  folding->at = place->done = at;
+  if (!is_over && !place->is_end) return false;
+  const size_t from = folding->hidden_from, end = folding->hidden_end;
+  _show_instead(place, _folded_line(true, folding->hidden_lines, place->ad), from, end - from, true);
+  place->shown->text.append(folding->before + at - end, '\n'); /* nothing else stands behind it */
+  folding->hidden = 0;
+  return true;
+}
+
+static bool _is_open(const fold_place *place, size_t at) {
+  return std::find(place->opened->begin(), place->opened->end(), place->folding->before + at) != place->opened->end();
+}
+
+/* Whether the line there is one of quoted lines that are open; *is_known: it can be told. */
+static bool _is_in_open_quote(const fold_place *place, bool *is_known) {
+  const std::string_view text = place->folding->text;
+  const size_t at = place->folding->at;
+  if (!place->folding->in_open_quote || text[at] == '>') return place->folding->in_open_quote;
+  *is_known = text[at] != '\n' || at + 1 < text.size() || place->is_end;
+  return text[at] == '\n' && at + 1 < text.size() && text[at + 1] == '>';
+}
+
+/* The signature there, when it is one. */
+static bool _fold_signature(fold_place *place, fold_text *looked) {
+  detail_folding *folding = place->folding;
+  const size_t at = folding->at;
+  const line_run run = _signature_run(looked, at, folding->before + at == 0);
+  if (looked->is_looked_past && !place->is_end) return false;
+  if (run.lines < least_signature || run.end == at || _is_open(place, at)) {
+    if (run.lines >= least_signature && run.end > at) folding->open_until = folding->before + run.end;
+    return _show_next_line(place);
+  }
+  _show_done(place, at);
+  _show_instead(place, _folded_line(false, run.lines, place->ad), folding->before + at, run.end - at, true);
+  place->done = run.end;
+  folding->at = std::min(run.end + 1, folding->text.size());
+  return true;
+}
+
+/* The next line, or the next of what is hidden. False when more of the text must come first. */
+static bool _fold_next(fold_place *place) {
+  detail_folding *folding = place->folding;
+  if (folding->hidden) return _hide_on(place);
+  const size_t at = folding->at;
+  if (folding->in_line || folding->before + at < folding->open_until) return _show_next_line(place);
+  bool is_known = true;
+  const bool is_in_open = _is_in_open_quote(place, &is_known);
+  if (!is_known) return false;
+  folding->in_open_quote = is_in_open;
+  if (is_in_open) return _show_next_line(place);
+  fold_text looked = {folding->text, place->first, folding->is_announced, false};
+  const bool is_quote = _is_quoted(&looked, at), has_above = folding->has_above || place->written < at;
+  const bool is_history = !is_quote && has_above && _begins_history(&looked, at);
+  if (!is_quote && !is_history && !looked.is_looked_past) return _fold_signature(place, &looked);
+  const bool is_long = (is_quote || is_history) && _is_long(&looked, at, is_quote);
+  if (!is_long && looked.is_looked_past && !place->is_end) return false;
+  if (!is_long && !is_quote && !is_history) return _fold_signature(place, &looked);
+  if (!is_long) return _show_next_line(place);
+  if (_is_open(place, at)) {
+    folding->in_open_quote = is_quote;
+    if (is_history) folding->open_until = SIZE_MAX;
+    return _show_next_line(place);
+  }
+  _show_done(place, at);
+  folding->hidden = is_quote ? '>' : '<';
+  folding->hidden_from = folding->hidden_end = folding->before + at;
+  folding->hidden_lines = 0;
+  return _hide_on(place);
+}
+
+/* How far what is shown has come then. */
+static size_t _fold(detail_folding *folding, bool is_end, const std::vector<size_t> &opened, appdata *ad,
+                    detail_shown *shown) {
+  const std::string_view text = folding->text;
+  fold_place place = {folding, shown, &opened, ad, is_end, folding->at, 0, 0, 0};
+  place.address = _next_address(text, folding->at);
+  place.written = folding->has_above ? 0 : std::min(text.find_first_not_of(" \n"), text.size());
+  while ((folding->at < text.size() || (is_end && folding->hidden)) && _fold_next(&place)) {
+  }
+  /* What is above what comes next. */
+  size_t above = folding->at;
+  if (folding->in_line && above > 0) above = text.rfind('\n', above - 1) + 1;
+  if (above > place.first) {
+    const fold_text looked = {text, place.first, folding->is_announced, false};
+    folding->is_announced = _is_passed_on(&looked, above);
+  }
+  folding->has_above = folding->has_above || place.written < folding->at;
+  return place.done;
+}
+
+detail_shown brisel_detail_fold(std::string *source, const std::vector<size_t> &opened, appdata *ad) {
+  detail_shown shown;
+  detail_folding folding = {.text = std::move(*source)};
+  const size_t done = _fold(&folding, true, opened, ad, &shown);
+  source->clear();
+  if (shown.pieces.empty()) { /* a megabyte is neither copied nor kept twice */
+    shown.text = std::move(folding.text);
+  } else {
+    shown.text.append(folding.text, done);
+    *source = std::move(folding.text);
+  }
   return shown;
+}
+
+void brisel_detail_fold_on(detail_folding *folding, std::string_view plain, bool is_end,
+                           const std::vector<size_t> &opened, appdata *ad, detail_shown *shown) {
+  folding->text.append(plain);
+  const size_t done = _fold(folding, is_end, opened, ad, shown);
+  shown->text.append(folding->text, done, folding->at - done);
+  folding->text.erase(0, folding->at);
+  folding->before += folding->at;
+  folding->at = 0;
 }
 
 /* --- places --- */

@@ -275,8 +275,7 @@ void __brisel_detail_draw_view_components(brisel_detail_view *view_data, page_da
 }
 
 void __brisel_detail_draw_device_notice(page_data *page) {
-  /* What a body ends in stands in its rest. */
-  if (page->rest != DETAIL_REST_NONE || __brisel_detail_ends_with_tag(page->mail_data->body, tag_complete)) return;
+  if (!__brisel_detail_has_notice(page) || elm_object_part_content_get(page->detail_layout, part_device)) return;
   __brisel_detail_signal(page->detail_layout, "do-show-device-field");
   __brisel_detail_place_notice(page->detail_layout, part_device, __brisel_detail_device_notice(page).get());
   __brisel_detail_process_signals(page->detail_layout);
@@ -379,11 +378,9 @@ void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data
 /* Whether a page has a field now that its layout was not made with, or had one that a layout cannot give back. */
 static bool __brisel_detail_has_other_fields(const page_data *page, const full_noti_data *mail, int rest) {
   const full_noti_data *old = page->mail_data;
-  const auto has_notice = [](const full_noti_data *of, int rest_of) {
-    return rest_of == DETAIL_REST_NONE && !__brisel_detail_ends_with_tag(of->body, tag_complete);
-  };
+  const bool has_notice = rest == DETAIL_REST_NONE && !__brisel_detail_ends_with_tag(mail->body, tag_complete);
   return !old->has_image != !mail->has_image || (old->attachment_count > 0) != (mail->attachment_count > 0) ||
-         (!has_notice(old, page->rest) && has_notice(mail, rest));
+         (has_notice && !__brisel_detail_has_notice(page));
 }
 
 void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) {
@@ -396,7 +393,8 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) 
   mail->is_read = old->is_read;
   mail->is_new = old->is_new;
   /* Text that was asked for is shown in its own time. */
-  bool has_text = !__brisel_detail_is_waiting(view_data, page) && g_strcmp0(mail->body, old->body) != 0;
+  bool has_text = !__brisel_detail_is_waiting(view_data, page) &&
+                  (g_strcmp0(mail->body, old->body) != 0 || rest != page->rest || !__brisel_detail_is_as_read(page));
   bool has_subject = g_strcmp0(mail->subject, old->subject) != 0;
   if (page->detail_layout && __brisel_detail_has_other_fields(page, mail.get(), rest)) {
     __brisel_detail_keep_place(page);
@@ -405,7 +403,7 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) 
     page->is_built = 0; /* the next steps lay it out anew */
   }
   if (page->detail_layout && !has_text) std::swap(mail->body, old->body);
-  if (page->rest != DETAIL_REST_READ) page->rest = rest;
+  page->rest = rest;
   page->mail_data = mail.release();
   brisel_full_noti_data_free(old);
   __brisel_detail_set_sender(view_data, page);
@@ -414,15 +412,10 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page) 
   __brisel_detail_update_datetime_string(view_data, page->mail_data->received_time, page->detail_layout);
   __brisel_detail_set_attachment_text(view_data, page);
   if (has_text) {
-    __brisel_detail_read_body(page);
-    if (page->rest == DETAIL_REST_IN_STORE && !__brisel_detail_is_beginning_enough(page)) {
-      __brisel_detail_want_more(page);
-      page->is_stale = 1; /* with the next step */
-    }
-    __brisel_detail_show_body(page);
-    const bool is_whole =
-        page->rest != DETAIL_REST_NONE || __brisel_detail_ends_with_tag(page->mail_data->body, tag_complete);
-    __brisel_detail_signal(page->detail_layout, is_whole ? "do-hide-device-field" : "do-show-device-field");
+    __brisel_detail_set_body(page);
+    __brisel_detail_signal(page->detail_layout,
+                           __brisel_detail_has_notice(page) ? "do-show-device-field" : "do-hide-device-field");
+    __brisel_detail_draw_device_notice(page);
   }
   __brisel_detail_name_page(page);
   __brisel_detail_process_signals(page->detail_layout);

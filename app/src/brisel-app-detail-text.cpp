@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include "brisel-app-detail-body.h"
@@ -12,10 +14,15 @@
 #include "brisel-app-view-common.h"
 #include "brisel-body.h"
 #include "host-launch.h"
+#include "platform-pages.h"
 
 /* The longest subject shown, in bytes: about eighty lines. The text engine would take seconds for a whole book. */
 constexpr size_t subject_shown_max = 2048;
 constexpr int subject_lines_max = 2;
+/* Of the rest of a body with each step: what that takes is a part of a frame. */
+constexpr size_t step_bytes = 512 << 10;
+/* Of a body's end, so that its tag is in it. */
+constexpr size_t tail_bytes = 64;
 /* Of a body's beginning, more than the largest display shows at once: bytes, in the most compact script, or lines. */
 constexpr size_t beginning_shown_min = 4096;
 constexpr int beginning_lines_min = 32;
@@ -27,6 +34,14 @@ struct detail_text {
   std::string source;         /* the body as plain text, without its continuation tag; empty when it is what is shown */
   std::vector<size_t> opened; /* the folds that were opened, by their place in source */
   detail_shown shown;         /* its text is empty once the layout has it */
+  /* Of a body whose rest is in the store: how many bytes of it are made plain and folded, and all, once that is known.
+   */
+  size_t read, size;
+  bool is_all_read, is_complete; /* up to its tag; so that says */
+  bool is_odd;                   /* a tag stands in its midst: only the whole says where its text ends */
+  detail_folding folding;
+  std::unique_ptr<char, brisel_release<g_free>> whole; /* what is kept of it as it is, while that is not all */
+  size_t whole_read;
 };
 
 void __brisel_detail_free_text(page_data *page) {
@@ -162,7 +177,7 @@ static void __brisel_detail_sender_tapped(page_data *page) {
 
 /* Only what stands before the last continuation tag is ever shown. Looked for from the end, by its first letter: a body
    without one may be a megabyte. */
-static size_t __brisel_detail_shown_body_length(const char *body, bool is_beginning) {
+static size_t __brisel_detail_shown_body_length(const char *body, bool is_beginning = false) {
   size_t length = strlen(body);
   /* Half of one may stand where a beginning ends. */
   if (is_beginning)
@@ -174,15 +189,23 @@ static size_t __brisel_detail_shown_body_length(const char *body, bool is_beginn
   return length;
 }
 
+/* As plain text; kept where the shown text does not tell it. */
+static void __brisel_detail_make_plain(const page_data *page) {
+  const char *body = page->mail_data->body ? page->mail_data->body : "";
+  page->text->source = brisel_detail_plain_text(body, __brisel_detail_shown_body_length(body));
+}
+
 static void __brisel_detail_fold_body(const page_data *page) {
-  page->text->shown =
-      brisel_detail_fold(&page->text->source, page->text->opened, page->ad, page->rest == DETAIL_REST_IN_STORE);
+  detail_text *text = page->text;
+  if (text->source.empty()) __brisel_detail_make_plain(page);
+  text->shown = brisel_detail_fold(&text->source, text->opened, page->ad);
 }
 
 /* A page's parts say nothing to who only listens: it is read as a whole. */
 void __brisel_detail_name_page(const page_data *page) {
   if (!brisel_view_is_spoken()) return;
   std::string name;
+  if (page->text->source.empty() && !page->text->shown.pieces.empty()) __brisel_detail_make_plain(page);
   const char *body =
       page->text->source.empty() ? brisel_detail_body_get(page->detail_layout, nullptr) : page->text->source.c_str();
   for (const char *text : {brisel_view_sender(page->mail_data), (const char *)page->mail_data->subject,
@@ -193,26 +216,155 @@ void __brisel_detail_name_page(const page_data *page) {
   brisel_view_say_name(page->detail_layout);
 }
 
+/* Takes what can be told by raw, which begins behind what is read. Returns how much that is. */
+static size_t __brisel_detail_take(const page_data *page, std::string_view raw) {
+  detail_text *text = page->text;
+  const bool is_last = text->read + raw.size() == text->size;
+  size_t tag = raw.find(tag_start), length = raw.size() - std::min(raw.size(), tail_bytes);
+  text->is_odd = text->is_odd || (tag != std::string_view::npos && text->read + tag + tail_bytes < text->size);
+  if (text->is_odd) return 0;
+  if (is_last) {
+    tag = raw.rfind(tag_start);
+    length = std::min(tag, raw.size());
+    text->is_all_read = true;
+    text->is_complete = raw.ends_with(tag_complete);
+  } else {
+    length = brisel_detail_whole_part(raw.data(), length);
+  }
+  text->read += length;
+  brisel_detail_fold_on(&text->folding, brisel_detail_plain_text(raw.data(), length), is_last, text->opened, page->ad,
+                        &text->shown);
+  return length;
+}
+
 void __brisel_detail_read_body(page_data *page) {
-  const char *body = page->mail_data->body ? page->mail_data->body : "";
   if (!page->text) page->text = new detail_text();
-  page->text->source =
-      brisel_detail_plain_text(body, __brisel_detail_shown_body_length(body, page->rest == DETAIL_REST_IN_STORE));
-  __brisel_detail_fold_body(page);
+  detail_text *text = page->text;
+  std::vector<size_t> opened = std::move(text->opened);
+  *text = {.opened = std::move(opened)};
+  if (page->rest == DETAIL_REST_NONE) return __brisel_detail_fold_body(page);
+  const char *body = page->mail_data->body ? page->mail_data->body : "";
+  text->read = brisel_detail_whole_part(body, __brisel_detail_shown_body_length(body, true));
+  brisel_detail_fold_on(&text->folding, brisel_detail_plain_text(body, text->read), false, text->opened, page->ad,
+                        &text->shown);
+}
+
+static int __brisel_detail_size_cb(const char *piece, size_t length, size_t size, void *data) {
+  *(size_t *)data = size;
+  return 0;
+}
+
+/* A body that changes is longer, or another one from its beginning on. */
+bool __brisel_detail_is_as_read(const page_data *page) {
+  size_t size = 0;
+  return !page->text || !page->text->size ||
+         (brisel_db_walk_body_by_mail_id(page->mail_data->mail_id, 0, 0, __brisel_detail_size_cb, &size) == 0 &&
+          size == page->text->size);
+}
+
+/* From the store to a page. */
+struct detail_walk {
+  const page_data *page;
+  size_t wanted;   /* bytes, or as many as fill a page */
+  std::string raw; /* what is not taken yet */
+  bool is_other;   /* another body is there than was read */
+};
+
+static bool __brisel_detail_is_body(detail_walk *walk, size_t size) {
+  detail_text *text = walk->page->text;
+  walk->is_other = text->size && text->size != size;
+  text->size = size;
+  return !walk->is_other;
+}
+
+static int __brisel_detail_enough_cb(const char *piece, size_t length, size_t size, void *data) {
+  detail_walk *walk = (detail_walk *)data;
+  const detail_text *text = walk->page->text;
+  if (!__brisel_detail_is_body(walk, size)) return 0;
+  walk->raw.append(piece, length);
+  walk->raw.erase(0, __brisel_detail_take(walk->page, walk->raw));
+  return !text->is_odd && (text->read < walk->wanted || !__brisel_detail_is_beginning_enough(walk->page));
+}
+
+static bool __brisel_detail_walk(detail_walk *walk, size_t from, size_t most, brisel_body_cb callback) {
+  const int result = brisel_db_walk_body_by_mail_id(walk->page->mail_data->mail_id, from, most, callback, walk);
+  if (result != 0) BRISEL_ERROR("brisel_db_walk_body_by_mail_id() failed! err:[%d]", result);
+  return result == 0 && !walk->is_other;
+}
+
+/* Up to so many bytes at least. */
+static bool __brisel_detail_read_up_to(const page_data *page, size_t wanted) {
+  detail_walk walk = {page, wanted, "", false};
+  return __brisel_detail_walk(&walk, page->text->read, SIZE_MAX, __brisel_detail_enough_cb) && !page->text->is_odd;
+}
+
+bool __brisel_detail_read_on(const page_data *page) {
+  return __brisel_detail_read_up_to(page, 0);
+}
+
+static std::vector<text_mark> __brisel_detail_marks(const detail_shown &shown) {
+  std::vector<text_mark> marks;
+  for (const detail_piece &piece : shown.pieces)
+    if (piece.is_fold) marks.push_back({piece.shown, piece.shown_length});
+  return marks;
 }
 
 void __brisel_detail_show_body(const page_data *page) {
   detail_shown &shown = page->text->shown;
-  std::vector<text_mark> marks;
-  for (const detail_piece &piece : shown.pieces)
-    if (piece.is_fold) marks.push_back({piece.shown, piece.shown_length});
-  brisel_detail_body_set(page->detail_layout, std::move(shown.text), marks); /* a long one is not kept twice */
+  page->text->folding.given = shown.text.size();
+  brisel_detail_body_set(page->detail_layout, std::move(shown.text),
+                         __brisel_detail_marks(shown)); /* a long one is not kept twice */
+  shown.text.clear();
   __brisel_detail_name_page(page);
 }
 
 void __brisel_detail_set_body(page_data *page) {
+  const size_t read = page->text ? page->text->read : 0;
   __brisel_detail_read_body(page);
+  if (page->rest != DETAIL_REST_NONE && (page->text->read < read || !__brisel_detail_is_beginning_enough(page)))
+    __brisel_detail_read_up_to(page, read);
   __brisel_detail_show_body(page);
+}
+
+static int __brisel_detail_rest_cb(const char *piece, size_t length, size_t size, void *data) {
+  detail_walk *walk = (detail_walk *)data;
+  detail_text *text = walk->page->text;
+  if (!__brisel_detail_is_body(walk, size)) return 0;
+  if (!text->whole) text->whole.reset((char *)g_try_malloc(size + 1));
+  if (!text->whole) return 0;
+  char *to = text->whole.get() + text->whole_read;
+  if (text->whole_read % step_bytes == 0) platform_pages_get(to, std::min(step_bytes, size - text->whole_read) + 1);
+  memcpy(to, piece, length);
+  text->whole_read += length;
+  return 1;
+}
+
+bool __brisel_detail_read_rest(page_data *page, bool *is_other) {
+  detail_text *text = page->text;
+  detail_walk walk = {page, 0, "", false};
+  const bool is_read = __brisel_detail_walk(&walk, text->whole_read, step_bytes, __brisel_detail_rest_cb);
+  *is_other = walk.is_other;
+  if (!is_read || !text->whole) return false;
+  if (!text->is_all_read && text->whole_read > text->read) {
+    __brisel_detail_take(page, {text->whole.get() + text->read, text->whole_read - text->read});
+    std::string *shown = &text->shown.text;
+    text->folding.given += shown->size();
+    brisel_detail_body_append(page->detail_layout, *shown, __brisel_detail_marks(text->shown), text->size);
+    shown->clear();
+  }
+  if (text->whole_read < text->size) return true;
+  text->whole.get()[text->size] = 0;
+  g_free(page->mail_data->body);
+  page->mail_data->body = text->whole.release();
+  page->rest = DETAIL_REST_NONE;
+  if (text->is_odd) __brisel_detail_set_body(page);
+  return true;
+}
+
+bool __brisel_detail_has_notice(const page_data *page) {
+  if (page->rest == DETAIL_REST_NONE) return !__brisel_detail_ends_with_tag(page->mail_data->body, tag_complete);
+  const detail_text *text = page->text; /* what a body ends in stands in its rest */
+  return text && text->is_all_read && !text->is_complete;
 }
 
 /* --- taps --- */
@@ -289,6 +441,7 @@ void __brisel_detail_keep_place(const page_data *page) {
 
 bool __brisel_detail_is_beginning_enough(const page_data *page) {
   const detail_shown &shown = page->text->shown;
+  if (page->text->is_all_read) return true;
   for (const auto &[mail_id, source] : places)
     if (mail_id == page->mail_data->mail_id &&
         brisel_detail_place_of(shown, source) + beginning_shown_min > shown.text.size())

@@ -23,7 +23,7 @@ enum brisel_detail_page {
 struct detail_text;
 
 /* What of a long body is not on its page yet: pages are built of its beginning. */
-enum detail_rest { DETAIL_REST_NONE, DETAIL_REST_IN_STORE, DETAIL_REST_READ };
+enum detail_rest { DETAIL_REST_NONE, DETAIL_REST_IN_STORE };
 
 /* One built page. Its widgets are children of page_layout; the fields of deleted widgets are NULL. */
 struct page_data {
@@ -174,8 +174,6 @@ void __brisel_detail_finish_rest(brisel_detail_view *view_data, page_data *page)
    the store's calls. */
 int __brisel_detail_read(const brisel_detail_view *view_data, const page_data *page, full_noti_data *mail,
                          unsigned char *rest);
-/* The beginning was not enough: the next read is one of more, or of all. */
-void __brisel_detail_want_more(page_data *page);
 /* Deletes the layout of a page that has left its slot and the box, in a step of its own. */
 void __brisel_detail_let_go(brisel_detail_view *view_data, Evas_Object *layout);
 /* What is left of the pages, and of what changed of their mails, while the loop is idle; nothing while the application
@@ -192,6 +190,15 @@ void __brisel_detail_name_page(const page_data *page);
 void __brisel_detail_read_body(page_data *page);
 void __brisel_detail_show_body(const page_data *page);
 void __brisel_detail_set_body(page_data *page);
+/* Of a body whose rest is in the store, of which a piece takes a part of a frame: makes the next piece ready for a page
+   that shows nothing yet; puts the next piece on one that does, until mail_data has it all and there is no rest. False
+   when that failed, which is logged, or *is_other: another body is there than was read. */
+bool __brisel_detail_read_on(const page_data *page);
+bool __brisel_detail_read_rest(page_data *page, bool *is_other);
+/* Whether what was read of it is still what is there. */
+bool __brisel_detail_is_as_read(const page_data *page);
+/* Whether the page's body goes on on the phone, as far as that is known. */
+bool __brisel_detail_has_notice(const page_data *page);
 /* Whether what is ready of a body's beginning fills the page, and has the place that was read. */
 bool __brisel_detail_is_beginning_enough(const page_data *page);
 void __brisel_detail_free_text(page_data *page);

@@ -128,8 +128,8 @@ struct sql_value {
   /* Once. 0; -1 also when there is no such row, or what is there is neither text nor blob. */
   int open(sql_db *db, const char *table, const char *column, int64_t row);
   size_t size(void) const; /* bytes */
-  /* The first of its bytes, size() at the most. 0 or -1. */
-  int read(char *bytes, size_t count);
+  /* So many of its bytes from one on, size() at the most. 0 or -1. */
+  int read(char *bytes, size_t count, size_t from = 0);
 
  private:
   sql_db *db_ = nullptr;

@@ -202,8 +202,8 @@ size_t sql_value::size(void) const {
   return static_cast<size_t>(sqlite3_blob_bytes(value_));
 }
 
-int sql_value::read(char *bytes, size_t count) {
-  return db_->note(sqlite3_blob_read(value_, bytes, static_cast<int>(count), 0));
+int sql_value::read(char *bytes, size_t count, size_t from) {
+  return db_->note(sqlite3_blob_read(value_, bytes, static_cast<int>(count), static_cast<int>(from)));
 }
 
 /* --- statement --- */

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -21,6 +23,7 @@ constexpr char log_tag[] = "BRISEL_COMMON";
 /* Readers of a WAL store wait for nobody, except while a service that was killed is being cleaned up after. */
 constexpr int busy_ms = 1000;
 /* Bytes, of which the memory is got at once. */
+constexpr size_t piece_bytes = 64 << 10;
 constexpr size_t long_body = 256 << 10;
 
 /* In the texts of the queries: the whole mail, its id first and its body last; the same with the type of the body in
@@ -208,6 +211,22 @@ int reader_body_beginning(int mail_id, size_t most, char **bytes, size_t *length
   }
   read[*length] = 0;
   *bytes = read;
+  return 0;
+}
+
+int reader_walk_body(int mail_id, size_t from, size_t most, brisel_body_cb callback, void *data) {
+  sql_value body;
+  if (body.open(&reader.db, "body", "text", mail_id)) return BRISEL_COMMON_ERROR_STORE;
+  const size_t size = body.size();
+  const std::unique_ptr<char[]> piece(new (std::nothrow) char[piece_bytes]);
+  if (!piece) return BRISEL_COMMON_ERROR_MEMORY;
+  size_t left = from < size ? std::min(most, size - from) : 0;
+  for (bool goes_on = true; goes_on;) {
+    const size_t length = std::min(left, piece_bytes);
+    if (length && body.read(piece.get(), length, from)) return BRISEL_COMMON_ERROR_STORE;
+    goes_on = callback(piece.get(), length, size, data) && (left -= length) > 0;
+    from += length;
+  }
   return 0;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#include "brisel-common.h"
 #include "platform-sql.h"
 
 enum reader_query {
@@ -52,6 +53,8 @@ int reader_start(reader_query which, sql_statement **query);
 /* While a query stands on a mail's row: the first bytes of its body, most at most, ended by a zero byte; to be freed
    with g_free. *length: how many they are; *is_whole: all of them. 0 or a BRISEL_COMMON_ERROR_*. */
 int reader_body_beginning(int mail_id, size_t most, char **bytes, size_t *length, bool *is_whole);
+/* The same of all of it, as brisel_db_walk_body_by_mail_id() hands it on. */
+int reader_walk_body(int mail_id, size_t from, size_t most, brisel_body_cb callback, void *data);
 /* Ends a query. result: what its last step returned. 0, or BRISEL_COMMON_ERROR_STORE when that was an error. */
 int reader_done(sql_statement *query, sql_result result);
 

@@ -232,6 +232,33 @@ TEST_F(Texts, TheRestOfALongBodyComesToWhoReadsIt) {
   EXPECT_EQ(phone.count("more_msg"), 0) << "the phone was asked for what is in the store";
 }
 
+/* What is hidden is counted piece by piece, and tags are looked for wherever they may be. */
+TEST_F(Texts, LongBodiesInPiecesAreShownAsTheWholeIs) {
+  const std::string quote = repeat("> a line of the quote\r\n", 40000),
+                    tagged = repeat("line\n", 5000) + tag_more + "x";
+  const std::vector<std::string> table = {
+      quote + tag_complete, "Yes.\n" + quote + "Bye\n" + repeat("and so on\n", 9000) + tag_more,
+      "Yes.\n-----Original Message-----\n" + repeat("\xE0\xA4\x95\n\n", 99999),
+      "Yes.\n" + quote + "-- \nEve\nInc.\n" + tagged + repeat("\n> b", 30000), tagged + repeat("more\n", 5000)};
+  const std::vector<int> ids = mailbox_with(&phone, table);
+  for (size_t i = 0; i < table.size(); i++) {
+    SCOPED_TRACE(i);
+    const size_t end = table[i].rfind(tag_start);
+    std::string source = brisel_detail_plain_text(table[i].data(), std::min(end, table[i].size()));
+    const std::string whole = brisel_detail_fold(&source, {}, &test_ad).text;
+    open_reader(ids[i ? i - 1 : 1]); /* beside it, then itself */
+    for (int slot : {i ? BRISEL_DETAIL_NEXT_PAGE : BRISEL_DETAIL_PREV_PAGE, BRISEL_DETAIL_CUR_PAGE}) {
+      const page_data *page = reader()->page_data[slot];
+      const std::string shown = brisel_detail_body_get(page->detail_layout, nullptr);
+      EXPECT_TRUE(slot == BRISEL_DETAIL_CUR_PAGE ? shown == whole : whole.starts_with(shown)) << shown.substr(0, 99);
+      EXPECT_TRUE(shown.size() > 4096 || shown == whole);
+      if (shown == whole) EXPECT_EQ(part_state(page, "detail.device"), i ? "shown" : "default");
+      if (slot != BRISEL_DETAIL_CUR_PAGE) ASSERT_TRUE(swipe(i > 0));
+    }
+    close_reader();
+  }
+}
+
 /* The end of a page is the whole body's, and what the phone says of a mail goes for the whole, before the rest came. */
 TEST_F(Texts, ThePageIsTheWholeBeforeTheRestCame) {
   std::string lines, quotes = "Yes.\n";
@@ -408,12 +435,20 @@ TEST_F(Texts, QuotesSignaturesAndAddressesAreShort) {
       EXPECT_EQ(brisel_detail_place_of(shown, brisel_detail_source_of(shown, piece.shown + piece.shown_length)),
                 piece.shown + piece.shown_length);
     }
-    /* What is told of a beginning holds for the whole, wherever it ends; its last line may go on. */
-    for (size_t cut = 0; cut < std::min(row.text.size(), (size_t)400); cut++) {
-      std::string beginning = row.text.substr(0, cut);
-      const std::string begun = brisel_detail_fold(&beginning, {}, &test_ad, true).text;
-      const size_t lines = begun.rfind('\n') + 1;
-      ASSERT_EQ(begun.substr(0, lines), shown.text.substr(0, lines)) << "of " << row.text.substr(0, cut);
+    /* What is told of a beginning holds for the whole, wherever it ends, with a fold shut and open. */
+    if (row.text.size() > 2000) continue;
+    for (std::vector<size_t> open; open.size() < 2; open.push_back(shown.pieces.empty() ? 0 : shown.pieces[0].source)) {
+      source = row.text;
+      const detail_shown whole = brisel_detail_fold(&source, open, &test_ad);
+      for (size_t cut = 0; cut < row.text.size(); cut++) {
+        detail_folding folding = {};
+        detail_shown told;
+        brisel_detail_fold_on(&folding, row.text.substr(0, cut), false, open, &test_ad, &told);
+        ASSERT_TRUE(whole.text.starts_with(told.text)) << told.text << " of " << row.text.substr(0, cut);
+        brisel_detail_fold_on(&folding, row.text.substr(cut), true, open, &test_ad, &told);
+        ASSERT_EQ(told.text, whole.text) << "cut behind " << row.text.substr(0, cut);
+        ASSERT_TRUE(told.pieces == whole.pieces) << "cut behind " << row.text.substr(0, cut);
+      }
     }
   }
 }

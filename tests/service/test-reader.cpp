@@ -23,6 +23,12 @@ std::string store_path(void) {
   return std::string(platform_data_dir()) + "/store.db";
 }
 
+int append_cb(const char *piece, size_t length, size_t size, void *data) {
+  EXPECT_LE(length, size);
+  static_cast<std::string *>(data)->append(piece, length);
+  return 1;
+}
+
 struct Reader : testing::Test {
   void SetUp() override {
     for (const char *end : {"", "-wal", "-shm", ".lock"}) fs::remove(store_path() + end);
@@ -105,9 +111,11 @@ void expect_all(int status, int status_of_one) {
       {"conn status", brisel_util_get_conn_status(&number)},
   };
   for (const auto &[what, got] : rows) EXPECT_EQ(status, got) << what;
+  std::string pieces;
   const std::pair<const char *, int> one_rows[] = {
       {"mail", brisel_db_get_full_noti_data_by_mail_id(1, mail)},
       {"beginning", brisel_db_get_noti_beginning_by_mail_id(1, 8, mail, &number)},
+      {"pieces", brisel_db_walk_body_by_mail_id(1, 0, 8, append_cb, &pieces)},
       {"account", brisel_db_get_account_data_by_account_id(1, account)},
       {"color", brisel_util_get_account_color(1, &color)},
   };
@@ -283,6 +291,13 @@ TEST_F(Reader, FieldsComeAsStoredAndWithoutSurprises) {
     EXPECT_EQ(most >= 10, is_whole != 0) << most;
   }
   brisel_full_noti_data_free(one);
+  run_sql(store_path(), "UPDATE body SET text = printf('%.200000c', 'x') || 'end' WHERE mail_id = 2");
+  for (const auto &[from, most, got] :
+       {std::tuple{0, 300000, 200003}, {200001, 9, 2}, {200003, 1, 0}, {7, 70000, 70000}}) {
+    std::string pieces;
+    EXPECT_EQ(0, brisel_db_walk_body_by_mail_id(2, (size_t)from, (size_t)most, append_cb, &pieces));
+    EXPECT_EQ(pieces, (std::string(200000, 'x') + "end").substr((size_t)from, (size_t)got));
+  }
 }
 
 TEST_F(Reader, TheApplicationMayReplaceTextsAndContacts) {
