@@ -57,6 +57,8 @@ struct detail_body {
   double measured_bytes, measured_high; /* what the estimate is made of */
   bool is_placed;                       /* the layout is in the scroller: until then nothing is above or below a view */
   bool is_resized;                      /* the part or the view has a new size */
+  bool is_flung;                        /* the scroller moves by itself: told to show a place, it would stop */
+  int lead;                             /* how far below their place the blocks are until it stands */
   bool first_settled;                   /* the first block has given its unfinished line away */
   size_t top;                           /* offset of the text at the top of the screen; npos: what is above it */
   size_t anchor;                        /* offset of the text to keep at the top of the screen; npos: none */
@@ -307,6 +309,7 @@ static void _settle_first_block(detail_body *body) {
 
 /* Forgets everything measured, because the width or the text size is another now. */
 static void _measure_anew(detail_body *body) {
+  body->lead = 0;
   for (text_block &block : body->blocks) _hide_block(block);
   size_t block_count = body->blocks.size();
   body->blocks.resize(1);
@@ -378,6 +381,7 @@ static void _scroll_by(detail_body *body, int distance) {
 static void _update_least_size(detail_body *body) {
   int height = 0, old_width = 0, old_height = 0;
   for (size_t i = 1; i < body->blocks.size(); i++) height += _height_of(body, i);
+  height = std::max(height + body->lead, 0);
   evas_object_size_hint_min_get(body->rest, &old_width, &old_height);
   if (height != old_height || body->least_width != old_width)
     evas_object_size_hint_min_set(body->rest, body->least_width, height);
@@ -412,6 +416,12 @@ static void _arrange(detail_body *body) {
   int bottom = std::min(screen_h, top + view_h);
   int near_by = screen_h / 2;
   int moved = 0; /* how far what is on the screen was pushed by blocks above it */
+  /* The beginning is where it is. */
+  if (body->lead && (!body->is_flung || y > top - 2 * near_by)) {
+    moved = -body->lead;
+    body->lead = 0;
+  }
+  y += body->lead;
   int to_anchor = INT_MIN;
   bool may_prepare = x < screen_w && x + w > 0;
   if (body->anchor < _end_of(body, 0)) {
@@ -429,9 +439,16 @@ static void _arrange(detail_body *body) {
       bool guessed = !block.measured;
       _show_block(body, i);
       /* A block that reaches into the view from above stays in it with the same share. */
+      int pushed = 0;
       if (guessed && above && !block.continues && body->anchor == no_anchor)
-        moved += (int)((double)(block.height - height) * std::min(1.0, (double)(top - y) / height));
+        pushed = (int)((double)(block.height - height) * std::min(1.0, (double)(top - y) / height));
       height = block.height;
+      if (body->is_flung) {
+        body->lead -= pushed;
+        y -= pushed;
+      } else {
+        moved += pushed;
+      }
     } else if (block.shown && (y >= bottom + 2 * near_by || y + height <= top - 2 * near_by)) {
       _hide_block(block);
     }
@@ -509,6 +526,21 @@ static void _scroller_resized_cb(void *data, Evas *evas, Evas_Object *obj, void 
   evas_object_smart_changed(body->rest);
 }
 
+static void _flung_cb(void *data, Evas_Object *obj, void *event_info) {
+  ((detail_body *)data)->is_flung = true;
+}
+
+static void _stands_cb(void *data, Evas_Object *obj, void *event_info) {
+  detail_body *body = (detail_body *)data;
+  body->is_flung = false;
+  if (body->lead && body->rest) evas_object_smart_changed(body->rest);
+}
+
+static const struct {
+  const char *name;
+  Evas_Smart_Cb callback;
+} scroller_events[] = {{"scroll,anim,start", _flung_cb}, {"scroll,anim,stop", _stands_cb}};
+
 static void _rest_deleted_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
   detail_body *body = (detail_body *)data;
   evas_object_data_del(obj, body_key);
@@ -524,6 +556,8 @@ static void _layout_deleted_cb(void *data, Evas *evas, Evas_Object *obj, void *e
     evas_object_data_del(body->rest, body_key);
   }
   evas_object_event_callback_del_full(body->scroller, EVAS_CALLBACK_RESIZE, _scroller_resized_cb, body);
+  for (const auto &event : scroller_events)
+    evas_object_smart_callback_del_full(body->scroller, event.name, event.callback, body);
   evas_object_data_del(obj, body_key);
   delete body;
 }
@@ -542,6 +576,7 @@ void brisel_detail_body_attach(Evas_Object *layout, Evas_Object *scroller) {
   evas_object_data_set(body->rest, body_key, body);
   evas_object_event_callback_add(body->rest, EVAS_CALLBACK_DEL, _rest_deleted_cb, body);
   evas_object_event_callback_add(scroller, EVAS_CALLBACK_RESIZE, _scroller_resized_cb, body);
+  for (const auto &event : scroller_events) evas_object_smart_callback_add(scroller, event.name, event.callback, body);
   evas_object_show(body->rest);
   elm_object_part_content_set(layout, rest_part, body->rest);
   /* As wide as the layout is made, before its least size is worked out for the first time; see _follow_view_width. */
