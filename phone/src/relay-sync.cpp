@@ -1,5 +1,6 @@
 /* Comparing a mailbox with the watch: what belongs there, what leaves it, and read marks both ways. */
 #include <algorithm>
+#include <cstring>
 
 #include "post-rest.h"
 #include "relay-parts.h"
@@ -83,7 +84,7 @@ void choose_window(followed *a, listing *l) {
   auto later = [&](size_t x, size_t y) {
     const mailbox_item &p = l->items[x], &q = l->items[y];
     if (l->rows[x]->time != l->rows[y]->time) return l->rows[x]->time > l->rows[y]->time;
-    return p.order != q.order ? p.order > q.order : p.key > q.key;
+    return p.order != q.order ? p.order > q.order : strverscmp(p.key.c_str(), q.key.c_str()) > 0; /* names count up */
   };
   std::partial_sort(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(count), order.end(), later);
   order.resize(count);

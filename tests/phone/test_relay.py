@@ -129,7 +129,8 @@ def test_changes_while_the_relay_is_away(s):
 def test_window_copies_and_renames(s):
     box = Maildir(s.dir / "box")
     for n in range(8):
-        box.deliver(message(f"m{n}@x", f"Mail {n}", date=1790000000 + n), flags="")
+        box.deliver(message(f"m{n}@x", f"Mail {n}", date=1790000000 + n), flags="", base=f"box.{n + 7}")
+    box.deliver(message("older@x", date=1790000003), flags="", base="box.9.5")  # of the same second as box.10
     box, mta, relay = follow(s, "--newest", "5")
     s.wait(lambda: uids(s) == {f"m{n}@x" for n in range(3, 8)}, "the newest five")
     last = box.deliver(message("m8@x", date=1790000008), flags="")
