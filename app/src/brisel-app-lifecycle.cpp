@@ -233,7 +233,10 @@ void app_terminate(void *user_data) {
   /* The rows free their records through their class: they go before it is emptied, and without each searching the
      model for itself. */
   brisel_free_mail_list(ad);
-  if (ad->mailbox_genlist) elm_genlist_clear(ad->mailbox_genlist);
+  if (ad->mailbox_genlist) {
+    app_efl_forget_focus(ad->mailbox_genlist);
+    elm_genlist_clear(ad->mailbox_genlist);
+  }
   _clear_all_genlist_item_class(ad);
   _drop_popups(ad);
   _clear_all_naviframe_view_data(ad);

@@ -78,6 +78,9 @@ void app_efl_window_show(void);
 /* What has the focus in the window of a widget, as the toolkit's own elm_object_focused_object_get() says it, or NULL.
    That one first makes the classes of two kinds of widgets that nobody here has, for good. */
 Evas_Object *app_efl_focused(const Evas_Object *widget);
+/* Before the rows of a genlist go: none of them has the focus any more. The toolkit would give it from row to row, and
+   tell of a fault at the last one. */
+void app_efl_forget_focus(Evas_Object *list);
 
 /* --- launch requests --- */
 

@@ -572,6 +572,10 @@ Evas_Object *app_efl_focused(const Evas_Object *widget) {
   return efl_ui_focus_manager_focus_get(manager);
 }
 
+void app_efl_forget_focus(Evas_Object *list) {
+  efl_ui_focus_manager_reset_history(list);
+}
+
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data) {
   if (!argc || !argv || !callbacks) return 1;
   const std::string id = app.id;

@@ -101,6 +101,8 @@ def test_what_stands_keeps_its_place_and_follows_the_language(s):
     s.setting("db/menu_widget/language", "string", "ar_EG.UTF-8")
     ok, cancel = (s.wait_text(s.text(name)) for name in ("IDS_COM_SK_OK", "IDS_EMAIL_SK_CANCEL_ABB"))
     assert ok["x"] < cancel["x"], "the buttons of a popup turn round"
+    s.watch("quit")
+    equal(s.complaints(), [], "what the toolkit complained of")
 
 
 def test_broken_settings_read_as_unreadable(s):
