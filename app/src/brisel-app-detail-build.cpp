@@ -143,6 +143,16 @@ static bool __brisel_detail_build_on(brisel_detail_view *view_data, page_data *p
   return true;
 }
 
+static bool __brisel_detail_is_unbuilt(const page_data *page) {
+  return !page->is_built || page->is_stale || __brisel_detail_wants_buttons(page);
+}
+
+static bool __brisel_detail_build_whole(brisel_detail_view *view_data, page_data *page) {
+  while (__brisel_detail_is_unbuilt(page))
+    if (!__brisel_detail_build_on(view_data, page)) return false;
+  return true;
+}
+
 static bool __brisel_detail_has_rest(const page_data *page) {
   return page->rest != DETAIL_REST_NONE && !page->is_rest_lost;
 }
@@ -159,9 +169,12 @@ static bool __brisel_detail_rest_on(brisel_detail_view *view_data, page_data *pa
   }
   bool is_other = false;
   const bool is_read = __brisel_detail_read_rest(page, &is_other);
-  if (is_other) __brisel_detail_renew_page(view_data, page);
+  if (is_other) {
+    page->is_stale = 1;
+    __brisel_detail_build_whole(view_data, page); /* it may have other fields, for which it is laid out anew */
+  }
   page->is_rest_lost = !is_read && !is_other;
-  if (page->rest == DETAIL_REST_NONE) __brisel_detail_draw_device_notice(page);
+  if (page->rest == DETAIL_REST_NONE && page->is_built) __brisel_detail_draw_device_notice(page);
   return !page->is_rest_lost;
 }
 
@@ -171,16 +184,6 @@ void __brisel_detail_finish_rest(brisel_detail_view *view_data, page_data *page)
   while (__brisel_detail_is_unfinished(page)) __brisel_detail_rest_on(view_data, page);
   /* Its end is where it will be. */
   evas_smart_objects_calculate(evas_object_evas_get(page->page_layout));
-}
-
-static bool __brisel_detail_is_unbuilt(const page_data *page) {
-  return !page->is_built || page->is_stale || __brisel_detail_wants_buttons(page);
-}
-
-static bool __brisel_detail_build_whole(brisel_detail_view *view_data, page_data *page) {
-  while (__brisel_detail_is_unbuilt(page))
-    if (!__brisel_detail_build_on(view_data, page)) return false;
-  return true;
 }
 
 page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *view_data, int mail_id) {
