@@ -242,7 +242,7 @@ TEST_F(Texts, LongBodiesInPiecesAreShownAsTheWholeIs) {
   const std::string quote = repeat("> a line of the quote\r\n", 40000),
                     tagged = repeat("line\n", 5000) + tag_more + "x";
   const std::vector<std::string> table = {
-      quote + tag_complete, "Yes.\n" + quote + "Bye\n" + repeat("and so on\n", 9000) + tag_more,
+      quote + tag_complete, "Yes.\n" + quote + repeat("\xE0\xA4\x95\xE0\xA4\x96 \r\n", 20000) + tag_more,
       "Yes.\n-----Original Message-----\n" + repeat("\xE0\xA4\x95\n\n", 99999),
       "Yes.\n" + quote + "-- \nEve\nInc.\n" + tagged + repeat("\n> b", 30000), tagged + repeat("more\n", 5000)};
   const std::vector<int> ids = mailbox_with(&phone, table);
