@@ -46,6 +46,8 @@ struct kept_date_pattern {
 static kept_date_pattern kept_date_patterns[6];
 static unsigned kept_date_next;
 static UNumberFormat *kept_number_format;
+static UCalendar *kept_calendar;
+static char kept_calendar_locale[locale_bytes];
 /* The zone is none that ICU knows, so the C library says how far each instant is from UTC, and ICU formats in UTC. */
 static bool zone_of_c_library;
 static char kept_number_locale[locale_bytes];
@@ -56,6 +58,8 @@ static void _drop_kept_formats() {
   for (kept_date_pattern &kept : kept_date_patterns) kept = {};
   if (kept_number_format) unum_close(kept_number_format);
   kept_number_format = nullptr;
+  if (kept_calendar) ucal_close(kept_calendar);
+  kept_calendar = nullptr;
 }
 
 /* --- locale --- */
@@ -323,6 +327,23 @@ char *brisel_util_get_date_time_str_by_pattern(const char *pattern, const char *
   return _format_date(pattern, false, locale, t);
 }
 
+/* Whether both instants are in the same year of the calendar that the locale shows. */
+static bool _is_same_year(time_t one, time_t other, const char *locale) {
+  const char *name = locale ? locale : "";
+  UErrorCode status = U_ZERO_ERROR;
+  if (!kept_calendar || strcmp(kept_calendar_locale, name) != 0) {
+    if (kept_calendar) ucal_close(kept_calendar);
+    kept_calendar = ucal_open(nullptr, 0, name, UCAL_DEFAULT, &status);
+    if (U_FAILURE(status)) kept_calendar = nullptr;
+    snprintf(kept_calendar_locale, sizeof(kept_calendar_locale), "%s", name);
+  }
+  if (!kept_calendar) return false;
+  ucal_setMillis(kept_calendar, _icu_time(one), &status);
+  const int32_t year = ucal_get(kept_calendar, UCAL_EXTENDED_YEAR, &status);
+  ucal_setMillis(kept_calendar, _icu_time(other), &status);
+  return year == ucal_get(kept_calendar, UCAL_EXTENDED_YEAR, &status) && U_SUCCESS(status);
+}
+
 int brisel_util_locale_date_order(const char *locale) {
   static const char *const orders[] = {"dMy", "Mdy", "yMd", "ydM"};
   UErrorCode status = U_ZERO_ERROR;
@@ -382,7 +403,7 @@ char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad) {
   if (now.tm_year == then.tm_year && now.tm_yday == then.tm_yday) return time_text.release();
 
   unsigned order = (unsigned)ad->date_format < std::size(same_year) ? (unsigned)ad->date_format : 2;
-  const char *pattern = now.tm_year == then.tm_year ? same_year[order] : other_year[order];
+  const char *pattern = _is_same_year(now_time, t, ad->locale) ? same_year[order] : other_year[order];
   scoped_text date_text(brisel_util_get_date_time_str_by_pattern(pattern, ad->locale, &t));
   return brisel_util_join_date_time(date_text.get(), time_text.get(), ad->locale);
 }
