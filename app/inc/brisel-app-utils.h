@@ -48,16 +48,18 @@ void brisel_util_init_timezone(void);
 void brisel_util_read_formats_ahead(void);
 int brisel_open_icu_pattern_generator(appdata *ad);
 int brisel_close_icu_pattern_generator(appdata *ad);
-/* What a locale does: the order of dates as a date_format, and whether the clock has twelve hours. It counts where no
-   setting speaks, which follows_environment tells: the device has no region, and the environment names one. */
+/* What a locale does where no setting says otherwise: the order of dates as a date_format, and whether the clock has
+   twelve hours. has_locale: a region is set, or the environment names one. */
 int brisel_util_locale_date_order(const char *locale);
 bool brisel_util_locale_has_12_hours(const char *locale);
-bool brisel_util_follows_environment(void);
+bool brisel_util_has_locale(void);
 /* The width that a row has for a time, in pixels at scale 1: long words of the time of day are short in narrow ones. */
 void brisel_util_set_row_width(double width);
 char *brisel_util_get_date_time_str_by_skeleton(const char *skeleton, const char *locale, time_t *t);
 char *brisel_util_get_date_time_str_by_pattern(const char *pattern, const char *locale, time_t *t);
 char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad);
+/* Whether both instants are in one year of the calendar that the locale shows: a date leaves it out then. */
+bool brisel_util_is_same_year(time_t one, time_t other, const char *locale);
 /* The date and then the time, in the reading order of the locale. */
 char *brisel_util_join_date_time(const char *date, const char *time, const char *locale);
 char *brisel_util_get_localized_number_str(int number, appdata *ad);

@@ -72,8 +72,8 @@ static int _time_letters(time_t received, const appdata *ad) {
   localtime_r(&now_time, &now);
   localtime_r(&received, &then);
   const int clock = ad->time_format == 1 ? 8 : 5;
-  if (now.tm_year != then.tm_year) return clock + 11;
-  return now.tm_yday == then.tm_yday ? clock : clock + 6;
+  if (now.tm_year == then.tm_year && now.tm_yday == then.tm_yday) return clock;
+  return clock + (brisel_util_is_same_year(now_time, received, ad->locale) ? 6 : 11);
 }
 
 /* At scale 1. */

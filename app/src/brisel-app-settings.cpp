@@ -19,11 +19,11 @@ void _brisel_set_date_time_format(appdata *ad) {
     BRISEL_ERROR("data == NULL");
     return;
   }
-  const bool follows_environment = brisel_util_follows_environment();
+  const bool has_locale = brisel_util_has_locale();
   int result = vconf_get_int(BRISEL_KEY_DATE_FORMAT, &ad->date_format);
   if (result < 0) {
     BRISEL_WARN("vconf_get_int returns: %d", result);
-    if (follows_environment) ad->date_format = brisel_util_locale_date_order(ad->locale);
+    if (has_locale) ad->date_format = brisel_util_locale_date_order(ad->locale);
   }
   if ((unsigned)ad->date_format > 3) {
     BRISEL_WARN("Invalid date_format value(%d)", ad->date_format);
@@ -32,7 +32,7 @@ void _brisel_set_date_time_format(appdata *ad) {
   result = vconf_get_int(BRISEL_KEY_TIME_FORMAT, &ad->time_format);
   if (result < 0) {
     BRISEL_WARN("vconf_get_int returns: %d", result);
-    if (follows_environment) ad->time_format = brisel_util_locale_has_12_hours(ad->locale);
+    if (has_locale) ad->time_format = brisel_util_locale_has_12_hours(ad->locale);
   }
   BRISEL_INFO("ad->date_format : %d ad->time_format : %d", ad->date_format, ad->time_format);
 }

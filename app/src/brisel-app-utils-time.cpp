@@ -327,8 +327,7 @@ char *brisel_util_get_date_time_str_by_pattern(const char *pattern, const char *
   return _format_date(pattern, false, locale, t);
 }
 
-/* Whether both instants are in the same year of the calendar that the locale shows. */
-static bool _is_same_year(time_t one, time_t other, const char *locale) {
+bool brisel_util_is_same_year(time_t one, time_t other, const char *locale) {
   const char *name = locale ? locale : "";
   UErrorCode status = U_ZERO_ERROR;
   if (!kept_calendar || strcmp(kept_calendar_locale, name) != 0) {
@@ -373,9 +372,9 @@ bool brisel_util_locale_has_12_hours(const char *locale) {
   return u_memchr(pattern, 'h', length) || u_memchr(pattern, 'K', length);
 }
 
-bool brisel_util_follows_environment(void) {
+bool brisel_util_has_locale(void) {
   scoped_text region(vconf_get_str(BRISEL_KEY_REGION));
-  return !region && _environment_locale();
+  return region || _environment_locale();
 }
 
 char *brisel_util_join_date_time(const char *date, const char *time, const char *locale) {
@@ -403,7 +402,7 @@ char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad) {
   if (now.tm_year == then.tm_year && now.tm_yday == then.tm_yday) return time_text.release();
 
   unsigned order = (unsigned)ad->date_format < std::size(same_year) ? (unsigned)ad->date_format : 2;
-  const char *pattern = _is_same_year(now_time, t, ad->locale) ? same_year[order] : other_year[order];
+  const char *pattern = brisel_util_is_same_year(now_time, t, ad->locale) ? same_year[order] : other_year[order];
   scoped_text date_text(brisel_util_get_date_time_str_by_pattern(pattern, ad->locale, &t));
   return brisel_util_join_date_time(date_text.get(), time_text.get(), ad->locale);
 }

@@ -172,12 +172,12 @@ TEST_F(formats, ThisYearIsTheCalendarsOwn) {
   }
 }
 
-/* Where the device says nothing at all, the environment's locale does. */
-TEST_F(formats, UnsetSettingsFollowTheEnvironment) {
+/* Where no setting speaks, the locale does: the region's, else the environment's. */
+TEST_F(formats, UnsetSettingsFollowTheLocale) {
   for (const case_row &c : cases("unset settings: region, LC_ALL, order of the date, twelve hours", 4)) {
     c.text(1) ? setenv("LC_ALL", c.text(1), 1) : unsetenv("LC_ALL");
     region(c.text(0));
-    const bool has = brisel_util_follows_environment();
+    const bool has = brisel_util_has_locale();
     EXPECT_EQ(has ? brisel_util_locale_date_order(ad.locale) : 0, c.number(2)) << ad.locale;
     EXPECT_EQ(has && brisel_util_locale_has_12_hours(ad.locale), c.number(3)) << ad.locale;
   }
