@@ -117,12 +117,13 @@ emit("relay's wake-ups in 10 idle seconds", "", [sum(map(wakeups, family())) - b
 
 tool("brisel-watchctl", "launch")
 shown, looks = [], [look() for _ in range(5)]
+begin = time.time()  # each a second after the last: those of one second stand in the order in which they came
 before = {"phone": to_disk(relay.pid), "watch": to_disk(writer)}
 for n in range(5):
     sender = f"Newcomer {n}"
     text = message(COUNT + n).split("\n", 1)[1]
     (BOX / "tmp" / f"live{n}").write_text(f"From: {sender} <new@example.org>\n" + text.replace(
-        "Date: ", f"Date: {time.strftime('%a, %d %b %Y %H:%M:%S +0000', time.gmtime())}\nX-Old-Date: "))
+        "Date: ", f"Date: {time.strftime('%a, %d %b %Y %H:%M:%S +0000', time.gmtime(begin + n))}\nX-Old-Date: "))
     start = time.monotonic()
     os.rename(BOX / "tmp" / f"live{n}", BOX / "new" / f"live{n}")
     wait(lambda: sender in tool("brisel-watchctl", "dump"), f"{sender} on screen", 30)
