@@ -99,13 +99,7 @@ bool well_formed(const nlohmann::json &request) {
   return ids.is_array() && std::all_of(ids.begin(), ids.end(), [](const auto &id) { return id.is_number_integer(); });
 }
 
-int resend_cb(sd_event_source *source, uint64_t usec, void *user_data) {
-  auto *link = static_cast<phone_link *>(user_data);
-  std::string error;
-  link->left_out = false;
-  if (link->connected && host_connect(link->bus.get(), &error) < 0) link_log(error);
-  return 0;
-}
+int resend_cb(sd_event_source *source, uint64_t usec, void *user_data);
 
 /* Whether a request could not be kept and was not asked for again yet. */
 bool something_waits(const phone_link *link) {
@@ -118,6 +112,20 @@ void ask_again_later(phone_link *link, uint64_t *pause) {
   if (something_waits(link)) return;
   *pause = link_longer(*pause);
   link_timer(link, &link->resend, *pause, resend_cb);
+}
+
+void ask_again(phone_link *link) {
+  std::string error;
+  link->left_out = false;
+  if (host_connect(link->bus.get(), &error) == 0) return;
+  link_log(error);
+  ask_again_later(link, &link->resend_delay);
+}
+
+int resend_cb(sd_event_source *source, uint64_t usec, void *user_data) {
+  auto *link = static_cast<phone_link *>(user_data);
+  if (link->connected) ask_again(link);
+  return 0;
 }
 
 void keep_later(phone_link *link) {
@@ -344,13 +352,9 @@ void requests_take_urgent(phone_link *link) {
 }
 
 void link_ask_waiting(phone_link *link) {
-  std::string error;
   if (!link->connected || !something_waits(link)) return;
   sd_event_source_set_enabled(link->resend, SD_EVENT_OFF);
-  link->left_out = false;
-  if (host_connect(link->bus.get(), &error) == 0) return;
-  link_log(error);
-  ask_again_later(link, &link->resend_delay);
+  ask_again(link);
 }
 
 int link_take_waiting(phone_link *link) {

@@ -2,7 +2,8 @@
    usage: other-watch AGE LOG; each call is written into the log.
    AGE: first (nothing but what the first version had), least (its version is below what a phone works with), refuses
    (the phone's is), newest (says more than a phone knows), floods (asks for more at once than a watch can have
-   waiting, and for what is far too deep, each until it is acknowledged, and calls the phone) */
+   waiting, and for what is far too deep, each until it is acknowledged, cannot say it the second time, and calls the
+   phone) */
 #include <systemd/sd-bus.h>
 
 #include <cstdio>
@@ -14,7 +15,7 @@ namespace {
 struct other_watch {
   std::string age;
   FILE *log;
-  int mails = 0;
+  int mails = 0, connects = 0;
   std::set<int64_t> waiting;
 };
 
@@ -54,6 +55,7 @@ int call_cb(sd_bus_message *m, void *data, sd_bus_error *) {
   if (method == "AddAccount") return sd_bus_reply_method_return(m, "i", 1);
   if (method.starts_with("List")) return sd_bus_reply_method_return(m, "aa{sv}", 0);
   if (method == "Connect" && w->age == "floods") {
+    if (++w->connects == 2) return sd_bus_reply_method_errorf(m, "com.vextora.brisel.Error.Store", "not now");
     const int r = sd_bus_reply_method_return(m, "");
     return r < 0 ? r : flood(*w, sd_bus_message_get_bus(m));
   }
