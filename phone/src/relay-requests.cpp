@@ -91,8 +91,14 @@ bool relay_is_ours(phone_state *state, const relay_settings &settings, const nlo
   if (kind == "reply") return is_known(state, settings, request.value("host_tag", std::string()));
   const auto tags = request.find("host_tag_list");
   if ((kind != "delete_notis" && kind != "update_ind") || tags == request.end() || tags->empty()) return true;
-  return std::any_of(tags->begin(), tags->end(),
-                     [&](const auto &tag) { return is_known(state, settings, tag.template get<std::string>()); });
+  bool named = false; /* what has gone from the watch has no name, and is no phone's */
+  for (size_t i = 0; i < tags->size(); i++) {
+    const std::string tag = name_of(request, "host_tag_list", i);
+    if (tag.empty() && name_of(request, "message_uid_list", i).empty()) continue;
+    if (is_known(state, settings, tag)) return true;
+    named = true;
+  }
+  return !named;
 }
 
 int relay_forget_mails(phone_state *state, const std::vector<int> &mail_ids) {
