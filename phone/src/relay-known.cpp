@@ -155,6 +155,7 @@ int known_first(followed *a, bool under_way) {
   const int result = phone_state_change(
       state, [&] { return relay_note_set(state, (note_first_of + a->settings.name).c_str(), under_way ? "1" : ""); });
   if (result < 0) a->error = phone_state_error(state);
+  if (result == 0) a->known_before = !under_way;
   return result;
 }
 

@@ -275,10 +275,7 @@ int sync_mailbox(followed *a) {
   std::string before = a->error;
   a->error.clear();
   int result = sync_steps(a);
-  if (result == 0) {
-    a->known_before = true;
-    a->checked = false;
-  }
+  if (result == 0) a->checked = false;
   a->relayed =
       std::count_if(a->rows.begin(), a->rows.end(), [](const auto &entry) { return entry.second.state == relayed; });
   if (result == 0) a->synced = relay_now();
