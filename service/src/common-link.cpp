@@ -333,6 +333,7 @@ int common_drop_waiting(int number) {
     return BRISEL_COMMON_ERROR_LINK;
   }
   forget_when_done();
+  if (dropped.trouble_told) tell_trouble_over();
   if (!host.queue.empty()) kept_sync();
   events_tell_requests();
   return 0;
