@@ -76,6 +76,7 @@ struct phone_link {
   size_t requests_bytes = 0; /* of their texts */
   bool left_out = false;     /* one did not fit: it is still to be asked for again */
   bool told_full = false;
+  bool told_not_ours = false; /* they come with every connection */
   std::list<waiting_more> more;
   bool connected = false;
   std::string owner; /* the service process that is connected */

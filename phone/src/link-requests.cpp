@@ -196,7 +196,8 @@ void take_request(phone_link *link, const waiting_request &r) {
   bool good = well_formed(request);
   bool more = asks_for_more(request);
   if (good && link->handlers->is_ours && !link->handlers->is_ours(link, request, link->user_data)) {
-    link_log("request " + std::to_string(r.id) + " is about another phone's mail and waits for that phone");
+    if (!link->told_not_ours) link_log("requests about another phone's mail wait on the watch for that phone");
+    link->told_not_ours = true;
     return;
   }
   int fresh = 0;
