@@ -272,7 +272,7 @@ struct detail_walk {
 
 static bool __brisel_detail_is_body(detail_walk *walk, size_t size) {
   detail_text *text = walk->page->text;
-  walk->is_other = text->size && text->size != size;
+  walk->is_other = (text->size && text->size != size) || size < text->read;
   text->size = size;
   return !walk->is_other;
 }
@@ -330,7 +330,11 @@ static int __brisel_detail_rest_cb(const char *piece, size_t length, size_t size
   detail_walk *walk = (detail_walk *)data;
   detail_text *text = walk->page->text;
   if (!__brisel_detail_is_body(walk, size)) return 0;
-  if (!text->whole) text->whole.reset((char *)g_try_malloc(size + 1));
+  if (!text->whole_read) {
+    const char *beginning = walk->page->mail_data->body ? walk->page->mail_data->body : "";
+    walk->is_other = !std::string_view(piece, length).starts_with(beginning);
+    text->whole.reset(walk->is_other ? nullptr : (char *)g_try_malloc(size + 1));
+  }
   if (!text->whole) return 0;
   char *to = text->whole.get() + text->whole_read;
   if (text->whole_read % step_bytes == 0) platform_pages_get(to, std::min(step_bytes, size - text->whole_read) + 1);
@@ -357,7 +361,11 @@ bool __brisel_detail_read_rest(page_data *page, bool *is_other) {
   g_free(page->mail_data->body);
   page->mail_data->body = text->whole.release();
   page->rest = DETAIL_REST_NONE;
-  if (text->is_odd) __brisel_detail_set_body(page);
+  text->source.clear(); /* for who only listens it was the beginning's */
+  if (text->is_odd)
+    __brisel_detail_set_body(page);
+  else
+    __brisel_detail_name_page(page);
   return true;
 }
 
@@ -377,9 +385,9 @@ static bool __brisel_detail_is_inside(Evas_Object *object, int x, int y) {
 
 void __brisel_detail_tapped(brisel_detail_view *view_data, int x, int y) {
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
+  __brisel_detail_finish_rest(view_data, page); /* what is opened may end in it */
   if (!page->text || !page->detail_layout || !page->scroller) return;
   page->tapped = nullptr;
-  __brisel_detail_finish_rest(view_data, page); /* what is opened may end in it */
   const Eina_Rectangle sender = __brisel_detail_cut_sender(page);
   if (eina_rectangle_coords_inside(&sender, x, y)) return __brisel_detail_sender_tapped(page);
   if (!__brisel_detail_is_inside(page->scroller, x, y)) return;
@@ -394,6 +402,7 @@ void __brisel_detail_tapped(brisel_detail_view *view_data, int x, int y) {
   const detail_piece *piece = brisel_detail_piece_at(page->text->shown, at);
   if (!piece || !piece->is_fold) return;
   page->text->opened.push_back(piece->source);
+  if (page->rest != DETAIL_REST_NONE) return __brisel_detail_set_body(page); /* the rest could not be read */
   __brisel_detail_fold_body(page);
   __brisel_detail_show_body(page);
 }

@@ -22,8 +22,9 @@ namespace {
 constexpr char log_tag[] = "BRISEL_COMMON";
 /* Readers of a WAL store wait for nobody, except while a service that was killed is being cleaned up after. */
 constexpr int busy_ms = 1000;
-/* Bytes, of which the memory is got at once. */
+/* Bytes of a body that are read at once. */
 constexpr size_t piece_bytes = 64 << 10;
+/* Bytes, of which the memory is got at once. */
 constexpr size_t long_body = 256 << 10;
 
 /* In the texts of the queries: the whole mail, its id first and its body last; the same with the type of the body in

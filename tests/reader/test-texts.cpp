@@ -222,6 +222,12 @@ TEST_F(Texts, TheRestOfALongBodyComesToWhoReadsIt) {
   EXPECT_NE(elm_object_part_content_get(current_page()->detail_layout, "detail.device"), nullptr);
   close_reader();
 
+  ASSERT_EQ(brisel_detail_draw_view(ids[1], 0, &test_ad), 0); /* another body, of which nobody has told yet */
+  current_page()->mail_data->mail_id = ids[2];
+  __brisel_detail_finish_rest(reader(), current_page());
+  EXPECT_EQ(shown(BRISEL_DETAIL_CUR_PAGE), "\xE2\x80\xA6 4,000 quoted lines\n");
+  close_reader();
+
   ASSERT_EQ(brisel_detail_draw_view(ids[1], 0, &test_ad), 0); /* a store that fails for a while */
   current_page()->mail_data->mail_id = 99999;
   rest_reader();
