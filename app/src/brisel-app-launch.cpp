@@ -40,6 +40,7 @@ static bool _check_progress_popup_is_needed() {
   int result = brisel_db_is_valid_target_account_count(&valid);
   if (result != 0) BRISEL_WARN("brisel_db_is_valid_target_account_count failed(%d)", result);
   store_is_unreadable = result != 0;
+  if (!store_is_unreadable) brisel_widget_ref_drop(&store_popup);
   return valid == 0;
 }
 
@@ -331,8 +332,9 @@ static void _wait_for_link(appdata *ad) {
   waits_for_link = true;
   _show_first_minute(ad);
   _check_progress_popup_is_needed();
+  if (!store_is_unreadable) return;
   _stop_connecting_timer();
-  if (store_is_unreadable) connecting_timer = ecore_timer_add(store_patience, _store_timer_cb, ad);
+  connecting_timer = ecore_timer_add(store_patience, _store_timer_cb, ad);
 }
 
 static void _reset(appdata *ad, const char *mail_text) {
