@@ -53,8 +53,8 @@ int brisel_close_icu_pattern_generator(appdata *ad);
 int brisel_util_locale_date_order(const char *locale);
 bool brisel_util_locale_has_12_hours(const char *locale);
 bool brisel_util_has_locale(void);
-/* The width that a row has for a time, in pixels at scale 1: long words of the time of day are short in narrow ones. */
-void brisel_util_set_row_width(double width);
+/* How many digits have room where a row shows the time of day: a word of it that needs more is short. */
+void brisel_util_set_time_room(double digits);
 char *brisel_util_get_date_time_str_by_skeleton(const char *skeleton, const char *locale, time_t *t);
 char *brisel_util_get_date_time_str_by_pattern(const char *pattern, const char *locale, time_t *t);
 char *brisel_util_get_mailbox_date_time_str(time_t t, appdata *ad);

@@ -64,6 +64,7 @@ static bool subjects_shown = true;
 /* All at scale 1: what is beside the two texts, a letter of the time, and the least that a subject is of use with. */
 constexpr int texts_beside = 42, least_subject = 90;
 constexpr double time_letter = 10.3;
+constexpr int whole_date = 11; /* letters, with the blank behind it */
 
 /* About as many letters as the time has: its true text costs as much as drawing the row. */
 static int _time_letters(time_t received, const appdata *ad) {
@@ -73,7 +74,7 @@ static int _time_letters(time_t received, const appdata *ad) {
   localtime_r(&received, &then);
   const int clock = ad->time_format == 1 ? 8 : 5;
   if (now.tm_year == then.tm_year && now.tm_yday == then.tm_yday) return clock;
-  return clock + (brisel_util_is_same_year(now_time, received, ad->locale) ? 6 : 11);
+  return clock + (brisel_util_is_same_year(now_time, received, ad->locale) ? 6 : whole_date);
 }
 
 /* At scale 1. */
@@ -100,7 +101,7 @@ static void _update_texts(Evas_Object *gl) {
 }
 
 void brisel_fit_mailbox_rows(appdata *ad) {
-  brisel_util_set_row_width(_row_width(ad));
+  brisel_util_set_time_room((_row_width(ad) - texts_beside) / time_letter - whole_date);
   if (!ad->mailbox_genlist) return;
   bool is_other = false;
   for (GList *cell = ad->mail_list; cell; cell = cell->next) {

@@ -1,12 +1,14 @@
 /* Dates, times and numbers as the device's region writes them, and the device's time zone. */
 #include <unicode/locid.h>
 #include <unicode/ucal.h>
+#include <unicode/uchar.h>
 #include <unicode/udat.h>
 #include <unicode/udatpg.h>
 #include <unicode/uloc.h>
 #include <unicode/unum.h>
 #include <unicode/ustring.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,10 +26,10 @@ constexpr size_t text_bytes = 256;  /* a formatted text in UTF-8, with its NUL *
 constexpr size_t locale_bytes = 32; /* a locale id, with its NUL */
 constexpr size_t number_bytes = 64; /* a formatted number: 20 units of any script are at most 60 bytes */
 constexpr int number_units = 20;
-/* A time of day that is longer takes its short form. Rows of that width, in pixels at scale 1, have room for every one
-   that is not spelled out ("10:42" and a word). */
-constexpr int narrow_time_units = 12, wide_time_units = 24, wide_row = 300;
-static int time_units = wide_time_units;
+/* In digits: a time of day that is wider than there is room for takes its short form; no row has room for more than the
+   first, with which some locales spell it out ("hour 10 minute 42 in the afternoon"). */
+constexpr double most_time_digits = 20, wide_letter = 1.7;
+static double time_room = most_time_digits;
 
 static UDateTimePatternGenerator *pattern_generator;
 
@@ -257,13 +259,25 @@ static UDateFormat *_date_format(const std::u16string &pattern, const char *loca
   return kept_date_format;
 }
 
-/* Some locales spell the time of day out ("hour 10 minute 42 in the afternoon"), which no row has room for. */
+/* About how many digits it is wide: letters of India and its neighbours are wider, and signs above or below take no
+   room. */
+static double _digits_of(const UChar *units, int32_t length) {
+  double digits = 0;
+  for (int32_t i = 0; i < length;) {
+    UChar32 letter = 0;
+    U16_NEXT(units, i, length, letter);
+    if (U_GET_GC_MASK(letter) & (U_GC_MN_MASK | U_GC_ME_MASK | U_GC_CF_MASK)) continue;
+    digits += letter >= 0x900 && letter < 0xE00 ? wide_letter : 1;
+  }
+  return digits;
+}
+
 static bool _is_long_time(UDateFormat *format) {
   for (const double hour : {10.0, 22.0}) {
     UChar units[pattern_units];
     UErrorCode status = U_ZERO_ERROR;
-    if (udat_format(format, (hour * 60.0 + 42.0) * 60000.0, units, pattern_units, nullptr, &status) > time_units)
-      return true;
+    const int32_t length = udat_format(format, (hour * 60.0 + 42.0) * 60000.0, units, pattern_units, nullptr, &status);
+    if (length > pattern_units || _digits_of(units, length) > time_room) return true;
   }
   return false;
 }
@@ -312,10 +326,10 @@ static char *_format_date(const char *source, bool is_skeleton, const char *loca
   return strdup(text);
 }
 
-void brisel_util_set_row_width(double width) {
-  const int units = width < wide_row ? narrow_time_units : wide_time_units;
-  if (units == time_units) return;
-  time_units = units;
+void brisel_util_set_time_room(double digits) {
+  const double room = std::min(digits, most_time_digits);
+  if (room == time_room) return;
+  time_room = room;
   for (kept_date_pattern &kept : kept_date_patterns) kept = {};
 }
 

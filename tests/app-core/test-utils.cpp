@@ -63,9 +63,9 @@ TEST_F(formats, OldMailsShowDateAndTime) {
     EXPECT_EQ(shown, c[3]) << c[0];
   }
   region("ta_IN");
-  brisel_util_set_row_width(200);
+  brisel_util_set_time_room(16); /* an old mail, on 320 pixels */
   EXPECT_EQ(taken(brisel_util_get_date_time_str_by_skeleton("hhmm", ad.locale, nullptr)), "12:00 மு.ப");
-  brisel_util_set_row_width(320);
+  brisel_util_set_time_room(20);
 }
 
 TEST_F(formats, NearerMailsShowLess) {
