@@ -195,6 +195,13 @@ static void _rows_stand_cb(void *data, Evas_Object *obj, void *event_info) {
   ecore_job_add(_rows_stand_job_cb, obj);
 }
 
+static bool _is_realized(Evas_Object *list, const Elm_Object_Item *row) {
+  Eina_List *rows = elm_genlist_realized_items_get(list);
+  const bool is_realized = eina_list_data_find(rows, row) != nullptr;
+  eina_list_free(rows);
+  return is_realized;
+}
+
 void brisel_view_refocus_row(Evas_Object *list, int place) {
   const int last = (int)elm_genlist_items_count(list) - 1;
   if (place < 0 || last < 0 || !elm_object_focus_get(list)) return;
@@ -203,7 +210,8 @@ void brisel_view_refocus_row(Evas_Object *list, int place) {
   Elm_Object_Item *row = elm_genlist_nth_item_get(list, (unsigned)std::min(place, last));
   elm_object_item_focus_set(row, EINA_TRUE);
   elm_genlist_item_show(row, ELM_GENLIST_ITEM_SCROLLTO_IN); /* other rows may have pushed it out of sight */
-  evas_object_smart_callback_add(list, "realized", _rows_stand_cb, nullptr);
+  /* Of one that stands already none would come before a finger scrolls, and be scrolled away from. */
+  if (!_is_realized(list, row)) evas_object_smart_callback_add(list, "realized", _rows_stand_cb, nullptr);
 }
 
 int brisel_view_focused_place(Evas_Object *list) {
