@@ -111,9 +111,6 @@ void brisel_util_pop_view(Evas_Object *naviframe);
 
 /* --- what the screens offer each other --- */
 
-/* The store cannot be read: says so, with a way out and one to try again. Once, however often it is told. */
-void brisel_tell_store_unreadable(appdata *ad);
-
 /* Mailbox list: brisel-app-mailbox-list. */
 Evas_Object *brisel_create_mailbox_list_view(Evas_Object *win_main, appdata *ad);
 void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad);

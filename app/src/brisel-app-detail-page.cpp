@@ -357,8 +357,9 @@ Evas_Object *__brisel_detail_create_scroller(Evas_Object *parent) {
 }
 
 void __brisel_detail_update_page_string(brisel_detail_view *view_data, page_data *page) {
-  Evas_Object *layout = page->detail_layout;
   if (brisel_view_is_spoken()) __brisel_detail_finish_rest(view_data, page);
+  Evas_Object *layout = page->detail_layout; /* which the rest may have made anew */
+  if (!layout) return;
   __brisel_detail_set_device_notice(view_data, page);
   if (Evas_Object *label = elm_object_part_content_get(layout, part_image)) {
     elm_object_text_set(label, __brisel_detail_image_notice().get());

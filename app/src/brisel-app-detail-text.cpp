@@ -31,7 +31,8 @@ static const char ellipsis[] = "\xE2\x80\xA6";
 
 /* What a page shows of its body, and what of that is open. */
 struct detail_text {
-  std::string source;         /* the body as plain text, without its continuation tag; empty when it is what is shown */
+  std::string source;         /* the body as plain text, without its continuation tag; empty when it is what is shown,
+                                 and of a body that came in pieces until it is wanted */
   std::vector<size_t> opened; /* the folds that were opened, by their place in source */
   detail_shown shown;         /* its text is empty once the layout has it */
   /* Of a body whose rest is in the store: how many bytes of it are made plain and folded, and all, once that is known.

@@ -174,7 +174,8 @@ static void _store_popup_again_cb(void *data, Evas_Object *obj, void *event_info
   _go_on((appdata *)data, true);
 }
 
-void brisel_tell_store_unreadable(appdata *ad) {
+/* With a way out and one to try again. Once, however often it is told. */
+static void _tell_store_unreadable(appdata *ad) {
   BRISEL_INFO("Enter");
   if (store_popup) return;
   brisel_util_drop_popup(&ad->connecting_popup);
@@ -204,7 +205,7 @@ static Eina_Bool _connecting_timer_cb(void *data) {
   }
   bool is_unknown = _check_progress_popup_is_needed();
   if (store_is_unreadable) {
-    brisel_tell_store_unreadable(ad);
+    _tell_store_unreadable(ad);
   } else if (is_unknown) {
     connecting_timer = ecore_timer_add(connecting_patience, _connecting_timer_cb, ad);
   } else {
@@ -324,7 +325,7 @@ static void _bt_connect_error_popup_result_cb(service_h request, service_h reply
 static Eina_Bool _store_timer_cb(void *data) {
   connecting_timer = nullptr;
   _check_progress_popup_is_needed();
-  if (store_is_unreadable) brisel_tell_store_unreadable((appdata *)data);
+  if (store_is_unreadable) _tell_store_unreadable((appdata *)data);
   return ECORE_CALLBACK_CANCEL;
 }
 
