@@ -35,8 +35,7 @@ struct detail_text {
                                  and of a body that came in pieces until it is wanted */
   std::vector<size_t> opened; /* the folds that were opened, by their place in source */
   detail_shown shown;         /* its text is empty once the layout has it */
-  /* Of a body whose rest is in the store: how many bytes of it are made plain and folded, and all, once that is known.
-   */
+  /* Of a body whose rest is in the store: how many bytes of it are made plain and folded; and all, once known. */
   size_t read, size;
   bool is_all_read, is_complete; /* up to its tag; so that says */
   bool is_odd;                   /* a tag stands in its midst: only the whole says where its text ends */

@@ -268,18 +268,11 @@ int brisel_db_get_noti_beginning_by_mail_id(int mail_id, int most, full_noti_dat
 }
 
 int brisel_db_walk_body_by_mail_id(int mail_id, size_t from, size_t most, brisel_body_cb callback, void *data) {
-  if (!callback || mail_id <= 0) return BRISEL_COMMON_ERROR_INVALID;
-  if (!opened) return BRISEL_COMMON_ERROR_STORE;
-  sql_statement *q = nullptr;
-  const int status = reader_start(reader_mail, &q);
-  if (!q) return status ? status : BRISEL_COMMON_ERROR_NOT_FOUND;
-  const sql_result r = q->bind(mail_id).step();
-  const bool has_body = r == sql_row && q->view(column(field_body)) != "null";
-  const int walked = has_body ? reader_walk_body(mail_id, from, most, callback, data) : 0;
-  if (r == sql_row && !has_body) callback("", 0, 0, data);
-  const int done = reader_done(q, walked == BRISEL_COMMON_ERROR_STORE ? sql_failed : r);
-  if (done) return done;
-  return r == sql_row ? walked : BRISEL_COMMON_ERROR_NOT_FOUND;
+  return read_row(reader_mail, mail_id, reinterpret_cast<const void *>(callback), [&](sql_statement *q) {
+    if (q->view(column(field_body)) != "null") return reader_walk_body(mail_id, from, most, callback, data);
+    callback("", 0, 0, data);
+    return 0;
+  });
 }
 
 int brisel_db_get_full_noti_data_list_by_account_id(int account_id, GSList **list, int *count) {
