@@ -10,6 +10,7 @@
 
 #include "app_efl.h"
 #include "brisel-app-utils.h"
+#include "brisel-app-view-common.h"
 
 /* --- mail_list --- */
 
@@ -468,6 +469,7 @@ void _set_delete_btn(appdata *ad, bool enabled) {
 /* The texts in place: making the header's drawing anew would lay out every block of the list again. */
 void _update_header(Elm_Object_Item *group_item) {
   elm_genlist_item_fields_update(group_item, nullptr, ELM_GENLIST_ITEM_FIELD_TEXT);
+  brisel_view_name_row(group_item);
 }
 
 void _refresh_mailbox_list(appdata *ad) {
@@ -498,6 +500,7 @@ void _refresh_mailbox_list(appdata *ad) {
           elm_genlist_item_append(gl, ad->itc_group, group, nullptr, ELM_GENLIST_ITEM_GROUP, group_selected_cb, group);
       group->count = mail_cnt;
       group->it = group_item;
+      brisel_view_name_row(group_item);
       BRISEL_INFO("group item is added");
     }
   } else {

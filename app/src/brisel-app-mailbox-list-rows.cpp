@@ -96,8 +96,7 @@ Elm_Genlist_Item_Class *_class_of_row(const appdata *ad, const item_data *item) 
 static void _update_texts(Evas_Object *gl) {
   elm_genlist_realized_items_update(gl);
   Elm_Object_Item *first = elm_genlist_first_item_get(gl);
-  if (first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP)
-    elm_genlist_item_fields_update(first, nullptr, ELM_GENLIST_ITEM_FIELD_TEXT);
+  if (first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP) _update_header(first);
 }
 
 void brisel_fit_mailbox_rows(appdata *ad) {

@@ -1,6 +1,5 @@
 /* What a screen reader says of a row: sender, subject, time, whether it is new, its account. The list's model and rows
-   call it; it reads the account from the store, which only who listens
-   has to wait for. */
+   call it; it reads the account from the store, which only who listens has to wait for. */
 #include <string>
 
 #include "brisel-app-mailbox-list.h"
@@ -15,6 +14,7 @@ static void _say(std::string *name, const char *text) {
 
 void brisel_name_mailbox_rows(appdata *ad) {
   if (!brisel_view_is_spoken()) return;
+  brisel_view_name_row(_group_item(ad));
   for (const GList *cell = ad->mail_list; cell; cell = cell->next) _name_row((const item_data *)cell->data);
 }
 
