@@ -50,7 +50,7 @@ static void _update_check_info_for_delete_view(delete_item_data *row) {
     BRISEL_INFO("view_data->selected_list is NULL");
   else
     vd->selected_list = g_slist_remove(vd->selected_list, row);
-  brisel_view_set_spoken_tick(row->it, row->check_state == 1);
+  brisel_view_say_tick(row->it, row->check_state == 1);
   _recount(vd);
 }
 
@@ -172,7 +172,6 @@ static bool _add_row(delete_view_data *vd, Evas_Object *gl, const Elm_Genlist_It
     return false;
   }
   brisel_view_name_row(row->it);
-  brisel_view_set_spoken_tick(row->it, false);
   return true;
 }
 
@@ -249,7 +248,7 @@ static void _select_all_btn_select_cb(void *data, Evas_Object *obj, void *event_
     delete_item_data *row = (delete_item_data *)cell->data;
     if (row->check_state == vd->select_all) continue;
     row->check_state = vd->select_all;
-    brisel_view_set_spoken_tick(row->it, vd->select_all);
+    brisel_view_say_tick(row->it, vd->select_all);
     changed = g_slist_prepend(changed, row);
   }
   if (vd->select_all) {
@@ -320,6 +319,12 @@ static void _delete_key_cb(void *data, Evas *e, Evas_Object *obj, void *event_in
 
 static void _mailbox_delete_list_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
   elm_genlist_realized_items_update(obj);
+  brisel_view_name_rows(obj);
+}
+
+static bool _is_ticked(Elm_Object_Item *it) {
+  const delete_item_data *row = (delete_item_data *)elm_object_item_data_get(it);
+  return row && row->check_state == 1;
 }
 
 static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
@@ -334,6 +339,7 @@ static Evas_Object *_create_delete_list_view(delete_view_data *vd) {
   evas_object_smart_callback_add(gl, "language,changed", _mailbox_delete_list_language_changed_cb, nullptr);
   evas_object_smart_callback_add(gl, "realized", _gl_delete_view_realized_cb, nullptr);
   evas_object_event_callback_add(gl, EVAS_CALLBACK_KEY_DOWN, _delete_key_cb, vd);
+  brisel_view_set_row_ticks(gl, _is_ticked);
   brisel_view_list_keys(gl);
   brisel_stage_reach(gl);
   elm_scroller_policy_set(gl, ELM_SCROLLER_POLICY_OFF, ELM_SCROLLER_POLICY_AUTO);

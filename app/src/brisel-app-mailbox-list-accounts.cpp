@@ -126,13 +126,11 @@ static char *_gl_popup_text_get(void *data, Evas_Object *obj, const char *part) 
     BRISEL_WARN("data is NULL");
     return nullptr;
   }
-  if (!strcmp(part, "elm.text.1") || !strcmp(part, "elm.text")) {
-    if (row->account_id == 0) return strdup(brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"));
-    /* A name is shown as the text it is, like the address below it. */
-    return brisel_util_text_to_markup(row->name);
-  }
-  if (!strcmp(part, "elm.text.2")) return brisel_util_text_to_markup(row->address);
-  return nullptr;
+  const bool is_second = !strcmp(part, "elm.text.2");
+  if (!is_second && strcmp(part, "elm.text.1") != 0 && strcmp(part, "elm.text") != 0) return nullptr;
+  if (row->account_id == 0) return strdup(brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"));
+  /* A name is shown as the text it is, like the address below it. */
+  return brisel_util_text_to_markup(is_second ? row->address : row->name);
 }
 
 /* --- rows as high as their texts --- */
@@ -249,6 +247,15 @@ static void _gl_popup_sel(void *data, Evas_Object *obj, void *event_info) {
   _popup_response_cb(ad, nullptr, nullptr);
 }
 
+static bool _popup_row_is_ticked(Elm_Object_Item *it) {
+  const popup_item_data *row = (popup_item_data *)elm_object_item_data_get(it);
+  return row && row->account_id == row->ad->account_id;
+}
+
+static void _popup_language_cb(void *data, Evas_Object *obj, void *event_info) {
+  brisel_view_name_rows(obj);
+}
+
 static void _popup_row_realized_cb(void *data, Evas_Object *obj, void *event_info) {
   brisel_view_hide_last_bottomline(obj, (Elm_Object_Item *)event_info);
 }
@@ -277,7 +284,6 @@ static Elm_Object_Item *_append_popup_row(appdata *ad, Evas_Object *gl, Elm_Genl
   }
   row->it = elm_genlist_item_append(gl, itc, row, nullptr, ELM_GENLIST_ITEM_NONE, _gl_popup_sel, row);
   brisel_view_name_row(row->it);
-  brisel_view_set_spoken_tick(row->it, row->account_id == ad->account_id);
   return row->it;
 }
 
@@ -320,6 +326,8 @@ Evas_Object *brisel_create_account_selection_popup(appdata *ad) {
   brisel_view_list_keys(gl);
   brisel_stage_reach(gl);
   evas_object_smart_callback_add(gl, "language,changed", _mailbox_list_language_changed_cb, nullptr);
+  evas_object_smart_callback_add(gl, "language,changed", _popup_language_cb, nullptr);
+  brisel_view_set_row_ticks(gl, _popup_row_is_ticked);
 
   Evas_Object *radio_main = elm_radio_add(gl);
   elm_radio_state_value_set(radio_main, 0);

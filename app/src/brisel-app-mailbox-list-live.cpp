@@ -136,6 +136,7 @@ static void _update_mail_by_mail_id(int mail_id, appdata *ad) {
     elm_genlist_item_item_class_update(item->it, itc);
   else
     elm_genlist_item_update(item->it);
+  _name_row(item);
 }
 
 /* --- around the rows --- */
@@ -236,6 +237,7 @@ void brisel_update_mailbox_accounts(appdata *ad) {
   }
   _update_header(group_item);
   elm_genlist_realized_items_update(ad->mailbox_genlist); /* their colour bars */
+  brisel_name_mailbox_rows(ad);
 }
 
 void brisel_update_mailbox_list(int update_type, GSList *id_list, appdata *ad) {

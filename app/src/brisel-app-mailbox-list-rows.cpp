@@ -117,6 +117,7 @@ void brisel_update_mailbox_texts(appdata *ad) {
   if (!ad->mailbox_genlist) return;
   brisel_fit_mailbox_rows(ad);
   _update_texts(ad->mailbox_genlist);
+  brisel_name_mailbox_rows(ad);
 }
 
 static void _read_subjects_setting() {

@@ -142,6 +142,10 @@ static void __brisel_option_detail_gl_sel_reply_setting(void *data, Evas_Object 
   __brisel_option_detail_popup_response_cb(vd, obj, nullptr);
 }
 
+static bool __brisel_option_detail_reply_setting_is_ticked(Elm_Object_Item *row) {
+  return (int)(intptr_t)elm_object_item_data_get(row) == brisel_util_get_reply_method();
+}
+
 static constexpr Elm_Genlist_Item_Class reply_setting_row =
     brisel_view_row_class("1text.1icon.1", __brisel_option_detail_gl_text_get_reply_setting,
                           __brisel_option_detail_gl_content_get_reply_setting);
@@ -162,9 +166,9 @@ static void __brisel_option_detail_create_reply_setting_popup(option_detail_view
   }
   evas_object_data_set(genlist, "ViewData", vd);
   for (int method : {BRISEL_REPLY_METHOD_TEMPLATES, BRISEL_REPLY_METHOD_EMOTICONS})
-    brisel_view_set_spoken_tick(brisel_view_add_row(genlist, nullptr, &reply_setting_row, (void *)(intptr_t)method,
-                                                    __brisel_option_detail_gl_sel_reply_setting, vd),
-                                method == brisel_util_get_reply_method());
+    brisel_view_add_row(genlist, nullptr, &reply_setting_row, (void *)(intptr_t)method,
+                        __brisel_option_detail_gl_sel_reply_setting, vd);
+  brisel_view_set_row_ticks(genlist, __brisel_option_detail_reply_setting_is_ticked);
   evas_object_show(genlist);
 
   Evas_Object *radio_group = elm_radio_add(genlist);

@@ -53,6 +53,7 @@ void _brisel_update_time_format_and_views(appdata *ad) {
     if (delete_view && delete_view->genlist) {
       BRISEL_INFO("delete view is also refreshed");
       elm_genlist_realized_items_update(delete_view->genlist);
+      brisel_view_name_rows(delete_view->genlist);
       brisel_update_delete_popup(delete_view);
     }
     brisel_detail_update_datetime_format(ad);

@@ -1,6 +1,6 @@
-/* What can be done with a row by who only listens. The toolkit's rows offer nothing to a screen reader: this file's
-   class of rows, which takes the place of the toolkit's in every list, adds actions. Which ones is the list's to say.
- */
+/* What can be done with a row by who only listens, and whether it is ticked. The toolkit's rows offer neither to a
+   screen reader: this file's class of rows, which takes the place of the toolkit's in every list, adds both. What they
+   are is the list's to say. */
 #define EFL_BETA_API_SUPPORT        /* for classes of rows */
 #define EFL_ACCESS_OBJECT_PROTECTED /* to answer for its tick */
 #define EFL_ACCESS_ACTION_PROTECTED /* and for what it can do */
@@ -12,7 +12,7 @@
 /* The toolkit installs no header with it. */
 extern "C" const Efl_Class *elm_genlist_item_class_get() __attribute__((weak));
 
-static const char actions_key[] = "brisel/row_actions";
+static const char actions_key[] = "brisel/row_actions", ticks_key[] = "brisel/row_ticks";
 
 /* As a touch: what the row opens, or its tick. */
 static void _press(Elm_Object_Item *row) {
@@ -66,8 +66,9 @@ static const Efl_Class *own_class;
 
 static Efl_Access_State_Set _row_states_get(const Eo *row, void *) {
   Efl_Access_State_Set states = efl_access_object_state_set_get(efl_super(row, own_class));
-  const char *tick = (const char *)efl_key_data_get(row, brisel_row_tick_key);
-  if (tick && *tick == '1') STATE_TYPE_SET(states, EFL_ACCESS_STATE_TYPE_CHECKED);
+  const Evas_Object *list = elm_object_item_widget_get((Elm_Object_Item *)row);
+  const auto is_ticked = list ? (brisel_row_ticked_cb)evas_object_data_get(list, ticks_key) : nullptr;
+  if (is_ticked && is_ticked((Elm_Object_Item *)row)) STATE_TYPE_SET(states, EFL_ACCESS_STATE_TYPE_CHECKED);
   return states;
 }
 
@@ -93,4 +94,8 @@ void brisel_view_give_rows_actions() {
 
 void brisel_view_set_row_actions(Evas_Object *list, brisel_row_actions_cb actions_of) {
   evas_object_data_set(list, actions_key, (void *)actions_of);
+}
+
+void brisel_view_set_row_ticks(Evas_Object *list, brisel_row_ticked_cb is_ticked) {
+  evas_object_data_set(list, ticks_key, (void *)is_ticked);
 }

@@ -56,11 +56,14 @@ void brisel_view_name_row(Elm_Object_Item *row) {
   brisel_view_set_spoken_name(row, name.c_str());
 }
 
-void brisel_view_set_spoken_tick(Elm_Object_Item *row, bool is_ticked) {
-  if (!row || !brisel_view_is_spoken()) return;
-  const bool is_new = !efl_key_data_get(row, brisel_row_tick_key);
-  efl_key_data_set(row, brisel_row_tick_key, is_ticked ? "1" : "0");
-  if (!is_new) efl_access_state_changed_signal_emit(row, EFL_ACCESS_STATE_TYPE_CHECKED, is_ticked);
+void brisel_view_name_rows(Evas_Object *list) {
+  if (!brisel_view_is_spoken()) return;
+  for (Elm_Object_Item *row = elm_genlist_first_item_get(list); row; row = elm_genlist_item_next_get(row))
+    brisel_view_name_row(row);
+}
+
+void brisel_view_say_tick(Elm_Object_Item *row, bool is_ticked) {
+  if (brisel_view_is_spoken()) efl_access_state_changed_signal_emit(row, EFL_ACCESS_STATE_TYPE_CHECKED, is_ticked);
 }
 
 void brisel_view_say(Eo *object) {

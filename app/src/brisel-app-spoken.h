@@ -23,8 +23,14 @@ void brisel_view_say_name(Eo *object);
 void brisel_view_announce(Evas_Object *widget);
 /* A list's row (NULL: nothing happens) is called by its texts, drawn or not. */
 void brisel_view_name_row(Elm_Object_Item *row);
-/* The row (NULL: nothing happens) carries a tick, which is set or not; what draws it is to be left untold. */
-void brisel_view_set_spoken_tick(Elm_Object_Item *row, bool is_ticked);
+/* All rows of a list, when their texts are others or somebody may have come to listen: those out of sight ask for none.
+ */
+void brisel_view_name_rows(Evas_Object *list);
+/* The list's rows carry ticks; what draws them is to be left untold. */
+typedef bool (*brisel_row_ticked_cb)(Elm_Object_Item *row);
+void brisel_view_set_row_ticks(Evas_Object *list, brisel_row_ticked_cb is_ticked);
+/* Has it told that the row is ticked now, or is not any more. */
+void brisel_view_say_tick(Elm_Object_Item *row, bool is_ticked);
 
 /* What a row can do for who listens. */
 struct brisel_row_action {
@@ -35,8 +41,6 @@ struct brisel_row_action {
 };
 /* The actions of a row, the usual one first: an array that stays. */
 typedef const brisel_row_action *(*brisel_row_actions_cb)(Elm_Object_Item *row);
-/* Of a row: "1": it is ticked, "0": not, NULL: it has no tick. */
-inline constexpr char brisel_row_tick_key[] = "brisel/tick";
 /* Without it the list's rows have one action, which does what a touch does. */
 void brisel_view_set_row_actions(Evas_Object *list, brisel_row_actions_cb actions_of);
 /* Once, before the first list: that rows have actions at all. */

@@ -183,12 +183,14 @@ static void _buttons_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_
 
 /* --- all popups --- */
 
-/* A popup that stands does not turn round with the writing: its buttons keep their old places. */
-static void _direction_cb(void *data, Evas_Object *obj, void *event_info) {
+/* A popup that stands does not turn round with the writing: its buttons keep their old places. Its title is another, or
+   somebody has come who listens. */
+static void _language_cb(void *data, Evas_Object *obj, void *event_info) {
   const Evas_Object *button = elm_object_part_content_get(obj, "button1");
   const Evas_Object *area = button ? elm_object_parent_widget_get(button) : nullptr;
   if (area && area != obj) edje_object_mirrored_set(elm_layout_edje_get(area), elm_config_mirrored_get());
   evas_object_data_del(obj, even_for);
+  _name_popup(obj);
 }
 
 Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
@@ -198,7 +200,7 @@ Evas_Object *brisel_util_popup_add(Evas_Object *parent) {
   /* When its caller has shown it. */
   evas_object_data_set(popup, title_job, ecore_job_add(_title_job_cb, popup));
   evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _popup_gone_cb, nullptr);
-  evas_object_smart_callback_add(popup, "language,changed", _direction_cb, nullptr);
+  evas_object_smart_callback_add(popup, "language,changed", _language_cb, nullptr);
   evas_event_callback_add(evas_object_evas_get(popup), EVAS_CALLBACK_RENDER_PRE, _even_letters_cb, popup);
   evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _buttons_gone_cb, nullptr);
   brisel_view_tell_popup(popup);
@@ -219,6 +221,7 @@ void brisel_util_popup_set_name(Evas_Object *popup, const char *name) {
   evas_object_event_callback_add(popup, EVAS_CALLBACK_MOUSE_UP, _name_touched_cb, nullptr);
   evas_object_data_set(popup, is_named, popup);
   elm_object_part_text_set(popup, "title,text", name);
+  _name_popup(popup);
 }
 
 /* Popups live on the view stack; before the main screen is built there is only the window. */

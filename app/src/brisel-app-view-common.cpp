@@ -245,8 +245,7 @@ void brisel_view_hide_last_bottomline(Evas_Object *list, Elm_Object_Item *item) 
 /* Also when a screen reader has come: then it is told of rows that stand already. */
 static void _list_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
   elm_genlist_realized_items_update(obj);
-  for (Elm_Object_Item *row = elm_genlist_first_item_get(obj); row; row = elm_genlist_item_next_get(row))
-    brisel_view_name_row(row);
+  brisel_view_name_rows(obj);
 }
 
 Evas_Object *brisel_view_new_list(Evas_Object *parent, Evas_Smart_Cb realized_cb) {

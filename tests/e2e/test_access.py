@@ -185,6 +185,39 @@ def test_a_reader_that_comes_later_and_another_language_are_told_all(s):
         reader.close()
 
 
+def test_what_is_out_of_sight_says_what_is_true_now(s):
+    s.serve()
+    s.phone("account", "count", "known")
+    s.account("other@example.net")
+    s.send(s.account("me@example.net"), *[mail("Old", "y", f"Sender {i} <s@example.org>", 1388830000 - i) for i in range(30)])
+    s.launch()
+    s.wait_text("Sender 0")
+    s.watch("keyboard", "Home", "Up", "Return")
+    s.tap("Sender 1")
+    reader = Reader(s)
+    try:
+        heard(reader, ("list item", "Sender 1, 04/01/2014 10:06 (checked)"), ("list item", "Sender 29, 04/01/2014 10:06"))
+        s.setting("db/menu_widget/regionformat_time1224", "int", 1)
+        heard(reader, ("list item", "Sender 29, 04/01/2014 10:06\u202fAM"))
+        s.watch("keyboard", "Delete")
+        heard(reader, ("dialog", s.text("IDS_EMAIL_BODY_DELETE")))
+        s.language = "de"
+        s.setting("db/menu_widget/language", "string", "de_DE.UTF-8")
+        heard(reader, ("dialog", s.text("IDS_EMAIL_BODY_DELETE")))
+        s.watch("keyboard", "Escape", "Escape")
+        s.press("(30)", 0.8)
+        heard(reader, ("dialog", s.text("IDS_EMAIL_HEADER_ACCOUNTS")), ("list item", "me, me@example.net"))
+        s.language = "fr"
+        s.setting("db/menu_widget/language", "string", "fr_FR.UTF-8")
+        heard(reader, ("list item", s.text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB") + " (checked)"))
+        for _ in range(2):  # the popup; the application, and all mails have been seen
+            s.watch("key", "back")
+        s.launch()
+        heard(reader, ("list item", "Sender 29, Old, 04/01/2014 10:06\u202fAM, me@example.net"))
+    finally:
+        reader.close()
+
+
 def test_a_reply_is_written_and_mails_are_handled_by_actions_alone(s):
     text = s.text
     serve = s.serve()
