@@ -50,8 +50,9 @@ inline constexpr unsigned pair_version = 2, pair_version_least = 1;
 /* How long an id is, in hexadecimal digits, and a name at most, in bytes. */
 inline constexpr unsigned pair_id_size = 32, pair_name_max = 64;
 /* Capabilities of the service: AddMails takes "body_zlib" (ay, a zlib stream of the text) in the place of "body";
-   there is ListMailIds; who was refused as Busy and stays hears Free. */
-inline constexpr char pair_zlib[] = "zlib", pair_mail_ids[] = "mail_ids", pair_free[] = "free";
+   there is ListMailIds; who was refused as Busy and stays hears Free; there is AckMails. */
+inline constexpr char pair_zlib[] = "zlib", pair_mail_ids[] = "mail_ids", pair_free[] = "free",
+                      pair_ack_mails[] = "ack_mails";
 /* Of a phone: it tells what came of replies, and knows one that comes again by its uid. */
 inline constexpr char pair_outcomes[] = "outcomes";
 /* The program that a phone's stream ends at. */

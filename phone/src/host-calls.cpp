@@ -593,6 +593,17 @@ int host_acknowledge(host_bus *bus, int64_t id, std::string *error) {
   return host_finish(bus, call, sd_bus_message_append(call.m, "x", id), &reply, error);
 }
 
+int host_acknowledge_mails(host_bus *bus, int64_t id, const std::vector<int> &mail_ids, std::string *error) {
+  if (!bus->watch.ack_mails) return host_acknowledge(bus, id, error);
+  bus_message call, reply;
+  int result = host_begin(bus, &call, "AckMails", error);
+  if (result < 0) return result;
+  int filled = sd_bus_message_append(call.m, "x", id);
+  if (filled >= 0)
+    filled = sd_bus_message_append_array(call.m, 'i', mail_ids.data(), mail_ids.size() * sizeof(mail_ids[0]));
+  return host_finish(bus, call, filled, &reply, error);
+}
+
 int host_outcome(host_bus *bus, const std::string &uid, const char *state, const std::string &reason,
                  std::string *error) {
   bus_message call, reply;

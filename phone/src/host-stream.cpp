@@ -92,6 +92,8 @@ int read_introduction(sd_bus_message *m, watch_identity *watch) {
       watch->mail_ids = true;
     else if (strcmp(capability, pair_free) == 0)
       watch->free = true;
+    else if (strcmp(capability, pair_ack_mails) == 0)
+      watch->ack_mails = true;
   return r;
 }
 

@@ -35,9 +35,10 @@ struct phone_identity {
 struct watch_identity {
   unsigned version = 1; /* 1: it has no Introduce */
   std::string id, name;
-  bool zlib = false;     /* it takes bodies that were made small */
-  bool mail_ids = false; /* it lists its mails without their texts */
-  bool free = false;     /* it tells who was refused when the other phone has left */
+  bool zlib = false;      /* it takes bodies that were made small */
+  bool mail_ids = false;  /* it lists its mails without their texts */
+  bool free = false;      /* it tells who was refused when the other phone has left */
+  bool ack_mails = false; /* a part of a request can be acknowledged */
 };
 
 /* A connection to the service. */
@@ -154,6 +155,8 @@ int host_set_templates(host_bus *bus, const std::vector<std::string> &texts, std
 int host_list_templates(host_bus *bus, std::vector<std::pair<int, std::string>> *templates, std::string *error);
 int host_set_status(host_bus *bus, const char *kind, int value, std::string *error);
 int host_acknowledge(host_bus *bus, int64_t id, std::string *error);
+/* These mails of the request; all of it on a watch that cannot tell them apart. */
+int host_acknowledge_mails(host_bus *bus, int64_t id, const std::vector<int> &mail_ids, std::string *error);
 /* What came of the request of that uid: outcome_sent, outcome_waits or outcome_refused, and why. */
 int host_outcome(host_bus *bus, const std::string &uid, const char *state, const std::string &reason,
                  std::string *error);

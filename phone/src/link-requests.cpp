@@ -181,9 +181,12 @@ bool asks_for_more(const nlohmann::json &request) {
   return well_formed(request) && request["request"] == "more_msg";
 }
 
-void acknowledge(phone_link *link, int64_t id) {
+/* mails: those of the request that are this phone's; NULL: it is this phone's as a whole. */
+void acknowledge(phone_link *link, int64_t id, const nlohmann::json *mails) {
   std::string error;
-  if (host_acknowledge(link->bus.get(), id, &error) < 0) {
+  const int done = mails ? host_acknowledge_mails(link->bus.get(), id, mails->get<std::vector<int>>(), &error)
+                         : host_acknowledge(link->bus.get(), id, &error);
+  if (done < 0) {
     if (!link->told) link_log("request " + std::to_string(id) + " could not be acknowledged: " + error);
     link->told = true;
     return;
@@ -195,7 +198,8 @@ void take_request(phone_link *link, const waiting_request &r) {
   nlohmann::json request = read_request(r.line);
   bool good = well_formed(request);
   bool more = asks_for_more(request);
-  if (good && link->handlers->is_ours && !link->handlers->is_ours(link, request, link->user_data)) {
+  const size_t asked = good && request.contains("id_list") ? request["id_list"].size() : 0;
+  if (good && link->handlers->leave_others && !link->handlers->leave_others(link, &request, link->user_data)) {
     if (!link->told_not_ours) link_log("requests about another phone's mail wait on the watch for that phone");
     link->told_not_ours = true;
     return;
@@ -218,7 +222,8 @@ void take_request(phone_link *link, const waiting_request &r) {
     return;
   }
   link->resend_delay = 0;
-  acknowledge(link, r.id);
+  const bool is_part = asked > 0 && request["id_list"].size() < asked;
+  acknowledge(link, r.id, is_part ? &request["id_list"] : nullptr);
 }
 
 int take_cb(sd_event_source *source, void *user_data) {

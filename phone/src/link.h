@@ -28,9 +28,9 @@ struct link_handlers {
   int (*keep)(phone_link *link, const nlohmann::json &request, const std::string &uid, void *user_data);
   /* The same request after it is on disk. */
   void (*kept)(phone_link *link, const nlohmann::json &request, const std::string &line, void *user_data);
-  /* Whether a request is for this phone. One that is not stays with the service, which sends it again whenever it
-     links: until another phone takes it. NULL: all are. */
-  bool (*is_ours)(phone_link *link, const nlohmann::json &request, void *user_data);
+  /* Takes those mails out of a request that are another phone's. They stay with the service, which sends what is left
+     whenever it links: until that phone takes it. false: nothing in it is for this phone. NULL: all is. */
+  bool (*leave_others)(phone_link *link, nlohmann::json *request, void *user_data);
   /* Whether keep() knows a uid again from whichever service it comes, and the service is told what came of it: mostly
      in a moment, so that it waits for its disk once and not twice. */
   bool tells_outcomes = false;

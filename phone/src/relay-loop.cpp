@@ -130,9 +130,9 @@ int keep_cb(phone_link *link, const nlohmann::json &request, const std::string &
   return relay_keep_request(static_cast<relay *>(user_data)->state.get(), request, uid);
 }
 
-bool is_ours_cb(phone_link *link, const nlohmann::json &request, void *user_data) {
+bool leave_others_cb(phone_link *link, nlohmann::json *request, void *user_data) {
   auto *r = static_cast<relay *>(user_data);
-  return relay_is_ours(r->state.get(), r->settings, request);
+  return relay_leave_others(r->state.get(), r->settings, request);
 }
 
 void kept_cb(phone_link *link, const nlohmann::json &request, const std::string &line, void *user_data) {
@@ -281,7 +281,7 @@ namespace {
 /* Until it is ended, or its configuration changes. */
 int run_once(const relay_settings &settings, post_mirrors **mirrors) {
   std::string error;
-  link_handlers handlers = {connected_cb, keep_cb, kept_cb, is_ours_cb, true};
+  link_handlers handlers = {connected_cb, keep_cb, kept_cb, leave_others_cb, true};
   relay r;
   r.settings = settings;
   r.bar = isatty(STDERR_FILENO) != 0;

@@ -2,6 +2,7 @@
 #include "relay.h"
 
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "../mime.h"
@@ -86,19 +87,30 @@ bool is_known(phone_state *state, const relay_settings &settings, const std::str
 
 }  // namespace
 
-bool relay_is_ours(phone_state *state, const relay_settings &settings, const nlohmann::json &request) {
-  const std::string kind = request.value("request", std::string());
-  if (kind == "reply") return is_known(state, settings, request.value("host_tag", std::string()));
-  const auto tags = request.find("host_tag_list");
-  if ((kind != "delete_notis" && kind != "update_ind") || tags == request.end() || tags->empty()) return true;
-  bool named = false; /* what has gone from the watch has no name, and is no phone's */
-  for (size_t i = 0; i < tags->size(); i++) {
-    const std::string tag = name_of(request, "host_tag_list", i);
-    if (tag.empty() && name_of(request, "message_uid_list", i).empty()) continue;
-    if (is_known(state, settings, tag)) return true;
-    named = true;
+bool relay_leave_others(phone_state *state, const relay_settings &settings, nlohmann::json *request) {
+  const std::string kind = request->value("request", std::string());
+  if (kind == "reply") return is_known(state, settings, request->value("host_tag", std::string()));
+  if ((kind != "delete_notis" && kind != "update_ind") || !request->contains("id_list")) return true;
+  std::map<std::string, bool> known;
+  std::vector<bool> others((*request)["id_list"].size());
+  bool any_ours = false, any_others = false;
+  for (size_t i = 0; i < others.size(); i++) {
+    const std::string tag = name_of(*request, "host_tag_list", i);
+    /* What has gone from the watch has no name, and is no phone's. */
+    if (tag.empty() && name_of(*request, "message_uid_list", i).empty()) continue;
+    const auto [place, fresh] = known.try_emplace(tag, false);
+    if (fresh) place->second = is_known(state, settings, tag);
+    others[i] = !place->second;
+    (place->second ? any_ours : any_others) = true;
   }
-  return !named;
+  if (!any_others || !any_ours) return !any_others;
+  for (const char *list : {"id_list", "host_tag_list", "message_uid_list"}) {
+    nlohmann::json ours = nlohmann::json::array();
+    for (size_t i = 0; i < others.size() && request->contains(list) && i < (*request)[list].size(); i++)
+      if (!others[i]) ours.push_back((*request)[list][i]);
+    (*request)[list] = std::move(ours);
+  }
+  return true;
 }
 
 int relay_forget_mails(phone_state *state, const std::vector<int> &mail_ids) {

@@ -63,9 +63,9 @@ inline constexpr std::string_view relay_tag_begin = "relay:";
 /* What every phone does with a request about mail that a relay brought, so that none is lost while only `serve` runs.
    Inside the transaction that keeps the request. uid: see link.h. Returns 0, or -1. */
 int relay_keep_request(phone_state *state, const nlohmann::json &request, const std::string &uid);
-/* Whether a request is about an account that this phone follows or has followed, or about no relay's mail. All others
-   are for the phone that brought the mail. */
-bool relay_is_ours(phone_state *state, const relay_settings &settings, const nlohmann::json &request);
+/* Leaves in a request what is of an account that this phone follows or has followed, or no relay's. All else is for
+   the phone that brought the mail. false: there is nothing but that. */
+bool relay_leave_others(phone_state *state, const relay_settings &settings, nlohmann::json *request);
 /* The mails are gone from the watch by the phone's own hand: they stay in their mailboxes and off the watch. */
 int relay_forget_mails(phone_state *state, const std::vector<int> &mail_ids);
 

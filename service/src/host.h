@@ -148,6 +148,8 @@ void link_disconnect(host *h);
 /* The connected phone has a request on its disk. A reply of a phone that will tell what came of it is written down with
    that, or after two seconds, or as soon as anybody else could be sent it. */
 store_status link_acknowledge(host *h, int64_t id);
+/* These mails of the request; the rest of it waits on. */
+store_status link_acknowledge_mails(host *h, int64_t id, const std::vector<int> &mail_ids);
 /* What came of a reply is on disk, and with it that the phone has it. */
 void link_outcome_kept(host *h, const std::string &uid);
 /* Sends a request to the phone, if there is one. uid: of a reply; else empty. */

@@ -116,8 +116,8 @@ int pair_introduce(sd_bus_message *m, void *data, sd_bus_error *error) {
   std::erase_if(h->introduced, [&](const introduced_phone &one) { return one.connection == sender; });
   if (h->introduced.size() >= introduced_max) h->introduced.erase(h->introduced.begin());
   h->introduced.push_back({sender, id, clean_name(name, "another phone"), outcomes});
-  return sd_bus_reply_method_return(m, "ussas", pair_version, h->watch_id.c_str(), name_of_watch().c_str(), 3,
-                                    pair_zlib, pair_mail_ids, pair_free);
+  return sd_bus_reply_method_return(m, "ussas", pair_version, h->watch_id.c_str(), name_of_watch().c_str(), 4,
+                                    pair_zlib, pair_mail_ids, pair_free, pair_ack_mails);
 }
 
 introduced_phone pair_identity(const host *h, const char *connection) {

@@ -219,6 +219,17 @@ int ack(sd_bus_message *m, void *data, sd_bus_error *error) {
   return finish(h, m, link_acknowledge(h, id), error);
 }
 
+int ack_mails(sd_bus_message *m, void *data, sd_bus_error *error) {
+  host *h = static_cast<host *>(data);
+  int64_t id = 0;
+  std::vector<int> mail_ids;
+  int r = sd_bus_message_read_basic(m, 'x', &id);
+  if (r >= 0) r = host_read_ids(m, true, &mail_ids, error);
+  if (r < 0) return r;
+  if (!is_phone(h, m)) return invalid(error, "only the connected phone acknowledges requests");
+  return finish(h, m, link_acknowledge_mails(h, id, mail_ids), error);
+}
+
 /* What came of a request that was acknowledged, as often as the phone likes. */
 int outcome(sd_bus_message *m, void *data, sd_bus_error *error) {
   host *h = static_cast<host *>(data);
@@ -292,6 +303,8 @@ const sd_bus_vtable phone_vtable[] = {
     SD_BUS_METHOD_WITH_ARGS("SetStatus", SD_BUS_ARGS("s", kind, "i", value), SD_BUS_NO_RESULT, set_status,
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Ack", SD_BUS_ARGS("x", id), SD_BUS_NO_RESULT, ack, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("AckMails", SD_BUS_ARGS("x", id, "ai", mail_ids), SD_BUS_NO_RESULT, ack_mails,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Outcome", SD_BUS_ARGS("s", uid, "s", state, "s", reason), SD_BUS_NO_RESULT, outcome,
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("AnswerMore", SD_BUS_ARGS("x", id, "i", error, "s", piece, "b", complete), SD_BUS_NO_RESULT,

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "brisel-settings.h"
 #include "host.h"
@@ -220,6 +221,24 @@ store_status link_acknowledge(host *h, int64_t id) {
   if (std::find(h->acknowledged.begin(), h->acknowledged.end(), uid) == h->acknowledged.end())
     h->acknowledged.push_back(uid);
   return start_acknowledged_turn(h) < 0 ? write_acknowledged(h) : store_ok;
+}
+
+store_status link_acknowledge_mails(host *h, int64_t id, const std::vector<int> &mail_ids) {
+  std::string text;
+  if (const store_status status = store_outbox_json(h->st, id, &text)) return status;
+  nlohmann::ordered_json request = nlohmann::ordered_json::parse(text, nullptr, false);
+  if (!request.is_object() || !request.contains("id_list")) return link_acknowledge(h, id);
+  const nlohmann::ordered_json asked = request["id_list"];
+  const std::set<int> taken(mail_ids.begin(), mail_ids.end());
+  for (const char *list : {"id_list", "host_tag_list", "message_uid_list"}) {
+    if (!request.contains(list)) continue;
+    nlohmann::ordered_json left = nlohmann::ordered_json::array();
+    for (size_t i = 0; i < asked.size() && i < request[list].size(); i++)
+      if (!taken.contains(asked[i].get<int>())) left.push_back(request[list][i]);
+    request[list] = std::move(left);
+  }
+  if (request["id_list"].empty()) return link_acknowledge(h, id);
+  return store_outbox_set_json(h->st, id, request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 void link_outcome_kept(host *h, const std::string &uid) {

@@ -5,7 +5,7 @@
 #include "store-priv.h"
 
 /* Bytes of the names of all mails of a request. */
-constexpr size_t names_max = 64 << 10;
+constexpr size_t names_max = 2 << 20;
 
 /* A client gone mad fills no disk. No program takes more than half of what may wait, so that another's requests still
    find room. */
@@ -103,6 +103,24 @@ store_status store_outbox(store *st, std::vector<outbox_entry> *entries) {
   sql_result r;
   while ((r = list.step()) == sql_row) entries->push_back({list.number(0), list.text(1), list.text(2)});
   return checked(st, r);
+}
+
+store_status store_outbox_json(store *st, int64_t id, std::string *json) {
+  sql_statement find(&st->db, "SELECT json FROM outbox WHERE id = ?");
+  const sql_result r = find.bind(id).step();
+  if (r == sql_failed) return fail_sql(st);
+  *json = r == sql_row ? find.text(0) : "";
+  return store_ok;
+}
+
+/* As with a whole one: what goes out again after the power went is done twice and the same. */
+store_status store_outbox_set_json(store *st, int64_t id, const std::string &json) {
+  return unhurried(st, [&] {
+    return transaction(st, [&] {
+      return run_sql(st, "UPDATE outbox SET json = ?1, bytes = ?2 WHERE id = ?3", json,
+                     static_cast<int64_t>(json.size()), id);
+    });
+  });
 }
 
 store_status store_new_request_id(store *st, int64_t *id) {

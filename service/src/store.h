@@ -131,6 +131,10 @@ struct reply_words {
 store_status store_request_reply(store *st, const store_request &asked, const reply_words &reply, int64_t *entry);
 
 store_status store_outbox(store *st, std::vector<outbox_entry> *entries);
+/* What is asked by a request that waits; empty for an id that is not there. */
+store_status store_outbox_json(store *st, int64_t id, std::string *json);
+/* A phone has a part of it: json is the rest. */
+store_status store_outbox_set_json(store *st, int64_t id, const std::string &json);
 /* The phone has it. An id that is not there (any more) is no error. */
 store_status store_outbox_remove(store *st, int64_t id);
 /* The uid of the request, if it is a reply that the phone does not have yet. */

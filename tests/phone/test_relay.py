@@ -221,23 +221,32 @@ def test_another_phone_leaves_alone_what_is_not_its_own(s):
     mails, mine = by_uid(s), s.env["XDG_STATE_HOME"]
     s.env["XDG_STATE_HOME"] = str(s.dir / "other")
     others = Maildir(s.dir / "other-box")
-    others.deliver(message("other@x"))
+    answered, _ = [others.deliver(message(uid), flags="") for uid in ("other@x", "bye@x")]
     other = Relay(s, "--maildir", f"Other <other@example.org>={others.path}", "--sendmail", mta.command)
-    s.wait(lambda: "other@x" in uids(s), "the other phone's mail")
+    s.wait(lambda: len(uids(s)) == 4, "the other phone's mails")
+    all_mails = by_uid(s)
     reply_on_watch(s, mails["ask@x"], "for the first phone")
-    delete_on_watch(s, mails["gone@x"]["mail_id"])
-    read_on_watch(s, mails["gone@x"]["mail_id"], mails["ask@x"]["mail_id"])
-    reply_on_watch(s, by_uid(s)["other@x"], "for the other one")
-    s.wait(lambda: len(mta.sent()) == 1, "the other phone's reply")
+    delete_on_watch(s, *(all_mails[uid]["mail_id"] for uid in ("bye@x", "gone@x")))
+    read_on_watch(s, *(all_mails[uid]["mail_id"] for uid in ("ask@x", "other@x", "gone@x")))
+    reply_on_watch(s, all_mails["other@x"], "for the other one")
+    s.wait(lambda: len(mta.sent()) == 1 and "S" in others.flags(answered), "the other phone's reply and mark")
+    s.wait(lambda: [row[0] for row in journal(s)] == [0, 0, 0, SENT], "the rest of what is for both of them, waiting")
     other.kill()
     s.env["XDG_STATE_HOME"] = mine
     relay.start()
     s.wait(lambda: len(mta.sent()) == 2 and "S" in box.flags(ask), "the first phone's reply and mark")
+    s.wait(lambda: [row[0] for row in journal(s)] == [SENT, HANDED_OVER, HANDED_OVER, SENT], "all of it")
     box.deliver(message("after@x"))
     s.wait(lambda: "after@x" in uids(s), "a mail after it")
     equal(uids(s), {"ask@x", "other@x", "after@x"}, "what was deleted does not come back")
     equal([email.message_from_bytes(raw)["From"].split("<")[1] for raw in mta.sent()], ["other@example.org>", "me@example.org>"],
           "each under its own address")
+    relay.kill()
+    s.env["XDG_STATE_HOME"] = str(s.dir / "other")
+    other.start()
+    others.deliver(message("last@x"))
+    s.wait(lambda: "last@x" in uids(s), "a mail of the other phone")
+    equal(uids(s), {"ask@x", "other@x", "after@x", "last@x"}, "its deleted mail does not come back either")
 
 
 def test_unsendable_replies_wait(s):
