@@ -56,12 +56,16 @@ size_t encoded_word(std::string_view text, size_t at, std::string *charset, std:
   size_t name_end = text.substr(0, std::min(text.size(), at + 80)).find('?', at + 2);
   if (name_end == std::string_view::npos || name_end + 2 >= text.size() || text[name_end + 2] != '?') return 0;
   char encoding = g_ascii_toupper(text[name_end + 1]);
-  /* Far longer than any real one is: a header full of beginnings is not searched to its end for each of them. */
-  size_t end = text.substr(0, std::min(text.size(), name_end + 4096)).find("?=", name_end + 3);
-  if ((encoding != 'B' && encoding != 'Q') || end == std::string_view::npos) return 0;
+  if (encoding != 'B' && encoding != 'Q') return 0;
+  /* However long it is, which programs do not keep to: but a header full of beginnings is not searched to its end for
+     each of them, as the one before another word's beginning was cut off. */
+  size_t end = text.find('?', name_end + 3);
+  while (end != std::string_view::npos && text.substr(end + 1, 1) != "=") {
+    if (text[end - 1] == '=') return 0;
+    end = text.find('?', end + 1);
+  }
+  if (end == std::string_view::npos) return 0;
   std::string_view payload = text.substr(name_end + 3, end - name_end - 3);
-  /* An end that belongs to another word: this one was cut off. */
-  if (payload.find("=?") != std::string_view::npos) return 0;
   *charset = text.substr(at + 2, name_end - at - 2);
   size_t language = charset->find('*');
   if (language != std::string::npos) charset->resize(language);

@@ -22,6 +22,7 @@ struct walk {
   std::string pictures;             /* the names of the body's pictures */
   GMimePart *named = nullptr;       /* the first text part that has a file's name and is not said to be attached */
   GMimeObject *forwarded = nullptr; /* the first mail that is attached */
+  std::string torn;                 /* what stands in the first part whose own parts cannot be told apart */
   bool decodes = true;              /* a mail that stands encoded may be opened */
   std::string decoded;              /* ... and was */
   std::unique_ptr<opened_message> opened;
@@ -193,12 +194,15 @@ std::string walk_alternative(GMimeMultipart *multipart, walk *w, int depth) {
 
 std::string walk_multipart(GMimeMultipart *multipart, walk *w, int depth) {
   auto *object = GMIME_OBJECT(multipart);
-  if (is_type(object, "multipart", "alternative")) return walk_alternative(multipart, w, depth);
+  if (is_type(object, "multipart", "alternative") && g_mime_multipart_get_count(multipart) > 0)
+    return walk_alternative(multipart, w, depth);
   if (is_type(object, "multipart", "encrypted")) {
     const char *protocol = g_mime_object_get_content_type_parameter(object, "protocol");
     return protocol && strstr(protocol, "pkcs7") ? plain_encrypted_smime : plain_encrypted_pgp;
   }
   int count = g_mime_multipart_get_count(multipart);
+  const char *before = count == 0 && depth > 0 ? g_mime_multipart_get_prologue(multipart) : nullptr;
+  if (before && w->torn.empty()) w->torn = std::string_view(before).substr(0, w->limits->text);
   if (is_type(object, "multipart", "signed") || is_type(object, "multipart", "report")) count = std::min(count, 1);
   std::string out;
   for (int i = 0; i < count && w->parts < w->limits->parts; i++) {
@@ -291,6 +295,10 @@ std::string walk_object(GMimeObject *object, walk *w, int depth, GMimeObject *pa
   return "";
 }
 
+std::string torn_text(const walk &w) {
+  return plain_tidy(mime_to_utf8(w.torn, nullptr));
+}
+
 /* For a mail without any text: the first mail inside it, or what stands there when its parts cannot be told apart. */
 std::string anything_to_read(GMimeObject *top, std::string_view raw, walk *w) {
   if (w->named) {
@@ -303,8 +311,10 @@ std::string anything_to_read(GMimeObject *top, std::string_view raw, walk *w) {
     std::string subject =
         mime_clean_line(header_decode(header_raw(mail, "Subject"), header_charset(mail)), kMaxSubject);
     std::string text = walk_object(g_mime_message_get_mime_part(mail), &inner, 1, nullptr);
+    if (text.empty()) text = torn_text(inner);
     return subject.empty() || text.empty() ? subject + text : subject + "\n\n" + text;
   }
+  if (!w->torn.empty()) return torn_text(*w);
   if (!top || !GMIME_IS_MULTIPART(top) || g_mime_multipart_get_count(GMIME_MULTIPART(top)) > 0) return "";
   return plain_tidy(mime_to_utf8(parts_behind_header(raw).substr(0, w->limits->text), nullptr));
 }

@@ -77,6 +77,20 @@ std::string child_of(const std::string &number, int index) {
   return (number.empty() ? "" : number + ".") + std::to_string(index);
 }
 
+std::string boundary_of(const mailimap_body_type_mpart *parts) {
+  const mailimap_body_fld_param *list = parts->bd_ext_mpart ? parts->bd_ext_mpart->bd_parameter : nullptr;
+  for (clistiter *at = list && list->pa_list ? clist_begin(list->pa_list) : nullptr; at; at = clist_next(at)) {
+    auto *one = static_cast<mailimap_single_body_fld_param *>(clist_content(at));
+    if (g_ascii_strcasecmp(one->pa_name, "boundary") == 0) return one->pa_value;
+  }
+  return "";
+}
+
+/* Several parts, with nothing that could tell where one ends: what the server makes of them is no help. */
+bool is_torn(const mailimap_body *structure) {
+  return structure->bd_type == MAILIMAP_BODY_MPART && boundary_of(structure->bd_data.bd_body_mpart).empty();
+}
+
 void find_texts(const mailimap_body *body, const std::string &number, bool alternative, int depth,
                 std::vector<found_text> *found) {
   if (depth > kMaxDepth || found->size() > 20) return;
@@ -84,6 +98,10 @@ void find_texts(const mailimap_body *body, const std::string &number, bool alter
     facts f = facts_of(body->bd_data.bd_body_1part);
     if (is(f.type, "text") && !is_attached(f))
       found->push_back({number, f.subtype, f.fields ? f.fields->bd_size : 0, alternative});
+    return;
+  }
+  if (is_torn(body)) {
+    found->push_back({number, "", 0, alternative});
     return;
   }
   const mailimap_body_type_mpart *parts = body->bd_data.bd_body_mpart;
@@ -176,20 +194,6 @@ std::string parameters(const mailimap_body_fld_param *list) {
   return out;
 }
 
-std::string boundary_of(const mailimap_body_type_mpart *parts) {
-  const mailimap_body_fld_param *list = parts->bd_ext_mpart ? parts->bd_ext_mpart->bd_parameter : nullptr;
-  for (clistiter *at = list && list->pa_list ? clist_begin(list->pa_list) : nullptr; at; at = clist_next(at)) {
-    auto *one = static_cast<mailimap_single_body_fld_param *>(clist_content(at));
-    if (g_ascii_strcasecmp(one->pa_name, "boundary") == 0) return one->pa_value;
-  }
-  return "";
-}
-
-/* Several parts, with nothing that could tell where one ends: what the server makes of them is no help. */
-bool is_torn(const mailimap_body *structure) {
-  return structure->bd_type == MAILIMAP_BODY_MPART && boundary_of(structure->bd_data.bd_body_mpart).empty();
-}
-
 bool has_message_id(const std::string &header) {
   constexpr char kName[] = "message-id:";
   for (size_t line = 0; line < header.size();) {
@@ -238,6 +242,7 @@ void end_header(std::string *text) {
 
 /* The mail that a part is, if its header came. */
 void put_mail(builder *b, const mailimap_body_type_msg *mail, const std::string &number, int depth) {
+  if (is_torn(mail->bd_body) && has_content(*b, number)) return put_content(b, number); /* it came with its header */
   const auto header = std::find_if(b->texts->begin(), b->texts->end(), [&number](const skeleton_text &text) {
     return text.header && text.part == number && !text.content.empty();
   });
@@ -260,7 +265,10 @@ void put_part(builder *b, const mailimap_body *body, const std::string &number, 
     const mailimap_body_type_mpart *parts = body->bd_data.bd_body_mpart;
     const mailimap_body_fld_param *list = parts->bd_ext_mpart ? parts->bd_ext_mpart->bd_parameter : nullptr;
     b->out += "Content-Type: multipart/" + token(parts->bd_media_subtype) + parameters(list) + "\r\n\r\n";
-    put_parts(b, parts, number, depth);
+    if (is_torn(body))
+      put_content(b, number);
+    else
+      put_parts(b, parts, number, depth);
     return;
   }
   facts f = facts_of(body->bd_data.bd_body_1part);

@@ -88,6 +88,8 @@ TEST(Headers, SayWhoAndWhat) {
 }
 
 TEST(Headers, IdentifyAMail) {
+  EXPECT_EQ(read("From: a@b.c\nSubject: =?utf-8?Q?" + std::string(9000, 'x') + "?= =?utf-8?Q?y?=\n\n").subject,
+            std::string(4096, 'x'));
   mime_mail mail = read(
       "From: a@b.c\nMessage-ID: <id@x>\nIn-Reply-To: <p@x>\nReferences: <o@x>\n <p@x> junk\n"
       "Reply-To: Desk <desk@b.c>\n\nx");
