@@ -171,7 +171,7 @@ static bool __brisel_detail_rest_on(brisel_detail_view *view_data, page_data *pa
   const bool is_read = __brisel_detail_read_rest(page, &is_other);
   if (is_other) {
     page->is_stale = 1;
-    __brisel_detail_build_whole(view_data, page); /* it may have other fields, for which it is laid out anew */
+    __brisel_detail_finish_page(view_data, page); /* it may have other fields, for which it is laid out anew */
   }
   page->is_rest_lost = !is_read && !is_other;
   if (page->rest == DETAIL_REST_NONE && page->is_built) __brisel_detail_draw_device_notice(page);
@@ -197,8 +197,12 @@ page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *vie
 
 bool __brisel_detail_finish_page(brisel_detail_view *view_data, page_data *page) {
   if (__brisel_detail_build_whole(view_data, page)) return true;
-  __brisel_detail_lose_page(view_data, page);
-  return false;
+  const bool is_current = page == view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
+  if (is_current)
+    view_data->lacks_page = 1;
+  else
+    __brisel_detail_lose_page(view_data, page);
+  return is_current;
 }
 
 /* --- while the loop is idle --- */

@@ -137,7 +137,9 @@ void __brisel_detail_scroller_bottom_hit_cb(void *data, Evas_Object *obj, void *
   if (view_data->is_paused) return; /* nobody pulls: the page is only made to stand still */
   page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
   /* Only the current page's own edge counts, and only when it is the end of the text rather than of a guess. */
-  if (!page || (obj && obj != page->scroller) || !brisel_detail_body_end_is_known(page->detail_layout)) return;
+  if (!page || !page->detail_layout || (obj && obj != page->scroller) ||
+      !brisel_detail_body_end_is_known(page->detail_layout))
+    return;
   if (page->rest != DETAIL_REST_NONE) return __brisel_detail_build_soon(view_data);
   /* One pull reaches the edge more than once when the page bounces off it. While the page waits already, that is no
      wish for another request: it would throw away the answer on its way and use up the visit's share. */

@@ -226,11 +226,16 @@ static void __brisel_detail_arrange(brisel_detail_view *view_data, page_data *cu
   pages[BRISEL_DETAIL_CUR_PAGE] = current;
   standing[old_slot] = nullptr;
   brisel_complete_mail_list_around(mail_id, BRISEL_DETAIL_PAGE_MAX - BRISEL_DETAIL_CUR_PAGE - 1, view_data->ad);
+  view_data->lacks_page = !current->is_built;
+  const auto fill = [&](GList *node, int slot) {
+    GList *used = __brisel_detail_update_neighbor(node, slot, view_data);
+    if (used && !pages[slot]) view_data->lacks_page = 1;
+    return used;
+  };
   if (GList *node = __brisel_detail_get_list_by_mail_id(mail_id, view_data->ad->mail_list)) {
-    GList *prev = __brisel_detail_update_neighbor(node->prev, BRISEL_DETAIL_PREV_PAGE, view_data);
-    GList *next = __brisel_detail_update_neighbor(node->next, BRISEL_DETAIL_NEXT_PAGE, view_data);
-    __brisel_detail_update_neighbor(prev ? prev->prev : nullptr, BRISEL_DETAIL_PREV_PREV_PAGE, view_data);
-    __brisel_detail_update_neighbor(next ? next->next : nullptr, BRISEL_DETAIL_NEXT_NEXT_PAGE, view_data);
+    GList *prev = fill(node->prev, BRISEL_DETAIL_PREV_PAGE), *next = fill(node->next, BRISEL_DETAIL_NEXT_PAGE);
+    fill(prev ? prev->prev : nullptr, BRISEL_DETAIL_PREV_PREV_PAGE);
+    fill(next ? next->next : nullptr, BRISEL_DETAIL_NEXT_NEXT_PAGE);
   } else {
     BRISEL_ERROR("__brisel_detail_get_list_by_mail_id() failed! for mail_id:[%d]", mail_id);
     for (int slot = 0; slot < BRISEL_DETAIL_PAGE_MAX; slot++) {
@@ -259,6 +264,7 @@ void __brisel_detail_lose_page(brisel_detail_view *view_data, page_data *page) {
       __brisel_detail_place_on_screen(view_data) - __brisel_detail_place_of_mail(view_data, view_data->mail_id);
   *std::find(view_data->page_data, view_data->page_data + BRISEL_DETAIL_PAGE_MAX, page) = nullptr;
   __brisel_detail_drop_page(view_data, page);
+  view_data->lacks_page = 1;
   __brisel_detail_stand(view_data, off);
 }
 
@@ -268,7 +274,7 @@ void __brisel_detail_turn_to_aimed(brisel_detail_view *view_data) {
 }
 
 void __brisel_detail_follow_list(brisel_detail_view *view_data) {
-  if (view_data->is_neighbor_update_due || !view_data->has_neighbors)
+  if (view_data->is_neighbor_update_due || !view_data->has_neighbors || view_data->lacks_page)
     __brisel_detail_arrange(view_data, view_data->page_data[BRISEL_DETAIL_CUR_PAGE]);
 }
 

@@ -100,6 +100,8 @@ struct brisel_detail_view : brisel_view_head {
   unsigned char is_paused;
   unsigned char has_neighbors;                   /* they are built once the view has come in */
   unsigned char is_neighbor_update_due;          /* the list changed while a finger was down */
+  unsigned char lacks_page;                      /* that could not be built: tried again with the next touch or turn,
+                                                    as no event tells when the store can be read again */
   ::page_data *standing[BRISEL_DETAIL_PAGE_MAX]; /* pages to be used again while the slots are filled anew */
   detail_stroke stroke;
   Evas_Object *ring;                            /* around what Tab has come to, or NULL */
@@ -166,7 +168,8 @@ void __brisel_detail_renew_page(brisel_detail_view *view_data, page_data *page);
 page_data *__brisel_detail_draw_single_layout_by_mail_id(brisel_detail_view *view_data, int mail_id);
 /* The first step of one: a layout with nothing on it, for a mail that is not read yet. */
 page_data *__brisel_detail_draw_bare_page(brisel_detail_view *view_data, int mail_id);
-/* What is left of a page, now. False when it failed: the page is gone. */
+/* What is left of a page, now. False when it failed: the page is gone. The current one stays, and is tried again with
+   the next touch. */
 bool __brisel_detail_finish_page(brisel_detail_view *view_data, page_data *page);
 /* Puts the rest of a long body and the buttons below it on their page, now. What cannot be read is logged. */
 void __brisel_detail_finish_rest(brisel_detail_view *view_data, page_data *page);
@@ -245,7 +248,7 @@ page_data *__brisel_detail_page_at(const brisel_detail_view *view_data, int plac
 /* Where in the box the mail's page is, or -1; where the scroller stands, in pages. */
 int __brisel_detail_place_of_mail(const brisel_detail_view *view_data, int mail_id);
 double __brisel_detail_place_on_screen(const brisel_detail_view *view_data);
-/* A page that cannot be built leaves its slot. */
+/* A page beside that cannot be built leaves its slot until the next touch. */
 void __brisel_detail_lose_page(brisel_detail_view *view_data, page_data *page);
 /* Takes over what changed in the list while a finger was down. */
 void __brisel_detail_follow_list(brisel_detail_view *view_data);

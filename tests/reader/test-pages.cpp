@@ -404,7 +404,7 @@ TEST_F(Pages, AFingerMovesOneWay) {
     EXPECT_EQ(elm_scroller_single_direction_get(scroller), ELM_SCROLLER_SINGLE_DIRECTION_HARD);
 }
 
-/* A neighbour that cannot be built leaves a hole that is turned across. */
+/* A neighbour that cannot be built leaves a hole that is turned across, until the first touch after it can be. */
 TEST_F(Pages, AHoleBesideTheOpenedMail) {
   fill(5);
   item_data *row = (item_data *)g_list_nth_data(test_ad.mail_list, 1);
@@ -412,9 +412,11 @@ TEST_F(Pages, AHoleBesideTheOpenedMail) {
   open_reader(ids[2]);
   ASSERT_EQ(slots(), (std::vector<int>{ids[0], 0, ids[2], ids[3], ids[4]}));
   EXPECT_EQ(on_screen(), current_page());
-  row->mail_id = ids[1];
   ASSERT_TRUE(swipe(false));
   EXPECT_EQ(reader()->mail_id, ids[0]);
+  row->mail_id = ids[1];
+  ASSERT_TRUE(swipe(true));
+  EXPECT_EQ(reader()->mail_id, ids[1]);
   expect_consistent();
 }
 
