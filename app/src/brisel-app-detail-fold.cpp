@@ -263,8 +263,19 @@ static std::string _folded_line(bool is_quote, int lines, appdata *ad) {
 static size_t _address_length(std::string_view text, size_t start, size_t end) {
   std::string_view rest = text.substr(start, end - start);
   if (!rest.starts_with("https://") && !rest.starts_with("http://")) return 0;
-  size_t length = rest.find_first_of(" \t<>\"");
-  return length == std::string_view::npos ? rest.size() : length;
+  rest = rest.substr(0, rest.find_first_of(" \t<>\""));
+  /* Behind the host letters that are not ASCII may be those of a sentence that goes on without a blank. */
+  size_t at = rest.find_first_of("/?#\\", rest.find("//") + 2);
+  while (at < rest.size() && (unsigned char)rest[at] < 0x80) at++;
+  return std::min(at, rest.size());
+}
+
+/* Without what a sentence puts behind it: a point, or the bracket around it. */
+static size_t _length_in_sentence(std::string_view address) {
+  std::string points = ".,;:!?'";
+  if (address.find('(') == std::string_view::npos) points += ')';
+  if (address.find('[') == std::string_view::npos) points += ']';
+  return address.find_last_not_of(points) + 1;
 }
 
 /* The host is what says where an address leads: the last name before a port or a path, not one before an "@". */
@@ -315,7 +326,7 @@ static void _show_line(fold_place *place, size_t start, size_t end) {
   const std::string_view text = place->folding->text;
   if (place->address < start) place->address = _next_address(text, start);
   while (place->address < end) {
-    const size_t at = place->address, length = _address_length(text, at, end);
+    const size_t at = place->address, length = _length_in_sentence(text.substr(at, _address_length(text, at, end)));
     std::string_view host = length > longest_address ? _host(text.substr(at, length)) : "";
     if (!host.empty() && host.size() < longest_address) {
       _show_done(place, at);

@@ -458,6 +458,8 @@ TEST_F(Texts, QuotesSignaturesAndAddressesAreShort) {
       {"see " + link + " now", "see a.example.org/\xE2\x80\xA6 now"},
       {"<https://me@b.example.org:8080/" + repeat("y", 40) + ">", "<b.example.org:8080/\xE2\x80\xA6>"},
       {"see http://a.example.org/short", "see http://a.example.org/short"},
+      {"(see " + link + "). [" + link + "(a)]!", "(see a.example.org/\xE2\x80\xA6). [a.example.org/\xE2\x80\xA6]!"},
+      {link + "\xE3\x80\x82\xE6\xAC\xA1", "a.example.org/\xE2\x80\xA6\xE3\x80\x82\xE6\xAC\xA1"},
       {"https://" + repeat("z", 80) + "/" + link, "https://" + repeat("z", 80) + "/" + link},
       {repeat("a\n", 1 << 20), repeat("a\n", 1 << 20)}, /* takes no time for the square of its lines */
   };
