@@ -1,4 +1,5 @@
-/* The commands of brisel-phone. Each returns the exit code and tells what is wrong in one line on standard error. */
+/* The commands of brisel-phone. Each returns the exit code and tells what is wrong in one line on standard error: 0 is
+   done, 1 that it could not be done. */
 #ifndef BRISEL_PHONE_COMMANDS_H
 #define BRISEL_PHONE_COMMANDS_H
 
@@ -7,6 +8,8 @@
 #include <vector>
 
 #include "send.h"
+
+inline constexpr int wrong_command_line = 2;
 
 int command_account_add(const std::string &address, const std::string &name, const std::string &color, int id);
 int command_account_remove(int id);

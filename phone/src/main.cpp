@@ -6,9 +6,11 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <charconv>
 #include <clocale>
 #include <cstring>
 
+#include "../mime.h"
 #include "carrier.h"
 #include "commands.h"
 #include "pair.h"
@@ -78,29 +80,67 @@ CLI::Validator id_range() {
   return CLI::Range(1, INT32_MAX).description("");
 }
 CLI::Validator count_range() {
-  return CLI::Range(int64_t{0}, int64_t{1} << 40).description("");
+  return CLI::Range(int64_t{0}, relay_number_max).description("");
+}
+
+CLI::Validator status_range() {
+  return CLI::Range(0, INT32_MAX).description("");
 }
 
 int fail(const std::string &text) {
   fprintf(stderr, "brisel-phone: %s\n", text.c_str());
   return 1;
 }
+/* The command line can never be done, whatever there is on the watch. */
+int fail_wrong(const std::string &text) {
+  fail(text);
+  return wrong_command_line;
+}
+
+/* Checks of a value: empty, or what is wrong with it. */
+std::string check_address(const std::string &text) {
+  return text.empty() || mime_clean_line(text, SIZE_MAX) != text ? "the address is empty or no plain text" : "";
+}
+std::string check_color(const std::string &text) {
+  uint32_t rgba = 0;
+  return parse_color(text, &rgba) < 0 ? "'" + text + "' is no colour: eight hexadecimal digits RRGGBBAA" : "";
+}
+std::string check_time(const std::string &text) {
+  int64_t seconds = 0;
+  return parse_time(text, &seconds) < 0
+             ? "'" + text + "' is no time: seconds since the epoch, ISO 8601, as in a mail, or now"
+             : "";
+}
+std::string check_watch(const std::string &text) {
+  carrier_address address;
+  std::string error;
+  carrier_parse(text, &address, &error);
+  return error;
+}
+std::string check_not_empty(const std::string &text) {
+  return text.empty() ? "it is empty" : "";
+}
 
 void add_account_commands(CLI::App *app, command_line *c) {
   CLI::App *account = app->add_subcommand("account", "Accounts of the watch")->require_subcommand(1);
   CLI::App *add = account->add_subcommand("add", "Add an account, or change it; prints its id");
-  add->add_option("ADDRESS", c->address, "The e-mail address")->required();
+  add->add_option("ADDRESS", c->address, "The e-mail address")->required()->check(check_address);
   add->add_option("--name", c->name, "The display name");
-  add->add_option("--color", c->color, "The colour, RRGGBBAA");
+  add->add_option("--color", c->color, "The colour, RRGGBBAA")->check(check_color);
   add->add_option("--id", c->id, "The id; one that exists is changed")->check(id_range());
   add->callback([c] { c->exit_code = command_account_add(c->address, c->name, c->color, c->id); });
   CLI::App *remove = account->add_subcommand("remove", "Remove an account and its mails");
-  remove->add_option("ID", c->which, "The account's id on the watch, or the name of one on a server")->required();
+  remove->add_option("ID", c->which, "The account's id on the watch, or the name of one on a server")
+      ->required()
+      ->check(check_not_empty);
   remove->add_option("--config", c->accounts_file, accounts_file);
   remove->callback([c] {
-    bool number = c->which.find_first_not_of("0123456789") == std::string::npos && c->which.size() < 10;
-    c->exit_code =
-        number ? command_account_remove(atoi(c->which.c_str())) : command_account_forget(c->accounts_file, c->which);
+    int id = 0;
+    const char *end = c->which.c_str() + c->which.size();
+    const auto [digits_end, broken] = std::from_chars(c->which.c_str(), end, id);
+    c->exit_code = digits_end == end && broken == std::errc() && id >= 0
+                       ? command_account_remove(id)
+                       : command_account_forget(c->accounts_file, c->which);
   });
   CLI::App *list = account->add_subcommand("list", "List the accounts: id, address, name, colour");
   list->add_flag("--json", c->json, as_json);
@@ -117,8 +157,7 @@ void add_account_commands(CLI::App *app, command_line *c) {
 }
 
 int run_mail_send(command_line *c) {
-  if (!c->received.empty() && parse_time(c->received, &c->options.received) < 0)
-    return fail("'" + c->received + "' is no time: seconds since the epoch, ISO 8601, as in a mail, or now");
+  if (!c->received.empty()) parse_time(c->received, &c->options.received);
   c->options.first = c->first;
   c->options.is_read = c->read ? 1 : -1;
   c->options.is_new = !c->not_new;
@@ -132,7 +171,8 @@ void add_mail_send(CLI::App *mail, command_line *c) {
   send->add_flag("--locked", c->options.locked, "The account's policy forbids showing it on the watch");
   send->add_option("--first", c->first, "Relay only so many bytes of the body at first")->check(count_range());
   send->add_option("--received", c->received,
-                   "Seconds since the epoch, ISO 8601, as in a mail, or now (default: the mail's date)");
+                   "Seconds since the epoch, ISO 8601, as in a mail, or now (default: the mail's date)")
+      ->check(check_time);
   send->add_flag("--read", c->read, "It has been read");
   send->add_flag("--not-new", c->not_new, "It has been seen on the watch");
   send->callback([c] { c->exit_code = run_mail_send(c); });
@@ -176,7 +216,7 @@ void add_template_and_status_commands(CLI::App *app, command_line *c) {
     CLI::App *one = status->add_subcommand(
         kind, kind[0] == 'r' ? "0: replies work, 1: the phone needs an update, 2 or more: no replies"
                              : "0: the phone can be reached now");
-    one->add_option("N", c->status, "The status")->required();
+    one->add_option("N", c->status, "The status")->required()->check(status_range());
     one->callback([c, kind] { c->exit_code = command_status(kind, c->status); });
   }
 }
@@ -189,7 +229,8 @@ int use_pace(const command_line &c, const std::string &configured_name) {
   if (c.again_after > 0) pace.again_after = static_cast<unsigned>(c.again_after);
   watch_set_pace(pace);
   std::string error;
-  return watch_set_phone_name(c.phone_name.empty() ? configured_name : c.phone_name, &error) < 0 ? fail(error) : 0;
+  return watch_set_phone_name(c.phone_name.empty() ? configured_name : c.phone_name, &error) < 0 ? fail_wrong(error)
+                                                                                                 : 0;
 }
 
 void add_pace_options(CLI::App *command, command_line *c) {
@@ -232,11 +273,12 @@ int run_relay(command_line *c) {
   bool named = !c->config.empty() || !c->maildirs.empty() || !c->mboxes.empty();
   if (!named && access(post_config_file().c_str(), F_OK) == 0) c->config = post_config_file();
   bool good = c->config.empty() || relay_read_config(c->config, &settings, &error) == 0;
+  if (!good) return fail(error);
   for (const std::string &text : c->maildirs)
     good = good && relay_add_account(text, &maildir_kind, &settings, &error) == 0;
   for (const std::string &text : c->mboxes) good = good && relay_add_account(text, &mbox_kind, &settings, &error) == 0;
   for (const std::string &text : c->addresses) good = good && relay_set_address(text, &settings, &error) == 0;
-  if (!good) return fail(error);
+  if (!good) return fail_wrong(error);
   if (int code = use_pace(*c, settings.phone_name)) return code;
   if (c->newest >= 0) settings.newest = c->newest;
   if (c->first >= 0) settings.first = c->first;
@@ -261,7 +303,9 @@ int print_relay_status(command_line *c) {
 
 void add_pair_commands(CLI::App *app, command_line *c) {
   CLI::App *pair = app->add_subcommand("pair", "Make this the phone of a watch on another machine");
-  pair->add_option("ADDRESS", c->address, "ssh://[USER@]HOST[:PORT] or bluetooth:AA:BB:CC:DD:EE:FF")->required();
+  pair->add_option("ADDRESS", c->address, "ssh://[USER@]HOST[:PORT] or bluetooth:AA:BB:CC:DD:EE:FF")
+      ->required()
+      ->check(check_watch);
   pair->add_option("--name", c->name, "What to call the watch (the host's name)");
   pair->callback([c] { c->exit_code = command_pair(c->address, c->name); });
   CLI::App *watches = app->add_subcommand("watches", "List the paired watches: name, address, link, what waits");
@@ -306,7 +350,9 @@ void add_relay_commands(CLI::App *app, command_line *c) {
   status->callback([c] { c->exit_code = print_relay_status(c); });
   relay->add_subcommand("retry", "Try the waiting replies now")->callback([c] { c->exit_code = relay_retry(); });
   CLI::App *drop = relay->add_subcommand("drop", "Forget a reply that was not sent");
-  drop->add_option("ID", c->reply, "The reply's id")->required();
+  drop->add_option("ID", c->reply, "The reply's id")
+      ->required()
+      ->check(CLI::Range(int64_t{1}, INT64_MAX).description(""));
   drop->callback([c] { c->exit_code = relay_drop(c->reply); });
 
   /* The program that carries a Bluetooth link; started with a stream. */
@@ -359,7 +405,7 @@ int main(int argc, char **argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
     int code = app.exit(error);
-    return output_checked(code == 0 ? 0 : 2);
+    return output_checked(code == 0 ? 0 : wrong_command_line);
   }
   return output_checked(line.exit_code);
 }

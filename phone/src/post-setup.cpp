@@ -12,6 +12,7 @@
 #include <iostream>
 
 #include "../mime.h"
+#include "commands.h"
 #include "host.h"
 #include "post-find.h"
 #include "post-imap.h"
@@ -234,9 +235,12 @@ int try_secret(post_account *account, std::string *secret, std::string *error) {
 int command_setup(setup_options options) {
   post_account &account = options.account;
   std::string error, secret;
-  if (account.address.empty() && can_ask()) account.address = ask("E-mail address:");
-  if (!tidy_address(&account.address))
-    return complain("an e-mail address is wanted: brisel-phone setup me@example.org");
+  const bool asked = account.address.empty() && can_ask();
+  if (asked) account.address = ask("E-mail address:");
+  if (!tidy_address(&account.address)) {
+    complain("an e-mail address is wanted: brisel-phone setup me@example.org");
+    return asked ? 1 : wrong_command_line;
+  }
   if (account.name.empty()) account.name = account.address;
   if (account.name.find_first_of("[]\n\r") != std::string::npos || account.name == "." || account.name == "..")
     return complain("'" + account.name + "' is no name for an account; give another with --name");

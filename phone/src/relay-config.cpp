@@ -45,7 +45,7 @@ void split_address(const std::string &text, relay_account_settings *account) {
 int number_value(const std::string &key, const char *value, int64_t *out, std::string *error) {
   char *end = nullptr;
   gint64 number = g_ascii_strtoll(value, &end, 10);
-  if (*value == '\0' || *end != '\0' || number < 0) {
+  if (*value == '\0' || *end != '\0' || number < 0 || number > relay_number_max) {
     *error = key + "=" + value + ": a number is wanted";
     return -1;
   }

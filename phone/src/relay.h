@@ -57,6 +57,9 @@ int relay_print_status(bool json);
 int relay_retry();
 int relay_drop(int64_t id);
 
+/* The largest number of mails, bytes or seconds that may be asked for. */
+inline constexpr int64_t relay_number_max = int64_t{1} << 40;
+
 /* The host_tag of a relay's mails: this, and the account's name. */
 inline constexpr std::string_view relay_tag_begin = "relay:";
 

@@ -13,6 +13,8 @@ namespace {
 
 /* Colours for accounts whose phone names none: apart from each other on a dark background. */
 constexpr uint32_t account_colors[] = {0x4A9EFFFF, 0xFF8A4AFF, 0x5FD068FF, 0xE46BD8FF, 0xFFD24AFF, 0x4AD9D9FF};
+/* The highest id that may be asked for: the rest of the numbers is for all accounts that come after it. */
+constexpr int account_id_chosen_max = 999999999;
 
 }  // namespace
 
@@ -116,6 +118,9 @@ store_status store_add_account(store *st, int *id, const std::string &address, c
       if (updated || st->db.changed() == 0) return updated;
       return add_change(st, BRISEL_IPC_CLIENT_EVENT_TYPE_ACCOUNT_ADD, {*id});
     }
+    /* The ids of all that come later go on from the highest. */
+    if (*id > account_id_chosen_max)
+      return fail(st, store_invalid, "no account %d, and an id that is chosen ends at %d", *id, account_id_chosen_max);
     store_status added = run_sql(
         st, "INSERT INTO account (account_id, email_address, display_name, color) VALUES (nullif(?, 0), ?, ?, ?)", *id,
         address, text_or_null(name), rgba);

@@ -2,6 +2,7 @@
 import json
 import os
 import pathlib
+import shlex
 import time
 
 from phone_test import (Maildir, body_text, by_uid, delete_on_watch, equal, host_pid, main, message, more_on_watch,
@@ -33,12 +34,16 @@ def test_accounts_templates_and_states(s):
           "templates")
     s.phone("template", "set")
     equal(s.phone("template", "list"), "", "no templates")
-    for args, said in ((("account", "add", "x@y", "--color", "red"), "no colour"), (("account", "remove", "5"), "5"),
-                       (("account", "count", "maybe"), "known"), (("status", "reply", "x"), "x"),
-                       (("mail", "update", "7", "--read"), "7"), (("mail", "delete", "7"), "7"),
-                       (("mail", "update", "7", "--read", "--unread"), "--unread"), (("frobnicate",), "frobnicate"),
-                       ((), "subcommand"), (("demo", s.dir), "demo.json")):
-        fails(s, *args, said=said)
+    for args, said in (("account add x@y --color red", "no colour"), ("account add x@y --id 2147483648", "2147483648"),
+                       ("account remove ''", "empty"), ("account count maybe", "known"), ("status reply x", "x"),
+                       ("status reply -1", "-1"), ("status conn ''", "N"), ("relay drop 0", "0"), ("relay --maildir x", "NAME="),
+                       ("mail update 7 --read --unread", "--unread"), ("frobnicate", "frobnicate"), ("pair x", "ssh://"),
+                       ("setup x", "e-mail"), ("mail send x --account 1 --received yesterday", "no time"), ("", "subcommand")):
+        equal(fails(s, *shlex.split(args), said=said).returncode, 2, args)
+    for args, said in (("account remove 5", "5"), ("account remove 2147483647", "account 2147483647"), ("mail update 7 --read", "7"),
+                       ("mail delete 7", "7"), ("account add x@y --id 2147483647", "999999999"), (f"demo {s.dir}", "demo.json")):
+        equal(fails(s, *args.split(), said=said).returncode, 1, args)
+    equal(s.phone("account", "add", "last@x").strip(), "10", "the next id")
     equal(s.run("env", "-u", "DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_ADDRESS=unix:path=/none", "brisel-phone",
                 "account", "list", check=False).returncode, 1, "no bus")
 
