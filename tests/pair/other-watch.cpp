@@ -4,11 +4,11 @@
    (the phone's is), newest (says more than a phone knows), floods (asks for more at once than a watch can have
    waiting, and for what is far too deep, each until it is acknowledged, cannot say it the second time, and calls the
    phone) */
-#include <systemd/sd-bus.h>
-
 #include <cstdio>
 #include <set>
 #include <string>
+
+#include "stream-bus.h"
 
 namespace {
 
@@ -81,19 +81,8 @@ int main(int argc, char **argv) {
   if (argc != 3) return 2;
   other_watch w = {argv[1], fopen(argv[2], "a")};
   for (int64_t id = 1; w.age == "floods" && id <= 40; id++) w.waiting.insert(id);
-  sd_bus *bus = nullptr;
-  sd_id128_t id;
-  sd_id128_randomize(&id);
-  int r = w.log ? sd_bus_new(&bus) : -1;
-  if (r >= 0) setvbuf(w.log, nullptr, _IOLBF, 0);
-  if (r >= 0) r = sd_bus_set_fd(bus, 0, 1);
-  if (r >= 0) r = sd_bus_set_server(bus, 1, id);
-  if (r >= 0) r = sd_bus_set_anonymous(bus, 1);
-  if (r >= 0) r = sd_bus_add_filter(bus, nullptr, call_cb, &w);
-  if (r >= 0) r = sd_bus_start(bus);
-  while (r >= 0) {
-    r = sd_bus_process(bus, nullptr);
-    if (r == 0) r = sd_bus_wait(bus, UINT64_MAX);
-  }
+  if (!w.log) return 1;
+  setvbuf(w.log, nullptr, _IOLBF, 0);
+  stream_bus_serve(0, 1, call_cb, &w);
   return 1;
 }

@@ -9,6 +9,7 @@
 
 #include "brisel-body.h"
 #include "host.h"
+#include "stream-bus.h"
 
 namespace {
 
@@ -66,21 +67,8 @@ int answer_cb(sd_bus_message *call, void *data, sd_bus_error *) {
   return r < 0 ? r : 1;
 }
 
-/* Answers on fd until the other end is gone. */
 void serve(int fd, lie told) {
-  sd_bus *bus = nullptr;
-  sd_id128_t id = {};
-  int r = sd_bus_new(&bus);
-  if (r >= 0) r = sd_bus_set_fd(bus, fd, fd);
-  if (r >= 0) r = sd_bus_set_server(bus, 1, id);
-  if (r >= 0) r = sd_bus_set_anonymous(bus, 1);
-  if (r >= 0) r = sd_bus_add_filter(bus, nullptr, answer_cb, &told);
-  if (r >= 0) r = sd_bus_start(bus);
-  while (r >= 0) {
-    r = sd_bus_process(bus, nullptr);
-    if (r == 0) r = sd_bus_wait(bus, UINT64_MAX);
-  }
-  sd_bus_close_unref(bus);
+  stream_bus_serve(fd, fd, answer_cb, &told);
 }
 
 /* Hands on what comes, and keeps what the watch said. */
