@@ -1,15 +1,16 @@
-/* The chip at the top of the list: how many mails have come above what is on screen, which stays where it is. A touch
-   on it goes there. The list's live updates and refresh call it. */
+/* The chip at the top of the list: how many mails have come above what is on screen, which stays where it is, and are
+   still there. A touch on it goes there. The list's live updates and its model call it. */
 #include "brisel-app-mailbox-list.h"
 
+#include <algorithm>
 #include <climits>
 
 #include "brisel-app-utils.h"
 #include "brisel-app-view-common.h"
 #include "spoken.h"
 
-static int arrived;
-static Eo *spoken; /* the same for who only listens; NULL: there is no chip, or nobody does */
+static std::vector<int> arrived; /* mail ids */
+static Eo *spoken;               /* the same for who only listens; NULL: there is no chip, or nobody does */
 static const char part_text[] = "elm.text.chip";
 
 static void _go_to_top(void *data) {
@@ -33,15 +34,16 @@ static void _say_chip(appdata *ad, const char *text) {
 
 static void _show_chip(appdata *ad) {
   Evas_Object *gl = ad->mailbox_genlist;
-  scoped_text text(arrived > 0 ? brisel_util_get_count_text("IDS_EMAIL_BODY_PD_NEW", arrived, ad) : nullptr);
+  const int count = (int)arrived.size();
+  scoped_text text(count > 0 ? brisel_util_get_count_text("IDS_EMAIL_BODY_PD_NEW", count, ad) : nullptr);
   if (text) elm_layout_text_set(gl, part_text, text.get());
   _say_chip(ad, text.get());
-  elm_layout_signal_emit(gl, arrived > 0 ? "elm,state,chip,show" : "elm,state,chip,hide", "");
+  elm_layout_signal_emit(gl, count > 0 ? "elm,state,chip,show" : "elm,state,chip,hide", "");
 }
 
 void _clear_arrivals(appdata *ad) {
-  if (!arrived) return;
-  arrived = 0;
+  if (arrived.empty()) return;
+  arrived.clear();
   if (ad->mailbox_genlist) _show_chip(ad);
 }
 
@@ -63,9 +65,16 @@ int _time_at_top(appdata *ad) {
   return item && item->type == ROW_MAIL ? item->received_time : INT_MAX;
 }
 
-void _count_arrivals(appdata *ad, int count) {
-  if (count <= 0) return;
-  arrived += count;
+void _count_arrivals(appdata *ad, const std::vector<int> &mail_ids) {
+  if (mail_ids.empty()) return;
+  arrived.insert(arrived.end(), mail_ids.begin(), mail_ids.end());
+  _show_chip(ad);
+}
+
+void _forget_arrival(appdata *ad, int mail_id) {
+  const auto at = std::find(arrived.begin(), arrived.end(), mail_id);
+  if (at == arrived.end()) return;
+  arrived.erase(at);
   _show_chip(ad);
 }
 
@@ -81,11 +90,11 @@ static void _chip_touched_cb(void *data, Evas_Object *obj, const char *emission,
 }
 
 static void _chip_language_changed_cb(void *data, Evas_Object *obj, void *event_info) {
-  if (arrived) _show_chip((appdata *)data);
+  if (!arrived.empty()) _show_chip((appdata *)data);
 }
 
 void _add_chip(appdata *ad) {
-  arrived = 0;
+  arrived.clear();
   spoken = nullptr; /* the list's before, and gone with it */
   evas_object_smart_callback_add(ad->mailbox_genlist, "scroll", _scrolled_cb, ad);
   evas_object_smart_callback_add(ad->mailbox_genlist, "language,changed", _chip_language_changed_cb, ad);

@@ -78,7 +78,8 @@ static void _insert_mails(GSList *ids, appdata *ad) {
   std::stable_sort(items.begin(), items.end(),
                    [](const item_data *a, const item_data *b) { return a->received_time > b->received_time; });
   const int top = ad->mailbox_genlist ? _time_at_top(ad) : INT_MAX;
-  int above = 0, added = 0;
+  std::vector<int> above;
+  int added = 0;
   if (!items.empty() && items.front()->received_time > top) _stand_still(ad);
   GList *next = ad->mail_list;
   for (item_data *item : items) {
@@ -88,7 +89,7 @@ static void _insert_mails(GSList *ids, appdata *ad) {
       _free_list_data(item);
     } else {
       next = _insert_mail(ad, item, next);
-      above += item->received_time > top;
+      if (item->received_time > top) above.push_back(item->mail_id);
       if (++added % rows_between_layouts == 0) _let_go_of_rows_out_of_sight(ad, item->it);
     }
   }

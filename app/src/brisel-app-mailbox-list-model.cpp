@@ -67,6 +67,7 @@ void _remove_from_model(appdata *ad, const item_data *item) {
   if (!cell || cell->data != item) return;
   if (cells) g_hash_table_remove(cells, GINT_TO_POINTER(item->mail_id));
   ad->mail_list = g_list_delete_link(ad->mail_list, cell);
+  _forget_arrival(ad, item->mail_id);
 }
 
 /* --- records --- */

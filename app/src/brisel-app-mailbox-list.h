@@ -3,6 +3,8 @@
 #ifndef BRISEL_APP_MAILBOX_LIST_H
 #define BRISEL_APP_MAILBOX_LIST_H
 
+#include <vector>
+
 #include "brisel-app-data.h"
 #include "brisel-scoped.h"
 
@@ -97,7 +99,9 @@ void _add_chip(appdata *ad);
 /* When the uppermost mail in sight was received; INT_MAX while the list stands at its top or out of sight. */
 int _time_at_top(appdata *ad);
 /* Mails that came above it. */
-void _count_arrivals(appdata *ad, int count);
+void _count_arrivals(appdata *ad, const std::vector<int> &mail_ids);
+/* The mail, whether it was one of these or not, has left the list. */
+void _forget_arrival(appdata *ad, int mail_id);
 void _clear_arrivals(appdata *ad);
 
 /* --- sweep --- */
