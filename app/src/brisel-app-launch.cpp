@@ -40,8 +40,14 @@ static bool _check_progress_popup_is_needed() {
   int result = brisel_db_is_valid_target_account_count(&valid);
   if (result != 0) BRISEL_WARN("brisel_db_is_valid_target_account_count failed(%d)", result);
   store_is_unreadable = result != 0;
-  if (!store_is_unreadable) brisel_widget_ref_drop(&store_popup);
   return valid == 0;
+}
+
+/* Whether the count is still to be waited for. The popup about a store that cannot be read goes once it can be. */
+static bool _look_at_store() {
+  const bool waits = _check_progress_popup_is_needed();
+  if (!store_is_unreadable) brisel_widget_ref_drop(&store_popup);
+  return waits;
 }
 
 int _check_security_lock_mail(int mail_id) {
@@ -203,7 +209,7 @@ static Eina_Bool _connecting_timer_cb(void *data) {
     brisel_util_drop_popup(&ad->connecting_popup);
     return ECORE_CALLBACK_CANCEL;
   }
-  bool is_unknown = _check_progress_popup_is_needed();
+  const bool is_unknown = _look_at_store();
   if (store_is_unreadable) {
     _tell_store_unreadable(ad);
   } else if (is_unknown) {
@@ -289,7 +295,7 @@ void _launch(appdata *ad, int mail_id) {
 /* What follows once the link has been asked for, whatever came of it. */
 static void _go_on(appdata *ad, bool closes_views) {
   waits_for_link = false;
-  if (_check_progress_popup_is_needed()) {
+  if (_look_at_store()) {
     _wait_for_count(ad);
   } else if (_check_setup_account_popup_is_needed()) {
     _create_set_up_email_popup(ad);
@@ -324,7 +330,7 @@ static void _bt_connect_error_popup_result_cb(service_h request, service_h reply
 /* The service does not start on such a store either: no link comes that could be waited for. */
 static Eina_Bool _store_timer_cb(void *data) {
   connecting_timer = nullptr;
-  _check_progress_popup_is_needed();
+  _look_at_store();
   if (store_is_unreadable) _tell_store_unreadable((appdata *)data);
   return ECORE_CALLBACK_CANCEL;
 }
@@ -332,7 +338,7 @@ static Eina_Bool _store_timer_cb(void *data) {
 static void _wait_for_link(appdata *ad) {
   waits_for_link = true;
   _show_first_minute(ad);
-  _check_progress_popup_is_needed();
+  _look_at_store();
   if (!store_is_unreadable) return;
   _stop_connecting_timer();
   connecting_timer = ecore_timer_add(store_patience, _store_timer_cb, ad);
@@ -349,7 +355,7 @@ static void _reset(appdata *ad, const char *mail_text) {
   }
   int mail_id = _mail_id_of_text(mail_text);
   waits_for_link = false;
-  if (_check_progress_popup_is_needed()) {
+  if (_look_at_store()) {
     _wait_for_count(ad);
   } else if (launched) {
     BRISEL_INFO("Already launched.");
