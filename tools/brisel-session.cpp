@@ -30,6 +30,8 @@
 #include <string>
 #include <vector>
 
+#include "platform-output.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -489,7 +491,7 @@ bool size_valid(const std::string &size) {
 int main(int argc, char **argv) {
   options opt;
   CLI::App app{"Runs COMMAND in a private, throw-away session of Brisel", "brisel-session"};
-  app.set_version_flag("--version", std::string("brisel-session ") + BRISEL_VERSION);
+  app.set_version_flag("-V,--version", std::string("brisel-session ") + BRISEL_VERSION);
   app.add_option("--keep", opt.keep, "keep the session's files in DIR (made when missing)")->type_name("DIR");
   app.add_flag("--window", opt.window, "show windows on the display instead of drawing into memory");
   app.add_option("--size", opt.size, "the size of the watch's screen, 320x320 when not given")->type_name("WxH");
@@ -513,9 +515,9 @@ int main(int argc, char **argv) {
     app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
   } catch (const CLI::CallForHelp &) {
     fputs(app.help().c_str(), stdout);
-    return 0;
+    return platform_output_end("brisel-session", 0);
   } catch (const CLI::Success &result) {
-    return app.exit(result);
+    return platform_output_end("brisel-session", app.exit(result));
   } catch (const CLI::ParseError &error) {
     complain("%s", error.what());
     return 125;

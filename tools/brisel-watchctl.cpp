@@ -2,13 +2,14 @@
    command line; what the commands do is in watchctl-bus.cpp and watchctl-data.cpp. */
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
+#include <cstdint>
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "pickover.h"
+#include "platform-output.h"
 #include "vconf.h"
 #include "watchctl.h"
 
@@ -25,19 +26,38 @@ struct arguments {
   double drag_seconds = 0.3, pinch_seconds = 0.4;
 };
 
+/* A number between two, both included. What is none at all is left to whoever reads the argument. */
+CLI::Validator between(double least, double most) {
+  char range[64];
+  snprintf(range, sizeof(range), "%.10g to %.10g", least, most);
+  return CLI::Validator(
+      [least, most, wanted = std::string(range)](std::string &text) {
+        char *end = nullptr;
+        const double value = strtod(text.c_str(), &end);
+        return *end || (value >= least && value <= most) ? "" : text + " not in range " + wanted;
+      },
+      range);
+}
+
+void add_key(CLI::App *cmd, arguments *a) {
+  cmd->add_option("KEY", a->key)->required()->check([](const std::string &key) {
+    return vconf_key_valid(key.c_str()) ? "" : "'" + key + "' can be no setting's key";
+  });
+}
+
 void add_setting_commands(CLI::App *app, arguments *a) {
   auto *setting = app->add_subcommand("setting", "the settings store")->require_subcommand(1);
   auto *cmd = setting->add_subcommand("get", "print a setting's value");
-  cmd->add_option("KEY", a->key)->required();
+  add_key(cmd, a);
   cmd->add_flag("--json", a->as_json, "with its key and type, as JSON");
   cmd->callback([a] { a->code = setting_get(a->key, a->as_json); });
   cmd = setting->add_subcommand("set", "write a setting");
-  cmd->add_option("KEY", a->key)->required();
+  add_key(cmd, a);
   cmd->add_option("TYPE", a->type)->required()->check(CLI::IsMember({"bool", "int", "string"}));
   cmd->add_option("VALUE", a->value)->required();
   cmd->callback([a] { a->code = setting_set(a->key, a->type, a->value); });
   cmd = setting->add_subcommand("unset", "remove a setting");
-  cmd->add_option("KEY", a->key)->required();
+  add_key(cmd, a);
   cmd->callback(
       [a] { a->code = vconf_unset(a->key.c_str()) == 0 ? 0 : fail("the setting " + a->key + " cannot be removed"); });
   cmd = setting->add_subcommand("list", "print every setting: key, type, value");
@@ -92,13 +112,13 @@ constexpr char inspection[] = "Inspection";
 
 CLI::App *add_touch(CLI::App *app, arguments *a, const char *name, const char *about) {
   auto *cmd = app->add_subcommand(name, about)->group(inspection);
-  cmd->add_option("X", a->x, "pixels from the left")->required();
-  cmd->add_option("Y", a->y, "pixels from the top")->required();
+  cmd->add_option("X", a->x, "pixels from the left")->required()->check(between(0, INT32_MAX));
+  cmd->add_option("Y", a->y, "pixels from the top")->required()->check(between(0, INT32_MAX));
   return cmd;
 }
 
 void add_finger_commands(CLI::App *app, arguments *a) {
-  const CLI::Range seconds(0.0, 60.0);
+  const CLI::Validator seconds = between(0.0, 60.0);
   add_touch(app, a, "tap", "touch a point shortly")->callback([a] {
     a->code = call(inspect_interface, "Tap", answer_seconds, "ii", a->x, a->y);
   });
@@ -110,8 +130,8 @@ void add_finger_commands(CLI::App *app, arguments *a) {
     a->code = call(inspect_interface, "DoubleTap", answer_seconds, "ii", a->x, a->y);
   });
   cmd = app->add_subcommand("drag", "move a finger from one point to another")->group(inspection);
-  cmd->add_option("X1", a->x)->required();
-  cmd->add_option("Y1", a->y)->required();
+  cmd->add_option("X1", a->x)->required()->check(between(0, INT32_MAX));
+  cmd->add_option("Y1", a->y)->required()->check(between(0, INT32_MAX));
   cmd->add_option("X2", a->x2)->required();
   cmd->add_option("Y2", a->y2)->required();
   cmd->add_option("SECONDS", a->drag_seconds, "how long it takes")->check(seconds)->capture_default_str();
@@ -120,7 +140,7 @@ void add_finger_commands(CLI::App *app, arguments *a) {
                    a->drag_seconds);
   });
   cmd = add_touch(app, a, "pinch", "spread (FACTOR above 1) or close two fingers around a point");
-  cmd->add_option("FACTOR", a->number)->required()->check(CLI::Range(0.1, 10.0));
+  cmd->add_option("FACTOR", a->number)->required()->check(between(0.1, 10.0));
   cmd->add_option("SECONDS", a->pinch_seconds, "how long the fingers move")->check(seconds)->capture_default_str();
   cmd->callback([a] {
     a->code = call(inspect_interface, "Pinch", answer_seconds + a->pinch_seconds, "iidd", a->x, a->y, a->number,
@@ -133,14 +153,17 @@ void add_finger_commands(CLI::App *app, arguments *a) {
 
 void add_desk_commands(CLI::App *app, arguments *a) {
   auto *cmd = app->add_subcommand("keyboard", "press keys of a keyboard, one after the other")->group(inspection);
-  cmd->add_option("KEY", a->pairs, "their names, like Tab, Down, Prior, Return, Delete, Escape, Menu")->required();
+  cmd->add_option("KEY", a->pairs, "their names, like Tab, Down, Prior, Return, Delete, Escape, Menu")
+      ->required()
+      ->check([](const std::string &key) { return !key.empty() && key.size() <= 32 ? "" : "that is no key's name"; });
   cmd->callback([a] {
     for (const std::string &key : a->pairs)
       if (a->code == 0) a->code = call(inspect_interface, "Keyboard", answer_seconds, "s", key.c_str());
   });
   cmd = add_touch(app, a, "mouse", "use a mouse at a point");
-  cmd->add_option("--button", a->button, "press this one: 3 is the right one, 8 the one to go back");
-  cmd->add_option("--wheel", a->notches, "turn the wheel by notches, down if positive");
+  cmd->add_option("--button", a->button, "press this one: 3 is the right one, 8 the one to go back")
+      ->check(between(1, 32));
+  cmd->add_option("--wheel", a->notches, "turn the wheel by notches, down if positive")->check(between(-1000, 1000));
   cmd->callback(
       [a] { a->code = call(inspect_interface, "Mouse", answer_seconds, "iiii", a->x, a->y, a->button, a->notches); });
 }
@@ -175,7 +198,7 @@ int wrong(const std::string &text) {
 int main(int argc, char **argv) {
   CLI::App app{"The watch around an application of Brisel: keys, settings, contacts, and its screen",
                "brisel-watchctl"};
-  app.set_version_flag("--version", std::string("brisel-watchctl ") + BRISEL_VERSION);
+  app.set_version_flag("-V,--version", std::string("brisel-watchctl ") + BRISEL_VERSION);
   app.require_subcommand(1);
   app.footer("Ends with 0 when it is done, 1 when it could not be done, 2 when the command line makes no sense.");
   app.add_option("--app", app_id, "the application, by its id")->capture_default_str();
@@ -192,14 +215,12 @@ int main(int argc, char **argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success &result) {
-    return app.exit(result);
+    return platform_output_end("brisel-watchctl", app.exit(result));
   } catch (const CLI::ParseError &error) {
     const std::vector<std::string> unknown = app.remaining(true);
     const bool no_such = error.get_name() == "RequiredError" && !unknown.empty();
     return wrong(no_such ? (unknown.front()[0] == '-' ? "no such option: " : "no such command: ") + unknown.front()
                          : error.what());
   }
-  if (fflush(stdout) != 0 || ferror(stdout))
-    return fail(std::string("standard output cannot be written: ") + strerror(errno));
-  return given.code;
+  return platform_output_end("brisel-watchctl", given.code);
 }

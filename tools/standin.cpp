@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "efl_assist.h"
+#include "platform-output.h"
 
 namespace {
 
@@ -68,16 +69,19 @@ void standin_set(const standin_window *window, const char *title, const char *te
 bool standin_options(int argc, char **argv, const char *name, const char *purpose, int *code) {
   *code = 0;
   for (int i = 1; i < argc; i++) {
-    if (strcmp(argv[i], "--version") == 0) {
+    if (strcmp(argv[i], "--version") == 0 || strcmp(argv[i], "-V") == 0) {
       printf("%s %s\n", name, BRISEL_VERSION);
+      *code = platform_output_end(name, 0);
       return true;
     }
     if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
       printf(
           "%s\n\nUsage: %s [--service] [KEY=VALUE...]\n\n"
           "  --service   wait for the launch request that the bus brings\n"
-          "  KEY=VALUE   extra data of a launch request\n",
+          "  KEY=VALUE   extra data of a launch request\n"
+          "  -h, --help, -V, --version\n",
           purpose, name);
+      *code = platform_output_end(name, 0);
       return true;
     }
     if (argv[i][0] == '-' && strcmp(argv[i], "--service") != 0) {

@@ -90,6 +90,7 @@ int setting_set(const std::string &key, const std::string &type, const std::stri
     if (value.empty() || *end || errno || number < INT_MIN || number > INT_MAX) return wrong("not an int: " + value);
     r = vconf_set_int(key.c_str(), static_cast<int>(number));
   } else {
+    if (!vconf_text_valid(value.c_str())) return wrong("a string is text in UTF-8, of 64 KiB at most");
     r = vconf_set_str(key.c_str(), value.c_str());
   }
   return r == 0 ? 0 : fail("the setting " + key + " cannot be written");

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include "bluetooth.h"
 #include "brisel-bus.h"
 #include "gate.h"
+#include "platform-output.h"
 
 namespace {
 
@@ -78,11 +80,11 @@ int read_arguments(int argc, char **argv, gate *g, bool *bluetooth, const char *
         break;
       case 'h':
         fputs(usage, stdout);
-        *code = EXIT_SUCCESS;
+        *code = platform_output_end("brisel-gate", EXIT_SUCCESS);
         return 1;
       case 'V':
         puts("brisel-gate " BRISEL_VERSION);
-        *code = EXIT_SUCCESS;
+        *code = platform_output_end("brisel-gate", EXIT_SUCCESS);
         return 1;
       default:
         return 1;
@@ -111,6 +113,7 @@ void find_session(void) {
 int main(int argc, char **argv) {
   static gate g;
   int code = EXIT_SUCCESS;
+  argv[0] = program_invocation_short_name; /* what lines about options begin with */
   if (!read_environment(&g)) return 2;
   bool bluetooth = false;
   const char *phone = nullptr;

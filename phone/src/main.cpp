@@ -15,6 +15,7 @@
 #include "commands.h"
 #include "pair.h"
 #include "parser.h"
+#include "platform-output.h"
 #include "post-account.h"
 #include "post-cli.h"
 #include "post-setup.h"
@@ -37,7 +38,7 @@ std::string failure_line(const CLI::App *app, const CLI::Error &error) {
 
 /* --version counts after any command. */
 void set_version(CLI::App *app) {
-  app->set_version_flag("--version", "brisel-phone " BRISEL_VERSION);
+  app->set_version_flag("-V,--version", "brisel-phone " BRISEL_VERSION);
   for (CLI::App *command : app->get_subcommands({})) set_version(command);
 }
 
@@ -46,14 +47,6 @@ void add_watch_option(CLI::App *command, std::string *watch) {
   for (CLI::App *one : command->get_subcommands({})) add_watch_option(one, watch);
   if (command->get_subcommands({}).empty() || command->get_name() == "relay")
     command->add_option("--watch", *watch, "The watch: the name of a paired one, or an address");
-}
-
-/* What was asked for must have reached its reader: a full disk behind standard output is a failure like any other. */
-int output_checked(int code) {
-  if (fflush(stdout) == 0 && !ferror(stdout)) return code;
-  /* A reader that has seen enough is no trouble to tell of. */
-  if (errno != EPIPE) fprintf(stderr, "brisel-phone: standard output cannot be written: %s\n", strerror(errno));
-  return code ? code : 1;
 }
 
 /* What the command line says; each option belongs to the commands that name it. */
@@ -405,7 +398,7 @@ int main(int argc, char **argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
     int code = app.exit(error);
-    return output_checked(code == 0 ? 0 : wrong_command_line);
+    return platform_output_end("brisel-phone", code == 0 ? 0 : wrong_command_line);
   }
-  return output_checked(line.exit_code);
+  return platform_output_end("brisel-phone", line.exit_code);
 }

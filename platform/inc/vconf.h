@@ -17,6 +17,10 @@ enum vconf_type { VCONF_TYPE_NONE = 0, VCONF_TYPE_STRING = 40, VCONF_TYPE_INT = 
 struct keynode_t;
 typedef void (*vconf_callback_fn)(keynode_t *node, void *user_data);
 
+/* Whether a text can be a key, and whether one can be a string's value (UTF-8): no other is ever stored. */
+bool vconf_key_valid(const char *key);
+bool vconf_text_valid(const char *text);
+
 /* On failure the out value is left untouched. */
 int vconf_get_bool(const char *key, int *value); /* 0 or 1 */
 int vconf_get_int(const char *key, int *value);

@@ -230,6 +230,10 @@ bool vconf_key_valid(const char *key) {
   }
 }
 
+bool vconf_text_valid(const char *text) {
+  return text != nullptr && strnlen(text, value_max + 1) <= value_max && text_utf8_valid(text);
+}
+
 std::string vconf_key_folder(const char *key) {
   return folder_of(is_memory_key(key));
 }
@@ -291,7 +295,7 @@ int vconf_set_int(const char *key, int value) {
 }
 
 int vconf_set_str(const char *key, const char *value) {
-  if (value == nullptr || strnlen(value, value_max + 1) > value_max || !text_utf8_valid(value)) return -1;
+  if (!vconf_text_valid(value)) return -1;
   return store_value(key, VCONF_TYPE_STRING, value);
 }
 

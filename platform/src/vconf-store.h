@@ -12,7 +12,6 @@ struct vconf_value {
   std::string text;      /* string */
 };
 
-bool vconf_key_valid(const char *key);
 /* The folder that holds the key's file ("" when there is none) and the file's name in it. */
 std::string vconf_key_folder(const char *key);
 std::string vconf_key_file(const char *key);

@@ -11,6 +11,7 @@
 #include "host.h"
 #include "notify.h"
 #include "platform-language.h"
+#include "platform-output.h"
 #include "platform-paths.h"
 #include "platform-stop.h"
 #include "store-format.h"
@@ -44,10 +45,12 @@ int read_arguments(int argc, char **argv, int *code) {
   *code = EXIT_SUCCESS;
   if (c == 'h') {
     fputs(usage, stdout);
+    *code = platform_output_end("brisel-hostd", EXIT_SUCCESS);
     return 1;
   }
   if (c == 'V') {
     puts("brisel-hostd " BRISEL_VERSION);
+    *code = platform_output_end("brisel-hostd", EXIT_SUCCESS);
     return 1;
   }
   if (c == 'a') {
@@ -127,6 +130,7 @@ int serve(host *h) {
 
 int main(int argc, char **argv) {
   int code = EXIT_SUCCESS;
+  argv[0] = program_invocation_short_name; /* what lines about options begin with */
   if (read_arguments(argc, argv, &code)) return code;
   platform_language_start();
   umask(077); /* mails are for their owner only */
