@@ -18,7 +18,7 @@ BUILD = pathlib.Path(os.environ.get("BRISEL_BUILD", TOP / "build")).resolve()
 PATIENCE = float(os.environ.get("BRISEL_PATIENCE", "15"))
 
 
-class ToolError(Exception):
+class ToolError(RuntimeError):
     """A tool ended with a non-zero code: its code and what it said."""
 
     def __init__(self, command, code, out, err):
@@ -43,7 +43,9 @@ class Session:
                                         env={**os.environ, **(env or {})})
         line = self.process.stdout.readline().strip()
         if not line:
-            raise RuntimeError("brisel-session did not start")
+            self.process.wait()
+            self.errors.seek(0)
+            raise RuntimeError(self.errors.read().strip() or "brisel-session did not start")
         self.dir = pathlib.Path(line)
         pairs = (self.dir / "env").read_bytes().split(b"\0")
         self.env = dict(p.decode(errors="replace").split("=", 1) for p in pairs if b"=" in p)
