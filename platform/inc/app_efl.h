@@ -48,8 +48,8 @@ struct app_event_callback_s {
    returns 0 at once; with --prepare it first waits, blocked, for that one's end. A missing bus is logged; the
    application then runs alone, but not with --prepare, where nobody could launch it. One that waits for its launch ends
    when the bus goes or its program's file is replaced. It also ends when its window is destroyed. Returns 0; 2,
-   with a line on standard error, for an argument that is none of these; or 1 when there was no bus to wait at or create
-   failed. */
+   with a line on standard error, for an argument that is none of these; or 1 when there was no bus to wait at, the
+   toolkit does not start or create failed. */
 int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void *user_data);
 /* Has work(data) done by a thread of the framework's while the toolkit starts: what takes long the first time and needs
    nothing of the toolkit's. From the starting callback only, once. It reads environment and locale as they are then
@@ -69,8 +69,8 @@ void app_efl_memory_trim(void);
 void app_efl_memory_trim_drawn(void);
 
 /* Names the application's main window right after its creation, before it is shown: the framework gives it its
-   size (the environment variable BRISEL_WINDOW_SIZE, "WxH", default 320x320)
-   and follows its visibility for pause and resume. The window stays the caller's. */
+   size (the environment variable BRISEL_WINDOW_SIZE, "WxH", default 320x320 times the scale factor) and follows its
+   visibility for pause and resume. The window stays the caller's. */
 void app_efl_window_attach(Evas_Object *win);
 /* Shows the main window: at once, or, when the application was started ahead of its first launch, with that launch. */
 void app_efl_window_show(void);

@@ -4,6 +4,7 @@ loopback. Everything lives in a folder of its own and ends with it. Standard lib
 import os
 import pathlib
 import shutil
+import signal
 import socket
 import subprocess
 import tempfile
@@ -52,7 +53,7 @@ class Machines:
         self.split = can_split() if split is None else split
         self.dir = pathlib.Path(tempfile.mkdtemp(prefix="brisel-pair-"))
         self.dir.chmod(0o755)
-        self.holders, self.sshd, self.net = {}, None, None
+        self.holders, self.spaces, self.sshd, self.net = {}, set(), None, None
         self.gate_env = gate_env or {}
         for name in USERS:
             (self.dir / name).mkdir()
@@ -82,6 +83,7 @@ class Machines:
             self.holders[name] = subprocess.Popen(["unshare", "-n", "-m", "sh", "-c", script], stdin=subprocess.PIPE,
                                                   stdout=subprocess.PIPE, text=True)
             assert self.holders[name].stdout.readline() == "ready\n", "no namespace"
+            self.spaces.add(os.readlink(f"/proc/{self.holders[name].pid}/ns/net"))
         pids = {name: str(holder.pid) for name, holder in self.holders.items()}
         sh("nsenter", "-t", pids["watch"], "-n", "ip", "link", "add", "cable", "type", "veth", "peer", "name", "cable",
            "netns", pids["phone"])
@@ -143,6 +145,16 @@ class Machines:
         else:
             self.net.set("pass")
 
+    def end_logins(self):
+        """Whatever is left on the two machines: a login whose way was cut does not see its end for hours."""
+        keep = {holder.pid for holder in self.holders.values()}
+        for entry in pathlib.Path("/proc").iterdir():
+            try:
+                if entry.name.isdigit() and int(entry.name) not in keep and os.readlink(entry / "ns/net") in self.spaces:
+                    os.kill(int(entry.name), signal.SIGKILL)
+            except OSError:  # it has ended
+                continue
+
     def close(self):
         for process in (self.sshd,):
             if process:
@@ -152,6 +164,7 @@ class Machines:
             self.net.close()
         for session in (self.phone, self.watch):
             session.close()
+        self.end_logins()
         for holder in self.holders.values():
             holder.stdin.close()
             holder.wait()
