@@ -338,7 +338,8 @@ bool start_bus(const options &opt, const session &s, const sigset_t *mask, bus_p
   for (const char *name : services) {
     const std::string file = std::string(name) + ".service";
     if (!fs::exists(from / file, error)) {
-      complain("%s is missing: build first", (from / file).c_str());
+      complain("%s is missing: %s", (from / file).c_str(),
+               opt.build.empty() ? "Brisel is not installed, or not whole" : "build first");
       return false;
     }
     fs::create_symlink(from / file, s.run / "services" / file, error);
