@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <zlib.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -15,7 +16,7 @@
 
 namespace {
 
-constexpr int kLooks = 5, kLookPauseMs = 50;
+constexpr int kLooks = 100, kLookPauseMs = 50;
 
 /* What is taken of an answer: more than any service gives. */
 constexpr size_t kMostError = 1024; /* bytes of why a call failed */
@@ -301,7 +302,9 @@ int name_holder(host_bus *bus, std::string *holder, std::string *program, std::s
     *error = std::string("who the host service is cannot be told: ") + strerror(-result);
     return HOST_NOBODY;
   }
+  errno = 0;
   *program = platform_program_of(pid);
+  if (program->empty() && errno == EACCES) *program = "a program that cannot be looked at";
   *holder = name;
   return 0;
 }
@@ -310,7 +313,7 @@ int name_holder(host_bus *bus, std::string *holder, std::string *program, std::s
 
 int host_find(host_bus *bus, std::string *error) {
   std::string holder, program;
-  /* One that has just ended runs nothing any more and has the name for a moment still. */
+  /* One that has just ended runs nothing any more and has the name for a moment still, on a busy machine a long one. */
   for (int look = 0; look < kLooks && program.empty(); look++) {
     if (look > 0) poll(nullptr, 0, kLookPauseMs);
     if (int result = name_holder(bus, &holder, &program, error); result < 0) return result;

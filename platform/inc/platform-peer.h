@@ -6,8 +6,8 @@
 
 #include <string>
 
-/* The path of the program that a process runs; empty when that cannot be told. One that was replaced by a newer version
-   while it ran is still what it was. */
+/* The path of the program that a process runs; empty when that cannot be told (errno says why). One that was replaced
+   by a newer version while it ran is still what it was. */
 std::string platform_program_of(pid_t pid);
 
 /* Whether `program` is the one installed at `installed`, or, for a process that was started in a build tree, the one at

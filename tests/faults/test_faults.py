@@ -1,7 +1,6 @@
 """The phone and the service as they are, on a disk that fails at a chosen step: once, or until there is room again.
 BRISEL_EVERY_FAULT tries every step, BRISEL_FAULT_STRIDE every so many; otherwise a few are tried."""
 import os
-import pathlib
 import shutil
 import subprocess
 
@@ -141,12 +140,10 @@ def test_a_mail_that_holds_up_its_reader_costs_itself(s):
     for n in range(6):
         box.deliver(message(f"m{n}@x"))
     relay.start()
-    children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children")
     readers = set()
 
     def all_came():
-        readers.update(pid for pid in children.read_text().split()
-                       if b"read-mail" in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes())
+        readers.update(relay.children(b"read-mail"))
         assert len(readers) <= 3, "for all of them, for each alone until the one to blame, and for what follows it"
         return len(uids(s)) == 6 and [t["message"] for t in status(s, *watch)["accounts"][0]["set_aside"]] == [held]
 

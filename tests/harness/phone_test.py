@@ -101,6 +101,15 @@ class Relay:
     def log(self):
         return (self.session.dir / "relay.log").read_text()
 
+    def children(self, named=b""):
+        """The processes below it whose command line holds that."""
+        found = []
+        for pid in pathlib.Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children").read_text().split():
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it ended meanwhile
+                if named in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes():
+                    found.append(int(pid))
+        return found
+
 
 def by_uid(session):
     return {m["message_uid"]: m for m in session.mails()}

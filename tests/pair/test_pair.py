@@ -1,7 +1,6 @@
 """Phone and watch at the two ends of a network that fails: nothing lost, nothing twice, both sides know, and both are
 together again.   BRISEL_CUT_ROUNDS (cuts, default 15) and BRISEL_CUT_SEED choose how much and which."""
 import os
-import pathlib
 import random
 import shutil
 import signal
@@ -215,10 +214,8 @@ def test_the_network_tells(s):
     other.terminate()
     other.wait()
     # What cannot be heard is not noticed either, but for the network.
-    children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children")
-    gates = children.read_text().split()
-    for pid in gates:
-        os.kill(int(pid), signal.SIGSTOP)
+    for pid in relay.children():
+        os.kill(pid, signal.SIGSTOP)
     ip("link", "set", "lo", "down")
     s.wait(lambda: "does not answer" in relay.log(), "the phone to know")
     equal(relay.kill(15), 0, "exit code")

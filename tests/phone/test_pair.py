@@ -145,22 +145,12 @@ def test_two_watches_get_everything(s):
             delete_on_watch(s, mails("left")["one@x"]["mail_id"])
             box.deliver(message("two@x"))
             s.wait(lambda: [set(mails(w)) for w in ways] == [{"two@x"}, {"one@x", "two@x"}], "each its own")
-            for pid in gate_of(relay, b"relay"):  # hears nothing of an end
+            for pid in relay.children(b"relay"):  # hears nothing of an end
                 os.kill(pid, signal.SIGSTOP)
             relay.process.terminate()
             equal(relay.process.wait(PATIENCE), 0, "exit code")
     finally:
         other.close()
-
-
-def gate_of(relay, named=b"brisel-gate"):
-    def is_named(pid):
-        try:
-            return named in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes()
-        except FileNotFoundError:
-            return False  # it ended meanwhile
-    children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children").read_text().split()
-    return [int(p) for p in children if is_named(p)]
 
 
 def test_pairing_over_bluetooth(s):
@@ -189,9 +179,9 @@ def test_pairing_over_bluetooth(s):
         assert "wrist\t" in s.phone("watches") and "is linked since" in s.phone("watches"), s.phone("watches")
         assert "in use" in s.run("brisel-phone", "unpair", "wrist", check=False).stderr
         for _ in range(2):  # the device goes out of reach, and comes back
-            carrier = s.wait(lambda: gate_of(relay, b"carry-bluetooth"), "the link")[0]
+            carrier = s.wait(lambda: relay.children(b"carry-bluetooth"), "the link")[0]
             os.kill(carrier, signal.SIGKILL)
-            s.wait(lambda: carrier not in gate_of(relay, b"carry-bluetooth") and s.linked(), "the link again")
+            s.wait(lambda: carrier not in relay.children(b"carry-bluetooth") and s.linked(), "the link again")
         box.deliver(message("two@x"))
         s.wait(lambda: "two@x" in on_watch(s), "the second mail")
         equal(relay.kill(15), 0, "exit code")
@@ -228,7 +218,7 @@ def test_ends_while_it_connects(s):
     for address in ("exec:exec sleep 1000", "exec:exec true", "ssh://192.0.2.1", "bluetooth:00:11:22:33:44:55"):
         (s.dir / "relay.log").write_text("")  # or a late word of the one before were taken for this one's
         relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--watch", address)
-        s.wait(lambda: gate_of(relay, b"") or "waiting" in relay.log(), "a try")
+        s.wait(lambda: relay.children() or "waiting" in relay.log(), "a try")
         relay.process.terminate()
         equal(relay.process.wait(5), 0, address)
     # So does what asks for a password.

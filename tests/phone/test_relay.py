@@ -9,10 +9,11 @@ import shutil
 import signal
 import sqlite3
 import subprocess
+import sys
 import time
 
 from brisel_test import BUILD
-from phone_test import (Maildir, Relay, Sendmail, body_text, by_uid, call_watch, delete_on_watch, equal, host_pid,
+from phone_test import (HOST, Maildir, Relay, Sendmail, body_text, by_uid, call_watch, delete_on_watch, equal, host_pid,
                         ids_text, journal, main, message, more_on_watch, read_on_watch, reply_on_watch, status)
 
 HANDED_OVER, SENT, REFUSED = 1, 2, 3
@@ -360,16 +361,15 @@ def test_the_watch_hears_what_came_of_each_reply(s):
 
 def test_killed_delivery_sends_once(s):
     box, mta, relay = follow(s)
-    mta.change("file=$(mktemp", "sleep 0.3; file=$(mktemp")
+    gate = s.dir / "gate"
+    mta.change("file=$(mktemp", f"while [ -e '{gate}' ]; do sleep 0.05; done; file=$(mktemp")
     box.deliver(message("ask@x"))
     s.wait(lambda: "ask@x" in uids(s), "the mail")
-    children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children")
-    delivering = lambda: [int(p) for p in children.read_text().split()  # noqa: E731
-                          if b"deliver-reply" in pathlib.Path(f"/proc/{p}/cmdline").read_bytes()]
     for n in range(4):
+        gate.touch()
         reply_on_watch(s, by_uid(s)["ask@x"], f"text {n}")
-        s.wait(delivering, "the process that hands it over")
-        os.kill(delivering()[0], 9)
+        os.kill(s.wait(lambda: relay.children(b"deliver-reply"), "the process that hands it over")[0], 9)
+        gate.unlink()
         s.wait(lambda: sum(r["state"] == "sent" for r in status(s)["replies"]) == n + 1, "the reply")
     equal(len(mta.sent()), 4, "each once")
     relay.kill()
@@ -457,24 +457,20 @@ def test_hostile_mail_stops_nothing(s):
     relay.kill()
 
 
-def parsers(relay):
-    children = pathlib.Path(f"/proc/{relay.process.pid}/task/{relay.process.pid}/children").read_text().split()
-    return [int(pid) for pid in children if b"read-mail" in pathlib.Path(f"/proc/{pid}/cmdline").read_bytes()]
-
-
 def test_a_dying_reader_costs_one_mail(s):
     """The process that reads mail is killed whenever it is at the one mail that takes it long."""
     box = Maildir(s.dir / "box")
     relay = Relay(s, "--maildir", f"me@example.org={box.path}")
     box.deliver(message("before@x"))
     s.wait(lambda: "before@x" in uids(s), "a mail before it")
-    first = parsers(relay)[0]
+    parsers = lambda: relay.children(b"read-mail")  # noqa: E731
+    first = parsers()[0]
     os.kill(first, 9)
     box.deliver(message("between@x"))
     s.wait(lambda: "between@x" in uids(s), "a mail for a new reader")
-    equal([pid == first for pid in parsers(relay)], [False], "the reader is another")
-    limits = pathlib.Path(f"/proc/{parsers(relay)[0]}/limits").read_text()
-    seccomp = pathlib.Path(f"/proc/{parsers(relay)[0]}/status").read_text()
+    equal([pid == first for pid in parsers()], [False], "the reader is another")
+    limits = pathlib.Path(f"/proc/{parsers()[0]}/limits").read_text()
+    seccomp = pathlib.Path(f"/proc/{parsers()[0]}/status").read_text()
     assert "Seccomp:\t2" in seccomp and "NoNewPrivs:\t1" in seccomp, seccomp
     assert re.search(r"Max file size +0 ", limits) and re.search(r"Max stack size +8388608 ", limits), limits
 
@@ -482,7 +478,7 @@ def test_a_dying_reader_costs_one_mail(s):
     deadly = box.deliver(message("deadly@x", body="\n--\n" * 15000 + "x\n" * 15000000))
 
     def killed_until_left_out():
-        for pid in parsers(relay):
+        for pid in parsers():
             if int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[1]) > 8000:  # pages: it holds the large one
                 os.kill(pid, 9)
         return "it is left out" in relay.log()
@@ -515,6 +511,25 @@ def test_an_impostor_is_told_nothing(s):
     process.wait()
     s.wait(lambda: uids(s) == {"secret@x"}, "the mail, when the service itself is there")
     relay.kill()
+
+
+ENDS = f"""import ctypes, os, threading, time
+def hold():
+    lib, bus = ctypes.CDLL("libsystemd.so.0"), ctypes.c_void_p()
+    lib.sd_bus_open_user(ctypes.byref(bus))
+    lib.sd_bus_request_name(bus, b"{HOST}", ctypes.c_uint64(0))
+    print("held", flush=True)
+    time.sleep(1)
+    os._exit(0)
+threading.Thread(target=hold).start()
+ctypes.CDLL(None).pthread_exit(None)"""
+
+
+def test_a_service_that_takes_long_to_end_is_no_impostor(s):
+    """What has its name runs no program any more, which takes it longer to let go of than a busy machine does."""
+    with subprocess.Popen([sys.executable, "-c", ENDS], env=s.env, stdout=subprocess.PIPE) as ends:
+        equal(ends.stdout.readline(), b"held\n", "the name")
+        equal(s.mails(), [], "of the next service")
 
 
 def test_clear_refusals(s):
