@@ -9,8 +9,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
 #include <string>
 
 #include "app_efl.h"
@@ -173,9 +171,8 @@ void action(const std::string &name) {
 /* --- the lifecycle --- */
 
 bool create(void *data) {
-  const char *delay = getenv("PROBE_CREATE_DELAY");
-  const double end = ecore_time_get() + (delay ? atoi(delay) / 1000.0 : 0);
-  while (ecore_time_get() < end) { /* the loop turns, as when an application waits for something */
+  const char *awaited = getenv("PROBE_CREATE_AWAITS");
+  while (awaited && access(awaited, F_OK) != 0) { /* the loop turns, as when an application waits for something */
     ecore_main_loop_iterate();
     usleep(5000);
   }

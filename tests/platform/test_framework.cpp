@@ -1,10 +1,7 @@
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstring>
 #include <memory>
 #include <set>
 
@@ -143,11 +140,13 @@ TEST_F(Framework, HandsASecondStartToTheFirst) {
 }
 
 TEST(FrameworkStart, KeepsTheLastLaunchUntilItIsCreated) {
-  child app({probe, "--service"}, {{"PROBE_CREATE_DELAY", "700"}});
+  const std::string go = std::string(getenv("BRISEL_SESSION_DIR")) + "/created-now";
+  child app({probe, "--service"}, {{"PROBE_CREATE_AWAITS", go}});
   /* Its name is there long before its window. */
   while (ask_bus("GetNameOwner", "com.vextora.probe").code != 0) usleep(10000);
   int answers = 0;
   const bus_holder bus = leave_at_probe({"early", "next", "last"}, &answers);
+  run({"touch", go});
   EXPECT_EQ(app.line(), "create 320x320 No emails");
   EXPECT_EQ(app.line(), "service scene= do= x=last") << "and no launch of its own before";
 }

