@@ -1,6 +1,4 @@
 /* The list of actions on a mail, and the numbers of its sender. */
-#include <fstream>
-#include <sstream>
 
 #include "actions-test.h"
 
@@ -71,6 +69,18 @@ TEST_F(options, AddressesOfDigitsAreNumbers) {
     if (!one[1].empty()) EXPECT_EQ(rows().at(0), call + "|" + one[1]);
     for (const char *line : {"I/It is a phone number!", "I/It is not a phone number!"})
       EXPECT_EQ(logged(line), one[2] == line) << line;
+    back();
+    views_become(1);
+  }
+}
+
+TEST_F(options, NoReplyIsOfferedWhereThePhoneTakesNone) {
+  const int id = start_one({.from_name = "Ann", .from_address = "ann@example.org"});
+  for (const int status : {0, 1, 2}) {
+    phone.set_status("reply", status);
+    open(id);
+    rows_become(status < 2 ? std::vector<std::string>{reply_text(), device, del}
+                           : std::vector<std::string>{device, del});
     back();
     views_become(1);
   }

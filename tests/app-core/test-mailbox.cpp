@@ -140,6 +140,12 @@ TEST_F(mailbox, LeavingCommitsTheSweep) {
   } ways[] = {
       {"Back", [] { key("XF86Back"); }},
       {"pause", [] { app_pause(&test_ad); }},
+      {"a touch elsewhere",
+       [&] {
+         tap(middle_of_item(item_of_mail(ids[0])));
+         EXPECT_EQ(views(), 1) << "the row opens";
+       }},
+      {"another sweep", [&] { sweep(0); }}, /* its touch is spent on that */
       {"a launch", [&] { app_launch(std::to_string(ids[0]).c_str()); }},
       {"the bin", [] { tap(middle_of(test_ad.delete_btn)); }},
       {"the window's end", [] { evas_object_del(test_ad.win_main); }},
