@@ -1,7 +1,6 @@
 #include "actions-test.h"
 
 #include <libintl.h>
-#include <unistd.h>
 
 void acting::SetUp() {
   setenv("BRISEL_WINDOW_SIZE", "360x480", 1);
@@ -66,13 +65,6 @@ void acting::expect_no_request(const char *kind) {
   request("clear_all_new_flag");
   for (const auto &have : phone.requests) EXPECT_NE(have.json.at("request"), kind) << have.json;
   phone.requests.clear();
-}
-
-int views(void) {
-  Eina_List *items = elm_naviframe_items_get(test_ad.naviframe);
-  const int count = (int)eina_list_count(items);
-  eina_list_free(items);
-  return count;
 }
 
 bool views_become(int count) {

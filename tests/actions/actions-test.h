@@ -31,9 +31,8 @@ inline std::vector<case_row> cases(const char *name, size_t fields) {
   return table_of(CASES_DIR "/actions.txt", name, fields);
 }
 
-/* The view stack. */
-int views(void);
-bool views_become(int count); /* and the transition is over */
+/* The view stack: until it holds that many views and the transition is over. */
+bool views_become(int count);
 void back(void);
 Evas_Object *top_content(const char *part = "elm.swallow.content"); /* of the top view's layout */
 

@@ -1,5 +1,4 @@
 /* Selecting mails and deleting them at once; and how the views end. */
-#include <functional>
 
 #include "../../app/src/brisel-app-journal.h"
 #include "actions-test.h"

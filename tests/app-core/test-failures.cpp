@@ -1,12 +1,9 @@
 /* What happens when the things that the application stands on are missing, broken or gone. */
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
+#include <algorithm>
 
 #include "app-test.h"
 #include "contacts.h"
+#include "files.h"
 #include "platform-paths.h"
 #include "vconf.h"
 
@@ -15,16 +12,14 @@ static std::string data_file(const char *name) {
 }
 
 static bool logged_like(const std::string &start) {
-  for (const std::string &line : log_lines())
-    if (line.starts_with(start)) return true;
-  return false;
+  return std::ranges::any_of(log_lines(), [&](const std::string &line) { return line.starts_with(start); });
 }
 
 /* The first one of this session: a service that runs would put its own store back. */
 TEST(failures, AStoreThatIsNoDatabaseIsToldAndSurvived) {
   vconf_set_bool(BRISEL_KEY_BT_CONNECTED, 1);
   const std::string garbage(8192, 'x');
-  std::ofstream(data_file("store.db"), std::ios::trunc) << garbage;
+  put_file(data_file("store.db"), garbage);
   app_start();
   EXPECT_TRUE(logged_like("E/brisel_db_init() failed! err:[")) << testing::PrintToString(log_lines());
   EXPECT_TRUE(logged_like("W/brisel_db_is_valid_target_account_count failed("));
@@ -40,9 +35,7 @@ TEST(failures, AStoreThatIsNoDatabaseIsToldAndSurvived) {
   EXPECT_EQ(brisel_create_account_selection_popup(&test_ad), nullptr);
   EXPECT_TRUE(logged_like("W/brisel_db_get_all_account_data is failed! ["));
   app_stop();
-  std::ifstream in(data_file("store.db"));
-  const std::string kept((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  EXPECT_EQ(kept, garbage) << "nobody wrote over it";
+  EXPECT_EQ(get_file(data_file("store.db")), garbage) << "nobody wrote over it";
   app_start();
   EXPECT_TRUE(visible(unreadable));
   std::filesystem::remove(data_file("store.db"));
@@ -53,7 +46,7 @@ TEST(failures, AStoreThatIsNoDatabaseIsToldAndSurvived) {
 }
 
 TEST(failures, ContactsThatAreNoDatabaseFindNobody) {
-  std::ofstream(data_file("contacts.db"), std::ios::trunc) << std::string(8192, 'x');
+  put_file(data_file("contacts.db"), std::string(8192, 'x'));
   app_start();
   EXPECT_EQ(brisel_util_get_person_id_by_email_address("a@example.org"), -1);
   EXPECT_TRUE(logged_like("I/contacts_db_get_records_with_query() is failed error_code = "));

@@ -1,12 +1,6 @@
 /* Dates, numbers, markup, contacts, reply methods: against tables. */
-#include <fcntl.h>
 #include <malloc.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
-#include <cstring>
-#include <fstream>
-#include <memory>
 
 #include "app-test.h"
 #include "brisel-scoped.h"

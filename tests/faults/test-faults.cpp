@@ -1,12 +1,11 @@
 /* What the phone keeps, and the requests that wait for a service, under every fault of the disk at every step. The
    service's store, the contacts and the settings have their tables beside their own tests, on the same layer. */
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "brisel-common.h"
 #include "common-kept.h"
 #include "faults.h"
+#include "files.h"
 #include "phone-schema.h"
 #include "platform-sql.h"
 #include "relay.h"
@@ -224,15 +223,12 @@ TEST(State, ThatIsNotWhatItWas) {
                 relay_note_set(state.get(), "note", "kept") == 0);
   }
   EXPECT_EQ(reads(), "");
-  const auto bytes = [&] {
-    std::ifstream file(database);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-  };
+  const auto bytes = [&] { return get_file(database); };
   const std::string good = bytes();
   const auto put = [&](const std::string &content) {
     fs::remove_all(folder / "brisel-phone");
     fs::create_directory(folder / "brisel-phone");
-    std::ofstream(database) << content;
+    put_file(database, content);
   };
   const auto change = [&](const std::string &sql) {
     put(good);

@@ -1,5 +1,6 @@
 #include "app-test.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 
@@ -34,19 +35,21 @@ std::vector<std::string> log_lines(void) {
 }
 
 bool logged(const std::string &line) {
-  for (const std::string &have : log_lines())
-    if (have == line) return true;
-  return false;
+  return std::ranges::count(log_lines(), line) > 0;
 }
 
 /* --- the application --- */
 
-void app_launch(const char *mail_id) {
+void app_relaunch(const char *mail_id) {
   service_h service = nullptr;
   service_create(&service);
   if (mail_id) service_add_extra_data(service, BRISEL_EVENT_ID_KEY, mail_id);
   app_reset(service, &test_ad);
   service_destroy(service);
+}
+
+void app_launch(const char *mail_id) {
+  app_relaunch(mail_id);
   settle();
 }
 
@@ -145,6 +148,13 @@ point middle_of_item(Elm_Object_Item *item) {
     return at.x >= 0;
   })) << "the row is out of sight";
   return at;
+}
+
+int views(void) {
+  Eina_List *items = elm_naviframe_items_get(test_ad.naviframe);
+  const int count = (int)eina_list_count(items);
+  eina_list_free(items);
+  return count;
 }
 
 bool views_stand(void) {

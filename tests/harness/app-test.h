@@ -3,11 +3,6 @@
 #ifndef BRISEL_APP_TEST_H
 #define BRISEL_APP_TEST_H
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "brisel-app-lifecycle.h"
 #include "brisel-app-utils.h"
 #include "brisel-app.h"
@@ -30,6 +25,7 @@ extern appdata test_ad;
 /* As the framework does it: create, a launch request (extra data may name a mail), terminate. */
 void app_start(const char *mail_id = nullptr);
 void app_launch(const char *mail_id = nullptr);
+void app_relaunch(const char *mail_id); /* the same, and what follows from it is still to come */
 void app_stop(void);
 
 /* Ends the phone's connection, and returns when the service has said that there is no link: it would say so after the
@@ -50,6 +46,7 @@ bool delete_button_enabled(void);
 bool nocontents_on_screen(void);
 point middle_of_item(Elm_Object_Item *item);
 
+int views(void);
 /* The view stack takes no touch and no further pop while a view slides, and freezes it for that long. */
 bool views_stand(void);
 

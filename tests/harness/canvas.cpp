@@ -1,8 +1,8 @@
 #include "canvas.h"
 
 #include <Ecore_Input.h>
-#include <gtest/gtest.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "../../platform/src/inspect-priv.h"
@@ -153,6 +153,13 @@ void key(const char *name) {
 
 /* --- what a person sees --- */
 
+std::string plain_text(const char *markup) {
+  char *plain = markup ? elm_entry_markup_to_utf8(markup) : nullptr;
+  const std::string text = plain ? plain : "";
+  free(plain);
+  return text;
+}
+
 static nlohmann::json texts_on_screen(void) {
   nlohmann::json shown = nlohmann::json::array();
   if (!window) return shown;
@@ -194,9 +201,7 @@ void rest(void) {
 }
 
 static bool shown_now(const std::string &text) {
-  for (const std::string &shown : visible_texts())
-    if (shown == text) return true;
-  return false;
+  return std::ranges::count(visible_texts(), text) > 0;
 }
 
 bool visible(const std::string &text) {

@@ -36,6 +36,8 @@ void double_tap_at(point at);
 void second_finger(point at, bool down);
 void key(const char *name);
 
+/* What a markup says; "" for none. */
+std::string plain_text(const char *markup);
 /* Visible plain texts of the window, as the inspection tells them; one that something lies over is not among them. */
 std::vector<std::string> visible_texts(void);
 /* Waits for the text to come, or to go: popups and rows do both in their own time. */

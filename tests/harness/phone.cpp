@@ -1,7 +1,5 @@
 #include "phone.h"
 
-#include <gtest/gtest.h>
-
 #include "loop.h"
 
 test_phone::test_phone() {

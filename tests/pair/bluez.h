@@ -7,12 +7,9 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <functional>
-#include <string>
 
 #include "bluez-profile.h"
 

@@ -2,19 +2,11 @@
    Runs in a private session (brisel-session). */
 #include <fcntl.h>
 #include <gio/gio.h>
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
-#include <cstring>
 #include <fstream>
-#include <functional>
 #include <list>
 #include <memory>
 #include <random>

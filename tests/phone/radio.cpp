@@ -3,14 +3,10 @@
    usage: radio GATE BUS...; each session bus is a device's: 00:11:22:33:44:00, then ...:01 */
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <list>
-#include <string>
 
 #include "bluez-profile.h"
 

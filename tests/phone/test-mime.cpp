@@ -1,11 +1,6 @@
 /* What becomes of real, odd and hostile mail. */
-#include <gtest/gtest.h>
-
-#include <glib.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "../../phone/mime.h"
 #include "../../phone/src/reply.h"

@@ -1,23 +1,15 @@
 /* The contacts: vCards in, queries out, changes told to other processes, damaged files. */
-#include <Ecore.h>
-#include <fcntl.h>
-#include <glib.h>
-#include <signal.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
 
 #include "cases.h"
 #include "contacts.h"
 #include "faults.h"
+#include "files.h"
 #include "loop.h"
 #include "platform-paths.h"
 
@@ -27,15 +19,6 @@ namespace {
 
 fs::path database() {
   return fs::path(platform_data_dir()) / "contacts.db";
-}
-
-void put_file(const fs::path &path, const std::string &bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-std::string get_file(const fs::path &path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 std::string card(const std::string &lines, const std::string &version = "3.0") {

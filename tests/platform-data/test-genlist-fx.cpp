@@ -1,11 +1,8 @@
 /* The effect of deletion in real lists: what is seen, and that it holds nothing up and leaves nothing behind. */
 #include "window.h" /* first: it asks the toolkit for more than its default */
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "genlist-fx.h"
 #include "vconf.h"

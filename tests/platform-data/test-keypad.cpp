@@ -1,15 +1,10 @@
 /* The virtual keypad under a finger, typing into real entries. */
 #include "window.h" /* first: it asks the toolkit for more than its default */
 
-#include <glib.h>
-
 #include <algorithm>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "cases.h"
 #include "efl_assist.h"
@@ -103,10 +98,7 @@ struct Keypad : testing::Test {
     }
   }
   std::string text() const { return elm_entry_entry_get(entry); }
-  std::string plain() const {
-    const std::unique_ptr<char, decltype(&free)> utf8(elm_entry_markup_to_utf8(elm_entry_entry_get(entry)), free);
-    return utf8.get();
-  }
+  std::string plain() const { return plain_text(elm_entry_entry_get(entry)); }
 };
 
 using Labels = std::vector<std::string>;

@@ -1,23 +1,16 @@
 /* The settings store, its notifications and what stands on it: dlog's lines and pickover. */
 #include <Elementary.h>
 #include <fcntl.h>
-#include <glib.h>
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "cases.h"
 #include "dlog.h"
 #include "efl_assist.h"
 #include "faults.h"
+#include "files.h"
 #include "inspect-priv.h"
 #include "loop.h"
 #include "pickover.h"
@@ -47,15 +40,6 @@ int temporary_files() {
   for (const auto &entry : fs::directory_iterator(file_of("").parent_path()))
     count += entry.path().filename().string().starts_with('~') ? 1 : 0;
   return count;
-}
-
-void put_file(const fs::path &path, const std::string &bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-std::string get_file(const fs::path &path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 /* Beginnings of every kind, with enough behind them to be looked at together and without, against GLib's own check. */

@@ -1,11 +1,7 @@
 #include <Ecore.h>
 #include <Ecore_Evas.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <cstdio>
-#include <cstring>
 
 #include "cases.h"
 #include "driver.h"

@@ -88,11 +88,7 @@ void expect_no_turn(bool to_next) {
 }
 
 std::string part_text(const page_data *page, const char *part) {
-  const char *markup = edje_object_part_text_get(elm_layout_edje_get(page->detail_layout), part);
-  char *plain = markup ? elm_entry_markup_to_utf8(markup) : nullptr;
-  std::string text = plain ? plain : "";
-  free(plain);
-  return text;
+  return plain_text(edje_object_part_text_get(elm_layout_edje_get(page->detail_layout), part));
 }
 
 std::string part_state(const page_data *page, const char *part) {

@@ -27,6 +27,13 @@ struct MoreMsg : testing::Test {
     EXPECT_EQ(part_state(page, "detail.process"), "default");
     EXPECT_EQ(part_state(page, "detail.progress_bg"), "default");
   }
+  /* Hits the end of the page: the number of the request that comes of it. */
+  int64_t ask(void) {
+    __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
+    const int64_t request = phone.more_request();
+    EXPECT_GE(request, 0);
+    return request;
+  }
   bool body_becomes(const page_data *page, const std::string &text) {
     return run_until(
         [&] { return page->detail_layout && brisel_detail_body_get(page->detail_layout, nullptr) == text; });
@@ -167,8 +174,7 @@ TEST_F(MoreMsg, WithoutALinkNothingIsAskedAndNothingUsedUp) {
 
 TEST_F(MoreMsg, APageBuiltWhileItsTextIsOnTheWaySaysSo) {
   open({"first" + more_tag, "b", "c", "d"});
-  __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
-  const int64_t request = phone.more_request();
+  const int64_t request = ask();
   for (int turns = 0; turns < 3; turns++) show_page(true);
   for (int turns = 0; turns < 3; turns++) show_page(false);
   EXPECT_NE(current_page()->progress, nullptr);
@@ -205,9 +211,7 @@ TEST_F(MoreMsg, WhatThePhoneAnswers) {
     SCOPED_TRACE(row.name);
     current_page()->more_msg_count = BRISEL_DETAIL_MORE_MSG_MAX;
     phone.requests.clear();
-    __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
-    const int64_t request = phone.more_request();
-    ASSERT_GE(request, 0);
+    const int64_t request = ask();
     phone.answer_more(request, row.error, row.piece, row.complete);
     if (!row.error) body += row.piece;
     ASSERT_TRUE(run_until([&] { return !reader()->more_msg && !current_page()->more_msg_timer; }));
@@ -220,9 +224,7 @@ TEST_F(MoreMsg, WhatThePhoneAnswers) {
 TEST_F(MoreMsg, AnAnswerBelongsToThePageThatAsked) {
   open({"first" + more_tag, "second" + more_tag, "third"});
   page_data *asked = current_page();
-  __brisel_detail_scroller_bottom_hit_cb(reader(), asked->scroller, nullptr);
-  const int64_t request = phone.more_request();
-  ASSERT_GE(request, 0);
+  const int64_t request = ask();
   ASSERT_TRUE(swipe(true));
   ASSERT_NE(current_page(), asked);
   phone.answer_more(request, 0, " and more", false);
@@ -234,13 +236,10 @@ TEST_F(MoreMsg, AnAnswerBelongsToThePageThatAsked) {
 TEST_F(MoreMsg, ANewRequestEndsTheWaitOfThePageSwipedAway) {
   open({"first" + more_tag, "second" + more_tag});
   page_data *asked = current_page();
-  __brisel_detail_scroller_bottom_hit_cb(reader(), asked->scroller, nullptr);
-  const int64_t old_request = phone.more_request();
+  const int64_t old_request = ask();
   ASSERT_TRUE(swipe(true));
   phone.requests.clear();
-  __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
-  const int64_t request = phone.more_request();
-  ASSERT_GE(request, 0);
+  const int64_t request = ask();
   expect_rest(asked, true);
   /* The withdrawn answer comes all the same: it must not end up on the wrong page. */
   phone.answer_more(old_request, 0, " late", true);
@@ -252,17 +251,14 @@ TEST_F(MoreMsg, ANewRequestEndsTheWaitOfThePageSwipedAway) {
 
 TEST_F(MoreMsg, AnswersForWhatIsGoneAreDropped) {
   open({"first" + more_tag, "second"});
-  __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
-  ASSERT_GE(phone.more_request(), 0);
+  ask();
   /* The phone deletes the mail while it owes an answer: the reader closes with it. */
   phone.delete_mails({ids[0]});
   ASSERT_TRUE(run_until([] { return !reader(); }));
 
   open_reader(ids[1]);
   phone.requests.clear();
-  __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
-  const int64_t request = phone.more_request();
-  ASSERT_GE(request, 0);
+  const int64_t request = ask();
   close_reader();
   phone.answer_more(request, 0, " more", true);
   settle();
@@ -271,8 +267,7 @@ TEST_F(MoreMsg, AnswersForWhatIsGoneAreDropped) {
 
 TEST_F(MoreMsg, ThePhoneLeavesWithoutAnAnswer) {
   open({"first" + more_tag});
-  __brisel_detail_scroller_bottom_hit_cb(reader(), current_page()->scroller, nullptr);
-  ASSERT_GE(phone.more_request(), 0);
+  ask();
   app_pause(&test_ad);
   EXPECT_FALSE(elm_progressbar_is_pulsing_get(current_page()->progress)) << "it turns for nobody";
   app_resume(&test_ad);

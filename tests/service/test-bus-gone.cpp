@@ -1,16 +1,11 @@
 /* The bus goes away and comes back: nothing accepted is lost, nothing waits for ever. The test runs its own bus,
    because the session's must live on. */
-#include <Ecore.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 
 #include "bus-loop.h"
 #include "host-test.h"

@@ -1,15 +1,12 @@
 /* The store as the application reads it: what every call gives for a store that is there, missing, broken or tampered
    with, and who owns what. */
-#include <gtest/gtest.h>
 #include <malloc.h>
-#include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 
 #include "brisel-common.h"
 #include "brisel-contact.h"
+#include "files.h"
 #include "platform-paths.h"
 #include "rows.h"
 #include "store-format.h"
@@ -142,10 +139,9 @@ TEST_F(Reader, AStoreThatIsMissingIsEmptyUntilItAppears) {
 
 TEST_F(Reader, WhatIsNoReadableStoreIsAnErrorAndStaysAsItIs) {
   const std::string letter = "Dear reader, this is a letter and no database at all. Yours, a file.";
-  std::ofstream(store_path()) << letter;
+  put_file(store_path(), letter);
   expect_all(BRISEL_COMMON_ERROR_STORE, BRISEL_COMMON_ERROR_STORE);
-  std::ifstream in(store_path());
-  EXPECT_EQ(letter, std::string(std::istreambuf_iterator<char>(in), {}));
+  EXPECT_EQ(letter, get_file(store_path()));
   fs::remove(store_path());
   make_store();
   run_sql(store_path(), "PRAGMA user_version = 99");
@@ -344,8 +340,3 @@ TEST_F(Reader, WhatIsNotOpenIsAnError) {
 }
 
 }  // namespace
-
-int main(int argc, char **argv) {
-  testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}

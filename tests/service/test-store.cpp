@@ -1,18 +1,15 @@
 /* The store's writer: what it takes, what it refuses, and what is left of it when the disk, the process or the power
    goes at any step. */
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <utility>
 
 #include "cases.h"
 #include "fault.h"
+#include "files.h"
 #include "rows.h"
 #include "schema.h"
 #include "store.h"
@@ -223,11 +220,6 @@ TEST(Durability, AFaultAtAnyStepOfTheDiskLosesNothingAndLeavesNothingHalfDone) {
 
 /* --- files that are there already --- */
 
-std::string bytes_of(const std::string &file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
 TEST(Opening, RefusesWhatIsNoStoreOfItsOwnAndLeavesItAlone) {
   std::vector<case_row> rows =
       table_of(CASES, "no store: what, the bytes of the file or \"sql: STATEMENTS\", what is said", 3);
@@ -239,13 +231,13 @@ TEST(Opening, RefusesWhatIsNoStoreOfItsOwnAndLeavesItAlone) {
     if (row[1].starts_with("sql: "))
       run_sql(f.file, row[1].substr(5));
     else
-      std::ofstream(f.file, std::ios::binary) << row[1];
-    const std::string before = bytes_of(f.file);
+      put_file(f.file, row[1]);
+    const std::string before = get_file(f.file);
     std::string why;
     EXPECT_EQ(nullptr, store_open(f.file, &why));
     EXPECT_NE(std::string::npos, why.find(row[2])) << why;
     EXPECT_EQ(std::string::npos, why.find('\n'));
-    EXPECT_EQ(before, bytes_of(f.file));
+    EXPECT_EQ(before, get_file(f.file));
   }
 }
 

@@ -1,13 +1,9 @@
 /* The compiled themes against what the application and the toolkit ask of them: names that do not resolve fall back to
    the toolkit's own look without a word. */
 #include <Elementary.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "cases.h"
 #include "loop.h"
