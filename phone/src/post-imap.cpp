@@ -51,7 +51,7 @@ std::string said(mailimap *session) {
   std::string out;
   for (const char *c = session->imap_response ? session->imap_response : ""; *c && out.size() < kLongestReason; c++)
     out += static_cast<unsigned char>(*c) < 0x20 || static_cast<unsigned char>(*c) > 0x7e ? ' ' : *c;
-  while (out.ends_with(' ')) out.pop_back();
+  while (out.ends_with(' ') || out.ends_with('.')) out.pop_back(); /* more follows in the same line */
   return out;
 }
 
@@ -185,6 +185,15 @@ int authenticate(mailimap *session, const char *mechanism, const std::string &fi
   return good ? MAILIMAP_NO_ERROR : MAILIMAP_ERROR_LOGIN;
 }
 
+/* Whether the answer says that it is not about what was asked: too many connections, or something behind the server
+   that does not work now. */
+bool is_for_now(mailimap *session) {
+  const char *told = session->imap_response_info ? session->imap_response_info->rsp_atom : nullptr;
+  for (const char *code : {"UNAVAILABLE", "LIMIT", "INUSE", "SERVERBUG"})
+    if (told && g_ascii_strcasecmp(told, code) == 0) return true;
+  return false;
+}
+
 int log_in(mailimap *session, const post_account &account, const post_server &server, const std::string &secret,
            std::string *error) {
   int code;
@@ -210,7 +219,7 @@ int log_in(mailimap *session, const post_account &account, const post_server &se
   else
     code = etpan->mailimap_login(session, user.c_str(), secret.c_str());
   if (code == MAILIMAP_NO_ERROR) return 0;
-  if (code == MAILIMAP_ERROR_STREAM) return fail(session, code, "log in", error);
+  if (code == MAILIMAP_ERROR_STREAM || is_for_now(session)) return fail(session, code, "log in", error);
   *error = server.host + " does not take the user " + user + " with this " + (password ? "password" : "token") + ": " +
            said(session);
   return post_refused;

@@ -59,8 +59,10 @@ struct mirror {
   std::set<std::string> asked_in_vain; /* files of texts that were wanted when the connection ended */
   std::string trash;
   bool trash_known = false;
-  int changes = -1;  /* inotify */
-  int net = -1;      /* netlink: this machine's addresses changed */
+  int changes = -1; /* inotify */
+  int net = -1;     /* netlink: this machine's addresses changed */
+  int config = -1;  /* inotify: what happens in the folder of the configuration file */
+  std::string config_name;
   bool first = true; /* nothing was mirrored before: what comes is not new */
 };
 
@@ -361,11 +363,12 @@ int mirror_once(mirror *m, mailimap *session, std::string *error) {
   return save_agreed(*m, error);
 }
 
-/* Connects and follows until the connection ends. Returns -1 with the reason. */
+/* Connects and follows until the connection ends. Returns -1 with the reason, or post_refused. */
 int follow(mirror *m, bool *worked, std::string *error) {
   std::string secret;
   imap_session session;
-  if (post_secret_read(m->account, &secret, error) < 0 || imap_open(m->account, secret, &session, error) < 0) return -1;
+  if (post_secret_read(m->account, &secret, error) < 0) return -1;
+  if (const int code = imap_open(m->account, secret, &session, error); code < 0) return code;
   std::fill(secret.begin(), secret.end(), '\0');
   for (;;) {
     if (mirror_once(m, session.get(), error) < 0) return -1;
@@ -398,14 +401,30 @@ int64_t now() {
   return time.tv_sec;
 }
 
-/* Waits before the next try; a new network ends that soon. Returns whether there is one. */
+/* Whether the configuration file was written since this was asked last: `setup` does so for a new password too. */
+bool was_written(const mirror &m) {
+  alignas(inotify_event) char events[4096];
+  bool written = false;
+  for (ssize_t size; (size = read(m.config, events, sizeof events)) > 0;)
+    for (const char *at = events; at < events + size;) {
+      const auto *event = reinterpret_cast<const inotify_event *>(at);
+      written = written || (event->len > 0 && m.config_name == event->name);
+      at += sizeof *event + event->len;
+    }
+  return written;
+}
+
+/* Waits before the next try; a new network, or another password, ends that soon. Returns whether there is one. */
 bool rest_a_while(const mirror &m, int pause) {
   char drained[8192];
-  pollfd wait = {m.net, POLLIN, 0};
   while (recv(m.net, drained, sizeof drained, 0) > 0) continue;
-  bool changed = poll(&wait, 1, pause * 1000) > 0;
-  if (changed) sleep(1); /* until it has its routes and names */
-  return changed;
+  const int64_t end = now() + pause;
+  pollfd wait[] = {{m.net, POLLIN, 0}, {m.config, POLLIN, 0}};
+  for (int64_t left = pause; left > 0 && poll(wait, 2, static_cast<int>(left) * 1000) > 0; left = end - now()) {
+    if (wait[0].revents) sleep(1); /* until it has its routes and names */
+    if (wait[0].revents || was_written(m)) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -481,20 +500,30 @@ int post_mirror_run(const std::string &config, const std::string &account, const
   if (lock < 0 || flock(lock, LOCK_SH) < 0) say(m, m.path + kLock + ": " + strerror(errno)); /* held until the end */
   clear_leftovers(m);
   m.trash = m.account.trash;
+  g_autofree char *config_folder = g_path_get_dirname(config.c_str()),
+                  *config_name = g_path_get_basename(config.c_str());
+  m.config = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  m.config_name = config_name;
+  inotify_add_watch(m.config, config_folder, IN_MOVED_TO | IN_CLOSE_WRITE);
   m.net = network_open(RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR);
   std::string told;
   for (int pause = kFirstPause;;) {
     bool worked = false;
     int64_t begun = now();
     error.clear();
-    follow(&m, &worked, &error);
+    was_written(m); /* what is read from here on is new */
+    const bool refused = follow(&m, &worked, &error) == post_refused;
     if (worked) told.clear();
     write_trouble(m, error);
     if (worked && now() - begun > kLasting) pause = kFirstPause;
-    if (error != told) say(m, error + "; tried again until it works");
+    if (error != told)
+      say(m, error + (refused ? "; tried again when `brisel-phone setup` gave another, else every 5 minutes"
+                              : "; tried again until it works"));
     told = error;
     if (m.aside.holds_more) pause = kFirstPause; /* what was behind it can come now */
     m.aside.holds_more = false;
+    /* Servers shut out who comes with a wrong password a few times, and all of this user's programs with it. */
+    if (refused) pause = kLongestPause;
     pause = rest_a_while(m, pause) ? kFirstPause : std::min(pause * 2, kLongestPause);
   }
 }

@@ -73,8 +73,15 @@ def test_an_account_from_address_and_password(s):
         assert PASSWORD not in config and "sent=Sent" in config, config
         equal(oct((s.dir / "relay.conf").stat().st_mode & 0o777), "0o600", "the file's mode")
         assert "both directions work" in s.phone("account", "test", "--config", s.dir / "relay.conf")
+        # A password that is not taken is tried once by each folder, and again as soon as there is another.
+        secret = next(p for p in pathlib.Path(s.env["XDG_CONFIG_HOME"]).rglob("*") if p.is_file() and p.read_text().strip() == PASSWORD)
+        secret.write_text("old")
         relay = Relay(s, "--config", s.dir / "relay.conf", "--retry-first", "1")
+        s.wait(lambda: any("does not take" in a["error"] for a in status(s)["accounts"]), "the refusal")
+        equal(setup(s, authority, "", "").returncode, 0, "another password")
         s.wait(lambda: uids(s) == {"old@x", "work@x", "there@x"}, "the mails of all folders")
+        equal(relay.log().count("; tried again when `brisel-phone setup` gave another"), 3, "tries with the old one, said")
+        equal((dovecot.folder / "dovecot.log").read_text().count("auth failed"), 3, "and made")
         equal([by_uid(s)[u]["is_read"] for u in ("old@x", "work@x")], [1, 0], "read marks")
 
         start = time.monotonic()
