@@ -194,15 +194,28 @@ std::string parameters(const mailimap_body_fld_param *list) {
   return out;
 }
 
-bool has_message_id(const std::string &header) {
-  constexpr char kName[] = "message-id:";
+/* What a header of that name (in small letters, with its colon) says, in all its lines; empty: there is none. */
+std::string header_value(const std::string &header, std::string_view name) {
   for (size_t line = 0; line < header.size();) {
-    size_t end = std::min(header.find('\n', line), header.size());
-    if (g_ascii_strncasecmp(header.c_str() + line, kName, strlen(kName)) == 0)
-      return header.substr(line, end - line).find('@') != std::string::npos;
+    size_t end = header.find('\n', line);
+    while (end != std::string::npos && end + 1 < header.size() && (header[end + 1] == ' ' || header[end + 1] == '\t'))
+      end = header.find('\n', end + 1);
+    end = std::min(end, header.size());
+    if (g_ascii_strncasecmp(header.c_str() + line, name.data(), name.size()) == 0)
+      return header.substr(line + name.size(), end - line - name.size());
     line = end + 1;
   }
-  return false;
+  return "";
+}
+
+bool has_message_id(const std::string &header) {
+  return header_value(header, "message-id:").find('@') != std::string::npos;
+}
+
+/* One part whose type is none ("text", say): it is read as text here, and servers call it something else. */
+bool is_of_no_type(const mailimap_body *structure, const std::string &header) {
+  const std::string type = header_value(header, "content-type:");
+  return structure->bd_type == MAILIMAP_BODY_1PART && !type.empty() && type.find('/') == std::string::npos;
 }
 
 struct builder {
@@ -327,7 +340,8 @@ void skeleton_choose(const mailimap_body *structure, const std::string &header, 
                      std::vector<skeleton_text> *texts, bool *cut) {
   std::vector<found_text> found, inside;
   const bool has_id = has_message_id(header);
-  if (is_torn(structure)) return texts->push_back({"", false, skeleton_text_bytes, ""});
+  if (is_torn(structure) || is_of_no_type(structure, header))
+    return texts->push_back({"", false, skeleton_text_bytes, ""});
   find_texts(structure, "", false, 0, &found);
   choose_among(found, has_id, whole, texts, cut);
   found_mail mail;

@@ -161,6 +161,7 @@ def test_a_mail_that_forwards_another(s):
              "said": mixed("Content-Type: text/plain\n\nSee what she wrote.\n", mail(inner)),
              "torn inside": mixed("Content-Type: text/plain\n\n \n", "Content-Type: multipart/alternative\n\nOnly here.\n"),
              "torn in a mail": mixed(mail("Subject: i\nMIME-Version: 1.0\nContent-Type: multipart/mixed\n\nOr in it.\n")),
+             "no type": "plain\n\nOf no type.\n",
              "torn": "multipart/mixed\n\nNothing tells the parts.\n"}
     box = Maildir(s.dir / "box")
     with servers(s) as (authority, dovecot, exim):
@@ -175,6 +176,7 @@ def test_a_mail_that_forwards_another(s):
         shown = {name: [(m["body"], m["attachment_count"], m["has_image"]) for m in s.mails() if m["subject"] == name] for name in cases}
         for name, both in shown.items():
             equal(both[0], both[1], name)
+        assert shown["no type"][0][0].startswith("Of no type.<"), shown
         assert shown["torn inside"][0][0].startswith("Only here.<") and "Or in" in shown["torn in a mail"][0][0], shown
         assert shown["alone"][0][0].startswith("Schön hier") and shown["several"][0][0].startswith("several\n\nRead me<"), shown
         assert max(p.stat().st_size for p in s.dir.rglob("cur/imap-*")) < 40000, "what a watch does not need was fetched"
