@@ -227,14 +227,16 @@ store_status link_acknowledge_mails(host *h, int64_t id, const std::vector<int> 
   std::string text;
   if (const store_status status = store_outbox_json(h->st, id, &text)) return status;
   nlohmann::ordered_json request = nlohmann::ordered_json::parse(text, nullptr, false);
-  if (!request.is_object() || !request.contains("id_list")) return link_acknowledge(h, id);
+  /* A store's file may hold anything. */
+  const auto has_list = [&](const char *list) { return request.contains(list) && request[list].is_array(); };
+  if (!request.is_object() || !has_list("id_list")) return link_acknowledge(h, id);
   const nlohmann::ordered_json asked = request["id_list"];
   const std::set<int> taken(mail_ids.begin(), mail_ids.end());
   for (const char *list : {"id_list", "host_tag_list", "message_uid_list"}) {
-    if (!request.contains(list)) continue;
+    if (!has_list(list)) continue;
     nlohmann::ordered_json left = nlohmann::ordered_json::array();
     for (size_t i = 0; i < asked.size() && i < request[list].size(); i++)
-      if (!taken.contains(asked[i].get<int>())) left.push_back(request[list][i]);
+      if (!asked[i].is_number_integer() || !taken.contains(asked[i].get<int>())) left.push_back(request[list][i]);
     request[list] = std::move(left);
   }
   if (request["id_list"].empty()) return link_acknowledge(h, id);
