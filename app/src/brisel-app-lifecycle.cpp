@@ -297,7 +297,8 @@ int app_lang_changed(void *user_data) {
   if (!language && !brisel_view_is_spoken()) return 0;
   elm_language_set(language.get());
   brisel_name_mailbox_rows(ad);
-  if (ad->naviframe) _update_window_title(ad);
+  if (ad->naviframe) _set_window_title(ad);
+  brisel_tell_list_in_view(ad);
   brisel_journal_update(nullptr, ad);
   brisel_detail_update_string(ad);
   return 0;

@@ -292,5 +292,18 @@ def test_a_reader_that_comes_to_an_open_mail_is_told_it(s):
         reader.close()
 
 
+def test_a_reader_that_comes_to_a_popup_is_told_nothing_below(s):
+    s.launch()
+    s.wait_text(s.text("IDS_EMAIL_HEADER_NO_PHONE_YET"))
+    s.serve()
+    s.wait(lambda: s.dump()["popups"], "the popup that waits")
+    reader = Reader(s)
+    try:
+        told = heard(reader, ("dialog", s.text("IDS_EMAIL_POP_CONNECTING_ING")))
+        equal([name for role, name in told if role == "filler" and name], [], "below")
+    finally:
+        reader.close()
+
+
 if __name__ == "__main__":
     main(globals())
