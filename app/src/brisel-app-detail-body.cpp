@@ -330,9 +330,9 @@ static Evas_Object *_text_of_block(const detail_body *body, size_t index, int *y
   return text;
 }
 
-/* Where in the body's text the line begins that is at that height of the canvas, or npos. A line of which less than
-   half is below it is not what somebody reads there: it is the next one. */
-static size_t _line_at(const detail_body *body, int y) {
+/* Where in the body's text the line begins that is at that height of the canvas, or npos. is_read: the line that
+   somebody reads there, which is the next one where less than half of a line is below it. */
+static size_t _line_at(const detail_body *body, int y, bool is_read) {
   for (size_t i = 0; i < body->blocks.size(); i++) {
     int top = 0, height = 0;
     Evas_Object *text = _text_of_block(body, i, &top, &height);
@@ -341,7 +341,7 @@ static size_t _line_at(const detail_body *body, int y) {
     const int line = evas_textblock_cursor_line_coord_set(cursor, y - top);
     int line_y = 0, line_height = 0;
     evas_textblock_cursor_line_geometry_get(cursor, nullptr, &line_y, nullptr, &line_height);
-    if (y - top > line_y + line_height / 2) evas_textblock_cursor_line_set(cursor, line + 1);
+    if (is_read && y - top > line_y + line_height / 2) evas_textblock_cursor_line_set(cursor, line + 1);
     evas_textblock_cursor_line_char_first(cursor);
     int characters = std::max(0, evas_textblock_cursor_pos_get(cursor) - _characters_before(body, i));
     evas_textblock_cursor_free(cursor);
@@ -468,7 +468,7 @@ static void _arrange(detail_body *body) {
   if (body->anchor != no_anchor)
     evas_object_smart_changed(body->rest);
   else
-    body->top = _line_at(body, top);
+    body->top = _line_at(body, top, true);
 }
 
 /* --- the object in the part "detail.body_rest" -------------------------------------------------------------------- */
@@ -666,7 +666,7 @@ void brisel_detail_body_go_to(Evas_Object *layout, size_t at) {
 
 size_t brisel_detail_body_line_at(Evas_Object *layout, int y) {
   const detail_body *body = _body_of(layout);
-  return body ? _line_at(body, y) : no_anchor;
+  return body ? _line_at(body, y, false) : no_anchor;
 }
 
 Eina_Bool brisel_detail_body_end_is_known(Evas_Object *layout) {

@@ -198,6 +198,11 @@ static void __brisel_detail_page_scroller_multi_up_cb(void *data, Evas *evas, Ev
   __brisel_detail_lift_soon((brisel_detail_view *)data);
 }
 
+/* What the ring is around moves on without it. */
+static void __brisel_detail_page_scroller_wheel_cb(void *data, Evas *evas, Evas_Object *obj, void *event_info) {
+  __brisel_detail_drop_ring((brisel_detail_view *)data);
+}
+
 static const struct {
   Evas_Callback_Type type;
   Evas_Object_Event_Cb callback;
@@ -207,6 +212,7 @@ static const struct {
     {EVAS_CALLBACK_MOUSE_UP, __brisel_detail_page_scroller_mouse_up_cb},
     {EVAS_CALLBACK_MULTI_DOWN, __brisel_detail_page_scroller_multi_down_cb},
     {EVAS_CALLBACK_MULTI_UP, __brisel_detail_page_scroller_multi_up_cb},
+    {EVAS_CALLBACK_MOUSE_WHEEL, __brisel_detail_page_scroller_wheel_cb},
 };
 
 void __brisel_detail_watch_touches(brisel_detail_view *view_data) {

@@ -174,7 +174,7 @@ TEST_F(Page, EveryMarkThatWasNotKeptIsOfferedAgain) {
 }
 
 TEST_F(Page, TabGoesRoundAndBackWithShift) {
-  fill({"a"});
+  fill({"> a\n> b\n> c\nand"});
   open_reader(ids[0]);
   for (const char *back : {"Tab", "ISO_Left_Tab"}) { /* what a display server sends for Tab with Shift */
     key("Tab");
@@ -185,6 +185,16 @@ TEST_F(Page, TabGoesRoundAndBackWithShift) {
     evas_key_modifier_off(test_ad.evas, "Shift");
     EXPECT_EQ(reader()->ring_at, at - 1) << back;
   }
+  key("Home");
+  key("Tab"); /* around all of a line that opens, until a wheel moves that away */
+  Eina_Rectangle line = {};
+  Evas_Object *edje = elm_layout_edje_get(current_page()->detail_layout);
+  evas_object_geometry_get((Evas_Object *)edje_object_part_object_get(edje, "detail.body"), &line.x, &line.y, &line.w,
+                           &line.h);
+  EXPECT_GT(reader()->ring_place.h, line.h * 2 / 5);
+  evas_event_feed_mouse_move(test_ad.evas, line.x + 20, line.y + 5, 0, nullptr);
+  evas_event_feed_mouse_wheel(test_ad.evas, 0, 1, 0, nullptr);
+  EXPECT_EQ(reader()->ring, nullptr);
 }
 
 /* Who begins to listen, or listens in another language, is offered what can be done. */

@@ -467,7 +467,16 @@ TEST_F(Texts, AFoldOpensAtATap) {
   const std::string fold = "\xE2\x80\xA6 3 quoted lines";
   const auto shown = [] { return std::string(brisel_detail_body_get(current_page()->detail_layout, nullptr)); };
   EXPECT_EQ(shown(), fold + "\nand\n" + fold);
-  tap_in_reader("detail.body"); /* its first line */
+  const auto tap_low_on = [](int line) {
+    int x = 0, y = 0, height = 0;
+    Evas_Object *edje = elm_layout_edje_get(current_page()->detail_layout);
+    evas_object_geometry_get((Evas_Object *)edje_object_part_object_get(edje, "detail.body"), &x, &y, nullptr, &height);
+    tap({x + 20, y + height / 3 * line + height / 4});
+    rest_reader();
+  };
+  tap_low_on(1);
+  EXPECT_EQ(shown(), fold + "\nand\n" + fold) << "a line below the finger opened";
+  tap_low_on(0);
   EXPECT_EQ(shown(), quote + "\nand\n" + fold);
   tap_in_reader("detail.body");
   EXPECT_EQ(shown(), quote + "\nand\n" + fold) << "what is open stays open";
