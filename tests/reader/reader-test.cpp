@@ -80,13 +80,6 @@ void rest_reader(void) {
   settle();
 }
 
-void expect_no_turn(bool to_next) {
-  const int before = reader()->mail_id;
-  fling(to_next);
-  rest_reader();
-  EXPECT_EQ(reader()->mail_id, before);
-}
-
 std::string part_text(const page_data *page, const char *part) {
   return plain_text(edje_object_part_text_get(elm_layout_edje_get(page->detail_layout), part));
 }

@@ -25,8 +25,6 @@ page_data *on_screen(void);
 void show_page(bool to_next);
 /* Until nothing of a touch is under way any more: fingers, pages, and what follows from them. */
 void rest_reader(void);
-/* A fling where there is no page to turn to. */
-void expect_no_turn(bool to_next);
 /* The plain text of a part of a mail's layout. */
 std::string part_text(const page_data *page, const char *part);
 /* A tap on the first line of a part of the current page's mail layout. */

@@ -240,23 +240,18 @@ TEST_F(Host, BadArgumentsAreRefusedAndChangeNothing) {
   change_store(
       "INSERT INTO journal (id, uid, kind, state, mail_id, json, created, changed) VALUES (77, '', 1, 3, 1, '', 0, 0)");
   const std::string before = query("SELECT * FROM mail; SELECT * FROM outbox; SELECT max(seq) FROM changes");
+  const auto reply = [&](const char *uid, const std::string &text, int id, const std::string &subject) {
+    return other.call(watch_interface, "Reply", nullptr, "ssssssis", uid, "", "", "", "", text.c_str(), id,
+                      subject.c_str());
+  };
   const std::pair<const char *, std::function<std::string()>> rows[] = {
       {"empty uid", [&] { return other.call(watch_interface, "NoAccount", nullptr, "s", ""); }},
       {"long uid", [&] { return other.call(watch_interface, "NoAccount", nullptr, "s", long_uid.c_str()); }},
       {"id 0", [&] { return other.call(watch_interface, "DeleteNotis", nullptr, "sai", "b1", 2, mail, 0); }},
       {"id -1", [&] { return other.call(watch_interface, "UpdateInd", nullptr, "saii", "b2", 2, mail, -1, 0); }},
-      {"long subject",
-       [&] {
-         return other.call(watch_interface, "Reply", nullptr, "ssssssis", "b3", "", "", "", "", "", 1,
-                           long_text.c_str());
-       }},
-      {"reply to no mail",
-       [&] { return other.call(watch_interface, "Reply", nullptr, "ssssssis", "b4", "", "", "", "", "", 0, ""); }},
-      {"a reply's long text",
-       [&] {
-         return other.call(watch_interface, "Reply", nullptr, "ssssssis", "b8", "", "", "", "", long_text.c_str(), 1,
-                           "");
-       }},
+      {"long subject", [&] { return reply("b3", "", 1, long_text); }},
+      {"reply to no mail", [&] { return reply("b4", "", 0, ""); }},
+      {"a reply's long text", [&] { return reply("b8", long_text, 1, ""); }},
       {"a damaged reply",
        [&] { return other.call(watch_interface, "RepeatRequest", nullptr, "sxbs", "b9", 77LL, 0, ""); }},
       {"no kind", [&] { return other.call(watch_interface, "Show", nullptr, "ssai", "b5", "", 1, mail); }},
