@@ -134,7 +134,7 @@ def test_a_mail_that_holds_up_its_reader_costs_itself(s):
     be silent for as long."""
     s.env["BRISEL_GATE_IDLE"] = "4"
     disk, box, mta, relay = begin(s)
-    watch = ("--watch", f"exec:exec {disk.gate}")
+    watch = ("--watch", f"exec:exec '{disk.gate}'")
     relay.args += ["--ping-after", "1", *watch]
     held = box.deliver(message("held@x", "hold me up"))
     for n in range(6):

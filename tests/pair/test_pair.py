@@ -25,7 +25,7 @@ def network(s):
     """A way from a phone to the session's watch, and the options that name it."""
     net = Cut([str(BUILD / "gate" / "brisel-gate")],
               env={**s.env, "BRISEL_GATE_IDLE": "4", "BRISEL_GATE_ANSWER": "2"})
-    return net, ("--watch", f"exec:{sys.executable} {cut_proxy.__file__} {net.port}")
+    return net, ("--watch", f"exec:{sys.executable} '{cut_proxy.__file__}' {net.port}")
 
 
 def linked(s):
@@ -134,7 +134,7 @@ def test_more_while_the_first_sync_is_under_way(s):
         text = "".join(texts.choices("abcdefghijklmnopqrstuvwxyz ", k=1500))
         box.deliver(message(f"{n}@x", body=text, date=1790000000 + n), flags="")
     relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--first", "600", "--watch",
-                  f"exec:{sys.executable} {cut_proxy.__file__} {net.port}")
+                  f"exec:{sys.executable} '{cut_proxy.__file__}' {net.port}")
     mail = s.wait(s.mails, "the first mails")[0]
     relay.kill()  # the rest is no newer for it
     s.wait(lambda: not linked(s), "the watch to know")
@@ -163,7 +163,7 @@ def test_sides_of_another_age(s):
         log.write_text("")
         s.env["XDG_STATE_HOME"] = str(s.dir / age)
         relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--first", "100000", "--watch",
-                      f"exec:exec {BUILD}/tests/pair/other-watch {age} {log}")
+                      f"exec:exec '{BUILD}/tests/pair/other-watch' {age} '{log}'")
         s.wait(lambda: calls and calls < set(log.read_text().splitlines()) or said and said in relay.log(), f"the {age} watch")
         equal(relay.kill(15), 0, "exit code")
         assert calls or "Connect" not in log.read_text(), log.read_text()
@@ -173,7 +173,7 @@ def test_a_watch_that_floods(s):
     """What does not fit is left there and comes later, and each once; the phone neither asks in a row nor answers."""
     log, box = s.dir / "calls", Maildir(s.dir / "box")
     box.deliver(message("one@x"))
-    relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--watch", f"exec:exec {BUILD}/tests/pair/other-watch floods {log}")
+    relay = Relay(s, "--maildir", f"me@example.org={box.path}", "--watch", f"exec:exec '{BUILD}/tests/pair/other-watch' floods '{log}'")
     s.wait(lambda: log.exists() and "all" in log.read_text().split(), "all that it asks for")
     s.wait(lambda: "AddMails" in log.read_text(), "the mail")
     equal(relay.kill(15), 0, "exit code")
@@ -187,7 +187,7 @@ def test_the_network_tells(s):
     if os.getuid():
         return print("# only root can change a network")
     box = Maildir(s.dir / "box")
-    gate = ("--watch", f"exec:exec {BUILD}/gate/brisel-gate", *"--ping-after 3600 --patience 3600 --again-after 3600".split())
+    gate = ("--watch", f"exec:exec '{BUILD}/gate/brisel-gate'", *"--ping-after 3600 --patience 3600 --again-after 3600".split())
     relay = Relay.__new__(Relay)
     relay.session, relay.args = s, ["unshare", "-n", "brisel-phone", "relay", "--maildir", f"me@example.org={box.path}", *gate]
     relay.start()

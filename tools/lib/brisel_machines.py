@@ -102,7 +102,7 @@ class Machines:
         key = (ssh / "watch-key.pub").read_text()
         echo = self.echo_key.with_suffix(".pub").read_text()
         (self.dir / "authorized_keys").write_text(
-            f'restrict,command="{BUILD}/gate/brisel-gate" {key}'
+            f"restrict,command=\"'{BUILD}/gate/brisel-gate'\" {key}"
             f'restrict,command="eval ${{SSH_ORIGINAL_COMMAND:-cat}}" {echo}')
         if self.split:
             sh(*self.on("watch", user=False), "ln", "-s", self.watch.dir / "run", f"/run/user/{USERS['watch']}")
