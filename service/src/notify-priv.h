@@ -33,6 +33,8 @@ struct notifier {
   std::map<uint32_t, std::vector<std::string>> keys; /* the buttons' of what this service told the server */
   uint64_t settled_at = 0;                           /* monotonic: before, nothing new is told */
   uint64_t silent_until = 0;                         /* monotonic: mails that come together make one sound */
+  std::string words;                                 /* as notify_words() says, for what stands */
+  sd_event_source *settings_watch = nullptr;         /* follows the folder of the settings, or the one above it */
   sd_bus_track *viewer = nullptr;
   int viewed_account = -1;
   int keeper = -1; /* the pipe to the process that outlives this one; below zero: there is none */
@@ -92,6 +94,10 @@ void notify_keeper_want(notifier *n, bool wanted);
 /* --- notify-text.cpp: what is said -------------------------------------------------------------------------------- */
 
 void notify_language(void);
+/* Names the language and the region that texts are written for now. */
+std::string notify_words(void);
+/* Has notify_look_soon() called when those change. */
+void notify_follow_words(notifier *n);
 notify_way notify_way_of(int account_id);
 notify_message notify_text_single(notifier *n, int mail_id, const noticed_mail &mail);
 notify_message notify_text_refused(const refused_reply &reply);

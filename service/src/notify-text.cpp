@@ -1,15 +1,19 @@
 /* What a notification says: as much of a mail as its account's setting lets be seen, and no more. Texts of mails are
    shown as they are, but short, on their lines, and in nobody else's direction. */
 #include <libintl.h>
+#include <sys/inotify.h>
 
 #include <cctype>
+#include <cerrno>
 #include <clocale>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "brisel-settings.h"
 #include "notify-priv.h"
 #include "platform-language.h"
+#include "platform-paths.h"
 #include "vconf.h"
 
 namespace {
@@ -17,6 +21,7 @@ namespace {
 constexpr char domain[] = "brisel";
 /* Bytes of the parts of a text. Servers cut what does not fit; this keeps them from having to. */
 constexpr size_t sender_bytes = 120, subject_bytes = 200, words_bytes = 240;
+constexpr char settings_folder[] = "settings"; /* in the one of what is configured; files in it come by renaming */
 /* Bytes of a body that are looked at for its first words: what is quoted above them may be long. */
 constexpr size_t look_bytes = 8192;
 
@@ -133,10 +138,33 @@ std::string first_words(std::string_view body) {
   return one_line(own, words_bytes);
 }
 
+int settings_cb(sd_event_source *source, const inotify_event *event, void *data) {
+  notifier *n = static_cast<notifier *>(data);
+  if ((event->mask & (IN_DELETE_SELF | IN_CREATE)) && (!event->len || !strcmp(event->name, settings_folder)))
+    notify_follow_words(n);
+  if (notify_words() != n->words) notify_look_soon(n);
+  return 0;
+}
+
 }  // namespace
 
 void notify_language(void) {
   platform_language_apply();
+}
+
+std::string notify_words(void) {
+  return platform_languages() + " " + region_of_numbers();
+}
+
+void notify_follow_words(notifier *n) {
+  n->settings_watch = sd_event_source_disable_unref(n->settings_watch);
+  const char *dir = platform_config_dir();
+  const std::string above = dir ? dir : "", folder = above + "/" + settings_folder;
+  constexpr uint32_t changes = IN_MOVED_TO | IN_DELETE | IN_DELETE_SELF | IN_ONLYDIR;
+  int r = sd_event_add_inotify(n->h->event, &n->settings_watch, folder.c_str(), changes, settings_cb, n);
+  if (r == -ENOENT)
+    r = sd_event_add_inotify(n->h->event, &n->settings_watch, above.c_str(), IN_CREATE | IN_ONLYDIR, settings_cb, n);
+  if (r < 0) fprintf(stderr, "brisel-hostd: the language of notifications is not followed: %s\n", strerror(-r));
 }
 
 notify_way notify_way_of(int account_id) {

@@ -135,6 +135,17 @@ bool take_over(notifier *n, std::vector<notice> *notices) {
       n, notices, [](const notice &one) { return one.step == notice_step::stands; }, wait_again);
 }
 
+/* What stands is told anew in its place when the watch has another language. */
+bool follow_words(notifier *n, std::vector<notice> *notices) {
+  const std::string words = notify_words();
+  if (words == n->words) return true;
+  if (!change(
+          n, notices, [](const notice &one) { return one.step == notice_step::stands; }, wait_again))
+    return false;
+  n->words = words;
+  return true;
+}
+
 /* What was locked after it had been told is told anew, without what must not be seen any more. */
 bool hide_locked(notifier *n, std::vector<notice> *notices) {
   return change(
@@ -226,7 +237,8 @@ void look(notifier *n) {
   if (!take_in(n)) return;
   std::vector<notice> notices;
   if (!good(n, store_notify_list(n->h->st, &notices))) return;
-  if (!withdraw(n, &notices) || !take_over(n, &notices) || !hide_locked(n, &notices)) return;
+  if (!withdraw(n, &notices) || !take_over(n, &notices) || !follow_words(n, &notices) || !hide_locked(n, &notices))
+    return;
   notify_server_listen(n, !notices.empty());
   notify_keeper_want(n, std::any_of(notices.begin(), notices.end(), [](const notice &one) { return one.number != 0; }));
   if (notices.empty() || n->call_slot || n->server_is_missing) return;
@@ -366,6 +378,8 @@ void notify_start(host *h) {
   h->notify = n;
   h->store_changed = store_changed_cb;
   n->settled_at = now_usec(n) + settle_usec;
+  n->words = notify_words();
+  notify_follow_words(n);
   if (const int r = notify_server_watch(n); r < 0)
     fprintf(stderr, "brisel-hostd: notification servers cannot be followed: %s\n", strerror(-r));
   /* What an earlier service left: to be told, over meanwhile, or about to be pressed. */
@@ -377,7 +391,7 @@ void notify_stop(host *h) {
   if (!n) return;
   h->notify = nullptr;
   h->store_changed = nullptr;
-  sd_event_source_disable_unref(n->timer);
+  for (sd_event_source *source : {n->timer, n->settings_watch}) sd_event_source_disable_unref(source);
   for (sd_bus_slot *slot : {n->owner_slot, n->signal_slot, n->call_slot}) sd_bus_slot_unref(slot);
   sd_bus_track_unref(n->viewer);
   notify_keeper_want(n, false);

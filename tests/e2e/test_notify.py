@@ -142,6 +142,7 @@ def test_many_become_one_that_counts_down(s, desk, account):
     ids = s.send(account, *[mail(f"Mail {n}", "x", f"Sender {n} <s{n}@example.org>") for n in range(5)])
     desk.wait_told((s.counted("IDS_EMAIL_BODY_PD_NEW_EMAILS", 5).replace("%d", "5"), "Sender 4\nSender 3\nSender 2"))
     s.setting("db/menu_widget/regionformat", "string", "ar_EG.UTF-8")
+    s.wait(lambda: desk.told()[-1][0].startswith(s.counted("IDS_EMAIL_BODY_PD_NEW_EMAILS", 5).replace("%d", "٥")), "its digits")
     s.phone("mail", "delete", *ids[3:])
     s.wait(lambda: desk.told()[-1] == (s.counted("IDS_EMAIL_BODY_PD_NEW_EMAILS", 3).replace("%d", "٣"),
                                        "Sender 2\nSender 1\nSender 0"), "the smaller number")
@@ -233,9 +234,11 @@ def test_settings_say_how_loud_and_how_much(s, desk, account):
     equal(len(desk.buttons()), 3, "no reply to nobody")
     s.setting(f"{shows}/{account}", "string", "all")
     s.setting("db/menu_widget/language", "string", "de_DE.UTF-8")
-    s.send(account, mail("Locked", "x", ANN), args=("--locked",))
     s.language = "de"
-    desk.wait_told(("Ann", ""), (hidden, ""), (s.text("IDS_EMAIL_BODY_NEW_EMAIL"), ""))
+    s.wait(lambda: desk.told()[2:] == [("Ann", "Quiet\nx"), ("Ann", "Hidden\nx")], "what stands, anew")
+    assert s.text("IDS_EMAIL_SK_OPEN") in desk.buttons() and desk.hints()["suppress-sound"] and desk.shown() == 2
+    s.send(account, mail("Locked", "x", ANN), args=("--locked",))
+    s.wait(lambda: desk.told()[4:] == [(s.text("IDS_EMAIL_BODY_NEW_EMAIL"), "")], "nothing of what is locked")
     later, = s.send(account, mail("Locked later", "x", ANN))
     s.wait(lambda: desk.told()[-1] == ("Ann", "Locked later\nx"), "shown at first")
     s.run("gdbus", "call", "--session", "--dest", HOST, "--object-path", "/com/vextora/brisel/Host", "--method",
