@@ -168,9 +168,8 @@ int set_up(server *all) {
   int r = sd_event_default(&all->event);
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int number : {SIGHUP, SIGCHLD}) sigaddset(&signals, number);
+  sigaddset(&signals, SIGCHLD);
   sigprocmask(SIG_BLOCK, &signals, nullptr);
-  if (r >= 0) r = sd_event_add_signal(all->event, nullptr, SIGHUP, nullptr, nullptr);
   const int stop = platform_stop_open(); /* a bus may be waited for that does not answer */
   if (r >= 0) r = stop < 0 ? -errno : sd_event_add_io(all->event, nullptr, stop, EPOLLIN, stopped_cb, nullptr);
   if (r >= 0) r = sd_bus_open_system(&all->bus);

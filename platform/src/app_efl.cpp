@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -51,9 +52,10 @@ struct application {
   std::string id = "com.vextora.brisel";
   app_event_callback_s callbacks = {};
   void *user_data = nullptr;
-  bool ready = false;   /* between a successful create and terminate */
-  bool ahead = false;   /* started before anybody launched it: the window is not shown yet */
-  bool exiting = false; /* the main loop is about to end */
+  bool ready = false;             /* between a successful create and terminate */
+  bool ahead = false;             /* started before anybody launched it: the window is not shown yet */
+  bool exiting = false;           /* the main loop is about to end */
+  bool outlives_terminal = false; /* who started it has SIGHUP ignored; the toolkit would catch it all the same */
   Evas_Object *window = nullptr;
   bool seen = false; /* the window has been shown once: before that, nothing is paused */
   sight out = {};
@@ -250,6 +252,12 @@ Eina_Bool power_cb(void *data, int type, void *event) {
   return ECORE_CALLBACK_PASS_ON;
 }
 
+/* The terminal or the session that it was started from goes. */
+Eina_Bool hangup_cb(void *data, int type, void *event) {
+  app_efl_exit();
+  return ECORE_CALLBACK_PASS_ON;
+}
+
 void rotation_cb(void *data, Evas_Object *obj, void *event_info) {
   if (app.ready && app.callbacks.device_orientation)
     app.callbacks.device_orientation(elm_win_rotation_get(obj), app.user_data);
@@ -333,6 +341,8 @@ int run(const service_s *request, bool asks) {
   app_locale_start(&told);
   Ecore_Event_Handler *memory = ecore_event_handler_add(ECORE_EVENT_MEMORY_STATE, memory_cb, nullptr);
   Ecore_Event_Handler *power = ecore_event_handler_add(ECORE_EVENT_POWER_STATE, power_cb, nullptr);
+  Ecore_Event_Handler *hangup =
+      app.outlives_terminal ? nullptr : ecore_event_handler_add(ECORE_EVENT_SIGNAL_HUP, hangup_cb, nullptr);
 
   const bool created = !app.callbacks.create || app.callbacks.create(app.user_data);
   if (created) {
@@ -360,6 +370,7 @@ int run(const service_s *request, bool asks) {
   stop_watching_program();
   ecore_event_handler_del(memory);
   ecore_event_handler_del(power);
+  if (hangup) ecore_event_handler_del(hangup);
   app_locale_stop();
   app_look_stop();
   return created ? 0 : 1;
@@ -583,6 +594,10 @@ int app_efl_main(int *argc, char ***argv, app_event_callback_s *callbacks, void 
   app.id = id;
   app.callbacks = *callbacks;
   app.user_data = user_data;
+
+  struct sigaction hangup = {};
+  sigaction(SIGHUP, nullptr, &hangup);
+  app.outlives_terminal = hangup.sa_handler == SIG_IGN;
 
   service_s request;
   request.app_id = app.id;

@@ -42,6 +42,9 @@ int platform_stop_open(void) {
   action.sa_handler = stop_cb;
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
+  struct sigaction hangup = {};
+  sigaction(SIGHUP, nullptr, &hangup);
+  if (hangup.sa_handler == SIG_DFL) sigaction(SIGHUP, &action, nullptr); /* else it is to outlive its terminal */
   return fd;
 }
 
@@ -49,6 +52,9 @@ void platform_stop_close(void) {
   if (stop_fd < 0) return;
   signal(SIGTERM, SIG_DFL);
   signal(SIGINT, SIG_DFL);
+  struct sigaction hangup = {};
+  sigaction(SIGHUP, nullptr, &hangup);
+  if (hangup.sa_handler == stop_cb) signal(SIGHUP, SIG_DFL);
   close(stop_fd);
   stop_fd = -1;
 }

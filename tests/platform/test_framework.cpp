@@ -110,12 +110,19 @@ TEST_F(Framework, EndsCleanlyHoweverItIsTold) {
   EXPECT_EQ(app.line(), "terminate");
   EXPECT_EQ(app.line(), "(end)");
   EXPECT_EQ(app.wait(), 0);
-  for (const int number : {SIGTERM, SIGINT}) {
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
     child again({probe});
     again.until("service scene= do= x=");
     again.signal(number);
     EXPECT_EQ(again.line(), "terminate");
     EXPECT_EQ(again.wait(), 0);
+  }
+  {
+    child outlives({"nohup", probe});
+    outlives.until("service scene= do= x=");
+    outlives.signal(SIGHUP);
+    must({"launch", "x=end"});
+    EXPECT_EQ(outlives.line(), "service scene= do= x=end");
   }
   for (const char *action : {"do=exit", "do=destroy"}) {
     child by_itself({probe, action});
@@ -196,6 +203,29 @@ TEST(FrameworkStart, RunsAloneWithoutABus) {
   child app({probe, "do=exit"}, {{"DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent"}});
   EXPECT_EQ(app.line(), "create 320x320 No emails");
   EXPECT_EQ(app.line(), "service scene= do=exit x=");
+  EXPECT_EQ(app.wait(), 0);
+}
+
+/* Nobody tells of the new bus, nor does the application ask anything of it. */
+TEST(FrameworkStart, IsFoundAgainOnTheNextBus) {
+  const std::string path = testing::TempDir() + "brisel-bus-" + std::to_string(getpid()), address = "unix:path=" + path;
+  const std::map<std::string, std::string> there = {{"DBUS_SESSION_BUS_ADDRESS", address}};
+  const lines daemon = {"dbus-daemon", "--session", "--nofork", "--print-address", "--address", address};
+  auto bus = std::make_unique<child>(daemon);
+  bus->line();
+  child app({probe}, there);
+  app.until("service scene= do= x=");
+  const lines launch = {"brisel-watchctl", "--app", "com.vextora.probe", "launch", "x=found"};
+  for (const bool has_rival : {false, true}) {
+    bus.reset();
+    bus = std::make_unique<child>(daemon);
+    bus->line();
+    std::unique_ptr<child> rival;
+    if (has_rival) rival = std::make_unique<child>(lines{probe}, there);
+    if (has_rival) rival->until("service scene= do= x=");
+    while (!has_rival && run(launch, there).code != 0) usleep(20000);
+    EXPECT_EQ(app.line(), has_rival ? "terminate" : "service scene= do= x=found");
+  }
   EXPECT_EQ(app.wait(), 0);
 }
 

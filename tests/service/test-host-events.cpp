@@ -291,10 +291,10 @@ TEST_F(Host, TheLinkSettingFollowsThePhoneAndIsPutRightAfterAKill) {
     EXPECT_EQ(1, link());
   }
   ASSERT_TRUE(run_until([&] { return link() == 0 && conn() == 1; }));
-  {
+  for (const int how : {SIGTERM, SIGHUP}) {
     phone_peer phone;
     const int pid = other.service();
-    EXPECT_EQ(0, kill(pid, SIGTERM));
+    EXPECT_EQ(0, kill(pid, how));
     while (kill(pid, 0) == 0) usleep(1000); /* the main loop stands still: nobody starts another one */
     EXPECT_EQ(0, link()) << "left set by the service that ended";
   }
