@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -20,6 +21,8 @@ constexpr char log_tag[] = "BRISEL_BUS";
    one when these have taken half of a frame. */
 constexpr int messages_per_turn = 64;
 constexpr uint64_t turn_usec = 8000;
+/* Seconds until a bus that went is looked for, doubled each time until one that has been found stays. */
+constexpr double look_first = 1, look_last = 60;
 
 struct watch {
   bus_loop_watch_cb callback;
@@ -37,6 +40,9 @@ bool lost_once;   /* a connection existed and went away */
 bool told_absent; /* the missing bus was logged */
 bool dispatching;
 std::vector<watch> watches;
+Ecore_Timer *look; /* while there is no bus any more */
+double look_delay = look_first;
+double found; /* when the connection was made; the loop's clock */
 
 void dispatch(void);
 
@@ -71,6 +77,24 @@ void detach(void) {
   job = nullptr;
 }
 
+void look_later(void);
+
+Eina_Bool look_cb(void *data) {
+  look = nullptr;
+  if (!bus_loop_session()) look_later();
+  return ECORE_CALLBACK_CANCEL;
+}
+
+void look_later(void) {
+  look = ecore_timer_loop_add(look_delay, look_cb, nullptr);
+  look_delay = std::min(look_delay * 2, look_last);
+}
+
+void stop_looking(void) {
+  if (look) ecore_timer_del(look);
+  look = nullptr;
+}
+
 void lose(int error) {
   __dlog_print(DLOG_ERROR, log_tag, "the session bus is gone: %s", strerror(-error));
   detach();
@@ -83,6 +107,9 @@ void lose(int error) {
   }
   sd_bus_unref(old);
   tell(false);
+  if (bus) return; /* somebody has found the next one already */
+  if (ecore_loop_time_get() - found >= look_last) look_delay = look_first;
+  look_later();
 }
 
 void job_cb(void *data) {
@@ -172,6 +199,8 @@ sd_bus *bus_loop_session(void) {
     detach();
     return nullptr;
   }
+  found = ecore_loop_time_get();
+  stop_looking();
   if (lost_once) {
     lost_once = false;
     tell(true);
@@ -192,6 +221,7 @@ void bus_loop_watch_del(bus_loop_watch_cb callback, void *data) {
 }
 
 void bus_loop_shutdown(void) {
+  stop_looking();
   detach();
   if (!bus) return;
   sd_bus *old = bus;

@@ -96,6 +96,10 @@ void inspect_stats_attach(Evas_Object *window) {
 void inspect_stats_detach(void) {
   if (stats.awake) ecore_idle_exiter_del(stats.awake);
   if (stats.asleep) ecore_idle_enterer_del(stats.asleep);
+  if (app_window() && stats.canvas) {
+    evas_event_callback_del(stats.canvas, EVAS_CALLBACK_RENDER_PRE, frame_begins_cb);
+    evas_event_callback_del(stats.canvas, EVAS_CALLBACK_RENDER_POST, frame_ends_cb);
+  }
   stats = statistics();
 }
 

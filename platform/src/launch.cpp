@@ -17,9 +17,11 @@ namespace {
 constexpr uint64_t bus_answer_usec = 2000000;
 constexpr char bus_name[] = "org.freedesktop.DBus";
 constexpr char bus_path[] = "/org/freedesktop/DBus";
+constexpr uint32_t name_is_taken = 3; /* what the bus answers to who asks for a name that another one has */
 
 sd_bus_slot *application_slot;
 sd_bus_slot *desktop_slot;
+sd_bus_slot *name_slot; /* the name is asked for again */
 /* The request that arrived last and was not handed over yet: while create goes on, or until the loop's next turn. Those
    of one turn are joined, for opening what nobody will see takes its time and has its consequences. */
 std::unique_ptr<service_s> pending;
@@ -205,11 +207,44 @@ const sd_bus_vtable desktop_table[] = {
     SD_BUS_METHOD("Open", "asa{sv}", "", open_cb, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD("ActivateAction", "sava{sv}", "", activate_action_cb, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
 
+int offer_tables(sd_bus *bus) {
+  const std::string path = app_object_path(app_id());
+  int r = sd_bus_add_object_vtable(bus, &application_slot, path.c_str(), app_interface, application_table, nullptr);
+  if (r >= 0)
+    r = sd_bus_add_object_vtable(bus, &desktop_slot, path.c_str(), "org.freedesktop.Application", desktop_table,
+                                 nullptr);
+  if (r >= 0) r = app_inspect_start(bus, path.c_str());
+  if (r < 0) __dlog_print(DLOG_ERROR, app_log_tag, "the application cannot be reached on the bus: %s", strerror(-r));
+  return r;
+}
+
+int name_cb(sd_bus_message *m, void *data, sd_bus_error *unused) {
+  name_slot = sd_bus_slot_unref(name_slot);
+  uint32_t answer = name_is_taken;
+  const int r = -sd_bus_message_get_errno(m);
+  if (r < 0 || sd_bus_message_read(m, "u", &answer) < 0)
+    __dlog_print(DLOG_ERROR, app_log_tag, "the name %s cannot be had again: %s", app_id(), strerror(-r));
+  if (r < 0 || answer != name_is_taken || !app_ready()) return 0;
+  /* Started while this one could not be found: whoever asks for the application is shown that one. */
+  __dlog_print(DLOG_INFO, app_log_tag, "another instance has come meanwhile: this one ends");
+  app_efl_exit();
+  return 0;
+}
+
 void bus_watch_cb(bool connected, void *data) {
-  if (connected) return;
-  /* Dead with their connection. The application goes on alone: what it shows is still true and its store is there. */
+  if (connected) {
+    sd_bus *bus = bus_loop_session();
+    if (!app_ready() || offer_tables(bus) < 0) return;
+    app_inspect_window(app_window());
+    const int r = sd_bus_request_name_async(bus, &name_slot, app_id(), 0, name_cb, nullptr);
+    if (r < 0) __dlog_print(DLOG_ERROR, app_log_tag, "the name %s is not asked for: %s", app_id(), strerror(-r));
+    return;
+  }
+  /* Dead with their connection. The application goes on alone until there is a bus again: what it shows is still true
+     and its store is there. */
   application_slot = sd_bus_slot_unref(application_slot);
   desktop_slot = sd_bus_slot_unref(desktop_slot);
+  name_slot = sd_bus_slot_unref(name_slot);
   app_inspect_stop();
   app_end_if_ahead("nobody could launch it any more");
 }
@@ -430,13 +465,7 @@ int app_claim_name(const service_s *request, bool wait_only) {
 int app_bus_start(void) {
   sd_bus *bus = bus_loop_session();
   if (!bus) return -ENOTCONN;
-  const std::string path = app_object_path(app_id());
-  int r = sd_bus_add_object_vtable(bus, &application_slot, path.c_str(), app_interface, application_table, nullptr);
-  if (r >= 0)
-    r = sd_bus_add_object_vtable(bus, &desktop_slot, path.c_str(), "org.freedesktop.Application", desktop_table,
-                                 nullptr);
-  if (r >= 0) r = app_inspect_start(bus, path.c_str());
-  if (r < 0) __dlog_print(DLOG_ERROR, app_log_tag, "the application cannot be reached on the bus: %s", strerror(-r));
+  const int r = offer_tables(bus);
   bus_loop_watch_add(bus_watch_cb, nullptr);
   return r;
 }
@@ -461,5 +490,6 @@ void app_bus_stop(void) {
   app_inspect_stop();
   application_slot = sd_bus_slot_unref(application_slot);
   desktop_slot = sd_bus_slot_unref(desktop_slot);
+  name_slot = sd_bus_slot_unref(name_slot);
   bus_loop_shutdown();
 }
