@@ -62,11 +62,12 @@ void make_private(const std::string &path, bool create) {
 }
 
 /* The file's path without links in its folder's: where the user put the folder is the user's choice. The file itself
-   may be none: what is written through it would lie where nobody put it. "" with errno. */
+   may be none: what is written through it would lie where nobody put it. Nor anything else that is no file: SQLite
+   would wait at a pipe for ever. "" with errno. */
 std::string path_without_links(const std::string &path) {
   struct stat info;
-  if (lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
-    errno = ELOOP;
+  if (lstat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    errno = S_ISLNK(info.st_mode) ? ELOOP : ENOTSUP;
     return {};
   }
   const size_t slash = path.rfind('/');
@@ -107,7 +108,9 @@ int sql_db::open(const std::string &path, sql_access access, int wait_ms) {
   const std::string file = path_without_links(path);
   if (file.empty()) {
     code_ = SQLITE_CANTOPEN;
-    error_ = errno == ELOOP ? "it is a symbolic link, which is not followed" : strerror(errno);
+    error_ = errno == ELOOP     ? "it is a symbolic link, which is not followed"
+             : errno == ENOTSUP ? "it is no file"
+                                : strerror(errno);
     return sql_failed;
   }
   make_private(file, access == sql_access::create);

@@ -131,14 +131,15 @@ int open_store(void) {
   if (path.empty()) return tell(-1, "there is no data folder");
   if (stat(path.c_str(), &info) != 0 && errno == ENOENT) return 0;
   sql_db &db = reader.db;
-  int64_t version = 0, application = 0;
+  int64_t version = 0, application = 0, tables = 0;
   int status = 0;
-  if (db.open(path, sql_access::read, busy_ms) || db.number("PRAGMA user_version", &version) ||
-      db.number("PRAGMA application_id", &application) ||
+  /* The tables before the version, which comes in one transaction with the first of them. */
+  if (db.open(path, sql_access::read, busy_ms) || db.number("SELECT count(*) FROM sqlite_schema", &tables) ||
+      db.number("PRAGMA user_version", &version) || db.number("PRAGMA application_id", &application) ||
       /* KiB. Every read here goes over its rows once: a larger cache would only be held. */
       db.run("PRAGMA cache_size = -256")) {
     status = tell_trouble();
-  } else if (version == 0 && application == 0) {
+  } else if (version == 0 && application == 0 && tables == 0) {
     close_store(); /* the service is just making it */
     return 0;
   } else if (application != store_application_id || version != store_version) {

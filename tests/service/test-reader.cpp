@@ -143,6 +143,12 @@ TEST_F(Reader, WhatIsNoReadableStoreIsAnErrorAndStaysAsItIs) {
   expect_all(BRISEL_COMMON_ERROR_STORE, BRISEL_COMMON_ERROR_STORE);
   EXPECT_EQ(letter, get_file(store_path()));
   fs::remove(store_path());
+  run_sql(store_path(), "CREATE TABLE shopping (what)"); /* somebody else's */
+  expect_all(BRISEL_COMMON_ERROR_STORE, BRISEL_COMMON_ERROR_STORE);
+  fs::remove(store_path());
+  EXPECT_EQ(0, mkfifo(store_path().c_str(), 0600)); /* nobody ever writes into it */
+  expect_all(BRISEL_COMMON_ERROR_STORE, BRISEL_COMMON_ERROR_STORE);
+  fs::remove(store_path());
   make_store();
   run_sql(store_path(), "PRAGMA user_version = 99");
   expect_all(BRISEL_COMMON_ERROR_STORE, BRISEL_COMMON_ERROR_STORE);
