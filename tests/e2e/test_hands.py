@@ -139,6 +139,10 @@ def test_the_ring_is_around_what_has_the_focus(s):
     equal(ringed(s), before, "in a list that changed")
     keys(s, "Escape", "Down")
     assert ring_height(s), "none in the mailbox"
+    s.watch("drag", 160, 240, 160, 220, 0.3)
+    equal(ring_height(s), 0, "a finger needs none")
+    keys(s, "Down")
+    assert ring_height(s), "none for the next key"
     s.phone("mail", "delete", *ids)
     s.wait_text(s.text("IDS_EMAIL_BODY_NO_EMAILS"))
     equal(ring_height(s), 0, "around rows that have gone")
