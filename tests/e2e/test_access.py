@@ -99,8 +99,7 @@ def test_every_screen_is_told_and_nothing_that_it_hides(s):
     reader = Reader(s)
     text = s.text
     try:
-        s.serve()
-        s.phone("account", "count", "known")
+        s.serve(counts=True)
         s.launch()
         heard(reader, ("dialog", text("IDS_EMAIL_HEADER_SET_UP_EMAIL")), ("push button", text("IDS_EMAIL_SK_CANCEL_ABB")),
               ("push button", text("IDS_COM_SK_OK")))
@@ -152,8 +151,7 @@ def test_every_screen_is_told_and_nothing_that_it_hides(s):
 
 
 def test_a_reader_that_comes_later_and_another_language_are_told_all(s):
-    s.serve()
-    s.phone("account", "count", "known")
+    s.serve(counts=True)
     s.send(s.account("me@example.net"), *[mail("Old", "y", f"Sender {i} <s@example.org>", 1388830000 - i)
                                          for i in range(30)])
     s.launch()
@@ -186,8 +184,7 @@ def test_a_reader_that_comes_later_and_another_language_are_told_all(s):
 
 
 def test_what_is_out_of_sight_says_what_is_true_now(s):
-    s.serve()
-    s.phone("account", "count", "known")
+    s.serve(counts=True)
     s.account("other@example.net")
     s.send(s.account("me@example.net"), *[mail("Old", "y", f"Sender {i} <s@example.org>", 1388830000 - i) for i in range(30)])
     s.launch()
@@ -220,8 +217,7 @@ def test_what_is_out_of_sight_says_what_is_true_now(s):
 
 def test_a_reply_is_written_and_mails_are_handled_by_actions_alone(s):
     text = s.text
-    serve = s.serve()
-    s.phone("account", "count", "known")
+    serve = s.serve(counts=True)
     s.send(s.account("me@example.net"), *[mail("Old", "y" * 99, f"Sender {i} <s@example.org>", 1388830000 - i) for i in range(3)],
            args=("--first", "9"))
     s.setting("file/private/msg-consumer-server/reply_value", "int", 3)
@@ -279,8 +275,7 @@ def test_a_reply_is_written_and_mails_are_handled_by_actions_alone(s):
 
 def test_a_reader_that_comes_to_an_open_mail_is_told_it(s):
     """No language has been chosen, so none changes."""
-    s.serve()
-    s.phone("account", "count", "known")
+    s.serve(counts=True)
     s.send(s.account("me@example.net"), mail("Old", "y", "Ann <ann@example.org>", 1388830000))
     s.launch()
     s.tap("Ann")

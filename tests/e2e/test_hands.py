@@ -14,8 +14,7 @@ ACCENT = bytes([108, 180, 255])  # of the dark palette
 
 def mailbox(s, count):
     account = s.account("me@example.net")
-    s.phone("account", "count", "known")
-    s.serve()
+    s.serve(counts=True)
     ids = s.send(account, *[mail(f"Subject {i}", "Text.", f"Sender {i} <s{i}@example.org>", 1388833503 - 60 * i) for i in range(count)])
     s.launch()
     s.wait_text("Sender 0")

@@ -173,8 +173,7 @@ def test_a_store_that_cannot_be_read_is_told_without_a_link(s):
 
 
 def test_a_second_account_after_the_set_up_is_seen(s):
-    s.serve()
-    s.phone("account", "count", "known")
+    s.serve(counts=True)
     s.launch()
     s.wait_text(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
     first = s.account("first@example.net")
@@ -229,8 +228,7 @@ def gone(s):
 
 
 def test_set_up_ends_and_asks_the_phone_only_at_ok(s):
-    s.serve()
-    s.phone("account", "count", "known")
+    s.serve(counts=True)
     for button, asked in (("IDS_EMAIL_SK_CANCEL_ABB", 0), ("IDS_COM_SK_OK", 1)):
         s.launch()
         s.tap(s.text(button))
@@ -239,8 +237,7 @@ def test_set_up_ends_and_asks_the_phone_only_at_ok(s):
 
 
 def test_back_only_lowers_the_set_up_popup_but_ends_connecting(s):
-    s.serve()
-    s.phone("account", "count", "known")
+    s.serve(counts=True)
     s.launch()
     s.wait_text(s.text("IDS_EMAIL_HEADER_SET_UP_EMAIL"))
     s.watch("key", "back")

@@ -9,10 +9,8 @@ T0 = 1767600000
 
 
 def arrange(s, accounts=2):
-    s.serve()
-    ids = [s.account(f"account{n}@example.net") for n in range(accounts)]
-    s.phone("account", "count", "known")
-    return ids
+    s.serve(counts=True)
+    return [s.account(f"account{n}@example.net") for n in range(accounts)]
 
 
 def put(s, account, name, at, *args):

@@ -91,8 +91,7 @@ class Desk:
 
 def arrange(s, **kw):
     desk = Desk(s, **kw)
-    desk.phone = s.serve()
-    s.phone("account", "count", "known")
+    desk.phone = s.serve(counts=True)
     return desk, s.account("first@example.net")
 
 

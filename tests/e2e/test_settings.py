@@ -10,9 +10,8 @@ DATES = {0: "04/01/2014", 1: "01/04/2014", 2: "2014/01/04", 3: "2014/04/01", 7: 
 
 
 def arrange(s):
-    s.serve()
+    s.serve(counts=True)
     account = s.account("account@example.net")
-    s.phone("account", "count", "known")
     s.send(account, mail("Old", "Text.", "Sender One <one@example.org>", OLD), args=("--received", str(OLD)))
     s.setting("db/menu_widget/regionformat", "string", "en_US.UTF-8")
     s.setting("db/setting/date_format", "int", 0)

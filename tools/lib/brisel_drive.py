@@ -115,12 +115,14 @@ class Session:
             return self.watch("setting", "get", key)
         return self.watch("setting", "set", key, kind, value)
 
-    def serve(self):
-        """Starts the phone and waits for its link."""
+    def serve(self, counts=False):
+        """Starts the phone and waits for its link. counts: it says that there are no more accounts than it has told of."""
         out = open(self.dir / f"serve-{len(self.running)}.jsonl", "w+")
         process = subprocess.Popen(["brisel-phone", "serve"], env=self.env, stdout=out, stderr=subprocess.DEVNULL)
         self.running.append((process, out))
         self.wait(lambda: self.linked(), "the phone's link")
+        if counts:
+            self.phone("account", "count", "known")
         return process
 
     def linked(self):
