@@ -81,10 +81,8 @@ Evas_Event_Flags __brisel_detail_gesture_double_tab_end_cb(void *data, void *eve
   brisel_detail_view *view_data = (brisel_detail_view *)data;
   if (!__brisel_detail_is_gesture_valid(view_data, event_info)) return EVAS_EVENT_FLAG_NONE;
   if (__brisel_detail_touch.is_multi) return EVAS_EVENT_FLAG_NONE; /* two fingers tap nothing */
-  /* Its first tap has opened a subject or a sender that it met, its second may meet one that has grown. */
-  page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE];
-  if (page->tapped) *page->tapped = !*page->tapped;
-  page->tapped = nullptr;
+  /* Its first tap has opened what it met, its second may meet what has grown. */
+  __brisel_detail_take_tap_back(view_data->page_data[BRISEL_DETAIL_CUR_PAGE]);
   view_data->stroke.is_double = 1;
   int size = view_data->font_size;
   BRISEL_INFO("tapinfo->n : %d, view_data->font_size : %d", (int)((const Elm_Gesture_Taps_Info *)event_info)->n, size);

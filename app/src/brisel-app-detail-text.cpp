@@ -388,6 +388,7 @@ void __brisel_detail_tapped(brisel_detail_view *view_data, int x, int y) {
   __brisel_detail_finish_rest(view_data, page); /* what is opened may end in it */
   if (!page->text || !page->detail_layout || !page->scroller) return;
   page->tapped = nullptr;
+  page->has_opened = 0;
   const Eina_Rectangle sender = __brisel_detail_cut_sender(page);
   if (eina_rectangle_coords_inside(&sender, x, y)) return __brisel_detail_sender_tapped(page);
   if (!__brisel_detail_is_inside(page->scroller, x, y)) return;
@@ -402,9 +403,17 @@ void __brisel_detail_tapped(brisel_detail_view *view_data, int x, int y) {
   const detail_piece *piece = brisel_detail_piece_at(page->text->shown, at);
   if (!piece || !piece->is_fold) return;
   page->text->opened.push_back(piece->source);
+  page->has_opened = 1;
   if (page->rest != DETAIL_REST_NONE) return __brisel_detail_set_body(page); /* the rest could not be read */
   __brisel_detail_fold_body(page);
   __brisel_detail_show_body(page);
+}
+
+void __brisel_detail_take_tap_back(page_data *page) {
+  if (page->tapped) *page->tapped = !*page->tapped;
+  if (page->has_opened && page->text && !page->text->opened.empty()) page->text->opened.pop_back();
+  page->tapped = nullptr;
+  page->has_opened = 0;
 }
 
 std::vector<Eina_Rectangle> __brisel_detail_tap_places(const page_data *page) {

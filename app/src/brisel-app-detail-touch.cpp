@@ -117,7 +117,12 @@ static void __brisel_detail_lifted(brisel_detail_view *view_data) {
   int up = stroke->start.y - stroke->end.y, left = stroke->start.x - stroke->end.x;
   if (!__brisel_detail_touch.is_multi && up >= 2 * elm_config_finger_size_get() && up > abs(left))
     __brisel_detail_pull(view_data);
-  if (__brisel_detail_is_tap(view_data)) __brisel_detail_tapped(view_data, stroke->end.x, stroke->end.y);
+  if (__brisel_detail_is_tap(view_data))
+    __brisel_detail_tapped(view_data, stroke->end.x, stroke->end.y);
+  else if (page_data *page = view_data->page_data[BRISEL_DETAIL_CUR_PAGE]) {
+    page->tapped = nullptr; /* a double tap after this touch takes back nothing older */
+    page->has_opened = 0;
+  }
   if (target != __brisel_detail_place_on_screen(view_data) || view_data->aimed_id != view_data->mail_id) {
     __brisel_detail_aim_at(view_data, target);
     __brisel_detail_settle_soon(view_data);

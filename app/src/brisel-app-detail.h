@@ -44,6 +44,7 @@ struct page_data {
   unsigned char is_subject_whole; /* it was touched: shown in all its lines */
   unsigned char is_sender_whole;  /* the title that cuts it was touched: shown above the subject */
   unsigned char *tapped;          /* which of these two the tap before has turned; a double tap takes that back */
+  unsigned char has_opened;       /* the tap before has opened a folded line: the same */
   unsigned char has_mail;         /* until then mail_data has nothing but the id */
   unsigned char is_built;         /* until then what is not there yet is NULL */
   int wanted;                     /* so many bytes of its body as it is built of, while there are more */
@@ -207,6 +208,8 @@ bool __brisel_detail_is_beginning_enough(const page_data *page);
 void __brisel_detail_free_text(page_data *page);
 /* A finger tapped at that place of the canvas: a long subject or sender opens and closes, a folded line opens. */
 void __brisel_detail_tapped(brisel_detail_view *view_data, int x, int y);
+/* What the last tap did, until the texts are set anew: it was the first of a double tap. */
+void __brisel_detail_take_tap_back(page_data *page);
 /* What is on screen of where a tap means something, of the canvas, from the top. */
 std::vector<Eina_Rectangle> __brisel_detail_tap_places(const page_data *page);
 /* Remembers where the page stands, for when its mail is opened again; and goes there. */

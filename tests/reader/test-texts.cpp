@@ -467,13 +467,18 @@ TEST_F(Texts, AFoldOpensAtATap) {
   const std::string fold = "\xE2\x80\xA6 3 quoted lines";
   const auto shown = [] { return std::string(brisel_detail_body_get(current_page()->detail_layout, nullptr)); };
   EXPECT_EQ(shown(), fold + "\nand\n" + fold);
-  const auto tap_low_on = [](int line) {
+  const auto tap_low_on = [](int line, bool is_double = false) {
     int x = 0, y = 0, height = 0;
     Evas_Object *edje = elm_layout_edje_get(current_page()->detail_layout);
     evas_object_geometry_get((Evas_Object *)edje_object_part_object_get(edje, "detail.body"), &x, &y, nullptr, &height);
-    tap({x + 20, y + height / 3 * line + height / 4});
+    const point at = {x + 20, y + height / 3 * line + height / 4};
+    is_double ? double_tap_at(at) : tap(at);
     rest_reader();
   };
+  tap_low_on(0, true);
+  EXPECT_EQ(reader()->font_size, 2);
+  EXPECT_EQ(shown(), fold + "\nand\n" + fold) << "a double tap is for the size";
+  __brisel_detail_update_font_size(reader(), 1);
   tap_low_on(1);
   EXPECT_EQ(shown(), fold + "\nand\n" + fold) << "a line below the finger opened";
   tap_low_on(0);
