@@ -99,18 +99,59 @@ static void _update_texts(Evas_Object *gl) {
   if (first && elm_genlist_item_type_get(first) & ELM_GENLIST_ITEM_GROUP) _update_header(first);
 }
 
+/* The toolkit draws each row that gets another class, to measure it: those above what is in sight must have their
+   height at once, or all would move later; the others get it in steps, while the loop is idle. */
+constexpr int rows_fitted_at_once = 32;
+static Ecore_Idler *fit_idler;
+
+/* From the first row on: all through the record last (NULL: none), and rows_fitted_at_once of the others. Whether some
+   are left. */
+static bool _fit_rows(appdata *ad, const item_data *last) {
+  int changed = 0, others = last ? 0 : rows_fitted_at_once;
+  bool are_left = false;
+  for (GList *cell = ad->mail_list; cell; cell = cell->next) {
+    const item_data *item = (item_data *)cell->data;
+    Elm_Genlist_Item_Class *itc = item->it ? _class_of_row(ad, item) : nullptr;
+    if (itc && elm_genlist_item_item_class_get(item->it) != itc) {
+      if (!last && others-- == 0) {
+        are_left = true;
+        break;
+      }
+      elm_genlist_item_item_class_update(item->it, itc);
+      changed++;
+    }
+    if (item != last) continue;
+    last = nullptr;
+    others = rows_fitted_at_once;
+  }
+  if (changed > 0) brisel_view_close_holes(ad->mailbox_genlist);
+  return are_left;
+}
+
+static Eina_Bool _fit_idler_cb(void *data) {
+  if (_fit_rows((appdata *)data, nullptr)) return ECORE_CALLBACK_RENEW;
+  fit_idler = nullptr;
+  return ECORE_CALLBACK_CANCEL;
+}
+
+static void _stop_fitting() {
+  if (fit_idler) ecore_idler_del(fit_idler);
+  fit_idler = nullptr;
+}
+
+static const item_data *_last_drawn(const Evas_Object *gl) {
+  Eina_List *drawn = elm_genlist_realized_items_get(gl);
+  Elm_Object_Item *row = (Elm_Object_Item *)eina_list_last_data_get(drawn);
+  eina_list_free(drawn);
+  const item_data *item = row ? (item_data *)elm_object_item_data_get(row) : nullptr;
+  return item && item->type == ROW_MAIL ? item : nullptr;
+}
+
 void brisel_fit_mailbox_rows(appdata *ad) {
   brisel_util_set_time_room((_row_width(ad) - texts_beside) / time_letter - whole_date);
   if (!ad->mailbox_genlist) return;
-  bool is_other = false;
-  for (GList *cell = ad->mail_list; cell; cell = cell->next) {
-    item_data *item = (item_data *)cell->data;
-    Elm_Genlist_Item_Class *itc = item->it ? _class_of_row(ad, item) : nullptr;
-    if (!itc || elm_genlist_item_item_class_get(item->it) == itc) continue;
-    elm_genlist_item_item_class_update(item->it, itc);
-    is_other = true;
-  }
-  if (is_other) brisel_view_close_holes(ad->mailbox_genlist);
+  _stop_fitting();
+  if (_fit_rows(ad, _last_drawn(ad->mailbox_genlist))) fit_idler = ecore_idler_add(_fit_idler_cb, ad);
 }
 
 void brisel_update_mailbox_texts(appdata *ad) {
@@ -135,6 +176,7 @@ static void _subjects_setting_cb(keynode_t *node, void *data) {
 
 static void _list_deleted_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
   vconf_ignore_key_changed(BRISEL_KEY_LIST_SUBJECT, _subjects_setting_cb);
+  _stop_fitting();
 }
 
 void _follow_row_settings(appdata *ad) {

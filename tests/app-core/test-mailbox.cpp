@@ -449,10 +449,14 @@ TEST_F(mailbox, NoHoleIsLeftByMailsThatGo) {
 }
 
 TEST_F(mailbox, NoHoleIsLeftByRowsThatGetLower) {
-  fill(1, 6);
+  fill(1, 120);
   for (const int clock : {1, 2}) { /* of 12 hours is too long for a subject beside it */
+    const Elm_Genlist_Item_Class *wanted = clock == 1 ? test_ad.itc_mail_below : test_ad.itc_mail;
+    const auto last_has_it = [&] { return elm_genlist_item_item_class_get(item_of_mail(ids.back())) == wanted; };
     vconf_set_int(BRISEL_KEY_TIME_FORMAT, clock);
     EXPECT_TRUE(run_until([&] { return test_ad.time_format == clock; }));
+    EXPECT_FALSE(last_has_it()) << "nobody waits for those far out of sight";
+    EXPECT_TRUE(run_until(last_has_it));
     rest();
     EXPECT_THAT(steps_of_rows(), testing::Each(clock == 1 ? 104 : 78));
   }
