@@ -14,12 +14,23 @@
 #include "brisel-scoped.h"
 #include "efl_assist.h"
 
+/* A popup that is shown asks for the focus. The toolkit goes on waiting to give it to what never takes any or has gone
+   before, and tells of a fault then. */
+static void _waiting_for_focus_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
+  static constexpr char waits_for_focus[] = "__delayed_focus_set";
+  Evas_Object *window = elm_object_top_widget_get(obj);
+  Evas_Object *at = (Evas_Object *)efl_key_data_get(window, waits_for_focus);
+  while (at && at != obj) at = elm_object_parent_widget_get(at);
+  if (at) efl_key_data_set(window, waits_for_focus, nullptr);
+}
+
 static Evas_Object *_popup_add(Evas_Object *parent) {
   Evas_Object *popup = elm_popup_add(parent);
   if (!popup) return nullptr;
   brisel_stage_set_style(popup, nullptr);
   evas_object_size_hint_weight_set(popup, EVAS_HINT_EXPAND, EVAS_HINT_EXPAND);
   brisel_touch_guard(popup);
+  evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _waiting_for_focus_gone_cb, nullptr);
   return popup;
 }
 
@@ -445,16 +456,6 @@ static void _process_signals(Evas_Object *obj) {
     _process_signals((Evas_Object *)member);
 }
 
-/* A popup that is shown asks for the focus. The toolkit goes on waiting to give it to what never takes any, and tells
-   of a fault when that has gone. */
-static void _toast_gone_cb(void *data, Evas *e, Evas_Object *obj, void *event_info) {
-  static constexpr char waits_for_focus[] = "__delayed_focus_set";
-  Evas_Object *window = elm_object_top_widget_get(obj);
-  Evas_Object *at = (Evas_Object *)efl_key_data_get(window, waits_for_focus);
-  while (at && at != obj) at = elm_object_parent_widget_get(at);
-  if (at) efl_key_data_set(window, waits_for_focus, nullptr);
-}
-
 void brisel_create_toast_popup(appdata *ad, const char *text) {
   BRISEL_INFO("Enter");
   if (!ad) {
@@ -470,7 +471,6 @@ void brisel_create_toast_popup(appdata *ad, const char *text) {
   /* It goes by itself: keys stay with what they were at. */
   elm_object_focus_allow_set(popup, EINA_FALSE);
   elm_object_tree_focus_allow_set(popup, EINA_FALSE);
-  evas_object_event_callback_add(popup, EVAS_CALLBACK_DEL, _toast_gone_cb, nullptr);
   /* Away from the finger, and so from the button that it is about. */
   elm_popup_orient_set(popup, brisel_touch_was_low() ? ELM_POPUP_ORIENT_TOP : ELM_POPUP_ORIENT_BOTTOM);
   ea_object_event_callback_add(popup, EA_CALLBACK_BACK, __toast_back_cb, nullptr);

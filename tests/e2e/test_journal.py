@@ -160,6 +160,7 @@ def test_what_the_store_cannot_take_is_said_and_offered_again(s):
     store.execute("INSERT INTO journal (id, uid, kind, state, mail_id, person, reason, created, changed)"
                   " VALUES (99, '', 1, 3, 1, 'Nobody', 'no-address', unixepoch(), unixepoch())")
     s.wait(lambda: len(s.titles()) == 1, "the mailbox")
+    equal([line for line in s.complaints() if "is not a valid object" in line], [], "the focus that waited for the popup")
     open_screen(s)
     press(s, "Nobody", part=True)
     s.wait_text(s.text("IDS_EMAIL_SK_DROP"))
