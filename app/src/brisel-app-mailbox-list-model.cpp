@@ -323,12 +323,23 @@ static int _read_rows(appdata *ad, const brisel_mail_place *after, int most) {
   return result;
 }
 
+/* The list goes on with what it has. That it lacks some is said, unless nothing at all can be read: the launch tells
+   that, and offers to try again. */
+static void _tell_unreadable(appdata *ad) {
+  int valid = 0;
+  if (brisel_db_is_valid_target_account_count(&valid) != 0) return;
+  brisel_create_toast_popup(ad, brisel_util_get_text("IDS_EMAIL_POP_THE_EMAILS_ON_THE_ZOLT_CANNOT_BE_READ"));
+}
+
 /* The next mails, and with the last of them their true number: some came or went since they were counted. */
 static void _read_more(appdata *ad, int most, int (*read)(appdata *, const brisel_mail_place *, int)) {
   if (!places_wait) return;
   const brisel_mail_place after = last_place;
   const int result = read(ad, &after, most);
-  if (result != 0) BRISEL_WARN("more of the list cannot be read! err:[%d]", result);
+  if (result != 0) {
+    BRISEL_WARN("more of the list cannot be read! err:[%d]", result);
+    _tell_unreadable(ad);
+  }
   Elm_Object_Item *group_item = _group_item(ad);
   group_item_data *group = group_item ? (group_item_data *)elm_object_item_data_get(group_item) : nullptr;
   const int count = places_wait ? 0 : (int)g_list_length(ad->mail_list);
@@ -491,7 +502,10 @@ void _refresh_mailbox_list(appdata *ad) {
   /* The list without what nobody sees yet; a failure is told as that of the list. */
   int result = _read_rows(ad, nullptr, rows_at_first), mail_cnt = (int)g_list_length(ad->mail_list);
   if (result == 0 && places_wait) result = brisel_db_get_full_noti_data_count_by_account_id(places_account, &mail_cnt);
-  if (result != 0) BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", result);
+  if (result != 0) {
+    BRISEL_INFO("brisel_db_get_full_noti_data_list_by_account_id() failed! err:[%d]", result);
+    _tell_unreadable(ad);
+  }
   BRISEL_INFO("mail_cnt = %d", mail_cnt);
 
   Elm_Object_Item *group_item = elm_genlist_first_item_get(gl);

@@ -4,6 +4,7 @@ import itertools
 import os
 import signal
 import socket
+import sqlite3
 import subprocess
 
 from brisel_test import equal, kill_owner, mail, main, options, owner
@@ -295,6 +296,17 @@ def test_unreadable_launch_data_opens_no_mail(s):
     s.wait_text(SENDER)
     equal(len(s.dump()["views"]), 1, "views")
     assert "brisel_db_get_full_noti_data_by_mail_id() failed! err:[" in s.log()
+
+
+def test_mails_that_cannot_be_read_are_told_of_where_the_accounts_can(s):
+    s.serve()
+    arrange(s, 1, True)
+    store = sqlite3.connect(s.dir / "data" / "brisel" / "store.db", timeout=30)
+    store.execute("ALTER TABLE mail RENAME TO lost")
+    store.close()
+    s.launch()
+    s.wait_text(s.text("IDS_EMAIL_POP_THE_EMAILS_ON_THE_ZOLT_CANNOT_BE_READ"))
+    assert not s.shows(s.text("IDS_EMAIL_SK_TRY_AGAIN")), "as if nothing could be"
 
 
 if __name__ == "__main__":
