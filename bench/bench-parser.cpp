@@ -102,8 +102,10 @@ int main(int argc, char **argv) {
     });
   }
   figure("a message read in a process of its own", "us", child.wall, alone.wall, "read in the same process");
-  figure("the same, processor", "us", child.processor, alone.processor, "read in the same process");
+  figure("a message read in a process of its own, processor", "us", child.processor, alone.processor,
+         "read in the same process");
   figure("a message read there, handed over ahead", "us", ahead.wall, alone.wall, "read in the same process");
-  figure("the same, processor, handed over ahead", "us", ahead.processor, alone.processor, "read in the same process");
+  figure("a message read there, handed over ahead, processor", "us", ahead.processor, alone.processor,
+         "read in the same process");
   return here > 0 && here == there && here == handed ? 0 : 1;
 }

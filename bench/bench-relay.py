@@ -171,4 +171,4 @@ emit(f"first relay of {COUNT} mails", "s", own[0], [one[0] for one in alone], "t
 emit(f"first relay of {COUNT} mails, processor", "s", own[1], [one[1] for one in alone], "the mail library alone")
 emit("relayed, mail read in a process of its own", "mails/s", [COUNT / s for s in own[0]], [COUNT / s for s in one[0]],
      "read by the relay", better="more")
-emit("the same, processor", "s", own[1], one[1], "read by the relay")
+emit("first relay, mail read in a process of its own, processor", "s", own[1], one[1], "read by the relay")
