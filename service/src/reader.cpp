@@ -133,9 +133,14 @@ int open_store(void) {
   sql_db &db = reader.db;
   int64_t version = 0, application = 0, tables = 0;
   int status = 0;
-  /* The tables before the version, which comes in one transaction with the first of them. */
-  if (db.open(path, sql_access::read, busy_ms) || db.number("SELECT count(*) FROM sqlite_schema", &tables) ||
-      db.number("PRAGMA user_version", &version) || db.number("PRAGMA application_id", &application) ||
+  const auto read_version = [&] {
+    return db.number("PRAGMA user_version", &version) || db.number("PRAGMA application_id", &application);
+  };
+  if (db.open(path, sql_access::read, busy_ms) || read_version() ||
+      /* Nothing yet, or somebody else's: the tables before the version, which comes in one transaction with the first
+         of them. */
+      (version == 0 && application == 0 &&
+       (db.number("SELECT count(*) FROM sqlite_schema", &tables) || read_version())) ||
       /* KiB. Every read here goes over its rows once: a larger cache would only be held. */
       db.run("PRAGMA cache_size = -256")) {
     status = tell_trouble();
