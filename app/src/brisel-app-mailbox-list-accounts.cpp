@@ -126,11 +126,13 @@ static char *_gl_popup_text_get(void *data, Evas_Object *obj, const char *part) 
     BRISEL_WARN("data is NULL");
     return nullptr;
   }
-  const bool is_second = !strcmp(part, "elm.text.2");
-  if (!is_second && strcmp(part, "elm.text.1") != 0 && strcmp(part, "elm.text") != 0) return nullptr;
-  if (row->account_id == 0) return strdup(brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"));
-  /* A name is shown as the text it is, like the address below it. */
-  return brisel_util_text_to_markup(is_second ? row->address : row->name);
+  if (!strcmp(part, "elm.text.1") || !strcmp(part, "elm.text")) {
+    if (row->account_id == 0) return strdup(brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"));
+    /* A name is shown as the text it is, like the address below it. */
+    return brisel_util_text_to_markup(row->name);
+  }
+  if (!strcmp(part, "elm.text.2")) return brisel_util_text_to_markup(row->address);
+  return nullptr;
 }
 
 /* --- rows as high as their texts --- */
@@ -253,6 +255,13 @@ static bool _popup_row_is_ticked(Elm_Object_Item *it) {
 }
 
 static void _popup_language_cb(void *data, Evas_Object *obj, void *event_info) {
+  /* What stands for the address of all accounts is a text of the language, too. */
+  Elm_Object_Item *first = elm_genlist_first_item_get(obj);
+  popup_item_data *row = first ? (popup_item_data *)elm_object_item_data_get(first) : nullptr;
+  if (row && row->account_id == 0) {
+    free(row->address);
+    row->address = strdup(brisel_util_get_text("IDS_EMAIL_BODY_COMBINED_VIEW_ABB"));
+  }
   brisel_view_name_rows(obj);
 }
 

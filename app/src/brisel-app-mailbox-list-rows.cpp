@@ -195,7 +195,6 @@ static char *_gl_text_get(void *data, Evas_Object *obj, const char *part) {
     BRISEL_WARN("data is NULL");
     return nullptr;
   }
-  if (!strcmp(part, "elm.text.1")) _name_row(item);
   if (!strcmp(part, "elm.text.1")) return brisel_util_text_to_markup(item->sender);
   if (!strcmp(part, "elm.text.2")) return brisel_util_get_mailbox_date_time_str(item->received_time, item->ad);
   if (!strcmp(part, "elm.text.subject")) return _subject_text(item);
